@@ -1,0 +1,20 @@
+# Every library that the daemon stands on, each as one imported target.
+find_package(Threads REQUIRED)
+find_package(OpenSSL REQUIRED)
+find_package(CURL REQUIRED)
+find_package(LibLZMA REQUIRED)
+find_package(Poco REQUIRED COMPONENTS Foundation Util Crypto Net NetSSL)
+
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(AUDIT REQUIRED IMPORTED_TARGET audit)
+pkg_check_modules(AUPARSE REQUIRED IMPORTED_TARGET auparse)
+pkg_check_modules(MAGIC REQUIRED IMPORTED_TARGET libmagic)
+
+find_path(RAPIDJSON_INCLUDE_DIR rapidjson/document.h REQUIRED)
+
+if(OSTREL_TESTS)
+  find_package(GTest REQUIRED)
+endif()
+if(OSTREL_BENCH)
+  find_package(benchmark REQUIRED)
+endif()

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "common/src/util/KeyStore.h"
+
+namespace zagent::common {
+
+enum class HmacVersion { HmacV1 = 0, HmacV2 = 1, HmacV3 = 2 };
+
+// "V1", "HmacV1" and so on. Throws std::invalid_argument "Invalid HmacVersion: <text>".
+HmacVersion ParseHmacVersion(const std::string& text);
+std::string ToString(HmacVersion version);
+
+// How requests are signed: the version and the keys of this agent. Read-only once made, shared by all uploaders.
+class HmacConfig {
+ public:
+  // Derives the keys of the agent (see docs/PROTOCOL.md, "Keys"): secret of version n = lower-case hex of
+  // HMAC-SHA-256(constant, "<name>;<customer>;<agent>;<activation>"), key id = the agent id.
+  // Throws std::invalid_argument "Invalid customer id, agent id or activation id" when one is empty.
+  HmacConfig(const std::string& customer_id, const std::string& agent_id, const std::string& activation_id,
+             bool fedramp, HmacVersion version);
+
+  [[nodiscard]] HmacVersion GetVersion() const { return version_; }
+  [[nodiscard]] bool IsFedramp() const { return fedramp_; }
+  [[nodiscard]] const util::KeyStore& GetKeyStore() const { return *keys_; }
+
+ private:
+  std::unique_ptr<util::KeyStore> keys_;
+  bool fedramp_;
+  HmacVersion version_;
+};
+
+}  // namespace zagent::common

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "common/src/http/HmacConfig.h"
+#include "common/src/http/Uploader.h"
+
+namespace zagent::common {
+
+class HttpRequest;
+class HttpService;
+
+// The names of the protocol headers and how each is filled stand in one table in HttpUploader.cpp.
+class HttpUploader final : public Uploader {
+ public:
+  struct Settings {
+    std::string url;
+    std::string customer_id;           // Z-CUSTID
+    std::string agent_id;              // Z-CLNTID
+    std::string agent_version;         // Z-AGENTVER
+    std::uint64_t connection_timeout;  // seconds, for each attempt
+    std::uint64_t request_timeout;     // seconds, for each attempt
+  };
+
+  HttpUploader(HttpService& service, std::shared_ptr<const HmacConfig> hmac, Settings settings);
+  ~HttpUploader() override;
+
+  std::int32_t Upload(const std::string& content_type, const std::vector<unsigned char>& payload) override;
+  void Cancel() override;
+  [[nodiscard]] std::string GetTarget() const override;
+  void SetTarget(const std::string& url) override;
+  void SetIndexedHeader(unsigned index, const std::string& value) override;
+  [[nodiscard]] long LastHttpStatus() const override;
+  [[nodiscard]] std::string LastCorrelationId() const override;
+
+ private:
+  HttpService& service_;
+  std::shared_ptr<const HmacConfig> hmac_;
+  mutable std::mutex mutex_;
+  Settings settings_;
+  std::map<unsigned, std::string> indexed_headers_;
+  std::shared_ptr<HttpRequest> in_flight_;
+  long last_http_status_ = 0;
+  std::string last_correlation_id_;
+};
+
+}  // namespace zagent::common

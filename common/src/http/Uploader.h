@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace zagent::common {
+
+// What the upload schedules see: one call that sends one spool file's bytes to the platform.
+class Uploader {
+ public:
+  static constexpr std::int32_t kSuccess = 0;
+
+  Uploader() = default;
+  Uploader(const Uploader&) = delete;
+  Uploader& operator=(const Uploader&) = delete;
+  virtual ~Uploader() = default;
+
+  // Blocks until the final response, retries included. Never throws: 0 is success, 1000xx a failure (the table is
+  // in docs/PROTOCOL.md), each failure logged once.
+  virtual std::int32_t Upload(const std::string& content_type, const std::vector<unsigned char>& payload) = 0;
+  // Ends an upload in flight from another thread. A later Upload is not affected.
+  virtual void Cancel() = 0;
+
+  // Where the next upload goes.
+  [[nodiscard]] virtual std::string GetTarget() const = 0;
+  virtual void SetTarget(const std::string& url) = 0;
+  // Replaces the value of an indexed header of the header table (0 Z-PROTOVER, 1 Z-PROTOTYPE).
+  virtual void SetIndexedHeader(unsigned index, const std::string& value) = 0;
+
+  // Of the last finished upload: HTTP status code (0: no answer) and the upload's UUID (header Z-REQID).
+  [[nodiscard]] virtual long LastHttpStatus() const = 0;
+  [[nodiscard]] virtual std::string LastCorrelationId() const = 0;
+};
+
+}  // namespace zagent::common

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "common/src/storage/DataFormatter.h"
+#include "common/src/storage/Storage.h"
+#include "common/src/tasks/Scheduler.h"
+#include "common/src/util/Clock.h"
+
+namespace zagent::common {
+
+// The durable queue between event producers and the uploader: items gather in a DataFormatter and become numbered
+// files "<path>/<prefix>.<0001..9999>"; the uploader reads the oldest, sends it and deletes it.
+//
+// Bounds: file count, bytes of one file, age of the cache, bytes on disk (the oldest files go first), and bytes that
+// wait in the task queue (at most the disk limit; beyond it WriteAsync answers with a failure at once).
+// All state is rebuilt from the directory, so a spool survives restarts and kills.
+//
+// All work runs on one schedule thread. Asynchronous operations may be called from any thread; callbacks run on the
+// schedule's thread, or on the caller's when the operation is refused at once. A synchronous operation waits for its
+// task and throws StorageException when it is called from the schedule's own thread.
+class SpoolStorage final : public Storage {
+ public:
+  struct Limits {
+    std::uint64_t max_disk_size_mib = 0;     // 0: 10 MiB
+    std::uint64_t max_file_age_seconds = 0;  // 0: 600 s
+    std::uint64_t max_file_size_kib = 0;     // 0: 100 KiB; clamped to half of the disk size with a warning
+  };
+  static constexpr std::uint64_t kMaxFileCount = 10'000;
+
+  // `path` must be an existing directory. Throws StorageException with a text of its own for each bad argument.
+  SpoolStorage(Scheduler& scheduler, const std::string& path, const std::string& prefix,
+               std::unique_ptr<DataFormatter> formatter, const Limits& limits,
+               std::uint64_t max_file_count = kMaxFileCount, util::Clock& clock = util::Clock::Real());
+  // Unregisters the schedule, runs the tasks that never started, flushes the cache: an orderly stop loses nothing.
+  ~SpoolStorage() override;
+
+  [[nodiscard]] bool HasFreeSpace() const override;
+  void ClearAsync(DoneCallback callback) override;
+  bool Delete(std::unique_ptr<StorageResult> previous) override;
+  void DeleteAsync(std::unique_ptr<StorageResult> previous, DoneCallback callback) override;
+  // The oldest file; an empty spool gives NotFound.
+  std::unique_ptr<StorageResult> Read() override;
+  void ReadAsync(ResultCallback callback) override;
+  // Data above the largest file size throws StorageException.
+  std::unique_ptr<StorageResult> Write(Bytes data) override;
+  std::unique_ptr<StorageResult> Append(Bytes data, std::unique_ptr<StorageResult> previous) override;
+  void WriteAsync(Bytes data, ResultCallback callback) override;
+
+  // New limits, applied as a task; a value of 0 is ignored with a warning.
+  void Update(const Limits& limits);
+
+  // Largest item that Write takes, in bytes.
+  [[nodiscard]] std::uint64_t GetMaxFileSize() const;
+
+ private:
+  class Worker;
+  std::shared_ptr<Worker> worker_;
+  Scheduler& scheduler_;
+};
+
+}  // namespace zagent::common

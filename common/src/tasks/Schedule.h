@@ -1,0 +1,49 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+
+#include "common/src/tasks/AsyncTask.h"
+
+namespace zagent::common {
+
+// A task that knows when it next wants to run. Concrete schedules end their Execute with Schedule::Execute(), which
+// wakes the Scheduler; the base wakes it a second time when the run is idle, so that a RunNow() in between is seen.
+class Schedule : public AsyncTask {
+ public:
+  ~Schedule() override;
+
+  void Start() override;
+
+  // When the schedule next wants to run: nanoseconds since the epoch on the system clock. Called on the Scheduler's
+  // thread with the Scheduler's lock held: it returns at once and calls no Scheduler operation.
+  [[nodiscard]] virtual std::int64_t NextRunTime() = 0;
+
+  // Called by the Scheduler without its lock.
+  virtual void OnRegistered() {}
+  virtual void OnUnregistered() {}
+
+  // True when a run should start now: forced or past its time, and no run under way.
+  [[nodiscard]] bool IsDue(std::int64_t now);
+
+  // Makes the next check treat the schedule as due, whatever its time says. From any thread, and from Execute too.
+  void RunNow();
+
+  // `callback` wakes the Scheduler. It is called without any lock of the schedule.
+  void SetOnFinished(std::function<void()> callback);
+  void ClearOnFinished();
+
+ protected:
+  void Execute() override;
+  void OnIdle() final;
+  void FireOnFinished();
+
+ private:
+  std::atomic<bool> forced_{false};
+  std::mutex callback_mutex_;
+  std::function<void()> on_finished_;
+};
+
+}  // namespace zagent::common

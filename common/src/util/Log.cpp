@@ -1,0 +1,142 @@
+#include "common/src/util/Log.h"
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Exception.h>
+#include <Poco/FormattingChannel.h>
+#include <Poco/Path.h>
+#include <Poco/Util/LoggingConfigurator.h>
+#include <Poco/Util/PropertyFileConfiguration.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <stdexcept>
+#include <vector>
+
+namespace zagent {
+
+const std::string& LogPrefix() {
+  thread_local const std::string prefix = "[" + std::to_string(gettid()) + "]: ";
+  return prefix;
+}
+
+namespace common::util {
+namespace {
+
+struct State {
+  std::string name = "edr";
+  bool initialized = false;
+  Poco::Util::LoggingConfigurator configurator;
+};
+
+State& TheState() {
+  // Never destroyed: threads that outlive main's statics may still log.
+  static State* const state = new State;  // NOLINT(cppcoreguidelines-owning-memory)
+  return *state;
+}
+
+void CreateFolders(const std::string& file) {
+  const Poco::Path folder = Poco::Path(file).makeAbsolute().parent();
+  Poco::Path growing("/");
+  for (int i = 0; i < folder.depth(); ++i) {
+    growing.pushDirectory(folder[i]);
+    if (mkdir(growing.toString().c_str(), 0700) != 0 && errno != EEXIST) {
+      throw Poco::CreateFileException(growing.toString());
+    }
+  }
+}
+
+void CreateFolderOf(Poco::Channel::Ptr channel) {
+  while (auto* formatting = dynamic_cast<Poco::FormattingChannel*>(channel.get())) {
+    channel = formatting->getChannel();
+  }
+  if (!channel) throw Poco::NullPointerException("logger without a channel");
+  try {
+    const std::string file = channel->getProperty("path");
+    if (!file.empty()) CreateFolders(file);
+  } catch (const Poco::PropertyNotSupportedException&) {
+    // This channel does not write to a file.
+  }
+}
+
+std::vector<std::string> LoggerNames() {
+  std::vector<std::string> names;
+  Poco::Logger::names(names);
+  return names;
+}
+
+Poco::Logger& EventLogger() {
+  return Poco::Logger::get("edr_events");
+}
+
+}  // namespace
+
+void Log::Init(const std::string& name, const std::string& config_file) {
+  State& state = TheState();
+  if (state.initialized) throw std::runtime_error("Logger is already initialized");
+  const Poco::AutoPtr<Poco::Util::PropertyFileConfiguration> config(
+      new Poco::Util::PropertyFileConfiguration(config_file));
+  state.configurator.configure(config);
+  for (const std::string& logger : LoggerNames()) CreateFolderOf(Poco::Logger::get(logger).getChannel());
+  state.name = name;
+  state.initialized = true;
+}
+
+void Log::Reload(const std::string& config_file) {
+  const Poco::AutoPtr<Poco::Util::PropertyFileConfiguration> config(
+      new Poco::Util::PropertyFileConfiguration(config_file));
+  const std::vector<std::string> names = LoggerNames();
+  for (unsigned index = 0;; ++index) {
+    const std::string key = "logging.loggers.l" + std::to_string(index);
+    if (!config->has(key + ".level") || !config->has(key + ".name")) return;
+    const std::string level = config->getString(key + ".level");
+    const std::string name = config->getString(key + ".name");
+    if (std::find(names.begin(), names.end(), name) == names.end()) {
+      ZLOG_INFO("Ignoring unknown logger " << name);
+      continue;
+    }
+    ZLOG_INFO("Updating log level to " << level);
+    Poco::Logger::get(name).setLevel(level);
+  }
+}
+
+Poco::Logger& Log::Get() {
+  return Poco::Logger::get(TheState().name);
+}
+
+bool Log::IsEventTraceEnabled() {
+  // Before Init only "edr" may exist: a logger created too early keeps the default channel for ever.
+  return TheState().initialized && EventLogger().is(Poco::Message::PRIO_TRACE);
+}
+
+void Log::WriteEventTrace(const std::string& text) {
+  try {
+    EventLogger().trace(text);
+  } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
+  }
+}
+
+bool Log::IsEnabled(Poco::Message::Priority priority) {
+  return Get().is(priority);
+}
+
+void Log::Write(Poco::Message::Priority priority, const std::string& text) noexcept {
+  try {
+    Poco::Logger& logger = Get();
+    logger.log(Poco::Message(logger.name(), text, priority));
+  } catch (...) {  // NOLINT(bugprone-empty-catch)
+    // A log line that cannot be written is lost: the program goes on.
+  }
+}
+
+std::string Log::PriorityName(int priority) {
+  static constexpr std::array<const char*, 8> kNames = {"fatal",  "critical",    "error", "warning",
+                                                        "notice", "information", "debug", "trace"};
+  if (priority < 1 || priority > static_cast<int>(kNames.size())) return "";
+  return kNames[static_cast<std::size_t>(priority) - 1];
+}
+
+}  // namespace common::util
+}  // namespace zagent

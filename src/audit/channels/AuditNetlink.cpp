@@ -1,0 +1,51 @@
+#include "src/audit/channels/AuditNetlink.h"
+
+#include <libaudit.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace zagent::audit {
+namespace {
+
+int ToErrno(int result) {
+  if (result < -1) {
+    errno = -result;
+    return -1;
+  }
+  return result;
+}
+
+class KernelNetlink final : public AuditNetlink {
+ public:
+  int Open() override { return audit_open(); }
+  int Close(int fd) override { return close(fd); }
+  int SetEnabled(int fd, std::uint32_t enabled) override { return ToErrno(audit_set_enabled(fd, enabled)); }
+  int SetPid(int fd, std::uint32_t pid) override { return ToErrno(audit_set_pid(fd, pid, WAIT_YES)); }
+  int SetBacklogLimit(int fd, std::uint32_t limit) override { return ToErrno(audit_set_backlog_limit(fd, limit)); }
+  int RequestStatus(int fd) override { return ToErrno(audit_request_status(fd)); }
+  int RequestRulesList(int fd) override { return ToErrno(audit_request_rules_list_data(fd)); }
+  int AddRule(int fd, audit_rule_data* rule, int flags, int action) override {
+    return ToErrno(audit_add_rule_data(fd, rule, flags, action));
+  }
+  int DeleteRule(int fd, audit_rule_data* rule, int flags, int action) override {
+    return ToErrno(audit_delete_rule_data(fd, rule, flags, action));
+  }
+  int GetReply(int fd, audit_reply& reply) override {
+    return ToErrno(audit_get_reply(fd, &reply, GET_REPLY_NONBLOCKING, 0));
+  }
+  bool WaitReadable(int fd, std::chrono::milliseconds time) override {
+    pollfd waiting{fd, POLLIN, 0};
+    return poll(&waiting, 1, static_cast<int>(time.count())) > 0;
+  }
+};
+
+}  // namespace
+
+AuditNetlink& AuditNetlink::Kernel() {
+  static KernelNetlink kernel;
+  return kernel;
+}
+
+}  // namespace zagent::audit

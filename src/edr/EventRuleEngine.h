@@ -1,0 +1,65 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "src/edr/Event.h"
+#include "src/edr/EventRule.h"
+
+namespace zagent::edr {
+
+class RuleEngineException : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Stands between rule producers (FIM, IOC) and the event source. Producers register handlers and rules under a tag;
+// events enter through ProcessEvent and leave through the handlers of the tags whose rules match.
+//
+// AddRules, Invalidate and the registration may be called from any thread. ProcessEvent and OnIdle belong to the
+// event-processing thread, and handlers run on it: they return quickly and Clone what they keep.
+class EventRuleEngine {
+ public:
+  using RuleMatchedEventHandler = std::function<void(const std::vector<std::string>& rule_ids, const Event& event)>;
+  // The rule set was dropped: the owner adds its rules again. Called without any lock of the engine.
+  using InvalidatedEventHandler = std::function<void()>;
+  using Rules = std::vector<std::shared_ptr<const EventRule>>;
+
+  EventRuleEngine() = default;
+  EventRuleEngine(const EventRuleEngine&) = delete;
+  EventRuleEngine& operator=(const EventRuleEngine&) = delete;
+  virtual ~EventRuleEngine() = default;
+
+  // Replaces the rules of a tag; an empty set removes them. Throws std::runtime_error for an empty tag or a null
+  // rule, RuleEngineException when the kernel cannot be asked.
+  virtual void AddRules(const std::string& tag, Rules rules) = 0;
+  // Drops and re-installs everything, after the kernel's rules were lost.
+  virtual void Invalidate() = 0;
+  // A failure of one event never leaves this call, apart from the null pointer's std::runtime_error.
+  virtual void ProcessEvent(std::unique_ptr<Event> event) = 0;
+  // Housekeeping when no event has come for about a second.
+  virtual void OnIdle() = 0;
+
+  // Throw std::runtime_error "EventRuleEngine::RegisterEventHandlers: 'tag' is empty" and the like.
+  void RegisterEventHandlers(const std::string& tag, RuleMatchedEventHandler rule_matched,
+                             InvalidatedEventHandler invalidated);
+  // Waits until no handler of the tag is running, unless it is called from that handler itself.
+  void UnregisterEventHandlers(const std::string& tag);
+
+ protected:
+  // Calls the handler of the tag, if there is one, without the handlers' lock.
+  void CallRuleMatched(const std::string& tag, const std::vector<std::string>& rule_ids, const Event& event);
+  void CallInvalidatedOfAllTags();
+
+ private:
+  struct Handlers;
+  std::mutex handlers_mutex_;
+  std::map<std::string, std::shared_ptr<Handlers>> handlers_;
+};
+
+}  // namespace zagent::edr

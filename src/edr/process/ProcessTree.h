@@ -1,0 +1,107 @@
+#pragma once
+
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "common/src/util/Log.h"
+#include "src/edr/process/ProcessInfo.h"
+
+namespace zagent::common {
+
+class GenericProcessTreeException : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Live processes by id, with their parent links. Info is ProcessInfo or derives from it. One thread.
+template <typename Info>
+class GenericProcessTree {
+ public:
+  [[nodiscard]] bool Contains(std::int32_t pid) const { return processes_.count(pid) != 0; }
+  [[nodiscard]] std::size_t GetSize() const { return processes_.size(); }
+
+  // Throws GenericProcessTreeException "ProcessInfo for pid <pid> does not exist".
+  [[nodiscard]] Info& Get(std::int32_t pid) const;
+
+  // Replaces an entry of the same pid. A parent that is not in the tree becomes kNoParent.
+  void Add(std::unique_ptr<Info> info);
+
+  // Children move under process 1. An unknown pid is no error; a pid below 1 throws std::invalid_argument.
+  void Delete(std::int32_t pid);
+
+  // The process itself and everything above it, nearest first; empty when the pid is not in the tree. A pid below 1
+  // throws std::invalid_argument. A loop in the parent links ends the walk.
+  [[nodiscard]] std::vector<const Info*> GetAncestors(std::int32_t pid) const;
+
+ private:
+  std::unordered_map<std::int32_t, std::unique_ptr<Info>> processes_;
+};
+
+using ProcessTree = GenericProcessTree<ProcessInfo>;
+
+template <typename Info>
+Info& GenericProcessTree<Info>::Get(std::int32_t pid) const {
+  const auto found = processes_.find(pid);
+  if (found == processes_.end()) {
+    throw GenericProcessTreeException("ProcessInfo for pid " + std::to_string(pid) + " does not exist");
+  }
+  return *found->second;
+}
+
+template <typename Info>
+void GenericProcessTree<Info>::Add(std::unique_ptr<Info> info) {
+  const std::int32_t pid = info->GetPid();
+  if (Contains(pid)) Delete(pid);
+  const auto parent = processes_.find(info->GetParent());
+  if (parent != processes_.end()) {
+    parent->second->AddChild(pid);
+    ZLOG_TRACE("ProcessTree: Adding " << pid << " (" << (info->GetImage() ? info->GetImage()->GetPath() : "")
+                                      << ") as child of " << info->GetParent());
+  } else {
+    ZLOG_DEBUG("Failed to find parent process in tree for pid " << pid << ", updating parent as -1");
+    info->SetParent(ProcessInfo::kNoParent);
+  }
+  processes_[pid] = std::move(info);
+  ZLOG_TRACE("ProcessTree: Size " << processes_.size() << " (" << [this] {
+    std::ostringstream keys;
+    for (const auto& entry : processes_) keys << entry.first << " ";
+    return keys.str();
+  }() << ")");
+}
+
+template <typename Info>
+void GenericProcessTree<Info>::Delete(std::int32_t pid) {
+  if (pid < 1) throw std::invalid_argument("ProcessTree::Delete: 'pid' is invalid");
+  ZLOG_TRACE("ProcessTree: Deleting " << pid);
+  const auto entry = processes_.find(pid);
+  if (entry == processes_.end()) return;
+  const auto parent = processes_.find(entry->second->GetParent());
+  if (parent != processes_.end()) parent->second->RemoveChild(pid);
+  const auto init = processes_.find(1);
+  for (const std::int32_t child : entry->second->GetChildren()) {
+    const auto orphan = processes_.find(child);
+    if (orphan == processes_.end() || child == 1) continue;
+    orphan->second->SetParent(1);
+    if (init != processes_.end() && pid != 1) init->second->AddChild(child);
+  }
+  processes_.erase(entry);
+}
+
+template <typename Info>
+std::vector<const Info*> GenericProcessTree<Info>::GetAncestors(std::int32_t pid) const {
+  if (pid < 1) throw std::invalid_argument("ProcessTree::GetAncestors: 'pid' is invalid");
+  std::vector<const Info*> ancestors;
+  std::unordered_set<std::int32_t> visited;
+  for (auto found = processes_.find(pid); found != processes_.end() && visited.insert(found->first).second;
+       found = processes_.find(found->second->GetParent())) {
+    ancestors.push_back(found->second.get());
+  }
+  return ancestors;
+}
+
+}  // namespace zagent::common
