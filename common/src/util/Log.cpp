@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <stdexcept>
 #include <vector>
@@ -27,7 +28,9 @@ namespace {
 
 struct State {
   std::string name = "edr";
-  bool initialized = false;
+  std::atomic<bool> initialized{false};
+  // Loggers live until the process ends, so the look-up in Poco's locked registry is paid once.
+  std::atomic<Poco::Logger*> logger{nullptr};
   Poco::Util::LoggingConfigurator configurator;
 };
 
@@ -81,6 +84,7 @@ void Log::Init(const std::string& name, const std::string& config_file) {
   state.configurator.configure(config);
   for (const std::string& logger : LoggerNames()) CreateFolderOf(Poco::Logger::get(logger).getChannel());
   state.name = name;
+  state.logger = &Poco::Logger::get(name);
   state.initialized = true;
 }
 
