@@ -1,0 +1,143 @@
+#include "common/src/util/Log.h"
+
+#include <Poco/Exception.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/TempFolder.h"
+
+namespace zagent::fim {
+const std::string& LogPrefix() {
+  static const std::string prefix = "[FIM]: ";
+  return prefix;
+}
+void WriteLine() {
+  ZLOG_INFO("of a component");
+}
+}  // namespace zagent::fim
+
+namespace zagent::common::util {
+namespace {
+
+std::string Properties(const std::string& file, const std::string& level) {
+  return "logging.loggers.root.channel = out\n"
+         "logging.loggers.root.level = information\n"
+         "logging.loggers.l0.name = edr\n"
+         "logging.loggers.l0.level = " +
+         level +
+         "\n"
+         "logging.loggers.l1.name = edr_events\n"
+         "logging.loggers.l1.level = information\n"
+         "logging.channels.out.class = FileChannel\n"
+         "logging.channels.out.path = " +
+         file +
+         "\n"
+         "logging.channels.out.formatter = plain\n"
+         "logging.formatters.plain.class = PatternFormatter\n"
+         "logging.formatters.plain.pattern = %t\n";
+}
+
+// Each test is a process of its own, so each may run the one initialisation.
+class LogTest : public testing::Test {
+ protected:
+  fakes::TempFolder folder_;
+};
+
+TEST_F(LogTest, BeforeInitTheLoggerIsEdr) {
+  EXPECT_EQ(Log::Get().name(), "edr");
+}
+
+TEST_F(LogTest, CreatesAMissingLogFolderAtInitNotAtTheFirstWrite) {
+  const std::string config = folder_.Write("log.properties", Properties(folder_ / "a/b/edr.log", "debug"));
+  Log::Init("edr", config);
+  struct stat info {};
+  ASSERT_EQ(stat((folder_ / "a/b").c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777U, 0700U);
+  EXPECT_FALSE(std::filesystem::exists(folder_ / "a/b/edr.log"));
+  ZLOG_DEBUG("first line");
+  EXPECT_NE(folder_.Read("a/b/edr.log").find("first line"), std::string::npos);
+}
+
+TEST_F(LogTest, ASecondInitThrows) {
+  const std::string config = folder_.Write("log.properties", Properties(folder_ / "edr.log", "debug"));
+  Log::Init("edr", config);
+  try {
+    Log::Init("edr", config);
+    ADD_FAILURE();
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(error.what(), "Logger is already initialized");
+  }
+}
+
+TEST_F(LogTest, AMissingFileAndALoggerWithoutAChannelThrow) {
+  EXPECT_THROW(Log::Init("edr", folder_ / "none"), Poco::FileNotFoundException);
+  const std::string no_root = folder_.Write("log.properties", "logging.loggers.l0.name = edr\n");
+  EXPECT_THROW(Log::Init("edr", no_root), Poco::NullPointerException);
+}
+
+TEST_F(LogTest, ReloadAppliesNewLevelsAndPassesOverUnknownLoggers) {
+  const std::string config = folder_.Write("log.properties", Properties(folder_ / "edr.log", "information"));
+  Log::Init("edr", config);
+  EXPECT_FALSE(Log::IsEnabled(Poco::Message::PRIO_TRACE));
+  folder_.Write("log.properties",
+                "logging.loggers.l0.name = stranger\nlogging.loggers.l0.level = debug\n"
+                "logging.loggers.l1.name = edr\nlogging.loggers.l1.level = trace\n");
+  Log::Reload(config);
+  EXPECT_TRUE(Log::IsEnabled(Poco::Message::PRIO_TRACE));
+  const std::string log = folder_.Read("edr.log");
+  EXPECT_NE(log.find("Ignoring unknown logger stranger"), std::string::npos) << log;
+  EXPECT_NE(log.find("Updating log level to trace"), std::string::npos) << log;
+}
+
+TEST_F(LogTest, ReloadEndsItsWalkAtAnIndexThatLacksNameOrLevel) {
+  const std::string config = folder_.Write("log.properties", Properties(folder_ / "edr.log", "information"));
+  Log::Init("edr", config);
+  folder_.Write("log.properties", "logging.loggers.l1.name = edr\nlogging.loggers.l1.level = trace\n");
+  Log::Reload(config);
+  EXPECT_FALSE(Log::IsEnabled(Poco::Message::PRIO_TRACE));
+}
+
+TEST_F(LogTest, ReloadLetsABadLevelThrough) {
+  const std::string config = folder_.Write("log.properties", Properties(folder_ / "edr.log", "information"));
+  Log::Init("edr", config);
+  folder_.Write("log.properties", "logging.loggers.l0.name = edr\nlogging.loggers.l0.level = loud\n");
+  EXPECT_THROW(Log::Reload(config), Poco::InvalidArgumentException);
+}
+
+TEST_F(LogTest, ALogFolderThatVanishedEndsNothing) {
+  const std::string config = folder_.Write("log.properties", Properties(folder_ / "gone/edr.log", "information"));
+  Log::Init("edr", config);
+  std::filesystem::remove_all(folder_ / "gone");
+  EXPECT_NO_THROW(ZLOG_ERROR("nobody hears this"));
+}
+
+TEST_F(LogTest, LinesBeginWithTheThreadIdAndComponentLinesWithTheirTag) {
+  const fakes::LogCapture log;
+  ZLOG_INFO("of the house");
+  fim::WriteLine();
+  ASSERT_EQ(log.Lines().size(), 2U);
+  EXPECT_EQ(log.Lines()[0].getText(), "[" + std::to_string(gettid()) + "]: of the house");
+  EXPECT_EQ(log.Lines()[1].getText(), "[FIM]: of a component");
+}
+
+TEST_F(LogTest, BelowTheLevelArgumentsAreNotEvaluated) {
+  Log::Get().setLevel(Poco::Message::PRIO_INFORMATION);
+  bool evaluated = false;
+  ZLOG_DEBUG((evaluated = true));
+  EXPECT_FALSE(evaluated);
+}
+
+TEST_F(LogTest, NamesThePriorities) {
+  EXPECT_EQ(Log::PriorityName(1), "fatal");
+  EXPECT_EQ(Log::PriorityName(6), "information");
+  EXPECT_EQ(Log::PriorityName(8), "trace");
+  EXPECT_EQ(Log::PriorityName(0), "");
+  EXPECT_EQ(Log::PriorityName(9), "");
+}
+
+}  // namespace
+}  // namespace zagent::common::util

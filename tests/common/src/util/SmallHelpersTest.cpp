@@ -1,0 +1,69 @@
+#include <gtest/gtest.h>
+#include <sys/sysmacros.h>
+
+#include <cerrno>
+
+#include "common/src/util/Clock.h"
+#include "common/src/util/DeviceText.h"
+#include "common/src/util/ErrnoText.h"
+#include "common/src/util/Json.h"
+
+namespace zagent::common::util {
+namespace {
+
+TEST(ErrnoTextTest, SaysTheWordsAndTheNumber) {
+  EXPECT_EQ(ErrnoText(ENOENT), "No such file or directory (2)");
+}
+
+TEST(ErrnoTextTest, AnUnknownNumberIsUnknownError) {
+  EXPECT_EQ(ErrnoText(99999), "Unknown Error (99999)");
+}
+
+TEST(DeviceTextTest, PadsBothNumbersToTwoDigits) {
+  EXPECT_EQ(DeviceText(makedev(0, 2)), "00:02");
+  EXPECT_EQ(DeviceText(makedev(0xfd, 0x1a3)), "fd:1a3");
+}
+
+TEST(FormatUtcTest, WritesWholeSeconds) {
+  EXPECT_EQ(FormatUtc(1'714'558'830'999'999'999), "2024-05-01T10:20:30Z");
+}
+
+TEST(JsonTest, AMillionBracketsAreAnErrorAndNoCrash) {
+  rapidjson::Document document;
+  ParseJson(document, std::string(1'000'000, '['));
+  EXPECT_TRUE(document.HasParseError());
+}
+
+TEST(JsonTest, AMillionNestedArraysParse) {
+  rapidjson::Document document;
+  ParseJson(document, std::string(1'000'000, '[') + std::string(1'000'000, ']'));
+  EXPECT_FALSE(document.HasParseError());
+}
+
+TEST(JsonTest, ASecondDocumentOrANulByteIsAnErrorAndTrailingBlanksAreNot) {
+  rapidjson::Document document;
+  ParseJson(document, "{} {}");
+  EXPECT_TRUE(document.HasParseError());
+  ParseJson(document, std::string("{\"a\":1\0}", 8));
+  EXPECT_TRUE(document.HasParseError());
+  ParseJson(document, "{} \n");
+  EXPECT_FALSE(document.HasParseError());
+}
+
+TEST(JsonTest, AFailedAssertionThrowsInsteadOfAborting) {
+  rapidjson::Document document;
+  ParseJson(document, "{}");
+  EXPECT_THROW((void)document["missing"], JsonAssertion);
+}
+
+TEST(JsonTest, FindMemberIsNullForWhatIsNotThere) {
+  rapidjson::Document document;
+  ParseJson(document, R"({"a": 1})");
+  ASSERT_NE(FindMember(document, "a"), nullptr);
+  EXPECT_EQ(FindMember(document, "b"), nullptr);
+  ParseJson(document, "[]");
+  EXPECT_EQ(FindMember(document, "a"), nullptr);
+}
+
+}  // namespace
+}  // namespace zagent::common::util
