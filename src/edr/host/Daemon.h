@@ -1,0 +1,99 @@
+#pragma once
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "common/src/config/CommonConfig.h"
+#include "common/src/http/HttpService.h"
+#include "common/src/tasks/Scheduler.h"
+#include "src/audit/channels/IOChannel.h"
+#include "src/audit/parser/ParserThread.h"
+#include "src/audit/rules/RuleEngine.h"
+#include "src/edr/Config.h"
+#include "src/edr/LibMagicWrapper.h"
+#include "src/edr/host/CommandHandler.h"
+#include "src/edr/host/ConfigDocument.h"
+#include "src/edr/host/ControlLink.h"
+#include "src/edr/process/ProcessTree.h"
+#include "src/fim/Component.h"
+#include "src/fim/Config.h"
+
+namespace zagent::edr::host {
+
+// Exit codes of the program; docs/OPERATIONS.md tells each cause.
+enum class ExitCode : int {
+  Success = 0,
+  NotDetached = 3,
+  NotConfigured = 4,
+  NoLog = 5,
+  NoMallocThreshold = 6,
+  NoGroup = 7,
+};
+
+// Ends a start-up that cannot go on; whoever throws it has reported the cause.
+class StartUpFailure : public std::runtime_error {
+ public:
+  StartUpFailure(ExitCode code, const std::string& text) : std::runtime_error(text), code_(code) {}
+  [[nodiscard]] ExitCode Code() const { return code_; }
+
+ private:
+  ExitCode code_;
+};
+
+// The composition root: owns every long-lived object, builds them in order, runs the commands of the parent agent and
+// ends everything in order. One object a process; all calls on the main thread.
+class Daemon final : private CommandTarget {
+ public:
+  Daemon();
+  ~Daemon() override;
+
+  // From process start to process end. Answers the exit code.
+  ExitCode Run();
+
+ private:
+  // Start-up, in this order. The first group runs before there is a logger and reports to syslog.
+  static void Detach();
+  void ConnectToAgent();
+  std::string AwaitFirstMessage();
+  void Configure(const std::string& message);
+  void BuildConfigs(const ConfigDocument& document);
+  void InitLog();
+  void DropGroup();
+  static void SetMallocThreshold();
+
+  void RunLogged();
+  void BuildEngine();
+  void BuildUploads();
+  void BuildFim();
+  void StartIntake();
+  void MainLoop();
+
+  void ReleaseStartUp();
+  void ShutDown();
+
+  void ReloadLogLevels() override;
+  void UpdateFim(const rapidjson::Value& section) override;
+  void UpdateAgentIdentity(const AgentIdentity& identity) override;
+  void Exit() override;
+
+  void OnDispatcherReconnected();
+
+  ControlLink link_;
+  std::unique_ptr<common::Scheduler> scheduler_;
+  std::unique_ptr<audit::IOChannel> control_channel_;
+  std::unique_ptr<common::CommonConfig> common_config_;
+  std::unique_ptr<fim::Config> fim_config_;
+  std::unique_ptr<Config> edr_config_;
+  AgentIdentity agent_{};
+  std::unique_ptr<audit::IOChannel> audit_channel_;
+  std::unique_ptr<common::ProcessTree> process_tree_;
+  std::shared_ptr<LibMagicWrapper> lib_magic_;
+  std::unique_ptr<audit::RuleEngine> rule_engine_;  // set and cleared under the control lock
+  std::shared_ptr<const common::HmacConfig> hmac_config_;
+  std::unique_ptr<common::HttpService> http_service_;
+  std::unique_ptr<fim::Component> fim_;
+  std::unique_ptr<audit::ParserThread> parser_;
+};
+
+}  // namespace zagent::edr::host

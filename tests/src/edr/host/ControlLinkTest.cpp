@@ -1,0 +1,113 @@
+#include "src/edr/host/ControlLink.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <thread>
+
+#include "src/edr/host/ExitFlag.h"
+#include "tests/fakes/FakeClock.h"
+#include "tests/fakes/LogCapture.h"
+
+namespace zagent::edr::host {
+namespace {
+
+using namespace std::chrono_literals;
+
+std::vector<unsigned char> Bytes(const std::string& text) {
+  return {text.begin(), text.end()};
+}
+
+class ControlLinkTest : public testing::Test {
+ protected:
+  std::string Take() {
+    const auto lock = link_.Lock();
+    return link_.TakeMessage();
+  }
+
+  fakes::FakeClock clock_;
+  ControlLink link_{clock_};
+};
+
+TEST_F(ControlLinkTest, HandsOverACommandOnce) {
+  link_.OnMessage(Bytes("{}"));
+  EXPECT_EQ(Take(), "{}");
+  EXPECT_EQ(Take(), "");
+}
+
+TEST_F(ControlLinkTest, OnlyTheNewestCommandOfABurstSurvives) {
+  link_.OnMessage(Bytes("first"));
+  link_.OnMessage(Bytes("second"));
+  EXPECT_EQ(Take(), "second");
+}
+
+TEST_F(ControlLinkTest, ACommandEndsAtItsFirstNul) {
+  link_.OnMessage(Bytes(std::string("{}\0rest", 7)));
+  EXPECT_EQ(Take(), "{}");
+}
+
+TEST_F(ControlLinkTest, LogsTheWholeCommand) {
+  const fakes::LogCapture log;
+  link_.OnMessage(Bytes(R"({"command":"exit"})"));
+  EXPECT_TRUE(log.Has(Poco::Message::PRIO_INFORMATION,
+                      R"(Received configuration data from the Ostrel Agent process: {"command":"exit"})"));
+}
+
+TEST_F(ControlLinkTest, ACommandEndsTheWaitForIt) {
+  auto waiting = std::async(std::launch::async, [this] {
+    auto lock = link_.Lock();
+    return link_.WaitForMessage(lock, 30s);
+  });
+  clock_.AwaitWaiters(1);
+  link_.OnMessage(Bytes("{}"));
+  EXPECT_TRUE(waiting.get());
+}
+
+TEST_F(ControlLinkTest, TheWaitForTheFirstCommandEndsAtItsDeadlineOnly) {
+  auto waiting = std::async(std::launch::async, [this] {
+    auto lock = link_.Lock();
+    return link_.WaitForMessage(lock, 30s);
+  });
+  clock_.AwaitWaiters(1);
+  EXPECT_EQ(clock_.EarliestDeadline(), clock_.Now() + 30s);
+  RequestExit();  // neither a signal nor a lost link ends it
+  clock_.Advance(29s);
+  EXPECT_EQ(waiting.wait_for(0s), std::future_status::timeout);
+  clock_.Advance(1s);
+  EXPECT_FALSE(waiting.get());
+}
+
+TEST_F(ControlLinkTest, ALostLinkRaisesTheExitFlagAndWakesTheMainLoop) {
+  auto waiting = std::async(std::launch::async, [this] {
+    auto lock = link_.Lock();
+    link_.SetLoggerReady();
+    link_.WaitForWork(lock, 1s);
+  });
+  clock_.AwaitWaiters(1);
+  const fakes::LogCapture log;
+  ASSERT_FALSE(IsExitRequested());
+  link_.OnError(audit::IOChannel::Error::Timeout);
+  waiting.get();
+  EXPECT_TRUE(IsExitRequested());
+  EXPECT_TRUE(log.Has(Poco::Message::PRIO_ERROR, "Failed to establish communication with the Ostrel Agent process."));
+}
+
+TEST_F(ControlLinkTest, BeforeThereIsALoggerALostLinkGoesToSyslogOnly) {
+  const fakes::LogCapture log;
+  link_.OnError(audit::IOChannel::Error::Timeout);
+  EXPECT_TRUE(IsExitRequested());
+  EXPECT_EQ(log.Count("Failed to establish communication"), 0);
+}
+
+TEST_F(ControlLinkTest, WhileACommandRunsAnotherWaitsAndNothingIsLost) {
+  auto lock = link_.Lock();
+  auto sending = std::async(std::launch::async, [this] { link_.OnMessage(Bytes("next")); });
+  EXPECT_EQ(sending.wait_for(20ms), std::future_status::timeout);
+  EXPECT_FALSE(link_.HasMessage());
+  lock.unlock();
+  sending.get();
+  EXPECT_EQ(Take(), "next");
+}
+
+}  // namespace
+}  // namespace zagent::edr::host
