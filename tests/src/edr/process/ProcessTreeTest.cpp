@@ -1,0 +1,113 @@
+#include "src/edr/process/ProcessTree.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/fakes/FakeProcessInfo.h"
+#include "tests/fakes/LogCapture.h"
+
+namespace zagent::common {
+namespace {
+
+using fakes::FakeProcessInfo;
+
+class ProcessTreeTest : public testing::Test {
+ protected:
+  void Add(std::int32_t pid, std::int32_t ppid) { tree_.Add(std::make_unique<FakeProcessInfo>(pid, ppid)); }
+
+  std::vector<std::int32_t> Ancestors(std::int32_t pid) {
+    std::vector<std::int32_t> pids;
+    for (const ProcessInfo* info : tree_.GetAncestors(pid)) pids.push_back(info->GetPid());
+    return pids;
+  }
+
+  ProcessTree tree_;
+};
+
+using Pids = std::vector<std::int32_t>;
+
+TEST_F(ProcessTreeTest, FindsWhatWasAdded) {
+  Add(10, 1);
+  EXPECT_TRUE(tree_.Contains(10));
+  EXPECT_EQ(tree_.Get(10).GetPid(), 10);
+  EXPECT_EQ(tree_.GetSize(), 1U);
+  try {
+    (void)tree_.Get(11);
+    ADD_FAILURE();
+  } catch (const GenericProcessTreeException& error) {
+    EXPECT_STREQ(error.what(), "ProcessInfo for pid 11 does not exist");
+  }
+}
+
+TEST_F(ProcessTreeTest, AParentThatIsNotThereBecomesNone) {
+  const fakes::LogCapture log;
+  Add(10, 9);
+  EXPECT_EQ(tree_.Get(10).GetParent(), ProcessInfo::kNoParent);
+  EXPECT_TRUE(log.Has("Failed to find parent process in tree for pid 10, updating parent as -1"));
+}
+
+TEST_F(ProcessTreeTest, WalksFromTheProcessUpToTheLastKnownOne) {
+  Add(1, 0);
+  Add(10, 1);
+  Add(20, 10);
+  EXPECT_EQ(Ancestors(20), (Pids{20, 10, 1}));
+  EXPECT_EQ(Ancestors(99), Pids{});
+  EXPECT_THROW((void)tree_.GetAncestors(0), std::invalid_argument);
+}
+
+TEST_F(ProcessTreeTest, ALoopOfParentsEndsTheWalk) {
+  Add(10, 1);
+  Add(20, 10);
+  tree_.Get(10).SetParent(20);
+  EXPECT_EQ(Ancestors(20), (Pids{20, 10}));
+}
+
+TEST_F(ProcessTreeTest, DeletingAParentMovesItsChildrenUnderProcessOne) {
+  Add(1, 0);
+  Add(10, 1);
+  Add(20, 10);
+  tree_.Delete(10);
+  EXPECT_FALSE(tree_.Contains(10));
+  EXPECT_EQ(tree_.Get(20).GetParent(), 1);
+  EXPECT_EQ(tree_.Get(1).GetChildren().count(20), 1U);
+  EXPECT_EQ(tree_.Get(1).GetChildren().count(10), 0U);
+}
+
+TEST_F(ProcessTreeTest, DeletingAnUnknownPidIsNoErrorAndAnImpossibleOneIs) {
+  EXPECT_NO_THROW(tree_.Delete(5));
+  EXPECT_THROW(tree_.Delete(0), std::invalid_argument);
+}
+
+TEST_F(ProcessTreeTest, AReplacedProcessLeavesItsChildrenToProcessOne) {
+  Add(1, 0);
+  Add(10, 1);
+  Add(20, 10);
+  Add(10, 1);
+  EXPECT_EQ(tree_.GetSize(), 3U);
+  EXPECT_EQ(tree_.Get(20).GetParent(), 1);
+  EXPECT_EQ(Ancestors(10), (Pids{10, 1}));
+}
+
+TEST(ProcessInfoTest, AParentEqualToItselfEndsAsNone) {
+  const fakes::LogCapture log;
+  EXPECT_EQ(FakeProcessInfo(7, 7).GetParent(), ProcessInfo::kNoParent);
+  EXPECT_TRUE(log.Has(Poco::Message::PRIO_ERROR, "ProcessInfo: ppid cannot be the same as pid (7)"));
+}
+
+TEST(ProcessInfoTest, RefusesANegativePidAndBecomingItsOwnParent) {
+  try {
+    const FakeProcessInfo info(-1, 1);
+    ADD_FAILURE();
+  } catch (const ProcessInfoException& error) {
+    EXPECT_STREQ(error.what(), "ProcesInfo: pid cannot be negative");
+  }
+  FakeProcessInfo info(7, 1);
+  try {
+    info.SetParent(7);
+    ADD_FAILURE();
+  } catch (const ProcessInfoException& error) {
+    EXPECT_STREQ(error.what(), "ProcessInfo: ppid cannot be set the same value as pid (7)");
+  }
+}
+
+}  // namespace
+}  // namespace zagent::common
