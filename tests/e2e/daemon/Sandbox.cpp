@@ -73,14 +73,17 @@ void EnterSandbox() {
   }
   Mount(dev, "/dev", nullptr, MS_BIND | MS_REC);
 
-  if (std::filesystem::exists("/etc/ostrel") || mkdir("/etc/ostrel", 0700) == 0) Mount("tmpfs", "/etc/ostrel", "tmpfs", 0);
+  if (std::filesystem::exists("/etc/ostrel") || mkdir("/etc/ostrel", 0700) == 0)
+    Mount("tmpfs", "/etc/ostrel", "tmpfs", 0);
   // Orphans of the daemon's detaching come to this process, which can then learn their exit codes.
   Require(prctl(PR_SET_CHILD_SUBREAPER, 1) == 0, "subreaper");
 }
 
 SyslogCapture::SyslogCapture() : socket_(Bind("/dev/log", SOCK_DGRAM)) {}
 
-SyslogCapture::~SyslogCapture() { unlink("/dev/log"); }
+SyslogCapture::~SyslogCapture() {
+  unlink("/dev/log");
+}
 
 void SyslogCapture::Drain() {
   char buffer[4096];
@@ -88,8 +91,8 @@ void SyslogCapture::Drain() {
     // "<9>Nov 20 10:00:00 program: text"
     const std::string datagram(buffer, static_cast<std::size_t>(size));
     const std::size_t text = datagram.find(": ");
-    lines_.push_back({std::atoi(datagram.c_str() + 1) & 7,
-                      text == std::string::npos ? datagram : datagram.substr(text + 2)});
+    lines_.push_back(
+        {std::atoi(datagram.c_str() + 1) & 7, text == std::string::npos ? datagram : datagram.substr(text + 2)});
   }
 }
 
@@ -111,7 +114,9 @@ TestAgent::TestAgent() {
   Require(listen(listener_.Get(), 1) == 0, "listen");
 }
 
-TestAgent::~TestAgent() { unlink(edr::host::kControlSocketPath); }
+TestAgent::~TestAgent() {
+  unlink(edr::host::kControlSocketPath);
+}
 
 void TestAgent::Accept() {
   if (client_) return;
@@ -164,7 +169,9 @@ pid_t DaemonProcess::Pid() {
   return detached_;
 }
 
-void DaemonProcess::Signal(int signal) { kill(Pid(), signal); }
+void DaemonProcess::Signal(int signal) {
+  kill(Pid(), signal);
+}
 
 int DaemonProcess::WaitForExit(std::chrono::seconds time) {
   if (exit_code_ >= 0) return exit_code_;

@@ -70,7 +70,8 @@ TEST_F(StartUpTest, WithoutAMessageWithin30SecondsItEndsWith4AndATermSignalDoesN
 }
 
 TEST_F(StartUpTest, AMalformedFirstMessageEndsItWith4) {
-  for (const char* message : {"{", "[]", "{}", R"({"command": "exit"})", R"({"command": "config", "config_file": 1})"}) {
+  for (const char* message :
+       {"{", "[]", "{}", R"({"command": "exit"})", R"({"command": "config", "config_file": 1})"}) {
     SCOPED_TRACE(message);
     TestAgent agent;
     DaemonProcess daemon;
