@@ -3,9 +3,11 @@
 #include <Poco/Exception.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <functional>
 
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
@@ -41,9 +43,20 @@ std::string Properties(const std::string& file, const std::string& level) {
          "logging.formatters.plain.pattern = %t\n";
 }
 
-// Each test is a process of its own, so each may run the one initialisation.
 class LogTest : public testing::Test {
  protected:
+  // Logging is set up once a process: what does it runs in one of its own, which hands its failures to the test.
+  static void InOwnProcess(const std::function<void()>& story) {
+    const pid_t child = fork();
+    if (child == 0) {
+      story();
+      _exit(HasFailure() ? 1 : 0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+
   fakes::TempFolder folder_;
 };
 
@@ -52,67 +65,81 @@ TEST_F(LogTest, BeforeInitTheLoggerIsEdr) {
 }
 
 TEST_F(LogTest, CreatesAMissingLogFolderAtInitNotAtTheFirstWrite) {
-  const std::string config = folder_.Write("log.properties", Properties(folder_ / "a/b/edr.log", "debug"));
-  Log::Init("edr", config);
-  struct stat info {};
-  ASSERT_EQ(stat((folder_ / "a/b").c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777U, 0700U);
-  EXPECT_FALSE(std::filesystem::exists(folder_ / "a/b/edr.log"));
-  ZLOG_DEBUG("first line");
-  EXPECT_NE(folder_.Read("a/b/edr.log").find("first line"), std::string::npos);
+  InOwnProcess([this] {
+    const std::string config = folder_.Write("log.properties", Properties(folder_ / "a/b/edr.log", "debug"));
+    Log::Init("edr", config);
+    struct stat info {};
+    ASSERT_EQ(stat((folder_ / "a/b").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777U, 0700U);
+    EXPECT_FALSE(std::filesystem::exists(folder_ / "a/b/edr.log"));
+    ZLOG_DEBUG("first line");
+    EXPECT_NE(folder_.Read("a/b/edr.log").find("first line"), std::string::npos);
+  });
 }
 
 TEST_F(LogTest, ASecondInitThrows) {
-  const std::string config = folder_.Write("log.properties", Properties(folder_ / "edr.log", "debug"));
-  Log::Init("edr", config);
-  try {
+  InOwnProcess([this] {
+    const std::string config = folder_.Write("log.properties", Properties(folder_ / "edr.log", "debug"));
     Log::Init("edr", config);
-    ADD_FAILURE();
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(), "Logger is already initialized");
-  }
+    try {
+      Log::Init("edr", config);
+      ADD_FAILURE();
+    } catch (const std::runtime_error& error) {
+      EXPECT_STREQ(error.what(), "Logger is already initialized");
+    }
+  });
 }
 
 TEST_F(LogTest, AMissingFileAndALoggerWithoutAChannelThrow) {
-  EXPECT_THROW(Log::Init("edr", folder_ / "none"), Poco::FileNotFoundException);
-  const std::string no_root = folder_.Write("log.properties", "logging.loggers.l0.name = edr\n");
-  EXPECT_THROW(Log::Init("edr", no_root), Poco::NullPointerException);
+  InOwnProcess([this] {
+    EXPECT_THROW(Log::Init("edr", folder_ / "none"), Poco::FileNotFoundException);
+    const std::string no_root = folder_.Write("log.properties", "logging.loggers.l0.name = edr\n");
+    EXPECT_THROW(Log::Init("edr", no_root), Poco::NullPointerException);
+  });
 }
 
 TEST_F(LogTest, ReloadAppliesNewLevelsAndPassesOverUnknownLoggers) {
-  const std::string config = folder_.Write("log.properties", Properties(folder_ / "edr.log", "information"));
-  Log::Init("edr", config);
-  EXPECT_FALSE(Log::IsEnabled(Poco::Message::PRIO_TRACE));
-  folder_.Write("log.properties",
-                "logging.loggers.l0.name = stranger\nlogging.loggers.l0.level = debug\n"
-                "logging.loggers.l1.name = edr\nlogging.loggers.l1.level = trace\n");
-  Log::Reload(config);
-  EXPECT_TRUE(Log::IsEnabled(Poco::Message::PRIO_TRACE));
-  const std::string log = folder_.Read("edr.log");
-  EXPECT_NE(log.find("Ignoring unknown logger stranger"), std::string::npos) << log;
-  EXPECT_NE(log.find("Updating log level to trace"), std::string::npos) << log;
+  InOwnProcess([this] {
+    const std::string config = folder_.Write("log.properties", Properties(folder_ / "edr.log", "information"));
+    Log::Init("edr", config);
+    EXPECT_FALSE(Log::IsEnabled(Poco::Message::PRIO_TRACE));
+    folder_.Write("log.properties",
+                  "logging.loggers.l0.name = stranger\nlogging.loggers.l0.level = debug\n"
+                  "logging.loggers.l1.name = edr\nlogging.loggers.l1.level = trace\n");
+    Log::Reload(config);
+    EXPECT_TRUE(Log::IsEnabled(Poco::Message::PRIO_TRACE));
+    const std::string log = folder_.Read("edr.log");
+    EXPECT_NE(log.find("Ignoring unknown logger stranger"), std::string::npos) << log;
+    EXPECT_NE(log.find("Updating log level to trace"), std::string::npos) << log;
+  });
 }
 
 TEST_F(LogTest, ReloadEndsItsWalkAtAnIndexThatLacksNameOrLevel) {
-  const std::string config = folder_.Write("log.properties", Properties(folder_ / "edr.log", "information"));
-  Log::Init("edr", config);
-  folder_.Write("log.properties", "logging.loggers.l1.name = edr\nlogging.loggers.l1.level = trace\n");
-  Log::Reload(config);
-  EXPECT_FALSE(Log::IsEnabled(Poco::Message::PRIO_TRACE));
+  InOwnProcess([this] {
+    const std::string config = folder_.Write("log.properties", Properties(folder_ / "edr.log", "information"));
+    Log::Init("edr", config);
+    folder_.Write("log.properties", "logging.loggers.l1.name = edr\nlogging.loggers.l1.level = trace\n");
+    Log::Reload(config);
+    EXPECT_FALSE(Log::IsEnabled(Poco::Message::PRIO_TRACE));
+  });
 }
 
 TEST_F(LogTest, ReloadLetsABadLevelThrough) {
-  const std::string config = folder_.Write("log.properties", Properties(folder_ / "edr.log", "information"));
-  Log::Init("edr", config);
-  folder_.Write("log.properties", "logging.loggers.l0.name = edr\nlogging.loggers.l0.level = loud\n");
-  EXPECT_THROW(Log::Reload(config), Poco::InvalidArgumentException);
+  InOwnProcess([this] {
+    const std::string config = folder_.Write("log.properties", Properties(folder_ / "edr.log", "information"));
+    Log::Init("edr", config);
+    folder_.Write("log.properties", "logging.loggers.l0.name = edr\nlogging.loggers.l0.level = loud\n");
+    EXPECT_THROW(Log::Reload(config), Poco::InvalidArgumentException);
+  });
 }
 
 TEST_F(LogTest, ALogFolderThatVanishedEndsNothing) {
-  const std::string config = folder_.Write("log.properties", Properties(folder_ / "gone/edr.log", "information"));
-  Log::Init("edr", config);
-  std::filesystem::remove_all(folder_ / "gone");
-  EXPECT_NO_THROW(ZLOG_ERROR("nobody hears this"));
+  InOwnProcess([this] {
+    const std::string config = folder_.Write("log.properties", Properties(folder_ / "gone/edr.log", "information"));
+    Log::Init("edr", config);
+    std::filesystem::remove_all(folder_ / "gone");
+    EXPECT_NO_THROW(ZLOG_ERROR("nobody hears this"));
+  });
 }
 
 TEST_F(LogTest, LinesBeginWithTheThreadIdAndComponentLinesWithTheirTag) {
