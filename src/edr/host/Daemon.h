@@ -5,6 +5,7 @@
 #include <string>
 
 #include "common/src/config/CommonConfig.h"
+#include "common/src/http/HmacConfig.h"
 #include "common/src/http/HttpService.h"
 #include "common/src/tasks/Scheduler.h"
 #include "src/audit/channels/IOChannel.h"
