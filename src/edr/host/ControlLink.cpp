@@ -6,7 +6,6 @@
 
 #include "common/src/util/Log.h"
 #include "src/audit/channels/UnixClientStreamSockIOChannel.h"
-#include "src/edr/host/ExitFlag.h"
 
 namespace zagent::edr::host {
 namespace {
@@ -35,7 +34,7 @@ void ControlLink::OnError(audit::IOChannel::Error /*error: the channel has logge
     } else {
       syslog(LOG_ALERT, "%s", kText);
     }
-    RequestExit();
+    exit_flag_ = true;
   }
   condition_.notify_one();
 }
@@ -45,7 +44,7 @@ bool ControlLink::WaitForMessage(ControlLock& lock, std::chrono::seconds time) {
 }
 
 void ControlLink::WaitForWork(ControlLock& lock, std::chrono::seconds time) {
-  clock_.WaitFor(condition_, lock, time, [this] { return HasMessage() || IsExitRequested(); });
+  clock_.WaitFor(condition_, lock, time, [this] { return HasMessage() || exit_flag_; });
 }
 
 std::string ControlLink::TakeMessage() {

@@ -11,6 +11,7 @@
 
 #include "common/src/util/Clock.h"
 #include "src/audit/channels/IOChannel.h"
+#include "src/edr/host/ExitFlag.h"
 
 namespace zagent::edr::host {
 
@@ -20,7 +21,9 @@ class ControlLink {
  public:
   using ControlLock = std::unique_lock<std::mutex>;
 
-  explicit ControlLink(common::util::Clock& clock = common::util::Clock::Real()) : clock_(clock) {}
+  // `exit_flag` is raised when the agent is lost.
+  explicit ControlLink(ExitFlag& exit_flag, common::util::Clock& clock = common::util::Clock::Real())
+      : exit_flag_(exit_flag), clock_(clock) {}
   ControlLink(const ControlLink&) = delete;
   ControlLink& operator=(const ControlLink&) = delete;
 
@@ -44,6 +47,7 @@ class ControlLink {
   void SetLoggerReady() { logger_ready_ = true; }
 
  private:
+  ExitFlag& exit_flag_;
   common::util::Clock& clock_;
   std::mutex mutex_;
   std::condition_variable condition_;

@@ -19,7 +19,6 @@
 #include "src/audit/channels/AuditNetlink.h"
 #include "src/audit/channels/DispatcherIOChannel.h"
 #include "src/audit/channels/KernelIOChannel.h"
-#include "src/edr/host/ExitFlag.h"
 
 namespace zagent::edr::host {
 namespace {
@@ -32,7 +31,7 @@ constexpr auto kMainLoopTime = 1s;
 constexpr int kMallocThreshold = 4 * 1024 * 1024;
 
 void OnSignal(int /*signal*/) {
-  RequestExit();
+  ProcessExitFlag() = true;
 }
 
 // A failure before there is a logger: the cause, the system's verdict, exit code 4.
@@ -268,9 +267,9 @@ void Daemon::StartIntake() {
 void Daemon::MainLoop() {
   CommandHandler handler(*this);
   auto lock = link_.Lock();
-  while (!IsExitRequested()) {
+  while (!ProcessExitFlag()) {
     link_.WaitForWork(lock, kMainLoopTime);
-    if (!IsExitRequested() && link_.HasMessage()) handler.Handle(link_.TakeMessage());
+    if (!ProcessExitFlag() && link_.HasMessage()) handler.Handle(link_.TakeMessage());
   }
 }
 
@@ -325,7 +324,7 @@ void Daemon::UpdateAgentIdentity(const AgentIdentity& identity) {
 }
 
 void Daemon::Exit() {
-  RequestExit();
+  ProcessExitFlag() = true;
 }
 
 void Daemon::OnDispatcherReconnected() {

@@ -16,6 +16,7 @@
 #include "src/edr/host/CommandHandler.h"
 #include "src/edr/host/ConfigDocument.h"
 #include "src/edr/host/ControlLink.h"
+#include "src/edr/host/ExitFlag.h"
 #include "src/edr/process/ProcessTree.h"
 #include "src/fim/Component.h"
 #include "src/fim/Config.h"
@@ -80,7 +81,7 @@ class Daemon final : private CommandTarget {
 
   void OnDispatcherReconnected();
 
-  ControlLink link_;
+  ControlLink link_{ProcessExitFlag()};
   std::unique_ptr<common::Scheduler> scheduler_;
   std::unique_ptr<audit::IOChannel> control_channel_;
   std::unique_ptr<common::CommonConfig> common_config_;

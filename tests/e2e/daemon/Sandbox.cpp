@@ -19,6 +19,7 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "src/edr/LibMagicWrapper.h"
 #include "src/edr/host/ControlLink.h"
 
 namespace zagent::e2e {
@@ -75,6 +76,8 @@ void EnterSandbox() {
 
   if (std::filesystem::exists("/etc/ostrel") || mkdir("/etc/ostrel", 0700) == 0)
     Mount("tmpfs", "/etc/ostrel", "tmpfs", 0);
+  std::filesystem::create_directories("/etc/ostrel/host-warden");
+  std::filesystem::create_symlink("/usr/lib/file/magic.mgc", edr::LibMagicWrapper::kDefaultDatabase);
   // Orphans of the daemon's detaching come to this process, which can then learn their exit codes.
   Require(prctl(PR_SET_CHILD_SUBREAPER, 1) == 0, "subreaper");
 }

@@ -5,7 +5,6 @@
 #include <future>
 #include <thread>
 
-#include "src/edr/host/ExitFlag.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/LogCapture.h"
 
@@ -26,7 +25,8 @@ class ControlLinkTest : public testing::Test {
   }
 
   fakes::FakeClock clock_;
-  ControlLink link_{clock_};
+  ExitFlag exit_flag_{false};
+  ControlLink link_{exit_flag_, clock_};
 };
 
 TEST_F(ControlLinkTest, HandsOverACommandOnce) {
@@ -70,7 +70,7 @@ TEST_F(ControlLinkTest, TheWaitForTheFirstCommandEndsAtItsDeadlineOnly) {
   });
   clock_.AwaitWaiters(1);
   EXPECT_EQ(clock_.EarliestDeadline(), clock_.Now() + 30s);
-  RequestExit();  // neither a signal nor a lost link ends it
+  exit_flag_ = true;  // neither a signal nor a lost link ends it
   clock_.Advance(29s);
   EXPECT_EQ(waiting.wait_for(0s), std::future_status::timeout);
   clock_.Advance(1s);
@@ -85,17 +85,17 @@ TEST_F(ControlLinkTest, ALostLinkRaisesTheExitFlagAndWakesTheMainLoop) {
   });
   clock_.AwaitWaiters(1);
   const fakes::LogCapture log;
-  ASSERT_FALSE(IsExitRequested());
+  ASSERT_FALSE(exit_flag_);
   link_.OnError(audit::IOChannel::Error::Timeout);
   waiting.get();
-  EXPECT_TRUE(IsExitRequested());
+  EXPECT_TRUE(exit_flag_);
   EXPECT_TRUE(log.Has(Poco::Message::PRIO_ERROR, "Failed to establish communication with the Ostrel Agent process."));
 }
 
 TEST_F(ControlLinkTest, BeforeThereIsALoggerALostLinkGoesToSyslogOnly) {
   const fakes::LogCapture log;
   link_.OnError(audit::IOChannel::Error::Timeout);
-  EXPECT_TRUE(IsExitRequested());
+  EXPECT_TRUE(exit_flag_);
   EXPECT_EQ(log.Count("Failed to establish communication"), 0);
 }
 

@@ -1,0 +1,274 @@
+// The running daemon: from an audit record to the platform, under commands, failures and signals.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <string>
+
+#include "tests/e2e/daemon/ExampleConfig.h"
+#include "tests/e2e/daemon/Sandbox.h"
+#include "tests/e2e/daemon/ScriptedAudit.h"
+#include "tools/reference-receiver/ReferenceReceiver.h"
+
+namespace zagent::e2e {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+
+class RunTest : public testing::Test {
+ protected:
+  RunTest() {
+    EnterSandbox();
+    syslog_ = std::make_unique<SyslogCapture>();
+    audit_ = std::make_unique<ScriptedAudit>("/run/audit");
+  }
+  ~RunTest() override {
+    if (HasFailure()) std::fputs(config_.ReadLog().c_str(), stderr);
+  }
+
+  void OpenPlatform(tools::ReceiverOptions options = {}) {
+    const rapidjson::Value& common = config_.Json()["common_config"];
+    options.customer_id = common["customer_id"].GetString();
+    options.agent_id = common["agent_id"].GetString();
+    options.activation_id = common["activation_id"].GetString();
+    options.ca_file = config_.Folder() / "ca.pem";
+    platform_ = std::make_unique<tools::ReferenceReceiver>(std::move(options));
+    config_.Set("common_config", "service_url", platform_->GetUrl());
+    config_.Set("common_config", "ca_cert_path", platform_->GetCaFile());
+    config_.Write();
+  }
+
+  void StartDaemon() {
+    agent_ = std::make_unique<TestAgent>();
+    daemon_ = std::make_unique<DaemonProcess>(
+        std::vector<std::string>{"OSTREL_E2E_AUDIT=/run/audit", "OSTREL_E2E_RULES=/run/rules"});
+    agent_->SendConfig(config_.File());
+    audit_->AwaitConsumer();
+  }
+
+  void ExpectOrderlyEnd() {
+    EXPECT_EQ(daemon_->WaitForExit(), 0);
+    EXPECT_EQ(RuleKeys(), "") << "rules left in the kernel";
+  }
+
+  void MakeWatchedFolder(const std::string& name) {
+    const std::string path = config_.Watched() + "/" + name;
+    std::filesystem::create_directory(path);
+    audit_->MadeFolder(path);
+  }
+
+  static std::string RuleKeys() {
+    std::ifstream in("/run/rules");
+    return {std::istreambuf_iterator<char>(in), {}};
+  }
+
+  // Waits for something that another process does; fails the test when it does not come.
+  template <typename Condition>
+  [[nodiscard]] static bool Within(std::chrono::seconds time, const Condition& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + time;
+    while (!condition()) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      usleep(20'000);
+    }
+    return true;
+  }
+  [[nodiscard]] bool LogComesToHold(const std::string& text, std::chrono::seconds time = 20s) const {
+    return Within(time, [&] { return config_.ReadLog().find(text) != std::string::npos; });
+  }
+  [[nodiscard]] std::string Received() const {
+    std::string all;
+    for (const auto& payload : platform_->GetPayloads()) all += payload.text + "\n";
+    return all;
+  }
+  [[nodiscard]] bool PlatformComesToHold(const std::string& text, std::chrono::seconds time = 30s) const {
+    return Within(time, [&] { return Received().find(text) != std::string::npos; });
+  }
+  [[nodiscard]] std::size_t SpoolFiles() const {
+    const std::filesystem::directory_iterator files(config_.Spool());
+    return static_cast<std::size_t>(std::distance(begin(files), end(files)));
+  }
+
+  ExampleConfig config_;
+  std::unique_ptr<SyslogCapture> syslog_;
+  std::unique_ptr<ScriptedAudit> audit_;
+  std::unique_ptr<tools::ReferenceReceiver> platform_;
+  std::unique_ptr<TestAgent> agent_;
+  std::unique_ptr<DaemonProcess> daemon_;
+};
+
+TEST_F(RunTest, AFolderMadeInAWatchedFolderReachesThePlatformAndTheEndLeavesNoRules) {
+  OpenPlatform();
+  StartDaemon();
+  ASSERT_TRUE(Within(10s, [] { return RuleKeys().find("watched-folder\n") != std::string::npos; })) << RuleKeys();
+  EXPECT_THAT(RuleKeys(), HasSubstr("ostrel_ignore_rule_ostrel-edr\n"));
+  MakeWatchedFolder("new");
+  ASSERT_TRUE(PlatformComesToHold(config_.Watched() + "/new"));
+  const std::string received = Received();
+  EXPECT_THAT(received, HasSubstr(R"("eventAction":"Create")"));
+  EXPECT_THAT(received, HasSubstr(R"("eventType":"Directory")"));
+  EXPECT_THAT(received, HasSubstr(R"("associatedRules":["watched-folder"])"));
+  EXPECT_THAT(received, HasSubstr(R"("actor":{"imagePath":"/usr/bin/mkdir","processID":4242,"userName":"root")"));
+  EXPECT_TRUE(Within(10s, [this] { return SpoolFiles() == 0; })) << "an uploaded file is deleted";
+  agent_->Send(R"({"command": "exit"})");
+  ExpectOrderlyEnd();
+  EXPECT_THAT(config_.ReadLog(), HasSubstr("Command 'exit' received from agent."));
+}
+
+TEST_F(RunTest, AFileEventRestsUntilTheFileHasSettledAndCarriesWhatItThenHolds) {
+  OpenPlatform();
+  StartDaemon();
+  const std::string file = config_.Watched() + "/settles";
+  std::ofstream(file) << "before";
+  audit_->CreatedFile(file);
+  const auto start = std::chrono::steady_clock::now();
+  std::ofstream(file) << "abc";
+  ASSERT_TRUE(PlatformComesToHold(file, 60s));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 29s);
+  EXPECT_THAT(Received(), HasSubstr(R"("size":{"new":"0x3"})"));
+  EXPECT_THAT(Received(), HasSubstr("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"));
+  daemon_->Signal(SIGTERM);
+  ExpectOrderlyEnd();
+}
+
+TEST_F(RunTest, APlatformThatFailsTwiceLosesNothing) {
+  tools::ReceiverOptions options;
+  options.status = 503;
+  options.status_requests = 2;
+  OpenPlatform(std::move(options));
+  StartDaemon();
+  MakeWatchedFolder("patient");
+  ASSERT_TRUE(PlatformComesToHold(config_.Watched() + "/patient", 60s));
+  EXPECT_EQ(platform_->GetPayloads().size(), 1U);
+  EXPECT_GE(platform_->GetRequestCount(), 3U);
+  daemon_->Signal(SIGINT);
+  ExpectOrderlyEnd();
+}
+
+TEST_F(RunTest, WhatWasSpooledBeforeAKillIsUploadedByTheNextStart) {
+  StartDaemon();  // nobody listens where it uploads to
+  MakeWatchedFolder("survivor");
+  ASSERT_TRUE(Within(20s, [this] { return SpoolFiles() == 1; }));
+  daemon_->Signal(SIGKILL);
+  EXPECT_EQ(daemon_->WaitForExit(), 128 + SIGKILL);
+  agent_.reset();
+
+  OpenPlatform();
+  StartDaemon();
+  EXPECT_TRUE(PlatformComesToHold(config_.Watched() + "/survivor"));
+  EXPECT_TRUE(Within(10s, [this] { return SpoolFiles() == 0; }));
+  agent_->Send(R"({"command": "exit"})");
+  ExpectOrderlyEnd();
+}
+
+TEST_F(RunTest, WhatIsInTheCacheAtTheEndIsFlushedToDisk) {
+  config_.Json()["fim_config"]["max_file_age_sec"].SetUint(600);
+  config_.Write();
+  StartDaemon();
+  MakeWatchedFolder("cached");
+  ASSERT_TRUE(LogComesToHold("Event json written to disc successfully"));
+  EXPECT_EQ(SpoolFiles(), 0U);
+  agent_->Send(R"({"command": "exit"})");
+  ExpectOrderlyEnd();
+  EXPECT_EQ(SpoolFiles(), 1U);
+}
+
+TEST_F(RunTest, AMalformedManifestIsNamedAndTheDaemonGoesOn) {
+  config_.WriteManifest("{ no json");
+  StartDaemon();
+  EXPECT_TRUE(LogComesToHold("Invalid manifest json format for: " + config_.Manifest()));
+  EXPECT_TRUE(LogComesToHold("EventRuleManager: No rules to be added."));
+  agent_->Send(R"({"command": "fim_status"})");
+  EXPECT_TRUE(LogComesToHold("Command 'fim_status' received from agent"));
+  agent_->Send(R"({"command": "exit"})");
+  ExpectOrderlyEnd();
+}
+
+TEST_F(RunTest, ANewManifestReplacesTheRulesInTheKernel) {
+  StartDaemon();
+  ASSERT_TRUE(Within(10s, [] { return RuleKeys().find("watched-folder\n") != std::string::npos; }));
+  const std::string manifest = config_.Folder().Write("manifest-2.json", R"({"data": {"fim": {
+      "policyVersion": "1.0", "collectHashes": false, "rules": [{"ruleId": "another-rule", "ruleType": "directory",
+      "imagePath": ")" + config_.Watched() + R"(", "recursiveDepth": "none", "notify": ["create"]}]}}})");
+  rapidjson::Value& entry = config_.Json()["fim_config"]["manifests"][0]["manifest_path"];
+  entry.SetString(manifest, config_.Json().GetAllocator());
+  config_.Write();
+  agent_->SendConfig(config_.File());
+  EXPECT_TRUE(Within(10s, [] { return RuleKeys().find("another-rule\n") != std::string::npos; })) << RuleKeys();
+  EXPECT_THAT(RuleKeys(), testing::Not(HasSubstr("watched-folder")));
+  agent_->Send(R"({"command": "exit"})");
+  ExpectOrderlyEnd();
+}
+
+TEST_F(RunTest, ARefusedUpdateLeavesTheRunningConfiguration) {
+  StartDaemon();
+  config_.Json()["fim_config"].RemoveMember("event_file_name");
+  config_.Write();
+  agent_->SendConfig(config_.File());
+  EXPECT_TRUE(LogComesToHold("Failed to update configuration: Fim::Config::Update: Invalid json"));
+  EXPECT_THAT(RuleKeys(), HasSubstr("watched-folder\n"));
+  agent_->Send(R"({"command": "exit"})");
+  ExpectOrderlyEnd();
+}
+
+TEST_F(RunTest, ABadLevelInTheLogFileEndsTheDaemonInOrder) {
+  StartDaemon();
+  ASSERT_TRUE(LogComesToHold("KernelIOChannel: Started."));
+  config_.WriteLogProperties("deafening");
+  agent_->SendConfig(config_.File());
+  ExpectOrderlyEnd();
+  EXPECT_THAT(config_.ReadLog(), HasSubstr("Uncaught exception: "));
+  EXPECT_THAT(config_.ReadLog(), HasSubstr("Shutting down EDR ..."));
+}
+
+TEST_F(RunTest, WithoutAPlaceForItsSpoolItGoesOnWithoutFim) {
+  config_.Set("fim_config", "event_file_path", config_.File() + "/spool");  // below a file
+  config_.Write();
+  StartDaemon();
+  EXPECT_TRUE(LogComesToHold("Failed to start file integrity monitoring, going on without it: "));
+  agent_->SendConfig(config_.File());
+  EXPECT_TRUE(LogComesToHold("File integrity monitoring did not start"));
+  agent_->Send(R"({"command": "exit"})");
+  ExpectOrderlyEnd();
+}
+
+TEST_F(RunTest, AnAgentThatComesBackIsFoundAgain) {
+  StartDaemon();
+  agent_.reset();
+  ASSERT_TRUE(LogComesToHold("Trying to reconnect..."));
+  agent_ = std::make_unique<TestAgent>();
+  agent_->Send(R"({"command": "exit"})");
+  ExpectOrderlyEnd();
+}
+
+TEST_F(RunTest, AnAgentThatStaysAwayEndsTheDaemonInOrder) {
+  StartDaemon();
+  agent_.reset();
+  EXPECT_EQ(daemon_->WaitForExit(60s), 0);
+  EXPECT_EQ(RuleKeys(), "");
+  EXPECT_THAT(config_.ReadLog(), HasSubstr("Aborting reconnection due to timeout."));
+  EXPECT_THAT(config_.ReadLog(), HasSubstr("Failed to establish communication with the Ostrel Agent process."));
+}
+
+TEST_F(RunTest, AnUploadThatHangsDoesNotDelayTheEnd) {
+  tools::ReceiverOptions options;
+  options.delay = 60s;
+  OpenPlatform(std::move(options));
+  config_.Json()["common_config"]["request_timeout"].SetUint(60);
+  config_.Write();
+  StartDaemon();
+  MakeWatchedFolder("stuck");
+  ASSERT_TRUE(LogComesToHold("HttpUploader: Sending "));
+  agent_->Send(R"({"command": "exit"})");
+  EXPECT_EQ(daemon_->WaitForExit(10s), 0);
+  EXPECT_EQ(SpoolFiles(), 1U);
+}
+
+}  // namespace
+}  // namespace zagent::e2e
