@@ -70,6 +70,25 @@ std::vector<std::string> LoggerNames() {
   return names;
 }
 
+// File names and arguments come from anybody: a line stays one line, and none of its bytes steers a terminal.
+std::string Escaped(const std::string& text) {
+  const auto is_control = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; };
+  if (std::none_of(text.begin(), text.end(), is_control)) return text;
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string escaped;
+  escaped.reserve(text.size() + 16);
+  for (const char c : text) {
+    if (!is_control(c)) {
+      escaped += c;
+      continue;
+    }
+    escaped += "\\x";
+    escaped += kHex[static_cast<unsigned char>(c) >> 4];
+    escaped += kHex[static_cast<unsigned char>(c) & 15];
+  }
+  return escaped;
+}
+
 Poco::Logger& EventLogger() {
   return Poco::Logger::get("edr_events");
 }
@@ -129,7 +148,7 @@ bool Log::IsEnabled(Poco::Message::Priority priority) {
 void Log::Write(Poco::Message::Priority priority, const std::string& text) noexcept {
   try {
     Poco::Logger& logger = Get();
-    logger.log(Poco::Message(logger.name(), text, priority));
+    logger.log(Poco::Message(logger.name(), Escaped(text), priority));
   } catch (...) {  // NOLINT(bugprone-empty-catch)
     // A log line that cannot be written is lost: the program goes on.
   }

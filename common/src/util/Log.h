@@ -15,6 +15,8 @@
 // zagent::audit begin with "[<thread id>]: " and a component that declares its own LogPrefix() in its namespace
 // begins with its tag ("[FIM]: ").
 //
+// Control bytes of a text are written as "\x0a": a file name with a line end cannot forge a line.
+//
 // Logging never throws and never ends the program: what a channel throws (a log folder that vanished, a full disk)
 // is swallowed.
 
@@ -43,6 +45,7 @@ class Log {
 
   // True when raw audit traffic is wanted: the logger "edr_events" is at trace.
   static bool IsEventTraceEnabled();
+  // Raw records are written as they are: the kernel has encoded what could steer a terminal.
   static void WriteEventTrace(const std::string& text);
 
   static bool IsEnabled(Poco::Message::Priority priority);

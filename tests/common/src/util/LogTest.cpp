@@ -151,6 +151,14 @@ TEST_F(LogTest, LinesBeginWithTheThreadIdAndComponentLinesWithTheirTag) {
   EXPECT_EQ(log.Lines()[1].getText(), "[FIM]: of a component");
 }
 
+TEST_F(LogTest, AControlByteCannotForgeALineNorSteerATerminal) {
+  const fakes::LogCapture log;
+  ZLOG_INFO("/tmp/a\nError: edr: forged\x1b[2J\x7f/ä");
+  ASSERT_EQ(log.Lines().size(), 1U);
+  EXPECT_NE(log.Lines()[0].getText().find("/tmp/a\\x0aError: edr: forged\\x1b[2J\\x7f/ä"), std::string::npos)
+      << log.All();
+}
+
 TEST_F(LogTest, BelowTheLevelArgumentsAreNotEvaluated) {
   Log::Get().setLevel(Poco::Message::PRIO_INFORMATION);
   bool evaluated = false;
