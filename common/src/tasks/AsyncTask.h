@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 #include <thread>
 
@@ -19,11 +20,12 @@ class AsyncTask {
   AsyncTask& operator=(const AsyncTask&) = delete;
 
   // Blocks while a run is under way, then starts the next one. Throws std::system_error when no thread can be made;
-  // the task is idle then. Never joins a thread while the caller may hold locks of its own: a finished run's thread
-  // has let go of every lock of this class before it is joined.
+  // the task is idle then. Never joins a thread, because the caller may hold a lock that OnIdle of the run before
+  // needs: the new run's thread joins the old one before it calls Execute.
   virtual void Start();
 
-  // Asks a run to end (OnCancel, IsCancelling) and waits for its end. Without a run it returns at once.
+  // Asks a run to end (OnCancel, IsCancelling) and waits for its end. Without a run it returns at once, but never
+  // before OnIdle of the last run has returned.
   void Cancel();
 
   [[nodiscard]] bool IsRunning() const { return state_ != State::Idle; }
@@ -32,6 +34,7 @@ class AsyncTask {
  protected:
   // The work of one run. What it throws (std::exception) is logged and ends this run only.
   virtual void Execute() = 0;
+  // Called by Cancel, without a lock, while a run is under way.
   virtual void OnCancel() {}
   virtual ~AsyncTask();
 
@@ -41,11 +44,16 @@ class AsyncTask {
  private:
   enum class State { Idle = 0, Running = 1, Cancelling = 2 };
   void OnExecute();
+  void JoinFinishedThread();
 
   mutable std::mutex mutex_;
   std::condition_variable idle_;
   std::atomic<State> state_{State::Idle};
-  std::thread thread_;
+  std::uint64_t runs_started_ = 0;
+  std::uint64_t runs_ended_ = 0;
+  std::thread thread_;           // of the latest run
+  std::thread previous_thread_;  // of the run before, until the latest run's thread has joined it
+  std::mutex join_mutex_;        // taken before mutex_
 };
 
 }  // namespace zagent::common

@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "common/src/tasks/AsyncTask.h"
+#include "common/src/util/Clock.h"
 
 namespace zagent::common {
 
@@ -15,18 +16,21 @@ class Schedule : public AsyncTask {
  public:
   ~Schedule() override;
 
+  // Takes back an earlier RunNow, unless no thread can be made.
   void Start() override;
 
   // When the schedule next wants to run: nanoseconds since the epoch on the system clock. Called on the Scheduler's
-  // thread with the Scheduler's lock held: it returns at once and calls no Scheduler operation.
+  // thread with the Scheduler's lock held: it returns at once and calls no Scheduler operation. A schedule that wants
+  // to run may answer with the present time.
   [[nodiscard]] virtual std::int64_t NextRunTime() = 0;
 
   // Called by the Scheduler without its lock.
   virtual void OnRegistered() {}
   virtual void OnUnregistered() {}
 
-  // True when a run should start now: forced or past its time, and no run under way.
-  [[nodiscard]] bool IsDue(std::int64_t now);
+  // True when a run should start now: forced or past its time, and no run under way. The clock is read after
+  // NextRunTime, or a schedule that answers "now" would always lie a moment ahead.
+  [[nodiscard]] bool IsDue(const util::Clock& clock);
 
   // Makes the next check treat the schedule as due, whatever its time says. From any thread, and from Execute too.
   void RunNow();
@@ -36,6 +40,7 @@ class Schedule : public AsyncTask {
   void ClearOnFinished();
 
  protected:
+  // Only wakes the Scheduler.
   void Execute() override;
   void OnIdle() final;
   void FireOnFinished();

@@ -15,7 +15,8 @@ namespace zagent::common {
 // Starts each registered schedule when it is due, from one timer thread that sleeps until the earliest next run (one
 // day at the most). Holds weak pointers: a schedule that its owner destroys simply disappears.
 //
-// All operations may be called from any thread. Lock order: this class's mutex, then a schedule's; never the reverse.
+// All operations may be called from any thread, but Stop, UnregisterSchedule and RemoveAllSchedules not from the run of
+// a schedule that they would wait for. Lock order: this class's mutex, then a schedule's; never the reverse.
 class Scheduler {
  public:
   explicit Scheduler(util::Clock& clock = util::Clock::Real());
@@ -38,17 +39,27 @@ class Scheduler {
  private:
   enum class State { Stopped = 0, Running = 1, Stopping = 2 };
 
+  // Wakes the timer thread. The schedules' callbacks share it, so that a call that comes late finds it alive, and it
+  // has a mutex of its own, so that a run which ends never waits for a walk through the schedules.
+  struct WakeUp {
+    std::mutex mutex;
+    std::condition_variable condition;
+    std::atomic<bool> updated{false};
+
+    void Update();
+  };
+
   void Run();
-  void Update();
+  util::Clock::SystemTime StartDueSchedules();
+  void CancelSchedules();
   static void Detach(const std::shared_ptr<Schedule>& schedule);
 
   util::Clock& clock_;
   mutable std::mutex mutex_;
-  std::condition_variable wake_;
-  std::atomic<bool> updated_{false};
-  std::atomic<State> state_{State::Stopped};
+  std::vector<std::weak_ptr<Schedule>> schedules_;  // in the order of registration
   std::thread thread_;
-  std::vector<std::weak_ptr<Schedule>> schedules_;
+  std::atomic<State> state_{State::Stopped};  // becomes Stopping under the mutex of wake_up_
+  const std::shared_ptr<WakeUp> wake_up_ = std::make_shared<WakeUp>();
 };
 
 }  // namespace zagent::common

@@ -1,0 +1,80 @@
+#include "common/src/tasks/AsyncTask.h"
+
+#include <exception>
+#include <utility>
+
+#include "common/src/util/Log.h"
+
+namespace zagent::common {
+
+AsyncTask::~AsyncTask() {
+  Cancel();
+}
+
+void AsyncTask::Start() {
+  std::unique_lock lock(mutex_);
+  idle_.wait(lock, [this] { return state_ == State::Idle; });
+  previous_thread_ = std::move(thread_);
+  state_ = State::Running;
+  ++runs_started_;
+  try {
+    thread_ = std::thread([this] { OnExecute(); });
+  } catch (...) {
+    thread_ = std::move(previous_thread_);
+    --runs_started_;
+    state_ = State::Idle;
+    lock.unlock();
+    idle_.notify_all();
+    throw;
+  }
+}
+
+void AsyncTask::Cancel() {
+  {
+    std::unique_lock lock(mutex_);
+    if (state_ != State::Idle) {
+      // Another run may start as soon as this one has ended: only this one's end is waited for.
+      const std::uint64_t run = runs_started_;
+      state_ = State::Cancelling;
+      lock.unlock();
+      OnCancel();
+      lock.lock();
+      idle_.wait(lock, [this, run] { return runs_ended_ >= run; });
+    }
+  }
+  JoinFinishedThread();
+}
+
+void AsyncTask::JoinFinishedThread() {
+  // Held over the join, so that a second caller does not return while the first still waits for the thread.
+  const std::lock_guard join_lock(join_mutex_);
+  std::thread finished;
+  {
+    const std::lock_guard lock(mutex_);
+    if (state_ == State::Idle) finished = std::move(thread_);
+  }
+  if (finished.joinable()) finished.join();
+}
+
+void AsyncTask::OnExecute() {
+  std::thread previous;
+  {
+    const std::lock_guard lock(mutex_);
+    previous = std::move(previous_thread_);
+  }
+  if (previous.joinable()) previous.join();
+  try {
+    Execute();
+  } catch (const std::exception& error) {
+    ZLOG_ERROR("AsyncTask::OnExecute: " << error.what());
+  }
+  {
+    const std::lock_guard lock(mutex_);
+    ++runs_ended_;
+    state_ = State::Idle;
+  }
+  idle_.notify_all();
+  OnIdle();
+}
+
+}  // namespace zagent::common
