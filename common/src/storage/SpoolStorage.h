@@ -1,7 +1,10 @@
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "common/src/storage/DataFormatter.h"
@@ -11,6 +14,12 @@
 
 namespace zagent::common {
 
+namespace internal {
+class SpoolLimits;
+class SpoolStorageSchedule;
+class SpoolWorker;
+}  // namespace internal
+
 // The durable queue between event producers and the uploader: items gather in a DataFormatter and become numbered
 // files "<path>/<prefix>.<0001..9999>"; the uploader reads the oldest, sends it and deletes it.
 //
@@ -19,8 +28,10 @@ namespace zagent::common {
 // All state is rebuilt from the directory, so a spool survives restarts and kills.
 //
 // All work runs on one schedule thread. Asynchronous operations may be called from any thread; callbacks run on the
-// schedule's thread, or on the caller's when the operation is refused at once. A synchronous operation waits for its
-// task and throws StorageException when it is called from the schedule's own thread.
+// schedule's thread, or on the caller's when the operation is refused at once, and each is called exactly once: with
+// the code Unknown or false when the operation was refused or ended with an exception (which is logged). A synchronous
+// operation waits for its task; it fails the same way when no Scheduler runs the tasks (any more), and throws
+// StorageException when it is called from the schedule's own thread.
 class SpoolStorage final : public Storage {
  public:
   struct Limits {
@@ -41,10 +52,11 @@ class SpoolStorage final : public Storage {
   void ClearAsync(DoneCallback callback) override;
   bool Delete(std::unique_ptr<StorageResult> previous) override;
   void DeleteAsync(std::unique_ptr<StorageResult> previous, DoneCallback callback) override;
-  // The oldest file; an empty spool gives NotFound.
+  // The oldest file; an empty spool gives NotFound. The result is what Delete wants back.
   std::unique_ptr<StorageResult> Read() override;
   void ReadAsync(ResultCallback callback) override;
-  // Data above the largest file size throws StorageException.
+  // Data above the largest file size throws StorageException. The result of an item that only went into the cache is
+  // Success without a path; with a path it is that of the file that the cache became first.
   std::unique_ptr<StorageResult> Write(Bytes data) override;
   std::unique_ptr<StorageResult> Append(Bytes data, std::unique_ptr<StorageResult> previous) override;
   void WriteAsync(Bytes data, ResultCallback callback) override;
@@ -56,9 +68,23 @@ class SpoolStorage final : public Storage {
   [[nodiscard]] std::uint64_t GetMaxFileSize() const;
 
  private:
-  class Worker;
-  std::shared_ptr<Worker> worker_;
+  std::uint64_t PostWrite(Bytes data, ResultCallback callback, std::uint64_t limit);
+  std::uint64_t PostRead(ResultCallback callback, std::uint64_t limit);
+  std::uint64_t PostDelete(std::unique_ptr<StorageResult> previous, DoneCallback callback, std::uint64_t limit);
+
+  // Posts a task with a callback and waits for the value that the callback gets.
+  template <typename Value>
+  Value Await(const char* operation, const std::function<std::uint64_t(std::function<void(Value)>)>& post);
+  [[nodiscard]] bool CanRunTasks() const;
+
   Scheduler& scheduler_;
+  util::Clock& clock_;
+  std::unique_ptr<internal::SpoolLimits> limits_;
+  std::unique_ptr<internal::SpoolWorker> worker_;
+  std::shared_ptr<internal::SpoolStorageSchedule> schedule_;
+  std::mutex mutex_;  // one synchronous caller at a time
+  std::mutex answer_mutex_;
+  std::condition_variable answered_;
 };
 
 }  // namespace zagent::common

@@ -1,0 +1,160 @@
+#include "common/src/storage/FileOperations.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "common/src/util/ErrnoText.h"
+#include "common/src/util/Log.h"
+#include "common/src/util/UniqueFd.h"
+
+namespace zagent::common {
+namespace {
+
+using util::UniqueFd;
+
+constexpr std::size_t kSmallestReadBuffer = 4096;
+
+template <typename Call>
+auto RetryOnInterrupt(Call call) {
+  auto result = call();
+  while (result < 0 && errno == EINTR) result = call();
+  return result;
+}
+
+UniqueFd Open(const std::string& path, int flags) {
+  constexpr mode_t kMode = 0600;
+  return UniqueFd(RetryOnInterrupt([&] { return open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK, kMode); }));
+}
+
+std::unique_ptr<StorageResult> MakeResult(const std::string& path, Bytes data = {}) {
+  auto result = std::make_unique<StorageResult>();
+  result->path = path;
+  result->data = std::move(data);
+  return result;
+}
+
+// Turns errno into the result's code, before the log line can change it.
+void Fail(StorageResult& result, const char* text) {
+  const int error = errno;
+  result.code = StorageCodeFromErrno(error);
+  ZLOG_ERROR(text << result.path << ": " << util::ErrnoText(error));
+}
+
+std::unique_ptr<struct stat> Stat(int fd) {
+  auto info = std::make_unique<struct stat>();
+  if (fstat(fd, info.get()) != 0) return nullptr;
+  return info;
+}
+
+// Writes all of result.data and notes the file's attributes, after a failure too: they tell the torn file from others.
+void WriteAll(int fd, StorageResult& result) {
+  std::size_t written = 0;
+  while (written < result.data.size()) {
+    const ssize_t count =
+        RetryOnInterrupt([&] { return write(fd, result.data.data() + written, result.data.size() - written); });
+    if (count <= 0) {
+      if (count == 0) errno = EIO;
+      Fail(result, "Storage: Failed to write to ");
+      break;
+    }
+    written += static_cast<std::size_t>(count);
+  }
+  result.stat_info = Stat(fd);
+}
+
+}  // namespace
+
+std::unique_ptr<StorageResult> WriteFile(const std::string& path, Bytes data) {
+  auto result = MakeResult(path, std::move(data));
+  const UniqueFd fd = Open(path, O_WRONLY | O_CREAT | O_EXCL);
+  if (!fd) {
+    Fail(*result, "Storage: Failed to create ");
+    return result;
+  }
+  WriteAll(fd.Get(), *result);
+  return result;
+}
+
+std::unique_ptr<StorageResult> AppendFile(const std::string& path, Bytes data, const StorageResult& previous) {
+  auto result = MakeResult(path, std::move(data));
+  const UniqueFd fd = Open(path, O_WRONLY | O_EXCL | O_APPEND);
+  if (!fd) {
+    Fail(*result, "Storage: Failed to append data to ");
+    return result;
+  }
+  result->stat_info = Stat(fd.Get());
+  if (!result->stat_info) {
+    Fail(*result, "Storage: Failed to stat file ");
+    return result;
+  }
+  if (!previous.stat_info || previous.stat_info->st_ino != result->stat_info->st_ino) {
+    ZLOG_ERROR("Storage: Failed to append data, file " << path << " was changed/replaced outside");
+    result->code = StorageCode::FileReplaced;
+    return result;
+  }
+  WriteAll(fd.Get(), *result);
+  return result;
+}
+
+std::unique_ptr<StorageResult> ReadFile(const std::string& path) {
+  auto result = MakeResult(path);
+  const UniqueFd fd = Open(path, O_RDONLY);
+  if (!fd) {
+    Fail(*result, "Storage: Failed to open ");
+    return result;
+  }
+  const auto info = Stat(fd.Get());
+  if (!info) {
+    Fail(*result, "Storage: Failed to stat ");
+    return result;
+  }
+  return ReadFileDescriptor(path, *info, fd.Get(), static_cast<std::size_t>(info->st_size));
+}
+
+std::unique_ptr<StorageResult> ReadFileUpTo(const std::string& path, std::size_t max_bytes) {
+  auto result = MakeResult(path);
+  const UniqueFd fd = Open(path, O_RDONLY);
+  if (!fd) {
+    Fail(*result, "Storage: Failed to open ");
+    return result;
+  }
+  const auto info = Stat(fd.Get());
+  if (!info) {
+    Fail(*result, "FileStorage: Failed to stat ");
+    return result;
+  }
+  return ReadFileDescriptor(path, *info, fd.Get(), max_bytes);
+}
+
+std::unique_ptr<StorageResult> ReadFileDescriptor(const std::string& path, const struct stat& stat, int fd,
+                                                  std::size_t size) {
+  auto result = MakeResult(path);
+  result->stat_info = std::make_unique<struct stat>(stat);
+  if (!S_ISREG(stat.st_mode)) return result;
+
+  Bytes& data = result->data;
+  const auto expected = static_cast<std::size_t>(std::max<off_t>(stat.st_size, 0));
+  std::size_t gathered = 0;
+  while (gathered < size) {
+    // The file may hold more than its size says (procfs) and much less than the caller allows.
+    if (gathered == data.size()) {
+      data.resize(std::min(size, std::max({expected, 2 * data.size(), kSmallestReadBuffer})));
+    }
+    const ssize_t count = RetryOnInterrupt([&] { return read(fd, data.data() + gathered, data.size() - gathered); });
+    if (count < 0) {
+      Fail(*result, "Storage: Failed to read from ");
+      break;
+    }
+    if (count == 0) break;
+    gathered += static_cast<std::size_t>(count);
+  }
+  data.resize(gathered);
+  ZLOG_TRACE("Storage: Read upto " << gathered << " bytes out of" << size << " from" << path);
+  return result;
+}
+
+}  // namespace zagent::common

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace zagent::common::internal {
+
+// The names "<path>/<prefix>.<0001..9999>" of a spool and the files that bear them.
+//
+// Only regular files count: a link, a folder or a FIFO under such a name is somebody else's and is never read.
+class SpoolDirectory {
+ public:
+  struct Entry {
+    std::uint64_t index;
+    std::uint64_t size;  // bytes
+  };
+
+  SpoolDirectory(std::string path, std::string prefix, std::uint64_t max_index);
+
+  [[nodiscard]] const std::string& Path() const { return path_; }
+  [[nodiscard]] std::uint64_t MaxIndex() const { return max_index_; }
+
+  // Path of the file of an index. Throws StorageException "SpoolStorage: File index out of range".
+  [[nodiscard]] std::string FileName(std::uint64_t index) const;
+  // Index of a name without its folder; 0 for a name that is none of this spool's.
+  [[nodiscard]] std::uint64_t IndexOf(const std::string& name) const;
+  // Index of a path; 0 unless it is exactly that of one of this spool's names.
+  [[nodiscard]] std::uint64_t IndexOfPath(const std::string& path) const;
+
+  // The attributes of the regular file of an index, if there is one.
+  [[nodiscard]] std::optional<struct stat> Stat(std::uint64_t index) const;
+
+  // All files in the order of their indices. Throws StorageException with the text `operation` and errno.
+  [[nodiscard]] std::vector<Entry> List(const char* operation) const;
+
+ private:
+  std::string path_;
+  std::string prefix_;
+  std::uint64_t max_index_;
+};
+
+}  // namespace zagent::common::internal

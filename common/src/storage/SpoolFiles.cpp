@@ -1,0 +1,255 @@
+#include "common/src/storage/SpoolFiles.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <utility>
+
+#include "common/src/util/ErrnoText.h"
+#include "common/src/util/Log.h"
+#include "common/src/util/UniqueFd.h"
+
+namespace zagent::common::internal {
+namespace {
+
+using util::ErrnoText;
+
+// A file system that refuses one rename mostly refuses all: the rest is left where it is.
+constexpr int kMaxFailedRenames = 10;
+
+// The same file under any name. A deleted file's inode number is soon given to another file, whose time differs.
+bool IsSameFile(const struct stat& a, const struct stat& b) {
+  return a.st_ino == b.st_ino && a.st_dev == b.st_dev && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
+         a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
+}
+
+// Makes a write that was cut short leave nothing behind: a torn file must not bear a valid name.
+void UnlinkTornFile(const StorageResult& written) {
+  if (!written.stat_info) return;
+  struct stat now {};
+  if (lstat(written.path.c_str(), &now) != 0 || now.st_ino != written.stat_info->st_ino) return;
+  if (unlink(written.path.c_str()) != 0) {
+    ZLOG_ERROR("SpoolStorage: Failed to delete " << written.path << ": " << ErrnoText(errno));
+  }
+}
+
+// fsync of a file or folder. Returns errno, 0 where the file system has no such operation.
+int SyncToDisk(const std::string& path) {
+  const util::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
+  if (fd && fsync(fd.Get()) == 0) return 0;
+  const int error = errno;
+  if (fd && (error == EINVAL || error == ENOSYS)) return 0;
+  ZLOG_ERROR("SpoolStorage: Failed to sync " << path << ": " << ErrnoText(error));
+  return error;
+}
+
+bool IsTaken(const std::string& path) {
+  struct stat info {};
+  return lstat(path.c_str(), &info) == 0 || errno != ENOENT;
+}
+
+bool Rename(const std::string& from, const std::string& to) {
+  if (std::rename(from.c_str(), to.c_str()) != 0) {
+    ZLOG_ERROR("SpoolStorage: Failed to rename " << from << " to " << to << ": " << ErrnoText(errno));
+    return false;
+  }
+  ZLOG_TRACE("SpoolStorage: Renamed " << from << " to " << to);
+  return true;
+}
+
+}  // namespace
+
+SpoolFiles::SpoolFiles(SpoolDirectory directory, const SpoolLimits& limits, SpoolFileAccess access)
+    : directory_(std::move(directory)), limits_(limits), access_(std::move(access)) {
+  RefreshFileIndices();
+}
+
+std::unique_ptr<StorageResult> SpoolFiles::Store(Bytes& payload) {
+  const std::uint64_t size = payload.size();
+  std::uint64_t index = last_index_ + 1;
+  std::unique_ptr<StorageResult> result = WriteToFreeName(index, payload);
+  if (!result) {
+    DefragFileIndices();
+    index = last_index_ + 1;
+    result = WriteToFreeName(index, payload);
+  }
+  if (!result) {
+    ZLOG_WARNING("SpoolStorage: All valid filenames exist. Trying clean up.");
+    Cleanup(CleanupGoal::FreeName);
+    DefragFileIndices();
+    index = last_index_ + 1;
+    result = WriteToFreeName(index, payload);
+  }
+  // Each way to free a name is tried once: a folder that holds the next name may defeat both.
+  if (!result) throw StorageException("SpoolStorage::Cleanup: Failed to clean up spool files");
+  if (result->code != StorageCode::Success) return result;
+
+  if (first_index_ == 0) first_index_ = 1;
+  last_index_ = index;
+  disk_usage_ += size;
+  if (disk_usage_ >= limits_.MaxDiskSize()) CleanupAfterWrite();
+  return result;
+}
+
+// Null when every name from `index` to the last is taken. Leaves `index` at the name that was written.
+std::unique_ptr<StorageResult> SpoolFiles::WriteToFreeName(std::uint64_t& index, Bytes& payload) {
+  for (; index <= directory_.MaxIndex(); ++index) {
+    auto result = access_.write(directory_.FileName(index), std::move(payload));
+    if (result->code == StorageCode::Success) {
+      const int error = SyncToDisk(result->path);
+      if (error == 0) {
+        SyncToDisk(directory_.Path());
+        return result;
+      }
+      result->code = StorageCodeFromErrno(error);
+    }
+    payload = std::move(result->data);
+    // A stale file is stepped over, never overwritten.
+    if (result->code == StorageCode::AlreadyExists) continue;
+    UnlinkTornFile(*result);
+    return result;
+  }
+  return nullptr;
+}
+
+std::unique_ptr<StorageResult> SpoolFiles::ReadOldestFile() {
+  bool refreshed = false;
+  bool failed = false;
+  for (std::uint64_t index = first_index_; index != 0 && index <= last_index_; ++index) {
+    if (!directory_.Stat(index)) {
+      if (refreshed) continue;
+      // Somebody else took the file, or a later one was deleted before it: the directory knows where the oldest is
+      // now. Asked once a read.
+      refreshed = true;
+      RefreshFileIndices();
+      if (first_index_ == 0) break;
+      index = first_index_ - 1;
+      continue;
+    }
+    if (auto result = TryReadFile(index)) return result;
+    failed = true;
+  }
+  throw StorageException::FromErrno("SpoolStorage::ReadOldestFile", failed ? EIO : ENOENT);
+}
+
+// Null when the file cannot be read.
+std::unique_ptr<StorageResult> SpoolFiles::TryReadFile(std::uint64_t index) {
+  const std::string name = directory_.FileName(index);
+  auto result = access_.read(name);
+  if (result->code == StorageCode::Success) {
+    ZLOG_INFO("SpoolStorage: Successfully read file: " << name);
+    return result;
+  }
+  if (result->code == StorageCode::IOError) {
+    // It would be the oldest for ever.
+    ZLOG_ERROR("SpoolStorage: Failed to read file: " << name);
+    DeleteFile(index);
+  }
+  return nullptr;
+}
+
+bool SpoolFiles::Delete(const StorageResult& read) {
+  if (!read.stat_info || first_index_ == 0) return false;
+  const std::uint64_t named = directory_.IndexOfPath(read.path);
+  if (named != 0) {
+    const auto info = directory_.Stat(named);
+    if (info && IsSameFile(*info, *read.stat_info)) return DeleteFile(named);
+  }
+  ZLOG_INFO("SpoolStorage: Files have been renamed. Searching for an inode match for " << read.path);
+  for (std::uint64_t index = first_index_; index <= last_index_; ++index) {
+    const auto info = directory_.Stat(index);
+    if (info && IsSameFile(*info, *read.stat_info)) return DeleteFile(index);
+  }
+  return false;
+}
+
+bool SpoolFiles::Clear() {
+  bool all_deleted = true;
+  const std::uint64_t last = last_index_;
+  for (std::uint64_t index = std::max<std::uint64_t>(first_index_, 1); index <= last; ++index) {
+    if (!directory_.Stat(index)) continue;
+    try {
+      if (!DeleteFile(index)) all_deleted = false;
+    } catch (const StorageException&) {
+      ZLOG_ERROR("Failed to delete file with index " << index);
+      all_deleted = false;
+    }
+  }
+  RefreshFileIndices();
+  return all_deleted;
+}
+
+void SpoolFiles::CleanupAfterWrite() {
+  try {
+    Cleanup(CleanupGoal::FreeDiskSpace);
+  } catch (const StorageException& error) {
+    // The file itself is safe.
+    ZLOG_ERROR(error.what());
+  }
+}
+
+void SpoolFiles::Cleanup(CleanupGoal goal) {
+  ZLOG_INFO("SpoolStorage: Initiating cleanup...");
+  const std::uint64_t first = std::max<std::uint64_t>(first_index_, 1);
+  // The file just written is never the one that makes room for itself.
+  const std::uint64_t end = goal == CleanupGoal::FreeName ? last_index_ + 1 : last_index_;
+  bool deleted = false;
+  for (std::uint64_t index = first; index < end; ++index) {
+    if (!directory_.Stat(index) || !DeleteFile(index)) continue;
+    deleted = true;
+    if (goal == CleanupGoal::FreeName || HasFreeSpace()) break;
+  }
+  if (!deleted) throw StorageException("SpoolStorage::Cleanup: Failed to clean up spool files");
+  ZLOG_INFO("SpoolStorage: Cleanup completed. [Disk usage: " << disk_usage_ << " / " << limits_.MaxDiskSize() << " ]");
+}
+
+bool SpoolFiles::DeleteFile(std::uint64_t index) {
+  const std::string name = directory_.FileName(index);
+  std::uint64_t size = 0;
+  struct stat info {};
+  if (lstat(name.c_str(), &info) == 0) {
+    size = static_cast<std::uint64_t>(info.st_size);
+  } else {
+    ZLOG_ERROR("SpoolStorage: Failed to stat " << name << ": " << ErrnoText(errno));
+  }
+  if (unlink(name.c_str()) != 0) {
+    ZLOG_ERROR("SpoolStorage: Failed to delete " << name << ": " << ErrnoText(errno));
+    return false;
+  }
+  ZLOG_DEBUG("Deleted file: " << name << " [" << first_index_ << ", " << last_index_ << "]");
+  disk_usage_ -= std::min(size, disk_usage_.load());
+  if (index == first_index_ && ++first_index_ > last_index_) RefreshFileIndices();
+  return true;
+}
+
+void SpoolFiles::RefreshFileIndices() {
+  const auto entries = directory_.List("SpoolStorage::RefreshFileIndices");
+  std::uint64_t usage = 0;
+  for (const SpoolDirectory::Entry& entry : entries) usage += entry.size;
+  disk_usage_ = usage;
+  first_index_ = entries.empty() ? 0 : entries.front().index;
+  last_index_ = entries.empty() ? 0 : entries.back().index;
+  ZLOG_DEBUG("SpoolStorage: File indices refreshed [" << first_index_ << " - " << last_index_ << "]");
+}
+
+void SpoolFiles::DefragFileIndices() {
+  ZLOG_INFO("SpoolStorage: Starting de-fragmentation of spool file indices.");
+  int failures = 0;
+  std::uint64_t target = 1;
+  for (const SpoolDirectory::Entry& entry : directory_.List("SpoolStorage::DefragFileIndices")) {
+    bool renamed = false;
+    for (; target < entry.index && !renamed && failures < kMaxFailedRenames; ++target) {
+      if (IsTaken(directory_.FileName(target))) continue;
+      renamed = Rename(directory_.FileName(entry.index), directory_.FileName(target));
+      if (!renamed) ++failures;
+    }
+    if (!renamed) target = entry.index + 1;
+  }
+  RefreshFileIndices();
+  ZLOG_INFO("SpoolStorage: De-fragmentation completed.");
+}
+
+}  // namespace zagent::common::internal

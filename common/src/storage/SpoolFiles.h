@@ -1,0 +1,74 @@
+#pragma once
+
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "common/src/storage/FileOperations.h"
+#include "common/src/storage/SpoolDirectory.h"
+#include "common/src/storage/SpoolLimits.h"
+#include "common/src/storage/StorageResult.h"
+
+namespace zagent::common::internal {
+
+// What touches file content, so that a test can let it fail.
+struct SpoolFileAccess {
+  std::function<std::unique_ptr<StorageResult>(const std::string&, Bytes)> write = WriteFile;
+  std::function<std::unique_ptr<StorageResult>(const std::string&)> read = ReadFile;
+};
+
+// The numbered files of one spool, the oldest with the smallest index. Used by one thread at a time; DiskUsage from
+// every thread.
+class SpoolFiles {
+ public:
+  // Finds the files that an earlier run left. Throws StorageException.
+  SpoolFiles(SpoolDirectory directory, const SpoolLimits& limits, SpoolFileAccess access = {});
+  SpoolFiles(const SpoolFiles&) = delete;
+  SpoolFiles& operator=(const SpoolFiles&) = delete;
+
+  [[nodiscard]] std::uint64_t FirstIndex() const { return first_index_; }  // 0: the spool is empty
+  [[nodiscard]] std::uint64_t LastIndex() const { return last_index_; }
+  [[nodiscard]] std::uint64_t DiskUsage() const { return disk_usage_; }
+  [[nodiscard]] bool HasFreeSpace() const { return limits_.HasFreeSpace(disk_usage_); }
+
+  // Writes `payload` as the newest file, safe on disk when this returns, and lets the oldest files go when the disk
+  // limit is reached. On a failure, a StorageException too, `payload` is whole again and no part of it stays on disk.
+  // Throws StorageException when no name is free and none can be made free.
+  std::unique_ptr<StorageResult> Store(Bytes& payload);
+
+  // Throws StorageException with ENOENT when there is no file, with EIO when none can be read.
+  std::unique_ptr<StorageResult> ReadOldestFile();
+
+  // Deletes the file that `read` stands for, whatever its name is by now. False when it is not there any more.
+  bool Delete(const StorageResult& read);
+
+  // Deletes every file. False when one stayed.
+  bool Clear();
+
+  // Renames the files to the smallest free indices; their order stays. Throws StorageException.
+  void DefragFileIndices();
+  // Takes the indices and the disk usage from the directory. Throws StorageException.
+  void RefreshFileIndices();
+
+ private:
+  enum class CleanupGoal { FreeDiskSpace, FreeName };
+
+  std::unique_ptr<StorageResult> WriteToFreeName(std::uint64_t& index, Bytes& payload);
+  std::unique_ptr<StorageResult> TryReadFile(std::uint64_t index);
+  void CleanupAfterWrite();
+  void Cleanup(CleanupGoal goal);
+  bool DeleteFile(std::uint64_t index);
+
+  const SpoolDirectory directory_;
+  const SpoolLimits& limits_;
+  const SpoolFileAccess access_;
+  std::uint64_t first_index_ = 0;
+  std::uint64_t last_index_ = 0;
+  std::atomic<std::uint64_t> disk_usage_{0};
+};
+
+}  // namespace zagent::common::internal

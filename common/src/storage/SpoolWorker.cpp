@@ -1,0 +1,107 @@
+#include "common/src/storage/SpoolWorker.h"
+
+#include <cerrno>
+#include <utility>
+
+#include "common/src/util/Log.h"
+
+namespace zagent::common::internal {
+
+SpoolWorker::SpoolWorker(std::unique_ptr<DataFormatter> formatter, SpoolDirectory directory, SpoolLimits& limits,
+                         std::function<void(std::uint64_t)> schedule_sync, SpoolFileAccess access)
+    : formatter_(std::move(formatter)),
+      limits_(limits),
+      schedule_sync_(std::move(schedule_sync)),
+      files_(std::move(directory), limits, std::move(access)) {}
+
+std::unique_ptr<StorageResult> SpoolWorker::Add(const Bytes& data) {
+  const std::size_t held = formatter_->Size();
+  if (held == 0 || held + data.size() <= limits_.MaxFileSize()) {
+    ZLOG_TRACE("SpoolStorage: Added " << data.size() << " bytes to cache. Current Cache size: " << held);
+    formatter_->Append(data);
+    if (held == 0) ScheduleSync();
+    return MakeResult(StorageCode::Success);
+  }
+  auto result = FlushDataCache();
+  if (formatter_->Size() != 0) {
+    // An older payload still waits for the disk and the cache is full: there is no room for the item.
+    result->data = data;
+    return result;
+  }
+  formatter_->Append(data);
+  if (result->code == StorageCode::Success) {
+    ZLOG_INFO("SpoolStorage: Flushed cache to disk: " << result->path);
+  }
+  ScheduleSync();
+  return result;
+}
+
+void SpoolWorker::Sync() {
+  if (IsCacheEmpty()) {
+    ZLOG_TRACE("SpoolStorage: Skipping syncing of cache since there is no data.");
+    return;
+  }
+  try {
+    if (FlushDataCache()->code != StorageCode::Success) ZLOG_ERROR("SpoolStorage: Failed to sync cache.");
+  } catch (const StorageException& error) {
+    ZLOG_ERROR("SpoolStorage: Failed to sync cache. " << error.what());
+  }
+  // What could not be written is not left until somebody writes again.
+  if (!IsCacheEmpty()) ScheduleSync();
+}
+
+std::unique_ptr<StorageResult> SpoolWorker::Read() {
+  try {
+    auto result = files_.ReadOldestFile();
+    ZLOG_INFO("SpoolStorage: Read file: " << result->path);
+    result->has_free_space = HasFreeSpace();
+    return result;
+  } catch (const StorageException& error) {
+    const StorageCode code = StorageCodeFromErrno(error.Code());
+    if (code != StorageCode::NotFound) ZLOG_ERROR("SpoolStorage: Failed to read file: " << error.what());
+    return MakeResult(code == StorageCode::Success ? StorageCode::Unknown : code);
+  }
+}
+
+bool SpoolWorker::Clear() {
+  unwritten_ = Bytes();
+  formatter_->Clear();
+  return files_.Clear();
+}
+
+std::unique_ptr<StorageResult> SpoolWorker::MakeResult(StorageCode code) const {
+  auto result = std::make_unique<StorageResult>();
+  result->code = code;
+  result->has_free_space = HasFreeSpace();
+  return result;
+}
+
+std::unique_ptr<StorageResult> SpoolWorker::FlushDataCache() {
+  if (!unwritten_.empty()) {
+    auto result = StoreUnwritten();
+    if (result->code != StorageCode::Success || formatter_->Size() == 0) return result;
+  }
+  try {
+    unwritten_ = formatter_->Finish();
+    formatter_->Clear();
+  } catch (const DataFormatterException&) {
+    ZLOG_ERROR("SpoolStorage::FlushDataCache: Failed to serialize data cache. Resetting cache.");
+    formatter_->Clear();
+    return MakeResult(StorageCode::SerializationFailed);
+  }
+  return StoreUnwritten();
+}
+
+std::unique_ptr<StorageResult> SpoolWorker::StoreUnwritten() {
+  auto result = files_.Store(unwritten_);
+  result->has_free_space = HasFreeSpace();
+  return result;
+}
+
+void SpoolWorker::ScheduleSync() {
+  const std::uint64_t seconds = limits_.MaxFileAge();
+  schedule_sync_(seconds);
+  ZLOG_TRACE("SpoolStorage: Scheduled cache sync after " << seconds << " seconds.");
+}
+
+}  // namespace zagent::common::internal

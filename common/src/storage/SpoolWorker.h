@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "common/src/storage/DataFormatter.h"
+#include "common/src/storage/SpoolFiles.h"
+#include "common/src/storage/SpoolLimits.h"
+#include "common/src/storage/StorageResult.h"
+
+namespace zagent::common::internal {
+
+// What the tasks of a spool do: the cache (a formatter) in front of the files. Used by one thread at a time; the
+// limits and HasFreeSpace from every thread.
+//
+// Operations throw DataFormatterException and StorageException; file failures come back as codes.
+class SpoolWorker {
+ public:
+  // `schedule_sync` is called with the seconds after which Sync is wanted.
+  SpoolWorker(std::unique_ptr<DataFormatter> formatter, SpoolDirectory directory, SpoolLimits& limits,
+              std::function<void(std::uint64_t)> schedule_sync, SpoolFileAccess access = {});
+
+  // Takes one item into the cache, which becomes a file first when the item would make it larger than one file.
+  // The result is that of the file, if there was one.
+  std::unique_ptr<StorageResult> Add(const Bytes& data);
+
+  // Makes a file of what the cache holds.
+  void Sync();
+
+  // The oldest file. A failure is a code; an empty spool gives NotFound.
+  std::unique_ptr<StorageResult> Read();
+
+  bool Delete(const StorageResult& read) { return files_.Delete(read); }
+
+  // Deletes the files and empties the cache.
+  bool Clear();
+
+  // A result that only says how much room there is.
+  [[nodiscard]] std::unique_ptr<StorageResult> MakeResult(StorageCode code) const;
+  [[nodiscard]] bool HasFreeSpace() const { return files_.HasFreeSpace(); }
+
+ private:
+  [[nodiscard]] bool IsCacheEmpty() const { return unwritten_.empty() && formatter_->Size() == 0; }
+  std::unique_ptr<StorageResult> FlushDataCache();
+  std::unique_ptr<StorageResult> StoreUnwritten();
+  void ScheduleSync();
+
+  const std::unique_ptr<DataFormatter> formatter_;
+  SpoolLimits& limits_;
+  const std::function<void(std::uint64_t)> schedule_sync_;
+  SpoolFiles files_;
+  // The payload of a flush that failed: it is tried again before the next one, so there is never more than one.
+  Bytes unwritten_;
+};
+
+}  // namespace zagent::common::internal
