@@ -1,0 +1,234 @@
+#include "common/src/storage/FileOperations.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <string>
+
+#include "common/src/util/UniqueFd.h"
+#include "tests/fakes/FakeDataFormatter.h"
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/TempFolder.h"
+
+namespace zagent::common {
+namespace {
+
+using fakes::ToBytes;
+using fakes::ToText;
+using Poco::Message;
+
+// No file may become longer than `bytes` while it lives.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) {
+    old_handler_ = std::signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &old_);
+    const rlimit limit{bytes, old_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  FileSizeLimit(const FileSizeLimit&) = delete;
+  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+  ~FileSizeLimit() {
+    setrlimit(RLIMIT_FSIZE, &old_);
+    std::signal(SIGXFSZ, old_handler_);
+  }
+
+ private:
+  rlimit old_{};
+  void (*old_handler_)(int) = nullptr;
+};
+
+class FileOperationsTest : public ::testing::Test {
+ protected:
+  const fakes::TempFolder folder_;
+  const std::string path_ = folder_ / "item";
+  const fakes::LogCapture log_;
+};
+
+TEST_F(FileOperationsTest, WriteCreatesAPrivateFileAndHandsItsAttributesBack) {
+  const auto result = WriteFile(path_, ToBytes("hello"));
+  EXPECT_EQ(result->code, StorageCode::Success);
+  EXPECT_EQ(result->path, path_);
+  EXPECT_EQ(ToText(result->data), "hello");
+  ASSERT_TRUE(result->stat_info);
+  EXPECT_EQ(result->stat_info->st_size, 5);
+  EXPECT_EQ(result->stat_info->st_mode & 07777, 0600U);
+  EXPECT_EQ(folder_.Read("item"), "hello");
+}
+
+TEST_F(FileOperationsTest, WriteNeverOverwrites) {
+  folder_.Write("item", "old");
+  const auto result = WriteFile(path_, ToBytes("new"));
+  EXPECT_EQ(result->code, StorageCode::AlreadyExists);
+  EXPECT_EQ(ToText(result->data), "new") << "the data was not handed back";
+  EXPECT_FALSE(result->stat_info);
+  EXPECT_EQ(folder_.Read("item"), "old");
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "]: Storage: Failed to create " + path_ + ": File exists (17)"))
+      << log_.All();
+}
+
+TEST_F(FileOperationsTest, WriteDoesNotFollowADanglingLink) {
+  std::filesystem::create_symlink(folder_ / "elsewhere", path_);
+  EXPECT_EQ(WriteFile(path_, ToBytes("new"))->code, StorageCode::AlreadyExists);
+  EXPECT_FALSE(std::filesystem::exists(folder_ / "elsewhere"));
+}
+
+TEST_F(FileOperationsTest, AWriteThatIsCutShortLeavesItsPartAndSaysWhichFileItIs) {
+  std::unique_ptr<StorageResult> result;
+  {
+    const FileSizeLimit limit(3);
+    result = WriteFile(path_, ToBytes("hello"));
+  }
+  EXPECT_EQ(result->code, StorageCode::Unknown);
+  EXPECT_EQ(ToText(result->data), "hello");
+  ASSERT_TRUE(result->stat_info);
+  EXPECT_EQ(result->stat_info->st_size, 3);
+  EXPECT_EQ(folder_.Read("item"), "hel");
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "Storage: Failed to write to " + path_ + ": File too large (27)"))
+      << log_.All();
+}
+
+TEST_F(FileOperationsTest, AppendAddsToTheFileOfTheEarlierResult) {
+  const auto written = WriteFile(path_, ToBytes("one"));
+  const auto appended = AppendFile(path_, ToBytes("two"), *written);
+  EXPECT_EQ(appended->code, StorageCode::Success);
+  ASSERT_TRUE(appended->stat_info);
+  EXPECT_EQ(appended->stat_info->st_size, 6);
+  EXPECT_EQ(AppendFile(path_, ToBytes("!"), *appended)->code, StorageCode::Success);
+  EXPECT_EQ(folder_.Read("item"), "onetwo!");
+}
+
+TEST_F(FileOperationsTest, AppendNeverCreatesAFile) {
+  const auto written = WriteFile(path_, ToBytes("one"));
+  std::filesystem::remove(path_);
+  const auto appended = AppendFile(path_, ToBytes("two"), *written);
+  EXPECT_EQ(appended->code, StorageCode::NotFound);
+  EXPECT_EQ(ToText(appended->data), "two");
+  EXPECT_FALSE(std::filesystem::exists(path_));
+  EXPECT_TRUE(
+      log_.Has(Message::PRIO_ERROR, "Storage: Failed to append data to " + path_ + ": No such file or directory (2)"))
+      << log_.All();
+}
+
+TEST_F(FileOperationsTest, AppendLeavesAReplacedFileAlone) {
+  const auto written = WriteFile(path_, ToBytes("one"));
+  folder_.Write("other", "stranger");
+  std::filesystem::rename(folder_ / "other", path_);
+  EXPECT_EQ(AppendFile(path_, ToBytes("two"), *written)->code, StorageCode::FileReplaced);
+  EXPECT_EQ(AppendFile(path_, ToBytes("two"), StorageResult())->code, StorageCode::FileReplaced);
+  EXPECT_EQ(folder_.Read("item"), "stranger");
+  EXPECT_TRUE(
+      log_.Has(Message::PRIO_ERROR, "Storage: Failed to append data, file " + path_ + " was changed/replaced outside"))
+      << log_.All();
+}
+
+TEST_F(FileOperationsTest, ReadGivesTheWholeFile) {
+  // Larger than any buffer that is taken at once, and no multiple of one.
+  const std::string text(300'001, 'x');
+  folder_.Write("item", text);
+  const auto result = ReadFile(path_);
+  EXPECT_EQ(result->code, StorageCode::Success);
+  EXPECT_EQ(ToText(result->data), text);
+  EXPECT_EQ(result->path, path_);
+  ASSERT_TRUE(result->stat_info);
+  EXPECT_EQ(result->stat_info->st_size, 300'001);
+  EXPECT_TRUE(log_.Has(Message::PRIO_TRACE, "Storage: Read upto 300001 bytes out of300001 from" + path_)) << log_.All();
+}
+
+TEST_F(FileOperationsTest, AnEmptyFileReadsAsNoData) {
+  folder_.Write("item", "");
+  const auto result = ReadFile(path_);
+  EXPECT_EQ(result->code, StorageCode::Success);
+  EXPECT_TRUE(result->data.empty());
+  EXPECT_TRUE(result->stat_info);
+}
+
+TEST_F(FileOperationsTest, ReadSaysWhenThereIsNoFile) {
+  const auto result = ReadFile(path_);
+  EXPECT_EQ(result->code, StorageCode::NotFound);
+  EXPECT_FALSE(result->stat_info);
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "]: Storage: Failed to open " + path_ + ": No such file or directory (2)"))
+      << log_.All();
+  EXPECT_EQ(ReadFile(folder_.Write("file", "") + "/below")->code, StorageCode::NotAFile);
+}
+
+TEST_F(FileOperationsTest, OnlyRegularFilesAreReadAndNothingBlocks) {
+  ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
+  for (const std::string& path : {path_, folder_.Path(), std::string("/dev/zero")}) {
+    for (const auto& result : {ReadFile(path), ReadFileUpTo(path, 100)}) {
+      EXPECT_EQ(result->code, StorageCode::Success) << path;
+      EXPECT_TRUE(result->data.empty()) << path;
+      EXPECT_TRUE(result->stat_info) << path;
+    }
+  }
+  // Nobody reads the FIFO: a writer that waited would wait for ever.
+  EXPECT_EQ(AppendFile(path_, ToBytes("x"), StorageResult())->code, StorageCode::Unknown);
+}
+
+TEST_F(FileOperationsTest, ReadUpToStopsAtTheGivenNumberOfBytes) {
+  folder_.Write("item", "0123456789");
+  EXPECT_EQ(ToText(ReadFileUpTo(path_, 4)->data), "0123");
+  EXPECT_EQ(ToText(ReadFileUpTo(path_, 10)->data), "0123456789");
+  const auto generous = ReadFileUpTo(path_, std::size_t{1} << 40);
+  EXPECT_EQ(ToText(generous->data), "0123456789");
+  EXPECT_LT(generous->data.capacity(), std::size_t{1} << 20);
+  EXPECT_TRUE(ReadFileUpTo(path_, 0)->data.empty());
+  EXPECT_EQ(ReadFileUpTo(folder_ / "none", 4)->code, StorageCode::NotFound);
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "Storage: Failed to open " + (folder_ / "none")));
+}
+
+TEST_F(FileOperationsTest, AFileThatShrankIsNoFailure) {
+  folder_.Write("item", "12345");
+  const util::UniqueFd fd(open(path_.c_str(), O_RDONLY | O_CLOEXEC));
+  struct stat before {};
+  ASSERT_EQ(fstat(fd.Get(), &before), 0);
+  std::filesystem::resize_file(path_, 2);
+  const auto result = ReadFileDescriptor(path_, before, fd.Get(), 5);
+  EXPECT_EQ(result->code, StorageCode::Success);
+  EXPECT_EQ(ToText(result->data), "12");
+  ASSERT_TRUE(result->stat_info);
+  EXPECT_EQ(result->stat_info->st_ino, before.st_ino);
+}
+
+TEST_F(FileOperationsTest, AFailingReadIsACodeAndALine) {
+  folder_.Write("item", "12345");
+  const util::UniqueFd write_only(open(path_.c_str(), O_WRONLY | O_CLOEXEC));
+  struct stat info {};
+  ASSERT_EQ(fstat(write_only.Get(), &info), 0);
+  const auto result = ReadFileDescriptor(path_, info, write_only.Get(), 5);
+  EXPECT_EQ(result->code, StorageCode::Unknown);
+  EXPECT_TRUE(result->data.empty());
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "Storage: Failed to read from " + path_ + ": Bad file descriptor (9)"))
+      << log_.All();
+}
+
+TEST(StorageCodeTest, MapsErrnoToCodes) {
+  EXPECT_EQ(StorageCodeFromErrno(ENOENT), StorageCode::NotFound);
+  EXPECT_EQ(StorageCodeFromErrno(EEXIST), StorageCode::AlreadyExists);
+  EXPECT_EQ(StorageCodeFromErrno(EIO), StorageCode::IOError);
+  EXPECT_EQ(StorageCodeFromErrno(ENOTDIR), StorageCode::NotAFile);
+  EXPECT_EQ(StorageCodeFromErrno(EISDIR), StorageCode::NotAFile);
+  EXPECT_EQ(StorageCodeFromErrno(EINVAL), StorageCode::FileReplaced);
+  EXPECT_EQ(StorageCodeFromErrno(EPERM), StorageCode::PermissionDenied);
+  EXPECT_EQ(StorageCodeFromErrno(EACCES), StorageCode::PermissionDenied);
+  EXPECT_EQ(StorageCodeFromErrno(EBADF), StorageCode::Unknown);
+  EXPECT_EQ(StorageCodeFromErrno(23), StorageCode::Unknown);
+  EXPECT_EQ(StorageCodeFromErrno(ENOSPC), StorageCode::Unknown);
+  EXPECT_EQ(StorageCodeFromErrno(-1), StorageCode::Unknown);
+}
+
+TEST(StorageExceptionTest, JoinsItsMessageWithTheWordsOfTheCode) {
+  const StorageException error = StorageException::FromErrno("Spool", ENOENT);
+  EXPECT_STREQ(error.what(), "Spool: No such file or directory (2)");
+  EXPECT_EQ(error.Code(), ENOENT);
+  EXPECT_STREQ(StorageException("alone").what(), "alone");
+  EXPECT_EQ(StorageException("alone").Code(), 0);
+}
+
+}  // namespace
+}  // namespace zagent::common

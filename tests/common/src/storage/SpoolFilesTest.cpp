@@ -1,0 +1,425 @@
+#include "common/src/storage/SpoolFiles.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tests/fakes/FakeDataFormatter.h"
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/TempFolder.h"
+
+namespace zagent::common::internal {
+namespace {
+
+using fakes::ToBytes;
+using fakes::ToText;
+using Poco::Message;
+
+class SpoolFilesTest : public ::testing::Test {
+ protected:
+  SpoolFilesTest() { limits_.Apply(1, 600, 100); }
+
+  SpoolFiles& Open(std::uint64_t max_index = 9999, SpoolFileAccess access = {}) {
+    files_ =
+        std::make_unique<SpoolFiles>(SpoolDirectory(folder_.Path(), "events", max_index), limits_, std::move(access));
+    return *files_;
+  }
+
+  [[nodiscard]] std::string Path(std::uint64_t index) const {
+    return SpoolDirectory(folder_.Path(), "events", 9999).FileName(index);
+  }
+
+  void Put(std::uint64_t index, const std::string& text) const {
+    folder_.Write(std::filesystem::path(Path(index)).filename(), text);
+  }
+
+  // Content of the spool's names by index; "-" where there is no regular file.
+  [[nodiscard]] std::string Content(std::uint64_t from, std::uint64_t to) const {
+    std::string all;
+    for (std::uint64_t index = from; index <= to; ++index) {
+      const bool regular = std::filesystem::symlink_status(Path(index)).type() == std::filesystem::file_type::regular;
+      all += (all.empty() ? "" : " ") +
+             (regular ? folder_.Read(std::filesystem::path(Path(index)).filename()) : std::string("-"));
+    }
+    return all;
+  }
+
+  std::unique_ptr<StorageResult> Store(const std::string& text) {
+    Bytes payload = ToBytes(text);
+    return files_->Store(payload);
+  }
+
+  // Text and code of what ReadOldestFile throws.
+  std::string ReadError() {
+    try {
+      files_->ReadOldestFile();
+    } catch (const StorageException& error) {
+      return error.what();
+    }
+    return "";
+  }
+
+  const fakes::TempFolder folder_;
+  SpoolLimits limits_;
+  std::unique_ptr<SpoolFiles> files_;
+  const fakes::LogCapture log_;
+};
+
+TEST_F(SpoolFilesTest, FindsTheFilesOfAnEarlierRun) {
+  Put(7, "seven");
+  Put(3, "three");
+  SpoolFiles& files = Open();
+  EXPECT_EQ(files.FirstIndex(), 3U);
+  EXPECT_EQ(files.LastIndex(), 7U);
+  EXPECT_EQ(files.DiskUsage(), 10U);
+  EXPECT_TRUE(log_.Has(Message::PRIO_DEBUG, "]: SpoolStorage: File indices refreshed [3 - 7]")) << log_.All();
+  EXPECT_EQ(Store("eight")->path, Path(8));
+  EXPECT_EQ(files.LastIndex(), 8U);
+  EXPECT_EQ(files.DiskUsage(), 15U);
+}
+
+TEST_F(SpoolFilesTest, IgnoresForeignFiles) {
+  for (const char* name : {"events.abc", "events.0", "events.123", "events.00012", "others.0001"}) {
+    folder_.Write(name, "foreign");
+  }
+  SpoolFiles& files = Open();
+  EXPECT_EQ(files.FirstIndex(), 0U);
+  EXPECT_EQ(files.DiskUsage(), 0U);
+  EXPECT_TRUE(files.Clear());
+  EXPECT_EQ(folder_.Read("events.123"), "foreign");
+}
+
+TEST_F(SpoolFilesTest, GivesTheOldestFileFirst) {
+  SpoolFiles& files = Open();
+  Store("first");
+  Store("second");
+  auto read = files.ReadOldestFile();
+  EXPECT_EQ(ToText(read->data), "first");
+  EXPECT_TRUE(log_.Has(Message::PRIO_INFORMATION, "SpoolStorage: Successfully read file: " + Path(1))) << log_.All();
+  EXPECT_EQ(ToText(files.ReadOldestFile()->data), "first") << "reading takes nothing away";
+  EXPECT_TRUE(files.Delete(*read));
+  EXPECT_TRUE(log_.Has(Message::PRIO_DEBUG, "Deleted file: " + Path(1) + " [1, 2]")) << log_.All();
+  EXPECT_EQ(files.DiskUsage(), 6U);
+  EXPECT_EQ(ToText(files.ReadOldestFile()->data), "second");
+}
+
+TEST_F(SpoolFilesTest, IsEmptyAgainWhenTheLastFileIsGone) {
+  SpoolFiles& files = Open();
+  Store("only");
+  EXPECT_TRUE(files.Delete(*files.ReadOldestFile()));
+  EXPECT_EQ(files.FirstIndex(), 0U);
+  EXPECT_EQ(files.LastIndex(), 0U);
+  EXPECT_EQ(ReadError(), "SpoolStorage::ReadOldestFile: No such file or directory (2)");
+  EXPECT_EQ(Store("next")->path, Path(1));
+}
+
+TEST_F(SpoolFilesTest, StepsOverAStaleFileInsteadOfOverwritingIt) {
+  SpoolFiles& files = Open();
+  Put(1, "stale");
+  EXPECT_EQ(Store("new")->path, Path(2));
+  EXPECT_EQ(Content(1, 2), "stale new");
+  EXPECT_EQ(files.LastIndex(), 2U);
+}
+
+TEST_F(SpoolFilesTest, ASpoolWhoseFilesAreGoneIsEmptyWithoutAnErrorLine) {
+  SpoolFiles& files = Open();
+  Store("first");
+  Store("second");
+  std::filesystem::remove(Path(1));
+  std::filesystem::remove(Path(2));
+  EXPECT_EQ(ReadError(), "SpoolStorage::ReadOldestFile: No such file or directory (2)");
+  EXPECT_EQ(files.FirstIndex(), 0U);
+  EXPECT_EQ(files.DiskUsage(), 0U);
+  EXPECT_FALSE(log_.Has(Message::PRIO_ERROR, "")) << log_.All();
+}
+
+TEST_F(SpoolFilesTest, TheOldestIndexAdvancesOverMissingFiles) {
+  SpoolFiles& files = Open();
+  for (const char* text : {"a", "b", "c"}) Store(text);
+  std::filesystem::remove(Path(1));
+  std::filesystem::remove(Path(2));
+  EXPECT_EQ(ToText(files.ReadOldestFile()->data), "c");
+  EXPECT_EQ(files.FirstIndex(), 3U);
+  EXPECT_EQ(files.DiskUsage(), 1U);
+  EXPECT_FALSE(log_.Has(Message::PRIO_ERROR, "")) << log_.All();
+}
+
+TEST_F(SpoolFilesTest, AFileThatCannotBeReadDisappearsAndTheNextOneIsGiven) {
+  SpoolFileAccess access;
+  access.read = [this](const std::string& path) {
+    auto result = ReadFile(path);
+    if (path != Path(2)) result->code = StorageCode::IOError;
+    return result;
+  };
+  Put(1, "bad");
+  Put(2, "good");
+  Put(3, "bad");
+  SpoolFiles& files = Open(9999, access);
+  EXPECT_EQ(ToText(files.ReadOldestFile()->data), "good");
+  EXPECT_EQ(Content(1, 3), "- good bad");
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "SpoolStorage: Failed to read file: " + Path(1))) << log_.All();
+  std::filesystem::remove(Path(2));
+  EXPECT_EQ(ReadError(), "SpoolStorage::ReadOldestFile: Input/output error (5)");
+  EXPECT_EQ(Content(1, 3), "- - -");
+}
+
+TEST_F(SpoolFilesTest, SaysWhatCannotBeDeleted) {
+  SpoolFileAccess access;
+  access.read = [](const std::string& path) {
+    auto result = ReadFile(path);
+    result->code = StorageCode::IOError;
+    unlink(path.c_str());
+    return result;
+  };
+  Put(1, "gone");
+  Open(9999, access);
+  EXPECT_EQ(ReadError(), "SpoolStorage::ReadOldestFile: Input/output error (5)");
+  const std::string reason = Path(1) + ": No such file or directory (2)";
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "SpoolStorage: Failed to stat " + reason)) << log_.All();
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "SpoolStorage: Failed to delete " + reason)) << log_.All();
+}
+
+TEST_F(SpoolFilesTest, AFileThatMayNotBeReadIsPassedAndStays) {
+  SpoolFileAccess access;
+  access.read = [this](const std::string& path) {
+    auto result = ReadFile(path);
+    if (path == Path(1)) result->code = StorageCode::PermissionDenied;
+    return result;
+  };
+  Put(1, "secret");
+  Put(2, "open");
+  SpoolFiles& files = Open(9999, access);
+  EXPECT_EQ(ToText(files.ReadOldestFile()->data), "open");
+  EXPECT_EQ(Content(1, 2), "secret open");
+}
+
+TEST_F(SpoolFilesTest, NeverReadsWhatIsNoRegularFile) {
+  SpoolFiles& files = Open();
+  for (const char* text : {"a", "b", "c", "d"}) Store(text);
+  for (const std::uint64_t index : {1, 2, 3}) std::filesystem::remove(Path(index));
+  std::filesystem::create_directory(Path(1));
+  ASSERT_EQ(mkfifo(Path(2).c_str(), 0600), 0);
+  std::filesystem::create_symlink(folder_.Write("secret", "secret"), Path(3));
+  EXPECT_EQ(ToText(files.ReadOldestFile()->data), "d");
+}
+
+TEST_F(SpoolFilesTest, DefragmentationClosesTheGapsAndKeepsTheOrder) {
+  Put(2, "a");
+  Put(5, "b");
+  Put(6, "c");
+  Put(9, "d");
+  std::filesystem::create_directory(Path(3));
+  SpoolFiles& files = Open();
+  files.DefragFileIndices();
+  EXPECT_EQ(Content(1, 9), "a b - c d - - - -");
+  EXPECT_EQ(files.FirstIndex(), 1U);
+  EXPECT_EQ(files.LastIndex(), 5U);
+  EXPECT_TRUE(log_.Has(Message::PRIO_INFORMATION, "SpoolStorage: Starting de-fragmentation of spool file indices."));
+  EXPECT_TRUE(log_.Has(Message::PRIO_TRACE, "SpoolStorage: Renamed " + Path(2) + " to " + Path(1))) << log_.All();
+  EXPECT_TRUE(log_.Has(Message::PRIO_INFORMATION, "SpoolStorage: De-fragmentation completed."));
+}
+
+TEST_F(SpoolFilesTest, DefragmentationLeavesAFullRangeAlone) {
+  for (std::uint64_t index = 1; index <= 4; ++index) Put(index, std::to_string(index));
+  std::filesystem::remove(Path(4));
+  std::filesystem::create_directory(Path(4));
+  Put(5, "5");
+  SpoolFiles& files = Open();
+  files.DefragFileIndices();
+  EXPECT_EQ(Content(1, 6), "1 2 3 - 5 -");
+  EXPECT_EQ(files.LastIndex(), 5U);
+}
+
+TEST_F(SpoolFilesTest, AtTheEndOfTheNamesTheGapsAreUsed) {
+  for (const std::uint64_t index : {6, 8, 9999}) Put(index, std::to_string(index));
+  SpoolFiles& files = Open();
+  EXPECT_EQ(Store("new")->path, Path(4));
+  EXPECT_EQ(Content(1, 4), "6 8 9999 new");
+  EXPECT_EQ(files.FirstIndex(), 1U);
+  EXPECT_EQ(files.LastIndex(), 4U);
+}
+
+TEST_F(SpoolFilesTest, DeletesAFileUnderItsNewName) {
+  for (const std::uint64_t index : {4, 8}) Put(index, std::to_string(index));
+  SpoolFiles& files = Open();
+  const auto read = files.ReadOldestFile();
+  files.DefragFileIndices();
+  EXPECT_TRUE(files.Delete(*read));
+  EXPECT_EQ(Content(1, 2), "- 8");
+  EXPECT_TRUE(log_.Has(Message::PRIO_INFORMATION,
+                       "SpoolStorage: Files have been renamed. Searching for an inode match for " + Path(4)))
+      << log_.All();
+}
+
+TEST_F(SpoolFilesTest, NeverDeletesAnotherFileThatGotTheNameOrTheInode) {
+  Put(1, "read");
+  Put(2, "other");
+  SpoolFiles& files = Open();
+  auto read = files.ReadOldestFile();
+  std::filesystem::rename(Path(2), Path(1));
+  EXPECT_FALSE(files.Delete(*read));
+  EXPECT_EQ(Content(1, 2), "other -");
+  // An inode number comes back for a new file; the times tell the two apart.
+  struct stat other {};
+  ASSERT_EQ(stat(Path(1).c_str(), &other), 0);
+  read->stat_info->st_ino = other.st_ino;
+  read->stat_info->st_mtim.tv_sec = other.st_mtim.tv_sec - 1;
+  EXPECT_FALSE(files.Delete(*read));
+  EXPECT_EQ(Content(1, 1), "other");
+}
+
+TEST_F(SpoolFilesTest, DeleteNeedsAReadFile) {
+  SpoolFiles& files = Open();
+  EXPECT_FALSE(files.Delete(StorageResult())) << "an empty spool";
+  Store("first");
+  EXPECT_FALSE(files.Delete(StorageResult())) << "no attributes";
+  auto read = files.ReadOldestFile();
+  EXPECT_TRUE(files.Delete(*read));
+  EXPECT_FALSE(files.Delete(*read)) << "deleted already";
+}
+
+TEST_F(SpoolFilesTest, OldFilesGoWhenTheDiskLimitIsReached) {
+  SpoolFiles& files = Open();
+  limits_.Apply(1, 600, 300);
+  const std::string chunk(300 * 1024, 'x');
+  for (int i = 0; i < 3; ++i) Store(chunk);
+  EXPECT_EQ(files.FirstIndex(), 1U);
+  EXPECT_FALSE(files.HasFreeSpace());
+  Store(chunk);
+  // 1200 KiB are above the limit; with two files there is room for a third again.
+  EXPECT_EQ(files.FirstIndex(), 3U);
+  EXPECT_EQ(files.LastIndex(), 4U);
+  EXPECT_EQ(files.DiskUsage(), 600U * 1024);
+  EXPECT_TRUE(files.HasFreeSpace());
+  EXPECT_TRUE(log_.Has(Message::PRIO_INFORMATION, "SpoolStorage: Initiating cleanup..."));
+  EXPECT_TRUE(log_.Has(Message::PRIO_INFORMATION, "SpoolStorage: Cleanup completed. [Disk usage: 614400 / 1048576 ]"))
+      << log_.All();
+}
+
+TEST_F(SpoolFilesTest, TheNewestFileNeverGoesForItself) {
+  SpoolFiles& files = Open();
+  limits_.Apply(1, 600, 600);
+  const std::string chunk(600 * 1024, 'x');
+  Store(chunk);
+  EXPECT_EQ(Store(chunk)->code, StorageCode::Success);
+  EXPECT_EQ(files.FirstIndex(), 2U);
+  EXPECT_EQ(files.LastIndex(), 2U);
+}
+
+TEST_F(SpoolFilesTest, WithEveryNameTakenTheOldestFileGoes) {
+  SpoolFiles& files = Open(3);
+  for (const char* text : {"a", "b", "c"}) Store(text);
+  EXPECT_EQ(Store("d")->code, StorageCode::Success);
+  EXPECT_EQ(Content(1, 3), "b c d");
+  EXPECT_EQ(files.DiskUsage(), 3U);
+  EXPECT_TRUE(log_.Has(Message::PRIO_WARNING, "SpoolStorage: All valid filenames exist. Trying clean up."))
+      << log_.All();
+}
+
+TEST_F(SpoolFilesTest, OneNameIsEnough) {
+  Open(1);
+  EXPECT_EQ(Store("a")->path, Path(1));
+  EXPECT_EQ(Store("b")->path, Path(1));
+  EXPECT_EQ(Content(1, 2), "b -");
+}
+
+TEST_F(SpoolFilesTest, AFolderInTheLastFreeNameEndsInAnErrorNotInALoop) {
+  std::filesystem::create_directory(Path(1));
+  std::filesystem::create_symlink(folder_ / "nowhere", Path(2));
+  SpoolFiles& files = Open(2);
+  Bytes payload = ToBytes("precious");
+  try {
+    files.Store(payload);
+    FAIL() << "nothing was thrown";
+  } catch (const StorageException& error) {
+    EXPECT_STREQ(error.what(), "SpoolStorage::Cleanup: Failed to clean up spool files");
+  }
+  EXPECT_EQ(ToText(payload), "precious");
+  EXPECT_EQ(log_.Count("SpoolStorage: Starting de-fragmentation"), 1);
+  EXPECT_TRUE(std::filesystem::is_directory(Path(1)));
+}
+
+TEST_F(SpoolFilesTest, AFolderInTheNextNameCostsTheOldestFileOnly) {
+  for (const char* text : {"a", "b"}) Put(text[0] - 'a' + 1U, text);
+  std::filesystem::create_directory(Path(3));
+  Open(3);
+  EXPECT_EQ(Store("c")->path, Path(2));
+  EXPECT_EQ(Content(1, 3), "b c -");
+}
+
+TEST_F(SpoolFilesTest, ATornFileIsRemovedAndThePayloadHandedBack) {
+  SpoolFileAccess access;
+  access.write = [](const std::string& path, Bytes data) {
+    const std::string text = ToText(data);
+    auto result = WriteFile(path, ToBytes(text.substr(0, 3)));
+    result->data = std::move(data);
+    result->code = StorageCode::Unknown;
+    return result;
+  };
+  SpoolFiles& files = Open(9999, access);
+  Bytes payload = ToBytes("precious");
+  EXPECT_EQ(files.Store(payload)->code, StorageCode::Unknown);
+  EXPECT_EQ(ToText(payload), "precious");
+  EXPECT_FALSE(std::filesystem::exists(Path(1)));
+  EXPECT_EQ(files.LastIndex(), 0U);
+  EXPECT_EQ(files.DiskUsage(), 0U);
+}
+
+TEST_F(SpoolFilesTest, ATornFileThatChangedHandsStays) {
+  SpoolFileAccess access;
+  access.write = [this](const std::string& path, Bytes data) {
+    auto result = WriteFile(path, std::move(data));
+    result->code = StorageCode::Unknown;
+    std::filesystem::rename(folder_.Write("stranger", "stranger"), path);
+    return result;
+  };
+  Open(9999, access);
+  EXPECT_EQ(Store("text")->code, StorageCode::Unknown);
+  EXPECT_EQ(Content(1, 1), "stranger");
+}
+
+TEST_F(SpoolFilesTest, AFileThatIsNotSafeOnDiskDoesNotCount) {
+  SpoolFileAccess access;
+  access.write = [](const std::string& path, Bytes data) {
+    auto result = WriteFile(path, std::move(data));
+    unlink(path.c_str());  // so that it cannot be opened to be synced
+    return result;
+  };
+  SpoolFiles& files = Open(9999, access);
+  Bytes payload = ToBytes("precious");
+  EXPECT_EQ(files.Store(payload)->code, StorageCode::NotFound);
+  EXPECT_EQ(ToText(payload), "precious");
+  EXPECT_EQ(files.LastIndex(), 0U);
+  EXPECT_TRUE(
+      log_.Has(Message::PRIO_ERROR, "SpoolStorage: Failed to sync " + Path(1) + ": No such file or directory (2)"))
+      << log_.All();
+}
+
+TEST_F(SpoolFilesTest, ClearDeletesEverythingAndStepsOverGaps) {
+  for (const std::uint64_t index : {2, 5, 7}) Put(index, "x");
+  SpoolFiles& files = Open();
+  EXPECT_TRUE(files.Clear());
+  EXPECT_EQ(Content(1, 7), "- - - - - - -");
+  EXPECT_EQ(files.FirstIndex(), 0U);
+  EXPECT_EQ(files.DiskUsage(), 0U);
+  EXPECT_FALSE(log_.Has(Message::PRIO_ERROR, "")) << log_.All();
+  EXPECT_TRUE(files.Clear()) << "an empty spool";
+}
+
+TEST_F(SpoolFilesTest, AVanishedFolderIsAFailureAndComesBack) {
+  SpoolFiles& files = Open();
+  Store("first");
+  std::filesystem::rename(folder_.Path(), folder_.Path() + ".away");
+  EXPECT_EQ(Store("second")->code, StorageCode::NotFound);
+  std::filesystem::rename(folder_.Path() + ".away", folder_.Path());
+  EXPECT_EQ(Store("third")->code, StorageCode::Success);
+  EXPECT_EQ(ToText(files.ReadOldestFile()->data), "first");
+}
+
+}  // namespace
+}  // namespace zagent::common::internal

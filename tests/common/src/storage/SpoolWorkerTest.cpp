@@ -1,0 +1,215 @@
+#include "common/src/storage/SpoolWorker.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tests/fakes/FakeDataFormatter.h"
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/TempFolder.h"
+
+namespace zagent::common::internal {
+namespace {
+
+using fakes::FakeDataFormatter;
+using fakes::ToBytes;
+using fakes::ToText;
+using Poco::Message;
+
+constexpr std::uint64_t kKib = 1024;
+
+// A spool of files of at most 1 KiB, without a thread.
+class SpoolWorkerTest : public ::testing::Test {
+ protected:
+  SpoolWorkerTest() { limits_.Apply(1, 60, 1); }
+
+  std::unique_ptr<StorageResult> Add(const std::string& text) { return worker_.Add(ToBytes(text)); }
+
+  // The names and texts of all files.
+  [[nodiscard]] std::string Files() const {
+    std::string all;
+    for (int index = 1; index < 10; ++index) {
+      const std::string name = "events.000" + std::to_string(index);
+      if (std::filesystem::exists(folder_ / name)) all += (all.empty() ? "" : " ") + folder_.Read(name);
+    }
+    return all;
+  }
+
+  SpoolFileAccess ScriptedAccess() {
+    SpoolFileAccess access;
+    access.write = [this](const std::string& path, Bytes data) {
+      if (!disk_full_) return WriteFile(path, std::move(data));
+      auto result = std::make_unique<StorageResult>();
+      result->path = path;
+      result->data = std::move(data);
+      result->code = StorageCode::IOError;
+      return result;
+    };
+    return access;
+  }
+
+  const fakes::TempFolder folder_;
+  const fakes::LogCapture log_;
+  bool disk_full_ = false;
+  SpoolLimits limits_;
+  std::vector<std::uint64_t> syncs_;  // seconds asked for
+  SpoolWorker worker_{std::make_unique<FakeDataFormatter>(), SpoolDirectory(folder_.Path(), "events", 9), limits_,
+                      [this](std::uint64_t seconds) { syncs_.push_back(seconds); }, ScriptedAccess()};
+};
+
+TEST_F(SpoolWorkerTest, AnItemThatFitsOnlyGoesIntoTheCache) {
+  const auto result = Add("item");
+  EXPECT_EQ(result->code, StorageCode::Success);
+  EXPECT_TRUE(result->data.empty());
+  EXPECT_FALSE(result->stat_info);
+  EXPECT_EQ(result->path, "");
+  EXPECT_TRUE(result->has_free_space);
+  EXPECT_EQ(Files(), "");
+  EXPECT_TRUE(log_.Has(Message::PRIO_TRACE, "]: SpoolStorage: Added 4 bytes to cache. Current Cache size: 0"))
+      << log_.All();
+}
+
+TEST_F(SpoolWorkerTest, TheFirstItemOfACacheSetsTheSyncAndLaterOnesDoNotPushItBack) {
+  Add("one");
+  Add("two");
+  EXPECT_EQ(syncs_, (std::vector<std::uint64_t>{60}));
+  EXPECT_TRUE(log_.Has(Message::PRIO_TRACE, "SpoolStorage: Scheduled cache sync after 60 seconds.")) << log_.All();
+  worker_.Sync();
+  EXPECT_EQ(syncs_.size(), 1U);
+  Add("three");
+  EXPECT_EQ(syncs_.size(), 2U);
+}
+
+TEST_F(SpoolWorkerTest, ACacheOfExactlyTheLargestFileStaysACache) {
+  Add(std::string(kKib - 1, 'x'));
+  Add("y");
+  EXPECT_EQ(Files(), "");
+  const auto result = Add("z");
+  EXPECT_EQ(Files(), std::string(kKib - 1, 'x') + "y");
+  EXPECT_EQ(result->code, StorageCode::Success);
+  EXPECT_EQ(result->path, folder_ / "events.0001");
+  EXPECT_TRUE(result->stat_info);
+  EXPECT_EQ(syncs_.size(), 2U) << "the new cache has a sync of its own";
+  EXPECT_TRUE(log_.Has(Message::PRIO_INFORMATION, "SpoolStorage: Flushed cache to disk: " + (folder_ / "events.0001")))
+      << log_.All();
+  worker_.Sync();
+  EXPECT_EQ(Files(), std::string(kKib - 1, 'x') + "y z");
+}
+
+TEST_F(SpoolWorkerTest, AnItemLargerThanAShrunkenLimitMakesNoEmptyFile) {
+  Add(std::string(3 * kKib, 'x'));  // queued before the limit went down
+  EXPECT_EQ(Files(), "");
+  worker_.Sync();
+  EXPECT_EQ(Files(), std::string(3 * kKib, 'x'));
+}
+
+TEST_F(SpoolWorkerTest, ASyncWithoutDataWritesNothing) {
+  worker_.Sync();
+  EXPECT_EQ(Files(), "");
+  EXPECT_TRUE(log_.Has(Message::PRIO_TRACE, "SpoolStorage: Skipping syncing of cache since there is no data."))
+      << log_.All();
+}
+
+TEST_F(SpoolWorkerTest, AFlushThatFailsKeepsItsPayloadForTheNext) {
+  disk_full_ = true;
+  Add("one ");
+  worker_.Sync();
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "]: SpoolStorage: Failed to sync cache.")) << log_.All();
+  EXPECT_EQ(syncs_, (std::vector<std::uint64_t>{60, 60})) << "nobody would come back before tomorrow";
+  disk_full_ = false;
+  Add("two");
+  worker_.Sync();
+  EXPECT_EQ(Files(), "one  two") << "the older payload goes first";
+  worker_.Sync();
+  EXPECT_EQ(Files(), "one  two");
+}
+
+TEST_F(SpoolWorkerTest, APayloadThatWaitsIsWrittenWithoutNewData) {
+  disk_full_ = true;
+  Add("one");
+  worker_.Sync();
+  disk_full_ = false;
+  worker_.Sync();
+  EXPECT_EQ(Files(), "one");
+}
+
+TEST_F(SpoolWorkerTest, WhileTheDiskRefusesOnlyOnePayloadAndOneCacheAreHeld) {
+  disk_full_ = true;
+  const std::string full(kKib, 'a');
+  EXPECT_EQ(Add(full)->code, StorageCode::Success);
+  // The first payload waits for the disk, this item is in the cache.
+  EXPECT_EQ(Add(std::string(kKib, 'b'))->code, StorageCode::IOError);
+  // Now there is no room, and the item comes back.
+  const auto refused = Add("c");
+  EXPECT_EQ(refused->code, StorageCode::IOError);
+  EXPECT_EQ(ToText(refused->data), "c");
+  disk_full_ = false;
+  worker_.Sync();
+  EXPECT_EQ(Files(), full + " " + std::string(kKib, 'b'));
+}
+
+TEST_F(SpoolWorkerTest, WithoutAnyNameThePayloadIsKeptToo) {
+  Add("payload");
+  for (int index = 1; index < 10; ++index) {
+    std::filesystem::create_directory(folder_ / ("events.000" + std::to_string(index)));
+  }
+  worker_.Sync();
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR,
+                       "SpoolStorage: Failed to sync cache. SpoolStorage::Cleanup: Failed to clean up spool files"))
+      << log_.All();
+  std::filesystem::remove(folder_ / "events.0004");
+  worker_.Sync();
+  EXPECT_EQ(folder_.Read("events.0004"), "payload");
+}
+
+TEST_F(SpoolWorkerTest, ABatchThatCannotBeSerialisedIsLostAlone) {
+  Add(FakeDataFormatter::kUnserialisable);
+  const auto result = Add(std::string(kKib, 'x'));
+  EXPECT_EQ(result->code, StorageCode::SerializationFailed);
+  EXPECT_TRUE(
+      log_.Has(Message::PRIO_ERROR, "SpoolStorage::FlushDataCache: Failed to serialize data cache. Resetting cache."))
+      << log_.All();
+  EXPECT_EQ(log_.Count("Flushed cache to disk"), 0);
+  worker_.Sync();
+  EXPECT_EQ(Files(), std::string(kKib, 'x'));
+}
+
+TEST_F(SpoolWorkerTest, AnItemThatTheFormatterRefusesLeavesTheCacheAsItWas) {
+  EXPECT_THROW(Add(FakeDataFormatter::kRefused), DataFormatterException);
+  EXPECT_TRUE(syncs_.empty());
+  Add("good");
+  worker_.Sync();
+  EXPECT_EQ(Files(), "good");
+}
+
+TEST_F(SpoolWorkerTest, ReadGivesTheFileOrACode) {
+  EXPECT_EQ(worker_.Read()->code, StorageCode::NotFound);
+  EXPECT_FALSE(log_.Has(Message::PRIO_ERROR, "")) << log_.All();
+  Add("item");
+  EXPECT_EQ(worker_.Read()->code, StorageCode::NotFound) << "the cache is not read";
+  worker_.Sync();
+  const auto read = worker_.Read();
+  EXPECT_EQ(read->code, StorageCode::Success);
+  EXPECT_EQ(ToText(read->data), "item");
+  EXPECT_TRUE(read->has_free_space);
+  EXPECT_TRUE(log_.Has(Message::PRIO_INFORMATION, "SpoolStorage: Read file: " + (folder_ / "events.0001")))
+      << log_.All();
+}
+
+TEST_F(SpoolWorkerTest, ClearThrowsFilesCacheAndWaitingPayloadAway) {
+  Add("file");
+  worker_.Sync();
+  disk_full_ = true;
+  Add("waiting");
+  worker_.Sync();
+  Add("cache");
+  disk_full_ = false;
+  EXPECT_TRUE(worker_.Clear());
+  worker_.Sync();
+  EXPECT_EQ(Files(), "");
+}
+
+}  // namespace
+}  // namespace zagent::common::internal
