@@ -1,0 +1,27 @@
+#pragma once
+
+#include "src/audit/events/FileEvent.h"
+
+namespace zagent::audit::internal {
+
+// Permissions, owner, times or extended attributes were changed. GetFile is the object before the call, GetNewFile
+// after it: the same object with the permission, owner and group found on disk.
+class AttributeEvent final : public FileEvent {
+ public:
+  // The complete event at the cursor of the state. Throws when the event cannot be built.
+  AttributeEvent(auparse_state_t* state, std::shared_ptr<edr::LibMagicWrapper> lib_magic);
+  AttributeEvent(RecordSource& source, std::shared_ptr<edr::LibMagicWrapper> lib_magic);
+
+  [[nodiscard]] std::unique_ptr<edr::Event> Clone() const override;
+  [[nodiscard]] edr::EventType GetType() const override { return edr::EventType::AttributeChange; }
+  [[nodiscard]] std::string GetAction() const override { return "Change"; }
+  [[nodiscard]] const common::ImageInfo* GetNewFile() const override { return new_file_ ? &*new_file_ : nullptr; }
+  void Validate() override;
+
+ private:
+  AttributeEvent(const AttributeEvent&) = default;
+
+  std::optional<common::ImageInfo> new_file_;
+};
+
+}  // namespace zagent::audit::internal

@@ -1,0 +1,29 @@
+#pragma once
+
+#include "src/audit/events/FileEvent.h"
+
+namespace zagent::audit::internal {
+
+class RenameEvent;
+
+// A file or folder was removed, or replaced by a rename. Never looks at the disk.
+class DeleteEvent final : public FileEvent {
+ public:
+  // The complete event at the cursor of the state. Throws when the event cannot be built.
+  DeleteEvent(auparse_state_t* state, std::shared_ptr<edr::LibMagicWrapper> lib_magic);
+  DeleteEvent(RecordSource& source, std::shared_ptr<edr::LibMagicWrapper> lib_magic);
+  // The file that `rename` replaced. Validated at once.
+  DeleteEvent(std::shared_ptr<edr::LibMagicWrapper> lib_magic, PathRecord object, PathRecord parent,
+              const RenameEvent& rename);
+
+  [[nodiscard]] std::unique_ptr<edr::Event> Clone() const override;
+  [[nodiscard]] edr::EventType GetType() const override { return edr::EventType::Delete; }
+  [[nodiscard]] std::string GetAction() const override { return "Delete"; }
+  void Refresh() override;
+  void Validate() override;
+
+ private:
+  DeleteEvent(const DeleteEvent&) = default;
+};
+
+}  // namespace zagent::audit::internal

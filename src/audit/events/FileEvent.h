@@ -1,0 +1,109 @@
+#pragma once
+
+#include <sys/stat.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "src/audit/events/PathRecord.h"
+#include "src/audit/events/SyscallEvent.h"
+#include "src/edr/LibMagicWrapper.h"
+#include "src/edr/process/ImageInfo.h"
+
+namespace zagent::audit::internal {
+
+// A call that made, changed or removed one file object, put together from the PATH, CWD and PROCTITLE records.
+//
+// Audit tells what happened, and the file may have moved on since: every look at the disk is held against the inode and
+// device that the PATH record named, and a file that was replaced counts as gone. A file that is gone is a state and no
+// error: sizes answer -1, times the event's time, digests and content stay empty.
+class FileEvent : public SyscallEvent {
+ public:
+  [[nodiscard]] virtual const std::string& GetPath() const { return GetFile()->GetPath(); }
+
+  [[nodiscard]] const std::string& GetCommandLine() const override { return process_title_; }
+  [[nodiscard]] const common::ImageInfo* GetFile() const override { return file_ ? &*file_ : nullptr; }
+  [[nodiscard]] std::int64_t GetFileAccessTime() const override;
+  [[nodiscard]] std::int64_t GetFileChangeTime() const override;
+  // The whole regular file: the limit is the caller's, who knows GetFileSize.
+  [[nodiscard]] const std::vector<unsigned char>& GetFileContent() const override;
+  [[nodiscard]] const std::vector<unsigned char>& GetFileContentHash(edr::ContentHash kind) const override;
+  [[nodiscard]] std::int64_t GetFileModificationTime() const override;
+  [[nodiscard]] std::int64_t GetFileSize() const override;
+  // Throws edr::EventException "Unsupported file type for <action> event" for a FIFO, socket or device.
+  [[nodiscard]] edr::FileType GetFileType() const override;
+  [[nodiscard]] const std::string& GetFileTypeDesc() const override;
+  [[nodiscard]] edr::ObjectType GetObjectType() const override;
+  [[nodiscard]] std::uint64_t GetParentInode() const override { return parent_inode_; }
+  [[nodiscard]] const std::string& GetParentDeviceID() const override { return parent_device_; }
+  [[nodiscard]] bool IsSymlink() const override;
+  // Throws common::StatHelperException when another object is in the file's place, edr::EventException when there is
+  // none. What was cached of the file is read anew afterwards.
+  void Refresh() override;
+  void ParseRecord(int type, const edr::RecordFields& fields) override;
+  void Validate() override;
+
+ protected:
+  explicit FileEvent(std::shared_ptr<edr::LibMagicWrapper> lib_magic) : lib_magic_(std::move(lib_magic)) {}
+  // For the delete that a rename over an existing file implies: the rename's actor and folder, but another object.
+  FileEvent(std::shared_ptr<edr::LibMagicWrapper> lib_magic, PathRecord object, PathRecord parent,
+            const FileEvent& rename);
+  FileEvent(const FileEvent&) = default;
+
+  // Takes over one PATH record by its type word or, on old kernels, by its item number.
+  void ParsePath(const edr::RecordFields& fields);
+  // Holds `record` in `slot`, or adds it to the one that is held.
+  static void HoldOrCombine(std::optional<PathRecord>& slot, PathRecord record);
+
+  // The folder of `parent`, relative to the working folder or absolute; a folder that the call named by the descriptor
+  // in argument `directory_argument` is put in its place if it is proven to be the real one.
+  [[nodiscard]] std::string FolderOf(const PathRecord& parent, const PathRecord& object,
+                                     std::optional<std::size_t> directory_argument) const;
+  [[nodiscard]] std::optional<std::int32_t> DirectoryDescriptor(std::optional<std::size_t> directory_argument) const;
+  // The object as the record describes it, at `path`, with the names of its owner and group.
+  [[nodiscard]] static common::ImageInfo ImageOf(const PathRecord& record, const std::string& path);
+  // lstat with a debug line on failure.
+  [[nodiscard]] static std::optional<struct stat> LstatPath(const std::string& path);
+
+  // Looks the file up on disk, behind a symbolic link if `follow`, and keeps the result if it is the audited object.
+  // Throws edr::EventException when it is another one.
+  void Stat(bool follow);
+
+  // Which PATH record described the object: "CREATE", "DELETE", "NORMAL" or empty.
+  [[nodiscard]] const std::string& TypeWord() const { return type_word_; }
+  [[nodiscard]] const std::string& WorkingDirectory() const { return cwd_; }
+
+  std::optional<PathRecord> object_record_;  // until Validate
+  std::optional<PathRecord> parent_record_;  // until Validate
+  std::optional<common::ImageInfo> file_;    // where the object is on disk now
+  std::optional<struct stat> stat_;          // of file_; nothing when it could not be confirmed
+  bool is_symlink_ = false;
+  edr::ObjectType object_type_ = edr::ObjectType::File;
+  std::string parent_device_;
+  std::uint64_t parent_inode_ = 0;
+
+ private:
+  struct Digests {
+    std::vector<unsigned char> md5, sha1, sha256;
+  };
+  void ParseTypedPath(PathRecord record);
+  void ParseItemPath(PathRecord record);
+  void MergeObject(PathRecord record);
+  void ResolveFile();
+  [[nodiscard]] std::string PathWithoutParent() const;
+  void GenerateDigests() const;
+
+  std::shared_ptr<edr::LibMagicWrapper> lib_magic_;
+  std::optional<std::string> recorded_cwd_;
+  std::string cwd_;
+  std::string process_title_;
+  std::string type_word_;
+  mutable std::string type_description_;  // on demand
+  mutable bool digests_tried_ = false;
+  mutable Digests digests_;                     // on demand
+  mutable std::vector<unsigned char> content_;  // on demand
+};
+
+}  // namespace zagent::audit::internal

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "src/edr/Event.h"
+
+namespace zagent::audit::internal {
+
+// What one PATH record says of a file object.
+struct PathRecord {
+  // A record without a name is looked for by its inode, in the folder of `parent_path` (the PARENT record seen so far,
+  // or empty) or in `cwd`. Throws edr::EventException for a record that describes no file or folder, std::out_of_range
+  // for a missing field.
+  PathRecord(const edr::RecordFields& fields, const std::string& cwd, const std::string& parent_path);
+
+  // Takes what a second record of the same object adds: the path, if this one has none. Throws edr::EventException
+  // when the two are different objects.
+  void Combine(const PathRecord& other);
+  [[nodiscard]] bool IsSameObject(const PathRecord& other) const;
+
+  std::string device;  // "fd:00"
+  std::uint64_t item = 0;
+  std::uint64_t inode = 0;
+  bool is_file = false;  // a folder otherwise; symbolic links count as files
+  bool is_symlink = false;
+  std::uint32_t group_id = 0;
+  std::uint32_t owner_id = 0;
+  std::string path;  // as the call gave it: may be relative, or "inode:<number>" when it could not be found
+  std::uint32_t permission = 0;
+  std::string type_word;  // "PARENT", "CREATE", "DELETE", "NORMAL"; empty in records of old kernels
+};
+
+}  // namespace zagent::audit::internal

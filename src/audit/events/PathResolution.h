@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+// Finding out which path an audit record means.
+namespace zagent::audit::internal {
+
+// "." and ".." and doubled separators taken out by the text alone; never asks the disk. Throws edr::EventException.
+[[nodiscard]] std::string NormalisePath(const std::string& path);
+
+// The folder part of a path without its last slash; "/" for what lies in the root.
+[[nodiscard]] std::string FolderPart(const std::string& path);
+
+// The path of the entry of `directory` with this inode; "<directory>/<inode>" when the folder cannot be read and
+// "inode:<inode>" when it holds no such entry.
+[[nodiscard]] std::string FindByInode(std::uint64_t inode, const std::string& directory);
+
+// A relative name without the text of its relative parent: audit names the parent "sub/" and the child "sub/f".
+[[nodiscard]] std::string NameWithinParent(const std::string& parent, const std::string& child);
+
+// What descriptor `fd` of a process stands for, as the link in `proc_root` tells it; empty when it cannot be read.
+[[nodiscard]] std::string DescriptorPath(std::int32_t pid, std::int32_t fd, const std::string& proc_root = "/proc");
+
+// Which argument of the call is the descriptor that relative names of its (first or only) object start from.
+[[nodiscard]] std::optional<std::size_t> DirectoryArgumentOf(std::uint32_t syscall);
+
+}  // namespace zagent::audit::internal
