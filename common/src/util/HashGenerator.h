@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace zagent::common::util {
+
+class HashGeneratorException : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Which digests to compute. Counted differently from edr::ContentHash, which names one digest of an event.
+enum class HashKind : std::uint8_t { All = 0, Md5 = 1, Sha1 = 2, Sha256 = 3 };
+
+// Digests of a file, computed in one pass over it and only if the file that is opened is still the one that was meant.
+// What is no regular file (a FIFO, a device) or lies in procfs, whose files may be endless or change by being read, has
+// no digests; neither has a file that was replaced.
+class HashGenerator {
+ public:
+  // Does all the work. `device` as audit writes it ("fd:00"); without it neither device nor inode is checked. A symbolic
+  // link is followed. Throws HashGeneratorException when the file cannot be opened or read.
+  HashGenerator(std::string path, const std::string& device, std::uint64_t inode, HashKind kind);
+
+  // The digest as bytes. Throw HashGeneratorException when it was not asked for or not computed.
+  [[nodiscard]] const std::vector<unsigned char>& GetMd5() const;
+  [[nodiscard]] const std::vector<unsigned char>& GetSha1() const;
+  [[nodiscard]] const std::vector<unsigned char>& GetSha256() const;
+
+ private:
+  void Generate(int fd, HashKind kind);
+
+  std::string path_;
+  std::vector<unsigned char> md5_;
+  std::vector<unsigned char> sha1_;
+  std::vector<unsigned char> sha256_;
+};
+
+}  // namespace zagent::common::util
