@@ -17,7 +17,7 @@ class AuparseRecordSource final : public RecordSource {
 
  private:
   void MoveToNextRecord();
-  void ReadFields(Record& record);
+  void ReadFields(bool interpreted, Record& record);
 
   auparse_state_t* state_;
   std::uint32_t records_read_ = 0;

@@ -52,20 +52,32 @@ class FileEvent : public SyscallEvent {
             const FileEvent& rename);
   FileEvent(const FileEvent&) = default;
 
-  // Takes over one PATH record by its type word or, on old kernels, by its item number.
-  void ParsePath(const edr::RecordFields& fields);
+  // Takes over one PATH record by its type word or, on old kernels, by its item number. Answers the type word.
+  std::string ParsePath(const edr::RecordFields& fields);
+  // Nothing, with a trace line, for a record that describes no file object.
+  [[nodiscard]] std::optional<PathRecord> BuildPath(const edr::RecordFields& fields,
+                                                    const std::optional<PathRecord>& parent) const;
   // Holds `record` in `slot`, or adds it to the one that is held.
   static void HoldOrCombine(std::optional<PathRecord>& slot, PathRecord record);
+  // Called once the call and all records are known, before any path is resolved.
+  virtual void SettleRecords() {}
 
-  // The folder of `parent`, relative to the working folder or absolute; a folder that the call named by the descriptor
-  // in argument `directory_argument` is put in its place if it is proven to be the real one.
+  // The descriptor in argument `directory_argument` that the object's relative name starts from, if there is one.
+  [[nodiscard]] std::optional<std::int32_t> DirectoryDescriptor(const PathRecord& object,
+                                                                std::optional<std::size_t> directory_argument) const;
+  // The folder that `parent` means, absolute or relative to the working folder. For a name that starts from a
+  // descriptor the record may name the wrong folder: the descriptor's own is put in its place if it has the inode.
   [[nodiscard]] std::string FolderOf(const PathRecord& parent, const PathRecord& object,
                                      std::optional<std::size_t> directory_argument) const;
-  [[nodiscard]] std::optional<std::int32_t> DirectoryDescriptor(std::optional<std::size_t> directory_argument) const;
+  // The absolute path of `object` in `folder`, which FolderOf found for `parent`.
+  [[nodiscard]] std::string ResolveIn(const std::string& folder, const PathRecord& parent,
+                                      const PathRecord& object) const;
   // The object as the record describes it, at `path`, with the names of its owner and group.
   [[nodiscard]] static common::ImageInfo ImageOf(const PathRecord& record, const std::string& path);
-  // lstat with a debug line on failure.
+  // Nothing, with a debug line, on failure.
   [[nodiscard]] static std::optional<struct stat> LstatPath(const std::string& path);
+  // Whether the result is that of file_.
+  [[nodiscard]] bool IsFile(const struct stat& result) const;
 
   // Looks the file up on disk, behind a symbolic link if `follow`, and keeps the result if it is the audited object.
   // Throws edr::EventException when it is another one.
@@ -74,6 +86,8 @@ class FileEvent : public SyscallEvent {
   // Which PATH record described the object: "CREATE", "DELETE", "NORMAL" or empty.
   [[nodiscard]] const std::string& TypeWord() const { return type_word_; }
   [[nodiscard]] const std::string& WorkingDirectory() const { return cwd_; }
+
+  [[nodiscard]] const std::shared_ptr<edr::LibMagicWrapper>& LibMagic() const { return lib_magic_; }
 
   std::optional<PathRecord> object_record_;  // until Validate
   std::optional<PathRecord> parent_record_;  // until Validate
@@ -88,15 +102,15 @@ class FileEvent : public SyscallEvent {
   struct Digests {
     std::vector<unsigned char> md5, sha1, sha256;
   };
-  void ParseTypedPath(PathRecord record);
   void ParseItemPath(PathRecord record);
   void MergeObject(PathRecord record);
   void ResolveFile();
   [[nodiscard]] std::string PathWithoutParent() const;
   void GenerateDigests() const;
+  [[nodiscard]] std::string DiffersText() const;
 
   std::shared_ptr<edr::LibMagicWrapper> lib_magic_;
-  std::optional<std::string> recorded_cwd_;
+  bool has_cwd_ = false;
   std::string cwd_;
   std::string process_title_;
   std::string type_word_;

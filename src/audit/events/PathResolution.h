@@ -13,6 +13,10 @@ namespace zagent::audit::internal {
 // The folder part of a path without its last slash; "/" for what lies in the root.
 [[nodiscard]] std::string FolderPart(const std::string& path);
 
+// The text of a name up to the slash before its last part, as audit names the parent of a call's argument: "sub/" for
+// "sub/f" and for "sub/f/", nothing for "f".
+[[nodiscard]] std::string FolderText(const std::string& name);
+
 // The path of the entry of `directory` with this inode; "<directory>/<inode>" when the folder cannot be read and
 // "inode:<inode>" when it holds no such entry.
 [[nodiscard]] std::string FindByInode(std::uint64_t inode, const std::string& directory);
@@ -22,6 +26,9 @@ namespace zagent::audit::internal {
 
 // What descriptor `fd` of a process stands for, as the link in `proc_root` tells it; empty when it cannot be read.
 [[nodiscard]] std::string DescriptorPath(std::int32_t pid, std::int32_t fd, const std::string& proc_root = "/proc");
+
+// Whether the path leads to this object, itself or through a symbolic link.
+[[nodiscard]] bool IsObjectAt(const std::string& path, const std::string& device, std::uint64_t inode);
 
 // Which argument of the call is the descriptor that relative names of its (first or only) object start from.
 [[nodiscard]] std::optional<std::size_t> DirectoryArgumentOf(std::uint32_t syscall);

@@ -33,8 +33,11 @@ class RenameEvent final : public FileEvent {
   void ParseDestination(const edr::RecordFields& fields);
   void HoldTypedDestination(PathRecord record);
   void HoldItemDestination(PathRecord record);
-  void AssignParents();
-  void ConfirmDestination(const std::string& new_parent);
+  void SettleRecords() override;
+  [[nodiscard]] bool ParentsAreCrossed() const;
+  // The folder that the object's name starts from, asked from the descriptor or the working folder.
+  [[nodiscard]] std::string StartFolder(const PathRecord& object, std::optional<std::size_t> directory_argument) const;
+  void ConfirmDestination(const PathRecord& parent);
   void SplitReplaced(std::unique_ptr<DeleteEvent>* replaced);
 
   // Until Validate.

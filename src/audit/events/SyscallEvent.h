@@ -41,8 +41,10 @@ class SyscallEvent : public Event {
   [[nodiscard]] std::uint32_t Syscall() const { return syscall_; }
   // Throws std::out_of_range when the record had no such argument.
   [[nodiscard]] std::uint64_t Argument(std::size_t index) const { return arguments_.at(index); }
-  // The count of PATH records that the kernel announced; nothing before the SYSCALL record.
-  [[nodiscard]] std::optional<std::uint64_t> AnnouncedItems() const;
+  [[nodiscard]] bool HasArgument(std::size_t index) const { return index < arguments_.size(); }
+  [[nodiscard]] std::int32_t ExitValue() const { return exit_; }
+  // The count of PATH records that the kernel announced; 0 before the SYSCALL record.
+  [[nodiscard]] std::uint64_t AnnouncedItems() const { return record_ ? record_->items : items_; }
 
  private:
   std::uint32_t auid_ = 0;

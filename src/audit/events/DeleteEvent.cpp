@@ -1,0 +1,49 @@
+#include "src/audit/events/DeleteEvent.h"
+
+#include <utility>
+
+#include "common/src/util/Log.h"
+#include "src/audit/events/RenameEvent.h"
+#include "src/audit/events/SyscallSet.h"
+
+namespace zagent::audit::internal {
+namespace {
+
+// rmdir, unlink, unlinkat; and the renames, for the file that they replaced.
+constexpr SyscallSet<6> kDeleting = {84, 87, 263, 82, 264, 316};
+
+}  // namespace
+
+DeleteEvent::DeleteEvent(auparse_state_t* state, std::shared_ptr<edr::LibMagicWrapper> lib_magic)
+    : FileEvent(std::move(lib_magic)) {
+  Feed(state);
+}
+
+DeleteEvent::DeleteEvent(RecordSource& source, std::shared_ptr<edr::LibMagicWrapper> lib_magic)
+    : FileEvent(std::move(lib_magic)) {
+  Feed(source);
+}
+
+DeleteEvent::DeleteEvent(std::shared_ptr<edr::LibMagicWrapper> lib_magic, PathRecord object, PathRecord parent,
+                         const RenameEvent& rename)
+    : FileEvent(std::move(lib_magic), std::move(object), std::move(parent), rename) {
+  Validate();
+}
+
+std::unique_ptr<edr::Event> DeleteEvent::Clone() const {
+  return std::unique_ptr<edr::Event>(new DeleteEvent(*this));
+}
+
+void DeleteEvent::Refresh() {
+  ZLOG_DEBUG("Ignoring stat for delete event");
+}
+
+void DeleteEvent::Validate() {
+  FileEvent::Validate();
+  if (!Contains(kDeleting, Syscall())) throw edr::EventException("Invalid syscall for delete event");
+  if (!TypeWord().empty() && TypeWord() != "DELETE") {
+    throw edr::EventException("Missing delete PATH record for Delete event");
+  }
+}
+
+}  // namespace zagent::audit::internal

@@ -1,0 +1,148 @@
+// What a FileEvent answers about its file after it was built; FileEvent.cpp builds it.
+#include <fcntl.h>
+
+#include <utility>
+
+#include "common/src/storage/FileOperations.h"
+#include "common/src/util/HashGenerator.h"
+#include "common/src/util/Log.h"
+#include "common/src/util/UniqueFd.h"
+#include "src/audit/events/FileEvent.h"
+#include "src/edr/process/StatHelper.h"
+
+namespace zagent::audit::internal {
+namespace {
+
+using common::util::HashGenerator;
+
+constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
+
+// Empty when there is none: each digest stands for itself.
+std::vector<unsigned char> DigestOrNothing(const HashGenerator& generator,
+                                           const std::vector<unsigned char>& (HashGenerator::*digest)() const) {
+  try {
+    return (generator.*digest)();
+  } catch (const common::util::HashGeneratorException& error) {
+    ZLOG_DEBUG(error.what());
+    return {};
+  }
+}
+
+}  // namespace
+
+edr::ObjectType FileEvent::GetObjectType() const {
+  if (!stat_) return object_type_;
+  return S_ISDIR(stat_->st_mode) ? edr::ObjectType::Directory : edr::ObjectType::File;
+}
+
+bool FileEvent::IsSymlink() const {
+  return stat_ ? S_ISLNK(stat_->st_mode) : is_symlink_;
+}
+
+std::int64_t FileEvent::GetFileSize() const {
+  return stat_ ? stat_->st_size : -1;
+}
+
+std::int64_t FileEvent::GetFileAccessTime() const {
+  return stat_ ? stat_->st_atime * kNanosecondsPerSecond : GetTimestamp();
+}
+
+std::int64_t FileEvent::GetFileModificationTime() const {
+  return stat_ ? stat_->st_mtime * kNanosecondsPerSecond : GetTimestamp();
+}
+
+std::int64_t FileEvent::GetFileChangeTime() const {
+  return stat_ ? stat_->st_ctime * kNanosecondsPerSecond : GetTimestamp();
+}
+
+edr::FileType FileEvent::GetFileType() const {
+  if (!stat_) {
+    ZLOG_TRACE("File stat information is not available");
+    return edr::FileType::Unknown;
+  }
+  switch (stat_->st_mode & S_IFMT) {
+    case S_IFREG:
+      return edr::FileType::Regular;
+    case S_IFDIR:
+      return edr::FileType::Directory;
+    case S_IFLNK:
+      return edr::FileType::SymbolicLink;
+    default:
+      throw edr::EventException("Unsupported file type for " + GetAction() + " event");
+  }
+}
+
+const std::string& FileEvent::GetFileTypeDesc() const {
+  if (!type_description_.empty()) return type_description_;
+  std::optional<std::string> description = lib_magic_ ? lib_magic_->Identify(file_->GetPath()) : std::nullopt;
+  if (description) {
+    type_description_ = std::move(*description);
+  } else {
+    ZLOG_DEBUG("Failed to find type description for " << file_->GetPath());
+  }
+  return type_description_;
+}
+
+const std::vector<unsigned char>& FileEvent::GetFileContentHash(edr::ContentHash kind) const {
+  struct Digest {
+    const char* name;
+    std::vector<unsigned char> Digests::*bytes;
+  };
+  static constexpr Digest kDigests[] = {{"MD5", &Digests::md5}, {"sha1", &Digests::sha1}, {"sha256", &Digests::sha256}};
+  const auto index = static_cast<unsigned>(kind);
+  if (index >= std::size(kDigests)) {
+    throw edr::EventException("Unsupported type of content hash requested: " + std::to_string(index));
+  }
+  if (!std::exchange(digests_tried_, true)) GenerateDigests();
+  const std::vector<unsigned char>& digest = digests_.*kDigests[index].bytes;
+  if (digest.empty()) ZLOG_DEBUG("Failed to generate " << kDigests[index].name << " for " << file_->GetPath());
+  return digest;
+}
+
+void FileEvent::GenerateDigests() const {
+  try {
+    const HashGenerator generator(file_->GetPath(), file_->GetDevice(), file_->GetInode(), common::util::HashKind::All);
+    digests_.md5 = DigestOrNothing(generator, &HashGenerator::GetMd5);
+    digests_.sha1 = DigestOrNothing(generator, &HashGenerator::GetSha1);
+    digests_.sha256 = DigestOrNothing(generator, &HashGenerator::GetSha256);
+  } catch (const common::util::HashGeneratorException& error) {
+    ZLOG_DEBUG(error.what());
+  }
+}
+
+const std::vector<unsigned char>& FileEvent::GetFileContent() const {
+  if (!content_.empty()) return content_;
+  const std::string& path = file_->GetPath();
+  // The file is held against the event before a byte of it is read; a FIFO in its place must not block.
+  const common::util::UniqueFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  struct stat opened {};
+  if (!fd || fstat(fd.Get(), &opened) != 0) {
+    ZLOG_DEBUG("Failed to read contents of file " << path);
+    return content_;
+  }
+  if (!IsFile(opened)) {
+    ZLOG_DEBUG("The file at " << path << " has been replaced");
+    return content_;
+  }
+  if (!S_ISREG(opened.st_mode)) {
+    ZLOG_DEBUG("Failed to read contents of file " << path << ": no regular file");
+    return content_;
+  }
+  const auto result = common::ReadFileDescriptor(path, opened, fd.Get(), static_cast<std::size_t>(opened.st_size));
+  content_ = std::move(result->data);
+  ZLOG_DEBUG("Reading file content from " << path << " (stat: " << opened.st_size
+                                          << " bytes. Content: " << content_.size() << " bytes)");
+  return content_;
+}
+
+void FileEvent::Refresh() {
+  const std::unique_ptr<struct stat> result = common::StatImage(*file_);
+  if (!result) throw edr::EventException(DiffersText());
+  stat_ = *result;
+  type_description_.clear();
+  digests_tried_ = false;
+  digests_ = {};
+  content_.clear();
+}
+
+}  // namespace zagent::audit::internal

@@ -1,0 +1,111 @@
+#include "src/audit/events/PathResolution.h"
+
+#include <Poco/Exception.h>
+#include <Poco/Path.h>
+#include <dirent.h>
+#include <limits.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+
+#include "common/src/util/DeviceText.h"
+#include "src/edr/Event.h"
+
+namespace zagent::audit::internal {
+namespace {
+
+struct DirectoryCloser {
+  void operator()(DIR* directory) const { closedir(directory); }
+};
+
+struct DirectoryArgument {
+  std::uint32_t syscall;
+  std::size_t index;
+};
+constexpr std::array kDirectoryArguments = {
+    DirectoryArgument{257, 0},  // openat
+    DirectoryArgument{258, 0},  // mkdirat
+    DirectoryArgument{259, 0},  // mknodat
+    DirectoryArgument{260, 0},  // fchownat
+    DirectoryArgument{261, 0},  // futimesat
+    DirectoryArgument{263, 0},  // unlinkat
+    DirectoryArgument{264, 0},  // renameat, of the old name
+    DirectoryArgument{265, 2},  // linkat, of the new name
+    DirectoryArgument{266, 1},  // symlinkat
+    DirectoryArgument{268, 0},  // fchmodat
+    DirectoryArgument{280, 0},  // utimensat
+    DirectoryArgument{316, 0},  // renameat2, of the old name
+};
+
+bool Matches(const struct stat& result, const std::string& device, std::uint64_t inode) {
+  return result.st_ino == inode && common::util::DeviceText(result.st_dev) == device;
+}
+
+std::string WithoutLastSlash(std::string path) {
+  if (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
+}  // namespace
+
+std::string NormalisePath(const std::string& path) {
+  try {
+    const std::string last = path.substr(path.rfind('/') + 1);
+    if (last != "." && last != "..") return Poco::Path(path).toString();
+    // Read as a file's name, these two would be kept as they are.
+    return WithoutLastSlash(Poco::Path(path).makeDirectory().toString());
+  } catch (const Poco::Exception& error) {
+    throw edr::EventException("Failed to find absolute path: " + error.displayText());
+  }
+}
+
+std::string FolderPart(const std::string& path) {
+  return WithoutLastSlash(Poco::Path(path).parent().toString());
+}
+
+std::string FolderText(const std::string& name) {
+  const std::size_t last = name.find_last_not_of('/');
+  if (last == std::string::npos) return name;
+  return name.substr(0, name.rfind('/', last) + 1);
+}
+
+std::string FindByInode(std::uint64_t inode, const std::string& directory) {
+  const std::unique_ptr<DIR, DirectoryCloser> folder(opendir(directory.c_str()));
+  if (!folder) return directory + "/" + std::to_string(inode);
+  while (const dirent* entry = readdir(folder.get())) {  // NOLINT(concurrency-mt-unsafe): a stream of its own
+    if (entry->d_ino == inode) return directory + "/" + entry->d_name;
+  }
+  return "inode:" + std::to_string(inode);
+}
+
+std::string NameWithinParent(const std::string& parent, const std::string& child) {
+  if (parent.empty() || parent.front() == '/' || child.compare(0, parent.size(), parent) != 0) return child;
+  if (parent.back() != '/' && child[parent.size()] != '/') return child;
+  const std::size_t rest = child.find_first_not_of('/', parent.size());
+  return rest == std::string::npos ? child : child.substr(rest);
+}
+
+std::string DescriptorPath(std::int32_t pid, std::int32_t fd, const std::string& proc_root) {
+  const std::string link = proc_root + "/" + std::to_string(pid) + "/fd/" + std::to_string(fd);
+  std::array<char, PATH_MAX> target{};
+  const ssize_t length = readlink(link.c_str(), target.data(), target.size());
+  return length > 0 ? std::string(target.data(), static_cast<std::size_t>(length)) : std::string();
+}
+
+bool IsObjectAt(const std::string& path, const std::string& device, std::uint64_t inode) {
+  struct stat result {};
+  return (lstat(path.c_str(), &result) == 0 && Matches(result, device, inode)) ||
+         (stat(path.c_str(), &result) == 0 && Matches(result, device, inode));
+}
+
+std::optional<std::size_t> DirectoryArgumentOf(std::uint32_t syscall) {
+  const auto* found = std::find_if(kDirectoryArguments.begin(), kDirectoryArguments.end(),
+                                   [syscall](const DirectoryArgument& entry) { return entry.syscall == syscall; });
+  if (found == kDirectoryArguments.end()) return std::nullopt;
+  return found->index;
+}
+
+}  // namespace zagent::audit::internal
