@@ -1,0 +1,51 @@
+#include "src/edr/process/ImageInfo.h"
+
+#include <gtest/gtest.h>
+#include <sys/sysmacros.h>
+
+#include "common/src/util/DeviceText.h"
+
+namespace zagent::common {
+namespace {
+
+TEST(ImageInfoTest, ReadsTheOctalDigitsOfAModeAsADecimalNumber) {
+  EXPECT_EQ(PermissionOf(0100644), 644U);
+  EXPECT_EQ(PermissionOf(040755), 755U);
+  EXPECT_EQ(PermissionOf(0104755), 4755U);
+  EXPECT_EQ(PermissionOf(0120777), 777U);
+  EXPECT_EQ(PermissionOf(0100000), 0U);
+}
+
+TEST(ImageInfoTest, KnowsOnlyThePathOfAnExecutableFromASyscallRecord) {
+  const ImageInfo image("/bin/ops");
+  EXPECT_EQ(image.GetPath(), "/bin/ops");
+  EXPECT_EQ(image.GetPermission(), 4294967295U);
+  EXPECT_EQ(image.GetInode(), 18446744073709551615U);
+  EXPECT_EQ(image.GetOwnerId(), 4294967295U);
+  EXPECT_EQ(image.GetGroupId(), 4294967295U);
+  EXPECT_TRUE(image.GetDevice().empty());
+  EXPECT_TRUE(image.GetOwnerName().empty());
+}
+
+TEST(ImageInfoTest, TakesEverythingButTheNamesFromAStat) {
+  struct stat result {};
+  ASSERT_EQ(stat("/etc", &result), 0);
+  const ImageInfo image("/etc", result);
+  EXPECT_EQ(image.GetDevice(), util::DeviceText(result.st_dev));
+  EXPECT_EQ(image.GetInode(), result.st_ino);
+  EXPECT_EQ(image.GetPermission(), PermissionOf(result.st_mode));
+  EXPECT_EQ(image.GetModificationTime(), result.st_mtime);
+  EXPECT_EQ(image.GetAccessTime(), result.st_atime);
+  EXPECT_EQ(image.GetChangeTime(), result.st_ctime);
+  EXPECT_FALSE(image.IsSymlink());
+  EXPECT_TRUE(image.GetOwnerName().empty());
+}
+
+TEST(ImageInfoTest, WritesDevicesAsAuditDoes) {
+  EXPECT_EQ(util::DeviceText(makedev(0xfd, 0)), "fd:00");
+  EXPECT_EQ(util::DeviceText(makedev(0, 2)), "00:02");
+  EXPECT_EQ(util::DeviceText(makedev(0x103, 0x12345)), "103:12345");
+}
+
+}  // namespace
+}  // namespace zagent::common
