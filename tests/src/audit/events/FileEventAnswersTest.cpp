@@ -1,0 +1,305 @@
+// What a FileEvent answers about its file, while the file lives on.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "src/audit/events/CreateEvent.h"
+#include "src/audit/events/ReadWriteEvent.h"
+#include "src/edr/process/StatHelper.h"
+#include "tests/fakes/AuditRecords.h"
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/TempFolder.h"
+
+namespace zagent::audit::internal {
+namespace {
+
+using fakes::AuditRecords;
+
+constexpr std::int64_t kEventTime = 1'700'000'000'000'000'000;
+constexpr const char* kAbcSha256 = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
+constexpr const char* kAbcSha1 = "a9993e364706816aba3e25717850c26c9cd0d89d";
+constexpr const char* kAbcMd5 = "900150983cd24fb0d6963f7d28e17f72";
+
+std::string Hex(const std::vector<unsigned char>& digest) {
+  std::string text;
+  for (const unsigned char byte : digest) {
+    char digits[3];
+    std::snprintf(digits, sizeof digits, "%02x", byte);
+    text += digits;
+  }
+  return text;
+}
+
+std::string Text(const std::vector<unsigned char>& bytes) {
+  return {bytes.begin(), bytes.end()};
+}
+
+class ScriptedMagic final : public edr::LibMagicWrapper {
+ public:
+  [[nodiscard]] std::optional<std::string> Identify(const std::string& path) override {
+    asked.push_back(path);
+    return answer;
+  }
+  std::vector<std::string> asked;
+  std::optional<std::string> answer = "ASCII text";
+};
+
+class FileEventAnswersTest : public ::testing::Test {
+ protected:
+  // The opening of `path` for writing, with the identity that `path` has on disk now.
+  std::unique_ptr<ReadWriteEvent> Written(const std::string& path, const AuditRecords::Fields& path_changes = {}) {
+    AuditRecords records;
+    records.Syscall(257, {{"a2", "1"}})
+        .Cwd("/")
+        .Path("PARENT", folder_.Path())
+        .Path("NORMAL", path, path, path_changes);
+    return std::make_unique<ReadWriteEvent>(records, magic_);
+  }
+  // The same, but the file goes before the event is built.
+  std::unique_ptr<ReadWriteEvent> WrittenAndGone(const std::string& path) {
+    AuditRecords records;
+    records.Syscall(257, {{"a2", "1"}}).Cwd("/").Path("PARENT", folder_.Path()).Path("NORMAL", path);
+    EXPECT_EQ(unlink(path.c_str()), 0);
+    return std::make_unique<ReadWriteEvent>(records, magic_);
+  }
+  void Replace(const std::string& path) {
+    const std::string other = folder_.Write("replacement", "something else");
+    ASSERT_EQ(rename(other.c_str(), path.c_str()), 0);
+  }
+  static void SetTimes(const std::string& path, std::int64_t access, std::int64_t modification) {
+    const struct timespec times[] = {{access, 5}, {modification, 7}};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+  }
+
+  fakes::LogCapture log_;
+  fakes::TempFolder folder_;
+  std::shared_ptr<ScriptedMagic> magic_ = std::make_shared<ScriptedMagic>();
+};
+
+TEST_F(FileEventAnswersTest, TellsSizeAndTimesInWholeSecondsFromTheDisk) {
+  const std::string file = folder_.Write("f", "abc");
+  SetTimes(file, 1'600'000'001, 1'600'000'002);
+  const auto event = Written(file);
+  EXPECT_EQ(event->GetFileSize(), 3);
+  EXPECT_EQ(event->GetFileAccessTime(), 1'600'000'001'000'000'000);
+  EXPECT_EQ(event->GetFileModificationTime(), 1'600'000'002'000'000'000);
+  EXPECT_GT(event->GetFileChangeTime(), 1'600'000'002'000'000'000);
+  EXPECT_EQ(event->GetFileChangeTime() % 1'000'000'000, 0);
+}
+
+TEST_F(FileEventAnswersTest, SurvivesAFileThatIsGone) {
+  const std::string file = folder_.Write("f", "abc");
+  const auto event = WrittenAndGone(file);
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "Failed to lstat " + file + " (No such file or directory (2))"));
+  EXPECT_EQ(event->GetFileSize(), -1);
+  EXPECT_EQ(event->GetFileAccessTime(), kEventTime);
+  EXPECT_EQ(event->GetFileModificationTime(), kEventTime);
+  EXPECT_EQ(event->GetFileChangeTime(), kEventTime);
+  EXPECT_EQ(event->GetFileType(), edr::FileType::Unknown);
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_TRACE, "File stat information is not available"));
+  EXPECT_EQ(event->GetObjectType(), edr::ObjectType::File);
+  EXPECT_TRUE(event->GetFileContent().empty());
+  EXPECT_TRUE(log_.Has("Failed to read contents of file " + file));
+  EXPECT_TRUE(event->GetFileContentHash(edr::ContentHash::Md5).empty());
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "Failed to generate MD5 for " + file));
+}
+
+TEST_F(FileEventAnswersTest, IsNoEventWhenAnotherFileIsInItsPlace) {
+  const std::string file = folder_.Write("f", "abc");
+  AuditRecords records(88);
+  records.Syscall(257, {{"a2", "1"}}).Cwd("/").Path("PARENT", folder_.Path()).Path("NORMAL", file);
+  Replace(file);
+  try {
+    ReadWriteEvent event(records, magic_);
+    FAIL() << "took another file for the event's";
+  } catch (const edr::EventException& error) {
+    EXPECT_EQ(error.what(), "File " + file + " differs from the object of the audit event with ID 88");
+  }
+}
+
+TEST_F(FileEventAnswersTest, IsNoEventWhenTheInodeIsOnAnotherDevice) {
+  const std::string file = folder_.Write("f", "abc");
+  EXPECT_THROW(Written(file, {{"dev", "ff:ff"}}), edr::EventException);
+}
+
+TEST_F(FileEventAnswersTest, TakesTheCanonicalPathBehindASymbolicLink) {
+  const std::string file = folder_.Write("f", "abc");
+  const std::string link = folder_ / "link";
+  ASSERT_EQ(symlink("f", link.c_str()), 0);
+  AuditRecords records;
+  // The kernel gives the link's name with the target's inode.
+  records.Syscall(257, {{"a2", "1"}}).Cwd("/").Path("PARENT", folder_.Path()).Path("NORMAL", link, file);
+  const ReadWriteEvent event(records, magic_);
+  EXPECT_EQ(event.GetPath(), file);
+  EXPECT_EQ(event.GetFile()->GetOwnerId(), geteuid());
+  EXPECT_FALSE(event.IsSymlink());
+  EXPECT_EQ(event.GetFileType(), edr::FileType::Regular);
+}
+
+TEST_F(FileEventAnswersTest, IsNoEventWhenTheLinkLeadsNowhere) {
+  const std::string file = folder_.Write("f", "abc");
+  const std::string link = folder_ / "link";
+  ASSERT_EQ(symlink("missing", link.c_str()), 0);
+  AuditRecords records;
+  records.Syscall(257, {{"a2", "1"}}).Cwd("/").Path("PARENT", folder_.Path()).Path("NORMAL", link, file);
+  try {
+    ReadWriteEvent event(records, magic_);
+    FAIL() << "followed a dangling link";
+  } catch (const edr::EventException& error) {
+    EXPECT_EQ(error.what(), "Failed to resolve link " + link + " (No such file or directory (2))");
+  }
+}
+
+TEST_F(FileEventAnswersTest, KnowsFoldersFilesAndLinks) {
+  const std::string folder = folder_ / "d";
+  ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
+  AuditRecords mkdir_records;
+  mkdir_records.Syscall(83).Cwd("/").Path("PARENT", folder_.Path()).Path("CREATE", folder);
+  const CreateEvent made(mkdir_records, magic_);
+  EXPECT_EQ(made.GetObjectType(), edr::ObjectType::Directory);
+  EXPECT_EQ(made.GetFileType(), edr::FileType::Directory);
+
+  const std::string link = folder_ / "link";
+  ASSERT_EQ(symlink("d", link.c_str()), 0);
+  AuditRecords symlink_records;
+  symlink_records.Syscall(88).Cwd("/").Path("PARENT", folder_.Path()).Path("CREATE", link);
+  const CreateEvent linked(symlink_records, magic_);
+  EXPECT_EQ(linked.GetPath(), link);
+  EXPECT_TRUE(linked.IsSymlink());
+  EXPECT_EQ(linked.GetObjectType(), edr::ObjectType::File);
+  EXPECT_EQ(linked.GetFileType(), edr::FileType::SymbolicLink);
+}
+
+TEST_F(FileEventAnswersTest, NeverReadsAFifoThatGotTheInodeOfTheFile) {
+  const std::string fifo = folder_ / "fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  // Inode numbers are used again: the record is that of a regular file.
+  const auto event = Written(fifo, {{"mode", "0100600"}});
+  try {
+    static_cast<void>(event->GetFileType());
+    ADD_FAILURE() << "knows a type for a FIFO";
+  } catch (const edr::EventException& error) {
+    EXPECT_STREQ(error.what(), "Unsupported file type for Write event");
+  }
+  EXPECT_TRUE(event->GetFileContent().empty());
+  EXPECT_TRUE(log_.Has("Failed to read contents of file " + fifo));
+  EXPECT_TRUE(event->GetFileContentHash(edr::ContentHash::Sha256).empty());
+}
+
+TEST_F(FileEventAnswersTest, ComputesAllDigestsWithOneReadOfTheFile) {
+  const std::string file = folder_.Write("f", "abc");
+  const auto event = Written(file);
+  EXPECT_EQ(Hex(event->GetFileContentHash(edr::ContentHash::Md5)), kAbcMd5);
+  folder_.Write("f", "changed since");
+  EXPECT_EQ(Hex(event->GetFileContentHash(edr::ContentHash::Sha1)), kAbcSha1);
+  EXPECT_EQ(Hex(event->GetFileContentHash(edr::ContentHash::Sha256)), kAbcSha256);
+  EXPECT_EQ(log_.Count("Reading file content from " + file + " (Size: "), 1);
+}
+
+TEST_F(FileEventAnswersTest, HasNoDigestOfAFileThatWasReplacedAndTriesOnlyOnce) {
+  const std::string file = folder_.Write("f", "abc");
+  const auto event = Written(file);
+  Replace(file);
+  EXPECT_TRUE(event->GetFileContentHash(edr::ContentHash::Md5).empty());
+  EXPECT_TRUE(event->GetFileContentHash(edr::ContentHash::Sha1).empty());
+  EXPECT_TRUE(event->GetFileContentHash(edr::ContentHash::Sha256).empty());
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "Failed to generate MD5 for " + file));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "Failed to generate sha1 for " + file));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "Failed to generate sha256 for " + file));
+  EXPECT_EQ(log_.Count("MD5 for " + file + " does not exist"), 1);
+}
+
+TEST_F(FileEventAnswersTest, RefusesAFourthKindOfDigest) {
+  const auto event = Written(folder_.Write("f", "abc"));
+  try {
+    static_cast<void>(event->GetFileContentHash(static_cast<edr::ContentHash>(3)));
+    FAIL() << "knows a fourth digest";
+  } catch (const edr::EventException& error) {
+    EXPECT_STREQ(error.what(), "Unsupported type of content hash requested: 3");
+  }
+}
+
+TEST_F(FileEventAnswersTest, ReadsTheContentOnceAndKeepsIt) {
+  const std::string file = folder_.Write("f", "abc");
+  const auto event = Written(file);
+  EXPECT_EQ(Text(event->GetFileContent()), "abc");
+  EXPECT_TRUE(
+      log_.Has(Poco::Message::PRIO_DEBUG, "Reading file content from " + file + " (stat: 3 bytes. Content: 3 bytes)"));
+  folder_.Write("f", "changed since");
+  EXPECT_EQ(Text(event->GetFileContent()), "abc");
+}
+
+TEST_F(FileEventAnswersTest, ReadsNothingOfAFileThatWasReplaced) {
+  const std::string file = folder_.Write("f", "abc");
+  const auto event = Written(file);
+  Replace(file);
+  EXPECT_TRUE(event->GetFileContent().empty());
+  EXPECT_TRUE(log_.Has("The file at " + file + " has been replaced"));
+}
+
+TEST_F(FileEventAnswersTest, AsksForTheTypeOfTheFileOnce) {
+  const std::string file = folder_.Write("f", "abc");
+  const auto event = Written(file);
+  EXPECT_TRUE(magic_->asked.empty());
+  EXPECT_EQ(event->GetFileTypeDesc(), "ASCII text");
+  EXPECT_EQ(event->GetFileTypeDesc(), "ASCII text");
+  EXPECT_EQ(magic_->asked, std::vector<std::string>{file});
+}
+
+TEST_F(FileEventAnswersTest, LeavesTheTypeEmptyWhenNobodyKnowsIt) {
+  const std::string file = folder_.Write("f", "abc");
+  const auto event = Written(file);
+  magic_->answer.reset();
+  EXPECT_EQ(event->GetFileTypeDesc(), "");
+  EXPECT_TRUE(log_.Has("Failed to find type description for " + file));
+}
+
+TEST_F(FileEventAnswersTest, LooksAtTheSettledFileAfterARefresh) {
+  const std::string file = folder_.Write("f", "a");
+  const auto event = Written(file);
+  EXPECT_EQ(event->GetFileSize(), 1);
+  EXPECT_EQ(Text(event->GetFileContent()), "a");
+  EXPECT_NE(Hex(event->GetFileContentHash(edr::ContentHash::Md5)), kAbcMd5);
+  EXPECT_EQ(event->GetFileTypeDesc(), "ASCII text");
+  folder_.Write("f", "abc");
+  magic_->answer = "data";
+  event->Refresh();
+  EXPECT_EQ(event->GetFileSize(), 3);
+  EXPECT_EQ(Text(event->GetFileContent()), "abc");
+  EXPECT_EQ(Hex(event->GetFileContentHash(edr::ContentHash::Md5)), kAbcMd5);
+  EXPECT_EQ(event->GetFileTypeDesc(), "data");
+}
+
+TEST_F(FileEventAnswersTest, RefusesToRefreshWhatIsGoneOrReplaced) {
+  const std::string file = folder_.Write("f", "abc");
+  const auto event = Written(file);
+  Replace(file);
+  EXPECT_THROW(event->Refresh(), common::StatHelperException);
+  ASSERT_EQ(unlink(file.c_str()), 0);
+  try {
+    event->Refresh();
+    FAIL() << "refreshed a file that is gone";
+  } catch (const edr::EventException& error) {
+    EXPECT_EQ(error.what(), "File " + file + " differs from the object of the audit event with ID 77");
+  }
+}
+
+TEST_F(FileEventAnswersTest, ClonesWithEverythingThatItKnows) {
+  const std::string file = folder_.Write("f", "abc");
+  const auto event = Written(file);
+  EXPECT_EQ(Text(event->GetFileContent()), "abc");
+  const std::unique_ptr<edr::Event> copy = event->Clone();
+  ASSERT_EQ(unlink(file.c_str()), 0);
+  EXPECT_EQ(copy->GetType(), edr::EventType::Write);
+  EXPECT_EQ(copy->GetAction(), "Write");
+  EXPECT_EQ(copy->GetFile()->GetPath(), file);
+  EXPECT_NE(copy->GetFile(), event->GetFile());
+  EXPECT_EQ(copy->GetFileSize(), 3);
+  EXPECT_EQ(Text(copy->GetFileContent()), "abc");
+  EXPECT_EQ(copy->GetParentInode(), event->GetParentInode());
+  EXPECT_EQ(copy->GetFileTypeDesc(), "ASCII text");
+}
+
+}  // namespace
+}  // namespace zagent::audit::internal
