@@ -150,14 +150,15 @@ void FileEvent::Validate() {
 }
 
 void FileEvent::ResolveFile() {
+  const NameStart start = StartOf(DirectoryArgumentOf(Syscall()));
   if (parent_record_) {
-    const std::string folder = FolderOf(*parent_record_, *object_record_, DirectoryArgumentOf(Syscall()));
-    file_ = ImageOf(*object_record_, ResolveIn(folder, *parent_record_, *object_record_));
+    const std::string folder = start.FolderOf(*parent_record_, *object_record_);
+    file_ = ImageOf(*object_record_, start.ResolveIn(folder, *parent_record_, *object_record_));
     parent_device_ = parent_record_->device;
     parent_inode_ = parent_record_->inode;
     return;
   }
-  file_ = ImageOf(*object_record_, PathWithoutParent());
+  file_ = ImageOf(*object_record_, start.ResolveAlone(*object_record_));
   struct stat parent {};
   if (stat(FolderPart(file_->GetPath()).c_str(), &parent) != 0) {
     throw edr::EventException("Failed to get parent inode/deviceid for " + GetAction() + " event");
@@ -166,40 +167,14 @@ void FileEvent::ResolveFile() {
   parent_inode_ = parent.st_ino;
 }
 
-std::optional<std::int32_t> FileEvent::DirectoryDescriptor(const PathRecord& object,
-                                                           std::optional<std::size_t> directory_argument) const {
-  const bool relative = object.path.empty() || object.path.front() != '/';
-  if (!relative || !directory_argument || !HasArgument(*directory_argument)) return std::nullopt;
-  // AT_FDCWD is negative, and no descriptor is.
-  const auto fd = static_cast<std::int32_t>(Argument(*directory_argument));
-  return fd >= 0 ? std::optional(fd) : std::nullopt;
-}
-
-std::string FileEvent::FolderOf(const PathRecord& parent, const PathRecord& object,
-                                std::optional<std::size_t> directory_argument) const {
-  const auto fd = DirectoryDescriptor(object, directory_argument);
-  if (!fd) return parent.path;
-  const bool absolute = !parent.path.empty() && parent.path.front() == '/';
-  if (IsObjectAt(absolute ? parent.path : cwd_ + "/" + parent.path, parent.device, parent.inode)) return parent.path;
-  // The record names the working folder although the call started from a descriptor: only the inode is the real one.
-  std::string folder = DescriptorPath(GetActorProcessId(), *fd);
-  if (folder.empty()) return parent.path;
-  if (!absolute) folder += "/" + parent.path;
-  return IsObjectAt(folder, parent.device, parent.inode) ? folder : parent.path;
-}
-
-std::string FileEvent::ResolveIn(const std::string& folder, const PathRecord& parent, const PathRecord& object) const {
-  return ResolvePath(cwd_, folder, NameWithinParent(parent.path, object.path));
-}
-
-std::string FileEvent::PathWithoutParent() const {
-  std::string path = ResolvePath(cwd_, "", object_record_->path);
-  const auto fd = DirectoryDescriptor(*object_record_, DirectoryArgumentOf(Syscall()));
-  if (!fd || IsObjectAt(path, object_record_->device, object_record_->inode)) return path;
-  const std::string folder = DescriptorPath(GetActorProcessId(), *fd);
-  if (folder.empty()) return path;
-  std::string candidate = NormalisePath(folder + "/" + object_record_->path);
-  return IsObjectAt(candidate, object_record_->device, object_record_->inode) ? candidate : path;
+NameStart FileEvent::StartOf(std::optional<std::size_t> directory_argument) const {
+  NameStart start{cwd_, GetActorProcessId(), std::nullopt};
+  if (directory_argument && HasArgument(*directory_argument)) {
+    // AT_FDCWD is negative, and no descriptor is.
+    const auto fd = static_cast<std::int32_t>(Argument(*directory_argument));
+    if (fd >= 0) start.fd = fd;
+  }
+  return start;
 }
 
 common::ImageInfo FileEvent::ImageOf(const PathRecord& record, const std::string& path) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "src/audit/events/NameStart.h"
 #include "src/audit/events/PathRecord.h"
 #include "src/audit/events/SyscallEvent.h"
 #include "src/edr/LibMagicWrapper.h"
@@ -62,16 +63,8 @@ class FileEvent : public SyscallEvent {
   // Called once the call and all records are known, before any path is resolved.
   virtual void SettleRecords() {}
 
-  // The descriptor in argument `directory_argument` that the object's relative name starts from, if there is one.
-  [[nodiscard]] std::optional<std::int32_t> DirectoryDescriptor(const PathRecord& object,
-                                                                std::optional<std::size_t> directory_argument) const;
-  // The folder that `parent` means, absolute or relative to the working folder. For a name that starts from a
-  // descriptor the record may name the wrong folder: the descriptor's own is put in its place if it has the inode.
-  [[nodiscard]] std::string FolderOf(const PathRecord& parent, const PathRecord& object,
-                                     std::optional<std::size_t> directory_argument) const;
-  // The absolute path of `object` in `folder`, which FolderOf found for `parent`.
-  [[nodiscard]] std::string ResolveIn(const std::string& folder, const PathRecord& parent,
-                                      const PathRecord& object) const;
+  // Where a relative name of the call starts from, if argument `directory_argument` says so.
+  [[nodiscard]] NameStart StartOf(std::optional<std::size_t> directory_argument) const;
   // The object as the record describes it, at `path`, with the names of its owner and group.
   [[nodiscard]] static common::ImageInfo ImageOf(const PathRecord& record, const std::string& path);
   // Nothing, with a debug line, on failure.
@@ -86,7 +79,6 @@ class FileEvent : public SyscallEvent {
   // Which PATH record described the object: "CREATE", "DELETE", "NORMAL" or empty.
   [[nodiscard]] const std::string& TypeWord() const { return type_word_; }
   [[nodiscard]] const std::string& WorkingDirectory() const { return cwd_; }
-
   [[nodiscard]] const std::shared_ptr<edr::LibMagicWrapper>& LibMagic() const { return lib_magic_; }
 
   std::optional<PathRecord> object_record_;  // until Validate
@@ -105,7 +97,6 @@ class FileEvent : public SyscallEvent {
   void ParseItemPath(PathRecord record);
   void MergeObject(PathRecord record);
   void ResolveFile();
-  [[nodiscard]] std::string PathWithoutParent() const;
   void GenerateDigests() const;
   [[nodiscard]] std::string DiffersText() const;
 

@@ -129,6 +129,10 @@ const std::vector<unsigned char>& FileEvent::GetFileContent() const {
     return content_;
   }
   const auto result = common::ReadFileDescriptor(path, opened, fd.Get(), static_cast<std::size_t>(opened.st_size));
+  if (result->code != common::StorageCode::Success) {
+    ZLOG_DEBUG("Failed to read contents of file " << path);
+    return content_;
+  }
   content_ = std::move(result->data);
   ZLOG_DEBUG("Reading file content from " << path << " (stat: " << opened.st_size
                                           << " bytes. Content: " << content_.size() << " bytes)");

@@ -139,16 +139,9 @@ bool RenameEvent::ParentsAreCrossed() const {
   if (straight != crossed) return crossed > straight;
   if (first.IsSameObject(second)) return false;
   // Two folders under one name: the call started from descriptors. Ask where they lead.
-  const std::string source = StartFolder(*object_record_, DirectoryArgumentOf(Syscall()));
-  const std::string destination = StartFolder(*new_record_, NewDirectoryArgumentOf(Syscall()));
+  const std::string source = StartOf(DirectoryArgumentOf(Syscall())).FolderNamedBy(*object_record_);
+  const std::string destination = StartOf(NewDirectoryArgumentOf(Syscall())).FolderNamedBy(*new_record_);
   return IsObjectAt(source, second.device, second.inode) || IsObjectAt(destination, first.device, first.inode);
-}
-
-std::string RenameEvent::StartFolder(const PathRecord& object, std::optional<std::size_t> directory_argument) const {
-  std::string folder = FolderText(object.path);
-  if (folder.starts_with('/')) return folder;
-  const auto fd = DirectoryDescriptor(object, directory_argument);
-  return (fd ? DescriptorPath(GetActorProcessId(), *fd) : WorkingDirectory()) + "/" + folder;
 }
 
 void RenameEvent::Validate() {
@@ -162,15 +155,16 @@ void RenameEvent::Validate() {
   const PathRecord object = *std::exchange(new_record_, std::nullopt);
   PathRecord parent = *std::exchange(new_parent_record_, std::nullopt);
 
-  const std::string folder = FolderOf(parent, object, NewDirectoryArgumentOf(Syscall()));
+  const NameStart start = StartOf(NewDirectoryArgumentOf(Syscall()));
+  const std::string folder = start.FolderOf(parent, object);
   old_file_.emplace(object.device, file_->GetPermission(), object.inode, file_->GetPath(), file_->GetGroupId(),
                     file_->GetGroupName(), file_->GetOwnerName(), file_->GetOwnerId(), file_->GetText());
-  file_ = ImageOf(object, ResolveIn(folder, parent, object));
+  file_ = ImageOf(object, start.ResolveIn(folder, parent, object));
   if (Syscall() != kRename && Syscall() != kRenameAt && Syscall() != kRenameAt2) {
     throw edr::EventException("Invalid syscall for Rename event: " + std::to_string(Syscall()));
   }
   // The replaced file is named as the destination is.
-  if (replaced_record_) replaced_record_->path = ResolveIn(folder, parent, *replaced_record_);
+  if (replaced_record_) replaced_record_->path = start.ResolveIn(folder, parent, *replaced_record_);
   parent.path = ResolvePath(WorkingDirectory(), "", folder);
   ConfirmDestination(parent);
   if (stat_ && object.is_file) static_cast<void>(GetFileType());  // refuses what is no file

@@ -35,8 +35,6 @@ class RenameEvent final : public FileEvent {
   void HoldItemDestination(PathRecord record);
   void SettleRecords() override;
   [[nodiscard]] bool ParentsAreCrossed() const;
-  // The folder that the object's name starts from, asked from the descriptor or the working folder.
-  [[nodiscard]] std::string StartFolder(const PathRecord& object, std::optional<std::size_t> directory_argument) const;
   void ConfirmDestination(const PathRecord& parent);
   void SplitReplaced(std::unique_ptr<DeleteEvent>* replaced);
 
