@@ -11,6 +11,8 @@ class AttributeEvent final : public FileEvent {
   // The complete event at the cursor of the state. Throws when the event cannot be built.
   AttributeEvent(auparse_state_t* state, std::shared_ptr<edr::LibMagicWrapper> lib_magic);
   AttributeEvent(RecordSource& source, std::shared_ptr<edr::LibMagicWrapper> lib_magic);
+  AttributeEvent& operator=(const AttributeEvent&) = delete;
+  ~AttributeEvent() override = default;
 
   [[nodiscard]] std::unique_ptr<edr::Event> Clone() const override;
   [[nodiscard]] edr::EventType GetType() const override { return edr::EventType::AttributeChange; }

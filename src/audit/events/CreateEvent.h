@@ -10,6 +10,8 @@ class CreateEvent final : public FileEvent {
   // The complete event at the cursor of the state. Throws when the event cannot be built.
   CreateEvent(auparse_state_t* state, std::shared_ptr<edr::LibMagicWrapper> lib_magic);
   CreateEvent(RecordSource& source, std::shared_ptr<edr::LibMagicWrapper> lib_magic);
+  CreateEvent& operator=(const CreateEvent&) = delete;
+  ~CreateEvent() override = default;
 
   [[nodiscard]] std::unique_ptr<edr::Event> Clone() const override;
   [[nodiscard]] edr::EventType GetType() const override { return edr::EventType::Create; }

@@ -15,6 +15,8 @@ class DeleteEvent final : public FileEvent {
   // The file that `rename` replaced. Validated at once.
   DeleteEvent(std::shared_ptr<edr::LibMagicWrapper> lib_magic, PathRecord object, PathRecord parent,
               const RenameEvent& rename);
+  DeleteEvent& operator=(const DeleteEvent&) = delete;
+  ~DeleteEvent() override = default;
 
   [[nodiscard]] std::unique_ptr<edr::Event> Clone() const override;
   [[nodiscard]] edr::EventType GetType() const override { return edr::EventType::Delete; }

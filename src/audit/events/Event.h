@@ -13,6 +13,9 @@ namespace zagent::audit::internal {
 // The constructor of each final class calls Feed, so that the virtual ParseRecord, Validate and GetAction are its own.
 class Event : public edr::Event {
  public:
+  Event& operator=(const Event&) = delete;
+  ~Event() override = default;
+
   [[nodiscard]] std::unique_ptr<edr::Event> Clone() const override;
   [[nodiscard]] std::uint32_t GetId() const override { return id_; }
   [[nodiscard]] std::uint32_t GetActorEuid() const override;

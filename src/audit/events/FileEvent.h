@@ -22,6 +22,9 @@ namespace zagent::audit::internal {
 // error: sizes answer -1, times the event's time, digests and content stay empty.
 class FileEvent : public SyscallEvent {
  public:
+  FileEvent& operator=(const FileEvent&) = delete;
+  ~FileEvent() override = default;
+
   [[nodiscard]] virtual const std::string& GetPath() const { return GetFile()->GetPath(); }
 
   [[nodiscard]] const std::string& GetCommandLine() const override { return process_title_; }

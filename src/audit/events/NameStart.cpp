@@ -25,16 +25,16 @@ std::string NameStart::ResolveIn(const std::string& folder, const PathRecord& pa
 }
 
 std::string NameStart::ResolveAlone(const PathRecord& object) const {
-  const std::string path = Event::ResolvePath(cwd, "", object.path);
+  std::string path = Event::ResolvePath(cwd, "", object.path);
   if (!fd || IsObjectAt(path, object.device, object.inode)) return path;
   const std::string folder = DescriptorFolderFor(object);
   if (folder.empty()) return path;
-  const std::string candidate = NormalisePath(folder + "/" + object.path);
+  std::string candidate = NormalisePath(folder + "/" + object.path);
   return IsObjectAt(candidate, object.device, object.inode) ? candidate : path;
 }
 
 std::string NameStart::FolderNamedBy(const PathRecord& object) const {
-  const std::string folder = FolderText(object.path);
+  std::string folder = FolderText(object.path);
   if (folder.starts_with('/')) return folder;
   return (fd ? DescriptorPath(pid, *fd) : cwd) + "/" + folder;
 }

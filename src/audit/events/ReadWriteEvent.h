@@ -10,6 +10,8 @@ class ReadWriteEvent final : public FileEvent {
   // The complete event at the cursor of the state. Throws when the event cannot be built.
   ReadWriteEvent(auparse_state_t* state, std::shared_ptr<edr::LibMagicWrapper> lib_magic);
   ReadWriteEvent(RecordSource& source, std::shared_ptr<edr::LibMagicWrapper> lib_magic);
+  ReadWriteEvent& operator=(const ReadWriteEvent&) = delete;
+  ~ReadWriteEvent() override = default;
 
   [[nodiscard]] std::unique_ptr<edr::Event> Clone() const override;
   [[nodiscard]] edr::EventType GetType() const override { return type_; }

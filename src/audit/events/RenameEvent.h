@@ -15,6 +15,8 @@ class RenameEvent final : public FileEvent {
               std::unique_ptr<DeleteEvent>* replaced);
   RenameEvent(RecordSource& source, std::shared_ptr<edr::LibMagicWrapper> lib_magic,
               std::unique_ptr<DeleteEvent>* replaced);
+  RenameEvent& operator=(const RenameEvent&) = delete;
+  ~RenameEvent() override = default;
 
   [[nodiscard]] std::unique_ptr<edr::Event> Clone() const override;
   [[nodiscard]] edr::EventType GetType() const override { return edr::EventType::Rename; }

@@ -13,6 +13,9 @@ namespace zagent::audit::internal {
 // What the SYSCALL record says of every event: who did it, with which program, and whether the call succeeded.
 class SyscallEvent : public Event {
  public:
+  SyscallEvent& operator=(const SyscallEvent&) = delete;
+  ~SyscallEvent() override = default;
+
   [[nodiscard]] std::uint32_t GetActorEuid() const override { return euid_; }
   [[nodiscard]] std::int32_t GetActorProcessId() const override { return pid_; }
   [[nodiscard]] std::int32_t GetActorParentProcessId() const override { return ppid_; }

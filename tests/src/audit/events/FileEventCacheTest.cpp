@@ -43,6 +43,12 @@ TEST_F(FileEventCacheTest, KeepsAnEventForThirtySeconds) {
   EXPECT_TRUE(cache_.Expire().empty());
 }
 
+TEST_F(FileEventCacheTest, KeepsAnEventOfExactlyThirtySecondsBesideOneThatIsDue) {
+  Add(1, 100, seconds(31));
+  Add(2, 200, seconds(30));
+  EXPECT_EQ(Ids(cache_.Expire()), IdList{1});
+}
+
 TEST_F(FileEventCacheTest, GivesTheOldestEventFirstAcrossProcesses) {
   Add(3, 100, seconds(31));
   Add(4, 100, seconds(31));
