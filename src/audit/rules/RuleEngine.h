@@ -1,9 +1,6 @@
 #pragma once
 
-#include <atomic>
-#include <chrono>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -11,8 +8,11 @@
 
 #include "common/src/util/Clock.h"
 #include "src/audit/channels/AuditNetlink.h"
+#include "src/audit/rules/EventRouter.h"
+#include "src/audit/rules/Exclusions.h"
+#include "src/audit/rules/OwnActivity.h"
+#include "src/audit/rules/RuleTable.h"
 #include "src/edr/EventRuleEngine.h"
-#include "src/edr/Trie.h"
 #include "src/edr/process/ProcessTree.h"
 
 namespace zagent::audit {
@@ -39,6 +39,8 @@ class RuleEngine final : public edr::EventRuleEngine {
   // Leaves the kernel without any rule of the program.
   ~RuleEngine() override;
 
+  // A rule that cannot be installed is logged and does not keep the others out; the first failure is thrown at the end
+  // as edr::RuleEngineException. Rules of type File and Directory are supported.
   void AddRules(const std::string& tag, Rules rules) override;
   void Invalidate() override;
   void ProcessEvent(std::unique_ptr<edr::Event> event) override;
@@ -49,6 +51,27 @@ class RuleEngine final : public edr::EventRuleEngine {
 
   // The product family as it is shipped.
   static std::set<std::string> DefaultSiblingNames();
+
+ private:
+  // Event thread. Both take the mutex, neither holds it while handlers run.
+  [[nodiscard]] bool ShouldProcessEvent(const edr::Event& event);
+  void CallHandlers(const edr::Event& event);
+
+  // The caller holds the mutex.
+  // Removes the rules of the tag that are no objects of `kept`. Answers the compared parts of all ids whose kernel
+  // rules have been deleted, of `kept` included.
+  std::set<std::string> RemoveAllBut(internal::AuditSocket& socket, const std::string& tag, const Rules& kept);
+  void AddRule(internal::AuditSocket& socket, const std::string& tag, const internal::RuleTable::Rule& rule);
+  void RestoreRulesOfOtherTags(internal::AuditSocket& socket, const std::string& tag,
+                               const std::set<std::string>& touched);
+  void DeleteEverythingFromAudit(internal::AuditSocket& socket);
+
+  AuditNetlink& netlink_;
+  std::mutex mutex_;
+  internal::Exclusions exclusions_;
+  internal::RuleTable rules_;
+  internal::OwnActivity own_activity_;
+  internal::EventRouter router_;  // event thread
 };
 
 }  // namespace zagent::audit

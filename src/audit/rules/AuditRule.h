@@ -1,0 +1,71 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+struct audit_rule_data;
+
+namespace zagent::audit::internal {
+
+// One rule of the kernel's audit lists, in the form in which it is sent and listed: fields with operators and values,
+// a syscall mask, and the texts of the string fields behind each other.
+//
+// The adding calls go through libaudit and answer false when it refuses. libaudit keeps state of its own between them
+// (which syscalls, permissions and architecture were named last): one thread at a time.
+class AuditRule {
+ public:
+  enum class List : std::uint32_t { Exit = 4, Exclude = 5 };
+  enum class Action : std::uint32_t { Never = 0, Always = 2 };
+
+  // An empty rule.
+  explicit AuditRule(List list = List::Exit, Action action = Action::Always);
+  // A copy of what the kernel listed. Throws std::runtime_error "AuditRule: 'rule' is null or invalid" when it is
+  // null or does not fit in `size` bytes.
+  AuditRule(const audit_rule_data* rule, std::size_t size);
+  AuditRule(AuditRule&&) noexcept = default;
+  AuditRule& operator=(AuditRule&&) noexcept = default;
+  AuditRule(const AuditRule&) = delete;
+  AuditRule& operator=(const AuditRule&) = delete;
+  ~AuditRule() = default;
+
+  // Only on an empty rule: libaudit starts the rule anew, on all syscalls and with every permission. A trailing "/"
+  // of a file's path is cut, the kernel refuses it.
+  [[nodiscard]] bool WatchFile(const std::string& path);
+  [[nodiscard]] bool WatchDirectory(const std::string& path);
+  // AUDIT_PERM_* of a watch.
+  [[nodiscard]] bool SetPermissions(std::uint32_t permissions);
+
+  // "pid=17", "auid!=4294967295", "a0&65536", "arch=b64", "msgtype=EOE".
+  [[nodiscard]] bool AddField(const std::string& field);
+  [[nodiscard]] bool AddSyscall(const char* name);
+  [[nodiscard]] bool AddAllSyscalls();
+  // Comes last. A key that WhyRefused objects to is refused.
+  [[nodiscard]] bool AddKey(const std::string& key);
+
+  // What is wrong with a key: it cannot be told apart from an operator, a list of keys, or does not fit. Null for a
+  // good one.
+  [[nodiscard]] static const char* WhyRefused(const std::string& key);
+
+  [[nodiscard]] List GetList() const;
+  [[nodiscard]] Action GetAction() const;
+  // The text of the key field; empty without one.
+  [[nodiscard]] std::string GetKey() const;
+  // True for a rule whose one and only condition is this message type, on the exclude list.
+  [[nodiscard]] bool IsMessageTypeExclusion(std::uint32_t message_type) const;
+
+  [[nodiscard]] audit_rule_data* Get() { return rule_.get(); }
+
+ private:
+  struct Free {
+    void operator()(audit_rule_data* rule) const;
+  };
+
+  bool Watch(int type, const std::string& path);
+  bool AddPair(const std::string& pair, int syscall_added);
+
+  std::unique_ptr<audit_rule_data, Free> rule_;  // from malloc: libaudit reallocates it
+};
+
+}  // namespace zagent::audit::internal

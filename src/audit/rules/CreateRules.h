@@ -1,0 +1,18 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "src/audit/rules/AuditRule.h"
+#include "src/edr/EventRule.h"
+
+namespace zagent::audit::internal {
+
+// The kernel rules that let the events of a rule of type File or Directory be heard: at most one for reading, limited
+// to processes with a login session, and one for writing and attribute changes. Each carries the rule's id as key.
+//
+// Throws edr::RuleEngineException when the rule cannot be expressed: a type without kernel rules, no action, a path
+// or an id that the kernel does not take.
+std::vector<AuditRule> CreateRules(const edr::EventRule& rule);
+
+}  // namespace zagent::audit::internal

@@ -1,0 +1,236 @@
+#include "src/audit/rules/Exclusions.h"
+
+#include <libaudit.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <utility>
+
+#include "common/src/util/ErrnoText.h"
+#include "common/src/util/Log.h"
+
+namespace zagent::audit::internal {
+namespace {
+
+using common::util::ErrnoText;
+using Action = AuditRule::Action;
+using List = AuditRule::List;
+using Position = AuditSocket::Position;
+
+constexpr const char* kOwnName = "ostrel-edr";
+const std::string kIgnoreKeyPrefix = "ostrel_ignore_rule_";
+const std::string kExitKeyPrefix = "ostrel_exit_rule_";
+const std::string kThreadKey = "ostrel_ignore_thread_events_rule";
+
+struct MessageType {
+  const char* name;
+  std::uint32_t number;
+};
+constexpr std::array<MessageType, 1> kExcludedMessageTypes = {{{"EOE", AUDIT_EOE}}};
+
+std::string FileName(const std::string& path) {
+  return path.substr(path.rfind('/') + 1);  // the whole text without a "/"
+}
+
+bool HasKey(const std::vector<AuditRule>& listed, const std::string& key) {
+  const bool found = std::any_of(listed.begin(), listed.end(), [&](const auto& rule) { return rule.GetKey() == key; });
+  if (found) ZLOG_DEBUG("Rule with key " << key << " already exist");
+  return found;
+}
+
+bool BuildIgnoreRule(const std::string& name, std::int32_t pid, AuditRule& rule) {
+  if (pid < 1 || !rule.AddField("arch=b64") || !rule.AddField("pid=" + std::to_string(pid)) || !rule.AddAllSyscalls()) {
+    ZLOG_ERROR("Failed to create exclusion rule for pid " << pid);
+    return false;
+  }
+  if (!rule.AddKey(kIgnoreKeyPrefix + name)) {
+    ZLOG_ERROR("Failed to add key to the exclusion rule for pid " << pid);
+    return false;
+  }
+  return true;
+}
+
+bool BuildExitRule(const std::string& name, std::int32_t pid, AuditRule& rule) {
+  if (!rule.AddField("arch=b64") || !rule.AddField("pid=" + std::to_string(pid)) || !rule.AddSyscall("exit_group")) {
+    ZLOG_ERROR("Failed to create exit rule for pid " << pid);
+    return false;
+  }
+  if (!rule.AddKey(kExitKeyPrefix + name)) {
+    ZLOG_ERROR("Failed to add key to the exit rule for pid " << pid);
+    return false;
+  }
+  return true;
+}
+
+bool AddProcessRule(AuditSocket& socket, AuditRule& rule, std::int32_t pid) {
+  const int error = socket.Add(rule, Position::Front);
+  if (error == 0) return true;
+  ZLOG_ERROR("Failed to add exclusion rule for pid " << pid << " (errno = " << error << ")");
+  return false;
+}
+
+// The pair of rules of one process: silence for everything, and in front of it, since it is added later, its exit,
+// which shows when the pair is to be dropped.
+bool AddExclusionRules(AuditSocket& socket, const std::vector<AuditRule>& listed, const std::string& name,
+                       std::int32_t pid) {
+  ZLOG_DEBUG("Adding exclusion rule for pid " << pid);
+  AuditRule ignore(List::Exit, Action::Never);
+  AuditRule exit(List::Exit, Action::Always);
+  if (!BuildIgnoreRule(name, pid, ignore) || !BuildExitRule(name, pid, exit)) return false;
+
+  const bool adds_ignore = !HasKey(listed, kIgnoreKeyPrefix + name);
+  if (adds_ignore && !AddProcessRule(socket, ignore, pid)) return false;
+  if (!HasKey(listed, kExitKeyPrefix + name) && !AddProcessRule(socket, exit, pid)) {
+    const int error = adds_ignore ? socket.Delete(ignore) : 0;
+    if (error != 0) {
+      ZLOG_ERROR("Failed to clean up exclusion rule for pid " << pid << " (errno = " << error << ")");
+    }
+    return false;
+  }
+  ZLOG_DEBUG("Exclusion rule added for pid " << pid);
+  return true;
+}
+
+void AddMessageTypeExclusions(AuditSocket& socket) {
+  ZLOG_DEBUG("Adding exclusion message type rules");
+  for (const auto& [name, number] : kExcludedMessageTypes) {
+    AuditRule rule(List::Exclude, Action::Always);
+    if (!rule.AddField(std::string("msgtype=") + name)) {
+      ZLOG_ERROR("Failed to add exclusion rule for message type: " << name);
+      continue;
+    }
+    const int error = socket.Add(rule, Position::Front);
+    if (error == 0) {
+      ZLOG_DEBUG("Exclusion rule for message type: " << name << " added in audit");
+      continue;
+    }
+    ZLOG_ERROR("Failed to add exclusion rule for message type: " << name << " (errno = " << error << ")");
+    // The kernel may have taken it all the same, when only its answer was lost.
+    const int clean_up = socket.Delete(rule);
+    if (clean_up != 0 && clean_up != ENOENT) {
+      ZLOG_ERROR("Failed to clean up exclusion rule for message type: " << name << " (errno = " << clean_up << ")");
+    }
+  }
+}
+
+void AddThreadExclusion(AuditSocket& socket) {
+  using Step = std::pair<const char*, bool (*)(AuditRule&)>;
+  static constexpr std::array<Step, 4> kSteps = {{
+      {"Failed to add arch to the thread exclusion rule", [](AuditRule& rule) { return rule.AddField("arch=b64"); }},
+      {"Failed to add syscall to the thread exclusion rule", [](AuditRule& rule) { return rule.AddSyscall("clone"); }},
+      {"Failed to add flag to the thread exclusion rule",
+       [](AuditRule& rule) { return rule.AddField("a0&65536"); }},  // CLONE_THREAD
+      {"Failed to add key to the thread exclusion rule", [](AuditRule& rule) { return rule.AddKey(kThreadKey); }},
+  }};
+  AuditRule rule(List::Exit, Action::Never);
+  for (const auto& [failure, add] : kSteps) {
+    if (add(rule)) continue;
+    ZLOG_ERROR(failure);
+    return;
+  }
+  const int error = socket.Add(rule, Position::Front);
+  if (error != 0) {
+    ZLOG_ERROR("Failed to add thread exclusion rule to audit: " << ErrnoText(error));
+    return;
+  }
+  ZLOG_DEBUG("Added thread exclusion rule to audit");
+}
+
+bool IsExclusionKey(const std::string& key) {
+  return key.starts_with(kIgnoreKeyPrefix) || key.starts_with(kExitKeyPrefix) || key == kThreadKey;
+}
+
+void DeleteProcess(AuditSocket& socket, const std::string& name) {
+  for (AuditRule& rule : socket.GetRulesFromAudit()) {
+    const std::string key = rule.GetKey();
+    if (key != kIgnoreKeyPrefix + name && key != kExitKeyPrefix + name) continue;
+    const int error = socket.Delete(rule);
+    if (error == 0) {
+      ZLOG_DEBUG("Deleted exclusion rule " << key);
+    } else {
+      ZLOG_ERROR("Failed to delete exclusion rule " << key << ": " << ErrnoText(error));
+    }
+  }
+}
+
+void DeleteMessageTypeExclusions(AuditSocket& socket, std::vector<AuditRule>& listed) {
+  for (const auto& [name, number] : kExcludedMessageTypes) {
+    for (AuditRule& rule : listed) {
+      if (!rule.IsMessageTypeExclusion(number)) continue;
+      const int error = socket.Delete(rule);
+      if (error == 0) {
+        ZLOG_DEBUG("RuleEngine::DeleteExclusionMessageTypeRulesFromAudit Deleted rule for message type: " << name);
+      } else {
+        ZLOG_ERROR("Failed to delete exclusion rule for message type: " << name << ": " << ErrnoText(error));
+      }
+    }
+  }
+}
+
+}  // namespace
+
+Exclusions::Exclusions(std::int32_t own_pid, std::int32_t agent_pid, const std::string& agent_path) {
+  processes_[kOwnName] = {own_pid, false};
+  SetAgent(agent_pid, FileName(agent_path));
+}
+
+void Exclusions::SetAgent(std::int32_t pid, const std::string& name) {
+  agent_pid_ = pid;
+  agent_name_ = name;
+  // An agent that claims the program's own name must not push its entry out.
+  if (name != kOwnName) processes_[name] = {pid, false};
+  excluded_pids_ = {pid};
+  for (const auto& [process_name, process] : processes_) excluded_pids_.insert(process.pid);
+}
+
+void Exclusions::DeleteAll(AuditSocket& socket) {
+  std::vector<AuditRule> listed = socket.GetRulesFromAudit();
+  for (AuditRule& rule : listed) {
+    const std::string key = rule.GetKey();
+    if (!IsExclusionKey(key)) continue;
+    const int error = socket.Delete(rule);
+    if (error == 0) {
+      ZLOG_DEBUG("RuleEngine::DeleteExclusionRules: Deleted old rule " << key);
+    } else {
+      ZLOG_ERROR("Failed to delete exclusion rule " << key << ": " << ErrnoText(error));
+    }
+  }
+  DeleteMessageTypeExclusions(socket, listed);
+}
+
+void Exclusions::AddAll(AuditSocket& socket) {
+  for (auto& [name, process] : processes_) process.is_installed = false;
+  AddProcesses(socket);
+  AddMessageTypeExclusions(socket);
+  AddThreadExclusion(socket);
+}
+
+void Exclusions::AddProcesses(AuditSocket& socket) {
+  const std::vector<AuditRule> listed = socket.GetRulesFromAudit();
+  for (auto& [name, process] : processes_) {
+    if (!process.is_installed) process.is_installed = AddExclusionRules(socket, listed, name, process.pid);
+  }
+}
+
+bool Exclusions::IsAgent(std::int32_t pid, const std::string& path) const {
+  return pid == agent_pid_ && FileName(path) == agent_name_;
+}
+
+bool Exclusions::NeedsUpdate(std::int32_t agent_pid, const std::string& agent_path) const {
+  return !IsAgent(agent_pid, agent_path) || std::any_of(processes_.begin(), processes_.end(),
+                                                        [](const auto& entry) { return !entry.second.is_installed; });
+}
+
+void Exclusions::Update(AuditSocket& socket, std::int32_t agent_pid, const std::string& agent_path) {
+  if (!IsAgent(agent_pid, agent_path)) {
+    if (agent_name_ != kOwnName) {
+      DeleteProcess(socket, agent_name_);
+      processes_.erase(agent_name_);
+    }
+    SetAgent(agent_pid, FileName(agent_path));
+  }
+  AddProcesses(socket);
+}
+
+}  // namespace zagent::audit::internal

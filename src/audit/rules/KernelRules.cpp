@@ -1,0 +1,83 @@
+#include "src/audit/rules/KernelRules.h"
+
+#include <cerrno>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "common/src/util/ErrnoText.h"
+#include "common/src/util/Log.h"
+#include "src/audit/rules/CreateRules.h"
+
+namespace zagent::audit::internal {
+namespace {
+
+using common::util::ErrnoText;
+
+constexpr std::size_t kComparedLength = 36;
+
+}  // namespace
+
+std::string ComparedPart(const std::string& id) {
+  return id.substr(0, kComparedLength);
+}
+
+void AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vector<AuditRule>& created) {
+  ZLOG_TRACE("RuleEngine::AddRuleToAudit: Adding rule with ID " << rule.GetId());
+  bool added = false;
+  for (AuditRule& kernel_rule : created) {
+    switch (const int error = socket.Add(kernel_rule)) {
+      case 0:
+        added = true;
+        break;
+      case EEXIST:
+        ZLOG_DEBUG("Rule " << rule.GetId() << " already exists");
+        break;
+      case ENOENT:
+        ZLOG_DEBUG("Ignoring rule " << rule.GetId() << " as path " << rule.GetPath() << " does not exist");
+        break;
+      default:
+        ZLOG_ERROR("RuleEngine::AddRuleToAudit: Failed to add rule to audit subsystem: " << ErrnoText(error));
+        throw edr::RuleEngineException("Failed to add rule to audit subsystem");
+    }
+  }
+  if (added) ZLOG_DEBUG("Added rule " << rule.GetId() << " to the audit subsytem");
+}
+
+void DeleteRuleFromAudit(AuditSocket& socket, const edr::EventRule& rule) {
+  const std::string& id = rule.GetId();
+  ZLOG_TRACE("RuleEngine::DeleteRuleFromAudit: Deleting rule with ID " << id);
+  try {
+    for (AuditRule& kernel_rule : CreateRules(rule)) {
+      const int error = socket.Delete(kernel_rule);
+      if (error == 0) {
+        ZLOG_DEBUG("RuleEngine::DeleteRuleFromAudit: Deleted rule with ID " << id);
+      } else if (error == ENOENT) {
+        // It never went in, or the kernel has dropped it together with the watched folder.
+        ZLOG_DEBUG("RuleEngine::DeleteRuleFromAudit: Failed to delete old rule " << id << ": " << ErrnoText(error));
+      } else {
+        ZLOG_WARNING("RuleEngine::DeleteRuleFromAudit: Failed to delete old rule " << id << ": " << ErrnoText(error));
+      }
+    }
+  } catch (const std::exception& error) {
+    ZLOG_WARNING("RuleEngine::DeleteRuleFromAudit: Failed to delete old rule " << id << ": " << error.what());
+  }
+}
+
+void DeleteDuplicateRules(AuditSocket& socket, const edr::EventRuleEngine::Rules& rules) {
+  ZLOG_DEBUG("RuleEngine::DeleteDuplicateRules: Deleting duplicate rules");
+  std::set<std::string> ids;
+  for (const auto& rule : rules) ids.insert(ComparedPart(rule->GetId()));
+  for (AuditRule& listed : socket.GetRulesFromAudit()) {
+    const std::string key = listed.GetKey();
+    if (key.empty() || ids.count(ComparedPart(key)) == 0) continue;
+    const int error = socket.Delete(listed);
+    if (error == 0) {
+      ZLOG_DEBUG("RuleEngine::DeleteDuplicateRules: Deleted old rule " << key);
+    } else {
+      ZLOG_ERROR("RuleEngine::DeleteDuplicateRules: Failed to delete old rule " << key << ": " << ErrnoText(error));
+    }
+  }
+}
+
+}  // namespace zagent::audit::internal

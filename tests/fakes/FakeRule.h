@@ -1,0 +1,55 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "src/edr/EventRule.h"
+
+namespace zagent::fakes {
+
+// A rule written by hand. Matches everything.
+class FakeRule final : public edr::EventRule {
+ public:
+  FakeRule(std::string rule_id, edr::ObjectType object_type, std::string rule_path, edr::EventTypes event_types)
+      : id(std::move(rule_id)), path(std::move(rule_path)), type(object_type), types(std::move(event_types)) {}
+
+  static std::shared_ptr<const FakeRule> File(std::string id, std::string path, edr::EventTypes types) {
+    return std::make_shared<const FakeRule>(std::move(id), edr::ObjectType::File, std::move(path), std::move(types));
+  }
+  static std::shared_ptr<const FakeRule> Directory(std::string id, std::string path, edr::EventTypes types) {
+    return std::make_shared<const FakeRule>(std::move(id), edr::ObjectType::Directory, std::move(path),
+                                            std::move(types));
+  }
+
+  std::string id, path;
+  edr::ObjectType type;
+  edr::EventTypes types;
+  edr::EventTypes directory_types;  // of a directory rule, beside its file actions
+
+  [[nodiscard]] const edr::EventTypes& GetDirectoryActions() const override {
+    return Actions(edr::ObjectType::Directory, directory_types);
+  }
+  [[nodiscard]] const edr::EventTypes& GetFileActions() const override {
+    return Actions(type == edr::ObjectType::Directory ? type : edr::ObjectType::File, types);
+  }
+  [[nodiscard]] const edr::EventTypes& GetProcessActions() const override {
+    return Actions(edr::ObjectType::Process, types);
+  }
+  [[nodiscard]] const edr::EventTypes& GetNetworkActions() const override {
+    return Actions(edr::ObjectType::Network, types);
+  }
+  [[nodiscard]] const std::string& GetId() const override { return id; }
+  [[nodiscard]] const std::string& GetName() const override { return id; }
+  [[nodiscard]] const std::string& GetPath() const override { return path; }
+  [[nodiscard]] edr::ObjectType GetType() const override { return type; }
+  [[nodiscard]] edr::MatchResult Match(const edr::Event&) const override { return edr::MatchResult::Matched; }
+
+ private:
+  [[nodiscard]] const edr::EventTypes& Actions(edr::ObjectType wanted, const edr::EventTypes& answer) const {
+    if (type != wanted) throw edr::EventRuleException("no actions of this type");
+    return answer;
+  }
+};
+
+}  // namespace zagent::fakes
