@@ -1,0 +1,112 @@
+#include "src/audit/rules/OwnActivity.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "src/audit/rules/RuleEngine.h"
+#include "tests/fakes/FakeEvent.h"
+
+namespace zagent::audit::internal {
+namespace {
+
+// A process of the tree of which only the image is known.
+class Process final : public common::ProcessInfo {
+ public:
+  Process(std::int32_t pid, std::int32_t ppid, const std::string& path) : ProcessInfo(pid, ppid), image_(path) {}
+
+  [[nodiscard]] const std::vector<std::string>& GetArguments() const override { return arguments_; }
+  [[nodiscard]] std::uint32_t GetAuid() const override { return 0; }
+  [[nodiscard]] const std::string& GetCwd() const override { return cwd_; }
+  [[nodiscard]] std::uint32_t GetEuid() const override { return 0; }
+  [[nodiscard]] const common::ImageInfo* GetImage() const override { return &image_; }
+  [[nodiscard]] const common::ImageInfo* GetSecondaryImage() const override { return nullptr; }
+  [[nodiscard]] std::int64_t GetCreationTime() const override { return 0; }
+  [[nodiscard]] std::uint32_t GetUserId() const override { return 0; }
+  [[nodiscard]] bool HasSecondaryImage() const override { return false; }
+  void Update(const edr::Event&) override {}
+
+ private:
+  common::ImageInfo image_;
+  std::vector<std::string> arguments_;
+  std::string cwd_;
+};
+
+class OwnActivityTest : public ::testing::Test {
+ protected:
+  [[nodiscard]] bool IsOwn(std::int32_t pid, const std::string& image = "/usr/bin/vi") const {
+    fakes::FakeEvent event;
+    event.pid = pid;
+    event.image = common::ImageInfo(image);
+    return own_.IsSourceOf(event, {500});
+  }
+  void AddProcess(std::int32_t pid, std::int32_t ppid, const std::string& image) {
+    tree_.Add(std::make_unique<Process>(pid, ppid, image));
+  }
+
+  common::ProcessTree tree_;
+  OwnActivity own_{tree_, RuleEngine::DefaultSiblingNames(), "/opt/ostrel"};
+};
+
+TEST_F(OwnActivityTest, KnowsTheExcludedProcesses) {
+  EXPECT_TRUE(IsOwn(500));
+  EXPECT_FALSE(IsOwn(501));
+}
+
+TEST_F(OwnActivityTest, KnowsASiblingByNameAndFolder) {
+  EXPECT_TRUE(IsOwn(7, "/opt/ostrel/bin/ostrel-av-scanner"));
+  EXPECT_TRUE(IsOwn(7, "/opt/ostrel/updated"));
+  EXPECT_FALSE(IsOwn(7, "/tmp/ostrel-av-scanner"));
+  EXPECT_FALSE(IsOwn(7, "/opt/ostrel/bin/vi"));
+  EXPECT_FALSE(IsOwn(7, "/opt/ostrel-old/ostrel-av-scanner"));  // another folder with the same beginning
+}
+
+TEST_F(OwnActivityTest, ReadsTheFolderWithAndWithoutATrailingSlash) {
+  const OwnActivity with_slash(tree_, {"updated"}, "/opt/ostrel//");
+  const OwnActivity without_folder(tree_, {"updated"}, "");
+  fakes::FakeEvent event;
+  event.image = common::ImageInfo("/opt/ostrel/updated");
+  EXPECT_TRUE(with_slash.IsSourceOf(event, {}));
+  EXPECT_FALSE(without_folder.IsSourceOf(event, {}));
+}
+
+TEST_F(OwnActivityTest, MatchesNoProcessByTheTwoNamesThatRunTogether) {
+  const std::set<std::string> names = RuleEngine::DefaultSiblingNames();
+  EXPECT_EQ(names.size(), 21U);  // twenty of the family, and "updated"
+  EXPECT_EQ(names.count("ostrel-edrostrel-health-check"), 1U);
+  EXPECT_FALSE(IsOwn(7, "/opt/ostrel/bin/ostrel-edr"));
+  EXPECT_FALSE(IsOwn(7, "/opt/ostrel/bin/ostrel-health-check"));
+}
+
+TEST_F(OwnActivityTest, KnowsTheChildrenOfAnExcludedProcess) {
+  AddProcess(500, -1, "/usr/bin/anything");
+  AddProcess(501, 500, "/bin/sh");
+  AddProcess(502, 501, "/bin/cp");
+  EXPECT_TRUE(IsOwn(502));
+  AddProcess(600, -1, "/bin/sh");
+  EXPECT_FALSE(IsOwn(600));
+}
+
+TEST_F(OwnActivityTest, KnowsTheChildrenOfASibling) {
+  AddProcess(700, -1, "/opt/ostrel/bin/ostrel-patch-manager");
+  AddProcess(701, 700, "/usr/bin/dpkg");
+  EXPECT_TRUE(IsOwn(701));
+}
+
+TEST_F(OwnActivityTest, JudgesAProcessOfTheTreeByTheTreeAlone) {
+  AddProcess(600, -1, "/bin/sh");
+  EXPECT_FALSE(IsOwn(600, "/opt/ostrel/updated"));
+}
+
+TEST_F(OwnActivityTest, JudgesEventsWithoutProcessOrImage) {
+  EXPECT_FALSE(IsOwn(0));
+  EXPECT_FALSE(IsOwn(-1));
+  fakes::FakeEvent event;
+  event.image.reset();
+  EXPECT_FALSE(own_.IsSourceOf(event, {500}));
+}
+
+}  // namespace
+}  // namespace zagent::audit::internal

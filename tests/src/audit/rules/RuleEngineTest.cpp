@@ -1,0 +1,494 @@
+#include "src/audit/rules/RuleEngine.h"
+
+#include <gtest/gtest.h>
+#include <libaudit.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/fakes/FakeAuditNetlink.h"
+#include "tests/fakes/FakeClock.h"
+#include "tests/fakes/FakeEvent.h"
+#include "tests/fakes/FakeRule.h"
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/TempFolder.h"
+
+namespace zagent::audit {
+namespace {
+
+using namespace std::chrono_literals;
+using edr::EventType;
+using edr::ObjectType;
+using fakes::FakeEvent;
+using fakes::FakeRule;
+using fakes::SeenRule;
+using Ids = std::vector<std::string>;
+
+class RuleEngineTest : public ::testing::Test {
+ protected:
+  using Rule = std::shared_ptr<const FakeRule>;
+
+  RuleEngineTest() { Start(); }
+
+  void Start() {
+    engine_ = std::make_unique<RuleEngine>(kernel_, tree_,
+                                           RuleEngine::Settings{400, "/opt/ostrel/bin/host-warden", 8192, "/opt/ostrel",
+                                                                RuleEngine::DefaultSiblingNames()},
+                                           clock_);
+  }
+
+  // Collects what a tag hears as "<rule ids joined by ,>:<event id>".
+  void Listen(const std::string& tag) {
+    engine_->RegisterEventHandlers(
+        tag,
+        [this, tag](const Ids& ids, const edr::Event& event) {
+          std::string line = tag + " ";
+          for (const std::string& id : ids) line += id + ",";
+          heard_.push_back(line + ":" + std::to_string(event.GetId()));
+        },
+        [this, tag] { invalidated_.push_back(tag); });
+  }
+  Rule Watch(const std::string& id) { return FakeRule::Directory(id, folder_.Path(), {EventType::Write}); }
+
+  std::unique_ptr<FakeEvent> FolderEvent(std::uint32_t id, const std::string& path) {
+    auto event = std::make_unique<FakeEvent>(EventType::Create, "Create", path);
+    event->id = id;
+    event->object_type = ObjectType::Directory;
+    return event;
+  }
+
+  template <typename Call>
+  static std::string ErrorOf(const Call& call) {
+    try {
+      call();
+    } catch (const edr::RuleEngineException& error) {
+      return std::string("engine: ") + error.what();
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
+    return "no error";
+  }
+  // Keys of the kernel's rules apart from the exclusions, in order.
+  [[nodiscard]] Ids InstalledIds() const {
+    Ids ids;
+    for (const SeenRule& rule : kernel_.Rules()) {
+      if (!rule.Key().empty() && !rule.Key().starts_with("ostrel_")) ids.push_back(rule.Key());
+    }
+    return ids;
+  }
+  [[nodiscard]] std::size_t Exclusions() const { return kernel_.Rules().size() - InstalledIds().size(); }
+
+  static constexpr std::size_t kAllExclusions = 6;  // two pairs, the message type, the threads
+
+  fakes::LogCapture log_;
+  fakes::TempFolder folder_;
+  fakes::FakeClock clock_;
+  fakes::FakeAuditNetlink kernel_;
+  common::ProcessTree tree_;
+  std::vector<std::string> heard_, invalidated_;
+  std::unique_ptr<RuleEngine> engine_;
+};
+
+// --- start and end
+
+TEST_F(RuleEngineTest, StartsWithItsExclusionsAndARaisedLimit) {
+  EXPECT_EQ(Exclusions(), kAllExclusions);
+  EXPECT_EQ(kernel_.backlog_limit, 8192U);
+  const std::vector<SeenRule> own = kernel_.RulesWithKey("ostrel_ignore_rule_ostrel-edr");
+  ASSERT_EQ(own.size(), 1U);
+  EXPECT_EQ(own[0].Find(AUDIT_PID)->value, static_cast<std::uint32_t>(getpid()));
+  EXPECT_EQ(kernel_.OpenDescriptors(), 0U);
+}
+
+TEST_F(RuleEngineTest, LeavesAHigherLimitAlone) {
+  engine_.reset();
+  kernel_.backlog_limit = 100'000;
+  Start();
+  EXPECT_EQ(kernel_.backlog_limit, 100'000U);
+}
+
+TEST_F(RuleEngineTest, CannotStartWithoutAnAuditSocket) {
+  engine_.reset();
+  kernel_.open_error = EPERM;
+  EXPECT_EQ(ErrorOf([&] { Start(); }), "engine: Failed to open audit socket");
+  EXPECT_TRUE(log_.Has("RuleEngine: Failed to open audit socket: Operation not permitted (1)"));
+}
+
+TEST_F(RuleEngineTest, LeavesTheKernelWithoutAnyRuleOfItsOwn) {
+  engine_->AddRules("FIM", {Watch("a"), Watch("b")});
+  engine_->AddRules("IOC", {Watch("c")});
+  engine_.reset();
+  EXPECT_TRUE(kernel_.Rules().empty());
+  EXPECT_EQ(kernel_.OpenDescriptors(), 0U);
+  EXPECT_TRUE(log_.Has("Destroying RuleEngine"));
+}
+
+TEST_F(RuleEngineTest, EndsWithoutASocketToo) {
+  kernel_.open_error = EMFILE;
+  engine_.reset();
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR,
+                       "RuleEngine::~RuleEngine: Failed to open audit socket: Too many open files (24)"));
+}
+
+TEST_F(RuleEngineTest, ClearsUpAfterARunThatWasKilled) {
+  engine_->AddRules("FIM", {Watch("a")});
+  kernel_.open_error = EMFILE;
+  engine_.reset();  // as good as killed
+  kernel_.open_error = 0;
+  ASSERT_EQ(kernel_.Rules().size(), kAllExclusions + 1);
+
+  Start();
+  EXPECT_EQ(Exclusions(), kAllExclusions);
+  engine_->AddRules("FIM", {FakeRule::Directory("a", folder_.Path(), {EventType::AttributeChange})});
+  ASSERT_EQ(InstalledIds(), (Ids{"a"}));
+  EXPECT_EQ(kernel_.RulesWithKey("a").front().Permissions(), static_cast<std::uint32_t>(AUDIT_PERM_ATTR));
+  EXPECT_TRUE(log_.Has("RuleEngine::DeleteExclusionRules: Deleted old rule ostrel_ignore_rule_ostrel-edr"));
+}
+
+// --- rules
+
+TEST_F(RuleEngineTest, RefusesAnEmptyTagAndANullRule) {
+  EXPECT_EQ(ErrorOf([&] { engine_->AddRules("", {Watch("a")}); }), "RuleEngine::AddRules: 'tag' is empty");
+  EXPECT_EQ(ErrorOf([&] {
+              engine_->AddRules("FIM", {Watch("a"), nullptr});
+            }),
+            "RuleEngine::AddRules: 'rule' is nullptr");
+  EXPECT_TRUE(InstalledIds().empty());
+}
+
+TEST_F(RuleEngineTest, InstallsRulesInTheOrderOfTheirIds) {
+  engine_->AddRules("FIM", {Watch("b"), Watch("c"), Watch("a")});
+  EXPECT_EQ(InstalledIds(), (Ids{"a", "b", "c"}));
+  EXPECT_TRUE(log_.Has("RuleEngine::AddRules: Adding 3 rules"));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "RuleEngine::AddRules: Added rule with ID a"));
+}
+
+TEST_F(RuleEngineTest, ReplacesTheRulesOfATagOnly) {
+  engine_->AddRules("FIM", {Watch("a"), Watch("b")});
+  engine_->AddRules("IOC", {Watch("x")});
+  engine_->AddRules("FIM", {Watch("b"), Watch("c")});
+  EXPECT_EQ(InstalledIds(), (Ids{"x", "b", "c"}));
+}
+
+TEST_F(RuleEngineTest, KeepsARuleThatIsInBothSetsInForce) {
+  Listen("FIM");
+  const Rule kept = Watch("kept");
+  engine_->AddRules("FIM", {kept, Watch("gone")});
+  engine_->AddRules("FIM", {kept});
+  EXPECT_EQ(InstalledIds(), (Ids{"kept"}));
+  engine_->ProcessEvent(FolderEvent(1, folder_ / "sub"));
+  EXPECT_EQ(heard_, (Ids{"FIM kept,:1"}));
+}
+
+TEST_F(RuleEngineTest, TakesANewObjectUnderAnOldIdForANewRule) {
+  Listen("FIM");
+  engine_->AddRules("FIM", {FakeRule::Directory("a", folder_.Path(), {EventType::Write})});
+  engine_->AddRules("FIM", {FakeRule::Directory("a", "/tmp", {EventType::AttributeChange})});
+  const std::vector<SeenRule> rules = kernel_.RulesWithKey("a");
+  ASSERT_EQ(rules.size(), 1U);
+  EXPECT_EQ(rules[0].Path(), "/tmp");
+  engine_->ProcessEvent(FolderEvent(1, "/tmp/sub"));
+  EXPECT_EQ(heard_, (Ids{"FIM a,:1"}));
+}
+
+TEST_F(RuleEngineTest, AnEmptySetRemovesTheRulesOfTheTag) {
+  Listen("FIM");
+  engine_->AddRules("FIM", {Watch("a")});
+  engine_->AddRules("FIM", {});
+  EXPECT_TRUE(InstalledIds().empty());
+  EXPECT_EQ(Exclusions(), kAllExclusions);
+  engine_->ProcessEvent(FolderEvent(1, folder_ / "sub"));
+  EXPECT_TRUE(heard_.empty());
+}
+
+TEST_F(RuleEngineTest, SharesAnIdBetweenTagsWithoutHarm) {
+  engine_->AddRules("IOC", {Watch("1")});
+  engine_->AddRules("FIM", {FakeRule::File("1", "/etc/passwd", {EventType::Write})});
+  const auto paths = [&] {
+    std::set<std::string> found;
+    for (const SeenRule& rule : kernel_.RulesWithKey("1")) found.insert(rule.Path());
+    return found;
+  };
+  EXPECT_EQ(paths(), (std::set<std::string>{folder_.Path(), "/etc/passwd"}));
+  engine_->AddRules("FIM", {Watch("1")});
+  EXPECT_EQ(paths(), (std::set<std::string>{folder_.Path()}));
+  engine_->AddRules("FIM", {});
+  EXPECT_EQ(paths(), (std::set<std::string>{folder_.Path()}));
+}
+
+TEST_F(RuleEngineTest, KeepsTwoIdsOfOneTagApartThatBeginAlike) {
+  const std::string uuid = "0f6d7a52-0b52-4f5e-9a3b-0a8a4a1f5c11";
+  engine_->AddRules("FIM", {Watch(uuid + "-1"), FakeRule::File(uuid, "/etc/passwd", {EventType::Write})});
+  engine_->AddRules("FIM", {Watch(uuid + "-1"), FakeRule::File(uuid, "/etc/group", {EventType::Write})});
+  EXPECT_EQ(InstalledIds(), (Ids{uuid, uuid + "-1"}));
+  EXPECT_EQ(kernel_.RulesWithKey(uuid).front().Path(), "/etc/group");
+}
+
+TEST_F(RuleEngineTest, AcceptsARuleOnAPathThatDoesNotExist) {
+  engine_->AddRules("FIM", {FakeRule::Directory("a", folder_ / "missing", {EventType::Write})});
+  EXPECT_TRUE(InstalledIds().empty());
+  EXPECT_TRUE(log_.Has("Ignoring rule a as path " + (folder_ / "missing") + " does not exist"));
+}
+
+TEST_F(RuleEngineTest, InstallsTheOthersWhenOneRuleIsRefused) {
+  const auto process =
+      std::make_shared<const FakeRule>("b", ObjectType::Process, "/bin/sh", edr::EventTypes{EventType::ProcessStart});
+  EXPECT_EQ(ErrorOf([&] {
+              engine_->AddRules("FIM", {Watch("a"), process, Watch("c")});
+            }),
+            "engine: CreateRules: Unsupported rule type for rule id b");
+  EXPECT_EQ(InstalledIds(), (Ids{"a", "c"}));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "RuleEngine::AddRules: Failed to add rule with ID b: "));
+}
+
+TEST_F(RuleEngineTest, RefusesARuleWhoseIdIsNoKey) {
+  EXPECT_EQ(ErrorOf([&] {
+              engine_->AddRules("FIM", {Watch("a>=b"), Watch("c")});
+            }),
+            "engine: CreateRules: Failed to add key for rule id a>=b: it holds an operator");
+  EXPECT_EQ(InstalledIds(), (Ids{"c"}));
+}
+
+TEST_F(RuleEngineTest, RefusesARelativePathWithoutTouchingTheKernel) {
+  EXPECT_EQ(ErrorOf([&] { engine_->AddRules("FIM", {FakeRule::File("a", "etc/passwd", {EventType::Write})}); }),
+            "engine: Trie::Insert: path is empty or invalid");
+  EXPECT_TRUE(InstalledIds().empty());
+}
+
+TEST_F(RuleEngineTest, RefusesTheSecondOfTwoRulesWithOneId) {
+  EXPECT_EQ(ErrorOf([&] {
+              engine_->AddRules("FIM", {Watch("a"), Watch("a")});
+            }),
+            "engine: Cannot add more than 1 rule with id 'a'");
+  EXPECT_EQ(InstalledIds(), (Ids{"a"}));
+}
+
+TEST_F(RuleEngineTest, TriesARuleAgainThatTheKernelRefused) {
+  const Rule rule = Watch("a");
+  kernel_.refuse_add = [](const SeenRule&) { return ENOSPC; };
+  EXPECT_EQ(ErrorOf([&] { engine_->AddRules("FIM", {rule}); }), "engine: Failed to add rule to audit subsystem");
+  kernel_.refuse_add = nullptr;
+  engine_->AddRules("FIM", {rule});
+  EXPECT_EQ(InstalledIds(), (Ids{"a"}));
+}
+
+TEST_F(RuleEngineTest, RemovesTheHalfOfARuleThatTheKernelTook) {
+  kernel_.refuse_add = [](const SeenRule& rule) { return rule.Permissions() == AUDIT_PERM_WRITE ? ENOSPC : 0; };
+  const auto rule = FakeRule::Directory("a", folder_.Path(), {EventType::Read, EventType::Write});
+  EXPECT_NE(ErrorOf([&] { engine_->AddRules("FIM", {rule}); }), "no error");
+  EXPECT_EQ(InstalledIds(), (Ids{"a"}));
+  engine_->AddRules("FIM", {});
+  EXPECT_TRUE(InstalledIds().empty());
+}
+
+TEST_F(RuleEngineTest, ChangesNothingWithoutAnAuditSocket) {
+  Listen("FIM");
+  engine_->AddRules("FIM", {Watch("a")});
+  kernel_.open_error = EMFILE;
+  EXPECT_EQ(ErrorOf([&] { engine_->AddRules("FIM", {}); }), "engine: Failed to open audit socket");
+  EXPECT_TRUE(log_.Has("RuleEngine::AddRules: Failed to open audit socket: Too many open files (24)"));
+  engine_->ProcessEvent(FolderEvent(1, folder_ / "sub"));
+  EXPECT_EQ(heard_, (Ids{"FIM a,:1"}));
+}
+
+// --- invalidation
+
+TEST_F(RuleEngineTest, InvalidateDropsEverythingAndAsksTheOwnersToComeBack) {
+  Listen("FIM");
+  Listen("IOC");
+  engine_->AddRules("FIM", {Watch("a")});
+  engine_->AddRules("IOC", {Watch("b")});
+  engine_->Invalidate();
+  EXPECT_TRUE(InstalledIds().empty());
+  EXPECT_EQ(Exclusions(), kAllExclusions);
+  EXPECT_EQ(invalidated_, (std::vector<std::string>{"FIM", "IOC"}));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "RuleEngine::Invalidate: Cleaning up all rules"));
+  engine_->ProcessEvent(FolderEvent(1, folder_ / "sub"));
+  EXPECT_TRUE(heard_.empty());
+}
+
+TEST_F(RuleEngineTest, AnOwnerAddsItsRulesFromTheInvalidatedHandler) {
+  const Rule rule = Watch("a");
+  engine_->RegisterEventHandlers(
+      "FIM", [](const Ids&, const edr::Event&) {}, [&] { engine_->AddRules("FIM", {rule}); });
+  engine_->AddRules("FIM", {rule});
+  engine_->Invalidate();
+  EXPECT_EQ(InstalledIds(), (Ids{"a"}));
+}
+
+TEST_F(RuleEngineTest, InvalidateFailsWithoutAnAuditSocketAndLeavesTheRules) {
+  engine_->AddRules("FIM", {Watch("a")});
+  kernel_.open_error = EPERM;
+  EXPECT_EQ(ErrorOf([&] { engine_->Invalidate(); }), "engine: Failed to open audit socket");
+  EXPECT_TRUE(log_.Has("RuleEngine::Invalidate: Failed to open audit socket: Operation not permitted (1)"));
+  EXPECT_EQ(InstalledIds(), (Ids{"a"}));
+}
+
+TEST_F(RuleEngineTest, InvalidateKeepsTheFileEventsThatRest) {
+  const Rule rule = Watch("a");
+  Listen("FIM");
+  engine_->AddRules("FIM", {rule});
+  auto event = std::make_unique<FakeEvent>(EventType::Write, "Write", folder_ / "file");
+  engine_->ProcessEvent(std::move(event));
+  engine_->Invalidate();
+  engine_->AddRules("FIM", {rule});
+  clock_.Advance(31s);
+  engine_->OnIdle();
+  EXPECT_EQ(heard_, (Ids{"FIM a,:1"}));
+}
+
+// --- exclusions
+
+TEST_F(RuleEngineTest, MovesTheAgentsExclusions) {
+  engine_->UpdateExclusions(401, "/opt/ostrel/bin/host-warden");
+  EXPECT_EQ(kernel_.RulesWithKey("ostrel_ignore_rule_host-warden").at(0).Find(AUDIT_PID)->value, 401U);
+  EXPECT_EQ(Exclusions(), kAllExclusions);
+}
+
+TEST_F(RuleEngineTest, DoesNotAskTheKernelWhenTheAgentIsTheSame) {
+  const int opened = kernel_.OpenCount();
+  engine_->UpdateExclusions(400, "/opt/ostrel/bin/host-warden");
+  EXPECT_EQ(kernel_.OpenCount(), opened);
+}
+
+TEST_F(RuleEngineTest, LogsThatTheAgentsExclusionsCouldNotMoveAndTriesAgain) {
+  kernel_.open_error = EMFILE;
+  engine_->UpdateExclusions(401, "/opt/ostrel/bin/host-warden");
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR,
+                       "RuleEngine: Failed to refresh exclusion rules in audit with new host warden pid: "
+                       "Failed to open audit socket"));
+  kernel_.open_error = 0;
+  engine_->UpdateExclusions(401, "/opt/ostrel/bin/host-warden");
+  EXPECT_EQ(kernel_.RulesWithKey("ostrel_ignore_rule_host-warden").at(0).Find(AUDIT_PID)->value, 401U);
+}
+
+TEST_F(RuleEngineTest, DropsWhatTheProgramAndItsFamilyDo) {
+  Listen("FIM");
+  engine_->AddRules("FIM", {Watch("a")});
+  auto own = FolderEvent(1, folder_ / "sub");
+  own->pid = getpid();
+  engine_->ProcessEvent(std::move(own));
+  auto agent = FolderEvent(2, folder_ / "sub");
+  agent->pid = 400;
+  engine_->ProcessEvent(std::move(agent));
+  auto sibling = FolderEvent(3, folder_ / "sub");
+  sibling->image = common::ImageInfo("/opt/ostrel/bin/ostrel-log-collector");
+  engine_->ProcessEvent(std::move(sibling));
+  EXPECT_TRUE(heard_.empty());
+  EXPECT_EQ(log_.Count("AuditRuleEngine::ShouldProcessEvent: Dropping Ostrel generated event with ID: "), 3);
+
+  engine_->UpdateExclusions(401, "/opt/ostrel/bin/host-warden");
+  auto former_agent = FolderEvent(4, folder_ / "sub");
+  former_agent->pid = 400;
+  engine_->ProcessEvent(std::move(former_agent));
+  EXPECT_EQ(heard_, (Ids{"FIM a,:4"}));
+}
+
+TEST_F(RuleEngineTest, NeverDropsAnAbnormalEndAsItsOwnAndCopesWithoutAnImage) {
+  auto event = std::make_unique<FakeEvent>();
+  event->type = EventType::AbnormalEnd;
+  event->object_type = ObjectType::Process;
+  event->image.reset();
+  event->pid = getpid();
+  engine_->ProcessEvent(std::move(event));
+  EXPECT_FALSE(log_.Has("Dropping Ostrel generated event"));
+  EXPECT_FALSE(log_.Has("Failed to process event")) << log_.All();
+}
+
+// --- routing
+
+TEST_F(RuleEngineTest, RefusesANullEvent) {
+  EXPECT_EQ(ErrorOf([&] { engine_->ProcessEvent(nullptr); }), "RuleEngine::ProcessEvent: 'event' is nullptr");
+}
+
+TEST_F(RuleEngineTest, CallsEachTagOnceWithAllItsRules) {
+  Listen("FIM");
+  Listen("IOC");
+  engine_->AddRules("FIM", {Watch("b"), FakeRule::Directory("a", "/tmp", {EventType::Write})});
+  engine_->AddRules("IOC", {Watch("c")});
+  auto event = FolderEvent(7, folder_ / "sub");
+  event->audit_key = "b";  // the kernel names only one of the rules that match
+  engine_->ProcessEvent(std::move(event));
+  EXPECT_EQ(heard_, (Ids{"FIM a,b,:7", "IOC c,:7"}));
+}
+
+TEST_F(RuleEngineTest, CallsNobodyForAPathWithoutRuleOrATagWithoutHandler) {
+  Listen("FIM");
+  engine_->AddRules("FIM", {Watch("a")});
+  engine_->AddRules("IOC", {Watch("b")});
+  engine_->ProcessEvent(FolderEvent(1, "/elsewhere/sub"));
+  EXPECT_TRUE(heard_.empty());
+  engine_->ProcessEvent(FolderEvent(2, folder_ / "sub"));
+  EXPECT_EQ(heard_, (Ids{"FIM a,:2"}));
+}
+
+TEST_F(RuleEngineTest, DeliversAFileEventAfterItsRest) {
+  Listen("FIM");
+  engine_->AddRules("FIM", {Watch("a")});
+  engine_->ProcessEvent(std::make_unique<FakeEvent>(EventType::Write, "Write", folder_ / "file"));
+  clock_.Advance(30s);
+  engine_->OnIdle();
+  EXPECT_TRUE(heard_.empty());
+  clock_.Advance(1s);
+  engine_->OnIdle();
+  EXPECT_EQ(heard_, (Ids{"FIM a,:1"}));
+}
+
+TEST_F(RuleEngineTest, HearsARenameIntoAWatchedFolder) {
+  Listen("FIM");
+  engine_->AddRules("FIM", {Watch("a")});
+  auto event = std::make_unique<FakeEvent>(EventType::Rename, "Rename", "/elsewhere/old");
+  event->new_file = common::ImageInfo(folder_ / "new");
+  engine_->ProcessEvent(std::move(event));
+  clock_.Advance(31s);
+  engine_->OnIdle();
+  EXPECT_EQ(heard_, (Ids{"FIM a,:1"}));
+}
+
+TEST_F(RuleEngineTest, AComponentThatFailsDoesNotTakeTheEventFromTheNext) {
+  engine_->RegisterEventHandlers(
+      "FIM", [](const Ids&, const edr::Event&) { throw edr::EventException("not mine"); }, [] {});
+  Listen("IOC");
+  engine_->AddRules("FIM", {Watch("a")});
+  engine_->AddRules("IOC", {Watch("b")});
+  engine_->ProcessEvent(FolderEvent(5, folder_ / "sub"));
+  EXPECT_EQ(heard_, (Ids{"IOC b,:5"}));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "Failed to process event with ID 5: not mine"));
+}
+
+TEST_F(RuleEngineTest, AHandlerMayChangeTheRulesBecauseNoLockIsHeld) {
+  engine_->RegisterEventHandlers(
+      "FIM", [&](const Ids&, const edr::Event&) { engine_->AddRules("FIM", {}); }, [] {});
+  engine_->AddRules("FIM", {Watch("a")});
+  engine_->ProcessEvent(FolderEvent(1, folder_ / "sub"));
+  EXPECT_TRUE(InstalledIds().empty());
+}
+
+TEST_F(RuleEngineTest, TakesNewRulesWhileEventsFlow) {
+  Listen("FIM");
+  const Rule first = Watch("a");
+  const Rule second = Watch("b");
+  std::thread owner([&] {
+    for (int i = 0; i < 50; ++i) {
+      engine_->AddRules("FIM", {first, second});
+      engine_->UpdateExclusions(400 + i % 2, "/opt/ostrel/bin/host-warden");
+      engine_->Invalidate();
+    }
+    engine_->AddRules("FIM", {first});
+  });
+  for (std::uint32_t id = 1; id <= 500; ++id) engine_->ProcessEvent(FolderEvent(id, folder_ / "sub"));
+  owner.join();
+  heard_.clear();
+  engine_->ProcessEvent(FolderEvent(501, folder_ / "sub"));
+  EXPECT_EQ(heard_, (Ids{"FIM a,:501"}));
+}
+
+}  // namespace
+}  // namespace zagent::audit
