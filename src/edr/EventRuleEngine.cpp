@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <memory>
 #include <thread>
 #include <utility>
 
@@ -16,35 +17,33 @@ struct EventRuleEngine::Handlers {
       : rule_matched(std::move(matched)), invalidated(std::move(dropped)) {}
 
   bool Enter() {
-    const std::lock_guard lock(mutex);
-    if (retired) return false;
-    inside.push_back(std::this_thread::get_id());
+    const std::lock_guard lock(mutex_);
+    if (retired_) return false;
+    inside_.push_back(std::this_thread::get_id());
     return true;
   }
 
   void Leave() {
-    const std::lock_guard lock(mutex);
-    inside.erase(std::find(inside.begin(), inside.end(), std::this_thread::get_id()));
+    const std::lock_guard lock(mutex_);
+    inside_.erase(std::find(inside_.begin(), inside_.end(), std::this_thread::get_id()));
     // Under the lock: whoever waits may destroy what this call belongs to as soon as it wakes.
-    left.notify_all();
+    left_.notify_all();
   }
 
   // Waits for every other thread inside. A handler that retires itself does not wait for itself.
   void Retire() {
-    std::unique_lock lock(mutex);
-    retired = true;
+    std::unique_lock lock(mutex_);
+    retired_ = true;
     const std::thread::id self = std::this_thread::get_id();
-    left.wait(lock, [&] { return std::all_of(inside.begin(), inside.end(), [&](auto id) { return id == self; }); });
+    left_.wait(lock, [&] { return std::all_of(inside_.begin(), inside_.end(), [&](auto id) { return id == self; }); });
   }
 
   // Runs `call` inside these handlers unless they are retired.
   template <typename Call>
   void Run(const Call& call) {
     if (!Enter()) return;
-    struct LeaveGuard {
-      Handlers& handlers;
-      ~LeaveGuard() { handlers.Leave(); }
-    } const guard{*this};
+    const auto leave = [](Handlers* handlers) { handlers->Leave(); };
+    const std::unique_ptr<Handlers, decltype(leave)> guard(this, leave);
     call();
   }
 
@@ -52,10 +51,10 @@ struct EventRuleEngine::Handlers {
   const InvalidatedEventHandler invalidated;
 
  private:
-  std::mutex mutex;
-  std::condition_variable left;
-  std::vector<std::thread::id> inside;  // a thread stands here once for each call that it is in
-  bool retired = false;
+  std::mutex mutex_;
+  std::condition_variable left_;
+  std::vector<std::thread::id> inside_;  // a thread stands here once for each call that it is in
+  bool retired_ = false;
 };
 
 void EventRuleEngine::RegisterEventHandlers(const std::string& tag, RuleMatchedEventHandler rule_matched,

@@ -37,6 +37,22 @@ struct Trie::Node {
     return found == children.end() ? nullptr : found->second.get();
   }
 
+  // False, with a log line, when the tag is not there.
+  bool RemoveTag(const std::string& value, const std::string& tag, std::string_view path) {
+    const auto found = values.find(value);
+    if (found == values.end()) {
+      ZLOG_WARNING("Trie::Delete: Failed to find the value '" << value << "' in path: " << path);
+      return false;
+    }
+    if (found->second.erase(tag) == 0) {
+      ZLOG_WARNING("Trie::Delete: Failed to find value '" << value << "' with tag: " << tag);
+      return false;
+    }
+    ZLOG_DEBUG("Trie::Delete: Deleted tag '" << tag << "'");
+    if (found->second.empty()) values.erase(found);
+    return true;
+  }
+
   void CopyValues(Values& values_so_far) const {
     for (const auto& [value, tags] : values) values_so_far[value].insert(tags.begin(), tags.end());
   }
@@ -98,19 +114,7 @@ void Trie::Delete(const std::string& value, const std::string& tag, std::string_
     node_path.append("/").append(name);
   }
 
-  auto& values = way.back().node->values;
-  const auto found = values.find(value);
-  if (found == values.end()) {
-    ZLOG_WARNING("Trie::Delete: Failed to find the value '" << value << "' in path: " << path);
-    return;
-  }
-  if (found->second.erase(tag) == 0) {
-    ZLOG_WARNING("Trie::Delete: Failed to find value '" << value << "' with tag: " << tag);
-    return;
-  }
-  ZLOG_DEBUG("Trie::Delete: Deleted tag '" << tag << "'");
-  if (found->second.empty()) values.erase(found);
-
+  if (!way.back().node->RemoveTag(value, tag, path)) return;
   for (; way.size() > 1 && way.back().node->IsEmpty(); way.pop_back()) {
     const std::string& name = way.back().name;
     way[way.size() - 2].node->children.erase(name);

@@ -12,7 +12,7 @@
 #include <string_view>
 
 // Exported by libaudit without a declaration. While it is set libaudit takes a key, and refuses the architecture.
-extern "C" int _audit_syscalladded;  // NOLINT(bugprone-reserved-identifier)
+extern "C" int _audit_syscalladded;  // NOLINT
 
 namespace zagent::audit::internal {
 namespace {

@@ -47,24 +47,26 @@ bool AddRow(const audit_reply& reply, std::vector<AuditRule>& rules) {
   return true;
 }
 
+// True when there is no reply to look at any more.
+bool IsEnd(int error, const audit_reply& reply) {
+  if (error == 0) return reply.type == NLMSG_DONE;
+  if (error == EAGAIN) {
+    ZLOG_ERROR("GetRuleFromAudit: Audit channel is busy");
+  } else if (error != ENODATA) {
+    ZLOG_ERROR("GetRuleFromAudit: Failed to get audit reply (" << ErrnoText(error) << ")");
+  }
+  return true;
+}
+
 std::vector<AuditRule> ReadRows(AuditSocket& socket) {
   std::vector<AuditRule> rules;
   const auto reply = std::make_unique<audit_reply>();
   for (int invalid = 0; invalid < kMaxInvalidReplies;) {
     const int error = socket.GetReply(*reply);
-    if (error == EAGAIN) {
-      ZLOG_ERROR("GetRuleFromAudit: Audit channel is busy");
-      return rules;
-    }
-    if (error == ENODATA || (error == 0 && reply->type == NLMSG_DONE)) return rules;
-    if (error != 0) {
-      ZLOG_ERROR("GetRuleFromAudit: Failed to get audit reply (" << ErrnoText(error) << ")");
-      return rules;
-    }
-    if (!AddRow(*reply, rules)) {
-      ZLOG_ERROR("GetRuleFromAudit: Invalid audit reply");
-      ++invalid;
-    }
+    if (IsEnd(error, *reply)) break;
+    if (AddRow(*reply, rules)) continue;
+    ZLOG_ERROR("GetRuleFromAudit: Invalid audit reply");
+    ++invalid;
   }
   return rules;
 }

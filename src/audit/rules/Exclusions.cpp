@@ -92,26 +92,28 @@ bool AddExclusionRules(AuditSocket& socket, const std::vector<AuditRule>& listed
   return true;
 }
 
+void AddMessageTypeExclusion(AuditSocket& socket, const char* name) {
+  AuditRule rule(List::Exclude, Action::Always);
+  if (!rule.AddField(std::string("msgtype=") + name)) {
+    ZLOG_ERROR("Failed to add exclusion rule for message type: " << name);
+    return;
+  }
+  const int error = socket.Add(rule, Position::Front);
+  if (error == 0) {
+    ZLOG_DEBUG("Exclusion rule for message type: " << name << " added in audit");
+    return;
+  }
+  ZLOG_ERROR("Failed to add exclusion rule for message type: " << name << " (errno = " << error << ")");
+  // The kernel may have taken it all the same, when only its answer was lost.
+  const int clean_up = socket.Delete(rule);
+  if (clean_up != 0 && clean_up != ENOENT) {
+    ZLOG_ERROR("Failed to clean up exclusion rule for message type: " << name << " (errno = " << clean_up << ")");
+  }
+}
+
 void AddMessageTypeExclusions(AuditSocket& socket) {
   ZLOG_DEBUG("Adding exclusion message type rules");
-  for (const auto& [name, number] : kExcludedMessageTypes) {
-    AuditRule rule(List::Exclude, Action::Always);
-    if (!rule.AddField(std::string("msgtype=") + name)) {
-      ZLOG_ERROR("Failed to add exclusion rule for message type: " << name);
-      continue;
-    }
-    const int error = socket.Add(rule, Position::Front);
-    if (error == 0) {
-      ZLOG_DEBUG("Exclusion rule for message type: " << name << " added in audit");
-      continue;
-    }
-    ZLOG_ERROR("Failed to add exclusion rule for message type: " << name << " (errno = " << error << ")");
-    // The kernel may have taken it all the same, when only its answer was lost.
-    const int clean_up = socket.Delete(rule);
-    if (clean_up != 0 && clean_up != ENOENT) {
-      ZLOG_ERROR("Failed to clean up exclusion rule for message type: " << name << " (errno = " << clean_up << ")");
-    }
-  }
+  for (const MessageType& type : kExcludedMessageTypes) AddMessageTypeExclusion(socket, type.name);
 }
 
 void AddThreadExclusion(AuditSocket& socket) {

@@ -1,6 +1,7 @@
 #include "src/audit/rules/KernelRules.h"
 
 #include <cerrno>
+#include <exception>
 #include <set>
 #include <string>
 #include <vector>
@@ -15,6 +16,17 @@ namespace {
 using common::util::ErrnoText;
 
 constexpr std::size_t kComparedLength = 36;
+
+void DeleteCreatedRule(AuditSocket& socket, const std::string& id, AuditRule& created) {
+  const int error = socket.Delete(created);
+  if (error == 0) {
+    ZLOG_DEBUG("RuleEngine::DeleteRuleFromAudit: Deleted rule with ID " << id);
+    return;
+  }
+  // It never went in, or the kernel has dropped it together with the watched folder: no reason for a warning.
+  const auto priority = error == ENOENT ? Poco::Message::PRIO_DEBUG : Poco::Message::PRIO_WARNING;
+  ZLOG_AT(priority, "RuleEngine::DeleteRuleFromAudit: Failed to delete old rule " << id << ": " << ErrnoText(error));
+}
 
 }  // namespace
 
@@ -45,22 +57,11 @@ void AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vector
 }
 
 void DeleteRuleFromAudit(AuditSocket& socket, const edr::EventRule& rule) {
-  const std::string& id = rule.GetId();
-  ZLOG_TRACE("RuleEngine::DeleteRuleFromAudit: Deleting rule with ID " << id);
+  ZLOG_TRACE("RuleEngine::DeleteRuleFromAudit: Deleting rule with ID " << rule.GetId());
   try {
-    for (AuditRule& kernel_rule : CreateRules(rule)) {
-      const int error = socket.Delete(kernel_rule);
-      if (error == 0) {
-        ZLOG_DEBUG("RuleEngine::DeleteRuleFromAudit: Deleted rule with ID " << id);
-      } else if (error == ENOENT) {
-        // It never went in, or the kernel has dropped it together with the watched folder.
-        ZLOG_DEBUG("RuleEngine::DeleteRuleFromAudit: Failed to delete old rule " << id << ": " << ErrnoText(error));
-      } else {
-        ZLOG_WARNING("RuleEngine::DeleteRuleFromAudit: Failed to delete old rule " << id << ": " << ErrnoText(error));
-      }
-    }
+    for (AuditRule& created : CreateRules(rule)) DeleteCreatedRule(socket, rule.GetId(), created);
   } catch (const std::exception& error) {
-    ZLOG_WARNING("RuleEngine::DeleteRuleFromAudit: Failed to delete old rule " << id << ": " << error.what());
+    ZLOG_WARNING("RuleEngine::DeleteRuleFromAudit: Failed to delete old rule " << rule.GetId() << ": " << error.what());
   }
 }
 

@@ -36,6 +36,8 @@ class RuleEngine final : public edr::EventRuleEngine {
   // edr::RuleEngineException "Failed to open audit socket".
   RuleEngine(AuditNetlink& netlink, common::ProcessTree& process_tree, Settings settings,
              common::util::Clock& clock = common::util::Clock::Real());
+  RuleEngine(const RuleEngine&) = delete;
+  RuleEngine& operator=(const RuleEngine&) = delete;
   // Leaves the kernel without any rule of the program.
   ~RuleEngine() override;
 

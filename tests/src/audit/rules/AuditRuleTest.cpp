@@ -10,6 +10,8 @@
 
 #include "tests/fakes/FakeAuditNetlink.h"
 
+extern "C" int _audit_syscalladded;  // NOLINT: libaudit's own
+
 namespace zagent::audit::internal {
 namespace {
 
@@ -60,6 +62,17 @@ TEST(AuditRuleTest, TakesTheArchitectureAgainAfterAKeyWasAdded) {
     EXPECT_TRUE(rule.AddAllSyscalls());
     EXPECT_TRUE(rule.AddKey("key"));
   }
+}
+
+TEST(AuditRuleTest, LeavesTheLibrarysFlagAsItWas) {
+  for (const int before : {0, 1}) {
+    _audit_syscalladded = before;
+    AuditRule rule;
+    EXPECT_TRUE(rule.AddField("arch=b64"));
+    EXPECT_TRUE(rule.AddKey("key"));
+    EXPECT_EQ(_audit_syscalladded, before);
+  }
+  _audit_syscalladded = 0;
 }
 
 TEST(AuditRuleTest, ReadsTheOperatorsOfItsFields) {

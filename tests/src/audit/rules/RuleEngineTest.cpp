@@ -1,5 +1,3 @@
-#include "src/audit/rules/RuleEngine.h"
-
 #include <gtest/gtest.h>
 #include <libaudit.h>
 #include <unistd.h>
@@ -8,17 +6,10 @@
 #include <chrono>
 #include <memory>
 #include <set>
-#include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "tests/fakes/FakeAuditNetlink.h"
-#include "tests/fakes/FakeClock.h"
-#include "tests/fakes/FakeEvent.h"
-#include "tests/fakes/FakeRule.h"
-#include "tests/fakes/LogCapture.h"
-#include "tests/fakes/TempFolder.h"
+#include "tests/src/audit/rules/RuleEngineFixture.h"
 
 namespace zagent::audit {
 namespace {
@@ -29,72 +20,8 @@ using edr::ObjectType;
 using fakes::FakeEvent;
 using fakes::FakeRule;
 using fakes::SeenRule;
-using Ids = std::vector<std::string>;
 
-class RuleEngineTest : public ::testing::Test {
- protected:
-  using Rule = std::shared_ptr<const FakeRule>;
-
-  RuleEngineTest() { Start(); }
-
-  void Start() {
-    engine_ = std::make_unique<RuleEngine>(kernel_, tree_,
-                                           RuleEngine::Settings{400, "/opt/ostrel/bin/host-warden", 8192, "/opt/ostrel",
-                                                                RuleEngine::DefaultSiblingNames()},
-                                           clock_);
-  }
-
-  // Collects what a tag hears as "<rule ids joined by ,>:<event id>".
-  void Listen(const std::string& tag) {
-    engine_->RegisterEventHandlers(
-        tag,
-        [this, tag](const Ids& ids, const edr::Event& event) {
-          std::string line = tag + " ";
-          for (const std::string& id : ids) line += id + ",";
-          heard_.push_back(line + ":" + std::to_string(event.GetId()));
-        },
-        [this, tag] { invalidated_.push_back(tag); });
-  }
-  Rule Watch(const std::string& id) { return FakeRule::Directory(id, folder_.Path(), {EventType::Write}); }
-
-  std::unique_ptr<FakeEvent> FolderEvent(std::uint32_t id, const std::string& path) {
-    auto event = std::make_unique<FakeEvent>(EventType::Create, "Create", path);
-    event->id = id;
-    event->object_type = ObjectType::Directory;
-    return event;
-  }
-
-  template <typename Call>
-  static std::string ErrorOf(const Call& call) {
-    try {
-      call();
-    } catch (const edr::RuleEngineException& error) {
-      return std::string("engine: ") + error.what();
-    } catch (const std::runtime_error& error) {
-      return error.what();
-    }
-    return "no error";
-  }
-  // Keys of the kernel's rules apart from the exclusions, in order.
-  [[nodiscard]] Ids InstalledIds() const {
-    Ids ids;
-    for (const SeenRule& rule : kernel_.Rules()) {
-      if (!rule.Key().empty() && !rule.Key().starts_with("ostrel_")) ids.push_back(rule.Key());
-    }
-    return ids;
-  }
-  [[nodiscard]] std::size_t Exclusions() const { return kernel_.Rules().size() - InstalledIds().size(); }
-
-  static constexpr std::size_t kAllExclusions = 6;  // two pairs, the message type, the threads
-
-  fakes::LogCapture log_;
-  fakes::TempFolder folder_;
-  fakes::FakeClock clock_;
-  fakes::FakeAuditNetlink kernel_;
-  common::ProcessTree tree_;
-  std::vector<std::string> heard_, invalidated_;
-  std::unique_ptr<RuleEngine> engine_;
-};
+class RuleEngineTest : public RuleEngineFixture {};
 
 // --- start and end
 
@@ -367,127 +294,6 @@ TEST_F(RuleEngineTest, LogsThatTheAgentsExclusionsCouldNotMoveAndTriesAgain) {
   kernel_.open_error = 0;
   engine_->UpdateExclusions(401, "/opt/ostrel/bin/host-warden");
   EXPECT_EQ(kernel_.RulesWithKey("ostrel_ignore_rule_host-warden").at(0).Find(AUDIT_PID)->value, 401U);
-}
-
-TEST_F(RuleEngineTest, DropsWhatTheProgramAndItsFamilyDo) {
-  Listen("FIM");
-  engine_->AddRules("FIM", {Watch("a")});
-  auto own = FolderEvent(1, folder_ / "sub");
-  own->pid = getpid();
-  engine_->ProcessEvent(std::move(own));
-  auto agent = FolderEvent(2, folder_ / "sub");
-  agent->pid = 400;
-  engine_->ProcessEvent(std::move(agent));
-  auto sibling = FolderEvent(3, folder_ / "sub");
-  sibling->image = common::ImageInfo("/opt/ostrel/bin/ostrel-log-collector");
-  engine_->ProcessEvent(std::move(sibling));
-  EXPECT_TRUE(heard_.empty());
-  EXPECT_EQ(log_.Count("AuditRuleEngine::ShouldProcessEvent: Dropping Ostrel generated event with ID: "), 3);
-
-  engine_->UpdateExclusions(401, "/opt/ostrel/bin/host-warden");
-  auto former_agent = FolderEvent(4, folder_ / "sub");
-  former_agent->pid = 400;
-  engine_->ProcessEvent(std::move(former_agent));
-  EXPECT_EQ(heard_, (Ids{"FIM a,:4"}));
-}
-
-TEST_F(RuleEngineTest, NeverDropsAnAbnormalEndAsItsOwnAndCopesWithoutAnImage) {
-  auto event = std::make_unique<FakeEvent>();
-  event->type = EventType::AbnormalEnd;
-  event->object_type = ObjectType::Process;
-  event->image.reset();
-  event->pid = getpid();
-  engine_->ProcessEvent(std::move(event));
-  EXPECT_FALSE(log_.Has("Dropping Ostrel generated event"));
-  EXPECT_FALSE(log_.Has("Failed to process event")) << log_.All();
-}
-
-// --- routing
-
-TEST_F(RuleEngineTest, RefusesANullEvent) {
-  EXPECT_EQ(ErrorOf([&] { engine_->ProcessEvent(nullptr); }), "RuleEngine::ProcessEvent: 'event' is nullptr");
-}
-
-TEST_F(RuleEngineTest, CallsEachTagOnceWithAllItsRules) {
-  Listen("FIM");
-  Listen("IOC");
-  engine_->AddRules("FIM", {Watch("b"), FakeRule::Directory("a", "/tmp", {EventType::Write})});
-  engine_->AddRules("IOC", {Watch("c")});
-  auto event = FolderEvent(7, folder_ / "sub");
-  event->audit_key = "b";  // the kernel names only one of the rules that match
-  engine_->ProcessEvent(std::move(event));
-  EXPECT_EQ(heard_, (Ids{"FIM a,b,:7", "IOC c,:7"}));
-}
-
-TEST_F(RuleEngineTest, CallsNobodyForAPathWithoutRuleOrATagWithoutHandler) {
-  Listen("FIM");
-  engine_->AddRules("FIM", {Watch("a")});
-  engine_->AddRules("IOC", {Watch("b")});
-  engine_->ProcessEvent(FolderEvent(1, "/elsewhere/sub"));
-  EXPECT_TRUE(heard_.empty());
-  engine_->ProcessEvent(FolderEvent(2, folder_ / "sub"));
-  EXPECT_EQ(heard_, (Ids{"FIM a,:2"}));
-}
-
-TEST_F(RuleEngineTest, DeliversAFileEventAfterItsRest) {
-  Listen("FIM");
-  engine_->AddRules("FIM", {Watch("a")});
-  engine_->ProcessEvent(std::make_unique<FakeEvent>(EventType::Write, "Write", folder_ / "file"));
-  clock_.Advance(30s);
-  engine_->OnIdle();
-  EXPECT_TRUE(heard_.empty());
-  clock_.Advance(1s);
-  engine_->OnIdle();
-  EXPECT_EQ(heard_, (Ids{"FIM a,:1"}));
-}
-
-TEST_F(RuleEngineTest, HearsARenameIntoAWatchedFolder) {
-  Listen("FIM");
-  engine_->AddRules("FIM", {Watch("a")});
-  auto event = std::make_unique<FakeEvent>(EventType::Rename, "Rename", "/elsewhere/old");
-  event->new_file = common::ImageInfo(folder_ / "new");
-  engine_->ProcessEvent(std::move(event));
-  clock_.Advance(31s);
-  engine_->OnIdle();
-  EXPECT_EQ(heard_, (Ids{"FIM a,:1"}));
-}
-
-TEST_F(RuleEngineTest, AComponentThatFailsDoesNotTakeTheEventFromTheNext) {
-  engine_->RegisterEventHandlers(
-      "FIM", [](const Ids&, const edr::Event&) { throw edr::EventException("not mine"); }, [] {});
-  Listen("IOC");
-  engine_->AddRules("FIM", {Watch("a")});
-  engine_->AddRules("IOC", {Watch("b")});
-  engine_->ProcessEvent(FolderEvent(5, folder_ / "sub"));
-  EXPECT_EQ(heard_, (Ids{"IOC b,:5"}));
-  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "Failed to process event with ID 5: not mine"));
-}
-
-TEST_F(RuleEngineTest, AHandlerMayChangeTheRulesBecauseNoLockIsHeld) {
-  engine_->RegisterEventHandlers(
-      "FIM", [&](const Ids&, const edr::Event&) { engine_->AddRules("FIM", {}); }, [] {});
-  engine_->AddRules("FIM", {Watch("a")});
-  engine_->ProcessEvent(FolderEvent(1, folder_ / "sub"));
-  EXPECT_TRUE(InstalledIds().empty());
-}
-
-TEST_F(RuleEngineTest, TakesNewRulesWhileEventsFlow) {
-  Listen("FIM");
-  const Rule first = Watch("a");
-  const Rule second = Watch("b");
-  std::thread owner([&] {
-    for (int i = 0; i < 50; ++i) {
-      engine_->AddRules("FIM", {first, second});
-      engine_->UpdateExclusions(400 + i % 2, "/opt/ostrel/bin/host-warden");
-      engine_->Invalidate();
-    }
-    engine_->AddRules("FIM", {first});
-  });
-  for (std::uint32_t id = 1; id <= 500; ++id) engine_->ProcessEvent(FolderEvent(id, folder_ / "sub"));
-  owner.join();
-  heard_.clear();
-  engine_->ProcessEvent(FolderEvent(501, folder_ / "sub"));
-  EXPECT_EQ(heard_, (Ids{"FIM a,:501"}));
 }
 
 }  // namespace

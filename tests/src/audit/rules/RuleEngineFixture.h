@@ -1,0 +1,88 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "src/audit/rules/RuleEngine.h"
+#include "tests/fakes/FakeAuditNetlink.h"
+#include "tests/fakes/FakeClock.h"
+#include "tests/fakes/FakeEvent.h"
+#include "tests/fakes/FakeRule.h"
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/TempFolder.h"
+
+namespace zagent::audit {
+
+// A rule engine on a kernel double, with a watched folder and a clock that stands still.
+class RuleEngineFixture : public ::testing::Test {
+ protected:
+  using Ids = std::vector<std::string>;
+  using Rule = std::shared_ptr<const fakes::FakeRule>;
+
+  RuleEngineFixture() { Start(); }
+
+  void Start() {
+    engine_ = std::make_unique<RuleEngine>(kernel_, tree_,
+                                           RuleEngine::Settings{400, "/opt/ostrel/bin/host-warden", 8192, "/opt/ostrel",
+                                                                RuleEngine::DefaultSiblingNames()},
+                                           clock_);
+  }
+
+  // Collects what a tag hears as "<rule ids joined by ,>:<event id>".
+  void Listen(const std::string& tag) {
+    engine_->RegisterEventHandlers(
+        tag,
+        [this, tag](const Ids& ids, const edr::Event& event) {
+          std::string line = tag + " ";
+          for (const std::string& id : ids) line += id + ",";
+          heard_.push_back(line + ":" + std::to_string(event.GetId()));
+        },
+        [this, tag] { invalidated_.push_back(tag); });
+  }
+  Rule Watch(const std::string& id) { return fakes::FakeRule::Directory(id, folder_.Path(), {edr::EventType::Write}); }
+
+  std::unique_ptr<fakes::FakeEvent> FolderEvent(std::uint32_t id, const std::string& path) {
+    auto event = std::make_unique<fakes::FakeEvent>(edr::EventType::Create, "Create", path);
+    event->id = id;
+    event->object_type = edr::ObjectType::Directory;
+    return event;
+  }
+
+  template <typename Call>
+  static std::string ErrorOf(const Call& call) {
+    try {
+      call();
+    } catch (const edr::RuleEngineException& error) {
+      return std::string("engine: ") + error.what();
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
+    return "no error";
+  }
+  // Keys of the kernel's rules apart from the exclusions, in order.
+  [[nodiscard]] Ids InstalledIds() const {
+    Ids ids;
+    for (const fakes::SeenRule& rule : kernel_.Rules()) {
+      if (!rule.Key().empty() && !rule.Key().starts_with("ostrel_")) ids.push_back(rule.Key());
+    }
+    return ids;
+  }
+  [[nodiscard]] std::size_t Exclusions() const { return kernel_.Rules().size() - InstalledIds().size(); }
+
+  static constexpr std::size_t kAllExclusions = 6;  // two pairs, the message type, the threads
+
+  fakes::LogCapture log_;
+  fakes::TempFolder folder_;
+  fakes::FakeClock clock_;
+  fakes::FakeAuditNetlink kernel_;
+  common::ProcessTree tree_;
+  std::vector<std::string> heard_, invalidated_;
+  std::unique_ptr<RuleEngine> engine_;
+};
+
+}  // namespace zagent::audit

@@ -1,0 +1,143 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/src/audit/rules/RuleEngineFixture.h"
+
+namespace zagent::audit {
+namespace {
+
+using namespace std::chrono_literals;
+using edr::EventType;
+using edr::ObjectType;
+using fakes::FakeEvent;
+using fakes::FakeRule;
+
+class RuleEngineRoutingTest : public RuleEngineFixture {};
+
+TEST_F(RuleEngineRoutingTest, RefusesANullEvent) {
+  EXPECT_EQ(ErrorOf([&] { engine_->ProcessEvent(nullptr); }), "RuleEngine::ProcessEvent: 'event' is nullptr");
+}
+
+TEST_F(RuleEngineRoutingTest, CallsEachTagOnceWithAllItsRules) {
+  Listen("FIM");
+  Listen("IOC");
+  engine_->AddRules("FIM", {Watch("b"), FakeRule::Directory("a", "/tmp", {EventType::Write})});
+  engine_->AddRules("IOC", {Watch("c")});
+  auto event = FolderEvent(7, folder_ / "sub");
+  event->audit_key = "b";  // the kernel names only one of the rules that match
+  engine_->ProcessEvent(std::move(event));
+  EXPECT_EQ(heard_, (Ids{"FIM a,b,:7", "IOC c,:7"}));
+}
+
+TEST_F(RuleEngineRoutingTest, CallsNobodyForAPathWithoutRuleOrATagWithoutHandler) {
+  Listen("FIM");
+  engine_->AddRules("FIM", {Watch("a")});
+  engine_->AddRules("IOC", {Watch("b")});
+  engine_->ProcessEvent(FolderEvent(1, "/elsewhere/sub"));
+  EXPECT_TRUE(heard_.empty());
+  engine_->ProcessEvent(FolderEvent(2, folder_ / "sub"));
+  EXPECT_EQ(heard_, (Ids{"FIM a,:2"}));
+}
+
+TEST_F(RuleEngineRoutingTest, DeliversAFileEventAfterItsRest) {
+  Listen("FIM");
+  engine_->AddRules("FIM", {Watch("a")});
+  engine_->ProcessEvent(std::make_unique<FakeEvent>(EventType::Write, "Write", folder_ / "file"));
+  clock_.Advance(30s);
+  engine_->OnIdle();
+  EXPECT_TRUE(heard_.empty());
+  clock_.Advance(1s);
+  engine_->OnIdle();
+  EXPECT_EQ(heard_, (Ids{"FIM a,:1"}));
+}
+
+TEST_F(RuleEngineRoutingTest, HearsARenameIntoAWatchedFolder) {
+  Listen("FIM");
+  engine_->AddRules("FIM", {Watch("a")});
+  auto event = std::make_unique<FakeEvent>(EventType::Rename, "Rename", "/elsewhere/old");
+  event->new_file = common::ImageInfo(folder_ / "new");
+  engine_->ProcessEvent(std::move(event));
+  clock_.Advance(31s);
+  engine_->OnIdle();
+  EXPECT_EQ(heard_, (Ids{"FIM a,:1"}));
+}
+
+TEST_F(RuleEngineRoutingTest, AComponentThatFailsDoesNotTakeTheEventFromTheNext) {
+  engine_->RegisterEventHandlers(
+      "FIM", [](const Ids&, const edr::Event&) { throw edr::EventException("not mine"); }, [] {});
+  Listen("IOC");
+  engine_->AddRules("FIM", {Watch("a")});
+  engine_->AddRules("IOC", {Watch("b")});
+  engine_->ProcessEvent(FolderEvent(5, folder_ / "sub"));
+  EXPECT_EQ(heard_, (Ids{"IOC b,:5"}));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "Failed to process event with ID 5: not mine"));
+}
+
+TEST_F(RuleEngineRoutingTest, AHandlerMayChangeTheRulesBecauseNoLockIsHeld) {
+  engine_->RegisterEventHandlers(
+      "FIM", [&](const Ids&, const edr::Event&) { engine_->AddRules("FIM", {}); }, [] {});
+  engine_->AddRules("FIM", {Watch("a")});
+  engine_->ProcessEvent(FolderEvent(1, folder_ / "sub"));
+  EXPECT_TRUE(InstalledIds().empty());
+}
+
+TEST_F(RuleEngineRoutingTest, TakesNewRulesWhileEventsFlow) {
+  Listen("FIM");
+  const Rule first = Watch("a");
+  const Rule second = Watch("b");
+  std::thread owner([&] {
+    for (int i = 0; i < 50; ++i) {
+      engine_->AddRules("FIM", {first, second});
+      engine_->UpdateExclusions(400 + i % 2, "/opt/ostrel/bin/host-warden");
+      engine_->Invalidate();
+    }
+    engine_->AddRules("FIM", {first});
+  });
+  for (std::uint32_t id = 1; id <= 500; ++id) engine_->ProcessEvent(FolderEvent(id, folder_ / "sub"));
+  owner.join();
+  heard_.clear();
+  engine_->ProcessEvent(FolderEvent(501, folder_ / "sub"));
+  EXPECT_EQ(heard_, (Ids{"FIM a,:501"}));
+}
+
+TEST_F(RuleEngineRoutingTest, DropsWhatTheProgramAndItsFamilyDo) {
+  Listen("FIM");
+  engine_->AddRules("FIM", {Watch("a")});
+  auto own = FolderEvent(1, folder_ / "sub");
+  own->pid = getpid();
+  engine_->ProcessEvent(std::move(own));
+  auto agent = FolderEvent(2, folder_ / "sub");
+  agent->pid = 400;
+  engine_->ProcessEvent(std::move(agent));
+  auto sibling = FolderEvent(3, folder_ / "sub");
+  sibling->image = common::ImageInfo("/opt/ostrel/bin/ostrel-log-collector");
+  engine_->ProcessEvent(std::move(sibling));
+  EXPECT_TRUE(heard_.empty());
+  EXPECT_EQ(log_.Count("AuditRuleEngine::ShouldProcessEvent: Dropping Ostrel generated event with ID: "), 3);
+
+  engine_->UpdateExclusions(401, "/opt/ostrel/bin/host-warden");
+  auto former_agent = FolderEvent(4, folder_ / "sub");
+  former_agent->pid = 400;
+  engine_->ProcessEvent(std::move(former_agent));
+  EXPECT_EQ(heard_, (Ids{"FIM a,:4"}));
+}
+
+TEST_F(RuleEngineRoutingTest, NeverDropsAnAbnormalEndAsItsOwnAndCopesWithoutAnImage) {
+  auto event = std::make_unique<FakeEvent>();
+  event->type = EventType::AbnormalEnd;
+  event->object_type = ObjectType::Process;
+  event->image.reset();
+  event->pid = getpid();
+  engine_->ProcessEvent(std::move(event));
+  EXPECT_FALSE(log_.Has("Dropping Ostrel generated event"));
+  EXPECT_FALSE(log_.Has("Failed to process event")) << log_.All();
+}
+
+}  // namespace
+}  // namespace zagent::audit
