@@ -13,14 +13,21 @@ enum class HmacVersion { HmacV1 = 0, HmacV2 = 1, HmacV3 = 2 };
 HmacVersion ParseHmacVersion(const std::string& text);
 std::string ToString(HmacVersion version);
 
+// The keys of one agent under the names that the signers use: "HmacV1" and "HmacV2" are the secrets, "KIdV1" and
+// "KIdV2" the key ids. Both sides of a signature derive them (see docs/PROTOCOL.md, "Keys"): secret of version n =
+// lower-case hex of HMAC-SHA-256(constant n, "HmacV<n>;<customer>;<agent>;<activation>"), key id = the agent id.
+// Throws std::invalid_argument "Invalid customer id, agent id or activation id" when one is empty.
+std::unique_ptr<util::KeyStore> DeriveKeys(const std::string& customer_id, const std::string& agent_id,
+                                           const std::string& activation_id);
+
 // How requests are signed: the version and the keys of this agent. Read-only once made, shared by all uploaders.
 class HmacConfig {
  public:
-  // Derives the keys of the agent (see docs/PROTOCOL.md, "Keys"): secret of version n = lower-case hex of
-  // HMAC-SHA-256(constant, "<name>;<customer>;<agent>;<activation>"), key id = the agent id.
-  // Throws std::invalid_argument "Invalid customer id, agent id or activation id" when one is empty.
+  // With the keys that DeriveKeys gives; throws what it throws.
   HmacConfig(const std::string& customer_id, const std::string& agent_id, const std::string& activation_id,
              bool fedramp, HmacVersion version);
+  // With keys that somebody else made.
+  HmacConfig(std::unique_ptr<util::KeyStore> keys, bool fedramp, HmacVersion version);
 
   [[nodiscard]] HmacVersion GetVersion() const { return version_; }
   [[nodiscard]] bool IsFedramp() const { return fedramp_; }

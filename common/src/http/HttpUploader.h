@@ -13,7 +13,8 @@ namespace zagent::common {
 class HttpRequest;
 class HttpService;
 
-// The names of the protocol headers and how each is filled stand in one table in HttpUploader.cpp.
+// The names of the protocol headers and how each is filled stand in one table in HttpUploader.cpp. One upload at a
+// time; the other calls may come from any thread.
 class HttpUploader final : public Uploader {
  public:
   struct Settings {
@@ -23,6 +24,8 @@ class HttpUploader final : public Uploader {
     std::string agent_version;         // Z-AGENTVER
     std::uint64_t connection_timeout;  // seconds, for each attempt
     std::uint64_t request_timeout;     // seconds, for each attempt
+    std::int64_t retry_interval_seconds = 5;
+    std::uint64_t max_attempts = 3;  // beside the first
   };
 
   HttpUploader(HttpService& service, std::shared_ptr<const HmacConfig> hmac, Settings settings);
@@ -36,13 +39,23 @@ class HttpUploader final : public Uploader {
   [[nodiscard]] long LastHttpStatus() const override;
   [[nodiscard]] std::string LastCorrelationId() const override;
 
+  // The outcome for the HTTP code of a final response; 0 stands for no answer.
+  static std::int32_t OutcomeOf(long http_code);
+
  private:
+  struct Job;
+
+  Job PrepareJob(const std::string& content_type, const std::vector<unsigned char>& payload);
+  std::int32_t Send(Job job, const std::vector<unsigned char>& payload);
+  std::shared_ptr<HttpRequest> Submit(Job job, const std::vector<unsigned char>& payload);
+
   HttpService& service_;
   std::shared_ptr<const HmacConfig> hmac_;
   mutable std::mutex mutex_;
   Settings settings_;
   std::map<unsigned, std::string> indexed_headers_;
   std::shared_ptr<HttpRequest> in_flight_;
+  bool cancelled_ = false;  // the upload that has begun
   long last_http_status_ = 0;
   std::string last_correlation_id_;
 };

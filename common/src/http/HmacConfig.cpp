@@ -1,0 +1,80 @@
+#include "common/src/http/HmacConfig.h"
+
+#include <array>
+#include <stdexcept>
+
+#include "common/src/util/Cleanse.h"
+#include "common/src/util/Concealment.h"
+#include "common/src/util/Hmac.h"
+
+namespace zagent::common {
+namespace {
+
+struct VersionName {
+  HmacVersion version;
+  const char* name;
+  const char* short_name;
+};
+
+constexpr std::array<VersionName, 3> kVersionNames = {{
+    {HmacVersion::HmacV1, "HmacV1", "V1"},
+    {HmacVersion::HmacV2, "HmacV2", "V2"},
+    {HmacVersion::HmacV3, "HmacV3", "V3"},
+}};
+
+constexpr unsigned char kConstantByte = 0x3c;
+
+struct KeyOfVersion {
+  const char* secret_name;
+  const char* id_name;
+  const char* concealed_constant;
+};
+
+constexpr std::array<KeyOfVersion, 2> kKeys = {{
+    {"HmacV1", "KIdV1", "XwUMBQ8PWQoFXQ9ZBVgLDl4OCw1dC18FBAwFXgoICAsKCVheWF1aDgQPCgVaXQtZ"},
+    {"HmacV2", "KIdV2", "DQ5aCwoOCQ1aCQ9eXQsKCwgKWQxfCg0NDgsLCwwNCF9fWQxZC18ECwpZWl0ECl9f"},
+}};
+
+}  // namespace
+
+HmacVersion ParseHmacVersion(const std::string& text) {
+  for (const VersionName& entry : kVersionNames) {
+    if (text == entry.name || text == entry.short_name) return entry.version;
+  }
+  throw std::invalid_argument("Invalid HmacVersion: " + text);
+}
+
+std::string ToString(HmacVersion version) {
+  for (const VersionName& entry : kVersionNames) {
+    if (version == entry.version) return entry.name;
+  }
+  throw std::invalid_argument("Invalid HmacVersion value: " + std::to_string(static_cast<int>(version)));
+}
+
+std::unique_ptr<util::KeyStore> DeriveKeys(const std::string& customer_id, const std::string& agent_id,
+                                           const std::string& activation_id) {
+  if (customer_id.empty() || agent_id.empty() || activation_id.empty()) {
+    throw std::invalid_argument("Invalid customer id, agent id or activation id");
+  }
+  auto keys = std::make_unique<util::KeyStore>();
+  for (const KeyOfVersion& key : kKeys) {
+    std::string constant = util::Reveal(key.concealed_constant, kConstantByte);
+    const util::ScopedCleanse cleanse_constant(constant);
+    std::string message = std::string(key.secret_name) + ";" + customer_id + ";" + agent_id + ";" + activation_id;
+    const util::ScopedCleanse cleanse_message(message);
+    std::string secret = util::HmacSha256Hex(constant, message);
+    const util::ScopedCleanse cleanse_secret(secret);
+    keys->Add(key.secret_name, secret);
+    keys->Add(key.id_name, agent_id);
+  }
+  return keys;
+}
+
+HmacConfig::HmacConfig(const std::string& customer_id, const std::string& agent_id, const std::string& activation_id,
+                       bool fedramp, HmacVersion version)
+    : HmacConfig(DeriveKeys(customer_id, agent_id, activation_id), fedramp, version) {}
+
+HmacConfig::HmacConfig(std::unique_ptr<util::KeyStore> keys, bool fedramp, HmacVersion version)
+    : keys_(std::move(keys)), fedramp_(fedramp), version_(version) {}
+
+}  // namespace zagent::common

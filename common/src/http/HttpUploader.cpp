@@ -1,0 +1,192 @@
+#include "common/src/http/HttpUploader.h"
+
+#include <Poco/UUIDGenerator.h>
+
+#include <array>
+#include <iomanip>
+#include <sstream>
+
+#include "common/src/http/DefaultHttpRetryPolicy.h"
+#include "common/src/http/HttpInterceptorBuilder.h"
+#include "common/src/http/HttpService.h"
+#include "common/src/util/Fnv.h"
+#include "common/src/util/Log.h"
+
+namespace zagent::common {
+namespace {
+
+constexpr std::int32_t kNoAnswer = 100022;
+constexpr std::int32_t kUnexpectedAnswer = 100017;
+
+struct HeaderSource {
+  const HttpUploader::Settings& settings;
+  const std::string& request_id;
+  const std::string& payload_hash;
+};
+
+struct ProtocolHeader {
+  const char* name;
+  std::string (*value)(const HeaderSource& source);
+};
+
+// The headers that every upload carries.
+constexpr std::array<ProtocolHeader, 8> kProtocolHeaders = {{
+    {"Z-CUSTID", [](const HeaderSource& source) { return source.settings.customer_id; }},
+    {"Z-CLNTID", [](const HeaderSource& source) { return source.settings.agent_id; }},
+    {"Z-PRODUCT", [](const HeaderSource&) { return std::string("HOSTWARDEN"); }},
+    {"Z-PLATFORM", [](const HeaderSource&) { return std::string("LINUX"); }},
+    {"Z-ARCH", [](const HeaderSource&) { return std::string("x64"); }},
+    {"Z-REQID", [](const HeaderSource& source) { return source.request_id; }},
+    {"Z-AGENTVER", [](const HeaderSource& source) { return source.settings.agent_version; }},
+    {"Z-PAYLOADHASH", [](const HeaderSource& source) { return source.payload_hash; }},
+}};
+
+// The headers that SetIndexedHeader fills; one without a value is not sent.
+constexpr std::array<const char*, 2> kIndexedHeaders = {"Z-PROTOVER", "Z-PROTOTYPE"};
+
+struct Outcome {
+  long http_code;
+  std::int32_t outcome;
+};
+
+constexpr std::array<Outcome, 9> kOutcomes = {{
+    {0, kNoAnswer},
+    {200, Uploader::kSuccess},
+    {202, Uploader::kSuccess},
+    {204, 100001},
+    {404, 100016},
+    {409, 100013},
+    {415, 100028},
+    {424, 100021},
+    {500, 100023},
+}};
+
+std::string PayloadHash(const std::vector<unsigned char>& payload) {
+  std::ostringstream text;
+  text << std::hex << std::setfill('0') << std::setw(16) << util::Fnv1a64(payload.data(), payload.size());
+  return text.str();
+}
+
+}  // namespace
+
+struct HttpUploader::Job {
+  Settings settings;
+  HttpHeaders headers;
+  std::string content_type;
+};
+
+HttpUploader::HttpUploader(HttpService& service, std::shared_ptr<const HmacConfig> hmac, Settings settings)
+    : service_(service), hmac_(std::move(hmac)), settings_(std::move(settings)) {}
+
+HttpUploader::~HttpUploader() = default;
+
+std::int32_t HttpUploader::OutcomeOf(long http_code) {
+  for (const Outcome& entry : kOutcomes) {
+    if (entry.http_code == http_code) return entry.outcome;
+  }
+  if (http_code >= 400 && http_code <= 499) return 100021;
+  return http_code > 500 ? 100020 : kUnexpectedAnswer;
+}
+
+std::int32_t HttpUploader::Upload(const std::string& content_type, const std::vector<unsigned char>& payload) {
+  std::int32_t outcome = kNoAnswer;
+  try {
+    outcome = Send(PrepareJob(content_type, payload), payload);
+  } catch (const HttpException& error) {
+    ZLOG_ERROR("HttpUploader: Upload failed due to http exception: " << error.what());
+  } catch (const std::exception& error) {
+    ZLOG_ERROR("HttpUploader: Upload failed. (" << error.what() << ")");
+  }
+  const std::lock_guard lock(mutex_);
+  in_flight_.reset();
+  return outcome;
+}
+
+HttpUploader::Job HttpUploader::PrepareJob(const std::string& content_type, const std::vector<unsigned char>& payload) {
+  const std::string payload_hash = PayloadHash(payload);
+  const std::lock_guard lock(mutex_);
+  cancelled_ = false;
+  last_http_status_ = 0;
+  last_correlation_id_ = Poco::UUIDGenerator::defaultGenerator().createRandom().toString();
+  Job job{settings_, {}, content_type};
+  for (const ProtocolHeader& header : kProtocolHeaders) {
+    job.headers[header.name] = header.value({settings_, last_correlation_id_, payload_hash});
+  }
+  for (const auto& [index, value] : indexed_headers_) job.headers[kIndexedHeaders.at(index)] = value;
+  job.headers["Content-Type"] = content_type;
+  return job;
+}
+
+std::shared_ptr<HttpRequest> HttpUploader::Submit(Job job, const std::vector<unsigned char>& payload) {
+  HttpInterceptorBuilder chain;
+  chain.AddLzma().AddAuth(hmac_, AuthTag::Tag4, AuthTag::None);
+  HttpRequestSettings settings;
+  settings.connection_timeout = job.settings.connection_timeout;
+  settings.request_timeout = job.settings.request_timeout;
+  settings.retry_policy =
+      std::make_unique<DefaultHttpRetryPolicy>(job.settings.max_attempts, job.settings.retry_interval_seconds);
+  auto request = service_.Post(job.settings.url, std::move(job.headers), payload, chain.Build(), std::move(settings));
+  const std::lock_guard lock(mutex_);
+  in_flight_ = request;
+  if (cancelled_) request->Cancel();  // asked for between the begin of the upload and this line
+  return request;
+}
+
+std::int32_t HttpUploader::Send(Job job, const std::vector<unsigned char>& payload) {
+  ZLOG_INFO("HttpUploader: Sending " << payload.size() << " bytes of type " << job.content_type
+                                     << " to: " << job.settings.url);
+  const std::shared_ptr<HttpRequest> request = Submit(std::move(job), payload);
+  const HttpResponse& response = request->GetResponse();
+  const long http_code = response.GetHttpCode();
+  {
+    const std::lock_guard lock(mutex_);
+    last_http_status_ = http_code;
+  }
+  if (response.GetStatus() == HttpStatus::Success) {
+    ZLOG_INFO("HttpUploader: Uploaded " << payload.size() << " bytes successfully."
+                                        << " (" << response.GetMessage() << ")");
+    return OutcomeOf(http_code);
+  }
+  ZLOG_ERROR("HttpUploader: Upload failed, status code: " << static_cast<int>(response.GetStatus()));
+  if (!response.GetMessage().empty()) ZLOG_ERROR("HttpUploader: Upload failed. (" << response.GetMessage() << ")");
+  // An answer that could not be processed is no acceptance, whatever its code says.
+  const std::int32_t outcome = OutcomeOf(http_code);
+  return outcome == kSuccess ? kUnexpectedAnswer : outcome;
+}
+
+void HttpUploader::Cancel() {
+  const std::lock_guard lock(mutex_);
+  cancelled_ = true;
+  if (in_flight_) in_flight_->Cancel();
+}
+
+std::string HttpUploader::GetTarget() const {
+  const std::lock_guard lock(mutex_);
+  return settings_.url;
+}
+
+void HttpUploader::SetTarget(const std::string& url) {
+  const std::lock_guard lock(mutex_);
+  settings_.url = url;
+}
+
+void HttpUploader::SetIndexedHeader(unsigned index, const std::string& value) {
+  if (index >= kIndexedHeaders.size()) {
+    ZLOG_WARNING("HttpUploader: There is no indexed header " << index);
+    return;
+  }
+  const std::lock_guard lock(mutex_);
+  indexed_headers_[index] = value;
+}
+
+long HttpUploader::LastHttpStatus() const {
+  const std::lock_guard lock(mutex_);
+  return last_http_status_;
+}
+
+std::string HttpUploader::LastCorrelationId() const {
+  const std::lock_guard lock(mutex_);
+  return last_correlation_id_;
+}
+
+}  // namespace zagent::common

@@ -1,0 +1,17 @@
+#pragma once
+
+#include "common/src/http/MutableHttpResponse.h"
+
+namespace zagent::common {
+
+// A response whose body stays in memory.
+class InMemoryHttpResponse final : public MutableHttpResponse {
+ public:
+  [[nodiscard]] const std::vector<unsigned char>& GetPayload() const override { return payload_; }
+  void UpdatePayload(std::vector<unsigned char> payload) override;
+
+ private:
+  std::vector<unsigned char> payload_;
+};
+
+}  // namespace zagent::common

@@ -1,0 +1,243 @@
+#include "common/src/http/MutableHttpRequest.h"
+
+#include <algorithm>
+
+#include "common/src/http/DefaultHttpRetryPolicy.h"
+#include "common/src/http/InMemoryHttpResponse.h"
+#include "common/src/util/Log.h"
+
+namespace zagent::common {
+namespace {
+
+constexpr std::uint64_t kDefaultMaxAttempts = 3;
+constexpr std::int64_t kDefaultIntervalSeconds = 5;
+
+std::string Trim(const std::string& text) {
+  const std::size_t begin = text.find_first_not_of(" \t\r\n");
+  if (begin == std::string::npos) return "";
+  return text.substr(begin, text.find_last_not_of(" \t\r\n") - begin + 1);
+}
+
+bool IsStatusLine(const std::string& line) {
+  return line.starts_with("HTTP/1.1") || line.starts_with("HTTP/1.0");
+}
+
+// "Service Unavailable" of "HTTP/1.1 503 Service Unavailable".
+std::string ReasonOf(const std::string& status_line) {
+  const std::size_t code = status_line.find(' ');
+  if (code == std::string::npos) return "";
+  const std::size_t reason = status_line.find(' ', code + 1);
+  return reason == std::string::npos ? "" : PrintableText(Trim(status_line.substr(reason + 1)));
+}
+
+}  // namespace
+
+MutableHttpRequest::MutableHttpRequest(HttpMethod method, std::string url, HttpHeaders headers,
+                                       std::vector<unsigned char> payload, HttpInterceptors interceptors,
+                                       HttpRequestSettings settings, HttpProxy proxy)
+    : method_(method),
+      url_(std::move(url)),
+      headers_(std::move(headers)),
+      payload_(std::move(payload)),
+      interceptors_(std::move(interceptors)),
+      settings_(std::move(settings)),
+      proxy_(std::move(proxy)),
+      retry_policy_(std::move(settings_.retry_policy)),
+      response_(std::make_unique<InMemoryHttpResponse>()) {
+  if (!retry_policy_) {
+    retry_policy_ = std::make_unique<DefaultHttpRetryPolicy>(kDefaultMaxAttempts, kDefaultIntervalSeconds);
+  }
+  retry_policy_->SetProxy(proxy_);
+}
+
+bool MutableHttpRequest::IsFinal(State state) {
+  return state == State::Failed || state == State::Cancelled || state == State::Completed;
+}
+
+HttpRequest::State MutableHttpRequest::GetState() const {
+  const std::lock_guard lock(mutex_);
+  return state_;
+}
+
+const HttpResponse& MutableHttpRequest::GetResponse() const {
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [this] { return IsFinal(state_); });
+  if (state_ == State::Cancelled) {
+    throw HttpException("Response isn't available for cancelled HTTP request for " + url_);
+  }
+  if (!response_) throw HttpException("Invalid internal state for HTTP request for " + url_);
+  return *response_;
+}
+
+void MutableHttpRequest::Cancel() {
+  cancelled_ = true;
+  if (wake_up_) wake_up_();
+}
+
+void MutableHttpRequest::BeginAttempt() {
+  {
+    const std::lock_guard lock(mutex_);
+    state_ = State::InFlight;
+  }
+  attempt_ = Attempt{url_, headers_, payload_};
+  const std::string method = ToString(method_);
+  for (const auto& interceptor : interceptors_) {
+    interceptor->ProcessRequest(attempt_.url, attempt_.payload, attempt_.headers, method);
+  }
+}
+
+bool MutableHttpRequest::AppendResponseData(const void* data, std::size_t size) {
+  if (data == nullptr) {
+    ZLOG_ERROR("Response payload is NULL for HTTP request for " << url_);
+    return false;
+  }
+  if (size > kMaxResponseSize - chunk_.size()) return false;
+  const auto* bytes = static_cast<const unsigned char*>(data);
+  chunk_.insert(chunk_.end(), bytes, bytes + size);
+  return true;
+}
+
+void MutableHttpRequest::AddResponseHeader(const std::string& line) {
+  const std::lock_guard lock(mutex_);
+  if (IsStatusLine(line)) {
+    response_->ClearHeaders();
+    response_->SetMessage(ReasonOf(line));
+    return;
+  }
+  if (Trim(line).empty()) return;  // the end of the headers
+  const std::size_t colon = line.find(':');
+  if (colon == std::string::npos) {
+    ZLOG_TRACE("Malformed HTTP response header: " << PrintableText(Trim(line)));
+    return;
+  }
+  const std::string name = Trim(line.substr(0, colon));
+  const std::string value = Trim(line.substr(colon + 1));
+  ZLOG_TRACE("Response Header: " << PrintableText(name) << " : " << PrintableText(value));
+  if (response_->HasHeader(name)) {
+    ZLOG_TRACE("Header " << PrintableText(name) << " is present in response. Deleting it.");
+    response_->RemoveHeader(name);
+  }
+  if (response_->GetHeaders().size() < kMaxResponseHeaders) response_->AddHeader(name, value);
+}
+
+bool MutableHttpRequest::HasResponseHeader(const std::string& name) const {
+  const std::lock_guard lock(mutex_);
+  return response_ && response_->HasHeader(name);
+}
+
+void MutableHttpRequest::SetLocalIp(const std::string& local_ip) {
+  const std::lock_guard lock(mutex_);
+  local_ip_ = local_ip;
+}
+
+std::string MutableHttpRequest::GetLocalIp() const {
+  const std::lock_guard lock(mutex_);
+  return local_ip_;
+}
+
+void MutableHttpRequest::SetErrorText(const std::string& text) {
+  const std::lock_guard lock(mutex_);
+  if (response_->GetMessage().empty()) response_->SetMessage(PrintableText(text));
+}
+
+int MutableHttpRequest::GetCurlCode() const {
+  const std::lock_guard lock(mutex_);
+  return curl_code_;
+}
+
+void MutableHttpRequest::SetStatus(HttpStatus status, long http_code, int curl_code) {
+  State state = State::InFlight;
+  {
+    const std::lock_guard lock(mutex_);
+    ApplyStatus(status, http_code);
+    curl_code_ = curl_code;
+    chunk_ = {};
+    attempt_ = {};
+    state = state_;
+  }
+  changed_.notify_all();
+  if (IsFinal(state)) CallOnFinished();
+}
+
+void MutableHttpRequest::ApplyStatus(HttpStatus status, long http_code) {
+  try {
+    switch (status) {
+      case HttpStatus::Success:
+        RunChunkThroughInterceptors();
+        return Complete(http_code);
+      case HttpStatus::ClientError:
+        RunChunkThroughInterceptors();
+        return FinishWithError(status, http_code);
+      case HttpStatus::ServerError:
+      case HttpStatus::NetworkError:
+      case HttpStatus::ProxyError:
+      case HttpStatus::NotStarted:
+      case HttpStatus::PartialSuccess:  // nobody asked for a part, so a part is no answer
+        return FinishWithError(status, http_code);
+      case HttpStatus::Aborted:
+        response_.reset();
+        state_ = State::Cancelled;
+        return;
+    }
+  } catch (const HttpInterceptorException& error) {
+    return FailProcessing(std::string("Response processing failed, error: ") + error.what(), http_code);
+  } catch (const std::exception& error) {
+    return FailProcessing(error.what(), http_code);
+  }
+  throw HttpException("Unsupported StatusCode: " + std::to_string(static_cast<int>(status)));
+}
+
+void MutableHttpRequest::RunChunkThroughInterceptors() {
+  for (auto interceptor = interceptors_.rbegin(); interceptor != interceptors_.rend(); ++interceptor) {
+    std::vector<unsigned char> output;
+    const HttpInterceptor::ChunkResult result = (*interceptor)->ProcessResponseChunk(chunk_, output);
+    if (result == HttpInterceptor::ChunkResult::Stop) return;
+    if (result == HttpInterceptor::ChunkResult::Replaced) chunk_ = std::move(output);
+  }
+}
+
+void MutableHttpRequest::Complete(long http_code) {
+  response_->UpdatePayload(std::move(chunk_));
+  for (auto interceptor = interceptors_.rbegin(); interceptor != interceptors_.rend(); ++interceptor) {
+    (*interceptor)->ProcessResponse(url_, *response_);
+  }
+  response_->SetHttpCode(http_code);
+  response_->SetStatus(HttpStatus::Success);
+  response_->Finalize();
+  proxy_.OnSuccess();
+  state_ = State::Completed;
+}
+
+void MutableHttpRequest::FinishWithError(HttpStatus status, long http_code) {
+  if (status != HttpStatus::PartialSuccess && retry_policy_->Finish(status, http_code)) {
+    response_ = std::make_unique<InMemoryHttpResponse>();
+    state_ = State::WaitingForRetry;
+    return;
+  }
+  response_->UpdatePayload(std::move(chunk_));
+  response_->SetHttpCode(http_code);
+  response_->SetStatus(status);
+  response_->Finalize();
+  state_ = State::Failed;
+}
+
+// An answer that cannot be read is not repeated: the platform has already acted on the request.
+void MutableHttpRequest::FailProcessing(const std::string& reason, long http_code) {
+  ZLOG_ERROR("Failed to finish the http response for " << url_ << " " << reason);
+  response_->SetHttpCode(http_code);
+  response_->Finalize();
+  state_ = State::Failed;
+}
+
+void MutableHttpRequest::CallOnFinished() {
+  if (!settings_.on_finished) return;
+  try {
+    settings_.on_finished(*this);
+  } catch (const std::exception& error) {
+    ZLOG_ERROR("Failed to finish the http response for " << url_ << " " << error.what());
+    const std::lock_guard lock(mutex_);
+    if (response_) state_ = State::Failed;
+  }
+}
+
+}  // namespace zagent::common

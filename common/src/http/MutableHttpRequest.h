@@ -1,0 +1,114 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+#include "common/src/http/HttpInterceptor.h"
+#include "common/src/http/HttpProxy.h"
+#include "common/src/http/HttpRequest.h"
+#include "common/src/http/HttpRetryPolicy.h"
+#include "common/src/http/MutableHttpResponse.h"
+
+namespace zagent::common {
+
+// How a request is made, beside what it sends.
+struct HttpRequestSettings {
+  std::uint64_t connection_timeout = 0;  // seconds, for each attempt; 0: libcurl's default
+  std::uint64_t request_timeout = 0;     // seconds, for each attempt; 0: none
+  bool verify_ssl = true;
+  HttpVersion http_version = HttpVersion::Default;
+  std::unique_ptr<HttpRetryPolicy> retry_policy;        // none: DefaultHttpRetryPolicy(3, 5 s)
+  std::function<void(const HttpRequest&)> on_finished;  // called once, on the HTTP worker, without a lock
+};
+
+// The shared record of one exchange: what to send, who waits, what came back. The caller keeps its read-only face; the
+// HTTP worker fills it and is the only one to call what is not in HttpRequest, but for SetWakeUp.
+//
+// URL, headers and payload stay as they were given: every attempt starts from them, so that a retry never compresses
+// twice and never sends an old signature.
+class MutableHttpRequest final : public HttpRequest {
+ public:
+  // A longer body is cut there: what the platform answers is small.
+  static constexpr std::size_t kMaxResponseSize = 64UL * 1024 * 1024;
+  static constexpr std::size_t kMaxResponseHeaders = 256;
+
+  MutableHttpRequest(HttpMethod method, std::string url, HttpHeaders headers, std::vector<unsigned char> payload,
+                     HttpInterceptors interceptors, HttpRequestSettings settings, HttpProxy proxy = HttpProxy());
+
+  [[nodiscard]] const std::string& GetUrl() const override { return url_; }
+  [[nodiscard]] State GetState() const override;
+  const HttpResponse& GetResponse() const override;
+  void Cancel() override;
+  [[nodiscard]] HttpMethod GetMethod() const override { return method_; }
+
+  // Called by Cancel, so that the worker need not find out by itself. Set before the request is queued.
+  void SetWakeUp(std::function<void()> wake_up) { wake_up_ = std::move(wake_up); }
+  [[nodiscard]] bool IsCancelled() const { return cancelled_; }
+
+  // --- What an attempt sends. Valid between BeginAttempt and SetStatus.
+  struct Attempt {
+    std::string url;
+    HttpHeaders headers;
+    std::vector<unsigned char> payload;
+  };
+  // Runs the interceptors over fresh copies. Throws HttpInterceptorException when one refuses.
+  void BeginAttempt();
+  [[nodiscard]] const Attempt& GetAttempt() const { return attempt_; }
+  [[nodiscard]] const HttpRequestSettings& GetSettings() const { return settings_; }
+  [[nodiscard]] const HttpProxy& GetProxy() const { return proxy_; }
+
+  // --- What comes back.
+  // False when the body has reached its bound or data is null.
+  bool AppendResponseData(const void* data, std::size_t size);
+  // A header line as it came, "Name: value" with or without a line end. A status line clears the headers: those of a
+  // "100 Continue" are not the answer's.
+  void AddResponseHeader(const std::string& line);
+  [[nodiscard]] bool HasResponseHeader(const std::string& name) const;
+  void SetLocalIp(const std::string& local_ip);
+  [[nodiscard]] std::string GetLocalIp() const;
+  // Words for the response's message when no status line has given some.
+  void SetErrorText(const std::string& text);
+
+  // Ends the attempt and decides what follows: Completed, Failed, Cancelled or WaitingForRetry.
+  void SetStatus(HttpStatus status, long http_code, int curl_code);
+  [[nodiscard]] int GetCurlCode() const;
+
+  [[nodiscard]] bool IsRetryDue() const { return retry_policy_->IsRetryDue(); }
+  [[nodiscard]] std::chrono::nanoseconds GetRemainingWait() const { return retry_policy_->GetRemainingWait(); }
+
+ private:
+  void ApplyStatus(HttpStatus status, long http_code);
+  void RunChunkThroughInterceptors();
+  void Complete(long http_code);
+  void FinishWithError(HttpStatus status, long http_code);
+  void FailProcessing(const std::string& reason, long http_code);
+  void CallOnFinished();
+  [[nodiscard]] static bool IsFinal(State state);
+
+  const HttpMethod method_;
+  const std::string url_;
+  const HttpHeaders headers_;
+  const std::vector<unsigned char> payload_;
+  const HttpInterceptors interceptors_;
+  HttpRequestSettings settings_;
+  HttpProxy proxy_;
+  std::unique_ptr<HttpRetryPolicy> retry_policy_;
+  std::function<void()> wake_up_;
+  std::atomic<bool> cancelled_{false};
+
+  Attempt attempt_;
+  std::vector<unsigned char> chunk_;
+
+  mutable std::mutex mutex_;
+  mutable std::condition_variable changed_;
+  State state_ = State::InFlight;
+  std::unique_ptr<MutableHttpResponse> response_;
+  int curl_code_ = 0;
+  std::string local_ip_;
+};
+
+}  // namespace zagent::common
