@@ -10,6 +10,12 @@ class CompressionException : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// The data would unfold to more than is allowed.
+class DecompressedTooLargeException : public CompressionException {
+ public:
+  using CompressionException::CompressionException;
+};
+
 // One compression format over whole buffers. Failures are CompressionExceptions.
 class Compression {
  public:

@@ -62,7 +62,7 @@ std::vector<unsigned char> Run(lzma_stream* stream, const std::vector<unsigned c
     stream->avail_out = buffer.size();
     const lzma_ret code = lzma_code(stream, given == data.size() ? LZMA_FINISH : LZMA_RUN);
     const std::size_t made = buffer.size() - stream->avail_out;
-    if (made > max_size - result.size()) throw CompressionException("Decompressed data is too large");
+    if (made > max_size - result.size()) throw DecompressedTooLargeException("Decompressed data is too large");
     result.insert(result.end(), buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(made));
     if (code == LZMA_STREAM_END) break;
     if (code == LZMA_BUF_ERROR) throw CompressionException("Compressed data ends too early");

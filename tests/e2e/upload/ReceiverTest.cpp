@@ -1,0 +1,242 @@
+// What the receiver refuses: requests that no honest client sends, made by hand and changed after signing.
+#include <Poco/Net/HTTPRequest.h>
+#include <Poco/Net/HTTPResponse.h>
+#include <Poco/Net/HTTPSClientSession.h>
+#include <Poco/URI.h>
+#include <gmock/gmock.h>
+
+#include "common/src/http/interceptors/AuthHttpInterceptor.h"
+#include "common/src/http/interceptors/LzmaCompression.h"
+#include "tests/e2e/upload/UploadFixture.h"
+#include "tests/fakes/FakeClock.h"
+#include "tools/reference-receiver/EventLines.h"
+#include "tools/reference-receiver/UploadHandler.h"
+
+namespace zagent::e2e {
+namespace {
+
+using common::HmacVersion;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+struct RawRequest {
+  std::string method = "POST";
+  std::string target = "/v1/fim";
+  common::HttpHeaders headers;
+  std::vector<unsigned char> body;
+};
+
+class ReceiverTest : public UploadFixture {
+ protected:
+  void SetUp() override { StartReceiver(Options()); }
+
+  // A request as the daemon would send it, signed at the given distance from now.
+  RawRequest Signed(HmacVersion version, std::chrono::seconds shift = std::chrono::seconds(0)) {
+    const fakes::FakeClock clock(std::chrono::system_clock::now() + shift);
+    RawRequest request;
+    request.headers = {{"Content-Type", "application/json"}, {"Content-Encoding", "LZMA"}};
+    request.body = common::LzmaCompression().Compress(BytesOf(R"({"events":[]})"));
+    Sign(request, version, clock);
+    return request;
+  }
+
+  void Sign(RawRequest& request, HmacVersion version,
+            const common::util::Clock& clock = common::util::Clock::Real()) const {
+    std::string url = receiver_->GetUrl() + request.target;
+    common::AuthHttpInterceptor(Keys(version), common::AuthTag::Tag4, common::AuthTag::None, clock)
+        .ProcessRequest(url, request.body, request.headers, request.method);
+  }
+
+  int Send(const RawRequest& request) { return SendAnnouncing(request, request.body.size()); }
+
+  // Announces `length` bytes, whatever the body has.
+  int SendAnnouncing(const RawRequest& request, std::size_t length) {
+    Poco::Net::Context::Params params;
+    params.caLocation = receiver_->GetCaFile();
+    params.loadDefaultCAs = false;
+    const Poco::Net::Context::Ptr context(new Poco::Net::Context(Poco::Net::Context::TLS_CLIENT_USE, params));
+    const Poco::URI uri(receiver_->GetUrl());
+    Poco::Net::HTTPSClientSession session(uri.getHost(), uri.getPort(), context);
+    Poco::Net::HTTPRequest head(request.method, request.target, Poco::Net::HTTPMessage::HTTP_1_1);
+    for (const auto& [name, value] : request.headers) head.set(name, value);
+    head.setContentLength64(static_cast<Poco::Int64>(length));
+    std::ostream& out = session.sendRequest(head);
+    out.write(reinterpret_cast<const char*>(request.body.data()), static_cast<std::streamsize>(request.body.size()));
+    out.flush();
+    Poco::Net::HTTPResponse response;
+    session.receiveResponse(response);
+    z_srv_ = response.get("Z-SRV", "");
+    return response.getStatus();
+  }
+
+  void ExpectRefused(const RawRequest& request, int status, const std::string& reason) {
+    EXPECT_EQ(status, Send(request));
+    EXPECT_THAT(Lines(), Contains("rejected: " + reason));
+    EXPECT_THAT(receiver_->GetPayloads(), IsEmpty());
+    EXPECT_NE("", z_srv_);
+  }
+
+  std::string z_srv_;
+};
+
+TEST_F(ReceiverTest, AcceptsWhatIsSignedAsDocumented) {
+  EXPECT_EQ(200, Send(Signed(HmacVersion::HmacV1)));
+  EXPECT_EQ(200, Send(Signed(HmacVersion::HmacV2)));
+  EXPECT_THAT(receiver_->GetPayloads(), SizeIs(2));
+}
+
+TEST_F(ReceiverTest, RefusesOneChangedByteUnderV1) {
+  RawRequest request = Signed(HmacVersion::HmacV1);
+  request.body[request.body.size() / 2] ^= 1;
+  ExpectRefused(request, 401, "signature does not match");
+}
+
+TEST_F(ReceiverTest, RefusesAChangedContentTypeUnderV1) {
+  RawRequest request = Signed(HmacVersion::HmacV1);
+  request.headers["Content-Type"] = "text/plain";
+  ExpectRefused(request, 401, "signature does not match");
+}
+
+TEST_F(ReceiverTest, RefusesAChangedPathUnderV2) {
+  RawRequest request = Signed(HmacVersion::HmacV2);
+  request.target = "/v1/ioc";
+  ExpectRefused(request, 401, "signature does not match");
+}
+
+TEST_F(ReceiverTest, RefusesAnAddedQueryUnderBothVersions) {
+  for (const HmacVersion version : {HmacVersion::HmacV1, HmacVersion::HmacV2}) {
+    RawRequest request = Signed(version);
+    request.target += "?x=1";
+    ExpectRefused(request, 401, "signature does not match");
+  }
+}
+
+TEST_F(ReceiverTest, RefusesARequestWithoutItsHeaders) {
+  RawRequest request = Signed(HmacVersion::HmacV1);
+  EXPECT_EQ(200, Send(request));
+  // Replayed: the body is known, the header is gone.
+  RawRequest replay = request;
+  replay.headers.erase("X-OSTL-Authorization");
+  EXPECT_EQ(401, Send(replay));
+  replay = request;
+  replay.headers.erase("X-OSTL-Timestamp");
+  EXPECT_EQ(401, Send(replay));
+  EXPECT_THAT(Lines(), Contains("rejected: missing header X-OSTL-Authorization"));
+  EXPECT_THAT(Lines(), Contains("rejected: missing header X-OSTL-Timestamp"));
+  EXPECT_THAT(receiver_->GetPayloads(), SizeIs(1));
+}
+
+TEST_F(ReceiverTest, RefusesTimesThatAreFarAway) {
+  ExpectRefused(Signed(HmacVersion::HmacV2, -std::chrono::minutes(16)), 401, "timestamp outside the allowed window");
+  ExpectRefused(Signed(HmacVersion::HmacV2, std::chrono::minutes(16)), 401, "timestamp outside the allowed window");
+  EXPECT_EQ(200, Send(Signed(HmacVersion::HmacV2, -std::chrono::minutes(14))));
+  EXPECT_EQ(200, Send(Signed(HmacVersion::HmacV2, std::chrono::minutes(14))));
+}
+
+TEST_F(ReceiverTest, RefusesAChangedTime) {
+  RawRequest request = Signed(HmacVersion::HmacV2, std::chrono::seconds(-60));
+  request.headers["X-OSTL-Timestamp"] = Signed(HmacVersion::HmacV2).headers["X-OSTL-Timestamp"];
+  ExpectRefused(request, 401, "signature does not match");
+}
+
+TEST_F(ReceiverTest, RefusesHeadersOfAnotherForm) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"", "malformed authorization"},
+      {"ZHmacV2Auth", "malformed authorization"},
+      {"ZHmacV2Auth:x y", "malformed authorization"},
+      {"ZHmacV9Auth agent:sig", "unknown authorization scheme"},
+      {"ZHmacV2Auth stranger:sig", "unknown key id"},
+      {std::string("ZHmacV2Auth ") + kAgent + ":", "signature does not match"},
+  };
+  for (const auto& [value, reason] : cases) {
+    RawRequest request = Signed(HmacVersion::HmacV2);
+    request.headers["X-OSTL-Authorization"] = value;
+    ExpectRefused(request, 401, reason);
+  }
+  for (const char* time : {"", "yesterday", "2024-05-01T10:20:30", "2024-05-01T10:20:30Zx", "2024-13-01T10:20:30Z"}) {
+    RawRequest request = Signed(HmacVersion::HmacV2);
+    request.headers["X-OSTL-Timestamp"] = time;
+    ExpectRefused(request, 401, "malformed timestamp");
+  }
+}
+
+TEST_F(ReceiverTest, RefusesWhatIsNoUpload) {
+  RawRequest get = Signed(HmacVersion::HmacV2);
+  get.method = "PUT";
+  ExpectRefused(get, 405, "not a POST");
+}
+
+TEST_F(ReceiverTest, RefusesPayloadsThatCannotBeRead) {
+  RawRequest request = Signed(HmacVersion::HmacV2);  // V2 does not sign the body, so it can be damaged
+  request.body.resize(request.body.size() - 4);
+  ExpectRefused(request, 400, "payload is not LZMA: Compressed data ends too early");
+  request = Signed(HmacVersion::HmacV2);
+  request.headers["Content-Encoding"] = "br";
+  ExpectRefused(request, 415, "unknown content encoding");
+  request = Signed(HmacVersion::HmacV2);
+  request.headers["Z-PAYLOADHASH"] = "0000000000000000";
+  ExpectRefused(request, 400, "payload hash does not match");
+}
+
+TEST_F(ReceiverTest, RefusesAPayloadThatUnfoldsTooFar) {
+  RawRequest request;
+  request.headers = {{"Content-Encoding", "LZMA"}};
+  request.body = common::LzmaCompression().Compress(Bytes(tools::UploadHandler::kMaxBodySize + 1, 'x'));
+  EXPECT_LT(request.body.size(), 100'000U);
+  Sign(request, HmacVersion::HmacV1);
+  ExpectRefused(request, 413, "body too large");
+}
+
+TEST_F(ReceiverTest, RefusesABodyThatIsAnnouncedTooLargeWithoutReadingIt) {
+  RawRequest request = Signed(HmacVersion::HmacV2);
+  EXPECT_EQ(413, SendAnnouncing(request, tools::UploadHandler::kMaxBodySize + 1));
+  EXPECT_THAT(Lines(), Contains("rejected: body too large"));
+}
+
+TEST_F(ReceiverTest, TakesAPayloadThatIsNotCompressed) {
+  RawRequest request;
+  request.body = BytesOf("plain");
+  Sign(request, HmacVersion::HmacV1);
+  EXPECT_EQ(200, Send(request));
+  EXPECT_EQ("plain", receiver_->GetPayloads().at(0).text);
+  EXPECT_THAT(Lines(), Contains("payload 5 bytes type=-"));
+}
+
+TEST_F(ReceiverTest, StepsOverFilesOfAnEarlierRun) {
+  tools::ReceiverOptions options = Options();
+  options.store_folder = folder_ / "store";
+  StartReceiver(options);
+  EXPECT_EQ(0, Upload("{}"));
+  StartReceiver(options);
+  EXPECT_EQ(0, Upload("[]"));
+  EXPECT_EQ("{}", folder_.Read("store/payload-000001.json"));
+  EXPECT_EQ(folder_ / "store/payload-000001.bin", receiver_->GetPayloads().at(0).file);
+  EXPECT_EQ(0, Upload("{ }"));
+  EXPECT_EQ("{ }", folder_.Read("store/payload-000002.json"));
+}
+
+TEST(EventLinesTest, ShowsBothPathsOfARename) {
+  EXPECT_THAT(
+      tools::DescribeEvents(
+          R"({"timestamp":"x","events":[{"eventAction":"Rename","imagePath":"/a","operation":{"new":"/b","old":"/a"}}]})"),
+      ElementsAre("event Rename /a -> /b actor=- pid=- user=- audit-user=- id=-"));
+}
+
+TEST(EventLinesTest, EscapesWhatCouldFakeALine) {
+  EXPECT_THAT(tools::DescribeEvents(R"({"events":[{"imagePath":"/x\nevent Write /y\u001b[2J\\"}]})"),
+              ElementsAre(HasSubstr(R"(/x\x0aevent Write /y\x1b[2J\\ actor=)")));
+}
+
+TEST(EventLinesTest, SaysNothingOfOtherDocuments) {
+  for (const char* text : {"", "no json", "{}", "[]", R"({"events":{}})", R"({"events":[)"}) {
+    EXPECT_THAT(tools::DescribeEvents(text), IsEmpty()) << text;
+  }
+  EXPECT_THAT(tools::DescribeEvents(R"({"events":[1,null,{"actor":3,"eventId":"7"}]})"), SizeIs(3));
+  EXPECT_THAT(tools::DescribeEvents(std::string(1'000'000, '[')), IsEmpty());
+}
+
+}  // namespace
+}  // namespace zagent::e2e

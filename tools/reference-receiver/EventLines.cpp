@@ -1,0 +1,60 @@
+#include "tools/reference-receiver/EventLines.h"
+
+#include "common/src/util/Digest.h"
+#include "common/src/util/Json.h"
+
+namespace zagent::tools {
+namespace {
+
+using common::util::FindMember;
+
+std::string TextOf(const rapidjson::Value* value) {
+  if (value == nullptr) return "-";
+  if (value->IsString()) return EscapeControls(common::util::ToString(*value));
+  return value->IsNumber() ? common::util::WriteJson(*value) : "-";
+}
+
+std::string PathOf(const rapidjson::Value& event) {
+  const rapidjson::Value* operation = FindMember(event, "operation");
+  if (operation == nullptr) return TextOf(FindMember(event, "imagePath"));
+  return TextOf(FindMember(*operation, "old")) + " -> " + TextOf(FindMember(*operation, "new"));
+}
+
+std::string DescribeEvent(const rapidjson::Value& event) {
+  static const rapidjson::Value kNone;
+  const rapidjson::Value* found = FindMember(event, "actor");
+  const rapidjson::Value& actor = found == nullptr ? kNone : *found;
+  return "event " + TextOf(FindMember(event, "eventAction")) + " " + PathOf(event) +
+         " actor=" + TextOf(FindMember(actor, "imagePath")) + " pid=" + TextOf(FindMember(actor, "processID")) +
+         " user=" + TextOf(FindMember(actor, "userName")) +
+         " audit-user=" + TextOf(FindMember(actor, "auditUserName")) + " id=" + TextOf(FindMember(event, "eventId"));
+}
+
+}  // namespace
+
+std::string EscapeControls(const std::string& text) {
+  std::string escaped;
+  for (const char c : text) {
+    if (c == '\\') {
+      escaped += "\\\\";
+    } else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
+      escaped += "\\x" + common::util::ToHex({&c, 1});
+    } else {
+      escaped += c;
+    }
+  }
+  return escaped;
+}
+
+std::vector<std::string> DescribeEvents(const std::string& document) {
+  rapidjson::Document json;
+  common::util::ParseJson(json, document);
+  if (json.HasParseError()) return {};
+  const rapidjson::Value* events = FindMember(json, "events");
+  if (events == nullptr || !events->IsArray()) return {};
+  std::vector<std::string> lines;
+  for (const rapidjson::Value& event : events->GetArray()) lines.push_back(DescribeEvent(event));
+  return lines;
+}
+
+}  // namespace zagent::tools

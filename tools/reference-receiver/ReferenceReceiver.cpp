@@ -1,0 +1,124 @@
+#include "tools/reference-receiver/ReferenceReceiver.h"
+
+#include <Poco/Net/HTTPRequestHandlerFactory.h>
+#include <Poco/Net/HTTPServer.h>
+#include <Poco/Net/SecureServerSocket.h>
+#include <Poco/ThreadPool.h>
+#include <openssl/ssl.h>
+
+#include <stdexcept>
+
+#include "tools/reference-receiver/ServerCertificate.h"
+#include "tools/reference-receiver/TunnelProxy.h"
+#include "tools/reference-receiver/UploadHandler.h"
+
+namespace zagent::tools {
+namespace {
+
+constexpr int kMaxThreads = 32;
+
+class HandlerFactory final : public Poco::Net::HTTPRequestHandlerFactory {
+ public:
+  explicit HandlerFactory(ReceiverState& state) : state_(state) {}
+  Poco::Net::HTTPRequestHandler* createRequestHandler(const Poco::Net::HTTPServerRequest&) override {
+    return new UploadHandler(state_);  // NOLINT(cppcoreguidelines-owning-memory): Poco's way
+  }
+
+ private:
+  ReceiverState& state_;
+};
+
+Poco::Net::Context::Ptr MakeContext(const ServerCertificate& certificate) {
+  Poco::Net::Context::Params params;
+  params.verificationMode = Poco::Net::Context::VERIFY_NONE;
+  Poco::Net::Context::Ptr context(new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, params));
+  context->requireMinimumProtocol(Poco::Net::Context::PROTO_TLSV1_2);
+  if (SSL_CTX_use_certificate(context->sslContext(), certificate.Certificate()) != 1 ||
+      SSL_CTX_use_PrivateKey(context->sslContext(), certificate.Key()) != 1) {
+    throw std::runtime_error("OpenSSL refuses the certificate");
+  }
+  return context;
+}
+
+Poco::Net::HTTPServerParams::Ptr MakeParams() {
+  Poco::Net::HTTPServerParams::Ptr params(new Poco::Net::HTTPServerParams);
+  params->setMaxThreads(kMaxThreads);
+  params->setKeepAlive(true);
+  return params;
+}
+
+}  // namespace
+
+struct ReferenceReceiver::Impl {
+  explicit Impl(ReceiverOptions options)
+      : state(std::move(options)),
+        socket(Poco::Net::SocketAddress("127.0.0.1", state.options.port), 64, MakeContext(certificate)),
+        threads(2, kMaxThreads),
+        server(new HandlerFactory(state), threads, socket, MakeParams()) {
+    if (!state.options.ca_file.empty()) certificate.WriteTo(state.options.ca_file);
+    if (state.options.proxy_port) {
+      proxy = std::make_unique<TunnelProxy>(*state.options.proxy_port, state.options.proxy_status);
+    }
+    state.Print("listening on " + Url());
+    if (proxy) state.Print("proxy on " + ProxyUrl());
+    server.start();
+  }
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
+  ~Impl() {
+    state.Stop();
+    proxy.reset();
+    server.stopAll(true);
+    threads.joinAll();
+  }
+
+  [[nodiscard]] std::string Url() const { return "https://127.0.0.1:" + std::to_string(server.port()); }
+  [[nodiscard]] std::string ProxyUrl() const {
+    return proxy ? "http://127.0.0.1:" + std::to_string(proxy->GetPort()) : "";
+  }
+
+  ReceiverState state;
+  const ServerCertificate certificate;
+  Poco::Net::SecureServerSocket socket;
+  Poco::ThreadPool threads;
+  Poco::Net::HTTPServer server;
+  std::unique_ptr<TunnelProxy> proxy;
+};
+
+ReferenceReceiver::ReferenceReceiver(ReceiverOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}
+
+ReferenceReceiver::~ReferenceReceiver() = default;
+
+std::string ReferenceReceiver::GetUrl() const {
+  return impl_->Url();
+}
+
+const std::string& ReferenceReceiver::GetCaFile() const {
+  return impl_->state.options.ca_file;
+}
+
+std::string ReferenceReceiver::GetProxyUrl() const {
+  return impl_->ProxyUrl();
+}
+
+std::vector<AcceptedPayload> ReferenceReceiver::GetPayloads() const {
+  return impl_->state.store.Payloads();
+}
+
+unsigned ReferenceReceiver::GetRequestCount() const {
+  return impl_->state.store.RequestCount();
+}
+
+bool ReferenceReceiver::WaitForRequests(unsigned count, std::chrono::milliseconds timeout) const {
+  return impl_->state.store.WaitForRequests(count, timeout);
+}
+
+unsigned ReferenceReceiver::GetConnectionCount() const {
+  return static_cast<unsigned>(impl_->server.totalConnections());
+}
+
+unsigned ReferenceReceiver::GetTunnelCount() const {
+  return impl_->proxy ? impl_->proxy->GetTunnelCount() : 0;
+}
+
+}  // namespace zagent::tools

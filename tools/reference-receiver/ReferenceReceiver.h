@@ -1,0 +1,48 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tools/reference-receiver/PayloadStore.h"
+#include "tools/reference-receiver/ReceiverOptions.h"
+
+namespace zagent::tools {
+
+// The platform's side of an upload on 127.0.0.1, over TLS with a certificate of its own: verifies signatures, undoes
+// the compression, keeps what it accepted. Answers from construction to destruction; see docs/PROTOCOL.md.
+//
+//   ReferenceReceiver receiver({.customer_id = "c", .agent_id = "a", .activation_id = "x", .ca_file = "/tmp/ca.pem"});
+//   ... upload to receiver.GetUrl() + "/fim", trusting receiver.GetCaFile() ...
+//   receiver.GetPayloads().at(0).text;
+class ReferenceReceiver {
+ public:
+  // Throws std::exception for an empty id, a port that is taken or a file that cannot be written.
+  explicit ReferenceReceiver(ReceiverOptions options);
+  ReferenceReceiver(const ReferenceReceiver&) = delete;
+  ReferenceReceiver& operator=(const ReferenceReceiver&) = delete;
+  ~ReferenceReceiver();
+
+  // "https://127.0.0.1:<port>"
+  [[nodiscard]] std::string GetUrl() const;
+  [[nodiscard]] const std::string& GetCaFile() const;
+  // "http://127.0.0.1:<port>"; empty without a proxy.
+  [[nodiscard]] std::string GetProxyUrl() const;
+
+  [[nodiscard]] std::vector<AcceptedPayload> GetPayloads() const;
+  // Requests that have come whole, whatever became of them.
+  [[nodiscard]] unsigned GetRequestCount() const;
+  [[nodiscard]] bool WaitForRequests(unsigned count,
+                                     std::chrono::milliseconds timeout = std::chrono::seconds(30)) const;
+  // TLS connections so far.
+  [[nodiscard]] unsigned GetConnectionCount() const;
+  // CONNECT requests that the proxy has tunnelled.
+  [[nodiscard]] unsigned GetTunnelCount() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace zagent::tools

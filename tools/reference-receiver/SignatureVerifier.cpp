@@ -1,0 +1,85 @@
+#include "tools/reference-receiver/SignatureVerifier.h"
+
+#include <openssl/crypto.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+
+#include "common/src/http/HmacConfig.h"
+#include "common/src/util/Base64.h"
+#include "common/src/util/Cleanse.h"
+#include "common/src/util/Hmac.h"
+
+namespace zagent::tools {
+namespace {
+
+using common::util::Base64Encode;
+using common::util::HmacSha256;
+
+constexpr std::chrono::minutes kTimestampWindow(15);
+
+struct Authorization {
+  std::string scheme;
+  std::string key_id;
+  std::string signature;
+};
+
+// "<scheme> <key id>:<signature>". The signature is base64 and holds no colon.
+std::optional<Authorization> Parse(const std::string& text) {
+  const std::size_t blank = text.find(' ');
+  const std::size_t colon = text.rfind(':');
+  if (blank == std::string::npos || colon == std::string::npos || colon < blank) return std::nullopt;
+  return Authorization{text.substr(0, blank), text.substr(blank + 1, colon - blank - 1), text.substr(colon + 1)};
+}
+
+std::optional<std::chrono::system_clock::time_point> ParseTimestamp(const std::string& text) {
+  std::tm parts{};
+  const char* end = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts);
+  if (text.size() != 20 || end == nullptr || *end != '\0') return std::nullopt;
+  return std::chrono::system_clock::from_time_t(timegm(&parts));
+}
+
+std::string MessageV1(const SignedRequest& request) {
+  std::string message = request.method + ";";
+  if (request.method == "POST" || request.method == "PUT") {
+    message += request.body + ";" + request.content_type.value_or("null") + ";";
+  }
+  return message + *request.timestamp + ";" + request.target;
+}
+
+std::string MessageV2(const SignedRequest& request, const std::string& key_id) {
+  return request.method + ";" + *request.timestamp + ";" + key_id + ";" + request.target;
+}
+
+bool IsEqual(const std::string& left, const std::string& right) {
+  return left.size() == right.size() && CRYPTO_memcmp(left.data(), right.data(), left.size()) == 0;
+}
+
+}  // namespace
+
+SignatureVerifier::SignatureVerifier(const std::string& customer_id, const std::string& agent_id,
+                                     const std::string& activation_id, const common::util::Clock& clock)
+    : keys_(common::DeriveKeys(customer_id, agent_id, activation_id)), clock_(clock) {}
+
+std::optional<std::string> SignatureVerifier::FindFault(const SignedRequest& request) const {
+  if (!request.authorization) return "missing header X-OSTL-Authorization";
+  if (!request.timestamp) return "missing header X-OSTL-Timestamp";
+  const std::optional<Authorization> authorization = Parse(*request.authorization);
+  if (!authorization) return "malformed authorization";
+  const bool is_v1 = authorization->scheme == "ZHmacV1Auth";
+  if (!is_v1 && authorization->scheme != "ZHmacV2Auth") return "unknown authorization scheme";
+  const auto time = ParseTimestamp(*request.timestamp);
+  if (!time) return "malformed timestamp";
+  if (std::chrono::abs(clock_.Now() - *time) > kTimestampWindow) return "timestamp outside the allowed window";
+  const std::string key_id = keys_->Get(is_v1 ? "KIdV1" : "KIdV2");
+  if (authorization->key_id != key_id) return "unknown key id";
+
+  std::string key = keys_->Get(is_v1 ? "HmacV1" : "HmacV2");
+  const common::util::ScopedCleanse cleanse(key);
+  const std::string message = is_v1 ? MessageV1(request) : MessageV2(request, key_id);
+  if (!IsEqual(Base64Encode(HmacSha256(key, message)), authorization->signature)) return "signature does not match";
+  return std::nullopt;
+}
+
+}  // namespace zagent::tools

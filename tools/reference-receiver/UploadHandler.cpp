@@ -1,0 +1,171 @@
+#include "tools/reference-receiver/UploadHandler.h"
+
+#include <Poco/Net/HTTPServerRequest.h>
+#include <Poco/Net/HTTPServerRequestImpl.h>
+#include <Poco/Net/HTTPServerResponse.h>
+#include <Poco/Net/StreamSocket.h>
+#include <Poco/String.h>
+#include <sys/socket.h>
+
+#include <iomanip>
+#include <istream>
+#include <ostream>
+#include <sstream>
+
+#include "common/src/http/interceptors/LzmaCompression.h"
+#include "common/src/util/Fnv.h"
+#include "tools/reference-receiver/EventLines.h"
+
+namespace zagent::tools {
+namespace {
+
+using Poco::Net::HTTPServerRequest;
+using Poco::Net::HTTPServerResponse;
+
+std::optional<std::string> HeaderOf(const HTTPServerRequest& request, const std::string& name) {
+  if (!request.has(name)) return std::nullopt;
+  return request.get(name);
+}
+
+// False when the body is larger than allowed; reads no more than that.
+bool ReadBody(HTTPServerRequest& request, std::string& body) {
+  if (request.hasContentLength() &&
+      request.getContentLength64() > static_cast<Poco::Int64>(UploadHandler::kMaxBodySize))
+    return false;
+  std::istream& in = request.stream();
+  char buffer[16384];
+  while (in.read(buffer, sizeof(buffer)) || in.gcount() > 0) {
+    body.append(buffer, static_cast<std::size_t>(in.gcount()));
+    if (body.size() > UploadHandler::kMaxBodySize) return false;
+  }
+  return true;
+}
+
+std::string HashText(const std::string& text) {
+  std::ostringstream hash;
+  hash << std::hex << std::setfill('0') << std::setw(16)
+       << common::util::Fnv1a64(reinterpret_cast<const unsigned char*>(text.data()), text.size());
+  return hash.str();
+}
+
+// Ends the connection with a reset: a connected socket that is "connected to nothing" forgets its peer rudely.
+void ResetConnection(HTTPServerRequest& request) {
+  auto& accepted = dynamic_cast<Poco::Net::HTTPServerRequestImpl&>(request);
+  sockaddr nothing{};
+  nothing.sa_family = AF_UNSPEC;
+  connect(accepted.socket().impl()->sockfd(), &nothing, sizeof(nothing));
+}
+
+}  // namespace
+
+void ReceiverState::Print(const std::string& line) {
+  if (!options.print) return;
+  const std::lock_guard lock(print_mutex_);
+  options.print(line);
+}
+
+void ReceiverState::Delay() {
+  if (options.delay.count() == 0) return;
+  std::unique_lock lock(stop_mutex_);
+  stopping_.wait_for(lock, options.delay, [this] { return stopped_; });
+}
+
+void ReceiverState::Stop() {
+  const std::lock_guard lock(stop_mutex_);
+  stopped_ = true;
+  stopping_.notify_all();
+}
+
+void UploadHandler::handleRequest(HTTPServerRequest& request, HTTPServerResponse& response) {
+  const Verdict verdict = Judge(request);
+  if (!verdict.reason.empty()) state_.Print("rejected: " + verdict.reason);
+  state_.Delay();
+  if (state_.options.reset) {
+    state_.Print("answered: reset");
+    return ResetConnection(request);
+  }
+  if (verdict.status == HTTPServerResponse::HTTP_OK && state_.options.truncate) return AnswerTruncated(response);
+  Answer(response, verdict.status);
+}
+
+UploadHandler::Verdict UploadHandler::Judge(HTTPServerRequest& request) {
+  std::string body;
+  const bool fits = ReadBody(request, body);
+  state_.store.CountRequest();
+  if (!fits) return {HTTPServerResponse::HTTP_REQUEST_ENTITY_TOO_LARGE, "body too large"};
+  if (const int forced = ForcedStatus(); forced != 0) {
+    state_.Print("answered: " + std::to_string(forced));
+    return {forced, ""};
+  }
+  if (state_.options.reset) return {0, ""};
+  if (request.getMethod() != "POST") return {HTTPServerResponse::HTTP_METHOD_NOT_ALLOWED, "not a POST"};
+  SignedRequest signed_request{request.getMethod(),
+                               request.getURI(),
+                               std::move(body),
+                               HeaderOf(request, "Content-Type"),
+                               HeaderOf(request, "X-OSTL-Authorization"),
+                               HeaderOf(request, "X-OSTL-Timestamp")};
+  if (const auto fault = state_.verifier.FindFault(signed_request)) {
+    return {HTTPServerResponse::HTTP_UNAUTHORIZED, *fault};
+  }
+  return Accept(request, std::move(signed_request.body));
+}
+
+UploadHandler::Verdict UploadHandler::Accept(const HTTPServerRequest& request, std::string body) {
+  const std::string encoding = request.get("Content-Encoding", "");
+  if (!encoding.empty() && encoding != "LZMA") {
+    return {HTTPServerResponse::HTTP_UNSUPPORTEDMEDIATYPE, "unknown content encoding"};
+  }
+  try {
+    AcceptedPayload payload{std::move(body), request.getURI(), {}, ""};
+    if (!encoding.empty()) {
+      const auto plain = common::LzmaCompression(common::LzmaCompression::Container::Alone, kMaxBodySize)
+                             .Decompress({payload.text.begin(), payload.text.end()});
+      payload.text.assign(plain.begin(), plain.end());
+    }
+    if (request.has("Z-PAYLOADHASH") && request.get("Z-PAYLOADHASH") != HashText(payload.text)) {
+      return {HTTPServerResponse::HTTP_BAD_REQUEST, "payload hash does not match"};
+    }
+    for (const auto& [name, value] : request) payload.headers[Poco::toLower(name)] = value;
+    std::vector<std::string> lines = DescribeEvents(payload.text);
+    if (lines.empty()) {
+      lines.push_back("payload " + std::to_string(payload.text.size()) +
+                      " bytes type=" + EscapeControls(request.get("Content-Type", "-")));
+    }
+    state_.store.Add(std::move(payload));
+    for (const std::string& line : lines) state_.Print(line);
+    return {HTTPServerResponse::HTTP_OK, ""};
+  } catch (const common::DecompressedTooLargeException&) {
+    return {HTTPServerResponse::HTTP_REQUEST_ENTITY_TOO_LARGE, "body too large"};
+  } catch (const common::CompressionException& error) {
+    return {HTTPServerResponse::HTTP_BAD_REQUEST, std::string("payload is not LZMA: ") + error.what()};
+  } catch (const std::exception& error) {
+    return {HTTPServerResponse::HTTP_INTERNAL_SERVER_ERROR, error.what()};
+  }
+}
+
+int UploadHandler::ForcedStatus() {
+  if (state_.options.status == 0) return 0;
+  const unsigned number = ++state_.forced_answers;
+  return state_.options.status_requests == 0 || number <= state_.options.status_requests ? state_.options.status : 0;
+}
+
+void UploadHandler::Answer(HTTPServerResponse& response, int status) {
+  response.setStatusAndReason(static_cast<HTTPServerResponse::HTTPStatus>(status));
+  if (state_.options.z_srv) response.set("Z-SRV", "reference-receiver");
+  // What was refused for its size has not been read: the connection is of no more use.
+  if (status == HTTPServerResponse::HTTP_REQUEST_ENTITY_TOO_LARGE) response.setKeepAlive(false);
+  response.setContentLength(0);
+  response.send();
+}
+
+void UploadHandler::AnswerTruncated(HTTPServerResponse& response) {
+  constexpr int kAnnounced = 100;
+  if (state_.options.z_srv) response.set("Z-SRV", "reference-receiver");
+  response.setKeepAlive(false);
+  response.setContentLength(kAnnounced);
+  response.send() << "{" << std::flush;
+  state_.Print("answered: truncated");
+}
+
+}  // namespace zagent::tools

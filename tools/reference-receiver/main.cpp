@@ -1,0 +1,130 @@
+// reference-receiver: accepts the daemon's uploads as the platform does and prints a line for each event.
+#include <getopt.h>
+#include <csignal>
+
+#include <array>
+#include <charconv>
+#include <cstring>
+#include <iostream>
+#include <stdexcept>
+#include <string_view>
+
+#include "tools/reference-receiver/ReferenceReceiver.h"
+
+namespace zagent::tools {
+namespace {
+
+constexpr const char* kUsage = R"(Usage: reference-receiver --customer ID --agent ID --activation ID [switches]
+  --port N            listen on this port of 127.0.0.1 (default: a free one)
+  --ca-out FILE       write the certificate that clients must trust
+  --store DIR         write every accepted payload to a file
+  --status CODE[xN]   answer the first N requests (default: all) with this status
+  --delay MS          wait before every answer
+  --reset             reset the connection instead of an answer
+  --truncate          accept, but cut the body of the answer
+  --no-z-srv          leave out the header Z-SRV
+  --proxy PORT        be an HTTP proxy on this port, too (0: a free one)
+  --proxy-status CODE let the proxy answer everything with this status
+)";
+
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+unsigned Number(std::string_view text, unsigned low, unsigned high) {
+  unsigned value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size() || value < low || value > high) {
+    throw UsageError("Not a number from " + std::to_string(low) + " to " + std::to_string(high) + ": " +
+                     std::string(text));
+  }
+  return value;
+}
+
+int StatusCode(std::string_view text) {
+  return static_cast<int>(Number(text, 200, 599));
+}
+
+void SetStatus(ReceiverOptions& options, std::string_view text) {
+  const std::size_t x = text.find('x');
+  options.status = StatusCode(text.substr(0, x));
+  options.status_requests = x == std::string_view::npos ? 0 : Number(text.substr(x + 1), 1, 1'000'000);
+}
+
+struct Switch {
+  const char* name;
+  bool has_value;
+  void (*apply)(ReceiverOptions& options, const std::string& value);
+};
+
+constexpr std::array<Switch, 14> kSwitches = {{
+    {"customer", true, [](ReceiverOptions& o, const std::string& v) { o.customer_id = v; }},
+    {"agent", true, [](ReceiverOptions& o, const std::string& v) { o.agent_id = v; }},
+    {"activation", true, [](ReceiverOptions& o, const std::string& v) { o.activation_id = v; }},
+    {"port", true,
+     [](ReceiverOptions& o, const std::string& v) { o.port = static_cast<std::uint16_t>(Number(v, 0, 65535)); }},
+    {"ca-out", true, [](ReceiverOptions& o, const std::string& v) { o.ca_file = v; }},
+    {"store", true, [](ReceiverOptions& o, const std::string& v) { o.store_folder = v; }},
+    {"status", true, [](ReceiverOptions& o, const std::string& v) { SetStatus(o, v); }},
+    {"delay", true,
+     [](ReceiverOptions& o, const std::string& v) { o.delay = std::chrono::milliseconds(Number(v, 0, 3'600'000)); }},
+    {"reset", false, [](ReceiverOptions& o, const std::string&) { o.reset = true; }},
+    {"truncate", false, [](ReceiverOptions& o, const std::string&) { o.truncate = true; }},
+    {"no-z-srv", false, [](ReceiverOptions& o, const std::string&) { o.z_srv = false; }},
+    {"proxy", true,
+     [](ReceiverOptions& o, const std::string& v) { o.proxy_port = static_cast<std::uint16_t>(Number(v, 0, 65535)); }},
+    {"proxy-status", true, [](ReceiverOptions& o, const std::string& v) { o.proxy_status = StatusCode(v); }},
+    {"help", false, [](ReceiverOptions&, const std::string&) { throw UsageError(""); }},
+}};
+
+ReceiverOptions ParseArguments(int argc, char** argv) {
+  std::array<option, kSwitches.size() + 1> long_options{};
+  for (std::size_t i = 0; i < kSwitches.size(); ++i) {
+    long_options[i] = {kSwitches[i].name, kSwitches[i].has_value ? required_argument : no_argument, nullptr,
+                       static_cast<int>(i)};
+  }
+  ReceiverOptions options;
+  int index = 0;
+  opterr = 0;
+  while ((index = getopt_long(argc, argv, "", long_options.data(), nullptr)) != -1) {
+    if (index == '?') throw UsageError(std::string("Not a switch, or without its value: ") + argv[optind - 1]);
+    kSwitches.at(static_cast<std::size_t>(index)).apply(options, optarg == nullptr ? "" : optarg);
+  }
+  if (optind < argc) throw UsageError(std::string("Not a switch: ") + argv[optind]);
+  return options;
+}
+
+void PrintLine(const std::string& line) {
+  std::cout << line << std::endl;
+}
+
+int Run(int argc, char** argv) {
+  // Threads that Poco starts inherit the mask: the signals wait for sigwait below.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  try {
+    ReceiverOptions options = ParseArguments(argc, argv);
+    options.print = PrintLine;
+    const ReferenceReceiver receiver(std::move(options));
+    int signal = 0;
+    sigwait(&signals, &signal);
+    return 0;
+  } catch (const UsageError& error) {
+    std::cerr << error.what() << (*error.what() == '\0' ? "" : "\n") << kUsage;
+    return 2;
+  } catch (const std::exception& error) {
+    std::cerr << "reference-receiver: " << error.what() << "\n";
+    return 1;
+  }
+}
+
+}  // namespace
+}  // namespace zagent::tools
+
+int main(int argc, char** argv) {
+  return zagent::tools::Run(argc, argv);
+}
