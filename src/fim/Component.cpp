@@ -1,0 +1,128 @@
+#include "src/fim/Component.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <stdexcept>
+#include <utility>
+
+#include "common/src/util/ErrnoText.h"
+#include "common/src/util/Log.h"
+#include "src/fim/JsonDataFormatter.h"
+#include "src/fim/LogPrefix.h"
+
+namespace zagent::fim {
+namespace {
+
+template <typename T>
+std::unique_ptr<T> NotNull(std::unique_ptr<T> pointer, const char* error) {
+  if (pointer == nullptr) throw std::invalid_argument(error);
+  return pointer;
+}
+
+std::string WorkingDirectory(std::string base) {
+  while (!base.empty() && base.back() == '/') base.pop_back();
+  return base + "/fim/";
+}
+
+// Makes the folder and what is missing above it.
+void CreateFolder(const std::string& path) {
+  std::size_t slash = 0;
+  while (slash != std::string::npos) {
+    slash = path.find('/', slash + 1);
+    const std::string part = path.substr(0, slash);
+    if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
+      throw std::runtime_error("FimComponent: Failed to create " + part + ": " + common::util::ErrnoText(errno));
+    }
+  }
+}
+
+std::string PrepareSpoolFolder(const Config& config, const std::string& working_directory) {
+  std::string path = config.GetEventFilePath();
+  if (path.empty() || path.front() != '/') path = working_directory + path;
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  CreateFolder(path);
+  return path;
+}
+
+common::SpoolStorage::Limits SpoolLimits(const Config& config) {
+  return {config.GetMaxDiskSizeMb(), config.GetMaxFileAgeSec(), config.GetMaxFileSizeKb()};
+}
+
+std::unique_ptr<common::SpoolStorage> OpenSpool(const Config& config, const std::string& base_directory,
+                                                common::Scheduler& scheduler, common::util::Clock& clock) {
+  return std::make_unique<common::SpoolStorage>(
+      scheduler, PrepareSpoolFolder(config, WorkingDirectory(base_directory)), config.GetEventFileName(),
+      std::make_unique<internal::JsonDataFormatter>(), SpoolLimits(config), common::SpoolStorage::kMaxFileCount, clock);
+}
+
+}  // namespace
+
+Component::Component(std::unique_ptr<Config> config, common::Scheduler& scheduler,
+                     std::unique_ptr<common::Uploader> uploader, edr::EventRuleEngine& engine,
+                     const std::string& base_directory, common::util::Clock& clock)
+    : config_(NotNull(std::move(config), "FimComponent: 'config' cannot be null")),
+      scheduler_(scheduler),
+      clock_(clock) {
+  uploader = NotNull(std::move(uploader), "FimComponent: 'uploader' cannot be null");
+  enabled_ = !config_->GetManifests().empty();
+  storage_ = OpenSpool(*config_, base_directory, scheduler, clock);
+  processor_ = std::make_unique<internal::EventProcessor>(rules_, *storage_);
+  manager_ = std::make_unique<internal::EventRuleManager>(
+      *config_, engine, rules_,
+      [processor = processor_.get()](const std::vector<std::string>& rule_ids, const edr::Event& event) {
+        processor->PostProcess(rule_ids, event);
+      });
+  upload_schedule_ = std::make_shared<internal::UploadSchedule>(*config_, *storage_, std::move(uploader), clock);
+  scheduler_.RegisterSchedule(upload_schedule_);
+  ZLOG_INFO("Component initialized.");
+}
+
+Component::~Component() {
+  manager_->UnregisterHandlers();
+  Unregister(upload_schedule_);
+  Unregister(clear_task_);
+  manager_.reset();  // takes the rules off the engine
+  processor_.reset();
+  storage_.reset();  // flushes its cache
+  ZLOG_INFO("Component destroyed.");
+}
+
+void Component::Unregister(const std::shared_ptr<common::Schedule>& schedule) {
+  if (schedule == nullptr) return;
+  try {
+    scheduler_.UnregisterSchedule(schedule);
+  } catch (const std::exception& error) {
+    ZLOG_WARNING("Component: " << error.what());
+  }
+}
+
+void Component::UpdateConfig(const rapidjson::Value& json) {
+  if (!config_->Update(json)) {
+    ZLOG_DEBUG("Component::UpdateConfig: Configuration is unchanged");
+    return;
+  }
+  storage_->Update(SpoolLimits(*config_));
+  upload_schedule_->Reschedule();
+  manager_->Update(*config_);
+  UpdateEnabled();
+  ZLOG_INFO("Component::UpdateConfig: Configuration updated");
+}
+
+void Component::UpdateEnabled() {
+  const bool has_manifests = !config_->GetManifests().empty();
+  if (enabled_ && !has_manifests) {
+    ZLOG_INFO("Disabling FIM");
+    manager_->Disable();
+    StartClearTask();
+  }
+  enabled_ = has_manifests;
+}
+
+void Component::StartClearTask() {
+  Unregister(clear_task_);
+  clear_task_ = std::make_shared<internal::ClearSpoolTask>(*storage_, clock_);
+  scheduler_.RegisterSchedule(clear_task_);
+}
+
+}  // namespace zagent::fim

@@ -1,0 +1,268 @@
+#include "src/fim/EventRule.h"
+
+#include <Poco/Path.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <string_view>
+#include <utility>
+
+#include "common/src/util/Log.h"
+#include "src/edr/process/ImageInfo.h"
+#include "src/fim/LogPrefix.h"
+
+namespace zagent::fim::internal {
+namespace {
+
+using common::util::FindMember;
+using edr::EventRuleException;
+using edr::EventType;
+
+constexpr const char* kInvalidValues = "Invalid Rule json values";
+
+struct NotifyWord {
+  std::string_view word;
+  EventType type;
+};
+
+constexpr std::array<NotifyWord, 7> kNotifyWords = {{
+    {"read", EventType::Read},
+    {"create", EventType::Create},
+    {"delete", EventType::Delete},
+    {"rename", EventType::Rename},
+    {"modifyContent", EventType::Write},
+    {"modifyMetadata", EventType::AttributeChange},
+    {"modifySecuritySettings", EventType::AttributeChange},
+}};
+
+// What makes tracking of content worth while.
+constexpr std::array<EventType, 4> kContentActions = {EventType::Write, EventType::Delete, EventType::Rename,
+                                                      EventType::Create};
+
+std::string MandatoryText(const rapidjson::Value& json, const char* key) {
+  const rapidjson::Value* member = FindMember(json, key);
+  if (member == nullptr) throw EventRuleException(std::string("Missing mandatory element: ") + key);
+  if (!member->IsString()) throw EventRuleException(kInvalidValues);
+  std::string text = common::util::ToString(*member);
+  // Paths and keys end at a NUL once the kernel sees them: nothing may stand behind it.
+  if (text.find('\0') != std::string::npos) throw EventRuleException(kInvalidValues);
+  return text;
+}
+
+edr::ObjectType ParseType(const std::string& word) {
+  if (word == "file") return edr::ObjectType::File;
+  if (word == "directory") return edr::ObjectType::Directory;
+  throw EventRuleException("Rule type is invalid");
+}
+
+EventType ParseNotifyWord(const rapidjson::Value& json) {
+  if (json.IsString()) {
+    const std::string text = common::util::ToString(json);
+    for (const NotifyWord& entry : kNotifyWords) {
+      if (entry.word == text) return entry.type;
+    }
+  }
+  throw EventRuleException("Invalid Notify Flag");
+}
+
+int ParseDepth(const rapidjson::Value& json) {
+  if (!json.IsString()) throw EventRuleException("Recursive Depth: string is expected");
+  std::string text = common::util::ToString(json);
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  if (text == "all") return EventRule::kMaxDepth;
+  if (text == "none") return 0;
+  if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) {
+    throw EventRuleException("Recursive Depth: a decimal number is expected");
+  }
+  int depth = 0;
+  for (const char digit : text) depth = std::min(depth * 10 + (digit - '0'), EventRule::kMaxDepth);
+  return depth;
+}
+
+// An element of a filter section is the filter itself or an object that wraps it: {"inclusionFilter": {...}}.
+std::vector<Filter> ParseFilters(const rapidjson::Value& section, const char* wrapper, const std::string& path) {
+  if (!section.IsArray()) throw FilterException("Filters not array");
+  std::vector<Filter> filters;
+  for (const rapidjson::Value& element : section.GetArray()) {
+    const rapidjson::Value* wrapped = FindMember(element, wrapper);
+    filters.emplace_back(wrapped != nullptr ? *wrapped : element, path);
+  }
+  return filters;
+}
+
+std::vector<Filter> ParseFilterSection(const rapidjson::Value& rule, const char* section, const char* wrapper,
+                                       const std::string& path, const char* failure) {
+  const rapidjson::Value* json = FindMember(rule, section);
+  if (json == nullptr) return {};
+  try {
+    return ParseFilters(*json, wrapper, path);
+  } catch (const FilterException& error) {
+    ZLOG_ERROR(error.what());
+    throw EventRuleException(failure);
+  }
+}
+
+std::string_view WithoutTrailingSlash(const std::string& path) {
+  std::string_view view = path;
+  if (!view.empty() && view.back() == '/') view.remove_suffix(1);
+  return view;
+}
+
+// Folder components of the path; the last component counts as a file: "/etc" is 0, "/etc/passwd" is 1.
+int DepthOf(const std::string& path) {
+  return Poco::Path(std::string(WithoutTrailingSlash(path)), Poco::Path::PATH_UNIX).depth();
+}
+
+const std::string& PathOf(const common::ImageInfo* image) {
+  static const std::string kNone;
+  return image != nullptr ? image->GetPath() : kNone;
+}
+
+}  // namespace
+
+EventRule::EventRule(const rapidjson::Value& json) {
+  if (!json.IsObject()) throw EventRuleException(kInvalidValues);
+  id_ = MandatoryText(json, "ruleId");
+  if (id_.empty()) throw EventRuleException(kInvalidValues);
+  report_id_ = id_;
+  ZLOG_DEBUG("Parsing Rule with id: " << id_);
+  type_ = ParseType(MandatoryText(json, "ruleType"));
+  SetPath(MandatoryText(json, "imagePath"));
+
+  const rapidjson::Value* depth = FindMember(json, "recursiveDepth");
+  if (depth != nullptr) {
+    recursive_depth_ = ParseDepth(*depth);
+  } else if (type_ == edr::ObjectType::Directory) {
+    throw EventRuleException("Missing mandatory element: recursiveDepth");
+  }
+  ZLOG_DEBUG("Recursive depth is set to: " << recursive_depth_);
+
+  ParseNotify(json);
+  ZLOG_DEBUG("Reading Inclusion Filters");
+  inclusion_filters_ =
+      ParseFilterSection(json, "inclusionFilters", "inclusionFilter", path_, "Failed to parse inclusion filters");
+  ZLOG_DEBUG("Reading Exclusion Filters");
+  exclusion_filters_ =
+      ParseFilterSection(json, "exclusionFilters", "exclusionFilter", path_, "Failed to parse exclusion filters");
+  ParseTrackContentChange(json);
+  ZLOG_DEBUG("Parsed rule with id: " << id_);
+}
+
+EventRule::EventRule(const EventRule& other, std::string id, std::string path)
+    : id_(std::move(id)),
+      report_id_(other.report_id_),
+      type_(other.type_),
+      recursive_depth_(other.recursive_depth_),
+      file_actions_(other.file_actions_),
+      directory_actions_(other.directory_actions_),
+      track_content_change_(other.track_content_change_) {
+  SetPath(std::move(path));
+  for (const Filter& filter : other.inclusion_filters_) inclusion_filters_.push_back(filter.ForPath(path_));
+  for (const Filter& filter : other.exclusion_filters_) exclusion_filters_.push_back(filter.ForPath(path_));
+}
+
+void EventRule::SetPath(std::string path) {
+  if (path.empty()) throw EventRuleException("Cannot create rule: Path is empty.");
+  // One relative path would make the rule engine refuse the whole batch.
+  if (path.front() != '/') throw EventRuleException("Cannot create rule: Path is not absolute.");
+  path_ = std::move(path);
+  path_depth_ = DepthOf(path_);
+}
+
+void EventRule::ParseNotify(const rapidjson::Value& json) {
+  const rapidjson::Value* notify = FindMember(json, "notify");
+  if (notify == nullptr) throw EventRuleException("Missing mandatory element: notify");
+  if (!notify->IsArray()) throw EventRuleException(kInvalidValues);
+  for (const rapidjson::Value& word : notify->GetArray()) file_actions_.insert(ParseNotifyWord(word));
+  if (file_actions_.empty()) throw EventRuleException("No Actions in Notify List");
+  if (type_ == edr::ObjectType::Directory) directory_actions_ = file_actions_;
+}
+
+void EventRule::ParseTrackContentChange(const rapidjson::Value& json) {
+  const rapidjson::Value* track = FindMember(json, "trackContentChange");
+  if (track == nullptr) return;
+  if (!track->IsBool()) throw EventRuleException(kInvalidValues);
+  track_content_change_ = track->GetBool();
+  const bool worth_while = std::any_of(kContentActions.begin(), kContentActions.end(),
+                                       [&](EventType type) { return file_actions_.count(type) != 0; });
+  if (track_content_change_ && !worth_while) {
+    track_content_change_ = false;
+    ZLOG_WARNING(
+        "Required actions like modifyContent, delete, rename, create are not enabled"
+        " so trackcontentchange cannot be enable for this rule: "
+        << id_);
+  }
+}
+
+const edr::EventTypes& EventRule::GetDirectoryActions() const {
+  if (type_ != edr::ObjectType::Directory) {
+    throw EventRuleException("Fetching Directory actions for non-directory rule");
+  }
+  return directory_actions_;
+}
+
+const edr::EventTypes& EventRule::GetProcessActions() const {
+  throw EventRuleException("Fetching Process actions for non-process rule");
+}
+
+const edr::EventTypes& EventRule::GetNetworkActions() const {
+  throw EventRuleException("Function not defined for file rule");
+}
+
+edr::MatchResult EventRule::Match(const edr::Event& event) const {
+  if (!PostProcess(event)) return edr::MatchResult::OutOfScope;
+  return MatchFilters(event) ? edr::MatchResult::Matched : edr::MatchResult::RefusedByFilter;
+}
+
+bool EventRule::PostProcess(const edr::Event& event) const {
+  const std::string& path = PathOf(event.GetFile());
+  ZLOG_TRACE("Event Path for PostProcessing" << path);
+  ZLOG_TRACE("PostProcess event for ruleId: " << id_);
+  // A file rule has no directory actions, so it takes no event of a folder that stands in its file's place.
+  const edr::EventTypes& actions =
+      event.GetObjectType() == edr::ObjectType::Directory ? directory_actions_ : file_actions_;
+  if (actions.count(event.GetType()) == 0) {
+    ZLOG_DEBUG("Dropping Event " << event.GetId() << " as no actions matched in rule: " << id_);
+    return false;
+  }
+  bool in_scope = false;
+  if (event.GetType() == EventType::Rename) {
+    const std::string& new_path = PathOf(event.GetNewFile());
+    in_scope = (IsBelowPath(path) && IsWithinDepth(path)) || (IsBelowPath(new_path) && IsWithinDepth(new_path));
+  } else {
+    // The rule engine's path index has seen to it that the path lies below the rule's.
+    in_scope = IsWithinDepth(path);
+  }
+  if (!in_scope) {
+    ZLOG_DEBUG("Recursive depth for rule:" << id_ << " not matching with rule for event:" << event.GetId());
+  }
+  return in_scope;
+}
+
+bool EventRule::MatchFilters(const edr::Event& event) const {
+  const auto matches = [&](const Filter& filter) { return filter.Matches(event); };
+  if (!inclusion_filters_.empty()) {
+    ZLOG_DEBUG("matching inclusion criterias");
+    return std::any_of(inclusion_filters_.begin(), inclusion_filters_.end(), matches);
+  }
+  if (!exclusion_filters_.empty()) {
+    ZLOG_DEBUG("Applying Exclusion filters");
+    if (std::any_of(exclusion_filters_.begin(), exclusion_filters_.end(), matches)) return false;
+    ZLOG_DEBUG("Exclusion filters not matched");
+  }
+  return true;
+}
+
+bool EventRule::IsWithinDepth(const std::string& path) const {
+  const int depth = DepthOf(path);
+  ZLOG_TRACE("Depth of path : " << path << " is " << depth);
+  return depth - path_depth_ <= recursive_depth_;
+}
+
+bool EventRule::IsBelowPath(const std::string& path) const {
+  return path.compare(0, path_.size(), path_) == 0;
+}
+
+}  // namespace zagent::fim::internal

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "common/src/util/Json.h"
+#include "src/edr/Event.h"
+#include "src/fim/PathGlob.h"
+
+namespace zagent::fim::internal {
+
+class FilterException : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// One inclusion or exclusion filter of a rule: up to four tests (object and patterns, user, time of day, process), of
+// which a filter needs not have all. docs/MANIFESTS.md tells its JSON.
+//
+// Its path patterns continue the path of the rule that it belongs to.
+class Filter {
+ public:
+  // Throws FilterException with the first thing that is wrong in the filter object.
+  Filter(const rapidjson::Value& json, const std::string& rule_path);
+
+  // The same filter for a rule of another path.
+  [[nodiscard]] Filter ForPath(const std::string& rule_path) const;
+
+  // True when every test that the filter has holds.
+  [[nodiscard]] bool Matches(const edr::Event& event) const;
+
+ private:
+  void ParseObject(const rapidjson::Value& json);
+  void ParseTimespan(const rapidjson::Value& json);
+  void CompilePatterns(const std::string& rule_path);
+
+  [[nodiscard]] bool MatchesObject(const edr::Event& event) const;
+  [[nodiscard]] bool MatchesUser(const edr::Event& event) const;
+  [[nodiscard]] bool MatchesTime(const edr::Event& event) const;
+  [[nodiscard]] bool MatchesProcess(const edr::Event& event) const;
+
+  std::optional<edr::ObjectType> object_type_;
+  std::vector<std::string> patterns_;  // as the manifest has them, "*/" put before bare names
+  std::vector<PathGlob> path_globs_;   // the rule's path and each pattern
+  std::vector<PathGlob> process_globs_;
+  std::vector<PathGlob> user_globs_;
+  int start_second_ = 0;  // of the day, UTC; start and end the same: the whole day
+  int end_second_ = 0;
+};
+
+}  // namespace zagent::fim::internal

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "common/src/util/Json.h"
+#include "src/fim/EventRule.h"
+
+namespace zagent::fim {
+
+class ManifestException : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// A FIM manifest: which paths to watch and what to report of them. docs/MANIFESTS.md tells the format.
+class Manifest {
+ public:
+  using Rules = std::vector<std::shared_ptr<const internal::EventRule>>;
+
+  // Throws ManifestException when anything in the document is malformed: a manifest holds as a whole or not at all.
+  // A policy version other than "1.0" is logged and gives a manifest without rules.
+  explicit Manifest(const rapidjson::Value& document);
+
+  [[nodiscard]] const std::string& GetPolicyVersion() const { return policy_version_; }
+  [[nodiscard]] bool CollectsHashes() const { return collect_hashes_; }
+  [[nodiscard]] const Rules& GetRules() const { return rules_; }
+
+ private:
+  std::string policy_version_;
+  bool collect_hashes_ = false;
+  Rules rules_;
+};
+
+}  // namespace zagent::fim

@@ -1,0 +1,122 @@
+#include "src/fim/UploadSchedule.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "common/src/util/Log.h"
+#include "src/fim/LogPrefix.h"
+#include "src/fim/UploadDocument.h"
+
+namespace zagent::fim::internal {
+namespace {
+
+constexpr std::int64_t kNever = -1;
+constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
+constexpr std::int64_t kDay = 86'400 * kNanosecondsPerSecond;
+
+}  // namespace
+
+UploadSchedule::UploadSchedule(const Config& config, common::Storage& storage,
+                               std::unique_ptr<common::Uploader> uploader, common::util::Clock& clock)
+    : config_(config), storage_(storage), uploader_(std::move(uploader)), clock_(clock), last_run_(kNever) {}
+
+UploadSchedule::~UploadSchedule() {
+  Cancel();
+}
+
+std::int64_t UploadSchedule::NextRunTime() {
+  const std::int64_t now = common::util::ToNanoseconds(clock_.Now());
+  const std::int64_t interval = config_.GetUploadInterval() * kNanosecondsPerSecond;
+  if (interval == 0) return now + kDay;
+  const std::int64_t last_run = last_run_;
+  return last_run == kNever ? now : std::max(now, last_run + interval);
+}
+
+void UploadSchedule::Reschedule() {
+  FireOnFinished();
+}
+
+UploadSchedule::Status UploadSchedule::GetStatus() const {
+  const std::lock_guard lock(status_mutex_);
+  return status_;
+}
+
+void UploadSchedule::Execute() {
+  try {
+    UploadAll();
+  } catch (const std::exception& error) {
+    ZLOG_ERROR("UploadSchedule: " << error.what());
+  }
+  last_run_ = common::util::ToNanoseconds(clock_.Now());
+  Schedule::Execute();
+}
+
+void UploadSchedule::OnCancel() {
+  uploader_->Cancel();
+}
+
+void UploadSchedule::UploadAll() {
+  while (!IsCancelling()) {
+    File file = ReadNext();
+    if (file == nullptr || !UploadOne(std::move(file))) return;
+  }
+}
+
+UploadSchedule::File UploadSchedule::ReadNext() {
+  File file = storage_.Read();
+  if (file != nullptr && file->code == common::StorageCode::Success) return file;
+  if (file == nullptr || file->code != common::StorageCode::NotFound) {
+    ZLOG_ERROR("UploadSchedule: Failed to read data from storage.");
+  }
+  return nullptr;
+}
+
+bool UploadSchedule::UploadOne(File file) {
+  const common::Bytes payload = ParseFile(file, common::util::FormatUtc(common::util::ToNanoseconds(clock_.Now())));
+  if (payload.empty()) return DeleteCorrupt(std::move(file));
+  ZLOG_DEBUG("Payload data (uncompressed): " << std::string(payload.begin(), payload.end()));
+  if (!Send(payload)) {
+    ZLOG_WARNING("UploadSchedule: Failed to upload data. The next upload will be tried " << config_.GetUploadInterval()
+                                                                                         << " seconds later.");
+    return false;
+  }
+  ZLOG_INFO("UploadSchedule: Events successfully uploaded.");
+  const std::string name = file->path;
+  // A file that stays would be the oldest again and be sent without end: the run is over.
+  if (!storage_.Delete(std::move(file))) {
+    ZLOG_ERROR("Failed to delete file: " << name);
+    return false;
+  }
+  ZLOG_INFO("Deleted file: " << name);
+  return true;
+}
+
+common::Bytes UploadSchedule::ParseFile(File& file, const std::string& timestamp) {
+  try {
+    return BuildUploadDocument(std::move(file->data), timestamp);
+  } catch (const JsonCopyException& error) {
+    ZLOG_ERROR("UploadSchedule: Failed to parse file: " << file->path << ": " << error.what()
+                                                        << " (offset: " << error.Offset() << ")");
+    return {};
+  }
+}
+
+bool UploadSchedule::DeleteCorrupt(File file) {
+  const std::string name = file->path;
+  ZLOG_ERROR("UploadSchedule: Deleting corrupt file: " << name);
+  if (storage_.Delete(std::move(file))) return true;
+  ZLOG_ERROR("Failed to delete corrupt file: " << name);
+  return false;
+}
+
+bool UploadSchedule::Send(const common::Bytes& payload) {
+  if (IsCancelling()) return false;
+  uploader_->SetTarget(config_.GetUploadUrl());
+  const std::int32_t outcome = uploader_->Upload("application/json", payload);
+  const std::lock_guard lock(status_mutex_);
+  status_ = {{"httpStatus", std::to_string(uploader_->LastHttpStatus())},
+             {"correlationId", uploader_->LastCorrelationId()}};
+  return outcome == common::Uploader::kSuccess;
+}
+
+}  // namespace zagent::fim::internal

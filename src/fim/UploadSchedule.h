@@ -1,0 +1,67 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "common/src/http/Uploader.h"
+#include "common/src/storage/Storage.h"
+#include "common/src/tasks/Schedule.h"
+#include "common/src/util/Clock.h"
+#include "src/fim/Config.h"
+
+namespace zagent::fim::internal {
+
+// Sends the spool's files to the platform, oldest first, until the spool is empty or an upload fails. A file is deleted
+// when the platform has accepted it, and at once when it is corrupt, so that it does not block those behind it.
+//
+// The first run is due at once. From then on the end of the last run counts, whether it succeeded or not: a failing
+// upload waits its interval like any other.
+class UploadSchedule final : public common::Schedule {
+ public:
+  // Outcome of the last attempt: "httpStatus" and "correlationId".
+  using Status = std::map<std::string, std::string>;
+
+  // `config` and `storage` outlive the schedule; interval and URL are read from `config` whenever they are needed.
+  UploadSchedule(const Config& config, common::Storage& storage, std::unique_ptr<common::Uploader> uploader,
+                 common::util::Clock& clock);
+  ~UploadSchedule() override;
+
+  // An interval of 0 is always a day away: no uploads until the configuration changes.
+  [[nodiscard]] std::int64_t NextRunTime() override;
+  // Makes the Scheduler ask for the next run again, after the interval has changed.
+  void Reschedule();
+
+  // Empty before the first attempt. From any thread.
+  [[nodiscard]] Status GetStatus() const;
+
+ protected:
+  void Execute() override;
+  void OnCancel() override;
+
+ private:
+  using File = std::unique_ptr<common::StorageResult>;
+
+  void UploadAll();
+  // The next file to send; null when there is none or none can be read.
+  File ReadNext();
+  // True when the file has been dealt with and the next one may come.
+  bool UploadOne(File file);
+  // The payload of a file; nothing when the file is corrupt.
+  static common::Bytes ParseFile(File& file, const std::string& timestamp);
+  bool DeleteCorrupt(File file);
+  bool Send(const common::Bytes& payload);
+
+  const Config& config_;
+  common::Storage& storage_;
+  const std::unique_ptr<common::Uploader> uploader_;
+  common::util::Clock& clock_;
+  std::atomic<std::int64_t> last_run_;  // ns since the epoch
+  mutable std::mutex status_mutex_;
+  Status status_;
+};
+
+}  // namespace zagent::fim::internal
