@@ -1,5 +1,8 @@
 #include "src/fim/Config.h"
 
+#include <algorithm>
+#include <cctype>
+#include <cstddef>
 #include <stdexcept>
 #include <utility>
 
@@ -58,7 +61,10 @@ bool IsFileName(const std::string& name) {
 
 bool IsAbsoluteUrl(const std::string& url) {
   const std::size_t colon = url.find("://");
-  return colon != std::string::npos && colon != 0 && url.find('/') > colon;
+  if (colon == std::string::npos || colon == 0) return false;
+  const std::string scheme = url.substr(0, colon);
+  return std::all_of(scheme.begin(), scheme.end(),
+                     [](unsigned char c) { return std::isalnum(c) != 0 || c == '+' || c == '-' || c == '.'; });
 }
 
 std::string JoinUrl(std::string base, const std::string& path) {

@@ -35,8 +35,8 @@ class Copier {
   bool Null() { return Scalar() && (skipping_ || writer_.Null()); }
   bool Bool(bool value) { return Scalar() && (skipping_ || writer_.Bool(value)); }
   // Numbers keep their text; RapidJSON calls the others for none.
-  bool RawNumber(const Ch* text, SizeType length, bool copy) {
-    return Scalar() && (skipping_ || writer_.RawNumber(text, length, copy));
+  bool RawNumber(const Ch* text, SizeType length, bool) {
+    return Scalar() && (skipping_ || writer_.RawValue(text, length, rapidjson::kNumberType));
   }
   bool Int(int) { return false; }
   bool Uint(unsigned) { return false; }

@@ -74,6 +74,7 @@ UploadSchedule::File UploadSchedule::ReadNext() {
 bool UploadSchedule::UploadOne(File file) {
   const common::Bytes payload = ParseFile(file, common::util::FormatUtc(common::util::ToNanoseconds(clock_.Now())));
   if (payload.empty()) return DeleteCorrupt(std::move(file));
+  if (IsCancelling()) return false;
   ZLOG_DEBUG("Payload data (uncompressed): " << std::string(payload.begin(), payload.end()));
   if (!Send(payload)) {
     ZLOG_WARNING("UploadSchedule: Failed to upload data. The next upload will be tried " << config_.GetUploadInterval()
@@ -110,7 +111,6 @@ bool UploadSchedule::DeleteCorrupt(File file) {
 }
 
 bool UploadSchedule::Send(const common::Bytes& payload) {
-  if (IsCancelling()) return false;
   uploader_->SetTarget(config_.GetUploadUrl());
   const std::int32_t outcome = uploader_->Upload("application/json", payload);
   const std::lock_guard lock(status_mutex_);

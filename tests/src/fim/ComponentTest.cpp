@@ -1,0 +1,261 @@
+#include "src/fim/Component.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <thread>
+
+#include "tests/fakes/FakeClock.h"
+#include "tests/fakes/FakeEvent.h"
+#include "tests/fakes/FakeRuleEngine.h"
+#include "tests/fakes/FakeUploader.h"
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/TempFolder.h"
+#include "tests/src/fim/TestConfig.h"
+
+namespace zagent::fim {
+namespace {
+
+using Installed = std::map<std::string, std::string>;
+
+class ComponentTest : public testing::Test {
+ protected:
+  ComponentTest() {
+    section_.manifests = {WriteManifest("manifest.json", "r1")};
+    scheduler_.Start();
+  }
+
+  std::string WriteManifest(const std::string& name, const std::string& rule_id) {
+    return folder_.Write(name, R"({"data":{"fim":{"policyVersion":"1.0","collectHashes":false,"rules":[{"ruleId":")" +
+                                   rule_id +
+                                   R"(","ruleType":"directory","imagePath":"/srv/watched","recursiveDepth":"all",)" +
+                                   R"("notify":["create","modifyContent"]}]}}})");
+  }
+
+  void Make() {
+    auto uploader = std::make_unique<fakes::FakeUploader>();
+    uploader_ = uploader.get();
+    if (hold_uploads_) uploader_->Hold();
+    component_ = std::make_unique<Component>(MakeConfig(section_), scheduler_, std::move(uploader), engine_,
+                                             folder_.Path(), clock_);
+  }
+
+  void Update() { component_->UpdateConfig(Json(section_.Text()).Value()); }
+
+  void Deliver(const std::string& path) {
+    engine_.Deliver("FIM", {"r1"}, fakes::FakeEvent(edr::EventType::Create, "Create", path));
+  }
+
+  // A file that an earlier run has left in the spool.
+  void LeaveInSpool(const std::string& name, const std::string& text) {
+    std::filesystem::create_directories(folder_ / "fim/events");
+    folder_.Write("fim/events/" + name, text);
+  }
+  [[nodiscard]] std::vector<std::string> SpoolFiles() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder_ / "fim/events")) {
+      names.push_back(entry.path().filename());
+    }
+    return names;
+  }
+
+  // Lets time pass until `holds` does.
+  template <typename Condition>
+  void PassTimeUntil(Condition holds) {
+    while (!holds()) {
+      clock_.Advance(std::chrono::seconds(60));
+      std::this_thread::yield();
+    }
+  }
+  void PassTimeUntilUploads(std::size_t count) {
+    PassTimeUntil([&] { return uploader_->Uploads().size() >= count; });
+  }
+
+  [[nodiscard]] static std::string ErrorOf(const std::function<void()>& call) {
+    try {
+      call();
+      return "";
+    } catch (const std::exception& error) {
+      return error.what();
+    }
+  }
+
+  fakes::LogCapture log_;
+  fakes::TempFolder folder_;
+  fakes::FakeClock clock_;
+  TestSection section_;
+  fakes::FakeRuleEngine engine_;
+  common::Scheduler scheduler_{clock_};
+  bool hold_uploads_ = false;
+  fakes::FakeUploader* uploader_ = nullptr;
+  std::unique_ptr<Component> component_;
+};
+
+TEST_F(ComponentTest, ConfigurationAndUploaderAreNeeded) {
+  EXPECT_EQ(ErrorOf([&] {
+              const Component component(nullptr, scheduler_, std::make_unique<fakes::FakeUploader>(), engine_, "/");
+            }),
+            "FimComponent: 'config' cannot be null");
+  EXPECT_EQ(ErrorOf([&] { const Component component(MakeConfig(section_), scheduler_, nullptr, engine_, "/"); }),
+            "FimComponent: 'uploader' cannot be null");
+}
+
+TEST_F(ComponentTest, ARelativeEventPathIsMadeUnderTheWorkingFolderForItsOwnerOnly) {
+  section_.event_file_path = "deep/events/";
+  Make();
+  struct stat stat {};
+  ASSERT_EQ(::stat((folder_ / "fim/deep/events").c_str(), &stat), 0);
+  EXPECT_EQ(stat.st_mode & 07777U, 0700U);
+  EXPECT_TRUE(log_.Has("[FIM]: Component initialized."));
+}
+
+TEST_F(ComponentTest, AnAbsoluteEventPathIsTakenAsItIs) {
+  section_.event_file_path = folder_ / "elsewhere";
+  Make();
+  EXPECT_TRUE(std::filesystem::is_directory(folder_ / "elsewhere"));
+  EXPECT_FALSE(std::filesystem::exists(folder_ / "fim"));
+}
+
+TEST_F(ComponentTest, AFolderThatCannotBeMadeLeavesNothingBehind) {
+  section_.event_file_path = folder_.Write("file", "") + "/events";
+  EXPECT_NE(ErrorOf([&] { Make(); }).find("FimComponent: Failed to create"), std::string::npos);
+  EXPECT_TRUE(engine_.Calls().empty());
+}
+
+TEST_F(ComponentTest, AnEngineWithoutAKernelDoesNotKeepTheComponentFromStarting) {
+  engine_.FailAdds("Failed to open audit socket");
+  Make();
+  EXPECT_TRUE(log_.Has("[FIM]: Component initialized."));
+}
+
+TEST_F(ComponentTest, AnEventTravelsFromTheEngineToThePlatform) {
+  Make();
+  EXPECT_EQ(engine_.Installed("FIM"), (Installed{{"r1", "/srv/watched"}}));
+  Deliver("/srv/watched/file");
+  Deliver("/srv/watched/other");
+  PassTimeUntilUploads(1);
+  const Json upload(uploader_->Uploads()[0].payload);
+  EXPECT_EQ(upload.Keys(), "events,timestamp");
+  EXPECT_EQ(upload.At("events", 0, "imagePath"), "/srv/watched/file");
+  EXPECT_EQ(upload.At("events", 1, "imagePath"), "/srv/watched/other");
+  EXPECT_EQ(uploader_->Uploads()[0].url, "https://platform.example/fim/events");
+  PassTimeUntil([&] { return log_.Has("Deleted file: "); });
+  EXPECT_TRUE(SpoolFiles().empty());
+}
+
+TEST_F(ComponentTest, WhatAnEarlierRunLeftIsUploadedAtOnceAndWhatIsCorruptGoes) {
+  LeaveInSpool("fim.0003", R"({"events":[{"a":1)");
+  LeaveInSpool("fim.0004", R"({"events":[{"eventId":7}]})");
+  Make();
+  uploader_->AwaitUploads(1);  // no time passes
+  EXPECT_EQ(Json(uploader_->Uploads()[0].payload).At("events", 0, "eventId"), "7");
+  EXPECT_TRUE(log_.Has("UploadSchedule: Deleting corrupt file: " + (folder_ / "fim/events/fim.0003")));
+}
+
+TEST_F(ComponentTest, AnOrderlyStopKeepsTheCacheOnDiskAndTakesTheRulesAway) {
+  Make();
+  Deliver("/srv/watched/file");
+  component_.reset();
+  ASSERT_EQ(SpoolFiles(), std::vector<std::string>{"fim.0001"});
+  EXPECT_EQ(Json(folder_.Read("fim/events/fim.0001")).At("events", 0, "imagePath"), "/srv/watched/file");
+  EXPECT_TRUE(engine_.Installed("FIM").empty());
+  Deliver("/srv/watched/late");  // nobody listens any more
+  EXPECT_TRUE(log_.Has("[FIM]: Component destroyed."));
+}
+
+TEST_F(ComponentTest, AStopEndsAnUploadInFlightAndKeepsItsFile) {
+  LeaveInSpool("fim.0001", R"({"events":[]})");
+  hold_uploads_ = true;
+  Make();
+  uploader_->AwaitUploads(1);
+  component_.reset();
+  EXPECT_EQ(SpoolFiles(), std::vector<std::string>{"fim.0001"});
+}
+
+TEST_F(ComponentTest, AnUnchangedSectionChangesNothing) {
+  Make();
+  const std::size_t calls = engine_.Calls().size();
+  Update();
+  EXPECT_EQ(engine_.Calls().size(), calls);
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "[FIM]: Component::UpdateConfig: Configuration is unchanged"));
+  EXPECT_FALSE(log_.Has("Component::UpdateConfig: Configuration updated"));
+}
+
+TEST_F(ComponentTest, AMalformedSectionChangesNothing) {
+  Make();
+  const std::size_t calls = engine_.Calls().size();
+  EXPECT_THROW(component_->UpdateConfig(Json(R"({"manifests":[]})").Value()), std::invalid_argument);
+  EXPECT_EQ(engine_.Calls().size(), calls);
+  EXPECT_EQ(engine_.Installed("FIM").size(), 1U);
+  EXPECT_FALSE(log_.Has("Disabling FIM"));
+}
+
+TEST_F(ComponentTest, ANewIntervalTakesEffectAtTheNextSchedule) {
+  section_.upload_interval = 0;
+  LeaveInSpool("fim.0001", R"({"events":[]})");
+  Make();
+  EXPECT_TRUE(uploader_->Uploads().empty());
+  section_.upload_interval = 30;
+  Update();
+  uploader_->AwaitUploads(1);  // no time passes: the first run is due at once
+  EXPECT_TRUE(log_.Has("[FIM]: Component::UpdateConfig: Configuration updated"));
+}
+
+TEST_F(ComponentTest, ANewServiceUrlIsWhereTheNextUploadGoes) {
+  Make();
+  section_.service_url = "https://elsewhere.example/fim";
+  Update();
+  Deliver("/srv/watched/file");
+  PassTimeUntilUploads(1);
+  EXPECT_EQ(uploader_->Uploads()[0].url, "https://elsewhere.example/fim");
+}
+
+TEST_F(ComponentTest, NewManifestsReplaceTheRules) {
+  Make();
+  section_.manifests = {WriteManifest("new.json", "r2")};
+  Update();
+  EXPECT_EQ(engine_.Installed("FIM"), (Installed{{"r2", "/srv/watched"}}));
+}
+
+TEST_F(ComponentTest, AnUpdateWithoutManifestsDisablesAndClearsTheSpool) {
+  section_.upload_interval = 0;
+  LeaveInSpool("fim.0001", R"({"events":[]})");
+  Make();
+  section_.manifests.clear();
+  Update();
+  EXPECT_TRUE(log_.Has("[FIM]: Disabling FIM"));
+  EXPECT_TRUE(engine_.Installed("FIM").empty());
+  PassTimeUntil([&] { return log_.Has("[FIM]: Successfully cleared spool storage"); });
+  EXPECT_TRUE(SpoolFiles().empty());
+}
+
+TEST_F(ComponentTest, MonitoringCanBeSwitchedOffAndOnAgain) {
+  section_.upload_interval = 0;
+  Make();
+  const std::vector<std::string> manifests = section_.manifests;
+  for (int round = 1; round <= 2; ++round) {
+    section_.manifests.clear();
+    Update();
+    PassTimeUntil([&] { return log_.Count("Successfully cleared spool storage") == round; });
+    section_.manifests = manifests;
+    Update();
+    EXPECT_EQ(engine_.Installed("FIM"), (Installed{{"r1", "/srv/watched"}}));
+  }
+  EXPECT_EQ(log_.Count("Disabling FIM"), 2);
+}
+
+TEST_F(ComponentTest, WithoutManifestsFromTheStartNothingIsCleared) {
+  section_.manifests.clear();
+  section_.upload_interval = 0;
+  LeaveInSpool("fim.0001", R"({"events":[]})");
+  Make();
+  section_.max_file_age_sec = 30;
+  Update();
+  component_.reset();
+  EXPECT_FALSE(log_.Has("Disabling FIM"));
+  EXPECT_EQ(SpoolFiles(), std::vector<std::string>{"fim.0001"});
+}
+
+}  // namespace
+}  // namespace zagent::fim

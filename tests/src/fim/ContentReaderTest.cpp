@@ -1,0 +1,82 @@
+#include "src/fim/ContentReader.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "src/edr/process/ImageInfo.h"
+#include "tests/fakes/TempFolder.h"
+
+namespace zagent::fim::internal {
+namespace {
+
+class ContentReaderTest : public testing::Test {
+ protected:
+  // The object of an event on the file as it is now.
+  static common::ImageInfo LookedUp(const std::string& path) {
+    struct stat stat {};
+    EXPECT_EQ(lstat(path.c_str(), &stat), 0);
+    return {path, stat};
+  }
+
+  fakes::TempFolder folder_;
+};
+
+TEST_F(ContentReaderTest, AFileOfExactlyTheLimitIsCaptured) {
+  const std::string text(51'200, 'x');
+  const FileContent content = ReadFileContent(LookedUp(folder_.Write("file", text)));
+  EXPECT_EQ(content.status, "READ_SUCCESSFUL");
+  EXPECT_EQ(std::string(content.bytes.begin(), content.bytes.end()), text);
+}
+
+TEST_F(ContentReaderTest, AFileOfOneByteMoreIsNot) {
+  const FileContent content = ReadFileContent(LookedUp(folder_.Write("file", std::string(51'201, 'x'))));
+  EXPECT_EQ(content.status, "MAX_SIZE_LIMIT_REACHED");
+  EXPECT_TRUE(content.bytes.empty());
+}
+
+TEST_F(ContentReaderTest, AnEmptyFileIsReadSuccessfully) {
+  const FileContent content = ReadFileContent(LookedUp(folder_.Write("file", "")));
+  EXPECT_EQ(content.status, "READ_SUCCESSFUL");
+  EXPECT_TRUE(content.bytes.empty());
+}
+
+TEST_F(ContentReaderTest, AMissingFileIsAReadFailure) {
+  EXPECT_EQ(ReadFileContent(common::ImageInfo(folder_ / "gone")).status, "READ_FAILURE");
+}
+
+TEST_F(ContentReaderTest, AFileThatWasReplacedIsAReadFailure) {
+  const std::string path = folder_.Write("file", "the object of the event");
+  const common::ImageInfo object = LookedUp(path);
+  folder_.Write("other", "somebody else's secret");
+  ASSERT_EQ(rename((folder_ / "other").c_str(), path.c_str()), 0);
+  const FileContent content = ReadFileContent(object);
+  EXPECT_EQ(content.status, "READ_FAILURE");
+  EXPECT_TRUE(content.bytes.empty());
+}
+
+TEST_F(ContentReaderTest, AFileOfTheSameInodeOnAnotherDeviceIsAReadFailure) {
+  const common::ImageInfo here = LookedUp(folder_.Write("file", "text"));
+  const common::ImageInfo elsewhere("7f:7f", 644, here.GetInode(), here.GetPath(), 0, "", "", 0, "");
+  EXPECT_EQ(ReadFileContent(elsewhere).status, "READ_FAILURE");
+}
+
+TEST_F(ContentReaderTest, ALinkInTheFilesPlaceIsNotFollowedToAnotherFile) {
+  const std::string path = folder_.Write("file", "text");
+  const common::ImageInfo object = LookedUp(path);
+  folder_.Write("secret", "secret");
+  ASSERT_EQ(unlink(path.c_str()), 0);
+  ASSERT_EQ(symlink((folder_ / "secret").c_str(), path.c_str()), 0);
+  EXPECT_EQ(ReadFileContent(object).status, "READ_FAILURE");
+}
+
+TEST_F(ContentReaderTest, OnlyRegularFilesAreReadAndAFifoDoesNotHang) {
+  const std::string fifo = folder_ / "fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  EXPECT_EQ(ReadFileContent(LookedUp(fifo)).status, "READ_FAILURE");
+  EXPECT_EQ(ReadFileContent(LookedUp(folder_.Path())).status, "READ_FAILURE");
+  EXPECT_EQ(ReadFileContent(LookedUp("/dev/zero")).status, "READ_FAILURE");
+}
+
+}  // namespace
+}  // namespace zagent::fim::internal

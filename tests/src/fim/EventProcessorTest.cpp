@@ -1,0 +1,175 @@
+#include "src/fim/EventProcessor.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "tests/fakes/FakeEvent.h"
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/MemoryStorage.h"
+#include "tests/fakes/TempFolder.h"
+#include "tests/src/fim/Json.h"
+
+namespace zagent::fim::internal {
+namespace {
+
+using edr::EventType;
+using fakes::FakeEvent;
+
+class EventProcessorTest : public testing::Test {
+ protected:
+  // Puts a directory rule on the folder of this test into the table.
+  void AddRule(const std::string& id, const std::string& more = "", const std::string& depth = "all") {
+    auto rule = std::make_shared<const EventRule>(
+        Json(R"({"ruleId":")" + id + R"(","ruleType":"directory","imagePath":")" + folder_.Path() +
+             R"(","recursiveDepth":")" + depth + R"(","notify":["create","delete","modifyContent","rename"])" + more +
+             "}")
+            .Value());
+    rules_map_[id] = std::move(rule);
+    rules_.Replace(rules_map_, collect_hashes_);
+  }
+
+  // An event on a file of this test's folder, as its audit records and a stat would describe it.
+  FakeEvent Event(EventType type, const std::string& name) {
+    FakeEvent event(type, "action", folder_ / name);
+    struct stat stat {};
+    if (lstat((folder_ / name).c_str(), &stat) == 0) event.file = common::ImageInfo(folder_ / name, stat);
+    return event;
+  }
+
+  // The only document that was written.
+  Json Written() {
+    EXPECT_EQ(storage_.written.size(), 1U);
+    return Json(storage_.written.empty() ? "{}" : storage_.written.front());
+  }
+
+  fakes::TempFolder folder_;
+  fakes::LogCapture log_;
+  RuleTable::Rules rules_map_;
+  bool collect_hashes_ = false;
+  RuleTable rules_;
+  fakes::MemoryStorage storage_;
+  EventProcessor processor_{rules_, storage_};
+};
+
+TEST_F(EventProcessorTest, AnEventThatARuleTakesIsWritten) {
+  AddRule("r1");
+  processor_.PostProcess({"r1"}, Event(EventType::Delete, "file"));
+  const Json json = Written();
+  EXPECT_EQ(json.At("imagePath"), folder_ / "file");
+  EXPECT_EQ(json.At("associatedRules"), R"(["r1"])");
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "[FIM]: Processing Event id: 1 path: " + (folder_ / "file")));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "[FIM]: Event json written to disc successfully"));
+}
+
+TEST_F(EventProcessorTest, OnlyTheRulesThatTakeTheEventAreReported) {
+  AddRule("shallow", "", "none");
+  AddRule("deep");
+  AddRule("filtered", R"(,"exclusionFilters":[{"objectType":"file","patterns":["file"]}])");
+  processor_.PostProcess({"shallow", "deep", "filtered"}, Event(EventType::Delete, "file"));
+  EXPECT_EQ(Written().At("associatedRules"), R"(["deep"])");
+  EXPECT_TRUE(log_.Has("Event id: 1 not matched with Rule id: shallow"));
+  EXPECT_TRUE(log_.Has("Event id: 1 not matched with Rule id: filtered"));
+}
+
+TEST_F(EventProcessorTest, AnEventThatNoRuleTakesIsDropped) {
+  AddRule("r1", "", "none");
+  processor_.PostProcess({"r1"}, Event(EventType::Delete, "file"));
+  EXPECT_TRUE(storage_.written.empty());
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG,
+                       "Dropping Event as no rules criteria matched in post-process: " + (folder_ / "file")));
+}
+
+TEST_F(EventProcessorTest, ARuleThatIsGoneIsSkipped) {
+  AddRule("r2");
+  processor_.PostProcess({"gone", "r2"}, Event(EventType::Delete, "file"));
+  EXPECT_EQ(Written().At("associatedRules"), R"(["r2"])");
+  EXPECT_TRUE(log_.Has("NULL Rule for rule id: gone"));
+}
+
+TEST_F(EventProcessorTest, BothRulesOfALinkAreReportedOnce) {
+  AddRule("r1");
+  const auto link = std::make_shared<const EventRule>(*rules_map_["r1"], "r1-1", folder_.Path());
+  rules_map_["r1-1"] = link;
+  rules_.Replace(rules_map_, false);
+  processor_.PostProcess({"r1", "r1-1"}, Event(EventType::Delete, "file"));
+  EXPECT_EQ(Written().At("associatedRules"), R"(["r1"])");
+}
+
+TEST_F(EventProcessorTest, DigestsAreWrittenWhenAManifestAsksForThem) {
+  collect_hashes_ = true;
+  AddRule("r1");
+  FakeEvent event = Event(EventType::Delete, "file");
+  event.content_hash = {0x0F};
+  processor_.PostProcess({"r1"}, event);
+  EXPECT_EQ(Written().At("fileContentHash"), "0f");
+}
+
+TEST_F(EventProcessorTest, CreateAndWriteOnATrackingRuleCarryFreshContent) {
+  AddRule("r1", R"(,"trackContentChange":true)");
+  folder_.Write("file", "new text");
+  for (const EventType type : {EventType::Create, EventType::Write}) {
+    storage_.written.clear();
+    processor_.PostProcess({"r1"}, Event(type, "file"));
+    const Json json = Written();
+    EXPECT_EQ(json.At("fileContent"), "bmV3IHRleHQ=");
+    EXPECT_EQ(json.At("contentStatus"), "READ_SUCCESSFUL");
+  }
+}
+
+TEST_F(EventProcessorTest, OtherEventsAndOtherRulesCarryNoContent) {
+  AddRule("tracking", R"(,"trackContentChange":true)");
+  AddRule("plain");
+  folder_.Write("file", "text");
+  processor_.PostProcess({"tracking"}, Event(EventType::Delete, "file"));
+  processor_.PostProcess({"plain"}, Event(EventType::Write, "file"));
+  FakeEvent folder_event = Event(EventType::Create, "file");
+  folder_event.object_type = edr::ObjectType::Directory;
+  processor_.PostProcess({"tracking"}, folder_event);
+  ASSERT_EQ(storage_.written.size(), 3U);
+  for (const std::string& document : storage_.written) EXPECT_EQ(Json(document).At("contentStatus"), "(none)");
+}
+
+TEST_F(EventProcessorTest, ATooLargeFileIsReportedWithoutContent) {
+  AddRule("r1", R"(,"trackContentChange":true)");
+  folder_.Write("file", std::string(51'201, 'x'));
+  processor_.PostProcess({"r1"}, Event(EventType::Write, "file"));
+  const Json json = Written();
+  EXPECT_EQ(json.At("contentStatus"), "MAX_SIZE_LIMIT_REACHED");
+  EXPECT_EQ(json.At("fileContent"), "");
+}
+
+TEST_F(EventProcessorTest, ADocumentTooLargeForASpoolFileIsSentAgainWithoutContent) {
+  AddRule("r1", R"(,"trackContentChange":true)");
+  storage_.max_item_size = 2'000;
+  folder_.Write("file", std::string(3'000, 'x'));
+  processor_.PostProcess({"r1"}, Event(EventType::Write, "file"));
+  const Json json = Written();
+  EXPECT_EQ(json.At("contentStatus"), "MAX_SIZE_LIMIT_REACHED");
+  EXPECT_EQ(json.At("fileContent"), "");
+  EXPECT_EQ(json.At("imagePath"), folder_ / "file");
+  EXPECT_FALSE(log_.Has("Failed to write Event json to disc"));
+}
+
+TEST_F(EventProcessorTest, ADocumentThatNoSpoolFileTakesIsLogged) {
+  AddRule("r1");
+  storage_.max_item_size = 10;
+  processor_.PostProcess({"r1"}, Event(EventType::Delete, "file"));
+  EXPECT_TRUE(storage_.written.empty());
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "[FIM]: Failed to write Event json to disc"));
+}
+
+TEST_F(EventProcessorTest, AFailedWriteIsLoggedByItsCallback) {
+  AddRule("r1");
+  storage_.write_code = common::StorageCode::IOError;
+  processor_.PostProcess({"r1"}, Event(EventType::Delete, "file"));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "[FIM]: Failed to write Event json to disc"));
+  EXPECT_FALSE(log_.Has("Event json written to disc successfully"));
+}
+
+TEST_F(EventProcessorTest, ItsEndIsLogged) {
+  { const EventProcessor processor(rules_, storage_); }
+  EXPECT_TRUE(log_.Has("[FIM]: Destroying EventProcessor"));
+}
+
+}  // namespace
+}  // namespace zagent::fim::internal

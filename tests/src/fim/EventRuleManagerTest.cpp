@@ -1,0 +1,209 @@
+#include "src/fim/EventRuleManager.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "tests/fakes/FakeEvent.h"
+#include "tests/fakes/FakeRuleEngine.h"
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/TempFolder.h"
+#include "tests/src/fim/TestConfig.h"
+
+namespace zagent::fim::internal {
+namespace {
+
+using Installed = std::map<std::string, std::string>;
+
+class EventRuleManagerTest : public testing::Test {
+ protected:
+  static std::string Rule(const std::string& id, const std::string& path) {
+    return R"({"ruleId":")" + id + R"(","ruleType":"directory","imagePath":")" + path +
+           R"(","recursiveDepth":"all","notify":["create"]})";
+  }
+  // Writes a manifest of these rules and gives its path.
+  std::string WriteManifest(const std::string& name, const std::string& rules, bool hashes = false,
+                            const std::string& version = "1.0") {
+    return folder_.Write(name, R"({"data":{"fim":{"policyVersion":")" + version + R"(","collectHashes":)" +
+                                   (hashes ? "true" : "false") + R"(,"rules":[)" + rules + "]}}}");
+  }
+  static std::unique_ptr<Config> ConfigOf(const std::vector<std::string>& manifests) {
+    TestSection section;
+    section.manifests = manifests;
+    return MakeConfig(section);
+  }
+  void Make(const std::vector<std::string>& manifests) {
+    manager_ = std::make_unique<EventRuleManager>(
+        *ConfigOf(manifests), engine_, table_,
+        [this](const std::vector<std::string>& ids, const edr::Event&) { delivered_ = ids; });
+  }
+  [[nodiscard]] Installed InEngine() const { return engine_.Installed("FIM"); }
+
+  fakes::LogCapture log_;
+  fakes::TempFolder folder_;
+  fakes::FakeRuleEngine engine_;
+  RuleTable table_;
+  std::vector<std::string> delivered_;
+  std::unique_ptr<EventRuleManager> manager_;
+};
+
+TEST_F(EventRuleManagerTest, RulesOfAllManifestsReachTheEngineAndTheTable) {
+  const std::string one = WriteManifest("one.json", Rule("r1", "/etc"));
+  const std::string two = WriteManifest("two.json", Rule("r2", "/srv"));
+  Make({one, two});
+  EXPECT_EQ(InEngine(), (Installed{{"r1", "/etc"}, {"r2", "/srv"}}));
+  ASSERT_NE(manager_->GetRule("r1"), nullptr);
+  EXPECT_EQ(manager_->GetRule("r1")->GetPath(), "/etc");
+  EXPECT_EQ(manager_->GetRule("r3"), nullptr);
+  EXPECT_TRUE(log_.Has("[FIM]: Successfully parsed manifest file " + one));
+  EXPECT_TRUE(log_.Has("[FIM]: Adding rule r1"));
+}
+
+TEST_F(EventRuleManagerTest, HandlersAreInPlaceBeforeTheRules) {
+  engine_.BeforeNextAdd([this] { engine_.Deliver("FIM", {"early"}, fakes::FakeEvent()); });
+  Make({WriteManifest("one.json", Rule("r1", "/etc"))});
+  EXPECT_EQ(delivered_, std::vector<std::string>{"early"});
+}
+
+TEST_F(EventRuleManagerTest, WithoutManifestsTheEngineIsNotAsked) {
+  Make({});
+  EXPECT_TRUE(engine_.Calls().empty());
+  EXPECT_TRUE(log_.Has("[FIM]: EventRuleManager: No rules to be added."));
+}
+
+TEST_F(EventRuleManagerTest, ABadManifestIsSkippedAndTheOthersApply) {
+  const std::string missing = folder_ / "missing.json";
+  const std::string broken = folder_.Write("broken.json", "{");
+  const std::string malformed = folder_.Write("malformed.json", R"({"data":{}})");
+  Make({missing, broken, malformed, WriteManifest("good.json", Rule("r1", "/etc"))});
+  EXPECT_EQ(InEngine(), (Installed{{"r1", "/etc"}}));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "[FIM]: Failed to read manifest: " + missing));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "[FIM]: Invalid manifest json format for: " + broken));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, malformed + ": Missing mandatory element: fim"));
+}
+
+TEST_F(EventRuleManagerTest, AManifestOfAMillionBracketsIsOnlyABadManifest) {
+  const std::string deep = folder_.Write("deep.json", std::string(1'000'000, '['));
+  Make({deep});
+  EXPECT_TRUE(log_.Has("Invalid manifest json format for: " + deep));
+}
+
+TEST_F(EventRuleManagerTest, AManifestOfAnotherVersionYieldsNoRules) {
+  Make({WriteManifest("two.json", Rule("r1", "/etc"), false, "2.0")});
+  EXPECT_TRUE(engine_.Calls().empty());
+  EXPECT_TRUE(log_.Has("Unknown version [2.0] of FIM manifest. Skipping."));
+}
+
+TEST_F(EventRuleManagerTest, ALinkIsWatchedAsItselfAndAsWhatItPointsTo) {
+  const std::string target = folder_ / "target";
+  const std::string link = folder_ / "link";
+  ASSERT_EQ(mkdir(target.c_str(), 0700), 0);
+  ASSERT_EQ(symlink("target", link.c_str()), 0);
+  Make({WriteManifest("one.json", Rule("r1", link))});
+  EXPECT_EQ(InEngine(), (Installed{{"r1-1", link}, {"r1", target}}));
+  EXPECT_EQ(manager_->GetRule("r1-1")->GetReportId(), "r1");
+  EXPECT_EQ(manager_->GetRule("r1")->GetReportId(), "r1");
+  EXPECT_TRUE(log_.Has("[FIM]: Adding symlink rule r1"));
+  EXPECT_TRUE(log_.Has("[FIM]: Adding resolved rule r1 with path " + target));
+}
+
+TEST_F(EventRuleManagerTest, OfADanglingLinkOnlyTheLinkIsWatched) {
+  const std::string link = folder_ / "link";
+  ASSERT_EQ(symlink("nowhere", link.c_str()), 0);
+  Make({WriteManifest("one.json", Rule("r1", link))});
+  EXPECT_EQ(InEngine(), (Installed{{"r1-1", link}}));
+  EXPECT_TRUE(log_.Has("[FIM]: Cannot resolve symlink"));
+}
+
+TEST_F(EventRuleManagerTest, AnIdThatIsUsedTwiceIsLogged) {
+  Make({WriteManifest("one.json", Rule("r1", "/etc") + "," + Rule("r1", "/srv"))});
+  EXPECT_EQ(InEngine(), (Installed{{"r1", "/srv"}}));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "Rule id r1 is used more than once"));
+}
+
+TEST_F(EventRuleManagerTest, HashesAreCollectedWhenAnyManifestAsks) {
+  Make({WriteManifest("one.json", Rule("r1", "/etc"))});
+  EXPECT_FALSE(table_.CollectsHashes());
+  manager_->Update(*ConfigOf({folder_ / "one.json", WriteManifest("two.json", Rule("r2", "/srv"), true)}));
+  EXPECT_TRUE(table_.CollectsHashes());
+}
+
+TEST_F(EventRuleManagerTest, AnUpdateWithTheSameManifestsDoesNothing) {
+  const std::string one = WriteManifest("one.json", Rule("r1", "/etc"));
+  const std::string two = WriteManifest("two.json", Rule("r2", "/srv"));
+  Make({one, two});
+  WriteManifest("one.json", Rule("r9", "/opt"));  // new content under the old path is not seen
+  manager_->Update(*ConfigOf({two, one}));
+  EXPECT_EQ(engine_.Calls().size(), 1U);
+  EXPECT_NE(manager_->GetRule("r1"), nullptr);
+}
+
+TEST_F(EventRuleManagerTest, AnUpdateReplacesTheRules) {
+  Make({WriteManifest("one.json", Rule("r1", "/etc") + "," + Rule("r2", "/srv"))});
+  manager_->Update(*ConfigOf({WriteManifest("two.json", Rule("r2", "/opt"))}));
+  EXPECT_EQ(InEngine(), (Installed{{"r2", "/opt"}}));
+  EXPECT_EQ(manager_->GetRule("r1"), nullptr);
+}
+
+TEST_F(EventRuleManagerTest, ARuleInUseOutlivesItsReplacement) {
+  Make({WriteManifest("one.json", Rule("r1", "/etc"))});
+  const std::shared_ptr<const EventRule> in_flight = manager_->GetRule("r1");
+  manager_->Update(*ConfigOf({WriteManifest("two.json", Rule("r1", "/opt"))}));
+  EXPECT_EQ(in_flight->GetPath(), "/etc");
+}
+
+TEST_F(EventRuleManagerTest, AnUpdateThatLeavesNoRulesTakesThemOffTheEngine) {
+  Make({WriteManifest("one.json", Rule("r1", "/etc"))});
+  manager_->Update(*ConfigOf({folder_ / "missing.json"}));
+  ASSERT_EQ(engine_.Calls().size(), 2U);
+  EXPECT_TRUE(InEngine().empty());
+  EXPECT_TRUE(log_.Has("No rules to be added."));
+}
+
+TEST_F(EventRuleManagerTest, DisablingTakesTheRulesAwayOnceAndALaterUpdateBringsThemBack) {
+  const std::string one = WriteManifest("one.json", Rule("r1", "/etc"));
+  Make({one});
+  manager_->Disable();
+  manager_->Disable();
+  EXPECT_EQ(engine_.Calls().size(), 2U);
+  EXPECT_TRUE(InEngine().empty());
+  EXPECT_EQ(manager_->GetRule("r1"), nullptr);
+  manager_->Update(*ConfigOf({one}));
+  EXPECT_EQ(InEngine(), (Installed{{"r1", "/etc"}}));
+}
+
+TEST_F(EventRuleManagerTest, AnEngineThatHasLostItsRulesGetsThemAgain) {
+  Make({WriteManifest("one.json", Rule("r1", "/etc"))});
+  engine_.Invalidate();
+  ASSERT_EQ(engine_.Calls().size(), 2U);
+  EXPECT_EQ(InEngine(), (Installed{{"r1", "/etc"}}));
+}
+
+TEST_F(EventRuleManagerTest, AnUpdateThatComesInBetweenIsTheLastToReachTheEngine) {
+  Make({WriteManifest("one.json", Rule("r1", "/etc"))});
+  const auto newer = ConfigOf({WriteManifest("two.json", Rule("r2", "/srv"))});
+  // The engine has lost its rules; while it takes the old set again, the configuration changes.
+  engine_.BeforeNextAdd([&] { manager_->Update(*newer); });
+  engine_.Invalidate();
+  EXPECT_EQ(InEngine(), (Installed{{"r2", "/srv"}}));
+}
+
+TEST_F(EventRuleManagerTest, AnEngineThatFailsIsLoggedAndGetsTheRulesLater) {
+  engine_.FailAdds("Failed to open audit socket");
+  Make({WriteManifest("one.json", Rule("r1", "/etc"))});
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "Failed to apply rules: Failed to open audit socket"));
+  EXPECT_NE(manager_->GetRule("r1"), nullptr);
+  engine_.FailAdds("");
+  engine_.Invalidate();
+  EXPECT_EQ(engine_.Calls().size(), 2U);
+}
+
+TEST_F(EventRuleManagerTest, ItsEndTakesHandlersAndRulesOffTheEngine) {
+  Make({WriteManifest("one.json", Rule("r1", "/etc"))});
+  manager_.reset();
+  EXPECT_TRUE(InEngine().empty());
+  engine_.Deliver("FIM", {"late"}, fakes::FakeEvent());
+  EXPECT_TRUE(delivered_.empty());
+}
+
+}  // namespace
+}  // namespace zagent::fim::internal
