@@ -1,9 +1,10 @@
 #include "src/fim/JsonCopy.h"
 
-#include <algorithm>
+#include <cstdint>
 #include <string_view>
 
 #include "common/src/util/Json.h"
+#include "src/fim/Utf8.h"
 
 namespace zagent::fim::internal {
 namespace {
@@ -11,8 +12,8 @@ namespace {
 using rapidjson::SizeType;
 
 constexpr std::size_t kMaxDepth = 64;
-constexpr unsigned kFlags = rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag |
-                            rapidjson::kParseValidateEncodingFlag | rapidjson::kParseNumbersAsStringsFlag;
+constexpr unsigned kFlags =
+    rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag | rapidjson::kParseNumbersAsStringsFlag;
 
 // RapidJSON's output stream over a byte vector.
 struct ByteStream {
@@ -21,6 +22,11 @@ struct ByteStream {
   void Flush() {}
   common::Bytes& bytes;
 };
+
+// An escaped half of a surrogate pair passes the reader, and is no UTF-8 once it is written: the writer looks too.
+using Writer = rapidjson::Writer<ByteStream, rapidjson::UTF8<>, rapidjson::UTF8<>, rapidjson::CrtAllocator,
+                                 rapidjson::kWriteValidateEncodingFlag>;
+constexpr const char* kBadText = "The document holds a text that is not UTF-8.";
 
 // Passes what the reader finds on to a writer. Answering false ends the reading.
 class Copier {
@@ -44,7 +50,7 @@ class Copier {
   bool Uint64(std::uint64_t) { return false; }
   bool Double(double) { return false; }
   bool String(const Ch* text, SizeType length, bool copy) {
-    return Scalar() && (skipping_ || writer_.String(text, length, copy));
+    return Scalar() && (skipping_ || writer_.String(text, length, copy) || Refuse(kBadText));
   }
 
   bool Key(const Ch* text, SizeType length, bool copy) {
@@ -52,7 +58,7 @@ class Copier {
       key_.assign(text, length);
       skipping_ = options_.added_key != nullptr && key_ == options_.added_key;
     }
-    return skipping_ || writer_.Key(text, length, copy);
+    return skipping_ || writer_.Key(text, length, copy) || Refuse(kBadText);
   }
 
   bool StartObject() { return Descend(false) && (skipping_ || writer_.StartObject()); }
@@ -95,7 +101,7 @@ class Copier {
   }
 
   ByteStream stream_;
-  rapidjson::Writer<ByteStream> writer_;
+  Writer writer_;
   const JsonCopyOptions& options_;
   std::size_t depth_ = 0;
   std::string key_;  // the last one of the top level
@@ -104,14 +110,21 @@ class Copier {
   std::string refusal_;
 };
 
+// RapidJSON takes the first NUL for the end of the text, and its own look at the encoding reads and writes beyond the
+// end of a text that ends within a sequence.
+void CheckBytes(std::string_view text) {
+  for (std::size_t position = 0; position < text.size();) {
+    const std::size_t start = position;
+    const std::optional<char32_t> code_point = NextCodePoint(text, position);
+    if (!code_point) throw JsonCopyException(kBadText, start);
+    if (*code_point == 0) throw JsonCopyException("The document holds a NUL byte.", start);
+  }
+}
+
 }  // namespace
 
 void CopyJsonObject(common::Bytes text, common::Bytes& out, const JsonCopyOptions& options) {
-  // RapidJSON would take the first NUL for the end of the text.
-  const auto nul = std::find(text.begin(), text.end(), '\0');
-  if (nul != text.end()) {
-    throw JsonCopyException("The document holds a NUL byte.", static_cast<std::size_t>(nul - text.begin()));
-  }
+  CheckBytes({reinterpret_cast<const char*>(text.data()), text.size()});
   text.push_back('\0');
   const std::size_t old_size = out.size();
   Copier copier(out, options);

@@ -67,8 +67,13 @@ TEST(UploadDocumentTest, AMillionBracketsCostNoStack) {
   EXPECT_EQ(ErrorOf(objects).substr(0, 34), "The document is nested too deeply.");
 }
 
-TEST(UploadDocumentTest, BytesThatAreNoUtf8AreAFault) {
-  EXPECT_EQ(ErrorOf("{\"events\":[\"\xC3\x28\"]}").substr(0, 27), "Invalid encoding in string.");
+TEST(UploadDocumentTest, TextsThatAreNoUtf8AreAFault) {
+  const std::string reason = "The document holds a text that is not UTF-8. at ";
+  EXPECT_EQ(ErrorOf("{\"events\":[\"\xC3\x28\"]}"), reason + "12");
+  EXPECT_EQ(ErrorOf("{\"\xF4"), reason + "2");  // the text ends within a sequence
+  // Half of a surrogate pair, escaped.
+  EXPECT_EQ(ErrorOf(R"({"events":["\ude00"]})").substr(0, reason.size()), reason);
+  EXPECT_EQ(ErrorOf(R"({"events":[{"\ude00":1}]})").substr(0, reason.size()), reason);
 }
 
 }  // namespace
