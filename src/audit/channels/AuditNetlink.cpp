@@ -27,6 +27,11 @@ class KernelNetlink final : public AuditNetlink {
   int RequestStatus(int fd) override { return ToErrno(audit_request_status(fd)); }
   int RequestRulesList(int fd) override { return ToErrno(audit_request_rules_list_data(fd)); }
   int AddRule(int fd, audit_rule_data* rule, int flags, int action) override {
+    // libaudit writes into the rule without a look.
+    if (rule == nullptr) {
+      errno = EINVAL;
+      return -1;
+    }
     return ToErrno(audit_add_rule_data(fd, rule, flags, action));
   }
   int DeleteRule(int fd, audit_rule_data* rule, int flags, int action) override {

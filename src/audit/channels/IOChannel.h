@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -38,6 +39,11 @@ class IOChannel {
 
   // A burst ends at this many bytes even if more are waiting.
   static constexpr std::size_t kMaxBurst = 65'536;
+  // It ends as well when this many reads in all found nothing, with a pause between each and the next: a quiet gap of
+  // about 80 ms is the only boundary that a stream of unframed messages has.
+  static constexpr int kEmptyReads = 5;
+  static constexpr std::chrono::milliseconds kReadPause{20};
+  static constexpr std::chrono::milliseconds kWriteWait{500};
 
   // timeout_seconds 0: the loop waits without a time limit. Throws std::runtime_error for a zero read_buf_size,
   // IOChannelException(Unknown) when the self-pipe cannot be made.
@@ -80,10 +86,17 @@ class IOChannel {
   std::atomic<int> write_fd_{-1};
 
  private:
+  enum class Wake { Signalled, TimedOut, Again, Failed };
   void EventLoop();
-  Error WaitUntilWritable();
-  void DrainSelfPipe();
+  // Waits for the self-pipe, read_fd_ or the time limit.
+  Wake WaitForInput(bool& self_pipe_ready, bool& input_ready) const;
+  // Each returns false when the loop has to end.
+  bool HandleTimeout();
   bool HandleReadable();
+  void DrainSelfPipe() const;
+  void ReportError(Error error) const;
+  Error WriteAll(const Bytes& data);
+  Error WaitUntilWritable();
 
   ErrorCallback error_callback_;
   std::future<void> future_;
