@@ -3,15 +3,16 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
 
-#include "common/src/tasks/ResourceMonitor.h"
 #include "common/src/util/Clock.h"
 #include "src/audit/channels/IOChannel.h"
 #include "src/audit/parser/AuparseFeed.h"
 #include "src/audit/parser/EventProcessingThread.h"
+#include "src/audit/parser/LoadProbe.h"
 #include "src/edr/EventRuleEngine.h"
 #include "src/edr/LibMagicWrapper.h"
 
@@ -23,22 +24,31 @@ namespace zagent::audit {
 // are dropped until half of it is free again; two log lines mark the gap. The channel's thread never waits.
 class ParserThread {
  public:
-  // Limits in percent. Installs the read callback on the channel, which must be stopped and outlive this object.
+  // What a test puts in the place of the program's event classes and of this machine.
+  struct Seams {
+    internal::EventFactory build_events;
+    std::function<LoadProbe()> make_load_probe;  // called once for each stage
+  };
+
+  // Limits in percent. Installs the read callback on the channel, which must be stopped now and when this object goes.
   ParserThread(IOChannel& channel, std::shared_ptr<edr::LibMagicWrapper> lib_magic, edr::EventRuleEngine& rule_engine,
                std::uint64_t cpu_limit, std::uint64_t memory_limit,
                common::util::Clock& clock = common::util::Clock::Real());
+  ParserThread(IOChannel& channel, edr::EventRuleEngine& rule_engine, std::uint64_t cpu_limit,
+               std::uint64_t memory_limit, common::util::Clock& clock, Seams seams);
   ParserThread(const ParserThread&) = delete;
   ParserThread& operator=(const ParserThread&) = delete;
   ~ParserThread();
 
   // Throws std::runtime_error "Audit Parser thread already running".
   void Start();
-  // Stops the second stage, then this one; rethrows what the parser died of. Harmless when stopped.
+  // Stops the second stage, then this one; rethrows what they died of, this one's first. Harmless when stopped.
   void Stop();
 
   struct QueueLimits {
     std::uint64_t max_bytes;
     std::uint64_t resume_bytes;
+    bool operator==(const QueueLimits&) const = default;
   };
   // `budget` is the memory limit in percent times the total memory in KB.
   static QueueLimits QueueLimitsFor(std::uint64_t budget);
@@ -46,9 +56,12 @@ class ParserThread {
  private:
   void OnData(IOChannel::Bytes&& data);
   void Run();
+  void RunUntilStopped();
   bool TakeData(IOChannel::Bytes& data);
   void Feed(const IOChannel::Bytes& data);
+  void PassEventsOn();
   void PauseWhileCpuIsHigh();
+  void WakeToStop();
 
   std::future<void> future_;
   std::atomic<bool> stopping_{true};
@@ -57,10 +70,12 @@ class ParserThread {
   IOChannel::Bytes queue_;
   std::mutex queue_mutex_;
   std::condition_variable data_condition_;
-  bool idle_ = true;
-  common::ResourceMonitor resource_monitor_;
+  bool idle_ = true;  // nothing is buffered in auparse
+  std::uint64_t cpu_limit_;
+  LoadProbe load_;
   EventProcessingThread event_processing_thread_;
   bool queue_disabled_ = false;
+  // In the queue or still being fed. Grows under queue_mutex_, shrinks without it.
   std::atomic<std::uint64_t> queue_bytes_{0};
   QueueLimits limits_;
   common::util::Clock& clock_;

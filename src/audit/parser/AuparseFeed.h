@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+#include "src/audit/parser/EventFactory.h"
+
+namespace zagent::audit::internal {
+
+// libauparse in its feed mode: takes the bytes of an audit log in pieces of any length and collects the typed events of
+// the audit events that they complete. One thread at a time.
+//
+// auparse delivers a complete event only when the next one begins, and an older incomplete event holds back all that
+// follow: Flush makes delivery prompt. The tail of an event that a flush has cut arrives as a second event whose first
+// record is no SYSCALL, and is ignored.
+class AuparseFeed {
+ public:
+  // Throws std::runtime_error "Failed to initialize auparse".
+  explicit AuparseFeed(EventFactory build_events);
+  AuparseFeed(const AuparseFeed&) = delete;
+  AuparseFeed& operator=(const AuparseFeed&) = delete;
+  ~AuparseFeed();
+
+  // Throws std::runtime_error "Failed to feed to auparse".
+  void Feed(const unsigned char* data, std::size_t size);
+  // Completes what auparse still holds.
+  void Flush();
+  // What was collected since the last call, in the order in which it was completed.
+  [[nodiscard]] Events TakeEvents();
+
+ private:
+  struct Destroyer {
+    void operator()(auparse_state_t* state) const;
+  };
+  static void OnAuparseEvent(auparse_state_t* state, int kind, void* self) noexcept;
+  void OnCompleteEvent();
+  void BuildFromSyscall();
+  [[nodiscard]] std::string EventText() const;
+
+  EventFactory build_events_;
+  Events events_;
+  std::unique_ptr<auparse_state_t, Destroyer> state_;  // last: its callback fills what stands above
+};
+
+}  // namespace zagent::audit::internal

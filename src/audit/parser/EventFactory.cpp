@@ -1,0 +1,74 @@
+#include "src/audit/parser/EventFactory.h"
+
+#include <array>
+#include <cstddef>
+#include <utility>
+
+#include "src/audit/events/AttributeEvent.h"
+#include "src/audit/events/CreateEvent.h"
+#include "src/audit/events/DeleteEvent.h"
+#include "src/audit/events/ReadWriteEvent.h"
+#include "src/audit/events/RenameEvent.h"
+
+namespace zagent::audit::internal {
+namespace {
+
+using LibMagic = std::shared_ptr<edr::LibMagicWrapper>;
+using Builder = void (*)(auparse_state_t* state, const LibMagic& lib_magic, Events& events);
+
+template <class EventClass>
+void Build(auparse_state_t* state, const LibMagic& lib_magic, Events& events) {
+  events.push_back(std::make_unique<EventClass>(state, lib_magic));
+}
+
+// A rename over an existing file is its delete first, then the rename.
+void BuildRename(auparse_state_t* state, const LibMagic& lib_magic, Events& events) {
+  std::unique_ptr<DeleteEvent> replaced;
+  auto rename = std::make_unique<RenameEvent>(state, lib_magic, &replaced);
+  if (replaced) events.push_back(std::move(replaced));
+  events.push_back(std::move(rename));
+}
+
+// read, write, open, pread64, pwrite64, readv, writev, truncate, ftruncate, openat, preadv, pwritev, open_by_handle_at
+constexpr std::array kReadWriteCalls = {0, 1, 2, 17, 18, 19, 20, 76, 77, 257, 295, 296, 304};
+// rename, renameat, renameat2
+constexpr std::array kRenameCalls = {82, 264, 316};
+// mkdir, creat, link, symlink, mknod, mkdirat, mknodat, linkat, symlinkat
+constexpr std::array kCreateCalls = {83, 85, 86, 88, 133, 258, 259, 265, 266};
+// rmdir, unlink, unlinkat
+constexpr std::array kDeleteCalls = {84, 87, 263};
+// chmod, fchmod, chown, fchown, lchown, utime, setxattr, lsetxattr, fsetxattr, removexattr, lremovexattr,
+// fremovexattr, utimes, fchownat, futimesat, fchmodat, utimensat
+constexpr std::array kAttributeCalls = {90, 91, 92, 93, 94, 132, 188, 189, 190, 197, 198, 199, 235, 260, 261, 268, 280};
+
+using BuilderTable = std::array<Builder, kLastSyscall + 1>;
+
+template <std::size_t Size>
+constexpr void Enter(BuilderTable& table, const std::array<int, Size>& calls, Builder builder) {
+  for (const int call : calls) table[static_cast<std::size_t>(call)] = builder;
+}
+
+constexpr BuilderTable MakeTable() {
+  BuilderTable table{};
+  Enter(table, kReadWriteCalls, &Build<ReadWriteEvent>);
+  Enter(table, kRenameCalls, &BuildRename);
+  Enter(table, kCreateCalls, &Build<CreateEvent>);
+  Enter(table, kDeleteCalls, &Build<DeleteEvent>);
+  Enter(table, kAttributeCalls, &Build<AttributeEvent>);
+  return table;
+}
+
+constexpr BuilderTable kBuilders = MakeTable();
+
+}  // namespace
+
+EventFactory MakeEventFactory(std::shared_ptr<edr::LibMagicWrapper> lib_magic) {
+  return [lib_magic = std::move(lib_magic)](int syscall, auparse_state_t* state, Events& events) {
+    const Builder build = kBuilders.at(static_cast<std::size_t>(syscall));
+    if (build == nullptr) return false;
+    build(state, lib_magic, events);
+    return true;
+  };
+}
+
+}  // namespace zagent::audit::internal

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "common/src/util/Clock.h"
+#include "src/audit/parser/LoadProbe.h"
+#include "src/edr/Event.h"
+#include "src/edr/EventRuleEngine.h"
+
+namespace zagent::audit {
+
+// Second stage of the intake: puts batches of events into the order in which they happened (audit events of different
+// processors arrive out of order) and gives each to the rule engine. ProcessEvent and OnIdle are called on this stage's
+// thread only.
+//
+// Bound: 10,000 to 100,000 events, by the allowed memory. At the bound AddEvents waits until the whole queue was taken
+// and processed.
+class EventProcessingThread {
+ public:
+  using Events = std::vector<std::unique_ptr<edr::Event>>;
+
+  // Limits in percent. The rule engine outlives this object.
+  EventProcessingThread(edr::EventRuleEngine& rule_engine, std::uint64_t cpu_limit, std::uint64_t memory_limit,
+                        common::util::Clock& clock = common::util::Clock::Real());
+  EventProcessingThread(edr::EventRuleEngine& rule_engine, std::uint64_t cpu_limit, std::uint64_t memory_limit,
+                        common::util::Clock& clock, LoadProbe load);
+  EventProcessingThread(const EventProcessingThread&) = delete;
+  EventProcessingThread& operator=(const EventProcessingThread&) = delete;
+  ~EventProcessingThread();
+
+  // Throws std::runtime_error "Parsed events processing thread already running".
+  void Start();
+  // Ends after the event at hand; what is queued is dropped. Rethrows what the thread died of. Harmless when stopped.
+  void Stop();
+
+  // Called by one other thread. Never blocks on a stopped stage, which drops the events.
+  void AddEvents(Events&& events);
+
+  // `allowed_memory_kb` is the memory limit's share of the total memory.
+  static std::uint64_t QueueLimitFor(std::uint64_t allowed_memory_kb);
+
+ private:
+  void Run();
+  Events TakeBatch();
+  void Process(Events& batch);
+  void ProcessOne(std::unique_ptr<edr::Event> event);
+  void PauseIfCpuIsHigh();
+  void RunIdleHousekeeping();
+
+  std::atomic<bool> stopping_{true};
+  std::future<void> future_;
+  std::mutex mutex_;
+  std::condition_variable filled_condition_;  // events came, or the stage is being stopped
+  std::condition_variable space_condition_;
+  Events queue_;
+  std::uint64_t max_queue_events_;
+  LoadProbe load_;
+  std::uint64_t cpu_limit_;
+  edr::EventRuleEngine& rule_engine_;
+  common::util::Clock& clock_;
+};
+
+}  // namespace zagent::audit

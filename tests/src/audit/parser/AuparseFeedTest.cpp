@@ -1,0 +1,190 @@
+#include "src/audit/parser/AuparseFeed.h"
+
+#include <auparse.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/fakes/AuditLog.h"
+#include "tests/fakes/EventTrace.h"
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/ScriptedEventFactory.h"
+
+namespace zagent::audit::internal {
+namespace {
+
+using fakes::AuditLog;
+using fakes::Replaced;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class AuparseFeedTest : public testing::Test {
+ protected:
+  void Feed(const std::string& text) { feed_.Feed(reinterpret_cast<const unsigned char*>(text.data()), text.size()); }
+  // Serials of what was completed.
+  std::vector<unsigned> Taken() {
+    std::vector<unsigned> serials;
+    for (const auto& event : feed_.TakeEvents()) serials.push_back(event->GetId());
+    return serials;
+  }
+  std::vector<unsigned> Flushed() {
+    feed_.Flush();
+    return Taken();
+  }
+
+  fakes::LogCapture lines_;
+  AuditLog log_;
+  fakes::ScriptedEventFactory factory_;
+  AuparseFeed feed_{factory_.Get()};
+};
+
+TEST_F(AuparseFeedTest, MakesATypedEventOfACompleteAuditEvent) {
+  Feed(log_.Event(AuditLog::kMkdir));
+  feed_.Flush();
+  const Events events = feed_.TakeEvents();
+  ASSERT_EQ(events.size(), 1U);
+  EXPECT_EQ(events[0]->GetId(), AuditLog::kMkdir);
+  EXPECT_EQ(events[0]->GetTimestamp(), 1'795'162'409'000'000'000);
+  EXPECT_THAT(factory_.syscalls, ElementsAre(83));
+  EXPECT_THAT(Taken(), IsEmpty()) << "taken once";
+}
+
+// Why the parser flushes: a complete event waits in auparse for its successor.
+TEST_F(AuparseFeedTest, DeliversACompleteEventWhenTheNextOneBegins) {
+  Feed(log_.Event(AuditLog::kMkdir));
+  EXPECT_THAT(Taken(), IsEmpty());
+  Feed(log_.Event(AuditLog::kRmdir));
+  EXPECT_THAT(Taken(), ElementsAre(AuditLog::kMkdir));
+  EXPECT_THAT(Flushed(), ElementsAre(AuditLog::kRmdir));
+}
+
+TEST_F(AuparseFeedTest, JoinsARecordThatIsSplitOverTwoReads) {
+  const std::string event = log_.Event(AuditLog::kMkdir);
+  for (const char byte : event) Feed(std::string(1, byte));
+  EXPECT_THAT(Flushed(), ElementsAre(AuditLog::kMkdir));
+  EXPECT_THAT(factory_.syscalls, ElementsAre(83));
+}
+
+TEST_F(AuparseFeedTest, IgnoresTheTailOfAnEventThatAFlushHasCut) {
+  const std::vector<std::string> records = log_.Records(AuditLog::kMkdir);
+  Feed(records[0] + records[1] + records[2]);
+  EXPECT_THAT(Flushed(), ElementsAre(AuditLog::kMkdir));
+  Feed(records[3] + records[4]);
+  EXPECT_THAT(Flushed(), IsEmpty());
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_TRACE, "Ignoring event with ID: 27 record type: 1302")) << lines_.All();
+}
+
+TEST_F(AuparseFeedTest, BuildsNothingOfCallsAboveItsTable) {
+  const std::string event = log_.Event(AuditLog::kMkdir);
+  for (const char* number : {"317", "322", "437", "-1", "4294967296", "99999999999999999999", "mkdir", "83x"}) {
+    Feed(Replaced(event, "syscall=83", std::string("syscall=") + number));
+    EXPECT_THAT(Flushed(), IsEmpty()) << number;
+  }
+  EXPECT_THAT(factory_.syscalls, IsEmpty());
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_TRACE, "Unsupported syscall in event: 317"));
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_TRACE, "Unsupported syscall in event: 322"));
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_TRACE, "Unsupported syscall in event: -1"));
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_TRACE, "Unsupported syscall in event: 4294967296"));
+}
+
+TEST_F(AuparseFeedTest, AsksForTheLastCallOfItsTable) {
+  Feed(Replaced(log_.Event(AuditLog::kMkdir), "syscall=83", "syscall=316"));
+  EXPECT_THAT(Flushed(), ElementsAre(AuditLog::kMkdir));
+  EXPECT_THAT(factory_.syscalls, ElementsAre(316));
+}
+
+TEST_F(AuparseFeedTest, SaysWhichCallMeansNothingToIt) {
+  factory_.unknown = {83};
+  Feed(log_.Event(AuditLog::kMkdir));
+  EXPECT_THAT(Flushed(), IsEmpty());
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_TRACE, "Unsupported syscall in event: 83"));
+}
+
+TEST_F(AuparseFeedTest, DropsASyscallRecordWithoutItsNumber) {
+  Feed(Replaced(log_.Event(AuditLog::kMkdir), "syscall=83 ", ""));
+  EXPECT_THAT(Flushed(), IsEmpty());
+  EXPECT_THAT(factory_.syscalls, IsEmpty());
+}
+
+TEST_F(AuparseFeedTest, IgnoresCallsOfAnotherArchitecture) {
+  Feed(Replaced(log_.Event(AuditLog::kMkdir), "arch=c000003e", "arch=40000003"));
+  EXPECT_THAT(Flushed(), IsEmpty());
+  EXPECT_THAT(factory_.syscalls, IsEmpty());
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_TRACE, "Ignoring event with ID: 27 arch: 40000003"));
+
+  Feed(Replaced(log_.Event(AuditLog::kMkdir), "arch=c000003e ", ""));
+  EXPECT_THAT(Flushed(), ElementsAre(AuditLog::kMkdir)) << "a record without the field is taken as it is";
+}
+
+TEST_F(AuparseFeedTest, PassesOverTheEndOfEventRecordsInSilence) {
+  Feed("type=EOE msg=audit(1795162409.432:27): \n");
+  EXPECT_THAT(Flushed(), IsEmpty());
+  EXPECT_FALSE(lines_.Has("Ignoring event")) << lines_.All();
+}
+
+TEST_F(AuparseFeedTest, IgnoresEventsThatAreNoCalls) {
+  Feed(log_.Event(AuditLog::kAbend));
+  EXPECT_THAT(Flushed(), IsEmpty());
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_TRACE, "Ignoring event with ID: 176 record type: 1701"));
+}
+
+TEST_F(AuparseFeedTest, AnEventThatCannotBeBuiltCostsNoOther) {
+  factory_.interfere = [](int syscall) {
+    if (syscall == 84) throw edr::EventException("Missing path for child");
+    if (syscall == 82) throw 42;
+  };
+  Feed(log_.Event(AuditLog::kRmdir) + log_.Event(AuditLog::kOpenForWriting) + log_.Event(AuditLog::kRenameOver));
+  EXPECT_THAT(Flushed(), ElementsAre(AuditLog::kOpenForWriting));
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_DEBUG, "Dropping event: Missing path for child"));
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_DEBUG, "Dropping event: unknown failure"));
+}
+
+TEST_F(AuparseFeedTest, WritesEveryRecordOfAnEventToTheTrace) {
+  const fakes::EventTrace trace;
+  int records_left = 0;
+  AuparseFeed feed([&](int, auparse_state_t* state, Events&) {
+    EXPECT_EQ(auparse_get_type(state), 1300) << "the cursor is back at the first record";
+    do {
+      ++records_left;
+    } while (auparse_next_record(state) > 0);
+    return true;
+  });
+  const std::string event = log_.Event(AuditLog::kMkdir);
+  feed.Feed(reinterpret_cast<const unsigned char*>(event.data()), event.size());
+  feed.Flush();
+  EXPECT_EQ(records_left, 5);
+  EXPECT_EQ(trace.Count("Received complete event: "), 1);
+  for (const std::string& record : log_.Records(AuditLog::kMkdir)) EXPECT_TRUE(trace.Has(record)) << trace.All();
+}
+
+TEST_F(AuparseFeedTest, FindsTheNextEventBehindBytesThatAreNoRecords) {
+  Feed(std::string("0\n\n\0\xff\xfe type=SYSCALL msg=audit(\ntype=SYSCALL msg=audit(1.2:3\n", 56));
+  Feed("type=SYSCALL msg=audit(99999999999999999999.999:99999999999999999999): syscall=1\n");
+  Feed(std::string(300'000, 'x') + "\n");
+  Feed(log_.Event(AuditLog::kMkdir));
+  feed_.Flush();
+  EXPECT_EQ(Taken().back(), AuditLog::kMkdir);
+}
+
+// Every event of the log that begins with a SYSCALL record, and nothing else, arrives in the order of the log.
+TEST_F(AuparseFeedTest, TakesTheWholeLogOfARealKernel) {
+  std::vector<unsigned> expected;
+  std::set<unsigned> seen;
+  std::istringstream all(log_.All());
+  for (std::string line; std::getline(all, line);) {
+    if (line.rfind("type=", 0) != 0) continue;  // the log has a remark of its maker
+    const auto serial = static_cast<unsigned>(std::stoul(line.substr(line.find(':') + 1)));
+    if (!seen.insert(serial).second || line.rfind("type=SYSCALL ", 0) != 0) continue;
+    if (std::stoi(line.substr(line.find("syscall=") + 8)) <= kLastSyscall) expected.push_back(serial);
+  }
+  ASSERT_GT(expected.size(), 150U);
+  Feed(log_.All());
+  EXPECT_EQ(Flushed(), expected);
+}
+
+}  // namespace
+}  // namespace zagent::audit::internal

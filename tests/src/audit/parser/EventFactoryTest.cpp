@@ -1,0 +1,137 @@
+#include "src/audit/parser/EventFactory.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "common/src/util/DeviceText.h"
+#include "src/audit/parser/AuparseFeed.h"
+#include "src/edr/process/ImageInfo.h"
+#include "tests/fakes/AuditLog.h"
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/TempFolder.h"
+
+namespace zagent::audit::internal {
+namespace {
+
+using testing::ElementsAre;
+
+class NoMagic final : public edr::LibMagicWrapper {
+ public:
+  NoMagic() = default;
+};
+
+// Audit events about objects of a real folder, as the kernel would have written them, through auparse to the program's
+// own event classes.
+class EventFactoryTest : public testing::Test {
+ protected:
+  // "PARENT /folder" and so on; an object that is not on the disk any more is described by `model`.
+  std::string Path(const std::string& word, const std::string& path, const std::string& model = "") {
+    struct stat status {};
+    EXPECT_EQ(lstat((model.empty() ? path : model).c_str(), &status), 0) << path;
+    char mode[32];
+    std::snprintf(mode, sizeof mode, "0%o", status.st_mode);
+    std::ostringstream line;
+    line << "type=PATH msg=audit(1700000000.123:900): item=" << items_++ << " name=\"" << path
+         << "\" inode=" << status.st_ino << " dev=" << common::util::DeviceText(status.st_dev) << " mode=" << mode
+         << " ouid=" << status.st_uid << " ogid=" << status.st_gid << " rdev=00:00 nametype=" << word << "\n";
+    return line.str();
+  }
+  Events Build(int syscall, const std::string& paths, const std::string& arguments = "a0=0 a1=0 a2=0 a3=0") {
+    std::ostringstream text;
+    text << "type=SYSCALL msg=audit(1700000000.123:900): arch=c000003e syscall=" << syscall << " success=yes exit=0 "
+         << arguments << " items=" << items_
+         << " ppid=1 pid=4711 auid=4294967295 uid=0 gid=0 euid=0 suid=0 fsuid=0 egid=0 sgid=0 fsgid=0 tty=(none)"
+         << " ses=4294967295 comm=\"sh\" exe=\"/bin/sh\" key=\"rule\"\n"
+         << "type=CWD msg=audit(1700000000.123:900): cwd=\"" << folder_.Path() << "\"\n"
+         << paths << "type=PROCTITLE msg=audit(1700000000.123:900): proctitle=\"sh\"\n";
+    items_ = 0;
+    AuparseFeed feed(MakeEventFactory(std::make_shared<NoMagic>()));
+    const std::string bytes = text.str();
+    feed.Feed(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+    feed.Flush();
+    return feed.TakeEvents();
+  }
+  std::vector<std::string> Actions(int syscall, const std::string& paths,
+                                   const std::string& arguments = "a0=0 a1=0 a2=0 a3=0") {
+    std::vector<std::string> actions;
+    for (const auto& event : Build(syscall, paths, arguments)) actions.push_back(event->GetAction());
+    return actions;
+  }
+
+  fakes::LogCapture lines_;
+  fakes::TempFolder folder_;
+  std::string file_ = folder_.Write("file", "content");
+  int items_ = 0;
+};
+
+TEST_F(EventFactoryTest, MakesAReadOfAnOpenedFile) {
+  EXPECT_THAT(Actions(257, Path("NORMAL", file_), "a0=ffffff9c a1=0 a2=0 a3=0"), ElementsAre("Read")) << lines_.All();
+}
+
+TEST_F(EventFactoryTest, MakesAWriteOfAFileOpenedForWriting) {
+  EXPECT_THAT(Actions(2, Path("NORMAL", file_), "a0=0 a1=1 a2=0 a3=0"), ElementsAre("Write")) << lines_.All();
+}
+
+TEST_F(EventFactoryTest, MakesACreateOfANewFolder) {
+  const std::string made = folder_ / "made";
+  ASSERT_EQ(mkdir(made.c_str(), 0700), 0);
+  EXPECT_THAT(Actions(83, Path("PARENT", folder_.Path()) + Path("CREATE", made)), ElementsAre("Create"))
+      << lines_.All();
+}
+
+TEST_F(EventFactoryTest, MakesADeleteOfARemovedFile) {
+  const std::string removed = folder_ / "removed";
+  const std::string paths = Path("PARENT", folder_.Path()) + Path("DELETE", removed, file_);
+  EXPECT_THAT(Actions(87, paths), ElementsAre("Delete")) << lines_.All();
+}
+
+TEST_F(EventFactoryTest, MakesAChangeOfChangedAttributes) {
+  EXPECT_THAT(Actions(90, Path("NORMAL", file_)), ElementsAre("Change")) << lines_.All();
+}
+
+TEST_F(EventFactoryTest, MakesARenameOfANewName) {
+  const std::string paths = Path("PARENT", folder_.Path()) + Path("PARENT", folder_.Path()) +
+                            Path("DELETE", folder_ / "old", file_) + Path("CREATE", file_);
+  EXPECT_THAT(Actions(82, paths), ElementsAre("Rename")) << lines_.All();
+}
+
+TEST_F(EventFactoryTest, MakesADeleteAndThenARenameOfARenameOverAFile) {
+  const std::string victim = folder_.Write("victim", "its inode stands for the replaced file");
+  const std::string paths = Path("PARENT", folder_.Path()) + Path("PARENT", folder_.Path()) +
+                            Path("DELETE", folder_ / "old", file_) + Path("DELETE", file_, victim) +
+                            Path("CREATE", file_);
+  const Events events = Build(82, paths);
+  ASSERT_EQ(events.size(), 2U) << lines_.All();
+  EXPECT_EQ(events[0]->GetAction(), "Delete");
+  EXPECT_EQ(events[1]->GetAction(), "Rename");
+  EXPECT_EQ(events[0]->GetId(), events[1]->GetId());
+}
+
+// The calls that each class stands for, held against the numbers of the x86-64 table.
+TEST_F(EventFactoryTest, KnowsTheFileCallsAndNoOthers) {
+  const std::set<int> known = {
+      0,  1,   2,   17, 18,  19,  20,  76,  77,  257, 295, 296, 304,                      // read and write
+      82, 264, 316,                                                                       // rename
+      83, 85,  86,  88, 133, 258, 259, 265, 266,                                          // create
+      84, 87,  263,                                                                       // delete
+      90, 91,  92,  93, 94,  132, 188, 189, 190, 197, 198, 199, 235, 260, 261, 268, 280,  // attributes
+  };
+  for (int number = 0; number <= kLastSyscall; ++number) {
+    const fakes::LogCapture lines;
+    Build(number, "");
+    EXPECT_EQ(lines.Has("Unsupported syscall in event: " + std::to_string(number)), known.count(number) == 0)
+        << number << "\n"
+        << lines.All();
+  }
+}
+
+}  // namespace
+}  // namespace zagent::audit::internal

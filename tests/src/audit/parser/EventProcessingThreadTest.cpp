@@ -1,0 +1,281 @@
+#include "src/audit/parser/EventProcessingThread.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/fakes/FakeClock.h"
+#include "tests/fakes/FakeEvent.h"
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/RecordingRuleEngine.h"
+
+namespace zagent::audit {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr std::int64_t kSecond = 1'000'000'000;
+
+std::unique_ptr<fakes::FakeEvent> MakeEvent(std::uint32_t id, std::int64_t second, const std::string& action = "") {
+  auto event = std::make_unique<fakes::FakeEvent>();
+  event->id = id;
+  event->timestamp = second * kSecond;
+  event->action = action;
+  return event;
+}
+
+class EventProcessingThreadTest : public testing::Test {
+ protected:
+  // Threads first: what they use stands below.
+  ~EventProcessingThreadTest() override { stage_.reset(); }
+
+  void Add(std::vector<std::unique_ptr<edr::Event>> events) { stage_->AddEvents(std::move(events)); }
+  void AddOne(std::uint32_t id) {
+    std::vector<std::unique_ptr<edr::Event>> events;
+    events.push_back(MakeEvent(id, 1));
+    Add(std::move(events));
+  }
+  void AddMany(std::uint32_t first, std::size_t count) {
+    std::vector<std::unique_ptr<edr::Event>> events;
+    for (std::size_t i = 0; i < count; ++i) events.push_back(MakeEvent(first + static_cast<std::uint32_t>(i), 1));
+    Add(std::move(events));
+  }
+  std::vector<std::uint32_t> Processed(std::size_t count) {
+    std::vector<std::uint32_t> ids;
+    for (std::size_t i = 0; i < count; ++i) ids.push_back(engine_.processed.Take().value_or(0));
+    return ids;
+  }
+
+  fakes::LogCapture lines_;
+  fakes::FakeClock clock_;
+  std::atomic<float> cpu_usage_{0};
+  std::atomic<bool> cpu_fails_{false};
+  fakes::RecordingRuleEngine engine_;
+  static constexpr std::uint64_t kCpuLimit = 30;
+  // A limit of no memory at all gives the smallest queue: 10,000 events.
+  std::unique_ptr<EventProcessingThread> stage_ =
+      std::make_unique<EventProcessingThread>(engine_, kCpuLimit, 0, clock_,
+                                              LoadProbe{[this]() -> float {
+                                                          if (cpu_fails_) throw std::runtime_error("no /proc");
+                                                          return cpu_usage_;
+                                                        },
+                                                        4'000'000});
+};
+
+TEST_F(EventProcessingThreadTest, QueueSizeFollowsTheAllowedMemory) {
+  EXPECT_EQ(EventProcessingThread::QueueLimitFor(0), 10'000U);
+  EXPECT_EQ(EventProcessingThread::QueueLimitFor(33'333), 10'000U);  // n = 999,990
+  EXPECT_EQ(EventProcessingThread::QueueLimitFor(33'334), 10'000U);  // n = 1,000,020
+  EXPECT_EQ(EventProcessingThread::QueueLimitFor(100'000), 30'000U);
+  EXPECT_EQ(EventProcessingThread::QueueLimitFor(333'336), 100'000U);  // n = 10,000,080
+  EXPECT_EQ(EventProcessingThread::QueueLimitFor(333'337), 100'000U);  // n = 10,000,110
+  EXPECT_EQ(EventProcessingThread::QueueLimitFor(100'000'000), 100'000U);
+}
+
+TEST_F(EventProcessingThreadTest, TakesItsShareOfTheTotalMemory) {
+  // 5 percent of 4 million KB are 200,000 KB.
+  const EventProcessingThread stage(engine_, kCpuLimit, 5, clock_, LoadProbe{[] { return 0.0F; }, 4'000'000});
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_DEBUG, "Setting processing queue size to 60000 events")) << lines_.All();
+}
+
+TEST_F(EventProcessingThreadTest, SortsABatchByTimeAndThenBySerial) {
+  stage_->Start();
+  std::vector<std::unique_ptr<edr::Event>> batch;
+  batch.push_back(MakeEvent(9, 2));
+  batch.push_back(MakeEvent(12, 1));
+  batch.push_back(MakeEvent(3, 3));
+  batch.push_back(MakeEvent(11, 1));
+  Add(std::move(batch));
+  EXPECT_THAT(Processed(4), ElementsAre(11, 12, 9, 3));
+}
+
+TEST_F(EventProcessingThreadTest, KeepsTheOrderOfTwoEventsOfOneSerial) {
+  fakes::Mailbox<std::string> actions;
+  engine_.on_process = [&](const edr::Event& event) { actions.Put(event.GetAction()); };
+  stage_->Start();
+  std::vector<std::unique_ptr<edr::Event>> batch;
+  for (int i = 0; i < 20; ++i) {
+    batch.push_back(MakeEvent(7, 1, "Delete " + std::to_string(i)));
+    batch.push_back(MakeEvent(7, 1, "Rename " + std::to_string(i)));
+  }
+  Add(std::move(batch));
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(actions.Take(), "Delete " + std::to_string(i));
+    EXPECT_EQ(actions.Take(), "Rename " + std::to_string(i));
+  }
+}
+
+TEST_F(EventProcessingThreadTest, CallsTheHousekeepingOnceASecondWithoutEvents) {
+  stage_->Start();
+  clock_.AwaitWaiters(1);
+  EXPECT_EQ(clock_.EarliestDeadline() - clock_.Now(), std::chrono::seconds(1));
+  clock_.Advance(std::chrono::milliseconds(999));
+  EXPECT_TRUE(engine_.idled.IsEmpty());
+  clock_.Advance(std::chrono::milliseconds(1));
+  EXPECT_EQ(engine_.idled.Take(), true);
+  clock_.AwaitWaiters(1);
+  clock_.Advance(std::chrono::seconds(1));
+  EXPECT_EQ(engine_.idled.Take(), true);
+}
+
+TEST_F(EventProcessingThreadTest, AnEventEndsTheWaitAtOnce) {
+  stage_->Start();
+  clock_.AwaitWaiters(1);
+  AddOne(5);  // the clock stands still
+  EXPECT_THAT(Processed(1), ElementsAre(5));
+  EXPECT_TRUE(engine_.idled.IsEmpty());
+}
+
+TEST_F(EventProcessingThreadTest, AFailingEventOrHousekeepingCostsNoOther) {
+  engine_.on_process = [](const edr::Event& event) {
+    if (event.GetId() == 2) throw std::runtime_error("no such process");
+  };
+  engine_.on_idle = [] { throw std::runtime_error("cleaner failed"); };
+  stage_->Start();
+  clock_.AwaitWaiters(1);
+  clock_.Advance(std::chrono::seconds(1));
+  EXPECT_EQ(engine_.idled.Take(), true);
+  AddMany(1, 3);
+  EXPECT_THAT(Processed(2), ElementsAre(1, 3));
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_ERROR, "Failed to process event: no such process"));
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_ERROR, "Idle housekeeping failed: cleaner failed"));
+}
+
+TEST_F(EventProcessingThreadTest, AHighCpuLoadSlowsEachEventByTenMillisecondsAndLosesNone) {
+  cpu_usage_ = kCpuLimit + 1;
+  stage_->Start();
+  AddMany(1, 3);
+  for (std::uint32_t id = 1; id <= 3; ++id) {
+    EXPECT_THAT(Processed(1), ElementsAre(id));
+    while (clock_.EarliestDeadline() - clock_.Now() != std::chrono::milliseconds(10)) std::this_thread::yield();
+    EXPECT_TRUE(engine_.processed.IsEmpty()) << "event " << id + 1 << " did not wait";
+    clock_.Advance(std::chrono::milliseconds(10));
+  }
+}
+
+TEST_F(EventProcessingThreadTest, ALoadAtTheLimitIsNotAboveIt) {
+  cpu_usage_ = kCpuLimit;
+  stage_->Start();
+  AddMany(1, 3);
+  EXPECT_THAT(Processed(3), ElementsAre(1, 2, 3));  // the clock stands still
+}
+
+TEST_F(EventProcessingThreadTest, AtItsBoundTheProducerWaitsUntilTheQueueWasTaken) {
+  std::promise<void> open;
+  engine_.on_process = [gate = open.get_future().share()](const edr::Event& event) {
+    if (event.GetId() == 1) gate.wait();
+  };
+  stage_->Start();
+  AddOne(1);
+  // The stage holds on to event 1, so what follows fills the queue.
+  while (!lines_.Has("Audit active event processing queue size: 1 events")) std::this_thread::yield();
+  AddMany(2, 10'000);
+  auto producer = std::async(std::launch::async, [this] { AddOne(20'000); });
+  while (!lines_.Has(Poco::Message::PRIO_WARNING, "Processing queue threshold hit. Stopped adding events to que")) {
+    std::this_thread::yield();
+  }
+  EXPECT_FALSE(lines_.Has("Enabling the processing queue"));
+  open.set_value();
+  producer.get();
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_INFORMATION, "Enabling the processing queue"));
+  EXPECT_EQ(Processed(10'002).back(), 20'000U) << "nothing was lost";
+}
+
+TEST_F(EventProcessingThreadTest, BelowItsBoundTheProducerDoesNotWaitEvenIfOneCallPassesTheBound) {
+  std::promise<void> open;
+  engine_.on_process = [gate = open.get_future().share()](const edr::Event&) { gate.wait(); };
+  stage_->Start();
+  AddOne(1);
+  while (!lines_.Has("Audit active event processing queue size: 1 events")) std::this_thread::yield();
+  AddMany(2, 9'999);
+  AddMany(20'000, 50);
+  EXPECT_FALSE(lines_.Has("Processing queue threshold hit."));
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_DEBUG, "Audit event processing buffer queue size: 10049 events"));
+  open.set_value();
+}
+
+TEST_F(EventProcessingThreadTest, StopReleasesAProducerThatWaitsAtTheBound) {
+  std::promise<void> open;
+  engine_.on_process = [gate = open.get_future().share()](const edr::Event&) { gate.wait(); };
+  stage_->Start();
+  AddOne(1);
+  while (!lines_.Has("Audit active event processing queue size: 1 events")) std::this_thread::yield();
+  AddMany(2, 10'000);
+  auto producer = std::async(std::launch::async, [this] { AddOne(20'000); });
+  while (!lines_.Has("Processing queue threshold hit.")) std::this_thread::yield();
+  auto stopping = std::async(std::launch::async, [this] { stage_->Stop(); });
+  producer.get();
+  open.set_value();
+  stopping.get();
+  EXPECT_THAT(Processed(1), ElementsAre(1));
+  EXPECT_TRUE(engine_.processed.IsEmpty()) << "what was queued at the stop is dropped";
+}
+
+TEST_F(EventProcessingThreadTest, AStoppedStageNeverBlocksAndProcessesNothing) {
+  AddMany(1, 10'001);
+  AddOne(2);
+  stage_->Start();
+  stage_->Stop();
+  AddMany(1, 10'001);
+  AddOne(2);
+  stage_->Start();
+  AddOne(7);
+  EXPECT_THAT(Processed(1), ElementsAre(7));
+}
+
+TEST_F(EventProcessingThreadTest, StopWakesTheThreadFromItsWait) {
+  stage_->Start();
+  clock_.AwaitWaiters(1);
+  stage_->Stop();  // the clock stands still
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_DEBUG, "Started parsed events processing thread"));
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_INFORMATION, "Stopping parsed events processing thread"));
+  EXPECT_TRUE(engine_.idled.IsEmpty());
+  stage_->Stop();
+  EXPECT_EQ(lines_.Count("Stopping parsed events processing thread"), 1);
+}
+
+TEST_F(EventProcessingThreadTest, StopWakesTheThreadFromItsCpuPause) {
+  cpu_usage_ = 100;
+  stage_->Start();
+  AddMany(1, 2);
+  EXPECT_THAT(Processed(1), ElementsAre(1));
+  stage_->Stop();  // the clock stands still
+  EXPECT_TRUE(engine_.processed.IsEmpty());
+}
+
+TEST_F(EventProcessingThreadTest, RunsOnceAtATime) {
+  stage_->Start();
+  try {
+    stage_->Start();
+    FAIL() << "started twice";
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(error.what(), "Parsed events processing thread already running");
+  }
+}
+
+TEST_F(EventProcessingThreadTest, StopTellsWhatTheThreadDiedOf) {
+  cpu_fails_ = true;
+  stage_->Start();
+  AddOne(1);
+  EXPECT_THAT(Processed(1), ElementsAre(1));
+  while (!lines_.Has(Poco::Message::PRIO_ERROR, "Parsed events processing thread has ended: no /proc")) {
+    std::this_thread::yield();
+  }
+  EXPECT_THROW(stage_->Stop(), std::runtime_error);
+  cpu_fails_ = false;
+  stage_->Start();
+  AddOne(2);
+  EXPECT_THAT(Processed(1), ElementsAre(2));
+}
+
+}  // namespace
+}  // namespace zagent::audit

@@ -1,0 +1,322 @@
+#include "src/audit/parser/ParserThread.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <libaudit.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <future>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "src/audit/channels/KernelIOChannel.h"
+#include "tests/fakes/AuditLog.h"
+#include "tests/fakes/ChannelLog.h"
+#include "tests/fakes/FakeClock.h"
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/RecordingRuleEngine.h"
+#include "tests/fakes/ScriptedAuditSource.h"
+#include "tests/fakes/ScriptedEventFactory.h"
+
+namespace zagent::audit {
+namespace {
+
+using fakes::AuditLog;
+using fakes::ToBytes;
+using testing::ElementsAre;
+
+constexpr std::size_t kMiB = 1'048'576;
+constexpr std::chrono::milliseconds kFlushDelay{100};
+
+// A channel without a thread: a test reads from it by hand.
+class HandChannel final : public IOChannel {
+ public:
+  HandChannel() : IOChannel(1, 0) {}
+  void Deliver(Bytes data) { OnRead(std::move(data)); }
+  void Deliver(const std::string& text) { OnRead(ToBytes(text)); }
+};
+
+// Lines that are no records.
+IOChannel::Bytes Filler(std::size_t size) {
+  IOChannel::Bytes bytes(size, 'x');
+  for (std::size_t i = 8191; i < size; i += 8192) bytes[i] = '\n';
+  bytes.back() = '\n';
+  return bytes;
+}
+
+class ParserThreadTest : public testing::Test {
+ protected:
+  ParserThreadTest() {
+    parser_ = std::make_unique<ParserThread>(channel_, engine_, kCpuLimit, 0, clock_,
+                                             ParserThread::Seams{factory_.Get(), [this] {
+                                                                   // The first one is the parser's own.
+                                                                   const bool parser = probes_++ == 0;
+                                                                   return parser ? ParserProbe() : IdleProbe();
+                                                                 }});
+  }
+  // Threads first: what they use stands below.
+  ~ParserThreadTest() override { parser_.reset(); }
+
+  LoadProbe ParserProbe() {
+    return {[this]() -> float {
+              if (cpu_fails_) throw std::runtime_error("no /proc");
+              return pause_at_.count(++measured_) != 0 ? 100.0F : cpu_usage_.load();
+            },
+            4'000'000};
+  }
+  static LoadProbe IdleProbe() {
+    return {[] { return 0.0F; }, 4'000'000};
+  }
+  std::vector<std::uint32_t> Processed(std::size_t count) {
+    std::vector<std::uint32_t> ids;
+    for (std::size_t i = 0; i < count; ++i) ids.push_back(engine_.processed.Take().value_or(0));
+    return ids;
+  }
+  // The parser waits for more data with auparse holding something. The second stage waits for a full second.
+  void AwaitFlushWait() {
+    while (clock_.EarliestDeadline() - clock_.Now() != kFlushDelay) std::this_thread::yield();
+  }
+  void AwaitCpuPauses(int count) {
+    while (lines_.Count("Audit parser thread: Pausing thread") < count) std::this_thread::yield();
+    clock_.AwaitWaiters(2);
+  }
+
+  static constexpr std::uint64_t kCpuLimit = 30;
+  fakes::LogCapture lines_;
+  AuditLog log_;
+  fakes::FakeClock clock_;
+  std::atomic<float> cpu_usage_{0};
+  std::atomic<bool> cpu_fails_{false};
+  std::atomic<int> measured_{0};
+  std::set<int> pause_at_;  // measurements that find a high load, counted from 1
+  int probes_ = 0;
+  fakes::RecordingRuleEngine engine_;
+  fakes::ScriptedEventFactory factory_;
+  HandChannel channel_;
+  // No allowed memory at all gives the smallest queue: 100 MiB, 50 MiB to resume.
+  std::unique_ptr<ParserThread> parser_;
+};
+
+TEST_F(ParserThreadTest, QueueSizeFollowsTheAllowedMemory) {
+  using Limits = ParserThread::QueueLimits;
+  EXPECT_EQ(ParserThread::QueueLimitsFor(0), (Limits{100 * kMiB, 50 * kMiB}));
+  EXPECT_EQ(ParserThread::QueueLimitsFor(20'479'999), (Limits{100 * kMiB, 50 * kMiB}));
+  EXPECT_EQ(ParserThread::QueueLimitsFor(20'480'000), (Limits{102'400 * 1024, 51'200 * 1024}));
+  EXPECT_EQ(ParserThread::QueueLimitsFor(100'000'000), (Limits{512'000'000, 256'000'000}));
+  EXPECT_EQ(ParserThread::QueueLimitsFor(209'715'399), (Limits{1'048'576ULL * 1024, 524'288ULL * 1024}));
+  EXPECT_EQ(ParserThread::QueueLimitsFor(209'715'400), (Limits{1024 * kMiB, 512 * kMiB}));
+  EXPECT_EQ(ParserThread::QueueLimitsFor(100ULL * 1024 * 1024 * 1024), (Limits{1024 * kMiB, 512 * kMiB}));
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_DEBUG, "Setting parser queue size to 102400 KB")) << lines_.All();
+}
+
+TEST_F(ParserThreadTest, FlushesThePendingEventAfter100MillisecondsAndThenSleepsWithoutALimit) {
+  parser_->Start();
+  channel_.Deliver(log_.Event(AuditLog::kMkdir));
+  AwaitFlushWait();
+  EXPECT_TRUE(engine_.processed.IsEmpty()) << "auparse holds it until the next event";
+  clock_.Advance(kFlushDelay);
+  EXPECT_THAT(Processed(1), ElementsAre(AuditLog::kMkdir));
+  // Only the second stage waits for the clock from here on.
+  clock_.AwaitWaiters(1);
+  EXPECT_GT(clock_.EarliestDeadline() - clock_.Now(), kFlushDelay);
+}
+
+TEST_F(ParserThreadTest, JoinsARecordThatWasSplitOverTwoReads) {
+  parser_->Start();
+  const std::string event = log_.Event(AuditLog::kMkdir);
+  channel_.Deliver(event.substr(0, 100));
+  AwaitFlushWait();
+  channel_.Deliver(event.substr(100));
+  while (measured_ < 4) std::this_thread::yield();
+  AwaitFlushWait();
+  clock_.Advance(kFlushDelay);
+  EXPECT_THAT(Processed(1), ElementsAre(AuditLog::kMkdir));
+  EXPECT_THAT(factory_.syscalls, ElementsAre(83));
+}
+
+TEST_F(ParserThreadTest, PassesEventsOnWithoutAFlushWhenMoreFollow) {
+  parser_->Start();
+  channel_.Deliver(log_.Event(AuditLog::kMkdir) + log_.Event(AuditLog::kRmdir));
+  EXPECT_THAT(Processed(1), ElementsAre(AuditLog::kMkdir));  // the clock stands still
+}
+
+TEST_F(ParserThreadTest, ReadsTheLogOfARealKernelThroughTheKernelChannel) {
+  fakes::ScriptedAuditSource kernel;
+  KernelIOChannel channel(kernel);
+  fakes::RecordingRuleEngine engine;
+  fakes::ScriptedEventFactory factory;
+  ParserThread parser(channel, engine, kCpuLimit, 0, clock_, ParserThread::Seams{factory.Get(), IdleProbe});
+  parser.Start();
+  channel.Start();
+  for (const unsigned serial : {AuditLog::kMkdir, AuditLog::kRmdir, AuditLog::kRenameOver}) {
+    for (const std::string& record : log_.Records(serial)) {
+      const std::string type = record.substr(5, record.find(' ') - 5);
+      const std::string text = record.substr(record.find("audit("));
+      kernel.Push(audit_name_to_msg_type(type.c_str()), text.substr(0, text.size() - 1));
+    }
+  }
+  EXPECT_EQ(engine.processed.Take(), AuditLog::kMkdir);
+  EXPECT_EQ(engine.processed.Take(), AuditLog::kRmdir);
+  channel.Stop();
+  parser.Stop();
+}
+
+TEST_F(ParserThreadTest, FeedsInStepsOfOneMiBAndMeasuresTheLoadAfterEach) {
+  channel_.Deliver(Filler(5 * kMiB + 1));
+  parser_->Start();
+  AwaitFlushWait();
+  EXPECT_EQ(measured_, 6 + 1) << "six steps and once more at the end";
+}
+
+TEST_F(ParserThreadTest, PausesASecondAtATimeWhileTheLoadIsHigh) {
+  cpu_usage_ = 31.5;
+  parser_->Start();
+  channel_.Deliver(log_.Event(AuditLog::kMkdir));
+  AwaitCpuPauses(1);
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_DEBUG,
+                         "Audit parser thread: Pausing thread as cpu usage (31.5) is higher than configured threshold "
+                         "(30)"))
+      << lines_.All();
+  clock_.Advance(std::chrono::seconds(1));
+  AwaitCpuPauses(2);
+  cpu_usage_ = 30;
+  clock_.Advance(std::chrono::seconds(1));
+  AwaitFlushWait();
+  clock_.Advance(kFlushDelay);
+  EXPECT_THAT(Processed(1), ElementsAre(AuditLog::kMkdir));
+  EXPECT_EQ(lines_.Count("Audit parser thread: Pausing thread"), 2);
+}
+
+TEST_F(ParserThreadTest, AtItsLimitItDropsBytesUntilHalfIsFreeAgain) {
+  const std::string warning = "Audit parser queue threshold hit. Disabling queueing of events.";
+  for (int i = 0; i < 99; ++i) channel_.Deliver(Filler(kMiB));
+  channel_.Deliver(Filler(kMiB + 5));
+  EXPECT_FALSE(lines_.Has(warning)) << "the bytes that reach the limit still get in";
+  channel_.Deliver("x");
+  channel_.Deliver("x");
+  EXPECT_EQ(lines_.Count(warning), 1);
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_WARNING, warning));
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_DEBUG, "Audit parser queue size: 102400 KB"));
+
+  // The load lets the parser feed one step at a time.
+  cpu_usage_ = 100;
+  parser_->Start();
+  AwaitCpuPauses(1);
+  channel_.Deliver("x");
+  EXPECT_FALSE(lines_.Has("Enabling the audit parser queue")) << "below the limit, but above the mark";
+
+  cpu_usage_ = 0;
+  clock_.Advance(std::chrono::seconds(1));
+  AwaitFlushWait();
+  channel_.Deliver(log_.Event(AuditLog::kMkdir) + log_.Event(AuditLog::kRmdir));
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_INFORMATION, "Enabling the audit parser queue"));
+  EXPECT_THAT(Processed(1), ElementsAre(AuditLog::kMkdir));
+}
+
+TEST_F(ParserThreadTest, TakesBytesAgainExactlyAtTheMark) {
+  channel_.Deliver(Filler(100 * kMiB));
+  channel_.Deliver("dropped");
+  // One measurement follows each step, another one each pause.
+  pause_at_ = {49, 51};
+  parser_->Start();
+  AwaitCpuPauses(1);
+  channel_.Deliver("dropped");
+  EXPECT_FALSE(lines_.Has("Enabling the audit parser queue")) << "51 MiB are left";
+  clock_.Advance(std::chrono::seconds(1));
+  AwaitCpuPauses(2);
+  channel_.Deliver(log_.Event(AuditLog::kMkdir) + log_.Event(AuditLog::kRmdir));
+  EXPECT_TRUE(lines_.Has("Enabling the audit parser queue")) << "50 MiB are left";
+  clock_.Advance(std::chrono::seconds(1));
+  EXPECT_THAT(Processed(1), ElementsAre(AuditLog::kMkdir));
+}
+
+TEST_F(ParserThreadTest, StopEndsTheSecondStageFirst) {
+  parser_->Start();
+  parser_->Stop();
+  const auto lines = lines_.Lines();
+  const auto position = [&](const std::string& text) {
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+      if (lines[i].getText().find(text) != std::string::npos) return static_cast<int>(i);
+    }
+    return -1;
+  };
+  EXPECT_GE(position("Stopping parsed events processing thread"), 0);
+  EXPECT_GT(position("Stopping Audit Parser Thread"), position("Stopping parsed events processing thread"));
+  parser_->Stop();
+  EXPECT_EQ(lines_.Count("Stopping Audit Parser Thread"), 1) << "harmless when stopped";
+}
+
+TEST_F(ParserThreadTest, StopWakesTheParserFromEveryWait) {
+  parser_->Start();
+  parser_->Stop();  // idle, without a time limit
+
+  parser_->Start();
+  channel_.Deliver(log_.Event(AuditLog::kMkdir));
+  AwaitFlushWait();
+  parser_->Stop();  // before the flush; the clock stands still
+
+  cpu_usage_ = 100;
+  parser_->Start();
+  channel_.Deliver(log_.Event(AuditLog::kRmdir));
+  AwaitCpuPauses(1);
+  parser_->Stop();  // in the CPU pause; the clock stands still
+}
+
+TEST_F(ParserThreadTest, StopReleasesAParserThatWaitsForSpaceInTheSecondStage) {
+  std::promise<void> open;
+  engine_.on_process = [gate = open.get_future().share()](const edr::Event&) { gate.wait(); };
+  std::string events;
+  const std::string one = log_.Event(AuditLog::kMkdir);
+  for (int serial = 1; serial <= 10'100; ++serial) {
+    std::string event = one.substr(0, one.find('\n') + 1);
+    event = fakes::Replaced(event, ":27): ", ":" + std::to_string(serial) + "): ");
+    events += event + "type=PROCTITLE msg=audit(1795162409.432:" + std::to_string(serial) + "): proctitle=\"x\"\n";
+  }
+  parser_->Start();
+  channel_.Deliver(events.substr(0, events.size() / 2));
+  while (!lines_.Has("Audit active event processing queue size: ")) std::this_thread::yield();
+  channel_.Deliver(events);
+  channel_.Deliver(events);
+  channel_.Deliver(events);
+  while (!lines_.Has("Processing queue threshold hit.")) std::this_thread::yield();
+  auto stopping = std::async(std::launch::async, [this] { parser_->Stop(); });
+  while (!lines_.Has("Enabling the processing queue")) std::this_thread::yield();
+  open.set_value();
+  stopping.get();
+}
+
+TEST_F(ParserThreadTest, StartsAgainAfterAStop) {
+  parser_->Start();
+  parser_->Stop();
+  parser_->Start();
+  channel_.Deliver(log_.Event(AuditLog::kMkdir) + log_.Event(AuditLog::kRmdir));
+  EXPECT_THAT(Processed(1), ElementsAre(AuditLog::kMkdir));
+}
+
+TEST_F(ParserThreadTest, RunsOnceAtATime) {
+  parser_->Start();
+  try {
+    parser_->Start();
+    FAIL() << "started twice";
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(error.what(), "Audit Parser thread already running");
+  }
+}
+
+TEST_F(ParserThreadTest, StopTellsWhatTheParserDiedOf) {
+  cpu_fails_ = true;
+  parser_->Start();
+  channel_.Deliver("type=EOE msg=audit(1.000:1): \n");
+  while (!lines_.Has(Poco::Message::PRIO_ERROR, "Audit Parser Thread has ended: no /proc")) std::this_thread::yield();
+  EXPECT_THROW(parser_->Stop(), std::runtime_error);
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_INFORMATION, "Started Audit Parser Thread"));
+}
+
+}  // namespace
+}  // namespace zagent::audit
