@@ -17,10 +17,9 @@ class Mailbox {
   static constexpr std::chrono::seconds kPatience{20};
 
   void Put(T thing) {
-    {
-      const std::lock_guard lock(mutex_);
-      things_.push_back(std::move(thing));
-    }
+    // Notified under the lock: the test may end, and this with it, as soon as it has what it waited for.
+    const std::lock_guard lock(mutex_);
+    things_.push_back(std::move(thing));
     arrived_.notify_all();
   }
 

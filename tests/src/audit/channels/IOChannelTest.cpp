@@ -138,9 +138,9 @@ TEST_F(IOChannelTest, EndsAMessageAt64KiBWithoutWaitingForTheGap) {
 }
 
 TEST_F(IOChannelTest, ReadsInStepsOfItsBufferSize) {
+  fakes::ChannelLog log;
   TestChannel small_steps(3);
   small_steps.Use(ours_.Get(), -1);
-  fakes::ChannelLog log;
   log.ListenTo(small_steps);
   PeerWrites("0123456789");
   small_steps.Start();
@@ -324,9 +324,9 @@ TEST_F(IOChannelTest, HoldsItsThreadAfterItEndedByItself) {
 }
 
 TEST_F(IOChannelTest, ReportsATimeLimitThatPassesInSilence) {
+  fakes::ChannelLog log;
   TestChannel limited(65'536, 1);
   limited.Use(ours_.Get(), -1);
-  fakes::ChannelLog log;
   log.ListenTo(limited);
   limited.Start();
   EXPECT_EQ(log.errors.Take(), Error::Timeout);
@@ -334,10 +334,10 @@ TEST_F(IOChannelTest, ReportsATimeLimitThatPassesInSilence) {
 }
 
 TEST_F(IOChannelTest, GoesOnAfterATimeoutThatWasForgiven) {
+  fakes::ChannelLog log;
   TestChannel limited(65'536, 1);
   limited.Use(ours_.Get(), -1);
   limited.timeouts_to_forgive = 1;
-  fakes::ChannelLog log;
   log.ListenTo(limited);
   limited.Start();
   EXPECT_EQ(log.errors.Take(), Error::Timeout);
@@ -345,9 +345,9 @@ TEST_F(IOChannelTest, GoesOnAfterATimeoutThatWasForgiven) {
 }
 
 TEST_F(IOChannelTest, WithoutATimeLimitSilenceIsNoTimeout) {
+  fakes::ChannelLog log;
   TestChannel limited(65'536, 1);
   limited.Use(ours_.Get(), -1);
-  fakes::ChannelLog log;
   log.ListenTo(limited);
   channel_.Use(peer_.Get(), -1);
   channel_.Start();

@@ -265,8 +265,8 @@ TEST_F(UnixStreamSockIOChannelTest, TheServerSaysThatItCannotBind) {
 
 TEST_F(UnixStreamSockIOChannelTest, ASecondClientWaitsUntilTheFirstHasGone) {
   ConnectClient(-1);
-  UnixClientStreamSockIOChannel second(path_, -1);
   fakes::ChannelLog second_log;
+  UnixClientStreamSockIOChannel second(path_, -1);
   second_log.ListenTo(second);
   second.Start();
   second.Send(ToBytes("may I?"));
