@@ -1,0 +1,127 @@
+# A guest with a real kernel: Debian's cloud kernel in QEMU's software emulation, on an initramfs with busybox, the
+# programs of one build folder and the libraries they need. No disk, no root file system, no KVM, nothing installed.
+# Source after common.sh.
+
+GUEST_CACHE="$ROOT/build/guest"
+
+# What the guest finds in /usr/local/bin, as far as the build folder has it.
+GUEST_PROGRAMS=(ostrel-edr reference-agent reference-receiver file-actor audit-rules kernel_rules_guest_test)
+
+# guest_kernel: prints the path of a kernel image and downloads its package when no cached one serves. The package is
+# the one that linux-image-cloud-amd64 stands for on this machine; it is unpacked, never installed.
+guest_kernel() {
+  mkdir -p "$GUEST_CACHE/kernel"
+  (
+    flock 9
+    local package version folder
+    package=$(apt-cache depends linux-image-cloud-amd64 2>/dev/null | sed -n 's/^ *Depends: \(linux-image-.*\)/\1/p')
+    version=$(apt-cache policy "${package:-none}" 2>/dev/null | sed -n 's/^ *Candidate: //p')
+    folder="$GUEST_CACHE/kernel/${package}_${version}"
+    if [[ -z $package || ! -e $folder/vmlinuz ]]; then
+      # A cached kernel of another version is as real as the newest one: stay off the network.
+      folder=$(ls -td "$GUEST_CACHE"/kernel/*/ 2>/dev/null | head -n 1)
+    fi
+    if [[ -z $folder || ! -e $folder/vmlinuz ]]; then
+      folder=$(guest_download_kernel) || exit 1
+    fi
+    printf '%s\n' "${folder%/}/vmlinuz"
+  ) 9>"$GUEST_CACHE/kernel.lock"
+}
+
+guest_download_kernel() {
+  local scratch package folder
+  scratch=$(mktemp -d "$GUEST_CACHE/download.XXXXXX")
+  progress "downloading the guest's kernel" >&2
+  for try in 1 2; do
+    package=$(apt-cache depends linux-image-cloud-amd64 2>/dev/null | sed -n 's/^ *Depends: \(linux-image-.*\)/\1/p')
+    # The second try is for package lists that are missing or older than the archive.
+    if [[ -n $package ]] && (cd "$scratch" && apt-get -q -o APT::Sandbox::User=root download "$package") >&2; then
+      break
+    elif ((try == 2 || EUID != 0)); then
+      echo "Cannot download ${package:-linux-image-cloud-amd64}: run 'apt-get update' as root and try again." >&2
+      rm -r "$scratch"
+      return 1
+    fi
+    apt-get -q update >&2
+  done
+  dpkg-deb --fsys-tarfile "$scratch"/*.deb | tar -x -C "$scratch" --wildcards --transform 's,.*/vmlinuz-.*,vmlinuz,' './boot/vmlinuz-*'
+  folder="$GUEST_CACHE/kernel/$(dpkg-deb -W --showformat='${Package}_${Version}' "$scratch"/*.deb)"
+  mkdir -p "$folder"
+  mv "$scratch/vmlinuz" "$folder/vmlinuz"
+  rm -r "$scratch"
+  printf '%s\n' "$folder"
+}
+
+# guest_image BIN: prints the path of an initramfs with the programs of the build folder BIN; makes it again only when
+# one of its ingredients is newer. Several callers may ask at the same time.
+guest_image() {
+  local bin="$1" image
+  image="$(dirname "$bin")/guest/base.cpio"
+  mkdir -p "$(dirname "$image")"
+  (
+    flock 9
+    if guest_image_is_stale "$bin" "$image"; then guest_make_image "$bin" "$image" || exit 1; fi
+    printf '%s\n' "$image"
+  ) 9>"$image.lock"
+}
+
+guest_image_is_stale() {
+  local bin="$1" image="$2" program
+  [[ -e $image ]] || return 0
+  for program in "${GUEST_PROGRAMS[@]}"; do
+    if [[ $bin/$program -nt $image ]]; then return 0; fi
+  done
+  [[ -n $(find "$ROOT/examples" "$ROOT/tests/vm/root" "$ROOT/scripts/lib/guest.sh" -newer "$image" -print -quit) ]]
+}
+
+guest_make_image() {
+  local bin="$1" image="$2" tree program programs=()
+  tree=$(mktemp -d "$image.XXXXXX")
+  mkdir -p "$tree"/{bin,dev,proc,sys,etc/ostrel/host-warden,root,srv,tmp,run,usr/local/bin,var/lib/ostrel,var/log/ostrel}
+  ln -s ../run "$tree/var/run"
+  chmod 1777 "$tree/tmp"
+  for program in "${GUEST_PROGRAMS[@]}"; do
+    if [[ -x $bin/$program ]]; then programs+=("$bin/$program"); fi
+  done
+  cp /bin/busybox "$tree/bin/busybox"
+  guest_add_programs "$tree" "${programs[@]}"
+  cp -r "$ROOT/tests/vm/root/." "$tree/"
+  cp -r "$ROOT/examples" "$tree/examples"
+  cp -L /usr/lib/file/magic.mgc "$tree/etc/ostrel/host-warden/magic.mgc"
+  (cd "$tree" && guest_pack) >"$image.new" || return
+  rm -r "$tree"
+  mv "$image.new" "$image"
+}
+
+# Programs without their debug information, and every library that the loader would open for them.
+guest_add_programs() {
+  local tree="$1" program library
+  shift
+  for program; do
+    strip --strip-debug -o "$tree/usr/local/bin/$(basename "$program")" "$program" || return
+    chmod 0755 "$tree/usr/local/bin/$(basename "$program")"
+  done
+  if ldd "$@" | grep 'not found' >&2; then return 1; fi
+  while read -r library; do
+    mkdir -p "$tree$(dirname "$library")"
+    cp -L "$library" "$tree$library"
+  done < <(ldd "$@" | grep -o '/[^ ]*\.so[^ ]*' | grep -v ':$' | sort -u)
+}
+
+# guest_pack: the folder that it is called in as one archive of an initramfs, on standard output.
+guest_pack() { find . -print0 | cpio --null --create --format=newc --owner=0:0 --quiet; }
+
+# guest_boot SECONDS PLACE [WORD...]: boots PLACE/initrd with the console on this terminal and, as a copy, in
+# PLACE/console; what the guest writes to its second serial line goes to PLACE/files.tar. Ends when the guest powers
+# off or the time is over (code 124; 0 seconds are no limit). The words end up in the guest's /proc/cmdline.
+guest_boot() {
+  local seconds="$1" place="$2" kernel
+  shift 2
+  kernel=$(guest_kernel) || return
+  # Ends with the script that boots it, in whatever way that one ends.
+  setpriv --pdeathsig TERM timeout --foreground --kill-after=5 "$seconds" \
+    qemu-system-x86_64 -accel tcg -cpu max -m 1024 -smp 2 -display none -no-reboot -net none \
+    -chardev "stdio,id=console,signal=off,logfile=$place/console" -serial chardev:console \
+    -serial "file:$place/files.tar" -kernel "$kernel" -initrd "$place/initrd" \
+    -append "console=ttyS0 quiet audit=1 panic=-1 rdinit=/init $*"
+}

@@ -1,0 +1,34 @@
+# The one list of Debian packages that the project stands on. Source after common.sh.
+
+# What the daemon and the tools are built from.
+PACKAGES=(
+  build-essential cmake ninja-build ccache mold pkg-config git
+  libaudit-dev libauparse-dev libcurl4-openssl-dev libssl-dev liblzma-dev libmagic-dev libpoco-dev rapidjson-dev
+  libgtest-dev libgmock-dev libbenchmark-dev clang-format clang-tidy
+)
+# What boots a real kernel around them.
+PACKAGES+=(qemu-system-x86 busybox-static cpio zstd libmagic-mgc)
+
+# missing_packages: the names of the list that are not installed, one a line.
+missing_packages() {
+  local installed
+  installed=$(dpkg-query -W -f '${db:Status-Abbrev} ${Package}\n' "${PACKAGES[@]}" 2>/dev/null | sed -n 's/^ii  *//p')
+  comm -23 <(printf '%s\n' "${PACKAGES[@]}" | sort -u) <(sort -u <<<"$installed")
+}
+
+# ensure_packages: installs what is missing. Asks no network when nothing is; without root it prints what to run
+# and fails.
+ensure_packages() {
+  local missing
+  mapfile -t missing < <(missing_packages)
+  if ((${#missing[@]} == 0)); then return 0; fi
+  if ((EUID != 0)); then
+    echo "Missing packages. Run as root:" >&2
+    echo "  apt-get update && apt-get install -y --no-install-recommends ${missing[*]}" >&2
+    return 1
+  fi
+  progress "installing ${#missing[@]} packages: ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  quietly "$ROOT/build/setup.log" apt-get update || return
+  quietly "$ROOT/build/setup.log" apt-get install -y --no-install-recommends "${missing[@]}"
+}
