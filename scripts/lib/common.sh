@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Shared by the scripts of this folder: where the repository is, what a line of progress looks like.
 # Source it; it sets ROOT and changes nothing else.
 

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # A guest with a real kernel: Debian's cloud kernel in QEMU's software emulation, on an initramfs with busybox, the
 # programs of one build folder and the libraries they need. No disk, no root file system, no KVM, nothing installed.
 # Source after common.sh.
@@ -6,6 +7,9 @@ GUEST_CACHE="$ROOT/build/guest"
 
 # What the guest finds in /usr/local/bin, as far as the build folder has it.
 GUEST_PROGRAMS=(ostrel-edr reference-agent reference-receiver file-actor audit-rules kernel_rules_guest_test)
+
+# The targets of them that a demonstration needs.
+DEMO_TARGETS=(ostrel-edr reference-agent reference-receiver file_actor audit_rules_list)
 
 # guest_kernel: prints the path of a kernel image and downloads its package when no cached one serves. The package is
 # the one that linux-image-cloud-amd64 stands for on this machine; it is unpacked, never installed.

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # The one list of Debian packages that the project stands on. Source after common.sh.
 
 # What the daemon and the tools are built from.

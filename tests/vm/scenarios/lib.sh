@@ -1,0 +1,222 @@
+# shellcheck shell=dash
+# The vocabulary of the scenarios. Each is a script for the guest's busybox shell that begins with ". /scenario/lib.sh"
+# and tells, step by step, what is done to the daemon and what must come of it:
+#
+#   PASS name          one line an expectation that held
+#   FAIL name: why     and one for each that did not
+#
+# The platform is reference-receiver on port 8443, the parent agent is reference-agent, both as people outside use them.
+
+WATCHED=/srv/watched
+CONF=/etc/ostrel/host-warden
+LOG=/var/log/ostrel
+SPOOL=/var/lib/ostrel/fim-spool
+RECEIVED=$LOG/received   # accepted payloads, one file each
+OWED=/run/owed           # a line "done ..." for each event that must come
+DAEMON=/usr/local/bin/ostrel-edr
+
+# ---- telling
+
+# step TEXT...: a line of the road, shown to who watches.
+step() { echo "road: $*"; }
+
+pass() { echo "PASS $1"; }
+
+fail() {
+  local name="$1"
+  shift
+  echo "FAIL $name: $*"
+}
+
+# expect NAME COMMAND...: the command succeeds; what it printed is the reason when not.
+expect() {
+  local name="$1" output
+  shift
+  if output=$("$@" 2>&1); then
+    pass "$name"
+  else
+    fail "$name" "$* (code $?) $(echo "$output" | tail -n 5 | tr '\n' ' ')"
+  fi
+}
+
+# is ACTUAL EXPECTED
+is() {
+  if [ "$1" != "$2" ]; then
+    echo "is '$1' instead of '$2'"
+    return 1
+  fi
+}
+
+not() { ! "$@"; }
+
+# wait_until SECONDS COMMAND...: tries it five times a second.
+wait_until() {
+  local tries=$(($1 * 5))
+  shift
+  until "$@" >/dev/null 2>&1; do
+    tries=$((tries - 1))
+    if [ $tries -le 0 ]; then
+      echo "in vain: $*"
+      return 1
+    fi
+    sleep 0.2
+  done
+}
+
+# log_says TEXT [FILE]: the daemon's log, or the named one, has the text.
+log_says() { grep -qF -- "$1" "$LOG/${2:-edr.log}"; }
+
+# ---- the platform
+
+# start_receiver [SWITCH...]: with the customer and the agent of the configuration.
+start_receiver() {
+  local before
+  mkdir -p "$RECEIVED"
+  before=$(grep -c '^listening on' $LOG/receiver.log 2>/dev/null)
+  reference-receiver --port 8443 --store $RECEIVED --ca-out $CONF/platform-ca.pem --customer "$(configured customer_id)" \
+    --agent "$(configured agent_id)" --activation "$(configured activation_id)" "$@" >>$LOG/receiver.log 2>&1 &
+  RECEIVER=$!
+  wait_until 20 receiver_listens $((${before:-0} + 1)) || fail "receiver starts" "$(tail -n 3 $LOG/receiver.log)"
+}
+
+receiver_listens() { [ "$(grep -c '^listening on' $LOG/receiver.log)" -ge "$1" ]; }
+
+stop_receiver() {
+  kill "$RECEIVER"
+  wait "$RECEIVER" 2>/dev/null
+}
+
+# ---- configuration
+
+# configured KEY: the value of a text of the example configuration.
+configured() { sed -n "s/^ *\"$1\": \"\(.*\)\",*$/\1/p" /examples/edr.conf.json | head -n 1; }
+
+# write_configuration: what stands in examples/, at the places that the configuration names, with the daemon's log at debug.
+write_configuration() {
+  mkdir -p $CONF $WATCHED "$(configured agent_install_path)"
+  cp /examples/edr.conf.json /examples/fim-manifest.json $CONF/
+  sed 's/^\(logging.loggers.l0.level\) = .*/\1 = debug/' /examples/log.properties >$CONF/log.properties
+}
+
+# configure KEY VALUE: changes a key of the written configuration; the value is JSON, texts with their quotes.
+configure() { sed -i "s|^\( *\"$1\": \).*[^,]\(,*\)$|\1$2\2|" $CONF/edr.conf.json; }
+
+# ---- the agent and the daemon
+
+# start_agent: starts the agent, and the agent the daemon; the configuration names the agent's process.
+start_agent() {
+  # The shell becomes the agent, so its process id is known before the agent reads the file.
+  sh -c "sed -i 's/\"host_warden_pid\": [0-9]*/\"host_warden_pid\": '\$\$'/' $CONF/edr.conf.json
+         exec reference-agent run --daemon $DAEMON --config $CONF/edr.conf.json" >>$LOG/agent.log 2>&1 &
+  AGENT=$!
+}
+
+daemon_pid() { pidof ostrel-edr; }
+
+# daemon_running: it receives the kernel's records, so start-up is over.
+daemon_running() { audit-rules status | grep -q " pid=$(daemon_pid) "; }
+
+wait_for_daemon() { wait_until 30 daemon_running; }
+
+# start_all: platform, configuration, agent, daemon.
+start_all() {
+  write_configuration
+  start_receiver "$@"
+  start_agent
+  wait_for_daemon || fail "daemon starts" "$(tail -n 3 $LOG/agent.log $LOG/edr.log 2>&1 | tr '\n' ' ')"
+}
+
+# agent_ended: the agent ends with its daemon's code, which is kept in DAEMON_CODE.
+agent_ends() {
+  wait_until 30 not kill -0 "$AGENT" || return 1
+  wait "$AGENT"
+  DAEMON_CODE=$?
+}
+
+# ask_to_exit: the "exit" command, and everything that must come of it.
+stop_all() {
+  reference-agent exit >>$LOG/agent.log 2>&1
+  agent_ends || fail "daemon ends" "still running 30 s after 'exit'"
+  expect "exit ends the daemon with code 0" is "$DAEMON_CODE" 0
+  expect "the kernel's rule list is empty" rules_empty
+  stop_receiver
+}
+
+rules_empty() {
+  audit-rules
+  [ -z "$(audit-rules)" ]
+}
+
+# has_rule PATTERN: a rule of the kernel matches the pattern of grep -E.
+has_rule() { audit-rules | grep -qE -- "$1"; }
+
+# ---- the spool
+
+spool_is_empty() { [ -z "$(ls $SPOOL)" ]; }
+
+# spool_holds TEXT: a file of the spool has it.
+spool_holds() { grep -qF -- "$1" $SPOOL/*; }
+
+# ---- doing and expecting
+
+# act [OPTION...] OPERATION NAME [ARGUMENT]: file-actor does it; what it says is owed by the platform from now on.
+act() {
+  local line
+  if ! file-actor "$@" >/run/acted 2>&1; then
+    fail "acting: $*" "$(cat /run/acted)"
+    return 1
+  fi
+  cat /run/acted >>$OWED
+  while read -r line; do step "  $line"; done </run/acted
+}
+
+# received LINE: the event of a "done" line came, once. The id is the daemon's, everything else was known before.
+received() { is "$(grep -cF "event ${1#done } id=" $LOG/receiver.log)" 1; }
+
+all_received() {
+  local line
+  while read -r line; do received "$line" || return 1; done <$OWED
+}
+
+# wait_for_event ACTION PATH [TEXT]: an event that a program without a voice caused; TEXT is a further part of its line.
+wait_for_event() { wait_until "${SECONDS_TO_WAIT:-60}" event_came "$@"; }
+
+event_came() { grep -F "event $1 $2 actor=" $LOG/receiver.log | grep -qF -- "${3:-}"; }
+
+# wait_for_owed SECONDS: until every owed event came; says what it waits for meanwhile.
+wait_for_owed() {
+  local left=$1 missing
+  step "waiting: file events rest 30 s in the daemon's cache by design, until the file has settled"
+  while ! all_received >/dev/null; do
+    if [ "$left" -le 0 ]; then break; fi
+    if [ $((left % 5)) -eq 0 ]; then
+      missing=$(owed_missing | wc -l)
+      step "  ... $missing of $(wc -l <$OWED) events still on their way"
+    fi
+    sleep 1
+    left=$((left - 1))
+  done
+  while read -r line; do expect "received: ${line#done }" received "$line"; done <$OWED
+}
+
+# no_other_events: every event of the platform is an owed one.
+no_other_events() {
+  local line strange=0
+  grep '^event ' $LOG/receiver.log >/run/events
+  while read -r line; do
+    if ! grep -qxF "done $(echo "${line#event }" | sed 's/ id=[0-9]*$//')" $OWED; then
+      echo "unexpected: $line"
+      strange=1
+    fi
+  done </run/events
+  return $strange
+}
+
+owed_missing() {
+  while read -r line; do
+    received "$line" >/dev/null || echo "$line"
+  done <$OWED
+}
+
+mkdir -p $LOG
+: >$OWED
