@@ -12,9 +12,11 @@ PACKAGES+=(qemu-system-x86 busybox-static cpio zstd libmagic-mgc)
 
 # missing_packages: the names of the list that are not installed, one a line.
 missing_packages() {
-  local installed
-  installed=$(dpkg-query -W -f '${db:Status-Abbrev} ${Package}\n' "${PACKAGES[@]}" 2>/dev/null | sed -n 's/^ii  *//p')
-  comm -23 <(printf '%s\n' "${PACKAGES[@]}" | sort -u) <(sort -u <<<"$installed")
+  local package
+  for package in "${PACKAGES[@]}"; do
+    # Not known at all, removed and half installed are all missing.
+    if [[ $(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) != installed ]]; then echo "$package"; fi
+  done
 }
 
 # ensure_packages: installs what is missing. Asks no network when nothing is; without root it prints what to run
