@@ -28,6 +28,9 @@ fail() {
   echo "FAIL $name: $*"
 }
 
+# An event's line as people read it: "Create /srv/watched/a by file-actor, process 143, alice".
+readable() { sed 's| actor=[^ ]*/\([^ /]*\) pid=\([0-9]*\) user=\([^ ]*\) audit-user=[^ ]*| by \1, process \2, \3|'; }
+
 # expect NAME COMMAND...: the command succeeds; what it printed is the reason when not.
 expect() {
   local name="$1" output
@@ -161,13 +164,12 @@ spool_holds() { grep -qF -- "$1" $SPOOL/*; }
 
 # act [OPTION...] OPERATION NAME [ARGUMENT]: file-actor does it; what it says is owed by the platform from now on.
 act() {
-  local line
   if ! file-actor "$@" >/run/acted 2>&1; then
     fail "acting: $*" "$(cat /run/acted)"
     return 1
   fi
   cat /run/acted >>$OWED
-  while read -r line; do step "  $line"; done </run/acted
+  readable </run/acted | while read -r line; do step "  $line"; done
 }
 
 # received LINE: the event of a "done" line came, once. The id is the daemon's, everything else was known before.
@@ -183,20 +185,31 @@ wait_for_event() { wait_until "${SECONDS_TO_WAIT:-60}" event_came "$@"; }
 
 event_came() { grep -F "event $1 $2 actor=" $LOG/receiver.log | grep -qF -- "${3:-}"; }
 
-# wait_for_owed SECONDS: until every owed event came; says what it waits for meanwhile.
+# wait_for_owed SECONDS: until every owed event came; says meanwhile what it waits for and what the platform receives.
 wait_for_owed() {
-  local left=$1 missing
+  local left=$1 told
+  told=$(grep -c . $LOG/receiver.log)
   step "waiting: file events rest 30 s in the daemon's cache by design, until the file has settled"
-  while ! all_received >/dev/null; do
-    if [ "$left" -le 0 ]; then break; fi
+  while [ "$left" -gt 0 ] && ! all_received >/dev/null; do
+    told=$(tell_received "$told")
     if [ $((left % 5)) -eq 0 ]; then
-      missing=$(owed_missing | wc -l)
-      step "  ... $missing of $(wc -l <$OWED) events still on their way"
+      step "  ... $(owed_missing | wc -l) of $(wc -l <$OWED) events still on their way"
     fi
     sleep 1
     left=$((left - 1))
   done
+  tell_received "$told" >/dev/null
   while read -r line; do expect "received: ${line#done }" received "$line"; done <$OWED
+}
+
+# tell_received COUNT: tells the platform's lines after the first COUNT ones, on the console; prints how many there are.
+tell_received() {
+  local count
+  count=$(grep -c . $LOG/receiver.log)
+  if [ "$count" -gt "$1" ]; then
+    sed -n "$(($1 + 1)),${count}p" $LOG/receiver.log | readable | sed 's/^/road:   platform: /' >/dev/console
+  fi
+  echo "$count"
 }
 
 # no_other_events: every event of the platform is an owed one.

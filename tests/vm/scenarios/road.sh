@@ -3,6 +3,9 @@
 # event at the platform with the right action, path and actor; a clean end. scripts/demo shows this scenario.
 . /scenario/lib.sh
 
+# user_of EVENT: the real user of its line.
+user_of() { echo "$1" | sed 's/.* user=\([^ ]*\) audit-user=.*/\1/'; }
+
 mkdir -p $WATCHED/empty $WATCHED/alice /srv/elsewhere
 for name in report.txt plan.txt script.sh owned.txt draft.txt settings.tmp settings.conf outgoing.txt old.log linked.txt \
   alice/notes.txt; do
@@ -49,18 +52,21 @@ step "the agent sends 'exit'"
 stop_all
 step "ostrel-edr ended with code $DAEMON_CODE; rules left in the kernel: $(audit-rules | wc -l)"
 
-# The table: one line for each owed event.
-echo "table: $(printf '%-8s %-62s %-17s %s' DONE "IN THE GUEST" "BY USER (LOGIN)" "RECEIVED BY THE PLATFORM")"
+# The table: one line for each owed event. Its words are those of "done", up to the process id.
+row() { printf 'table: %-7s %-57s %-20s %s\n' "$@"; }
+row DONE "IN THE GUEST" "BY" "RECEIVED BY THE PLATFORM"
 while read -r line; do
-  words=${line#done }
-  action=${words%% *}
-  path=${words#* }
-  user=${words##* user=}
-  if received "$line" >/dev/null; then
-    answer="yes, id $(grep -F "event $words id=" $LOG/receiver.log | sed 's/.* id=//')"
-  else
-    answer=NO
-  fi
-  login=${words##* audit-user=}
-  printf 'table: %-8s %-62s %-17s %s\n' "$action" "${path%% actor=*}" "${user%% *} ($login)" "$answer"
+  event=${line#done }
+  path=${event#* }
+  actor=${event##* actor=}
+  answer=NO
+  if received "$line" >/dev/null; then answer="yes, id $(grep -F "event $event id=" $LOG/receiver.log | sed 's/.* id=//')"; fi
+  row "${event%% *}" "${path%% actor=*}" "$(basename "${actor%% *}"), $(user_of "$event")" "$answer"
 done <$OWED
+
+if grep -q ostrel.shell /proc/cmdline; then
+  step "starting everything once more, for the shell: see $LOG, audit-rules, reference-agent, file-actor"
+  start_receiver
+  start_agent
+  wait_for_daemon
+fi
