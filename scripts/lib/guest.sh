@@ -39,14 +39,14 @@ guest_download_kernel() {
   for try in 1 2; do
     package=$(apt-cache depends linux-image-cloud-amd64 2>/dev/null | sed -n 's/^ *Depends: \(linux-image-.*\)/\1/p')
     # The second try is for package lists that are missing or older than the archive.
-    if [[ -n $package ]] && (cd "$scratch" && apt-get -q -o APT::Sandbox::User=root download "$package") >&2; then
+    if [[ -n $package ]] && (cd "$scratch" && apt-get -qq -o APT::Sandbox::User=root download "$package") >&2; then
       break
     elif ((try == 2 || EUID != 0)); then
       echo "Cannot download ${package:-linux-image-cloud-amd64}: run 'apt-get update' as root and try again." >&2
       rm -r "$scratch"
       return 1
     fi
-    apt-get -q update >&2
+    apt-get -qq update >&2
   done
   dpkg-deb --fsys-tarfile "$scratch"/*.deb | tar -x -C "$scratch" --wildcards --transform 's,.*/vmlinuz-.*,vmlinuz,' './boot/vmlinuz-*'
   folder="$GUEST_CACHE/kernel/$(dpkg-deb -W --showformat='${Package}_${Version}' "$scratch"/*.deb)"
