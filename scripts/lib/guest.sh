@@ -80,13 +80,17 @@ guest_image_is_stale() {
 
 guest_make_image() {
   local bin="$1" image="$2" tree program programs=()
+  for program in "${GUEST_PROGRAMS[@]}"; do
+    if [[ -x $bin/$program ]]; then programs+=("$bin/$program"); fi
+  done
+  if ((${#programs[@]} == 0)); then
+    echo "No programs for the guest in $bin: build them first." >&2
+    return 1
+  fi
   tree=$(mktemp -d "$image.XXXXXX")
   mkdir -p "$tree"/{bin,dev,proc,sys,etc/ostrel/host-warden,root,srv,tmp,run,usr/local/bin,var/lib/ostrel,var/log/ostrel}
   ln -s ../run "$tree/var/run"
   chmod 1777 "$tree/tmp"
-  for program in "${GUEST_PROGRAMS[@]}"; do
-    if [[ -x $bin/$program ]]; then programs+=("$bin/$program"); fi
-  done
   cp /bin/busybox "$tree/bin/busybox"
   guest_add_programs "$tree" "${programs[@]}"
   cp -r "$ROOT/tests/vm/root/." "$tree/"

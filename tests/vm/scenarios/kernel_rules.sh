@@ -21,6 +21,6 @@ step "the agent comes back as another process: its exclusion moves"
 configure host_warden_pid 1
 reference-agent config $CONF/edr.conf.json
 expect "the exclusion names the new process" wait_until 10 has_rule "^exit never .*pid=1 .*key=ostrel_ignore_rule_reference-agent$"
-expect "and no longer the old one" not has_rule "pid=$AGENT "
+expect "and no longer the old one" lacks_rule "pid=$AGENT "
 
 stop_all

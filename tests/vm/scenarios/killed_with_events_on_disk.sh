@@ -20,7 +20,7 @@ step "the platform is back, the daemon starts again"
 start_receiver
 start_agent
 expect "the daemon runs again" wait_for_daemon
-expect "the rules of the killed run are gone" not has_rule "pid=$old "
+expect "the rules of the killed run are gone" lacks_rule "pid=$old "
 expect "each rule stands once" is "$(audit-rules | wc -l)" "$before"
 wait_for_owed 30
 expect "the spool is empty" wait_until 10 spool_is_empty

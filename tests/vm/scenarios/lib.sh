@@ -145,13 +145,20 @@ stop_all() {
   stop_receiver
 }
 
+# The three of them fail when the kernel cannot be asked.
 rules_empty() {
-  audit-rules
-  [ -z "$(audit-rules)" ]
+  local rules
+  rules=$(audit-rules) && is "$rules" ""
 }
 
-# has_rule PATTERN: a rule of the kernel matches the pattern of grep -E.
+# has_rule PATTERN: a rule of the kernel matches the pattern of grep -E; lacks_rule PATTERN: none does.
 has_rule() { audit-rules | grep -qE -- "$1"; }
+
+lacks_rule() {
+  local rules
+  rules=$(audit-rules) || return
+  if echo "$rules" | grep -E -- "$1"; then return 1; fi
+}
 
 # ---- the spool
 

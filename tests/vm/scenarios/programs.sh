@@ -12,7 +12,8 @@ act create $WATCHED/a
 expect "create" is "$(cat $WATCHED/a)" written
 act --loginuid 1000 --uid 1000 read $WATCHED/a
 expect "the reader is alice" grep -q "^done Read $WATCHED/a actor=/usr/local/bin/file-actor pid=[0-9]* user=alice audit-user=alice$" $OWED
-expect "alice must not write here" not file-actor --uid 1000 create $WATCHED/hers
+expect "alice must not write here" is "$(file-actor --uid 1000 create $WATCHED/hers 2>&1)" \
+  "file-actor: open $WATCHED/hers: Permission denied"
 act chmod $WATCHED/a 0600
 expect "chmod" is "$(stat -c %a $WATCHED/a)" 600
 act chown $WATCHED/a 1000
