@@ -38,6 +38,23 @@ void Check(int result, const std::string& what) {
   if (result < 0) throw std::runtime_error(what + ": " + strerror(errno));
 }
 
+// As the receiver prints names, so that no name can break a line.
+std::string Escaped(const std::string& text) {
+  std::string escaped;
+  for (const char c : text) {
+    if (c == '\\') {
+      escaped += "\\\\";
+    } else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
+      char code[5];
+      snprintf(code, sizeof(code), "\\x%02x", static_cast<unsigned>(c));
+      escaped += code;
+    } else {
+      escaped += c;
+    }
+  }
+  return escaped;
+}
+
 std::string Absolute(const Options& options, const std::string& name) {
   return name.starts_with("/") ? name : options.folder + "/" + name;
 }
@@ -134,7 +151,7 @@ void Report(const std::string& operation, const Options& options) {
     std::string path = name;
     if (action == "Rename") path += " -> " + Absolute(options, options.argument);
     if (operation == "rename-over" && action == "Delete") path = Absolute(options, options.argument);
-    std::cout << "done " << action << " " << path << " actor=" << SelfPath() << " pid=" << getpid()
+    std::cout << "done " << action << " " << Escaped(path) << " actor=" << SelfPath() << " pid=" << getpid()
               << " user=" << UserName(getuid()) << " audit-user=" << LoginName() << std::endl;
   }
 }

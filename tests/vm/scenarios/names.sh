@@ -18,6 +18,8 @@ act mkdir $WATCHED/young
 act create $WATCHED/young/file
 act rename /srv/elsewhere/incoming $WATCHED/incoming
 act create "$WATCHED/quote\" back\\slash"
+act create "$WATCHED/two
+lines"
 act create "$WATCHED/Grüße"
 cd $WATCHED/deep || exit
 step "programs of busybox do it as well"
