@@ -15,6 +15,8 @@ void ClearSpool(common::Storage& storage);
 class ClearSpoolTask final : public common::Schedule {
  public:
   ClearSpoolTask(common::Storage& storage, common::util::Clock& clock) : storage_(storage), clock_(clock) {}
+  ClearSpoolTask(const ClearSpoolTask&) = delete;
+  ClearSpoolTask& operator=(const ClearSpoolTask&) = delete;
   ~ClearSpoolTask() override { Cancel(); }
 
   [[nodiscard]] std::int64_t NextRunTime() override;

@@ -28,6 +28,8 @@ class UploadSchedule final : public common::Schedule {
   // `config` and `storage` outlive the schedule; interval and URL are read from `config` whenever they are needed.
   UploadSchedule(const Config& config, common::Storage& storage, std::unique_ptr<common::Uploader> uploader,
                  common::util::Clock& clock);
+  UploadSchedule(const UploadSchedule&) = delete;
+  UploadSchedule& operator=(const UploadSchedule&) = delete;
   ~UploadSchedule() override;
 
   // An interval of 0 is always a day away: no uploads until the configuration changes.
