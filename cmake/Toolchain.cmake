@@ -18,7 +18,7 @@ if(OSTREL_SANITIZE)
   add_compile_options(-fsanitize=${OSTREL_SANITIZE} -fno-sanitize-recover=undefined)
   add_link_options(-fsanitize=${OSTREL_SANITIZE})
   # GCC reports uninitialised members inside instrumented standard headers.
-  add_compile_options(-Wno-maybe-uninitialized)
+  add_compile_options($<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
 elseif(CMAKE_BUILD_TYPE MATCHES "Rel")
   add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
 endif()
