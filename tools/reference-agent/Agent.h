@@ -36,6 +36,7 @@ class Agent {
   Agent(Options options, Say say);
   Agent(const Agent&) = delete;
   Agent& operator=(const Agent&) = delete;
+  ~Agent() = default;
 
   // Until the daemon has ended, with its exit code; 0 after "quit", SIGINT or SIGTERM, which leave it alone. Throws
   // std::exception when a socket cannot be made or the daemon cannot be started.

@@ -43,6 +43,8 @@ class SyslogListener::Channel final : public audit::IOChannel {
     if (ConfigureFD(socket_.Get()) != Error::Success) throw audit::IOChannelException(Error::Unknown);
     read_fd_ = socket_.Get();
   }
+  Channel(const Channel&) = delete;
+  Channel& operator=(const Channel&) = delete;
   ~Channel() override {
     try {
       Stop();

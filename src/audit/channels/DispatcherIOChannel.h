@@ -15,6 +15,8 @@ class DispatcherIOChannel final : public UnixClientStreamSockIOChannel {
  public:
   DispatcherIOChannel(AuditNetlink& netlink, std::string path,
                       common::util::Clock& clock = common::util::Clock::Real());
+  DispatcherIOChannel(const DispatcherIOChannel&) = delete;
+  DispatcherIOChannel& operator=(const DispatcherIOChannel&) = delete;
   ~DispatcherIOChannel() override;
 
   // As KernelIOChannel::Send.

@@ -15,6 +15,8 @@ namespace zagent::audit {
 class KernelIOChannel final : public IOChannel {
  public:
   explicit KernelIOChannel(AuditNetlink& netlink);
+  KernelIOChannel(const KernelIOChannel&) = delete;
+  KernelIOChannel& operator=(const KernelIOChannel&) = delete;
   ~KernelIOChannel() override;
 
   // Rule data as bytes (audit_rule_data with its strings), for the exit list with the action "always". The rule engine

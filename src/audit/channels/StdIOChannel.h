@@ -13,6 +13,8 @@ class StdIOChannel final : public IOChannel {
   // std::runtime_error "StdIOChannel: Read FD cannot be negative", IOChannelException for a descriptor that is not
   // open.
   StdIOChannel(int read_fd, int write_fd, std::size_t read_buf_size);
+  StdIOChannel(const StdIOChannel&) = delete;
+  StdIOChannel& operator=(const StdIOChannel&) = delete;
   ~StdIOChannel() override;
 };
 

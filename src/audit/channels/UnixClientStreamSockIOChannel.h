@@ -25,6 +25,8 @@ class UnixClientStreamSockIOChannel : public IOChannel {
   // empty or longer than 91 bytes. Connects in Start only.
   UnixClientStreamSockIOChannel(std::string path, std::int32_t reconnect_limit,
                                 common::util::Clock& clock = common::util::Clock::Real());
+  UnixClientStreamSockIOChannel(const UnixClientStreamSockIOChannel&) = delete;
+  UnixClientStreamSockIOChannel& operator=(const UnixClientStreamSockIOChannel&) = delete;
   ~UnixClientStreamSockIOChannel() override;
 
   // Throws IOChannelException: RemoteFailure when nobody listens, AccessDenied, InvalidData when there is no such path,

@@ -26,6 +26,8 @@ class UnixServerStreamSockIOChannel : public IOChannel {
   // write bits (0700 gives a socket of mode 0600). Throws IOChannelException: InvalidData for a path that is empty or
   // longer than 90 bytes or whose folder cannot be made, AccessDenied.
   UnixServerStreamSockIOChannel(std::string path, mode_t mode);
+  UnixServerStreamSockIOChannel(const UnixServerStreamSockIOChannel&) = delete;
+  UnixServerStreamSockIOChannel& operator=(const UnixServerStreamSockIOChannel&) = delete;
   ~UnixServerStreamSockIOChannel() override;
 
   // Replaces whatever stands at the path. Throws IOChannelException: AccessDenied, InvalidData, InvalidState when the

@@ -217,7 +217,7 @@ TEST_F(ReferenceAgentTest, TakesTheSyslogSocketOfAnAgentThatDied) {
     const zagent::audit::internal::UnixAddress address(syslog_);
     ASSERT_EQ(bind(dead.Get(), address.Get(), zagent::audit::internal::UnixAddress::Size()), 0);
   }
-  auto agent = RunUntilConfigured();
+  auto agent = Run();
   EXPECT_TRUE(agent->Says("syslog: fake-daemon")) << agent->Output();
 }
 
