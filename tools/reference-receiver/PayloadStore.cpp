@@ -51,7 +51,7 @@ std::string PayloadStore::WriteFile(const AcceptedPayload& payload) {
   while (true) {
     char name[32];
     std::snprintf(name, sizeof(name), "/payload-%06u.%s", next_number_++, json ? "json" : "bin");
-    const std::string path = folder_ + name;
+    std::string path = folder_ + name;
     if (link(partial.c_str(), path.c_str()) == 0) {
       unlink(partial.c_str());
       return path;

@@ -44,6 +44,7 @@ Poco::Net::HTTPServerParams::Ptr MakeParams() {
   Poco::Net::HTTPServerParams::Ptr params(new Poco::Net::HTTPServerParams);
   params->setMaxThreads(kMaxThreads);
   params->setKeepAlive(true);
+  params->setTimeout(Poco::Timespan(10, 0));
   return params;
 }
 
@@ -68,7 +69,8 @@ struct ReferenceReceiver::Impl {
   ~Impl() {
     state.Stop();
     proxy.reset();
-    server.stopAll(true);
+    // Lets each request end first: to abort them, Poco would use their TLS sessions from this thread as well.
+    server.stopAll(false);
     threads.joinAll();
   }
 

@@ -53,7 +53,7 @@ void ResetConnection(HTTPServerRequest& request) {
   auto& accepted = dynamic_cast<Poco::Net::HTTPServerRequestImpl&>(request);
   sockaddr nothing{};
   nothing.sa_family = AF_UNSPEC;
-  connect(accepted.socket().impl()->sockfd(), &nothing, sizeof(nothing));
+  (void)connect(accepted.socket().impl()->sockfd(), &nothing, sizeof(nothing));
 }
 
 }  // namespace
@@ -140,7 +140,7 @@ UploadHandler::Verdict UploadHandler::Accept(const HTTPServerRequest& request, s
   } catch (const common::CompressionException& error) {
     return {HTTPServerResponse::HTTP_BAD_REQUEST, std::string("payload is not LZMA: ") + error.what()};
   } catch (const std::exception& error) {
-    return {HTTPServerResponse::HTTP_INTERNAL_SERVER_ERROR, error.what()};
+    return {HTTPServerResponse::HTTP_SERVICE_UNAVAILABLE, error.what()};
   }
 }
 

@@ -37,8 +37,8 @@ struct ReceiverState {
   bool stopped_ = false;
 };
 
-// Answers one request: 200 for an upload that is accepted, 401 for a bad signature, 400, 405, 413, 415 and 500 for the
-// rest.
+// Answers one request: 200 for an upload that is accepted, 401 for a bad signature, 503 when it cannot be stored, 400,
+// 405, 413 and 415 for what cannot be read.
 class UploadHandler final : public Poco::Net::HTTPRequestHandler {
  public:
   // More than this is refused, compressed or not.

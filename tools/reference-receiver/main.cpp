@@ -87,6 +87,7 @@ ReceiverOptions ParseArguments(int argc, char** argv) {
   ReceiverOptions options;
   int index = 0;
   opterr = 0;
+  // No other thread exists yet. NOLINTNEXTLINE(concurrency-mt-unsafe)
   while ((index = getopt_long(argc, argv, "", long_options.data(), nullptr)) != -1) {
     if (index == '?') throw UsageError(std::string("Not a switch, or without its value: ") + argv[optind - 1]);
     kSwitches.at(static_cast<std::size_t>(index)).apply(options, optarg == nullptr ? "" : optarg);

@@ -60,8 +60,9 @@ std::unique_ptr<util::KeyStore> DeriveKeys(const std::string& customer_id, const
   for (const KeyOfVersion& key : kKeys) {
     std::string constant = util::Reveal(key.concealed_constant, kConstantByte);
     const util::ScopedCleanse cleanse_constant(constant);
-    std::string message = std::string(key.secret_name) + ";" + customer_id + ";" + agent_id + ";" + activation_id;
+    std::string message = key.secret_name;
     const util::ScopedCleanse cleanse_message(message);
+    for (const std::string* id : {&customer_id, &agent_id, &activation_id}) message.append(";").append(*id);
     std::string secret = util::HmacSha256Hex(constant, message);
     const util::ScopedCleanse cleanse_secret(secret);
     keys->Add(key.secret_name, secret);

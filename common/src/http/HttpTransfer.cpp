@@ -89,29 +89,35 @@ void HttpTransfer::SetTlsVerification() {
 
 void HttpTransfer::SetProxy(const std::string& ca_path) {
   const HttpProxy& list = request_->GetProxy();
-  const std::string proxy = list.GetProxy();
   // The environment's no_proxy would bypass a proxy that is given here.
   Set(CURLOPT_NOPROXY, "", kAddProxy);
   if (list.Size() == 0) {
     ZLOG_DEBUG("No proxy configured. Attempting direct connection");
-    Set(CURLOPT_PROXY, "", "Failed to disable proxy for url: ");
   } else if (list.IsDirectAttempt()) {
     ZLOG_DEBUG("Attempting direct connection for failopen");
-    Set(CURLOPT_PROXY, "", "Failed to disable proxy for url: ");
-  } else {
-    proxy_used_ = !proxy.empty();
+  }
+  const std::string proxy = list.GetProxy();
+  proxy_used_ = !proxy.empty();
+  if (proxy_used_) {
     Set(CURLOPT_PROXY, proxy.c_str(), kAddProxy);
-    const bool https = list.GetType() == HttpProxyType::Https;
-    Set(CURLOPT_PROXYTYPE, static_cast<long>(https ? CURLPROXY_HTTPS : CURLPROXY_HTTP),
-        "Failed to add proxy type for request to url: ");
-    if (https) {
-      ZLOG_DEBUG("Using https proxy for request to url: " << url_);
-      SetProxyCertificate(ca_path);
-    } else {
-      ZLOG_DEBUG("Using http proxy for request to url: " << url_);
-    }
+    SetProxyType(list.GetType(), ca_path);
+  } else {
+    // Without this, libcurl would take the environment's proxy.
+    Set(CURLOPT_PROXY, "", "Failed to disable proxy for url: ");
   }
   ZLOG_INFO("Using proxy :" << MaskCredentials(proxy) << " for " << url_);
+}
+
+void HttpTransfer::SetProxyType(HttpProxyType type, const std::string& ca_path) {
+  constexpr const char* kFailure = "Failed to add proxy type for request to url: ";
+  if (type == HttpProxyType::Http) {
+    Set(CURLOPT_PROXYTYPE, static_cast<long>(CURLPROXY_HTTP), kFailure);
+    ZLOG_DEBUG("Using http proxy for request to url: " << url_);
+    return;
+  }
+  Set(CURLOPT_PROXYTYPE, static_cast<long>(CURLPROXY_HTTPS), kFailure);
+  ZLOG_DEBUG("Using https proxy for request to url: " << url_);
+  SetProxyCertificate(ca_path);
 }
 
 void HttpTransfer::SetProxyCertificate(const std::string& ca_path) {
@@ -134,6 +140,10 @@ void HttpTransfer::SetBasics() {
   Set(CURLOPT_USERAGENT, "ZAgent", kPrepare);
   Set(CURLOPT_SSL_ENABLE_ALPN, 0L, kPrepare);
   Set(CURLOPT_NOSIGNAL, 1L, kPrepare);
+#if LIBCURL_VERSION_NUM >= 0x075700
+  // A name server that does not answer must hold up neither a cancel nor the shutdown.
+  Set(CURLOPT_QUICK_EXIT, 1L, kPrepare);
+#endif
   if (settings.http_version == HttpVersion::Http11) {
     ZLOG_DEBUG("Setting HTTP version: HTTP/1.1 for " << url_);
   } else {

@@ -35,6 +35,7 @@ class HttpTransfer {
   void SetCallbacks();
   void SetTlsVerification();
   void SetProxy(const std::string& ca_path);
+  void SetProxyType(HttpProxyType type, const std::string& ca_path);
   void SetProxyCertificate(const std::string& ca_path);
   void SetBasics();
   void SetCertificatePath(const std::string& ca_path);

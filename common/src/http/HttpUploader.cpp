@@ -78,8 +78,6 @@ struct HttpUploader::Job {
 HttpUploader::HttpUploader(HttpService& service, std::shared_ptr<const HmacConfig> hmac, Settings settings)
     : service_(service), hmac_(std::move(hmac)), settings_(std::move(settings)) {}
 
-HttpUploader::~HttpUploader() = default;
-
 std::int32_t HttpUploader::OutcomeOf(long http_code) {
   for (const Outcome& entry : kOutcomes) {
     if (entry.http_code == http_code) return entry.outcome;

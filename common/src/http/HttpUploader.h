@@ -29,7 +29,7 @@ class HttpUploader final : public Uploader {
   };
 
   HttpUploader(HttpService& service, std::shared_ptr<const HmacConfig> hmac, Settings settings);
-  ~HttpUploader() override;
+  ~HttpUploader() override = default;
 
   std::int32_t Upload(const std::string& content_type, const std::vector<unsigned char>& payload) override;
   void Cancel() override;

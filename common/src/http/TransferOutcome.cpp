@@ -21,11 +21,20 @@ HttpStatus ErrorStatus(const TransferOutcome& outcome, HttpStatus status) {
   return HttpStatus::ProxyError;
 }
 
+bool IsServerError(long code) {
+  return code == 500 || IsBetween(code, 502, 504);
+}
+
+HttpStatus ByErrorCode(const TransferOutcome& outcome, long code) {
+  ZLOG_ERROR("Received http error with HTTP_STATUS_CODE " << code << " for " << outcome.url);
+  return ErrorStatus(outcome, IsServerError(code) ? HttpStatus::ServerError : HttpStatus::ClientError);
+}
+
 HttpStatus ByHttpCode(const TransferOutcome& outcome, long code) {
-  const std::string& url = outcome.url;
   if (code == 0) return HttpStatus::Unknown;
+  if (IsServerError(code) || IsBetween(code, 400, 499)) return ByErrorCode(outcome, code);
   if (code == 200) {
-    ZLOG_INFO("Http request completed successfully: " << url);
+    ZLOG_INFO("Http request completed successfully: " << outcome.url);
     return HttpStatus::Success;
   }
   if (IsBetween(code, 201, 204)) {
@@ -33,15 +42,10 @@ HttpStatus ByHttpCode(const TransferOutcome& outcome, long code) {
     return HttpStatus::Success;
   }
   if (code == 206) {
-    ZLOG_INFO("Received http response with HTTP_STATUS_CODE " << code << " for " << url);
+    ZLOG_INFO("Received http response with HTTP_STATUS_CODE " << code << " for " << outcome.url);
     return HttpStatus::PartialSuccess;
   }
-  const bool server_error = code == 500 || IsBetween(code, 502, 504);
-  if (server_error || IsBetween(code, 400, 499)) {
-    ZLOG_ERROR("Received http error with HTTP_STATUS_CODE " << code << " for " << url);
-    return ErrorStatus(outcome, server_error ? HttpStatus::ServerError : HttpStatus::ClientError);
-  }
-  ZLOG_WARNING("Unexpected http response " << code << " for " << url);
+  ZLOG_WARNING("Unexpected http response " << code << " for " << outcome.url);
   return HttpStatus::Unknown;
 }
 

@@ -35,7 +35,7 @@ std::size_t PaddingOf(std::string_view text) {
 
 std::string Base64Encode(std::string_view bytes) {
   // OpenSSL counts in int, on both sides.
-  constexpr std::size_t kMost = std::numeric_limits<int>::max() / 4 * 3;
+  constexpr std::size_t kMost = static_cast<std::size_t>(std::numeric_limits<int>::max()) / 4 * 3;
   if (bytes.size() > kMost) throw Base64Exception("Unknown Error (2) occurred in Base64 encoding");
   const std::size_t length = (bytes.size() + 2) / 3 * 4;
   std::string text(length + 1, '\0');  // OpenSSL ends its text with a NUL

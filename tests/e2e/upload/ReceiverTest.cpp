@@ -5,6 +5,8 @@
 #include <Poco/URI.h>
 #include <gmock/gmock.h>
 
+#include <filesystem>
+
 #include "common/src/http/interceptors/AuthHttpInterceptor.h"
 #include "common/src/http/interceptors/LzmaCompression.h"
 #include "tests/e2e/upload/UploadFixture.h"
@@ -216,6 +218,16 @@ TEST_F(ReceiverTest, StepsOverFilesOfAnEarlierRun) {
   EXPECT_EQ(folder_ / "store/payload-000001.bin", receiver_->GetPayloads().at(0).file);
   EXPECT_EQ(0, Upload("{ }"));
   EXPECT_EQ("{ }", folder_.Read("store/payload-000002.json"));
+}
+
+TEST_F(ReceiverTest, AsksTheClientToComeAgainWhenItCannotStore) {
+  tools::ReceiverOptions options = Options();
+  options.store_folder = folder_ / "store";
+  StartReceiver(options);
+  std::filesystem::remove(folder_ / "store");
+  EXPECT_EQ(503, Send(Signed(HmacVersion::HmacV2)));
+  EXPECT_THAT(Lines(), Contains(HasSubstr("rejected: Cannot open ")));
+  EXPECT_THAT(receiver_->GetPayloads(), IsEmpty());
 }
 
 TEST(EventLinesTest, ShowsBothPathsOfARename) {
