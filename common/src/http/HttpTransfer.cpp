@@ -24,14 +24,10 @@ long Timeout(std::uint64_t seconds) {
   return static_cast<long>(std::min<std::uint64_t>(seconds, INT_MAX / 1000));
 }
 
-struct CertificateLocation {
-  bool is_folder = false;
-};
-
-CertificateLocation Locate(const std::string& path) {
+bool IsFolder(const std::string& path) {
   struct stat status {};
   if (stat(path.c_str(), &status) != 0) throw HttpException("Certificate path does not exist, invalid path");
-  return {S_ISDIR(status.st_mode)};
+  return S_ISDIR(status.st_mode);
 }
 
 }  // namespace
@@ -125,7 +121,7 @@ void HttpTransfer::SetProxyCertificate(const std::string& ca_path) {
     ZLOG_INFO("Certificate file path is empty. Skipped proxy ca certificate path config for request to url: " << url_);
     return;
   }
-  const bool is_folder = Locate(ca_path).is_folder;
+  const bool is_folder = IsFolder(ca_path);
   Set(is_folder ? CURLOPT_PROXY_CAPATH : CURLOPT_PROXY_CAINFO, ca_path.c_str(), kAddCertificate);
   Set(is_folder ? CURLOPT_PROXY_CAINFO : CURLOPT_PROXY_CAPATH, static_cast<const char*>(nullptr), kAddCertificate);
   if (is_folder) {
@@ -159,7 +155,7 @@ void HttpTransfer::SetCertificatePath(const std::string& ca_path) {
     ZLOG_INFO("Certificate file path is empty. Skipping certificate info for HTTP request for " << url_);
     return;
   }
-  const bool is_folder = Locate(ca_path).is_folder;
+  const bool is_folder = IsFolder(ca_path);
   Set(is_folder ? CURLOPT_CAPATH : CURLOPT_CAINFO, ca_path.c_str(), kAddCertificate);
   Set(is_folder ? CURLOPT_CAINFO : CURLOPT_CAPATH, static_cast<const char*>(nullptr), kAddCertificate);
 }
