@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <iostream>
@@ -86,6 +87,10 @@ std::string RuleText(const audit_rule_data& rule) {
       offset += rule.values[i];
     } else if (field == AUDIT_PERM) {
       text += PermissionText(rule.values[i]);
+    } else if (field == AUDIT_ARCH && rule.values[i] == AUDIT_ARCH_X86_64) {
+      text += "b64";
+    } else if (field == AUDIT_LOGINUID && rule.values[i] == UINT32_MAX) {
+      text += "unset";
     } else {
       text += std::to_string(rule.values[i]);
     }

@@ -1,12 +1,13 @@
 // file-actor: does one file operation and says which events the sensor owes for it.
 //
-//   file-actor [--loginuid N] [--uid N] [--chdir DIR] [--dirfd DIR] OPERATION NAME [ARGUMENT]
+//   file-actor [--loginuid N] [--uid N] [--chdir DIR] [--dirfd DIR] [--linger SECONDS] OPERATION NAME [ARGUMENT]
 //
 // One line an expected event, worded as the receiver words an event it was sent, without the id:
 //
 //   done Create /srv/watched/a actor=/usr/local/bin/file-actor pid=93 user=alice audit-user=system-user
 //
-// --chdir works with names below a working folder, --dirfd with names below an open folder (the ...at calls).
+// --chdir works with names below a working folder, --dirfd with names below an open folder (the ...at calls), --linger
+// stays alive afterwards, for a sensor that asks /proc about the process.
 // Each operation is exactly one system call on the named object, so that no other event can come of it.
 #include <fcntl.h>
 #include <pwd.h>
@@ -30,6 +31,7 @@ namespace {
 struct Options {
   std::string folder;  // what relative names are relative to, for the printed line
   int dirfd = AT_FDCWD;
+  unsigned linger = 0;  // seconds
   std::string name;
   std::string argument;
 };
@@ -157,7 +159,8 @@ void Report(const std::string& operation, const Options& options) {
 }
 
 int Usage() {
-  std::cerr << "usage: file-actor [--loginuid N] [--uid N] [--chdir DIR] [--dirfd DIR] OPERATION NAME [ARGUMENT]\n"
+  std::cerr << "usage: file-actor [--loginuid N] [--uid N] [--chdir DIR] [--dirfd DIR] [--linger SECONDS]\n"
+               "                  OPERATION NAME [ARGUMENT]\n"
                "operations:";
   for (const auto& [name, operation] : Operations()) std::cerr << " " << name;
   std::cerr << "\nARGUMENT: chmod octal mode, chown uid, rename new name, symlink target, link existing name\n";
@@ -179,6 +182,7 @@ int TakeOptions(int argc, char** argv, Options& options) {
     options.dirfd = open(options.folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
     Check(options.dirfd, "open " + options.folder);
   }
+  if (given.contains("--linger")) options.linger = static_cast<unsigned>(std::stoul(given["--linger"]));
   if (given.contains("--loginuid")) SetLoginUid(given["--loginuid"]);
   if (given.contains("--uid")) {
     const auto uid = static_cast<uid_t>(std::stoul(given["--uid"]));
@@ -201,6 +205,7 @@ int main(int argc, char** argv) {
     if (operation->second.has_argument) options.argument = argv[next + 2];
     operation->second.run(options);
     Report(operation->first, options);
+    sleep(options.linger);
     return 0;
   } catch (const std::exception& failure) {
     std::cerr << "file-actor: " << failure.what() << "\n";

@@ -4,12 +4,13 @@
 
 mkdir -p $WATCHED
 echo "here before the daemon" >$WATCHED/mode.txt
+echo "here before the daemon" >$WATCHED/old.txt
 chmod 0644 $WATCHED/mode.txt
 start_all
 act create $WATCHED/new.txt
 act chmod $WATCHED/mode.txt 0600
 act --loginuid 1000 read $WATCHED/mode.txt
-act unlink $WATCHED/new.txt
+act unlink $WATCHED/old.txt
 act mkdir $WATCHED/folder
 wait_for_owed 60
 
@@ -25,7 +26,8 @@ expect "and what they are" has Change $WATCHED/mode.txt '"securitySettings":.*"n
 expect "the size is hexadecimal: here before the daemon" has Change $WATCHED/mode.txt '"size":\{"new":"0x17"\}'
 expect "the actor has ids too" has Read $WATCHED/mode.txt '"userID":0,"auditUserName":"alice","auditUserID":1000'
 expect "the actor's command line" has Read $WATCHED/mode.txt '"procTitle":"file-actor --loginuid 1000 read /srv/watched/mode.txt"'
-expect "a file that is gone has no size" not has Delete $WATCHED/new.txt '"size"'
+expect "a new file's content is hashed" has Create $WATCHED/new.txt "\"fileContentHash\":\"$(sha256sum <$WATCHED/new.txt | cut -d' ' -f1)\""
+expect "a file that is gone has no size" not has Delete $WATCHED/old.txt '"size"'
 expect "the payload has the time of its upload" grep -qE '"timestamp":"20[0-9-]+T[0-9:]+Z"\}$' "$(ls $RECEIVED/* | head -n 1)"
 
 stop_all

@@ -12,7 +12,7 @@ act rmdir $WATCHED/gone
 expect "the events are on disk" wait_until 60 spool_holds "$WATCHED/kept.txt"
 old=$(daemon_pid)
 kill -9 "$old"
-expect "the agent reports the kill" agent_ends
+agent_ends
 expect "nobody took the killed run's rules away" has_rule "pid=$old .*key=ostrel_ignore_rule_ostrel-edr"
 before=$(audit-rules | wc -l)
 

@@ -4,16 +4,17 @@
 . /scenario/lib.sh
 
 mkdir -p $WATCHED/deep/er /srv/elsewhere
-for name in one two three four five; do echo "$name" >$WATCHED/deep/$name; done
+for name in one two three four five six seven eight nine; do echo "$name" >$WATCHED/deep/$name; done
 echo away >/srv/elsewhere/incoming
 start_all
 
 act --chdir /srv write watched/deep/one
 act --chdir $WATCHED/deep chmod two 0600
 act --chdir $WATCHED rename deep/three deep/er/three
-act --dirfd $WATCHED/deep write four
-act --dirfd $WATCHED unlink deep/five
-act --dirfd $WATCHED create 'new below an open folder'
+# An open folder's name is asked from /proc: the process must still be there.
+act --linger 2 --dirfd $WATCHED/deep write four
+act --linger 2 --dirfd $WATCHED unlink deep/five
+act --linger 2 --dirfd $WATCHED create 'new below an open folder'
 act mkdir $WATCHED/young
 act create $WATCHED/young/file
 act rename /srv/elsewhere/incoming $WATCHED/incoming
@@ -23,15 +24,17 @@ lines"
 act create "$WATCHED/Grüße"
 cd $WATCHED/deep || exit
 step "programs of busybox do it as well"
-mv er/three ./third
-chmod 0640 third
-ln -s third link
-rm one
+mv six er/six
+mv er/../seven ./renamed
+chmod 0640 eight
+ln -s eight link
+rm nine
 cd /root || exit
 wait_for_owed 60
-expect "mv, with relative names" wait_for_event Rename "$WATCHED/deep/er/three -> $WATCHED/deep/third" /bin/busybox
-expect "chmod" wait_for_event Change $WATCHED/deep/third /bin/busybox
+expect "mv" wait_for_event Rename "$WATCHED/deep/six -> $WATCHED/deep/er/six" /bin/busybox
+expect "mv by a detour" wait_for_event Rename "$WATCHED/deep/seven -> $WATCHED/deep/renamed" /bin/busybox
+expect "chmod" wait_for_event Change $WATCHED/deep/eight /bin/busybox
 expect "ln -s" wait_for_event Create $WATCHED/deep/link /bin/busybox
-expect "rm" wait_for_event Delete $WATCHED/deep/one /bin/busybox
+expect "rm" wait_for_event Delete $WATCHED/deep/nine /bin/busybox
 
 stop_all
