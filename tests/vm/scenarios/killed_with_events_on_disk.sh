@@ -11,8 +11,9 @@ act mkdir $WATCHED/folder
 act rmdir $WATCHED/gone
 expect "the events are on disk" wait_until 60 spool_holds "$WATCHED/kept.txt"
 old=$(daemon_pid)
-kill -9 "$old"
+reference-agent kill
 agent_ends
+expect "it was killed" is "$DAEMON_CODE" 137
 expect "nobody took the killed run's rules away" has_rule "pid=$old .*key=ostrel_ignore_rule_ostrel-edr"
 before=$(audit-rules | wc -l)
 
