@@ -24,6 +24,7 @@ else
   fail "daemon runs" "$(tail -n 3 $LOG/agent.log $LOG/edr.log 2>&1 | tr '\n' ' ')"
   exit
 fi
+while read -r line; do step "  $line"; done <$LOG/agent.log
 step "ostrel-edr (process $(daemon_pid)) receives the records of the kernel's audit: $(audit-rules status)"
 step "the kernel's rules, from the manifest and for what is left out:"
 audit-rules | while read -r rule; do step "  $rule"; done
