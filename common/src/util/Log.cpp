@@ -90,7 +90,8 @@ std::string Escaped(const std::string& text) {
 }
 
 Poco::Logger& EventLogger() {
-  return Poco::Logger::get("edr_events");
+  static Poco::Logger& logger = Poco::Logger::get("edr_events");
+  return logger;
 }
 
 }  // namespace
@@ -126,7 +127,13 @@ void Log::Reload(const std::string& config_file) {
 }
 
 Poco::Logger& Log::Get() {
-  return Poco::Logger::get(TheState().name);
+  State& state = TheState();
+  Poco::Logger* logger = state.logger;
+  if (logger == nullptr) {
+    logger = &Poco::Logger::get(state.name);
+    state.logger = logger;
+  }
+  return *logger;
 }
 
 bool Log::IsEventTraceEnabled() {
