@@ -103,7 +103,6 @@ std::int32_t HttpUploader::Upload(const std::string& content_type, const std::ve
 HttpUploader::Job HttpUploader::PrepareJob(const std::string& content_type, const std::vector<unsigned char>& payload) {
   const std::string payload_hash = PayloadHash(payload);
   const std::lock_guard lock(mutex_);
-  cancelled_ = false;
   last_http_status_ = 0;
   last_correlation_id_ = Poco::UUIDGenerator::defaultGenerator().createRandom().toString();
   Job job{settings_, {}, content_type};
@@ -126,7 +125,7 @@ std::shared_ptr<HttpRequest> HttpUploader::Submit(Job job, const std::vector<uns
   auto request = service_.Post(job.settings.url, std::move(job.headers), payload, chain.Build(), std::move(settings));
   const std::lock_guard lock(mutex_);
   in_flight_ = request;
-  if (cancelled_) request->Cancel();  // asked for between the begin of the upload and this line
+  if (cancelled_) request->Cancel();
   return request;
 }
 

@@ -55,7 +55,7 @@ class HttpUploader final : public Uploader {
   Settings settings_;
   std::map<unsigned, std::string> indexed_headers_;
   std::shared_ptr<HttpRequest> in_flight_;
-  bool cancelled_ = false;  // the upload that has begun
+  bool cancelled_ = false;  // for ever
   long last_http_status_ = 0;
   std::string last_correlation_id_;
 };

@@ -19,7 +19,8 @@ class Uploader {
   // Blocks until the final response, retries included. Never throws: 0 is success, 1000xx a failure (the table is
   // in docs/PROTOCOL.md), each failure logged once.
   virtual std::int32_t Upload(const std::string& content_type, const std::vector<unsigned char>& payload) = 0;
-  // Ends an upload in flight from another thread. A later Upload is not affected.
+  // Ends an upload in flight, from another thread, and lets every later one fail at once: whoever cancels is about to
+  // go, and an upload that begins just behind the cancel must not hold the end up.
   virtual void Cancel() = 0;
 
   // Where the next upload goes.

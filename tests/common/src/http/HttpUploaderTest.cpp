@@ -160,9 +160,8 @@ TEST_F(HttpUploaderTest, WarnsOfAnIndexedHeaderThatDoesNotExist) {
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "HttpUploader: There is no indexed header 2"));
 }
 
-TEST_F(HttpUploaderTest, CancelEndsTheUploadInFlightAndNoLaterOne) {
+TEST_F(HttpUploaderTest, CancelEndsTheUploadInFlightAndEveryLaterOne) {
   FakeHttpServer server({FakeHttpServer::kHang});
-  FakeHttpServer healthy({FakeHttpServer::Answer("200 OK")});
   HttpUploader uploader = UploaderTo(server.Url());
   auto upload = std::async(std::launch::async, [&] { return uploader.Upload("application/json", payload_); });
   server.AwaitRequests(1);
@@ -172,9 +171,7 @@ TEST_F(HttpUploaderTest, CancelEndsTheUploadInFlightAndNoLaterOne) {
       log_.Has("HttpUploader: Upload failed due to http exception: Response isn't available for cancelled HTTP "
                "request for " +
                server.Url()));
-  uploader.Cancel();
-  uploader.SetTarget(healthy.Url());
-  EXPECT_EQ(0, uploader.Upload("application/json", payload_));
+  EXPECT_EQ(100022, uploader.Upload("application/json", payload_)) << "the server would let it hang";
 }
 
 TEST_F(HttpUploaderTest, NeverThrows) {
