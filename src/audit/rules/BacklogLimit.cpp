@@ -14,6 +14,9 @@ namespace {
 
 using common::util::ErrnoText;
 
+// To the kernel a limit of 0 is none at all: nothing is higher.
+constexpr std::uint32_t kNoLimit = 0;
+
 std::optional<std::uint32_t> GetAuditBacklogLimit(AuditSocket& socket) {
   const auto reply = std::make_unique<audit_reply>();
   int error = socket.RequestStatus();
@@ -30,6 +33,7 @@ std::optional<std::uint32_t> GetAuditBacklogLimit(AuditSocket& socket) {
     ZLOG_ERROR("GetAuditBacklogLimit: Invalid audit reply");
     return std::nullopt;
   }
+  ZLOG_INFO("Audit backlog limit is set to " << reply->status->backlog_limit);
   return reply->status->backlog_limit;
 }
 
@@ -37,11 +41,7 @@ std::optional<std::uint32_t> GetAuditBacklogLimit(AuditSocket& socket) {
 
 void RaiseAuditBacklogLimit(AuditSocket& socket, std::uint32_t wanted) {
   const std::optional<std::uint32_t> current = GetAuditBacklogLimit(socket);
-  if (!current) return;
-  if (*current >= wanted) {
-    ZLOG_INFO("Audit backlog limit is set to " << *current);
-    return;
-  }
+  if (!current || *current == kNoLimit || *current >= wanted) return;
   const int error = socket.SetBacklogLimit(wanted);
   if (error != 0) {
     ZLOG_ERROR("Failed to set audit backlog limit to " << wanted << ". Continuing with " << *current << ": "

@@ -24,6 +24,7 @@ TEST_F(BacklogLimitTest, RaisesALowLimit) {
   kernel_.backlog_limit = 64;
   Raise(8192);
   EXPECT_EQ(kernel_.backlog_limit, 8192U);
+  EXPECT_TRUE(log_.Has("Audit backlog limit is set to 64"));
   EXPECT_TRUE(log_.Has("Audit backlog limit is set to 8192"));
 }
 
@@ -34,6 +35,13 @@ TEST_F(BacklogLimitTest, NeverLowersALimit) {
     EXPECT_EQ(kernel_.backlog_limit, current);
     EXPECT_TRUE(log_.Has("Audit backlog limit is set to " + std::to_string(current)));
   }
+  EXPECT_TRUE(kernel_.calls.empty());
+}
+
+TEST_F(BacklogLimitTest, KeepsAKernelWithoutLimitAsItIs) {
+  kernel_.backlog_limit = 0;
+  Raise(8192);
+  EXPECT_EQ(kernel_.backlog_limit, 0U);
   EXPECT_TRUE(kernel_.calls.empty());
 }
 
