@@ -146,10 +146,10 @@ class FakeAuditNetlink final : public audit::AuditNetlink {
     const SeenRule seen(*rule);
     calls.push_back("add " + seen.Key());
     if (!Known(fd)) return Fail(EBADF);
-    if (const int error = refuse_add ? refuse_add(seen) : 0; error != 0) return Fail(error);
-    if (const int error = Objection(seen); error != 0) return Fail(error);
+    if (const int error = refuse_add ? refuse_add(seen) : 0; error != 0) return Refuse(fd, error);
+    if (const int error = Objection(seen); error != 0) return Refuse(fd, error);
     // A rule to be put in front differs from its listed twin by that flag: the kernel takes it twice.
-    if (Find(*rule) != rules_.end()) return Fail(EEXIST);
+    if (Find(*rule) != rules_.end()) return Refuse(fd, EEXIST);
     const bool in_front = (rule->flags & AUDIT_FILTER_PREPEND) != 0;
     Bytes bytes = Copy(*rule);
     Data(bytes)->flags &= ~static_cast<std::uint32_t>(AUDIT_FILTER_PREPEND);
@@ -163,9 +163,9 @@ class FakeAuditNetlink final : public audit::AuditNetlink {
     const SeenRule seen(*rule);
     calls.push_back("delete " + seen.Key());
     if (!Known(fd)) return Fail(EBADF);
-    if (const int error = refuse_delete ? refuse_delete(seen) : 0; error != 0) return Fail(error);
+    if (const int error = refuse_delete ? refuse_delete(seen) : 0; error != 0) return Refuse(fd, error);
     const auto found = Find(*rule);
-    if (found == rules_.end()) return Fail(ENOENT);
+    if (found == rules_.end()) return Refuse(fd, ENOENT);
     rules_.erase(found);
     return ++sequence_;
   }
@@ -207,6 +207,13 @@ class FakeAuditNetlink final : public audit::AuditNetlink {
   static int Fail(int error) {
     errno = error;
     return -1;
+  }
+  // libaudit takes whatever waits on the descriptor for the kernel's answer, and anything but an error for consent.
+  int Refuse(int fd, int error) {
+    const std::deque<Message>& waiting = replies_[fd];
+    const bool is_misread = std::any_of(waiting.begin(), waiting.end(),
+                                        [](const Message& m) { return m.type != kEagain && m.type != NLMSG_ERROR; });
+    return is_misread ? ++sequence_ : Fail(error);
   }
   static Bytes Copy(const audit_rule_data& rule) {
     const char* begin = reinterpret_cast<const char*>(&rule);

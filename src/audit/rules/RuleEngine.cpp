@@ -30,8 +30,12 @@ RuleEngine::RuleEngine(AuditNetlink& netlink, common::ProcessTree& process_tree,
       router_(
           clock, [this](const edr::Event& event) { return ShouldProcessEvent(event); },
           [this](const edr::Event& event) { CallHandlers(event); }) {
+  {
+    // A late answer to the question for the limit must not be taken for the answer to a rule.
+    AuditSocket status(netlink_, "RuleEngine");
+    internal::RaiseAuditBacklogLimit(status, settings.audit_backlog_limit);
+  }
   AuditSocket socket(netlink_, "RuleEngine");
-  internal::RaiseAuditBacklogLimit(socket, settings.audit_backlog_limit);
   internal::Exclusions::DeleteAll(socket);
   exclusions_.AddAll(socket);
 }

@@ -41,6 +41,16 @@ TEST_F(RuleEngineTest, LeavesAHigherLimitAlone) {
   EXPECT_EQ(kernel_.backlog_limit, 100'000U);
 }
 
+TEST_F(RuleEngineTest, DoesNotTakeALateStatusForTheAnswerToARule) {
+  engine_.reset();
+  kernel_.foreign_type = AUDIT_USER;  // in front of the status, which is left behind
+  kernel_.foreign_count = 1;
+  kernel_.refuse_add = [](const SeenRule& rule) { return rule.Key() == "ostrel_ignore_rule_ostrel-edr" ? EPERM : 0; };
+  Start();
+  EXPECT_TRUE(log_.Has("GetAuditBacklogLimit: Invalid audit reply"));
+  EXPECT_TRUE(log_.Has("Failed to add exclusion rule for pid " + std::to_string(getpid()) + " (errno = 1)"));
+}
+
 TEST_F(RuleEngineTest, CannotStartWithoutAnAuditSocket) {
   engine_.reset();
   kernel_.open_error = EPERM;
@@ -148,6 +158,16 @@ TEST_F(RuleEngineTest, SharesAnIdBetweenTagsWithoutHarm) {
   EXPECT_EQ(paths(), (std::set<std::string>{folder_.Path()}));
   engine_->AddRules("FIM", {});
   EXPECT_EQ(paths(), (std::set<std::string>{folder_.Path()}));
+}
+
+TEST_F(RuleEngineTest, TellsThatTheRuleOfAnotherTagCouldNotBeRestored) {
+  engine_->AddRules("IOC", {Watch("1")});
+  kernel_.refuse_add = [this](const SeenRule& rule) { return rule.Path() == folder_.Path() ? ENOSPC : 0; };
+  EXPECT_EQ(ErrorOf([&] { engine_->AddRules("FIM", {FakeRule::File("1", "/etc/passwd", {EventType::Write})}); }),
+            "no error");
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR,
+                       "RuleEngine::AddRules: Failed to restore rule with ID 1 of 'IOC': "
+                       "Failed to add rule to audit subsystem"));
 }
 
 TEST_F(RuleEngineTest, KeepsTwoIdsOfOneTagApartThatBeginAlike) {
