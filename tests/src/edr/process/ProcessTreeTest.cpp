@@ -51,7 +51,19 @@ TEST_F(ProcessTreeTest, WalksFromTheProcessUpToTheLastKnownOne) {
   Add(20, 10);
   EXPECT_EQ(Ancestors(20), (Pids{20, 10, 1}));
   EXPECT_EQ(Ancestors(99), Pids{});
-  EXPECT_THROW((void)tree_.GetAncestors(0), std::invalid_argument);
+}
+
+TEST_F(ProcessTreeTest, RefusesPidsThatNoProcessHas) {
+  const auto error_of = [](const auto& call) -> std::string {
+    try {
+      call();
+    } catch (const std::invalid_argument& error) {
+      return error.what();
+    }
+    return "no error";
+  };
+  EXPECT_EQ(error_of([&] { (void)tree_.GetAncestors(0); }), "ProcessTree::GetAncestors: 'pid' is invalid");
+  EXPECT_EQ(error_of([&] { tree_.Delete(0); }), "ProcessTree::Delete: 'pid' is invalid");
 }
 
 TEST_F(ProcessTreeTest, ALoopOfParentsEndsTheWalk) {
@@ -72,9 +84,19 @@ TEST_F(ProcessTreeTest, DeletingAParentMovesItsChildrenUnderProcessOne) {
   EXPECT_EQ(tree_.Get(1).GetChildren().count(10), 0U);
 }
 
-TEST_F(ProcessTreeTest, DeletingAnUnknownPidIsNoErrorAndAnImpossibleOneIs) {
+TEST_F(ProcessTreeTest, DeletingAnUnknownPidIsNoError) {
   EXPECT_NO_THROW(tree_.Delete(5));
-  EXPECT_THROW(tree_.Delete(0), std::invalid_argument);
+}
+
+TEST_F(ProcessTreeTest, TracesWhatComesAndGoes) {
+  const fakes::LogCapture log;
+  Add(1, 0);
+  EXPECT_TRUE(log.Has(Poco::Message::PRIO_TRACE, "ProcessTree: Size 1 (1"));
+  Add(10, 1);
+  tree_.Delete(10);
+  EXPECT_TRUE(log.Has(Poco::Message::PRIO_TRACE, "ProcessTree: Adding 10 (/bin/fake) as child of 1"));
+  EXPECT_TRUE(log.Has(Poco::Message::PRIO_TRACE, "ProcessTree: Size 2 ("));
+  EXPECT_TRUE(log.Has(Poco::Message::PRIO_TRACE, "ProcessTree: Deleting 10"));
 }
 
 TEST_F(ProcessTreeTest, AReplacedProcessLeavesItsChildrenToProcessOne) {
@@ -91,6 +113,24 @@ TEST(ProcessInfoTest, AParentEqualToItselfEndsAsNone) {
   const fakes::LogCapture log;
   EXPECT_EQ(FakeProcessInfo(7, 7).GetParent(), ProcessInfo::kNoParent);
   EXPECT_TRUE(log.Has(Poco::Message::PRIO_ERROR, "ProcessInfo: ppid cannot be the same as pid (7)"));
+}
+
+TEST(ProcessInfoTest, TracesItsRelations) {
+  const fakes::LogCapture log;
+  FakeProcessInfo info(7, 1);
+  EXPECT_TRUE(log.Has(Poco::Message::PRIO_TRACE, "ProcessInfo: Creating process with pid 7 and ppid 1"));
+  info.SetParent(2);
+  EXPECT_EQ(info.GetParent(), 2);
+  EXPECT_TRUE(log.Has(Poco::Message::PRIO_TRACE, "ProcessInfo: Updating parent of 7 to 2. Old parent was 1"));
+  info.AddChild(9);
+  EXPECT_EQ(info.GetChildren().count(9), 1U);
+  EXPECT_TRUE(log.Has(Poco::Message::PRIO_TRACE, "ProcessInfo: Adding 9 as child of 7"));
+  info.RemoveChild(9);
+  EXPECT_TRUE(info.GetChildren().empty());
+  EXPECT_TRUE(log.Has(Poco::Message::PRIO_TRACE, "ProcessInfo: Removing 9 from children of 7"));
+  info.SetPid(8);
+  EXPECT_EQ(info.GetPid(), 8);
+  EXPECT_TRUE(log.Has(Poco::Message::PRIO_TRACE, "ProcessInfo: Updating pid of 7 to 8"));
 }
 
 TEST(ProcessInfoTest, RefusesANegativePidAndBecomingItsOwnParent) {
