@@ -27,7 +27,10 @@ ImageInfo::ImageInfo(std::string device, std::uint32_t permission, std::uint64_t
       group_name_(std::move(group_name)),
       owner_name_(std::move(owner_name)),
       owner_id_(owner_id),
-      text_(std::move(text)) {}
+      text_(std::move(text)),
+      modification_time_(0),
+      access_time_(0),
+      change_time_(0) {}
 
 ImageInfo::ImageInfo(std::string path, const struct stat& stat)
     : device_(util::DeviceText(stat.st_dev)),

@@ -15,6 +15,7 @@ class ImageInfo {
  public:
   // Every number is -1 and every text but the path empty: all that a SYSCALL record says of an executable.
   explicit ImageInfo(std::string path);
+  // What a PATH record says of an object: the three times are 0.
   ImageInfo(std::string device, std::uint32_t permission, std::uint64_t inode, std::string path, std::uint32_t group_id,
             std::string group_name, std::string owner_name, std::uint32_t owner_id, std::string text);
   ImageInfo(std::string path, const struct stat& stat);
@@ -46,9 +47,9 @@ class ImageInfo {
   std::string owner_name_;
   std::uint32_t owner_id_ = static_cast<std::uint32_t>(-1);
   std::string text_;
-  std::int64_t modification_time_ = 0;
-  std::int64_t access_time_ = 0;
-  std::int64_t change_time_ = 0;
+  std::int64_t modification_time_ = -1;
+  std::int64_t access_time_ = -1;
+  std::int64_t change_time_ = -1;
   bool is_symlink_ = false;
 };
 

@@ -23,8 +23,27 @@ TEST(ImageInfoTest, KnowsOnlyThePathOfAnExecutableFromASyscallRecord) {
   EXPECT_EQ(image.GetInode(), 18446744073709551615U);
   EXPECT_EQ(image.GetOwnerId(), 4294967295U);
   EXPECT_EQ(image.GetGroupId(), 4294967295U);
+  EXPECT_EQ(image.GetModificationTime(), -1);
+  EXPECT_EQ(image.GetAccessTime(), -1);
+  EXPECT_EQ(image.GetChangeTime(), -1);
   EXPECT_TRUE(image.GetDevice().empty());
   EXPECT_TRUE(image.GetOwnerName().empty());
+}
+
+TEST(ImageInfoTest, TakesEverythingButTheTimesFromARecord) {
+  const ImageInfo image("fd:00", 4755, 137, "/srv/w/h", 34, "tape", "man", 12, "text");
+  EXPECT_EQ(image.GetDevice(), "fd:00");
+  EXPECT_EQ(image.GetPermission(), 4755U);
+  EXPECT_EQ(image.GetInode(), 137U);
+  EXPECT_EQ(image.GetPath(), "/srv/w/h");
+  EXPECT_EQ(image.GetGroupId(), 34U);
+  EXPECT_EQ(image.GetGroupName(), "tape");
+  EXPECT_EQ(image.GetOwnerName(), "man");
+  EXPECT_EQ(image.GetOwnerId(), 12U);
+  EXPECT_EQ(image.GetText(), "text");
+  EXPECT_EQ(image.GetModificationTime(), 0);
+  EXPECT_EQ(image.GetAccessTime(), 0);
+  EXPECT_EQ(image.GetChangeTime(), 0);
 }
 
 TEST(ImageInfoTest, TakesEverythingButTheNamesFromAStat) {
@@ -39,6 +58,12 @@ TEST(ImageInfoTest, TakesEverythingButTheNamesFromAStat) {
   EXPECT_EQ(image.GetChangeTime(), result.st_ctime);
   EXPECT_FALSE(image.IsSymlink());
   EXPECT_TRUE(image.GetOwnerName().empty());
+}
+
+TEST(ImageInfoTest, KnowsASymbolicLinkByItsMode) {
+  struct stat result {};
+  ASSERT_EQ(lstat("/proc/self", &result), 0);
+  EXPECT_TRUE(ImageInfo("/proc/self", result).IsSymlink());
 }
 
 TEST(ImageInfoTest, WritesDevicesAsAuditDoes) {
