@@ -1,6 +1,8 @@
 #include "src/edr/process/NameService.h"
 
 #include <gtest/gtest.h>
+#include <nss.h>
+#include <sys/resource.h>
 
 #include <thread>
 
@@ -30,6 +32,28 @@ TEST(NameServiceTest, AnswersTheDigitsOfAnUnknownGroupAndWarnsEachTime) {
   EXPECT_EQ(GroupName(kNobody), "3987654321");
   EXPECT_EQ(GroupName(kNobody), "3987654321");
   EXPECT_EQ(log.Count("Group name not found for gid 3987654321"), 2) << log.All();
+}
+
+TEST(NameServiceTest, AnswersTheDigitsAndWarnsWhenADatabaseCannotBeRead) {
+  // Only the files are asked, so that no other service of this host has the last word.
+  ASSERT_EQ(__nss_configure_lookup("passwd", "files"), 0);
+  ASSERT_EQ(__nss_configure_lookup("group", "files"), 0);
+  struct rlimit files {};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &files), 0);
+  const struct rlimit none = {0, files.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  const fakes::LogCapture log;
+  const std::string user = UserName(kNobody - 1);
+  const std::string group = GroupName(kNobody - 1);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &files), 0);
+  EXPECT_EQ(user, "3987654320");
+  EXPECT_EQ(group, "3987654320");
+  EXPECT_TRUE(
+      log.Has(Poco::Message::PRIO_WARNING, "Failed to get user name for uid 3987654320: Too many open files (24)"))
+      << log.All();
+  EXPECT_TRUE(
+      log.Has(Poco::Message::PRIO_WARNING, "Failed to get group name for gid 3987654320: Too many open files (24)"))
+      << log.All();
 }
 
 TEST(NameServiceTest, IsAskedByManyThreadsAtOnce) {
