@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <optional>
 
 #include "tests/fakes/LogCapture.h"
 
@@ -110,6 +111,27 @@ TEST_F(AuparseRecordSourceTest, ReadsRecordsWhoseFieldsSomebodyHasWalkedBefore) 
     EXPECT_EQ(again[3].fields.at("nametype"), "CREATE");
     EXPECT_EQ(again[3].fields.size(), ReadAll(state)[3].fields.size());
   });
+}
+
+TEST_F(AuparseRecordSourceTest, SaysWhichRecordItCannotReach) {
+  const auto error_of_next = [](AuparseRecordSource& source) -> std::string {
+    try {
+      Record record;
+      while (source.Next(record)) {
+      }
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
+    return "nothing thrown";
+  };
+  std::optional<AuparseRecordSource> source;
+  Feed(kEvent, [&](auparse_state_t* state) { source.emplace(state); });
+  // The event that it counted is gone.
+  EXPECT_EQ(error_of_next(*source), "Failed to parse first record");
+
+  Feed(kEvent, [&](auparse_state_t* state) { source.emplace(state); });
+  Feed("type=CONFIG_CHANGE msg=audit(1795162411.188:127): auid=4294967295 op=add_rule key=\"x\" list=4 res=1\n",
+       [&](auparse_state_t*) { EXPECT_EQ(error_of_next(*source), "Failed to parse record number 2"); });
 }
 
 TEST_F(AuparseRecordSourceTest, HasNoRecordsInAnEventOfUnwantedTypes) {

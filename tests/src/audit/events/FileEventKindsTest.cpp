@@ -155,6 +155,15 @@ TEST_F(DeleteEventTest, IsMadeOfEveryCallThatRemovesAndNeverLooksAtTheDisk) {
   }
 }
 
+TEST_F(DeleteEventTest, TellsFoldersAndLinksByTheirRecordsAlone) {
+  const auto link = Build<DeleteEvent>(87, "DELETE", {}, link_, link_);
+  EXPECT_TRUE(link->IsSymlink());
+  EXPECT_EQ(link->GetObjectType(), edr::ObjectType::File);
+  const auto folder = Build<DeleteEvent>(84, "DELETE", {}, folder_ / "d", folder_.Path());
+  EXPECT_FALSE(folder->IsSymlink());
+  EXPECT_EQ(folder->GetObjectType(), edr::ObjectType::Directory);
+}
+
 TEST_F(DeleteEventTest, IsNotRefreshed) {
   const auto event = Build<DeleteEvent>(87, "DELETE");
   ASSERT_EQ(unlink(file_.c_str()), 0);

@@ -176,6 +176,17 @@ TEST(PathResolutionTest, FindsTheFolderOfAPath) {
   EXPECT_EQ(FolderPart("/"), "/");
 }
 
+TEST(PathResolutionTest, KnowsWhichArgumentIsTheFolderOfTheObject) {
+  // openat, mkdirat, mknodat, fchownat, futimesat, unlinkat, renameat, fchmodat, utimensat, renameat2
+  for (const std::uint32_t syscall : {257U, 258U, 259U, 260U, 261U, 263U, 264U, 268U, 280U, 316U}) {
+    EXPECT_EQ(DirectoryArgumentOf(syscall), 0U) << syscall;
+  }
+  EXPECT_EQ(DirectoryArgumentOf(265), 2U);  // linkat
+  EXPECT_EQ(DirectoryArgumentOf(266), 1U);  // symlinkat
+  // open, fchmod, rename, open_by_handle_at: their first argument is something else.
+  for (const std::uint32_t syscall : {2U, 91U, 82U, 304U}) EXPECT_EQ(DirectoryArgumentOf(syscall), std::nullopt);
+}
+
 TEST(PathResolutionTest, ReadsDescriptorsUnderAnyRootOfProcfs) {
   const fakes::TempFolder proc;
   ASSERT_EQ(mkdir((proc / "42").c_str(), 0700), 0);

@@ -216,6 +216,15 @@ TEST_F(RenameEventTest, IsNoEventWhenAnotherFileIsAtTheDestination) {
   EXPECT_EQ(Error(), "File " + file + " differs from the object of the audit event");
 }
 
+TEST_F(RenameEventTest, IsNoEventWhenAFifoGotTheInodeOfTheFile) {
+  const std::string fifo = folder_ / "b/g";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const AuditRecords::Fields as_file = {{"mode", "0100600"}};
+  Call().Path("PARENT", "b/", folder_ / "b").Path("PARENT", "a/", folder_ / "a");
+  records_.Path("DELETE", "a/f", fifo, as_file).Path("CREATE", "b/g", fifo, as_file);
+  EXPECT_EQ(Error(), "Unsupported file type for Rename event");
+}
+
 TEST_F(RenameEventTest, IsNoEventWhenAnotherFolderIsAtTheDestination) {
   const std::string file = folder_.Write("b/g", "abc");
   MoveFromAToB(file);
