@@ -29,6 +29,7 @@ class SpoolFiles {
   SpoolFiles(SpoolDirectory directory, const SpoolLimits& limits, SpoolFileAccess access = {});
   SpoolFiles(const SpoolFiles&) = delete;
   SpoolFiles& operator=(const SpoolFiles&) = delete;
+  ~SpoolFiles() = default;
 
   [[nodiscard]] std::uint64_t FirstIndex() const { return first_index_; }  // 0: the spool is empty
   [[nodiscard]] std::uint64_t LastIndex() const { return last_index_; }

@@ -45,6 +45,8 @@ class SpoolStorage final : public Storage {
   SpoolStorage(Scheduler& scheduler, const std::string& path, const std::string& prefix,
                std::unique_ptr<DataFormatter> formatter, const Limits& limits,
                std::uint64_t max_file_count = kMaxFileCount, util::Clock& clock = util::Clock::Real());
+  SpoolStorage(const SpoolStorage&) = delete;
+  SpoolStorage& operator=(const SpoolStorage&) = delete;
   // Unregisters the schedule, runs the tasks that never started, flushes the cache: an orderly stop loses nothing.
   ~SpoolStorage() override;
 

@@ -24,6 +24,8 @@ class SpoolStorageSchedule final : public Schedule {
 
   // Throws std::invalid_argument "SpoolStorageSchedule: 'syncCallback' is invalid".
   SpoolStorageSchedule(std::function<void()> sync_callback, util::Clock& clock);
+  SpoolStorageSchedule(const SpoolStorageSchedule&) = delete;
+  SpoolStorageSchedule& operator=(const SpoolStorageSchedule&) = delete;
   ~SpoolStorageSchedule() override;
 
   [[nodiscard]] std::int64_t NextRunTime() override { return next_sync_; }
@@ -53,8 +55,8 @@ class SpoolStorageSchedule final : public Schedule {
 
  private:
   struct Entry {
-    std::uint64_t number;
-    std::uint64_t bytes;
+    std::uint64_t number = 0;
+    std::uint64_t bytes = 0;
     Task task;
   };
 

@@ -18,6 +18,7 @@ class AsyncTask {
   AsyncTask() = default;
   AsyncTask(const AsyncTask&) = delete;
   AsyncTask& operator=(const AsyncTask&) = delete;
+  virtual ~AsyncTask();
 
   // Blocks while a run is under way, then starts the next one. Throws std::system_error when no thread can be made;
   // the task is idle then. Never joins a thread, because the caller may hold a lock that OnIdle of the run before
@@ -36,7 +37,6 @@ class AsyncTask {
   virtual void Execute() = 0;
   // Called by Cancel, without a lock, while a run is under way.
   virtual void OnCancel() {}
-  virtual ~AsyncTask();
 
   // Called on the run's thread once the task is idle again, with no lock held.
   virtual void OnIdle() {}

@@ -14,6 +14,9 @@ namespace zagent::common {
 // wakes the Scheduler; the base wakes it a second time when the run is idle, so that a RunNow() in between is seen.
 class Schedule : public AsyncTask {
  public:
+  Schedule() = default;
+  Schedule(const Schedule&) = delete;
+  Schedule& operator=(const Schedule&) = delete;
   ~Schedule() override;
 
   // Takes back an earlier RunNow, unless no thread can be made.

@@ -27,12 +27,14 @@ class SpoolWorkerTest : public ::testing::Test {
 
   std::unique_ptr<StorageResult> Add(const std::string& text) { return worker_.Add(ToBytes(text)); }
 
-  // The names and texts of all files.
+  // The texts of all files.
   [[nodiscard]] std::string Files() const {
     std::string all;
     for (int index = 1; index < 10; ++index) {
       const std::string name = "events.000" + std::to_string(index);
-      if (std::filesystem::exists(folder_ / name)) all += (all.empty() ? "" : " ") + folder_.Read(name);
+      if (!std::filesystem::exists(folder_ / name)) continue;
+      const std::string text = folder_.Read(name);
+      all += (all.empty() ? "" : " ") + (text.empty() ? "<empty>" : text);
     }
     return all;
   }

@@ -109,17 +109,23 @@ TEST(AsyncTaskTest, ASecondStartWaitsForTheRunUnderWay) {
 }
 
 TEST(AsyncTaskTest, CancelTellsTheRunAndReturnsAfterItsEnd) {
-  Gate started;
+  Gate told;
+  Gate release;
   ScriptedTask task([&](ScriptedTask& self) {
-    started.Open();
     EXPECT_TRUE(Eventually([&] { return self.IsCancelling(); }));
-    // Long enough for a Cancel that does not wait to be seen.
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    told.Open();
+    EXPECT_TRUE(release.Await());
   });
   task.Start();
-  ASSERT_TRUE(started.Await());
-  task.Cancel();
-  EXPECT_EQ(task.ended, 1);
+  std::future<int> cancelled = std::async(std::launch::async, [&] {
+    task.Cancel();
+    return task.ended.load();
+  });
+  ASSERT_TRUE(told.Await());
+  EXPECT_EQ(cancelled.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+  release.Open();
+  ASSERT_EQ(cancelled.wait_for(kTestPatience), std::future_status::ready);
+  EXPECT_EQ(cancelled.get(), 1);
   EXPECT_EQ(task.cancels, 1);
   EXPECT_FALSE(task.IsRunning());
   EXPECT_FALSE(task.IsCancelling());
@@ -158,19 +164,20 @@ TEST(AsyncTaskTest, EveryOneOfSeveralCancelsWaitsForTheEnd) {
 }
 
 TEST(AsyncTaskTest, CancelReturnsOnlyAfterOnIdleHasReturned) {
-  std::atomic<bool> idle_done{false};
   Gate in_idle;
+  Gate release;
   ScriptedTask task([](ScriptedTask&) {});
   task.on_idle = [&] {
     in_idle.Open();
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    idle_done = true;
+    EXPECT_TRUE(release.Await());
   };
   task.Start();
   ASSERT_TRUE(in_idle.Await());
   EXPECT_FALSE(task.IsRunning());
-  task.Cancel();
-  EXPECT_TRUE(idle_done);
+  std::future<void> cancelled = std::async(std::launch::async, [&] { task.Cancel(); });
+  EXPECT_EQ(cancelled.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+  release.Open();
+  EXPECT_EQ(cancelled.wait_for(kTestPatience), std::future_status::ready);
 }
 
 TEST(AsyncTaskTest, StartDoesNotWaitForAThreadThatNeedsItsCallersLock) {

@@ -287,17 +287,24 @@ TEST_F(SchedulerTest, ARunThatIsBeingCancelledMayCallTheScheduler) {
 
 TEST_F(SchedulerTest, StopCancelsRunningSchedulesAndWaitsForThem) {
   Gate started;
+  Gate told;
+  Gate release;
   const auto schedule = Register(
       [&](FakeSchedule& self) {
         started.Open();
         EXPECT_TRUE(Eventually([&] { return self.IsCancelling(); }));
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));  // for a Stop that does not wait to be seen
+        told.Open();
+        EXPECT_TRUE(release.Await());
       },
       In(seconds(0)));
   scheduler_.Start();
   EXPECT_TRUE(scheduler_.IsRunning());
   ASSERT_TRUE(started.Await());
-  scheduler_.Stop();
+  auto stopped = std::async(std::launch::async, [&] { scheduler_.Stop(); });
+  ASSERT_TRUE(told.Await());
+  EXPECT_EQ(stopped.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+  release.Open();
+  ASSERT_EQ(stopped.wait_for(kTestPatience), std::future_status::ready);
   EXPECT_EQ(schedule->ended, 1);
   EXPECT_FALSE(scheduler_.IsRunning());
   EXPECT_EQ(schedule->unregistered, 0);
