@@ -7,6 +7,7 @@
 #include <sys/vfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <utility>
@@ -56,10 +57,11 @@ bool IsInProcfs(int fd) {
   return fstatfs(fd, &file_system) == 0 && file_system.f_type == PROC_SUPER_MAGIC;
 }
 
-std::size_t ReadChunk(const std::string& path, int fd, std::vector<unsigned char>& buffer) {
+std::size_t ReadChunk(const std::string& path, int fd, std::vector<unsigned char>& buffer, std::int64_t left) {
+  const std::size_t wanted = std::min(buffer.size(), static_cast<std::size_t>(left));
   ssize_t count = 0;
   do {
-    count = read(fd, buffer.data(), buffer.size());
+    count = read(fd, buffer.data(), wanted);
   } while (count < 0 && errno == EINTR);
   if (count < 0) {
     throw HashGeneratorException("Error reading file '" + path + "' for generating hashes: " + ErrnoText(errno));
@@ -90,10 +92,16 @@ HashGenerator::HashGenerator(std::string path, const std::string& device, std::u
   if (!device.empty() && (opened.st_ino != inode || DeviceText(opened.st_dev) != device)) return;
   if (!S_ISREG(opened.st_mode) || IsInProcfs(fd.Get())) return;
   ZLOG_TRACE("Reading file content from " << path_ << " (Size: " << opened.st_size << " bytes.)");
-  Generate(fd.Get(), kind);
+  if (opened.st_size > kMaxFileSize) {
+    ZLOG_DEBUG("Not generating hashes for " << path_ << ": " << opened.st_size << " bytes are more than "
+                                            << kMaxFileSize);
+    return;
+  }
+  Generate(fd.Get(), opened.st_size, kind);
 }
 
-void HashGenerator::Generate(int fd, HashKind kind) {
+// Ends at the size that the file had when it was opened, or earlier: who appends faster than this reads gains nothing.
+void HashGenerator::Generate(int fd, std::int64_t size, HashKind kind) {
   const auto wanted = [kind](HashKind one) { return kind == HashKind::All || kind == one; };
   std::vector<Pass> passes;
   if (wanted(HashKind::Md5)) passes.push_back(StartPass(path_, EVP_md5(), &md5_));
@@ -101,7 +109,10 @@ void HashGenerator::Generate(int fd, HashKind kind) {
   if (wanted(HashKind::Sha256)) passes.push_back(StartPass(path_, EVP_sha256(), &sha256_));
 
   std::vector<unsigned char> buffer(kChunk);
-  while (const std::size_t count = ReadChunk(path_, fd, buffer)) {
+  for (std::int64_t left = size; left > 0;) {
+    const std::size_t count = ReadChunk(path_, fd, buffer, left);
+    if (count == 0) break;
+    left -= static_cast<std::int64_t>(count);
     for (const Pass& pass : passes) {
       if (EVP_DigestUpdate(pass.context.get(), buffer.data(), count) != 1) {
         throw HashGeneratorException("Failed to update hashes for " + path_);
@@ -111,11 +122,17 @@ void HashGenerator::Generate(int fd, HashKind kind) {
   for (const Pass& pass : passes) FinishPass(path_, pass);
 }
 
-const std::vector<unsigned char>& HashGenerator::GetMd5() const { return Existing(md5_, "MD5", path_); }
+const std::vector<unsigned char>& HashGenerator::GetMd5() const {
+  return Existing(md5_, "MD5", path_);
+}
 
-const std::vector<unsigned char>& HashGenerator::GetSha1() const { return Existing(sha1_, "SHA1", path_); }
+const std::vector<unsigned char>& HashGenerator::GetSha1() const {
+  return Existing(sha1_, "SHA1", path_);
+}
 
 // The platform knows a missing SHA-256 digest by the same words.
-const std::vector<unsigned char>& HashGenerator::GetSha256() const { return Existing(sha256_, "SHA1", path_); }
+const std::vector<unsigned char>& HashGenerator::GetSha256() const {
+  return Existing(sha256_, "SHA1", path_);
+}
 
 }  // namespace zagent::common::util

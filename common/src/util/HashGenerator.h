@@ -17,11 +17,14 @@ enum class HashKind : std::uint8_t { All = 0, Md5 = 1, Sha1 = 2, Sha256 = 3 };
 
 // Digests of a file, computed in one pass over it and only if the file that is opened is still the one that was meant.
 // What is no regular file (a FIFO, a device) or lies in procfs, whose files may be endless or change by being read, has
-// no digests; neither has a file that was replaced.
+// no digests; neither has a file that was replaced, nor one of more than kMaxFileSize bytes: a sparse file of terabytes
+// costs an attacker nothing and would keep the thread that hashes it for hours.
 class HashGenerator {
  public:
-  // Does all the work. `device` as audit writes it ("fd:00"); without it neither device nor inode is checked. A symbolic
-  // link is followed. Throws HashGeneratorException when the file cannot be opened or read.
+  static constexpr std::int64_t kMaxFileSize = 1LL << 30;
+
+  // Does all the work. `device` as audit writes it ("fd:00"); without it neither device nor inode is checked. A
+  // symbolic link is followed. Throws HashGeneratorException when the file cannot be opened or read.
   HashGenerator(std::string path, const std::string& device, std::uint64_t inode, HashKind kind);
 
   // The digest as bytes. Throw HashGeneratorException when it was not asked for or not computed.
@@ -30,7 +33,7 @@ class HashGenerator {
   [[nodiscard]] const std::vector<unsigned char>& GetSha256() const;
 
  private:
-  void Generate(int fd, HashKind kind);
+  void Generate(int fd, std::int64_t size, HashKind kind);
 
   std::string path_;
   std::vector<unsigned char> md5_;

@@ -149,6 +149,13 @@ std::string AuditRule::GetKey() const {
   return "";
 }
 
+bool AuditRule::IsForPid(std::int32_t pid) const {
+  for (std::uint32_t i = 0; i < rule_->field_count; ++i) {
+    if (rule_->fields[i] == AUDIT_PID) return rule_->values[i] == static_cast<std::uint32_t>(pid);
+  }
+  return false;
+}
+
 bool AuditRule::IsMessageTypeExclusion(std::uint32_t message_type) const {
   return GetList() == List::Exclude && GetAction() == Action::Always && rule_->field_count == 1 &&
          rule_->fields[0] == AUDIT_MSGTYPE && rule_->fieldflags[0] == AUDIT_EQUAL && rule_->values[0] == message_type;

@@ -52,6 +52,8 @@ class AuditRule {
   [[nodiscard]] Action GetAction() const;
   // The text of the key field; empty without one.
   [[nodiscard]] std::string GetKey() const;
+  // True for a rule with the condition "pid=<pid>".
+  [[nodiscard]] bool IsForPid(std::int32_t pid) const;
   // True for a rule whose one and only condition is this message type, on the exclude list.
   [[nodiscard]] bool IsMessageTypeExclusion(std::uint32_t message_type) const;
 

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "common/src/util/Log.h"
+#include "src/audit/rules/Exclusions.h"
 #include "src/edr/EventRuleEngine.h"
 
 namespace zagent::audit::internal {
@@ -85,7 +86,7 @@ std::vector<AuditRule> AddPathRules(const edr::EventRule& rule) {
 
 void AddKeyToRule(const std::string& id, AuditRule& target) {
   ZLOG_TRACE("CreateRules: Adding " << id << " to rule");
-  const char* objection = AuditRule::WhyRefused(id);
+  const char* objection = Exclusions::IsReservedKey(id) ? "it is reserved" : AuditRule::WhyRefused(id);
   if (objection != nullptr) {
     throw RuleEngineException("CreateRules: Failed to add key for rule id " + id + ": " + objection);
   }

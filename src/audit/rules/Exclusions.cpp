@@ -33,8 +33,10 @@ std::string FileName(const std::string& path) {
   return path.substr(path.rfind('/') + 1);  // the whole text without a "/"
 }
 
-bool HasKey(const std::vector<AuditRule>& listed, const std::string& key) {
-  const bool found = std::any_of(listed.begin(), listed.end(), [&](const auto& rule) { return rule.GetKey() == key; });
+// A rule of this key for another process is a leftover that could not be deleted: it silences the wrong one.
+bool IsListed(const std::vector<AuditRule>& listed, const std::string& key, std::int32_t pid) {
+  const bool found = std::any_of(listed.begin(), listed.end(),
+                                 [&](const auto& rule) { return rule.GetKey() == key && rule.IsForPid(pid); });
   if (found) ZLOG_DEBUG("Rule with key " << key << " already exist");
   return found;
 }
@@ -79,9 +81,9 @@ bool AddExclusionRules(AuditSocket& socket, const std::vector<AuditRule>& listed
   AuditRule exit(List::Exit, Action::Always);
   if (!BuildIgnoreRule(name, pid, ignore) || !BuildExitRule(name, pid, exit)) return false;
 
-  const bool adds_ignore = !HasKey(listed, kIgnoreKeyPrefix + name);
+  const bool adds_ignore = !IsListed(listed, kIgnoreKeyPrefix + name, pid);
   if (adds_ignore && !AddProcessRule(socket, ignore, pid)) return false;
-  if (!HasKey(listed, kExitKeyPrefix + name) && !AddProcessRule(socket, exit, pid)) {
+  if (!IsListed(listed, kExitKeyPrefix + name, pid) && !AddProcessRule(socket, exit, pid)) {
     const int error = adds_ignore ? socket.Delete(ignore) : 0;
     if (error != 0) {
       ZLOG_ERROR("Failed to clean up exclusion rule for pid " << pid << " (errno = " << error << ")");
@@ -139,10 +141,6 @@ void AddThreadExclusion(AuditSocket& socket) {
   ZLOG_DEBUG("Added thread exclusion rule to audit");
 }
 
-bool IsExclusionKey(const std::string& key) {
-  return key.starts_with(kIgnoreKeyPrefix) || key.starts_with(kExitKeyPrefix) || key == kThreadKey;
-}
-
 void DeleteProcess(AuditSocket& socket, const std::string& name) {
   for (AuditRule& rule : socket.GetRulesFromAudit()) {
     const std::string key = rule.GetKey();
@@ -186,11 +184,15 @@ void Exclusions::SetAgent(std::int32_t pid, const std::string& name) {
   for (const auto& [process_name, process] : processes_) excluded_pids_.insert(process.pid);
 }
 
+bool Exclusions::IsReservedKey(const std::string& key) {
+  return key.starts_with(kIgnoreKeyPrefix) || key.starts_with(kExitKeyPrefix) || key == kThreadKey;
+}
+
 void Exclusions::DeleteAll(AuditSocket& socket) {
   std::vector<AuditRule> listed = socket.GetRulesFromAudit();
   for (AuditRule& rule : listed) {
     const std::string key = rule.GetKey();
-    if (!IsExclusionKey(key)) continue;
+    if (!IsReservedKey(key)) continue;
     const int error = socket.Delete(rule);
     if (error == 0) {
       ZLOG_DEBUG("RuleEngine::DeleteExclusionRules: Deleted old rule " << key);

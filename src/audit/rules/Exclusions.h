@@ -20,6 +20,9 @@ class Exclusions {
 
   [[nodiscard]] const std::set<std::int32_t>& GetExcludedPids() const { return excluded_pids_; }
 
+  // True for the keys of exclusion rules: a manifest's rule of that id would be taken for one.
+  [[nodiscard]] static bool IsReservedKey(const std::string& key);
+
   // Everything of this kind that is in the kernel, whichever run added it.
   static void DeleteAll(AuditSocket& socket);
   void AddAll(AuditSocket& socket);

@@ -117,6 +117,8 @@ TEST_F(CreateRulesTest, RefusesIdsThatAreNoKeys) {
             "CreateRules: Failed to add key for rule id : it is empty");
   EXPECT_EQ(ErrorOf(FakeRule("a!=b", ObjectType::File, "/etc/passwd", {EventType::Write})),
             "CreateRules: Failed to add key for rule id a!=b: it holds an operator");
+  EXPECT_EQ(ErrorOf(FakeRule("ostrel_exit_rule_x", ObjectType::File, "/etc/passwd", {EventType::Write})),
+            "CreateRules: Failed to add key for rule id ostrel_exit_rule_x: it is reserved");
   const std::string too_long(257, 'k');
   EXPECT_EQ(ErrorOf(FakeRule(too_long, ObjectType::File, "/etc/passwd", {EventType::Write})),
             "CreateRules: Failed to add key for rule id " + too_long + ": it is longer than 256 bytes");

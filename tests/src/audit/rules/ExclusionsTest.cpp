@@ -125,6 +125,20 @@ TEST_F(ExclusionsTest, AddsNoSecondRuleUnderTheSameKey) {
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "Rule with key ostrel_ignore_rule_ostrel-edr already exist"));
 }
 
+TEST_F(ExclusionsTest, ALeftoverOfAnotherProcessUnderTheSameKeyDoesNotStandInTheWay) {
+  exclusions_.AddAll(socket_);
+  kernel_.refuse_delete = [](const SeenRule&) { return EPERM; };
+  exclusions_.Update(socket_, kAgentPid + 1, "/opt/ostrel/bin/host-warden");
+  const auto silences = [this](std::int32_t pid) {
+    for (const SeenRule& rule : kernel_.RulesWithKey("ostrel_ignore_rule_host-warden")) {
+      if (rule.Find(AUDIT_PID)->value == static_cast<std::uint32_t>(pid)) return true;
+    }
+    return false;
+  };
+  EXPECT_TRUE(silences(kAgentPid)) << "could not be deleted";
+  EXPECT_TRUE(silences(kAgentPid + 1));
+}
+
 TEST_F(ExclusionsTest, TakesTheSilenceBackWhenTheExitRuleFails) {
   RefuseToAdd("ostrel_exit_rule_ostrel-edr", ENOSPC);
   exclusions_.AddAll(socket_);
