@@ -8,31 +8,10 @@
 
 #include "src/audit/rules/RuleEngine.h"
 #include "tests/fakes/FakeEvent.h"
+#include "tests/fakes/FakeProcessInfo.h"
 
 namespace zagent::audit::internal {
 namespace {
-
-// A process of the tree of which only the image is known.
-class Process final : public common::ProcessInfo {
- public:
-  Process(std::int32_t pid, std::int32_t ppid, const std::string& path) : ProcessInfo(pid, ppid), image_(path) {}
-
-  [[nodiscard]] const std::vector<std::string>& GetArguments() const override { return arguments_; }
-  [[nodiscard]] std::uint32_t GetAuid() const override { return 0; }
-  [[nodiscard]] const std::string& GetCwd() const override { return cwd_; }
-  [[nodiscard]] std::uint32_t GetEuid() const override { return 0; }
-  [[nodiscard]] const common::ImageInfo* GetImage() const override { return &image_; }
-  [[nodiscard]] const common::ImageInfo* GetSecondaryImage() const override { return nullptr; }
-  [[nodiscard]] std::int64_t GetCreationTime() const override { return 0; }
-  [[nodiscard]] std::uint32_t GetUserId() const override { return 0; }
-  [[nodiscard]] bool HasSecondaryImage() const override { return false; }
-  void Update(const edr::Event&) override {}
-
- private:
-  common::ImageInfo image_;
-  std::vector<std::string> arguments_;
-  std::string cwd_;
-};
 
 class OwnActivityTest : public ::testing::Test {
  protected:
@@ -43,7 +22,7 @@ class OwnActivityTest : public ::testing::Test {
     return own_.IsSourceOf(event, {500});
   }
   void AddProcess(std::int32_t pid, std::int32_t ppid, const std::string& image) {
-    tree_.Add(std::make_unique<Process>(pid, ppid, image));
+    tree_.Add(std::make_unique<fakes::FakeProcessInfo>(pid, ppid, image));
   }
 
   common::ProcessTree tree_;
