@@ -46,7 +46,8 @@ std::optional<Manifest> LoadManifest(const std::string& path) {
 bool IsSymlink(const std::string& path) {
   try {
     return Poco::File(path).isLink();
-  } catch (const Poco::FileException&) {
+  } catch (const Poco::Exception&) {
+    // A name that is too long is no Poco::FileException, and nothing to fall over either.
     return false;
   }
 }

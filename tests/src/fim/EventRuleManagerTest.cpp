@@ -114,6 +114,14 @@ TEST_F(EventRuleManagerTest, OfADanglingLinkOnlyTheLinkIsWatched) {
   EXPECT_TRUE(log_.Has("[FIM]: Cannot resolve symlink"));
 }
 
+TEST_F(EventRuleManagerTest, APathThatCannotBeLookedAtIsTakenForNoLink) {
+  const std::string long_name = "/srv/" + std::string(300, 'x');
+  const std::string below_a_file = folder_.Write("file", "") + "/x";
+  Make({WriteManifest("one.json",
+                      Rule("long", long_name) + "," + Rule("below", below_a_file) + "," + Rule("good", "/etc"))});
+  EXPECT_EQ(InEngine(), (Installed{{"long", long_name}, {"below", below_a_file}, {"good", "/etc"}}));
+}
+
 TEST_F(EventRuleManagerTest, AnIdThatIsUsedTwiceIsLogged) {
   Make({WriteManifest("one.json", Rule("r1", "/etc") + "," + Rule("r1", "/srv"))});
   EXPECT_EQ(InEngine(), (Installed{{"r1", "/srv"}}));
