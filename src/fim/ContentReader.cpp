@@ -1,5 +1,7 @@
 #include "src/fim/ContentReader.h"
 
+#include <sys/stat.h>
+
 #include <memory>
 #include <utility>
 
@@ -18,6 +20,9 @@ bool IsObjectOfEvent(const struct stat& stat, const common::ImageInfo& file) {
 }  // namespace
 
 FileContent ReadFileContent(const common::ImageInfo& file) {
+  // Looked at before it is opened: opening a device may set it going, and a file that is gone is nothing to log.
+  struct stat now {};
+  if (stat(file.GetPath().c_str(), &now) != 0 || !IsObjectOfEvent(now, file)) return {FileContent::kReadFailure, {}};
   // One byte more than is taken tells a file that grew since its size was looked at.
   const std::unique_ptr<common::StorageResult> result = common::ReadFileUpTo(file.GetPath(), FileContent::kMaxSize + 1);
   if (result->code != common::StorageCode::Success || result->stat_info == nullptr ||

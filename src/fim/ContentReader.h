@@ -23,7 +23,8 @@ struct FileContent {
 };
 
 // Reads the file as it is on disk now. Only a regular file that still is the object of the event (inode, and device
-// where the event knows it) is read: a FIFO, a device or a link that was put in its place is "READ_FAILURE".
+// where the event knows it) is read: a FIFO, a device or a link that was put in its place is "READ_FAILURE",
+// and is not opened. A file that is gone is one too, without a log line: files come and go.
 FileContent ReadFileContent(const common::ImageInfo& file);
 
 }  // namespace zagent::fim::internal

@@ -1,10 +1,15 @@
 #include "src/fim/ContentReader.h"
 
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+
+#include "common/src/util/UniqueFd.h"
 #include "src/edr/process/ImageInfo.h"
+#include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
 
 namespace zagent::fim::internal {
@@ -41,8 +46,10 @@ TEST_F(ContentReaderTest, AnEmptyFileIsReadSuccessfully) {
   EXPECT_TRUE(content.bytes.empty());
 }
 
-TEST_F(ContentReaderTest, AMissingFileIsAReadFailure) {
+TEST_F(ContentReaderTest, AMissingFileIsAReadFailureAndNothingToLog) {
+  const fakes::LogCapture log;
   EXPECT_EQ(ReadFileContent(common::ImageInfo(folder_ / "gone")).status, "READ_FAILURE");
+  EXPECT_EQ(log.All(), "");
 }
 
 TEST_F(ContentReaderTest, AFileThatWasReplacedIsAReadFailure) {
@@ -76,6 +83,32 @@ TEST_F(ContentReaderTest, OnlyRegularFilesAreReadAndAFifoDoesNotHang) {
   EXPECT_EQ(ReadFileContent(LookedUp(fifo)).status, "READ_FAILURE");
   EXPECT_EQ(ReadFileContent(LookedUp(folder_.Path())).status, "READ_FAILURE");
   EXPECT_EQ(ReadFileContent(LookedUp("/dev/zero")).status, "READ_FAILURE");
+}
+
+TEST_F(ContentReaderTest, WhatIsNotTheObjectOfTheEventIsNotEvenOpened) {
+  const std::string fifo = folder_ / "fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const std::string path = folder_.Write("file", "text");
+  const common::ImageInfo object = LookedUp(path);
+  ASSERT_EQ(unlink(path.c_str()), 0);
+  ASSERT_EQ(symlink(fifo.c_str(), path.c_str()), 0);
+  const common::util::UniqueFd opened(inotify_init1(IN_NONBLOCK));
+  ASSERT_GE(inotify_add_watch(opened.Get(), fifo.c_str(), IN_OPEN), 0);
+
+  EXPECT_EQ(ReadFileContent(object).status, "READ_FAILURE");
+  EXPECT_EQ(ReadFileContent(LookedUp(fifo)).status, "READ_FAILURE");
+  inotify_event event{};
+  EXPECT_EQ(read(opened.Get(), &event, sizeof(event)), -1);
+  EXPECT_EQ(errno, EAGAIN);
+}
+
+TEST_F(ContentReaderTest, AFileThatWasOpenedThroughALinkIsRead) {
+  const std::string path = folder_.Write("file", "text");
+  const std::string link = folder_ / "link";
+  ASSERT_EQ(symlink(path.c_str(), link.c_str()), 0);
+  common::ImageInfo object = LookedUp(path);
+  object.SetPath(link);
+  EXPECT_EQ(ReadFileContent(object).status, "READ_SUCCESSFUL");
 }
 
 }  // namespace
