@@ -211,6 +211,8 @@ TEST(EventRuleTest, DropsAreExplainedInTheDebugLog) {
   EXPECT_FALSE(rule.PostProcess(event));
   EXPECT_TRUE(log.Has("Recursive depth for rule:rule-1 not matching with rule for event:42"));
   EXPECT_TRUE(log.Has(Poco::Message::PRIO_TRACE, "Depth of path : /etc/passwd is 1"));
+  EXPECT_TRUE(log.Has(Poco::Message::PRIO_TRACE, "[FIM]: Event Path for PostProcessing/etc/passwd"));
+  EXPECT_TRUE(log.Has(Poco::Message::PRIO_TRACE, "[FIM]: PostProcess event for ruleId: rule-1"));
 }
 
 TEST(EventRuleTest, AFileRuleTakesNoEventOfAFolder) {
