@@ -79,6 +79,9 @@ const std::vector<unsigned char>& Existing(const std::vector<unsigned char>& dig
 
 HashGenerator::HashGenerator(std::string path, const std::string& device, std::uint64_t inode, HashKind kind)
     : path_(std::move(path)) {
+  // Opening alone can do harm: a watchdog is armed by it. Whoever puts a link in the file's place must not get there.
+  struct stat before {};
+  if (stat(path_.c_str(), &before) == 0 && !S_ISREG(before.st_mode)) return;
   // Neither an open nor a read may wait for the other end of a FIFO that stands in the file's place.
   const UniqueFd fd(open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (!fd) {
