@@ -11,23 +11,24 @@ GUEST_PROGRAMS=(ostrel-edr reference-agent reference-receiver file-actor audit-r
 # The targets of them that a demonstration needs.
 DEMO_TARGETS=(ostrel-edr reference-agent reference-receiver file_actor audit_rules_list)
 
-# guest_kernel: prints the path of a kernel image and downloads its package when no cached one serves. The package is
-# the one that linux-image-cloud-amd64 stands for on this machine; it is unpacked, never installed.
+# The package that linux-image-cloud-amd64 stands for on this machine; nothing without package lists.
+guest_kernel_package() {
+  apt-cache depends linux-image-cloud-amd64 2>/dev/null | sed -n 's/^ *Depends: \(linux-image-.*\)/\1/p'
+}
+
+# guest_kernel: prints the path of a kernel image. Downloads its package when no kernel is cached; the package is
+# unpacked, never installed.
 guest_kernel() {
   mkdir -p "$GUEST_CACHE/kernel"
   (
     flock 9
     local package version folder
-    package=$(apt-cache depends linux-image-cloud-amd64 2>/dev/null | sed -n 's/^ *Depends: \(linux-image-.*\)/\1/p')
+    package=$(guest_kernel_package)
     version=$(apt-cache policy "${package:-none}" 2>/dev/null | sed -n 's/^ *Candidate: //p')
     folder="$GUEST_CACHE/kernel/${package}_${version}"
-    if [[ -z $package || ! -e $folder/vmlinuz ]]; then
-      # A cached kernel of another version is as real as the newest one: stay off the network.
-      folder=$(ls -td "$GUEST_CACHE"/kernel/*/ 2>/dev/null | head -n 1)
-    fi
-    if [[ -z $folder || ! -e $folder/vmlinuz ]]; then
-      folder=$(guest_download_kernel) || exit 1
-    fi
+    # A cached kernel of another version is as real as the newest one: stay off the network.
+    if [[ ! -e $folder/vmlinuz ]]; then folder=$(ls -td "$GUEST_CACHE"/kernel/*/ 2>/dev/null | head -n 1); fi
+    if [[ -z $folder ]]; then folder=$(guest_download_kernel) || exit 1; fi
     printf '%s\n' "${folder%/}/vmlinuz"
   ) 9>"$GUEST_CACHE/kernel.lock"
 }
@@ -37,7 +38,7 @@ guest_download_kernel() {
   scratch=$(mktemp -d "$GUEST_CACHE/download.XXXXXX")
   progress "downloading the guest's kernel" >&2
   for try in 1 2; do
-    package=$(apt-cache depends linux-image-cloud-amd64 2>/dev/null | sed -n 's/^ *Depends: \(linux-image-.*\)/\1/p')
+    package=$(guest_kernel_package)
     # The second try is for package lists that are missing or older than the archive.
     if [[ -n $package ]] && (cd "$scratch" && apt-get -qq -o APT::Sandbox::User=root download "$package") >&2; then
       break
@@ -48,7 +49,8 @@ guest_download_kernel() {
     fi
     apt-get -qq update >&2
   done
-  dpkg-deb --fsys-tarfile "$scratch"/*.deb | tar -x -C "$scratch" --wildcards --transform 's,.*/vmlinuz-.*,vmlinuz,' './boot/vmlinuz-*'
+  dpkg-deb --fsys-tarfile "$scratch"/*.deb |
+    tar -x -C "$scratch" --wildcards --transform 's,.*/vmlinuz-.*,vmlinuz,' './boot/vmlinuz-*' || return
   folder="$GUEST_CACHE/kernel/$(dpkg-deb -W --showformat='${Package}_${Version}' "$scratch"/*.deb)"
   mkdir -p "$folder"
   mv "$scratch/vmlinuz" "$folder/vmlinuz"
