@@ -28,6 +28,7 @@ constexpr std::uint64_t kTaskBytes = 64;
 constexpr std::chrono::seconds kPatience{1};
 
 // Calls a callback exactly once: with a value, or with the fallback when the task that should have found one is gone.
+// Its task alone owns it, or a task that fails at once would be answered on the thread that still posts it.
 template <typename Value>
 class Answer {
  public:
@@ -152,8 +153,9 @@ bool SpoolStorage::Delete(std::unique_ptr<StorageResult> previous) {
 }
 
 void SpoolStorage::ClearAsync(DoneCallback callback) {
-  const auto answer = std::make_shared<DoneAnswer>(std::move(callback), [] { return false; });
-  schedule_->AddTask([this, answer] { answer->Give(worker_->Clear()); }, kTaskBytes, limits_->MaxDiskSize());
+  auto answer = std::make_shared<DoneAnswer>(std::move(callback), [] { return false; });
+  schedule_->AddTask([this, answer = std::move(answer)] { answer->Give(worker_->Clear()); }, kTaskBytes,
+                     limits_->MaxDiskSize());
 }
 
 std::unique_ptr<StorageResult> SpoolStorage::Append(Bytes, std::unique_ptr<StorageResult>) {
@@ -183,9 +185,8 @@ std::uint64_t SpoolStorage::PostWrite(Bytes data, ResultCallback callback, std::
     result->data = std::move(*item);
     return result;
   };
-  const auto answer =
-      std::make_shared<ResultAnswer>(std::move(callback), [refuse] { return refuse(StorageCode::Unknown); });
-  const auto task = [this, item, answer, refuse] {
+  auto answer = std::make_shared<ResultAnswer>(std::move(callback), [refuse] { return refuse(StorageCode::Unknown); });
+  auto task = [this, item, answer = std::move(answer), refuse] {
     try {
       answer->Give(worker_->Add(*item));
     } catch (const DataFormatterException&) {
@@ -193,21 +194,22 @@ std::uint64_t SpoolStorage::PostWrite(Bytes data, ResultCallback callback, std::
       throw;
     }
   };
-  return schedule_->AddTask(task, bytes, limit);
+  return schedule_->AddTask(std::move(task), bytes, limit);
 }
 
 std::uint64_t SpoolStorage::PostRead(ResultCallback callback, std::uint64_t limit) {
-  const auto answer =
+  auto answer =
       std::make_shared<ResultAnswer>(std::move(callback), [this] { return worker_->MakeResult(StorageCode::Unknown); });
-  return schedule_->AddTask([this, answer] { answer->Give(worker_->Read()); }, kTaskBytes, limit);
+  return schedule_->AddTask([this, answer = std::move(answer)] { answer->Give(worker_->Read()); }, kTaskBytes, limit);
 }
 
 std::uint64_t SpoolStorage::PostDelete(std::unique_ptr<StorageResult> previous, DoneCallback callback,
                                        std::uint64_t limit) {
-  const auto answer = std::make_shared<DoneAnswer>(std::move(callback), [] { return false; });
+  auto answer = std::make_shared<DoneAnswer>(std::move(callback), [] { return false; });
   const std::shared_ptr<StorageResult> read = std::move(previous);
   read->data = Bytes();  // not needed any more, and it must not weigh on the queue
-  return schedule_->AddTask([this, read, answer] { answer->Give(worker_->Delete(*read)); }, kTaskBytes, limit);
+  return schedule_->AddTask([this, read, answer = std::move(answer)] { answer->Give(worker_->Delete(*read)); },
+                            kTaskBytes, limit);
 }
 
 template <typename Value>

@@ -33,6 +33,21 @@ using std::chrono::seconds;
 
 constexpr std::size_t kMib = 1024 * 1024;
 
+// Stops one thread at the log line with which its task wakes the Scheduler.
+class StopAtWakeUp final : public Poco::Channel {
+ public:
+  void log(const Poco::Message& message) override {
+    if (std::this_thread::get_id() != thread) return;
+    if (message.getText().find("Scheduler: Schedule updated.") == std::string::npos) return;
+    stopped.Open();
+    EXPECT_TRUE(go_on.Await());
+  }
+
+  std::atomic<std::thread::id> thread{};
+  Gate stopped;
+  Gate go_on;
+};
+
 class SpoolStorageTest : public ::testing::Test {
  protected:
   SpoolStorageTest() { scheduler_.Start(); }
@@ -290,6 +305,33 @@ TEST_F(SpoolStorageTest, ACallbackThatThrowsHarmsNobody) {
   Drain();
   EXPECT_EQ(calls, 1);
   EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "SpoolStorageSchedule: bad callback")) << log_.All();
+}
+
+TEST_F(SpoolStorageTest, ATaskThatFailsIsAnsweredOnTheSpoolsThreadWhileItsCallerIsStillPostingIt) {
+  SpoolStorage& spool = Open();
+  const std::string away = folder_.Path() + ".away";
+  std::filesystem::rename(folder_.Path(), away);  // so that the task throws
+  Poco::AutoPtr<StopAtWakeUp> stop(new StopAtWakeUp);
+  Poco::Logger& logger = Poco::Logger::get("edr");
+  const Poco::Channel::Ptr log = logger.getChannel();
+  logger.setChannel(stop);
+  std::atomic<bool> answered{false};
+  std::thread caller([&] {
+    stop->thread = std::this_thread::get_id();
+    spool.ClearAsync([&](bool cleared) {
+      EXPECT_FALSE(cleared);
+      EXPECT_NE(std::this_thread::get_id(), stop->thread.load());
+      answered = true;
+    });
+  });
+  EXPECT_TRUE(stop->stopped.Await());
+  Drain();
+  EXPECT_TRUE(answered) << "the answer waits for the caller";
+  stop->go_on.Open();
+  caller.join();
+  spool_.reset();
+  logger.setChannel(log);
+  std::filesystem::rename(away, folder_.Path());
 }
 
 TEST_F(SpoolStorageTest, ASynchronousCallFromItsOwnThreadThrows) {
