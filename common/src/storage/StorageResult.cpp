@@ -8,8 +8,6 @@ namespace zagent::common {
 
 StorageCode StorageCodeFromErrno(int error) {
   switch (error) {
-    case 0:
-      return StorageCode::Success;
     case ENOENT:
       return StorageCode::NotFound;
     case EEXIST:

@@ -23,7 +23,7 @@ enum class StorageCode : int {
   Unknown = 8,
 };
 
-// The code of an errno value; what has no code of its own is Unknown.
+// The code of a failure's errno value; what has no code of its own is Unknown. Never Success.
 StorageCode StorageCodeFromErrno(int error);
 
 // The outcome of one storage operation.

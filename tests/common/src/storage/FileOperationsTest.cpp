@@ -220,6 +220,7 @@ TEST(StorageCodeTest, MapsErrnoToCodes) {
   EXPECT_EQ(StorageCodeFromErrno(23), StorageCode::Unknown);
   EXPECT_EQ(StorageCodeFromErrno(ENOSPC), StorageCode::Unknown);
   EXPECT_EQ(StorageCodeFromErrno(-1), StorageCode::Unknown);
+  EXPECT_EQ(StorageCodeFromErrno(0), StorageCode::Unknown) << "a failure without a reason is a failure still";
 }
 
 TEST(StorageExceptionTest, JoinsItsMessageWithTheWordsOfTheCode) {
