@@ -1,6 +1,6 @@
 #include "common/src/storage/SpoolWorker.h"
 
-#include <cerrno>
+#include <exception>
 #include <utility>
 
 #include "common/src/util/Log.h"
@@ -43,7 +43,7 @@ void SpoolWorker::Sync() {
   }
   try {
     if (FlushDataCache()->code != StorageCode::Success) ZLOG_ERROR("SpoolStorage: Failed to sync cache.");
-  } catch (const StorageException& error) {
+  } catch (const std::exception& error) {
     ZLOG_ERROR("SpoolStorage: Failed to sync cache. " << error.what());
   }
   // What could not be written is not left until somebody writes again.
@@ -59,7 +59,7 @@ std::unique_ptr<StorageResult> SpoolWorker::Read() {
   } catch (const StorageException& error) {
     const StorageCode code = StorageCodeFromErrno(error.Code());
     if (code != StorageCode::NotFound) ZLOG_ERROR("SpoolStorage: Failed to read file: " << error.what());
-    return MakeResult(code == StorageCode::Success ? StorageCode::Unknown : code);
+    return MakeResult(code);
   }
 }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,18 @@ using fakes::ToText;
 using Poco::Message;
 
 constexpr std::uint64_t kKib = 1024;
+
+// Fails in a way that nobody has foreseen.
+class BrokenDataFormatter final : public DataFormatter {
+ public:
+  void Append(const Bytes& data) override { size_ += data.size(); }
+  Bytes Finish() override { throw std::runtime_error("out of everything"); }
+  [[nodiscard]] std::size_t Size() const override { return size_; }
+  void Clear() override { size_ = 0; }
+
+ private:
+  std::size_t size_ = 0;
+};
 
 // A spool of files of at most 1 KiB, without a thread.
 class SpoolWorkerTest : public ::testing::Test {
@@ -49,12 +62,18 @@ class SpoolWorkerTest : public ::testing::Test {
       result->code = StorageCode::IOError;
       return result;
     };
+    access.read = [this](const std::string& path) {
+      auto result = ReadFile(path);
+      if (unreadable_) result->code = StorageCode::PermissionDenied;
+      return result;
+    };
     return access;
   }
 
   const fakes::TempFolder folder_;
   const fakes::LogCapture log_;
   bool disk_full_ = false;
+  bool unreadable_ = false;
   SpoolLimits limits_;
   std::vector<std::uint64_t> syncs_;  // seconds asked for
   SpoolWorker worker_{std::make_unique<FakeDataFormatter>(), SpoolDirectory(folder_.Path(), "events", 9), limits_,
@@ -152,6 +171,15 @@ TEST_F(SpoolWorkerTest, WhileTheDiskRefusesOnlyOnePayloadAndOneCacheAreHeld) {
   EXPECT_EQ(Files(), full + " " + std::string(kKib, 'b'));
 }
 
+TEST_F(SpoolWorkerTest, ASyncThatFailsUnforeseenIsTriedAgainToo) {
+  SpoolWorker worker(std::make_unique<BrokenDataFormatter>(), SpoolDirectory(folder_.Path(), "events", 9), limits_,
+                     [this](std::uint64_t seconds) { syncs_.push_back(seconds); });
+  worker.Add(ToBytes("item"));
+  worker.Sync();
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "]: SpoolStorage: Failed to sync cache. out of everything")) << log_.All();
+  EXPECT_EQ(syncs_, (std::vector<std::uint64_t>{60, 60})) << "nobody would come back before tomorrow";
+}
+
 TEST_F(SpoolWorkerTest, WithoutAnyNameThePayloadIsKeptToo) {
   Add("payload");
   for (int index = 1; index < 10; ++index) {
@@ -198,6 +226,20 @@ TEST_F(SpoolWorkerTest, ReadGivesTheFileOrACode) {
   EXPECT_TRUE(read->has_free_space);
   EXPECT_TRUE(log_.Has(Message::PRIO_INFORMATION, "SpoolStorage: Read file: " + (folder_ / "events.0001")))
       << log_.All();
+}
+
+TEST_F(SpoolWorkerTest, AReadThatFailsIsACodeAndALine) {
+  Add("item");
+  worker_.Sync();
+  unreadable_ = true;
+  const auto read = worker_.Read();
+  EXPECT_EQ(read->code, StorageCode::IOError);
+  EXPECT_TRUE(read->data.empty());
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR,
+                       "]: SpoolStorage: Failed to read file: SpoolStorage::ReadOldestFile: Input/output error (5)"))
+      << log_.All();
+  unreadable_ = false;
+  EXPECT_EQ(ToText(worker_.Read()->data), "item");
 }
 
 TEST_F(SpoolWorkerTest, ClearThrowsFilesCacheAndWaitingPayloadAway) {
