@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <utility>
 
 #include "common/src/util/ErrnoText.h"
@@ -51,8 +50,8 @@ bool IsTaken(const std::string& path) {
   return lstat(path.c_str(), &info) == 0 || errno != ENOENT;
 }
 
-bool Rename(const std::string& from, const std::string& to) {
-  if (std::rename(from.c_str(), to.c_str()) != 0) {
+bool Rename(const SpoolFileAccess& access, const std::string& from, const std::string& to) {
+  if (access.rename(from.c_str(), to.c_str()) != 0) {
     ZLOG_ERROR("SpoolStorage: Failed to rename " << from << " to " << to << ": " << ErrnoText(errno));
     return false;
   }
@@ -243,7 +242,7 @@ void SpoolFiles::DefragFileIndices() {
     bool renamed = false;
     for (; target < entry.index && !renamed && failures < kMaxFailedRenames; ++target) {
       if (IsTaken(directory_.FileName(target))) continue;
-      renamed = Rename(directory_.FileName(entry.index), directory_.FileName(target));
+      renamed = Rename(access_, directory_.FileName(entry.index), directory_.FileName(target));
       if (!renamed) ++failures;
     }
     if (!renamed) target = entry.index + 1;

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <string>
@@ -15,10 +16,11 @@
 
 namespace zagent::common::internal {
 
-// What touches file content, so that a test can let it fail.
+// What writes, reads and renames the files, so that a test can let it fail.
 struct SpoolFileAccess {
   std::function<std::unique_ptr<StorageResult>(const std::string&, Bytes)> write = WriteFile;
   std::function<std::unique_ptr<StorageResult>(const std::string&)> read = ReadFile;
+  std::function<int(const char*, const char*)> rename = std::rename;  // with errno
 };
 
 // The numbered files of one spool, the oldest with the smallest index. Used by one thread at a time; DiskUsage from

@@ -1,10 +1,12 @@
 #include "common/src/storage/SpoolFiles.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -19,6 +21,22 @@ namespace {
 using fakes::ToBytes;
 using fakes::ToText;
 using Poco::Message;
+
+// No file or folder can be opened while it lives.
+class NoMoreDescriptors {
+ public:
+  NoMoreDescriptors() {
+    getrlimit(RLIMIT_NOFILE, &old_);
+    const rlimit none{0, old_.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+  }
+  NoMoreDescriptors(const NoMoreDescriptors&) = delete;
+  NoMoreDescriptors& operator=(const NoMoreDescriptors&) = delete;
+  ~NoMoreDescriptors() { setrlimit(RLIMIT_NOFILE, &old_); }
+
+ private:
+  rlimit old_{};
+};
 
 class SpoolFilesTest : public ::testing::Test {
  protected:
@@ -235,6 +253,37 @@ TEST_F(SpoolFilesTest, DefragmentationLeavesAFullRangeAlone) {
   EXPECT_EQ(files.LastIndex(), 5U);
 }
 
+TEST_F(SpoolFilesTest, ARenameThatFailsIsSaidAndTheNextGapIsTried) {
+  SpoolFileAccess access;
+  access.rename = [this](const char* from, const char* to) {
+    if (to != Path(1)) return std::rename(from, to);
+    errno = EACCES;
+    return -1;
+  };
+  Put(3, "a");
+  Put(5, "b");
+  Open(9999, access).DefragFileIndices();
+  EXPECT_EQ(Content(1, 5), "- a b - -");
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR,
+                       "]: SpoolStorage: Failed to rename " + Path(3) + " to " + Path(1) + ": Permission denied (13)"))
+      << log_.All();
+}
+
+TEST_F(SpoolFilesTest, AFileSystemThatRefusesEveryRenameIsNotAskedForEachName) {
+  SpoolFileAccess access;
+  access.rename = [](const char*, const char*) {
+    errno = EROFS;
+    return -1;
+  };
+  Put(20, "a");
+  Put(40, "b");
+  SpoolFiles& files = Open(9999, access);
+  files.DefragFileIndices();
+  EXPECT_EQ(log_.Count("SpoolStorage: Failed to rename "), 10);
+  EXPECT_EQ(files.FirstIndex(), 20U);
+  EXPECT_EQ(files.LastIndex(), 40U);
+}
+
 TEST_F(SpoolFilesTest, AtTheEndOfTheNamesTheGapsAreUsed) {
   for (const std::uint64_t index : {6, 8, 9999}) Put(index, std::to_string(index));
   SpoolFiles& files = Open();
@@ -409,6 +458,18 @@ TEST_F(SpoolFilesTest, ClearDeletesEverythingAndStepsOverGaps) {
   EXPECT_EQ(files.DiskUsage(), 0U);
   EXPECT_FALSE(log_.Has(Message::PRIO_ERROR, "")) << log_.All();
   EXPECT_TRUE(files.Clear()) << "an empty spool";
+}
+
+TEST_F(SpoolFilesTest, ClearSaysWhereItLostSightOfTheFolder) {
+  Put(1, "x");
+  SpoolFiles& files = Open();
+  {
+    // The file can go, but what is left cannot be listed.
+    const NoMoreDescriptors no_more_descriptors;
+    EXPECT_THROW(files.Clear(), StorageException);
+  }
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "]: Failed to delete file with index 1")) << log_.All();
+  EXPECT_EQ(Content(1, 1), "-");
 }
 
 TEST_F(SpoolFilesTest, AVanishedFolderIsAFailureAndComesBack) {
