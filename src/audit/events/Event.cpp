@@ -22,13 +22,17 @@ void Event::Feed(auparse_state_t* state) {
 }
 
 void Event::Feed(RecordSource& source) {
-  Record record;
-  bool more = true;
-  while (more) {
-    more = source.Next(record);
-    id_ = source.Id();
-    timestamp_ = source.Timestamp();
-    if (more) ParseRecord(record.type, record.fields);
+  {
+    // Gone before Validate, which refuses most of what is refused: each frame with something to destroy makes a thrown
+    // exception dearer.
+    Record record;
+    bool more = true;
+    while (more) {
+      more = source.Next(record);
+      id_ = source.Id();
+      timestamp_ = source.Timestamp();
+      if (more) ParseRecord(record.type, record.fields);
+    }
   }
   Validate();
 }

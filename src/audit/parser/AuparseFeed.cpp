@@ -19,32 +19,27 @@ using common::util::Log;
 constexpr int kEndOfEvent = 1320;
 constexpr std::string_view kX86_64 = "c000003e";
 
-struct SyscallFields {
-  std::optional<std::string> foreign_arch;  // as the record writes it
-  long long number = -1;
-};
-
 long long ParseNumber(std::string_view text) {
   long long number = -1;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
   return error == std::errc() && end == text.data() + text.size() ? number : -1;
 }
 
-// The record at the cursor, up to its field "syscall": the architecture stands before it.
-SyscallFields ReadSyscallFields(auparse_state_t* state) {
-  SyscallFields fields;
-  if (auparse_first_field(state) < 1) return fields;
+// The number of the call of the record at the cursor; -1 without a readable one. Nothing, with a trace line, for a call
+// of another architecture: the same numbers mean other calls there.
+std::optional<long long> ReadSyscall(auparse_state_t* state) {
+  if (auparse_first_field(state) < 1) return -1;
   do {
     const char* name = auparse_get_field_name(state);
     const char* value = auparse_get_field_str(state);
     if (name == nullptr || value == nullptr) continue;
-    if (std::string_view(name) == "arch" && value != kX86_64) fields.foreign_arch = value;
-    if (std::string_view(name) == "syscall") {
-      fields.number = ParseNumber(value);
-      break;
+    if (std::string_view(name) == "arch" && value != kX86_64) {
+      ZLOG_TRACE("Ignoring event with ID: " << auparse_get_serial(state) << " arch: " << value);
+      return std::nullopt;
     }
+    if (std::string_view(name) == "syscall") return ParseNumber(value);
   } while (auparse_next_field(state) > 0);
-  return fields;
+  return -1;
 }
 
 }  // namespace
@@ -106,15 +101,11 @@ void AuparseFeed::OnCompleteEvent() {
 }
 
 void AuparseFeed::BuildFromSyscall() {
-  const SyscallFields fields = ReadSyscallFields(state_.get());
-  if (fields.foreign_arch) {
-    // The same numbers mean other calls there.
-    ZLOG_TRACE("Ignoring event with ID: " << auparse_get_serial(state_.get()) << " arch: " << *fields.foreign_arch);
-    return;
-  }
-  const bool in_range = fields.number >= 0 && fields.number <= kLastSyscall;
-  if (!in_range || !build_events_(static_cast<int>(fields.number), state_.get(), events_)) {
-    ZLOG_TRACE("Unsupported syscall in event: " << fields.number);
+  const std::optional<long long> number = ReadSyscall(state_.get());
+  if (!number) return;
+  const bool in_range = *number >= 0 && *number <= kLastSyscall;
+  if (!in_range || !build_events_(static_cast<int>(*number), state_.get(), events_)) {
+    ZLOG_TRACE("Unsupported syscall in event: " << *number);
   }
 }
 
