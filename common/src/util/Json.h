@@ -1,7 +1,8 @@
 #pragma once
 
 // The only door to RapidJSON. Its assertions throw instead of ending the daemon, and every parse is iterative, so
-// that a document of a million "[" costs memory in proportion to its size and never the stack.
+// that a document of a million "[" costs memory in proportion to its size and never the stack. Accept, CopyFrom and the
+// comparison of values go down once for each level: use them on documents of the program's own making only.
 //
 // In C++20 `value == 1` on a RapidJSON value recurses for ever: use the typed getters.
 
@@ -53,11 +54,7 @@ inline std::string ToString(const rapidjson::Value& value) {
   return {value.GetString(), value.GetStringLength()};
 }
 
-inline std::string WriteJson(const rapidjson::Value& value) {
-  rapidjson::StringBuffer buffer;
-  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-  value.Accept(writer);
-  return {buffer.GetString(), buffer.GetSize()};
-}
+// Without a blank or a line end. Iterative like the parse.
+std::string WriteJson(const rapidjson::Value& value);
 
 }  // namespace zagent::common::util

@@ -40,6 +40,23 @@ TEST(JsonTest, AMillionNestedArraysParse) {
   EXPECT_FALSE(document.HasParseError());
 }
 
+TEST(JsonTest, WritesEveryKindOfValue) {
+  const std::string text =
+      R"({"a":[1,-2,3.5,true,false,null,"x\"y\u0001",[],{}],"b":{"c":[{"d":4294967296},[[]]]},"e":""})";
+  rapidjson::Document document;
+  ParseJson(document, text);
+  ASSERT_FALSE(document.HasParseError());
+  EXPECT_EQ(WriteJson(document), text);
+  EXPECT_EQ(WriteJson(document["a"][1]), "-2");
+}
+
+TEST(JsonTest, AMillionNestedArraysAreWrittenWithoutUsingUpTheStack) {
+  const std::string text = std::string(1'000'000, '[') + std::string(1'000'000, ']');
+  rapidjson::Document document;
+  ParseJson(document, text);
+  EXPECT_EQ(WriteJson(document), text);
+}
+
 TEST(JsonTest, ASecondDocumentOrANulByteIsAnErrorAndTrailingBlanksAreNot) {
   rapidjson::Document document;
   ParseJson(document, "{} {}");
