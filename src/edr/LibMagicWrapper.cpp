@@ -19,7 +19,9 @@ std::string ErrorOf(magic_set* set) {
 
 }  // namespace
 
-void LibMagicWrapper::Closer::operator()(magic_set* set) const { magic_close(set); }
+void LibMagicWrapper::Closer::operator()(magic_set* set) const {
+  magic_close(set);
+}
 
 LibMagicWrapper::LibMagicWrapper() = default;
 
@@ -33,7 +35,9 @@ LibMagicWrapper::LibMagicWrapper(const std::string& database, int flags)
 
 LibMagicWrapper::~LibMagicWrapper() = default;
 
-std::uint64_t LibMagicWrapper::GetLoadCount() const { return load_count_; }
+std::uint64_t LibMagicWrapper::GetLoadCount() const {
+  return load_count_;
+}
 
 void LibMagicWrapper::Reload() {
   const std::lock_guard lock(mutex_);

@@ -27,9 +27,9 @@ namespace common::util {
 namespace {
 
 struct State {
-  std::string name = "edr";
   std::atomic<bool> initialized{false};
-  // Loggers live until the process ends, so the look-up in Poco's locked registry is paid once.
+  // The logger named at Init. Loggers live until the process ends, so the look-up in Poco's locked registry is paid
+  // once.
   std::atomic<Poco::Logger*> logger{nullptr};
   Poco::Util::LoggingConfigurator configurator;
 };
@@ -103,7 +103,6 @@ void Log::Init(const std::string& name, const std::string& config_file) {
       new Poco::Util::PropertyFileConfiguration(config_file));
   state.configurator.configure(config);
   for (const std::string& logger : LoggerNames()) CreateFolderOf(Poco::Logger::get(logger).getChannel());
-  state.name = name;
   state.logger = &Poco::Logger::get(name);
   state.initialized = true;
 }
@@ -127,13 +126,8 @@ void Log::Reload(const std::string& config_file) {
 }
 
 Poco::Logger& Log::Get() {
-  State& state = TheState();
-  Poco::Logger* logger = state.logger;
-  if (logger == nullptr) {
-    logger = &Poco::Logger::get(state.name);
-    state.logger = logger;
-  }
-  return *logger;
+  Poco::Logger* const logger = TheState().logger;
+  return logger != nullptr ? *logger : Poco::Logger::get("edr");
 }
 
 bool Log::IsEventTraceEnabled() {
