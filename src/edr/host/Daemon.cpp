@@ -122,7 +122,7 @@ void Daemon::ConnectToAgent() {
   scheduler_ = std::make_unique<common::Scheduler>();
   try {
     control_channel_ = CreateAgentChannel(link_);
-  } catch (const audit::IOChannelException& error) {
+  } catch (const std::exception& error) {  // the agent is not there, or the channel's thread is not to be had
     FailToInitialize(error.what(), LOG_ALERT);
   }
 }

@@ -91,7 +91,7 @@ class Daemon final : private CommandTarget {
   std::unique_ptr<audit::IOChannel> audit_channel_;
   std::unique_ptr<common::ProcessTree> process_tree_;
   std::shared_ptr<LibMagicWrapper> lib_magic_;
-  std::unique_ptr<audit::RuleEngine> rule_engine_;  // set and cleared under the control lock
+  std::unique_ptr<audit::RuleEngine> rule_engine_;  // set under the control lock: the reconnection hook looks at it
   std::shared_ptr<const common::HmacConfig> hmac_config_;
   std::unique_ptr<common::HttpService> http_service_;
   std::unique_ptr<fim::Component> fim_;

@@ -2,14 +2,17 @@
 // socket, and three calls that a test can let fail. The real netlink socket is not even linked into the program.
 //
 // Environment:
-//   OSTREL_E2E_FAIL    "daemon", "mallopt", "setgid" or "audit_open": that call fails
+//   OSTREL_E2E_FAIL    "daemon", "mallopt", "setgid", "audit_open" or "threads" (none can be made): that fails
 //   OSTREL_E2E_AUDIT   a SEQPACKET socket that hands out audit records: 2 bytes of type, then the text
 //   OSTREL_E2E_RULES   a file that is rewritten with the keys of the kernel's rules at every change
+//   OSTREL_E2E_REFUSE  while this file exists, the kernel's audit socket cannot be opened
+//   OSTREL_E2E_HOLD    while this file exists, a rule that is added waits
 
 #include <fcntl.h>
 #include <libaudit.h>
 #include <malloc.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -34,6 +37,20 @@ std::string Setting(const char* name) {
   return value == nullptr ? "" : value;
 }
 
+bool Exists(const char* name) {
+  const std::string file = Setting(name);
+  return !file.empty() && access(file.c_str(), F_OK) == 0;
+}
+
+// From here on no thread finds memory for its stack.
+void RefuseThreads() {
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setstacksize(&attributes, std::size_t{1} << 46);
+  pthread_setattr_default_np(&attributes);
+  pthread_attr_destroy(&attributes);
+}
+
 int Fail(int error) {
   errno = error;
   return -1;
@@ -43,7 +60,7 @@ int Fail(int error) {
 class ScriptedKernel final : public AuditNetlink {
  public:
   int Open() override {
-    if (Setting("OSTREL_E2E_FAIL") == "audit_open") return Fail(EPERM);
+    if (Setting("OSTREL_E2E_FAIL") == "audit_open" || Exists("OSTREL_E2E_REFUSE")) return Fail(EPERM);
     const std::lock_guard lock(mutex_);
     return rules_.Open();
   }
@@ -80,6 +97,7 @@ class ScriptedKernel final : public AuditNetlink {
     return OnRules([&] { return rules_.RequestRulesList(fd); });
   }
   int AddRule(int fd, audit_rule_data* rule, int flags, int action) override {
+    while (Exists("OSTREL_E2E_HOLD")) usleep(10'000);
     return OnRules([&] { return rules_.AddRule(fd, rule, flags, action); });
   }
   int DeleteRule(int fd, audit_rule_data* rule, int flags, int action) override {
@@ -149,6 +167,7 @@ int __real_mallopt(int parameter, int value);
 int __real_setgid(gid_t gid);
 
 int __wrap_daemon(int nochdir, int noclose) {
+  if (zagent::audit::Setting("OSTREL_E2E_FAIL") == "threads") zagent::audit::RefuseThreads();
   return zagent::audit::Setting("OSTREL_E2E_FAIL") == "daemon" ? zagent::audit::Fail(EPERM)
                                                                : __real_daemon(nochdir, noclose);
 }

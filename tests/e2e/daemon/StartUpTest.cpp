@@ -56,6 +56,13 @@ TEST_F(StartUpTest, WithoutAListeningAgentItEndsWith4) {
   ExpectSyslog({{LOG_ALERT, "IOChannel: Invalid data"}, {LOG_CRIT, kCouldNot}});
 }
 
+TEST_F(StartUpTest, WithoutAThreadForTheControlChannelItEndsWith4) {
+  const TestAgent agent;
+  DaemonProcess daemon({"OSTREL_E2E_FAIL=threads"});
+  EXPECT_EQ(daemon.WaitForExit(), 4);
+  ExpectSyslog({{LOG_ALERT, "Resource temporarily unavailable"}, {LOG_CRIT, kCouldNot}});
+}
+
 TEST_F(StartUpTest, WithoutAMessageWithin30SecondsItEndsWith4AndATermSignalDoesNotShortenTheWait) {
   const TestAgent agent;
   DaemonProcess daemon;
@@ -136,6 +143,32 @@ TEST_F(StartUpTest, AnUnreadableLogConfigurationEndsItWith5) {
   agent.SendConfig(config_.File());
   EXPECT_EQ(daemon.WaitForExit(), 5);
   EXPECT_NE(syslog_->All().find("2 Error:ostrel-edr:log config is invalid.\n"), std::string::npos) << syslog_->All();
+}
+
+TEST_F(StartUpTest, ALogConfigurationWithABadLevelOrALoggerWithoutAChannelEndsItWith5) {
+  config_.WriteLogProperties("deafening");
+  const std::string no_channel = config_.Folder().Write(
+      "no-channel.properties", "logging.loggers.l0.name = edr\nlogging.loggers.l0.level = trace\n");
+  for (const std::string& file : {config_.LogProperties(), no_channel}) {
+    SCOPED_TRACE(file);
+    config_.Set("common_config", "log_config_file", file);
+    config_.Write();
+    TestAgent agent;
+    DaemonProcess daemon;
+    agent.SendConfig(config_.File());
+    EXPECT_EQ(daemon.WaitForExit(), 5);
+  }
+}
+
+TEST_F(StartUpTest, ADeeplyNestedQuietHoursTableIsReadLikeAnyOther) {
+  config_.Json()["common_config"].AddMember("Blackout_Events", "here", config_.Json().GetAllocator());
+  std::string text = common::util::WriteJson(config_.Json());
+  text.replace(text.find("\"here\""), 6, std::string(1'000'000, '[') + std::string(1'000'000, ']'));
+  config_.WriteText(text);
+  TestAgent agent;
+  DaemonProcess daemon({"OSTREL_E2E_FAIL=setgid"});  // the first step behind the configuration
+  agent.SendConfig(config_.File());
+  EXPECT_EQ(daemon.WaitForExit(), 7);
 }
 
 TEST_F(StartUpTest, AFailedDetachingEndsItWith3) {
