@@ -48,9 +48,17 @@ class RunTest : public testing::Test {
   void StartDaemon() {
     agent_ = std::make_unique<TestAgent>();
     daemon_ = std::make_unique<DaemonProcess>(
-        std::vector<std::string>{"OSTREL_E2E_AUDIT=/run/audit", "OSTREL_E2E_RULES=/run/rules"});
+        std::vector<std::string>{"OSTREL_E2E_AUDIT=/run/audit", "OSTREL_E2E_RULES=/run/rules",
+                                 "OSTREL_E2E_REFUSE=/run/refuse", "OSTREL_E2E_HOLD=/run/hold"});
     agent_->SendConfig(config_.File());
-    audit_->AwaitConsumer();
+    (dispatcher_ ? *dispatcher_ : *audit_).AwaitConsumer();
+  }
+
+  void UseDispatcher() {
+    dispatcher_ = std::make_unique<ScriptedAudit>("/run/dispatcher", ScriptedAudit::Source::Dispatcher);
+    rapidjson::Document& json = config_.Json();
+    json["edr_config"].AddMember("dispatcher_socket_path", "/run/dispatcher", json.GetAllocator());
+    config_.Write();
   }
 
   void ExpectOrderlyEnd() {
@@ -61,7 +69,7 @@ class RunTest : public testing::Test {
   void MakeWatchedFolder(const std::string& name) {
     const std::string path = config_.Watched() + "/" + name;
     std::filesystem::create_directory(path);
-    audit_->MadeFolder(path);
+    (dispatcher_ ? *dispatcher_ : *audit_).MadeFolder(path);
   }
 
   static std::string RuleKeys() {
@@ -78,6 +86,12 @@ class RunTest : public testing::Test {
       usleep(20'000);
     }
     return true;
+  }
+  [[nodiscard]] int LogCount(const std::string& text) const {
+    const std::string log = config_.ReadLog();
+    int count = 0;
+    for (std::size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++count;
+    return count;
   }
   [[nodiscard]] bool LogComesToHold(const std::string& text, std::chrono::seconds time = 20s) const {
     return Within(time, [&] { return config_.ReadLog().find(text) != std::string::npos; });
@@ -98,6 +112,7 @@ class RunTest : public testing::Test {
   ExampleConfig config_;
   std::unique_ptr<SyslogCapture> syslog_;
   std::unique_ptr<ScriptedAudit> audit_;
+  std::unique_ptr<ScriptedAudit> dispatcher_;
   std::unique_ptr<tools::ReferenceReceiver> platform_;
   std::unique_ptr<TestAgent> agent_;
   std::unique_ptr<DaemonProcess> daemon_;
@@ -254,6 +269,88 @@ TEST_F(RunTest, AnAgentThatStaysAwayEndsTheDaemonInOrder) {
   EXPECT_EQ(RuleKeys(), "");
   EXPECT_THAT(config_.ReadLog(), HasSubstr("Aborting reconnection due to timeout."));
   EXPECT_THAT(config_.ReadLog(), HasSubstr("Failed to establish communication with the Ostrel Agent process."));
+}
+
+TEST_F(RunTest, WithADispatcherItReadsThereAndLeavesTheKernelsConsumerAlone) {
+  UseDispatcher();
+  StartDaemon();
+  MakeWatchedFolder("dispatched");
+  EXPECT_TRUE(LogComesToHold("Event json written to disc successfully"));
+  EXPECT_FALSE(audit_->IsWanted());
+  agent_->Send(R"({"command": "exit"})");
+  ExpectOrderlyEnd();
+}
+
+TEST_F(RunTest, AfterTheDispatcherCameBackTheRulesAreBuiltAnew) {
+  UseDispatcher();
+  StartDaemon();
+  ASSERT_TRUE(LogComesToHold("Added rule with ID watched-folder"));
+  dispatcher_->DropConsumer();
+  dispatcher_->AwaitConsumer();
+  EXPECT_TRUE(Within(20s, [this] { return LogCount("Added rule with ID watched-folder") == 2; }));
+  MakeWatchedFolder("after");
+  EXPECT_TRUE(LogComesToHold("Event json written to disc successfully"));
+  agent_->Send(R"({"command": "exit"})");
+  ExpectOrderlyEnd();
+}
+
+TEST_F(RunTest, RulesThatCannotBeBuiltAnewAreAnErrorAndTheDaemonGoesOn) {
+  UseDispatcher();
+  StartDaemon();
+  ASSERT_TRUE(LogComesToHold("DispatcherIOChannel: Started."));
+  std::ofstream("/run/refuse").close();
+  dispatcher_->DropConsumer();
+  dispatcher_->AwaitConsumer();
+  EXPECT_TRUE(LogComesToHold("Failed to invalidate the RuleEngine"));
+  std::filesystem::remove("/run/refuse");
+  MakeWatchedFolder("after");
+  EXPECT_TRUE(LogComesToHold("Event json written to disc successfully"));
+  agent_->Send(R"({"command": "exit"})");
+  ExpectOrderlyEnd();
+}
+
+TEST_F(RunTest, AStopDuringACommandIsHonouredOnceTheCommandIsDone) {
+  StartDaemon();
+  ASSERT_TRUE(LogComesToHold("KernelIOChannel: Started."));
+  const std::string manifest = config_.Folder().Write("manifest-2.json", R"({"data": {"fim": {
+      "policyVersion": "1.0", "collectHashes": false, "rules": [{"ruleId": "another-rule", "ruleType": "directory",
+      "imagePath": ")" + config_.Watched() + R"(", "recursiveDepth": "none", "notify": ["create"]}]}}})");
+  rapidjson::Value& entry = config_.Json()["fim_config"]["manifests"][0]["manifest_path"];
+  entry.SetString(manifest, config_.Json().GetAllocator());
+  config_.Write();
+  std::ofstream("/run/hold").close();
+  agent_->SendConfig(config_.File());
+  ASSERT_TRUE(Within(20s, [this] { return LogCount("RuleEngine::AddRules: Adding 1 rules") == 2; }));
+  daemon_->Signal(SIGTERM);
+  std::filesystem::remove("/run/hold");
+  ExpectOrderlyEnd();
+  const std::string log = config_.ReadLog();
+  const std::size_t done = log.find("Component::UpdateConfig: Configuration updated");
+  ASSERT_NE(done, std::string::npos);
+  EXPECT_LT(done, log.find("Stopping Audit Parser Thread"));
+}
+
+TEST_F(RunTest, AnHmacVersionThatIsNotSupportedIsReplaced) {
+  config_.Json()["common_config"].AddMember("hmac_version", "V3", config_.Json().GetAllocator());
+  config_.Json()["common_config"].AddMember("fedramp", true, config_.Json().GetAllocator());
+  OpenPlatform();
+  StartDaemon();
+  EXPECT_TRUE(LogComesToHold("Warning: edr: "));
+  EXPECT_TRUE(LogComesToHold("EDR subprocess only supports HmacV1/V2 - using HmacV1"));
+  MakeWatchedFolder("signed");
+  EXPECT_TRUE(PlatformComesToHold(config_.Watched() + "/signed"));
+  agent_->Send(R"({"command": "exit"})");
+  ExpectOrderlyEnd();
+}
+
+TEST_F(RunTest, StartUpReportsItsQuietStepsInTheLog) {
+  StartDaemon();
+  ASSERT_TRUE(LogComesToHold("KernelIOChannel: Started."));
+  EXPECT_EQ(LogCount("M_MMAP_THRESHOLD: 4MB"), 1);
+  EXPECT_EQ(LogCount("Setting the proxy environment variables"), 1);
+  EXPECT_EQ(LogCount("EDR subprocess only supports"), 0);
+  agent_->Send(R"({"command": "exit"})");
+  ExpectOrderlyEnd();
 }
 
 TEST_F(RunTest, AnUploadThatHangsDoesNotDelayTheEnd) {

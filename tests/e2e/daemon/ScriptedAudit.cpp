@@ -1,6 +1,8 @@
 #include "tests/e2e/daemon/ScriptedAudit.h"
 
 #include <fcntl.h>
+#include <libaudit.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -35,7 +37,9 @@ std::string PathRecord(int item, const std::string& path, const char* type) {
 
 }  // namespace
 
-ScriptedAudit::ScriptedAudit(const std::string& path) : listener_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
+ScriptedAudit::ScriptedAudit(const std::string& path, Source source)
+    : source_(source),
+      listener_(socket(AF_UNIX, (source == Source::Kernel ? SOCK_SEQPACKET : SOCK_STREAM) | SOCK_CLOEXEC, 0)) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof address.sun_path - 1);
@@ -46,6 +50,11 @@ ScriptedAudit::ScriptedAudit(const std::string& path) : listener_(socket(AF_UNIX
 void ScriptedAudit::AwaitConsumer() {
   consumer_.Reset(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
   Require(static_cast<bool>(consumer_), "accept");
+}
+
+bool ScriptedAudit::IsWanted() const {
+  pollfd waiting{listener_.Get(), POLLIN, 0};
+  return poll(&waiting, 1, 0) == 1;
 }
 
 void ScriptedAudit::MadeFolder(const std::string& path) {
@@ -75,8 +84,9 @@ void ScriptedAudit::Emit(int syscall, std::uint64_t second_argument, const std::
 void ScriptedAudit::Record(std::uint16_t type, const std::string& text) {
   const std::string body =
       "audit(" + std::to_string(std::time(nullptr)) + ".500:" + std::to_string(serial_) + "): " + text;
-  std::string packet(reinterpret_cast<const char*>(&type), sizeof type);
-  packet += body;
+  std::string packet = source_ == Source::Kernel
+                           ? std::string(reinterpret_cast<const char*>(&type), sizeof type) + body
+                           : std::string("type=") + audit_msg_type_to_name(type) + " msg=" + body + "\n";
   Require(send(consumer_.Get(), packet.data(), packet.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(packet.size()),
           "send");
 }

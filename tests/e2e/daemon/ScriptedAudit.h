@@ -7,15 +7,21 @@
 
 namespace zagent::e2e {
 
-// The kernel's side of the scripted audit socket: what a test says has happened, as audit records. The objects that
-// events name must be on disk as a real call would have left them.
+// The far side of an audit socket, the scripted kernel's or an audit daemon's dispatcher: what a test says has
+// happened, as audit records. The objects that events name must be on disk as a real call would have left them.
 class ScriptedAudit {
  public:
-  // Listens at `path`.
-  explicit ScriptedAudit(const std::string& path);
+  enum class Source { Kernel, Dispatcher };
 
-  // Waits until the daemon listens to the kernel.
+  // Listens at `path`.
+  explicit ScriptedAudit(const std::string& path, Source source = Source::Kernel);
+
+  // Waits until the daemon listens here.
   void AwaitConsumer();
+  // True when the daemon has connected since the last AwaitConsumer.
+  [[nodiscard]] bool IsWanted() const;
+  // Ends the daemon's connection, as an audit daemon that restarts does.
+  void DropConsumer() { consumer_.Reset(); }
 
   // mkdir(2) of a folder that is there now, by /usr/bin/mkdir, process 4242, user root logged in as uid 0.
   void MadeFolder(const std::string& path);
@@ -26,6 +32,7 @@ class ScriptedAudit {
   void Emit(int syscall, std::uint64_t second_argument, const std::string& path, const std::string& program);
   void Record(std::uint16_t type, const std::string& text);
 
+  Source source_;
   common::util::UniqueFd listener_;
   common::util::UniqueFd consumer_;
   std::uint32_t serial_ = 1000;

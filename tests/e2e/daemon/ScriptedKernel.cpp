@@ -62,11 +62,14 @@ class ScriptedKernel final : public AuditNetlink {
   int Open() override {
     if (Setting("OSTREL_E2E_FAIL") == "audit_open" || Exists("OSTREL_E2E_REFUSE")) return Fail(EPERM);
     const std::lock_guard lock(mutex_);
-    return rules_.Open();
+    const int fd = rules_.Open();
+    if (fd >= 0) Replace(fd, open("/dev/null", O_RDONLY | O_CLOEXEC));
+    return fd;
   }
   int Close(int fd) override {
     const std::lock_guard lock(mutex_);
-    return fd == consumer_ ? close(fd) : rules_.Close(fd);
+    close(fd);
+    return fd == consumer_ ? 0 : rules_.Close(fd);
   }
   int SetEnabled(int fd, std::uint32_t enabled) override {
     return OnRules([&] { return rules_.SetEnabled(fd, enabled); });
@@ -82,8 +85,7 @@ class ScriptedKernel final : public AuditNetlink {
     if (connect(connected, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return -1;
     const std::lock_guard lock(mutex_);
     rules_.Close(fd);
-    dup3(connected, fd, O_CLOEXEC);
-    close(connected);
+    Replace(fd, connected);
     consumer_ = fd;
     return result;
   }
@@ -132,6 +134,12 @@ class ScriptedKernel final : public AuditNetlink {
     WriteKeys();
     errno = error;
     return result;
+  }
+
+  // Puts a real descriptor in the place of the number that the rules' kernel has made up.
+  static void Replace(int fd, int real) {
+    dup3(real, fd, O_CLOEXEC);
+    close(real);
   }
 
   void WriteKeys() {
