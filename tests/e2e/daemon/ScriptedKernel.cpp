@@ -175,9 +175,10 @@ int __real_mallopt(int parameter, int value);
 int __real_setgid(gid_t gid);
 
 int __wrap_daemon(int nochdir, int noclose) {
+  if (zagent::audit::Setting("OSTREL_E2E_FAIL") == "daemon") return zagent::audit::Fail(EPERM);
+  const int result = __real_daemon(nochdir, noclose);
   if (zagent::audit::Setting("OSTREL_E2E_FAIL") == "threads") zagent::audit::RefuseThreads();
-  return zagent::audit::Setting("OSTREL_E2E_FAIL") == "daemon" ? zagent::audit::Fail(EPERM)
-                                                               : __real_daemon(nochdir, noclose);
+  return result;
 }
 
 int __wrap_mallopt(int parameter, int value) {
