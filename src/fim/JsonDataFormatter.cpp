@@ -24,9 +24,8 @@ void JsonDataFormatter::Append(const common::Bytes& data) {
 }
 
 common::Bytes JsonDataFormatter::Finish() {
-  common::Bytes document;
+  common::Bytes document(kHead.begin(), kHead.end());
   document.reserve(kHead.size() + events_.size() + kTail.size());
-  document.insert(document.end(), kHead.begin(), kHead.end());
   document.insert(document.end(), events_.begin(), events_.end());
   document.insert(document.end(), kTail.begin(), kTail.end());
   return document;
