@@ -132,6 +132,8 @@ HttpInterceptor::ChunkResult AuthHttpInterceptor::ProcessResponseChunk(const std
 }
 
 void AuthHttpInterceptor::ProcessResponse(const std::string& url, MutableHttpResponse&) {
+  // Versions 1 and 2 cannot check a response: whoever asked for it must not take this one for checked.
+  if (response_tag_ != AuthTag::None) throw HttpInterceptorException("Response context not initialized");
   ZLOG_TRACE("AuthHttpInterceptor: response processing not required for url: " << url);
 }
 

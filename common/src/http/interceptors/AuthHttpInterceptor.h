@@ -23,6 +23,7 @@ class AuthHttpInterceptor final : public HttpInterceptor {
                       const std::string& method) override;
   ChunkResult ProcessResponseChunk(const std::vector<unsigned char>& chunk,
                                    std::vector<unsigned char>& output) override;
+  // Throws "Response context not initialized" for a response tag other than 0.
   void ProcessResponse(const std::string& url, MutableHttpResponse& response) override;
 
  private:

@@ -168,5 +168,12 @@ TEST_F(AuthHttpInterceptorTest, LeavesTheResponseAlone) {
   EXPECT_TRUE(log.Has("AuthHttpInterceptor: response processing not required for url: https://platform.example/"));
 }
 
+TEST_F(AuthHttpInterceptorTest, PassesNoResponseAsCheckedThatItCannotCheck) {
+  AuthHttpInterceptor interceptor(Config(HmacVersion::HmacV2), AuthTag::Tag4, AuthTag::Tag1, clock_);
+  InMemoryHttpResponse response;
+  EXPECT_EQ("Response context not initialized",
+            ErrorOf([&] { interceptor.ProcessResponse("https://platform.example/", response); }));
+}
+
 }  // namespace
 }  // namespace zagent::common
