@@ -24,9 +24,12 @@ long Timeout(std::uint64_t seconds) {
   return static_cast<long>(std::min<std::uint64_t>(seconds, INT_MAX / 1000));
 }
 
-bool IsFolder(const std::string& path) {
+bool IsFolder(const std::string& path, const std::string& url) {
   struct stat status {};
-  if (stat(path.c_str(), &status) != 0) throw HttpException("Certificate path does not exist, invalid path");
+  if (stat(path.c_str(), &status) != 0) {
+    ZLOG_ERROR("Certificate path does not exist, invalid path");
+    throw HttpException(kAddCertificate + url);
+  }
   return S_ISDIR(status.st_mode);
 }
 
@@ -121,7 +124,7 @@ void HttpTransfer::SetProxyCertificate(const std::string& ca_path) {
     ZLOG_INFO("Certificate file path is empty. Skipped proxy ca certificate path config for request to url: " << url_);
     return;
   }
-  const bool is_folder = IsFolder(ca_path);
+  const bool is_folder = IsFolder(ca_path, url_);
   Set(is_folder ? CURLOPT_PROXY_CAPATH : CURLOPT_PROXY_CAINFO, ca_path.c_str(), kAddCertificate);
   Set(is_folder ? CURLOPT_PROXY_CAINFO : CURLOPT_PROXY_CAPATH, static_cast<const char*>(nullptr), kAddCertificate);
   if (is_folder) {
@@ -155,7 +158,7 @@ void HttpTransfer::SetCertificatePath(const std::string& ca_path) {
     ZLOG_INFO("Certificate file path is empty. Skipping certificate info for HTTP request for " << url_);
     return;
   }
-  const bool is_folder = IsFolder(ca_path);
+  const bool is_folder = IsFolder(ca_path, url_);
   Set(is_folder ? CURLOPT_CAPATH : CURLOPT_CAINFO, ca_path.c_str(), kAddCertificate);
   Set(is_folder ? CURLOPT_CAINFO : CURLOPT_CAPATH, static_cast<const char*>(nullptr), kAddCertificate);
 }

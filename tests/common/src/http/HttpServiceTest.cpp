@@ -328,6 +328,8 @@ TEST_F(HttpServiceTest, FailsWithACertificatePathThatDoesNotExist) {
   EXPECT_EQ(HttpStatus::NotStarted,
             service.Post("https://127.0.0.1:1/", {}, {}, {}, Retrying(3))->GetResponse().GetStatus());
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "Certificate path does not exist, invalid path"));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR,
+                       "Failed to add certificate info to HTTP request for https://127.0.0.1:1/"));
 }
 
 TEST_F(HttpServiceTest, AsksTheProxyAndNotTheHost) {
