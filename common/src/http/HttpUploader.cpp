@@ -104,6 +104,7 @@ HttpUploader::Job HttpUploader::PrepareJob(const std::string& content_type, cons
   const std::string payload_hash = PayloadHash(payload);
   const std::lock_guard lock(mutex_);
   last_http_status_ = 0;
+  if (cancelled_) throw HttpException("Cancelled before it began");
   last_correlation_id_ = Poco::UUIDGenerator::defaultGenerator().createRandom().toString();
   Job job{settings_, {}, content_type};
   for (const ProtocolHeader& header : kProtocolHeaders) {
@@ -125,7 +126,7 @@ std::shared_ptr<HttpRequest> HttpUploader::Submit(Job job, const std::vector<uns
   auto request = service_.Post(job.settings.url, std::move(job.headers), payload, chain.Build(), std::move(settings));
   const std::lock_guard lock(mutex_);
   in_flight_ = request;
-  if (cancelled_) request->Cancel();
+  if (cancelled_) request->Cancel();  // since the job was prepared
   return request;
 }
 

@@ -174,6 +174,16 @@ TEST_F(HttpUploaderTest, CancelEndsTheUploadInFlightAndEveryLaterOne) {
   EXPECT_EQ(100022, uploader.Upload("application/json", payload_)) << "the server would let it hang";
 }
 
+TEST_F(HttpUploaderTest, SendsNothingOnceCancelled) {
+  FakeHttpServer server({FakeHttpServer::Answer("200 OK")});
+  HttpUploader uploader = UploaderTo(server.Url());
+  uploader.Cancel();
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(100022, uploader.Upload("application/json", payload_));
+  EXPECT_TRUE(server.Requests().empty());
+  EXPECT_EQ(10, log_.Count("HttpUploader: Upload failed due to http exception: Cancelled before it began"));
+  EXPECT_FALSE(log_.Has("HttpUploader: Sending "));
+}
+
 TEST_F(HttpUploaderTest, NeverThrows) {
   service_.Stop();
   EXPECT_EQ(100022, UploaderTo("http://127.0.0.1:1/").Upload("application/json", payload_));
