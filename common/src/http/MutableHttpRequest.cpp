@@ -224,6 +224,7 @@ void MutableHttpRequest::FinishWithError(HttpStatus status, long http_code) {
 // An answer that cannot be read is not repeated: the platform has already acted on the request.
 void MutableHttpRequest::FailProcessing(const std::string& reason, long http_code) {
   ZLOG_ERROR("Failed to finish the http response for " << url_ << " " << reason);
+  response_->SetMessage(PrintableText(reason));  // the status line's "OK" would belie the failure
   response_->SetHttpCode(http_code);
   response_->Finalize();
   state_ = State::Failed;
