@@ -33,11 +33,12 @@ std::optional<Authorization> Parse(const std::string& text) {
   return Authorization{text.substr(0, blank), text.substr(blank + 1, colon - blank - 1), text.substr(colon + 1)};
 }
 
-std::optional<std::chrono::system_clock::time_point> ParseTimestamp(const std::string& text) {
+// In whole seconds: the nanoseconds of a far year would not fit and could come around to now.
+std::optional<std::chrono::sys_seconds> ParseTimestamp(const std::string& text) {
   std::tm parts{};
   const char* end = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts);
   if (text.size() != 20 || end == nullptr || *end != '\0') return std::nullopt;
-  return std::chrono::system_clock::from_time_t(timegm(&parts));
+  return std::chrono::sys_seconds(std::chrono::seconds(timegm(&parts)));
 }
 
 std::string MessageV1(const SignedRequest& request) {
@@ -71,7 +72,8 @@ std::optional<std::string> SignatureVerifier::FindFault(const SignedRequest& req
   if (!is_v1 && authorization->scheme != "ZHmacV2Auth") return "unknown authorization scheme";
   const auto time = ParseTimestamp(*request.timestamp);
   if (!time) return "malformed timestamp";
-  if (std::chrono::abs(clock_.Now() - *time) > kTimestampWindow) return "timestamp outside the allowed window";
+  const auto now = std::chrono::floor<std::chrono::seconds>(clock_.Now());
+  if (std::chrono::abs(now - *time) > kTimestampWindow) return "timestamp outside the allowed window";
   const std::string key_id = keys_->Get(is_v1 ? "KIdV1" : "KIdV2");
   if (authorization->key_id != key_id) return "unknown key id";
 

@@ -5,6 +5,7 @@
 #include <Poco/URI.h>
 #include <gmock/gmock.h>
 
+#include <ctime>
 #include <filesystem>
 
 #include "common/src/http/interceptors/AuthHttpInterceptor.h"
@@ -136,6 +137,23 @@ TEST_F(ReceiverTest, RefusesTimesThatAreFarAway) {
   ExpectRefused(Signed(HmacVersion::HmacV2, std::chrono::minutes(16)), 401, "timestamp outside the allowed window");
   EXPECT_EQ(200, Send(Signed(HmacVersion::HmacV2, -std::chrono::minutes(14))));
   EXPECT_EQ(200, Send(Signed(HmacVersion::HmacV2, std::chrono::minutes(14))));
+}
+
+TEST_F(ReceiverTest, RefusesTimesThatCountedInNanosecondsComeAroundToNow) {
+  RawRequest request = Signed(HmacVersion::HmacV2);
+  constexpr time_t kRound = 18'446'744'074;  // 2^64 nanoseconds
+  const time_t far = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now()) + kRound;
+  std::tm parts{};
+  gmtime_r(&far, &parts);
+  char text[32];
+  ASSERT_NE(0U, std::strftime(text, sizeof(text), "%FT%TZ", &parts));
+  for (const std::string& time :
+       {std::string(text), std::string("9999-12-31T23:59:59Z"), std::string("0001-01-01T00:00:00Z")}) {
+    request.headers["X-OSTL-Timestamp"] = time;
+    ExpectRefused(request, 401, "timestamp outside the allowed window");
+    const std::lock_guard lock(mutex_);
+    lines_.clear();
+  }
 }
 
 TEST_F(ReceiverTest, RefusesAChangedTime) {
