@@ -93,6 +93,10 @@ UploadHandler::Verdict UploadHandler::Judge(HTTPServerRequest& request) {
   const bool fits = ReadBody(request, body);
   state_.store.CountRequest();
   if (!fits) return {HTTPServerResponse::HTTP_REQUEST_ENTITY_TOO_LARGE, "body too large"};
+  // The client has gone or been too slow; under V2 no signature would tell.
+  if (request.hasContentLength() && static_cast<Poco::Int64>(body.size()) != request.getContentLength64()) {
+    return {HTTPServerResponse::HTTP_BAD_REQUEST, "body incomplete"};
+  }
   if (const int forced = ForcedStatus(); forced != 0) {
     state_.Print("answered: " + std::to_string(forced));
     return {forced, ""};

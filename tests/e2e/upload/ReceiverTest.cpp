@@ -2,8 +2,10 @@
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
 #include <Poco/Net/HTTPSClientSession.h>
+#include <Poco/Net/SSLException.h>
 #include <Poco/URI.h>
 #include <gmock/gmock.h>
+#include <sys/socket.h>
 
 #include <ctime>
 #include <filesystem>
@@ -55,8 +57,8 @@ class ReceiverTest : public UploadFixture {
 
   int Send(const RawRequest& request) { return SendAnnouncing(request, request.body.size()); }
 
-  // Announces `length` bytes, whatever the body has.
-  int SendAnnouncing(const RawRequest& request, std::size_t length) {
+  // Announces `length` bytes, whatever the body has; with `end` the connection breaks behind it. 0: no answer.
+  int SendAnnouncing(const RawRequest& request, std::size_t length, bool end = false) {
     Poco::Net::Context::Params params;
     params.caLocation = receiver_->GetCaFile();
     params.loadDefaultCAs = false;
@@ -69,8 +71,14 @@ class ReceiverTest : public UploadFixture {
     std::ostream& out = session.sendRequest(head);
     out.write(reinterpret_cast<const char*>(request.body.data()), static_cast<std::streamsize>(request.body.size()));
     out.flush();
+    if (end) shutdown(session.socket().impl()->sockfd(), SHUT_WR);
     Poco::Net::HTTPResponse response;
-    session.receiveResponse(response);
+    try {
+      session.receiveResponse(response);
+    } catch (const Poco::Net::SSLException&) {
+      // Leaving earlier could end the connection before the receiver has read anything.
+      return receiver_->WaitForRequests(1) ? 0 : -1;
+    }
     z_srv_ = response.get("Z-SRV", "");
     return response.getStatus();
   }
@@ -214,6 +222,16 @@ TEST_F(ReceiverTest, RefusesABodyThatIsAnnouncedTooLargeWithoutReadingIt) {
   RawRequest request = Signed(HmacVersion::HmacV2);
   EXPECT_EQ(413, SendAnnouncing(request, tools::UploadHandler::kMaxBodySize + 1));
   EXPECT_THAT(Lines(), Contains("rejected: body too large"));
+}
+
+TEST_F(ReceiverTest, RefusesABodyThatEndsBeforeItsAnnouncedLength) {
+  RawRequest request;
+  request.body = BytesOf("plain");
+  Sign(request, HmacVersion::HmacV2);
+  EXPECT_EQ(0, SendAnnouncing(request, request.body.size() + 1, true)) << "nobody is there to answer";
+  receiver_.reset();  // ends the request
+  EXPECT_THAT(Lines(), Contains("rejected: body incomplete"));
+  EXPECT_THAT(Lines(), SizeIs(2));
 }
 
 TEST_F(ReceiverTest, TakesAPayloadThatIsNotCompressed) {
