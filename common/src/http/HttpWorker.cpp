@@ -33,7 +33,7 @@ void HttpWorker::Start(const std::shared_ptr<MutableHttpRequest>& request) {
   BeginTransfer(request);
 }
 
-// What cannot be begun ends here, with one line that says why: waiting would not make it better.
+// What cannot be begun ends here, with a line that says why.
 void HttpWorker::BeginTransfer(const std::shared_ptr<MutableHttpRequest>& request) {
   std::string failure;
   try {
@@ -48,7 +48,13 @@ void HttpWorker::BeginTransfer(const std::shared_ptr<MutableHttpRequest>& reques
   }
   ZLOG_ERROR(failure);
   request->SetErrorText(failure);
-  request->SetStatus(HttpStatus::NotStarted, 0, CURLE_OK);
+  EndAttempt(request, {HttpStatus::NotStarted, 0}, CURLE_OK);
+}
+
+void HttpWorker::EndAttempt(const std::shared_ptr<MutableHttpRequest>& request, const TransferVerdict& verdict,
+                            CURLcode result) {
+  request->SetStatus(verdict.status, verdict.http_code, result);
+  if (request->GetState() == HttpRequest::State::WaitingForRetry) retry_requests_.push_back(request);
 }
 
 void HttpWorker::StartDueRetries() {
@@ -92,8 +98,7 @@ void HttpWorker::Finish(CURL* handle, CURLcode result) {
   if (curl_multi_remove_handle(multi_.get(), handle) != CURLM_OK) {
     ZLOG_WARNING("Failed to remove curl handle for " << request->GetUrl());
   }
-  request->SetStatus(verdict.status, verdict.http_code, result);
-  if (request->GetState() == HttpRequest::State::WaitingForRetry) retry_requests_.push_back(request);
+  EndAttempt(request, verdict, result);
 }
 
 void HttpWorker::RemoveUnknown(CURL* handle) {

@@ -40,6 +40,7 @@ class HttpWorker {
   void Perform();
   void CollectFinished();
   void Finish(CURL* handle, CURLcode result);
+  void EndAttempt(const std::shared_ptr<MutableHttpRequest>& request, const TransferVerdict& verdict, CURLcode result);
   void RemoveUnknown(CURL* handle);
   [[nodiscard]] int WaitLimitMs() const;
   static void Abort(MutableHttpRequest& request);

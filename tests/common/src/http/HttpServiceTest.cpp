@@ -328,8 +328,34 @@ TEST_F(HttpServiceTest, FailsWithACertificatePathThatDoesNotExist) {
   EXPECT_EQ(HttpStatus::NotStarted,
             service.Post("https://127.0.0.1:1/", {}, {}, {}, Retrying(3))->GetResponse().GetStatus());
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "Certificate path does not exist, invalid path"));
-  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR,
-                       "Failed to add certificate info to HTTP request for https://127.0.0.1:1/"));
+  EXPECT_TRUE(
+      log_.Has(Poco::Message::PRIO_ERROR, "Failed to add certificate info to HTTP request for https://127.0.0.1:1/"));
+}
+
+// Allows two more attempts, whatever happened.
+class StubbornPolicy final : public HttpRetryPolicy {
+ public:
+  StubbornPolicy() : HttpRetryPolicy(0, {}, util::Clock::Real()) {}
+  [[nodiscard]] std::unique_ptr<HttpRetryPolicy> Clone() const override {
+    return std::make_unique<StubbornPolicy>(*this);
+  }
+
+ protected:
+  bool OnFinish(HttpStatus, long) override { return ++attempts_ < 3; }
+  void GiveBackAttempt() override {}
+
+ private:
+  int attempts_ = 0;
+};
+
+TEST_F(HttpServiceTest, RetriesWhatCouldNotBeBegunWhenThePolicyWantsIt) {
+  HttpService service("/nonexistent/ca.pem");
+  service.Start();
+  HttpRequestSettings settings;
+  settings.retry_policy = std::make_unique<StubbornPolicy>();
+  const auto request = service.Post("https://127.0.0.1:1/", {}, {}, {}, std::move(settings));
+  EXPECT_EQ(HttpStatus::NotStarted, request->GetResponse().GetStatus());
+  EXPECT_EQ(3, log_.Count("Failed to add certificate info to HTTP request for "));
 }
 
 TEST_F(HttpServiceTest, AsksTheProxyAndNotTheHost) {
