@@ -1,8 +1,13 @@
 // Whole uploads: from HttpUploader through compression, signature and TLS to the receiver's folder.
+#include <Poco/Crypto/X509Certificate.h>
 #include <gmock/gmock.h>
+#include <openssl/x509.h>
 
+#include <filesystem>
 #include <future>
+#include <iomanip>
 #include <random>
+#include <sstream>
 
 #include "common/src/http/DefaultHttpRetryPolicy.h"
 #include "common/src/http/HttpInterceptorBuilder.h"
@@ -24,11 +29,21 @@ constexpr const char* kDocument =
 
 class UploadTest : public UploadFixture {
  protected:
+  // The name under which OpenSSL looks a certificate up in a folder.
+  static std::string HashNameOf(const std::string& file) {
+    const Poco::Crypto::X509Certificate certificate(file);
+    std::ostringstream name;
+    name << std::hex << std::setfill('0') << std::setw(8)
+         << X509_NAME_hash_ex(X509_get_subject_name(certificate.certificate()), nullptr, nullptr, nullptr) << ".0";
+    return name.str();
+  }
+
   std::shared_ptr<common::MutableHttpRequest> PostThrough(const std::vector<std::string>& proxies,
-                                                          std::uint64_t max_attempts) {
+                                                          std::uint64_t max_attempts, bool verify_ssl = true) {
     common::HttpInterceptorBuilder chain;
     chain.AddLzma().AddAuth(Keys(HmacVersion::HmacV2), common::AuthTag::Tag4, common::AuthTag::None);
     common::HttpRequestSettings settings;
+    settings.verify_ssl = verify_ssl;
     settings.retry_policy = std::make_unique<common::DefaultHttpRetryPolicy>(max_attempts, 0);
     auto request = std::make_shared<common::MutableHttpRequest>(
         common::HttpMethod::Post, receiver_->GetUrl() + "/v1/fim", common::HttpHeaders(), BytesOf(kDocument),
@@ -146,6 +161,25 @@ TEST_F(UploadTest, IsNeverSentToAPlatformThatCannotProveWhoItIs) {
   EXPECT_EQ(0U, receiver_->GetRequestCount());
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "Unknown curl error with CURL_STATUS_CODE 60 while accessing "));
   EXPECT_EQ(0, log_.Count("Retrying HTTP request for "));
+}
+
+TEST_F(UploadTest, IsSentToAnybodyWhenVerificationIsOff) {
+  StartReceiver(Options());
+  tools::ReceiverOptions other = Options();
+  other.ca_file = folder_ / "other.pem";
+  const tools::ReferenceReceiver stranger(other);
+  StartService(stranger.GetCaFile());
+  EXPECT_EQ(200, PostThrough({}, 0, false)->GetResponse().GetHttpCode());
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_INFORMATION,
+                       "Skip TLS certificate verification for " + receiver_->GetUrl() + "/v1/fim"));
+}
+
+TEST_F(UploadTest, TrustsWhatAFolderOfCertificatesHolds) {
+  StartReceiver(Options());
+  std::filesystem::create_directory(folder_ / "certificates");
+  std::filesystem::copy_file(receiver_->GetCaFile(), folder_ / ("certificates/" + HashNameOf(receiver_->GetCaFile())));
+  StartService(folder_ / "certificates");
+  EXPECT_EQ(0, Upload(kDocument));
 }
 
 TEST_F(UploadTest, TrustsAFolderOfCertificatesOnlyForWhatIsInIt) {

@@ -82,6 +82,35 @@ TEST_F(HttpServiceTest, PostsWhatItWasGiven) {
   EXPECT_EQ("ZAgent", sent.Header("User-Agent"));
 }
 
+TEST_F(HttpServiceTest, SaysWhatItDoes) {
+  FakeHttpServer server({FakeHttpServer::Answer("200 OK")});
+  const std::string url = server.Url("/v1");
+  PostTo(url, Retrying(0), {{"X-A", "1"}})->GetResponse();
+  const std::vector<std::pair<Poco::Message::Priority, std::string>> lines = {
+      {Poco::Message::PRIO_INFORMATION, "HttpConfig: verifySSL flag : 1"},
+      {Poco::Message::PRIO_DEBUG, "Initiating HTTP request for " + url},
+      {Poco::Message::PRIO_DEBUG, "No proxy configured. Attempting direct connection"},
+      {Poco::Message::PRIO_INFORMATION, "Using proxy : for " + url},
+      {Poco::Message::PRIO_DEBUG, "Setting HTTP version: Default (libcurl will negotiate) for " + url},
+      {Poco::Message::PRIO_INFORMATION,
+       "Certificate file path is empty. Skipping certificate info for HTTP request for " + url},
+      {Poco::Message::PRIO_TRACE, "Adding header: X-A"},
+      {Poco::Message::PRIO_DEBUG, "Processing response for url: " + url},
+      {Poco::Message::PRIO_INFORMATION, "Received HTTP response code: 200"},
+      {Poco::Message::PRIO_TRACE, "URL: " + url + " Proxy-Used: 0"},
+      {Poco::Message::PRIO_TRACE, "Updated response payload"},
+  };
+  for (const auto& [priority, line] : lines) EXPECT_TRUE(log_.Has(priority, line)) << line;
+}
+
+TEST_F(HttpServiceTest, SpeaksHttp11WhenToldTo) {
+  FakeHttpServer server({FakeHttpServer::Answer("200 OK")});
+  HttpRequestSettings settings = Retrying(0);
+  settings.http_version = HttpVersion::Http11;
+  EXPECT_EQ(200, PostTo(server.Url(), std::move(settings))->GetResponse().GetHttpCode());
+  EXPECT_TRUE(log_.Has("Setting HTTP version: HTTP/1.1 for " + server.Url()));
+}
+
 TEST_F(HttpServiceTest, AddsNoContentTypeThatNobodyHasSigned) {
   FakeHttpServer server({FakeHttpServer::Answer("200 OK")});
   PostTo(server.Url())->GetResponse();
@@ -435,6 +464,13 @@ TEST_F(HttpServiceTest, SetsTheCertificatePathForAnHttpsProxyToo) {
     EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, line)) << log_.All();
     EXPECT_TRUE(log_.Has("Using https proxy for request to url: https://platform.invalid/"));
   }
+}
+
+TEST_F(HttpServiceTest, LeavesAnHttpsProxyTheDefaultCertificatesWithoutAPath) {
+  PostThrough({"https://127.0.0.1:1"}, "https://platform.invalid/", 0)->GetResponse();
+  EXPECT_TRUE(
+      log_.Has("Certificate file path is empty. Skipped proxy ca certificate path config for request to url: "
+               "https://platform.invalid/"));
 }
 
 TEST_F(HttpServiceTest, KnowsTheAddressThatTheConnectionUsed) {

@@ -197,8 +197,9 @@ TEST_F(HttpUploaderTest, TakesAnAnswerThatCannotBeReadForNoAcceptance) {
   FakeHttpServer server({FakeHttpServer::Answer("200 OK", "Content-Encoding: LZMA\r\n", "not compressed")});
   EXPECT_EQ(100017, UploaderTo(server.Url()).Upload("application/json", payload_));
   EXPECT_EQ(1U, server.Requests().size());
-  EXPECT_TRUE(log_.Has("HttpUploader: Upload failed. (Response processing failed, error: LzmaHttpInterceptor failed to "
-                       "decompress response payload: "));
+  EXPECT_TRUE(
+      log_.Has("HttpUploader: Upload failed. (Response processing failed, error: LzmaHttpInterceptor failed to "
+               "decompress response payload: "));
   EXPECT_FALSE(log_.Has("HttpUploader: Upload failed. (OK)"));
 }
 

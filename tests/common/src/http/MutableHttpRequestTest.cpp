@@ -145,6 +145,18 @@ TEST_F(MutableHttpRequestTest, FailsWhenThePolicyAllowsNoMore) {
   EXPECT_EQ(7, request->GetCurlCode());
 }
 
+TEST_F(MutableHttpRequestTest, HasFourAttemptsFiveSecondsApartWhenNoPolicyIsGiven) {
+  MutableHttpRequest request(HttpMethod::Get, "https://p/x", {}, {}, {}, HttpRequestSettings());
+  for (int attempt = 1; attempt <= 3; ++attempt) {
+    request.SetStatus(HttpStatus::ServerError, 503, 0);
+    EXPECT_EQ(State::WaitingForRetry, request.GetState());
+    EXPECT_FALSE(request.IsRetryDue());
+    EXPECT_LE(request.GetRemainingWait(), std::chrono::seconds(5));
+  }
+  request.SetStatus(HttpStatus::ServerError, 503, 0);
+  EXPECT_EQ(State::Failed, request.GetState());
+}
+
 TEST_F(MutableHttpRequestTest, FailsOnARequestThatWasNeverStarted) {
   const auto request = Make(3);
   request->SetStatus(HttpStatus::NotStarted, 0, 0);
