@@ -48,6 +48,9 @@ ScriptedAudit::ScriptedAudit(const std::string& path, Source source)
 }
 
 void ScriptedAudit::AwaitConsumer() {
+  pollfd waiting{listener_.Get(), POLLIN, 0};
+  if (poll(&waiting, 1, 30'000) != 1)
+    throw std::runtime_error("ScriptedAudit: the daemon does not listen to the kernel");
   consumer_.Reset(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
   Require(static_cast<bool>(consumer_), "accept");
 }
