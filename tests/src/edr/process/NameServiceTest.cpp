@@ -38,11 +38,13 @@ TEST(NameServiceTest, AnswersTheDigitsAndWarnsWhenADatabaseCannotBeRead) {
   // Only the files are asked, so that no other service of this host has the last word.
   ASSERT_EQ(__nss_configure_lookup("passwd", "files"), 0);
   ASSERT_EQ(__nss_configure_lookup("group", "files"), 0);
+  const fakes::LogCapture log;
+  EXPECT_EQ(UserName(kNobody), "3987654321");
+  EXPECT_EQ(GroupName(kNobody), "3987654321");
   struct rlimit files {};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &files), 0);
   const struct rlimit none = {0, files.rlim_max};
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-  const fakes::LogCapture log;
   const std::string user = UserName(kNobody - 1);
   const std::string group = GroupName(kNobody - 1);
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &files), 0);
