@@ -143,7 +143,16 @@ void IOChannel::Start() {
   if (read_fd_ == -1) throw IOChannelException(Error::InvalidState);
   RequireStopped();
   exiting_ = false;
-  future_ = std::async(std::launch::async, [this] { EventLoop(); });
+  future_ = std::async(std::launch::async, [this] {
+    try {
+      EventLoop();
+    } catch (const std::exception& error) {
+      // Stop throws it on; until then nobody would know that the channel is deaf.
+      ZLOG_ERROR("IOChannel: The event loop has ended: " << error.what());
+      ReportError(Error::Unknown);
+      throw;
+    }
+  });
 }
 
 void IOChannel::Stop() {

@@ -301,7 +301,7 @@ TEST_F(IOChannelTest, TellsOfItsWakeUpThroughTheSelfPipe) {
   EXPECT_EQ(log_.messages.Take(), "still reading");
 }
 
-TEST_F(IOChannelTest, StopRethrowsWhatACallbackThrewOnce) {
+TEST_F(IOChannelTest, ALoopThatDiesOfACallbackTellsItAtOnceAndStopRethrowsIt) {
   fakes::Mailbox<int> called;
   channel_.SetReadCallback([&](IOChannel::Bytes&&) {
     called.Put(1);
@@ -310,6 +310,8 @@ TEST_F(IOChannelTest, StopRethrowsWhatACallbackThrewOnce) {
   channel_.Start();
   PeerWrites("x");
   ASSERT_TRUE(called.Take().has_value());
+  EXPECT_EQ(log_.errors.Take(), Error::Unknown);
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_ERROR, "IOChannel: The event loop has ended: callback failed"));
   EXPECT_THROW(channel_.Stop(), std::runtime_error);
   channel_.Stop();
 }
