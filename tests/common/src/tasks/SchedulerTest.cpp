@@ -203,8 +203,10 @@ TEST_F(SchedulerTest, AFailingStartIsLoggedAndTheOthersGoOn) {
   EXPECT_TRUE(log.Has(Poco::Message::PRIO_ERROR, "Scheduler: Schedule exeution failed: no thread today")) << log.All();
   const int before = attempts;
   clock_.Advance(seconds(10));
-  EXPECT_TRUE(Eventually([&] { return attempts == before + 1; }));
+  EXPECT_TRUE(Eventually([&] { return attempts > before; }));
   scheduler_.Stop();
+  // The first walk, one for each of the two wake-ups of the other's end, and the retry.
+  EXPECT_LE(attempts, 4);
 }
 
 TEST_F(SchedulerTest, ADestroyedScheduleDisappears) {
