@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <utility>
 
 #include "common/src/util/ErrnoText.h"
@@ -66,6 +67,23 @@ void WriteAll(int fd, StorageResult& result) {
   result.stat_info = Stat(fd);
 }
 
+// Reads up to `max_bytes`, or the size that the file has now.
+std::unique_ptr<StorageResult> OpenAndRead(const std::string& path, const char* stat_failure,
+                                           std::optional<std::size_t> max_bytes) {
+  auto result = MakeResult(path);
+  const UniqueFd fd = Open(path, O_RDONLY);
+  if (!fd) {
+    Fail(*result, "Storage: Failed to open ");
+    return result;
+  }
+  const auto info = Stat(fd.Get());
+  if (!info) {
+    Fail(*result, stat_failure);
+    return result;
+  }
+  return ReadFileDescriptor(path, *info, fd.Get(), max_bytes.value_or(static_cast<std::size_t>(info->st_size)));
+}
+
 }  // namespace
 
 std::unique_ptr<StorageResult> WriteFile(const std::string& path, Bytes data) {
@@ -101,33 +119,11 @@ std::unique_ptr<StorageResult> AppendFile(const std::string& path, Bytes data, c
 }
 
 std::unique_ptr<StorageResult> ReadFile(const std::string& path) {
-  auto result = MakeResult(path);
-  const UniqueFd fd = Open(path, O_RDONLY);
-  if (!fd) {
-    Fail(*result, "Storage: Failed to open ");
-    return result;
-  }
-  const auto info = Stat(fd.Get());
-  if (!info) {
-    Fail(*result, "Storage: Failed to stat ");
-    return result;
-  }
-  return ReadFileDescriptor(path, *info, fd.Get(), static_cast<std::size_t>(info->st_size));
+  return OpenAndRead(path, "Storage: Failed to stat ", std::nullopt);
 }
 
 std::unique_ptr<StorageResult> ReadFileUpTo(const std::string& path, std::size_t max_bytes) {
-  auto result = MakeResult(path);
-  const UniqueFd fd = Open(path, O_RDONLY);
-  if (!fd) {
-    Fail(*result, "Storage: Failed to open ");
-    return result;
-  }
-  const auto info = Stat(fd.Get());
-  if (!info) {
-    Fail(*result, "FileStorage: Failed to stat ");
-    return result;
-  }
-  return ReadFileDescriptor(path, *info, fd.Get(), max_bytes);
+  return OpenAndRead(path, "FileStorage: Failed to stat ", max_bytes);
 }
 
 std::unique_ptr<StorageResult> ReadFileDescriptor(const std::string& path, const struct stat& stat, int fd,
