@@ -35,6 +35,10 @@ Config::Values Config::Parse(const rapidjson::Value& json, const char* error) {
     if (!path->IsString()) throw std::invalid_argument(error);
     values.dispatcher_socket_path = common::util::ToString(*path);
   }
+  if (const rapidjson::Value* extended = FindMember(json, "extended_coverage")) {
+    if (!extended->IsBool()) throw std::invalid_argument(error);
+    values.extended_coverage = extended->GetBool();
+  }
   return values;
 }
 
@@ -60,6 +64,11 @@ std::string Config::GetDispatcherSocketPath() const {
 
 bool Config::HasDispatcherSocketPath() const {
   return !GetDispatcherSocketPath().empty();
+}
+
+bool Config::HasExtendedCoverage() const {
+  const std::lock_guard lock(mutex_);
+  return values_.extended_coverage;
 }
 
 }  // namespace zagent::edr

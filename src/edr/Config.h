@@ -22,6 +22,9 @@ class Config {
   [[nodiscard]] std::uint32_t GetMemoryLimit() const;        // percent of total memory
   [[nodiscard]] std::string GetDispatcherSocketPath() const;
   [[nodiscard]] bool HasDispatcherSocketPath() const;
+  // Whether the intake sees and survives more than it must: further kernel rules, calls and restarts. False without the
+  // key.
+  [[nodiscard]] bool HasExtendedCoverage() const;
 
  private:
   struct Values {
@@ -29,6 +32,7 @@ class Config {
     std::uint32_t cpu_limit = 0;
     std::uint32_t memory_limit = 0;
     std::string dispatcher_socket_path;
+    bool extended_coverage = false;
     bool operator==(const Values&) const = default;
   };
   static Values Parse(const rapidjson::Value& json, const char* error);

@@ -31,13 +31,23 @@ TEST(EdrConfigTest, AnAbsentAndAnEmptyDispatcherPathBothMeanNone) {
   EXPECT_EQ(with.GetDispatcherSocketPath(), "/run/d");
 }
 
+TEST(EdrConfigTest, CoverageIsExtendedOnlyWhenAskedFor) {
+  EXPECT_FALSE(Config(Json(kPlain)).HasExtendedCoverage());
+  Config config(Json(R"({"audit_backlog_limit": 8192, "cpu_limit": 25, "memory_limit": 10,
+                         "extended_coverage": true})"));
+  EXPECT_TRUE(config.HasExtendedCoverage());
+  EXPECT_TRUE(config.Update(Json(kPlain)));
+  EXPECT_FALSE(config.HasExtendedCoverage());
+}
+
 TEST(EdrConfigTest, RefusesMissingAndWronglyTypedKeys) {
   for (const char* text :
        {"[]", "{}", R"({"cpu_limit": 2, "memory_limit": 3})", R"({"audit_backlog_limit": 1, "memory_limit": 3})",
         R"({"audit_backlog_limit": 1, "cpu_limit": 2})",
         R"({"audit_backlog_limit": -1, "cpu_limit": 2, "memory_limit": 3})",
         R"({"audit_backlog_limit": 1, "cpu_limit": "2", "memory_limit": 3})",
-        R"({"audit_backlog_limit": 1, "cpu_limit": 2, "memory_limit": 3, "dispatcher_socket_path": 4})"}) {
+        R"({"audit_backlog_limit": 1, "cpu_limit": 2, "memory_limit": 3, "dispatcher_socket_path": 4})",
+        R"({"audit_backlog_limit": 1, "cpu_limit": 2, "memory_limit": 3, "extended_coverage": "yes"})"}) {
     try {
       const Config config(Json(text));
       ADD_FAILURE() << text;
