@@ -114,7 +114,7 @@ std::size_t FeedAuparse(const std::string& log) {
 }
 
 std::size_t BuildTypedEvents(const std::string& log) {
-  AuparseFeed feed(zagent::audit::internal::MakeEventFactory(std::make_shared<NoMagic>()));
+  AuparseFeed feed(zagent::audit::internal::MakeEventFactory({std::make_shared<NoMagic>()}));
   std::size_t events = 0;
   for (std::size_t at = 0; at < log.size(); at += kFeedStep) {
     feed.Feed(reinterpret_cast<const unsigned char*>(log.data()) + at, std::min(kFeedStep, log.size() - at));

@@ -1,11 +1,9 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 namespace zagent::common {
@@ -43,8 +41,7 @@ enum class FileType : std::uint8_t { Directory = 2, Regular = 3, SymbolicLink = 
 // As passed to GetFileContentHash. HashGenerator counts its kinds differently.
 enum class ContentHash : std::uint8_t { Md5 = 0, Sha1 = 1, Sha256 = 2 };
 
-// The fields of one audit record, name to value.
-using RecordFields = std::unordered_map<std::string, std::string>;
+class RecordFields;
 
 // Everything that a consumer may ask of any event. A concrete event answers what makes sense for it and throws a plain
 // std::runtime_error ("GetFile not implemented") for the rest, so a consumer looks at GetType and GetObjectType first

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -21,12 +22,12 @@ namespace zagent::fakes {
 // Path takes the numbers of the record from the disk, so that the event's confirmation finds its object.
 class AuditRecords final : public audit::internal::RecordSource {
  public:
-  using Fields = edr::RecordFields;
+  using Fields = std::map<std::string, std::string>;
 
   explicit AuditRecords(std::uint32_t id = 77, std::int64_t seconds = 1'700'000'000) : id_(id), seconds_(seconds) {}
 
   AuditRecords& Add(int type, Fields fields) {
-    records_.push_back({type, std::move(fields)});
+    records_.emplace_back(type, std::move(fields));
     return *this;
   }
 
@@ -82,16 +83,33 @@ class AuditRecords final : public audit::internal::RecordSource {
     return fields;
   }
 
-  bool Next(audit::internal::Record& record) override {
-    if (next_ == records_.size()) return false;
-    record = records_[next_++];
-    return true;
+  // The fields as a source hands them out: a name that the kernel does not know is empty. The view lives as long as
+  // `fields`; names that no event reads are left out.
+  static edr::RecordFields ViewOf(const Fields& fields) {
+    edr::RecordFields view;
+    for (const auto& [name, value] : fields) {
+      if (const auto argument = edr::ArgumentNamed(name)) view.SetArgument(*argument, value);
+      const auto field = edr::FieldNamed(name);
+      if (field) view.Set(*field, name == "name" && value == "(null)" ? std::string_view("") : value);
+    }
+    return view;
+  }
+
+  const audit::internal::Record* Next(audit::internal::RecordKinds wanted) override {
+    while (next_ < records_.size()) {
+      const auto& [type, fields] = records_[next_++];
+      if ((wanted & audit::internal::KindOf(type)) == 0) continue;
+      record_ = {type, ViewOf(fields)};
+      return &record_;
+    }
+    return nullptr;
   }
   [[nodiscard]] std::uint32_t Id() const override { return id_; }
   [[nodiscard]] std::int64_t Timestamp() const override { return seconds_ * 1'000'000'000; }
 
  private:
-  std::vector<audit::internal::Record> records_;
+  std::vector<std::pair<int, Fields>> records_;
+  audit::internal::Record record_;
   std::size_t next_ = 0;
   unsigned next_item_ = 0;
   std::uint32_t id_;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "src/edr/Event.h"
+#include "src/edr/RecordFields.h"
 #include "src/edr/process/ImageInfo.h"
 
 namespace zagent::fakes {

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <auparse.h>
-
 #include <functional>
 #include <memory>
 #include <set>
@@ -17,18 +15,24 @@ namespace zagent::fakes {
 // Makes a FakeEvent with the serial and time of each audit event, whatever it is about, and remembers what it was
 // asked. Used by one thread at a time.
 struct ScriptedEventFactory {
-  std::vector<int> syscalls;           // asked for, in their order
-  std::set<int> unknown;               // answered with false
+  std::vector<int> syscalls;  // asked for, in their order
+  std::set<int> unknown;      // answered with false
+  bool builds_abends = false;
   std::function<void(int)> interfere;  // runs before an event is made; may throw
 
   [[nodiscard]] audit::internal::EventFactory Get() {
-    return [this](int syscall, auparse_state_t* state, audit::internal::Events& events) {
-      syscalls.push_back(syscall);
-      if (unknown.count(syscall) != 0) return false;
-      if (interfere) interfere(syscall);
+    return [this](const audit::internal::EventSubject& subject, audit::internal::RecordSource& source,
+                  audit::internal::Events& events) {
+      if (subject.record_type == audit::internal::record_type::kAnomAbend) {
+        if (!builds_abends) return false;
+      } else {
+        syscalls.push_back(subject.syscall);
+      }
+      if (unknown.count(subject.syscall) != 0) return false;
+      if (interfere) interfere(subject.syscall);
       auto event = std::make_unique<FakeEvent>();
-      event->id = static_cast<std::uint32_t>(auparse_get_serial(state));
-      event->timestamp = static_cast<std::int64_t>(auparse_get_time(state)) * 1'000'000'000;
+      event->id = source.Id();
+      event->timestamp = source.Timestamp();
       events.push_back(std::move(event));
       return true;
     };

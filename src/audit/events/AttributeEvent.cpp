@@ -20,14 +20,8 @@ constexpr SyscallSet<5> kNotFollowing = {94, 189, 192, 195, 198};
 
 }  // namespace
 
-AttributeEvent::AttributeEvent(auparse_state_t* state, std::shared_ptr<edr::LibMagicWrapper> lib_magic)
-    : FileEvent(std::move(lib_magic)) {
-  Feed(state);
-}
-
-AttributeEvent::AttributeEvent(RecordSource& source, std::shared_ptr<edr::LibMagicWrapper> lib_magic)
-    : FileEvent(std::move(lib_magic)) {
-  Feed(source);
+AttributeEvent::AttributeEvent(RecordSource& source, Context context) : FileEvent(std::move(context)) {
+  Feed(source, kRecords);
 }
 
 std::unique_ptr<edr::Event> AttributeEvent::Clone() const {
@@ -36,7 +30,7 @@ std::unique_ptr<edr::Event> AttributeEvent::Clone() const {
 
 void AttributeEvent::Validate() {
   FileEvent::Validate();
-  if (!TypeWord().empty() && TypeWord() != "NORMAL") {
+  if (ObjectWord() != TypeWord::None && ObjectWord() != TypeWord::Normal) {
     throw edr::EventException("Missing normal PATH record for Attribute event");
   }
   const bool follow = Contains(kFollowing, Syscall());
@@ -44,13 +38,12 @@ void AttributeEvent::Validate() {
     throw edr::EventException("Invalid syscall for Attribute event: " + std::to_string(Syscall()));
   }
   Stat(follow);
-  if (!stat_) {
+  if (!state_) {
     throw edr::EventException("File stat does not exist for " + GetAction() + " event with ID " +
                               std::to_string(GetId()));
   }
-  new_file_.emplace(file_->GetDevice(), common::PermissionOf(stat_->st_mode), file_->GetInode(), file_->GetPath(),
-                    stat_->st_gid, common::GroupName(stat_->st_gid), common::UserName(stat_->st_uid), stat_->st_uid,
-                    "");
+  new_file_.emplace(file_->GetDevice(), common::PermissionOf(state_->mode), file_->GetInode(), file_->GetPath(),
+                    state_->gid, common::GroupName(state_->gid), common::UserName(state_->uid), state_->uid, "");
 }
 
 }  // namespace zagent::audit::internal

@@ -8,9 +8,8 @@ namespace zagent::audit::internal {
 // after it: the same object with the permission, owner and group found on disk.
 class AttributeEvent final : public FileEvent {
  public:
-  // The complete event at the cursor of the state. Throws when the event cannot be built.
-  AttributeEvent(auparse_state_t* state, std::shared_ptr<edr::LibMagicWrapper> lib_magic);
-  AttributeEvent(RecordSource& source, std::shared_ptr<edr::LibMagicWrapper> lib_magic);
+  // The event that the source stands at. Throws when the event cannot be built.
+  AttributeEvent(RecordSource& source, Context context);
   AttributeEvent& operator=(const AttributeEvent&) = delete;
   ~AttributeEvent() override = default;
 

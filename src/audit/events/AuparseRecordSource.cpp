@@ -13,18 +13,50 @@
 namespace zagent::audit::internal {
 namespace {
 
+using edr::RecordField;
+using edr::RecordFieldSet;
+using edr::SetOf;
+
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 
-// How the values of a record are read: as the kernel wrote them, or decoded. Records of other types are skipped.
+// The kernel writes a name in hexadecimal when it holds a blank or a quote: these two are always decoded.
+constexpr RecordFieldSet kNames = SetOf(RecordField::Name, RecordField::Exe);
+// One of them is the last field of a PATH record that anybody reads.
+constexpr RecordFieldSet kTypeWords = SetOf(RecordField::NameType, RecordField::ObjType);
+
+// What is read of a record: as the kernel wrote it, or decoded.
 struct Rendering {
   int type;
-  bool interpreted;
+  RecordFieldSet wanted;
+  bool arguments;           // a0, a1 and so on
+  RecordFieldSet decoded;   // of the wanted ones
+  RecordFieldSet complete;  // the walk ends behind them; none: a later field of the same name may come
 };
+
+constexpr RecordFieldSet kPathFields = SetOf(RecordField::Item, RecordField::Name, RecordField::Inode, RecordField::Dev,
+                                             RecordField::Mode, RecordField::OUid, RecordField::OGid);
+
 constexpr std::array kRenderings = {
-    Rendering{record_type::kSyscall, false},   Rendering{record_type::kPath, false},
-    Rendering{record_type::kAnomAbend, false}, Rendering{record_type::kSockaddr, true},
-    Rendering{record_type::kCwd, true},        Rendering{record_type::kExecve, true},
-    Rendering{record_type::kProctitle, true},
+    // A call that several rules watch has a key for each, and the last one counts.
+    Rendering{record_type::kSyscall,
+              SetOf(RecordField::Arch, RecordField::Syscall, RecordField::Success, RecordField::Exit,
+                    RecordField::Items, RecordField::PPid, RecordField::Pid, RecordField::Auid, RecordField::Uid,
+                    RecordField::Euid, RecordField::Exe, RecordField::Key),
+              true, kNames, 0},
+    Rendering{record_type::kPath, kPathFields | kTypeWords, false, kNames, kPathFields},
+    Rendering{record_type::kAnomAbend, SetOf(RecordField::Auid, RecordField::Uid, RecordField::Pid, RecordField::Exe),
+              false, kNames, 0},
+    Rendering{record_type::kSockaddr, SetOf(RecordField::Saddr), false, SetOf(RecordField::Saddr),
+              SetOf(RecordField::Saddr)},
+    Rendering{record_type::kCwd, SetOf(RecordField::Cwd), false, SetOf(RecordField::Cwd), SetOf(RecordField::Cwd)},
+    Rendering{record_type::kExecve, SetOf(RecordField::Argc), true, SetOf(RecordField::Argc), 0},
+    Rendering{record_type::kProctitle, SetOf(RecordField::Proctitle), false, SetOf(RecordField::Proctitle),
+              SetOf(RecordField::Proctitle)},
+    Rendering{record_type::kOpenAt2, SetOf(RecordField::OFlag, RecordField::Mode), false, 0, 0},
+    Rendering{record_type::kUringOp,
+              SetOf(RecordField::UringOp, RecordField::Success, RecordField::Exit, RecordField::Items,
+                    RecordField::PPid, RecordField::Pid, RecordField::Uid, RecordField::Euid, RecordField::Key),
+              false, 0, 0},
 };
 
 const Rendering* FindRendering(int type) {
@@ -33,53 +65,111 @@ const Rendering* FindRendering(int type) {
   return found != kRenderings.end() ? found : nullptr;
 }
 
-// The kernel writes a name in hexadecimal when it holds a blank or a quote: these two are always decoded.
-bool IsName(std::string_view field) {
-  return field == "name" || field == "exe";
+// Of the EXECVE record everything is decoded.
+bool DecodesArguments(const Rendering& rendering) {
+  return rendering.type == record_type::kExecve;
+}
+
+bool IsComplete(const Rendering& rendering, RecordFieldSet present) {
+  if (rendering.complete == 0 || (present & rendering.complete) != rendering.complete) return false;
+  return rendering.type != record_type::kPath || (present & kTypeWords) != 0;
+}
+
+std::string_view ValueAt(auparse_state_t* state, bool decoded) {
+  const char* value = decoded ? auparse_interpret_field(state) : auparse_get_field_str(state);
+  return value != nullptr ? value : std::string_view("");
+}
+
+// A file may really be called "(null)", which the kernel then quotes: a name that it does not know is an empty one
+// here.
+std::string_view NameAt(auparse_state_t* state) {
+  return ValueAt(state, false) == "(null)" ? std::string_view("") : ValueAt(state, true);
+}
+
+void ReadField(auparse_state_t* state, const Rendering& rendering, std::string_view name, edr::RecordFields& fields) {
+  if (rendering.arguments) {
+    if (const std::optional<std::size_t> index = edr::ArgumentNamed(name)) {
+      fields.SetArgument(*index, ValueAt(state, DecodesArguments(rendering)));
+      return;
+    }
+  }
+  const std::optional<RecordField> field = edr::FieldNamed(name);
+  if (!field || (rendering.wanted & SetOf(*field)) == 0) return;
+  fields.Set(*field,
+             *field == RecordField::Name ? NameAt(state) : ValueAt(state, (rendering.decoded & SetOf(*field)) != 0));
+}
+
+void ReadFields(auparse_state_t* state, const Rendering& rendering, Record& record) {
+  record.type = rendering.type;
+  record.fields.Clear();
+  // An earlier walk leaves the cursor where it stopped: moving to a record does not bring it back.
+  if (auparse_first_field(state) < 1) return;
+  do {
+    const char* name = auparse_get_field_name(state);
+    if (name == nullptr || *name == '\0') continue;
+    ReadField(state, rendering, name, record.fields);
+  } while (!IsComplete(rendering, record.fields.Present()) && auparse_next_field(state) > 0);
 }
 
 }  // namespace
 
 AuparseRecordSource::AuparseRecordSource(auparse_state_t* state) : state_(state) {
   if (state_ == nullptr) throw std::runtime_error("auparse state is NULL");
+}
+
+void AuparseRecordSource::Begin() {
   records_total_ = auparse_get_num_records(state_);
   if (records_total_ == 0) throw std::runtime_error("auparse state is invalid or has no records");
+  if (auparse_first_record(state_) < 1) throw std::runtime_error("Failed to parse first record");
+  cursor_ = 0;
+  next_ = 0;
+  call_at_.reset();
+  first_type_ = auparse_get_type(state_);
+  id_ = static_cast<std::uint32_t>(auparse_get_serial(state_));
+  const au_event_t* stamp = auparse_get_timestamp(state_);
+  timestamp_ = (stamp != nullptr ? static_cast<std::int64_t>(stamp->sec) : 0) * kNanosecondsPerSecond;
 }
 
-bool AuparseRecordSource::Next(Record& record) {
-  record.fields.clear();
-  while (records_read_ < records_total_ && record.fields.empty()) {
-    MoveToNextRecord();
-    record.type = auparse_get_type(state_);
-    const Rendering* rendering = FindRendering(record.type);
-    if (rendering != nullptr) ReadFields(rendering->interpreted, record);
+const Record* AuparseRecordSource::FindCall() {
+  for (unsigned at = 0; at < records_total_; ++at) {
+    MoveTo(at);
+    if (auparse_get_type(state_) != record_type::kSyscall) continue;
+    ReadFields(state_, kRenderings.front(), call_);
+    call_at_ = at;
+    return &call_;
   }
-  return !record.fields.empty();
+  return nullptr;
 }
 
-void AuparseRecordSource::MoveToNextRecord() {
-  if (records_read_ == 0) {
+const Record* AuparseRecordSource::Next(RecordKinds wanted) {
+  if (next_ == 0) {
+    ZLOG_DEBUG("Parsing event with ID: " << id_ << " Timestamp: " << timestamp_ / kNanosecondsPerSecond);
+  }
+  while (next_ < records_total_) {
+    const unsigned at = next_++;
+    if (call_at_ == at) {
+      if ((wanted & KindOf(record_type::kSyscall)) != 0 && !call_.fields.IsEmpty()) return &call_;
+      continue;
+    }
+    MoveTo(at);
+    const int type = auparse_get_type(state_);
+    if ((wanted & KindOf(type)) == 0) continue;
+    ReadFields(state_, *FindRendering(type), record_);
+    if (!record_.fields.IsEmpty()) return &record_;
+  }
+  return nullptr;
+}
+
+void AuparseRecordSource::MoveTo(unsigned record) {
+  if (record < cursor_) {
     if (auparse_first_record(state_) < 1) throw std::runtime_error("Failed to parse first record");
-    id_ = static_cast<std::uint32_t>(auparse_get_serial(state_));
-    const au_event_t* stamp = auparse_get_timestamp(state_);
-    const std::int64_t seconds = stamp != nullptr ? stamp->sec : 0;
-    timestamp_ = seconds * kNanosecondsPerSecond;
-    ZLOG_DEBUG("Parsing event with ID: " << id_ << " Timestamp: " << seconds);
-  } else if (auparse_next_record(state_) < 1) {
-    throw std::runtime_error("Failed to parse record number " + std::to_string(records_read_ + 1));
+    cursor_ = 0;
   }
-  ++records_read_;
-}
-
-void AuparseRecordSource::ReadFields(bool interpreted, Record& record) {
-  // An earlier walk leaves the cursor where it stopped: moving to a record does not bring it back.
-  if (auparse_first_field(state_) < 1) return;
-  do {
-    const char* name = auparse_get_field_name(state_);
-    if (name == nullptr || *name == '\0') continue;
-    const char* value = interpreted || IsName(name) ? auparse_interpret_field(state_) : auparse_get_field_str(state_);
-    record.fields[name] = value != nullptr ? value : "";
-  } while (auparse_next_field(state_) > 0);
+  for (; cursor_ < record; ++cursor_) {
+    if (auparse_next_record(state_) < 1) {
+      throw std::runtime_error("Failed to parse record number " + std::to_string(cursor_ + 2));
+    }
+  }
 }
 
 }  // namespace zagent::audit::internal

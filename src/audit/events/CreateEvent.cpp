@@ -16,14 +16,8 @@ constexpr std::uint32_t kOpen = 2;
 
 }  // namespace
 
-CreateEvent::CreateEvent(auparse_state_t* state, std::shared_ptr<edr::LibMagicWrapper> lib_magic)
-    : FileEvent(std::move(lib_magic)) {
-  Feed(state);
-}
-
-CreateEvent::CreateEvent(RecordSource& source, std::shared_ptr<edr::LibMagicWrapper> lib_magic)
-    : FileEvent(std::move(lib_magic)) {
-  Feed(source);
+CreateEvent::CreateEvent(RecordSource& source, Context context) : FileEvent(std::move(context)) {
+  Feed(source, kRecords);
 }
 
 std::unique_ptr<edr::Event> CreateEvent::Clone() const {
@@ -32,7 +26,7 @@ std::unique_ptr<edr::Event> CreateEvent::Clone() const {
 
 void CreateEvent::Validate() {
   FileEvent::Validate();
-  if (!TypeWord().empty() && TypeWord() != "CREATE") {
+  if (ObjectWord() != TypeWord::None && ObjectWord() != TypeWord::Create) {
     throw edr::EventException("Missing create PATH record for Create event");
   }
   const std::uint32_t syscall = Syscall();

@@ -7,9 +7,8 @@ namespace zagent::audit::internal {
 // A file, folder, link or node was made (mkdir, link, symlink, mknod, creat).
 class CreateEvent final : public FileEvent {
  public:
-  // The complete event at the cursor of the state. Throws when the event cannot be built.
-  CreateEvent(auparse_state_t* state, std::shared_ptr<edr::LibMagicWrapper> lib_magic);
-  CreateEvent(RecordSource& source, std::shared_ptr<edr::LibMagicWrapper> lib_magic);
+  // The event that the source stands at. Throws when the event cannot be built.
+  CreateEvent(RecordSource& source, Context context);
   CreateEvent& operator=(const CreateEvent&) = delete;
   ~CreateEvent() override = default;
 

@@ -14,19 +14,12 @@ constexpr SyscallSet<6> kDeleting = {84, 87, 263, 82, 264, 316};
 
 }  // namespace
 
-DeleteEvent::DeleteEvent(auparse_state_t* state, std::shared_ptr<edr::LibMagicWrapper> lib_magic)
-    : FileEvent(std::move(lib_magic)) {
-  Feed(state);
+DeleteEvent::DeleteEvent(RecordSource& source, Context context) : FileEvent(std::move(context)) {
+  Feed(source, kRecords);
 }
 
-DeleteEvent::DeleteEvent(RecordSource& source, std::shared_ptr<edr::LibMagicWrapper> lib_magic)
-    : FileEvent(std::move(lib_magic)) {
-  Feed(source);
-}
-
-DeleteEvent::DeleteEvent(std::shared_ptr<edr::LibMagicWrapper> lib_magic, PathRecord object, PathRecord parent,
-                         const RenameEvent& rename)
-    : FileEvent(std::move(lib_magic), std::move(object), std::move(parent), rename) {
+DeleteEvent::DeleteEvent(PathRecord object, PathRecord parent, const RenameEvent& rename)
+    : FileEvent(std::move(object), std::move(parent), rename) {
   Validate();
 }
 
@@ -41,7 +34,7 @@ void DeleteEvent::Refresh() {
 void DeleteEvent::Validate() {
   FileEvent::Validate();
   if (!Contains(kDeleting, Syscall())) throw edr::EventException("Invalid syscall for delete event");
-  if (!TypeWord().empty() && TypeWord() != "DELETE") {
+  if (ObjectWord() != TypeWord::None && ObjectWord() != TypeWord::Delete) {
     throw edr::EventException("Missing delete PATH record for Delete event");
   }
 }

@@ -9,12 +9,10 @@ class RenameEvent;
 // A file or folder was removed, or replaced by a rename. Never looks at the disk.
 class DeleteEvent final : public FileEvent {
  public:
-  // The complete event at the cursor of the state. Throws when the event cannot be built.
-  DeleteEvent(auparse_state_t* state, std::shared_ptr<edr::LibMagicWrapper> lib_magic);
-  DeleteEvent(RecordSource& source, std::shared_ptr<edr::LibMagicWrapper> lib_magic);
+  // The event that the source stands at. Throws when the event cannot be built.
+  DeleteEvent(RecordSource& source, Context context);
   // The file that `rename` replaced. Validated at once.
-  DeleteEvent(std::shared_ptr<edr::LibMagicWrapper> lib_magic, PathRecord object, PathRecord parent,
-              const RenameEvent& rename);
+  DeleteEvent(PathRecord object, PathRecord parent, const RenameEvent& rename);
   DeleteEvent& operator=(const DeleteEvent&) = delete;
   ~DeleteEvent() override = default;
 

@@ -17,8 +17,8 @@ struct Free {
   void operator()(char* text) const { std::free(text); }  // NOLINT: canonicalize_file_name allocates with malloc
 };
 
-bool IsChangeWord(const std::string& word) {
-  return word == "CREATE" || word == "DELETE";
+bool IsChangeWord(TypeWord word) {
+  return word == TypeWord::Create || word == TypeWord::Delete;
 }
 
 // What a PATH record without a type word is, by its place among the records that the kernel announced.
@@ -43,31 +43,49 @@ Role RoleOf(std::uint64_t items, std::uint64_t item) {
 
 }  // namespace
 
-FileEvent::FileEvent(std::shared_ptr<edr::LibMagicWrapper> lib_magic, PathRecord object, PathRecord parent,
-                     const FileEvent& rename)
+FileEvent::State::State(const struct stat& result)
+    : mode(result.st_mode),
+      uid(result.st_uid),
+      gid(result.st_gid),
+      size(result.st_size),
+      access_time(result.st_atime),
+      modification_time(result.st_mtime),
+      change_time(result.st_ctime) {}
+
+FileEvent::FileEvent(PathRecord object, PathRecord parent, const FileEvent& rename)
     : SyscallEvent(rename),
-      object_record_(std::move(object)),
-      parent_record_(std::move(parent)),
-      lib_magic_(std::move(lib_magic)),
+      context_(rename.context_),
       cwd_(rename.cwd_),
-      process_title_(rename.process_title_) {}
+      process_title_(rename.process_title_),
+      records_(std::make_unique<Records>(Records{std::move(object), std::move(parent)})) {}
+
+FileEvent::FileEvent(const FileEvent& other)
+    : SyscallEvent(other),
+      file_(other.file_),
+      state_(other.state_),
+      is_symlink_(other.is_symlink_),
+      object_type_(other.object_type_),
+      parent_device_(other.parent_device_),
+      parent_inode_(other.parent_inode_),
+      context_(other.context_),
+      has_cwd_(other.has_cwd_),
+      cwd_(other.cwd_),
+      process_title_(other.process_title_),
+      object_word_(other.object_word_),
+      on_demand_(other.on_demand_) {}
 
 void FileEvent::ParseRecord(int type, const edr::RecordFields& fields) {
-  const auto text = [&fields](const char* name) {
-    const auto field = fields.find(name);
-    return field != fields.end() ? field->second : std::string();
-  };
   if (type == record_type::kPath) {
     ParsePath(fields);
   } else if (type == record_type::kProctitle) {
-    process_title_ = text("proctitle");
+    process_title_ = fields.Find(edr::RecordField::Proctitle);
   } else if (type == record_type::kCwd) {
     if (has_cwd_) {
       throw edr::EventException("Multiple CWD records found in " + GetAction() + " event with ID " +
                                 std::to_string(GetId()));
     }
     has_cwd_ = true;
-    cwd_ = text("cwd");
+    cwd_ = fields.Find(edr::RecordField::Cwd);
   } else {
     SyscallEvent::ParseRecord(type, fields);
   }
@@ -75,8 +93,9 @@ void FileEvent::ParseRecord(int type, const edr::RecordFields& fields) {
 
 std::optional<PathRecord> FileEvent::BuildPath(const edr::RecordFields& fields,
                                                const std::optional<PathRecord>& parent) const {
+  static const std::string kNoParent;
   try {
-    return PathRecord(fields, cwd_, parent ? parent->path : std::string());
+    return PathRecord(fields, cwd_, parent ? parent->path : kNoParent);
   } catch (const edr::EventException& error) {
     // Not every record is needed: if this one was, the event fails for its lack.
     ZLOG_TRACE(error.what());
@@ -92,45 +111,46 @@ void FileEvent::HoldOrCombine(std::optional<PathRecord>& slot, PathRecord record
   }
 }
 
-std::string FileEvent::ParsePath(const edr::RecordFields& fields) {
-  std::optional<PathRecord> record = BuildPath(fields, parent_record_);
-  if (!record) return {};
-  std::string word = record->type_word;
-  if (word.empty()) {
+TypeWord FileEvent::ParsePath(const edr::RecordFields& fields) {
+  std::optional<PathRecord> record = BuildPath(fields, records_->parent);
+  if (!record) return TypeWord::None;
+  const TypeWord word = record->type_word;
+  if (word == TypeWord::None) {
     ParseItemPath(std::move(*record));
-  } else if (word == "PARENT") {
-    HoldOrCombine(parent_record_, std::move(*record));
-  } else if (IsChangeWord(word) || word == "NORMAL") {
+  } else if (word == TypeWord::Parent) {
+    HoldOrCombine(records_->parent, std::move(*record));
+  } else if (word != TypeWord::Unknown) {
     MergeObject(std::move(*record));
   } else {
-    ZLOG_TRACE("Unsupported PATH record in Create event of type: " << word);
+    ZLOG_TRACE("Unsupported PATH record in Create event of type: " << TypeWordTextOf(fields));
   }
   return word;
 }
 
 void FileEvent::MergeObject(PathRecord record) {
+  std::optional<PathRecord>& held = records_->object;
   // A call that goes through a symbolic link names the link first.
-  if (!object_record_ || object_record_->is_symlink) {
-    object_record_ = std::move(record);
+  if (!held || held->is_symlink) {
+    held = std::move(record);
     return;
   }
-  if (object_record_->type_word == record.type_word) {
-    object_record_->Combine(record);
+  if (held->type_word == record.type_word) {
+    held->Combine(record);
     return;
   }
-  const bool held_is_change = IsChangeWord(object_record_->type_word);
+  const bool held_is_change = IsChangeWord(held->type_word);
   if (!held_is_change && !IsChangeWord(record.type_word)) {
     throw edr::EventException("Cannot combine records of different objtype");
   }
-  if (!held_is_change) std::swap(*object_record_, record);
-  if (object_record_->IsSameObject(record)) object_record_->Combine(record);
+  if (!held_is_change) std::swap(*held, record);
+  if (held->IsSameObject(record)) held->Combine(record);
 }
 
 void FileEvent::ParseItemPath(PathRecord record) {
   Role role = RoleOf(AnnouncedItems(), record.item);
   if (role == Role::Ignored) return;
-  if (role == Role::InOrder) role = parent_record_ ? Role::Object : Role::Parent;
-  std::optional<PathRecord>& slot = role == Role::Parent ? parent_record_ : object_record_;
+  if (role == Role::InOrder) role = records_->parent ? Role::Object : Role::Parent;
+  std::optional<PathRecord>& slot = role == Role::Parent ? records_->parent : records_->object;
   if (role == Role::None || slot) {
     throw edr::EventException("Too many PATH records in " + GetAction() + " event");
   }
@@ -139,26 +159,28 @@ void FileEvent::ParseItemPath(PathRecord record) {
 
 void FileEvent::Validate() {
   SyscallEvent::Validate();
-  if (!object_record_) throw edr::EventException("Missing/incorrect PATH records in file event");
+  if (!records_->object) throw edr::EventException("Missing/incorrect PATH records in file event");
   SettleRecords();
   ResolveFile();
-  object_type_ = object_record_->is_file ? edr::ObjectType::File : edr::ObjectType::Directory;
-  is_symlink_ = object_record_->is_symlink;
-  type_word_ = std::move(object_record_->type_word);
-  object_record_.reset();
-  parent_record_.reset();
+  const PathRecord& object = *records_->object;
+  object_type_ = object.is_file ? edr::ObjectType::File : edr::ObjectType::Directory;
+  is_symlink_ = object.is_symlink;
+  object_word_ = object.type_word;
+  records_.reset();
 }
 
 void FileEvent::ResolveFile() {
   const NameStart start = StartOf(DirectoryArgumentOf(Syscall()));
-  if (parent_record_) {
-    const std::string folder = start.FolderOf(*parent_record_, *object_record_);
-    file_ = ImageOf(*object_record_, start.ResolveIn(folder, *parent_record_, *object_record_));
-    parent_device_ = parent_record_->device;
-    parent_inode_ = parent_record_->inode;
+  const PathRecord& object = *records_->object;
+  if (records_->parent) {
+    const PathRecord& record = *records_->parent;
+    const std::string folder = start.FolderOf(record, object);
+    file_ = ImageOf(object, start.ResolveIn(folder, record, object));
+    parent_device_ = record.device;
+    parent_inode_ = record.inode;
     return;
   }
-  file_ = ImageOf(*object_record_, start.ResolveAlone(*object_record_));
+  file_ = ImageOf(object, start.ResolveAlone(object));
   struct stat parent {};
   if (stat(FolderPart(file_->GetPath()).c_str(), &parent) != 0) {
     throw edr::EventException("Failed to get parent inode/deviceid for " + GetAction() + " event");
@@ -223,7 +245,7 @@ void FileEvent::Stat(bool follow) {
     }
   }
   if (!IsFile(*result)) throw edr::EventException(DiffersText());
-  stat_ = result;
+  state_.emplace(*result);
 }
 
 }  // namespace zagent::audit::internal

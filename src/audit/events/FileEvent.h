@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "src/audit/events/FileContext.h"
 #include "src/audit/events/NameStart.h"
 #include "src/audit/events/PathRecord.h"
 #include "src/audit/events/SyscallEvent.h"
-#include "src/edr/LibMagicWrapper.h"
 #include "src/edr/process/ImageInfo.h"
 
 namespace zagent::audit::internal {
@@ -22,6 +22,8 @@ namespace zagent::audit::internal {
 // error: sizes answer -1, times the event's time, digests and content stay empty.
 class FileEvent : public SyscallEvent {
  public:
+  using Context = std::shared_ptr<const FileContext>;  // null: as an empty one
+
   FileEvent& operator=(const FileEvent&) = delete;
   ~FileEvent() override = default;
 
@@ -50,14 +52,36 @@ class FileEvent : public SyscallEvent {
   void Validate() override;
 
  protected:
-  explicit FileEvent(std::shared_ptr<edr::LibMagicWrapper> lib_magic) : lib_magic_(std::move(lib_magic)) {}
+  // The records that file events read.
+  static constexpr RecordKinds kRecords =
+      KindsOf(record_type::kSyscall, record_type::kPath, record_type::kCwd, record_type::kProctitle);
+
+  // What is needed of the file's stat.
+  struct State {
+    explicit State(const struct stat& result);
+    std::uint32_t mode;
+    std::uint32_t uid;
+    std::uint32_t gid;
+    std::int64_t size;               // bytes
+    std::int64_t access_time;        // seconds
+    std::int64_t modification_time;  // seconds
+    std::int64_t change_time;        // seconds
+  };
+
+  // The PATH records, until Validate.
+  struct Records {
+    std::optional<PathRecord> object;
+    std::optional<PathRecord> parent;
+  };
+
+  explicit FileEvent(Context context) : context_(std::move(context)), records_(std::make_unique<Records>()) {}
   // For the delete that a rename over an existing file implies: the rename's actor and folder, but another object.
-  FileEvent(std::shared_ptr<edr::LibMagicWrapper> lib_magic, PathRecord object, PathRecord parent,
-            const FileEvent& rename);
-  FileEvent(const FileEvent&) = default;
+  FileEvent(PathRecord object, PathRecord parent, const FileEvent& rename);
+  // Copies of a validated event only.
+  FileEvent(const FileEvent& other);
 
   // Takes over one PATH record by its type word or, on old kernels, by its item number. Answers the type word.
-  std::string ParsePath(const edr::RecordFields& fields);
+  TypeWord ParsePath(const edr::RecordFields& fields);
   // Nothing, with a trace line, for a record that describes no file object.
   [[nodiscard]] std::optional<PathRecord> BuildPath(const edr::RecordFields& fields,
                                                     const std::optional<PathRecord>& parent) const;
@@ -79,15 +103,13 @@ class FileEvent : public SyscallEvent {
   // Throws edr::EventException when it is another one.
   void Stat(bool follow);
 
-  // Which PATH record described the object: "CREATE", "DELETE", "NORMAL" or empty.
-  [[nodiscard]] const std::string& TypeWord() const { return type_word_; }
+  // Which PATH record described the object: Create, Delete, Normal or None.
+  [[nodiscard]] TypeWord ObjectWord() const { return object_word_; }
   [[nodiscard]] const std::string& WorkingDirectory() const { return cwd_; }
-  [[nodiscard]] const std::shared_ptr<edr::LibMagicWrapper>& LibMagic() const { return lib_magic_; }
+  [[nodiscard]] Records& PathRecords() { return *records_; }
 
-  std::optional<PathRecord> object_record_;  // until Validate
-  std::optional<PathRecord> parent_record_;  // until Validate
-  std::optional<common::ImageInfo> file_;    // where the object is on disk now
-  std::optional<struct stat> stat_;          // of file_; nothing when it could not be confirmed
+  std::optional<common::ImageInfo> file_;  // where the object is on disk now
+  std::optional<State> state_;             // of file_; nothing when it could not be confirmed
   bool is_symlink_ = false;
   edr::ObjectType object_type_ = edr::ObjectType::File;
   std::string parent_device_;
@@ -97,21 +119,27 @@ class FileEvent : public SyscallEvent {
   struct Digests {
     std::vector<unsigned char> md5, sha1, sha256;
   };
+  // What is read of the file when somebody asks for it.
+  struct OnDemand {
+    std::string type_description;
+    bool digests_tried = false;
+    Digests digests;
+    std::vector<unsigned char> content;
+  };
+
   void ParseItemPath(PathRecord record);
   void MergeObject(PathRecord record);
   void ResolveFile();
-  void GenerateDigests() const;
+  [[nodiscard]] Digests GenerateDigests() const;
   [[nodiscard]] std::string DiffersText() const;
 
-  std::shared_ptr<edr::LibMagicWrapper> lib_magic_;
+  Context context_;
   bool has_cwd_ = false;
   std::string cwd_;
   std::string process_title_;
-  std::string type_word_;
-  mutable std::string type_description_;  // on demand
-  mutable bool digests_tried_ = false;
-  mutable Digests digests_;                     // on demand
-  mutable std::vector<unsigned char> content_;  // on demand
+  TypeWord object_word_ = TypeWord::None;
+  std::unique_ptr<Records> records_;
+  mutable common::util::DeepPtr<OnDemand> on_demand_;
 };
 
 }  // namespace zagent::audit::internal

@@ -31,36 +31,36 @@ std::vector<unsigned char> DigestOrNothing(const HashGenerator& generator,
 }  // namespace
 
 edr::ObjectType FileEvent::GetObjectType() const {
-  if (!stat_) return object_type_;
-  return S_ISDIR(stat_->st_mode) ? edr::ObjectType::Directory : edr::ObjectType::File;
+  if (!state_) return object_type_;
+  return S_ISDIR(state_->mode) ? edr::ObjectType::Directory : edr::ObjectType::File;
 }
 
 bool FileEvent::IsSymlink() const {
-  return stat_ ? S_ISLNK(stat_->st_mode) : is_symlink_;
+  return state_ ? S_ISLNK(state_->mode) : is_symlink_;
 }
 
 std::int64_t FileEvent::GetFileSize() const {
-  return stat_ ? stat_->st_size : -1;
+  return state_ ? state_->size : -1;
 }
 
 std::int64_t FileEvent::GetFileAccessTime() const {
-  return stat_ ? stat_->st_atime * kNanosecondsPerSecond : GetTimestamp();
+  return state_ ? state_->access_time * kNanosecondsPerSecond : GetTimestamp();
 }
 
 std::int64_t FileEvent::GetFileModificationTime() const {
-  return stat_ ? stat_->st_mtime * kNanosecondsPerSecond : GetTimestamp();
+  return state_ ? state_->modification_time * kNanosecondsPerSecond : GetTimestamp();
 }
 
 std::int64_t FileEvent::GetFileChangeTime() const {
-  return stat_ ? stat_->st_ctime * kNanosecondsPerSecond : GetTimestamp();
+  return state_ ? state_->change_time * kNanosecondsPerSecond : GetTimestamp();
 }
 
 edr::FileType FileEvent::GetFileType() const {
-  if (!stat_) {
+  if (!state_) {
     ZLOG_TRACE("File stat information is not available");
     return edr::FileType::Unknown;
   }
-  switch (stat_->st_mode & S_IFMT) {
+  switch (state_->mode & S_IFMT) {
     case S_IFREG:
       return edr::FileType::Regular;
     case S_IFDIR:
@@ -73,14 +73,16 @@ edr::FileType FileEvent::GetFileType() const {
 }
 
 const std::string& FileEvent::GetFileTypeDesc() const {
-  if (!type_description_.empty()) return type_description_;
-  std::optional<std::string> description = lib_magic_ ? lib_magic_->Identify(file_->GetPath()) : std::nullopt;
-  if (description) {
-    type_description_ = std::move(*description);
+  std::string& description = on_demand_.Get().type_description;
+  if (!description.empty()) return description;
+  std::optional<std::string> identified;
+  if (context_ && context_->lib_magic) identified = context_->lib_magic->Identify(file_->GetPath());
+  if (identified) {
+    description = std::move(*identified);
   } else {
     ZLOG_DEBUG("Failed to find type description for " << file_->GetPath());
   }
-  return type_description_;
+  return description;
 }
 
 const std::vector<unsigned char>& FileEvent::GetFileContentHash(edr::ContentHash kind) const {
@@ -93,60 +95,61 @@ const std::vector<unsigned char>& FileEvent::GetFileContentHash(edr::ContentHash
   if (index >= std::size(kDigests)) {
     throw edr::EventException("Unsupported type of content hash requested: " + std::to_string(index));
   }
-  if (!std::exchange(digests_tried_, true)) GenerateDigests();
-  const std::vector<unsigned char>& digest = digests_.*kDigests[index].bytes;
+  OnDemand& known = on_demand_.Get();
+  if (!std::exchange(known.digests_tried, true)) known.digests = GenerateDigests();
+  const std::vector<unsigned char>& digest = known.digests.*kDigests[index].bytes;
   if (digest.empty()) ZLOG_DEBUG("Failed to generate " << kDigests[index].name << " for " << file_->GetPath());
   return digest;
 }
 
-void FileEvent::GenerateDigests() const {
+FileEvent::Digests FileEvent::GenerateDigests() const {
+  Digests digests;
   try {
     const HashGenerator generator(file_->GetPath(), file_->GetDevice(), file_->GetInode(), common::util::HashKind::All);
-    digests_.md5 = DigestOrNothing(generator, &HashGenerator::GetMd5);
-    digests_.sha1 = DigestOrNothing(generator, &HashGenerator::GetSha1);
-    digests_.sha256 = DigestOrNothing(generator, &HashGenerator::GetSha256);
+    digests.md5 = DigestOrNothing(generator, &HashGenerator::GetMd5);
+    digests.sha1 = DigestOrNothing(generator, &HashGenerator::GetSha1);
+    digests.sha256 = DigestOrNothing(generator, &HashGenerator::GetSha256);
   } catch (const common::util::HashGeneratorException& error) {
     ZLOG_DEBUG(error.what());
   }
+  return digests;
 }
 
 const std::vector<unsigned char>& FileEvent::GetFileContent() const {
-  if (!content_.empty()) return content_;
+  std::vector<unsigned char>& content = on_demand_.Get().content;
+  if (!content.empty()) return content;
   const std::string& path = file_->GetPath();
   // The file is held against the event before a byte of it is read; a FIFO in its place must not block.
   const common::util::UniqueFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   struct stat opened {};
   if (!fd || fstat(fd.Get(), &opened) != 0) {
     ZLOG_DEBUG("Failed to read contents of file " << path);
-    return content_;
+    return content;
   }
   if (!IsFile(opened)) {
     ZLOG_DEBUG("The file at " << path << " has been replaced");
-    return content_;
+    return content;
   }
   if (!S_ISREG(opened.st_mode)) {
     ZLOG_DEBUG("Failed to read contents of file " << path << ": no regular file");
-    return content_;
+    return content;
   }
   const auto result = common::ReadFileDescriptor(path, opened, fd.Get(), static_cast<std::size_t>(opened.st_size));
   if (result->code != common::StorageCode::Success) {
     ZLOG_DEBUG("Failed to read contents of file " << path);
-    return content_;
+    return content;
   }
-  content_ = std::move(result->data);
+  content = std::move(result->data);
   ZLOG_DEBUG("Reading file content from " << path << " (stat: " << opened.st_size
-                                          << " bytes. Content: " << content_.size() << " bytes)");
-  return content_;
+                                          << " bytes. Content: " << content.size() << " bytes)");
+  return content;
 }
 
 void FileEvent::Refresh() {
   const std::unique_ptr<struct stat> result = common::StatImage(*file_);
   if (!result) throw edr::EventException(DiffersText());
-  stat_ = *result;
-  type_description_.clear();
-  digests_tried_ = false;
-  digests_ = {};
-  content_.clear();
+  state_.emplace(*result);
+  on_demand_.Reset();
 }
 
 }  // namespace zagent::audit::internal

@@ -2,29 +2,41 @@
 
 #include <sys/stat.h>
 
+#include <array>
 #include <charconv>
-#include <cstdlib>
+#include <string_view>
 
 #include "src/audit/events/PathResolution.h"
+#include "src/edr/Event.h"
 #include "src/edr/process/ImageInfo.h"
 
 namespace zagent::audit::internal {
 namespace {
 
+using edr::RecordField;
+
 // 0 for what is no number: nothing on disk will match it.
 template <typename Number>
-Number ToNumber(const std::string& text) {
+Number ToNumber(std::string_view text, int base = 10) {
   Number number = 0;
-  std::from_chars(text.data(), text.data() + text.size(), number);
+  std::from_chars(text.data(), text.data() + text.size(), number, base);
   return number;
 }
 
-std::string TypeWordOf(const edr::RecordFields& fields) {
-  for (const char* name : {"objtype", "nametype"}) {
-    const auto word = fields.find(name);
-    if (word != fields.end()) return word->second;
+struct Word {
+  std::string_view text;
+  TypeWord word;
+};
+constexpr std::array kWords = {Word{"PARENT", TypeWord::Parent}, Word{"CREATE", TypeWord::Create},
+                               Word{"DELETE", TypeWord::Delete}, Word{"NORMAL", TypeWord::Normal}};
+
+TypeWord TypeWordOf(const edr::RecordFields& fields) {
+  const std::string_view text = TypeWordTextOf(fields);
+  if (text.empty()) return TypeWord::None;
+  for (const Word& known : kWords) {
+    if (known.text == text) return known.word;
   }
-  return {};
+  return TypeWord::Unknown;
 }
 
 // Where to look for an object that the record does not name.
@@ -36,27 +48,39 @@ std::string FindUnnamed(std::uint64_t inode, const std::string& hint, const std:
 
 }  // namespace
 
+std::string_view TypeWordTextOf(const edr::RecordFields& fields) {
+  return fields.Find(fields.Has(RecordField::ObjType) ? RecordField::ObjType : RecordField::NameType);
+}
+
+const char* TextOf(TypeWord word) {
+  for (const Word& known : kWords) {
+    if (known.word == word) return known.text.data();
+  }
+  return "";
+}
+
 PathRecord::PathRecord(const edr::RecordFields& fields, const std::string& cwd, const std::string& parent_path) {
-  const auto inode_text = fields.find("inode");
-  if (inode_text == fields.end()) {
+  if (!fields.Has(RecordField::Inode)) {
     throw edr::EventException("Cannot create PathRecord without inode information");
   }
-  inode = ToNumber<std::uint64_t>(inode_text->second);
-  if (const auto dev = fields.find("dev"); dev != fields.end()) device = dev->second;
-  item = ToNumber<std::uint64_t>(fields.at("item"));
+  inode = ToNumber<std::uint64_t>(fields.Find(RecordField::Inode));
+  device = fields.Find(RecordField::Dev);
+  item = ToNumber<std::uint64_t>(fields.At(RecordField::Item));
   type_word = TypeWordOf(fields);
 
-  path = fields.at("name");
+  path = fields.At(RecordField::Name);
   if (path == "/proc/self") throw edr::EventException("Got proc/self in path record");
-  if (path.empty() || path == "(null)") path = FindUnnamed(inode, type_word == "PARENT" ? "" : parent_path, cwd);
+  if (path.empty()) path = FindUnnamed(inode, type_word == TypeWord::Parent ? "" : parent_path, cwd);
 
-  const std::string& mode_text = fields.at("mode");
-  const auto mode = static_cast<std::uint32_t>(std::strtoull(mode_text.c_str(), nullptr, 8));
+  const std::string_view mode_text = fields.At(RecordField::Mode);
+  const auto mode = ToNumber<std::uint32_t>(mode_text, 8);
   is_symlink = S_ISLNK(mode);
   is_file = S_ISREG(mode) || is_symlink;
-  if (!is_file && !S_ISDIR(mode)) throw edr::EventException("Unknown mode " + mode_text + " in PATH record");
-  group_id = ToNumber<std::uint32_t>(fields.at("ogid"));
-  owner_id = ToNumber<std::uint32_t>(fields.at("ouid"));
+  if (!is_file && !S_ISDIR(mode)) {
+    throw edr::EventException("Unknown mode " + std::string(mode_text) + " in PATH record");
+  }
+  group_id = ToNumber<std::uint32_t>(fields.At(RecordField::OGid));
+  owner_id = ToNumber<std::uint32_t>(fields.At(RecordField::OUid));
   permission = common::PermissionOf(mode);
 }
 

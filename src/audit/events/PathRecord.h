@@ -2,16 +2,26 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
-#include "src/edr/Event.h"
+#include "src/edr/RecordFields.h"
 
 namespace zagent::audit::internal {
 
+// What a PATH record calls its object. Records of old kernels have no such word.
+enum class TypeWord : std::uint8_t { None, Parent, Create, Delete, Normal, Unknown };
+
+// As the kernel writes it; empty for None and Unknown.
+[[nodiscard]] const char* TextOf(TypeWord word);
+
+// The word of a record as it stands there, whatever it is.
+[[nodiscard]] std::string_view TypeWordTextOf(const edr::RecordFields& fields);
+
 // What one PATH record says of a file object.
 struct PathRecord {
-  // A record without a name is looked for by its inode, in the folder of `parent_path` (the PARENT record seen so far,
-  // or empty) or in `cwd`. Throws edr::EventException for a record that describes no file or folder, std::out_of_range
-  // for a missing field.
+  // A record without a name (an empty one) is looked for by its inode, in the folder of `parent_path` (the PARENT
+  // record seen so far, or empty) or in `cwd`. Throws edr::EventException for a record that describes no file or
+  // folder, std::out_of_range for a missing field.
   PathRecord(const edr::RecordFields& fields, const std::string& cwd, const std::string& parent_path);
 
   // Takes what a second record of the same object adds: the path, if this one has none. Throws edr::EventException
@@ -28,7 +38,7 @@ struct PathRecord {
   std::uint32_t owner_id = 0;
   std::string path;  // as the call gave it: may be relative, or "inode:<number>" when it could not be found
   std::uint32_t permission = 0;
-  std::string type_word;  // "PARENT", "CREATE", "DELETE", "NORMAL"; empty in records of old kernels
+  TypeWord type_word = TypeWord::None;
 };
 
 }  // namespace zagent::audit::internal

@@ -16,14 +16,8 @@ constexpr std::uint32_t kOpen = 2;
 
 }  // namespace
 
-ReadWriteEvent::ReadWriteEvent(auparse_state_t* state, std::shared_ptr<edr::LibMagicWrapper> lib_magic)
-    : FileEvent(std::move(lib_magic)) {
-  Feed(state);
-}
-
-ReadWriteEvent::ReadWriteEvent(RecordSource& source, std::shared_ptr<edr::LibMagicWrapper> lib_magic)
-    : FileEvent(std::move(lib_magic)) {
-  Feed(source);
+ReadWriteEvent::ReadWriteEvent(RecordSource& source, Context context) : FileEvent(std::move(context)) {
+  Feed(source, kRecords);
 }
 
 std::unique_ptr<edr::Event> ReadWriteEvent::Clone() const {
@@ -43,9 +37,9 @@ std::string ReadWriteEvent::GetAction() const {
 
 void ReadWriteEvent::Validate() {
   FileEvent::Validate();
-  const std::string& word = TypeWord();
-  if (!word.empty() && word != "NORMAL" && word != "CREATE") {
-    throw edr::EventException("Invalid type of PATH record for Write event: " + word);
+  const TypeWord word = ObjectWord();
+  if (word != TypeWord::None && word != TypeWord::Normal && word != TypeWord::Create) {
+    throw edr::EventException(std::string("Invalid type of PATH record for Write event: ") + TextOf(word));
   }
   const std::uint32_t syscall = Syscall();
   bool reads = Contains(kReads, syscall);
@@ -56,7 +50,7 @@ void ReadWriteEvent::Validate() {
   } else if (!reads && !Contains(kWrites, syscall)) {
     throw edr::EventException("Invalid syscall for Write event: " + std::to_string(syscall));
   }
-  const edr::EventType changed = word == "CREATE" ? edr::EventType::Create : edr::EventType::Write;
+  const edr::EventType changed = word == TypeWord::Create ? edr::EventType::Create : edr::EventType::Write;
   type_ = reads ? edr::EventType::Read : changed;
   Stat(true);
 }

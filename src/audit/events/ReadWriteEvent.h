@@ -7,9 +7,8 @@ namespace zagent::audit::internal {
 // A file was opened for reading or writing, read or written: Read, Write, or Create when the call made the file.
 class ReadWriteEvent final : public FileEvent {
  public:
-  // The complete event at the cursor of the state. Throws when the event cannot be built.
-  ReadWriteEvent(auparse_state_t* state, std::shared_ptr<edr::LibMagicWrapper> lib_magic);
-  ReadWriteEvent(RecordSource& source, std::shared_ptr<edr::LibMagicWrapper> lib_magic);
+  // The event that the source stands at. Throws when the event cannot be built.
+  ReadWriteEvent(RecordSource& source, Context context);
   ReadWriteEvent& operator=(const ReadWriteEvent&) = delete;
   ~ReadWriteEvent() override = default;
 

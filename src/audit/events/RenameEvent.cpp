@@ -32,18 +32,11 @@ int NamesFolderOf(const std::string& cwd, const PathRecord& parent, const PathRe
 
 }  // namespace
 
-RenameEvent::RenameEvent(auparse_state_t* state, std::shared_ptr<edr::LibMagicWrapper> lib_magic,
-                         std::unique_ptr<DeleteEvent>* replaced)
-    : FileEvent(std::move(lib_magic)) {
-  Feed(state);
+RenameEvent::RenameEvent(RecordSource& source, Context context, std::unique_ptr<DeleteEvent>* replaced)
+    : FileEvent(std::move(context)), destination_(std::make_unique<Destination>()) {
+  Feed(source, kRecords);
   SplitReplaced(replaced);
-}
-
-RenameEvent::RenameEvent(RecordSource& source, std::shared_ptr<edr::LibMagicWrapper> lib_magic,
-                         std::unique_ptr<DeleteEvent>* replaced)
-    : FileEvent(std::move(lib_magic)) {
-  Feed(source);
-  SplitReplaced(replaced);
+  destination_.reset();
 }
 
 std::unique_ptr<edr::Event> RenameEvent::Clone() const {
@@ -68,18 +61,19 @@ void RenameEvent::ParseRecord(int type, const edr::RecordFields& fields) {
     return;
   }
   // Two parents, the source, perhaps a replaced target, the destination.
-  switch (paths_seen_) {
+  unsigned& paths_seen = destination_->paths_seen;
+  switch (paths_seen) {
     case 0:
       ParsePath(fields);
-      paths_seen_ = 1;
+      paths_seen = 1;
       break;
     case 1:
       ParseDestination(fields);
-      paths_seen_ = 2;
+      paths_seen = 2;
       break;
     case 2: {
-      const std::string word = ParsePath(fields);
-      if (word.empty() || word == "DELETE") paths_seen_ = 3;
+      const TypeWord word = ParsePath(fields);
+      if (word == TypeWord::None || word == TypeWord::Delete) paths_seen = 3;
       break;
     }
     default:
@@ -88,35 +82,38 @@ void RenameEvent::ParseRecord(int type, const edr::RecordFields& fields) {
 }
 
 void RenameEvent::ParseDestination(const edr::RecordFields& fields) {
-  std::optional<PathRecord> record = BuildPath(fields, new_parent_record_);
+  std::optional<PathRecord> record = BuildPath(fields, destination_->parent);
   if (!record) return;
-  if (record->type_word.empty()) {
+  if (record->type_word == TypeWord::None) {
     HoldItemDestination(std::move(*record));
+  } else if (std::optional<PathRecord>* slot = destination_->SlotOf(record->type_word)) {
+    HoldOrCombine(*slot, std::move(*record));
   } else {
-    HoldTypedDestination(std::move(*record));
+    ZLOG_TRACE("Unsupported PATH record in Rename event of type: " << TypeWordTextOf(fields));
   }
 }
 
-void RenameEvent::HoldTypedDestination(PathRecord record) {
-  if (record.type_word == "PARENT") {
-    HoldOrCombine(new_parent_record_, std::move(record));
-  } else if (record.type_word == "CREATE") {
-    HoldOrCombine(new_record_, std::move(record));
-  } else if (record.type_word == "DELETE") {
-    HoldOrCombine(replaced_record_, std::move(record));
-  } else {
-    ZLOG_TRACE("Unsupported PATH record in Rename event of type: " << record.type_word);
+std::optional<PathRecord>* RenameEvent::Destination::SlotOf(TypeWord word) {
+  switch (word) {
+    case TypeWord::Parent:
+      return &parent;
+    case TypeWord::Create:
+      return &object;
+    case TypeWord::Delete:
+      return &replaced;
+    default:
+      return nullptr;
   }
 }
 
 void RenameEvent::HoldItemDestination(PathRecord record) {
   const std::uint64_t items = AnnouncedItems();
   if (record.item == 1) {
-    HoldOrCombine(new_parent_record_, std::move(record));
+    HoldOrCombine(destination_->parent, std::move(record));
   } else if (items == 5 && record.item == 3) {
-    HoldOrCombine(replaced_record_, std::move(record));
+    HoldOrCombine(destination_->replaced, std::move(record));
   } else if (record.item + 1 == items) {
-    HoldOrCombine(new_record_, std::move(record));
+    HoldOrCombine(destination_->object, std::move(record));
   } else {
     throw edr::EventException("Too many PATH records in Rename event");
   }
@@ -124,36 +121,38 @@ void RenameEvent::HoldItemDestination(PathRecord record) {
 
 // The kernel has changed the order of the two PARENT records: their place says less than their names.
 void RenameEvent::SettleRecords() {
-  if (!parent_record_ || !new_parent_record_ || !new_record_) return;
-  if (ParentsAreCrossed()) std::swap(parent_record_, new_parent_record_);
+  if (!PathRecords().parent || !destination_->parent || !destination_->object) return;
+  if (ParentsAreCrossed()) std::swap(PathRecords().parent, destination_->parent);
 }
 
-bool RenameEvent::ParentsAreCrossed() const {
-  const PathRecord& first = *parent_record_;
-  const PathRecord& second = *new_parent_record_;
+bool RenameEvent::ParentsAreCrossed() {
+  const PathRecord& first = *PathRecords().parent;
+  const PathRecord& second = *destination_->parent;
+  const PathRecord& source_object = *PathRecords().object;
+  const PathRecord& new_object = *destination_->object;
   const auto names = [this](const PathRecord& parent, const PathRecord& object) {
     return NamesFolderOf(WorkingDirectory(), parent, object);
   };
-  const int straight = names(first, *object_record_) + names(second, *new_record_);
-  const int crossed = names(first, *new_record_) + names(second, *object_record_);
+  const int straight = names(first, source_object) + names(second, new_object);
+  const int crossed = names(first, new_object) + names(second, source_object);
   if (straight != crossed) return crossed > straight;
   if (first.IsSameObject(second)) return false;
   // Two folders under one name: the call started from descriptors. Ask where they lead.
-  const std::string source = StartOf(DirectoryArgumentOf(Syscall())).FolderNamedBy(*object_record_);
-  const std::string destination = StartOf(NewDirectoryArgumentOf(Syscall())).FolderNamedBy(*new_record_);
+  const std::string source = StartOf(DirectoryArgumentOf(Syscall())).FolderNamedBy(source_object);
+  const std::string destination = StartOf(NewDirectoryArgumentOf(Syscall())).FolderNamedBy(new_object);
   return IsObjectAt(source, second.device, second.inode) || IsObjectAt(destination, first.device, first.inode);
 }
 
 void RenameEvent::Validate() {
   FileEvent::Validate();
-  if (!TypeWord().empty() && TypeWord() != "DELETE") {
+  if (ObjectWord() != TypeWord::None && ObjectWord() != TypeWord::Delete) {
     throw edr::EventException("Missing delete PATH record for Rename event");
   }
-  if (!new_record_ || !new_parent_record_) {
+  if (!destination_->object || !destination_->parent) {
     throw edr::EventException("Missing/incorrect destination PATH records in Rename event");
   }
-  const PathRecord object = *std::exchange(new_record_, std::nullopt);
-  PathRecord parent = *std::exchange(new_parent_record_, std::nullopt);
+  const PathRecord& object = *destination_->object;
+  PathRecord& parent = *destination_->parent;
 
   const NameStart start = StartOf(NewDirectoryArgumentOf(Syscall()));
   const std::string folder = start.FolderOf(parent, object);
@@ -164,22 +163,25 @@ void RenameEvent::Validate() {
     throw edr::EventException("Invalid syscall for Rename event: " + std::to_string(Syscall()));
   }
   // The replaced file is named as the destination is.
-  if (replaced_record_) replaced_record_->path = start.ResolveIn(folder, parent, *replaced_record_);
+  if (std::optional<PathRecord>& replaced = destination_->replaced) {
+    replaced->path = start.ResolveIn(folder, parent, *replaced);
+  }
   parent.path = ResolvePath(WorkingDirectory(), "", folder);
   ConfirmDestination(parent);
-  if (stat_ && object.is_file) static_cast<void>(GetFileType());  // refuses what is no file
+  if (state_ && object.is_file) static_cast<void>(GetFileType());  // refuses what is no file
 
   object_type_ = object.is_file ? edr::ObjectType::File : edr::ObjectType::Directory;
   is_symlink_ = object.is_symlink;
   parent_device_ = parent.device;
   parent_inode_ = parent.inode;
-  if (replaced_record_) replaced_parent_ = std::move(parent);
 }
 
 void RenameEvent::ConfirmDestination(const PathRecord& parent) {
-  stat_ = LstatPath(file_->GetPath());
-  if (stat_ && !IsFile(*stat_)) {
-    throw edr::EventException("File " + file_->GetPath() + " differs from the object of the audit event");
+  if (const auto file = LstatPath(file_->GetPath())) {
+    if (!IsFile(*file)) {
+      throw edr::EventException("File " + file_->GetPath() + " differs from the object of the audit event");
+    }
+    state_.emplace(*file);
   }
   const auto folder = LstatPath(parent.path);
   if (folder && (folder->st_ino != parent.inode || common::util::DeviceText(folder->st_dev) != parent.device)) {
@@ -188,12 +190,11 @@ void RenameEvent::ConfirmDestination(const PathRecord& parent) {
 }
 
 void RenameEvent::SplitReplaced(std::unique_ptr<DeleteEvent>* replaced) {
-  auto object = std::exchange(replaced_record_, std::nullopt);
-  auto parent = std::exchange(replaced_parent_, std::nullopt);
-  if (!object || !parent || replaced == nullptr) return;
-  object->type_word = "DELETE";
+  std::optional<PathRecord>& object = destination_->replaced;
+  if (!object || replaced == nullptr) return;
+  object->type_word = TypeWord::Delete;
   try {
-    *replaced = std::make_unique<DeleteEvent>(LibMagic(), std::move(*object), std::move(*parent), *this);
+    *replaced = std::make_unique<DeleteEvent>(std::move(*object), std::move(*destination_->parent), *this);
   } catch (const std::exception& error) {
     ZLOG_DEBUG("Failed to build the delete of the file that event " << GetId() << " replaced: " << error.what());
   }

@@ -9,12 +9,9 @@ namespace zagent::audit::internal {
 // other question about the file is answered from where it is now.
 class RenameEvent final : public FileEvent {
  public:
-  // The complete event at the cursor of the state. Throws when the event cannot be built. When the rename replaced an
+  // The event that the source stands at. Throws when the event cannot be built. When the rename replaced an
   // existing file, `*replaced` becomes the delete of that file (same id, time and actor); it is left alone otherwise.
-  RenameEvent(auparse_state_t* state, std::shared_ptr<edr::LibMagicWrapper> lib_magic,
-              std::unique_ptr<DeleteEvent>* replaced);
-  RenameEvent(RecordSource& source, std::shared_ptr<edr::LibMagicWrapper> lib_magic,
-              std::unique_ptr<DeleteEvent>* replaced);
+  RenameEvent(RecordSource& source, Context context, std::unique_ptr<DeleteEvent>* replaced);
   RenameEvent& operator=(const RenameEvent&) = delete;
   ~RenameEvent() override = default;
 
@@ -30,24 +27,28 @@ class RenameEvent final : public FileEvent {
   void Validate() override;
 
  private:
-  RenameEvent(const RenameEvent&) = default;
+  // The records of the destination, until the constructor's end.
+  struct Destination {
+    // Where a record of this word belongs; null for words that say nothing of a destination.
+    std::optional<PathRecord>* SlotOf(TypeWord word);
+
+    std::optional<PathRecord> object;
+    std::optional<PathRecord> parent;
+    std::optional<PathRecord> replaced;  // the file that stood in the way
+    unsigned paths_seen = 0;             // where in the order of the PATH records the parser is, 0 to 3
+  };
+
+  RenameEvent(const RenameEvent& other) : FileEvent(other), old_file_(other.old_file_) {}
 
   void ParseDestination(const edr::RecordFields& fields);
-  void HoldTypedDestination(PathRecord record);
   void HoldItemDestination(PathRecord record);
   void SettleRecords() override;
-  [[nodiscard]] bool ParentsAreCrossed() const;
+  [[nodiscard]] bool ParentsAreCrossed();
   void ConfirmDestination(const PathRecord& parent);
   void SplitReplaced(std::unique_ptr<DeleteEvent>* replaced);
 
-  // Until Validate.
-  std::optional<PathRecord> new_record_;
-  std::optional<PathRecord> new_parent_record_;
-  // Until the constructor's end.
-  std::optional<PathRecord> replaced_record_;
-  std::optional<PathRecord> replaced_parent_;
+  std::unique_ptr<Destination> destination_;
   std::optional<common::ImageInfo> old_file_;
-  unsigned paths_seen_ = 0;  // where in the order of the PATH records the parser is, 0 to 3
 };
 
 }  // namespace zagent::audit::internal

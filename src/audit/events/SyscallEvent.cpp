@@ -1,6 +1,6 @@
 #include "src/audit/events/SyscallEvent.h"
 
-#include <utility>
+#include <stdexcept>
 
 #include "common/src/util/Log.h"
 #include "src/edr/process/NameService.h"
@@ -14,47 +14,45 @@ constexpr const char* kSystemUser = "system-user";
 
 }  // namespace
 
-SyscallEvent::SyscallEvent(const SyscallEvent& other)
-    : Event(other),
-      auid_(other.auid_),
-      euid_(other.euid_),
-      ppid_(other.ppid_),
-      pid_(other.pid_),
-      uid_(other.uid_),
-      success_(other.success_),
-      image_(other.image_),
-      key_(other.key_),
-      arguments_(other.arguments_),
-      items_(other.items_),
-      syscall_(other.syscall_),
-      validated_(true),
-      exit_(other.exit_) {}
+SyscallEvent::SyscallEvent(const SyscallEvent& other) : Event(other), call_(other.call_), has_call_(true) {}
 
 const std::string& SyscallEvent::GetActorUserName() const {
-  if (user_name_.empty()) user_name_ = common::UserName(uid_);
-  return user_name_;
+  std::string& name = names_.Get().user_name;
+  if (name.empty()) name = common::UserName(call_.uid);
+  return name;
 }
 
 const std::string& SyscallEvent::GetActorLoginName() const {
-  if (!login_name_.empty()) return login_name_;
-  if (auid_ == kNoLogin) {
-    login_name_ = kSystemUser;
-    ZLOG_DEBUG("Setting Audit username for Auid: " << auid_ << " to " << login_name_);
+  std::string& name = names_.Get().login_name;
+  if (!name.empty()) return name;
+  if (call_.auid == kNoLogin) {
+    name = kSystemUser;
+    ZLOG_DEBUG("Setting Audit username for Auid: " << call_.auid << " to " << name);
   } else {
-    login_name_ = common::UserName(auid_);
+    name = common::UserName(call_.auid);
   }
-  return login_name_;
+  return name;
+}
+
+const common::ImageInfo* SyscallEvent::GetImage() const {
+  return &image_.Get(call_.process_path);
 }
 
 bool SyscallEvent::IsElevated() const {
-  return auid_ != kNoLogin && euid_ == 0 && auid_ > euid_;
+  return call_.auid != kNoLogin && call_.euid == 0 && call_.auid > call_.euid;
+}
+
+std::uint64_t SyscallEvent::Argument(std::size_t index) const {
+  if (!HasArgument(index)) throw std::out_of_range("no argument a" + std::to_string(index));
+  return call_.arguments.at(index);
 }
 
 void SyscallEvent::ParseRecord(int type, const edr::RecordFields& fields) {
   if (type != record_type::kSyscall) return;
-  if (record_) throw edr::EventException("Multiple syscall records found in event");
+  if (has_call_) throw edr::EventException("Multiple syscall records found in event");
   try {
-    record_.emplace(fields);
+    call_ = SyscallRecord(fields);
+    has_call_ = true;
   } catch (const SyscallRecordException& error) {
     throw edr::EventException(std::string("SyscallRecordException: ") + error.what());
   }
@@ -62,22 +60,7 @@ void SyscallEvent::ParseRecord(int type, const edr::RecordFields& fields) {
 
 void SyscallEvent::Validate() {
   Event::Validate();
-  if (validated_) return;
-  if (!record_) throw edr::EventException("Missing SYSCALL record for event");
-  auid_ = record_->auid;
-  euid_ = record_->euid;
-  ppid_ = record_->ppid;
-  pid_ = record_->pid;
-  uid_ = record_->uid;
-  success_ = record_->success;
-  image_.emplace(std::move(record_->process_path));
-  key_ = std::move(record_->key);
-  arguments_ = std::move(record_->arguments);
-  items_ = record_->items;
-  syscall_ = record_->syscall;
-  exit_ = record_->exit;
-  validated_ = true;
-  record_.reset();
+  if (!has_call_) throw edr::EventException("Missing SYSCALL record for event");
 }
 
 }  // namespace zagent::audit::internal

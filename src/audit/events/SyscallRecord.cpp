@@ -1,82 +1,61 @@
 #include "src/audit/events/SyscallRecord.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
-#include <limits>
+#include <charconv>
+#include <string_view>
 
 namespace zagent::audit::internal {
 namespace {
 
-[[noreturn]] void CannotConvert(const std::string& value) {
-  throw SyscallRecordException("Cannot convert from string 'value': " + value);
-}
+using edr::RecordField;
 
-std::int64_t ToSigned(const std::string& value) {
-  char* end = nullptr;
-  errno = 0;
-  const long long number = std::strtoll(value.c_str(), &end, 10);
-  if (value.empty() || *end != '\0' || errno != 0) CannotConvert(value);
-  return number;
-}
-
-std::uint64_t ToUnsigned(const std::string& value, int base) {
-  char* end = nullptr;
-  errno = 0;
-  const unsigned long long number = std::strtoull(value.c_str(), &end, base);
-  if (value.empty() || value.front() == '-' || *end != '\0' || errno != 0) CannotConvert(value);
-  return number;
-}
-
-std::int32_t ToProcessId(const std::string& value) {
-  const std::int64_t number = ToSigned(value);
-  if (number < std::numeric_limits<std::int32_t>::min() || number > std::numeric_limits<std::int32_t>::max()) {
-    CannotConvert(value);
+// All of `value` as a number that fits.
+template <typename Number>
+Number ToNumber(std::string_view value, int base = 10) {
+  Number number = 0;
+  const char* end = value.data() + value.size();
+  const auto [stopped, error] = std::from_chars(value.data(), end, number, base);
+  if (value.empty() || stopped != end || error != std::errc()) {
+    throw SyscallRecordException("Cannot convert from string 'value': " + std::string(value));
   }
-  return static_cast<std::int32_t>(number);
+  return number;
 }
 
-std::uint32_t ToNumber32(const std::string& value) {
-  const std::uint64_t number = ToUnsigned(value, 10);
-  if (number > std::numeric_limits<std::uint32_t>::max()) CannotConvert(value);
-  return static_cast<std::uint32_t>(number);
-}
-
-std::string WithoutQuotes(std::string text) {
-  text.erase(std::remove(text.begin(), text.end(), '"'), text.end());
-  return text;
+std::string WithoutQuotes(std::string_view text) {
+  std::string plain(text);
+  plain.erase(std::remove(plain.begin(), plain.end(), '"'), plain.end());
+  return plain;
 }
 
 std::string ProcessPath(const edr::RecordFields& fields) {
-  const auto exe = fields.find("exe");
-  if (exe == fields.end() || exe->second == "(null)") {
+  if (!fields.Has(RecordField::Exe) || fields.Find(RecordField::Exe) == "(null)") {
     throw SyscallRecordException("Failed to find process name in syscall record");
   }
-  return WithoutQuotes(exe->second);
+  return WithoutQuotes(fields.Find(RecordField::Exe));
 }
 
 }  // namespace
 
 SyscallRecord::SyscallRecord(const edr::RecordFields& fields) {
   // exit_group never returns and its record has no outcome: a call without one succeeded.
-  const auto outcome = fields.find("success");
-  success = outcome == fields.end() || outcome->second == "yes";
+  success = !fields.Has(RecordField::Success) || fields.Find(RecordField::Success) == "yes";
   process_path = ProcessPath(fields);
-  ppid = ToProcessId(fields.at("ppid"));
-  pid = ToProcessId(fields.at("pid"));
-  uid = ToNumber32(fields.at("uid"));
-  auid = ToNumber32(fields.at("auid"));
-  euid = ToNumber32(fields.at("euid"));
-  if (const auto result = fields.find("exit"); result != fields.end()) {
-    exit = static_cast<std::int32_t>(ToSigned(result->second));
+  ppid = ToNumber<std::int32_t>(fields.At(RecordField::PPid));
+  pid = ToNumber<std::int32_t>(fields.At(RecordField::Pid));
+  uid = ToNumber<std::uint32_t>(fields.At(RecordField::Uid));
+  auid = ToNumber<std::uint32_t>(fields.At(RecordField::Auid));
+  euid = ToNumber<std::uint32_t>(fields.At(RecordField::Euid));
+  if (fields.Has(RecordField::Exit)) {
+    exit = static_cast<std::int32_t>(ToNumber<std::int64_t>(fields.Find(RecordField::Exit)));
   }
-  items = ToUnsigned(fields.at("items"), 10);
-  syscall = ToNumber32(fields.at("syscall"));
-  for (const char* name : {"a0", "a1", "a2", "a3"}) {
-    const auto argument = fields.find(name);
-    if (argument != fields.end()) arguments.push_back(ToUnsigned(argument->second, 16));
+  items = ToNumber<std::uint64_t>(fields.At(RecordField::Items));
+  syscall = ToNumber<std::uint32_t>(fields.At(RecordField::Syscall));
+  for (std::size_t index = 0; index < arguments.size(); ++index) {
+    if (const auto argument = fields.Argument(index)) {
+      arguments[argument_count++] = ToNumber<std::uint64_t>(*argument, 16);
+    }
   }
-  key = WithoutQuotes(fields.at("key"));
+  key = WithoutQuotes(fields.At(RecordField::Key));
 }
 
 }  // namespace zagent::audit::internal

@@ -4,7 +4,6 @@
 
 #include <charconv>
 #include <exception>
-#include <optional>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -16,7 +15,6 @@ namespace {
 
 using common::util::Log;
 
-constexpr int kEndOfEvent = 1320;
 constexpr std::string_view kX86_64 = "c000003e";
 
 long long ParseNumber(std::string_view text) {
@@ -25,21 +23,10 @@ long long ParseNumber(std::string_view text) {
   return error == std::errc() && end == text.data() + text.size() ? number : -1;
 }
 
-// The number of the call of the record at the cursor; -1 without a readable one. Nothing, with a trace line, for a call
-// of another architecture: the same numbers mean other calls there.
-std::optional<long long> ReadSyscall(auparse_state_t* state) {
-  if (auparse_first_field(state) < 1) return -1;
-  do {
-    const char* name = auparse_get_field_name(state);
-    const char* value = auparse_get_field_str(state);
-    if (name == nullptr || value == nullptr) continue;
-    if (std::string_view(name) == "arch" && value != kX86_64) {
-      ZLOG_TRACE("Ignoring event with ID: " << auparse_get_serial(state) << " arch: " << value);
-      return std::nullopt;
-    }
-    if (std::string_view(name) == "syscall") return ParseNumber(value);
-  } while (auparse_next_field(state) > 0);
-  return -1;
+auparse_state_t* InitAuparse() {
+  auparse_state_t* state = auparse_init(AUSOURCE_FEED, nullptr);
+  if (state == nullptr) throw std::runtime_error("Failed to initialize auparse");
+  return state;
 }
 
 }  // namespace
@@ -49,8 +36,7 @@ void AuparseFeed::Destroyer::operator()(auparse_state_t* state) const {
 }
 
 AuparseFeed::AuparseFeed(EventFactory build_events)
-    : build_events_(std::move(build_events)), state_(auparse_init(AUSOURCE_FEED, nullptr)) {
-  if (!state_) throw std::runtime_error("Failed to initialize auparse");
+    : build_events_(std::move(build_events)), state_(InitAuparse()), source_(state_.get()) {
   auparse_add_callback(
       state_.get(),
       [](auparse_state_t* state, auparse_cb_event_t kind, void* self) { OnAuparseEvent(state, kind, self); }, this,
@@ -91,21 +77,30 @@ void AuparseFeed::OnCompleteEvent() {
     ZLOG_INFO("Failed to fetch first record from event");
     return;
   }
-  const int type = auparse_get_type(state_.get());
   if (Log::IsEventTraceEnabled()) Log::WriteEventTrace("Received complete event: " + EventText());
-  if (type == record_type::kSyscall) {
-    BuildFromSyscall();
-  } else if (type != kEndOfEvent) {
-    ZLOG_TRACE("Ignoring event with ID: " << auparse_get_serial(state_.get()) << " record type: " << type);
+  source_.Begin();
+  const int type = source_.FirstType();
+  // A process that ends abnormally within a call has both records.
+  if (type == record_type::kAnomAbend && build_events_({type}, source_, events_)) return;
+  if (type == record_type::kEndOfEvent) return;
+  if (const Record* call = source_.FindCall()) {
+    BuildFromCall(*call);
+  } else {
+    ZLOG_TRACE("Ignoring event with ID: " << source_.Id() << " record type: " << type);
   }
 }
 
-void AuparseFeed::BuildFromSyscall() {
-  const std::optional<long long> number = ReadSyscall(state_.get());
-  if (!number) return;
-  const bool in_range = *number >= 0 && *number <= kLastSyscall;
-  if (!in_range || !build_events_(static_cast<int>(*number), state_.get(), events_)) {
-    ZLOG_TRACE("Unsupported syscall in event: " << *number);
+void AuparseFeed::BuildFromCall(const Record& call) {
+  const std::string_view arch = call.fields.Find(edr::RecordField::Arch);
+  // The same numbers mean other calls on another architecture.
+  if (!arch.empty() && arch != kX86_64) {
+    ZLOG_TRACE("Ignoring event with ID: " << source_.Id() << " arch: " << arch);
+    return;
+  }
+  const long long number = ParseNumber(call.fields.Find(edr::RecordField::Syscall));
+  const bool in_range = number >= 0 && number <= kLastSyscall;
+  if (!in_range || !build_events_({call.type, static_cast<int>(number)}, source_, events_)) {
+    ZLOG_TRACE("Unsupported syscall in event: " << number);
   }
 }
 

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "src/audit/events/AuparseRecordSource.h"
 #include "src/audit/parser/EventFactory.h"
 
 namespace zagent::audit::internal {
@@ -12,8 +13,8 @@ namespace zagent::audit::internal {
 // the audit events that they complete. One thread at a time.
 //
 // auparse delivers a complete event only when the next one begins, and an older incomplete event holds back all that
-// follow: Flush makes delivery prompt. The tail of an event that a flush has cut arrives as a second event whose first
-// record is no SYSCALL, and is ignored.
+// follow: Flush makes delivery prompt. The tail of an event that a flush has cut arrives as a second event without a
+// SYSCALL record, and is ignored.
 class AuparseFeed {
  public:
   // Throws std::runtime_error "Failed to initialize auparse".
@@ -35,12 +36,13 @@ class AuparseFeed {
   };
   static void OnAuparseEvent(auparse_state_t* state, int kind, void* self) noexcept;
   void OnCompleteEvent();
-  void BuildFromSyscall();
+  void BuildFromCall(const Record& call);
   [[nodiscard]] std::string EventText() const;
 
   EventFactory build_events_;
   Events events_;
-  std::unique_ptr<auparse_state_t, Destroyer> state_;  // last: its callback fills what stands above
+  std::unique_ptr<auparse_state_t, Destroyer> state_;  // its callback fills what stands above
+  AuparseRecordSource source_;
 };
 
 }  // namespace zagent::audit::internal

@@ -13,18 +13,18 @@
 namespace zagent::audit::internal {
 namespace {
 
-using LibMagic = std::shared_ptr<edr::LibMagicWrapper>;
-using Builder = void (*)(auparse_state_t* state, const LibMagic& lib_magic, Events& events);
+using Context = FileEvent::Context;
+using Builder = void (*)(RecordSource& source, const Context& context, Events& events);
 
 template <class EventClass>
-void Build(auparse_state_t* state, const LibMagic& lib_magic, Events& events) {
-  events.push_back(std::make_unique<EventClass>(state, lib_magic));
+void Build(RecordSource& source, const Context& context, Events& events) {
+  events.push_back(std::make_unique<EventClass>(source, context));
 }
 
 // A rename over an existing file is its delete first, then the rename.
-void BuildRename(auparse_state_t* state, const LibMagic& lib_magic, Events& events) {
+void BuildRename(RecordSource& source, const Context& context, Events& events) {
   std::unique_ptr<DeleteEvent> replaced;
-  auto rename = std::make_unique<RenameEvent>(state, lib_magic, &replaced);
+  auto rename = std::make_unique<RenameEvent>(source, context, &replaced);
   if (replaced) events.push_back(std::move(replaced));
   events.push_back(std::move(rename));
 }
@@ -62,11 +62,14 @@ constexpr BuilderTable kBuilders = MakeTable();
 
 }  // namespace
 
-EventFactory MakeEventFactory(std::shared_ptr<edr::LibMagicWrapper> lib_magic) {
-  return [lib_magic = std::move(lib_magic)](int syscall, auparse_state_t* state, Events& events) {
-    const Builder build = kBuilders.at(static_cast<std::size_t>(syscall));
+EventFactory MakeEventFactory(FileContext context) {
+  return [context = std::make_shared<const FileContext>(std::move(context))](const EventSubject& subject,
+                                                                             RecordSource& source, Events& events) {
+    if (subject.record_type != record_type::kSyscall) return false;
+    if (subject.syscall < 0 || subject.syscall > kLastSyscall) return false;
+    const Builder build = kBuilders.at(static_cast<std::size_t>(subject.syscall));
     if (build == nullptr) return false;
-    build(state, lib_magic, events);
+    build(source, context, events);
     return true;
   };
 }

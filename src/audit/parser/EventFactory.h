@@ -4,9 +4,9 @@
 #include <memory>
 #include <vector>
 
+#include "src/audit/events/FileContext.h"
 #include "src/audit/events/RecordSource.h"
 #include "src/edr/Event.h"
-#include "src/edr/LibMagicWrapper.h"
 
 namespace zagent::audit::internal {
 
@@ -15,12 +15,19 @@ using Events = std::vector<std::unique_ptr<edr::Event>>;
 // Highest system call number that is looked at: execveat (322) and what came later never become events.
 inline constexpr int kLastSyscall = 316;
 
-// Builds what the complete audit event at auparse's cursor means, given the x86-64 number of its system call (0 to
-// kLastSyscall), and appends it to `events`. False when the number means nothing to the program. Throws
-// edr::EventException and other std::exceptions when the records do not make an event; `events` is unchanged then.
-using EventFactory = std::function<bool(int syscall, auparse_state_t* state, Events& events)>;
+// What an audit event is about: the kernel type of the record that tells it and, when that is a SYSCALL record, the
+// x86-64 number of the call.
+struct EventSubject {
+  int record_type = 0;
+  int syscall = -1;
+};
+
+// Builds what the audit event at the source means and appends it to `events`. False when the subject means nothing to
+// the program. Throws edr::EventException and other std::exceptions when the records do not make an event; `events` is
+// unchanged then.
+using EventFactory = std::function<bool(const EventSubject& subject, RecordSource& source, Events& events)>;
 
 // The factory of the program's own event classes.
-EventFactory MakeEventFactory(std::shared_ptr<edr::LibMagicWrapper> lib_magic);
+EventFactory MakeEventFactory(FileContext context);
 
 }  // namespace zagent::audit::internal

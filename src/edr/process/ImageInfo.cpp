@@ -3,6 +3,8 @@
 #include <utility>
 
 #include "common/src/util/DeviceText.h"
+#include "common/src/util/Digest.h"
+#include "common/src/util/HashGenerator.h"
 
 namespace zagent::common {
 
@@ -27,10 +29,11 @@ ImageInfo::ImageInfo(std::string device, std::uint32_t permission, std::uint64_t
       group_name_(std::move(group_name)),
       owner_name_(std::move(owner_name)),
       owner_id_(owner_id),
-      text_(std::move(text)),
       modification_time_(0),
       access_time_(0),
-      change_time_(0) {}
+      change_time_(0) {
+  if (!text.empty()) rare_.Get().text = std::move(text);
+}
 
 ImageInfo::ImageInfo(std::string path, const struct stat& stat)
     : device_(util::DeviceText(stat.st_dev)),
@@ -43,6 +46,22 @@ ImageInfo::ImageInfo(std::string path, const struct stat& stat)
       access_time_(stat.st_atime),
       change_time_(stat.st_ctime),
       is_symlink_(S_ISLNK(stat.st_mode)) {}
+
+const std::string& ImageInfo::GetText() const {
+  static const std::string kNone;
+  const Rare* rare = rare_.Find();
+  return rare != nullptr ? rare->text : kNone;
+}
+
+const std::string& ImageInfo::GetDigest() const {
+  std::string& digest = rare_.Get().digest;
+  if (digest.empty()) {
+    const util::HashGenerator generator(path_, device_, inode_, util::HashKind::Sha256);
+    const std::vector<unsigned char>& bytes = generator.GetSha256();
+    digest = util::ToHex({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+  }
+  return digest;
+}
 
 void ImageInfo::SetNames(std::string owner_name, std::string group_name) {
   owner_name_ = std::move(owner_name);

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "common/src/util/DeepPtr.h"
+
 namespace zagent::common {
 
 // The octal digits of a mode without its type bits, read as a decimal number: mode 0100644 is 644.
@@ -28,7 +30,10 @@ class ImageInfo {
   [[nodiscard]] const std::string& GetGroupName() const { return group_name_; }
   [[nodiscard]] const std::string& GetOwnerName() const { return owner_name_; }
   [[nodiscard]] std::uint32_t GetOwnerId() const { return owner_id_; }
-  [[nodiscard]] const std::string& GetText() const { return text_; }
+  [[nodiscard]] const std::string& GetText() const;
+  // SHA-256 of the file's content in lowercase hexadecimal, on demand: computed at the first question and only while
+  // the file at the path is still this one. Throws common::util::HashGeneratorException when there is none.
+  [[nodiscard]] const std::string& GetDigest() const;
   [[nodiscard]] std::int64_t GetModificationTime() const { return modification_time_; }  // seconds
   [[nodiscard]] std::int64_t GetAccessTime() const { return access_time_; }              // seconds
   [[nodiscard]] std::int64_t GetChangeTime() const { return change_time_; }              // seconds
@@ -38,6 +43,12 @@ class ImageInfo {
   void SetPath(std::string path) { path_ = std::move(path); }
 
  private:
+  // What hardly any object is ever asked for.
+  struct Rare {
+    std::string text;
+    std::string digest;
+  };
+
   std::string device_;
   std::uint32_t permission_ = static_cast<std::uint32_t>(-1);
   std::uint64_t inode_ = static_cast<std::uint64_t>(-1);
@@ -46,11 +57,11 @@ class ImageInfo {
   std::string group_name_;
   std::string owner_name_;
   std::uint32_t owner_id_ = static_cast<std::uint32_t>(-1);
-  std::string text_;
   std::int64_t modification_time_ = -1;
   std::int64_t access_time_ = -1;
   std::int64_t change_time_ = -1;
   bool is_symlink_ = false;
+  mutable util::DeepPtr<Rare> rare_;
 };
 
 }  // namespace zagent::common

@@ -54,14 +54,14 @@ class FileEventAnswersTest : public ::testing::Test {
         .Cwd("/")
         .Path("PARENT", folder_.Path())
         .Path("NORMAL", path, path, path_changes);
-    return std::make_unique<ReadWriteEvent>(records, magic_);
+    return std::make_unique<ReadWriteEvent>(records, context_);
   }
   // The same, but the file goes before the event is built.
   std::unique_ptr<ReadWriteEvent> WrittenAndGone(const std::string& path) {
     AuditRecords records;
     records.Syscall(257, {{"a2", "1"}}).Cwd("/").Path("PARENT", folder_.Path()).Path("NORMAL", path);
     EXPECT_EQ(unlink(path.c_str()), 0);
-    return std::make_unique<ReadWriteEvent>(records, magic_);
+    return std::make_unique<ReadWriteEvent>(records, context_);
   }
   void Replace(const std::string& path) {
     const std::string other = folder_.Write("replacement", "something else");
@@ -75,6 +75,7 @@ class FileEventAnswersTest : public ::testing::Test {
   fakes::LogCapture log_;
   fakes::TempFolder folder_;
   std::shared_ptr<ScriptedMagic> magic_ = std::make_shared<ScriptedMagic>();
+  FileEvent::Context context_ = std::make_shared<const FileContext>(FileContext{magic_});
 };
 
 TEST_F(FileEventAnswersTest, TellsSizeAndTimesInWholeSecondsFromTheDisk) {
@@ -111,7 +112,7 @@ TEST_F(FileEventAnswersTest, IsNoEventWhenAnotherFileIsInItsPlace) {
   records.Syscall(257, {{"a2", "1"}}).Cwd("/").Path("PARENT", folder_.Path()).Path("NORMAL", file);
   Replace(file);
   try {
-    ReadWriteEvent event(records, magic_);
+    ReadWriteEvent event(records, context_);
     FAIL() << "took another file for the event's";
   } catch (const edr::EventException& error) {
     EXPECT_EQ(error.what(), "File " + file + " differs from the object of the audit event with ID 88");
@@ -130,7 +131,7 @@ TEST_F(FileEventAnswersTest, TakesTheCanonicalPathBehindASymbolicLink) {
   AuditRecords records;
   // The kernel gives the link's name with the target's inode.
   records.Syscall(257, {{"a2", "1"}}).Cwd("/").Path("PARENT", folder_.Path()).Path("NORMAL", link, file);
-  const ReadWriteEvent event(records, magic_);
+  const ReadWriteEvent event(records, context_);
   EXPECT_EQ(event.GetPath(), file);
   EXPECT_EQ(event.GetFile()->GetOwnerId(), geteuid());
   EXPECT_FALSE(event.IsSymlink());
@@ -144,7 +145,7 @@ TEST_F(FileEventAnswersTest, IsNoEventWhenTheLinkLeadsNowhere) {
   AuditRecords records;
   records.Syscall(257, {{"a2", "1"}}).Cwd("/").Path("PARENT", folder_.Path()).Path("NORMAL", link, file);
   try {
-    ReadWriteEvent event(records, magic_);
+    ReadWriteEvent event(records, context_);
     FAIL() << "followed a dangling link";
   } catch (const edr::EventException& error) {
     EXPECT_EQ(error.what(), "Failed to resolve link " + link + " (No such file or directory (2))");
@@ -156,7 +157,7 @@ TEST_F(FileEventAnswersTest, KnowsFoldersFilesAndLinks) {
   ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
   AuditRecords mkdir_records;
   mkdir_records.Syscall(83).Cwd("/").Path("PARENT", folder_.Path()).Path("CREATE", folder);
-  const CreateEvent made(mkdir_records, magic_);
+  const CreateEvent made(mkdir_records, context_);
   EXPECT_EQ(made.GetObjectType(), edr::ObjectType::Directory);
   EXPECT_EQ(made.GetFileType(), edr::FileType::Directory);
 
@@ -164,7 +165,7 @@ TEST_F(FileEventAnswersTest, KnowsFoldersFilesAndLinks) {
   ASSERT_EQ(symlink("d", link.c_str()), 0);
   AuditRecords symlink_records;
   symlink_records.Syscall(88).Cwd("/").Path("PARENT", folder_.Path()).Path("CREATE", link);
-  const CreateEvent linked(symlink_records, magic_);
+  const CreateEvent linked(symlink_records, context_);
   EXPECT_EQ(linked.GetPath(), link);
   EXPECT_TRUE(linked.IsSymlink());
   EXPECT_EQ(linked.GetObjectType(), edr::ObjectType::File);

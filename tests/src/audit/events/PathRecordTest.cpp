@@ -5,13 +5,14 @@
 #include <unistd.h>
 
 #include "src/audit/events/PathResolution.h"
+#include "src/edr/Event.h"
 #include "tests/fakes/AuditRecords.h"
 #include "tests/fakes/TempFolder.h"
 
 namespace zagent::audit::internal {
 namespace {
 
-using Fields = edr::RecordFields;
+using Fields = fakes::AuditRecords::Fields;
 
 class PathRecordTest : public ::testing::Test {
  protected:
@@ -29,7 +30,7 @@ class PathRecordTest : public ::testing::Test {
     return fields;
   }
   static PathRecord Build(const Fields& fields, const std::string& cwd = "/srv/w", const std::string& parent = "") {
-    return {fields, cwd, parent};
+    return {fakes::AuditRecords::ViewOf(fields), cwd, parent};
   }
   static std::string ErrorOf(const Fields& fields) {
     try {
@@ -58,7 +59,7 @@ TEST_F(PathRecordTest, ReadsWhatTheRecordSaysOfAFile) {
   EXPECT_EQ(record.group_id, 34U);
   EXPECT_EQ(record.path, "/srv/w/h");
   EXPECT_EQ(record.permission, 644U);
-  EXPECT_EQ(record.type_word, "CREATE");
+  EXPECT_EQ(record.type_word, TypeWord::Create);
 }
 
 TEST_F(PathRecordTest, TellsFilesLinksAndFoldersApartByTheirMode) {
@@ -86,8 +87,21 @@ TEST_F(PathRecordTest, NeedsItemAndName) {
 }
 
 TEST_F(PathRecordTest, PrefersTheObjectTypeToTheNameTypeAndDoesWithoutEither) {
-  EXPECT_EQ(Build(Record({{"objtype", "DELETE"}})).type_word, "DELETE");
-  EXPECT_EQ(Build(Without("nametype")).type_word, "");
+  EXPECT_EQ(Build(Record({{"objtype", "DELETE"}})).type_word, TypeWord::Delete);
+  EXPECT_EQ(Build(Without("nametype")).type_word, TypeWord::None);
+}
+
+TEST_F(PathRecordTest, KnowsTheKernelsWordsAndKeepsThemForTheLog) {
+  const std::pair<const char*, TypeWord> words[] = {{"PARENT", TypeWord::Parent},
+                                                    {"CREATE", TypeWord::Create},
+                                                    {"DELETE", TypeWord::Delete},
+                                                    {"NORMAL", TypeWord::Normal}};
+  for (const auto& [text, word] : words) {
+    EXPECT_EQ(Build(Record({{"nametype", text}})).type_word, word);
+    EXPECT_STREQ(TextOf(word), text);
+  }
+  EXPECT_EQ(Build(Record({{"nametype", "UNKNOWN"}})).type_word, TypeWord::Unknown);
+  EXPECT_STREQ(TextOf(TypeWord::None), "");
 }
 
 TEST_F(PathRecordTest, RefusesProcSelfButNothingBelowIt) {

@@ -11,6 +11,7 @@
 
 #include "common/src/util/DeviceText.h"
 #include "src/audit/events/AttributeEvent.h"
+#include "src/audit/events/AuparseRecordSource.h"
 #include "src/audit/events/CreateEvent.h"
 #include "src/audit/events/DeleteEvent.h"
 #include "src/audit/events/ReadWriteEvent.h"
@@ -98,12 +99,15 @@ class RealRecordsTest : public ::testing::Test {
   }
 
   void OnEvent(auparse_state_t* state) {
-    ASSERT_EQ(auparse_first_record(state), 1);
-    if (auparse_get_type(state) != record_type::kSyscall || auparse_find_field(state, "syscall") == nullptr) return;
-    const auto syscall = static_cast<std::uint32_t>(auparse_get_field_int(state));
+    AuparseRecordSource source(state);
+    source.Begin();
+    const Record* call = source.FindCall();
+    if (call == nullptr || !call->fields.Has(edr::RecordField::Syscall)) return;
+    const auto syscall = static_cast<std::uint32_t>(
+        std::strtoul(std::string(call->fields.Find(edr::RecordField::Syscall)).c_str(), nullptr, 10));
     try {
       std::unique_ptr<DeleteEvent> replaced;
-      const std::unique_ptr<edr::Event> event = Build(state, syscall, &replaced);
+      const std::unique_ptr<edr::Event> event = Build(source, syscall, &replaced);
       if (replaced) Note(*replaced);
       if (event) Note(*event);
     } catch (const std::exception& error) {
@@ -111,13 +115,13 @@ class RealRecordsTest : public ::testing::Test {
     }
   }
 
-  static std::unique_ptr<edr::Event> Build(auparse_state_t* state, std::uint32_t syscall,
+  static std::unique_ptr<edr::Event> Build(RecordSource& source, std::uint32_t syscall,
                                            std::unique_ptr<DeleteEvent>* replaced) {
-    if (Contains(kReadWrite, syscall)) return std::make_unique<ReadWriteEvent>(state, nullptr);
-    if (Contains(kCreate, syscall)) return std::make_unique<CreateEvent>(state, nullptr);
-    if (Contains(kDelete, syscall)) return std::make_unique<DeleteEvent>(state, nullptr);
-    if (Contains(kAttribute, syscall)) return std::make_unique<AttributeEvent>(state, nullptr);
-    if (Contains(kRename, syscall)) return std::make_unique<RenameEvent>(state, nullptr, replaced);
+    if (Contains(kReadWrite, syscall)) return std::make_unique<ReadWriteEvent>(source, nullptr);
+    if (Contains(kCreate, syscall)) return std::make_unique<CreateEvent>(source, nullptr);
+    if (Contains(kDelete, syscall)) return std::make_unique<DeleteEvent>(source, nullptr);
+    if (Contains(kAttribute, syscall)) return std::make_unique<AttributeEvent>(source, nullptr);
+    if (Contains(kRename, syscall)) return std::make_unique<RenameEvent>(source, nullptr, replaced);
     return nullptr;
   }
 

@@ -12,7 +12,7 @@ using fakes::AuditRecords;
 
 class PlainSyscall final : public SyscallEvent {
  public:
-  explicit PlainSyscall(RecordSource& source) { Feed(source); }
+  explicit PlainSyscall(RecordSource& source) { Feed(source, KindOf(record_type::kSyscall)); }
   [[nodiscard]] std::unique_ptr<edr::Event> Clone() const override {
     return std::unique_ptr<edr::Event>(new PlainSyscall(*this));
   }

@@ -1,6 +1,5 @@
 #include "src/audit/parser/AuparseFeed.h"
 
-#include <auparse.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -126,10 +125,24 @@ TEST_F(AuparseFeedTest, PassesOverTheEndOfEventRecordsInSilence) {
   EXPECT_FALSE(lines_.Has("Ignoring event")) << lines_.All();
 }
 
-TEST_F(AuparseFeedTest, IgnoresEventsThatAreNoCalls) {
+TEST_F(AuparseFeedTest, AsksForAnAbnormalEndWhichIsNoCall) {
+  factory_.builds_abends = true;
+  Feed(log_.Event(AuditLog::kAbend));
+  EXPECT_THAT(Flushed(), ElementsAre(AuditLog::kAbend));
+  EXPECT_THAT(factory_.syscalls, IsEmpty());
+}
+
+TEST_F(AuparseFeedTest, IgnoresEventsThatAreNeither) {
   Feed(log_.Event(AuditLog::kAbend));
   EXPECT_THAT(Flushed(), IsEmpty());
   EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_TRACE, "Ignoring event with ID: 176 record type: 1701"));
+}
+
+TEST_F(AuparseFeedTest, FindsTheCallBehindARecordThatComesBeforeIt) {
+  Feed("type=CONFIG_CHANGE msg=audit(1795162409.432:27): op=remove_rule key=\"k\" list=4 res=1\n" +
+       log_.Event(AuditLog::kMkdir));
+  EXPECT_THAT(Flushed(), ElementsAre(AuditLog::kMkdir));
+  EXPECT_THAT(factory_.syscalls, ElementsAre(83));
 }
 
 TEST_F(AuparseFeedTest, AnEventThatCannotBeBuiltCostsNoOther) {
@@ -146,11 +159,9 @@ TEST_F(AuparseFeedTest, AnEventThatCannotBeBuiltCostsNoOther) {
 TEST_F(AuparseFeedTest, WritesEveryRecordOfAnEventToTheTrace) {
   const fakes::EventTrace trace;
   int records_left = 0;
-  AuparseFeed feed([&](int, auparse_state_t* state, Events&) {
-    EXPECT_EQ(auparse_get_type(state), 1300) << "the cursor is back at the first record";
-    do {
-      ++records_left;
-    } while (auparse_next_record(state) > 0);
+  AuparseFeed feed([&](const EventSubject&, RecordSource& source, Events&) {
+    constexpr RecordKinds kAll = 0xffff;
+    while (source.Next(kAll) != nullptr) ++records_left;
     return true;
   });
   const std::string event = log_.Event(AuditLog::kMkdir);
@@ -170,7 +181,7 @@ TEST_F(AuparseFeedTest, FindsTheNextEventBehindBytesThatAreNoRecords) {
   EXPECT_EQ(Taken().back(), AuditLog::kMkdir);
 }
 
-// Every event of the log that begins with a SYSCALL record, and nothing else, arrives in the order of the log.
+// Every event of the log that has a SYSCALL record, and nothing else, arrives in the order of the log.
 TEST_F(AuparseFeedTest, TakesTheWholeLogOfARealKernel) {
   std::vector<unsigned> expected;
   std::set<unsigned> seen;
@@ -178,7 +189,7 @@ TEST_F(AuparseFeedTest, TakesTheWholeLogOfARealKernel) {
   for (std::string line; std::getline(all, line);) {
     if (line.rfind("type=", 0) != 0) continue;  // the log has a remark of its maker
     const auto serial = static_cast<unsigned>(std::stoul(line.substr(line.find(':') + 1)));
-    if (!seen.insert(serial).second || line.rfind("type=SYSCALL ", 0) != 0) continue;
+    if (line.rfind("type=SYSCALL ", 0) != 0 || !seen.insert(serial).second) continue;
     if (std::stoi(line.substr(line.find("syscall=") + 8)) <= kLastSyscall) expected.push_back(serial);
   }
   ASSERT_GT(expected.size(), 150U);

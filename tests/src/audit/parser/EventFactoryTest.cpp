@@ -53,7 +53,7 @@ class EventFactoryTest : public testing::Test {
          << "type=CWD msg=audit(1700000000.123:900): cwd=\"" << folder_.Path() << "\"\n"
          << paths << "type=PROCTITLE msg=audit(1700000000.123:900): proctitle=\"sh\"\n";
     items_ = 0;
-    AuparseFeed feed(MakeEventFactory(std::make_shared<NoMagic>()));
+    AuparseFeed feed(MakeEventFactory({std::make_shared<NoMagic>()}));
     const std::string bytes = text.str();
     feed.Feed(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
     feed.Flush();
