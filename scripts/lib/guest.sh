@@ -6,7 +6,8 @@
 GUEST_CACHE="$ROOT/build/guest"
 
 # What the guest finds in /usr/local/bin, as far as the build folder has it.
-GUEST_PROGRAMS=(ostrel-edr reference-agent reference-receiver file-actor audit-rules kernel_rules_guest_test)
+GUEST_PROGRAMS=(ostrel-edr reference-agent reference-receiver file-actor one-call process-actor audit-recorder audit-rules
+  kernel_rules_guest_test)
 
 # The targets of them that a demonstration needs.
 DEMO_TARGETS=(ostrel-edr reference-agent reference-receiver file_actor audit_rules_list)
