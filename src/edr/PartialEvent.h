@@ -56,6 +56,13 @@ class PartialEvent : public Event {
  protected:
   PartialEvent() = default;
   PartialEvent(const PartialEvent&) = default;
+
+  // The audit user id of everything that no user has logged in for.
+  static constexpr std::uint32_t kNoLogin = 4294967295U;
+  // Whether a logged-in user other than root acts as root.
+  static bool IsElevatedActor(std::uint32_t auid, std::uint32_t euid) {
+    return auid != kNoLogin && euid == 0 && auid > euid;
+  }
 };
 
 }  // namespace zagent::edr

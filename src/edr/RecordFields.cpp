@@ -7,9 +7,9 @@ namespace zagent::edr {
 namespace {
 
 constexpr std::array<std::string_view, static_cast<std::size_t>(RecordField::Count)> kNames = {
-    "arch", "argc", "auid",     "cwd",     "dev",   "euid", "exe",  "exit", "inode",     "item",  "items",   "key",     "mode",
-    "name", "nametype", "objtype", "oflag", "ogid", "ouid", "pid",  "ppid", "proctitle", "saddr", "success", "syscall", "uid",
-    "uring_op",
+    "arch", "argc",  "auid", "cwd",       "dev",   "euid",     "exe",     "exit",  "inode",
+    "item", "items", "key",  "mode",      "name",  "nametype", "objtype", "oflag", "ogid",
+    "ouid", "pid",   "ppid", "proctitle", "saddr", "success",  "syscall", "uid",   "uring_op",
 };
 
 constexpr std::size_t kSlots = 64;

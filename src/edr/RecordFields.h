@@ -61,8 +61,9 @@ constexpr RecordFieldSet SetOf(RecordField first, Fields... rest) {
 // Which argument a name like "a12" counts; nothing for other names and for those that are beyond kMaxArguments.
 [[nodiscard]] std::optional<std::size_t> ArgumentNamed(std::string_view name);
 
-// The fields of one audit record as a flat view: the values belong to whoever filled it in and are valid during the call
-// that hands the view over. Filling and clearing allocate nothing once the view has seen its longest argument list.
+// The fields of one audit record as a flat view: the values belong to whoever filled it in and are valid during the
+// call that hands the view over. Filling and clearing allocate nothing once the view has seen its longest argument
+// list.
 class RecordFields {
  public:
   // How many arguments of a program are kept.

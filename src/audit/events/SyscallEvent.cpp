@@ -8,8 +8,6 @@
 namespace zagent::audit::internal {
 namespace {
 
-// The audit user id of everything that no user has logged in for.
-constexpr std::uint32_t kNoLogin = 4294967295U;
 constexpr const char* kSystemUser = "system-user";
 
 }  // namespace
@@ -36,10 +34,6 @@ const std::string& SyscallEvent::GetActorLoginName() const {
 
 const common::ImageInfo* SyscallEvent::GetImage() const {
   return &image_.Get(call_.process_path);
-}
-
-bool SyscallEvent::IsElevated() const {
-  return call_.auid != kNoLogin && call_.euid == 0 && call_.auid > call_.euid;
 }
 
 std::uint64_t SyscallEvent::Argument(std::size_t index) const {

@@ -27,7 +27,7 @@ class SyscallEvent : public Event {
   [[nodiscard]] const common::ImageInfo* GetImage() const override;
   [[nodiscard]] const std::string& GetAuditKey() const override { return call_.key; }
   [[nodiscard]] bool IsSuccessful() const override { return call_.success; }
-  [[nodiscard]] bool IsElevated() const override;
+  [[nodiscard]] bool IsElevated() const override { return IsElevatedActor(call_.auid, call_.euid); }
   void UpdateActorProcessId(std::int32_t pid) override { call_.pid = pid; }
   // Throws edr::EventException for a second SYSCALL record or one that does not read.
   void ParseRecord(int type, const edr::RecordFields& fields) override;

@@ -4,11 +4,16 @@
 #include <cstddef>
 #include <utility>
 
+#include "src/audit/events/AbendEvent.h"
 #include "src/audit/events/AttributeEvent.h"
+#include "src/audit/events/CloneEvent.h"
 #include "src/audit/events/CreateEvent.h"
 #include "src/audit/events/DeleteEvent.h"
+#include "src/audit/events/ExitEvent.h"
+#include "src/audit/events/NetworkEvent.h"
 #include "src/audit/events/ReadWriteEvent.h"
 #include "src/audit/events/RenameEvent.h"
+#include "src/audit/events/RunningEvent.h"
 
 namespace zagent::audit::internal {
 namespace {
@@ -19,6 +24,11 @@ using Builder = void (*)(RecordSource& source, const Context& context, Events& e
 template <class EventClass>
 void Build(RecordSource& source, const Context& context, Events& events) {
   events.push_back(std::make_unique<EventClass>(source, context));
+}
+
+template <class EventClass>
+void BuildAlone(RecordSource& source, const Context& /*context*/, Events& events) {
+  events.push_back(std::make_unique<EventClass>(source));
 }
 
 // A rename over an existing file is its delete first, then the rename.
@@ -41,6 +51,11 @@ constexpr std::array kDeleteCalls = {84, 87, 263};
 // fremovexattr, utimes, fchownat, futimesat, fchmodat, utimensat
 constexpr std::array kAttributeCalls = {90, 91, 92, 93, 94, 132, 188, 189, 190, 197, 198, 199, 235, 260, 261, 268, 280};
 
+constexpr std::array kNetworkCalls = {42, 49};    // connect, bind
+constexpr std::array kCloneCalls = {56, 57, 58};  // clone, fork, vfork
+constexpr std::array kRunningCalls = {59};        // execve
+constexpr std::array kExitCalls = {231};          // exit_group
+
 using BuilderTable = std::array<Builder, kLastSyscall + 1>;
 
 template <std::size_t Size>
@@ -55,19 +70,28 @@ constexpr BuilderTable MakeTable() {
   Enter(table, kCreateCalls, &Build<CreateEvent>);
   Enter(table, kDeleteCalls, &Build<DeleteEvent>);
   Enter(table, kAttributeCalls, &Build<AttributeEvent>);
+  Enter(table, kNetworkCalls, &BuildAlone<NetworkEvent>);
+  Enter(table, kCloneCalls, &BuildAlone<CloneEvent>);
+  Enter(table, kRunningCalls, &BuildAlone<RunningEvent>);
+  Enter(table, kExitCalls, &BuildAlone<ExitEvent>);
   return table;
 }
 
 constexpr BuilderTable kBuilders = MakeTable();
+
+Builder BuilderOf(const EventSubject& subject) {
+  if (subject.record_type == record_type::kAnomAbend) return &BuildAlone<AbendEvent>;
+  if (subject.record_type != record_type::kSyscall) return nullptr;
+  if (subject.syscall < 0 || subject.syscall > kLastSyscall) return nullptr;
+  return kBuilders.at(static_cast<std::size_t>(subject.syscall));
+}
 
 }  // namespace
 
 EventFactory MakeEventFactory(FileContext context) {
   return [context = std::make_shared<const FileContext>(std::move(context))](const EventSubject& subject,
                                                                              RecordSource& source, Events& events) {
-    if (subject.record_type != record_type::kSyscall) return false;
-    if (subject.syscall < 0 || subject.syscall > kLastSyscall) return false;
-    const Builder build = kBuilders.at(static_cast<std::size_t>(subject.syscall));
+    const Builder build = BuilderOf(subject);
     if (build == nullptr) return false;
     build(source, context, events);
     return true;

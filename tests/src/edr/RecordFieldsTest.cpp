@@ -10,22 +10,41 @@ namespace {
 
 TEST(RecordFieldsTest, KnowsEveryFieldThatEventsReadByTheKernelsName) {
   const std::pair<const char*, RecordField> names[] = {
-      {"arch", RecordField::Arch},       {"argc", RecordField::Argc},           {"auid", RecordField::Auid},
-      {"cwd", RecordField::Cwd},         {"dev", RecordField::Dev},             {"euid", RecordField::Euid},
-      {"exe", RecordField::Exe},         {"exit", RecordField::Exit},           {"inode", RecordField::Inode},
-      {"item", RecordField::Item},       {"items", RecordField::Items},         {"key", RecordField::Key},
-      {"mode", RecordField::Mode},       {"name", RecordField::Name},           {"nametype", RecordField::NameType},
-      {"objtype", RecordField::ObjType}, {"oflag", RecordField::OFlag},         {"ogid", RecordField::OGid},
-      {"ouid", RecordField::OUid},       {"pid", RecordField::Pid},             {"ppid", RecordField::PPid},
-      {"saddr", RecordField::Saddr},     {"proctitle", RecordField::Proctitle}, {"success", RecordField::Success},
-      {"syscall", RecordField::Syscall}, {"uid", RecordField::Uid},             {"uring_op", RecordField::UringOp},
+      {"arch", RecordField::Arch},
+      {"argc", RecordField::Argc},
+      {"auid", RecordField::Auid},
+      {"cwd", RecordField::Cwd},
+      {"dev", RecordField::Dev},
+      {"euid", RecordField::Euid},
+      {"exe", RecordField::Exe},
+      {"exit", RecordField::Exit},
+      {"inode", RecordField::Inode},
+      {"item", RecordField::Item},
+      {"items", RecordField::Items},
+      {"key", RecordField::Key},
+      {"mode", RecordField::Mode},
+      {"name", RecordField::Name},
+      {"nametype", RecordField::NameType},
+      {"objtype", RecordField::ObjType},
+      {"oflag", RecordField::OFlag},
+      {"ogid", RecordField::OGid},
+      {"ouid", RecordField::OUid},
+      {"pid", RecordField::Pid},
+      {"ppid", RecordField::PPid},
+      {"saddr", RecordField::Saddr},
+      {"proctitle", RecordField::Proctitle},
+      {"success", RecordField::Success},
+      {"syscall", RecordField::Syscall},
+      {"uid", RecordField::Uid},
+      {"uring_op", RecordField::UringOp},
   };
   EXPECT_EQ(std::size(names), static_cast<std::size_t>(RecordField::Count));
   for (const auto& [name, field] : names) EXPECT_EQ(FieldNamed(name), field) << name;
 }
 
 TEST(RecordFieldsTest, TakesOtherNamesForNone) {
-  for (const char* name : {"", "n", "gid", "rdev", "comm", "tty", "ses", "namee", "Name", "cap_fver", "saddr_fam", "a0"}) {
+  for (const char* name :
+       {"", "n", "gid", "rdev", "comm", "tty", "ses", "namee", "Name", "cap_fver", "saddr_fam", "a0"}) {
     EXPECT_EQ(FieldNamed(name), std::nullopt) << name;
   }
 }
