@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <memory>
 #include <utility>
@@ -27,29 +28,51 @@ struct ContextCloser {
 };
 using Context = std::unique_ptr<EVP_MD_CTX, ContextCloser>;
 
+// Which digest is whose.
+struct Kind {
+  HashKind kind;
+  const EVP_MD* (*algorithm)();
+  std::vector<unsigned char> FileDigests::*digest;
+};
+constexpr std::array kKinds = {Kind{HashKind::Md5, &EVP_md5, &FileDigests::md5},
+                               Kind{HashKind::Sha1, &EVP_sha1, &FileDigests::sha1},
+                               Kind{HashKind::Sha256, &EVP_sha256, &FileDigests::sha256}};
+
+bool Wants(HashKind wanted, const Kind& kind) {
+  return wanted == HashKind::All || wanted == kind.kind;
+}
+
 // One digest on its way.
 struct Pass {
   Context context;
-  std::vector<unsigned char>* digest;
+  std::vector<unsigned char> FileDigests::*digest;
 };
 
-Pass StartPass(const std::string& path, const EVP_MD* algorithm, std::vector<unsigned char>* digest) {
-  Pass pass{Context(EVP_MD_CTX_new()), digest};
+Pass StartPass(const std::string& path, const Kind& kind) {
+  Pass pass{Context(EVP_MD_CTX_new()), kind.digest};
   if (!pass.context) throw HashGeneratorException("Failed to create hash contexts for " + path);
-  if (EVP_DigestInit(pass.context.get(), algorithm) != 1) {
+  if (EVP_DigestInit(pass.context.get(), kind.algorithm()) != 1) {
     throw HashGeneratorException("Failed to initialize hash contexts for " + path);
   }
   return pass;
 }
 
-void FinishPass(const std::string& path, const Pass& pass) {
+std::vector<unsigned char> FinishPass(const std::string& path, const Pass& pass) {
   std::vector<unsigned char> digest(EVP_MAX_MD_SIZE);
   unsigned length = 0;
   if (EVP_DigestFinal(pass.context.get(), digest.data(), &length) != 1) {
     throw HashGeneratorException("Failed to finalize hashes for " + path);
   }
   digest.resize(length);
-  *pass.digest = std::move(digest);
+  return digest;
+}
+
+// The calling thread's buffer of kChunk bytes. Its pages are touched by what is read only: zeroed anew for each file,
+// it would cost most of what hashing many small files costs.
+unsigned char* ChunkBuffer() {
+  thread_local std::unique_ptr<unsigned char[]> buffer;
+  if (!buffer) buffer = std::make_unique_for_overwrite<unsigned char[]>(kChunk);
+  return buffer.get();
 }
 
 bool IsInProcfs(int fd) {
@@ -57,11 +80,11 @@ bool IsInProcfs(int fd) {
   return fstatfs(fd, &file_system) == 0 && file_system.f_type == PROC_SUPER_MAGIC;
 }
 
-std::size_t ReadChunk(const std::string& path, int fd, std::vector<unsigned char>& buffer, std::int64_t left) {
-  const std::size_t wanted = std::min(buffer.size(), static_cast<std::size_t>(left));
+std::size_t ReadChunk(const std::string& path, int fd, unsigned char* buffer, std::int64_t left) {
+  const std::size_t wanted = std::min(kChunk, static_cast<std::size_t>(left));
   ssize_t count = 0;
   do {
-    count = read(fd, buffer.data(), wanted);
+    count = read(fd, buffer, wanted);
   } while (count < 0 && errno == EINTR);
   if (count < 0) {
     throw HashGeneratorException("Error reading file '" + path + "' for generating hashes: " + ErrnoText(errno));
@@ -77,7 +100,8 @@ const std::vector<unsigned char>& Existing(const std::vector<unsigned char>& dig
 
 }  // namespace
 
-HashGenerator::HashGenerator(std::string path, const std::string& device, std::uint64_t inode, HashKind kind)
+HashGenerator::HashGenerator(std::string path, const std::string& device, std::uint64_t inode, HashKind kind,
+                             DigestCache* cache)
     : path_(std::move(path)) {
   // Opening alone can do harm: a watchdog is armed by it. Whoever puts a link in the file's place must not get there.
   struct stat before {};
@@ -94,48 +118,69 @@ HashGenerator::HashGenerator(std::string path, const std::string& device, std::u
   if (S_ISLNK(named.st_mode)) ZLOG_DEBUG("Generating hash for source file for symlink " << path_);
   if (!device.empty() && (opened.st_ino != inode || DeviceText(opened.st_dev) != device)) return;
   if (!S_ISREG(opened.st_mode) || IsInProcfs(fd.Get())) return;
-  ZLOG_TRACE("Reading file content from " << path_ << " (Size: " << opened.st_size << " bytes.)");
   if (opened.st_size > kMaxFileSize) {
     ZLOG_DEBUG("Not generating hashes for " << path_ << ": " << opened.st_size << " bytes are more than "
                                             << kMaxFileSize);
     return;
   }
-  Generate(fd.Get(), opened.st_size, kind);
+  digests_ =
+      cache != nullptr ? GenerateOrRecall(fd.Get(), opened, kind, *cache) : Generate(fd.Get(), opened.st_size, kind);
+}
+
+// What is kept must be the digests of one state, from before the first read until after the last.
+FileDigests HashGenerator::GenerateOrRecall(int fd, const struct stat& opened, HashKind kind,
+                                            DigestCache& cache) const {
+  FileDigests known = cache.Find(opened);
+  const auto is_known = [&](const Kind& one) { return !Wants(kind, one) || !(known.*one.digest).empty(); };
+  if (std::all_of(kKinds.begin(), kKinds.end(), is_known)) {
+    for (const Kind& one : kKinds) {
+      if (!Wants(kind, one)) (known.*one.digest).clear();
+    }
+    return known;
+  }
+  const bool settled = cache.IsSettled(opened);
+  FileDigests digests = Generate(fd, opened.st_size, kind);
+  struct stat afterwards {};
+  if (settled && fstat(fd, &afterwards) == 0 && DigestCache::IsSameState(opened, afterwards)) {
+    cache.Keep(opened, digests);
+  }
+  return digests;
 }
 
 // Ends at the size that the file had when it was opened, or earlier: who appends faster than this reads gains nothing.
-void HashGenerator::Generate(int fd, std::int64_t size, HashKind kind) {
-  const auto wanted = [kind](HashKind one) { return kind == HashKind::All || kind == one; };
+FileDigests HashGenerator::Generate(int fd, std::int64_t size, HashKind kind) const {
+  ZLOG_TRACE("Reading file content from " << path_ << " (Size: " << size << " bytes.)");
   std::vector<Pass> passes;
-  if (wanted(HashKind::Md5)) passes.push_back(StartPass(path_, EVP_md5(), &md5_));
-  if (wanted(HashKind::Sha1)) passes.push_back(StartPass(path_, EVP_sha1(), &sha1_));
-  if (wanted(HashKind::Sha256)) passes.push_back(StartPass(path_, EVP_sha256(), &sha256_));
-
-  std::vector<unsigned char> buffer(kChunk);
+  for (const Kind& one : kKinds) {
+    if (Wants(kind, one)) passes.push_back(StartPass(path_, one));
+  }
+  unsigned char* const buffer = ChunkBuffer();
   for (std::int64_t left = size; left > 0;) {
     const std::size_t count = ReadChunk(path_, fd, buffer, left);
     if (count == 0) break;
     left -= static_cast<std::int64_t>(count);
     for (const Pass& pass : passes) {
-      if (EVP_DigestUpdate(pass.context.get(), buffer.data(), count) != 1) {
+      if (EVP_DigestUpdate(pass.context.get(), buffer, count) != 1) {
         throw HashGeneratorException("Failed to update hashes for " + path_);
       }
     }
   }
-  for (const Pass& pass : passes) FinishPass(path_, pass);
+  FileDigests digests;
+  for (const Pass& pass : passes) digests.*pass.digest = FinishPass(path_, pass);
+  return digests;
 }
 
 const std::vector<unsigned char>& HashGenerator::GetMd5() const {
-  return Existing(md5_, "MD5", path_);
+  return Existing(digests_.md5, "MD5", path_);
 }
 
 const std::vector<unsigned char>& HashGenerator::GetSha1() const {
-  return Existing(sha1_, "SHA1", path_);
+  return Existing(digests_.sha1, "SHA1", path_);
 }
 
 // The platform knows a missing SHA-256 digest by the same words.
 const std::vector<unsigned char>& HashGenerator::GetSha256() const {
-  return Existing(sha256_, "SHA1", path_);
+  return Existing(digests_.sha256, "SHA1", path_);
 }
 
 }  // namespace zagent::common::util

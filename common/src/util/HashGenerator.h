@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "common/src/util/DigestCache.h"
+
 namespace zagent::common::util {
 
 class HashGeneratorException : public std::runtime_error {
@@ -16,6 +18,7 @@ class HashGeneratorException : public std::runtime_error {
 enum class HashKind : std::uint8_t { All = 0, Md5 = 1, Sha1 = 2, Sha256 = 3 };
 
 // Digests of a file, computed in one pass over it and only if the file that is opened is still the one that was meant.
+// The thread that hashes keeps a buffer of 1 MiB for its next file.
 // What is no regular file (a FIFO, a device) or lies in procfs, whose files may be endless or change by being read, has
 // no digests; neither has a file that was replaced, nor one of more than kMaxFileSize bytes: a sparse file of terabytes
 // costs an attacker nothing and would keep the thread that hashes it for hours.
@@ -24,8 +27,10 @@ class HashGenerator {
   static constexpr std::int64_t kMaxFileSize = 1LL << 30;
 
   // Does all the work. `device` as audit writes it ("fd:00"); without it neither device nor inode is checked. A
-  // symbolic link is followed. Throws HashGeneratorException when the file cannot be opened or read.
-  HashGenerator(std::string path, const std::string& device, std::uint64_t inode, HashKind kind);
+  // symbolic link is followed. With a cache the file is read only if its state is not known there. Throws
+  // HashGeneratorException when the file cannot be opened or read.
+  HashGenerator(std::string path, const std::string& device, std::uint64_t inode, HashKind kind,
+                DigestCache* cache = nullptr);
 
   // The digest as bytes. Throw HashGeneratorException when it was not asked for or not computed.
   [[nodiscard]] const std::vector<unsigned char>& GetMd5() const;
@@ -33,12 +38,12 @@ class HashGenerator {
   [[nodiscard]] const std::vector<unsigned char>& GetSha256() const;
 
  private:
-  void Generate(int fd, std::int64_t size, HashKind kind);
+  [[nodiscard]] FileDigests Generate(int fd, std::int64_t size, HashKind kind) const;
+  [[nodiscard]] FileDigests GenerateOrRecall(int fd, const struct stat& opened, HashKind kind,
+                                             DigestCache& cache) const;
 
   std::string path_;
-  std::vector<unsigned char> md5_;
-  std::vector<unsigned char> sha1_;
-  std::vector<unsigned char> sha256_;
+  FileDigests digests_;
 };
 
 }  // namespace zagent::common::util

@@ -2,10 +2,12 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <thread>
 
 #include "common/src/util/DeviceText.h"
 #include "tests/fakes/LogCapture.h"
@@ -80,6 +82,22 @@ TEST_F(HashGeneratorTest, ReadsFilesLargerThanOneChunk) {
   // sha256sum of 3145745 times "x".
   EXPECT_EQ(Hex(HashAs(file, StatOf(file)).GetSha256()),
             "6f82050b9ee115847382cbdec71f9269e2f842af979d1af5de548c572436c5de");
+}
+
+TEST_F(HashGeneratorTest, TouchesNoMoreOfItsBufferThanAFileFills) {
+  const std::string file = folder_.Write("small", "abc");
+  HashGenerator(file, "", 0, HashKind::All);  // OpenSSL sets itself up
+  long faults = 0;
+  // A thread that hashes for the first time has no buffer yet.
+  std::thread([&] {
+    rusage before{};
+    rusage after{};
+    ASSERT_EQ(getrusage(RUSAGE_THREAD, &before), 0);
+    HashGenerator(file, "", 0, HashKind::All);
+    ASSERT_EQ(getrusage(RUSAGE_THREAD, &after), 0);
+    faults = after.ru_minflt - before.ru_minflt;
+  }).join();
+  EXPECT_LT(faults, 128) << "a buffer of 1 MiB has 256 pages";
 }
 
 TEST_F(HashGeneratorTest, AFileAboveTheLimitHasNoDigestsAndCostsNoTime) {

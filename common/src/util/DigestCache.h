@@ -1,0 +1,70 @@
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <unordered_map>
+#include <vector>
+
+#include "common/src/util/Clock.h"
+
+namespace zagent::common::util {
+
+// Digests of one file as bytes; one that was not computed is empty.
+struct FileDigests {
+  std::vector<unsigned char> md5, sha1, sha256;
+};
+
+// Digests of files whose state was seen before, so that a file is read once however many events name it. A state is the
+// file's device, inode, size and change time to the nanosecond. Bounded: at kMaxEntries the oldest entry goes, at about
+// 400 bytes each. Thread-safe.
+//
+// A write through a mapping changes the time when its page first becomes dirty and not at each store after that: as
+// with any look at a file, such a writer is seen late.
+class DigestCache {
+ public:
+  static constexpr std::size_t kMaxEntries = 4096;
+
+  explicit DigestCache(Clock& clock = Clock::Real()) : clock_(clock) {}
+  DigestCache(const DigestCache&) = delete;
+  DigestCache& operator=(const DigestCache&) = delete;
+  ~DigestCache() = default;
+
+  // Whether the next write is sure to give `file` another change time. File systems stamp with a clock that ticks a few
+  // hundred times a second or less: of two writes within a tick the later one cannot be told. Ask before reading.
+  [[nodiscard]] bool IsSettled(const struct stat& file) const;
+
+  [[nodiscard]] static bool IsSameState(const struct stat& one, const struct stat& other) {
+    return StateOf(one) == StateOf(other);
+  }
+
+  // What Keep was given for this state; all empty when it is not known.
+  [[nodiscard]] FileDigests Find(const struct stat& file) const;
+
+  // For a file that was settled before it was read and still has this state. Adds to what is known of it.
+  void Keep(const struct stat& file, const FileDigests& digests);
+
+ private:
+  struct State {
+    std::uint64_t device;
+    std::uint64_t inode;
+    std::int64_t size;
+    std::int64_t changed_s;
+    std::int64_t changed_ns;
+    bool operator==(const State&) const = default;
+  };
+  struct StateHash {
+    std::size_t operator()(const State& state) const;
+  };
+  static State StateOf(const struct stat& file);
+
+  Clock& clock_;
+  mutable std::mutex mutex_;
+  std::unordered_map<State, FileDigests, StateHash> digests_;
+  std::deque<State> oldest_first_;
+};
+
+}  // namespace zagent::common::util
