@@ -9,6 +9,8 @@ PACKAGES=(
 )
 # What boots a real kernel around them.
 PACKAGES+=(qemu-system-x86 busybox-static cpio zstd libmagic-mgc)
+# What counts instructions for the benchmarks.
+PACKAGES+=(valgrind)
 
 # missing_packages: the names of the list that are not installed, one a line.
 missing_packages() {
