@@ -92,7 +92,8 @@ std::size_t FeedAuparse(const std::string& log) {
   return events;
 }
 
-// Stands at the end of the pipeline and counts. Tells only that all have come: a wake-up an event would be its own cost.
+// Stands at the end of the pipeline and counts. Tells only that all have come: a wake-up an event would be its own
+// cost.
 class CountingEngine final : public edr::EventRuleEngine {
  public:
   explicit CountingEngine(std::size_t expected) : expected_(expected) {}

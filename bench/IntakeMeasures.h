@@ -20,8 +20,8 @@ IntakeCost MeasureTypedEvents(const std::string& log);
 
 // What a channel hands over at once: 64 KiB (the dispatcher's) or one record (the kernel's).
 enum class Reads { Bursts, Records };
-// Through both threads into an engine that does nothing. `expected` is what MeasureTypedEvents counted: the engine tells
-// when it has seen as many.
+// Through both threads into an engine that does nothing. `expected` is what MeasureTypedEvents counted: the engine
+// tells when it has seen as many.
 IntakeCost MeasurePipeline(const std::string& log, Reads reads, std::size_t expected);
 
 // Bytes of heap that an event holds on average while it waits in a queue.
@@ -29,5 +29,6 @@ double HeapOfAnEvent(const std::string& log);
 
 }  // namespace zagent::bench
 
-// Does what the two first measures do, without measuring. Callgrind counts what happens within, and finds it by its name.
+// Does what the two first measures do, without measuring. Callgrind counts what happens within, and finds it by its
+// name.
 extern "C" void OstrelBenchCounted(const std::string& log, bool typed);

@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "common/src/util/DigestCache.h"
 #include "src/edr/LibMagicWrapper.h"
 
 namespace zagent::audit::internal {
@@ -9,6 +10,8 @@ namespace zagent::audit::internal {
 // What every file event is built with and asks later, one for all of them.
 struct FileContext {
   std::shared_ptr<edr::LibMagicWrapper> lib_magic;  // null: no type descriptions
+  // Null: a file is read anew for each event that is asked for its digests.
+  std::shared_ptr<common::util::DigestCache> digests = nullptr;
 };
 
 }  // namespace zagent::audit::internal

@@ -105,7 +105,8 @@ const std::vector<unsigned char>& FileEvent::GetFileContentHash(edr::ContentHash
 FileEvent::Digests FileEvent::GenerateDigests() const {
   Digests digests;
   try {
-    const HashGenerator generator(file_->GetPath(), file_->GetDevice(), file_->GetInode(), common::util::HashKind::All);
+    const HashGenerator generator(file_->GetPath(), file_->GetDevice(), file_->GetInode(), common::util::HashKind::All,
+                                  context_ ? context_->digests.get() : nullptr);
     digests.md5 = DigestOrNothing(generator, &HashGenerator::GetMd5);
     digests.sha1 = DigestOrNothing(generator, &HashGenerator::GetSha1);
     digests.sha256 = DigestOrNothing(generator, &HashGenerator::GetSha256);

@@ -18,7 +18,7 @@ constexpr std::chrono::seconds kCpuPause{1};
 
 ParserThread::Seams ThisMachine(std::shared_ptr<edr::LibMagicWrapper> lib_magic, std::uint64_t cpu_limit,
                                 std::uint64_t memory_limit, common::util::Clock& clock) {
-  return {internal::MakeEventFactory({std::move(lib_magic)}),
+  return {internal::MakeEventFactory({std::move(lib_magic), std::make_shared<common::util::DigestCache>(clock)}),
           [cpu_limit, memory_limit, &clock] { return MakeLoadProbe(cpu_limit, memory_limit, clock); }};
 }
 

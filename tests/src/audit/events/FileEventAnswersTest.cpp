@@ -8,6 +8,7 @@
 #include "src/audit/events/ReadWriteEvent.h"
 #include "src/edr/process/StatHelper.h"
 #include "tests/fakes/AuditRecords.h"
+#include "tests/fakes/FakeClock.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
 
@@ -196,6 +197,20 @@ TEST_F(FileEventAnswersTest, ComputesAllDigestsWithOneReadOfTheFile) {
   EXPECT_EQ(Hex(event->GetFileContentHash(edr::ContentHash::Sha1)), kAbcSha1);
   EXPECT_EQ(Hex(event->GetFileContentHash(edr::ContentHash::Sha256)), kAbcSha256);
   EXPECT_EQ(log_.Count("Reading file content from " + file + " (Size: "), 1);
+}
+
+TEST_F(FileEventAnswersTest, EventsThatShareDigestsReadAFileOnceUntilItIsWrittenAgain) {
+  const std::string file = folder_.Write("f", "abc");
+  // To a clock that is ahead, every change is old enough.
+  fakes::FakeClock clock(std::chrono::system_clock::now() + std::chrono::minutes(1));
+  context_ =
+      std::make_shared<const FileContext>(FileContext{magic_, std::make_shared<common::util::DigestCache>(clock)});
+  for (int event = 0; event < 10; ++event) {
+    EXPECT_EQ(Hex(Written(file)->GetFileContentHash(edr::ContentHash::Sha256)), kAbcSha256);
+  }
+  EXPECT_EQ(log_.Count("Reading file content from " + file + " (Size: "), 1);
+  folder_.Write("f", "written again");
+  EXPECT_NE(Hex(Written(file)->GetFileContentHash(edr::ContentHash::Sha256)), kAbcSha256);
 }
 
 TEST_F(FileEventAnswersTest, HasNoDigestOfAFileThatWasReplacedAndTriesOnlyOnce) {
