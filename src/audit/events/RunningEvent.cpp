@@ -110,13 +110,12 @@ void RunningEvent::SetImages() {
   }
   const PathRecord& interpreter = InterpreterRecord();
   script_.Get(ImageOf(program, canonical.get(), ""));
-  image_ = ImageOf(
-      interpreter, ProcessPath(),
-      common::util::ReadFileSystemAttributes(ProcessPath(), interpreter.device, interpreter.inode));
+  image_ = ImageOf(interpreter, ProcessPath(),
+                   common::util::ReadFileSystemAttributes(ProcessPath(), interpreter.device, interpreter.inode));
 }
 
-// With security modules the kernel records the script twice: the interpreter is what has another name. An interpreter may
-// be a script too, so the one that is the image comes first.
+// With security modules the kernel records the script twice: the interpreter is what has another name. An interpreter
+// may be a script too, so the one that is the image comes first.
 const PathRecord& RunningEvent::InterpreterRecord() const {
   const PathRecord* first = nullptr;
   for (const PathRecord& record : records_) {
