@@ -65,7 +65,7 @@ class NoMagic final : public edr::LibMagicWrapper {
 
 // Builds the log's events and hands them to `keep`, those of a piece at a time.
 void BuildEvents(const std::string& log, const std::function<void(Events&&)>& keep) {
-  AuparseFeed feed(audit::internal::MakeEventFactory(std::make_shared<NoMagic>()));
+  AuparseFeed feed(audit::internal::MakeEventFactory({std::make_shared<NoMagic>()}));
   InPieces(log, kFeed, [&](const char* data, std::size_t size) {
     feed.Feed(reinterpret_cast<const unsigned char*>(data), size);
     keep(feed.TakeEvents());

@@ -16,25 +16,26 @@ namespace zagent::fakes {
 // asked. Used by one thread at a time.
 struct ScriptedEventFactory {
   std::vector<int> syscalls;  // asked for, in their order
-  std::set<int> unknown;      // answered with false
+  std::set<int> unknown;      // answered as unsupported
   bool builds_abends = false;
   std::function<void(int)> interfere;  // runs before an event is made; may throw
 
   [[nodiscard]] audit::internal::EventFactory Get() {
+    using Result = audit::internal::BuildResult;
     return [this](const audit::internal::EventSubject& subject, audit::internal::RecordSource& source,
                   audit::internal::Events& events) {
       if (subject.record_type == audit::internal::record_type::kAnomAbend) {
-        if (!builds_abends) return false;
+        if (!builds_abends) return Result::Unsupported;
       } else {
         syscalls.push_back(subject.syscall);
       }
-      if (unknown.count(subject.syscall) != 0) return false;
+      if (unknown.count(subject.syscall) != 0) return Result::Unsupported;
       if (interfere) interfere(subject.syscall);
       auto event = std::make_unique<FakeEvent>();
       event->id = source.Id();
       event->timestamp = source.Timestamp();
       events.push_back(std::move(event));
-      return true;
+      return Result::Built;
     };
   }
 };

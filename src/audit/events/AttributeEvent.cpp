@@ -30,6 +30,7 @@ std::unique_ptr<edr::Event> AttributeEvent::Clone() const {
 
 void AttributeEvent::Validate() {
   FileEvent::Validate();
+  if (Refusal() != nullptr) return;
   if (ObjectWord() != TypeWord::None && ObjectWord() != TypeWord::Normal) {
     throw edr::EventException("Missing normal PATH record for Attribute event");
   }
@@ -39,8 +40,8 @@ void AttributeEvent::Validate() {
   }
   Stat(follow);
   if (!state_) {
-    throw edr::EventException("File stat does not exist for " + GetAction() + " event with ID " +
-                              std::to_string(GetId()));
+    Refuse("File stat does not exist for " + GetAction() + " event with ID " + std::to_string(GetId()));
+    return;
   }
   new_file_.emplace(file_->GetDevice(), common::PermissionOf(state_->mode), file_->GetInode(), file_->GetPath(),
                     state_->gid, common::GroupName(state_->gid), common::UserName(state_->uid), state_->uid, "");

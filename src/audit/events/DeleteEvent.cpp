@@ -33,6 +33,7 @@ void DeleteEvent::Refresh() {
 
 void DeleteEvent::Validate() {
   FileEvent::Validate();
+  if (Refusal() != nullptr) return;
   if (!Contains(kDeleting, Syscall())) throw edr::EventException("Invalid syscall for delete event");
   if (ObjectWord() != TypeWord::None && ObjectWord() != TypeWord::Delete) {
     throw edr::EventException("Missing delete PATH record for Delete event");

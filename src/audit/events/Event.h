@@ -1,7 +1,9 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
+#include "common/src/util/DeepPtr.h"
 #include "src/audit/events/RecordSource.h"
 #include "src/edr/PartialEvent.h"
 
@@ -10,6 +12,7 @@ namespace zagent::audit::internal {
 // An event that is built from the records of one audit event. It answers its id and timestamp.
 //
 // The constructor of each final class calls Feed, so that the virtual ParseRecord, Validate and GetAction are its own.
+// Whoever constructs one asks for its Refusal before anything else.
 class Event : public edr::PartialEvent {
  public:
   Event& operator=(const Event&) = delete;
@@ -19,6 +22,10 @@ class Event : public edr::PartialEvent {
   [[nodiscard]] std::int64_t GetTimestamp() const override { return timestamp_; }
   // Throws edr::EventException "Missing event ID or timestamp".
   void Validate() override;
+
+  // Why the records make no event after all; null for a sound event. That a file is gone by the time anybody looks is
+  // an ordinary thing, so it is told without an exception. A refused event reaches no consumer.
+  [[nodiscard]] const std::string* Refusal() const { return refusal_.Find(); }
 
   // The absolute path of `child`: itself when it is absolute, else below `parent`, which may be relative to `cwd` or
   // empty. "." and ".." and doubled separators are taken out by their text alone. Throws edr::EventException.
@@ -32,10 +39,13 @@ class Event : public edr::PartialEvent {
   // Reads the event's records of the wanted kinds into ParseRecord, then calls Validate. Whatever they throw means that
   // there is no such event.
   void Feed(RecordSource& source, RecordKinds wanted);
+  // To be followed by nothing: a derived class returns when the Validate of its base has refused.
+  void Refuse(std::string reason) { refusal_.Get(std::move(reason)); }
 
  private:
   std::uint32_t id_ = 0;
   std::int64_t timestamp_ = 0;
+  common::util::DeepPtr<std::string> refusal_;
 };
 
 }  // namespace zagent::audit::internal

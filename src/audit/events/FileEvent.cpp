@@ -162,6 +162,7 @@ void FileEvent::Validate() {
   if (!records_->object) throw edr::EventException("Missing/incorrect PATH records in file event");
   SettleRecords();
   ResolveFile();
+  if (Refusal() != nullptr) return;
   const PathRecord& object = *records_->object;
   object_type_ = object.is_file ? edr::ObjectType::File : edr::ObjectType::Directory;
   is_symlink_ = object.is_symlink;
@@ -183,7 +184,8 @@ void FileEvent::ResolveFile() {
   file_ = ImageOf(object, start.ResolveAlone(object));
   struct stat parent {};
   if (stat(FolderPart(file_->GetPath()).c_str(), &parent) != 0) {
-    throw edr::EventException("Failed to get parent inode/deviceid for " + GetAction() + " event");
+    Refuse("Failed to get parent inode/deviceid for " + GetAction() + " event");
+    return;
   }
   parent_device_ = common::util::DeviceText(parent.st_dev);
   parent_inode_ = parent.st_ino;

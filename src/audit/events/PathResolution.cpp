@@ -49,9 +49,24 @@ std::string WithoutLastSlash(std::string path) {
   return path;
 }
 
+// Whether an absolute path has neither an empty part nor one that begins with a dot, and no slash at its end: nothing
+// to take out. Nearly every path is, and then it need not be taken apart.
+bool IsPlain(const std::string& path) {
+  if (path.size() < 2 || path.front() != '/' || path.back() == '/') return false;
+  for (std::size_t at = 0; (at = path.find('/', at)) != std::string::npos; ++at) {
+    if (path[at + 1] == '/' || path[at + 1] == '.') return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 std::string NormalisePath(const std::string& path) {
+  if (IsPlain(path)) return path;
+  return NormaliseWithPoco(path);
+}
+
+std::string NormaliseWithPoco(const std::string& path) {
   try {
     const std::string last = path.substr(path.rfind('/') + 1);
     if (last != "." && last != "..") return Poco::Path(path).toString();
@@ -63,6 +78,7 @@ std::string NormalisePath(const std::string& path) {
 }
 
 std::string FolderPart(const std::string& path) {
+  if (IsPlain(path)) return path.substr(0, std::max<std::size_t>(path.rfind('/'), 1));
   return WithoutLastSlash(Poco::Path(path).parent().toString());
 }
 

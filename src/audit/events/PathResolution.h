@@ -10,6 +10,9 @@ namespace zagent::audit::internal {
 // "." and ".." and doubled separators taken out by the text alone; never asks the disk. Throws edr::EventException.
 [[nodiscard]] std::string NormalisePath(const std::string& path);
 
+// The same by Poco::Path, whatever the path: the rule that NormalisePath takes a shortcut to.
+[[nodiscard]] std::string NormaliseWithPoco(const std::string& path);
+
 // The folder part of a path without its last slash; "/" for what lies in the root.
 [[nodiscard]] std::string FolderPart(const std::string& path);
 

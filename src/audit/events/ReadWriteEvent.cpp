@@ -37,6 +37,7 @@ std::string ReadWriteEvent::GetAction() const {
 
 void ReadWriteEvent::Validate() {
   FileEvent::Validate();
+  if (Refusal() != nullptr) return;
   const TypeWord word = ObjectWord();
   if (word != TypeWord::None && word != TypeWord::Normal && word != TypeWord::Create) {
     throw edr::EventException(std::string("Invalid type of PATH record for Write event: ") + TextOf(word));

@@ -145,6 +145,7 @@ bool RenameEvent::ParentsAreCrossed() {
 
 void RenameEvent::Validate() {
   FileEvent::Validate();
+  if (Refusal() != nullptr) return;
   if (ObjectWord() != TypeWord::None && ObjectWord() != TypeWord::Delete) {
     throw edr::EventException("Missing delete PATH record for Rename event");
   }
@@ -191,7 +192,7 @@ void RenameEvent::ConfirmDestination(const PathRecord& parent) {
 
 void RenameEvent::SplitReplaced(std::unique_ptr<DeleteEvent>* replaced) {
   std::optional<PathRecord>& object = destination_->replaced;
-  if (!object || replaced == nullptr) return;
+  if (!object || replaced == nullptr || Refusal() != nullptr) return;
   object->type_word = TypeWord::Delete;
   try {
     *replaced = std::make_unique<DeleteEvent>(std::move(*object), std::move(*destination_->parent), *this);

@@ -81,7 +81,7 @@ void AuparseFeed::OnCompleteEvent() {
   source_.Begin();
   const int type = source_.FirstType();
   // A process that ends abnormally within a call has both records.
-  if (type == record_type::kAnomAbend && build_events_({type}, source_, events_)) return;
+  if (type == record_type::kAnomAbend && build_events_({type}, source_, events_) != BuildResult::Unsupported) return;
   if (type == record_type::kEndOfEvent) return;
   if (const Record* call = source_.FindCall()) {
     BuildFromCall(*call);
@@ -99,7 +99,7 @@ void AuparseFeed::BuildFromCall(const Record& call) {
   }
   const long long number = ParseNumber(call.fields.Find(edr::RecordField::Syscall));
   const bool in_range = number >= 0 && number <= kLastSyscall;
-  if (!in_range || !build_events_({call.type, static_cast<int>(number)}, source_, events_)) {
+  if (!in_range || build_events_({call.type, static_cast<int>(number)}, source_, events_) == BuildResult::Unsupported) {
     ZLOG_TRACE("Unsupported syscall in event: " << number);
   }
 }

@@ -2,8 +2,10 @@
 
 #include <array>
 #include <cstddef>
+#include <string>
 #include <utility>
 
+#include "common/src/util/Log.h"
 #include "src/audit/events/AbendEvent.h"
 #include "src/audit/events/AttributeEvent.h"
 #include "src/audit/events/CloneEvent.h"
@@ -19,24 +21,33 @@ namespace zagent::audit::internal {
 namespace {
 
 using Context = FileEvent::Context;
-using Builder = void (*)(RecordSource& source, const Context& context, Events& events);
+using Builder = BuildResult (*)(RecordSource& source, const Context& context, Events& events);
 
-template <class EventClass>
-void Build(RecordSource& source, const Context& context, Events& events) {
-  events.push_back(std::make_unique<EventClass>(source, context));
+BuildResult Accept(std::unique_ptr<Event> event, Events& events) {
+  if (const std::string* refusal = event->Refusal()) {
+    ZLOG_DEBUG("Dropping event: " << *refusal);
+    return BuildResult::Dropped;
+  }
+  events.push_back(std::move(event));
+  return BuildResult::Built;
 }
 
 template <class EventClass>
-void BuildAlone(RecordSource& source, const Context& /*context*/, Events& events) {
-  events.push_back(std::make_unique<EventClass>(source));
+BuildResult Build(RecordSource& source, const Context& context, Events& events) {
+  return Accept(std::make_unique<EventClass>(source, context), events);
+}
+
+template <class EventClass>
+BuildResult BuildAlone(RecordSource& source, const Context& /*context*/, Events& events) {
+  return Accept(std::make_unique<EventClass>(source), events);
 }
 
 // A rename over an existing file is its delete first, then the rename.
-void BuildRename(RecordSource& source, const Context& context, Events& events) {
+BuildResult BuildRename(RecordSource& source, const Context& context, Events& events) {
   std::unique_ptr<DeleteEvent> replaced;
   auto rename = std::make_unique<RenameEvent>(source, context, &replaced);
   if (replaced) events.push_back(std::move(replaced));
-  events.push_back(std::move(rename));
+  return Accept(std::move(rename), events);
 }
 
 // read, write, open, pread64, pwrite64, readv, writev, truncate, ftruncate, openat, preadv, pwritev, open_by_handle_at
@@ -92,9 +103,7 @@ EventFactory MakeEventFactory(FileContext context) {
   return [context = std::make_shared<const FileContext>(std::move(context))](const EventSubject& subject,
                                                                              RecordSource& source, Events& events) {
     const Builder build = BuilderOf(subject);
-    if (build == nullptr) return false;
-    build(source, context, events);
-    return true;
+    return build != nullptr ? build(source, context, events) : BuildResult::Unsupported;
   };
 }
 

@@ -22,10 +22,15 @@ struct EventSubject {
   int syscall = -1;
 };
 
-// Builds what the audit event at the source means and appends it to `events`. False when the subject means nothing to
-// the program. Throws edr::EventException and other std::exceptions when the records do not make an event; `events` is
-// unchanged then.
-using EventFactory = std::function<bool(const EventSubject& subject, RecordSource& source, Events& events)>;
+enum class BuildResult {
+  Built,
+  Unsupported,  // the subject means nothing to the program
+  Dropped,      // the records make no event; a debug line has told why
+};
+
+// Builds what the audit event at the source means and appends it to `events`. Throws edr::EventException and other
+// std::exceptions when the records are unsound. `events` is unchanged unless the result is Built.
+using EventFactory = std::function<BuildResult(const EventSubject& subject, RecordSource& source, Events& events)>;
 
 // The factory of the program's own event classes.
 EventFactory MakeEventFactory(FileContext context);

@@ -22,6 +22,7 @@ TEST(ErrnoTextTest, AnUnknownNumberIsUnknownError) {
 TEST(DeviceTextTest, PadsBothNumbersToTwoDigits) {
   EXPECT_EQ(DeviceText(makedev(0, 2)), "00:02");
   EXPECT_EQ(DeviceText(makedev(0xfd, 0x1a3)), "fd:1a3");
+  EXPECT_EQ(DeviceText(makedev(0xabc, 0xabcde)), "abc:abcde");
 }
 
 TEST(FormatUtcTest, WritesWholeSeconds) {

@@ -218,12 +218,9 @@ TEST_F(AttributeEventTest, NeedsTheFileOnDisk) {
   AuditRecords records;
   records.Syscall(90).Cwd("/").Path("NORMAL", file_);
   ASSERT_EQ(unlink(file_.c_str()), 0);
-  try {
-    AttributeEvent event(records, nullptr);
-    FAIL() << "has an after without a file";
-  } catch (const edr::EventException& error) {
-    EXPECT_STREQ(error.what(), "File stat does not exist for Change event with ID 77");
-  }
+  const AttributeEvent event(records, nullptr);
+  ASSERT_NE(event.Refusal(), nullptr) << "has an after without a file";
+  EXPECT_EQ(*event.Refusal(), "File stat does not exist for Change event with ID 77");
 }
 
 TEST_F(AttributeEventTest, RefusesOtherCallsAndRecords) {

@@ -46,11 +46,11 @@ class FileEventTest : public ::testing::Test {
   template <typename Kind = ReadWriteEvent>
   static std::string ErrorOf(AuditRecords& records) {
     try {
-      Kind event(records, nullptr);
+      const Kind event(records, nullptr);
+      return event.Refusal() != nullptr ? *event.Refusal() : "no EventException";
     } catch (const edr::EventException& error) {
       return error.what();
     }
-    return "no EventException";
   }
   // The opening of `name` for writing, in the test's folder.
   AuditRecords& OpenForWriting(const AuditRecords::Fields& changes = kForWriting) {

@@ -4,6 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <random>
+#include <string>
+#include <vector>
+
 #include "src/audit/events/PathResolution.h"
 #include "src/edr/Event.h"
 #include "tests/fakes/AuditRecords.h"
@@ -188,6 +192,19 @@ TEST(PathResolutionTest, FindsTheFolderOfAPath) {
   EXPECT_EQ(FolderPart("/srv/w/d/"), "/srv/w");
   EXPECT_EQ(FolderPart("/f"), "/");
   EXPECT_EQ(FolderPart("/"), "/");
+}
+
+// Random paths of the pieces that mean something to a path.
+TEST(PathResolutionTest, TakesItsShortcutOnlyWhereItChangesNothing) {
+  const std::vector<std::string> pieces = {"/",   "//", ".",   "..", "a",    "bc", ".hidden",
+                                           "...", "~",  "x y", "\n", "\xff", "C:"};
+  std::mt19937 random(20240501);
+  for (int round = 0; round < 20'000; ++round) {
+    std::string path = random() % 8 == 0 ? "" : "/";
+    for (std::size_t count = random() % 7; count > 0; --count) path += pieces[random() % pieces.size()];
+    if (path.empty()) continue;
+    EXPECT_EQ(NormalisePath(path), NormaliseWithPoco(path)) << path;
+  }
 }
 
 TEST(PathResolutionTest, KnowsWhichArgumentIsTheFolderOfTheObject) {

@@ -162,7 +162,7 @@ TEST_F(AuparseFeedTest, WritesEveryRecordOfAnEventToTheTrace) {
   AuparseFeed feed([&](const EventSubject&, RecordSource& source, Events&) {
     constexpr RecordKinds kAll = 0xffff;
     while (source.Next(kAll) != nullptr) ++records_left;
-    return true;
+    return BuildResult::Built;
   });
   const std::string event = log_.Event(AuditLog::kMkdir);
   feed.Feed(reinterpret_cast<const unsigned char*>(event.data()), event.size());

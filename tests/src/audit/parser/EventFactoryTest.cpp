@@ -115,6 +115,15 @@ TEST_F(EventFactoryTest, MakesADeleteAndThenARenameOfARenameOverAFile) {
   EXPECT_EQ(events[0]->GetId(), events[1]->GetId());
 }
 
+TEST_F(EventFactoryTest, DropsARefusedEventWithItsReasonAndWithoutAnException) {
+  const std::string paths = Path("NORMAL", file_);
+  ASSERT_EQ(unlink(file_.c_str()), 0);
+  EXPECT_THAT(Build(90, paths), testing::IsEmpty());
+  EXPECT_TRUE(
+      lines_.Has(Poco::Message::PRIO_DEBUG, "Dropping event: File stat does not exist for Change event with ID 900"))
+      << lines_.All();
+}
+
 // The calls that each class stands for, held against the numbers of the x86-64 table.
 TEST_F(EventFactoryTest, KnowsItsCallsAndNoOthers) {
   const std::set<int> known = {
