@@ -1,5 +1,6 @@
 #include "common/src/util/Clock.h"
 
+#include <algorithm>
 #include <array>
 #include <ctime>
 
@@ -17,6 +18,19 @@ class RealClock final : public Clock {
 };
 
 }  // namespace
+
+bool Clock::WaitOnEitherClock(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
+                              std::chrono::nanoseconds duration, const std::function<bool()>& predicate) {
+  using std::chrono::nanoseconds;
+  constexpr nanoseconds kBetweenLooks = std::chrono::seconds(1);
+  const SystemTime wall_end = Now() + std::chrono::duration_cast<SystemTime::duration>(duration);
+  const SteadyTime steady_end = SteadyNow() + std::chrono::duration_cast<SteadyTime::duration>(duration);
+  for (;;) {
+    const nanoseconds left = std::min<nanoseconds>(wall_end - Now(), steady_end - SteadyNow());
+    if (left <= nanoseconds::zero()) return predicate();
+    if (WaitFor(condition, lock, std::min(left, kBetweenLooks), predicate)) return true;
+  }
+}
 
 Clock& Clock::Real() {
   static RealClock clock;

@@ -22,15 +22,23 @@ class Clock {
   [[nodiscard]] virtual SystemTime Now() const = 0;
   [[nodiscard]] virtual SteadyTime SteadyNow() const = 0;
 
-  // Waits on `condition` until `predicate` holds or this clock has reached `deadline`; returns predicate().
-  // `lock` is held when predicate runs and on return. Whoever changes what the predicate reads notifies `condition`.
+  // All waits: on `condition` until `predicate` holds or the time has come; they return predicate(). `lock` is held
+  // when predicate runs and on return. Whoever changes what the predicate reads notifies `condition`.
+
+  // Until the wall clock shows `deadline`, whoever sets it in between: for what is due at a time of the day.
   virtual bool WaitUntil(std::condition_variable& condition, std::unique_lock<std::mutex>& lock, SystemTime deadline,
                          const std::function<bool()>& predicate) = 0;
 
-  bool WaitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
-               std::chrono::nanoseconds duration, const std::function<bool()>& predicate) {
-    return WaitUntil(condition, lock, Now() + duration, predicate);
+  // Until `duration` has passed, on the steady clock: a wall clock that is set neither stretches nor cuts it.
+  virtual bool WaitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
+                       std::chrono::nanoseconds duration, const std::function<bool()>& predicate) {
+    return condition.wait_for(lock, duration, predicate);
   }
+
+  // Until `duration` has passed on the wall clock or on the steady one, whichever is first. A wall clock that is set
+  // forward is noticed within a second.
+  bool WaitOnEitherClock(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
+                         std::chrono::nanoseconds duration, const std::function<bool()>& predicate);
 
   // The clock of the machine. Lives as long as the process.
   static Clock& Real();

@@ -40,11 +40,11 @@ void ControlLink::OnError(audit::IOChannel::Error /*error: the channel has logge
 }
 
 bool ControlLink::WaitForMessage(ControlLock& lock, std::chrono::seconds time) {
-  return clock_.WaitFor(condition_, lock, time, [this] { return HasMessage(); });
+  return clock_.WaitOnEitherClock(condition_, lock, time, [this] { return HasMessage(); });
 }
 
 void ControlLink::WaitForWork(ControlLock& lock, std::chrono::seconds time) {
-  clock_.WaitFor(condition_, lock, time, [this] { return HasMessage() || exit_flag_; });
+  clock_.WaitOnEitherClock(condition_, lock, time, [this] { return HasMessage() || exit_flag_; });
 }
 
 std::string ControlLink::TakeMessage() {

@@ -35,7 +35,8 @@ class ControlLink {
 
   [[nodiscard]] ControlLock Lock() { return ControlLock(mutex_); }
 
-  // The calls below want the control lock to be held.
+  // The calls below want the control lock to be held. Their times have passed when the wall clock or the steady clock
+  // says so.
 
   // Waits for a command until the time has passed; exit requests do not end this wait.
   bool WaitForMessage(ControlLock& lock, std::chrono::seconds time);

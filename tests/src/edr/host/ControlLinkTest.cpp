@@ -69,12 +69,46 @@ TEST_F(ControlLinkTest, TheWaitForTheFirstCommandEndsAtItsDeadlineOnly) {
     return link_.WaitForMessage(lock, 30s);
   });
   clock_.AwaitWaiters(1);
-  EXPECT_EQ(clock_.EarliestDeadline(), clock_.Now() + 30s);
   exit_flag_ = true;  // neither a signal nor a lost link ends it
   clock_.Advance(29s);
   EXPECT_EQ(waiting.wait_for(0s), std::future_status::timeout);
   clock_.Advance(1s);
   EXPECT_FALSE(waiting.get());
+}
+
+TEST_F(ControlLinkTest, AWallClockThatIsSetBackDoesNotStretchTheWaitForTheFirstCommand) {
+  auto waiting = std::async(std::launch::async, [this] {
+    auto lock = link_.Lock();
+    return link_.WaitForMessage(lock, 30s);
+  });
+  clock_.AwaitWaiters(1);
+  clock_.SetWall(-1h);
+  clock_.Advance(30s);
+  ASSERT_EQ(waiting.wait_for(20s), std::future_status::ready);
+  EXPECT_FALSE(waiting.get());
+}
+
+TEST_F(ControlLinkTest, AWallClockThatReachesTheTimeEndsTheWaitToo) {
+  auto waiting = std::async(std::launch::async, [this] {
+    auto lock = link_.Lock();
+    return link_.WaitForMessage(lock, 30s);
+  });
+  clock_.AwaitWaiters(1);
+  clock_.SetWall(1h);
+  clock_.Advance(1s);  // the next look at the wall clock
+  ASSERT_EQ(waiting.wait_for(20s), std::future_status::ready);
+  EXPECT_FALSE(waiting.get());
+}
+
+TEST_F(ControlLinkTest, AWallClockThatIsSetBackDoesNotHoldTheMainLoop) {
+  auto waiting = std::async(std::launch::async, [this] {
+    auto lock = link_.Lock();
+    link_.WaitForWork(lock, 1s);
+  });
+  clock_.AwaitWaiters(1);
+  clock_.SetWall(-1h);
+  clock_.Advance(1s);
+  ASSERT_EQ(waiting.wait_for(20s), std::future_status::ready);
 }
 
 TEST_F(ControlLinkTest, ALostLinkRaisesTheExitFlagAndWakesTheMainLoop) {
