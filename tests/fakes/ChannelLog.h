@@ -15,10 +15,12 @@ inline audit::IOChannel::Bytes ToBytes(const std::string& text) {
 struct ChannelLog {
   Mailbox<std::string> messages;
   Mailbox<audit::IOChannel::Error> errors;
+  Mailbox<std::string> ends;  // why a loop has ended by itself
 
   void ListenTo(audit::IOChannel& channel) {
     channel.SetReadCallback([this](audit::IOChannel::Bytes&& data) { messages.Put({data.begin(), data.end()}); });
     channel.SetErrorCallback([this](audit::IOChannel::Error error) { errors.Put(error); });
+    channel.SetEndedCallback([this](const std::string& cause) { ends.Put(cause); });
   }
 };
 

@@ -4,7 +4,9 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 
 namespace zagent::audit {
 namespace {
@@ -41,8 +43,15 @@ class KernelNetlink final : public AuditNetlink {
     return ToErrno(audit_get_reply(fd, &reply, GET_REPLY_NONBLOCKING, 0));
   }
   bool WaitReadable(int fd, std::chrono::milliseconds time) override {
-    pollfd waiting{fd, POLLIN, 0};
-    return poll(&waiting, 1, static_cast<int>(time.count())) > 0;
+    using std::chrono::milliseconds;
+    using SteadyClock = std::chrono::steady_clock;
+    const auto end = SteadyClock::now() + time;
+    for (;;) {
+      const auto left = std::chrono::ceil<milliseconds>(end - SteadyClock::now());
+      pollfd waiting{fd, POLLIN, 0};
+      const int ready = poll(&waiting, 1, static_cast<int>(std::max(left, milliseconds::zero()).count()));
+      if (ready >= 0 || errno != EINTR) return ready > 0;
+    }
   }
 };
 

@@ -138,48 +138,70 @@ void IOChannel::SetErrorCallback(ErrorCallback callback) {
   error_callback_ = std::move(callback);
 }
 
+void IOChannel::SetEndedCallback(EndedCallback callback) {
+  const std::lock_guard lock(mutex_);
+  RequireStopped();
+  ended_callback_ = std::move(callback);
+}
+
 void IOChannel::Start() {
   const std::lock_guard lock(mutex_);
   if (read_fd_ == -1) throw IOChannelException(Error::InvalidState);
   RequireStopped();
   exiting_ = false;
-  future_ = std::async(std::launch::async, [this] {
-    try {
-      EventLoop();
-    } catch (const std::exception& error) {
-      // Stop throws it on; until then nobody would know that the channel is deaf.
-      ZLOG_ERROR("IOChannel: The event loop has ended: " << error.what());
-      ReportError(Error::Unknown);
-      throw;
-    }
-  });
+  future_ = std::async(std::launch::async, [this] { Run(); });
+}
+
+void IOChannel::Run() {
+  std::exception_ptr died_of;
+  std::string cause;
+  try {
+    const Error error = EventLoop();
+    if (error != Error::Success) cause = Words(error);
+  } catch (const std::exception& error) {
+    died_of = std::current_exception();
+    cause = error.what();
+  } catch (...) {
+    died_of = std::current_exception();
+    cause = "unknown failure";
+  }
+  if (died_of) {
+    // Stop throws it on; until then nobody would know that the channel is deaf.
+    ZLOG_ERROR("IOChannel: The event loop has ended: " << cause);
+    ReportError(Error::Unknown);
+  }
+  if (!cause.empty() && !exiting_ && ended_callback_) ended_callback_(cause);
+  if (died_of) std::rethrow_exception(died_of);
 }
 
 void IOChannel::Stop() {
   const std::lock_guard lock(mutex_);
   exiting_ = true;
   if (!future_.valid()) return;
-  if (write(wake_write_.Get(), "1", 1) < 0) {
+  ssize_t written = 0;
+  do {
+    written = write(wake_write_.Get(), "1", 1);
+  } while (written < 0 && errno == EINTR);
+  if (written < 0) {
     ZLOG_ERROR("IOChannel::Stop: Cannot write the exit status on channel: " << ErrnoText(errno));
   }
   future_.get();
 }
 
-void IOChannel::EventLoop() {
-  while (!exiting_) {
+IOChannel::Error IOChannel::EventLoop() {
+  Error error = Error::Success;
+  while (!exiting_ && error == Error::Success) {
     bool self_pipe_ready = false;
     bool input_ready = false;
     const Wake wake = WaitForInput(self_pipe_ready, input_ready);
     if (wake == Wake::Again) continue;
-    if (wake == Wake::Failed) break;
-    if (wake == Wake::TimedOut) {
-      if (!HandleTimeout()) break;
-      continue;
-    }
-    if (input_ready && !exiting_ && !HandleReadable()) break;
-    if (self_pipe_ready) DrainSelfPipe();
+    if (wake == Wake::Failed) error = Error::Unknown;
+    if (wake == Wake::TimedOut) error = HandleTimeout();
+    if (input_ready && !exiting_) error = HandleReadable();
+    if (self_pipe_ready && error == Error::Success) DrainSelfPipe();
   }
   ZLOG_WARNING("IOChannel: Exiting the event loop.");
+  return error;
 }
 
 // poll instead of select: it has no highest descriptor. A descriptor that is not open is an error of the wait, as it
@@ -203,22 +225,15 @@ IOChannel::Wake IOChannel::WaitForInput(bool& self_pipe_ready, bool& input_ready
   return Wake::Signalled;
 }
 
-bool IOChannel::HandleTimeout() {
-  const Error error = OnTimeout();
-  if (error == Error::Success) return true;
-  ReportError(error);
-  return false;
+IOChannel::Error IOChannel::HandleTimeout() {
+  return ReportError(OnTimeout());
 }
 
-bool IOChannel::HandleReadable() {
+IOChannel::Error IOChannel::HandleReadable() {
   Bytes data;
   const bool end_of_file = Read(data);
   if (!data.empty()) OnRead(std::move(data));
-  if (!end_of_file) return true;
-  const Error error = OnEOF();
-  if (error == Error::Success) return true;
-  ReportError(error);
-  return false;
+  return end_of_file ? ReportError(OnEOF()) : Error::Success;
 }
 
 void IOChannel::DrainSelfPipe() const {
@@ -228,8 +243,9 @@ void IOChannel::DrainSelfPipe() const {
   }
 }
 
-void IOChannel::ReportError(Error error) const {
-  if (error_callback_) error_callback_(error);
+IOChannel::Error IOChannel::ReportError(Error error) const {
+  if (error != Error::Success && error_callback_) error_callback_(error);
+  return error;
 }
 
 bool IOChannel::Read(Bytes& data) {

@@ -8,6 +8,7 @@
 #include <future>
 #include <mutex>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 #include "common/src/util/UniqueFd.h"
@@ -36,6 +37,7 @@ class IOChannel {
   using Bytes = std::vector<unsigned char>;
   using ReadCallback = std::function<void(Bytes&&)>;
   using ErrorCallback = std::function<void(Error)>;
+  using EndedCallback = std::function<void(const std::string& cause)>;
 
   // A burst ends at this many bytes even if more are waiting.
   static constexpr std::size_t kMaxBurst = 65'536;
@@ -54,6 +56,9 @@ class IOChannel {
   // Throw IOChannelException(InvalidState) while the channel is running.
   void SetReadCallback(ReadCallback callback);
   void SetErrorCallback(ErrorCallback callback);
+  // Called once a run, as the last thing on the loop's thread, when the loop has ended without having been stopped:
+  // after the error callback, and also where that one is not called because the wait itself failed.
+  void SetEndedCallback(EndedCallback callback);
 
  protected:
   // Appends one burst to `data`; true at end of file.
@@ -76,6 +81,8 @@ class IOChannel {
   // Close-on-exec and non-blocking. Each failure is logged.
   static Error ConfigureFD(int fd);
   [[nodiscard]] bool IsExiting() const { return exiting_; }
+  // What the loop does from here on belongs to its stop; for a channel that must be woken before Stop can wait for it.
+  void AnnounceStop() { exiting_ = true; }
   [[nodiscard]] std::size_t GetReadBufSize() const { return read_buf_size_; }
   // Throws IOChannelException(InvalidState) when running; the caller holds mutex_.
   void RequireStopped() const;
@@ -87,18 +94,22 @@ class IOChannel {
 
  private:
   enum class Wake { Signalled, TimedOut, Again, Failed };
-  void EventLoop();
+  void Run();
+  // Answers why it has ended by itself; Success when it was stopped.
+  Error EventLoop();
   // Waits for the self-pipe, read_fd_ or the time limit.
   Wake WaitForInput(bool& self_pipe_ready, bool& input_ready) const;
-  // Each returns false when the loop has to end.
-  bool HandleTimeout();
-  bool HandleReadable();
+  // What is not Success ends the loop; it has been reported.
+  Error HandleTimeout();
+  Error HandleReadable();
   void DrainSelfPipe() const;
-  void ReportError(Error error) const;
+  // Hands an error to the error callback and answers it.
+  Error ReportError(Error error) const;
   Error WriteAll(const Bytes& data);
   Error WaitUntilWritable();
 
   ErrorCallback error_callback_;
+  EndedCallback ended_callback_;
   std::future<void> future_;
   ReadCallback read_callback_;
   common::util::UniqueFd wake_read_;

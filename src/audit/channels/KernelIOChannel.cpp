@@ -95,7 +95,11 @@ void KernelIOChannel::CloseSocket() {
 bool KernelIOChannel::Read(Bytes& data) {
   audit_reply reply;  // NOLINT(cppcoreguidelines-pro-type-member-init): nine thousand bytes that the kernel fills
   reply.message = nullptr;
-  if (netlink_.GetReply(audit_fd_, reply) < 1) {
+  int length = 0;
+  do {
+    length = netlink_.GetReply(audit_fd_, reply);
+  } while (length < 1 && errno == EINTR);
+  if (length < 1) {
     ZLOG_ERROR("KernelIOChannel::Read: Failed to read audit reply.");
     return false;
   }

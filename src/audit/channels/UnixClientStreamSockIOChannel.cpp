@@ -63,7 +63,6 @@ void UnixClientStreamSockIOChannel::Start() {
     CloseSocket();
     throw IOChannelException(error);
   }
-  stop_requested_ = false;
   try {
     IOChannel::Start();
   } catch (...) {
@@ -77,7 +76,7 @@ void UnixClientStreamSockIOChannel::Stop() {
   ZLOG_INFO("UnixClientStreamSockIOChannel: Stopping...");
   {
     const std::lock_guard lock(pause_mutex_);
-    stop_requested_ = true;
+    AnnounceStop();
   }
   pause_condition_.notify_all();
   std::exception_ptr died_of;
@@ -148,7 +147,7 @@ IOChannel::Error UnixClientStreamSockIOChannel::Reconnect() {
   for (std::int64_t attempt = 1; reconnect_limit_ >= 0; ++attempt) {
     ZLOG_INFO("UnixClientStreamSockIOChannel: Trying to reconnect... ");
     const Error connected = Connect();
-    if (IsEnding()) {
+    if (IsExiting()) {
       ZLOG_INFO("UnixClientStreamSockIOChannel: Aborting reconnection because socket is closing.");
       CloseSocket();
       return Error::Timeout;
@@ -167,7 +166,7 @@ IOChannel::Error UnixClientStreamSockIOChannel::Reconnect() {
 
 void UnixClientStreamSockIOChannel::PauseBeforeNextAttempt() {
   std::unique_lock lock(pause_mutex_);
-  clock_.WaitFor(pause_condition_, lock, kReconnectPause, [this] { return IsEnding(); });
+  clock_.WaitFor(pause_condition_, lock, kReconnectPause, [this] { return IsExiting(); });
 }
 
 }  // namespace zagent::audit

@@ -48,7 +48,6 @@ class UnixClientStreamSockIOChannel : public IOChannel {
   void CloseSocket();
   // One second, or less when the channel is being stopped.
   void PauseBeforeNextAttempt();
-  [[nodiscard]] bool IsEnding() const { return stop_requested_ || IsExiting(); }
 
   std::string path_;
   std::int32_t reconnect_limit_;
@@ -57,7 +56,6 @@ class UnixClientStreamSockIOChannel : public IOChannel {
   std::atomic<int> socket_{-1};
   std::mutex pause_mutex_;
   std::condition_variable pause_condition_;
-  std::atomic<bool> stop_requested_{false};
 };
 
 }  // namespace zagent::audit

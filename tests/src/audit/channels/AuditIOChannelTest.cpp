@@ -111,6 +111,14 @@ TEST_F(KernelIOChannelTest, AFailedReadIsLoggedAndTheNextRecordStillComes) {
   EXPECT_TRUE(log_.errors.IsEmpty());
 }
 
+TEST_F(KernelIOChannelTest, AReadThatASignalInterruptsIsTriedAgain) {
+  kernel_.PushFailure(EINTR);
+  kernel_.Push(AUDIT_CWD, "audit(1.000:2): cwd=\"/\"");
+  channel_.Start();
+  EXPECT_EQ(log_.messages.Take(), "type=CWD msg=audit(1.000:2): cwd=\"/\"\n");
+  EXPECT_FALSE(lines_.Has("KernelIOChannel::Read: Failed to read audit reply.")) << lines_.All();
+}
+
 TEST_F(KernelIOChannelTest, WithoutASocketStartIsDeniedAndStopHarmless) {
   kernel_.open_errno = EPERM;
   EXPECT_EQ(ErrorOf([&] { channel_.Start(); }), Error::AccessDenied);

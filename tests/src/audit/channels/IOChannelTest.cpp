@@ -312,14 +312,33 @@ TEST_F(IOChannelTest, ALoopThatDiesOfACallbackTellsItAtOnceAndStopRethrowsIt) {
   ASSERT_TRUE(called.Take().has_value());
   EXPECT_EQ(log_.errors.Take(), Error::Unknown);
   EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_ERROR, "IOChannel: The event loop has ended: callback failed"));
+  EXPECT_EQ(log_.ends.Take(), "callback failed");
   EXPECT_THROW(channel_.Stop(), std::runtime_error);
   channel_.Stop();
+}
+
+TEST_F(IOChannelTest, ALoopThatDiesOfSomethingThatIsNoStandardExceptionTellsItToo) {
+  channel_.SetReadCallback([](IOChannel::Bytes&&) { throw 42; });  // NOLINT(hicpp-exception-baseclass)
+  channel_.Start();
+  PeerWrites("x");
+  EXPECT_EQ(log_.errors.Take(), Error::Unknown);
+  EXPECT_EQ(log_.ends.Take(), "unknown failure");
+  EXPECT_THROW(channel_.Stop(), int);
+}
+
+TEST_F(IOChannelTest, AnEndThatWasAskedForIsNotReported) {
+  channel_.Start();
+  PeerWrites("x");
+  EXPECT_EQ(log_.messages.Take(), "x");
+  channel_.Stop();
+  EXPECT_TRUE(log_.ends.IsEmpty());
 }
 
 TEST_F(IOChannelTest, HoldsItsThreadAfterItEndedByItself) {
   channel_.Start();
   peer_.Reset();
   EXPECT_EQ(log_.errors.Take(), Error::RemoteFailure);
+  EXPECT_EQ(log_.ends.Take(), "IOChannel: Remote failure");
   EXPECT_EQ(ErrorOf([&] { channel_.Start(); }), Error::InvalidState);
   channel_.Stop();
   channel_.SetErrorCallback(nullptr);
@@ -332,6 +351,7 @@ TEST_F(IOChannelTest, ReportsATimeLimitThatPassesInSilence) {
   log.ListenTo(limited);
   limited.Start();
   EXPECT_EQ(log.errors.Take(), Error::Timeout);
+  EXPECT_EQ(log.ends.Take(), "IOChannel: Timeout");
   EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_ERROR, "IOChannel: Timeout occurred."));
 }
 
@@ -363,7 +383,8 @@ TEST_F(IOChannelTest, WithoutATimeLimitSilenceIsNoTimeout) {
 TEST_F(IOChannelTest, AFailingWaitEndsTheLoopWithALineAndWithoutTheErrorCallback) {
   channel_.Use(9'999, -1);
   channel_.Start();
-  while (!lines_.Has("IOChannel: Exiting the event loop.")) std::this_thread::yield();
+  EXPECT_EQ(log_.ends.Take(), "IOChannel: Unknown error");
+  EXPECT_TRUE(lines_.Has("IOChannel: Exiting the event loop."));
   EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_ERROR, "IOChannel::EventLoop: Bad file descriptor (9)"));
   channel_.Stop();
   EXPECT_TRUE(log_.errors.IsEmpty());

@@ -209,6 +209,16 @@ TEST_F(UnixStreamSockIOChannelTest, ANegativeLimitMeansNoAttempt) {
   EXPECT_TRUE(lines_.Has("UnixClientStreamSockIOChannel: Aborting reconnection due to timeout."));
 }
 
+TEST_F(UnixStreamSockIOChannelTest, AWallClockThatIsSetBackDoesNotStretchThePauses) {
+  ConnectClient(2);
+  server_->Stop();
+  clock_.AwaitWaiters(1);
+  clock_.SetWall(-std::chrono::hours(1));
+  PassReconnectPauses(2);
+  EXPECT_EQ(client_log_.errors.Take(), Error::Timeout);
+  EXPECT_EQ(client_log_.ends.Take(), "IOChannel: Timeout");
+}
+
 TEST_F(UnixStreamSockIOChannelTest, AZeroLimitNeverGivesUp) {
   ConnectClient(0);
   server_->Stop();
@@ -223,6 +233,7 @@ TEST_F(UnixStreamSockIOChannelTest, StopEndsAReconnectionWithoutWaitingForItsPau
   server_->Stop();
   clock_.AwaitWaiters(1);
   client_->Stop();  // the clock stands still: a pause that was not woken would last for ever
+  EXPECT_TRUE(client_log_.ends.IsEmpty()) << "an end that was asked for";
   EXPECT_TRUE(lines_.Has("UnixClientStreamSockIOChannel: Aborting reconnection because socket is closing."));
 }
 
