@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -21,8 +22,8 @@ class RuleEngineException : public std::runtime_error {
 // Stands between rule producers (FIM, IOC) and the event source. Producers register handlers and rules under a tag;
 // events enter through ProcessEvent and leave through the handlers of the tags whose rules match.
 //
-// AddRules, Invalidate and the registration may be called from any thread. ProcessEvent and OnIdle belong to the
-// event-processing thread, and handlers run on it: they return quickly and Clone what they keep.
+// AddRules, Invalidate and the registration may be called from any thread. ProcessEvent, OnIdle and OnStop belong to
+// the event-processing thread, and handlers run on it: they return quickly and Clone what they keep.
 class EventRuleEngine {
  public:
   using RuleMatchedEventHandler = std::function<void(const std::vector<std::string>& rule_ids, const Event& event)>;
@@ -42,8 +43,12 @@ class EventRuleEngine {
   virtual void Invalidate() = 0;
   // A failure of one event never leaves this call, apart from the null pointer's std::runtime_error.
   virtual void ProcessEvent(std::unique_ptr<Event> event) = 0;
-  // Housekeeping when no event has come for about a second.
-  virtual void OnIdle() = 0;
+  // Housekeeping, between two events and about once a second when none comes: one portion of what is due, no longer
+  // than one event takes. True when more is due; the caller then sees to its own duties and calls again.
+  virtual bool OnIdle() = 0;
+  // No event will come for now: what still waits inside is delivered, for at most `time`; what then remains is dropped
+  // and counted.
+  virtual void OnStop(std::chrono::nanoseconds time) = 0;
 
   // Throw std::runtime_error "EventRuleEngine::RegisterEventHandlers: 'tag' is empty" and the like.
   void RegisterEventHandlers(const std::string& tag, RuleMatchedEventHandler rule_matched,

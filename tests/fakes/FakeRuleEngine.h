@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -42,7 +43,8 @@ class FakeRuleEngine final : public edr::EventRuleEngine {
       if (!rule_ids.empty()) Deliver(tag, rule_ids, *event);
     }
   }
-  void OnIdle() override {}
+  bool OnIdle() override { return false; }
+  void OnStop(std::chrono::nanoseconds) override {}
 
   void Deliver(const std::string& tag, const std::vector<std::string>& rule_ids, const edr::Event& event) {
     CallRuleMatched(tag, rule_ids, event);

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -15,9 +15,11 @@ class RecordingRuleEngine final : public edr::EventRuleEngine {
  public:
   Mailbox<std::uint32_t> processed;  // ids, in the order of the calls
   Mailbox<bool> idled;
+  Mailbox<std::chrono::nanoseconds> stopped;  // the time that OnStop was given
   // Run on the calling thread before a call is remembered; may throw or block.
   std::function<void(const edr::Event&)> on_process;
-  std::function<void()> on_idle;
+  std::function<bool()> on_idle;  // answers whether more is due
+  std::function<void()> on_stop;
 
   void AddRules(const std::string&, Rules) override {}
   void Invalidate() override {}
@@ -25,9 +27,13 @@ class RecordingRuleEngine final : public edr::EventRuleEngine {
     if (on_process) on_process(*event);
     processed.Put(event->GetId());
   }
-  void OnIdle() override {
+  bool OnIdle() override {
     idled.Put(true);
-    if (on_idle) on_idle();
+    return on_idle && on_idle();
+  }
+  void OnStop(std::chrono::nanoseconds time) override {
+    if (on_stop) on_stop();
+    stopped.Put(time);
   }
 };
 

@@ -1,59 +1,120 @@
 #include "src/audit/events/FileEventCache.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "common/src/util/Log.h"
 
 namespace zagent::audit::internal {
+namespace {
 
-void FileEventCache::Add(std::unique_ptr<edr::Event> event) {
-  const std::int64_t timestamp = event->GetTimestamp();
-  Queue& queue = queues_[event->GetActorProcessId()];
-  if (queue.empty()) oldest_front_ = std::min(oldest_front_, timestamp);
-  queue.push_back(std::move(event));
-  crowded_ = crowded_ || queue.size() > max_events_;
-  ++size_;
+// Audit's clock and this one are the same, but an event may be looked at before a small correction of it.
+constexpr std::chrono::nanoseconds kFutureSlack = std::chrono::seconds(5);
+
+}  // namespace
+
+FileEventCache::Front FileEventCache::FrontOf(std::int32_t pid, const Queue& queue) {
+  return {queue.front().event->GetTimestamp(), queue.front().number, pid};
 }
 
-FileEventCache::Events FileEventCache::Expire() {
-  const std::int64_t limit = common::util::ToNanoseconds(clock_.Now()) - max_age_.count();
+void FileEventCache::Enter(std::int32_t pid, const Queue& queue) {
+  const Front front = FrontOf(pid, queue);
+  fronts_.insert(front);
+  if (queue.size() > limits_.max_process_events) crowded_.insert(front);
+}
+
+void FileEventCache::Leave(std::int32_t pid, const Queue& queue) {
+  const Front front = FrontOf(pid, queue);
+  fronts_.erase(front);
+  crowded_.erase(front);
+}
+
+void FileEventCache::Add(std::unique_ptr<edr::Event> event) {
+  const std::int32_t pid = event->GetActorProcessId();
+  Queue& queue = queues_[pid];
+  queue.push_back({next_number_++, std::move(event)});
+  ++size_;
+  if (queue.size() == 1) {
+    Enter(pid, queue);
+  } else if (queue.size() == limits_.max_process_events + 1) {
+    crowded_.insert(FrontOf(pid, queue));
+  }
+  TellOfTheBound();
+}
+
+// One line each time the bound is reached; the next one only after half of it was free again.
+void FileEventCache::TellOfTheBound() {
+  if (size_ > limits_.max_events && !bound_told_) {
+    ZLOG_WARNING("FileEventCache: " << limits_.max_events << " file events rest: the oldest are delivered early");
+    bound_told_ = true;
+  } else if (size_ <= limits_.max_events / 2) {
+    bound_told_ = false;
+  }
+}
+
+const FileEventCache::Front* FileEventCache::FindDue() const {
+  if (fronts_.empty()) return nullptr;
+  const std::int64_t now = common::util::ToNanoseconds(clock_.Now());
+  const Front& oldest = *fronts_.begin();
+  if (size_ > limits_.max_events || oldest.timestamp < now - limits_.max_age.count()) return &oldest;
+  if (!crowded_.empty()) return &*crowded_.begin();
+  constexpr Front kLast{0, std::numeric_limits<std::uint64_t>::max(), std::numeric_limits<std::int32_t>::max()};
+  const auto future = fronts_.upper_bound({now + kFutureSlack.count(), kLast.number, kLast.pid});
+  return future == fronts_.end() ? nullptr : &*future;
+}
+
+bool FileEventCache::HasDue() const {
+  return FindDue() != nullptr;
+}
+
+FileEventCache::Events FileEventCache::Expire(std::size_t portion) {
   Events due;
-  if (crowded_ || oldest_front_ < limit) due = TakeDue(limit);
+  while (due.size() < portion) {
+    const Front* front = FindDue();
+    if (front == nullptr) break;
+    due.push_back(Take(*front));
+  }
   ZLOG_DEBUG("FileEventCache size: " << queues_.size() << " processes, " << size_ << " events");
   return due;
 }
 
-FileEventCache::Events FileEventCache::TakeDue(std::int64_t limit) {
-  Events due;
-  oldest_front_ = std::numeric_limits<std::int64_t>::max();
-  crowded_ = false;
-  for (auto entry = queues_.begin(); entry != queues_.end();) {
-    Queue& queue = entry->second;
-    while (!queue.empty() && (queue.size() > max_events_ || queue.front()->GetTimestamp() < limit)) {
-      due.push_back(std::move(queue.front()));
-      queue.pop_front();
-    }
-    if (queue.empty()) {
-      entry = queues_.erase(entry);
-      continue;
-    }
-    oldest_front_ = std::min(oldest_front_, queue.front()->GetTimestamp());
-    ++entry;
+std::unique_ptr<edr::Event> FileEventCache::TakeOldest() {
+  return Take(*fronts_.begin());
+}
+
+std::unique_ptr<edr::Event> FileEventCache::Take(Front front) {
+  const auto entry = queues_.find(front.pid);
+  Queue& queue = entry->second;
+  Leave(front.pid, queue);
+  std::unique_ptr<edr::Event> event = std::move(queue.front().event);
+  queue.pop_front();
+  --size_;
+  if (queue.empty()) {
+    queues_.erase(entry);
+  } else {
+    Enter(front.pid, queue);
   }
-  size_ -= due.size();
-  // Stable: events of one process and one second stay in the order in which they came.
-  std::stable_sort(due.begin(), due.end(),
-                   [](const auto& left, const auto& right) { return left->GetTimestamp() < right->GetTimestamp(); });
-  return due;
+  TellOfTheBound();
+  return event;
+}
+
+void FileEventCache::Clear() {
+  fronts_.clear();
+  crowded_.clear();
+  queues_.clear();
+  size_ = 0;
+  TellOfTheBound();
 }
 
 FileEventCache::Events FileEventCache::Flush(std::int32_t pid) {
   const auto entry = queues_.find(pid);
   if (entry == queues_.end()) return {};
-  Events events(std::make_move_iterator(entry->second.begin()), std::make_move_iterator(entry->second.end()));
+  Leave(pid, entry->second);
+  Events events;
+  events.reserve(entry->second.size());
+  for (Entry& resting : entry->second) events.push_back(std::move(resting.event));
   queues_.erase(entry);
   size_ -= events.size();
+  TellOfTheBound();
   return events;
 }
 

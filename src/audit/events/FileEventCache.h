@@ -1,10 +1,13 @@
 #pragma once
 
 #include <chrono>
+#include <compare>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <limits>
 #include <memory>
+#include <set>
 #include <unordered_map>
 #include <vector>
 
@@ -15,44 +18,75 @@ namespace zagent::audit::internal {
 
 // Lets file events rest until the file has settled. One thread.
 //
-// Bound: `max_events` a process and `max_age`; at either one the oldest events leave with the next Expire.
+// The events of one process leave in the order in which they came, and of those that stand first the oldest leaves
+// first, in portions of any size: what happened to one object keeps its order.
+//
+// Bounds: `max_age`, `max_process_events` a process and `max_events` in all. At any of them the oldest events are due
+// early. An event from more than 5 s in the future is due as well: the wall clock was set back, and waiting for it
+// would hold the event for as long.
 class FileEventCache {
  public:
   using Events = std::vector<std::unique_ptr<edr::Event>>;
 
-  static constexpr std::size_t kMaxEvents = 1000;
-  static constexpr std::chrono::seconds kMaxAge{30};
+  struct Limits {
+    std::size_t max_events = 100'000;
+    std::size_t max_process_events = 1'000;
+    std::chrono::nanoseconds max_age = std::chrono::seconds(30);
+  };
 
-  explicit FileEventCache(common::util::Clock& clock = common::util::Clock::Real(), std::size_t max_events = kMaxEvents,
-                          std::chrono::nanoseconds max_age = kMaxAge)
-      : clock_(clock), max_events_(max_events), max_age_(max_age) {}
+  FileEventCache(common::util::Clock& clock, Limits limits) : clock_(clock), limits_(limits) {}
 
   // Appends to the queue of the event's process. The event must not be null.
   void Add(std::unique_ptr<edr::Event> event);
 
-  // Takes out what is due, oldest first. Cheap while nothing can be due: made to be called for every event.
-  [[nodiscard]] Events Expire();
+  // Takes out what is due, oldest first, at most `portion` events. Cheap while nothing is due: made to be called for
+  // every event.
+  [[nodiscard]] Events Expire(std::size_t portion = std::numeric_limits<std::size_t>::max());
+  [[nodiscard]] bool HasDue() const;
 
   // Takes out everything of one process, in order.
   [[nodiscard]] Events Flush(std::int32_t pid);
+
+  // Takes out the event that would be due first; the cache is not empty.
+  [[nodiscard]] std::unique_ptr<edr::Event> TakeOldest();
+  // Drops everything.
+  void Clear();
 
   // Events in the cache.
   [[nodiscard]] std::size_t GetSize() const { return size_; }
   [[nodiscard]] std::size_t GetProcessCount() const { return queues_.size(); }
 
  private:
-  using Queue = std::deque<std::unique_ptr<edr::Event>>;
+  struct Entry {
+    std::uint64_t number;  // counts all events of the cache, in the order in which they came
+    std::unique_ptr<edr::Event> event;
+  };
+  using Queue = std::deque<Entry>;
+  // Where the first event of a process stands among those of the others.
+  struct Front {
+    std::int64_t timestamp;
+    std::uint64_t number;
+    std::int32_t pid;
+    auto operator<=>(const Front&) const = default;
+  };
+  using Fronts = std::set<Front>;
 
-  Events TakeDue(std::int64_t limit);
+  static Front FrontOf(std::int32_t pid, const Queue& queue);
+  // The front that leaves next; null when none is due.
+  [[nodiscard]] const Front* FindDue() const;
+  std::unique_ptr<edr::Event> Take(Front front);
+  void Enter(std::int32_t pid, const Queue& queue);
+  void Leave(std::int32_t pid, const Queue& queue);
+  void TellOfTheBound();
 
   common::util::Clock& clock_;
-  std::size_t max_events_;
-  std::chrono::nanoseconds max_age_;
-  std::unordered_map<std::int32_t, Queue> queues_;
+  Limits limits_;
+  std::unordered_map<std::int32_t, Queue> queues_;  // none is empty
+  Fronts fronts_;                                   // of all queues
+  Fronts crowded_;                                  // of those that are longer than max_process_events
   std::size_t size_ = 0;
-  // No event at the front of a queue is older.
-  std::int64_t oldest_front_ = std::numeric_limits<std::int64_t>::max();
-  bool crowded_ = false;  // some queue may hold more than max_events_
+  std::uint64_t next_number_ = 0;
+  bool bound_told_ = false;
 };
 
 }  // namespace zagent::audit::internal

@@ -5,6 +5,7 @@
 #include <exception>
 #include <iterator>
 #include <stdexcept>
+#include <string>
 #include <tuple>
 #include <utility>
 
@@ -23,16 +24,19 @@ bool HappenedBefore(const std::unique_ptr<edr::Event>& left, const std::unique_p
 }  // namespace
 
 EventProcessingThread::EventProcessingThread(edr::EventRuleEngine& rule_engine, std::uint64_t cpu_limit,
-                                             std::uint64_t memory_limit, common::util::Clock& clock)
-    : EventProcessingThread(rule_engine, cpu_limit, memory_limit, clock,
+                                             std::uint64_t memory_limit, IntakeReports reports,
+                                             common::util::Clock& clock)
+    : EventProcessingThread(rule_engine, cpu_limit, memory_limit, std::move(reports), clock,
                             MakeLoadProbe(cpu_limit, memory_limit, clock)) {}
 
 EventProcessingThread::EventProcessingThread(edr::EventRuleEngine& rule_engine, std::uint64_t cpu_limit,
-                                             std::uint64_t memory_limit, common::util::Clock& clock, LoadProbe load)
+                                             std::uint64_t memory_limit, IntakeReports reports,
+                                             common::util::Clock& clock, LoadProbe load)
     : max_queue_events_(QueueLimitFor(memory_limit * load.total_memory_kb / 100)),
       load_(std::move(load)),
       cpu_limit_(cpu_limit),
       rule_engine_(rule_engine),
+      reports_(std::move(reports)),
       clock_(clock) {
   ZLOG_DEBUG("Setting processing queue size to " << max_queue_events_ << " events");
 }
@@ -57,9 +61,13 @@ void EventProcessingThread::Start() {
   {
     const std::lock_guard lock(mutex_);
     stopping_ = false;
-    queue_.clear();
   }
-  future_ = std::async(std::launch::async, [this] { Run(); });
+  try {
+    future_ = std::async(std::launch::async, [this] { Run(); });
+  } catch (...) {
+    Close();
+    throw;
+  }
 }
 
 void EventProcessingThread::Stop() {
@@ -80,33 +88,65 @@ void EventProcessingThread::AddEvents(Events&& events) {
     space_condition_.wait(lock, [this] { return queue_.empty() || stopping_; });
     ZLOG_INFO("Enabling the processing queue");
   }
-  if (stopping_) return;
-  if (queue_.empty()) {
+  if (stopping_) {
+    reports_.counters.Add(IntakeCounters::Reason::LeftAtStop, events.size());
+    return;
+  }
+  const bool was_empty = queue_.empty();
+  if (was_empty) {
     queue_ = std::move(events);
   } else {
     queue_.insert(queue_.end(), std::make_move_iterator(events.begin()), std::make_move_iterator(events.end()));
   }
   ZLOG_DEBUG("Audit event processing buffer queue size: " << queue_.size() << " events");
   lock.unlock();
-  filled_condition_.notify_one();
+  // The other thread sleeps on an empty queue only.
+  if (was_empty) filled_condition_.notify_one();
 }
 
 void EventProcessingThread::Run() {
   ZLOG_DEBUG("Started parsed events processing thread");
   try {
-    while (!stopping_) {
-      Events batch = TakeBatch();
-      if (batch.empty()) {
-        RunIdleHousekeeping();
-      } else {
-        Process(batch);
-        space_condition_.notify_all();
-      }
-    }
-  } catch (const std::exception& error) {
-    // The rest of the program goes on without events.
-    ZLOG_ERROR("Parsed events processing thread has ended: " << error.what());
+    RunUntilStopped();
+  } catch (...) {
+    const std::string cause = "Parsed events processing thread: " + DescribeCurrentException();
+    Close();
+    reports_.ended(cause);
+    DeliverTheRest();
     throw;
+  }
+  Close();
+  DeliverTheRest();
+}
+
+void EventProcessingThread::RunUntilStopped() {
+  while (!stopping_) {
+    Events batch = TakeBatch();
+    if (batch.empty()) {
+      DeliverWhatIsDue();
+    } else {
+      Process(batch);
+      space_condition_.notify_all();
+    }
+  }
+}
+
+void EventProcessingThread::Close() {
+  Events dropped;
+  {
+    const std::lock_guard lock(mutex_);
+    stopping_ = true;
+    dropped.swap(queue_);
+  }
+  space_condition_.notify_all();
+  reports_.counters.Add(IntakeCounters::Reason::LeftAtStop, dropped.size());
+}
+
+void EventProcessingThread::DeliverTheRest() {
+  try {
+    rule_engine_.OnStop(kLastDelivery);
+  } catch (...) {
+    ZLOG_ERROR("Last delivery failed: " << DescribeCurrentException());
   }
 }
 
@@ -119,11 +159,19 @@ EventProcessingThread::Events EventProcessingThread::TakeBatch() {
 }
 
 void EventProcessingThread::Process(Events& batch) {
+  std::size_t processed = 0;
+  const auto count_the_left = [&](const Events* left) {
+    reports_.counters.Add(IntakeCounters::Reason::LeftAtStop, left->size() - processed);
+  };
+  // At the end, whether a stop or an exception is it.
+  const std::unique_ptr<const Events, decltype(count_the_left)> counted(&batch, count_the_left);
   // Stable: a rename over a file is two events of one serial, the delete first.
   std::stable_sort(batch.begin(), batch.end(), HappenedBefore);
   ZLOG_DEBUG("Audit active event processing queue size: " << batch.size() << " events");
   for (std::unique_ptr<edr::Event>& event : batch) {
+    DeliverWhatIsDue();
     if (stopping_) return;
+    ++processed;
     ProcessOne(std::move(event));
     PauseIfCpuIsHigh();
   }
@@ -132,8 +180,9 @@ void EventProcessingThread::Process(Events& batch) {
 void EventProcessingThread::ProcessOne(std::unique_ptr<edr::Event> event) {
   try {
     rule_engine_.ProcessEvent(std::move(event));
-  } catch (const std::exception& error) {
-    ZLOG_ERROR("Failed to process event: " << error.what());
+  } catch (...) {
+    reports_.counters.Add(IntakeCounters::Reason::NotProcessed);
+    ZLOG_ERROR("Failed to process event: " << DescribeCurrentException());
   }
 }
 
@@ -143,12 +192,16 @@ void EventProcessingThread::PauseIfCpuIsHigh() {
   clock_.WaitFor(filled_condition_, lock, kCpuPause, [this] { return stopping_.load(); });
 }
 
-void EventProcessingThread::RunIdleHousekeeping() {
-  if (stopping_) return;
+void EventProcessingThread::DeliverWhatIsDue() {
+  while (!stopping_ && Housekeep()) PauseIfCpuIsHigh();
+}
+
+bool EventProcessingThread::Housekeep() {
   try {
-    rule_engine_.OnIdle();
-  } catch (const std::exception& error) {
-    ZLOG_ERROR("Idle housekeeping failed: " << error.what());
+    return rule_engine_.OnIdle();
+  } catch (...) {
+    ZLOG_ERROR("Idle housekeeping failed: " << DescribeCurrentException());
+    return false;
   }
 }
 

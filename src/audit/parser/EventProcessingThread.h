@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <future>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "common/src/util/Clock.h"
+#include "src/audit/parser/IntakeReports.h"
 #include "src/audit/parser/LoadProbe.h"
 #include "src/edr/Event.h"
 #include "src/edr/EventRuleEngine.h"
@@ -16,30 +18,36 @@
 namespace zagent::audit {
 
 // Second stage of the intake: puts batches of events into the order in which they happened (audit events of different
-// processors arrive out of order) and gives each to the rule engine. ProcessEvent and OnIdle are called on this stage's
-// thread only.
+// processors arrive out of order) and gives each to the rule engine, after what has become due there. ProcessEvent,
+// OnIdle and OnStop are called on this stage's thread only.
 //
 // Bound: 10,000 to 100,000 events, by the allowed memory. At the bound AddEvents waits until the whole queue was taken
 // and processed.
+//
+// A stage that dies of an exception is a stopped stage: its producer is woken and never waits again.
 class EventProcessingThread {
  public:
   using Events = std::vector<std::unique_ptr<edr::Event>>;
 
+  // How long the rule engine may deliver what still waits in it when the stage ends.
+  static constexpr std::chrono::seconds kLastDelivery{5};
+
   // Limits in percent. The rule engine outlives this object.
   EventProcessingThread(edr::EventRuleEngine& rule_engine, std::uint64_t cpu_limit, std::uint64_t memory_limit,
-                        common::util::Clock& clock = common::util::Clock::Real());
+                        IntakeReports reports, common::util::Clock& clock = common::util::Clock::Real());
   EventProcessingThread(edr::EventRuleEngine& rule_engine, std::uint64_t cpu_limit, std::uint64_t memory_limit,
-                        common::util::Clock& clock, LoadProbe load);
+                        IntakeReports reports, common::util::Clock& clock, LoadProbe load);
   EventProcessingThread(const EventProcessingThread&) = delete;
   EventProcessingThread& operator=(const EventProcessingThread&) = delete;
   ~EventProcessingThread();
 
   // Throws std::runtime_error "Parsed events processing thread already running".
   void Start();
-  // Ends after the event at hand; what is queued is dropped. Rethrows what the thread died of. Harmless when stopped.
+  // Ends after the event at hand and the rule engine's last delivery; what is queued is dropped. Rethrows what the
+  // thread died of. Harmless when stopped.
   void Stop();
 
-  // Called by one other thread. Never blocks on a stopped stage, which drops the events.
+  // Called by one other thread. Never blocks on a stopped or dead stage, which drops the events.
   void AddEvents(Events&& events);
 
   // `allowed_memory_kb` is the memory limit's share of the total memory.
@@ -47,11 +55,17 @@ class EventProcessingThread {
 
  private:
   void Run();
+  void RunUntilStopped();
   Events TakeBatch();
   void Process(Events& batch);
   void ProcessOne(std::unique_ptr<edr::Event> event);
   void PauseIfCpuIsHigh();
-  void RunIdleHousekeeping();
+  // Until nothing is due in the rule engine any more, or the stage is to stop.
+  void DeliverWhatIsDue();
+  bool Housekeep();
+  // Lets nobody wait and drops what is queued.
+  void Close();
+  void DeliverTheRest();
 
   std::atomic<bool> stopping_{true};
   std::future<void> future_;
@@ -63,6 +77,7 @@ class EventProcessingThread {
   LoadProbe load_;
   std::uint64_t cpu_limit_;
   edr::EventRuleEngine& rule_engine_;
+  IntakeReports reports_;
   common::util::Clock& clock_;
 };
 

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <exception>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 #include "common/src/util/Log.h"
@@ -13,6 +14,8 @@ namespace {
 
 constexpr std::uint64_t kMiB = 1'048'576;
 constexpr std::size_t kFeedStep = 1'048'576;
+// Pieces that fit into so many bytes together are joined: a piece of a few bytes costs more than it holds.
+constexpr std::size_t kJoinedPiece = 65'536;
 constexpr std::chrono::milliseconds kFlushDelay{100};
 constexpr std::chrono::seconds kCpuPause{1};
 
@@ -26,15 +29,16 @@ ParserThread::Seams ThisMachine(std::shared_ptr<edr::LibMagicWrapper> lib_magic,
 
 ParserThread::ParserThread(IOChannel& channel, std::shared_ptr<edr::LibMagicWrapper> lib_magic,
                            edr::EventRuleEngine& rule_engine, std::uint64_t cpu_limit, std::uint64_t memory_limit,
-                           common::util::Clock& clock)
-    : ParserThread(channel, rule_engine, cpu_limit, memory_limit, clock,
+                           IntakeReports reports, common::util::Clock& clock)
+    : ParserThread(channel, rule_engine, cpu_limit, memory_limit, std::move(reports), clock,
                    ThisMachine(std::move(lib_magic), cpu_limit, memory_limit, clock)) {}
 
 ParserThread::ParserThread(IOChannel& channel, edr::EventRuleEngine& rule_engine, std::uint64_t cpu_limit,
-                           std::uint64_t memory_limit, common::util::Clock& clock, Seams seams)
+                           std::uint64_t memory_limit, IntakeReports reports, common::util::Clock& clock, Seams seams)
     : cpu_limit_(cpu_limit),
       load_(seams.make_load_probe()),
-      event_processing_thread_(rule_engine, cpu_limit, memory_limit, clock, seams.make_load_probe()),
+      event_processing_thread_(rule_engine, cpu_limit, memory_limit, reports, clock, seams.make_load_probe()),
+      reports_(std::move(reports)),
       limits_(QueueLimitsFor(memory_limit * load_.total_memory_kb)),
       clock_(clock),
       parser_(std::move(seams.build_events)) {
@@ -61,9 +65,19 @@ ParserThread::QueueLimits ParserThread::QueueLimitsFor(std::uint64_t budget) {
 
 void ParserThread::Start() {
   if (future_.valid()) throw std::runtime_error("Audit Parser thread already running");
-  stopping_ = false;
+  {
+    const std::lock_guard lock(queue_mutex_);
+    stopping_ = false;
+    closed_ = false;
+  }
   event_processing_thread_.Start();
-  future_ = std::async(std::launch::async, [this] { Run(); });
+  try {
+    future_ = std::async(std::launch::async, [this] { Run(); });
+  } catch (...) {
+    Close();
+    event_processing_thread_.Stop();
+    throw;
+  }
 }
 
 void ParserThread::Stop() {
@@ -91,40 +105,73 @@ void ParserThread::WakeToStop() {
 
 void ParserThread::OnData(IOChannel::Bytes&& data) {
   const std::lock_guard lock(queue_mutex_);
+  if (!IsTakingData(data.size())) return;
+  queue_bytes_ += data.size();
+  ZLOG_DEBUG("Audit parser queue size: " << queue_bytes_ / 1024 << " KB");
+  // The parser sleeps on an empty queue only.
+  const bool was_empty = queue_.empty();
+  Queue(std::move(data));
+  if (was_empty) data_condition_.notify_one();
+}
+
+bool ParserThread::IsTakingData(std::size_t size) {
+  if (closed_) {
+    reports_.counters.Add(IntakeCounters::Reason::BytesAtStop, size);
+    return false;
+  }
   const std::uint64_t waiting = queue_bytes_;
   if (!queue_disabled_ && waiting >= limits_.max_bytes) {
     ZLOG_WARNING("Audit parser queue threshold hit. Disabling queueing of events.");
     queue_disabled_ = true;
   }
   if (queue_disabled_) {
-    if (waiting > limits_.resume_bytes) return;
+    if (waiting > limits_.resume_bytes) {
+      reports_.counters.Add(IntakeCounters::Reason::BytesAtBound, size);
+      return false;
+    }
     queue_disabled_ = false;
     ZLOG_INFO("Enabling the audit parser queue");
   }
-  queue_bytes_ += data.size();
-  ZLOG_DEBUG("Audit parser queue size: " << queue_bytes_ / 1024 << " KB");
-  if (queue_.empty()) {
-    queue_ = std::move(data);
+  return true;
+}
+
+void ParserThread::Queue(IOChannel::Bytes&& data) {
+  if (!queue_.empty() && queue_.back().size() + data.size() <= kJoinedPiece) {
+    queue_.back().insert(queue_.back().end(), data.begin(), data.end());
   } else {
-    queue_.insert(queue_.end(), data.begin(), data.end());
+    queue_.push_back(std::move(data));
   }
-  data_condition_.notify_one();
 }
 
 void ParserThread::Run() {
   ZLOG_INFO("Started Audit Parser Thread");
   try {
     RunUntilStopped();
-  } catch (const std::exception& error) {
-    // The rest of the program goes on without events.
-    ZLOG_ERROR("Audit Parser Thread has ended: " << error.what());
+  } catch (...) {
+    const std::string cause = "Audit Parser Thread: " + DescribeCurrentException();
+    Close();
+    reports_.ended(cause);
     throw;
   }
+  Close();
+}
+
+void ParserThread::Close() {
+  Pieces dropped;
+  {
+    const std::lock_guard lock(queue_mutex_);
+    stopping_ = true;
+    closed_ = true;
+    dropped.swap(queue_);
+    // What was still to be fed when the loop ended is among the bytes.
+    reports_.counters.Add(IntakeCounters::Reason::BytesAtStop, queue_bytes_.exchange(0));
+  }
+  reports_.counters.Add(IntakeCounters::Reason::LeftAtStop, parser_.TakeEvents().size());
 }
 
 void ParserThread::RunUntilStopped() {
   while (!stopping_) {
-    IOChannel::Bytes data;
+    Pieces data;
     if (TakeData(data)) {
       idle_ = false;
       Feed(data);
@@ -137,7 +184,7 @@ void ParserThread::RunUntilStopped() {
   }
 }
 
-bool ParserThread::TakeData(IOChannel::Bytes& data) {
+bool ParserThread::TakeData(Pieces& data) {
   std::unique_lock lock(queue_mutex_);
   const auto ready = [this] { return !queue_.empty() || stopping_; };
   if (idle_) {
@@ -149,19 +196,29 @@ bool ParserThread::TakeData(IOChannel::Bytes& data) {
   return !data.empty();
 }
 
-void ParserThread::Feed(const IOChannel::Bytes& data) {
+void ParserThread::Feed(const Pieces& data) {
+  std::size_t step = 0;
+  for (const IOChannel::Bytes& piece : data) FeedPiece(piece, step);
+  if (step != 0) EndStep(step);
+}
+
+void ParserThread::FeedPiece(const IOChannel::Bytes& piece, std::size_t& step) {
   std::size_t fed = 0;
-  while (fed < data.size() && !stopping_) {
-    const std::size_t step = std::min(kFeedStep, data.size() - fed);
-    parser_.Feed(data.data() + fed, step);
-    fed += step;
-    queue_bytes_ -= step;
-    // After each step, so that one huge read does not pile up events outside of every bound.
-    PassEventsOn();
-    PauseWhileCpuIsHigh();
+  while (fed < piece.size() && !stopping_) {
+    const std::size_t size = std::min(kFeedStep - step, piece.size() - fed);
+    parser_.Feed(piece.data() + fed, size);
+    fed += size;
+    step += size;
+    queue_bytes_ -= size;
+    // After each step, so that a long queue does not pile up events outside of every bound.
+    if (step == kFeedStep) EndStep(step);
   }
-  // Bytes that a stop leaves unfed are gone.
-  queue_bytes_ -= data.size() - fed;
+}
+
+void ParserThread::EndStep(std::size_t& step) {
+  step = 0;
+  PassEventsOn();
+  PauseWhileCpuIsHigh();
 }
 
 void ParserThread::PassEventsOn() {

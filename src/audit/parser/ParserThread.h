@@ -2,16 +2,19 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "common/src/util/Clock.h"
 #include "src/audit/channels/IOChannel.h"
 #include "src/audit/parser/AuparseFeed.h"
 #include "src/audit/parser/EventProcessingThread.h"
+#include "src/audit/parser/IntakeReports.h"
 #include "src/audit/parser/LoadProbe.h"
 #include "src/edr/EventRuleEngine.h"
 #include "src/edr/LibMagicWrapper.h"
@@ -22,6 +25,8 @@ namespace zagent::audit {
 //
 // Bound: half of the allowed memory, between 100 MiB and 1 GiB of bytes that are not parsed yet. At the bound bytes
 // are dropped until half of it is free again; two log lines mark the gap. The channel's thread never waits.
+//
+// A stage that dies of an exception is a stopped stage: from then on what the channel reads is dropped.
 class ParserThread {
  public:
   // What a test puts in the place of the program's event classes and of this machine.
@@ -32,17 +37,18 @@ class ParserThread {
 
   // Limits in percent. Installs the read callback on the channel, which must be stopped now and when this object goes.
   ParserThread(IOChannel& channel, std::shared_ptr<edr::LibMagicWrapper> lib_magic, edr::EventRuleEngine& rule_engine,
-               std::uint64_t cpu_limit, std::uint64_t memory_limit,
+               std::uint64_t cpu_limit, std::uint64_t memory_limit, IntakeReports reports,
                common::util::Clock& clock = common::util::Clock::Real());
   ParserThread(IOChannel& channel, edr::EventRuleEngine& rule_engine, std::uint64_t cpu_limit,
-               std::uint64_t memory_limit, common::util::Clock& clock, Seams seams);
+               std::uint64_t memory_limit, IntakeReports reports, common::util::Clock& clock, Seams seams);
   ParserThread(const ParserThread&) = delete;
   ParserThread& operator=(const ParserThread&) = delete;
   ~ParserThread();
 
   // Throws std::runtime_error "Audit Parser thread already running".
   void Start();
-  // Stops the second stage, then this one; rethrows what they died of, this one's first. Harmless when stopped.
+  // Stops the second stage, then this one; rethrows what they died of, this one's first. Harmless when stopped. What
+  // has not been parsed is dropped.
   void Stop();
 
   struct QueueLimits {
@@ -54,26 +60,38 @@ class ParserThread {
   static QueueLimits QueueLimitsFor(std::uint64_t budget);
 
  private:
+  // What the channel has read, in its pieces; small ones are joined.
+  using Pieces = std::vector<IOChannel::Bytes>;
+
   void OnData(IOChannel::Bytes&& data);
+  bool IsTakingData(std::size_t size);
+  void Queue(IOChannel::Bytes&& data);
   void Run();
   void RunUntilStopped();
-  bool TakeData(IOChannel::Bytes& data);
-  void Feed(const IOChannel::Bytes& data);
+  bool TakeData(Pieces& data);
+  void Feed(const Pieces& data);
+  // Feeds one piece. `step` counts what was fed since events were passed on the last time.
+  void FeedPiece(const IOChannel::Bytes& piece, std::size_t& step);
+  void EndStep(std::size_t& step);
   void PassEventsOn();
   void PauseWhileCpuIsHigh();
   void WakeToStop();
+  // Takes nothing in any more and drops what is queued.
+  void Close();
 
   std::future<void> future_;
   std::atomic<bool> stopping_{true};
   std::mutex pause_mutex_;
   std::condition_variable pause_condition_;
-  IOChannel::Bytes queue_;
+  Pieces queue_;
   std::mutex queue_mutex_;
   std::condition_variable data_condition_;
   bool idle_ = true;  // nothing is buffered in auparse
   std::uint64_t cpu_limit_;
   LoadProbe load_;
   EventProcessingThread event_processing_thread_;
+  IntakeReports reports_;
+  bool closed_ = false;  // the loop has ended; under queue_mutex_
   bool queue_disabled_ = false;
   // In the queue or still being fed. Grows under queue_mutex_, shrinks without it.
   std::atomic<std::uint64_t> queue_bytes_{0};

@@ -23,12 +23,13 @@ using internal::AuditSocket;
 using internal::RuleTable;
 
 RuleEngine::RuleEngine(AuditNetlink& netlink, common::ProcessTree& process_tree, Settings settings,
-                       common::util::Clock& clock)
+                       IntakeCounters& counters, common::util::Clock& clock)
     : netlink_(netlink),
       exclusions_(getpid(), settings.agent_pid, settings.agent_path),
       own_activity_(process_tree, std::move(settings.sibling_names), std::move(settings.agent_install_path)),
       router_(
-          clock, [this](const edr::Event& event) { return ShouldProcessEvent(event); },
+          clock, settings.max_resting_events, counters,
+          [this](const edr::Event& event) { return ShouldProcessEvent(event); },
           [this](const edr::Event& event) { CallHandlers(event); }) {
   {
     // A late answer to the question for the limit must not be taken for the answer to a rule.
@@ -162,8 +163,12 @@ void RuleEngine::ProcessEvent(std::unique_ptr<edr::Event> event) {
   router_.Process(std::move(event));
 }
 
-void RuleEngine::OnIdle() {
-  router_.DeliverExpired();
+bool RuleEngine::OnIdle() {
+  return router_.DeliverDue();
+}
+
+void RuleEngine::OnStop(std::chrono::nanoseconds time) {
+  router_.DeliverRest(time);
 }
 
 bool RuleEngine::ShouldProcessEvent(const edr::Event& event) {

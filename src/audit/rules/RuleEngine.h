@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -8,6 +10,7 @@
 
 #include "common/src/util/Clock.h"
 #include "src/audit/channels/AuditNetlink.h"
+#include "src/audit/events/IntakeCounters.h"
 #include "src/audit/rules/EventRouter.h"
 #include "src/audit/rules/Exclusions.h"
 #include "src/audit/rules/OwnActivity.h"
@@ -30,11 +33,12 @@ class RuleEngine final : public edr::EventRuleEngine {
     std::uint32_t audit_backlog_limit;  // records; the kernel's limit is raised to it, never lowered
     std::string agent_install_path;
     std::set<std::string> sibling_names;  // file names of the product family's processes
+    std::size_t max_resting_events;       // file events that rest at most; beyond it the oldest are delivered early
   };
 
   // Raises the backlog limit, removes what an earlier run left in the kernel, installs the exclusions. Throws
   // edr::RuleEngineException "Failed to open audit socket".
-  RuleEngine(AuditNetlink& netlink, common::ProcessTree& process_tree, Settings settings,
+  RuleEngine(AuditNetlink& netlink, common::ProcessTree& process_tree, Settings settings, IntakeCounters& counters,
              common::util::Clock& clock = common::util::Clock::Real());
   RuleEngine(const RuleEngine&) = delete;
   RuleEngine& operator=(const RuleEngine&) = delete;
@@ -46,7 +50,8 @@ class RuleEngine final : public edr::EventRuleEngine {
   void AddRules(const std::string& tag, Rules rules) override;
   void Invalidate() override;
   void ProcessEvent(std::unique_ptr<edr::Event> event) override;
-  void OnIdle() override;
+  bool OnIdle() override;
+  void OnStop(std::chrono::nanoseconds time) override;
 
   // The parent agent's pid or path has changed: moves its exclusion rules. Failures are logged.
   void UpdateExclusions(std::int32_t agent_pid, const std::string& agent_path);

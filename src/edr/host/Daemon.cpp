@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "common/src/http/HttpUploader.h"
+#include "common/src/tasks/ResourceMonitor.h"
 #include "common/src/tasks/SignalHelper.h"
 #include "common/src/util/ErrnoText.h"
 #include "common/src/util/Log.h"
@@ -74,6 +75,17 @@ void Guarded(const char* step, const std::function<void()>& action) {
     action();
   } catch (const std::exception& error) {
     ZLOG_ERROR("Shutdown: failed to " << step << ": " << error.what());
+  } catch (...) {
+    ZLOG_ERROR("Shutdown: failed to " << step << ": unknown failure");
+  }
+}
+
+// Of a part that has reported its end: what it died of, which Stop throws on, is known.
+template <typename Part>
+void StopAfterItsEnd(Part& part) {
+  try {
+    part.Stop();
+  } catch (...) {  // NOLINT(bugprone-empty-catch)
   }
 }
 
@@ -163,6 +175,7 @@ void Daemon::BuildConfigs(const ConfigDocument& document) {
   common_config_ = std::make_unique<common::CommonConfig>(document.GetSection("common_config"));
   fim_config_ = std::make_unique<fim::Config>(*common_config_, document.GetSection("fim_config"));
   edr_config_ = std::make_unique<Config>(document.GetSection("edr_config"));
+  intake_watch_ = std::make_unique<IntakeWatch>(edr_config_->HasExtendedCoverage());
   if (edr_config_->HasDispatcherSocketPath()) {
     auto channel = std::make_unique<audit::DispatcherIOChannel>(audit::AuditNetlink::Kernel(),
                                                                 edr_config_->GetDispatcherSocketPath());
@@ -171,6 +184,8 @@ void Daemon::BuildConfigs(const ConfigDocument& document) {
   } else {
     audit_channel_ = std::make_unique<audit::KernelIOChannel>(audit::AuditNetlink::Kernel());
   }
+  audit_channel_->SetEndedCallback(
+      [this](const std::string& cause) { intake_watch_->OnEnded("audit channel: " + cause); });
   const std::optional<AgentIdentity> identity = document.GetAgentIdentity();
   if (!identity) throw ConfigDocumentException("Invalid host warden pid and path information");
   agent_ = *identity;
@@ -220,12 +235,17 @@ void Daemon::BuildEngine() {
   process_tree_ = std::make_unique<common::ProcessTree>();
   // Without MAGIC_ERROR a missing file "identifies" as the text of the error.
   lib_magic_ = std::make_shared<LibMagicWrapper>(LibMagicWrapper::kDefaultDatabase, MAGIC_ERROR);
-  audit::RuleEngine::Settings settings{.agent_pid = agent_.pid,
-                                       .agent_path = agent_.path,
-                                       .audit_backlog_limit = edr_config_->GetAuditBacklogLimit(),
-                                       .agent_install_path = common_config_->GetAgentInstallPath(),
-                                       .sibling_names = audit::RuleEngine::DefaultSiblingNames()};
-  auto engine = std::make_unique<audit::RuleEngine>(audit::AuditNetlink::Kernel(), *process_tree_, std::move(settings));
+  const std::uint64_t allowed_memory_kb = edr_config_->GetMemoryLimit() * common::ReadTotalMemoryKb() / 100;
+  audit::RuleEngine::Settings settings{
+      .agent_pid = agent_.pid,
+      .agent_path = agent_.path,
+      .audit_backlog_limit = edr_config_->GetAuditBacklogLimit(),
+      .agent_install_path = common_config_->GetAgentInstallPath(),
+      .sibling_names = audit::RuleEngine::DefaultSiblingNames(),
+      // As many as the event stage may hold.
+      .max_resting_events = audit::EventProcessingThread::QueueLimitFor(allowed_memory_kb)};
+  auto engine = std::make_unique<audit::RuleEngine>(audit::AuditNetlink::Kernel(), *process_tree_, std::move(settings),
+                                                    intake_counters_);
   const auto lock = link_.Lock();
   rule_engine_ = std::move(engine);
 }
@@ -258,18 +278,51 @@ void Daemon::BuildFim() {
 
 void Daemon::StartIntake() {
   // The parser first, so that no record is read without a consumer.
-  parser_ = std::make_unique<audit::ParserThread>(*audit_channel_, lib_magic_, *rule_engine_,
-                                                  edr_config_->GetCpuLimit(), edr_config_->GetMemoryLimit());
+  parser_ = std::make_unique<audit::ParserThread>(
+      *audit_channel_, lib_magic_, *rule_engine_, edr_config_->GetCpuLimit(), edr_config_->GetMemoryLimit(),
+      audit::IntakeReports{intake_counters_, [this](const std::string& cause) { intake_watch_->OnEnded(cause); }});
   parser_->Start();
   audit_channel_->Start();
 }
 
 void Daemon::MainLoop() {
   CommandHandler handler(*this);
-  auto lock = link_.Lock();
   while (!ProcessExitFlag()) {
-    link_.WaitForWork(lock, kMainLoopTime);
-    if (!ProcessExitFlag() && link_.HasMessage()) handler.Handle(link_.TakeMessage());
+    {
+      auto lock = link_.Lock();
+      link_.WaitForWork(lock, kMainLoopTime);
+      if (!ProcessExitFlag() && link_.HasMessage()) handler.Handle(link_.TakeMessage());
+    }
+    // Without the control lock: the audit channel's reconnection hook takes it, and a restart stops that channel.
+    if (!ProcessExitFlag()) SeeToIntake();
+    intake_report_.TellWhenDue();
+  }
+}
+
+void Daemon::SeeToIntake() {
+  switch (intake_watch_->NextStep()) {
+    case IntakeWatch::Step::Nothing:
+      break;
+    case IntakeWatch::Step::Restart:
+      RestartIntake();
+      break;
+    case IntakeWatch::Step::GiveUp:
+      throw std::runtime_error("The audit intake has ended three times within ten minutes");
+  }
+}
+
+void Daemon::RestartIntake() {
+  StopAfterItsEnd(*audit_channel_);
+  if (parser_) StopAfterItsEnd(*parser_);
+  parser_.reset();
+  ZLOG_INFO("Starting the audit intake anew");
+  intake_watch_->BeginRun();
+  try {
+    StartIntake();
+    // Nobody was there to hear of an audit daemon that restarted and lost the rules.
+    if (edr_config_->HasDispatcherSocketPath()) OnDispatcherReconnected();
+  } catch (const std::exception& error) {
+    intake_watch_->OnEnded(error.what());
   }
 }
 
@@ -286,6 +339,9 @@ void Daemon::ShutDown() {
   });
   Guarded("stop the parser", [this] {
     if (parser_) parser_->Stop();
+  });
+  Guarded("report the intake's losses", [this] {
+    if (parser_) intake_report_.TellAtEnd();
   });
   Guarded("stop the control channel", [this] { control_channel_->Stop(); });
   Guarded("end file integrity monitoring", [this] { fim_.reset(); });

@@ -9,6 +9,7 @@
 #include "common/src/http/HttpService.h"
 #include "common/src/tasks/Scheduler.h"
 #include "src/audit/channels/IOChannel.h"
+#include "src/audit/events/IntakeCounters.h"
 #include "src/audit/parser/ParserThread.h"
 #include "src/audit/rules/RuleEngine.h"
 #include "src/edr/Config.h"
@@ -17,6 +18,8 @@
 #include "src/edr/host/ConfigDocument.h"
 #include "src/edr/host/ControlLink.h"
 #include "src/edr/host/ExitFlag.h"
+#include "src/edr/host/IntakeReport.h"
+#include "src/edr/host/IntakeWatch.h"
 #include "src/edr/process/ProcessTree.h"
 #include "src/fim/Component.h"
 #include "src/fim/Config.h"
@@ -70,6 +73,9 @@ class Daemon final : private CommandTarget {
   void BuildFim();
   void StartIntake();
   void MainLoop();
+  // Restarts an intake that has ended by itself, or throws when that has happened too often.
+  void SeeToIntake();
+  void RestartIntake();
 
   void ReleaseStartUp();
   void ShutDown();
@@ -82,6 +88,9 @@ class Daemon final : private CommandTarget {
   void OnDispatcherReconnected();
 
   ControlLink link_{ProcessExitFlag()};
+  audit::IntakeCounters intake_counters_;
+  IntakeReport intake_report_{intake_counters_};
+  std::unique_ptr<IntakeWatch> intake_watch_;
   std::unique_ptr<common::Scheduler> scheduler_;
   std::unique_ptr<audit::IOChannel> control_channel_;
   std::unique_ptr<common::CommonConfig> common_config_;

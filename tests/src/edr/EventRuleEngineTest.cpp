@@ -24,7 +24,8 @@ class BareEngine final : public EventRuleEngine {
   void AddRules(const std::string&, Rules) override {}
   void Invalidate() override { CallInvalidatedOfAllTags(); }
   void ProcessEvent(std::unique_ptr<Event>) override {}
-  void OnIdle() override {}
+  bool OnIdle() override { return false; }
+  void OnStop(std::chrono::nanoseconds) override {}
   using EventRuleEngine::CallRuleMatched;
 };
 

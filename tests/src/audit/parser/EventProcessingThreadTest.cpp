@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <future>
 #include <memory>
 #include <stdexcept>
@@ -14,6 +15,7 @@
 
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeEvent.h"
+#include "tests/fakes/Gate.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/RecordingRuleEngine.h"
 
@@ -55,17 +57,24 @@ class EventProcessingThreadTest : public testing::Test {
     return ids;
   }
 
+  IntakeReports Reports() {
+    return {counters_, [this](const std::string& cause) { ended_.Put(cause); }};
+  }
+  [[nodiscard]] std::uint64_t Left() const { return counters_.Get(IntakeCounters::Reason::LeftAtStop); }
+
   fakes::LogCapture lines_;
   fakes::FakeClock clock_;
+  IntakeCounters counters_;
+  fakes::Mailbox<std::string> ended_;
   std::atomic<float> cpu_usage_{0};
-  std::atomic<bool> cpu_fails_{false};
+  std::function<void()> on_measure_ = [] {};  // runs on the stage's thread; may throw
   fakes::RecordingRuleEngine engine_;
   static constexpr std::uint64_t kCpuLimit = 30;
   // A limit of no memory at all gives the smallest queue: 10,000 events.
   std::unique_ptr<EventProcessingThread> stage_ =
-      std::make_unique<EventProcessingThread>(engine_, kCpuLimit, 0, clock_,
+      std::make_unique<EventProcessingThread>(engine_, kCpuLimit, 0, Reports(), clock_,
                                               LoadProbe{[this]() -> float {
-                                                          if (cpu_fails_) throw std::runtime_error("no /proc");
+                                                          on_measure_();
                                                           return cpu_usage_;
                                                         },
                                                         4'000'000});
@@ -83,7 +92,8 @@ TEST_F(EventProcessingThreadTest, QueueSizeFollowsTheAllowedMemory) {
 
 TEST_F(EventProcessingThreadTest, TakesItsShareOfTheTotalMemory) {
   // 5 percent of 4 million KB are 200,000 KB.
-  const EventProcessingThread stage(engine_, kCpuLimit, 5, clock_, LoadProbe{[] { return 0.0F; }, 4'000'000});
+  const EventProcessingThread stage(engine_, kCpuLimit, 5, Reports(), clock_,
+                                    LoadProbe{[] { return 0.0F; }, 4'000'000});
   EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_DEBUG, "Setting processing queue size to 60000 events")) << lines_.All();
 }
 
@@ -132,14 +142,81 @@ TEST_F(EventProcessingThreadTest, AnEventEndsTheWaitAtOnce) {
   clock_.AwaitWaiters(1);
   AddOne(5);  // the clock stands still
   EXPECT_THAT(Processed(1), ElementsAre(5));
-  EXPECT_TRUE(engine_.idled.IsEmpty());
+}
+
+TEST_F(EventProcessingThreadTest, AWallClockThatIsSetBackHoldsNeitherTheHousekeepingNorAnEvent) {
+  stage_->Start();
+  clock_.AwaitWaiters(1);
+  clock_.SetWall(-std::chrono::hours(1));
+  clock_.Advance(std::chrono::seconds(1));
+  EXPECT_EQ(engine_.idled.Take(), true);
+
+  cpu_usage_ = kCpuLimit + 1;
+  clock_.AwaitWaiters(1);
+  AddMany(1, 2);
+  EXPECT_THAT(Processed(1), ElementsAre(1));
+  while (clock_.EarliestDeadline() - clock_.Now() != std::chrono::milliseconds(10)) std::this_thread::yield();
+  clock_.SetWall(-std::chrono::hours(1));
+  clock_.Advance(std::chrono::milliseconds(10));
+  EXPECT_THAT(Processed(1), ElementsAre(2));
+}
+
+TEST_F(EventProcessingThreadTest, WhatIsDueInTheEngineComesBeforeTheNextEvent) {
+  fakes::Mailbox<std::string> calls;
+  std::atomic<int> due{3};
+  engine_.on_idle = [&] {
+    calls.Put("due");
+    return --due > 0;
+  };
+  engine_.on_process = [&](const edr::Event& event) { calls.Put(std::to_string(event.GetId())); };
+  stage_->Start();
+  AddOne(1);
+  for (const char* call : {"due", "due", "due", "1"}) EXPECT_EQ(calls.Take(), call);
+}
+
+TEST_F(EventProcessingThreadTest, DeliversAllThatIsDueWhenNoEventComesAndPausesBetweenUnderAHighLoad) {
+  std::atomic<int> due{3};
+  engine_.on_idle = [&] { return --due > 0; };
+  cpu_usage_ = kCpuLimit + 1;
+  stage_->Start();
+  clock_.AwaitWaiters(1);
+  clock_.Advance(std::chrono::seconds(1));
+  for (int portion = 1; portion < 3; ++portion) {
+    EXPECT_EQ(engine_.idled.Take(), true);
+    while (clock_.EarliestDeadline() - clock_.Now() != std::chrono::milliseconds(10)) std::this_thread::yield();
+    EXPECT_TRUE(engine_.idled.IsEmpty()) << "no pause behind portion " << portion;
+    clock_.Advance(std::chrono::milliseconds(10));
+  }
+  EXPECT_EQ(engine_.idled.Take(), true);
+}
+
+TEST_F(EventProcessingThreadTest, StopIsNoticedBetweenTwoPortionsOfWhatIsDue) {
+  fakes::Gate in_third_portion;
+  fakes::Gate stop_is_set;
+  std::atomic<int> portions{0};
+  engine_.on_idle = [&] {
+    if (++portions == 3) {
+      in_third_portion.Open();
+      EXPECT_TRUE(stop_is_set.Await());
+    }
+    return portions < 100'000;
+  };
+  stage_->Start();
+  AddOne(1);
+  ASSERT_TRUE(in_third_portion.Await());
+  auto stopping = std::async(std::launch::async, [this] { stage_->Stop(); });
+  while (Left() == 0) AddOne(2);  // refused once the stage is to stop
+  stop_is_set.Open();
+  stopping.get();
+  EXPECT_EQ(portions, 3);
+  EXPECT_TRUE(engine_.processed.IsEmpty());
 }
 
 TEST_F(EventProcessingThreadTest, AFailingEventOrHousekeepingCostsNoOther) {
   engine_.on_process = [](const edr::Event& event) {
     if (event.GetId() == 2) throw std::runtime_error("no such process");
   };
-  engine_.on_idle = [] { throw std::runtime_error("cleaner failed"); };
+  engine_.on_idle = []() -> bool { throw std::runtime_error("cleaner failed"); };
   stage_->Start();
   clock_.AwaitWaiters(1);
   clock_.Advance(std::chrono::seconds(1));
@@ -148,6 +225,7 @@ TEST_F(EventProcessingThreadTest, AFailingEventOrHousekeepingCostsNoOther) {
   EXPECT_THAT(Processed(2), ElementsAre(1, 3));
   EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_ERROR, "Failed to process event: no such process"));
   EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_ERROR, "Idle housekeeping failed: cleaner failed"));
+  EXPECT_EQ(counters_.Get(IntakeCounters::Reason::NotProcessed), 1U);
 }
 
 TEST_F(EventProcessingThreadTest, AHighCpuLoadSlowsEachEventByTenMillisecondsAndLosesNone) {
@@ -218,6 +296,45 @@ TEST_F(EventProcessingThreadTest, StopReleasesAProducerThatWaitsAtTheBound) {
   stopping.get();
   EXPECT_THAT(Processed(1), ElementsAre(1));
   EXPECT_TRUE(engine_.processed.IsEmpty()) << "what was queued at the stop is dropped";
+  EXPECT_EQ(Left(), 10'001U) << "and counted, with what the producer still brought";
+}
+
+TEST_F(EventProcessingThreadTest, CountsWhatAStopLeavesOfTheBatchAtHand) {
+  std::promise<void> open;
+  engine_.on_process = [gate = open.get_future().share()](const edr::Event&) { gate.wait(); };
+  stage_->Start();
+  AddMany(1, 5);
+  while (!lines_.Has("Audit active event processing queue size: 5 events")) std::this_thread::yield();
+  auto stopping = std::async(std::launch::async, [this] { stage_->Stop(); });
+  while (Left() == 0) AddOne(9);
+  const std::uint64_t refused = Left();
+  EXPECT_EQ(refused, 1U);
+  open.set_value();
+  stopping.get();
+  EXPECT_THAT(Processed(1), ElementsAre(1));
+  EXPECT_GE(Left(), refused + 4);
+}
+
+TEST_F(EventProcessingThreadTest, AtTheStopTheEngineDeliversWhatStillWaitsInIt) {
+  std::thread::id processed_on;
+  std::thread::id delivered_on;
+  engine_.on_process = [&](const edr::Event&) { processed_on = std::this_thread::get_id(); };
+  engine_.on_stop = [&] { delivered_on = std::this_thread::get_id(); };
+  stage_->Start();
+  AddOne(1);
+  EXPECT_THAT(Processed(1), ElementsAre(1));
+  stage_->Stop();
+  EXPECT_EQ(engine_.stopped.Take(), std::chrono::seconds(5));
+  EXPECT_EQ(delivered_on, processed_on);
+  EXPECT_TRUE(ended_.IsEmpty()) << "an end that was asked for";
+}
+
+TEST_F(EventProcessingThreadTest, AFailingLastDeliveryIsALineAndTheStopSucceeds) {
+  engine_.on_stop = [] { throw std::runtime_error("no handler"); };
+  stage_->Start();
+  clock_.AwaitWaiters(1);
+  stage_->Stop();
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_ERROR, "Last delivery failed: no handler"));
 }
 
 TEST_F(EventProcessingThreadTest, AStoppedStageNeverBlocksAndProcessesNothing) {
@@ -262,19 +379,55 @@ TEST_F(EventProcessingThreadTest, RunsOnceAtATime) {
   }
 }
 
-TEST_F(EventProcessingThreadTest, StopTellsWhatTheThreadDiedOf) {
-  cpu_fails_ = true;
+TEST_F(EventProcessingThreadTest, TellsWhatItDiedOfAndRunsAgainAfterAStop) {
+  on_measure_ = [] { throw std::runtime_error("no /proc"); };
   stage_->Start();
   AddOne(1);
   EXPECT_THAT(Processed(1), ElementsAre(1));
-  while (!lines_.Has(Poco::Message::PRIO_ERROR, "Parsed events processing thread has ended: no /proc")) {
-    std::this_thread::yield();
-  }
+  EXPECT_EQ(ended_.Take(), "Parsed events processing thread: no /proc");
+  EXPECT_TRUE(engine_.stopped.Take().has_value()) << "what waits in the engine is delivered all the same";
   EXPECT_THROW(stage_->Stop(), std::runtime_error);
-  cpu_fails_ = false;
+  on_measure_ = [] {};
   stage_->Start();
   AddOne(2);
   EXPECT_THAT(Processed(1), ElementsAre(2));
+  EXPECT_TRUE(ended_.IsEmpty());
+}
+
+TEST_F(EventProcessingThreadTest, ADeadStageReleasesItsProducerAndNeverBlocksItAgain) {
+  fakes::Gate producer_waits;
+  on_measure_ = [&] {
+    EXPECT_TRUE(producer_waits.Await());
+    throw 42;  // NOLINT(hicpp-exception-baseclass): not even what every exception should be
+  };
+  stage_->Start();
+  AddOne(1);
+  while (!lines_.Has("Audit active event processing queue size: 1 events")) std::this_thread::yield();
+  AddMany(2, 10'000);
+  auto producer = std::async(std::launch::async, [this] { AddOne(20'000); });
+  while (!lines_.Has("Processing queue threshold hit.")) std::this_thread::yield();
+  producer_waits.Open();
+  producer.get();
+  EXPECT_EQ(ended_.Take(), "Parsed events processing thread: unknown failure");
+  AddMany(30'000, 10'001);
+  AddMany(50'000, 10'001);
+  EXPECT_THROW(stage_->Stop(), int);
+  EXPECT_THAT(Processed(1), ElementsAre(1));
+  EXPECT_TRUE(engine_.processed.IsEmpty());
+  EXPECT_EQ(Left(), 10'001U + 20'002U);
+}
+
+TEST_F(EventProcessingThreadTest, TheStageThatDiesInTheMiddleOfABatchCountsItsRest) {
+  std::atomic<int> measured{0};
+  on_measure_ = [&] {
+    if (++measured == 2) throw std::runtime_error("no /proc");
+  };
+  stage_->Start();
+  AddMany(1, 5);
+  EXPECT_EQ(ended_.Take(), "Parsed events processing thread: no /proc");
+  EXPECT_THROW(stage_->Stop(), std::runtime_error);
+  EXPECT_THAT(Processed(2), ElementsAre(1, 2));
+  EXPECT_EQ(Left(), 3U);
 }
 
 }  // namespace

@@ -30,6 +30,7 @@ namespace {
 using fakes::AuditLog;
 using fakes::ToBytes;
 using testing::ElementsAre;
+using Reason = IntakeCounters::Reason;
 
 constexpr std::size_t kMiB = 1'048'576;
 constexpr std::chrono::milliseconds kFlushDelay{100};
@@ -53,11 +54,11 @@ IOChannel::Bytes Filler(std::size_t size) {
 class ParserThreadTest : public testing::Test {
  protected:
   ParserThreadTest() {
-    parser_ = std::make_unique<ParserThread>(channel_, engine_, kCpuLimit, 0, clock_,
+    parser_ = std::make_unique<ParserThread>(channel_, engine_, kCpuLimit, 0, Reports(), clock_,
                                              ParserThread::Seams{factory_.Get(), [this] {
                                                                    // The first one is the parser's own.
                                                                    const bool parser = probes_++ == 0;
-                                                                   return parser ? ParserProbe() : IdleProbe();
+                                                                   return parser ? ParserProbe() : StageProbe();
                                                                  }});
   }
   // Threads first: what they use stands below.
@@ -70,8 +71,29 @@ class ParserThreadTest : public testing::Test {
             },
             4'000'000};
   }
+  LoadProbe StageProbe() {
+    return {[this]() -> float {
+              if (stage_fails_) throw std::runtime_error("no /proc");
+              return 0;
+            },
+            4'000'000};
+  }
   static LoadProbe IdleProbe() {
     return {[] { return 0.0F; }, 4'000'000};
+  }
+  IntakeReports Reports() {
+    return {counters_, [this](const std::string& cause) { ended_.Put(cause); }};
+  }
+  // Events of serial 1 to `count`.
+  [[nodiscard]] std::string ManyEvents(int count) const {
+    std::string events;
+    const std::string one = log_.Event(AuditLog::kMkdir);
+    for (int serial = 1; serial <= count; ++serial) {
+      std::string event = one.substr(0, one.find('\n') + 1);
+      event = fakes::Replaced(event, ":27): ", ":" + std::to_string(serial) + "): ");
+      events += event + "type=PROCTITLE msg=audit(1795162409.432:" + std::to_string(serial) + "): proctitle=\"x\"\n";
+    }
+    return events;
   }
   std::vector<std::uint32_t> Processed(std::size_t count) {
     std::vector<std::uint32_t> ids;
@@ -93,6 +115,9 @@ class ParserThreadTest : public testing::Test {
   fakes::FakeClock clock_;
   std::atomic<float> cpu_usage_{0};
   std::atomic<bool> cpu_fails_{false};
+  std::atomic<bool> stage_fails_{false};
+  IntakeCounters counters_;
+  fakes::Mailbox<std::string> ended_;
   std::atomic<int> measured_{0};
   std::set<int> pause_at_;  // measurements that find a high load, counted from 1
   int probes_ = 0;
@@ -151,7 +176,7 @@ TEST_F(ParserThreadTest, ReadsTheLogOfARealKernelThroughTheKernelChannel) {
   KernelIOChannel channel(kernel);
   fakes::RecordingRuleEngine engine;
   fakes::ScriptedEventFactory factory;
-  ParserThread parser(channel, engine, kCpuLimit, 0, clock_, ParserThread::Seams{factory.Get(), IdleProbe});
+  ParserThread parser(channel, engine, kCpuLimit, 0, Reports(), clock_, ParserThread::Seams{factory.Get(), IdleProbe});
   parser.Start();
   channel.Start();
   for (const unsigned serial : {AuditLog::kMkdir, AuditLog::kRmdir, AuditLog::kRenameOver}) {
@@ -172,6 +197,40 @@ TEST_F(ParserThreadTest, FeedsInStepsOfOneMiBAndMeasuresTheLoadAfterEach) {
   parser_->Start();
   AwaitFlushWait();
   EXPECT_EQ(measured_, 6 + 1) << "six steps and once more at the end";
+}
+
+TEST_F(ParserThreadTest, FeedsManyPiecesInTheSameSteps) {
+  for (int i = 0; i < 300; ++i) channel_.Deliver(Filler(65'536));
+  parser_->Start();
+  AwaitFlushWait();
+  EXPECT_EQ(measured_, 19 + 1) << "300 pieces of 64 KiB are not quite 19 MiB";
+}
+
+TEST_F(ParserThreadTest, JoinsWhatArrivesByteByByte) {
+  for (const char byte : log_.Event(AuditLog::kMkdir) + log_.Event(AuditLog::kRmdir)) {
+    channel_.Deliver(std::string(1, byte));
+  }
+  parser_->Start();
+  EXPECT_THAT(Processed(1), ElementsAre(AuditLog::kMkdir));
+  AwaitFlushWait();
+  EXPECT_EQ(measured_, 1 + 1) << "one step";
+}
+
+TEST_F(ParserThreadTest, AWallClockThatIsSetBackHoldsNeitherTheFlushNorTheCpuPause) {
+  parser_->Start();
+  channel_.Deliver(log_.Event(AuditLog::kMkdir));
+  AwaitFlushWait();
+  clock_.SetWall(-std::chrono::hours(1));
+  clock_.Advance(kFlushDelay);
+  EXPECT_THAT(Processed(1), ElementsAre(AuditLog::kMkdir));
+
+  cpu_usage_ = 100;
+  channel_.Deliver(log_.Event(AuditLog::kRmdir));
+  AwaitCpuPauses(1);
+  clock_.SetWall(-std::chrono::hours(1));
+  cpu_usage_ = 0;
+  clock_.Advance(std::chrono::seconds(1));
+  AwaitFlushWait();
 }
 
 TEST_F(ParserThreadTest, PausesASecondAtATimeWhileTheLoadIsHigh) {
@@ -210,6 +269,7 @@ TEST_F(ParserThreadTest, AtItsLimitItDropsBytesUntilHalfIsFreeAgain) {
   AwaitCpuPauses(1);
   channel_.Deliver("x");
   EXPECT_FALSE(lines_.Has("Enabling the audit parser queue")) << "below the limit, but above the mark";
+  EXPECT_EQ(counters_.Get(Reason::BytesAtBound), 3U);
 
   cpu_usage_ = 0;
   clock_.Advance(std::chrono::seconds(1));
@@ -271,13 +331,7 @@ TEST_F(ParserThreadTest, StopWakesTheParserFromEveryWait) {
 TEST_F(ParserThreadTest, StopReleasesAParserThatWaitsForSpaceInTheSecondStage) {
   std::promise<void> open;
   engine_.on_process = [gate = open.get_future().share()](const edr::Event&) { gate.wait(); };
-  std::string events;
-  const std::string one = log_.Event(AuditLog::kMkdir);
-  for (int serial = 1; serial <= 10'100; ++serial) {
-    std::string event = one.substr(0, one.find('\n') + 1);
-    event = fakes::Replaced(event, ":27): ", ":" + std::to_string(serial) + "): ");
-    events += event + "type=PROCTITLE msg=audit(1795162409.432:" + std::to_string(serial) + "): proctitle=\"x\"\n";
-  }
+  const std::string events = ManyEvents(10'100);
   parser_->Start();
   channel_.Deliver(events.substr(0, events.size() / 2));
   while (!lines_.Has("Audit active event processing queue size: ")) std::this_thread::yield();
@@ -309,13 +363,58 @@ TEST_F(ParserThreadTest, RunsOnceAtATime) {
   }
 }
 
-TEST_F(ParserThreadTest, StopTellsWhatTheParserDiedOf) {
+TEST_F(ParserThreadTest, TellsWhatItDiedOfAndDropsWhatTheChannelStillReads) {
   cpu_fails_ = true;
   parser_->Start();
   channel_.Deliver("type=EOE msg=audit(1.000:1): \n");
-  while (!lines_.Has(Poco::Message::PRIO_ERROR, "Audit Parser Thread has ended: no /proc")) std::this_thread::yield();
-  EXPECT_THROW(parser_->Stop(), std::runtime_error);
+  EXPECT_EQ(ended_.Take(), "Audit Parser Thread: no /proc");
   EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_INFORMATION, "Started Audit Parser Thread"));
+  const std::uint64_t before = counters_.Get(Reason::BytesAtStop);
+  for (int i = 0; i < 300; ++i) channel_.Deliver(Filler(kMiB));
+  EXPECT_EQ(counters_.Get(Reason::BytesAtStop) - before, 300 * kMiB);
+  EXPECT_FALSE(lines_.Has("Audit parser queue threshold hit.")) << "it was queued";
+  EXPECT_THROW(parser_->Stop(), std::runtime_error);
+}
+
+TEST_F(ParserThreadTest, StartsAgainAfterItsDeath) {
+  cpu_fails_ = true;
+  parser_->Start();
+  channel_.Deliver("type=EOE msg=audit(1.000:1): \n");
+  ASSERT_TRUE(ended_.Take().has_value());
+  EXPECT_THROW(parser_->Stop(), std::runtime_error);
+  cpu_fails_ = false;
+  parser_->Start();
+  channel_.Deliver(log_.Event(AuditLog::kMkdir) + log_.Event(AuditLog::kRmdir));
+  EXPECT_THAT(Processed(1), ElementsAre(AuditLog::kMkdir));
+  parser_->Stop();
+  EXPECT_TRUE(ended_.IsEmpty());
+}
+
+TEST_F(ParserThreadTest, ASecondStageThatDiesReleasesTheParserThatWaitsForSpace) {
+  std::promise<void> open;
+  engine_.on_process = [gate = open.get_future().share()](const edr::Event&) { gate.wait(); };
+  const std::string events = ManyEvents(10'100);
+  parser_->Start();
+  channel_.Deliver(events.substr(0, events.size() / 2));
+  while (!lines_.Has("Audit active event processing queue size: ")) std::this_thread::yield();
+  for (int i = 0; i < 3; ++i) channel_.Deliver(events);
+  while (!lines_.Has("Processing queue threshold hit.")) std::this_thread::yield();
+  stage_fails_ = true;
+  open.set_value();
+  EXPECT_EQ(ended_.Take(), "Parsed events processing thread: no /proc");
+  AwaitFlushWait();  // all is parsed, in vain
+  EXPECT_GE(counters_.Get(Reason::LeftAtStop), 30'000U);
+  EXPECT_THROW(parser_->Stop(), std::runtime_error);
+}
+
+TEST_F(ParserThreadTest, CountsTheBytesThatAStopLeaves) {
+  channel_.Deliver(Filler(10 * kMiB));
+  cpu_usage_ = 100;
+  parser_->Start();
+  AwaitCpuPauses(1);
+  channel_.Deliver(Filler(kMiB));
+  parser_->Stop();
+  EXPECT_EQ(counters_.Get(Reason::BytesAtStop), 10 * kMiB) << "one step of eleven was fed";
 }
 
 }  // namespace

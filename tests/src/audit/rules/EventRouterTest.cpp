@@ -21,6 +21,7 @@ using namespace std::chrono_literals;
 using edr::EventType;
 using edr::ObjectType;
 using fakes::FakeEvent;
+using Reason = IntakeCounters::Reason;
 
 class EventRouterTest : public ::testing::Test {
  protected:
@@ -41,7 +42,8 @@ class EventRouterTest : public ::testing::Test {
   }
   void PassTime(std::chrono::seconds time) {
     clock_.Advance(time);
-    router_.DeliverExpired();
+    while (router_.DeliverDue()) {
+    }
   }
 
   fakes::LogCapture log_;
@@ -49,7 +51,9 @@ class EventRouterTest : public ::testing::Test {
   Deliveries delivered_;
   bool is_own_ = false;
   std::function<void(const edr::Event&)> on_delivery_ = [](const edr::Event&) {};
-  EventRouter router_{clock_, [this](const edr::Event&) { return !is_own_; },
+  static constexpr std::size_t kMaxResting = 2000;
+  IntakeCounters counters_;
+  EventRouter router_{clock_, kMaxResting, counters_, [this](const edr::Event&) { return !is_own_; },
                       [this](const edr::Event& event) {
                         delivered_.push_back({event.GetId(), dynamic_cast<const FakeEvent&>(event).refreshed});
                         on_delivery_(event);
@@ -81,6 +85,7 @@ TEST_F(EventRouterTest, DeliversWhatIsDueBeforeTheNextEvent) {
 
 TEST_F(EventRouterTest, LetsTheOldestOfACrowdLeaveEarly) {
   for (std::uint32_t id = 1; id <= 1001; ++id) router_.Process(Event(id));
+  EXPECT_TRUE(delivered_.empty());
   PassTime(0s);
   EXPECT_EQ(delivered_, (Deliveries{{1, 1}}));
 }
@@ -122,6 +127,8 @@ TEST_F(EventRouterTest, DropsAnEventWhoseFileWasReplacedAndGoesOn) {
   router_.Process(Event(2));
   PassTime(31s);
   EXPECT_EQ(delivered_, (Deliveries{{2, 1}}));
+  EXPECT_EQ(counters_.Get(Reason::FileReplaced), 1U);
+  EXPECT_EQ(counters_.Get(Reason::NotProcessed), 0U);
   EXPECT_TRUE(
       log_.Has(Poco::Message::PRIO_DEBUG, "Failed to process event with ID 1: Actual file path /watched/file differs"));
 }
@@ -145,6 +152,59 @@ TEST_F(EventRouterTest, LetsNoFailureOfAnEventOut) {
   PassTime(31s);
   EXPECT_TRUE(log_.Has("Failed to process event with ID 10: late"));
   EXPECT_TRUE(log_.Has("Failed to process event with ID 11: late"));
+  on_delivery_ = [](const edr::Event&) { throw 42; };  // NOLINT(hicpp-exception-baseclass)
+  router_.Process(Event(12, ObjectType::Directory));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "Failed to process event with ID 12: unknown failure"));
+  EXPECT_EQ(counters_.Get(Reason::NotProcessed), failures.size() + 3);
+}
+
+TEST_F(EventRouterTest, DeliversOneDueEventACallAndSaysWhetherMoreAreDue) {
+  for (std::uint32_t id = 1; id <= 3; ++id) router_.Process(Event(id));
+  clock_.Advance(31s);
+  EXPECT_TRUE(router_.DeliverDue());
+  EXPECT_EQ(delivered_, (Deliveries{{1, 1}}));
+  router_.Process(Event(4, ObjectType::Directory));
+  EXPECT_EQ(delivered_, (Deliveries{{1, 1}, {2, 1}, {4, 0}}));
+  EXPECT_FALSE(router_.DeliverDue());
+  EXPECT_EQ(delivered_.size(), 4U);
+  EXPECT_FALSE(router_.DeliverDue());
+}
+
+TEST_F(EventRouterTest, HoldsNoMoreThanItsBound) {
+  for (std::uint32_t id = 1; id <= kMaxResting + 10; ++id) {
+    auto event = Event(id);
+    event->pid = static_cast<std::int32_t>(id);
+    router_.Process(std::move(event));
+  }
+  EXPECT_EQ(delivered_.size(), 9U) << "each further event makes room for itself";
+  PassTime(0s);
+  EXPECT_EQ(delivered_.size(), 10U);
+  EXPECT_EQ(delivered_.back(), (Delivered{10, 1}));
+}
+
+TEST_F(EventRouterTest, AtTheEndItDeliversWhatRestsWithoutWaitingForIt) {
+  router_.Process(Event(1));
+  clock_.Advance(10s);
+  router_.Process(Event(2));
+  router_.DeliverRest(5s);
+  EXPECT_EQ(delivered_, (Deliveries{{1, 1}, {2, 1}}));
+  EXPECT_EQ(counters_.Get(Reason::LeftAtStop), 0U);
+  EXPECT_FALSE(log_.Has("No time left"));
+}
+
+TEST_F(EventRouterTest, TheLastDeliveryEndsInTimeAndCountsWhatRemains) {
+  for (std::uint32_t id = 1; id <= 10; ++id) router_.Process(Event(id));
+  on_delivery_ = [this](const edr::Event&) {
+    clock_.SetWall(-1h);  // is no help: the time is that of the steady clock
+    clock_.Advance(2s);
+  };
+  router_.DeliverRest(5s);
+  EXPECT_EQ(delivered_, (Deliveries{{1, 1}, {2, 1}, {3, 1}}));
+  EXPECT_TRUE(
+      log_.Has(Poco::Message::PRIO_WARNING, "RuleEngine: No time left to deliver 7 file events that still rested"));
+  EXPECT_EQ(counters_.Get(Reason::LeftAtStop), 7U);
+  router_.DeliverRest(5s);
+  EXPECT_EQ(delivered_.size(), 3U) << "what was counted as lost is not delivered later";
 }
 
 }  // namespace

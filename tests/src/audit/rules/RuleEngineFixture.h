@@ -29,8 +29,8 @@ class RuleEngineFixture : public ::testing::Test {
   void Start() {
     engine_ = std::make_unique<RuleEngine>(kernel_, tree_,
                                            RuleEngine::Settings{400, "/opt/ostrel/bin/host-warden", 8192, "/opt/ostrel",
-                                                                RuleEngine::DefaultSiblingNames()},
-                                           clock_);
+                                                                RuleEngine::DefaultSiblingNames(), kMaxResting},
+                                           counters_, clock_);
   }
 
   // Collects what a tag hears as "<rule ids joined by ,>:<event id>".
@@ -74,11 +74,13 @@ class RuleEngineFixture : public ::testing::Test {
   }
   [[nodiscard]] std::size_t Exclusions() const { return kernel_.Rules().size() - InstalledIds().size(); }
 
+  static constexpr std::size_t kMaxResting = 100'000;
   static constexpr std::size_t kAllExclusions = 6;  // two pairs, the message type, the threads
 
   fakes::LogCapture log_;
   fakes::TempFolder folder_;
   fakes::FakeClock clock_;
+  IntakeCounters counters_;
   fakes::FakeAuditNetlink kernel_;
   common::ProcessTree tree_;
   std::vector<std::string> heard_, invalidated_;

@@ -57,6 +57,26 @@ TEST_F(RuleEngineRoutingTest, DeliversAFileEventAfterItsRest) {
   EXPECT_EQ(heard_, (Ids{"FIM a,:1"}));
 }
 
+TEST_F(RuleEngineRoutingTest, SaysWhetherMoreIsDueAndDeliversTheRestAtTheEnd) {
+  Listen("FIM");
+  engine_->AddRules("FIM", {Watch("a")});
+  const auto write = [&](std::uint32_t id) {
+    auto event = std::make_unique<FakeEvent>(EventType::Write, "Write", folder_ / "file");
+    event->id = id;
+    event->timestamp = common::util::ToNanoseconds(clock_.Now());
+    engine_->ProcessEvent(std::move(event));
+  };
+  write(1);
+  write(2);
+  clock_.Advance(31s);
+  EXPECT_TRUE(engine_->OnIdle());
+  EXPECT_EQ(heard_, (Ids{"FIM a,:1"}));
+  EXPECT_FALSE(engine_->OnIdle());
+  write(3);
+  engine_->OnStop(5s);
+  EXPECT_EQ(heard_, (Ids{"FIM a,:1", "FIM a,:2", "FIM a,:3"}));
+}
+
 TEST_F(RuleEngineRoutingTest, HearsARenameIntoAWatchedFolder) {
   Listen("FIM");
   engine_->AddRules("FIM", {Watch("a")});

@@ -47,8 +47,7 @@ TEST_F(IntakeReportTest, TellsEveryTenMinutesWhenMoreWasLost) {
   PassTime(5min);
   EXPECT_EQ(log_.Count(prefix_), 1) << "not yet";
   PassTime(5min);
-  EXPECT_TRUE(
-      log_.Has(prefix_ + "bytes dropped at the parser's bound: 4096, events that could not be built: 2"));
+  EXPECT_TRUE(log_.Has(prefix_ + "bytes dropped at the parser's bound: 4096, events that could not be built: 2"));
   EXPECT_EQ(log_.Count(prefix_), 2);
 }
 

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <exception>
+#include <functional>
+#include <string>
+
+#include "src/audit/events/IntakeCounters.h"
+
+namespace zagent::audit {
+
+// Where a stage of the intake tells what becomes of it.
+struct IntakeReports {
+  // What is lost; outlives the stage.
+  IntakeCounters& counters;
+  // The stage has died of `cause`: it takes nothing in any more and drops what it had. Called once a run, on the
+  // stage's own thread, which ends behind it; Start and Stop of the stage must not be called from within.
+  std::function<void(const std::string& cause)> ended;
+};
+
+// The text of the exception that is being handled.
+inline std::string DescribeCurrentException() {
+  try {
+    throw;
+  } catch (const std::exception& error) {
+    return error.what();
+  } catch (...) {
+    return "unknown failure";
+  }
+}
+
+}  // namespace zagent::audit
