@@ -61,6 +61,12 @@ class RunTest : public testing::Test {
     config_.Write();
   }
 
+  void ExtendCoverage() {
+    rapidjson::Document& json = config_.Json();
+    json["edr_config"].AddMember("extended_coverage", true, json.GetAllocator());
+    config_.Write();
+  }
+
   void ExpectOrderlyEnd() {
     EXPECT_EQ(daemon_->WaitForExit(), 0);
     EXPECT_EQ(RuleKeys(), "") << "rules left in the kernel";
@@ -192,6 +198,62 @@ TEST_F(RunTest, WhatIsInTheCacheAtTheEndIsFlushedToDisk) {
   agent_->Send(R"({"command": "exit"})");
   ExpectOrderlyEnd();
   EXPECT_EQ(SpoolFiles(), 1U);
+}
+
+TEST_F(RunTest, AFileEventThatStillRestsAtTheEndIsSpooledAtOnce) {
+  StartDaemon();
+  const std::string file = config_.Watched() + "/unsettled";
+  std::ofstream(file) << "abc";
+  audit_->CreatedFile(file);
+  MakeWatchedFolder("behind");  // what comes after the file has been processed, so the file rests
+  ASSERT_TRUE(LogComesToHold("Event json written to disc successfully"));
+  const auto start = std::chrono::steady_clock::now();
+  agent_->Send(R"({"command": "exit"})");
+  ExpectOrderlyEnd();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 20s) << "nobody waits for its rest to end";
+  EXPECT_EQ(LogCount("Event json written to disc successfully"), 2);
+  EXPECT_EQ(SpoolFiles(), 1U);
+  EXPECT_EQ(LogCount("Intake losses since the start: none"), 1);
+}
+
+TEST_F(RunTest, AnIntakeThatDiedIsStartedAnewWhenCoverageIsExtended) {
+  ExtendCoverage();
+  StartDaemon();
+  ASSERT_TRUE(LogComesToHold("KernelIOChannel: Started."));
+  audit_->DropConsumer();
+  ASSERT_TRUE(LogComesToHold("The audit intake has ended: audit channel: the scripted kernel has gone"));
+  audit_->AwaitConsumer();
+  ASSERT_TRUE(Within(20s, [this] { return LogCount("KernelIOChannel: Started.") == 2; }));
+  MakeWatchedFolder("after");
+  EXPECT_TRUE(LogComesToHold("Event json written to disc successfully"));
+  EXPECT_EQ(LogCount("The audit intake has ended"), 1);
+  agent_->Send(R"({"command": "exit"})");
+  ExpectOrderlyEnd();
+}
+
+TEST_F(RunTest, AnIntakeThatKeepsDyingEndsTheDaemonInOrder) {
+  ExtendCoverage();
+  StartDaemon();
+  for (int death = 1; death <= 3; ++death) {
+    ASSERT_TRUE(Within(20s, [&] { return LogCount("KernelIOChannel: Started.") == death; }));
+    audit_->DropConsumer();
+    if (death < 3) audit_->AwaitConsumer();
+  }
+  ExpectOrderlyEnd();
+  EXPECT_EQ(LogCount("The audit intake has ended: "), 3);
+  EXPECT_EQ(LogCount("Uncaught exception: The audit intake has ended three times within ten minutes"), 1);
+}
+
+TEST_F(RunTest, WithoutExtendedCoverageADeadIntakeLeavesTheDaemonRunningWithoutEvents) {
+  StartDaemon();
+  ASSERT_TRUE(LogComesToHold("KernelIOChannel: Started."));
+  audit_->DropConsumer();
+  ASSERT_TRUE(LogComesToHold("The audit intake has ended: audit channel: the scripted kernel has gone"));
+  EXPECT_FALSE(Within(7s, [this] { return audit_->IsWanted(); })) << "started anew";
+  agent_->Send(R"({"command": "fim_status"})");
+  EXPECT_TRUE(LogComesToHold("Command 'fim_status' received from agent"));
+  agent_->Send(R"({"command": "exit"})");
+  ExpectOrderlyEnd();
 }
 
 TEST_F(RunTest, AMalformedManifestIsNamedAndTheDaemonGoesOn) {

@@ -20,7 +20,7 @@ class ScriptedAudit {
   void AwaitConsumer();
   // True when the daemon has connected since the last AwaitConsumer.
   [[nodiscard]] bool IsWanted() const;
-  // Ends the daemon's connection, as an audit daemon that restarts does.
+  // Ends the daemon's connection: an audit daemon that restarts, or a kernel's socket that dies.
   void DropConsumer() { consumer_.Reset(); }
 
   // mkdir(2) of a folder that is there now, by /usr/bin/mkdir, process 4242, user root logged in as uid 0.

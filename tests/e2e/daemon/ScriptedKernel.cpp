@@ -24,6 +24,7 @@
 #include <cstring>
 #include <fstream>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 
 #include "src/audit/channels/AuditNetlink.h"
@@ -69,7 +70,9 @@ class ScriptedKernel final : public AuditNetlink {
   int Close(int fd) override {
     const std::lock_guard lock(mutex_);
     close(fd);
-    return fd == consumer_ ? 0 : rules_.Close(fd);
+    if (fd != consumer_) return rules_.Close(fd);
+    consumer_ = -1;
+    return 0;
   }
   int SetEnabled(int fd, std::uint32_t enabled) override {
     return OnRules([&] { return rules_.SetEnabled(fd, enabled); });
@@ -110,6 +113,8 @@ class ScriptedKernel final : public AuditNetlink {
     if (fd != consumer_) return OnRules([&] { return rules_.GetReply(fd, reply); });
     char packet[MAX_AUDIT_MESSAGE_LENGTH];
     const ssize_t size = recv(fd, packet, sizeof packet, MSG_DONTWAIT);
+    // A kernel never hangs up: the test does, to see what becomes of a channel that dies.
+    if (size == 0) throw std::runtime_error("the scripted kernel has gone");
     if (size < 2) return Fail(EAGAIN);
     std::uint16_t type = 0;
     std::memcpy(&type, packet, sizeof type);
