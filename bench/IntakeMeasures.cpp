@@ -65,7 +65,8 @@ class NoMagic final : public edr::LibMagicWrapper {
 
 // Builds the log's events and hands them to `keep`, those of a piece at a time.
 void BuildEvents(const std::string& log, const std::function<void(Events&&)>& keep) {
-  AuparseFeed feed(audit::internal::MakeEventFactory({std::make_shared<NoMagic>()}));
+  audit::IntakeCounters counters;
+  AuparseFeed feed(audit::internal::MakeEventFactory({std::make_shared<NoMagic>()}), counters);
   InPieces(log, kFeed, [&](const char* data, std::size_t size) {
     feed.Feed(reinterpret_cast<const unsigned char*>(data), size);
     keep(feed.TakeEvents());
@@ -99,7 +100,8 @@ class CountingEngine final : public edr::EventRuleEngine {
   explicit CountingEngine(std::size_t expected) : expected_(expected) {}
   void AddRules(const std::string&, Rules) override {}
   void Invalidate() override {}
-  void OnIdle() override {}
+  bool OnIdle() override { return false; }
+  void OnStop(std::chrono::nanoseconds /*time*/) override {}
   void ProcessEvent(std::unique_ptr<edr::Event>) override {
     const std::lock_guard lock(mutex_);
     if (++count_ == expected_) complete_.notify_one();
@@ -131,7 +133,9 @@ std::size_t RunPipeline(const std::string& log, Reads reads, std::size_t expecte
   constexpr std::uint64_t kMemoryLimit = 50;
   CountingEngine engine(expected);
   ReplayChannel channel;
-  audit::ParserThread parser(channel, std::make_shared<NoMagic>(), engine, kNoCpuLimit, kMemoryLimit);
+  audit::IntakeCounters counters;
+  audit::ParserThread parser(channel, std::make_shared<NoMagic>(), engine, kNoCpuLimit, kMemoryLimit,
+                             {counters, [](const std::string&) {}});
   parser.Start();
   const auto deliver = [&channel](const char* data, std::size_t size) { channel.Deliver(data, size); };
   if (reads == Reads::Records) {

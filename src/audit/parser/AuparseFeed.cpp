@@ -35,8 +35,8 @@ void AuparseFeed::Destroyer::operator()(auparse_state_t* state) const {
   auparse_destroy(state);
 }
 
-AuparseFeed::AuparseFeed(EventFactory build_events)
-    : build_events_(std::move(build_events)), state_(InitAuparse()), source_(state_.get()) {
+AuparseFeed::AuparseFeed(EventFactory build_events, IntakeCounters& counters)
+    : build_events_(std::move(build_events)), counters_(counters), state_(InitAuparse()), source_(state_.get()) {
   auparse_add_callback(
       state_.get(),
       [](auparse_state_t* state, auparse_cb_event_t kind, void* self) { OnAuparseEvent(state, kind, self); }, this,
@@ -63,11 +63,14 @@ Events AuparseFeed::TakeEvents() {
 // Called from within C code: nothing may be thrown through it.
 void AuparseFeed::OnAuparseEvent(auparse_state_t* /*state*/, int kind, void* self) noexcept {
   if (kind != AUPARSE_CB_EVENT_READY) return;
+  auto& feed = *static_cast<AuparseFeed*>(self);
   try {
-    static_cast<AuparseFeed*>(self)->OnCompleteEvent();
+    feed.OnCompleteEvent();
   } catch (const std::exception& error) {
+    feed.counters_.Add(IntakeCounters::Reason::NotBuilt);
     ZLOG_DEBUG("Dropping event: " << error.what());
   } catch (...) {
+    feed.counters_.Add(IntakeCounters::Reason::NotBuilt);
     ZLOG_DEBUG("Dropping event: unknown failure");
   }
 }
@@ -81,7 +84,7 @@ void AuparseFeed::OnCompleteEvent() {
   source_.Begin();
   const int type = source_.FirstType();
   // A process that ends abnormally within a call has both records.
-  if (type == record_type::kAnomAbend && build_events_({type}, source_, events_) != BuildResult::Unsupported) return;
+  if (type == record_type::kAnomAbend && Build({type})) return;
   if (type == record_type::kEndOfEvent) return;
   if (const Record* call = source_.FindCall()) {
     BuildFromCall(*call);
@@ -94,14 +97,21 @@ void AuparseFeed::BuildFromCall(const Record& call) {
   const std::string_view arch = call.fields.Find(edr::RecordField::Arch);
   // The same numbers mean other calls on another architecture.
   if (!arch.empty() && arch != kX86_64) {
+    counters_.Add(IntakeCounters::Reason::UnsupportedCall);
     ZLOG_TRACE("Ignoring event with ID: " << source_.Id() << " arch: " << arch);
     return;
   }
   const long long number = ParseNumber(call.fields.Find(edr::RecordField::Syscall));
   const bool in_range = number >= 0 && number <= kLastSyscall;
-  if (!in_range || build_events_({call.type, static_cast<int>(number)}, source_, events_) == BuildResult::Unsupported) {
-    ZLOG_TRACE("Unsupported syscall in event: " << number);
-  }
+  if (in_range && Build({call.type, static_cast<int>(number)})) return;
+  counters_.Add(IntakeCounters::Reason::UnsupportedCall);
+  ZLOG_TRACE("Unsupported syscall in event: " << number);
+}
+
+bool AuparseFeed::Build(const EventSubject& subject) {
+  const BuildResult result = build_events_(subject, source_, events_);
+  if (result == BuildResult::Dropped) counters_.Add(IntakeCounters::Reason::NotBuilt);
+  return result != BuildResult::Unsupported;
 }
 
 // Every record on a line of its own. Leaves the cursor at the first record.

@@ -5,12 +5,13 @@
 #include <string>
 
 #include "src/audit/events/AuparseRecordSource.h"
+#include "src/audit/events/IntakeCounters.h"
 #include "src/audit/parser/EventFactory.h"
 
 namespace zagent::audit::internal {
 
 // libauparse in its feed mode: takes the bytes of an audit log in pieces of any length and collects the typed events of
-// the audit events that they complete. One thread at a time.
+// the audit events that they complete. One thread at a time. What does not become an event is counted.
 //
 // auparse delivers a complete event only when the next one begins, and an older incomplete event holds back all that
 // follow: Flush makes delivery prompt. The tail of an event that a flush has cut arrives as a second event without a
@@ -18,7 +19,7 @@ namespace zagent::audit::internal {
 class AuparseFeed {
  public:
   // Throws std::runtime_error "Failed to initialize auparse".
-  explicit AuparseFeed(EventFactory build_events);
+  AuparseFeed(EventFactory build_events, IntakeCounters& counters);
   AuparseFeed(const AuparseFeed&) = delete;
   AuparseFeed& operator=(const AuparseFeed&) = delete;
   ~AuparseFeed();
@@ -37,9 +38,12 @@ class AuparseFeed {
   static void OnAuparseEvent(auparse_state_t* state, int kind, void* self) noexcept;
   void OnCompleteEvent();
   void BuildFromCall(const Record& call);
+  // Answers whether the subject meant anything.
+  bool Build(const EventSubject& subject);
   [[nodiscard]] std::string EventText() const;
 
   EventFactory build_events_;
+  IntakeCounters& counters_;
   Events events_;
   std::unique_ptr<auparse_state_t, Destroyer> state_;  // its callback fills what stands above
   AuparseRecordSource source_;

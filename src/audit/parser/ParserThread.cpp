@@ -41,7 +41,7 @@ ParserThread::ParserThread(IOChannel& channel, edr::EventRuleEngine& rule_engine
       reports_(std::move(reports)),
       limits_(QueueLimitsFor(memory_limit * load_.total_memory_kb)),
       clock_(clock),
-      parser_(std::move(seams.build_events)) {
+      parser_(std::move(seams.build_events), reports_.counters) {
   ZLOG_DEBUG("Setting parser queue size to " << limits_.max_bytes / 1024 << " KB");
   channel.SetReadCallback([this](IOChannel::Bytes&& data) { OnData(std::move(data)); });
 }

@@ -38,7 +38,8 @@ class AuparseFeedTest : public testing::Test {
   fakes::LogCapture lines_;
   AuditLog log_;
   fakes::ScriptedEventFactory factory_;
-  AuparseFeed feed_{factory_.Get()};
+  IntakeCounters counters_;
+  AuparseFeed feed_{factory_.Get(), counters_};
 };
 
 TEST_F(AuparseFeedTest, MakesATypedEventOfACompleteAuditEvent) {
@@ -101,6 +102,7 @@ TEST_F(AuparseFeedTest, SaysWhichCallMeansNothingToIt) {
   Feed(log_.Event(AuditLog::kMkdir));
   EXPECT_THAT(Flushed(), IsEmpty());
   EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_TRACE, "Unsupported syscall in event: 83"));
+  EXPECT_EQ(counters_.Get(IntakeCounters::Reason::UnsupportedCall), 1U);
 }
 
 TEST_F(AuparseFeedTest, DropsASyscallRecordWithoutItsNumber) {
@@ -114,6 +116,7 @@ TEST_F(AuparseFeedTest, IgnoresCallsOfAnotherArchitecture) {
   EXPECT_THAT(Flushed(), IsEmpty());
   EXPECT_THAT(factory_.syscalls, IsEmpty());
   EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_TRACE, "Ignoring event with ID: 27 arch: 40000003"));
+  EXPECT_EQ(counters_.Get(IntakeCounters::Reason::UnsupportedCall), 1U);
 
   Feed(Replaced(log_.Event(AuditLog::kMkdir), "arch=c000003e ", ""));
   EXPECT_THAT(Flushed(), ElementsAre(AuditLog::kMkdir)) << "a record without the field is taken as it is";
@@ -154,16 +157,19 @@ TEST_F(AuparseFeedTest, AnEventThatCannotBeBuiltCostsNoOther) {
   EXPECT_THAT(Flushed(), ElementsAre(AuditLog::kOpenForWriting));
   EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_DEBUG, "Dropping event: Missing path for child"));
   EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_DEBUG, "Dropping event: unknown failure"));
+  EXPECT_EQ(counters_.Get(IntakeCounters::Reason::NotBuilt), 2U);
 }
 
 TEST_F(AuparseFeedTest, WritesEveryRecordOfAnEventToTheTrace) {
   const fakes::EventTrace trace;
   int records_left = 0;
-  AuparseFeed feed([&](const EventSubject&, RecordSource& source, Events&) {
-    constexpr RecordKinds kAll = 0xffff;
-    while (source.Next(kAll) != nullptr) ++records_left;
-    return BuildResult::Built;
-  });
+  AuparseFeed feed(
+      [&](const EventSubject&, RecordSource& source, Events&) {
+        constexpr RecordKinds kAll = 0xffff;
+        while (source.Next(kAll) != nullptr) ++records_left;
+        return BuildResult::Built;
+      },
+      counters_);
   const std::string event = log_.Event(AuditLog::kMkdir);
   feed.Feed(reinterpret_cast<const unsigned char*>(event.data()), event.size());
   feed.Flush();

@@ -53,7 +53,7 @@ class EventFactoryTest : public testing::Test {
          << "type=CWD msg=audit(1700000000.123:900): cwd=\"" << folder_.Path() << "\"\n"
          << paths << "type=PROCTITLE msg=audit(1700000000.123:900): proctitle=\"sh\"\n";
     items_ = 0;
-    AuparseFeed feed(MakeEventFactory({std::make_shared<NoMagic>()}));
+    AuparseFeed feed(MakeEventFactory({std::make_shared<NoMagic>()}), counters_);
     const std::string bytes = text.str();
     feed.Feed(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
     feed.Flush();
@@ -68,6 +68,7 @@ class EventFactoryTest : public testing::Test {
 
   fakes::LogCapture lines_;
   fakes::TempFolder folder_;
+  IntakeCounters counters_;
   std::string file_ = folder_.Write("file", "content");
   int items_ = 0;
 };
@@ -122,6 +123,7 @@ TEST_F(EventFactoryTest, DropsARefusedEventWithItsReasonAndWithoutAnException) {
   EXPECT_TRUE(
       lines_.Has(Poco::Message::PRIO_DEBUG, "Dropping event: File stat does not exist for Change event with ID 900"))
       << lines_.All();
+  EXPECT_EQ(counters_.Get(IntakeCounters::Reason::NotBuilt), 1U);
 }
 
 // The calls that each class stands for, held against the numbers of the x86-64 table.
