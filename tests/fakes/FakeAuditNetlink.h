@@ -86,6 +86,7 @@ class FakeAuditNetlink final : public audit::AuditNetlink {
   int refusal = 0;
   bool leaves_out_done = false;
   bool answers_nothing = false;
+  bool takes_io_uring = true;  // since Linux 5.16
   int reply_error = 0;
 
   std::vector<std::string> calls;  // "add <key>", "delete <key>", "set backlog <limit>"
@@ -201,6 +202,7 @@ class FakeAuditNetlink final : public audit::AuditNetlink {
     Bytes payload;
   };
 
+  static constexpr std::uint32_t kIoUringList = 7;
   static constexpr int kFirstFd = 1000;
   static constexpr int kEagain = -1;
 
@@ -230,9 +232,11 @@ class FakeAuditNetlink final : public audit::AuditNetlink {
   }
 
   // What the kernel has against a new rule: an errno, or 0.
-  static int Objection(const SeenRule& rule) {
+  [[nodiscard]] int Objection(const SeenRule& rule) const {
     const std::uint32_t list = rule.flags & AUDIT_FILTER_MASK;
-    if (list != AUDIT_FILTER_EXIT && list != AUDIT_FILTER_EXCLUDE) return EINVAL;
+    const bool is_io_uring = takes_io_uring && list == kIoUringList;
+    if (list != AUDIT_FILTER_EXIT && list != AUDIT_FILTER_EXCLUDE && !is_io_uring) return EINVAL;
+    if (is_io_uring && rule.Find(AUDIT_PERM)) return EINVAL;
     if (list == AUDIT_FILTER_EXCLUDE && !rule.Find(AUDIT_MSGTYPE)) return EINVAL;
     if (list == AUDIT_FILTER_EXIT && rule.Find(AUDIT_MSGTYPE)) return EINVAL;
     if (rule.Find(AUDIT_DIR)) {

@@ -12,15 +12,9 @@
 #include "src/audit/events/FileIdentity.h"
 #include "src/audit/events/FolderIdentities.h"
 #include "src/audit/events/MountTable.h"
+#include "src/audit/events/WatchedFolder.h"
 
 namespace zagent::audit::internal {
-
-// A folder whose identity is of interest: with all below it, or by itself.
-struct WatchedFolder {
-  std::string path;  // absolute and normalised
-  bool with_content = true;
-  auto operator<=>(const WatchedFolder&) const = default;
-};
 
 // Goes through the watched folders, breadth first and a portion at a time, and tells FolderIdentities what it finds.
 // Follows no symbolic link. Enters neither file systems of the kernel's own making nor those that may keep it waiting:

@@ -53,6 +53,15 @@ audit_rule_data* Allocate(std::size_t size) {
   return rule;
 }
 
+bool IsPath(const std::string& path) {
+  return !path.empty() && path.size() < PATH_MAX && path.find('\0') == std::string::npos;
+}
+
+std::string WithoutLastSlashes(const std::string& path) {
+  const std::size_t last = path.find_last_not_of('/');
+  return last == std::string::npos ? path : path.substr(0, last + 1);
+}
+
 }  // namespace
 
 void AuditRule::Free::operator()(audit_rule_data* rule) const {
@@ -73,7 +82,7 @@ AuditRule::AuditRule(const audit_rule_data* rule, std::size_t size) {
 }
 
 bool AuditRule::Watch(int type, const std::string& path) {
-  if (path.empty() || path.size() >= PATH_MAX || path.find('\0') != std::string::npos) return false;
+  if (!IsPath(path)) return false;
   audit_rule_data* raw = rule_.release();
   const int result = audit_add_watch_dir(type, &raw, path.c_str());
   rule_.reset(raw);
@@ -82,12 +91,37 @@ bool AuditRule::Watch(int type, const std::string& path) {
 }
 
 bool AuditRule::WatchFile(const std::string& path) {
-  const std::size_t last = path.find_last_not_of('/');
-  return Watch(AUDIT_WATCH, last == std::string::npos ? path : path.substr(0, last + 1));
+  return Watch(AUDIT_WATCH, WithoutLastSlashes(path));
 }
 
 bool AuditRule::WatchDirectory(const std::string& path) {
   return Watch(AUDIT_DIR, path);
+}
+
+bool AuditRule::LimitToFile(const std::string& path) {
+  return IsPath(path) && AddText(AUDIT_WATCH, WithoutLastSlashes(path));
+}
+
+bool AuditRule::LimitToDirectory(const std::string& path) {
+  return IsPath(path) && AddText(AUDIT_DIR, path);
+}
+
+// libaudit takes a path for the exit list only, starts the rule anew for it, and cuts it at what looks like an
+// operator.
+bool AuditRule::AddText(std::uint32_t field, const std::string& text) {
+  if (rule_->field_count >= AUDIT_MAX_FIELDS) return false;
+  const std::size_t size = kFixedSize + rule_->buflen + text.size();
+  auto* grown = static_cast<audit_rule_data*>(std::realloc(rule_.get(), size));  // NOLINT(cppcoreguidelines-no-malloc)
+  if (grown == nullptr) throw std::bad_alloc();
+  static_cast<void>(rule_.release());
+  rule_.reset(grown);
+  text.copy(&rule_->buf[rule_->buflen], text.size());
+  rule_->buflen += static_cast<std::uint32_t>(text.size());
+  const std::uint32_t index = rule_->field_count++;
+  rule_->fields[index] = field;
+  rule_->fieldflags[index] = AUDIT_EQUAL;
+  rule_->values[index] = static_cast<std::uint32_t>(text.size());
+  return true;
 }
 
 bool AuditRule::SetPermissions(std::uint32_t permissions) {
@@ -116,8 +150,15 @@ bool AuditRule::AddAllSyscalls() {
   return AddSyscall("all");
 }
 
+bool AuditRule::AddNumber(unsigned number) {
+  if (number >= AUDIT_BITMASK_SIZE * 32U) return false;
+  rule_->mask[AUDIT_WORD(number)] |= AUDIT_BIT(number);
+  return true;
+}
+
 bool AuditRule::AddKey(const std::string& key) {
-  return WhyRefused(key) == nullptr && AddPair("key=" + key, 1);
+  if (WhyRefused(key) != nullptr) return false;
+  return GetList() == List::IoUring ? AddText(AUDIT_FILTERKEY, key) : AddPair("key=" + key, 1);
 }
 
 const char* AuditRule::WhyRefused(const std::string& key) {

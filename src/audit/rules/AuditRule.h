@@ -16,7 +16,9 @@ namespace zagent::audit::internal {
 // (which syscalls, permissions and architecture were named last): one thread at a time.
 class AuditRule {
  public:
-  enum class List : std::uint32_t { Exit = 4, Exclude = 5 };
+  // IoUring: what programs let the kernel do for them through io_uring, since Linux 5.16. libaudit 3.0 does not know
+  // it.
+  enum class List : std::uint32_t { Exit = 4, Exclude = 5, IoUring = 7 };
   enum class Action : std::uint32_t { Never = 0, Always = 2 };
 
   // An empty rule.
@@ -37,10 +39,16 @@ class AuditRule {
   // AUDIT_PERM_* of a watch.
   [[nodiscard]] bool SetPermissions(std::uint32_t permissions);
 
+  // The conditions alone, of what has no watch permission: the kernel compares the calls by their number. Once a rule.
+  [[nodiscard]] bool LimitToFile(const std::string& path);
+  [[nodiscard]] bool LimitToDirectory(const std::string& path);
+
   // "pid=17", "auid!=4294967295", "a0&65536", "arch=b64", "msgtype=EOE".
   [[nodiscard]] bool AddField(const std::string& field);
   [[nodiscard]] bool AddSyscall(const char* name);
   [[nodiscard]] bool AddAllSyscalls();
+  // By number: an operation of the io_uring list, or a call that libaudit has no name for.
+  [[nodiscard]] bool AddNumber(unsigned number);
   // Comes last. A key that WhyRefused objects to is refused.
   [[nodiscard]] bool AddKey(const std::string& key);
 
@@ -65,6 +73,7 @@ class AuditRule {
   };
 
   bool Watch(int type, const std::string& path);
+  bool AddText(std::uint32_t field, const std::string& text);
   bool AddPair(const std::string& pair, int syscall_added);
 
   std::unique_ptr<audit_rule_data, Free> rule_;  // from malloc: libaudit reallocates it

@@ -8,6 +8,7 @@
 
 #include "common/src/util/Log.h"
 #include "src/audit/rules/Exclusions.h"
+#include "src/audit/rules/ExtendedRules.h"
 #include "src/edr/EventRuleEngine.h"
 
 namespace zagent::audit::internal {
@@ -95,12 +96,13 @@ void AddKeyToRule(const std::string& id, AuditRule& target) {
 
 }  // namespace
 
-std::vector<AuditRule> CreateRules(const edr::EventRule& rule) {
+std::vector<AuditRule> CreateRules(const edr::EventRule& rule, const Coverage& coverage) {
   ZLOG_TRACE("CreateRules: Creating rule with ID " << rule.GetId());
   if (rule.GetType() != ObjectType::File && rule.GetType() != ObjectType::Directory) {
     throw RuleEngineException("CreateRules: Unsupported rule type for rule id " + rule.GetId());
   }
   std::vector<AuditRule> rules = AddPathRules(rule);
+  for (AuditRule& extended : CreateExtendedRules(rule, coverage)) rules.push_back(std::move(extended));
   for (AuditRule& created : rules) AddKeyToRule(rule.GetId(), created);
   return rules;
 }

@@ -4,15 +4,17 @@
 #include <vector>
 
 #include "src/audit/rules/AuditRule.h"
+#include "src/audit/rules/Coverage.h"
 #include "src/edr/EventRule.h"
 
 namespace zagent::audit::internal {
 
 // The kernel rules that let the events of a rule of type File or Directory be heard: at most one for reading, limited
-// to processes with a login session, and one for writing and attribute changes. Each carries the rule's id as key.
+// to processes with a login session, and one for writing and attribute changes; behind them those of extended coverage.
+// Each carries the rule's id as key.
 //
 // Throws edr::RuleEngineException when the rule cannot be expressed: a type without kernel rules, no action, a path
 // or an id that the kernel does not take.
-std::vector<AuditRule> CreateRules(const edr::EventRule& rule);
+std::vector<AuditRule> CreateRules(const edr::EventRule& rule, const Coverage& coverage = {});
 
 }  // namespace zagent::audit::internal

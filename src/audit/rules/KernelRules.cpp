@@ -56,10 +56,10 @@ void AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vector
   if (added) ZLOG_DEBUG("Added rule " << rule.GetId() << " to the audit subsytem");
 }
 
-void DeleteRuleFromAudit(AuditSocket& socket, const edr::EventRule& rule) {
+void DeleteRuleFromAudit(AuditSocket& socket, const edr::EventRule& rule, const Coverage& coverage) {
   ZLOG_TRACE("RuleEngine::DeleteRuleFromAudit: Deleting rule with ID " << rule.GetId());
   try {
-    for (AuditRule& created : CreateRules(rule)) DeleteCreatedRule(socket, rule.GetId(), created);
+    for (AuditRule& created : CreateRules(rule, coverage)) DeleteCreatedRule(socket, rule.GetId(), created);
   } catch (const std::exception& error) {
     ZLOG_WARNING("RuleEngine::DeleteRuleFromAudit: Failed to delete old rule " << rule.GetId() << ": " << error.what());
   }

@@ -2,6 +2,7 @@
 
 #include "src/audit/rules/AuditRule.h"
 #include "src/audit/rules/AuditSocket.h"
+#include "src/audit/rules/Coverage.h"
 #include "src/edr/EventRule.h"
 #include "src/edr/EventRuleEngine.h"
 
@@ -16,8 +17,8 @@ std::string ComparedPart(const std::string& id);
 // subsystem".
 void AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vector<AuditRule>& created);
 
-// Takes a rule's kernel rules away again. Failures are logged.
-void DeleteRuleFromAudit(AuditSocket& socket, const edr::EventRule& rule);
+// Takes a rule's kernel rules away again, with the coverage that they were made with. Failures are logged.
+void DeleteRuleFromAudit(AuditSocket& socket, const edr::EventRule& rule, const Coverage& coverage = {});
 
 // Takes away every kernel rule that carries the id of one of `rules`, whoever left it there.
 void DeleteDuplicateRules(AuditSocket& socket, const edr::EventRuleEngine::Rules& rules);

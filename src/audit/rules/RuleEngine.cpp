@@ -25,6 +25,7 @@ using internal::RuleTable;
 RuleEngine::RuleEngine(AuditNetlink& netlink, common::ProcessTree& process_tree, Settings settings,
                        IntakeCounters& counters, common::util::Clock& clock)
     : netlink_(netlink),
+      watch_folders_(std::move(settings.watch_folders)),
       exclusions_(getpid(), settings.agent_pid, settings.agent_path),
       own_activity_(process_tree, std::move(settings.sibling_names), std::move(settings.agent_install_path)),
       router_(
@@ -38,6 +39,7 @@ RuleEngine::RuleEngine(AuditNetlink& netlink, common::ProcessTree& process_tree,
   }
   AuditSocket socket(netlink_, "RuleEngine");
   internal::Exclusions::DeleteAll(socket);
+  coverage_ = internal::FindCoverage(socket, settings.extended_coverage);
   exclusions_.AddAll(socket);
 }
 
@@ -81,6 +83,7 @@ void RuleEngine::AddRules(const std::string& tag, Rules rules) {
     }
   }
   RestoreRulesOfOtherTags(socket, tag, touched);
+  TellWatchedFolders();
   if (first_failure) throw edr::RuleEngineException(*first_failure);
 }
 
@@ -94,14 +97,14 @@ std::set<std::string> RuleEngine::RemoveAllBut(AuditSocket& socket, const std::s
   for (const auto& [id, rule] : old_rules) {
     if (kept_objects.count(rule) != 0) continue;
     rules_.Remove(tag, id);
-    internal::DeleteRuleFromAudit(socket, *rule);
+    internal::DeleteRuleFromAudit(socket, *rule, coverage_);
     touched.insert(internal::ComparedPart(id));
   }
   return touched;
 }
 
 void RuleEngine::AddRule(AuditSocket& socket, const std::string& tag, const RuleTable::Rule& rule) {
-  std::vector<AuditRule> created = internal::CreateRules(*rule);
+  std::vector<AuditRule> created = internal::CreateRules(*rule, coverage_);
   // Entered first: what the kernel has taken of a rule before it refused the rest goes when the rule goes.
   rules_.Insert(tag, rule);
   internal::AddRuleToAudit(socket, *rule, created);
@@ -116,7 +119,7 @@ void RuleEngine::RestoreRulesOfOtherTags(AuditSocket& socket, const std::string&
     for (const auto& [id, rule] : rules) {
       if (touched.count(internal::ComparedPart(id)) == 0) continue;
       try {
-        std::vector<AuditRule> created = internal::CreateRules(*rule);
+        std::vector<AuditRule> created = internal::CreateRules(*rule, coverage_);
         internal::AddRuleToAudit(socket, *rule, created);
       } catch (const std::runtime_error& error) {
         ZLOG_ERROR("RuleEngine::AddRules: Failed to restore rule with ID " << id << " of '" << other_tag
@@ -128,9 +131,14 @@ void RuleEngine::RestoreRulesOfOtherTags(AuditSocket& socket, const std::string&
 
 void RuleEngine::DeleteEverythingFromAudit(AuditSocket& socket) {
   for (const auto& [tag, rules] : rules_.GetRules()) {
-    for (const auto& [id, rule] : rules) internal::DeleteRuleFromAudit(socket, *rule);
+    for (const auto& [id, rule] : rules) internal::DeleteRuleFromAudit(socket, *rule, coverage_);
   }
   internal::Exclusions::DeleteAll(socket);
+}
+
+// Invalidate does not tell: the same rules come back at once.
+void RuleEngine::TellWatchedFolders() const {
+  if (watch_folders_) watch_folders_(rules_.WatchedFolders());
 }
 
 void RuleEngine::Invalidate() {

@@ -3,14 +3,18 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "common/src/util/Clock.h"
 #include "src/audit/channels/AuditNetlink.h"
 #include "src/audit/events/IntakeCounters.h"
+#include "src/audit/events/WatchedFolder.h"
+#include "src/audit/rules/Coverage.h"
 #include "src/audit/rules/EventRouter.h"
 #include "src/audit/rules/Exclusions.h"
 #include "src/audit/rules/OwnActivity.h"
@@ -34,6 +38,10 @@ class RuleEngine final : public edr::EventRuleEngine {
     std::string agent_install_path;
     std::set<std::string> sibling_names;  // file names of the product family's processes
     std::size_t max_resting_events;       // file events that rest at most; beyond it the oldest are delivered early
+    bool extended_coverage = false;       // kernel rules for what no watch permission covers, too
+    // Told whenever rules were added or removed, with the folders of all tags' rules in force, in order. Must not call
+    // back: the engine's mutex is held, so that the last word is the newest.
+    std::function<void(std::vector<internal::WatchedFolder>)> watch_folders = {};
   };
 
   // Raises the backlog limit, removes what an earlier run left in the kernel, installs the exclusions. Throws
@@ -72,10 +80,13 @@ class RuleEngine final : public edr::EventRuleEngine {
   void RestoreRulesOfOtherTags(internal::AuditSocket& socket, const std::string& tag,
                                const std::set<std::string>& touched);
   void DeleteEverythingFromAudit(internal::AuditSocket& socket);
+  void TellWatchedFolders() const;
 
   AuditNetlink& netlink_;
+  const std::function<void(std::vector<internal::WatchedFolder>)> watch_folders_;
   std::mutex mutex_;
   internal::Exclusions exclusions_;
+  internal::Coverage coverage_;  // set by the constructor
   internal::RuleTable rules_;
   internal::OwnActivity own_activity_;
   internal::EventRouter router_;  // event thread

@@ -1,5 +1,6 @@
 #include "src/audit/rules/RuleTable.h"
 
+#include <set>
 #include <utility>
 
 #include "src/edr/process/ImageInfo.h"
@@ -10,6 +11,13 @@ namespace {
 void MergeValues(const edr::Trie& paths, const common::ImageInfo* file, edr::Trie::Values& values) {
   if (file == nullptr || !file->GetPath().starts_with('/')) return;
   for (auto& [id, tags] : paths.GetValues(file->GetPath())) values[id].merge(tags);
+}
+
+WatchedFolder FolderOf(const edr::EventRule& rule) {
+  std::string path = rule.GetPath().substr(0, rule.GetPath().find_last_not_of('/') + 1);
+  const bool is_folder = rule.GetType() == edr::ObjectType::Directory;
+  if (!is_folder) path = path.substr(0, path.rfind('/'));
+  return {path.empty() ? "/" : path, is_folder};
 }
 
 }  // namespace
@@ -41,6 +49,17 @@ RuleTable::Rule RuleTable::Find(const std::string& tag, const std::string& id) c
   if (of_tag == rules_.end()) return nullptr;
   const auto found = of_tag->second.find(id);
   return found == of_tag->second.end() ? nullptr : found->second;
+}
+
+std::vector<WatchedFolder> RuleTable::WatchedFolders() const {
+  std::set<WatchedFolder> folders;
+  for (const auto& [tag, rules] : rules_) {
+    for (const auto& [id, rule] : rules) {
+      const edr::ObjectType type = rule->GetType();
+      if (type == edr::ObjectType::File || type == edr::ObjectType::Directory) folders.insert(FolderOf(*rule));
+    }
+  }
+  return {folders.begin(), folders.end()};
 }
 
 std::map<std::string, std::vector<std::string>> RuleTable::FindByPathOf(const edr::Event& event) const {

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "src/audit/events/WatchedFolder.h"
 #include "src/edr/Event.h"
 #include "src/edr/EventRule.h"
 #include "src/edr/Trie.h"
@@ -30,6 +31,9 @@ class RuleTable {
   [[nodiscard]] const std::map<std::string, RulesById>& GetRules() const { return rules_; }
   // Null when there is none.
   [[nodiscard]] Rule Find(const std::string& tag, const std::string& id) const;
+
+  // The folders of directory rules with all below them, and those that hold the files of file rules; each once.
+  [[nodiscard]] std::vector<WatchedFolder> WatchedFolders() const;
 
   // Tag to the ids of the rules that stand at the path of the event's file or above it, in order; for a rename at
   // either end of it.

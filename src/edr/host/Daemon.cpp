@@ -243,7 +243,8 @@ void Daemon::BuildEngine() {
       .agent_install_path = common_config_->GetAgentInstallPath(),
       .sibling_names = audit::RuleEngine::DefaultSiblingNames(),
       // As many as the event stage may hold.
-      .max_resting_events = audit::EventProcessingThread::QueueLimitFor(allowed_memory_kb)};
+      .max_resting_events = audit::EventProcessingThread::QueueLimitFor(allowed_memory_kb),
+      .extended_coverage = edr_config_->HasExtendedCoverage()};
   auto engine = std::make_unique<audit::RuleEngine>(audit::AuditNetlink::Kernel(), *process_tree_, std::move(settings),
                                                     intake_counters_);
   const auto lock = link_.Lock();

@@ -59,22 +59,31 @@ bool IsTextField(unsigned field) {
   }
 }
 
+constexpr int kIoUringList = 7;  // since Linux 5.16; libaudit 3.0 does not know it
+
+std::string ListText(const audit_rule_data& rule) {
+  if (rule.flags == kIoUringList) return "io_uring";
+  const char* name = audit_flag_to_name(static_cast<int>(rule.flags));
+  return name != nullptr ? name : std::to_string(rule.flags);
+}
+
+// Calls by name; operations of io_uring, and what libaudit has no name for, by number.
 std::string SyscallText(const audit_rule_data& rule) {
   int count = 0;
   std::string names;
   for (int number = 0; number < AUDIT_BITMASK_SIZE * 32; ++number) {
     if ((rule.mask[AUDIT_WORD(number)] & AUDIT_BIT(number)) == 0) continue;
-    const char* name = audit_syscall_to_name(number, MACH_86_64);
+    const char* name = rule.flags == kIoUringList ? nullptr : audit_syscall_to_name(number, MACH_86_64);
     names += (count++ == 0 ? "" : ",") + (name != nullptr ? std::string(name) : std::to_string(number));
   }
   constexpr int kAsGoodAsAll = 300;
   if (count == 0) return "";
-  return " syscalls=" + (count > kAsGoodAsAll ? std::string("all") : names);
+  return (rule.flags == kIoUringList ? " operations=" : " syscalls=") +
+         (count > kAsGoodAsAll ? std::string("all") : names);
 }
 
 std::string RuleText(const audit_rule_data& rule) {
-  std::string text = std::string(audit_flag_to_name(static_cast<int>(rule.flags))) + " " +
-                     audit_action_to_name(static_cast<int>(rule.action)) + SyscallText(rule);
+  std::string text = ListText(rule) + " " + audit_action_to_name(static_cast<int>(rule.action)) + SyscallText(rule);
   size_t offset = 0;  // text values stand one behind the other in rule.buf
   for (unsigned i = 0; i < rule.field_count; ++i) {
     const unsigned field = rule.fields[i];

@@ -143,6 +143,49 @@ TEST(AuditRuleTest, WatchesOnlyFromAnEmptyRuleOn) {
   EXPECT_FALSE(rule.WatchDirectory("/etc"));
 }
 
+TEST(AuditRuleTest, LimitsACallToAPathWithoutAPermission) {
+  AuditRule rule;
+  ASSERT_TRUE(rule.AddField("arch=b64") && rule.AddField("a2&0x240") && rule.AddSyscall("openat"));
+  ASSERT_TRUE(rule.LimitToDirectory("/srv/a!=b"));
+  ASSERT_TRUE(rule.AddKey("key"));
+  const SeenRule seen(*rule.Get());
+  EXPECT_EQ(seen.fields, (std::vector<SeenRule::Field>{{AUDIT_ARCH, AUDIT_EQUAL, kArchX86_64, ""},
+                                                       {AUDIT_ARG2, AUDIT_BIT_MASK, 0x240, ""},
+                                                       {AUDIT_DIR, AUDIT_EQUAL, 9, "/srv/a!=b"},
+                                                       {AUDIT_FILTERKEY, AUDIT_EQUAL, 3, "key"}}));
+  EXPECT_EQ(seen.SyscallCount(), 1U);
+  AuditRule file;
+  ASSERT_TRUE(file.LimitToFile("/etc/passwd/"));
+  EXPECT_EQ(SeenRule(*file.Get()).fields,
+            (std::vector<SeenRule::Field>{{AUDIT_WATCH, AUDIT_EQUAL, 11, "/etc/passwd"}}));
+  for (const std::string& path : {std::string(), std::string("/a\0b", 4), "/" + std::string(4096, 'd')}) {
+    EXPECT_FALSE(file.LimitToFile(path));
+    EXPECT_FALSE(file.LimitToDirectory(path));
+  }
+  EXPECT_EQ(file.Get()->field_count, 1U);
+}
+
+TEST(AuditRuleTest, RefusesMoreFieldsThanTheKernelTakes) {
+  AuditRule rule;
+  for (int i = 0; i < AUDIT_MAX_FIELDS; ++i) ASSERT_TRUE(rule.LimitToDirectory("/srv"));
+  EXPECT_FALSE(rule.LimitToDirectory("/srv"));
+}
+
+TEST(AuditRuleTest, HoldsOperationsOfIoUring) {
+  AuditRule rule(AuditRule::List::IoUring);
+  ASSERT_TRUE(rule.AddNumber(18) && rule.AddNumber(42));
+  ASSERT_TRUE(rule.LimitToDirectory("/srv") && rule.AddKey("key"));
+  EXPECT_EQ(rule.GetList(), AuditRule::List::IoUring);
+  const SeenRule seen(*rule.Get());
+  EXPECT_EQ(seen.flags, 7U);
+  EXPECT_TRUE(seen.HasSyscall(18) && seen.HasSyscall(42));
+  EXPECT_EQ(seen.SyscallCount(), 2U);
+  EXPECT_EQ(seen.fields, (std::vector<SeenRule::Field>{{AUDIT_DIR, AUDIT_EQUAL, 4, "/srv"},
+                                                       {AUDIT_FILTERKEY, AUDIT_EQUAL, 3, "key"}}));
+  EXPECT_EQ(rule.GetKey(), "key");
+  EXPECT_FALSE(rule.AddNumber(2048));
+}
+
 TEST(AuditRuleTest, HasRoomForTheLongestPathAndTheLongestKey) {
   AuditRule rule;
   const std::string path = "/" + std::string(4094, 'd');

@@ -168,6 +168,24 @@ TEST_P(KernelRulesContract, DeletesARuleThatWasBuiltAgain) {
   EXPECT_TRUE(ListedKeys().empty());
 }
 
+TEST_P(KernelRulesContract, TakesTheRulesOfExtendedCoverageForAFolderAndAFile) {
+  const Coverage everything{.extended = true, .io_uring = true};
+  const edr::EventTypes types = {edr::EventType::Write, edr::EventType::AttributeChange};
+  for (const auto& rule : {fakes::FakeRule::Directory(Key("extended"), folder_.Path(), types),
+                           fakes::FakeRule::File(Key("extended"), folder_ / "file", types)}) {
+    std::vector<AuditRule> created = CreateRules(*rule, everything);
+    ASSERT_EQ(created.size(), 5U);  // a watch, times and handles, open, openat, io_uring
+    for (AuditRule& kernel_rule : created) ASSERT_EQ(socket_.Add(kernel_rule), 0);
+    std::vector<fakes::SeenRule> expected;
+    std::vector<fakes::SeenRule> seen;
+    for (AuditRule& kernel_rule : created) expected.emplace_back(*kernel_rule.Get());
+    for (AuditRule& listed : Listed()) seen.emplace_back(*listed.Get());
+    EXPECT_TRUE(std::is_permutation(seen.begin(), seen.end(), expected.begin(), expected.end()));
+    for (AuditRule& again : CreateRules(*rule, everything)) EXPECT_EQ(socket_.Delete(again), 0);
+    EXPECT_TRUE(ListedKeys().empty());
+  }
+}
+
 TEST_P(KernelRulesContract, KeepsAMessageTypeOnTheExcludeList) {
   AuditRule rule(AuditRule::List::Exclude, AuditRule::Action::Always);
   ASSERT_TRUE(rule.AddField("msgtype=EOE"));

@@ -130,5 +130,21 @@ TEST_F(KernelRulesTest, TellsADuplicateThatItCouldNotDelete) {
   EXPECT_TRUE(log_.Has("RuleEngine::DeleteDuplicateRules: Failed to delete old rule id: Operation not permitted (1)"));
 }
 
+TEST_F(KernelRulesTest, RulesOfExtendedCoverageGoInAndOutWithTheRule) {
+  const Coverage everything{.extended = true, .io_uring = true};
+  std::vector<AuditRule> created = CreateRules(*Folder("id"), everything);
+  AddRuleToAudit(socket_, *Folder("id"), created);
+  EXPECT_EQ(kernel_.RulesWithKey("id").size(), 6U);
+  DeleteRuleFromAudit(socket_, *Folder("id"), everything);
+  EXPECT_TRUE(kernel_.Rules().empty());
+}
+
+TEST_F(KernelRulesTest, DeletesWhatAnEarlierRunWithExtendedCoverageLeft) {
+  std::vector<AuditRule> created = CreateRules(*Folder("mine"), {.extended = true, .io_uring = true});
+  AddRuleToAudit(socket_, *Folder("mine"), created);
+  DeleteDuplicateRules(socket_, {Folder("mine")});
+  EXPECT_TRUE(kernel_.Rules().empty());
+}
+
 }  // namespace
 }  // namespace zagent::audit::internal

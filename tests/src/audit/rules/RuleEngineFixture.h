@@ -6,6 +6,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "src/audit/rules/RuleEngine.h"
@@ -27,10 +28,11 @@ class RuleEngineFixture : public ::testing::Test {
   RuleEngineFixture() { Start(); }
 
   void Start() {
-    engine_ = std::make_unique<RuleEngine>(kernel_, tree_,
-                                           RuleEngine::Settings{400, "/opt/ostrel/bin/host-warden", 8192, "/opt/ostrel",
-                                                                RuleEngine::DefaultSiblingNames(), kMaxResting},
-                                           counters_, clock_);
+    RuleEngine::Settings settings{400,           "/opt/ostrel/bin/host-warden",     8192,
+                                  "/opt/ostrel", RuleEngine::DefaultSiblingNames(), kMaxResting};
+    settings.extended_coverage = extended_coverage_;
+    settings.watch_folders = [this](auto folders) { watched_ = std::move(folders); };
+    engine_ = std::make_unique<RuleEngine>(kernel_, tree_, std::move(settings), counters_, clock_);
   }
 
   // Collects what a tag hears as "<rule ids joined by ,>:<event id>".
@@ -83,7 +85,9 @@ class RuleEngineFixture : public ::testing::Test {
   IntakeCounters counters_;
   fakes::FakeAuditNetlink kernel_;
   common::ProcessTree tree_;
+  bool extended_coverage_ = false;
   std::vector<std::string> heard_, invalidated_;
+  std::vector<internal::WatchedFolder> watched_;  // as the engine told last
   std::unique_ptr<RuleEngine> engine_;
 };
 

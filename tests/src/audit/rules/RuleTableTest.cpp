@@ -94,5 +94,19 @@ TEST_F(RuleTableTest, ForgetsATagWithItsLastRuleAndEverythingOnDemand) {
   EXPECT_TRUE(Find("/etc/passwd").empty());
 }
 
+TEST_F(RuleTableTest, NamesTheFoldersThatAreWatched) {
+  using Folders = std::vector<WatchedFolder>;
+  EXPECT_EQ(table_.WatchedFolders(), Folders{});
+  Insert("FIM", "a", "/srv/data/");
+  Insert("IOC", "b", "/srv/data");
+  table_.Insert("FIM", FakeRule::File("c", "/etc/passwd", {EventType::Write}));
+  table_.Insert("FIM", FakeRule::File("d", "/etc/group", {EventType::Write}));
+  table_.Insert("FIM", FakeRule::File("e", "/vmlinuz", {EventType::Write}));
+  EXPECT_EQ(table_.WatchedFolders(), (Folders{{"/", false}, {"/etc", false}, {"/srv/data", true}}));
+  Insert("FIM", "f", "/");
+  table_.Remove("FIM", "e");
+  EXPECT_EQ(table_.WatchedFolders(), (Folders{{"/", true}, {"/etc", false}, {"/srv/data", true}}));
+}
+
 }  // namespace
 }  // namespace zagent::audit::internal
