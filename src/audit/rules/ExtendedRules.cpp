@@ -21,13 +21,13 @@ constexpr unsigned kFchmodat2 = 452;  // libaudit 3.0 has no name for it
 
 // Numbers of the operations in <linux/io_uring.h>.
 constexpr std::array<unsigned, 7> kChangingOperations = {18, 28, 35, 36, 37, 38, 39};  // openat, openat2, renameat,
-                                                                                      // unlinkat, mkdirat, symlinkat,
-                                                                                      // linkat
-constexpr std::array<unsigned, 2> kAttributeOperations = {41, 42};  // fsetxattr, setxattr
+                                                                                       // unlinkat, mkdirat, symlinkat,
+                                                                                       // linkat
+constexpr std::array<unsigned, 2> kAttributeOperations = {41, 42};                     // fsetxattr, setxattr
 
 struct Wants {
-  bool changes = false;     // anything that a watch for writing tells
-  bool opens = false;       // of that, files that are made or written
+  bool changes = false;  // anything that a watch for writing tells
+  bool opens = false;    // of that, files that are made or written
   bool attributes = false;
 };
 
@@ -62,9 +62,9 @@ AuditRule CreateCallRule(const edr::EventRule& rule, const Wants& wants) {
 // `flags` is the argument that holds the flags of `call`.
 AuditRule CreateOpenRule(const edr::EventRule& rule, const char* call, const std::string& flags) {
   AuditRule open;
-  Require(open.AddField("arch=b64") && open.AddField(flags + "&0x240") && open.AddSyscall(call) &&
-              LimitToPath(rule, open),
-          rule);
+  Require(
+      open.AddField("arch=b64") && open.AddField(flags + "&0x240") && open.AddSyscall(call) && LimitToPath(rule, open),
+      rule);
   return open;
 }
 

@@ -67,11 +67,9 @@ TEST_F(ExtendedRulesTest, TellTimesOpeningByHandleOpenFlagsAndIoUring) {
   // utime, utimes, futimesat, utimensat, open_by_handle_at, fchmodat2
   EXPECT_EQ(NumbersOf(rules[0]), (Numbers{132, 235, 261, 280, 304, 452}));
 
-  EXPECT_EQ(rules[1].fields,
-            (std::vector<SeenRule::Field>{arch, {AUDIT_ARG1, AUDIT_BIT_MASK, 0x240, ""}, path, key}));
+  EXPECT_EQ(rules[1].fields, (std::vector<SeenRule::Field>{arch, {AUDIT_ARG1, AUDIT_BIT_MASK, 0x240, ""}, path, key}));
   EXPECT_EQ(NumbersOf(rules[1]), (Numbers{2}));
-  EXPECT_EQ(rules[2].fields,
-            (std::vector<SeenRule::Field>{arch, {AUDIT_ARG2, AUDIT_BIT_MASK, 0x240, ""}, path, key}));
+  EXPECT_EQ(rules[2].fields, (std::vector<SeenRule::Field>{arch, {AUDIT_ARG2, AUDIT_BIT_MASK, 0x240, ""}, path, key}));
   EXPECT_EQ(NumbersOf(rules[2]), (Numbers{257}));
 
   EXPECT_EQ(rules[3].flags, 7U);
@@ -79,7 +77,8 @@ TEST_F(ExtendedRulesTest, TellTimesOpeningByHandleOpenFlagsAndIoUring) {
   EXPECT_EQ(NumbersOf(rules[3]), (Numbers{18, 28, 35, 36, 37, 38, 39, 41, 42}));
   for (const SeenRule& rule : rules) EXPECT_EQ(rule.action, 2U);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(rules[static_cast<std::size_t>(i)].flags, 4U);
-  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_TRACE, "AddExtendedRules: Creating rules beyond the watches for rule id id"));
+  EXPECT_TRUE(
+      log_.Has(Poco::Message::PRIO_TRACE, "AddExtendedRules: Creating rules beyond the watches for rule id id"));
 }
 
 TEST_F(ExtendedRulesTest, LimitThemselvesToAWatchedFile) {
