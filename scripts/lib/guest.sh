@@ -9,6 +9,9 @@ GUEST_CACHE="$ROOT/build/guest"
 GUEST_PROGRAMS=(ostrel-edr reference-agent reference-receiver file-actor one-call process-actor audit-recorder audit-rules
   kernel_rules_guest_test)
 
+# The real tools of this machine, which work otherwise than busybox' applets: in /usr/local/gnu of the guest.
+GUEST_TOOLS=(rm tar cp find chmod chown mv)
+
 # The targets of them that a demonstration needs.
 DEMO_TARGETS=(ostrel-edr reference-agent reference-receiver file_actor audit_rules_list)
 
@@ -82,7 +85,7 @@ guest_image_is_stale() {
 }
 
 guest_make_image() {
-  local bin="$1" image="$2" tree program programs=()
+  local bin="$1" image="$2" tree program programs=() tools=()
   for program in "${GUEST_PROGRAMS[@]}"; do
     if [[ -x $bin/$program ]]; then programs+=("$bin/$program"); fi
   done
@@ -90,12 +93,14 @@ guest_make_image() {
     echo "No programs for the guest in $bin: build them first." >&2
     return 1
   fi
+  for program in "${GUEST_TOOLS[@]}"; do tools+=("$(type -P "$program")"); done
   tree=$(mktemp -d "$image.XXXXXX")
   mkdir -p "$tree"/{bin,dev,proc,sys,etc/ostrel/host-warden,root,srv,tmp,run,usr/local/bin,var/lib/ostrel,var/log/ostrel}
   ln -s ../run "$tree/var/run"
   chmod 1777 "$tree/tmp"
   cp /bin/busybox "$tree/bin/busybox"
-  guest_add_programs "$tree" "${programs[@]}"
+  guest_add_programs "$tree" /usr/local/bin "${programs[@]}"
+  guest_add_programs "$tree" /usr/local/gnu "${tools[@]}"
   cp -r "$ROOT/tests/vm/root/." "$tree/"
   cp -r "$ROOT/examples" "$tree/examples"
   cp -L /usr/lib/file/magic.mgc "$tree/etc/ostrel/host-warden/magic.mgc"
@@ -104,19 +109,20 @@ guest_make_image() {
   mv "$image.new" "$image"
 }
 
-# Programs without their debug information, and every library that the loader would open for them.
+# guest_add_programs TREE FOLDER PROGRAM...: programs without their debug information, and every library that the loader would open for them.
 guest_add_programs() {
-  local tree="$1" program library
-  shift
+  local tree="$1" folder="$2" program library
+  shift 2
+  mkdir -p "$tree$folder"
   for program; do
-    strip --strip-debug -o "$tree/usr/local/bin/$(basename "$program")" "$program" || return
-    chmod 0755 "$tree/usr/local/bin/$(basename "$program")"
+    strip --strip-debug -o "$tree$folder/$(basename "$program")" "$program" || return
+    chmod 0755 "$tree$folder/$(basename "$program")"
   done
-  if ldd "$@" | grep 'not found' >&2; then return 1; fi
+  if ldd "$@" 2>/dev/null | grep 'not found' >&2; then return 1; fi
   while read -r library; do
     mkdir -p "$tree$(dirname "$library")"
     cp -L "$library" "$tree$library"
-  done < <(ldd "$@" | grep -o '/[^ ]*\.so[^ ]*' | grep -v ':$' | sort -u)
+  done < <(ldd "$@" 2>/dev/null | grep -o '/[^ ]*\.so[^ ]*' | grep -v ':$' | sort -u)
 }
 
 # guest_pack: the folder that it is called in as one archive of an initramfs, on standard output.

@@ -41,7 +41,7 @@ long Mkdir(const Request& r) {
   return Enter(r.compat, {SYS_mkdir, 39}, Name(r), 0755);
 }
 long Mknod(const Request& r) {
-  return Enter(r.compat, {SYS_mknod, 14}, Name(r), S_IFIFO | 0644);
+  return Enter(r.compat, {SYS_mknod, 14}, Name(r), S_IFREG | 0644);
 }
 long Link(const Request& r) {
   return Enter(r.compat, {SYS_link, 9}, Argument(r), Name(r));
@@ -103,7 +103,7 @@ long Mkdirat(const Request& r) {
   return Enter(r.compat, {SYS_mkdirat, 296}, r.dirfd, Name(r), 0755);
 }
 long Mknodat(const Request& r) {
-  return Enter(r.compat, {SYS_mknodat, 297}, r.dirfd, Name(r), S_IFIFO | 0644);
+  return Enter(r.compat, {SYS_mknodat, 297}, r.dirfd, Name(r), S_IFREG | 0644);
 }
 long Linkat(const Request& r) {
   return Enter(r.compat, {SYS_linkat, 303}, r.dirfd, Argument(r), r.dirfd, Name(r), 0);
@@ -224,14 +224,14 @@ std::vector<Call> CallsByName() {
   using enum Scene;
   constexpr Forms names = Forms::kNames;
   return {
-      {"open-read", names, kFile, "", "", 5, Open<O_RDONLY>},
+      {"open-read", names, kFile, "Read", "Read", 5, Open<O_RDONLY>},
       {"open-write", names, kFile, "Write", "Write", 5, Open<O_WRONLY>},
       {"open-both", names, kFile, "Write", "Write", 5, Open<O_RDWR>},
       {"open-create", names, kNothing, "Create", "Create", 5, Open<O_WRONLY | kNew>},
       {"open-create-over", names, kFile, "Write", "Write", 5, Open<O_WRONLY | O_CREAT>},
       {"open-truncate", names, kFile, "Write", "Write", 5, Open<O_WRONLY | O_TRUNC>},
-      {"open-create-to-read", names, kNothing, "", "Create", 5, Open<O_RDONLY | kNew>},
-      {"open-truncate-to-read", names, kFile, "", "Write", 5, Open<O_RDONLY | O_TRUNC>},
+      {"open-create-to-read", names, kNothing, "", "Create+", 5, Open<O_RDONLY | kNew>},
+      {"open-truncate-to-read", names, kFile, "", "Write+", 5, Open<O_RDONLY | O_TRUNC>},
       {"creat", names, kNothing, "Create", "Create", 8, Creat},
       {"creat-over", names, kFile, "", "Write", 8, Creat},
       {"mkdir", names, kNothing, "Create", "Create", 39, Mkdir},
@@ -252,8 +252,8 @@ std::vector<Call> CallsByName() {
       {"lsetxattr-link", names, kLink, "Change", "Change", 227, Lsetxattr},
       {"removexattr", names, kMarkedFile, "Change", "Change", 235, Removexattr},
       {"lremovexattr", names, kMarkedFile, "Change", "Change", 236, Lremovexattr},
-      {"utime", names, kFile, "", "Change", 30, Utime},
-      {"utimes", names, kFile, "", "Change", 271, Utimes},
+      {"utime", names, kFile, "", "Change+", 30, Utime},
+      {"utimes", names, kFile, "", "Change+", 271, Utimes},
       {"truncate", names, kFile, "", "Write", 193, Truncate},
   };
 }
@@ -262,13 +262,13 @@ std::vector<Call> CallsByFolder() {
   using enum Scene;
   constexpr Forms at = Forms::kAt;
   return {
-      {"openat-read", at, kFile, "", "", 295, Openat<O_RDONLY>},
+      {"openat-read", at, kFile, "Read", "Read", 295, Openat<O_RDONLY>},
       {"openat-write", at, kFile, "Write", "Write", 295, Openat<O_WRONLY>},
       {"openat-create", at, kNothing, "Create", "Create", 295, Openat<O_RDWR | kNew>},
       {"openat-truncate", at, kFile, "Write", "Write", 295, Openat<O_WRONLY | O_CREAT | O_TRUNC>},
-      {"openat-create-to-read", at, kNothing, "", "Create", 295, Openat<O_RDONLY | kNew>},
-      {"openat-truncate-to-read", at, kFile, "", "Write", 295, Openat<O_RDONLY | O_TRUNC>},
-      {"openat2-read", at, kFile, "", "", 437, Openat2<O_RDONLY>},
+      {"openat-create-to-read", at, kNothing, "", "Create+", 295, Openat<O_RDONLY | kNew>},
+      {"openat-truncate-to-read", at, kFile, "", "Write+", 295, Openat<O_RDONLY | O_TRUNC>},
+      {"openat2-read", at, kFile, "", "Read", 437, Openat2<O_RDONLY>},
       {"openat2-write", at, kFile, "", "Write", 437, Openat2<O_WRONLY>},
       {"openat2-create", at, kNothing, "", "Create", 437, Openat2<O_WRONLY | kNew>},
       {"openat2-truncate", at, kFile, "", "Write", 437, Openat2<O_WRONLY | O_TRUNC>},
@@ -286,13 +286,14 @@ std::vector<Call> CallsByFolder() {
       {"fchmodat2", at, kFile, "", "Change", kFchmodat2, Fchmodat2},
       {"fchownat", at, kFile, "Change", "Change", 298, Fchownat<0>},
       {"fchownat-link", at, kLink, "Change", "Change", 298, Fchownat<AT_SYMLINK_NOFOLLOW>},
-      {"futimesat", at, kFile, "", "Change", 299, Futimesat},
-      {"utimensat", at, kFile, "", "Change", 320, Utimensat},
-      {"open-by-handle", at, kFile, "", "Write", 342, OpenByHandle},
+      {"futimesat", at, kFile, "", "Change+", 299, Futimesat},
+      {"utimensat", at, kFile, "", "Change+", 320, Utimensat},
+      {"open-by-handle", at, kFile, "", "Write+", 342, OpenByHandle},
       {"link-temporary", at, kNothing, "Create", "Create", 303, LinkTemporary},
   };
 }
 
+// The kernel says nothing about ftruncate: its Write is the one of the opening.
 std::vector<Call> CallsByDescriptor() {
   using enum Scene;
   constexpr Forms descriptor = Forms::kDescriptor;
@@ -303,25 +304,26 @@ std::vector<Call> CallsByDescriptor() {
       {"fchownat-empty", descriptor, kFile, "Change", "Change", 298, FchownatEmpty, O_PATH},
       {"fsetxattr", descriptor, kFile, "Change", "Change", 228, Fsetxattr},
       {"fremovexattr", descriptor, kMarkedFile, "Change", "Change", 237, Fremovexattr},
-      {"futimens", descriptor, kFile, "", "Change", 320, Futimens},
-      {"ftruncate", descriptor, kFile, "", "Write", 194, Ftruncate, O_WRONLY},
+      {"futimens", descriptor, kFile, "", "Change+", 320, Futimens},
+      {"ftruncate", descriptor, kFile, "Write", "Write", 194, Ftruncate, O_WRONLY},
   };
 }
 
+// The records of both attribute operations name no object at all.
 std::vector<Call> CallsByUring() {
   using enum Scene;
   constexpr Forms at = Forms::kAt;
   return {
       {"uring-openat", at, kNothing, "", "Create", kNone, UringOpenat<O_WRONLY | kNew>},
-      {"uring-openat-write", at, kFile, "", "Write?", kNone, UringOpenat<O_WRONLY>},
+      {"uring-openat-write", at, kFile, "", "Write", kNone, UringOpenat<O_WRONLY>},
       {"uring-openat2", at, kNothing, "", "Create", kNone, UringOpenat2<O_WRONLY | kNew>},
       {"uring-unlinkat", at, kFile, "", "Delete#", kNone, UringUnlinkat},
       {"uring-mkdirat", at, kNothing, "", "Create", kNone, UringMkdirat},
       {"uring-symlinkat", at, kNothing, "", "Create", kNone, UringSymlinkat},
       {"uring-renameat", at, kFile, "", "Rename#", kNone, UringRenameat},
       {"uring-linkat", at, kArgumentFile, "", "Create", kNone, UringLinkat},
-      {"uring-setxattr", Forms::kNames, kFolder, "", "Change", kNone, UringSetxattr},
-      {"uring-fsetxattr", Forms::kDescriptor, kFolder, "", "Change", kNone, UringFsetxattr},
+      {"uring-setxattr", Forms::kNames, kFolder, "", "", kNone, UringSetxattr},
+      {"uring-fsetxattr", Forms::kDescriptor, kFolder, "", "", kNone, UringFsetxattr},
   };
 }
 

@@ -26,8 +26,9 @@ enum class Scene { kNothing, kFile, kMarkedFile, kFolder, kLink, kTwoFiles, kArg
 // The events of a call, as words: Create, Write, Read, Change and Delete of the name, Rename of the name to the
 // argument. Back is a rename of the argument to the name, Over a Delete of the argument, Target a Change of what a link
 // leads to.
-// "#" behind a word: the object's old name is known to nobody, its inode stands for it. "?" behind one: a sensor may
-// report it or not, because the records do not name the folder.
+// A Read is owed only of somebody who is logged in. "#" behind a word: the object's old name is in no record, its inode
+// stands for it. "+" behind one: it is told by a rule of extended coverage for calls that no watch permission covers,
+// which need not hold for 32-bit programs.
 struct Call {
   std::string name;
   Forms forms;

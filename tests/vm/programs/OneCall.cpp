@@ -1,42 +1,60 @@
 // one-call: makes exactly one system call on a file, says which events the sensor owes for it, and ends at once.
 //
-//   one-call list [--extended]              a line for each call: its name, its forms and what it owes
-//   one-call prepare CALL NAME              makes what the call needs: to be done before anybody watches
+//   one-call list                            a line for each call: its name, its forms, whether 32-bit programs have it
+//   one-call prepare                         reads requests, makes what their calls need: before anybody watches
+//   one-call batch                           reads requests, makes each call in a child of its own
 //   one-call do [OPTION...] CALL NAME [ARGUMENT]
+//
+// A request is what stands behind "do", a line each; words are separated by blanks.
 //
 //   --extended      owe what extended coverage adds, too
 //   --compat        enter the kernel as a 32-bit program
-//   --stay          stay until killed, so that /proc can be asked about the process
+//   --loginuid N    the user N is logged in, from the moment of the call
+//   --stay          (batch) the child stays until killed, so that /proc can be asked about it
 //   --chdir DIR     NAME is relative to the working folder DIR
 //   --dirfd DIR     NAME is relative to the open folder DIR
-//   --fd N          the object is already open as N: for calls on a descriptor
 //
 // ARGUMENT is NAME-2 unless given: the new name, the existing name of a link, the target of a symbolic link.
-// The lines are worded as those of file-actor; "may" stands instead of "done" where an event cannot be demanded, "*"
-// instead of an actor that has left no trace. They are printed before the call, so that nothing comes behind it: a
-// call that fails takes them back by the exit code 1 (3 when the kernel has no such call).
+// What is owed is worded as file-actor words it; "may" stands instead of "done" where an event cannot be demanded, "*"
+// instead of an actor that has left no trace. It is printed before the call, so that nothing comes behind that: a call
+// that fails takes it back by the exit code 1 (3 when the kernel has no such call). In a batch each line has the
+// request and a tabulator in front; "none pid=N" says that nothing is owed, "no such call" and "failed: WHY" that
+// nothing was done.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "Calls.h"
 
 namespace one_call {
 namespace {
 
+using Words = std::vector<std::string>;
+
 struct Options {
   bool extended = false;
   bool stay = false;
-  std::string folder;  // what relative names are relative to, for what is printed
+  std::string folder;          // what relative names are relative to
+  bool by_descriptor = false;  // an open folder, not the working one
+  std::string loginuid;
+  std::string call;
   Request request;
 };
 
@@ -48,11 +66,26 @@ void Write(int fd, const std::string& text) {
   if (write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) _exit(1);
 }
 
+// Names are bytes, documents are UTF-8: U+FFFD stands for each byte that is no part of a character. Characters of three
+// bytes at most are known here, and no overlong forms are made.
+std::string ReplaceBadBytes(const std::string& text) {
+  std::string good;
+  for (size_t i = 0; i < text.size();) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const size_t length = byte < 0x80 ? 1 : byte >= 0xc2 && byte < 0xe0 ? 2 : byte > 0xe0 && byte < 0xed ? 3 : 0;
+    bool whole = length > 0 && i + length <= text.size();
+    for (size_t k = 1; whole && k < length; ++k) whole = (static_cast<unsigned char>(text[i + k]) & 0xc0) == 0x80;
+    good += whole ? text.substr(i, length) : "\xef\xbf\xbd";
+    i += whole ? length : 1;
+  }
+  return good;
+}
+
 // As the receiver prints names, so that no name can break a line.
-std::string Escaped(const std::string& text) {
+std::string Escaped(const std::string& name) {
   static const char digits[] = "0123456789abcdef";
   std::string escaped;
-  for (const char c : text) {
+  for (const char c : ReplaceBadBytes(name)) {
     const auto byte = static_cast<unsigned char>(c);
     if (c == '\\') {
       escaped += "\\\\";
@@ -128,116 +161,96 @@ std::string ByInode(const Options& options, const std::string& path) {
   return path.substr(0, path.rfind('/') + 1) + "inode:" + std::to_string(found.st_ino);
 }
 
-std::string Owed(const Options& options, std::string word, const std::string& actor, bool demanded) {
+// A sensor can ask /proc of a process that stays; of one that ended it has what the records say. Those of a call on a
+// descriptor, and of an opening by handle, name no file: it can still be found in the working folder, and a folder by
+// its identity.
+bool IsFindable(const Options& options, const Call& call) {
+  if (call.scene == Scene::kFolder || (!options.folder.empty() && options.request.dirfd == AT_FDCWD)) return true;
+  if (call.name == "open-by-handle") return false;
+  return options.stay || call.forms != Forms::kDescriptor || call.name == "ftruncate";
+}
+
+// A login user is known by the name in /etc/passwd; nobody logged in is "system-user" to the sensor.
+std::string LoginName(const std::string& uid) {
+  if (uid.empty()) return "system-user";
+  std::ifstream passwd("/etc/passwd");
+  for (std::string line; std::getline(passwd, line);) {
+    std::istringstream fields(line);
+    std::string name, password, number;
+    if (std::getline(std::getline(std::getline(fields, name, ':'), password, ':'), number, ':') && number == uid)
+      return name;
+  }
+  return uid;
+}
+
+// Records of io_uring name neither program nor login user.
+std::string ActorOf(const Options& options, const Call& call) {
+  const std::string process = " pid=" + std::to_string(getpid());
+  if (call.name.starts_with("uring-")) return " actor=" + (options.stay ? SelfPath() : "*") + process;
+  return " actor=" + SelfPath() + process + " user=root audit-user=" + LoginName(options.loginuid);
+}
+
+std::string Owed(const Options& options, const Call& call, std::string word) {
+  bool demanded = IsFindable(options, call);
   std::string name = Absolute(options, options.request.name);
   const std::string argument = Absolute(options, options.request.argument);
-  if (word.ends_with("?")) demanded = false;
+  if (word.ends_with("+") && options.request.compat) demanded = false;
   if (word.ends_with("#")) name = ByInode(options, name);
-  if (word.ends_with("?") || word.ends_with("#")) word.pop_back();
+  if (word.ends_with("+") || word.ends_with("#")) word.pop_back();
   std::string event = word + " " + Escaped(name);
   if (word == "Rename") event += " -> " + Escaped(argument);
   if (word == "Back") event = "Rename " + Escaped(argument) + " -> " + Escaped(name);
   if (word == "Over") event = "Delete " + Escaped(argument);
   if (word == "Target") event = "Change " + Escaped(argument);
-  return (demanded ? "done " : "may ") + event + actor + "\n";
+  return (demanded ? "done " : "may ") + event + ActorOf(options, call) + "\n";
 }
 
-// A sensor can ask /proc of a process that stays; of one that ended it has what the records say. Records of io_uring
-// name no program, and those of a call on a descriptor no file: it can still be found in the working folder, and a
-// folder by its identity.
 std::string AllOwed(const Options& options, const Call& call) {
-  const bool uring = call.name.starts_with("uring-");
-  const bool findable = options.stay || call.forms != Forms::kDescriptor || call.scene == Scene::kFolder ||
-                        (!options.folder.empty() && options.request.dirfd == AT_FDCWD);
-  const std::string program = uring && !options.stay ? "*" : SelfPath();
-  const std::string actor =
-      " actor=" + program + " pid=" + std::to_string(getpid()) + " user=root audit-user=system-user";
   std::string lines;
   const std::string words = (options.extended ? call.extended_events : call.events) + " ";
   for (size_t begin = 0, end = 0; (end = words.find(' ', begin)) != std::string::npos; begin = end + 1) {
-    if (end > begin) lines += Owed(options, words.substr(begin, end - begin), actor, findable);
+    const std::string word = words.substr(begin, end - begin);
+    if (word.empty() || (word == "Read" && options.loginuid.empty())) continue;
+    lines += Owed(options, call, word);
   }
   return lines;
 }
 
 // ---- doing
 
-// The object of a call on a descriptor. Nothing of this is written to, and nobody is logged in: no event.
+// The object of a call on a descriptor. Nobody is logged in: opening it to read is no event.
 void OpenObject(const Call& call, Request& request) {
-  if (call.forms != Forms::kDescriptor || request.fd >= 0) return;
+  if (call.forms != Forms::kDescriptor) return;
   request.fd = openat(request.dirfd, request.name.c_str(), call.open_flags | O_CLOEXEC);
   Check(request.fd, "open " + request.name);
 }
 
-[[noreturn]] void Do(const Options& options, const Call& call) {
-  Write(STDOUT_FILENO, AllOwed(options, call));
+// The last thing of a process that does not stay.
+int MakeCall(const Options& options, const Call& call, int out) {
   const long result = call.run(options.request);
-  if (result >= 0) _exit(0);
-  Write(STDERR_FILENO, "one-call: " + call.name + ": " + strerror(static_cast<int>(-result)) + "\n");
-  _exit(result == -ENOSYS ? 3 : 1);
-}
-
-// The child makes the call and stays. It says so by closing the pipe; by ending before, that it failed.
-int DoAndStay(const Options& options, const Call& call) {
-  int ends[2];
-  Check(pipe(ends), "pipe");
-  const pid_t child = fork();
-  Check(child, "fork");
-  if (child == 0) {
-    Write(STDOUT_FILENO, AllOwed(options, call));
-    const long result = call.run(options.request);
-    const int code = result >= 0 ? 0 : result == -ENOSYS ? 3 : 1;
-    if (code != 0) Write(STDERR_FILENO, "one-call: " + call.name + ": " + strerror(static_cast<int>(-result)) + "\n");
-    Write(ends[1], std::string(1, static_cast<char>(code)));
-    if (code != 0) _exit(code);
-    while (true) pause();
-  }
-  char code = 1;
-  close(ends[1]);
-  Check(read(ends[0], &code, 1), "read");
-  return code;
-}
-
-void List(bool extended) {
-  for (const Call& call : AllCalls()) {
-    const char* forms = call.forms == Forms::kAt ? "names,at" : call.forms == Forms::kNames ? "names" : "descriptor";
-    const std::string& owed = extended ? call.extended_events : call.events;
-    Write(STDOUT_FILENO, call.name + " " + forms + " compat=" + (call.compat_number < 0 ? "no" : "yes") +
-                             " owes=" + (owed.empty() ? "nothing" : owed) + "\n");
-  }
-}
-
-int Usage() {
-  Write(STDERR_FILENO,
-        "usage: one-call list [--extended]\n"
-        "       one-call prepare CALL NAME\n"
-        "       one-call do [--extended] [--compat] [--stay] [--chdir DIR | --dirfd DIR] [--fd N] CALL NAME "
-        "[ARGUMENT]\n");
-  return 2;
+  if (result >= 0) return 0;
+  Write(out, "failed: " + call.name + ": " + strerror(static_cast<int>(-result)) + "\n");
+  return result == -ENOSYS ? 3 : 1;
 }
 
 // Returns the index of the first argument that is no option.
-int TakeOptions(int argc, char** argv, Options& options) {
-  int next = 2;
-  for (; next < argc && std::string(argv[next]).starts_with("--"); ++next) {
-    const std::string option = argv[next];
+size_t TakeOptions(const Words& words, Options& options) {
+  size_t next = 0;
+  for (; next < words.size() && words[next].starts_with("--"); ++next) {
+    const std::string& option = words[next];
     if (option == "--extended") {
       options.extended = true;
     } else if (option == "--compat") {
       options.request.compat = true;
     } else if (option == "--stay") {
       options.stay = true;
-    } else if (++next == argc) {
+    } else if (++next == words.size()) {
       throw std::runtime_error("a value is missing");
-    } else if (option == "--chdir") {
-      options.folder = argv[next];
-      Check(chdir(argv[next]), "chdir " + options.folder);
-    } else if (option == "--dirfd") {
-      options.folder = argv[next];
-      options.request.dirfd = open(argv[next], O_PATH | O_DIRECTORY | O_CLOEXEC);
-      Check(options.request.dirfd, "open " + options.folder);
-    } else if (option == "--fd") {
-      options.request.fd = atoi(argv[next]);
+    } else if (option == "--loginuid") {
+      options.loginuid = words[next];
+    } else if (option == "--chdir" || option == "--dirfd") {
+      options.folder = words[next];
+      options.by_descriptor = option == "--dirfd";
     } else {
       throw std::runtime_error("no such option: " + option);
     }
@@ -245,26 +258,118 @@ int TakeOptions(int argc, char** argv, Options& options) {
   return next;
 }
 
-int Run(int argc, char** argv) {
-  const std::string what = argc > 1 ? argv[1] : "";
+Options ReadRequest(const Words& words) {
   Options options;
-  const int next = TakeOptions(argc, argv, options);
-  if (what == "list" && next == argc) {
-    List(options.extended);
-    return 0;
+  const size_t next = TakeOptions(words, options);
+  if (words.size() < next + 2) throw std::runtime_error("a call and a name are missing");
+  options.call = words[next];
+  options.request.name = words[next + 1];
+  options.request.argument = words.size() > next + 2 ? words[next + 2] : WithoutSlashes(options.request.name) + "-2";
+  return options;
+}
+
+// Everything up to the call: folders, the object, and the words.
+void GetReady(Options& options, const Call& call, int out) {
+  if (options.by_descriptor) {
+    options.request.dirfd = open(options.folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    Check(options.request.dirfd, "open " + options.folder);
+  } else if (!options.folder.empty()) {
+    Check(chdir(options.folder.c_str()), "chdir " + options.folder);
   }
-  if (argc - next < 2) return Usage();
-  const Call& call = CallNamed(argv[next]);
-  options.request.name = argv[next + 1];
-  options.request.argument = argc - next > 2 ? argv[next + 2] : WithoutSlashes(options.request.name) + "-2";
-  if (what == "prepare") {
-    Prepare(call, options.request.name);
-    return 0;
-  }
-  if (what != "do") return Usage();
   OpenObject(call, options.request);
-  if (options.stay) return DoAndStay(options, call);
-  Do(options, call);
+  const std::string owed = AllOwed(options, call);
+  if (!options.loginuid.empty()) {
+    const int fd = open("/proc/self/loginuid", O_WRONLY | O_CLOEXEC);
+    Check(fd, "open /proc/self/loginuid");
+    Write(fd, options.loginuid);
+    close(fd);
+  }
+  Write(out, owed.empty() ? "none pid=" + std::to_string(getpid()) + "\n" : owed);
+}
+
+// In the child. One that stays tells by closing the pipe that its call was made.
+[[noreturn]] void DoAsChild(Options options, int out) {
+  const Call& call = CallNamed(options.call);
+  GetReady(options, call, out);
+  const int code = MakeCall(options, call, out);
+  if (code != 0 || !options.stay) _exit(code);
+  close(out);
+  while (true) pause();
+}
+
+std::string ReadAll(int fd) {
+  std::string text;
+  char part[4096];
+  for (ssize_t count = 0; (count = read(fd, part, sizeof(part))) > 0;) text.append(part, static_cast<size_t>(count));
+  return text;
+}
+
+void DoInChild(const std::string& line, const Options& options) {
+  int ends[2];
+  Check(pipe2(ends, O_CLOEXEC), "pipe");
+  const pid_t child = fork();
+  Check(child, "fork");
+  if (child == 0) {
+    close(ends[0]);
+    dup2(ends[1], STDOUT_FILENO);  // who reads the batch's output must not wait for one that stays
+    try {
+      close(ends[1]);
+      DoAsChild(options, STDOUT_FILENO);
+    } catch (const std::exception& failure) {
+      Write(STDOUT_FILENO, std::string("failed: ") + failure.what() + "\n");
+      _exit(1);
+    }
+  }
+  close(ends[1]);
+  const std::string said = ReadAll(ends[0]);
+  close(ends[0]);
+  int status = 0;
+  const bool ended = waitpid(child, &status, options.stay ? WNOHANG : 0) == child;
+  if (ended && WIFEXITED(status) && WEXITSTATUS(status) == 3) {
+    Write(STDOUT_FILENO, line + "\tno such call\n");
+    return;
+  }
+  std::istringstream lines(said);
+  const size_t failed = said.find("failed: ");
+  if (failed != std::string::npos) lines.str(said.substr(failed));
+  for (std::string each; std::getline(lines, each);) Write(STDOUT_FILENO, line + "\t" + each + "\n");
+}
+
+void ForEachRequest(const std::function<void(const std::string&, Options)>& take) {
+  for (std::string line; std::getline(std::cin, line);) {
+    std::istringstream in(line);
+    take(line, ReadRequest({std::istream_iterator<std::string>(in), {}}));
+  }
+}
+
+void List() {
+  for (const Call& call : AllCalls()) {
+    const char* forms = call.forms == Forms::kAt ? "at" : call.forms == Forms::kNames ? "names" : "descriptor";
+    Write(STDOUT_FILENO, call.name + " " + forms + (call.compat_number < 0 ? "" : " compat") + "\n");
+  }
+}
+
+int Run(const std::string& what, const Words& words) {
+  if (what == "list") {
+    List();
+  } else if (what == "prepare") {
+    ForEachRequest([](const std::string&, const Options& options) {
+      Prepare(CallNamed(options.call), Absolute(options, options.request.name));
+    });
+  } else if (what == "batch") {
+    ForEachRequest(DoInChild);
+  } else if (what == "do") {
+    Options options = ReadRequest(words);
+    const Call& call = CallNamed(options.call);
+    GetReady(options, call, STDOUT_FILENO);
+    _exit(MakeCall(options, call, STDERR_FILENO));
+  } else {
+    Write(STDERR_FILENO,
+          "usage: one-call list|prepare|batch\n"
+          "       one-call do [OPTION...] CALL NAME [ARGUMENT]\n");
+    return 2;
+  }
+  return 0;
 }
 
 }  // namespace
@@ -272,7 +377,7 @@ int Run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   try {
-    return one_call::Run(argc, argv);
+    return one_call::Run(argc > 1 ? argv[1] : "", {argv + std::min(argc, 2), argv + argc});
   } catch (const std::exception& failure) {
     one_call::Write(STDERR_FILENO, std::string("one-call: ") + failure.what() + "\n");
     return 1;

@@ -13,6 +13,7 @@ LOG=/var/log/ostrel
 SPOOL=/var/lib/ostrel/fim-spool
 RECEIVED=$LOG/received   # accepted payloads, one file each
 OWED=/run/owed           # a line "done ..." for each event that must come
+OWED_BY=$LOG/owed-by     # the same in two columns, for many events: see judge
 DAEMON=/usr/local/bin/ostrel-edr
 
 # ---- telling
@@ -104,6 +105,11 @@ write_configuration() {
 # configure KEY VALUE: changes a key of the written configuration; the value is JSON, texts with their quotes.
 configure() { sed -i "s|^\( *\"$1\": \).*[^,]\(,*\)$|\1$2\2|" $CONF/edr.conf.json; }
 
+# extended_coverage BOOLEAN: whether the daemon sees more than by its ordinary rules.
+extended_coverage() {
+  sed -i -e '/"extended_coverage"/d' -e "s|\"edr_config\": {|&\n    \"extended_coverage\": $1,|" $CONF/edr.conf.json
+}
+
 # ---- the agent and the daemon
 
 # start_agent: starts the agent, and the agent the daemon; the configuration names the agent's process.
@@ -124,6 +130,11 @@ wait_for_daemon() { wait_until 30 daemon_running; }
 # start_all: platform, configuration, agent, daemon.
 start_all() {
   write_configuration
+  start_configured "$@"
+}
+
+# start_configured [SWITCH...]: the same with what stands in the written configuration.
+start_configured() {
   start_receiver "$@"
   start_agent
   wait_for_daemon || fail "daemon starts" "$(tail -n 3 $LOG/agent.log $LOG/edr.log 2>&1 | tr '\n' ' ')"
@@ -240,6 +251,114 @@ no_other_events() {
   return $strange
 }
 
+# For many events. $OWED_BY has a line for each, in two columns with a tabulator between: a label, under which they are
+# judged together, and what is owed:
+#
+#   done EVENT        comes once for each such line; the event may end behind its pid, or have "*" as its actor
+#   some EVENT        comes once or more often
+#   may EVENT         comes at most once
+#   none pid=NUMBER   nothing comes of that process
+#   anything else     is a reason why nothing could be done, and a failure
+#
+# Events that nobody owes are told under the label of their process.
+
+# batch NAME: one-call makes the calls of the requests on standard input, and says what is owed for them. The label of each
+# is NAME and its object's name.
+batch() { one-call batch | sed -e '/\tno such call$/d' -e "s|^[^\t]*[ /]\([^ /\t]*\)\t|$1: \1\t|" >>$OWED_BY; }
+
+# requests FOLDER OPTION...: a request for each call and form, on objects in the folder.
+requests() {
+  local folder=$1
+  shift
+  one-call list | awk -v folder="$folder" -v options="$*" '{
+    print options, $1, folder "/" $1 ".absolute"
+    if ($1 ~ /^open(at2?)?-read$/) print options, "--loginuid 1000", $1, folder "/" $1 ".logged-in"
+    print options, "--chdir", folder, $1, $1 ".working-folder"
+    if ($2 == "at") print options, "--dirfd", folder, $1, $1 ".open-folder"
+    if ($3 == "compat") print options, "--compat", $1, folder "/" $1 ".compat"
+  }' | sed 's/^ *//'
+}
+
+# make_every_call COVERAGE OPTION...: a whole scenario: each call in each form, by processes that end and by some that stay.
+make_every_call() {
+  local coverage=$1 work=$WATCHED/work
+  shift
+  mkdir -p $work/ends $work/stays
+  requests $work/ends "$@" >/run/ends
+  requests $work/stays --stay "$@" >/run/stays
+  expect "the objects are made" sh -c 'cat /run/ends /run/stays | one-call prepare'
+  write_configuration
+  extended_coverage "$coverage"
+  start_configured
+  step "$(wc -l </run/ends) calls by processes that end at once"
+  batch "ends" </run/ends
+  step "$(wc -l </run/stays) calls by processes that stay"
+  batch "stays" </run/stays
+  wait_for_the_last 60
+  judge
+  # shellcheck disable=SC2046 # a word each
+  kill $(pidof one-call)
+  stop_all
+}
+
+# wait_for_the_last SECONDS: until the event of something done now came. Events leave the daemon in their order, so what
+# has not come by then will not come.
+wait_for_the_last() {
+  sleep 2 # times of events are whole seconds
+  act create "$WATCHED/the last, $(cut -d' ' -f1 /proc/uptime)"
+  tail -n 1 $OWED | sed 's/^/the last\t/' >>$OWED_BY
+  step "waiting: file events rest 30 s in the daemon's cache by design, until the file has settled"
+  expect "the last event came" wait_until "$1" received "$(tail -n 1 $OWED)"
+}
+
+# judge: a verdict for each label of $OWED_BY.
+judge() {
+  awk -F'\t' '
+    function pid_of(event) { return match(event, / pid=[0-9]+/) ? substr(event, RSTART + 5, RLENGTH - 5) : "" }
+    function known(event,   short) {
+      if (event in kind) return event
+      short = event
+      sub(/ user=.*/, "", short)
+      if (short in kind) return short
+      sub(/ actor=[^ ]* /, " actor=* ", short)
+      return short in kind ? short : ""
+    }
+    function tell(label, problem) {
+      if (++problems[label] <= 4) told[label] = told[label] "; " problem
+    }
+    NR == FNR {
+      if (!($1 in owed)) order[++labels] = $1
+      owed[$1] += 0
+      word = $2; sub(/ .*/, "", word)
+      event = substr($2, length(word) + 2)
+      label_of[pid_of(" " $2)] = $1
+      if (word == "none") next
+      if (word != "done" && word != "some" && word != "may") { tell($1, $2); next }
+      kind[event] = word; by[event] = $1; want[event]++; owed[$1]++
+      next
+    }
+    /^event / {
+      event = substr($0, 7); sub(/ id=[0-9]*$/, "", event)
+      match_of = known(event)
+      if (match_of != "") { got[match_of]++; next }
+      label = pid_of(event) in label_of ? label_of[pid_of(event)] : "events of others"
+      if (label == "events of others" && !(label in owed)) { order[++labels] = label; owed[label] = 0 }
+      tell(label, "nobody did: " event)
+    }
+    END {
+      for (event in kind) {
+        if (kind[event] != "may" && !(event in got)) tell(by[event], "missing: " event)
+        else if (kind[event] != "some" && got[event] > want[event]) tell(by[event], got[event] " times: " event)
+        else if (kind[event] == "done" && got[event] < want[event]) tell(by[event], "only " got[event] " of " want[event] ": " event)
+      }
+      for (i = 1; i <= labels; i++) {
+        label = order[i]
+        if (label in problems) print "FAIL " label ": " problems[label] " of " owed[label] " owed" told[label]
+        else print "PASS " label " (" owed[label] (owed[label] == 1 ? " event)" : " events)")
+      }
+    }' $OWED_BY $LOG/receiver.log
+}
+
 owed_missing() {
   while read -r line; do
     received "$line" >/dev/null || echo "$line"
@@ -248,3 +367,4 @@ owed_missing() {
 
 mkdir -p $LOG
 : >$OWED
+: >$OWED_BY
