@@ -1,11 +1,12 @@
 // one-call: makes exactly one system call on a file, says which events the sensor owes for it, and ends at once.
 //
 //   one-call list                            a line for each call: its name, its forms, whether 32-bit programs have it
-//   one-call prepare                         reads requests, makes what their calls need: before anybody watches
-//   one-call batch                           reads requests, makes each call in a child of its own
-//   one-call do [OPTION...] CALL NAME [ARGUMENT]
+//   one-call prepare [REQUEST]               makes what the call needs: before anybody watches
+//   one-call batch                           makes the calls of the requests on standard input, each in a child of its
+//   own one-call do REQUEST                      makes the call
 //
-// A request is what stands behind "do", a line each; words are separated by blanks.
+// A request is [OPTION...] CALL NAME [ARGUMENT]. On standard input, where prepare finds its requests too when none is
+// given, each is a line, and its words are separated by blanks.
 //
 //   --extended      owe what extended coverage adds, too
 //   --compat        enter the kernel as a 32-bit program
@@ -116,9 +117,10 @@ void MakeFile(const std::string& name) {
   close(fd);
 }
 
-void Prepare(const Call& call, const std::string& name) {
-  const std::string argument = name + "-2";
-  switch (call.scene) {
+void Prepare(const std::string&, const Options& options) {
+  const std::string name = Absolute(options, options.request.name);
+  const std::string argument = Absolute(options, options.request.argument);
+  switch (CallNamed(options.call).scene) {
     case Scene::kNothing:
       break;
     case Scene::kFile:
@@ -323,14 +325,14 @@ void DoInChild(const std::string& line, const Options& options) {
   close(ends[1]);
   const std::string said = ReadAll(ends[0]);
   close(ends[0]);
+  const size_t failed = said.find("failed: ");
+  const bool is_over = !options.stay || failed != std::string::npos;
   int status = 0;
-  const bool ended = waitpid(child, &status, options.stay ? WNOHANG : 0) == child;
-  if (ended && WIFEXITED(status) && WEXITSTATUS(status) == 3) {
+  if (is_over && waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 3) {
     Write(STDOUT_FILENO, line + "\tno such call\n");
     return;
   }
   std::istringstream lines(said);
-  const size_t failed = said.find("failed: ");
   if (failed != std::string::npos) lines.str(said.substr(failed));
   for (std::string each; std::getline(lines, each);) Write(STDOUT_FILENO, line + "\t" + each + "\n");
 }
@@ -352,10 +354,10 @@ void List() {
 int Run(const std::string& what, const Words& words) {
   if (what == "list") {
     List();
+  } else if (what == "prepare" && !words.empty()) {
+    Prepare("", ReadRequest(words));
   } else if (what == "prepare") {
-    ForEachRequest([](const std::string&, const Options& options) {
-      Prepare(CallNamed(options.call), Absolute(options, options.request.name));
-    });
+    ForEachRequest(Prepare);
   } else if (what == "batch") {
     ForEachRequest(DoInChild);
   } else if (what == "do") {

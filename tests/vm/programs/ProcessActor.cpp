@@ -6,7 +6,7 @@
 //   process-actor connect-unix|bind-unix PATH
 //   process-actor listen ADDRESS PORT                  binds TCP, connects to itself
 //   process-actor crash                                ends by SIGSEGV
-//   process-actor compat-fork|compat-execve|compat-connect|compat-exit ...   as a 32-bit program
+//   process-actor compat-fork|compat-execve|compat-connect|compat-socketcall|compat-exit ...   as a 32-bit program
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <linux/sched.h>
