@@ -21,7 +21,8 @@ constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 
 // The kernel writes a name in hexadecimal when it holds a blank or a quote: these two are always decoded.
 constexpr RecordFieldSet kNames = SetOf(RecordField::Name, RecordField::Exe);
-// One of them is the last field of a PATH record that anybody reads.
+// One of them is the last field of a PATH record that anybody reads: old kernels wrote the first, no kernel writes
+// both.
 constexpr RecordFieldSet kTypeWords = SetOf(RecordField::NameType, RecordField::ObjType);
 
 // What is read of a record: as the kernel wrote it, or decoded.
@@ -139,6 +140,11 @@ const Record* AuparseRecordSource::FindCall() {
     return &call_;
   }
   return nullptr;
+}
+
+void AuparseRecordSource::SetCallNumber(std::uint32_t number) {
+  call_number_ = std::to_string(number);
+  call_.fields.Set(RecordField::Syscall, call_number_);
 }
 
 const Record* AuparseRecordSource::Next(RecordKinds wanted) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 
 #include "src/audit/events/RecordSource.h"
 
@@ -27,6 +28,9 @@ class AuparseRecordSource final : public RecordSource {
   // walked here and handed out by Next in its place.
   [[nodiscard]] const Record* FindCall();
 
+  // From here on the call goes by this number: a 32-bit program calls by other ones. After FindCall.
+  void SetCallNumber(std::uint32_t number);
+
   // Throws std::runtime_error "Failed to parse record number <n>".
   const Record* Next(RecordKinds wanted) override;
   [[nodiscard]] std::uint32_t Id() const override { return id_; }
@@ -45,6 +49,7 @@ class AuparseRecordSource final : public RecordSource {
   std::int64_t timestamp_ = 0;
   Record record_;
   Record call_;
+  std::string call_number_;  // a value of call_
 };
 
 }  // namespace zagent::audit::internal

@@ -12,6 +12,8 @@ struct FileContext {
   std::shared_ptr<edr::LibMagicWrapper> lib_magic;  // null: no type descriptions
   // Null: a file is read anew for each event that is asked for its digests.
   std::shared_ptr<common::util::DigestCache> digests = nullptr;
+  // Whether what is gone when it is looked at again is still told, and calls that no watch covers become events.
+  bool extended_coverage = false;
 };
 
 }  // namespace zagent::audit::internal

@@ -68,6 +68,7 @@ FileEvent::FileEvent(const FileEvent& other)
       parent_device_(other.parent_device_),
       parent_inode_(other.parent_inode_),
       context_(other.context_),
+      is_gone_(other.is_gone_),
       has_cwd_(other.has_cwd_),
       cwd_(other.cwd_),
       process_title_(other.process_title_),

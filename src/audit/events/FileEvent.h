@@ -46,7 +46,8 @@ class FileEvent : public SyscallEvent {
   [[nodiscard]] const std::string& GetParentDeviceID() const override { return parent_device_; }
   [[nodiscard]] bool IsSymlink() const override;
   // Throws common::StatHelperException when another object is in the file's place, edr::EventException when there is
-  // none. What was cached of the file is read anew afterwards.
+  // none. What was cached of the file is read anew afterwards. Where coverage is extended it throws nothing, and an
+  // event whose file is gone or replaced keeps what its records said, without size, type, digests and content.
   void Refresh() override;
   void ParseRecord(int type, const edr::RecordFields& fields) override;
   void Validate() override;
@@ -134,6 +135,7 @@ class FileEvent : public SyscallEvent {
   [[nodiscard]] std::string DiffersText() const;
 
   Context context_;
+  bool is_gone_ = false;  // as Refresh found
   bool has_cwd_ = false;
   std::string cwd_;
   std::string process_title_;

@@ -76,7 +76,7 @@ const std::string& FileEvent::GetFileTypeDesc() const {
   std::string& description = on_demand_.Get().type_description;
   if (!description.empty()) return description;
   std::optional<std::string> identified;
-  if (context_ && context_->lib_magic) identified = context_->lib_magic->Identify(file_->GetPath());
+  if (context_ && context_->lib_magic && !is_gone_) identified = context_->lib_magic->Identify(file_->GetPath());
   if (identified) {
     description = std::move(*identified);
   } else {
@@ -104,6 +104,7 @@ const std::vector<unsigned char>& FileEvent::GetFileContentHash(edr::ContentHash
 
 FileEvent::Digests FileEvent::GenerateDigests() const {
   Digests digests;
+  if (is_gone_) return digests;
   try {
     const HashGenerator generator(file_->GetPath(), file_->GetDevice(), file_->GetInode(), common::util::HashKind::All,
                                   context_ ? context_->digests.get() : nullptr);
@@ -119,6 +120,7 @@ FileEvent::Digests FileEvent::GenerateDigests() const {
 const std::vector<unsigned char>& FileEvent::GetFileContent() const {
   std::vector<unsigned char>& content = on_demand_.Get().content;
   if (!content.empty()) return content;
+  if (is_gone_) return content;
   const std::string& path = file_->GetPath();
   // The file is held against the event before a byte of it is read; a FIFO in its place must not block.
   const common::util::UniqueFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
@@ -147,10 +149,18 @@ const std::vector<unsigned char>& FileEvent::GetFileContent() const {
 }
 
 void FileEvent::Refresh() {
-  const std::unique_ptr<struct stat> result = common::StatImage(*file_);
-  if (!result) throw edr::EventException(DiffersText());
-  state_.emplace(*result);
   on_demand_.Reset();
+  try {
+    const std::unique_ptr<struct stat> result = common::StatImage(*file_);
+    if (!result) throw edr::EventException(DiffersText());
+    state_.emplace(*result);
+  } catch (const std::runtime_error& error) {
+    if (!context_ || !context_->extended_coverage) throw;
+    // What happened is worth telling without a file to show for it.
+    ZLOG_DEBUG(error.what());
+    state_.reset();
+    is_gone_ = true;
+  }
 }
 
 }  // namespace zagent::audit::internal

@@ -4,11 +4,13 @@
 
 #include <charconv>
 #include <exception>
+#include <limits>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
 
 #include "common/src/util/Log.h"
+#include "src/audit/events/CompatCalls.h"
 
 namespace zagent::audit::internal {
 namespace {
@@ -16,11 +18,18 @@ namespace {
 using common::util::Log;
 
 constexpr std::string_view kX86_64 = "c000003e";
+constexpr std::string_view kI386 = "40000003";
 
 long long ParseNumber(std::string_view text) {
   long long number = -1;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
   return error == std::errc() && end == text.data() + text.size() ? number : -1;
+}
+
+std::uint64_t ParseHex(std::string_view text) {
+  std::uint64_t number = 0;
+  std::from_chars(text.data(), text.data() + text.size(), number, 16);
+  return number;
 }
 
 auparse_state_t* InitAuparse() {
@@ -77,35 +86,51 @@ void AuparseFeed::OnAuparseEvent(auparse_state_t* /*state*/, int kind, void* sel
 
 void AuparseFeed::OnCompleteEvent() {
   if (auparse_first_record(state_.get()) < 1) {
+    counters_.Add(IntakeCounters::Reason::NotBuilt);
     ZLOG_INFO("Failed to fetch first record from event");
     return;
   }
   if (Log::IsEventTraceEnabled()) Log::WriteEventTrace("Received complete event: " + EventText());
   source_.Begin();
   const int type = source_.FirstType();
-  // A process that ends abnormally within a call has both records.
+  // An operation through io_uring may stand in the event of the call that started it.
+  if (type == record_type::kUringOp && Build({type})) return;
+  // So may the abnormal end of a process in the event of a call: the end is what matters.
   if (type == record_type::kAnomAbend && Build({type})) return;
-  if (type == record_type::kEndOfEvent) return;
   if (const Record* call = source_.FindCall()) {
     BuildFromCall(*call);
-  } else {
+  } else if (type != record_type::kEndOfEvent) {
     ZLOG_TRACE("Ignoring event with ID: " << source_.Id() << " record type: " << type);
   }
 }
 
 void AuparseFeed::BuildFromCall(const Record& call) {
-  const std::string_view arch = call.fields.Find(edr::RecordField::Arch);
-  // The same numbers mean other calls on another architecture.
-  if (!arch.empty() && arch != kX86_64) {
-    counters_.Add(IntakeCounters::Reason::UnsupportedCall);
-    ZLOG_TRACE("Ignoring event with ID: " << source_.Id() << " arch: " << arch);
-    return;
-  }
-  const long long number = ParseNumber(call.fields.Find(edr::RecordField::Syscall));
-  const bool in_range = number >= 0 && number <= kLastSyscall;
-  if (in_range && Build({call.type, static_cast<int>(number)})) return;
+  const std::optional<long long> number = NumberOf(call);
+  if (!number) return;
+  const bool in_range = *number >= 0 && *number <= std::numeric_limits<int>::max();
+  const auto items = static_cast<std::uint64_t>(ParseNumber(call.fields.Find(edr::RecordField::Items)));
+  if (in_range && Build({call.type, static_cast<int>(*number), items})) return;
   counters_.Add(IntakeCounters::Reason::UnsupportedCall);
-  ZLOG_TRACE("Unsupported syscall in event: " << number);
+  ZLOG_TRACE("Unsupported syscall in event: " << *number);
+}
+
+std::optional<long long> AuparseFeed::NumberOf(const Record& call) {
+  const std::string_view arch = call.fields.Find(edr::RecordField::Arch);
+  const long long number = ParseNumber(call.fields.Find(edr::RecordField::Syscall));
+  if (arch.empty() || arch == kX86_64) return number;
+  // The same numbers mean other calls on another architecture.
+  if (arch == kI386 && number >= 0 && number <= std::numeric_limits<std::int32_t>::max()) {
+    const auto argument = call.fields.Argument(0);
+    const auto translated =
+        TranslateCompatCall(static_cast<std::uint32_t>(number), ParseHex(argument.value_or(std::string_view())));
+    if (translated) {
+      source_.SetCallNumber(*translated);
+      return *translated;
+    }
+  }
+  counters_.Add(IntakeCounters::Reason::UnsupportedCall);
+  ZLOG_TRACE("Ignoring event with ID: " << source_.Id() << " arch: " << arch);
+  return std::nullopt;
 }
 
 bool AuparseFeed::Build(const EventSubject& subject) {

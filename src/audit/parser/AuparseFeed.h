@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "src/audit/events/AuparseRecordSource.h"
@@ -38,6 +39,8 @@ class AuparseFeed {
   static void OnAuparseEvent(auparse_state_t* state, int kind, void* self) noexcept;
   void OnCompleteEvent();
   void BuildFromCall(const Record& call);
+  // The x86-64 number of a call; nothing, with a trace line, for one that means nothing here.
+  std::optional<long long> NumberOf(const Record& call);
   // Answers whether the subject meant anything.
   bool Build(const EventSubject& subject);
   [[nodiscard]] std::string EventText() const;

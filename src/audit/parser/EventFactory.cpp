@@ -16,6 +16,7 @@
 #include "src/audit/events/ReadWriteEvent.h"
 #include "src/audit/events/RenameEvent.h"
 #include "src/audit/events/RunningEvent.h"
+#include "src/audit/parser/ExtendedCalls.h"
 
 namespace zagent::audit::internal {
 namespace {
@@ -90,6 +91,8 @@ constexpr BuilderTable MakeTable() {
 
 constexpr BuilderTable kBuilders = MakeTable();
 
+constexpr int kExecveat = 322;
+
 Builder BuilderOf(const EventSubject& subject) {
   if (subject.record_type == record_type::kAnomAbend) return &BuildAlone<AbendEvent>;
   if (subject.record_type != record_type::kSyscall) return nullptr;
@@ -97,11 +100,28 @@ Builder BuilderOf(const EventSubject& subject) {
   return kBuilders.at(static_cast<std::size_t>(subject.syscall));
 }
 
+BuildResult BuildTold(const ExtendedCalls& calls, const EventSubject& subject, RecordSource& source,
+                      const Context& context, Events& events) {
+  BuildResult result = BuildResult::Unsupported;
+  for (const ExtendedCalls::Told& told : calls.Translate(subject, source)) {
+    const Builder build = kBuilders.at(static_cast<std::size_t>(told.syscall));
+    const BuildResult built = build(*told.records, context, events);
+    if (result != BuildResult::Built) result = built;
+  }
+  return result;
+}
+
 }  // namespace
 
 EventFactory MakeEventFactory(FileContext context) {
-  return [context = std::make_shared<const FileContext>(std::move(context))](const EventSubject& subject,
-                                                                             RecordSource& source, Events& events) {
+  return [context = std::make_shared<const FileContext>(std::move(context)), calls = ExtendedCalls()](
+             const EventSubject& subject, RecordSource& source, Events& events) {
+    if (context->extended_coverage) {
+      if (ExtendedCalls::Concerns(subject)) return BuildTold(calls, subject, source, context, events);
+      if (subject.record_type == record_type::kSyscall && subject.syscall == kExecveat) {
+        return BuildAlone<RunningEvent>(source, context, events);
+      }
+    }
     const Builder build = BuilderOf(subject);
     return build != nullptr ? build(source, context, events) : BuildResult::Unsupported;
   };

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -12,14 +13,16 @@ namespace zagent::audit::internal {
 
 using Events = std::vector<std::unique_ptr<edr::Event>>;
 
-// Highest system call number that is looked at: execveat (322) and what came later never become events.
+// Highest system call number that is looked at without extended coverage: execveat (322) and what came later never
+// become events then.
 inline constexpr int kLastSyscall = 316;
 
 // What an audit event is about: the kernel type of the record that tells it and, when that is a SYSCALL record, the
-// x86-64 number of the call.
+// x86-64 number of the call and how many PATH records the kernel announced.
 struct EventSubject {
   int record_type = 0;
   int syscall = -1;
+  std::uint64_t items = 0;
 };
 
 enum class BuildResult {
@@ -32,7 +35,7 @@ enum class BuildResult {
 // std::exceptions when the records are unsound. `events` is unchanged unless the result is Built.
 using EventFactory = std::function<BuildResult(const EventSubject& subject, RecordSource& source, Events& events)>;
 
-// The factory of the program's own event classes.
+// The factory of the program's own event classes. Where coverage is extended (FileContext) it knows more calls.
 EventFactory MakeEventFactory(FileContext context);
 
 }  // namespace zagent::audit::internal
