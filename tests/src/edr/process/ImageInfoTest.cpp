@@ -3,7 +3,11 @@
 #include <gtest/gtest.h>
 #include <sys/sysmacros.h>
 
+#include <cstdio>
+
 #include "common/src/util/DeviceText.h"
+#include "common/src/util/HashGenerator.h"
+#include "tests/fakes/TempFolder.h"
 
 namespace zagent::common {
 namespace {
@@ -70,6 +74,53 @@ TEST(ImageInfoTest, WritesDevicesAsAuditDoes) {
   EXPECT_EQ(util::DeviceText(makedev(0xfd, 0)), "fd:00");
   EXPECT_EQ(util::DeviceText(makedev(0, 2)), "00:02");
   EXPECT_EQ(util::DeviceText(makedev(0x103, 0x12345)), "103:12345");
+}
+
+class ImageDigestTest : public ::testing::Test {
+ protected:
+  static ImageInfo ImageOf(const std::string& path) {
+    struct stat result {};
+    EXPECT_EQ(stat(path.c_str(), &result), 0);
+    return {path, result};
+  }
+
+  static constexpr const char* kAbcSha256 = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
+  fakes::TempFolder folder_;
+  std::string file_ = folder_.Write("f", "abc");
+};
+
+TEST_F(ImageDigestTest, IsTheSha256OfTheFileInLowercaseHexadecimal) {
+  EXPECT_EQ(ImageOf(file_).GetDigest(), kAbcSha256);
+}
+
+TEST_F(ImageDigestTest, IsComputedOnceAndGoesWithACopy) {
+  const ImageInfo image = ImageOf(file_);
+  EXPECT_EQ(image.GetDigest(), kAbcSha256);
+  folder_.Write("f", "something else");
+  EXPECT_EQ(image.GetDigest(), kAbcSha256);
+  const ImageInfo copy(image);  // NOLINT(performance-unnecessary-copy-initialization)
+  EXPECT_EQ(copy.GetDigest(), kAbcSha256);
+  EXPECT_NE(ImageOf(file_).GetDigest(), kAbcSha256);
+}
+
+TEST_F(ImageDigestTest, IsNoneOfAFileThatReplacedTheImage) {
+  const ImageInfo image = ImageOf(file_);
+  ASSERT_EQ(std::rename(folder_.Write("other", "xyz").c_str(), file_.c_str()), 0);
+  try {
+    static_cast<void>(image.GetDigest());
+    FAIL() << "hashed another file under the image's identity";
+  } catch (const util::HashGeneratorException& error) {
+    EXPECT_EQ(error.what(), "SHA1 for " + file_ + " does not exist");
+  }
+}
+
+TEST_F(ImageDigestTest, KeepsItsTextBesideTheDigest) {
+  struct stat result {};
+  ASSERT_EQ(stat(file_.c_str(), &result), 0);
+  const ImageInfo image(util::DeviceText(result.st_dev), 644, result.st_ino, file_, 0, "root", "root", 0, "524288");
+  EXPECT_EQ(image.GetDigest(), kAbcSha256);
+  EXPECT_EQ(image.GetText(), "524288");
+  EXPECT_EQ(ImageOf(file_).GetText(), "");
 }
 
 }  // namespace
