@@ -68,8 +68,10 @@ void RunningEvent::ParseArguments(const edr::RecordFields& fields) {
     std::from_chars(text.data(), text.data() + text.size(), argument_count_);
     if (arguments_.size() > argument_count_) arguments_.clear();
   }
-  const std::size_t kept = std::min(argument_count_, edr::RecordFields::kMaxArguments);
-  for (std::size_t index = 0; index < kept; ++index) {
+  constexpr std::size_t kKept = edr::RecordFields::kMaxArguments;
+  const std::size_t end = std::min(argument_count_, kKept);
+  // Records that repeat each other must not hold more than one list.
+  for (std::size_t index = 0; index < end && arguments_.size() < kKept; ++index) {
     const auto argument = fields.Argument(index);
     if (argument && !argument->empty()) arguments_.emplace_back(*argument);
   }
@@ -100,11 +102,14 @@ std::string RunningEvent::PathOf(const PathRecord& program) const {
 }
 
 // The first record is the program that the call named. If the image is another file, that program was a script, and the
-// image is its interpreter.
+// image is its interpreter. A name may mean another file to this process than it meant to the caller
+// ("/proc/self/exe"), so the record of the image itself is no script, whatever its name.
 void RunningEvent::SetImages() {
   const PathRecord& program = records_.front();
   const std::unique_ptr<char, Free> canonical(canonicalize_file_name(PathOf(program).c_str()));
-  if (!canonical || ProcessPath() == canonical.get()) {
+  const bool is_image =
+      !canonical || ProcessPath() == canonical.get() || IsObjectAt(ProcessPath(), program.device, program.inode);
+  if (is_image) {
     image_ = ImageOf(program, ProcessPath(), "");
     return;
   }
