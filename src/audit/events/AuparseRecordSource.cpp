@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <limits>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -64,6 +65,12 @@ const Rendering* FindRendering(int type) {
   const auto* found = std::find_if(kRenderings.begin(), kRenderings.end(),
                                    [type](const Rendering& rendering) { return rendering.type == type; });
   return found != kRenderings.end() ? found : nullptr;
+}
+
+// 0, which no event has, for a stamp that was damaged on its way: it may hold any number.
+std::int64_t NanosecondsOf(std::int64_t seconds) {
+  constexpr std::int64_t kLast = std::numeric_limits<std::int64_t>::max() / kNanosecondsPerSecond;
+  return seconds >= 0 && seconds <= kLast ? seconds * kNanosecondsPerSecond : 0;
 }
 
 // Of the EXECVE record everything is decoded.
@@ -128,7 +135,7 @@ void AuparseRecordSource::Begin() {
   first_type_ = auparse_get_type(state_);
   id_ = static_cast<std::uint32_t>(auparse_get_serial(state_));
   const au_event_t* stamp = auparse_get_timestamp(state_);
-  timestamp_ = (stamp != nullptr ? static_cast<std::int64_t>(stamp->sec) : 0) * kNanosecondsPerSecond;
+  timestamp_ = stamp != nullptr ? NanosecondsOf(stamp->sec) : 0;
 }
 
 const Record* AuparseRecordSource::FindCall() {

@@ -262,5 +262,20 @@ TEST_F(AuparseRecordSourceTest, RefusesAMissingOrEmptyState) {
   EXPECT_EQ(error_of(state_), "auparse state is invalid or has no records");
 }
 
+// 2262 is the last year that nanoseconds count to.
+TEST_F(AuparseRecordSourceTest, HasNoTimeOfAStampThatWasDamaged) {
+  const auto time_of = [this](const std::string& seconds) {
+    std::int64_t time = -1;
+    Feed("type=SYSCALL msg=audit(" + seconds + ".936:126): arch=c000003e syscall=231\n", [&](auparse_state_t* state) {
+      AuparseRecordSource source(state);
+      source.Begin();
+      time = source.Timestamp();
+    });
+    return time;
+  };
+  EXPECT_EQ(time_of("9223372036"), 9'223'372'036'000'000'000);
+  EXPECT_EQ(time_of("9223372037"), 0);
+}
+
 }  // namespace
 }  // namespace zagent::audit::internal
