@@ -2,6 +2,7 @@
 
 #include <auparse.h>
 
+#include <algorithm>
 #include <charconv>
 #include <exception>
 #include <limits>
@@ -55,9 +56,16 @@ AuparseFeed::AuparseFeed(EventFactory build_events, IntakeCounters& counters)
 
 AuparseFeed::~AuparseFeed() = default;
 
+// The kernel encodes control characters, so that a carriage return is a line end of somebody else: auparse would take
+// it for a part of the last value.
 void AuparseFeed::Feed(const unsigned char* data, std::size_t size) {
-  if (auparse_feed(state_.get(), reinterpret_cast<const char*>(data), size) < 0) {
-    throw std::runtime_error("Failed to feed to auparse");
+  std::string_view bytes(reinterpret_cast<const char*>(data), size);
+  while (!bytes.empty()) {
+    const std::string_view part = bytes.substr(0, bytes.find('\r'));
+    if (auparse_feed(state_.get(), part.data(), part.size()) < 0) {
+      throw std::runtime_error("Failed to feed to auparse");
+    }
+    bytes.remove_prefix(std::min(part.size() + 1, bytes.size()));
   }
 }
 
