@@ -1,15 +1,12 @@
 // Feeds one text to both JSON doors of file integrity monitoring: the manifest parser, with every rule asked about an
 // event whose path comes from the same text, and the spool file parser.
-#include <Poco/AutoPtr.h>
-#include <Poco/Logger.h>
-#include <Poco/NullChannel.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 
 #include "common/src/util/Json.h"
+#include "fuzz/SilentLog.h"
 #include "src/fim/JsonDataFormatter.h"
 #include "src/fim/Manifest.h"
 #include "src/fim/UploadDocument.h"
@@ -21,13 +18,6 @@ using zagent::fakes::FakeEvent;
 using zagent::fim::Manifest;
 namespace common = zagent::common;
 namespace internal = zagent::fim::internal;
-
-// Log lines are built as in production at their most talkative level, and go nowhere.
-void SilenceLog() {
-  Poco::Logger& logger = Poco::Logger::get("edr");
-  logger.setChannel(Poco::AutoPtr<Poco::Channel>(new Poco::NullChannel));
-  logger.setLevel(Poco::Message::PRIO_TRACE);
-}
 
 void AskRules(const Manifest& manifest, const std::string& text) {
   FakeEvent event(zagent::edr::EventType::Rename, "Rename", "/" + text.substr(0, 200));
@@ -72,8 +62,7 @@ void ParseSpoolFile(const std::string& text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const bool silenced = (SilenceLog(), true);
-  (void)silenced;
+  zagent::fuzz::SilenceLog();
   const std::string text(reinterpret_cast<const char*>(data), size);
   ParseManifest(text);
   ParseSpoolFile(text);
