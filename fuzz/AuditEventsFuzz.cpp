@@ -33,10 +33,11 @@ struct TypeName {
   int type;
 };
 constexpr std::array kTypes = {
-    TypeName{"SYSCALL", record_type::kSyscall},     TypeName{"PATH", record_type::kPath},
-    TypeName{"SOCKADDR", record_type::kSockaddr},   TypeName{"CWD", record_type::kCwd},
-    TypeName{"EXECVE", record_type::kExecve},       TypeName{"PROCTITLE", record_type::kProctitle},
-    TypeName{"ANOM_ABEND", record_type::kAnomAbend}};
+    TypeName{"SYSCALL", record_type::kSyscall},      TypeName{"PATH", record_type::kPath},
+    TypeName{"SOCKADDR", record_type::kSockaddr},    TypeName{"CWD", record_type::kCwd},
+    TypeName{"EXECVE", record_type::kExecve},        TypeName{"PROCTITLE", record_type::kProctitle},
+    TypeName{"ANOM_ABEND", record_type::kAnomAbend}, TypeName{"URINGOP", record_type::kUringOp},
+    TypeName{"OPENAT2", record_type::kOpenAt2}};
 
 // At least one call of each class, with the ones that its descriptors and names depend on.
 constexpr std::array kCalls = {2,   257, 42,  49, 56, 57,  59, 82, 264, 316, 83,

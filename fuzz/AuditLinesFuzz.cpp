@@ -13,6 +13,7 @@
 namespace {
 
 using zagent::audit::internal::AuparseFeed;
+using zagent::audit::internal::BuildResult;
 using zagent::audit::internal::Events;
 using zagent::audit::internal::EventSubject;
 using zagent::audit::internal::Record;
@@ -54,17 +55,18 @@ class Reader {
   }
 
  private:
-  bool Note(const EventSubject& subject, RecordSource& source) {
+  BuildResult Note(const EventSubject& subject, RecordSource& source) {
     std::string text = std::to_string(source.Id()) + " call " + std::to_string(subject.syscall);
     constexpr RecordKinds kAll = 0xffff;
     while (const Record* record = source.Next(kAll)) text += TextOf(*record);
     events_.push_back(std::move(text));
-    return true;
+    return BuildResult::Built;
   }
 
   std::vector<std::string> events_;
+  zagent::audit::IntakeCounters counters_;
   AuparseFeed feed_{
-      [this](const EventSubject& subject, RecordSource& source, Events&) { return Note(subject, source); }};
+      [this](const EventSubject& subject, RecordSource& source, Events&) { return Note(subject, source); }, counters_};
 };
 
 }  // namespace

@@ -67,7 +67,8 @@ std::optional<Peer> PeerIn(const std::uint8_t* data, std::size_t size) {
 
 void ConnectByBytes(const std::uint8_t* data, std::size_t size) {
   static const auto factory = zagent::audit::internal::MakeEventFactory({});
-  AuparseFeed feed(factory);
+  zagent::audit::IntakeCounters counters;
+  AuparseFeed feed(factory, counters);
   const std::string mark = " msg=audit(1700000000.123:900): ";
   const std::string text = "type=SYSCALL" + mark +
                            "arch=c000003e syscall=42 success=yes exit=0 a0=3 a1=7ffd a2=10 a3=0 items=0 ppid=1 "
@@ -91,6 +92,7 @@ void ConnectByText(const std::string& text) {
   records.Syscall(42).Add(record_type::kSockaddr, {{"saddr", text}});
   try {
     const NetworkEvent event(records);
+    if (event.Refusal() != nullptr) return;
     if (event.GetNetworkAddress().empty() || event.GetNetworkPort() == 0) std::abort();
   } catch (const std::exception&) {
     // No event, and it says why.

@@ -31,13 +31,15 @@ void CloneEvent::Validate() {
     throw edr::EventException("Invalid syscall for Clone event: " + std::to_string(Syscall()));
   }
   if (Syscall() == kClone && (Argument(0) & CLONE_THREAD) != 0) {
-    throw edr::EventException("Thread events are not tracked");
+    Refuse("Thread events are not tracked");
+    return;
   }
   child_pid_ = ExitValue();
   struct stat found {};
   if (stat(ProcessPath().c_str(), &found) != 0) {
     const int error = errno;
-    throw edr::EventException("Failed to stat " + ProcessPath() + " (" + common::util::ErrnoText(error) + ")");
+    Refuse("Failed to stat " + ProcessPath() + " (" + common::util::ErrnoText(error) + ")");
+    return;
   }
   image_.emplace(ProcessPath(), found);
   image_->SetNames(common::UserName(found.st_uid), common::GroupName(found.st_gid));

@@ -83,10 +83,15 @@ void NetworkEvent::Validate() {
   if (FindCall(Syscall()) == nullptr) {
     throw edr::EventException("Invalid syscall for Network event: " + std::to_string(Syscall()));
   }
-  if (!IsInternet()) throw edr::EventException("Unsupported family in Network event: " + family_);
-  if (address_.empty()) throw edr::EventException("Host address unavailable in Network event");
-  if (port_ == 0) throw edr::EventException("Port unavailable in Network event");
-  if (IsLoopback()) throw edr::EventException("Found Loopback address: " + address_);
+  if (!IsInternet()) {
+    Refuse("Unsupported family in Network event: " + family_);
+  } else if (address_.empty()) {
+    Refuse("Host address unavailable in Network event");
+  } else if (port_ == 0) {
+    Refuse("Port unavailable in Network event");
+  } else if (IsLoopback()) {
+    Refuse("Found Loopback address: " + address_);
+  }
 }
 
 // The any-address counts as one: it names no other machine.

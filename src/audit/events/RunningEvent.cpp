@@ -132,15 +132,16 @@ const PathRecord& RunningEvent::InterpreterRecord() const {
   return *first;
 }
 
-void RunningEvent::ConfirmImage() const {
+void RunningEvent::ConfirmImage() {
   const std::string text = "Process image path " + image_->GetPath() + " differs from the object of the audit event";
   std::unique_ptr<struct stat> found;
   try {
     found = common::StatImage(*image_);
   } catch (const common::StatHelperException& error) {
-    throw edr::EventException(text + ": " + error.what());
+    Refuse(text + ": " + error.what());
+    return;
   }
-  if (!found) throw edr::EventException(text + ".");
+  if (!found) Refuse(text + ".");
 }
 
 }  // namespace zagent::audit::internal

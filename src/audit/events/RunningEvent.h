@@ -39,7 +39,7 @@ class RunningEvent final : public SyscallEvent {
   [[nodiscard]] std::string PathOf(const PathRecord& program) const;
   [[nodiscard]] const PathRecord& InterpreterRecord() const;
   void SetImages();
-  void ConfirmImage() const;
+  void ConfirmImage();
 
   std::vector<std::string> arguments_;
   std::size_t argument_count_ = 0;  // as the first EXECVE record announced it

@@ -45,7 +45,7 @@ EventProcessingThread::~EventProcessingThread() {
   try {
     Stop();
   } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
-    // The thread has logged it.
+    // Whoever reads the reports has been told.
   }
 }
 

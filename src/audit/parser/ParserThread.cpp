@@ -50,7 +50,7 @@ ParserThread::~ParserThread() {
   try {
     Stop();
   } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
-    // The threads have logged it.
+    // Whoever reads the reports has been told.
   }
 }
 
@@ -70,8 +70,8 @@ void ParserThread::Start() {
     stopping_ = false;
     closed_ = false;
   }
-  event_processing_thread_.Start();
   try {
+    event_processing_thread_.Start();
     future_ = std::async(std::launch::async, [this] { Run(); });
   } catch (...) {
     Close();
@@ -166,6 +166,8 @@ void ParserThread::Close() {
     // What was still to be fed when the loop ended is among the bytes.
     reports_.counters.Add(IntakeCounters::Reason::BytesAtStop, queue_bytes_.exchange(0));
   }
+  // auparse holds a complete event until the next one begins.
+  parser_.Flush();
   reports_.counters.Add(IntakeCounters::Reason::LeftAtStop, parser_.TakeEvents().size());
 }
 

@@ -342,7 +342,7 @@ void Daemon::ShutDown() {
     if (parser_) parser_->Stop();
   });
   Guarded("report the intake's losses", [this] {
-    if (parser_) intake_report_.TellAtEnd();
+    if (rule_engine_) intake_report_.TellAtEnd();
   });
   Guarded("stop the control channel", [this] { control_channel_->Stop(); });
   Guarded("end file integrity monitoring", [this] { fim_.reset(); });

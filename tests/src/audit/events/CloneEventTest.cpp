@@ -7,7 +7,9 @@
 
 #include <stdexcept>
 
+#include <type_traits>
 #include "src/edr/process/NameService.h"
+
 #include "tests/fakes/AuditRecords.h"
 #include "tests/fakes/TempFolder.h"
 
@@ -29,7 +31,12 @@ class CloneEventTest : public ::testing::Test {
   template <typename Call>
   static std::string ErrorOf(Call call) {
     try {
-      call();
+      if constexpr (std::is_void_v<decltype(call())>) {
+        call();
+      } else {
+        const auto& event = call();
+        if (event.Refusal() != nullptr) return *event.Refusal();
+      }
     } catch (const std::runtime_error& error) {
       return error.what();
     }
@@ -82,8 +89,8 @@ TEST_F(CloneEventTest, RunsTheCallersProgramAsItIsOnDisk) {
 }
 
 TEST_F(CloneEventTest, DoesNotTrackThreads) {
-  EXPECT_EQ(ErrorOf([&] { Build(56, {{"a0", "50f00"}}); }), "Thread events are not tracked");
-  EXPECT_EQ(ErrorOf([&] { Build(56, {{"a0", "10000"}}); }), "Thread events are not tracked");
+  EXPECT_EQ(ErrorOf([&] { return Build(56, {{"a0", "50f00"}}); }), "Thread events are not tracked");
+  EXPECT_EQ(ErrorOf([&] { return Build(56, {{"a0", "10000"}}); }), "Thread events are not tracked");
   EXPECT_NO_THROW(Build(56, {{"a0", "20000"}}));
 }
 
@@ -108,14 +115,14 @@ TEST_F(CloneEventTest, CannotJudgeACloneWithoutItsFlags) {
 TEST_F(CloneEventTest, TellsWhichProgramIsGone) {
   const std::string gone = folder_ / "gone";
   EXPECT_EQ(ErrorOf([&] {
-              Build(56, {{"exe", gone}});
+              return Build(56, {{"exe", gone}});
             }),
             "Failed to stat " + gone + " (No such file or directory (2))");
 }
 
 TEST_F(CloneEventTest, IsMadeOfItsOwnCallsOnly) {
-  EXPECT_EQ(ErrorOf([&] { Build(59); }), "Invalid syscall for Clone event: 59");
-  EXPECT_EQ(ErrorOf([&] { Build(435); }), "Invalid syscall for Clone event: 435");
+  EXPECT_EQ(ErrorOf([&] { return Build(59); }), "Invalid syscall for Clone event: 59");
+  EXPECT_EQ(ErrorOf([&] { return Build(435); }), "Invalid syscall for Clone event: 435");
 }
 
 TEST_F(CloneEventTest, TellsOfAFailedCall) {

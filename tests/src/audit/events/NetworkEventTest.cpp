@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include <type_traits>
+
 #include "tests/fakes/AuditRecords.h"
 
 namespace zagent::audit::internal {
@@ -22,9 +24,15 @@ class NetworkEventTest : public ::testing::Test {
     records.Syscall(syscall, changes).Add(record_type::kSockaddr, {{"saddr", address}});
     return NetworkEvent(records);
   }
-  static std::string ErrorOf(const std::function<void()>& call) {
+  template <typename Call>
+  static std::string ErrorOf(Call call) {
     try {
-      call();
+      if constexpr (std::is_void_v<decltype(call())>) {
+        call();
+      } else {
+        const auto& event = call();
+        if (event.Refusal() != nullptr) return *event.Refusal();
+      }
     } catch (const std::runtime_error& error) {
       return error.what();
     }
@@ -32,7 +40,7 @@ class NetworkEventTest : public ::testing::Test {
   }
   // Why this address makes no event.
   static std::string Refusal(const std::string& address) {
-    return ErrorOf([&] { Build(address); });
+    return ErrorOf([&] { return Build(address); });
   }
   static constexpr const char* kAddress = "{ saddr_fam=inet laddr=10.1.2.3 lport=443 }";
 };
@@ -63,7 +71,7 @@ TEST_F(NetworkEventTest, IsNamedByItsCall) {
 }
 
 TEST_F(NetworkEventTest, IsMadeOfItsOwnCallsOnly) {
-  EXPECT_EQ(ErrorOf([] { Build(kAddress, 44); }), "Invalid syscall for Network event: 44");
+  EXPECT_EQ(ErrorOf([] { return Build(kAddress, 44); }), "Invalid syscall for Network event: 44");
 }
 
 TEST_F(NetworkEventTest, TellsOfACallThatFailed) {
@@ -100,7 +108,7 @@ TEST_F(NetworkEventTest, IsOfTheInternetOnly) {
   EXPECT_EQ(Refusal("{ unknown-family }"), text);
   AuditRecords without;
   without.Syscall(42);
-  EXPECT_EQ(ErrorOf([&] { NetworkEvent event(without); }), text);
+  EXPECT_EQ(ErrorOf([&] { return NetworkEvent(without); }), text);
 }
 
 TEST_F(NetworkEventTest, NeedsAnAddressAndThenAPort) {

@@ -51,10 +51,10 @@ class RunningEventTest : public ::testing::Test {
   static std::string ErrorOf(AuditRecords& records) {
     try {
       const RunningEvent event(records);
+      return event.Refusal() != nullptr ? *event.Refusal() : "no EventException";
     } catch (const edr::EventException& error) {
       return error.what();
     }
-    return "no EventException";
   }
   static constexpr const char* kNoPath = "Missing or invalid path for Running event";
 

@@ -75,7 +75,8 @@ class ForeignLogsTest : public testing::Test {
   Lines connect_;   // SYSCALL, SOCKADDR, PROCTITLE, EOE
   Lines connect6_;  // likewise
   Lines exit_;      // SYSCALL, PROCTITLE, EOE
-  AuparseFeed feed_{MakeEventFactory({})};
+  IntakeCounters counters_;
+  AuparseFeed feed_{MakeEventFactory({}), counters_};
 };
 
 TEST_F(ForeignLogsTest, TheRecordsAsTheyAre) {
