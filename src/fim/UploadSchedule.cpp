@@ -32,6 +32,12 @@ std::int64_t UploadSchedule::NextRunTime() {
   return last_run == kNever ? now : std::max(now, last_run + interval);
 }
 
+void UploadSchedule::OnClockStep(std::chrono::nanoseconds step) {
+  if (last_run_ != kNever) {
+    last_run_ = std::min(last_run_ + step.count(), common::util::ToNanoseconds(clock_.Now()));
+  }
+}
+
 void UploadSchedule::Reschedule() {
   FireOnFinished();
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -34,6 +35,7 @@ class UploadSchedule final : public common::Schedule {
 
   // An interval of 0 is always a day away: no uploads until the configuration changes.
   [[nodiscard]] std::int64_t NextRunTime() override;
+  void OnClockStep(std::chrono::nanoseconds step) override;
   // Makes the Scheduler ask for the next run again, after the interval has changed.
   void Reschedule();
 

@@ -4,14 +4,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <optional>
 #include <utility>
 
 #include "common/src/storage/SpoolDirectory.h"
 #include "common/src/storage/SpoolLimits.h"
 #include "common/src/storage/SpoolStorageSchedule.h"
 #include "common/src/storage/SpoolWorker.h"
+#include "common/src/tasks/Answer.h"
 #include "common/src/util/Log.h"
 
 namespace zagent::common {
@@ -22,39 +21,10 @@ using internal::SpoolLimits;
 using internal::SpoolStorageSchedule;
 using internal::SpoolWorker;
 
+// More than this does not wait in memory, however large the disk limit is.
+constexpr std::uint64_t kMaxWaitingBytes = std::uint64_t{64} * 1024 * 1024;
 // What a queued task costs at least, so that tasks without data are bounded too.
 constexpr std::uint64_t kTaskBytes = 64;
-// How often a synchronous caller looks whether anybody is left to run its task.
-constexpr std::chrono::seconds kPatience{1};
-
-// Calls a callback exactly once: with a value, or with the fallback when the task that should have found one is gone.
-// Its task alone owns it, or a task that fails at once would be answered on the thread that still posts it.
-template <typename Value>
-class Answer {
- public:
-  Answer(std::function<void(Value)> callback, std::function<Value()> fallback)
-      : callback_(std::move(callback)), fallback_(std::move(fallback)) {}
-  Answer(const Answer&) = delete;
-  Answer& operator=(const Answer&) = delete;
-  ~Answer() {
-    if (!callback_) return;
-    try {
-      Give(fallback_());
-    } catch (const std::exception& error) {
-      ZLOG_ERROR("SpoolStorage: " << error.what());
-    }
-  }
-
-  void Give(Value value) {
-    const auto callback = std::exchange(callback_, nullptr);
-    if (callback) callback(std::move(value));
-  }
-
- private:
-  std::function<void(Value)> callback_;
-  std::function<Value()> fallback_;
-};
-
 using ResultAnswer = Answer<std::unique_ptr<StorageResult>>;
 using DoneAnswer = Answer<bool>;
 
@@ -76,7 +46,7 @@ void CheckArguments(const std::string& path, const std::string& prefix, const Da
 SpoolStorage::SpoolStorage(Scheduler& scheduler, const std::string& path, const std::string& prefix,
                            std::unique_ptr<DataFormatter> formatter, const Limits& limits, std::uint64_t max_file_count,
                            util::Clock& clock)
-    : Storage(path), scheduler_(scheduler), clock_(clock), limits_(std::make_unique<SpoolLimits>()) {
+    : Storage(path), scheduler_(scheduler), limits_(std::make_unique<SpoolLimits>()) {
   CheckArguments(path, prefix, formatter.get(), max_file_count);
   limits_->Apply(limits.max_disk_size_mib, limits.max_file_age_seconds, limits.max_file_size_kib);
   schedule_ = std::make_shared<SpoolStorageSchedule>([this] { worker_->Sync(); }, clock);
@@ -115,26 +85,27 @@ void SpoolStorage::WriteAsync(Bytes data, ResultCallback callback) {
   if (data.size() > limits_->MaxFileSize()) {
     throw StorageException("SpoolStorage::WriteAsync: data is larger than max file size");
   }
-  PostWrite(std::move(data), std::move(callback), limits_->MaxDiskSize());
+  const std::uint64_t bytes = data.size();
+  Post(MakeWrite(std::move(data), std::move(callback)), bytes);
 }
 
 std::unique_ptr<StorageResult> SpoolStorage::Write(Bytes data) {
   if (data.size() > limits_->MaxFileSize()) {
     throw StorageException("SpoolStorage::Write: data is larger than max file size");
   }
-  return Await<std::unique_ptr<StorageResult>>("SpoolStorage::Write", [&](ResultCallback callback) {
-    return PostWrite(std::move(data), std::move(callback), SpoolStorageSchedule::kNoLimit);
-  });
+  std::unique_ptr<StorageResult> result;
+  Await("SpoolStorage::Write", MakeWrite(std::move(data), [&](auto answer) { result = std::move(answer); }));
+  return result;
 }
 
 void SpoolStorage::ReadAsync(ResultCallback callback) {
-  PostRead(std::move(callback), limits_->MaxDiskSize());
+  Post(MakeRead(std::move(callback)), kTaskBytes);
 }
 
 std::unique_ptr<StorageResult> SpoolStorage::Read() {
-  return Await<std::unique_ptr<StorageResult>>("SpoolStorage::Read", [this](ResultCallback callback) {
-    return PostRead(std::move(callback), SpoolStorageSchedule::kNoLimit);
-  });
+  std::unique_ptr<StorageResult> result;
+  Await("SpoolStorage::Read", MakeRead([&](auto answer) { result = std::move(answer); }));
+  return result;
 }
 
 void SpoolStorage::DeleteAsync(std::unique_ptr<StorageResult> previous, DoneCallback callback) {
@@ -142,20 +113,19 @@ void SpoolStorage::DeleteAsync(std::unique_ptr<StorageResult> previous, DoneCall
     if (callback) callback(false);
     return;
   }
-  PostDelete(std::move(previous), std::move(callback), limits_->MaxDiskSize());
+  Post(MakeDelete(std::move(previous), std::move(callback)), kTaskBytes);
 }
 
 bool SpoolStorage::Delete(std::unique_ptr<StorageResult> previous) {
   if (!previous || !previous->stat_info) return false;
-  return Await<bool>("SpoolStorage::Delete", [&](DoneCallback callback) {
-    return PostDelete(std::move(previous), std::move(callback), SpoolStorageSchedule::kNoLimit);
-  });
+  bool deleted = false;
+  Await("SpoolStorage::Delete", MakeDelete(std::move(previous), [&](bool answer) { deleted = answer; }));
+  return deleted;
 }
 
 void SpoolStorage::ClearAsync(DoneCallback callback) {
   auto answer = std::make_shared<DoneAnswer>(std::move(callback), [] { return false; });
-  schedule_->AddTask([this, answer = std::move(answer)] { answer->Give(worker_->Clear()); }, kTaskBytes,
-                     limits_->MaxDiskSize());
+  Post([this, answer = std::move(answer)] { answer->Give(worker_->Clear()); }, kTaskBytes);
 }
 
 std::unique_ptr<StorageResult> SpoolStorage::Append(Bytes, std::unique_ptr<StorageResult>) {
@@ -177,8 +147,7 @@ void SpoolStorage::Update(const Limits& limits) {
   });
 }
 
-std::uint64_t SpoolStorage::PostWrite(Bytes data, ResultCallback callback, std::uint64_t limit) {
-  const std::uint64_t bytes = std::max<std::uint64_t>(data.size(), kTaskBytes);
+SpoolStorage::Task SpoolStorage::MakeWrite(Bytes data, ResultCallback callback) {
   const auto item = std::make_shared<Bytes>(std::move(data));
   const auto refuse = [this, item](StorageCode code) {
     auto result = worker_->MakeResult(code);
@@ -186,7 +155,7 @@ std::uint64_t SpoolStorage::PostWrite(Bytes data, ResultCallback callback, std::
     return result;
   };
   auto answer = std::make_shared<ResultAnswer>(std::move(callback), [refuse] { return refuse(StorageCode::Unknown); });
-  auto task = [this, item, answer = std::move(answer), refuse] {
+  return [this, item, answer = std::move(answer), refuse] {
     try {
       answer->Give(worker_->Add(*item));
     } catch (const DataFormatterException&) {
@@ -194,54 +163,32 @@ std::uint64_t SpoolStorage::PostWrite(Bytes data, ResultCallback callback, std::
       throw;
     }
   };
-  return schedule_->AddTask(std::move(task), bytes, limit);
 }
 
-std::uint64_t SpoolStorage::PostRead(ResultCallback callback, std::uint64_t limit) {
+SpoolStorage::Task SpoolStorage::MakeRead(ResultCallback callback) {
   auto answer =
       std::make_shared<ResultAnswer>(std::move(callback), [this] { return worker_->MakeResult(StorageCode::Unknown); });
-  return schedule_->AddTask([this, answer = std::move(answer)] { answer->Give(worker_->Read()); }, kTaskBytes, limit);
+  return [this, answer = std::move(answer)] { answer->Give(worker_->Read()); };
 }
 
-std::uint64_t SpoolStorage::PostDelete(std::unique_ptr<StorageResult> previous, DoneCallback callback,
-                                       std::uint64_t limit) {
+SpoolStorage::Task SpoolStorage::MakeDelete(std::unique_ptr<StorageResult> previous, DoneCallback callback) {
   auto answer = std::make_shared<DoneAnswer>(std::move(callback), [] { return false; });
   const std::shared_ptr<StorageResult> read = std::move(previous);
   read->data = Bytes();  // not needed any more, and it must not weigh on the queue
-  return schedule_->AddTask([this, read, answer = std::move(answer)] { answer->Give(worker_->Delete(*read)); },
-                            kTaskBytes, limit);
+  return [this, read, answer = std::move(answer)] { answer->Give(worker_->Delete(*read)); };
 }
 
-template <typename Value>
-Value SpoolStorage::Await(const char* operation, const std::function<std::uint64_t(std::function<void(Value)>)>& post) {
-  if (schedule_->IsOwnThread()) {
-    throw StorageException(std::string(operation) + ": cannot wait on the thread that runs the tasks");
-  }
-  const std::lock_guard turn(mutex_);
-  std::optional<Value> value;
-  const std::uint64_t task = post([&](Value answer) {
-    {
-      const std::lock_guard lock(answer_mutex_);
-      value = std::move(answer);
-    }
-    answered_.notify_all();
-  });
-  std::unique_lock lock(answer_mutex_);
-  while (!value) {
-    if (CanRunTasks()) {
-      clock_.WaitFor(answered_, lock, kPatience, [&value] { return value.has_value(); });
-      continue;
-    }
-    lock.unlock();
-    // A task that goes unrun gives its fallback, and so ends this wait.
-    if (schedule_->RemoveTask(task)) ZLOG_ERROR(operation << ": nothing runs the tasks of " << GetPath());
-    lock.lock();
-  }
-  return std::move(*value);
+void SpoolStorage::Post(Task task, std::uint64_t bytes) {
+  schedule_->AddTask(std::move(task), std::max(bytes, kTaskBytes), std::min(limits_->MaxDiskSize(), kMaxWaitingBytes));
 }
 
-bool SpoolStorage::CanRunTasks() const {
-  return schedule_->IsRunning() || (schedule_->IsRegistered() && scheduler_.IsRunning());
+void SpoolStorage::Await(const char* operation, Task task) {
+  // A callback calls on the thread that the caller before it waits for: it has no turn to wait for.
+  std::unique_lock turn(mutex_, std::defer_lock);
+  if (!schedule_->IsOwnThread()) turn.lock();
+  if (!schedule_->Await(scheduler_, std::move(task))) {
+    ZLOG_ERROR(operation << ": nothing runs the tasks of " << GetPath());
+  }
 }
 
 }  // namespace zagent::common

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -24,14 +23,14 @@ class SpoolWorker;
 // files "<path>/<prefix>.<0001..9999>"; the uploader reads the oldest, sends it and deletes it.
 //
 // Bounds: file count, bytes of one file, age of the cache, bytes on disk (the oldest files go first), and bytes that
-// wait in the task queue (at most the disk limit; beyond it WriteAsync answers with a failure at once).
+// wait in the task queue (the disk limit, at most 64 MiB; beyond it WriteAsync answers with a failure at once).
 // All state is rebuilt from the directory, so a spool survives restarts and kills.
 //
 // All work runs on one schedule thread. Asynchronous operations may be called from any thread; callbacks run on the
 // schedule's thread, or on the caller's when the operation is refused at once, and each is called exactly once: with
 // the code Unknown or false when the operation was refused or ended with an exception (which is logged). A synchronous
-// operation waits for its task; it fails the same way when no Scheduler runs the tasks (any more), and throws
-// StorageException when it is called from the schedule's own thread.
+// operation waits for its task, and runs it at once when it is called from a callback on the schedule's thread; it
+// fails the same way when no Scheduler runs the tasks (any more).
 class SpoolStorage final : public Storage {
  public:
   struct Limits {
@@ -70,23 +69,19 @@ class SpoolStorage final : public Storage {
   [[nodiscard]] std::uint64_t GetMaxFileSize() const;
 
  private:
-  std::uint64_t PostWrite(Bytes data, ResultCallback callback, std::uint64_t limit);
-  std::uint64_t PostRead(ResultCallback callback, std::uint64_t limit);
-  std::uint64_t PostDelete(std::unique_ptr<StorageResult> previous, DoneCallback callback, std::uint64_t limit);
-
-  // Posts a task with a callback and waits for the value that the callback gets.
-  template <typename Value>
-  Value Await(const char* operation, const std::function<std::uint64_t(std::function<void(Value)>)>& post);
-  [[nodiscard]] bool CanRunTasks() const;
+  using Task = std::function<void()>;
+  Task MakeWrite(Bytes data, ResultCallback callback);
+  Task MakeRead(ResultCallback callback);
+  Task MakeDelete(std::unique_ptr<StorageResult> previous, DoneCallback callback);
+  void Post(Task task, std::uint64_t bytes);
+  // Waits for a task; whoever made it has its answer then.
+  void Await(const char* operation, Task task);
 
   Scheduler& scheduler_;
-  util::Clock& clock_;
   std::unique_ptr<internal::SpoolLimits> limits_;
   std::unique_ptr<internal::SpoolWorker> worker_;
   std::shared_ptr<internal::SpoolStorageSchedule> schedule_;
-  std::mutex mutex_;  // one synchronous caller at a time
-  std::mutex answer_mutex_;
-  std::condition_variable answered_;
+  std::mutex mutex_;  // one synchronous caller at a time, beside the callbacks of the tasks
 };
 
 }  // namespace zagent::common

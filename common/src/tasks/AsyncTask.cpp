@@ -8,7 +8,7 @@
 namespace zagent::common {
 
 AsyncTask::~AsyncTask() {
-  Cancel();
+  EndRun();
 }
 
 void AsyncTask::Start() {
@@ -30,6 +30,11 @@ void AsyncTask::Start() {
 }
 
 void AsyncTask::Cancel() {
+  EndRun();
+  if (hooks_.cancelled) hooks_.cancelled();
+}
+
+void AsyncTask::EndRun() {
   {
     std::unique_lock lock(mutex_);
     if (state_ != State::Idle) {
@@ -74,7 +79,7 @@ void AsyncTask::OnExecute() {
     state_ = State::Idle;
   }
   idle_.notify_all();
-  OnIdle();
+  if (hooks_.idle) hooks_.idle();
 }
 
 }  // namespace zagent::common

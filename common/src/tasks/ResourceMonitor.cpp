@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -10,6 +11,7 @@ namespace zagent::common {
 namespace {
 
 constexpr std::chrono::nanoseconds kSampleInterval{1'000'999'999};
+constexpr std::chrono::seconds kMemorySampleInterval{60};
 constexpr std::string_view kMemTotal = "MemTotal:";
 
 std::uint64_t ParseKb(const std::string& text) {
@@ -55,6 +57,18 @@ std::uint64_t ReadCpuTicks(const std::string& path) {
   }
 }
 
+// The sum of all lines "Rss:" in KB. Numbers that are none count as nothing.
+std::uint64_t ReadResidentKb(const std::string& path) {
+  constexpr std::string_view kRss = "Rss:";
+  std::ifstream in(path);
+  std::string line;
+  std::uint64_t sum = 0;
+  while (std::getline(in, line)) {
+    if (line.compare(0, kRss.size(), kRss) == 0) sum += std::strtoull(line.c_str() + kRss.size(), nullptr, 10);
+  }
+  return sum;
+}
+
 }  // namespace
 
 std::uint64_t ReadTotalMemoryKb(const std::string& proc_root) {
@@ -76,10 +90,12 @@ ResourceMonitor::ResourceMonitor(std::uint64_t cpu_limit, std::uint64_t memory_l
       memory_limit_(CheckedLimit(memory_limit, "Memory usage threshold percentage cannot be greater than 100%")),
       clock_(clock),
       stat_path_(proc_root + "/" + std::to_string(getpid()) + "/stat"),
+      smaps_path_(proc_root + "/" + std::to_string(getpid()) + "/smaps"),
       total_memory_kb_(ReadTotalMemoryKb(proc_root)),
       processor_count_(sysconf(_SC_NPROCESSORS_CONF)),
       ticks_per_second_(sysconf(_SC_CLK_TCK)),
-      last_cpu_sample_(clock.SteadyNow()) {}
+      last_cpu_sample_(clock.SteadyNow()),
+      last_memory_sample_(last_cpu_sample_) {}
 
 float ResourceMonitor::GetCpuUsagePercent() {
   const util::Clock::SteadyTime now = clock_.SteadyNow();
@@ -93,6 +109,17 @@ float ResourceMonitor::GetCpuUsagePercent() {
   last_cpu_ticks_ = ticks;
   last_cpu_sample_ = now;
   return cpu_usage_percent_;
+}
+
+float ResourceMonitor::GetMemoryUsagePercent() {
+  const util::Clock::SteadyTime now = clock_.SteadyNow();
+  if (now - last_memory_sample_ <= kMemorySampleInterval) return memory_usage_percent_;
+  const std::uint64_t resident = ReadResidentKb(smaps_path_);
+  if (resident != 0) memory_usage_percent_ = static_cast<float>(resident) * 100 / static_cast<float>(total_memory_kb_);
+  if (memory_samples_.IsFull()) memory_samples_.Pop();
+  memory_samples_.Insert(resident);
+  last_memory_sample_ = now;
+  return memory_usage_percent_;
 }
 
 }  // namespace zagent::common

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "common/src/tasks/CircularBuffer.h"
 #include "common/src/util/Clock.h"
 
 namespace zagent::common {
@@ -19,8 +20,8 @@ class ResourceMonitorException : public std::runtime_error {
 // memory: '...' (...)".
 std::uint64_t ReadTotalMemoryKb(const std::string& proc_root = "/proc");
 
-// Measures the CPU use of this process from <proc_root>/<pid>/stat. Each thread that paces itself owns a monitor, so
-// nothing is locked.
+// Measures the CPU use of this process from <proc_root>/<pid>/stat and its memory from <proc_root>/<pid>/smaps. Each
+// thread that paces itself owns a monitor, so nothing is locked.
 class ResourceMonitor {
  public:
   // Limits in percent; above 100 throws std::invalid_argument "CPU usage threshold percentage cannot be greater than
@@ -37,17 +38,26 @@ class ResourceMonitor {
   // understood.
   float GetCpuUsagePercent();
 
+  // Resident memory in percent of the machine's. A walk through the mappings is dear: it is done at most once in more
+  // than a minute, the first one a minute after construction (0 until then). A walk that finds nothing, or no file,
+  // leaves the last result.
+  float GetMemoryUsagePercent();
+
  private:
   std::uint64_t cpu_limit_;
   std::uint64_t memory_limit_;
   util::Clock& clock_;
   std::string stat_path_;
+  std::string smaps_path_;
   std::uint64_t total_memory_kb_;
   long processor_count_;
   long ticks_per_second_;
   float cpu_usage_percent_ = 0;
   util::Clock::SteadyTime last_cpu_sample_;
   std::uint64_t last_cpu_ticks_ = 0;
+  float memory_usage_percent_ = 0;
+  util::Clock::SteadyTime last_memory_sample_;
+  CircularBuffer<std::uint64_t, 10> memory_samples_;  // KB
 };
 
 }  // namespace zagent::common

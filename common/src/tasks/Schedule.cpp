@@ -4,6 +4,8 @@
 
 namespace zagent::common {
 
+Schedule::Schedule() : AsyncTask({[this] { FireOnFinished(); }, [this] { OnCancelled(); }}) {}
+
 Schedule::~Schedule() {
   Cancel();
 }
@@ -18,8 +20,9 @@ void Schedule::Start() {
   }
 }
 
-bool Schedule::IsDue(const util::Clock& clock) {
+bool Schedule::IsDue(const util::Clock& clock, std::int64_t* next_run_time) {
   const std::int64_t next = NextRunTime();
+  if (next_run_time != nullptr) *next_run_time = next;
   const std::lock_guard lock(callback_mutex_);
   if (!forced_ && next > util::ToNanoseconds(clock.Now())) return false;
   return !IsRunning();
@@ -41,10 +44,6 @@ void Schedule::ClearOnFinished() {
 }
 
 void Schedule::Execute() {
-  FireOnFinished();
-}
-
-void Schedule::OnIdle() {
   FireOnFinished();
 }
 

@@ -102,6 +102,13 @@ void Scheduler::RemoveAllSchedules() {
   }
 }
 
+void Scheduler::OnClockStep(std::chrono::nanoseconds step) {
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(step).count();
+  ZLOG_INFO("Scheduler: The system clock was stepped by " << seconds << " seconds.");
+  ForEachSchedule([step](Schedule& schedule) { schedule.OnClockStep(step); });
+  wake_up_->Update();
+}
+
 void Scheduler::Detach(const std::shared_ptr<Schedule>& schedule) {
   // Without a lock: a run that is being cancelled may itself call the Scheduler.
   schedule->Cancel();
@@ -125,7 +132,7 @@ void Scheduler::Run() {
     clock_.WaitUntil(wake_up_->condition, lock, wake,
                      [this] { return state_ == State::Stopping || wake_up_->updated; });
   }
-  CancelSchedules();
+  ForEachSchedule([](Schedule& schedule) { schedule.Cancel(); });
 }
 
 util::Clock::SystemTime Scheduler::StartDueSchedules() {
@@ -144,10 +151,11 @@ util::Clock::SystemTime Scheduler::StartDueSchedules() {
     }
     ++entry;
     try {
-      if (schedule->IsDue(clock_)) {
+      std::int64_t next = 0;
+      if (schedule->IsDue(clock_, &next)) {
         schedule->Start();
       } else if (!schedule->IsRunning()) {
-        wake = std::min(wake, util::Clock::SystemTime(std::chrono::nanoseconds(schedule->NextRunTime())));
+        wake = std::min(wake, util::Clock::SystemTime(std::chrono::nanoseconds(next)));
       }
       // A schedule that runs adds nothing, or one whose next time has passed already would keep this thread spinning.
       // It wakes the Scheduler when it is idle again.
@@ -159,14 +167,14 @@ util::Clock::SystemTime Scheduler::StartDueSchedules() {
   return wake;
 }
 
-void Scheduler::CancelSchedules() {
+void Scheduler::ForEachSchedule(const std::function<void(Schedule&)>& visit) {
   std::vector<std::weak_ptr<Schedule>> schedules;
   {
     const std::lock_guard lock(mutex_);
     schedules = schedules_;
   }
   for (const std::weak_ptr<Schedule>& entry : schedules) {
-    if (const std::shared_ptr<Schedule> schedule = entry.lock()) schedule->Cancel();
+    if (const std::shared_ptr<Schedule> schedule = entry.lock()) visit(*schedule);
   }
 }
 

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -36,6 +38,10 @@ class Scheduler {
   void UnregisterSchedule(const std::shared_ptr<Schedule>& schedule);
   void RemoveAllSchedules();
 
+  // The system clock was stepped by `step` (see ClockStepWatch): lets every schedule, a running one too, move the times
+  // that it remembers, and looks at all of them anew. A timer that was set before a step back would sleep it off.
+  void OnClockStep(std::chrono::nanoseconds step);
+
  private:
   enum class State { Stopped = 0, Running = 1, Stopping = 2 };
 
@@ -51,7 +57,8 @@ class Scheduler {
 
   void Run();
   util::Clock::SystemTime StartDueSchedules();
-  void CancelSchedules();
+  // Without the lock.
+  void ForEachSchedule(const std::function<void(Schedule&)>& visit);
   static void Detach(const std::shared_ptr<Schedule>& schedule);
 
   util::Clock& clock_;

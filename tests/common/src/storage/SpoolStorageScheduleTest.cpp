@@ -34,7 +34,7 @@ class SpoolStorageScheduleTest : public ::testing::Test {
   ~SpoolStorageScheduleTest() override { scheduler_.Stop(); }
 
   // Runs a task to its end.
-  void RunTask(const SpoolStorageSchedule::Task& task) {
+  void RunTask(const TaskSchedule::Task& task) {
     Gate done;
     schedule_->AddTask([&] {
       task();
@@ -200,9 +200,9 @@ TEST_F(SpoolStorageScheduleTest, ATaskMayBeTakenBackBeforeItStarts) {
   auto token = std::make_shared<int>(1);
   const std::uint64_t number = schedule_->AddTask([token] { FAIL() << "it was taken back"; });
   EXPECT_EQ(token.use_count(), 2);
-  EXPECT_TRUE(schedule_->RemoveTask(number));
+  EXPECT_TRUE(schedule_->TakeBack(number));
   EXPECT_EQ(token.use_count(), 1) << "the task still lives";
-  EXPECT_FALSE(schedule_->RemoveTask(number));
+  EXPECT_FALSE(schedule_->TakeBack(number));
   schedule_->Close();
 }
 
@@ -214,7 +214,7 @@ TEST_F(SpoolStorageScheduleTest, WhatWaitsIsBoundedInBytes) {
   EXPECT_NE(schedule_->AddTask(nothing, 40, 100), 0U) << "exactly the limit fits";
   EXPECT_EQ(schedule_->AddTask(nothing, 1, 100), 0U);
   EXPECT_NE(schedule_->AddTask(nothing), 0U) << "without a limit";
-  EXPECT_TRUE(schedule_->RemoveTask(first));
+  EXPECT_TRUE(schedule_->TakeBack(first));
   EXPECT_NE(schedule_->AddTask(nothing, 60, 100), 0U) << "what was taken back makes room";
   EXPECT_EQ(schedule_->AddTask(nothing, 1, 100), 0U);
 }

@@ -23,11 +23,17 @@ using fakes::kTestPatience;
 
 class ScriptedTask final : public AsyncTask {
  public:
-  explicit ScriptedTask(std::function<void(ScriptedTask&)> work) : work_(std::move(work)) {}
+  explicit ScriptedTask(std::function<void(ScriptedTask&)> work)
+      : AsyncTask({[this] {
+                     if (on_idle) on_idle();
+                   },
+                   [this] { ++cancelled; }}),
+        work_(std::move(work)) {}
   ~ScriptedTask() override { Cancel(); }
 
   std::function<void()> on_idle;
   std::atomic<int> cancels{0};
+  std::atomic<int> cancelled{0};
   std::atomic<int> ended{0};
 
  protected:
@@ -36,9 +42,6 @@ class ScriptedTask final : public AsyncTask {
     ++ended;
   }
   void OnCancel() override { ++cancels; }
-  void OnIdle() override {
-    if (on_idle) on_idle();
-  }
 
  private:
   std::function<void(ScriptedTask&)> work_;
@@ -135,6 +138,7 @@ TEST(AsyncTaskTest, CancelWithoutARunDoesNothing) {
   ScriptedTask task([](ScriptedTask&) {});
   task.Cancel();
   EXPECT_EQ(task.cancels, 0);
+  EXPECT_EQ(task.cancelled, 1) << "the hook hears of every cancel";
   task.Start();
   ASSERT_TRUE(Eventually([&] { return task.ended == 1; }));
 }
@@ -163,7 +167,7 @@ TEST(AsyncTaskTest, EveryOneOfSeveralCancelsWaitsForTheEnd) {
   EXPECT_EQ(second.get(), 1);
 }
 
-TEST(AsyncTaskTest, CancelReturnsOnlyAfterOnIdleHasReturned) {
+TEST(AsyncTaskTest, CancelReturnsOnlyAfterTheIdleHookHasReturned) {
   Gate in_idle;
   Gate release;
   ScriptedTask task([](ScriptedTask&) {});

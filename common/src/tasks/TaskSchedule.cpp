@@ -1,0 +1,274 @@
+#include "common/src/tasks/TaskSchedule.h"
+
+#include <algorithm>
+#include <exception>
+#include <memory>
+
+#include "common/src/tasks/Scheduler.h"
+#include "common/src/util/Log.h"
+
+namespace zagent::common {
+namespace {
+
+constexpr std::chrono::seconds kFarAway{86'400};
+constexpr std::uint64_t kLongestIdleSeconds = 86'400;
+constexpr std::chrono::minutes kWarningInterval{1};
+
+}  // namespace
+
+TaskSchedule::TaskSchedule(std::uint64_t idle_seconds, util::Clock& clock)
+    : TaskSchedule(Policy{"TaskSchedule", std::chrono::seconds(std::min(idle_seconds, kLongestIdleSeconds))}, clock) {}
+
+TaskSchedule::TaskSchedule(const Policy& policy, util::Clock& clock) : policy_(policy), clock_(clock) {}
+
+TaskSchedule::~TaskSchedule() {
+  Cancel();
+}
+
+void TaskSchedule::OnRegistered() {
+  registered_ = true;
+}
+
+void TaskSchedule::OnUnregistered() {
+  registered_ = false;
+  WakeCallers();
+}
+
+std::int64_t TaskSchedule::NextRunTime() {
+  return util::ToNanoseconds(clock_.Now() + kFarAway);
+}
+
+void TaskSchedule::OnClockStep(std::chrono::nanoseconds step) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (next_warning_ != util::Clock::SystemTime::min()) {
+      next_warning_ = std::min(next_warning_ + std::chrono::duration_cast<util::Clock::SystemTime::duration>(step),
+                               clock_.Now() + kWarningInterval);
+    }
+  }
+  Recheck();
+}
+
+std::uint64_t TaskSchedule::Post(Task task, std::uint64_t bytes, std::uint64_t limit) {
+  std::uint64_t number = kRefused;
+  bool serving = false;
+  bool asleep = false;
+  {
+    const std::lock_guard lock(mutex_);
+    if (stop_requested_) return kRefused;
+    if (limit != kNoLimit && waiting_bytes_ + bytes > limit) {
+      ++refused_;
+      ReportRefusals();
+      return kRefused;
+    }
+    tasks_.push_back({last_number_ + 1, bytes, std::move(task)});
+    number = ++last_number_;
+    waiting_bytes_ += bytes;
+    serving = serving_;
+    asleep = asleep_;
+  }
+  if (asleep) wake_.notify_one();
+  // A run that serves finds the task itself; without one the Scheduler has to start the next.
+  if (!serving) RunNow();
+  return number;
+}
+
+bool TaskSchedule::TakeBack(std::uint64_t number) {
+  Entry removed;  // destroyed after the lock is gone
+  const std::lock_guard lock(mutex_);
+  const auto entry = std::lower_bound(tasks_.begin(), tasks_.end(), number,
+                                      [](const Entry& waiting, std::uint64_t wanted) { return waiting.number < wanted; });
+  if (entry == tasks_.end() || entry->number != number) return false;
+  removed = std::move(*entry);
+  tasks_.erase(entry);
+  waiting_bytes_ -= removed.bytes;
+  return true;
+}
+
+bool TaskSchedule::Await(const Scheduler& scheduler, Task task, std::uint64_t bytes) {
+  if (IsOwnThread()) {
+    Guarded(task);
+    return true;
+  }
+  bool ran = false;
+  bool over = false;
+  // The task's destruction is the end of the wait, whatever became of it.
+  std::shared_ptr<void> end(nullptr, [this, &over](void*) {
+    const std::lock_guard lock(mutex_);
+    over = true;
+    answered_.notify_all();
+  });
+  const std::uint64_t number = Post(
+      [&ran, task = std::move(task), end = std::move(end)] {
+        ran = true;
+        task();
+      },
+      bytes);
+  std::unique_lock lock(mutex_);
+  answered_.wait(lock, [&] { return over || !CanRunTasks(scheduler); });
+  if (!over) {
+    lock.unlock();
+    TakeBack(number);
+    lock.lock();
+    // Or it has started after all.
+    answered_.wait(lock, [&] { return over; });
+  }
+  return ran;
+}
+
+void TaskSchedule::Close() {
+  std::deque<Entry> left;
+  {
+    const std::lock_guard lock(mutex_);
+    stop_requested_ = true;
+    left.swap(tasks_);
+    waiting_bytes_ = 0;
+    if (refused_ != 0) {
+      next_warning_ = util::Clock::SystemTime::min();
+      ReportRefusals();
+    }
+  }
+  runner_ = std::this_thread::get_id();
+  for (; !left.empty(); left.pop_front()) Guarded(left.front().task);
+  runner_ = std::thread::id();
+}
+
+void TaskSchedule::Execute() {
+  runner_ = std::this_thread::get_id();
+  {
+    const std::lock_guard lock(mutex_);
+    serving_ = true;
+    last_to_run_.reset();
+  }
+  Task task;
+  for (Turn turn = AwaitTurn(task); turn != Turn::Leave; turn = AwaitTurn(task)) {
+    if (turn == Turn::Work) {
+      Guarded([this] { Work(); });
+    } else {
+      Guarded(task);
+      task = nullptr;
+    }
+  }
+  runner_ = std::thread::id();
+  // What this run leaves, the next one serves.
+  if (HasTasks()) RunNow();
+  Schedule::Execute();
+}
+
+TaskSchedule::Turn TaskSchedule::AwaitTurn(Task& task) {
+  std::unique_lock lock(mutex_);
+  std::optional<util::Clock::SystemTime> idle_end;
+  std::uint64_t rechecks = rechecks_;
+  for (;;) {
+    ReportRefusals();
+    if (const std::optional<Turn> turn = NextTurn(task)) return *turn;
+    if (policy_.idle && (!idle_end || rechecks != rechecks_)) idle_end = clock_.Now() + *policy_.idle;
+    if (idle_end && *idle_end <= clock_.Now()) return Leave();
+    rechecks = rechecks_;
+    Sleep(lock, idle_end);
+  }
+}
+
+std::optional<TaskSchedule::Turn> TaskSchedule::NextTurn(Task& task) {
+  if (MustLeave()) return Leave();
+  if (!tasks_.empty()) {
+    task = std::move(tasks_.front().task);
+    waiting_bytes_ -= tasks_.front().bytes;
+    tasks_.pop_front();
+    return Turn::RunTask;
+  }
+  const auto work_time = WorkTime();
+  if (work_time && *work_time <= clock_.Now()) return Turn::Work;
+  return std::nullopt;
+}
+
+bool TaskSchedule::MustLeave() {
+  // Set by OnCancel, after which no task is accepted: none can slip in behind a run that leaves.
+  if (!policy_.accept_until_close) return stop_requested_ && tasks_.empty();
+  // What was queued before the cancel still runs; what its callbacks queue does not, or a run might never end.
+  if (IsCancelling() && !last_to_run_) last_to_run_ = last_number_;
+  return last_to_run_ && (tasks_.empty() || tasks_.front().number > *last_to_run_);
+}
+
+TaskSchedule::Turn TaskSchedule::Leave() {
+  serving_ = false;
+  return Turn::Leave;
+}
+
+void TaskSchedule::Sleep(std::unique_lock<std::mutex>& lock, std::optional<util::Clock::SystemTime> until) {
+  util::Clock::SystemTime deadline = until.value_or(clock_.Now() + kFarAway);
+  if (const auto work_time = WorkTime()) deadline = std::min(deadline, *work_time);
+  if (refused_ != 0) deadline = std::min(deadline, next_warning_);
+  const std::uint64_t rechecks = rechecks_;
+  asleep_ = true;
+  clock_.WaitUntil(wake_, lock, deadline, [this, rechecks] {
+    return !tasks_.empty() || stop_requested_ || IsCancelling() || rechecks_ != rechecks;
+  });
+  asleep_ = false;
+}
+
+void TaskSchedule::OnCancel() {
+  if (policy_.accept_until_close) {
+    Recheck();
+  } else {
+    StopAccepting();
+  }
+}
+
+void TaskSchedule::OnCancelled() {
+  // There may have been no run to tell.
+  if (!policy_.accept_until_close) StopAccepting();
+  WakeCallers();
+}
+
+void TaskSchedule::StopAccepting() {
+  {
+    const std::lock_guard lock(mutex_);
+    stop_requested_ = true;
+  }
+  wake_.notify_all();
+}
+
+void TaskSchedule::Recheck() {
+  {
+    const std::lock_guard lock(mutex_);
+    ++rechecks_;
+  }
+  wake_.notify_all();
+}
+
+void TaskSchedule::WakeCallers() {
+  { const std::lock_guard lock(mutex_); }
+  answered_.notify_all();
+}
+
+bool TaskSchedule::HasTasks() {
+  const std::lock_guard lock(mutex_);
+  return !tasks_.empty();
+}
+
+bool TaskSchedule::CanRunTasks(const Scheduler& scheduler) const {
+  return IsRunning() || (registered_ && scheduler.IsRunning());
+}
+
+void TaskSchedule::Guarded(const std::function<void()>& work) {
+  try {
+    work();
+  } catch (const std::exception& error) {
+    LogFailure(error);
+  }
+}
+
+void TaskSchedule::LogFailure(const std::exception& error) {
+  ZLOG_ERROR("Failed to execute background task: " << error.what());
+}
+
+void TaskSchedule::ReportRefusals() {
+  const util::Clock::SystemTime now = clock_.Now();
+  if (refused_ == 0 || now < next_warning_) return;
+  ZLOG_WARNING(policy_.owner << ": Refused " << refused_ << " operations: the task queue is full.");
+  refused_ = 0;
+  next_warning_ = now + kWarningInterval;
+}
+
+}  // namespace zagent::common
