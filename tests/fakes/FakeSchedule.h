@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <limits>
@@ -27,6 +28,9 @@ class FakeSchedule final : public common::Schedule {
     if (start) start();
     common::Schedule::Start();
   }
+  void OnClockStep(std::chrono::nanoseconds step) override {
+    if (on_step) on_step(step);
+  }
   void OnRegistered() override { ++registered; }
   void OnUnregistered() override { ++unregistered; }
 
@@ -34,7 +38,8 @@ class FakeSchedule final : public common::Schedule {
   void Finish() { common::Schedule::Execute(); }
 
   Work work;
-  std::function<void()> start;              // called before each start
+  std::function<void()> start;  // called before each start
+  std::function<void(std::chrono::nanoseconds)> on_step;
   std::function<std::int64_t()> next_time;  // instead of `next`
   std::atomic<std::int64_t> next{kNever};
   std::atomic<int> asked{0};

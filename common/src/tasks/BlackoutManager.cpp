@@ -111,8 +111,13 @@ std::int64_t SecondsToSlot(std::time_t time, const std::tm& local, std::size_t s
   ZLOG_TRACE("Current time: " << time << ", seconds to Event: " << plain);
   if (slot >= static_cast<std::int64_t>(BlackoutManager::kSlots)) ZLOG_TRACE("Event will be scheduled after 1 weeks");
   // Between the two the clock on the wall may be set for summer or winter.
+  constexpr std::int64_t kSlotsADay = 96;
+  const auto quarter = static_cast<int>(slot % kSlotsADay);
   std::tm target = local;
-  target.tm_sec = std::min(local.tm_sec, 59) + static_cast<int>(plain);
+  target.tm_mday += static_cast<int>(slot / kSlotsADay) - local.tm_wday;
+  target.tm_hour = quarter / 4;
+  target.tm_min = quarter % 4 * 15;
+  target.tm_sec = 0;
   target.tm_isdst = -1;
   const std::time_t exact = std::mktime(&target);
   return exact > time ? exact - time : plain;
@@ -184,8 +189,8 @@ std::string BlackoutManager::ToJson() const {
 
 bool BlackoutManager::IsNetworkBlackoutNow(const std::string& module) const {
   const bool now = GetSecondsToWindow(module, WindowType::Network, clock_.Now()) != 0;
-  ZLOG_DEBUG("Reduced Activity Period(RAP): Is Module " << module << " under reduced network activity period now = "
-                                                        << now);
+  ZLOG_DEBUG("Reduced Activity Period(RAP): Is Module " << module
+                                                        << " under reduced network activity period now = " << now);
   return now;
 }
 
@@ -204,8 +209,8 @@ std::uint64_t BlackoutManager::GetSecondsToEvent(const std::string& module, Wind
   // A last run that lies in the future tells nothing.
   const auto passed = static_cast<std::uint64_t>(std::max<std::int64_t>(now_seconds - last_seconds, 0));
   const std::uint64_t interval_left = passed < interval_seconds ? interval_seconds - passed : 0;
-  ZLOG_TRACE("Last event time: " << last_seconds << ", current time: " << now_seconds << ", intervalSeconds: "
-                                 << interval_seconds << ", diff:" << passed);
+  ZLOG_TRACE("Last event time: " << last_seconds << ", current time: " << now_seconds
+                                 << ", intervalSeconds: " << interval_seconds << ", diff:" << passed);
   const std::uint64_t timeout =
       interval_left + GetSecondsToWindow(module, type, now + std::chrono::seconds(interval_left));
   ZLOG_TRACE("GetSecondsToEvent calculatedTimeout: " << timeout);

@@ -76,8 +76,9 @@ std::uint64_t TaskSchedule::Post(Task task, std::uint64_t bytes, std::uint64_t l
 bool TaskSchedule::TakeBack(std::uint64_t number) {
   Entry removed;  // destroyed after the lock is gone
   const std::lock_guard lock(mutex_);
-  const auto entry = std::lower_bound(tasks_.begin(), tasks_.end(), number,
-                                      [](const Entry& waiting, std::uint64_t wanted) { return waiting.number < wanted; });
+  const auto entry =
+      std::lower_bound(tasks_.begin(), tasks_.end(), number,
+                       [](const Entry& waiting, std::uint64_t wanted) { return waiting.number < wanted; });
   if (entry == tasks_.end() || entry->number != number) return false;
   removed = std::move(*entry);
   tasks_.erase(entry);

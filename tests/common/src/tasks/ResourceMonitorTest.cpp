@@ -7,7 +7,10 @@
 #include <functional>
 #include <string>
 
+#include "common/src/tasks/CircularBuffer.h"
+#include "common/src/tasks/LoadProbe.h"
 #include "tests/fakes/FakeClock.h"
+#include "tests/fakes/FakeProcess.h"
 #include "tests/fakes/TempFolder.h"
 
 namespace zagent::common {
@@ -119,6 +122,76 @@ TEST_F(ResourceMonitorTest, SaysWhyTheCpuUseCannotBeHad) {
   EXPECT_EQ(error(), "Failed to parse /proc/stat for CPU usage");
   std::filesystem::remove(proc_ / (pid_ + "/stat"));
   EXPECT_EQ(error(), "Failed to read CPU usage info from /proc/stat");
+}
+
+// Memory is looked at seldom, for the walk is dear.
+class MemoryUsageTest : public ::testing::Test {
+ protected:
+  fakes::FakeProcess process_;
+  fakes::FakeClock clock_;
+  ResourceMonitor monitor_{100, 100, clock_, process_.ProcRoot()};
+};
+
+TEST_F(MemoryUsageTest, IsZeroWithinTheFirstMinute) {
+  process_.SetResidentKb({250'000});
+  clock_.Advance(std::chrono::seconds(60));
+  EXPECT_EQ(monitor_.GetMemoryUsagePercent(), 0);
+  clock_.Advance(std::chrono::nanoseconds(1));
+  EXPECT_EQ(monitor_.GetMemoryUsagePercent(), 25);
+}
+
+TEST_F(MemoryUsageTest, SumsTheMappingsOnceAMinute) {
+  process_.SetResidentKb({100'000, 0, 25'000});
+  clock_.Advance(std::chrono::seconds(61));
+  EXPECT_EQ(monitor_.GetMemoryUsagePercent(), 12.5F);
+  process_.SetResidentKb({500'000});
+  clock_.Advance(std::chrono::seconds(60));
+  EXPECT_EQ(monitor_.GetMemoryUsagePercent(), 12.5F) << "it was looked at too early";
+  clock_.Advance(std::chrono::seconds(1));
+  EXPECT_EQ(monitor_.GetMemoryUsagePercent(), 50);
+}
+
+TEST_F(MemoryUsageTest, AWalkThatFindsNothingLeavesTheLastResultAndManyOfThemAreFine) {
+  process_.SetResidentKb({100'000});
+  clock_.Advance(std::chrono::seconds(61));
+  EXPECT_EQ(monitor_.GetMemoryUsagePercent(), 10);
+  process_.SetResidentKb({});
+  for (int i = 0; i < 25; ++i) {
+    clock_.Advance(std::chrono::seconds(61));
+    EXPECT_EQ(monitor_.GetMemoryUsagePercent(), 10);
+  }
+}
+
+TEST_F(MemoryUsageTest, AProbeOfThisProcessTellsBoth) {
+  const LoadProbe probe = MakeLoadProbe(100, 100, clock_);
+  EXPECT_EQ(probe.total_memory_kb, ReadTotalMemoryKb());
+  EXPECT_EQ(probe.cpu_usage_percent(), 0);
+  EXPECT_EQ(probe.memory_usage_percent(), 0);
+  clock_.Advance(std::chrono::seconds(61));
+  EXPECT_GT(probe.memory_usage_percent(), 0);
+  EXPECT_LT(probe.memory_usage_percent(), 100);
+}
+
+TEST(CircularBufferTest, GivesTheOldestFirstAndKnowsItsBounds) {
+  CircularBuffer<int, 3> buffer;
+  const auto error_of = [](const auto& call) {
+    try {
+      call();
+    } catch (const CircularBufferException& error) {
+      return std::string(error.what());
+    }
+    return std::string();
+  };
+  EXPECT_EQ(error_of([&] { buffer.Pop(); }), "Cannot pop from an empty Circular buffer");
+  for (int i = 1; i <= 3; ++i) buffer.Insert(i);
+  EXPECT_TRUE(buffer.IsFull());
+  EXPECT_EQ(error_of([&] { buffer.Insert(4); }), "Cannot insert into a full Circular buffer");
+  EXPECT_EQ(buffer.Pop(), 1);
+  buffer.Insert(4);
+  EXPECT_EQ(buffer.Pop(), 2);
+  EXPECT_EQ(buffer.Pop(), 3);
+  EXPECT_EQ(buffer.Pop(), 4);
+  EXPECT_EQ(buffer.Size(), 0U);
 }
 
 }  // namespace

@@ -35,6 +35,15 @@ TEST_F(ScheduleTest, IsDueFromItsTimeOn) {
   EXPECT_TRUE(schedule.IsDue(clock_));
 }
 
+TEST_F(ScheduleTest, HandsOutTheTimeThatItWasAskedForOnce) {
+  FakeSchedule schedule;
+  schedule.next = Now() + 7;
+  std::int64_t next = 0;
+  EXPECT_FALSE(schedule.IsDue(clock_, &next));
+  EXPECT_EQ(next, Now() + 7);
+  EXPECT_EQ(schedule.asked, 1);
+}
+
 TEST_F(ScheduleTest, IsDueWhenItAnswersWithThePresentTimeOfARunningClock) {
   // Each look at this clock comes a little later than the one before.
   class TickingClock final : public util::Clock {

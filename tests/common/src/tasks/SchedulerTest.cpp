@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <filesystem>
 #include <future>
 #include <memory>
 #include <stdexcept>
@@ -10,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/src/tasks/TaskSchedule.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeSchedule.h"
 #include "tests/fakes/Gate.h"
@@ -209,6 +211,59 @@ TEST_F(SchedulerTest, AFailingStartIsLoggedAndTheOthersGoOn) {
   EXPECT_LE(attempts, 4);
 }
 
+TEST_F(SchedulerTest, AsksAScheduleOnceAWalk) {
+  const auto schedule = Register({}, In(hours(1)));
+  scheduler_.Start();
+  ASSERT_TRUE(SleepsFor(hours(1)));
+  EXPECT_EQ(schedule->asked, 1);
+}
+
+TEST_F(SchedulerTest, AClockThatIsSetBackHoldsNothingUp) {
+  const auto schedule = Register({}, In(seconds(30)));
+  schedule->on_step = [&](std::chrono::nanoseconds step) { schedule->next += step.count(); };
+  scheduler_.Start();
+  ASSERT_TRUE(SleepsFor(seconds(30)));
+  clock_.Advance(-kDay);
+  EXPECT_EQ(clock_.EarliestDeadline(), clock_.Now() + kDay + seconds(30));
+  scheduler_.OnClockStep(-kDay);
+  EXPECT_TRUE(SleepsFor(seconds(30)));
+}
+
+TEST_F(SchedulerTest, AClockThatIsSetForwardBringsNothingForward) {
+  const auto schedule = Register({}, In(hours(30)));
+  schedule->on_step = [&](std::chrono::nanoseconds step) { schedule->next += step.count(); };
+  scheduler_.Start();
+  ASSERT_TRUE(SleepsFor(kDay));
+  clock_.Advance(kDay);
+  ASSERT_TRUE(SleepsFor(hours(6)));
+  scheduler_.OnClockStep(kDay);
+  EXPECT_TRUE(SleepsFor(kDay));
+  EXPECT_EQ(schedule->started, 0);
+}
+
+TEST_F(SchedulerTest, ARunningScheduleIsToldOfAStepWithoutTheSchedulersLock) {
+  Gate started;
+  Gate told;
+  const auto schedule = Register(
+      [&](FakeSchedule& self) {
+        started.Open();
+        EXPECT_TRUE(told.Await());
+        self.next = FakeSchedule::kNever;
+      },
+      In(seconds(0)));
+  const auto other = std::make_shared<FakeSchedule>();
+  schedule->on_step = [&](std::chrono::nanoseconds step) {
+    EXPECT_EQ(step, hours(-1));
+    scheduler_.RegisterSchedule(other);
+    told.Open();
+  };
+  scheduler_.Start();
+  ASSERT_TRUE(started.Await());
+  scheduler_.OnClockStep(hours(-1));
+  EXPECT_TRUE(told.IsOpen());
+  EXPECT_EQ(other->registered, 1);
+}
+
 TEST_F(SchedulerTest, ADestroyedScheduleDisappears) {
   auto gone = Register({}, In(seconds(1)));
   const auto stays = Register({}, In(hours(1)));
@@ -389,6 +444,38 @@ TEST_F(SchedulerTest, LogsItsSteps) {
   EXPECT_TRUE(log.Has(Poco::Message::PRIO_INFORMATION, "]: Scheduler: Stopping."));
   EXPECT_TRUE(log.Has(Poco::Message::PRIO_INFORMATION, "]: Scheduler: Removing all schedules."));
   EXPECT_TRUE(log.Has(Poco::Message::PRIO_TRACE, "]: Scheduler: Schedule updated."));
+}
+
+// Threads and descriptors of this process.
+std::size_t Held() {
+  std::size_t count = 0;
+  for (const char* folder : {"/proc/self/task", "/proc/self/fd"}) {
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(folder)) ++count;
+  }
+  return count;
+}
+
+TEST(SchedulerStormTest, AThousandStartsAndStopsLeaveNothingBehind) {
+  Scheduler scheduler;
+  const auto schedule = std::make_shared<FakeSchedule>();
+  scheduler.RegisterSchedule(schedule);
+  scheduler.Start();
+  scheduler.Stop();
+  const std::size_t before = Held();
+  int served = 0;
+  for (int i = 0; i < 1000; ++i) {
+    scheduler.Start();
+    schedule->RunNow();
+    const auto fresh = std::make_shared<TaskSchedule>(10);
+    scheduler.RegisterSchedule(fresh);
+    served += fresh->Call(scheduler, [] { return 1; });
+    if (i % 2 == 0) scheduler.UnregisterSchedule(fresh);
+    scheduler.Stop();
+  }
+  EXPECT_EQ(served, 1000);
+  EXPECT_GE(schedule->ended, 1);
+  // A thread that was joined may still be on its way out of /proc.
+  EXPECT_TRUE(Eventually([&] { return Held() <= before; })) << Held() << " instead of " << before;
 }
 
 TEST(SchedulerStormTest, NoRequestIsLostWhenManyThreadsAskAtOnce) {

@@ -1,0 +1,343 @@
+#include "common/src/tasks/TaskSchedule.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <future>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/src/tasks/Answer.h"
+#include "common/src/tasks/Scheduler.h"
+#include "tests/fakes/FakeClock.h"
+#include "tests/fakes/FakeSchedule.h"
+#include "tests/fakes/Gate.h"
+#include "tests/fakes/LogCapture.h"
+
+namespace zagent::common {
+namespace {
+
+using fakes::Eventually;
+using fakes::Gate;
+using fakes::kTestPatience;
+using Poco::Message;
+using std::chrono::seconds;
+
+class TaskScheduleTest : public ::testing::Test {
+ protected:
+  static constexpr seconds kDay{86'400};
+  static constexpr seconds kIdle{10};
+
+  TaskScheduleTest() {
+    scheduler_.RegisterSchedule(tasks_);
+    scheduler_.Start();
+  }
+  ~TaskScheduleTest() override { scheduler_.Stop(); }
+
+  // Occupies the thread of the tasks until the gate opens.
+  std::shared_ptr<Gate> Block() {
+    const auto started = std::make_shared<Gate>();
+    const auto release = std::make_shared<Gate>();
+    EXPECT_TRUE(tasks_->AddTask([started, release] {
+      started->Open();
+      EXPECT_TRUE(release->Await());
+    }));
+    EXPECT_TRUE(started->Await());
+    return release;
+  }
+  std::thread::id ThreadOfNextTask() {
+    return tasks_->Call(scheduler_, [] { return std::this_thread::get_id(); });
+  }
+  [[nodiscard]] bool SleepsFor(seconds duration) const {
+    return Eventually([&] { return clock_.EarliestDeadline() == clock_.Now() + duration; });
+  }
+  template <typename Function>
+  static bool IsReady(std::future<Function>& future) {
+    return future.wait_for(kTestPatience) == std::future_status::ready;
+  }
+
+  const fakes::LogCapture log_;
+  fakes::FakeClock clock_;
+  Scheduler scheduler_{clock_};
+  const std::shared_ptr<TaskSchedule> tasks_ = std::make_shared<TaskSchedule>(kIdle.count(), clock_);
+};
+
+TEST_F(TaskScheduleTest, OneThreadServesABurstInItsOrder) {
+  std::vector<int> order;
+  std::set<std::thread::id> threads;
+  for (int i = 0; i < 100; ++i) {
+    tasks_->AddTask([&, i] {
+      order.push_back(i);
+      threads.insert(std::this_thread::get_id());
+    });
+  }
+  threads.insert(ThreadOfNextTask());
+  ASSERT_EQ(order.size(), 100U);
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(order[static_cast<std::size_t>(i)], i);
+  EXPECT_EQ(threads.size(), 1U);
+  EXPECT_EQ(threads.count(std::this_thread::get_id()), 0U);
+}
+
+TEST_F(TaskScheduleTest, ARunLingersForMoreAndThenDisappears) {
+  EXPECT_FALSE(tasks_->IsRunning());
+  const std::thread::id first = ThreadOfNextTask();
+  ASSERT_TRUE(SleepsFor(kIdle));
+  clock_.Advance(kIdle - seconds(1));
+  EXPECT_EQ(ThreadOfNextTask(), first);
+  ASSERT_TRUE(SleepsFor(kIdle)) << "each task begins the time anew";
+  clock_.Advance(kIdle);
+  ASSERT_TRUE(Eventually([&] { return !tasks_->IsRunning(); })) << "the thread stays for ever";
+  EXPECT_TRUE(tasks_->AddTask([] {}));
+  EXPECT_TRUE(SleepsFor(kIdle)) << "the next task starts no run";
+}
+
+TEST_F(TaskScheduleTest, NeverFallsDueByTheClock) {
+  EXPECT_EQ(tasks_->NextRunTime(), util::ToNanoseconds(clock_.Now() + kDay));
+  ASSERT_TRUE(SleepsFor(kDay));
+  clock_.Advance(kDay);
+  ASSERT_TRUE(SleepsFor(kDay));
+  EXPECT_FALSE(tasks_->IsRunning());
+}
+
+TEST_F(TaskScheduleTest, ATaskThatFailsIsLoggedAndTheNextOneRuns) {
+  tasks_->AddTask([] { throw std::runtime_error("broken task"); });
+  EXPECT_TRUE(tasks_->AddTask(nullptr));
+  ThreadOfNextTask();
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "]: Failed to execute background task: broken task")) << log_.All();
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "]: Failed to execute background task: bad_function_call"));
+}
+
+TEST_F(TaskScheduleTest, AfterACancelNothingIsTakenAndNothingRuns) {
+  // With a run under way,
+  ThreadOfNextTask();
+  scheduler_.UnregisterSchedule(tasks_);
+  EXPECT_FALSE(tasks_->AddTask([] { FAIL() << "it ran"; }));
+  EXPECT_EQ(tasks_->Post([] { FAIL() << "it ran"; }), TaskSchedule::kRefused);
+  // and without one.
+  TaskSchedule idle(10, clock_);
+  idle.Cancel();
+  EXPECT_FALSE(idle.AddTask([] { FAIL() << "it ran"; }));
+  idle.Close();
+}
+
+TEST_F(TaskScheduleTest, WhatWasQueuedBeforeACancelStillRuns) {
+  const auto release = Block();
+  std::atomic<int> served{0};
+  for (int i = 0; i < 5; ++i) EXPECT_TRUE(tasks_->AddTask([&] { ++served; }));
+  auto cancelled = std::async(std::launch::async, [&] { scheduler_.UnregisterSchedule(tasks_); });
+  ASSERT_TRUE(Eventually([&] { return tasks_->IsCancelling(); }));
+  release->Open();
+  ASSERT_TRUE(IsReady(cancelled));
+  EXPECT_EQ(served, 5);
+}
+
+TEST_F(TaskScheduleTest, ACancelDoesNotWaitForTheIdleTime) {
+  ThreadOfNextTask();
+  ASSERT_TRUE(SleepsFor(kIdle));
+  auto cancelled = std::async(std::launch::async, [&] { scheduler_.UnregisterSchedule(tasks_); });
+  EXPECT_TRUE(IsReady(cancelled));
+}
+
+TEST_F(TaskScheduleTest, CloseRunsWhatNeverStartedOnItsCallersThread) {
+  scheduler_.Stop();
+  const auto tasks = std::make_shared<TaskSchedule>(10, clock_);
+  std::vector<std::thread::id> threads;
+  bool own = false;
+  EXPECT_TRUE(tasks->AddTask([&] { threads.push_back(std::this_thread::get_id()); }));
+  EXPECT_TRUE(tasks->AddTask([&] { own = tasks->IsOwnThread(); }));
+  tasks->Close();
+  EXPECT_EQ(threads, (std::vector<std::thread::id>{std::this_thread::get_id()}));
+  EXPECT_TRUE(own);
+  EXPECT_FALSE(tasks->AddTask([] {}));
+}
+
+TEST_F(TaskScheduleTest, ARefusedTaskIsDestroyedAtOnceAndItsAnswerGiven) {
+  std::vector<std::string> answers;
+  const auto post = [&](std::uint64_t bytes) {
+    auto answer = std::make_shared<Answer<std::string>>([&](std::string text) { answers.push_back(std::move(text)); },
+                                                        [] { return std::string("refused"); });
+    return tasks_->Post([answer = std::move(answer)] { answer->Give("done"); }, bytes, 100);
+  };
+  const auto release = Block();
+  EXPECT_NE(post(100), TaskSchedule::kRefused);
+  EXPECT_EQ(post(1), TaskSchedule::kRefused);
+  EXPECT_EQ(answers, (std::vector<std::string>{"refused"}));
+  EXPECT_TRUE(log_.Has(Message::PRIO_WARNING, "]: TaskSchedule: Refused 1 operations: the task queue is full."));
+  release->Open();
+  ThreadOfNextTask();
+  EXPECT_EQ(answers, (std::vector<std::string>{"refused", "done"}));
+}
+
+TEST_F(TaskScheduleTest, ATaskThatIsTakenBackIsAnsweredAndMakesRoom) {
+  const auto release = Block();
+  bool answered = false;
+  auto answer = std::make_shared<Answer<bool>>([&](bool) { answered = true; }, [] { return false; });
+  const std::uint64_t number = tasks_->Post([answer = std::move(answer)] { FAIL() << "it ran"; }, 100, 100);
+  EXPECT_TRUE(tasks_->TakeBack(number));
+  EXPECT_TRUE(answered);
+  EXPECT_FALSE(tasks_->TakeBack(number));
+  EXPECT_NE(tasks_->Post([] {}, 100, 100), TaskSchedule::kRefused);
+  release->Open();
+}
+
+TEST_F(TaskScheduleTest, ACallBringsBackAValueOrWhatTheWorkThrew) {
+  EXPECT_EQ(tasks_->Call(scheduler_, [] { return 42; }), 42);
+  bool done = false;
+  tasks_->Call(scheduler_, [&] { done = true; });
+  EXPECT_TRUE(done);
+  try {
+    tasks_->Call(scheduler_, []() -> int { throw std::invalid_argument("bad statement"); });
+    FAIL() << "nothing was thrown";
+  } catch (const std::invalid_argument& error) {
+    EXPECT_STREQ(error.what(), "bad statement");
+  }
+  EXPECT_EQ(log_.Count("Failed to execute background task"), 0) << "the caller has heard of it";
+}
+
+TEST_F(TaskScheduleTest, ACallOnTheThreadOfTheTasksRunsAtOnce) {
+  std::vector<std::string> order;
+  const auto release = Block();
+  tasks_->AddTask([&] {
+    order.emplace_back("begin");
+    EXPECT_EQ(tasks_->Call(scheduler_, [&] {
+      order.emplace_back("inner");
+      return 7;
+    }),
+              7);
+    EXPECT_THROW(tasks_->Call(scheduler_, []() -> int { throw std::runtime_error("inner"); }), std::runtime_error);
+    order.emplace_back("end");
+  });
+  tasks_->AddTask([&] { order.emplace_back("next"); });
+  release->Open();
+  ThreadOfNextTask();
+  EXPECT_EQ(order, (std::vector<std::string>{"begin", "inner", "end", "next"}));
+}
+
+TEST_F(TaskScheduleTest, ACallFailsAtOnceWhenNothingRunsTheTasks) {
+  scheduler_.Stop();
+  try {
+    tasks_->Call(scheduler_, [] { FAIL() << "it ran"; });
+    FAIL() << "nothing was thrown";
+  } catch (const TaskNotRunException& error) {
+    EXPECT_STREQ(error.what(), "Nothing runs the tasks.");
+  }
+  // The Scheduler runs, but does not know this one.
+  Scheduler other(clock_);
+  other.Start();
+  const auto stray = std::make_shared<TaskSchedule>(10, clock_);
+  EXPECT_FALSE(stray->Await(other, [] { FAIL() << "it ran"; }));
+}
+
+TEST_F(TaskScheduleTest, ACallThatWaitsForItsTurnEndsWithTheScheduler) {
+  // The timer thread is held up, so that no run starts.
+  Gate held;
+  Gate let_go;
+  const auto holder = std::make_shared<fakes::FakeSchedule>([](fakes::FakeSchedule& self) {
+    self.next = fakes::FakeSchedule::kNever;
+  });
+  holder->next = 0;
+  holder->start = [&] {
+    held.Open();
+    EXPECT_TRUE(let_go.Await());
+  };
+  scheduler_.RegisterSchedule(holder);
+  ASSERT_TRUE(held.Await());
+  auto call = std::async(std::launch::async, [&] { return tasks_->Await(scheduler_, [] {}); });
+  EXPECT_EQ(call.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+  auto stop = std::async(std::launch::async, [&] { scheduler_.Stop(); });
+  let_go.Open();
+  ASSERT_TRUE(IsReady(call)) << "it waits for a Scheduler that is gone";
+  ASSERT_TRUE(IsReady(stop));
+}
+
+TEST_F(TaskScheduleTest, ACallThatWaitsEndsWhenTheScheduleIsUnregistered) {
+  const auto release = Block();
+  auto call = std::async(std::launch::async, [&] { return tasks_->Await(scheduler_, [] {}); });
+  auto unregistered = std::async(std::launch::async, [&] { scheduler_.UnregisterSchedule(tasks_); });
+  ASSERT_TRUE(Eventually([&] { return tasks_->IsCancelling(); }));
+  release->Open();
+  ASSERT_TRUE(IsReady(unregistered));
+  // Served if it came before the cancel, refused if after it.
+  ASSERT_TRUE(IsReady(call));
+}
+
+TEST_F(TaskScheduleTest, AClockThatIsSetBackDoesNotKeepAnIdleThread) {
+  ThreadOfNextTask();
+  ASSERT_TRUE(SleepsFor(kIdle));
+  clock_.Advance(-kDay);
+  scheduler_.OnClockStep(-kDay);
+  ASSERT_TRUE(SleepsFor(kIdle));
+  clock_.Advance(kIdle);
+  EXPECT_TRUE(Eventually([&] { return !tasks_->IsRunning(); }));
+}
+
+TEST_F(TaskScheduleTest, AClockThatIsSetBackDoesNotSilenceTheWarning) {
+  const auto release = Block();
+  const auto refuse = [&] { EXPECT_EQ(tasks_->Post([] {}, 2, 1), TaskSchedule::kRefused); };
+  refuse();
+  clock_.Advance(-kDay);
+  scheduler_.OnClockStep(-kDay);
+  refuse();
+  EXPECT_EQ(log_.Count("Refused 1 operations"), 1);
+  clock_.Advance(seconds(60));
+  refuse();
+  EXPECT_EQ(log_.Count("Refused 2 operations"), 1) << log_.All();
+  release->Open();
+}
+
+TEST_F(TaskScheduleTest, AnAnswerIsGivenOnce) {
+  int given = 0;
+  {
+    Answer<int> answer([&](int value) { given = 10 * given + value; }, [] { return 2; });
+    answer.Give(1);
+    answer.Give(3);
+  }
+  EXPECT_EQ(given, 1);
+  { const Answer<int> forgotten([&](int value) { given = value; }, [] { return 2; }); }
+  EXPECT_EQ(given, 2);
+  { const Answer<int> nobody(nullptr, [] { return 2; }); }
+  { const Answer<int> failing([](int) { throw std::runtime_error("bad callback"); }, [] { return 2; }); }
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "Failed to execute background task: bad callback"));
+}
+
+TEST(TaskScheduleStormTest, TwoHundredThousandTasksOfFourThreadsAreServedInTimeByAScheduleThatIsLeftAlone) {
+  // On the clock of the machine.
+  constexpr int kThreads = 4;
+  constexpr int kEach = 50'000;
+  Scheduler scheduler;
+  const auto tasks = std::make_shared<TaskSchedule>(60);
+  const auto bystander = std::make_shared<fakes::FakeSchedule>();  // is asked once at each walk of the timer thread
+  scheduler.RegisterSchedule(tasks);
+  scheduler.RegisterSchedule(bystander);
+  scheduler.Start();
+  std::atomic<std::uint64_t> served{0};
+  std::atomic<std::int64_t> longest{0};
+  std::vector<std::thread> producers;
+  for (int thread = 0; thread < kThreads; ++thread) {
+    producers.emplace_back([&] {
+      for (int i = 0; i < kEach; ++i) {
+        const auto posted = std::chrono::steady_clock::now();
+        ASSERT_TRUE(tasks->AddTask([&, posted] {
+          const std::int64_t waited = (std::chrono::steady_clock::now() - posted).count();
+          if (waited > longest) longest = waited;
+          ++served;
+        }));
+      }
+    });
+  }
+  for (std::thread& producer : producers) producer.join();
+  ASSERT_TRUE(tasks->Await(scheduler, [] {}));
+  EXPECT_EQ(served, std::uint64_t{kThreads} * kEach);
+  EXPECT_LT(std::chrono::nanoseconds(longest), seconds(1));
+  scheduler.Stop();
+  // Two registrations, the start, and for the one run its beginning and the two wake-ups of its end.
+  EXPECT_LE(bystander->asked, 6 + kThreads) << "the timer thread walks for nothing";
+}
+
+}  // namespace
+}  // namespace zagent::common
