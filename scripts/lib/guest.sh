@@ -7,10 +7,13 @@ GUEST_CACHE="$ROOT/build/guest"
 
 # What the guest finds in /usr/local/bin, as far as the build folder has it.
 GUEST_PROGRAMS=(ostrel-edr reference-agent reference-receiver file-actor one-call process-actor audit-recorder audit-rules
-  kernel_rules_guest_test)
+  kernel_rules_guest_test power-cut spool-victim)
 
 # The real tools of this machine, which work otherwise than busybox' applets: in /usr/local/gnu of the guest.
 GUEST_TOOLS=(rm tar cp find chmod chown mv)
+
+# Modules of its kernel, in /scenario/modules: disks in memory and one that records its writes.
+GUEST_MODULES=(drivers/block/brd.ko drivers/md/dm-mod.ko drivers/md/dm-log-writes.ko)
 
 # The targets of them that a demonstration needs.
 DEMO_TARGETS=(ostrel-edr reference-agent reference-receiver file_actor audit_rules_list)
@@ -31,14 +34,17 @@ guest_kernel() {
     version=$(apt-cache policy "${package:-none}" 2>/dev/null | sed -n 's/^ *Candidate: //p')
     folder="$GUEST_CACHE/kernel/${package}_${version}"
     # A cached kernel of another version is as real as the newest one: stay off the network.
-    if [[ ! -e $folder/vmlinuz ]]; then folder=$(ls -td "$GUEST_CACHE"/kernel/*/ 2>/dev/null | head -n 1); fi
+    if [[ ! -e $folder/modules ]]; then
+      folder=$(ls -td "$GUEST_CACHE"/kernel/*/modules 2>/dev/null | head -n 1)
+      folder=${folder%/modules}
+    fi
     if [[ -z $folder ]]; then folder=$(guest_download_kernel) || exit 1; fi
     printf '%s\n' "${folder%/}/vmlinuz"
   ) 9>"$GUEST_CACHE/kernel.lock"
 }
 
 guest_download_kernel() {
-  local scratch package folder
+  local scratch package folder module
   scratch=$(mktemp -d "$GUEST_CACHE/download.XXXXXX")
   progress "downloading the guest's kernel" >&2
   for try in 1 2; do
@@ -56,8 +62,15 @@ guest_download_kernel() {
   dpkg-deb --fsys-tarfile "$scratch"/*.deb |
     tar -x -C "$scratch" --wildcards --transform 's,.*/vmlinuz-.*,vmlinuz,' './boot/vmlinuz-*' || return
   folder="$GUEST_CACHE/kernel/$(dpkg-deb -W --showformat='${Package}_${Version}' "$scratch"/*.deb)"
-  mkdir -p "$folder"
+  mkdir -p "$folder" "$scratch/modules"
+  for module in "${GUEST_MODULES[@]}"; do
+    dpkg-deb --fsys-tarfile "$scratch"/*.deb | tar -xO --wildcards "./lib/modules/*/kernel/$module" \
+      >"$scratch/modules/$(basename "$module")" || return
+  done
   mv "$scratch/vmlinuz" "$folder/vmlinuz"
+  # The last thing to come: a folder that has it has everything.
+  rm -rf "$folder/modules"
+  mv "$scratch/modules" "$folder/modules"
   rm -r "$scratch"
   printf '%s\n' "$folder"
 }
@@ -94,6 +107,7 @@ guest_make_image() {
     return 1
   fi
   for program in "${GUEST_TOOLS[@]}"; do tools+=("$(type -P "$program")"); done
+  programs+=("$(PATH="$PATH:/usr/sbin:/sbin" type -P mke2fs)")
   tree=$(mktemp -d "$image.XXXXXX")
   mkdir -p "$tree"/{bin,dev,proc,sys,etc/ostrel/host-warden,root,srv,tmp,run,usr/local/bin,var/lib/ostrel,var/log/ostrel}
   ln -s ../run "$tree/var/run"

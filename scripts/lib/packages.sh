@@ -8,7 +8,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev clang-format clang-tidy
 )
 # What boots a real kernel around them.
-PACKAGES+=(qemu-system-x86 busybox-static cpio zstd libmagic-mgc)
+PACKAGES+=(qemu-system-x86 busybox-static cpio zstd libmagic-mgc e2fsprogs)
 # What counts instructions for the benchmarks.
 PACKAGES+=(valgrind)
 

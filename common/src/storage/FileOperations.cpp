@@ -26,9 +26,9 @@ auto RetryOnInterrupt(Call call) {
   return result;
 }
 
-UniqueFd Open(const std::string& path, int flags) {
+UniqueFd Open(FileCalls& calls, const std::string& path, int flags) {
   constexpr mode_t kMode = 0600;
-  return UniqueFd(RetryOnInterrupt([&] { return open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK, kMode); }));
+  return UniqueFd(RetryOnInterrupt([&] { return calls.Open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK, kMode); }));
 }
 
 std::unique_ptr<StorageResult> MakeResult(const std::string& path, Bytes data = {}) {
@@ -45,18 +45,23 @@ void Fail(StorageResult& result, const char* text) {
   ZLOG_ERROR(text << result.path << ": " << util::ErrnoText(error));
 }
 
-std::unique_ptr<struct stat> Stat(int fd) {
+std::unique_ptr<struct stat> Stat(FileCalls& calls, int fd) {
   auto info = std::make_unique<struct stat>();
-  if (fstat(fd, info.get()) != 0) return nullptr;
+  if (calls.Fstat(fd, info.get()) != 0) return nullptr;
   return info;
 }
 
+// False with errno; true where the file system has no such operation.
+bool Sync(FileCalls& calls, int fd) {
+  return RetryOnInterrupt([&] { return calls.Fsync(fd); }) == 0 || errno == EINVAL || errno == ENOSYS;
+}
+
 // Writes all of result.data and notes the file's attributes, after a failure too: they tell the torn file from others.
-void WriteAll(int fd, StorageResult& result) {
+void WriteAll(FileCalls& calls, int fd, Durability durability, StorageResult& result) {
   std::size_t written = 0;
   while (written < result.data.size()) {
     const ssize_t count =
-        RetryOnInterrupt([&] { return write(fd, result.data.data() + written, result.data.size() - written); });
+        RetryOnInterrupt([&] { return calls.Write(fd, result.data.data() + written, result.data.size() - written); });
     if (count <= 0) {
       if (count == 0) errno = EIO;
       Fail(result, "Storage: Failed to write to ");
@@ -64,47 +69,59 @@ void WriteAll(int fd, StorageResult& result) {
     }
     written += static_cast<std::size_t>(count);
   }
-  result.stat_info = Stat(fd);
+  if (result.code == StorageCode::Success && durability == Durability::OnDisk && !Sync(calls, fd)) {
+    Fail(result, "Storage: Failed to sync ");
+  }
+  result.stat_info = Stat(calls, fd);
 }
 
 // Reads up to `max_bytes`, or the size that the file has now.
-std::unique_ptr<StorageResult> OpenAndRead(const std::string& path, const char* stat_failure,
+std::unique_ptr<StorageResult> OpenAndRead(FileCalls& calls, const std::string& path, const char* stat_failure,
                                            std::optional<std::size_t> max_bytes) {
   auto result = MakeResult(path);
-  const UniqueFd fd = Open(path, O_RDONLY);
+  const UniqueFd fd = Open(calls, path, O_RDONLY);
   if (!fd) {
     Fail(*result, "Storage: Failed to open ");
     return result;
   }
-  const auto info = Stat(fd.Get());
+  const auto info = Stat(calls, fd.Get());
   if (!info) {
     Fail(*result, stat_failure);
     return result;
   }
-  return ReadFileDescriptor(path, *info, fd.Get(), max_bytes.value_or(static_cast<std::size_t>(info->st_size)));
+  return ReadFileDescriptor(path, *info, fd.Get(), max_bytes.value_or(static_cast<std::size_t>(info->st_size)), calls);
 }
 
 }  // namespace
 
-std::unique_ptr<StorageResult> WriteFile(const std::string& path, Bytes data) {
+std::unique_ptr<StorageResult> WriteFile(const std::string& path, Bytes data, FileCalls& calls, Durability durability) {
   auto result = MakeResult(path, std::move(data));
-  const UniqueFd fd = Open(path, O_WRONLY | O_CREAT | O_EXCL);
+  const UniqueFd fd = Open(calls, path, O_WRONLY | O_CREAT | O_EXCL);
   if (!fd) {
     Fail(*result, "Storage: Failed to create ");
     return result;
   }
-  WriteAll(fd.Get(), *result);
+  WriteAll(calls, fd.Get(), durability, *result);
   return result;
 }
 
-std::unique_ptr<StorageResult> AppendFile(const std::string& path, Bytes data, const StorageResult& previous) {
+int SyncFolder(const std::string& path, FileCalls& calls) {
+  const UniqueFd fd = Open(calls, path, O_RDONLY | O_DIRECTORY);
+  if (fd && Sync(calls, fd.Get())) return 0;
+  const int error = errno;
+  ZLOG_ERROR("Storage: Failed to sync " << path << ": " << util::ErrnoText(error));
+  return error;
+}
+
+std::unique_ptr<StorageResult> AppendFile(const std::string& path, Bytes data, const StorageResult& previous,
+                                          FileCalls& calls) {
   auto result = MakeResult(path, std::move(data));
-  const UniqueFd fd = Open(path, O_WRONLY | O_EXCL | O_APPEND);
+  const UniqueFd fd = Open(calls, path, O_WRONLY | O_EXCL | O_APPEND);
   if (!fd) {
     Fail(*result, "Storage: Failed to append data to ");
     return result;
   }
-  result->stat_info = Stat(fd.Get());
+  result->stat_info = Stat(calls, fd.Get());
   if (!result->stat_info) {
     Fail(*result, "Storage: Failed to stat file ");
     return result;
@@ -114,20 +131,20 @@ std::unique_ptr<StorageResult> AppendFile(const std::string& path, Bytes data, c
     result->code = StorageCode::FileReplaced;
     return result;
   }
-  WriteAll(fd.Get(), *result);
+  WriteAll(calls, fd.Get(), Durability::Cached, *result);
   return result;
 }
 
-std::unique_ptr<StorageResult> ReadFile(const std::string& path) {
-  return OpenAndRead(path, "Storage: Failed to stat ", std::nullopt);
+std::unique_ptr<StorageResult> ReadFile(const std::string& path, FileCalls& calls) {
+  return OpenAndRead(calls, path, "Storage: Failed to stat ", std::nullopt);
 }
 
-std::unique_ptr<StorageResult> ReadFileUpTo(const std::string& path, std::size_t max_bytes) {
-  return OpenAndRead(path, "FileStorage: Failed to stat ", max_bytes);
+std::unique_ptr<StorageResult> ReadFileUpTo(const std::string& path, std::size_t max_bytes, FileCalls& calls) {
+  return OpenAndRead(calls, path, "FileStorage: Failed to stat ", max_bytes);
 }
 
 std::unique_ptr<StorageResult> ReadFileDescriptor(const std::string& path, const struct stat& stat, int fd,
-                                                  std::size_t size) {
+                                                  std::size_t size, FileCalls& calls) {
   auto result = MakeResult(path);
   result->stat_info = std::make_unique<struct stat>(stat);
   if (!S_ISREG(stat.st_mode)) return result;
@@ -140,7 +157,8 @@ std::unique_ptr<StorageResult> ReadFileDescriptor(const std::string& path, const
     if (gathered == data.size()) {
       data.resize(std::min(size, std::max({expected, 2 * data.size(), kSmallestReadBuffer})));
     }
-    const ssize_t count = RetryOnInterrupt([&] { return read(fd, data.data() + gathered, data.size() - gathered); });
+    const ssize_t count =
+        RetryOnInterrupt([&] { return calls.Read(fd, data.data() + gathered, data.size() - gathered); });
     if (count < 0) {
       Fail(*result, "Storage: Failed to read from ");
       break;

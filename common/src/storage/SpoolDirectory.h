@@ -26,6 +26,8 @@ class SpoolDirectory {
 
   // Path of the file of an index. Throws StorageException "SpoolStorage: File index out of range".
   [[nodiscard]] std::string FileName(std::uint64_t index) const;
+  // Path of what is set aside; no name of a spool file.
+  [[nodiscard]] std::string AsideName() const { return path_ + "/" + prefix_ + ".aside"; }
   // Index of a name without its folder; 0 for a name that is none of this spool's.
   [[nodiscard]] std::uint64_t IndexOf(const std::string& name) const;
   // Index of a path; 0 unless it is exactly that of one of this spool's names.

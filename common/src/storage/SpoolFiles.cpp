@@ -1,15 +1,12 @@
 #include "common/src/storage/SpoolFiles.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <utility>
 
+#include "common/src/storage/FileOperations.h"
 #include "common/src/util/ErrnoText.h"
 #include "common/src/util/Log.h"
-#include "common/src/util/UniqueFd.h"
 
 namespace zagent::common::internal {
 namespace {
@@ -19,30 +16,11 @@ using util::ErrnoText;
 // A file system that refuses one rename mostly refuses all: the rest is left where it is.
 constexpr int kMaxFailedRenames = 10;
 
-// The same file under any name. A deleted file's inode number is soon given to another file, whose time differs.
+// The same file under any name. A deleted file's inode number is soon given to another file, whose time differs, or
+// within one tick of the kernel's clock at least its size.
 bool IsSameFile(const struct stat& a, const struct stat& b) {
-  return a.st_ino == b.st_ino && a.st_dev == b.st_dev && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
-         a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
-}
-
-// Makes a write that was cut short leave nothing behind: a torn file must not bear a valid name.
-void UnlinkTornFile(const StorageResult& written) {
-  if (!written.stat_info) return;
-  struct stat now {};
-  if (lstat(written.path.c_str(), &now) != 0 || now.st_ino != written.stat_info->st_ino) return;
-  if (unlink(written.path.c_str()) != 0) {
-    ZLOG_ERROR("SpoolStorage: Failed to delete " << written.path << ": " << ErrnoText(errno));
-  }
-}
-
-// fsync of a file or folder. Returns errno, 0 where the file system has no such operation.
-int SyncToDisk(const std::string& path) {
-  const util::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
-  if (fd && fsync(fd.Get()) == 0) return 0;
-  const int error = errno;
-  if (fd && (error == EINVAL || error == ENOSYS)) return 0;
-  ZLOG_ERROR("SpoolStorage: Failed to sync " << path << ": " << ErrnoText(error));
-  return error;
+  return a.st_ino == b.st_ino && a.st_dev == b.st_dev && a.st_size == b.st_size &&
+         a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
 }
 
 bool IsTaken(const std::string& path) {
@@ -50,19 +28,10 @@ bool IsTaken(const std::string& path) {
   return lstat(path.c_str(), &info) == 0 || errno != ENOENT;
 }
 
-bool Rename(const SpoolFileAccess& access, const std::string& from, const std::string& to) {
-  if (access.rename(from.c_str(), to.c_str()) != 0) {
-    ZLOG_ERROR("SpoolStorage: Failed to rename " << from << " to " << to << ": " << ErrnoText(errno));
-    return false;
-  }
-  ZLOG_TRACE("SpoolStorage: Renamed " << from << " to " << to);
-  return true;
-}
-
 }  // namespace
 
-SpoolFiles::SpoolFiles(SpoolDirectory directory, const SpoolLimits& limits, SpoolFileAccess access)
-    : directory_(std::move(directory)), limits_(limits), access_(std::move(access)) {
+SpoolFiles::SpoolFiles(SpoolDirectory directory, const SpoolLimits& limits, FileCalls& calls)
+    : directory_(std::move(directory)), limits_(limits), calls_(calls) {
   RefreshFileIndices();
 }
 
@@ -96,13 +65,11 @@ std::unique_ptr<StorageResult> SpoolFiles::Store(Bytes& payload) {
 // Null when every name from `index` to the last is taken. Leaves `index` at the name that was written.
 std::unique_ptr<StorageResult> SpoolFiles::WriteToFreeName(std::uint64_t& index, Bytes& payload) {
   for (; index <= directory_.MaxIndex(); ++index) {
-    auto result = access_.write(directory_.FileName(index), std::move(payload));
+    auto result = WriteFile(directory_.FileName(index), std::move(payload), calls_, Durability::OnDisk);
     if (result->code == StorageCode::Success) {
-      const int error = SyncToDisk(result->path);
-      if (error == 0) {
-        SyncToDisk(directory_.Path());
-        return result;
-      }
+      // A file without its name on disk would be lost with the power.
+      const int error = SyncFolder(directory_.Path(), calls_);
+      if (error == 0) return result;
       result->code = StorageCodeFromErrno(error);
     }
     payload = std::move(result->data);
@@ -114,11 +81,22 @@ std::unique_ptr<StorageResult> SpoolFiles::WriteToFreeName(std::uint64_t& index,
   return nullptr;
 }
 
+// Makes a write that was cut short leave nothing behind: a torn file must not bear a valid name.
+void SpoolFiles::UnlinkTornFile(const StorageResult& written) {
+  if (!written.stat_info) return;
+  struct stat now {};
+  if (lstat(written.path.c_str(), &now) != 0 || now.st_ino != written.stat_info->st_ino) return;
+  if (calls_.Unlink(written.path.c_str()) != 0) {
+    ZLOG_ERROR("SpoolStorage: Failed to delete " << written.path << ": " << ErrnoText(errno));
+  }
+}
+
 std::unique_ptr<StorageResult> SpoolFiles::ReadOldestFile() {
   bool refreshed = false;
   bool failed = false;
   for (std::uint64_t index = first_index_; index != 0 && index <= last_index_; ++index) {
-    if (!directory_.Stat(index)) {
+    const auto info = directory_.Stat(index);
+    if (!info) {
       if (refreshed) continue;
       // Somebody else took the file, or a later one was deleted before it: the directory knows where the oldest is
       // now. Asked once a read.
@@ -126,6 +104,12 @@ std::unique_ptr<StorageResult> SpoolFiles::ReadOldestFile() {
       RefreshFileIndices();
       if (first_index_ == 0) break;
       index = first_index_ - 1;
+      continue;
+    }
+    const auto size = static_cast<std::uint64_t>(info->st_size);
+    if (size > limits_.MaxReadSize()) {
+      if (!SetAside(index, size)) failed = true;
+      if (first_index_ == 0) break;
       continue;
     }
     if (auto result = TryReadFile(index)) return result;
@@ -137,7 +121,7 @@ std::unique_ptr<StorageResult> SpoolFiles::ReadOldestFile() {
 // Null when the file cannot be read.
 std::unique_ptr<StorageResult> SpoolFiles::TryReadFile(std::uint64_t index) {
   const std::string name = directory_.FileName(index);
-  auto result = access_.read(name);
+  auto result = ReadFile(name, calls_);
   if (result->code == StorageCode::Success) {
     ZLOG_INFO("SpoolStorage: Successfully read file: " << name);
     return result;
@@ -150,7 +134,17 @@ std::unique_ptr<StorageResult> SpoolFiles::TryReadFile(std::uint64_t index) {
   return nullptr;
 }
 
+bool SpoolFiles::SetAside(std::uint64_t index, std::uint64_t size) {
+  const std::string name = directory_.FileName(index);
+  ZLOG_ERROR("SpoolStorage: Setting aside " << name << ": " << size << " bytes are more than a spool file has.");
+  if (!Rename(name, directory_.AsideName())) return false;
+  Forget(index, size);
+  return true;
+}
+
 bool SpoolFiles::Delete(const StorageResult& read) {
+  const std::size_t slash = read.path.rfind('/');
+  if (slash == std::string::npos || slash + 1 == read.path.size()) return false;
   if (!read.stat_info || first_index_ == 0) return false;
   const std::uint64_t named = directory_.IndexOfPath(read.path);
   if (named != 0) {
@@ -214,13 +208,26 @@ bool SpoolFiles::DeleteFile(std::uint64_t index) {
   } else {
     ZLOG_ERROR("SpoolStorage: Failed to stat " << name << ": " << ErrnoText(errno));
   }
-  if (unlink(name.c_str()) != 0) {
+  if (calls_.Unlink(name.c_str()) != 0) {
     ZLOG_ERROR("SpoolStorage: Failed to delete " << name << ": " << ErrnoText(errno));
     return false;
   }
   ZLOG_DEBUG("Deleted file: " << name << " [" << first_index_ << ", " << last_index_ << "]");
+  Forget(index, size);
+  return true;
+}
+
+void SpoolFiles::Forget(std::uint64_t index, std::uint64_t size) {
   disk_usage_ -= std::min(size, disk_usage_.load());
   if (index == first_index_ && ++first_index_ > last_index_) RefreshFileIndices();
+}
+
+bool SpoolFiles::Rename(const std::string& from, const std::string& to) {
+  if (calls_.Rename(from.c_str(), to.c_str()) != 0) {
+    ZLOG_ERROR("SpoolStorage: Failed to rename " << from << " to " << to << ": " << ErrnoText(errno));
+    return false;
+  }
+  ZLOG_TRACE("SpoolStorage: Renamed " << from << " to " << to);
   return true;
 }
 
@@ -242,7 +249,7 @@ void SpoolFiles::DefragFileIndices() {
     bool renamed = false;
     for (; target < entry.index && !renamed && failures < kMaxFailedRenames; ++target) {
       if (IsTaken(directory_.FileName(target))) continue;
-      renamed = Rename(access_, directory_.FileName(entry.index), directory_.FileName(target));
+      renamed = Rename(directory_.FileName(entry.index), directory_.FileName(target));
       if (!renamed) ++failures;
     }
     if (!renamed) target = entry.index + 1;

@@ -4,31 +4,22 @@
 
 #include <atomic>
 #include <cstdint>
-#include <cstdio>
-#include <functional>
 #include <memory>
 #include <string>
 
-#include "common/src/storage/FileOperations.h"
+#include "common/src/storage/FileCalls.h"
 #include "common/src/storage/SpoolDirectory.h"
 #include "common/src/storage/SpoolLimits.h"
 #include "common/src/storage/StorageResult.h"
 
 namespace zagent::common::internal {
 
-// What writes, reads and renames the files, so that a test can let it fail.
-struct SpoolFileAccess {
-  std::function<std::unique_ptr<StorageResult>(const std::string&, Bytes)> write = WriteFile;
-  std::function<std::unique_ptr<StorageResult>(const std::string&)> read = ReadFile;
-  std::function<int(const char*, const char*)> rename = std::rename;  // with errno
-};
-
 // The numbered files of one spool, the oldest with the smallest index. Used by one thread at a time; DiskUsage from
 // every thread.
 class SpoolFiles {
  public:
   // Finds the files that an earlier run left. Throws StorageException.
-  SpoolFiles(SpoolDirectory directory, const SpoolLimits& limits, SpoolFileAccess access = {});
+  SpoolFiles(SpoolDirectory directory, const SpoolLimits& limits, FileCalls& calls = FileCalls::Real());
   SpoolFiles(const SpoolFiles&) = delete;
   SpoolFiles& operator=(const SpoolFiles&) = delete;
   ~SpoolFiles() = default;
@@ -43,7 +34,9 @@ class SpoolFiles {
   // Throws StorageException when no name is free and none can be made free.
   std::unique_ptr<StorageResult> Store(Bytes& payload);
 
-  // Throws StorageException with ENOENT when there is no file, with EIO when none can be read.
+  // A file that cannot be read is deleted, and one that is too large to be a spool's (SpoolLimits::MaxReadSize) is
+  // renamed to "<prefix>.aside" in the place of an earlier one; neither holds up those behind it. Throws
+  // StorageException with ENOENT when there is no file, with EIO when none can be read.
   std::unique_ptr<StorageResult> ReadOldestFile();
 
   // Deletes the file that `read` stands for, whatever its name is by now. False when it is not there any more.
@@ -65,10 +58,15 @@ class SpoolFiles {
   void CleanupAfterWrite();
   void Cleanup(CleanupGoal goal);
   bool DeleteFile(std::uint64_t index);
+  void UnlinkTornFile(const StorageResult& written);
+  bool SetAside(std::uint64_t index, std::uint64_t size);
+  // The file of an index is not there any more.
+  void Forget(std::uint64_t index, std::uint64_t size);
+  bool Rename(const std::string& from, const std::string& to);
 
   const SpoolDirectory directory_;
   const SpoolLimits& limits_;
-  const SpoolFileAccess access_;
+  FileCalls& calls_;
   std::uint64_t first_index_ = 0;
   std::uint64_t last_index_ = 0;
   std::atomic<std::uint64_t> disk_usage_{0};

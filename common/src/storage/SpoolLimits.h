@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 
@@ -11,6 +12,7 @@ class SpoolLimits {
   static constexpr std::uint64_t kDefaultMaxDiskSize = 10'485'760;
   static constexpr std::uint64_t kDefaultMaxFileAge = 600;
   static constexpr std::uint64_t kDefaultMaxFileSize = 102'400;
+  static constexpr std::uint64_t kLargestBuffer = 64 * 1'048'576;
 
   SpoolLimits() = default;
 
@@ -21,6 +23,11 @@ class SpoolLimits {
   [[nodiscard]] std::uint64_t MaxDiskSize() const { return max_disk_size_; }
   [[nodiscard]] std::uint64_t MaxFileAge() const { return max_file_age_; }
   [[nodiscard]] std::uint64_t MaxFileSize() const { return max_file_size_; }
+
+  // No spool file is larger, whatever the limits were when it was written.
+  [[nodiscard]] std::uint64_t MaxReadSize() const { return std::max(2 * MaxDiskSize(), kLargestBuffer); }
+  // What may wait in memory for its turn.
+  [[nodiscard]] std::uint64_t MaxWaitingBytes() const { return std::min(MaxDiskSize(), kLargestBuffer); }
 
   // Whether one more file of the largest size fits beside `disk_usage` bytes.
   [[nodiscard]] bool HasFreeSpace(std::uint64_t disk_usage) const {

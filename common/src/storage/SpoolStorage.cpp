@@ -1,9 +1,11 @@
 #include "common/src/storage/SpoolStorage.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <ios>
 #include <utility>
 
 #include "common/src/storage/SpoolDirectory.h"
@@ -21,8 +23,6 @@ using internal::SpoolLimits;
 using internal::SpoolStorageSchedule;
 using internal::SpoolWorker;
 
-// More than this does not wait in memory, however large the disk limit is.
-constexpr std::uint64_t kMaxWaitingBytes = std::uint64_t{64} * 1024 * 1024;
 // What a queued task costs at least, so that tasks without data are bounded too.
 constexpr std::uint64_t kTaskBytes = 64;
 using ResultAnswer = Answer<std::unique_ptr<StorageResult>>;
@@ -39,20 +39,25 @@ void CheckArguments(const std::string& path, const std::string& prefix, const Da
   struct stat info {};
   if (stat(path.c_str(), &info) != 0) throw StorageException::FromErrno("SpoolStorage: Invalid Path", errno);
   if (!S_ISDIR(info.st_mode)) throw StorageException("SpoolStorage: Path is not a directory");
+  if (info.st_uid != geteuid() || (info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    ZLOG_WARNING("SpoolStorage: Others can change what is in "
+                 << path << " (mode " << std::oct << (info.st_mode & 07777U) << std::dec << ", user " << info.st_uid
+                 << "). It should have mode 0700 and user " << geteuid() << ".");
+  }
 }
 
 }  // namespace
 
 SpoolStorage::SpoolStorage(Scheduler& scheduler, const std::string& path, const std::string& prefix,
                            std::unique_ptr<DataFormatter> formatter, const Limits& limits, std::uint64_t max_file_count,
-                           util::Clock& clock)
+                           util::Clock& clock, FileCalls& calls)
     : Storage(path), scheduler_(scheduler), limits_(std::make_unique<SpoolLimits>()) {
   CheckArguments(path, prefix, formatter.get(), max_file_count);
   limits_->Apply(limits.max_disk_size_mib, limits.max_file_age_seconds, limits.max_file_size_kib);
   schedule_ = std::make_shared<SpoolStorageSchedule>([this] { worker_->Sync(); }, clock);
-  worker_ =
-      std::make_unique<SpoolWorker>(std::move(formatter), SpoolDirectory(path, prefix, max_file_count - 1), *limits_,
-                                    [this](std::uint64_t seconds) { schedule_->ScheduleSync(seconds); });
+  worker_ = std::make_unique<SpoolWorker>(
+      std::move(formatter), SpoolDirectory(path, prefix, max_file_count - 1), *limits_,
+      [this](std::uint64_t seconds) { schedule_->ScheduleSync(seconds); }, calls);
   scheduler_.RegisterSchedule(schedule_);
 }
 
@@ -179,7 +184,7 @@ SpoolStorage::Task SpoolStorage::MakeDelete(std::unique_ptr<StorageResult> previ
 }
 
 void SpoolStorage::Post(Task task, std::uint64_t bytes) {
-  schedule_->AddTask(std::move(task), std::max(bytes, kTaskBytes), std::min(limits_->MaxDiskSize(), kMaxWaitingBytes));
+  schedule_->AddTask(std::move(task), std::max(bytes, kTaskBytes), limits_->MaxWaitingBytes());
 }
 
 void SpoolStorage::Await(const char* operation, Task task) {

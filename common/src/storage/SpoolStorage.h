@@ -7,6 +7,7 @@
 #include <string>
 
 #include "common/src/storage/DataFormatter.h"
+#include "common/src/storage/FileCalls.h"
 #include "common/src/storage/Storage.h"
 #include "common/src/tasks/Scheduler.h"
 #include "common/src/util/Clock.h"
@@ -40,10 +41,12 @@ class SpoolStorage final : public Storage {
   };
   static constexpr std::uint64_t kMaxFileCount = 10'000;
 
-  // `path` must be an existing directory. Throws StorageException with a text of its own for each bad argument.
+  // `path` must be an existing directory; one that others can write to, or of another user, is a warning. Throws
+  // StorageException with a text of its own for each bad argument.
   SpoolStorage(Scheduler& scheduler, const std::string& path, const std::string& prefix,
                std::unique_ptr<DataFormatter> formatter, const Limits& limits,
-               std::uint64_t max_file_count = kMaxFileCount, util::Clock& clock = util::Clock::Real());
+               std::uint64_t max_file_count = kMaxFileCount, util::Clock& clock = util::Clock::Real(),
+               FileCalls& calls = FileCalls::Real());
   SpoolStorage(const SpoolStorage&) = delete;
   SpoolStorage& operator=(const SpoolStorage&) = delete;
   // Unregisters the schedule, runs the tasks that never started, flushes the cache: an orderly stop loses nothing.

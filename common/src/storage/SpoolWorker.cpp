@@ -8,11 +8,11 @@
 namespace zagent::common::internal {
 
 SpoolWorker::SpoolWorker(std::unique_ptr<DataFormatter> formatter, SpoolDirectory directory, SpoolLimits& limits,
-                         std::function<void(std::uint64_t)> schedule_sync, SpoolFileAccess access)
+                         std::function<void(std::uint64_t)> schedule_sync, FileCalls& calls)
     : formatter_(std::move(formatter)),
       limits_(limits),
       schedule_sync_(std::move(schedule_sync)),
-      files_(std::move(directory), limits, std::move(access)) {}
+      files_(std::move(directory), limits, calls) {}
 
 std::unique_ptr<StorageResult> SpoolWorker::Add(const Bytes& data) {
   const std::size_t held = formatter_->Size();

@@ -19,7 +19,7 @@ class SpoolWorker {
  public:
   // `schedule_sync` is called with the seconds after which Sync is wanted.
   SpoolWorker(std::unique_ptr<DataFormatter> formatter, SpoolDirectory directory, SpoolLimits& limits,
-              std::function<void(std::uint64_t)> schedule_sync, SpoolFileAccess access = {});
+              std::function<void(std::uint64_t)> schedule_sync, FileCalls& calls = FileCalls::Real());
 
   // Takes one item into the cache, which becomes a file first when the item would make it larger than one file.
   // The result is that of the file, if there was one.

@@ -175,6 +175,23 @@ TEST_F(UploadScheduleTest, AnIntervalOfZeroIsAlwaysADayAway) {
   EXPECT_EQ(SecondsToNextRun(), 86'400);
 }
 
+TEST_F(UploadScheduleTest, AStepOfTheClockLeavesTheIntervalAsItIs) {
+  const seconds day(86'400);
+  schedule_->OnClockStep(day);
+  EXPECT_EQ(SecondsToNextRun(), 0) << "there was no last run to move";
+  Run();
+  for (const seconds step : {day, -day}) {
+    clock_.Advance(step);
+    schedule_->OnClockStep(step);
+    EXPECT_EQ(SecondsToNextRun(), 60);
+  }
+  // A run that ended after the step, but before anybody told of it.
+  clock_.Advance(day);
+  Run();
+  schedule_->OnClockStep(day);
+  EXPECT_EQ(SecondsToNextRun(), 60);
+}
+
 TEST_F(UploadScheduleTest, AnEndedRunAndAReschedulingWakeTheScheduler) {
   std::atomic<int> wakes = 0;
   schedule_->SetOnFinished([&] { ++wakes; });

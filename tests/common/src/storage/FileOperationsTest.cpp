@@ -8,16 +8,22 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "common/src/util/UniqueFd.h"
 #include "tests/fakes/FakeDataFormatter.h"
+#include "tests/fakes/FaultyFiles.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
 
 namespace zagent::common {
 namespace {
 
+using fakes::FaultyFiles;
 using fakes::ToBytes;
 using fakes::ToText;
 using Poco::Message;
@@ -205,6 +211,75 @@ TEST_F(FileOperationsTest, AFailingReadIsACodeAndALine) {
   EXPECT_TRUE(result->data.empty());
   EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "Storage: Failed to read from " + path_ + ": Bad file descriptor (9)"))
       << log_.All();
+}
+
+// One call of the system fails at a time.
+class FaultyFileOperationsTest : public FileOperationsTest {
+ protected:
+  // Code and log line of an operation whose calls of a kind fail with EIO.
+  void ExpectIoError(FaultyFiles::Call call, const std::function<std::unique_ptr<StorageResult>()>& operation,
+                     const std::string& line) {
+    disk_.Fail(call, EIO);
+    EXPECT_EQ(operation()->code, StorageCode::IOError) << line;
+    EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "]: " + line + path_ + ": Input/output error (5)")) << log_.All();
+    disk_.fault = nullptr;
+  }
+
+  FaultyFiles disk_;
+};
+
+TEST_F(FaultyFileOperationsTest, EveryCallThatFailsHasItsCodeAndItsLine) {
+  using Call = FaultyFiles::Call;
+  const auto write = [&] { return WriteFile(path_, ToBytes("text"), disk_); };
+  ExpectIoError(Call::Open, write, "Storage: Failed to create ");
+  ExpectIoError(Call::Write, write, "Storage: Failed to write to ");
+  std::filesystem::remove(path_);
+  ExpectIoError(
+      Call::Fsync, [&] { return WriteFile(path_, ToBytes("text"), disk_, Durability::OnDisk); },
+      "Storage: Failed to sync ");
+  const auto written = ReadFile(path_);
+  const auto append = [&] { return AppendFile(path_, ToBytes("more"), *written, disk_); };
+  ExpectIoError(Call::Open, append, "Storage: Failed to append data to ");
+  ExpectIoError(Call::Fstat, append, "Storage: Failed to stat file ");
+  ExpectIoError(Call::Write, append, "Storage: Failed to write to ");
+  const auto read = [&] { return ReadFile(path_, disk_); };
+  ExpectIoError(Call::Open, read, "Storage: Failed to open ");
+  ExpectIoError(Call::Fstat, read, "Storage: Failed to stat ");
+  ExpectIoError(Call::Read, read, "Storage: Failed to read from ");
+  const auto read_up_to = [&] { return ReadFileUpTo(path_, 2, disk_); };
+  ExpectIoError(Call::Open, read_up_to, "Storage: Failed to open ");
+  ExpectIoError(Call::Fstat, read_up_to, "FileStorage: Failed to stat ");
+  EXPECT_EQ(folder_.Read("item"), "text");
+}
+
+TEST_F(FaultyFileOperationsTest, AWriteWhoseAttributesCannotBeHadIsASuccessWithoutThem) {
+  disk_.Fail(FaultyFiles::Call::Fstat, EIO);
+  const auto result = WriteFile(path_, ToBytes("text"), disk_);
+  EXPECT_EQ(result->code, StorageCode::Success);
+  EXPECT_FALSE(result->stat_info);
+}
+
+TEST_F(FaultyFileOperationsTest, ASignalInTheMiddleIsNoFailure) {
+  disk_.max_bytes = 1;
+  std::map<FaultyFiles::Call, int> calls;
+  disk_.fault = [&](FaultyFiles::Call call, const std::string&) {
+    if (call == FaultyFiles::Call::Fstat) return 0;
+    return ++calls[call] % 2 == 1 ? EINTR : 0;
+  };
+  const auto written = WriteFile(path_, ToBytes("some text"), disk_, Durability::OnDisk);
+  EXPECT_EQ(written->code, StorageCode::Success);
+  EXPECT_EQ(AppendFile(path_, ToBytes(" and more"), *written, disk_)->code, StorageCode::Success);
+  EXPECT_EQ(ToText(ReadFile(path_, disk_)->data), "some text and more");
+  EXPECT_EQ(SyncFolder(folder_.Path(), disk_), 0);
+  EXPECT_EQ(disk_.Synced(), (std::vector<std::string>{path_, folder_.Path()}));
+}
+
+TEST_F(FaultyFileOperationsTest, OnlyAWriteThatIsToBeOnDiskIsSynced) {
+  WriteFile(path_, ToBytes("text"), disk_);
+  EXPECT_TRUE(disk_.Synced().empty());
+  std::filesystem::remove(path_);
+  WriteFile(path_, ToBytes("text"), disk_, Durability::OnDisk);
+  EXPECT_EQ(disk_.Synced(), (std::vector<std::string>{path_}));
 }
 
 TEST(StorageCodeTest, MapsErrnoToCodes) {

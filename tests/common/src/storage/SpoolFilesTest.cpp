@@ -8,16 +8,20 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "tests/fakes/FakeDataFormatter.h"
+#include "tests/fakes/FaultyFiles.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
 
 namespace zagent::common::internal {
 namespace {
 
+using fakes::FaultyFiles;
+using Call = FaultyFiles::Call;
 using fakes::ToBytes;
 using fakes::ToText;
 using Poco::Message;
@@ -42,9 +46,8 @@ class SpoolFilesTest : public ::testing::Test {
  protected:
   SpoolFilesTest() { limits_.Apply(1, 600, 100); }
 
-  SpoolFiles& Open(std::uint64_t max_index = 9999, SpoolFileAccess access = {}) {
-    files_ =
-        std::make_unique<SpoolFiles>(SpoolDirectory(folder_.Path(), "events", max_index), limits_, std::move(access));
+  SpoolFiles& Open(std::uint64_t max_index = 9999) {
+    files_ = std::make_unique<SpoolFiles>(SpoolDirectory(folder_.Path(), "events", max_index), limits_, disk_);
     return *files_;
   }
 
@@ -83,6 +86,7 @@ class SpoolFilesTest : public ::testing::Test {
   }
 
   const fakes::TempFolder folder_;
+  FaultyFiles disk_;
   SpoolLimits limits_;
   std::unique_ptr<SpoolFiles> files_;
   const fakes::LogCapture log_;
@@ -168,16 +172,11 @@ TEST_F(SpoolFilesTest, TheOldestIndexAdvancesOverMissingFiles) {
 }
 
 TEST_F(SpoolFilesTest, AFileThatCannotBeReadDisappearsAndTheNextOneIsGiven) {
-  SpoolFileAccess access;
-  access.read = [this](const std::string& path) {
-    auto result = ReadFile(path);
-    if (path != Path(2)) result->code = StorageCode::IOError;
-    return result;
-  };
+  disk_.fault = [this](Call call, const std::string& path) { return call == Call::Read && path != Path(2) ? EIO : 0; };
   Put(1, "bad");
   Put(2, "good");
   Put(3, "bad");
-  SpoolFiles& files = Open(9999, access);
+  SpoolFiles& files = Open();
   EXPECT_EQ(ToText(files.ReadOldestFile()->data), "good");
   EXPECT_EQ(Content(1, 3), "- good bad");
   EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "SpoolStorage: Failed to read file: " + Path(1))) << log_.All();
@@ -187,15 +186,13 @@ TEST_F(SpoolFilesTest, AFileThatCannotBeReadDisappearsAndTheNextOneIsGiven) {
 }
 
 TEST_F(SpoolFilesTest, SaysWhatCannotBeDeleted) {
-  SpoolFileAccess access;
-  access.read = [](const std::string& path) {
-    auto result = ReadFile(path);
-    result->code = StorageCode::IOError;
+  disk_.fault = [](Call call, const std::string& path) {
+    if (call != Call::Read) return 0;
     unlink(path.c_str());
-    return result;
+    return EIO;
   };
   Put(1, "gone");
-  Open(9999, access);
+  Open();
   EXPECT_EQ(ReadError(), "SpoolStorage::ReadOldestFile: Input/output error (5)");
   const std::string reason = Path(1) + ": No such file or directory (2)";
   EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "SpoolStorage: Failed to stat " + reason)) << log_.All();
@@ -203,15 +200,12 @@ TEST_F(SpoolFilesTest, SaysWhatCannotBeDeleted) {
 }
 
 TEST_F(SpoolFilesTest, AFileThatMayNotBeReadIsPassedAndStays) {
-  SpoolFileAccess access;
-  access.read = [this](const std::string& path) {
-    auto result = ReadFile(path);
-    if (path == Path(1)) result->code = StorageCode::PermissionDenied;
-    return result;
+  disk_.fault = [this](Call call, const std::string& path) {
+    return call == Call::Open && path == Path(1) ? EACCES : 0;
   };
   Put(1, "secret");
   Put(2, "open");
-  SpoolFiles& files = Open(9999, access);
+  SpoolFiles& files = Open();
   EXPECT_EQ(ToText(files.ReadOldestFile()->data), "open");
   EXPECT_EQ(Content(1, 2), "secret open");
 }
@@ -254,15 +248,12 @@ TEST_F(SpoolFilesTest, DefragmentationLeavesAFullRangeAlone) {
 }
 
 TEST_F(SpoolFilesTest, ARenameThatFailsIsSaidAndTheNextGapIsTried) {
-  SpoolFileAccess access;
-  access.rename = [this](const char* from, const char* to) {
-    if (to != Path(1)) return std::rename(from, to);
-    errno = EACCES;
-    return -1;
+  disk_.fault = [this](Call call, const std::string& path) {
+    return call == Call::Rename && path == Path(1) ? EACCES : 0;
   };
   Put(3, "a");
   Put(5, "b");
-  Open(9999, access).DefragFileIndices();
+  Open().DefragFileIndices();
   EXPECT_EQ(Content(1, 5), "- a b - -");
   EXPECT_TRUE(log_.Has(Message::PRIO_ERROR,
                        "]: SpoolStorage: Failed to rename " + Path(3) + " to " + Path(1) + ": Permission denied (13)"))
@@ -270,14 +261,10 @@ TEST_F(SpoolFilesTest, ARenameThatFailsIsSaidAndTheNextGapIsTried) {
 }
 
 TEST_F(SpoolFilesTest, AFileSystemThatRefusesEveryRenameIsNotAskedForEachName) {
-  SpoolFileAccess access;
-  access.rename = [](const char*, const char*) {
-    errno = EROFS;
-    return -1;
-  };
+  disk_.Fail(Call::Rename, EROFS);
   Put(20, "a");
   Put(40, "b");
-  SpoolFiles& files = Open(9999, access);
+  SpoolFiles& files = Open();
   files.DefragFileIndices();
   EXPECT_EQ(log_.Count("SpoolStorage: Failed to rename "), 10);
   EXPECT_EQ(files.FirstIndex(), 20U);
@@ -402,51 +389,152 @@ TEST_F(SpoolFilesTest, AFolderInTheNextNameCostsTheOldestFileOnly) {
 }
 
 TEST_F(SpoolFilesTest, ATornFileIsRemovedAndThePayloadHandedBack) {
-  SpoolFileAccess access;
-  access.write = [](const std::string& path, Bytes data) {
-    const std::string text = ToText(data);
-    auto result = WriteFile(path, ToBytes(text.substr(0, 3)));
-    result->data = std::move(data);
-    result->code = StorageCode::Unknown;
-    return result;
-  };
-  SpoolFiles& files = Open(9999, access);
+  disk_.max_bytes = 3;
+  int writes = 0;
+  disk_.fault = [&](Call call, const std::string&) { return call == Call::Write && ++writes == 2 ? ENOSPC : 0; };
+  SpoolFiles& files = Open();
   Bytes payload = ToBytes("precious");
   EXPECT_EQ(files.Store(payload)->code, StorageCode::Unknown);
   EXPECT_EQ(ToText(payload), "precious");
   EXPECT_FALSE(std::filesystem::exists(Path(1)));
   EXPECT_EQ(files.LastIndex(), 0U);
   EXPECT_EQ(files.DiskUsage(), 0U);
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "]: Storage: Failed to write to " + Path(1) + ": No space left on device"));
+  EXPECT_EQ(files.Store(payload)->code, StorageCode::Success) << "there is room again";
+  EXPECT_EQ(Content(1, 1), "precious");
 }
 
 TEST_F(SpoolFilesTest, ATornFileThatChangedHandsStays) {
-  SpoolFileAccess access;
-  access.write = [this](const std::string& path, Bytes data) {
-    auto result = WriteFile(path, std::move(data));
-    result->code = StorageCode::Unknown;
+  disk_.fault = [this](Call call, const std::string& path) {
+    if (call != Call::Write) return 0;
     std::filesystem::rename(folder_.Write("stranger", "stranger"), path);
-    return result;
+    return ENOSPC;
   };
-  Open(9999, access);
+  Open();
   EXPECT_EQ(Store("text")->code, StorageCode::Unknown);
   EXPECT_EQ(Content(1, 1), "stranger");
 }
 
-TEST_F(SpoolFilesTest, AFileThatIsNotSafeOnDiskDoesNotCount) {
-  SpoolFileAccess access;
-  access.write = [](const std::string& path, Bytes data) {
-    auto result = WriteFile(path, std::move(data));
-    unlink(path.c_str());  // so that it cannot be opened to be synced
-    return result;
-  };
-  SpoolFiles& files = Open(9999, access);
-  Bytes payload = ToBytes("precious");
-  EXPECT_EQ(files.Store(payload)->code, StorageCode::NotFound);
-  EXPECT_EQ(ToText(payload), "precious");
-  EXPECT_EQ(files.LastIndex(), 0U);
+TEST_F(SpoolFilesTest, ATornFileThatCannotBeRemovedIsSaid) {
+  disk_.fault = [](Call call, const std::string&) { return call == Call::Write || call == Call::Unlink ? EIO : 0; };
+  Open();
+  EXPECT_EQ(Store("text")->code, StorageCode::IOError);
   EXPECT_TRUE(
-      log_.Has(Message::PRIO_ERROR, "SpoolStorage: Failed to sync " + Path(1) + ": No such file or directory (2)"))
+      log_.Has(Message::PRIO_ERROR, "]: SpoolStorage: Failed to delete " + Path(1) + ": Input/output error (5)"))
       << log_.All();
+}
+
+TEST_F(SpoolFilesTest, AFileIsSafeOnDiskBeforeItCountsItsContentFirstThenItsName) {
+  Open();
+  Store("text");
+  EXPECT_EQ(disk_.Synced(), (std::vector<std::string>{Path(1), folder_.Path()}));
+  Put(2, "stale");
+  Store("next");
+  EXPECT_EQ(disk_.Synced(), (std::vector<std::string>{Path(1), folder_.Path(), Path(3), folder_.Path()}));
+}
+
+TEST_F(SpoolFilesTest, AFileThatIsNotSafeOnDiskDoesNotCount) {
+  for (const std::string& unsafe : {Path(1), folder_.Path()}) {
+    disk_.fault = [&](Call call, const std::string& path) { return call == Call::Fsync && path == unsafe ? EIO : 0; };
+    SpoolFiles& files = Open();
+    Bytes payload = ToBytes("precious");
+    EXPECT_EQ(files.Store(payload)->code, StorageCode::IOError);
+    EXPECT_EQ(ToText(payload), "precious");
+    EXPECT_EQ(files.LastIndex(), 0U);
+    EXPECT_FALSE(std::filesystem::exists(Path(1)));
+    EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "]: Storage: Failed to sync " + unsafe + ": Input/output error (5)"))
+        << log_.All();
+  }
+}
+
+TEST_F(SpoolFilesTest, AFileSystemWithoutASyncIsGoodEnough) {
+  disk_.Fail(Call::Fsync, EINVAL);
+  Open();
+  EXPECT_EQ(Store("text")->code, StorageCode::Success);
+}
+
+TEST_F(SpoolFilesTest, SignalsAndShortWritesTearNothing) {
+  disk_.max_bytes = 3;
+  std::map<Call, int> calls;
+  disk_.fault = [&](Call call, const std::string&) {
+    const bool blocks = call == Call::Open || call == Call::Read || call == Call::Write || call == Call::Fsync;
+    return blocks && ++calls[call] % 2 == 1 ? EINTR : 0;
+  };
+  SpoolFiles& files = Open();
+  EXPECT_EQ(Store("a text of some length")->code, StorageCode::Success);
+  EXPECT_EQ(ToText(files.ReadOldestFile()->data), "a text of some length");
+  for (const Call call : {Call::Open, Call::Read, Call::Write, Call::Fsync}) EXPECT_GE(calls[call], 2);
+  EXPECT_FALSE(log_.Has(Message::PRIO_ERROR, "")) << log_.All();
+}
+
+TEST_F(SpoolFilesTest, ReachingExactlyTheDiskLimitCleansUp) {
+  limits_.Apply(1, 600, 256);
+  SpoolFiles& files = Open();
+  const std::string quarter(256 * 1024, 'x');
+  for (int i = 0; i < 3; ++i) Store(quarter);
+  Store(quarter.substr(1));
+  EXPECT_EQ(files.DiskUsage(), 1024U * 1024 - 1);
+  EXPECT_EQ(files.FirstIndex(), 1U) << "one byte is left";
+  Store("y");
+  EXPECT_EQ(log_.Count("SpoolStorage: Initiating cleanup..."), 1);
+  EXPECT_EQ(files.FirstIndex(), 3U) << "a whole file does not fit when it ends exactly at the limit";
+  EXPECT_EQ(files.DiskUsage(), 512U * 1024);
+}
+
+TEST_F(SpoolFilesTest, AFileThatIsTooLargeToBeASpoolsIsSetAsideAndTheNextOneIsGiven) {
+  constexpr std::uintmax_t kLargest = 64 * 1024 * 1024;
+  Put(1, "");
+  std::filesystem::resize_file(Path(1), kLargest + 1);
+  Put(2, "");
+  std::filesystem::resize_file(Path(2), kLargest);
+  Put(3, "three");
+  SpoolFiles& files = Open();
+  const auto read = files.ReadOldestFile();
+  EXPECT_EQ(read->path, Path(2)) << "exactly the largest is read";
+  EXPECT_EQ(std::filesystem::file_size(folder_ / "events.aside"), kLargest + 1);
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "]: SpoolStorage: Setting aside " + Path(1) +
+                                                ": 67108865 bytes are more than a spool file has."))
+      << log_.All();
+  EXPECT_EQ(files.DiskUsage(), kLargest + 5);
+  EXPECT_TRUE(files.Delete(*read));
+  EXPECT_EQ(ToText(files.ReadOldestFile()->data), "three");
+}
+
+TEST_F(SpoolFilesTest, OneFileIsKeptAsideAndALargerLimitReadsMore) {
+  limits_.Apply(100, 600, 100);
+  Put(1, "");
+  std::filesystem::resize_file(Path(1), 200 * 1024 * 1024);
+  folder_.Write("events.aside", "earlier");
+  SpoolFiles& files = Open();
+  EXPECT_EQ(files.ReadOldestFile()->data.size(), 200U * 1024 * 1024);
+  limits_.Apply(99, 600, 100);
+  EXPECT_EQ(ReadError(), "SpoolStorage::ReadOldestFile: No such file or directory (2)");
+  EXPECT_EQ(files.FirstIndex(), 0U);
+  EXPECT_EQ(std::filesystem::file_size(folder_ / "events.aside"), 200U * 1024 * 1024);
+}
+
+TEST_F(SpoolFilesTest, AFileThatCannotBeSetAsideHoldsNothingUp) {
+  disk_.Fail(Call::Rename, EROFS);
+  Put(1, "");
+  std::filesystem::resize_file(Path(1), 65 * 1024 * 1024);
+  Put(2, "two");
+  SpoolFiles& files = Open();
+  EXPECT_EQ(ToText(files.ReadOldestFile()->data), "two");
+  EXPECT_EQ(ToText(files.ReadOldestFile()->data), "two");
+}
+
+TEST_F(SpoolFilesTest, DeleteOfAPathWithoutAFolderOrANameIsFalse) {
+  SpoolFiles& files = Open();
+  Store("text");
+  auto read = files.ReadOldestFile();
+  const std::string path = read->path;
+  for (const std::string& odd : {std::string("events.0001"), folder_.Path() + "/", std::string()}) {
+    read->path = odd;
+    EXPECT_FALSE(files.Delete(*read)) << odd;
+  }
+  EXPECT_EQ(log_.Count("Searching for an inode match"), 0);
+  read->path = path;
+  EXPECT_TRUE(files.Delete(*read));
 }
 
 TEST_F(SpoolFilesTest, ClearDeletesEverythingAndStepsOverGaps) {
@@ -472,7 +560,13 @@ TEST_F(SpoolFilesTest, ClearSaysWhereItLostSightOfTheFolder) {
     }
     // The file can go, but what is left cannot be listed.
     const NoMoreDescriptors no_more_descriptors;
-    EXPECT_THROW(files.Clear(), StorageException);
+    try {
+      files.Clear();
+      ADD_FAILURE() << "nothing was thrown";
+    } catch (const StorageException& error) {
+      EXPECT_STREQ(error.what(), "SpoolStorage::RefreshFileIndices: Too many open files (24)");
+      EXPECT_EQ(error.Code(), EMFILE);
+    }
   }
   EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "]: Failed to delete file with index 1")) << log_.All();
   EXPECT_EQ(Content(1, 1), "-");

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -470,6 +471,64 @@ TEST_F(SpoolStorageTest, AFileSizeThatWouldFillTheDiskLimitIsHalved) {
   EXPECT_EQ(Open({1, 60, 5000}).GetMaxFileSize(), kMib / 2);
   EXPECT_TRUE(log_.Has(Message::PRIO_WARNING, "SpoolStorage: Max file size 5120000 does not fit max disk size 1048576"))
       << log_.All();
+}
+
+TEST_F(SpoolStorageTest, WhatWaitsIsNeverMoreThan64MiBHoweverLargeTheDiskLimit) {
+  SpoolStorage& spool = Open({1000, 60, 16 * 1024});
+  const auto release = Block();
+  std::atomic<int> refused{0};
+  const auto count = [&](std::unique_ptr<StorageResult> result) {
+    if (result->code != StorageCode::Success) ++refused;
+  };
+  for (int i = 0; i < 4; ++i) spool.WriteAsync(Bytes(16 * kMib), count);
+  EXPECT_EQ(refused, 0);
+  spool.WriteAsync(Bytes(1), count);
+  EXPECT_EQ(refused, 1);
+  release->Open();
+}
+
+TEST_F(SpoolStorageTest, AFolderThatOthersCanChangeIsOneWarning) {
+  Open();
+  EXPECT_FALSE(log_.Has(Message::PRIO_WARNING, "")) << log_.All();
+  std::filesystem::permissions(folder_.Path(), std::filesystem::perms(0777));
+  Open();
+  EXPECT_TRUE(log_.Has(Message::PRIO_WARNING, "]: SpoolStorage: Others can change what is in " + folder_.Path() +
+                                                  " (mode 777, user " + std::to_string(geteuid()) +
+                                                  "). It should have mode 0700 and user " + std::to_string(geteuid())))
+      << log_.All();
+  EXPECT_EQ(log_.Count("Others can change"), 1);
+}
+
+TEST_F(SpoolStorageTest, AFolderOfSomebodyElseIsOneWarning) {
+  // Only root can give its folder away; for everybody else the root folder is somebody else's.
+  const std::string path = chown(folder_.Path().c_str(), 12345, 0) == 0 ? folder_.Path() : "/";
+  const SpoolStorage spool(scheduler_, path, "events", std::make_unique<FakeDataFormatter>(), {1, 60, 1}, 2, clock_);
+  EXPECT_EQ(log_.Count("SpoolStorage: Others can change what is in " + path), 1) << log_.All();
+}
+
+TEST_F(SpoolStorageTest, AClockThatIsSteppedByADayDoesNotKeepTheCacheFromTheDisk) {
+  constexpr seconds kDay{86'400};
+  SpoolStorage& spool = Open();
+  for (const seconds step : {-kDay, kDay}) {
+    // One item before the step, one after it that the Scheduler has not been told of yet.
+    spool.Write(ToBytes("item"));
+    clock_.Advance(step);
+    scheduler_.OnClockStep(step);
+    ASSERT_TRUE(Eventually([&] { return clock_.EarliestDeadline() == clock_.Now() + seconds(60); }));
+    const std::size_t files = Names().size();
+    clock_.Advance(seconds(60));
+    EXPECT_TRUE(Eventually([&] { return Names().size() == files + 1; }));
+    Drain();
+    clock_.Advance(step);
+    spool.Write(ToBytes("item"));
+    scheduler_.OnClockStep(step);
+    // Set back, it comes at once instead.
+    ASSERT_TRUE(Eventually(
+        [&] { return Names().size() == files + 2 || clock_.EarliestDeadline() == clock_.Now() + seconds(60); }));
+    clock_.Advance(seconds(60));
+    EXPECT_TRUE(Eventually([&] { return Names().size() == files + 2; }));
+    Drain();
+  }
 }
 
 TEST_F(SpoolStorageTest, AFifoInPlaceOfAFileBlocksNobody) {

@@ -2,12 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "tests/fakes/FakeDataFormatter.h"
+#include "tests/fakes/FaultyFiles.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
 
@@ -15,6 +17,7 @@ namespace zagent::common::internal {
 namespace {
 
 using fakes::FakeDataFormatter;
+using fakes::FaultyFiles;
 using fakes::ToBytes;
 using fakes::ToText;
 using Poco::Message;
@@ -36,7 +39,13 @@ class BrokenDataFormatter final : public DataFormatter {
 // A spool of files of at most 1 KiB, without a thread.
 class SpoolWorkerTest : public ::testing::Test {
  protected:
-  SpoolWorkerTest() { limits_.Apply(1, 60, 1); }
+  SpoolWorkerTest() {
+    limits_.Apply(1, 60, 1);
+    disk_.fault = [this](FaultyFiles::Call call, const std::string&) {
+      if (call == FaultyFiles::Call::Write && disk_full_) return ENOSPC;
+      return call == FaultyFiles::Call::Read && unreadable_ ? EACCES : 0;
+    };
+  }
 
   std::unique_ptr<StorageResult> Add(const std::string& text) { return worker_.Add(ToBytes(text)); }
 
@@ -52,32 +61,15 @@ class SpoolWorkerTest : public ::testing::Test {
     return all;
   }
 
-  SpoolFileAccess ScriptedAccess() {
-    SpoolFileAccess access;
-    access.write = [this](const std::string& path, Bytes data) {
-      if (!disk_full_) return WriteFile(path, std::move(data));
-      auto result = std::make_unique<StorageResult>();
-      result->path = path;
-      result->data = std::move(data);
-      result->code = StorageCode::IOError;
-      return result;
-    };
-    access.read = [this](const std::string& path) {
-      auto result = ReadFile(path);
-      if (unreadable_) result->code = StorageCode::PermissionDenied;
-      return result;
-    };
-    return access;
-  }
-
   const fakes::TempFolder folder_;
   const fakes::LogCapture log_;
+  FaultyFiles disk_;
   bool disk_full_ = false;
   bool unreadable_ = false;
   SpoolLimits limits_;
   std::vector<std::uint64_t> syncs_;  // seconds asked for
   SpoolWorker worker_{std::make_unique<FakeDataFormatter>(), SpoolDirectory(folder_.Path(), "events", 9), limits_,
-                      [this](std::uint64_t seconds) { syncs_.push_back(seconds); }, ScriptedAccess()};
+                      [this](std::uint64_t seconds) { syncs_.push_back(seconds); }, disk_};
 };
 
 TEST_F(SpoolWorkerTest, AnItemThatFitsOnlyGoesIntoTheCache) {
@@ -161,10 +153,10 @@ TEST_F(SpoolWorkerTest, WhileTheDiskRefusesOnlyOnePayloadAndOneCacheAreHeld) {
   const std::string full(kKib, 'a');
   EXPECT_EQ(Add(full)->code, StorageCode::Success);
   // The first payload waits for the disk, this item is in the cache.
-  EXPECT_EQ(Add(std::string(kKib, 'b'))->code, StorageCode::IOError);
+  EXPECT_EQ(Add(std::string(kKib, 'b'))->code, StorageCode::Unknown);
   // Now there is no room, and the item comes back.
   const auto refused = Add("c");
-  EXPECT_EQ(refused->code, StorageCode::IOError);
+  EXPECT_EQ(refused->code, StorageCode::Unknown);
   EXPECT_EQ(ToText(refused->data), "c");
   disk_full_ = false;
   worker_.Sync();

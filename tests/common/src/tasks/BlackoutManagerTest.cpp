@@ -56,8 +56,8 @@ std::string Document(const std::string& network, const std::string& activity = k
 std::string OnlyOpen(std::initializer_list<std::size_t> slots) {
   std::string text = kClosed;
   for (const std::size_t slot : slots) {
-    const unsigned value = static_cast<unsigned>(std::stoi(std::string(1, text[slot / 4]), nullptr, 16)) |
-                           8U >> (slot % 4);
+    const unsigned value =
+        static_cast<unsigned>(std::stoi(std::string(1, text[slot / 4]), nullptr, 16)) | 8U >> (slot % 4);
     text[slot / 4] = "0123456789ABCDEF"[value];
   }
   return text;
@@ -97,10 +97,12 @@ TEST_F(BlackoutManagerTest, AnOpenWeekDelaysNothing) {
   for (std::int64_t second = 0; second < 604'800; second += 449) EXPECT_EQ(Wait(manager, second), 0U);
   SetNow(1234);
   EXPECT_FALSE(manager.IsNetworkBlackoutNow("FIM"));
+  EXPECT_TRUE(
+      log_.Has(Message::PRIO_INFORMATION, "]: Reduced Activity Period(RAP) Window settings populated successfully."));
   EXPECT_TRUE(log_.Has(Message::PRIO_INFORMATION,
-                       "]: Reduced Activity Period(RAP) Window settings populated successfully."));
-  EXPECT_TRUE(log_.Has(Message::PRIO_INFORMATION, "]: RAP Manager: New Blackout schedule added for FIM Network "
-                                                  "schedule: " + kOpen + " Activity schedule: " + kOpen))
+                       "]: RAP Manager: New Blackout schedule added for FIM Network "
+                       "schedule: " +
+                           kOpen + " Activity schedule: " + kOpen))
       << log_.All();
 }
 
@@ -125,8 +127,9 @@ TEST_F(BlackoutManagerTest, WaitsForTheStartOfTheNextOpenSlot) {
   EXPECT_EQ(Wait(manager, 101 * 900), 199 * kSlot);
   SetNow(99 * 900);
   EXPECT_TRUE(manager.IsNetworkBlackoutNow("FIM"));
-  EXPECT_TRUE(log_.Has(Message::PRIO_DEBUG, "]: Reduced Activity Period(RAP): Is Module FIM under reduced network "
-                                            "activity period now = 1"))
+  EXPECT_TRUE(log_.Has(Message::PRIO_DEBUG,
+                       "]: Reduced Activity Period(RAP): Is Module FIM under reduced network "
+                       "activity period now = 1"))
       << log_.All();
   EXPECT_TRUE(log_.Has(Message::PRIO_DEBUG, "FIM is currently in RAP mode. seconds to window: 900"));
   EXPECT_TRUE(log_.Has(Message::PRIO_TRACE, "]: RAP: Module FIM windowType = Network"));

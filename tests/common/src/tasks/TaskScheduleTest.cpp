@@ -204,10 +204,11 @@ TEST_F(TaskScheduleTest, ACallOnTheThreadOfTheTasksRunsAtOnce) {
   const auto release = Block();
   tasks_->AddTask([&] {
     order.emplace_back("begin");
-    EXPECT_EQ(tasks_->Call(scheduler_, [&] {
-      order.emplace_back("inner");
-      return 7;
-    }),
+    EXPECT_EQ(tasks_->Call(scheduler_,
+                           [&] {
+                             order.emplace_back("inner");
+                             return 7;
+                           }),
               7);
     EXPECT_THROW(tasks_->Call(scheduler_, []() -> int { throw std::runtime_error("inner"); }), std::runtime_error);
     order.emplace_back("end");
@@ -237,9 +238,8 @@ TEST_F(TaskScheduleTest, ACallThatWaitsForItsTurnEndsWithTheScheduler) {
   // The timer thread is held up, so that no run starts.
   Gate held;
   Gate let_go;
-  const auto holder = std::make_shared<fakes::FakeSchedule>([](fakes::FakeSchedule& self) {
-    self.next = fakes::FakeSchedule::kNever;
-  });
+  const auto holder =
+      std::make_shared<fakes::FakeSchedule>([](fakes::FakeSchedule& self) { self.next = fakes::FakeSchedule::kNever; });
   holder->next = 0;
   holder->start = [&] {
     held.Open();
@@ -298,10 +298,16 @@ TEST_F(TaskScheduleTest, AnAnswerIsGivenOnce) {
     answer.Give(3);
   }
   EXPECT_EQ(given, 1);
-  { const Answer<int> forgotten([&](int value) { given = value; }, [] { return 2; }); }
+  {
+    const Answer<int> forgotten([&](int value) { given = value; }, [] { return 2; });
+  }
   EXPECT_EQ(given, 2);
-  { const Answer<int> nobody(nullptr, [] { return 2; }); }
-  { const Answer<int> failing([](int) { throw std::runtime_error("bad callback"); }, [] { return 2; }); }
+  {
+    const Answer<int> nobody(nullptr, [] { return 2; });
+  }
+  {
+    const Answer<int> failing([](int) { throw std::runtime_error("bad callback"); }, [] { return 2; });
+  }
   EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "Failed to execute background task: bad callback"));
 }
 

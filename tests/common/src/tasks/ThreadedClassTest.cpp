@@ -200,8 +200,8 @@ TEST_F(ThreadedClassTest, PausesAndSaysSoWhileTheProcessIsBusy) {
   wake_ = true;
   loop_.Start();
   ASSERT_TRUE(SleepsFor(milliseconds(1500)));
-  EXPECT_TRUE(log_.Has(Message::PRIO_DEBUG,
-                       "]: Pausing Loopas cpu usage (40) is higher than configured threshold (20)"))
+  EXPECT_TRUE(
+      log_.Has(Message::PRIO_DEBUG, "]: Pausing Loopas cpu usage (40) is higher than configured threshold (20)"))
       << log_.All();
   EXPECT_EQ(loop_.turns, 1);
   Use(40, seconds(2));
@@ -266,8 +266,8 @@ TEST_F(ThreadedClassTest, AMonitorThatFailsEndsTheThread) {
   ASSERT_TRUE(TurnsReach(1));
   loop_.Stop();
   EXPECT_EQ(loop_.turns, 1);
-  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR,
-                       "Uncaught exception when stopping Loop : Failed to parse /proc/stat for CPU usage"))
+  EXPECT_TRUE(
+      log_.Has(Message::PRIO_ERROR, "Uncaught exception when stopping Loop : Failed to parse /proc/stat for CPU usage"))
       << log_.All();
 }
 

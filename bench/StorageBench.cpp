@@ -1,0 +1,173 @@
+// What durable storage costs: the producer's share of a write into a spool, and the spool's own time against plain
+// writes and syncs of the same files. The files lie in a folder of TMPDIR, on whatever disk that is.
+//
+//   storage_bench
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "common/src/storage/SpoolStorage.h"
+#include "common/src/tasks/Scheduler.h"
+#include "common/src/util/UniqueFd.h"
+
+namespace {
+
+using zagent::common::Bytes;
+using zagent::common::DataFormatter;
+using zagent::common::Scheduler;
+using zagent::common::SpoolStorage;
+using zagent::common::StorageCode;
+using zagent::common::StorageResult;
+using zagent::common::util::UniqueFd;
+using SteadyClock = std::chrono::steady_clock;
+
+constexpr std::size_t kItemSize = 512;
+constexpr int kProducedItems = 100'000;
+constexpr std::size_t kFileSize = 100 * 1024;
+constexpr int kFiles = 200;
+constexpr int kRuns = 5;
+
+double Microseconds(SteadyClock::duration duration) {
+  return std::chrono::duration<double, std::micro>(duration).count();
+}
+
+// A folder that goes with its user.
+class Folder {
+ public:
+  Folder() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "ostrel-bench-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp");
+    path_ = pattern;
+  }
+  Folder(const Folder&) = delete;
+  Folder& operator=(const Folder&) = delete;
+  ~Folder() { std::filesystem::remove_all(path_); }
+  [[nodiscard]] const std::string& Path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+// The least that a formatter can do, so that it does not count.
+class JoiningFormatter final : public DataFormatter {
+ public:
+  void Append(const Bytes& data) override { held_.insert(held_.end(), data.begin(), data.end()); }
+  Bytes Finish() override { return held_; }
+  [[nodiscard]] std::size_t Size() const override { return held_.size(); }
+  void Clear() override { held_.clear(); }
+
+ private:
+  Bytes held_;
+};
+
+struct Latency {
+  double median = 0;
+  double p999 = 0;
+};
+
+// One call after the other, as fast as they go, while the spool's thread works off what came before.
+Latency MeasureProducer() {
+  const Folder folder;
+  Scheduler scheduler;
+  scheduler.Start();
+  SpoolStorage spool(scheduler, folder.Path(), "items", std::make_unique<JoiningFormatter>(), {1000, 600, 100});
+  spool.Read();  // the thread is there
+  std::vector<double> costs;
+  costs.reserve(kProducedItems);
+  std::atomic<int> refused{0};
+  for (int i = 0; i < kProducedItems; ++i) {
+    Bytes item(kItemSize, static_cast<unsigned char>(i));
+    const auto begin = SteadyClock::now();
+    spool.WriteAsync(std::move(item), [&refused](std::unique_ptr<StorageResult> result) {
+      if (result->code != StorageCode::Success) ++refused;
+    });
+    costs.push_back(Microseconds(SteadyClock::now() - begin));
+  }
+  spool.Read();
+  if (refused != 0) throw std::runtime_error("the spool refused " + std::to_string(refused) + " items");
+  std::sort(costs.begin(), costs.end());
+  return {costs[costs.size() / 2], costs[costs.size() * 999 / 1000]};
+}
+
+// Seconds from the first item to the last file, for items that just fill the files.
+double MeasureSpool() {
+  const Folder folder;
+  Scheduler scheduler;
+  scheduler.Start();
+  SpoolStorage spool(scheduler, folder.Path(), "items", std::make_unique<JoiningFormatter>(), {1000, 600, 100});
+  spool.Read();
+  std::atomic<int> files{0};
+  const auto begin = SteadyClock::now();
+  // The item that follows a full cache makes a file of it.
+  for (std::size_t i = 0; i <= kFiles * kFileSize / kItemSize; ++i) {
+    spool.WriteAsync(Bytes(kItemSize, 'x'), [&files](std::unique_ptr<StorageResult> result) {
+      if (result->code == StorageCode::Success && !result->path.empty()) ++files;
+    });
+  }
+  spool.Read();
+  const double seconds = Microseconds(SteadyClock::now() - begin) / 1e6;
+  if (files != kFiles) throw std::runtime_error("the spool wrote " + std::to_string(files) + " files");
+  return seconds;
+}
+
+// The same files by hand. Their content is safe then; their names, which the spool makes safe too, may not be.
+double MeasurePlain() {
+  const Folder folder;
+  const Bytes payload(kFileSize, 'x');
+  const auto begin = SteadyClock::now();
+  for (int i = 1; i <= kFiles; ++i) {
+    const std::string name = folder.Path() + "/items." + std::to_string(i);
+    const UniqueFd file(open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (write(file.Get(), payload.data(), payload.size()) != static_cast<ssize_t>(payload.size()) ||
+        fsync(file.Get()) != 0) {
+      throw std::runtime_error("plain write of " + name);
+    }
+  }
+  return Microseconds(SteadyClock::now() - begin) / 1e6;
+}
+
+// Best of a few runs, the two in turns, so that both meet the disk in the same moods.
+std::pair<double, double> BestOfBoth(const std::function<double()>& first, const std::function<double()>& second) {
+  std::pair<double, double> best{first(), second()};
+  for (int run = 1; run < kRuns; ++run) {
+    best.first = std::min(best.first, first());
+    best.second = std::min(best.second, second());
+  }
+  return best;
+}
+
+int Run() {
+  const Latency producer = MeasureProducer();
+  const auto [spool, plain] = BestOfBoth(MeasureSpool, MeasurePlain);
+  std::printf("a producer's WriteAsync of %zu bytes     median %8.2f us   99.9 %% %8.2f us\n", kItemSize,
+              producer.median, producer.p999);
+  std::printf("%d files of %zu bytes through a spool   %8.3f s\n", kFiles, kFileSize, spool);
+  std::printf("the same by plain write and fsync       %8.3f s\n", plain);
+  std::printf("write_async_median_us=%.2f write_async_p999_us=%.2f spool_over_plain=%.3f\n", producer.median,
+              producer.p999, spool / plain);
+  return 0;
+}
+
+}  // namespace
+
+int main() {
+  try {
+    return Run();
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "storage_bench: %s\n", error.what());
+    return 1;
+  }
+}
