@@ -33,7 +33,9 @@ class Tmpfs {
   ~Tmpfs() { umount2(folder_.c_str(), MNT_DETACH); }
 
   void Remount(bool read_only) const {
-    EXPECT_EQ(mount("tmpfs", folder_.c_str(), "tmpfs", read_only ? MS_REMOUNT | MS_RDONLY : static_cast<unsigned long>(MS_REMOUNT), nullptr), 0);
+    EXPECT_EQ(mount("tmpfs", folder_.c_str(), "tmpfs",
+                    read_only ? MS_REMOUNT | MS_RDONLY : static_cast<unsigned long>(MS_REMOUNT), nullptr),
+              0);
   }
 
  private:
@@ -47,8 +49,9 @@ class DiskTest : public ::testing::Test {
   // Files of at most 16 KiB.
   void Open() {
     spool_.reset();
-    spool_ = std::make_unique<SpoolStorage>(scheduler_, folder_.Path(), "items",
-                                            std::make_unique<fakes::FakeDataFormatter>(), SpoolStorage::Limits{1, 60, 16});
+    spool_ =
+        std::make_unique<SpoolStorage>(scheduler_, folder_.Path(), "items",
+                                       std::make_unique<fakes::FakeDataFormatter>(), SpoolStorage::Limits{1, 60, 16});
   }
 
   // Writes the next item. False when the spool refused it, which it hands back then.
@@ -115,8 +118,8 @@ TEST_F(DiskTest, AReadOnlyFolderKeepsItsFilesAndTakesNewOnesLater) {
   int refused = 0;
   for (int i = 0; i < 1000 && refused == 0; ++i) refused += Write() ? 0 : 1;
   EXPECT_EQ(refused, 1);
-  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "]: Storage: Failed to create " + (folder_ / "items.0002") +
-                                                ": Read-only file system (30)"))
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR,
+                       "]: Storage: Failed to create " + (folder_ / "items.0002") + ": Read-only file system (30)"))
       << log_.All();
   auto file = spool_->Read();
   EXPECT_EQ(file->code, StorageCode::Success);
@@ -132,8 +135,8 @@ TEST_F(DiskTest, AFolderThatIsRemovedWhileItRunsCostsItsFilesOnly) {
   const std::string spool_folder = folder_ / "spool";
   std::filesystem::create_directory(spool_folder);
   std::filesystem::permissions(spool_folder, std::filesystem::perms::owner_all);
-  spool_ = std::make_unique<SpoolStorage>(scheduler_, spool_folder, "items", std::make_unique<fakes::FakeDataFormatter>(),
-                                          SpoolStorage::Limits{1, 60, 16});
+  spool_ = std::make_unique<SpoolStorage>(
+      scheduler_, spool_folder, "items", std::make_unique<fakes::FakeDataFormatter>(), SpoolStorage::Limits{1, 60, 16});
   while (!std::filesystem::exists(spool_folder + "/items.0001")) ASSERT_TRUE(Write());
   const std::uint64_t last_of_the_file = accepted_.back() - 1;
   std::filesystem::remove_all(spool_folder);
@@ -146,8 +149,8 @@ TEST_F(DiskTest, AFolderThatIsRemovedWhileItRunsCostsItsFilesOnly) {
   ASSERT_TRUE(Write());
   spool_.reset();
   accepted_.erase(accepted_.begin(), accepted_.begin() + static_cast<std::ptrdiff_t>(last_of_the_file));
-  spool_ = std::make_unique<SpoolStorage>(scheduler_, spool_folder, "items", std::make_unique<fakes::FakeDataFormatter>(),
-                                          SpoolStorage::Limits{1, 60, 16});
+  spool_ = std::make_unique<SpoolStorage>(
+      scheduler_, spool_folder, "items", std::make_unique<fakes::FakeDataFormatter>(), SpoolStorage::Limits{1, 60, 16});
   while (Take()) {
   }
   EXPECT_EQ(taken_, accepted_);

@@ -4,8 +4,8 @@
 //   power-cut begin DATA LOG        makes /dev/dm-0: DATA, with its writes recorded on LOG
 //   power-cut mark TEXT             puts a mark among the writes
 //   power-cut end                   takes /dev/dm-0 away; the record is complete then
-//   power-cut moments LOG COUNT SEED   COUNT random moments after the first mark, a line each: "ENTRY LAST-MARK"
-//   power-cut replay LOG OUT ENTRY  writes to OUT what was on the disk after so many entries of the record
+//   power-cut moments LOG COUNT SEED   COUNT random moments between the first and the last mark, a line each: "ENTRY
+//   LAST-MARK" power-cut replay LOG OUT ENTRY  writes to OUT what was on the disk after so many entries of the record
 //   power-cut check FOLDER LAST     reads the spool "items" of FOLDER to its end: items 1 to LAST are there, whole, in
 //                                   order, once
 #include <fcntl.h>
@@ -114,8 +114,9 @@ constexpr std::uint64_t kDiscard = 1U << 2;
 constexpr std::uint64_t kMark = 1U << 3;
 
 // Calls `visit` for each entry from the first on, until it answers false. `data` is what was written, or a mark's text.
-void Walk(const std::string& log, const std::function<bool(std::uint64_t index, const LogEntry&, const std::string& data,
-                                                           std::uint32_t sector_size)>& visit) {
+void Walk(const std::string& log,
+          const std::function<bool(std::uint64_t index, const LogEntry&, const std::string& data,
+                                   std::uint32_t sector_size)>& visit) {
   std::ifstream in(log, std::ios::binary);
   LogHead head{};
   in.read(reinterpret_cast<char*>(&head), sizeof head);
@@ -126,7 +127,9 @@ void Walk(const std::string& log, const std::function<bool(std::uint64_t index, 
     in.seekg(static_cast<std::streamoff>(at));
     in.read(reinterpret_cast<char*>(&entry), sizeof entry);
     const bool has_sectors = (entry.flags & (kDiscard | kMark)) == 0;
-    std::string data((entry.flags & kMark) != 0 ? entry.data_length : has_sectors ? entry.sectors * head.sector_size : 0,
+    std::string data((entry.flags & kMark) != 0 ? entry.data_length
+                     : has_sectors              ? entry.sectors * head.sector_size
+                                                : 0,
                      '\0');
     if (has_sectors) in.seekg(static_cast<std::streamoff>(at + head.sector_size));
     in.read(data.data(), static_cast<std::streamsize>(data.size()));
@@ -151,9 +154,11 @@ void Moments(const std::string& log, std::uint64_t count, std::uint64_t seed) {
   const auto first = static_cast<std::uint64_t>(
       std::find_if(marks.begin(), marks.end(), [](std::uint64_t mark) { return mark != 0; }) - marks.begin());
   if (first == marks.size()) throw std::runtime_error("nothing was marked");
+  // Nothing is owed anew behind the last mark.
+  const auto end = static_cast<std::uint64_t>(std::find(marks.begin(), marks.end(), marks.back()) - marks.begin()) + 1;
   std::mt19937_64 random(seed);
   for (std::uint64_t i = 0; i < count; ++i) {
-    const std::uint64_t index = first + random() % (marks.size() - first);
+    const std::uint64_t index = first + random() % (end - first);
     std::cout << index + 1 << " " << marks[index] << "\n";
   }
 }
@@ -184,14 +189,16 @@ void Check(const std::string& folder, std::uint64_t last) {
   std::uint64_t next = 1;
   for (auto file = spool.Read(); file->code == StorageCode::Success; file = spool.Read()) {
     const auto numbers = zagent::e2e::ParseItems(file->data);
-    if (!numbers && next <= last) throw std::runtime_error("torn: " + file->path + " before item " + std::to_string(last));
+    if (!numbers && next <= last)
+      throw std::runtime_error("torn: " + file->path + " before item " + std::to_string(last));
     for (const std::uint64_t number : numbers.value_or(std::vector<std::uint64_t>())) {
       if (number != next) throw std::runtime_error(std::to_string(number) + " instead of " + std::to_string(next));
       ++next;
     }
     if (!spool.Delete(std::move(file))) throw std::runtime_error("a file cannot be deleted");
   }
-  if (next <= last) throw std::runtime_error(std::to_string(last - next + 1) + " items are lost from " + std::to_string(next));
+  if (next <= last)
+    throw std::runtime_error(std::to_string(last - next + 1) + " items are lost from " + std::to_string(next));
   std::cout << "items 1 to " << next - 1 << ", owed were " << last << "\n";
 }
 

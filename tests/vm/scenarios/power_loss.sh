@@ -5,19 +5,19 @@
 . /scenario/lib.sh
 
 ITEMS=600
-CUTS=25
+CUTS=12
 SEED=$(date +%s)
 
 for module in brd dm-mod dm-log-writes; do
   case $module in
-    brd) insmod /scenario/modules/brd.ko rd_nr=3 rd_size=65536 ;;
+    brd) insmod /scenario/modules/brd.ko rd_nr=3 rd_size=32768 ;;
     *) insmod "/scenario/modules/$module.ko" ;;
   esac || fail "module" "$module"
 done
 
 step "a file system on a disk whose writes are recorded"
 expect "the disk is recorded" power-cut begin /dev/ram0 /dev/ram1
-mke2fs -q -t ext4 -O has_journal -b 4096 -E nodiscard,lazy_itable_init=0,lazy_journal_init=0 /dev/dm-0 8192 >$LOG/mke2fs.log 2>&1
+/usr/local/bin/mke2fs -q -t ext4 -O has_journal -b 4096 -E nodiscard,lazy_itable_init=0,lazy_journal_init=0 /dev/dm-0 8192 >$LOG/mke2fs.log 2>&1
 mkdir -p /mnt/disk /mnt/cut
 expect "it has a file system" mount -t ext4 /dev/dm-0 /mnt/disk
 mkdir -m 700 /mnt/disk/spool

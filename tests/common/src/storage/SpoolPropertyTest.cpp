@@ -111,9 +111,9 @@ class SpoolPropertyTest : public ::testing::Test {
   }
 
   void Open() {
-    spool_ = std::make_unique<SpoolStorage>(scheduler_, folder_.Path(), "events", std::make_unique<fakes::FakeDataFormatter>(),
-                                            SpoolStorage::Limits{1, kAge.count(), model_.max_file_size / kKib},
-                                            kMaxFileCount, clock_, disk_);
+    spool_ = std::make_unique<SpoolStorage>(
+        scheduler_, folder_.Path(), "events", std::make_unique<fakes::FakeDataFormatter>(),
+        SpoolStorage::Limits{1, kAge.count(), model_.max_file_size / kKib}, kMaxFileCount, clock_, disk_);
   }
 
   std::uint64_t Below(std::uint64_t bound) { return random_() % bound; }
@@ -211,8 +211,8 @@ class SpoolPropertyTest : public ::testing::Test {
 
   // Names that are nobody's, which stay as they are to the end.
   void PutForeignFile() {
-    const std::vector<std::string> names{"events.abc", "events.0", "events.123", "events.00012", "events.0000",
-                                         "events.0031", "others.0001", "events.1e00"};
+    const std::vector<std::string> names{"events.abc",  "events.0",    "events.123",  "events.00012",
+                                         "events.0000", "events.0031", "others.0001", "events.1e00"};
     const std::string name = names[Below(names.size())];
     folder_.Write(name, "foreign " + name);
     foreign_.insert(name);
