@@ -1,0 +1,60 @@
+#pragma once
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "common/src/storage/SqlException.h"
+#include "common/src/storage/SqlHandles.h"
+#include "common/src/storage/SqlRowIterator.h"
+#include "common/src/storage/SqlSharedFormatter.h"
+
+namespace zagent::common::internal {
+
+// One connection to one database file, and the rule that one call is one statement. One thread at a time, but
+// IsDamaged may be asked from any.
+//
+// What SQLite refuses is logged at error level with the statement, and thrown as SqlException. While somebody else has
+// the database locked, a statement waits for up to a quarter of a second.
+class SqlConnection {
+ public:
+  enum class Mode { Existing, Create };
+
+  // Throws SqlException "SqlStorage: Error opening DB: <words>", or "Error creating DB".
+  SqlConnection(const std::string& path, Mode mode);
+
+  // Extended result codes for all that follows.
+  void ExtendResultCodes();
+  // Makes a commit outlive a power loss. Without it the journal's removal is not synced, and a journal that comes back
+  // takes the last transaction with it.
+  void SyncCommits();
+
+  // True when the file holds nothing: new, or a kill came before its first transaction was committed. The first look
+  // into the file: throws when it is no database.
+  bool IsEmpty();
+
+  // One statement that returns no rows.
+  void Execute(const std::string& statement);
+  // All of the statements or, when it throws, none.
+  void ExecuteAll(const std::vector<std::string>& statements);
+  // One statement with its rows; columns are integers or texts, or it throws StorageException.
+  SqlRowIterator Query(const std::string& statement, SqlSharedFormatter& formatter);
+  void Vacuum();
+
+  // True once a statement has met a file that is no database, or a torn one.
+  [[nodiscard]] bool IsDamaged() const { return damaged_; }
+
+ private:
+  StatementHandle Prepare(const std::string& statement);
+  // Runs a fixed text that changes the state of the transaction; returns SQLite's words, empty on success.
+  std::string Control(const char* text);
+  [[noreturn]] void FailToExecute(const std::string& statement, int code);
+  void Commit();
+  void Rollback();
+  SqlException MakeException(const std::string& text, int code);
+
+  DatabaseHandle database_;
+  std::atomic<bool> damaged_{false};
+};
+
+}  // namespace zagent::common::internal
