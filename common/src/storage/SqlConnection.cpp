@@ -118,15 +118,15 @@ StatementHandle SqlConnection::Prepare(const std::string& statement) {
   sqlite3_stmt* raw = nullptr;
   const char* tail = nullptr;
   int code = SQLITE_TOOBIG;
-  std::string words = sqlite3_errstr(code);
   // The length counts the NUL at the end, which spares SQLite a copy of the text.
   if (statement.size() < INT_MAX) {
     code = sqlite3_prepare_v2(database_.get(), statement.c_str(), static_cast<int>(statement.size()) + 1, &raw, &tail);
-    words = code == SQLITE_OK ? "it holds no statement" : sqlite3_errmsg(database_.get());
   }
   StatementHandle prepared(raw);
   if (!prepared) {
-    ZLOG_ERROR("SqlStorage: Failed to compile '" << statement << "': " << words);
+    const char* words = statement.size() < INT_MAX ? sqlite3_errmsg(database_.get()) : sqlite3_errstr(code);
+    ZLOG_ERROR("SqlStorage: Failed to compile '" << statement
+                                                 << "': " << (code == SQLITE_OK ? "it holds no statement" : words));
     throw MakeException("Failed to compile query", code);
   }
   // A NUL within the text ends it for SQLite; what stands behind is a tail as well.
