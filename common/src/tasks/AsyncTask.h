@@ -57,7 +57,7 @@ class AsyncTask {
   void EndRun();
   void JoinFinishedThread();
 
-  const Hooks hooks_;
+  const Hooks hooks_{};
   mutable std::mutex mutex_;
   std::condition_variable idle_;
   std::atomic<State> state_{State::Idle};

@@ -100,7 +100,8 @@ bool TaskSchedule::Await(const Scheduler& scheduler, Task task, std::uint64_t by
     answered_.notify_all();
   });
   const std::uint64_t number = Post(
-      [&ran, task = std::move(task), end = std::move(end)] {
+      // The task goes first, because an Answer in it may only be given then.
+      [&ran, end = std::move(end), task = std::move(task)] {
         ran = true;
         task();
       },
