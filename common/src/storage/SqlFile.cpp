@@ -55,7 +55,7 @@ bool PrepareSqlFile(const std::string& path) {
 }
 
 std::string SetSqlFileAside(const std::string& path) {
-  const std::string aside = path + ".damaged";
+  std::string aside = path + ".damaged";
   // The database last: should it end here, the next start finds it where it was.
   for (const char* part : {"-journal", "-wal", "-shm", ""}) {
     if (rename((path + part).c_str(), (aside + part).c_str()) == 0) continue;

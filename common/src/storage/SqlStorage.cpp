@@ -181,8 +181,7 @@ void SqlStorage::Vacuum() {
 }
 
 void SqlStorage::Write(const std::string& table, const std::string& key, const Bytes& row) {
-  const std::string insert =
-      formatter_->Ask([&](SqlDataFormatter& formatter) { return formatter.Insert(table, key, row); });
+  const std::string insert = Insert(table, key, row);
   Run([&] {
     connection_->Execute(insert);
     if (cache_) cache_->StoreWritten(table, key, row);
@@ -192,13 +191,11 @@ void SqlStorage::Write(const std::string& table, const std::string& key, const B
 void SqlStorage::Write(const std::string& table, const Rows& rows) {
   std::vector<std::string> inserts;
   inserts.reserve(rows.size());
-  for (const auto& [key, row] : rows) {
-    inserts.push_back(formatter_->Ask([&](SqlDataFormatter& formatter) { return formatter.Insert(table, key, row); }));
-  }
+  for (const auto& row : rows) inserts.push_back(Insert(table, row.first, row.second));
   Run([&] {
     connection_->ExecuteAll(inserts);
     if (!cache_) return;
-    for (const auto& [key, row] : rows) cache_->StoreWritten(table, key, row);
+    for (const auto& row : rows) cache_->StoreWritten(table, row.first, row.second);
   });
 }
 
@@ -248,7 +245,7 @@ void SqlStorage::WriteAsync(const std::string& table, const Rows& rows, Callback
   std::uint64_t bytes = 0;
   for (const auto& [key, row] : rows) {
     change->Add(key, &row);
-    inserts.push_back(formatter_->Ask([&](SqlDataFormatter& formatter) { return formatter.Insert(table, key, row); }));
+    inserts.push_back(Insert(table, key, row));
     bytes += inserts.back().size() + kTaskBytes;
   }
   Post([this, inserts = std::move(inserts)](Result&) { connection_->ExecuteAll(inserts); }, std::move(change),
@@ -277,6 +274,10 @@ void SqlStorage::DeleteAsync(const std::string& table, const std::string& key, C
 
 bool SqlStorage::IsDamaged() const {
   return connection_->IsDamaged();
+}
+
+std::string SqlStorage::Insert(const std::string& table, const std::string& key, const Bytes& row) {
+  return formatter_->Ask([&](SqlDataFormatter& formatter) { return formatter.Insert(table, key, row); });
 }
 
 Bytes SqlStorage::Fetch(const std::string& table, const std::string& key) {

