@@ -296,6 +296,7 @@ void Daemon::MainLoop() {
     }
     // Without the control lock: the audit channel's reconnection hook takes it, and a restart stops that channel.
     if (!ProcessExitFlag()) SeeToIntake();
+    if (const auto step = clock_steps_.Check()) scheduler_->OnClockStep(*step);
     intake_report_.TellWhenDue();
   }
 }

@@ -7,6 +7,7 @@
 #include "common/src/config/CommonConfig.h"
 #include "common/src/http/HmacConfig.h"
 #include "common/src/http/HttpService.h"
+#include "common/src/tasks/ClockStepWatch.h"
 #include "common/src/tasks/Scheduler.h"
 #include "src/audit/channels/IOChannel.h"
 #include "src/audit/events/IntakeCounters.h"
@@ -92,6 +93,7 @@ class Daemon final : private CommandTarget {
   IntakeReport intake_report_{intake_counters_};
   std::unique_ptr<IntakeWatch> intake_watch_;
   std::unique_ptr<common::Scheduler> scheduler_;
+  common::ClockStepWatch clock_steps_;
   std::unique_ptr<audit::IOChannel> control_channel_;
   std::unique_ptr<common::CommonConfig> common_config_;
   std::unique_ptr<fim::Config> fim_config_;
