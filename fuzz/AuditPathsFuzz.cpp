@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -13,14 +14,14 @@
 
 #include "fuzz/SilentLog.h"
 #include "src/audit/events/Event.h"
-#include "src/audit/events/NameStart.h"
+#include "src/audit/events/PathFinder.h"
 #include "src/audit/events/PathRecord.h"
 #include "src/audit/events/PathResolution.h"
 
 namespace {
 
-using zagent::audit::internal::NameStart;
 using zagent::audit::internal::NormalisePath;
+using zagent::audit::internal::PathFinder;
 using zagent::audit::internal::PathRecord;
 using zagent::edr::RecordField;
 using zagent::edr::RecordFields;
@@ -82,11 +83,18 @@ void Resolve(const std::string& cwd, const std::string& parent, const std::strin
 }
 
 void UseRecords(const std::string& cwd, const PathRecord& parent, PathRecord object) {
-  for (const std::optional<std::int32_t> fd : {std::optional<std::int32_t>(), std::optional<std::int32_t>(3)}) {
-    const NameStart start{cwd, -1, fd};
-    Try([&] { static_cast<void>(start.ResolveIn(start.FolderOf(parent, object), parent, object)); });
-    Try([&] { static_cast<void>(start.ResolveAlone(object)); });
-    Try([&] { static_cast<void>(start.FolderNamedBy(object)); });
+  internal::FileContext context;
+  context.folders = std::make_shared<internal::FolderIdentities>();
+  context.proc_root = "/nowhere";
+  const PathFinder finder(context, cwd, -1);
+  for (const PathFinder::Start start : {PathFinder::Start(), PathFinder::Start(3)}) {
+    Try([&] {
+      if (const auto folder = finder.FolderOf(parent, object, start)) {
+        static_cast<void>(finder.ResolveIn(*folder, parent, object));
+      }
+    });
+    Try([&] { static_cast<void>(finder.ResolveAlone(object, start, start)); });
+    Try([&] { static_cast<void>(finder.FolderNamedBy(object, start)); });
   }
   Try([&] { object.Combine(parent); });
 }

@@ -15,8 +15,9 @@ namespace zagent::fakes {
 // Makes a FakeEvent with the serial and time of each audit event, whatever it is about, and remembers what it was
 // asked. Used by one thread at a time.
 struct ScriptedEventFactory {
-  std::vector<int> syscalls;  // asked for, in their order
-  std::set<int> unknown;      // answered as unsupported
+  std::vector<int> syscalls;                          // asked for, in their order
+  std::set<int> unknown;                              // answered as unsupported
+  std::vector<audit::internal::BuildResult> results;  // of the next events, which are not built
   bool builds_abends = false;
   std::function<void(int)> interfere;  // runs before an event is made; may throw
 
@@ -31,6 +32,11 @@ struct ScriptedEventFactory {
       }
       if (unknown.count(subject.syscall) != 0) return Result::Unsupported;
       if (interfere) interfere(subject.syscall);
+      if (!results.empty()) {
+        const Result result = results.front();
+        results.erase(results.begin());
+        return result;
+      }
       auto event = std::make_unique<FakeEvent>();
       event->id = source.Id();
       event->timestamp = source.Timestamp();

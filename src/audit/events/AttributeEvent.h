@@ -22,6 +22,8 @@ class AttributeEvent final : public FileEvent {
  private:
   AttributeEvent(const AttributeEvent&) = default;
 
+  [[nodiscard]] common::ImageInfo AsTheCallSaid() const;
+
   std::optional<common::ImageInfo> new_file_;
 };
 

@@ -27,6 +27,7 @@ std::unique_ptr<edr::Event> CreateEvent::Clone() const {
 void CreateEvent::Validate() {
   FileEvent::Validate();
   if (Refusal() != nullptr) return;
+  if (object_type_ == edr::ObjectType::Directory) LearnFolder();
   if (ObjectWord() != TypeWord::None && ObjectWord() != TypeWord::Create) {
     throw edr::EventException("Missing create PATH record for Create event");
   }

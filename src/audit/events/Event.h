@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <utility>
 
@@ -23,9 +24,16 @@ class Event : public edr::PartialEvent {
   // Throws edr::EventException "Missing event ID or timestamp".
   void Validate() override;
 
+  // What a refused event is to those who count.
+  enum class Loss : std::uint8_t {
+    NotBuilt,  // the records do not make an event
+    Unplaced,  // nobody can tell which path is meant
+  };
+
   // Why the records make no event after all; null for a sound event. That a file is gone by the time anybody looks is
   // an ordinary thing, so it is told without an exception. A refused event reaches no consumer.
   [[nodiscard]] const std::string* Refusal() const { return refusal_.Find(); }
+  [[nodiscard]] Loss GetLoss() const { return loss_; }
 
   // The absolute path of `child`: itself when it is absolute, else below `parent`, which may be relative to `cwd` or
   // empty. "." and ".." and doubled separators are taken out by their text alone. Throws edr::EventException.
@@ -40,12 +48,16 @@ class Event : public edr::PartialEvent {
   // there is no such event.
   void Feed(RecordSource& source, RecordKinds wanted);
   // To be followed by nothing: a derived class returns when the Validate of its base has refused.
-  void Refuse(std::string reason) { refusal_.Get(std::move(reason)); }
+  void Refuse(std::string reason, Loss loss = Loss::NotBuilt) {
+    refusal_.Get(std::move(reason));
+    loss_ = loss;
+  }
 
  private:
   std::uint32_t id_ = 0;
   std::int64_t timestamp_ = 0;
   common::util::DeepPtr<std::string> refusal_;
+  Loss loss_ = Loss::NotBuilt;
 };
 
 }  // namespace zagent::audit::internal

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <string_view>
 #include <utility>
 
 #include "common/src/util/DeviceText.h"
@@ -92,11 +93,15 @@ void FileEvent::ParseRecord(int type, const edr::RecordFields& fields) {
   }
 }
 
-std::optional<PathRecord> FileEvent::BuildPath(const edr::RecordFields& fields,
-                                               const std::optional<PathRecord>& parent) const {
-  static const std::string kNoParent;
+std::optional<PathRecord> FileEvent::BuildPath(const edr::RecordFields& fields) const {
+  static constexpr std::string_view kSelf = "/proc/self/";
   try {
-    return PathRecord(fields, cwd_, parent ? parent->path : kNoParent);
+    PathRecord record(fields);
+    // The caller meant itself.
+    if (record.path.starts_with(kSelf)) {
+      record.path.replace(0, kSelf.size(), "/proc/" + std::to_string(GetActorProcessId()) + "/");
+    }
+    return record;
   } catch (const edr::EventException& error) {
     // Not every record is needed: if this one was, the event fails for its lack.
     ZLOG_TRACE(error.what());
@@ -113,19 +118,25 @@ void FileEvent::HoldOrCombine(std::optional<PathRecord>& slot, PathRecord record
 }
 
 TypeWord FileEvent::ParsePath(const edr::RecordFields& fields) {
-  std::optional<PathRecord> record = BuildPath(fields, records_->parent);
+  std::optional<PathRecord> record = BuildPath(fields);
   if (!record) return TypeWord::None;
   const TypeWord word = record->type_word;
-  if (word == TypeWord::None) {
-    ParseItemPath(std::move(*record));
-  } else if (word == TypeWord::Parent) {
-    HoldOrCombine(records_->parent, std::move(*record));
-  } else if (word != TypeWord::Unknown) {
-    MergeObject(std::move(*record));
-  } else {
-    ZLOG_TRACE("Unsupported PATH record in Create event of type: " << TypeWordTextOf(fields));
-  }
+  TakePath(std::move(*record), fields);
   return word;
+}
+
+void FileEvent::TakePath(PathRecord record, const edr::RecordFields& fields) {
+  switch (record.type_word) {
+    case TypeWord::None:
+      return ParseItemPath(std::move(record));
+    case TypeWord::Parent:
+      return HoldOrCombine(records_->parent, std::move(record));
+    case TypeWord::Unknown:
+      ZLOG_TRACE("Unsupported PATH record in Create event of type: " << TypeWordTextOf(fields));
+      return;
+    default:
+      MergeObject(std::move(record));
+  }
 }
 
 void FileEvent::MergeObject(PathRecord record) {
@@ -172,34 +183,86 @@ void FileEvent::Validate() {
 }
 
 void FileEvent::ResolveFile() {
-  const NameStart start = StartOf(DirectoryArgumentOf(Syscall()));
+  const PathFinder finder = Finder();
+  const PathFinder::Start start = StartOf(DirectoryArgumentOf(Syscall()));
   const PathRecord& object = *records_->object;
+  std::optional<std::string> path;
   if (records_->parent) {
-    const PathRecord& record = *records_->parent;
-    const std::string folder = start.FolderOf(record, object);
-    file_ = ImageOf(object, start.ResolveIn(folder, record, object));
-    parent_device_ = record.device;
-    parent_inode_ = record.inode;
+    const PathRecord& parent = *records_->parent;
+    if (const auto folder = finder.FolderOf(parent, object, start)) path = finder.ResolveIn(*folder, parent, object);
+    parent_device_ = parent.device;
+    parent_inode_ = parent.inode;
+  } else {
+    path = finder.ResolveAlone(object, start, ObjectDescriptor());
+  }
+  if (!path) {
+    RefuseUnplaced();
     return;
   }
-  file_ = ImageOf(object, start.ResolveAlone(object));
-  struct stat parent {};
-  if (stat(FolderPart(file_->GetPath()).c_str(), &parent) != 0) {
+  file_ = ImageOf(object, *path);
+  if (!records_->parent) FindParent();
+}
+
+// What is known of the folder spares a look at it, and outlasts it.
+void FileEvent::FindParent() {
+  const std::string folder = FolderPart(file_->GetPath());
+  FolderIdentities* folders = Services().folders.get();
+  std::optional<FileIdentity> parent = folders != nullptr ? folders->FolderAt(folder) : std::nullopt;
+  struct stat found {};
+  if (!parent && stat(folder.c_str(), &found) == 0) {
+    parent = FileIdentity::Of(found);
+    const auto mount = Services().mounts ? Services().mounts->Find(folder) : std::nullopt;
+    if (mount) parent->device = mount->device;
+    // A path through a link is one of several.
+    if (folders != nullptr && lstat(folder.c_str(), &found) == 0 && S_ISDIR(found.st_mode)) {
+      folders->Learn(*parent, folder);
+    }
+  }
+  if (!parent) {
     Refuse("Failed to get parent inode/deviceid for " + GetAction() + " event");
     return;
   }
-  parent_device_ = common::util::DeviceText(parent.st_dev);
-  parent_inode_ = parent.st_ino;
+  parent_device_ = common::util::DeviceText(parent->device);
+  parent_inode_ = parent->inode;
 }
 
-NameStart FileEvent::StartOf(std::optional<std::size_t> directory_argument) const {
-  NameStart start{cwd_, GetActorProcessId(), std::nullopt};
-  if (directory_argument && HasArgument(*directory_argument)) {
-    // AT_FDCWD is negative, and no descriptor is.
-    const auto fd = static_cast<std::int32_t>(Argument(*directory_argument));
-    if (fd >= 0) start.fd = fd;
-  }
-  return start;
+std::optional<std::int32_t> FileEvent::ObjectDescriptor() const {
+  constexpr std::uint32_t kOpenByHandleAt = 304;
+  if (Syscall() == kOpenByHandleAt) return ExitValue();
+  if (!TakesObjectDescriptor(Syscall()) || !HasArgument(0)) return std::nullopt;
+  return static_cast<std::int32_t>(Argument(0));
+}
+
+const FileContext& FileEvent::Services() const {
+  static const FileContext kNone;
+  return context_ ? *context_ : kNone;
+}
+
+void FileEvent::RefuseUnplaced() {
+  Refuse("No trusted path for " + GetAction() + " event with ID " + std::to_string(GetId()), Loss::Unplaced);
+}
+
+void FileEvent::LoseObject(const std::string& text) const {
+  if (!Services().extended_coverage) throw edr::EventException(text);
+  ZLOG_DEBUG(text);
+}
+
+void FileEvent::LearnFolder() const {
+  const std::string& path = file_->GetPath();
+  // A folder that could not be found is called by its inode, which is no name.
+  const bool is_named = !path.ends_with("/inode:" + std::to_string(file_->GetInode()));
+  if (Services().folders && IsSuccessful() && is_named) Services().folders->Learn(Identity(), path);
+}
+
+void FileEvent::ForgetFolder() const {
+  if (Services().folders && IsSuccessful()) Services().folders->Remove(Identity());
+}
+
+PathFinder::Start FileEvent::StartOf(std::optional<std::size_t> directory_argument) const {
+  if (!directory_argument || !HasArgument(*directory_argument)) return std::nullopt;
+  // AT_FDCWD is negative, and no descriptor is.
+  const auto fd = static_cast<std::int32_t>(Argument(*directory_argument));
+  return fd >= 0 ? PathFinder::Start(fd) : std::nullopt;
 }
 
 common::ImageInfo FileEvent::ImageOf(const PathRecord& record, const std::string& path) {
@@ -223,32 +286,47 @@ std::optional<struct stat> FileEvent::LstatPath(const std::string& path) {
 }
 
 bool FileEvent::IsFile(const struct stat& result) const {
-  return result.st_ino == file_->GetInode() && common::util::DeviceText(result.st_dev) == file_->GetDevice();
+  return IsSame(result, file_->GetPath(), Identity(), Services().mounts.get());
+}
+
+void FileEvent::KeepState(const struct stat& result) {
+  state_.emplace(result);
+  // Later looks at the file meet the device that a stat tells, where that is not the record's.
+  if (result.st_dev != DeviceNumberOf(file_->GetDevice())) file_->SetDevice(common::util::DeviceText(result.st_dev));
 }
 
 std::string FileEvent::DiffersText() const {
   return "File " + file_->GetPath() + " differs from the object of the audit event with ID " + std::to_string(GetId());
 }
 
+// False when there is nothing behind the link to look at.
+bool FileEvent::FollowLink(struct stat& result) {
+  const std::unique_ptr<char, Free> target(canonicalize_file_name(file_->GetPath().c_str()));
+  if (!target) {
+    const int error = errno;
+    LoseObject("Failed to resolve link " + file_->GetPath() + " (" + common::util::ErrnoText(error) + ")");
+    return false;
+  }
+  file_->SetPath(target.get());
+  if (stat(target.get(), &result) == 0) return true;
+  const int error = errno;
+  ZLOG_DEBUG("Failed to stat " << file_->GetPath() << " (" << common::util::ErrnoText(error) << ")");
+  return false;
+}
+
 void FileEvent::Stat(bool follow) {
   std::optional<struct stat> result = LstatPath(file_->GetPath());
   if (!result) return;
-  if (S_ISLNK(result->st_mode) && follow) {
-    const std::unique_ptr<char, Free> target(canonicalize_file_name(file_->GetPath().c_str()));
-    if (!target) {
-      const int error = errno;
-      throw edr::EventException("Failed to resolve link " + file_->GetPath() + " (" + common::util::ErrnoText(error) +
-                                ")");
-    }
-    file_->SetPath(target.get());
-    if (stat(target.get(), &*result) != 0) {
-      const int error = errno;
-      ZLOG_DEBUG("Failed to stat " << file_->GetPath() << " (" << common::util::ErrnoText(error) << ")");
-      return;
-    }
+  if (S_ISLNK(result->st_mode) && follow && !IsFile(*result) && !FollowLink(*result)) return;
+  if (!IsFile(*result)) {
+    // What is of another kind was not put in the object's place: the name is not the object's, as with O_TMPFILE.
+    const bool is_of_its_kind = S_ISDIR(result->st_mode) == (object_type_ == edr::ObjectType::Directory);
+    if (!is_of_its_kind) throw edr::EventException(DiffersText());
+    LoseObject(DiffersText());
+    return;
   }
-  if (!IsFile(*result)) throw edr::EventException(DiffersText());
-  state_.emplace(*result);
+  if (S_ISDIR(result->st_mode)) LearnFolder();
+  KeepState(*result);
 }
 
 }  // namespace zagent::audit::internal

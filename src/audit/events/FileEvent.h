@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "src/audit/events/FileContext.h"
-#include "src/audit/events/NameStart.h"
+#include "src/audit/events/PathFinder.h"
 #include "src/audit/events/PathRecord.h"
 #include "src/audit/events/SyscallEvent.h"
 #include "src/edr/process/ImageInfo.h"
@@ -19,7 +19,8 @@ namespace zagent::audit::internal {
 //
 // Audit tells what happened, and the file may have moved on since: every look at the disk is held against the inode and
 // device that the PATH record named, and a file that was replaced counts as gone. A file that is gone is a state and no
-// error: sizes answer -1, times the event's time, digests and content stay empty.
+// error: sizes answer -1, times the event's time, digests and content stay empty. With extended coverage, a file that
+// was replaced is no error either.
 class FileEvent : public SyscallEvent {
  public:
   using Context = std::shared_ptr<const FileContext>;  // null: as an empty one
@@ -83,25 +84,38 @@ class FileEvent : public SyscallEvent {
 
   // Takes over one PATH record by its type word or, on old kernels, by its item number. Answers the type word.
   TypeWord ParsePath(const edr::RecordFields& fields);
+  // Takes over a record that has been built.
+  void TakePath(PathRecord record, const edr::RecordFields& fields);
   // Nothing, with a trace line, for a record that describes no file object.
-  [[nodiscard]] std::optional<PathRecord> BuildPath(const edr::RecordFields& fields,
-                                                    const std::optional<PathRecord>& parent) const;
+  [[nodiscard]] std::optional<PathRecord> BuildPath(const edr::RecordFields& fields) const;
   // Holds `record` in `slot`, or adds it to the one that is held.
   static void HoldOrCombine(std::optional<PathRecord>& slot, PathRecord record);
   // Called once the call and all records are known, before any path is resolved.
   virtual void SettleRecords() {}
 
   // Where a relative name of the call starts from, if argument `directory_argument` says so.
-  [[nodiscard]] NameStart StartOf(std::optional<std::size_t> directory_argument) const;
+  [[nodiscard]] PathFinder::Start StartOf(std::optional<std::size_t> directory_argument) const;
+  [[nodiscard]] PathFinder Finder() const { return {Services(), cwd_, GetActorProcessId()}; }
+  [[nodiscard]] const FileContext& Services() const;
+  // The event is of no use without a path that can be trusted.
+  void RefuseUnplaced();
+  // Throws `text`; with extended coverage the event goes on without what the disk could add, and `text` is told.
+  void LoseObject(const std::string& text) const;
   // The object as the record describes it, at `path`, with the names of its owner and group.
   [[nodiscard]] static common::ImageInfo ImageOf(const PathRecord& record, const std::string& path);
   // Nothing, with a debug line, on failure.
   [[nodiscard]] static std::optional<struct stat> LstatPath(const std::string& path);
   // Whether the result is that of file_.
   [[nodiscard]] bool IsFile(const struct stat& result) const;
+  [[nodiscard]] FileIdentity Identity() const { return {DeviceNumberOf(file_->GetDevice()), file_->GetInode()}; }
+  // Keeps a result that is that of file_.
+  void KeepState(const struct stat& result);
+  // A folder of the call is at the path of file_ since, or no longer anywhere.
+  void LearnFolder() const;
+  void ForgetFolder() const;
 
   // Looks the file up on disk, behind a symbolic link if `follow`, and keeps the result if it is the audited object.
-  // Throws edr::EventException when it is another one.
+  // Loses the object when it is another one. A link that is the audited object itself is not followed.
   void Stat(bool follow);
 
   // Which PATH record described the object: Create, Delete, Normal or None.
@@ -131,6 +145,9 @@ class FileEvent : public SyscallEvent {
   void ParseItemPath(PathRecord record);
   void MergeObject(PathRecord record);
   void ResolveFile();
+  void FindParent();
+  [[nodiscard]] std::optional<std::int32_t> ObjectDescriptor() const;
+  [[nodiscard]] bool FollowLink(struct stat& result);
   [[nodiscard]] Digests GenerateDigests() const;
   [[nodiscard]] std::string DiffersText() const;
 

@@ -29,6 +29,35 @@ std::optional<std::string> FolderIdentities::PathOf(const FileIdentity& folder) 
   return tree_.PathOf(node);
 }
 
+FolderIdentities::Answer FolderIdentities::Ask(const FileIdentity& folder, std::string_view path) {
+  Answer answer;
+  const std::lock_guard lock(mutex_);
+  const FolderTree::Index node = folder.inode == 0 ? kNone : tree_.Find(folder);
+  if (node != kNone) {
+    tree_.Touch(node);
+    answer.is_here = tree_.HasPath(node, path);
+    if (answer.is_here) return answer;
+    answer.elsewhere = tree_.PathOf(node);
+  }
+  if (!IsUsable(path)) return answer;
+  const FolderTree::Index there = tree_.Find(path);
+  answer.is_taken = there != kNone && tree_.IdentityOf(there).inode != 0;
+  return answer;
+}
+
+std::optional<std::string> FolderIdentities::FindNewest(std::size_t most,
+                                                        const std::function<bool(const std::string& path)>& is_it) {
+  const std::lock_guard lock(mutex_);
+  FolderTree::Index node = tree_.Newest();
+  for (std::size_t tried = 0; tried < most && node != kNone; ++tried, node = tree_.NextOlder(node)) {
+    std::string path = tree_.PathOf(node);
+    if (!is_it(path)) continue;
+    tree_.Touch(node);
+    return path;
+  }
+  return std::nullopt;
+}
+
 std::optional<FileIdentity> FolderIdentities::FolderAt(std::string_view path) const {
   if (!IsUsable(path)) return std::nullopt;
   const std::lock_guard lock(mutex_);
@@ -56,6 +85,13 @@ void FolderIdentities::Rename(const FileIdentity& folder, std::string_view from,
         tree_.Remove(at_from);
       }
     }
+  }
+  // Only an empty folder can be replaced: what has content known was exchanged, and its own rename comes next.
+  const FolderTree::Index node = tree_.Find(folder);
+  const FolderTree::Index at_to = tree_.Find(to);
+  if (node != kNone && at_to != kNone && tree_.HasPath(node, from) && tree_.HasContent(at_to) &&
+      !tree_.IsWithin(node, at_to) && !tree_.IsWithin(at_to, node)) {
+    return tree_.Exchange(node, at_to);
   }
   Place(folder, to);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -30,13 +31,27 @@ class FolderIdentities {
   ~FolderIdentities() = default;
 
   [[nodiscard]] std::optional<std::string> PathOf(const FileIdentity& folder);
+  // What is known of a folder that somebody says is at this path.
+  struct Answer {
+    bool is_here = false;                  // he is right
+    std::optional<std::string> elsewhere;  // it is there instead
+    bool is_taken = false;                 // another folder is at this path
+  };
+  // The path may be empty: nobody says anything.
+  [[nodiscard]] Answer Ask(const FileIdentity& folder, std::string_view path);
+  // The first of the folders that were used last, newest first and those above another before it, for which `is_it`
+  // answers true; counts as a use. At most `most` are tried. The mutex is held: `is_it` must not call back.
+  [[nodiscard]] std::optional<std::string> FindNewest(std::size_t most,
+                                                      const std::function<bool(const std::string& path)>& is_it);
+
   // The folder that is known under this path. Whoever finds another one than he was told of must not trust the path.
   [[nodiscard]] std::optional<FileIdentity> FolderAt(std::string_view path) const;
 
   // The folder is at this path: it was made there, or seen there. Another one that was known there is forgotten, and if
   // the folder was known elsewhere it moves.
   void Learn(const FileIdentity& folder, std::string_view path);
-  // A successful rename of a folder. Another one that was known at `to` is forgotten.
+  // A successful rename of a folder. Another one that was known at `to` is forgotten when it was empty for all that is
+  // known, and changes places with the folder when it was not.
   void Rename(const FileIdentity& folder, std::string_view from, std::string_view to);
   // Two paths whose objects, folders or not, changed places.
   void Exchange(std::string_view a, std::string_view b);

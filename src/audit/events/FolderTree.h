@@ -37,8 +37,13 @@ class FolderTree {
   [[nodiscard]] Index ParentOf(Index node) const { return nodes_[node].parent; }
   // Whether `node` is `folder` or lies below it.
   [[nodiscard]] bool IsWithin(Index node, Index folder) const;
+  [[nodiscard]] bool HasContent(Index node) const { return nodes_[node].first_child != kNone; }
   // Inode 0 for a node of a name alone.
   [[nodiscard]] const FileIdentity& IdentityOf(Index node) const { return nodes_[node].identity; }
+
+  // By their last use; the root is always the newest.
+  [[nodiscard]] Index Newest() const { return newest_; }
+  [[nodiscard]] Index NextOlder(Index node) const { return nodes_[node].older; }
 
   // A node for a name that its folder does not have yet. kNone when there is no room for it below its own folders.
   Index Add(Index parent, std::string_view name);

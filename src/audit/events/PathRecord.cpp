@@ -39,14 +39,18 @@ TypeWord TypeWordOf(const edr::RecordFields& fields) {
   return TypeWord::Unknown;
 }
 
-// Where to look for an object that the record does not name.
-std::string FindUnnamed(std::uint64_t inode, const std::string& hint, const std::string& cwd) {
-  if (!hint.empty() && hint.front() == '/') return FindByInode(inode, hint);
-  if (hint.empty() && !cwd.empty()) return FindByInode(inode, cwd);
-  return FindByInode(inode, NormalisePath(cwd + "/" + hint));
+std::string_view WithoutLastSlashes(std::string_view name) {
+  const std::size_t last = name.find_last_not_of('/');
+  return last == std::string_view::npos ? name.substr(0, 1) : name.substr(0, last + 1);
 }
 
 }  // namespace
+
+std::string FindUnnamed(std::uint64_t inode, const std::string& parent_path, const std::string& cwd) {
+  if (!parent_path.empty() && parent_path.front() == '/') return FindByInode(inode, parent_path);
+  if (parent_path.empty() && !cwd.empty()) return FindByInode(inode, cwd);
+  return FindByInode(inode, NormalisePath(cwd + "/" + parent_path));
+}
 
 std::string_view TypeWordTextOf(const edr::RecordFields& fields) {
   return fields.Find(fields.Has(RecordField::ObjType) ? RecordField::ObjType : RecordField::NameType);
@@ -59,7 +63,12 @@ const char* TextOf(TypeWord word) {
   return "";
 }
 
-PathRecord::PathRecord(const edr::RecordFields& fields, const std::string& cwd, const std::string& parent_path) {
+PathRecord::PathRecord(const edr::RecordFields& fields, const std::string& cwd, const std::string& parent_path)
+    : PathRecord(fields) {
+  if (path.empty()) path = FindUnnamed(inode, type_word == TypeWord::Parent ? "" : parent_path, cwd);
+}
+
+PathRecord::PathRecord(const edr::RecordFields& fields) {
   if (!fields.Has(RecordField::Inode)) {
     throw edr::EventException("Cannot create PathRecord without inode information");
   }
@@ -68,9 +77,9 @@ PathRecord::PathRecord(const edr::RecordFields& fields, const std::string& cwd, 
   item = ToNumber<std::uint64_t>(fields.At(RecordField::Item));
   type_word = TypeWordOf(fields);
 
-  path = fields.At(RecordField::Name);
-  if (path == "/proc/self") throw edr::EventException("Got proc/self in path record");
-  if (path.empty()) path = FindUnnamed(inode, type_word == TypeWord::Parent ? "" : parent_path, cwd);
+  const std::string_view name = fields.At(RecordField::Name);
+  if (name == "/proc/self") throw edr::EventException("Got proc/self in path record");
+  path = type_word == TypeWord::Parent ? name : WithoutLastSlashes(name);
 
   const std::string_view mode_text = fields.At(RecordField::Mode);
   const auto mode = ToNumber<std::uint32_t>(mode_text, 8);

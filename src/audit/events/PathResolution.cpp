@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <memory>
 
 #include "common/src/util/DeviceText.h"
@@ -19,6 +20,10 @@ namespace {
 
 struct DirectoryCloser {
   void operator()(DIR* directory) const { closedir(directory); }
+};
+
+struct Free {
+  void operator()(char* text) const { std::free(text); }  // NOLINT: canonicalize_file_name allocates with malloc
 };
 
 struct DirectoryArgument {
@@ -38,7 +43,13 @@ constexpr std::array kDirectoryArguments = {
     DirectoryArgument{268, 0},  // fchmodat
     DirectoryArgument{280, 0},  // utimensat
     DirectoryArgument{316, 0},  // renameat2, of the old name
+    DirectoryArgument{437, 0},  // openat2
+    DirectoryArgument{452, 0},  // fchmodat2
 };
+// ftruncate, fchmod, fchown, fsetxattr, fremovexattr; and fchownat, futimesat, utimensat, fchmodat2 without a name
+constexpr std::array kObjectDescriptorCalls = {77U, 91U, 93U, 190U, 199U, 260U, 261U, 280U, 452U};
+
+constexpr int kMaxEntriesLookedAt = 10'000;
 
 bool Matches(const struct stat& result, const std::string& device, std::uint64_t inode) {
   return result.st_ino == inode && common::util::DeviceText(result.st_dev) == device;
@@ -91,7 +102,9 @@ std::string FolderText(const std::string& name) {
 std::string FindByInode(std::uint64_t inode, const std::string& directory) {
   const std::unique_ptr<DIR, DirectoryCloser> folder(opendir(directory.c_str()));
   if (!folder) return directory + "/" + std::to_string(inode);
-  while (const dirent* entry = readdir(folder.get())) {  // NOLINT(concurrency-mt-unsafe): a stream of its own
+  for (int looked_at = 0; looked_at < kMaxEntriesLookedAt; ++looked_at) {
+    const dirent* entry = readdir(folder.get());  // NOLINT(concurrency-mt-unsafe): a stream of its own
+    if (entry == nullptr) break;
     if (entry->d_ino == inode) return directory + "/" + entry->d_name;
   }
   return "inode:" + std::to_string(inode);
@@ -115,6 +128,30 @@ bool IsObjectAt(const std::string& path, const std::string& device, std::uint64_
   struct stat result {};
   return (lstat(path.c_str(), &result) == 0 && Matches(result, device, inode)) ||
          (stat(path.c_str(), &result) == 0 && Matches(result, device, inode));
+}
+
+bool IsSame(const struct stat& found, const std::string& path, const FileIdentity& object, MountTable* mounts) {
+  if (found.st_ino != object.inode) return false;
+  if (found.st_dev == object.device) return true;
+  const auto mount = mounts != nullptr ? mounts->Find(path) : std::nullopt;
+  return mount && mount->device == object.device;
+}
+
+Leads LeadsTo(const std::string& path, const FileIdentity& object, MountTable* mounts) {
+  struct stat found {};
+  if (lstat(path.c_str(), &found) != 0) return Leads::Nowhere;
+  if (IsSame(found, path, object, mounts)) return Leads::Straight;
+  if (!S_ISLNK(found.st_mode) || stat(path.c_str(), &found) != 0 || found.st_ino != object.inode) {
+    return Leads::Nowhere;
+  }
+  // The mount is that of the target.
+  const std::unique_ptr<char, Free> target(canonicalize_file_name(path.c_str()));
+  return target && IsSame(found, target.get(), object, mounts) ? Leads::ThroughLink : Leads::Nowhere;
+}
+
+bool TakesObjectDescriptor(std::uint32_t syscall) {
+  return std::find(kObjectDescriptorCalls.begin(), kObjectDescriptorCalls.end(), syscall) !=
+         kObjectDescriptorCalls.end();
 }
 
 std::optional<std::size_t> DirectoryArgumentOf(std::uint32_t syscall) {

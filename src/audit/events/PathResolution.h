@@ -1,8 +1,13 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
+
+#include "src/audit/events/FileIdentity.h"
+#include "src/audit/events/MountTable.h"
 
 // Finding out which path an audit record means.
 namespace zagent::audit::internal {
@@ -21,7 +26,7 @@ namespace zagent::audit::internal {
 [[nodiscard]] std::string FolderText(const std::string& name);
 
 // The path of the entry of `directory` with this inode; "<directory>/<inode>" when the folder cannot be read and
-// "inode:<inode>" when it holds no such entry.
+// "inode:<inode>" when it holds no such entry, or none among its first 10,000.
 [[nodiscard]] std::string FindByInode(std::uint64_t inode, const std::string& directory);
 
 // A relative name without the text of its relative parent: audit names the parent "sub/" and the child "sub/f".
@@ -33,7 +38,19 @@ namespace zagent::audit::internal {
 // Whether the path leads to this object, itself or through a symbolic link.
 [[nodiscard]] bool IsObjectAt(const std::string& path, const std::string& device, std::uint64_t inode);
 
+// Whether what was found at `path` is this object. With mounts, the device of the one that holds the path counts as
+// well as the one that was found.
+[[nodiscard]] bool IsSame(const struct stat& found, const std::string& path, const FileIdentity& object,
+                          MountTable* mounts);
+
+// How a path leads to an object.
+enum class Leads { Nowhere, ThroughLink, Straight };
+[[nodiscard]] Leads LeadsTo(const std::string& path, const FileIdentity& object, MountTable* mounts);
+
 // Which argument of the call is the descriptor that relative names of its (first or only) object start from.
 [[nodiscard]] std::optional<std::size_t> DirectoryArgumentOf(std::uint32_t syscall);
+
+// Whether the first argument of the call may be a descriptor of the object itself, which then has no name.
+[[nodiscard]] bool TakesObjectDescriptor(std::uint32_t syscall);
 
 }  // namespace zagent::audit::internal

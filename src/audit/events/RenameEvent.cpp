@@ -60,6 +60,10 @@ void RenameEvent::ParseRecord(int type, const edr::RecordFields& fields) {
     FileEvent::ParseRecord(type, fields);
     return;
   }
+  if (fields.Find(edr::RecordField::Name).empty() && !TypeWordTextOf(fields).empty()) {
+    if (std::optional<PathRecord> record = BuildPath(fields)) ParseUnnamed(std::move(*record));
+    return;
+  }
   // Two parents, the source, perhaps a replaced target, the destination.
   unsigned& paths_seen = destination_->paths_seen;
   switch (paths_seen) {
@@ -81,16 +85,49 @@ void RenameEvent::ParseRecord(int type, const edr::RecordFields& fields) {
   }
 }
 
+// The kernel loses the name of an object that was written with a slash behind it, and all names of an operation through
+// io_uring. Then the folder of each comes right before it.
+void RenameEvent::ParseUnnamed(PathRecord record) {
+  Destination& destination = *destination_;
+  switch (record.type_word) {
+    case TypeWord::Parent:
+      destination.last_folder = std::move(record);
+      break;
+    case TypeWord::Delete:
+      if (!PathRecords().object) {
+        PathRecords().object = std::move(record);
+        destination.source_folder = destination.last_folder;
+        destination.paths_seen = 3;
+      } else {
+        HoldOrCombine(destination.replaced, std::move(record));
+      }
+      break;
+    case TypeWord::Create:
+      TakeDestination(std::move(record), destination.object);
+      destination.own_folder = destination.last_folder;
+      break;
+    default:
+      break;
+  }
+}
+
 void RenameEvent::ParseDestination(const edr::RecordFields& fields) {
-  std::optional<PathRecord> record = BuildPath(fields, destination_->parent);
+  std::optional<PathRecord> record = BuildPath(fields);
   if (!record) return;
   if (record->type_word == TypeWord::None) {
     HoldItemDestination(std::move(*record));
   } else if (std::optional<PathRecord>* slot = destination_->SlotOf(record->type_word)) {
-    HoldOrCombine(*slot, std::move(*record));
+    TakeDestination(std::move(*record), *slot);
   } else {
     ZLOG_TRACE("Unsupported PATH record in Rename event of type: " << TypeWordTextOf(fields));
   }
+}
+
+void RenameEvent::TakeDestination(PathRecord record, std::optional<PathRecord>& slot) {
+  const Destination& destination = *destination_;
+  const bool was_there_before = record.type_word == TypeWord::Create && destination.object && destination.replaced &&
+                                record.IsSameObject(*destination.replaced) && !record.IsSameObject(*destination.object);
+  HoldOrCombine(was_there_before ? destination_->swapped : slot, std::move(record));
 }
 
 std::optional<PathRecord>* RenameEvent::Destination::SlotOf(TypeWord word) {
@@ -121,8 +158,31 @@ void RenameEvent::HoldItemDestination(PathRecord record) {
 
 // The kernel has changed the order of the two PARENT records: their place says less than their names.
 void RenameEvent::SettleRecords() {
-  if (!PathRecords().parent || !destination_->parent || !destination_->object) return;
-  if (ParentsAreCrossed()) std::swap(PathRecords().parent, destination_->parent);
+  std::optional<PathRecord>& source = PathRecords().parent;
+  if (destination_->source_folder || destination_->own_folder) {
+    SettleUnnamed();
+  } else if (source && destination_->parent && destination_->object && ParentsAreCrossed()) {
+    std::swap(source, destination_->parent);
+  }
+}
+
+// Each folder that came right before its object is one of the two named ones, if these were told.
+void RenameEvent::SettleUnnamed() {
+  std::optional<PathRecord>& first = PathRecords().parent;
+  std::optional<PathRecord>& second = destination_->parent;
+  const std::optional<PathRecord>& source = destination_->source_folder;
+  const std::optional<PathRecord>& own = destination_->own_folder;
+  const auto named = [&](const PathRecord& folder) {
+    if (first && first->IsSameObject(folder)) return *first;
+    return second && second->IsSameObject(folder) ? *second : folder;
+  };
+  const auto the_other_than = [&](const PathRecord& folder) {
+    return first && first->IsSameObject(folder) && second ? second : first;
+  };
+  const std::optional<PathRecord> source_folder = source ? named(*source) : the_other_than(*own);
+  const std::optional<PathRecord> own_folder = own ? named(*own) : the_other_than(*source);
+  first = source_folder;
+  second = own_folder;
 }
 
 bool RenameEvent::ParentsAreCrossed() {
@@ -138,9 +198,11 @@ bool RenameEvent::ParentsAreCrossed() {
   if (straight != crossed) return crossed > straight;
   if (first.IsSameObject(second)) return false;
   // Two folders under one name: the call started from descriptors. Ask where they lead.
-  const std::string source = StartOf(DirectoryArgumentOf(Syscall())).FolderNamedBy(source_object);
-  const std::string destination = StartOf(NewDirectoryArgumentOf(Syscall())).FolderNamedBy(new_object);
-  return IsObjectAt(source, second.device, second.inode) || IsObjectAt(destination, first.device, first.inode);
+  const PathFinder finder = Finder();
+  const PathFinder::Start source = StartOf(DirectoryArgumentOf(Syscall()));
+  const PathFinder::Start destination = StartOf(NewDirectoryArgumentOf(Syscall()));
+  return finder.IsAt(finder.FolderNamedBy(source_object, source), second) ||
+         finder.IsAt(finder.FolderNamedBy(new_object, destination), first);
 }
 
 void RenameEvent::Validate() {
@@ -152,22 +214,17 @@ void RenameEvent::Validate() {
   if (!destination_->object || !destination_->parent) {
     throw edr::EventException("Missing/incorrect destination PATH records in Rename event");
   }
-  const PathRecord& object = *destination_->object;
-  PathRecord& parent = *destination_->parent;
-
-  const NameStart start = StartOf(NewDirectoryArgumentOf(Syscall()));
-  const std::string folder = start.FolderOf(parent, object);
-  old_file_.emplace(object.device, file_->GetPermission(), object.inode, file_->GetPath(), file_->GetGroupId(),
-                    file_->GetGroupName(), file_->GetOwnerName(), file_->GetOwnerId(), file_->GetText());
-  file_ = ImageOf(object, start.ResolveIn(folder, parent, object));
+  ResolveDestination();
+  if (Refusal() != nullptr) return;
   if (Syscall() != kRename && Syscall() != kRenameAt && Syscall() != kRenameAt2) {
     throw edr::EventException("Invalid syscall for Rename event: " + std::to_string(Syscall()));
   }
-  // The replaced file is named as the destination is.
-  if (std::optional<PathRecord>& replaced = destination_->replaced) {
-    replaced->path = start.ResolveIn(folder, parent, *replaced);
+  TellFolders();
+  if (destination_->swapped) {
+    throw edr::EventException("Cannot combine records with missing or different inodes");
   }
-  parent.path = ResolvePath(WorkingDirectory(), "", folder);
+  const PathRecord& object = *destination_->object;
+  const PathRecord& parent = *destination_->parent;
   ConfirmDestination(parent);
   if (state_ && object.is_file) static_cast<void>(GetFileType());  // refuses what is no file
 
@@ -177,16 +234,47 @@ void RenameEvent::Validate() {
   parent_inode_ = parent.inode;
 }
 
+void RenameEvent::ResolveDestination() {
+  const PathRecord& object = *destination_->object;
+  PathRecord& parent = *destination_->parent;
+  const PathFinder finder = Finder();
+  const auto folder = finder.FolderOf(parent, object, StartOf(NewDirectoryArgumentOf(Syscall())));
+  if (!folder) {
+    RefuseUnplaced();
+    return;
+  }
+  old_file_.emplace(object.device, file_->GetPermission(), object.inode, file_->GetPath(), file_->GetGroupId(),
+                    file_->GetGroupName(), file_->GetOwnerName(), file_->GetOwnerId(), file_->GetText());
+  file_ = ImageOf(object, finder.ResolveIn(*folder, parent, object));
+  // The replaced file is named as the destination is.
+  if (std::optional<PathRecord>& replaced = destination_->replaced) replaced->path = file_->GetPath();
+  parent.path = ResolvePath(WorkingDirectory(), "", *folder);
+}
+
+// In the order of the records, whether an event comes of them or not.
+void RenameEvent::TellFolders() const {
+  if (!Services().folders || !IsSuccessful()) return;
+  FolderIdentities& folders = *Services().folders;
+  if (destination_->swapped) {
+    folders.Exchange(old_file_->GetPath(), file_->GetPath());
+    return;
+  }
+  if (destination_->object->is_file) return;
+  if (destination_->replaced) folders.Remove(destination_->replaced->Identity());
+  folders.Rename(Identity(), old_file_->GetPath(), file_->GetPath());
+}
+
 void RenameEvent::ConfirmDestination(const PathRecord& parent) {
   if (const auto file = LstatPath(file_->GetPath())) {
-    if (!IsFile(*file)) {
-      throw edr::EventException("File " + file_->GetPath() + " differs from the object of the audit event");
+    if (IsFile(*file)) {
+      KeepState(*file);
+    } else {
+      LoseObject("File " + file_->GetPath() + " differs from the object of the audit event");
     }
-    state_.emplace(*file);
   }
   const auto folder = LstatPath(parent.path);
-  if (folder && (folder->st_ino != parent.inode || common::util::DeviceText(folder->st_dev) != parent.device)) {
-    throw edr::EventException("Directory " + parent.path + " differs from the PARENT object of the audit event");
+  if (folder && !IsSame(*folder, parent.path, parent.Identity(), Services().mounts.get())) {
+    LoseObject("Directory " + parent.path + " differs from the PARENT object of the audit event");
   }
 }
 
@@ -195,7 +283,8 @@ void RenameEvent::SplitReplaced(std::unique_ptr<DeleteEvent>* replaced) {
   if (!object || replaced == nullptr || Refusal() != nullptr) return;
   object->type_word = TypeWord::Delete;
   try {
-    *replaced = std::make_unique<DeleteEvent>(std::move(*object), std::move(*destination_->parent), *this);
+    auto removed = std::make_unique<DeleteEvent>(std::move(*object), std::move(*destination_->parent), *this);
+    if (removed->Refusal() == nullptr) *replaced = std::move(removed);
   } catch (const std::exception& error) {
     ZLOG_DEBUG("Failed to build the delete of the file that event " << GetId() << " replaced: " << error.what());
   }

@@ -35,15 +35,24 @@ class RenameEvent final : public FileEvent {
     std::optional<PathRecord> object;
     std::optional<PathRecord> parent;
     std::optional<PathRecord> replaced;  // the file that stood in the way
+    std::optional<PathRecord> swapped;   // that file under the old name of the other: they were exchanged
     unsigned paths_seen = 0;             // where in the order of the PATH records the parser is, 0 to 3
+
+    // The folders of objects without names, which come right before them; and the last of these.
+    std::optional<PathRecord> source_folder, own_folder, last_folder;
   };
 
   RenameEvent(const RenameEvent& other) : FileEvent(other), old_file_(other.old_file_) {}
 
+  void ParseUnnamed(PathRecord record);
   void ParseDestination(const edr::RecordFields& fields);
+  void TakeDestination(PathRecord record, std::optional<PathRecord>& slot);
   void HoldItemDestination(PathRecord record);
   void SettleRecords() override;
+  void SettleUnnamed();
   [[nodiscard]] bool ParentsAreCrossed();
+  void ResolveDestination();
+  void TellFolders() const;
   void ConfirmDestination(const PathRecord& parent);
   void SplitReplaced(std::unique_ptr<DeleteEvent>* replaced);
 

@@ -144,6 +144,7 @@ std::optional<long long> AuparseFeed::NumberOf(const Record& call) {
 bool AuparseFeed::Build(const EventSubject& subject) {
   const BuildResult result = build_events_(subject, source_, events_);
   if (result == BuildResult::Dropped) counters_.Add(IntakeCounters::Reason::NotBuilt);
+  if (result == BuildResult::Unplaced) counters_.Add(IntakeCounters::Reason::Unplaced);
   return result != BuildResult::Unsupported;
 }
 

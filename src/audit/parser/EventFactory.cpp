@@ -27,7 +27,7 @@ using Builder = BuildResult (*)(RecordSource& source, const Context& context, Ev
 BuildResult Accept(std::unique_ptr<Event> event, Events& events) {
   if (const std::string* refusal = event->Refusal()) {
     ZLOG_DEBUG("Dropping event: " << *refusal);
-    return BuildResult::Dropped;
+    return event->GetLoss() == Event::Loss::Unplaced ? BuildResult::Unplaced : BuildResult::Dropped;
   }
   events.push_back(std::move(event));
   return BuildResult::Built;

@@ -29,6 +29,7 @@ enum class BuildResult {
   Built,
   Unsupported,  // the subject means nothing to the program
   Dropped,      // the records make no event; a debug line has told why
+  Unplaced,     // as Dropped, for lack of a path that can be trusted
 };
 
 // Builds what the audit event at the source means and appends it to `events`. Throws edr::EventException and other

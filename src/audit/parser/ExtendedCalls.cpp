@@ -229,29 +229,25 @@ std::vector<Told> ExtendedCalls::TranslateUring(RecordSource& source) const {
     call.fields.Set(RecordField::Exe, records->Keep(ReadLink(process + "/exe")));
     call.fields.Set(RecordField::Auid, records->Keep(login.empty() ? "4294967295" : login));
   }
-  // Relative to the working folder, for all that is known; an opening that made nothing may have been one for writing.
-  for (std::size_t index = 0; index < 4; ++index) call.fields.SetArgument(index, "ffffff9c");
+  // Relative to a descriptor of which nothing is known; an opening that made nothing may have been one for writing.
+  for (std::size_t index = 0; index < 4; ++index) call.fields.SetArgument(index, "7fffffff");
   if (known->syscall == kOpenat) call.fields.SetArgument(2, "1");
 
-  // The kernel looks twice, and the records of both looks stand between each other: parents first, then what they hold.
-  std::vector<Record> parents;
+  // The kernel looks twice; what it has not found the first time has no inode. Each folder comes right before its
+  // object.
   std::vector<Record> objects;
-  for (Record& record : all.Records()) {
-    if (record.type == record_type::kPath && record.fields.Has(RecordField::Inode)) {
-      (IsPath(record, "PARENT") ? parents : objects).push_back(record);
-    }
+  for (const Record& record : all.Records()) {
+    if (record.type == record_type::kPath && record.fields.Has(RecordField::Inode)) objects.push_back(record);
   }
   int syscall = known->syscall;
   const bool folder_went =
       syscall == kUnlinkat && std::any_of(objects.begin(), objects.end(), [](const Record& object) {
-        return object.fields.Find(RecordField::Mode).starts_with("04");
+        return !IsPath(object, "PARENT") && object.fields.Find(RecordField::Mode).starts_with("04");
       });
   if (folder_went) syscall = kRmdir;
   std::vector<Record>& list = records->Records();
   list.push_back(std::move(call));
   if (const Record* cwd = all.Find(record_type::kCwd)) list.push_back(*cwd);
-  if (!parents.empty()) list.push_back(parents.front());
-  if (parents.size() > 1) list.push_back(parents.back());
   list.insert(list.end(), objects.begin(), objects.end());
   if (const Record* title = all.Find(record_type::kProctitle)) list.push_back(*title);
   return As(syscall, std::move(records));

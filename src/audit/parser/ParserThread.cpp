@@ -19,19 +19,20 @@ constexpr std::size_t kJoinedPiece = 65'536;
 constexpr std::chrono::milliseconds kFlushDelay{100};
 constexpr std::chrono::seconds kCpuPause{1};
 
-ParserThread::Seams ThisMachine(std::shared_ptr<edr::LibMagicWrapper> lib_magic, std::uint64_t cpu_limit,
-                                std::uint64_t memory_limit, common::util::Clock& clock) {
-  return {internal::MakeEventFactory({std::move(lib_magic), std::make_shared<common::util::DigestCache>(clock)}),
+ParserThread::Seams ThisMachine(internal::FileContext context, std::uint64_t cpu_limit, std::uint64_t memory_limit,
+                                common::util::Clock& clock) {
+  if (!context.digests) context.digests = std::make_shared<common::util::DigestCache>(clock);
+  return {internal::MakeEventFactory(std::move(context)),
           [cpu_limit, memory_limit, &clock] { return MakeLoadProbe(cpu_limit, memory_limit, clock); }};
 }
 
 }  // namespace
 
-ParserThread::ParserThread(IOChannel& channel, std::shared_ptr<edr::LibMagicWrapper> lib_magic,
-                           edr::EventRuleEngine& rule_engine, std::uint64_t cpu_limit, std::uint64_t memory_limit,
-                           IntakeReports reports, common::util::Clock& clock)
+ParserThread::ParserThread(IOChannel& channel, internal::FileContext context, edr::EventRuleEngine& rule_engine,
+                           std::uint64_t cpu_limit, std::uint64_t memory_limit, IntakeReports reports,
+                           common::util::Clock& clock)
     : ParserThread(channel, rule_engine, cpu_limit, memory_limit, std::move(reports), clock,
-                   ThisMachine(std::move(lib_magic), cpu_limit, memory_limit, clock)) {}
+                   ThisMachine(std::move(context), cpu_limit, memory_limit, clock)) {}
 
 ParserThread::ParserThread(IOChannel& channel, edr::EventRuleEngine& rule_engine, std::uint64_t cpu_limit,
                            std::uint64_t memory_limit, IntakeReports reports, common::util::Clock& clock, Seams seams)

@@ -12,6 +12,7 @@
 
 #include "common/src/util/Clock.h"
 #include "src/audit/channels/IOChannel.h"
+#include "src/audit/events/FileContext.h"
 #include "src/audit/parser/AuparseFeed.h"
 #include "src/audit/parser/EventProcessingThread.h"
 #include "src/audit/parser/IntakeReports.h"
@@ -36,7 +37,8 @@ class ParserThread {
   };
 
   // Limits in percent. Installs the read callback on the channel, which must be stopped now and when this object goes.
-  ParserThread(IOChannel& channel, std::shared_ptr<edr::LibMagicWrapper> lib_magic, edr::EventRuleEngine& rule_engine,
+  // A context without a cache of digests gets one of its own.
+  ParserThread(IOChannel& channel, internal::FileContext context, edr::EventRuleEngine& rule_engine,
                std::uint64_t cpu_limit, std::uint64_t memory_limit, IntakeReports reports,
                common::util::Clock& clock = common::util::Clock::Real());
   ParserThread(IOChannel& channel, edr::EventRuleEngine& rule_engine, std::uint64_t cpu_limit,

@@ -235,6 +235,10 @@ void Daemon::BuildEngine() {
   process_tree_ = std::make_unique<common::ProcessTree>();
   // Without MAGIC_ERROR a missing file "identifies" as the text of the error.
   lib_magic_ = std::make_shared<LibMagicWrapper>(LibMagicWrapper::kDefaultDatabase, MAGIC_ERROR);
+  folders_ = std::make_shared<audit::internal::FolderIdentities>();
+  mounts_ = std::make_shared<audit::internal::MountTable>();
+  folder_scan_ = std::make_unique<audit::internal::FolderScan>(*folders_, *mounts_);
+  folder_scan_->Start();
   const std::uint64_t allowed_memory_kb = edr_config_->GetMemoryLimit() * common::ReadTotalMemoryKb() / 100;
   audit::RuleEngine::Settings settings{
       .agent_pid = agent_.pid,
@@ -244,7 +248,8 @@ void Daemon::BuildEngine() {
       .sibling_names = audit::RuleEngine::DefaultSiblingNames(),
       // As many as the event stage may hold.
       .max_resting_events = audit::EventProcessingThread::QueueLimitFor(allowed_memory_kb),
-      .extended_coverage = edr_config_->HasExtendedCoverage()};
+      .extended_coverage = edr_config_->HasExtendedCoverage(),
+      .watch_folders = [this](auto folders) { folder_scan_->Watch(std::move(folders)); }};
   auto engine = std::make_unique<audit::RuleEngine>(audit::AuditNetlink::Kernel(), *process_tree_, std::move(settings),
                                                     intake_counters_);
   const auto lock = link_.Lock();
@@ -280,7 +285,12 @@ void Daemon::BuildFim() {
 void Daemon::StartIntake() {
   // The parser first, so that no record is read without a consumer.
   parser_ = std::make_unique<audit::ParserThread>(
-      *audit_channel_, lib_magic_, *rule_engine_, edr_config_->GetCpuLimit(), edr_config_->GetMemoryLimit(),
+      *audit_channel_,
+      audit::internal::FileContext{.lib_magic = lib_magic_,
+                                   .folders = folders_,
+                                   .mounts = mounts_,
+                                   .extended_coverage = edr_config_->HasExtendedCoverage()},
+      *rule_engine_, edr_config_->GetCpuLimit(), edr_config_->GetMemoryLimit(),
       audit::IntakeReports{intake_counters_, [this](const std::string& cause) { intake_watch_->OnEnded(cause); }});
   parser_->Start();
   audit_channel_->Start();
@@ -346,6 +356,9 @@ void Daemon::ShutDown() {
     if (rule_engine_) intake_report_.TellAtEnd();
   });
   Guarded("stop the control channel", [this] { control_channel_->Stop(); });
+  Guarded("stop looking for folders", [this] {
+    if (folder_scan_) folder_scan_->Stop();
+  });
   Guarded("end file integrity monitoring", [this] { fim_.reset(); });
   Guarded("stop the scheduler", [this] { scheduler_->Stop(); });
   Guarded("release the intake", [this] {

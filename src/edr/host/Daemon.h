@@ -10,7 +10,10 @@
 #include "common/src/tasks/ClockStepWatch.h"
 #include "common/src/tasks/Scheduler.h"
 #include "src/audit/channels/IOChannel.h"
+#include "src/audit/events/FolderIdentities.h"
+#include "src/audit/events/FolderScan.h"
 #include "src/audit/events/IntakeCounters.h"
+#include "src/audit/events/MountTable.h"
 #include "src/audit/parser/ParserThread.h"
 #include "src/audit/rules/RuleEngine.h"
 #include "src/edr/Config.h"
@@ -102,6 +105,9 @@ class Daemon final : private CommandTarget {
   std::unique_ptr<audit::IOChannel> audit_channel_;
   std::unique_ptr<common::ProcessTree> process_tree_;
   std::shared_ptr<LibMagicWrapper> lib_magic_;
+  std::shared_ptr<audit::internal::FolderIdentities> folders_;
+  std::shared_ptr<audit::internal::MountTable> mounts_;
+  std::unique_ptr<audit::internal::FolderScan> folder_scan_;  // fills folders_; the rule engine tells it what for
   std::unique_ptr<audit::RuleEngine> rule_engine_;  // set under the control lock: the reconnection hook looks at it
   std::shared_ptr<const common::HmacConfig> hmac_config_;
   std::unique_ptr<common::HttpService> http_service_;

@@ -41,6 +41,7 @@ class ImageInfo {
 
   void SetNames(std::string owner_name, std::string group_name);
   void SetPath(std::string path) { path_ = std::move(path); }
+  void SetDevice(std::string device) { device_ = std::move(device); }
 
  private:
   // What hardly any object is ever asked for.

@@ -95,6 +95,17 @@ TEST_F(FolderIdentitiesTest, ARenameOverAnEmptyFolderEndsThatOne) {
   EXPECT_EQ(PathOf(11), "unknown");
 }
 
+TEST_F(FolderIdentitiesTest, ARenameOntoAFolderWithContentIsHalfOfAnExchange) {
+  folders_.Learn(Folder(10), "/srv/a");
+  folders_.Learn(Folder(11), "/srv/a/sub");
+  folders_.Learn(Folder(20), "/srv/b");
+  folders_.Learn(Folder(21), "/srv/b/sub");
+  folders_.Rename(Folder(10), "/srv/a", "/srv/b");
+  folders_.Rename(Folder(20), "/srv/b", "/srv/a");
+  EXPECT_EQ(PathOf(11), "/srv/b/sub");
+  EXPECT_EQ(PathOf(21), "/srv/a/sub");
+}
+
 TEST_F(FolderIdentitiesTest, FoldersChangePlacesWithAllBelowThem) {
   folders_.Learn(Folder(10), "/srv/a");
   folders_.Learn(Folder(11), "/srv/a/sub");

@@ -230,7 +230,7 @@ TEST_F(RenameEventTest, IsNoEventWhenAnotherFolderIsAtTheDestination) {
   MoveFromAToB(file);
   ASSERT_EQ(rename((folder_ / "b").c_str(), (folder_ / "c").c_str()), 0);
   ASSERT_EQ(mkdir((folder_ / "b").c_str(), 0755), 0);
-  EXPECT_EQ(Error(), "Directory " + folder_.Path() + "/b/ differs from the PARENT object of the audit event");
+  EXPECT_EQ(Error(), "Directory " + (folder_ / "b") + " differs from the PARENT object of the audit event");
 }
 
 TEST_F(RenameEventTest, RefreshesTheFileUnderItsNewName) {

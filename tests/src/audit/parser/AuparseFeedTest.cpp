@@ -133,6 +133,17 @@ TEST_F(AuparseFeedTest, IgnoresCallsOfAnotherArchitecture) {
   EXPECT_THAT(Flushed(), ElementsAre(AuditLog::kMkdir)) << "a record without the field is taken as it is";
 }
 
+TEST_F(AuparseFeedTest, CountsWhatHasNoTrustedPath) {
+  factory_.results = {BuildResult::Unplaced, BuildResult::Dropped};
+  for (int i = 0; i < 2; ++i) {
+    Feed(log_.Event(AuditLog::kMkdir));
+    EXPECT_THAT(Flushed(), IsEmpty());
+  }
+  EXPECT_EQ(counters_.Get(IntakeCounters::Reason::Unplaced), 1U);
+  EXPECT_EQ(counters_.Get(IntakeCounters::Reason::NotBuilt), 1U);
+  EXPECT_EQ(counters_.Get(IntakeCounters::Reason::UnsupportedCall), 0U);
+}
+
 TEST_F(AuparseFeedTest, PassesOverTheEndOfEventRecordsInSilence) {
   Feed("type=EOE msg=audit(1795162409.432:27): \n");
   EXPECT_THAT(Flushed(), IsEmpty());
