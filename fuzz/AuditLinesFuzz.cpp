@@ -48,9 +48,11 @@ class Reader {
  public:
   void Feed(const std::uint8_t* data, std::size_t size) { feed_.Feed(data, size); }
   void Feed(const std::string& text) { Feed(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()); }
+  // Sorted: auparse puts in order what it has at a time, and the rest is left to who takes the events.
   const std::vector<std::string>& Finish() {
     Feed("\n" + kSoundEvent);
     feed_.Flush();
+    std::sort(events_.begin(), events_.end());
     return events_;
   }
 
