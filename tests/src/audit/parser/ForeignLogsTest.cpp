@@ -13,6 +13,10 @@
 #include "tests/fakes/AuditLog.h"
 #include "tests/fakes/LogCapture.h"
 
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/lsan_interface.h>
+#endif
+
 namespace zagent::audit::internal {
 namespace {
 
@@ -20,6 +24,15 @@ using fakes::Replaced;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using Lines = std::vector<std::string>;
+
+// auparse never frees the fields of a record in which it found none: 1152 bytes a damaged line.
+#ifdef __SANITIZE_ADDRESS__
+using LeaksOfAuparse = __lsan::ScopedDisabler;
+#else
+struct LeaksOfAuparse {
+  LeaksOfAuparse() {}  // NOLINT(modernize-use-equals-default): used by being there
+};
+#endif
 
 std::string Text(const Lines& lines) {
   std::string text;
@@ -48,7 +61,10 @@ class ForeignLogsTest : public testing::Test {
     return lines;
   }
 
-  void Feed(const std::string& text) { feed_.Feed(reinterpret_cast<const unsigned char*>(text.data()), text.size()); }
+  void Feed(const std::string& text) {
+    const LeaksOfAuparse expected;
+    feed_.Feed(reinterpret_cast<const unsigned char*>(text.data()), text.size());
+  }
   // "Connect 10.1.2.3 443 of process-actor, processes" and so on, once everything is in.
   Lines Taken() {
     feed_.Flush();
