@@ -106,9 +106,7 @@ write_configuration() {
 configure() { sed -i "s|^\( *\"$1\": \).*[^,]\(,*\)$|\1$2\2|" $CONF/edr.conf.json; }
 
 # extended_coverage BOOLEAN: whether the daemon sees more than by its ordinary rules.
-extended_coverage() {
-  sed -i -e '/"extended_coverage"/d' -e "s|\"edr_config\": {|&\n    \"extended_coverage\": $1,|" $CONF/edr.conf.json
-}
+extended_coverage() { configure extended_coverage "$1"; }
 
 # ---- the agent and the daemon
 

@@ -254,12 +254,12 @@ TEST_F(UringTest, TakesProgramAndLoginFromTheCallOfTheSameEvent) {
   EXPECT_EQ(call.Find(edr::RecordField::Auid), "1001");
 }
 
-TEST_F(UringTest, PutsTheRecordsOfBothLooksIntoTheOrderOfACall) {
+TEST_F(UringTest, LeavesOutTheLookThatFoundNothing) {
   const auto source = Records(
       "35", {{"PARENT", "1"}, {"DELETE", "9"}, {"PARENT", "2"}, {"CREATE", ""}, {"PARENT", "2"}, {"CREATE", "9"}},
       texts_);
   const auto told = calls_.Translate({record_type::kUringOp}, *source);
-  EXPECT_THAT(Words(*told.at(0).records), ElementsAre("PARENT", "PARENT", "DELETE", "CREATE"));
+  EXPECT_THAT(Words(*told.at(0).records), ElementsAre("PARENT", "DELETE", "PARENT", "PARENT", "CREATE"));
 }
 
 TEST_F(UringTest, TellsTheRemovalOfAFolderFromThatOfAFile) {
