@@ -63,10 +63,19 @@ class NoMagic final : public edr::LibMagicWrapper {
   NoMagic() = default;
 };
 
+// As the daemon has it, without a database of file types.
+audit::internal::FileContext Context() {
+  audit::internal::FileContext context;
+  context.lib_magic = std::make_shared<NoMagic>();
+  context.folders = std::make_shared<audit::internal::FolderIdentities>();
+  context.mounts = std::make_shared<audit::internal::MountTable>();
+  return context;
+}
+
 // Builds the log's events and hands them to `keep`, those of a piece at a time.
 void BuildEvents(const std::string& log, const std::function<void(Events&&)>& keep) {
   audit::IntakeCounters counters;
-  AuparseFeed feed(audit::internal::MakeEventFactory({std::make_shared<NoMagic>()}), counters);
+  AuparseFeed feed(audit::internal::MakeEventFactory(Context()), counters);
   InPieces(log, kFeed, [&](const char* data, std::size_t size) {
     feed.Feed(reinterpret_cast<const unsigned char*>(data), size);
     keep(feed.TakeEvents());
@@ -134,7 +143,7 @@ std::size_t RunPipeline(const std::string& log, Reads reads, std::size_t expecte
   CountingEngine engine(expected);
   ReplayChannel channel;
   audit::IntakeCounters counters;
-  audit::ParserThread parser(channel, std::make_shared<NoMagic>(), engine, kNoCpuLimit, kMemoryLimit,
+  audit::ParserThread parser(channel, Context(), engine, kNoCpuLimit, kMemoryLimit,
                              {counters, [](const std::string&) {}});
   parser.Start();
   const auto deliver = [&channel](const char* data, std::size_t size) { channel.Deliver(data, size); };
