@@ -16,7 +16,7 @@ class FakeSqlFormatter : public common::SqlDataFormatter {
     Statements migration{};  // for every older version
     Statements tables{"Items", "Others"};
   };
-  FakeSqlFormatter() = default;
+  FakeSqlFormatter() : FakeSqlFormatter(Schema{}) {}
   explicit FakeSqlFormatter(Schema schema) : schema_(std::move(schema)) {}
 
   static std::string CreateTable(const std::string& table) {
@@ -42,8 +42,9 @@ class FakeSqlFormatter : public common::SqlDataFormatter {
     common::Serializer columns(row);
     const std::string key = columns.GetString();
     const std::int64_t number = columns.GetInteger();
-    return "INSERT or REPLACE INTO " + table + " VALUES (" + Quote(key) + ", " + std::to_string(number) + ", " +
-           Quote(columns.GetString()) + ")";
+    std::string statement = "INSERT or REPLACE INTO ";
+    statement.append(table).append(" VALUES (").append(Quote(key)).append(", ").append(std::to_string(number));
+    return statement.append(", ").append(Quote(columns.GetString())).append(")");
   }
   [[nodiscard]] std::string Select(const std::string& table, const std::string& key) override {
     return "SELECT * from " + table + (key.empty() ? ";" : Where(key));

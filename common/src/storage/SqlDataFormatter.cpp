@@ -1,6 +1,5 @@
 #include "common/src/storage/SqlDataFormatter.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "common/src/storage/Serializer.h"
@@ -29,14 +28,14 @@ std::string SqlDataFormatter::Quote(std::string_view text) {
   std::string quoted;
   quoted.reserve(text.size() + 2);
   quoted += '\'';
-  constexpr std::string_view kSpecial("'\0", 2);
-  while (!text.empty()) {
-    const std::size_t plain = std::min(text.find_first_of(kSpecial), text.size());
-    quoted.append(text.substr(0, plain));
-    text.remove_prefix(plain);
-    if (text.empty()) break;
-    if (text.front() == '\'') quoted += "''";
-    text.remove_prefix(1);
+  if (text.find('\'') == std::string_view::npos && text.find('\0') == std::string_view::npos) {
+    quoted += text;
+  } else {
+    for (const char c : text) {
+      if (c == '\0') continue;
+      if (c == '\'') quoted += '\'';
+      quoted += c;
+    }
   }
   quoted += '\'';
   return quoted;
