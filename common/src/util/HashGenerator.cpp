@@ -118,11 +118,6 @@ HashGenerator::HashGenerator(std::string path, const std::string& device, std::u
   if (S_ISLNK(named.st_mode)) ZLOG_DEBUG("Generating hash for source file for symlink " << path_);
   if (!device.empty() && (opened.st_ino != inode || DeviceText(opened.st_dev) != device)) return;
   if (!S_ISREG(opened.st_mode) || IsInProcfs(fd.Get())) return;
-  if (opened.st_size > kMaxFileSize) {
-    ZLOG_DEBUG("Not generating hashes for " << path_ << ": " << opened.st_size << " bytes are more than "
-                                            << kMaxFileSize);
-    return;
-  }
   digests_ =
       cache != nullptr ? GenerateOrRecall(fd.Get(), opened, kind, *cache) : Generate(fd.Get(), opened.st_size, kind);
 }
@@ -155,6 +150,8 @@ FileDigests HashGenerator::Generate(int fd, std::int64_t size, HashKind kind) co
     if (Wants(kind, one)) passes.push_back(StartPass(path_, one));
   }
   unsigned char* const buffer = ChunkBuffer();
+  // The digest of nothing would be a false one.
+  if (size == 0 && ReadChunk(path_, fd, buffer, 1) > 0) return {};
   for (std::int64_t left = size; left > 0;) {
     const std::size_t count = ReadChunk(path_, fd, buffer, left);
     if (count == 0) break;

@@ -20,12 +20,10 @@ enum class HashKind : std::uint8_t { All = 0, Md5 = 1, Sha1 = 2, Sha256 = 3 };
 // Digests of a file, computed in one pass over it and only if the file that is opened is still the one that was meant.
 // The thread that hashes keeps a buffer of 1 MiB for its next file.
 // What is no regular file (a FIFO, a device) or lies in procfs, whose files may be endless or change by being read, has
-// no digests; neither has a file that was replaced, nor one of more than kMaxFileSize bytes: a sparse file of terabytes
-// costs an attacker nothing and would keep the thread that hashes it for hours.
+// no digests; neither has a file that was replaced, nor one whose size of 0 says nothing of what it holds, as with the
+// files of cgroups.
 class HashGenerator {
  public:
-  static constexpr std::int64_t kMaxFileSize = 1LL << 30;
-
   // Does all the work. `device` as audit writes it ("fd:00"); without it neither device nor inode is checked. A
   // symbolic link is followed. With a cache the file is read only if its state is not known there. Throws
   // HashGeneratorException when the file cannot be opened or read.

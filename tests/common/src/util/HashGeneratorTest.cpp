@@ -100,14 +100,6 @@ TEST_F(HashGeneratorTest, TouchesNoMoreOfItsBufferThanAFileFills) {
   EXPECT_LT(faults, 128) << "a buffer of 1 MiB has 256 pages";
 }
 
-TEST_F(HashGeneratorTest, AFileAboveTheLimitHasNoDigestsAndCostsNoTime) {
-  const std::string file = folder_.Write("sparse", "");
-  ASSERT_EQ(truncate(file.c_str(), HashGenerator::kMaxFileSize + 1), 0);
-  const HashGenerator hashes = HashAs(file, StatOf(file));
-  EXPECT_EQ(ErrorOf([&] { static_cast<void>(hashes.GetMd5()); }), "MD5 for " + file + " does not exist");
-  EXPECT_TRUE(log_.Has("Not generating hashes for " + file + ": 1073741825 bytes are more than 1073741824"));
-}
-
 TEST_F(HashGeneratorTest, ComputesOnlyTheKindThatWasAskedFor) {
   const std::string file = folder_.Write("f", "abc");
   const HashGenerator md5 = HashAs(file, StatOf(file), HashKind::Md5);
