@@ -103,11 +103,12 @@ void AuparseFeed::OnCompleteEvent() {
   const int type = source_.FirstType();
   // An operation through io_uring may stand in the event of the call that started it.
   if (type == record_type::kUringOp && Build({type})) return;
-  // So may the abnormal end of a process in the event of a call: the end is what matters.
-  if (type == record_type::kAnomAbend && Build({type})) return;
+  // So may the abnormal end of a process in the event of the call that killed it, which is told too.
+  const bool is_abend = type == record_type::kAnomAbend && Build({type});
+  if (is_abend) source_.Begin();
   if (const Record* call = source_.FindCall()) {
     BuildFromCall(*call);
-  } else if (type != record_type::kEndOfEvent) {
+  } else if (!is_abend && type != record_type::kEndOfEvent) {
     ZLOG_TRACE("Ignoring event with ID: " << source_.Id() << " record type: " << type);
   }
 }

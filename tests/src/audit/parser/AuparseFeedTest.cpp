@@ -157,6 +157,17 @@ TEST_F(AuparseFeedTest, AsksForAnAbnormalEndWhichIsNoCall) {
   EXPECT_THAT(factory_.syscalls, IsEmpty());
 }
 
+TEST_F(AuparseFeedTest, AsksForTheCallBesideAnAbnormalEndToo) {
+  factory_.builds_abends = true;
+  const std::string abend = fakes::Replaced(log_.Event(AuditLog::kAbend), ":176): ", ":27): ");
+  const std::string stamp = log_.Event(AuditLog::kMkdir);
+  const std::size_t begin = abend.find("audit(") + 6;
+  const std::size_t own = stamp.find("audit(") + 6;
+  Feed(fakes::Replaced(abend, abend.substr(begin, 14), stamp.substr(own, 14)) + stamp);
+  EXPECT_THAT(Flushed(), ElementsAre(AuditLog::kMkdir, AuditLog::kMkdir));
+  EXPECT_THAT(factory_.syscalls, ElementsAre(83));
+}
+
 TEST_F(AuparseFeedTest, IgnoresEventsThatAreNeither) {
   Feed(log_.Event(AuditLog::kAbend));
   EXPECT_THAT(Flushed(), IsEmpty());
