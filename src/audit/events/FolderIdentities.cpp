@@ -1,12 +1,29 @@
 #include "src/audit/events/FolderIdentities.h"
 
+#include <limits.h>
+
+#include <algorithm>
+#include <deque>
+#include <unordered_set>
+#include <utility>
+
 namespace zagent::audit::internal {
 namespace {
 
 constexpr auto kNone = FolderTree::kNone;
 
+// Enough for those who work through trees at the same time.
+constexpr std::size_t kStartsNearby = 8;
+// How many folders are still looked into when that was in vain again and again.
+constexpr std::size_t kFewestNearby = 16;
+
 bool IsUsable(std::string_view path) {
-  return path.starts_with('/') && (path.size() == 1 || !path.ends_with('/'));
+  return path.starts_with('/') && (path.size() == 1 || !path.ends_with('/')) && path.size() <= PATH_MAX;
+}
+
+bool IsWithin(std::string_view path, std::string_view folder) {
+  if (folder == "/") return true;
+  return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
 }
 
 // "" for what lies in the root.
@@ -20,13 +37,45 @@ std::string_view NameOf(std::string_view path) {
 
 }  // namespace
 
+void FolderIdentities::Limit(std::vector<std::string> folders) {
+  const std::lock_guard lock(mutex_);
+  limits_ = std::move(folders);
+  // What lies outside is found from the root, without entering what lies within.
+  std::vector<FolderTree::Index> outside;
+  std::deque<FolderTree::Index> looked_at = {FolderTree::kRoot};
+  while (!looked_at.empty()) {
+    const FolderTree::Index node = looked_at.front();
+    looked_at.pop_front();
+    const std::string path = tree_.PathOf(node);
+    if (Takes(path)) continue;
+    const bool leads_within =
+        std::any_of(limits_->begin(), limits_->end(), [&](const std::string& limit) { return IsWithin(limit, path); });
+    if (!leads_within) {
+      outside.push_back(node);
+      continue;
+    }
+    tree_.SetIdentity(node, {});
+    for (FolderTree::Index child = tree_.FirstChildOf(node); child != kNone; child = tree_.NextSiblingOf(child)) {
+      looked_at.push_back(child);
+    }
+  }
+  // None of them lies above another.
+  for (const FolderTree::Index node : outside) tree_.Remove(node);
+}
+
+void FolderIdentities::Clear() {
+  const std::lock_guard lock(mutex_);
+  tree_.Remove(FolderTree::kRoot);
+}
+
 std::optional<std::string> FolderIdentities::PathOf(const FileIdentity& folder) {
   if (folder.inode == 0) return std::nullopt;
   const std::lock_guard lock(mutex_);
   const FolderTree::Index node = tree_.Find(folder);
   if (node == kNone) return std::nullopt;
   tree_.Touch(node);
-  return tree_.PathOf(node);
+  std::string path = tree_.PathOf(node);
+  return path.empty() ? std::nullopt : std::optional(std::move(path));
 }
 
 FolderIdentities::Answer FolderIdentities::Ask(const FileIdentity& folder, std::string_view path) {
@@ -37,7 +86,10 @@ FolderIdentities::Answer FolderIdentities::Ask(const FileIdentity& folder, std::
     tree_.Touch(node);
     answer.is_here = tree_.HasPath(node, path);
     if (answer.is_here) return answer;
-    answer.elsewhere = tree_.PathOf(node);
+    std::string elsewhere = tree_.PathOf(node);
+    answer.is_taken = elsewhere.empty();
+    if (answer.is_taken) return answer;
+    answer.elsewhere = std::move(elsewhere);
   }
   if (!IsUsable(path)) return answer;
   const FolderTree::Index there = tree_.Find(path);
@@ -45,17 +97,43 @@ FolderIdentities::Answer FolderIdentities::Ask(const FileIdentity& folder, std::
   return answer;
 }
 
-std::optional<std::string> FolderIdentities::FindNewest(std::size_t most,
-                                                        const std::function<bool(const std::string& path)>& is_it) {
+std::vector<std::string> FolderIdentities::FoldersNearby() {
   const std::lock_guard lock(mutex_);
+  std::deque<FolderTree::Index> next;
+  std::unordered_set<FolderTree::Index> seen;
+  const auto add = [&](FolderTree::Index node) {
+    if (node != kNone && seen.size() < nearby_ && seen.insert(node).second) next.push_back(node);
+  };
   FolderTree::Index node = tree_.Newest();
-  for (std::size_t tried = 0; tried < most && node != kNone; ++tried, node = tree_.NextOlder(node)) {
-    std::string path = tree_.PathOf(node);
-    if (!is_it(path)) continue;
-    tree_.Touch(node);
-    return path;
+  for (std::size_t starts = 0; node != kNone && starts < kStartsNearby; node = tree_.NextOlder(node)) {
+    // A use counts for the folders above too, which come right before the one that was meant.
+    const FolderTree::Index older = tree_.NextOlder(node);
+    if (older != kNone && tree_.ParentOf(older) == node) continue;
+    add(node);
+    ++starts;
   }
-  return std::nullopt;
+  std::vector<std::string> folders;
+  for (; !next.empty(); next.pop_front()) {
+    node = next.front();
+    if (std::string path = tree_.PathOf(node); !path.empty()) folders.push_back(std::move(path));
+    for (FolderTree::Index child = tree_.FirstChildOf(node); child != kNone && seen.size() < nearby_;
+         child = tree_.NextSiblingOf(child)) {
+      add(child);
+    }
+    if (node != FolderTree::kRoot) add(tree_.ParentOf(node));
+  }
+  return folders;
+}
+
+void FolderIdentities::FoundNearby(const std::string& path) {
+  const std::lock_guard lock(mutex_);
+  nearby_ = kMostNearby;
+  if (const FolderTree::Index node = tree_.Find(path); node != kNone) tree_.Touch(node);
+}
+
+void FolderIdentities::NotFoundNearby() {
+  const std::lock_guard lock(mutex_);
+  nearby_ = std::max(nearby_ / 2, kFewestNearby);
 }
 
 std::optional<FileIdentity> FolderIdentities::FolderAt(std::string_view path) const {
@@ -69,13 +147,20 @@ std::optional<FileIdentity> FolderIdentities::FolderAt(std::string_view path) co
 void FolderIdentities::Learn(const FileIdentity& folder, std::string_view path) {
   if (folder.inode == 0 || !IsUsable(path)) return;
   const std::lock_guard lock(mutex_);
-  Place(folder, path);
+  if (Takes(path)) Place(folder, path);
 }
 
 void FolderIdentities::Rename(const FileIdentity& folder, std::string_view from, std::string_view to) {
   if (folder.inode == 0 || !IsUsable(from) || !IsUsable(to)) return;
   const std::lock_guard lock(mutex_);
-  if (tree_.Find(folder) == kNone) {
+  const bool is_way_back = last_rename_.from == to && last_rename_.to == from;
+  last_rename_ = {std::string(from), std::string(to)};
+  if (!Takes(to)) {
+    if (const FolderTree::Index node = tree_.Find(folder); node != kNone) tree_.Remove(node);
+    return;
+  }
+  // The other half of an exchange finds at its old path what has just come there.
+  if (tree_.Find(folder) == kNone && !is_way_back) {
     const FolderTree::Index at_from = tree_.Find(from);
     if (at_from != kNone && at_from != FolderTree::kRoot) {
       // The folder was there, so a nameless node is the folder, and any other object is not there any more.
@@ -102,6 +187,11 @@ void FolderIdentities::Exchange(std::string_view a, std::string_view b) {
   const FolderTree::Index at_a = tree_.Find(a);
   const FolderTree::Index at_b = tree_.Find(b);
   if (at_a == kNone && at_b == kNone) return;
+  if (!Takes(a) || !Takes(b)) {
+    if (at_a != kNone) tree_.Remove(at_a);
+    if (const FolderTree::Index left = tree_.Find(b); left != kNone) tree_.Remove(left);
+    return;
+  }
   if (at_a == kNone) return MoveNode(b, a);
   if (at_b == kNone) return MoveNode(a, b);
   if (tree_.IsWithin(at_a, at_b) || tree_.IsWithin(at_b, at_a)) return;
@@ -128,6 +218,7 @@ FolderIdentities::Found FolderIdentities::AddFound(const FileIdentity& parent, s
   const std::lock_guard lock(mutex_);
   const FolderTree::Index parent_node = tree_.Find(parent);
   if (parent_node == kNone) return Found::KnownElsewhere;
+  if (tree_.PathOf(parent_node).size() + 1 + name.size() > PATH_MAX) return Found::KnownElsewhere;
   FolderTree::Index node = tree_.FindChild(parent_node, name);
   const FolderTree::Index known = tree_.Find(folder);
   if (known != kNone) return known == node ? Found::KnownHere : Found::KnownElsewhere;
@@ -143,6 +234,13 @@ FolderIdentities::Found FolderIdentities::AddFound(const FileIdentity& parent, s
 std::size_t FolderIdentities::Size() const {
   const std::lock_guard lock(mutex_);
   return tree_.Size();
+}
+
+// The caller holds the mutex.
+bool FolderIdentities::Takes(std::string_view path) const {
+  if (!limits_) return true;
+  return std::any_of(limits_->begin(), limits_->end(),
+                     [path](const std::string& folder) { return IsWithin(path, folder); });
 }
 
 // The caller holds the mutex; nothing is known at `to`.

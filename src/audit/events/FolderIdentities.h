@@ -1,11 +1,11 @@
 #pragma once
 
 #include <cstddef>
-#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "src/audit/events/FileIdentity.h"
 #include "src/audit/events/FolderTree.h"
@@ -17,32 +17,43 @@ namespace zagent::audit::internal {
 // while they are parsed, and filled from the disk by FolderScan.
 //
 // Bounded: the folders that nobody asked for the longest go first. A folder that is renamed takes all below it along.
-// Each operation costs a few hash look-ups; the size of what moves or goes along does not count, save for removing.
+// Each operation costs a few hash look-ups; the size of what moves or goes along does not count, save for removing and
+// for FoldersNearby.
 //
-// Paths are absolute and normalised; relative ones, and those with a slash at their end, are not taken. Thread-safe,
-// with a mutex of its own.
+// Paths are absolute and normalised; relative ones, those with a slash at their end, and those of more than PATH_MAX
+// bytes are not taken. Thread-safe, with a mutex of its own.
 class FolderIdentities {
  public:
   static constexpr std::size_t kCapacity = 65'536;
+  static constexpr std::size_t kMostNearby = 256;
 
   explicit FolderIdentities(std::size_t capacity = kCapacity) : tree_(capacity) {}
   FolderIdentities(const FolderIdentities&) = delete;
   FolderIdentities& operator=(const FolderIdentities&) = delete;
   ~FolderIdentities() = default;
 
+  // What is outside these folders is neither known nor taken from now on: nobody hears there of what is renamed or
+  // removed. Until the first call everything is taken.
+  void Limit(std::vector<std::string> folders);
+  // Everything is forgotten: what was known is not to be trusted any more.
+  void Clear();
+
   [[nodiscard]] std::optional<std::string> PathOf(const FileIdentity& folder);
   // What is known of a folder that somebody says is at this path.
   struct Answer {
     bool is_here = false;                  // he is right
     std::optional<std::string> elsewhere;  // it is there instead
-    bool is_taken = false;                 // another folder is at this path
+    bool is_taken = false;                 // another folder is at this path, or its own path is too long to be told
   };
   // The path may be empty: nobody says anything.
   [[nodiscard]] Answer Ask(const FileIdentity& folder, std::string_view path);
-  // The first of the folders that were used last, newest first and those above another before it, for which `is_it`
-  // answers true; counts as a use. At most `most` are tried. The mutex is held: `is_it` must not call back.
-  [[nodiscard]] std::optional<std::string> FindNewest(std::size_t most,
-                                                      const std::function<bool(const std::string& path)>& is_it);
+  // Where something may be that a name alone does not tell: the folders that were used last and, going outwards, those
+  // above, below and beside them, for who works through a tree stays in it. kMostNearby of them at most, and fewer
+  // while looking there is in vain.
+  [[nodiscard]] std::vector<std::string> FoldersNearby();
+  // What came of looking into FoldersNearby; where it was found counts as used.
+  void FoundNearby(const std::string& path);
+  void NotFoundNearby();
 
   // The folder that is known under this path. Whoever finds another one than he was told of must not trust the path.
   [[nodiscard]] std::optional<FileIdentity> FolderAt(std::string_view path) const;
@@ -51,7 +62,7 @@ class FolderIdentities {
   // the folder was known elsewhere it moves.
   void Learn(const FileIdentity& folder, std::string_view path);
   // A successful rename of a folder. Another one that was known at `to` is forgotten when it was empty for all that is
-  // known, and changes places with the folder when it was not.
+  // known, and changes places with the folder when it was not. Two renames, one each way, may be an exchange.
   void Rename(const FileIdentity& folder, std::string_view from, std::string_view to);
   // Two paths whose objects, folders or not, changed places.
   void Exchange(std::string_view a, std::string_view b);
@@ -69,11 +80,17 @@ class FolderIdentities {
   [[nodiscard]] std::size_t Size() const;
 
  private:
+  [[nodiscard]] bool Takes(std::string_view path) const;
   void Place(const FileIdentity& folder, std::string_view path);
   void MoveNode(std::string_view from, std::string_view to);
 
   mutable std::mutex mutex_;
   FolderTree tree_;
+  std::optional<std::vector<std::string>> limits_;
+  std::size_t nearby_ = kMostNearby;
+  struct {
+    std::string from, to;
+  } last_rename_;
 };
 
 }  // namespace zagent::audit::internal

@@ -55,6 +55,14 @@ void FolderScan::Watch(std::vector<WatchedFolder> folders) {
   changed_.notify_all();
 }
 
+void FolderScan::StartAgain() {
+  {
+    const std::lock_guard lock(mutex_);
+    is_outdated_ = true;
+  }
+  changed_.notify_all();
+}
+
 nanoseconds FolderScan::OfThisThread() {
   timespec used{};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
@@ -73,17 +81,20 @@ void FolderScan::Run() {
 
 bool FolderScan::AwaitWanted() {
   std::unique_lock lock(mutex_);
-  const auto is_due = [this] { return stopping_ || wanted_.has_value(); };
+  const auto is_due = [this] { return stopping_ || is_outdated_ || wanted_.has_value(); };
   while (!is_due()) clock_.WaitFor(changed_, lock, kIdleWait, is_due);
   return !stopping_;
 }
 
 void FolderScan::TakeWanted() {
   std::optional<std::vector<WatchedFolder>> wanted;
+  bool is_outdated = false;
   {
     const std::lock_guard lock(mutex_);
     wanted.swap(wanted_);
+    is_outdated = std::exchange(is_outdated_, false);
   }
+  if (is_outdated) walk_.StartAgain();
   if (wanted) walk_.Watch(std::move(*wanted));
 }
 

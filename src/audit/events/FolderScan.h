@@ -36,6 +36,9 @@ class FolderScan {
   // What is watched from now on. Returns at once.
   void Watch(std::vector<WatchedFolder> folders);
 
+  // Records were lost, and what is known may be out of date: it is forgotten and looked for anew. Returns at once.
+  void StartAgain();
+
   static std::chrono::nanoseconds OfThisThread();
 
  private:
@@ -55,6 +58,7 @@ class FolderScan {
   std::mutex mutex_;
   std::condition_variable changed_;
   bool stopping_ = false;
+  bool is_outdated_ = false;
   std::optional<std::vector<WatchedFolder>> wanted_;  // until the thread takes it; the newest replaces the older
   std::thread thread_;
 };

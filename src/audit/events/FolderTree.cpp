@@ -1,5 +1,7 @@
 #include "src/audit/events/FolderTree.h"
 
+#include <limits.h>
+
 #include <algorithm>
 #include <random>
 #include <utility>
@@ -63,7 +65,8 @@ FolderTree::Index FolderTree::FindChild(Index parent, std::string_view name) con
 std::string FolderTree::PathOf(Index node) const {
   if (node == kRoot) return "/";
   std::size_t length = 0;
-  for (Index i = node; i != kRoot; i = nodes_[i].parent) length += nodes_[i].name.size() + 1;
+  for (Index i = node; i != kRoot && length <= PATH_MAX; i = nodes_[i].parent) length += nodes_[i].name.size() + 1;
+  if (length > PATH_MAX) return {};
   std::string path(length, '/');
   for (Index i = node; i != kRoot; i = nodes_[i].parent) {
     length -= nodes_[i].name.size();

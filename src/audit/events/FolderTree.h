@@ -31,10 +31,13 @@ class FolderTree {
   [[nodiscard]] Index Find(std::string_view path) const;
   [[nodiscard]] Index FindChild(Index parent, std::string_view name) const;
 
+  // Empty for a path of more than PATH_MAX bytes, which no call could name.
   [[nodiscard]] std::string PathOf(Index node) const;
   // As PathOf(node) == path, without the text.
   [[nodiscard]] bool HasPath(Index node, std::string_view path) const;
   [[nodiscard]] Index ParentOf(Index node) const { return nodes_[node].parent; }
+  [[nodiscard]] Index FirstChildOf(Index node) const { return nodes_[node].first_child; }
+  [[nodiscard]] Index NextSiblingOf(Index node) const { return nodes_[node].next_sibling; }
   // Whether `node` is `folder` or lies below it.
   [[nodiscard]] bool IsWithin(Index node, Index folder) const;
   [[nodiscard]] bool HasContent(Index node) const { return nodes_[node].first_child != kNone; }

@@ -22,12 +22,13 @@ using common::util::UniqueFd;
 
 constexpr int kEntriesAStep = 256;
 
-constexpr std::array<std::string_view, 15> kLeftOut = {"proc",    "sysfs",      "cgroup", "cgroup2", "debugfs",
-                                                       "tracefs", "securityfs", "autofs", "nfs",     "nfs4",
-                                                       "cifs",    "smb3",       "ceph",   "afs",     "fuse"};
+constexpr std::array<std::string_view, 24> kLeftOut = {
+    "proc",   "sysfs",  "cgroup",   "cgroup2", "debugfs", "tracefs",   "securityfs", "autofs",
+    "nfs",    "nfs4",   "cifs",     "smb3",    "ceph",    "afs",       "coda",       "9p",
+    "lustre", "beegfs", "orangefs", "gfs2",    "gpfs",    "glusterfs", "virtiofs",   "ocfs2"};
 
 bool IsLeftOut(const std::optional<MountTable::Mount>& mount) {
-  return mount && (mount->type.starts_with("fuse.") ||
+  return mount && (mount->type.starts_with("fuse") ||
                    std::find(kLeftOut.begin(), kLeftOut.end(), mount->type) != kLeftOut.end());
 }
 
@@ -76,14 +77,28 @@ void FolderWalk::Watch(std::vector<WatchedFolder> folders) {
   for (const WatchedFolder& folder : folders) {
     const bool was_lost = std::any_of(forgotten.begin(), forgotten.end(),
                                       [&](const std::string& path) { return IsWithin(folder.path, path); });
-    const bool is_known = IsCovered(watched_, folder) && !was_lost;
+    const bool is_known = IsCovered(watched_, folder) && !IsMissing(folder) && !was_lost;
     const auto covers = [&](const WatchedFolder& other) { return other != folder && Covers(other, folder); };
     const bool comes_with_another = std::any_of(folders.begin(), folders.end(), covers);
     const bool is_listed = std::find(new_.begin(), new_.end(), folder) != new_.end();
     if (!is_known && !comes_with_another && !is_listed) new_.push_back(folder);
   }
   std::erase_if(new_, [&](const WatchedFolder& folder) { return !IsCovered(folders, folder); });
+  std::vector<std::string> limits;
+  for (const WatchedFolder& folder : folders) limits.push_back(folder.path);
+  identities_.Limit(std::move(limits));
+  missing_.clear();
   watched_ = std::move(folders);
+}
+
+void FolderWalk::StartAgain() {
+  std::vector<WatchedFolder> folders;
+  folders.swap(watched_);
+  new_.clear();
+  found_.clear();
+  open_.stream.reset();
+  identities_.Clear();
+  Watch(std::move(folders));
 }
 
 bool FolderWalk::Step() {
@@ -106,10 +121,13 @@ void FolderWalk::EnterWatched(const WatchedFolder& folder) {
   if (IsLeftOut(mount)) return;
   const UniqueFd fd = OpenForReading(folder.path);
   auto identity = fd ? LookAt(fd.Get(), "") : std::nullopt;
-  if (!identity) return;  // a link, whose target is watched too, or not there yet
+  if (!identity) {  // a link, whose target is watched too, or not there yet
+    missing_.push_back(folder.path);
+    return;
+  }
   if (mount) identity->device = mount->device;
-  // What the records have told meanwhile is newer than this look.
-  if (!identities_.PathOf(*identity) && !identities_.FolderAt(folder.path)) identities_.Learn(*identity, folder.path);
+  // Where the records have told of it meanwhile they are newer than this look.
+  if (!identities_.PathOf(*identity)) identities_.Learn(*identity, folder.path);
   if (folder.with_content) found_.push_back(*identity);
 }
 
@@ -163,6 +181,10 @@ void FolderWalk::TakeEntry(const char* name) {
       found_.clear();
       new_.clear();
   }
+}
+
+bool FolderWalk::IsMissing(const WatchedFolder& folder) const {
+  return std::find(missing_.begin(), missing_.end(), folder.path) != missing_.end();
 }
 
 bool FolderWalk::IsWatchedWithContent(const std::string& path) const {

@@ -25,9 +25,12 @@ class FolderWalk {
  public:
   FolderWalk(FolderIdentities& identities, MountTable& mounts) : identities_(identities), mounts_(mounts) {}
 
-  // What is watched from now on, in place of what was watched before. New folders are on the list then, and what is no
-  // longer watched is forgotten.
+  // What is watched from now on, in place of what was watched before. New folders are on the list then, and so are
+  // those that were not there yet; what is no longer watched is forgotten.
   void Watch(std::vector<WatchedFolder> folders);
+
+  // Forgets what is known and looks at everything anew: records were lost.
+  void StartAgain();
 
   // Opens one folder or looks at a few hundred entries of the open one. False when nothing is left to do.
   bool Step();
@@ -47,14 +50,16 @@ class FolderWalk {
   void Enter(const FileIdentity& identity);
   void ReadEntries();
   void TakeEntry(const char* name);
+  [[nodiscard]] bool IsMissing(const WatchedFolder& folder) const;
   [[nodiscard]] bool IsWatchedWithContent(const std::string& path) const;
 
   FolderIdentities& identities_;
   MountTable& mounts_;
   std::vector<WatchedFolder> watched_;
-  std::deque<WatchedFolder> new_;   // watched ones that were not looked at yet
-  std::deque<FileIdentity> found_;  // below them; as many as the identities hold at most
-  OpenFolder open_;                 // without a stream between two folders
+  std::vector<std::string> missing_;  // watched ones that were not there when they were looked at
+  std::deque<WatchedFolder> new_;     // watched ones that were not looked at yet
+  std::deque<FileIdentity> found_;    // below them; as many as the identities hold at most
+  OpenFolder open_;                   // without a stream between two folders
 };
 
 }  // namespace zagent::audit::internal

@@ -8,10 +8,6 @@
 namespace zagent::audit::internal {
 namespace {
 
-// How many known folders are asked at most for a name that started at a descriptor which nobody can ask any more. Those
-// that were used last come first, and who works through a tree stays in it.
-constexpr std::size_t kMostFoldersAsked = 1'024;
-
 std::string Join(const std::string& folder, const std::string& name) {
   return folder.ends_with('/') ? folder + name : folder + "/" + name;
 }
@@ -29,7 +25,7 @@ std::string PathFinder::AbsoluteText(const std::string& folder) const {
 // Whether the disk has this folder there. A path through a link is one of several and not remembered.
 bool PathFinder::Confirm(const std::string& folder, const FileIdentity& identity) const {
   const Leads leads = LeadsTo(folder, identity, context_.mounts.get());
-  if (leads == Leads::Straight && context_.folders) context_.folders->Learn(identity, folder);
+  if (leads == Leads::Straight && context_.folders && IsCanonical(folder)) context_.folders->Learn(identity, folder);
   return leads != Leads::Nowhere;
 }
 
@@ -44,24 +40,36 @@ std::optional<std::string> PathFinder::FolderOf(const PathRecord& parent, const 
   const auto known = context_.folders ? context_.folders->Ask(identity, text) : FolderIdentities::Answer{};
   if (known.is_here) return text;
   if (!text.empty() && Confirm(text, identity)) return text;
-  if (known.elsewhere) return known.elsewhere;
+  // What is known may have been missed since: a descriptor that still leads there is asked first then.
+  if (known.elsewhere && (!start || IsObject(*known.elsewhere, identity))) return known.elsewhere;
   if (start && !object.path.starts_with('/')) {
     std::string folder = PathOfDescriptor(*start);
     if (!folder.empty() && !parent.path.empty() && !parent.path.starts_with('/')) folder = Join(folder, parent.path);
     folder = AbsoluteText(folder);
     if (!folder.empty() && Confirm(folder, identity)) return folder;
   }
+  if (known.elsewhere) return known.elsewhere;
   if (parent.path.empty()) {
     if (cwd_.empty()) return std::nullopt;
     if (Confirm(cwd_, identity)) return cwd_;
-    return AbsoluteText(FindUnnamed(parent.inode, "", cwd_));
+    std::string found = AbsoluteText(FindUnnamed(parent.inode, "", cwd_));
+    // An inode is one of several of its number. Without any knowledge it is as it was found.
+    if (context_.folders && !IsObject(found, identity)) return std::nullopt;
+    return found;
   }
   if (known.is_taken) return std::nullopt;
   return text.empty() ? parent.path : text;
 }
 
 std::string PathFinder::ResolveIn(const std::string& folder, const PathRecord& parent, const PathRecord& object) const {
-  if (!object.path.empty()) return Event::ResolvePath(cwd_, folder, NameWithinParent(parent.path, object.path));
+  if (!object.path.empty()) {
+    // Who lives below another root, or came through a link, wrote a path of his own.
+    const bool is_elsewhere =
+        object.path.starts_with('/') && !parent.path.empty() && folder != AbsoluteText(parent.path);
+    const std::string name =
+        is_elsewhere ? object.path.substr(object.path.rfind('/') + 1) : NameWithinParent(parent.path, object.path);
+    return Event::ResolvePath(cwd_, folder, name);
+  }
   if (const auto known = KnownPathOf(object)) return *known;
   return NameUnnamedIn(folder, object);
 }
@@ -82,6 +90,10 @@ std::string PathFinder::NameUnnamedIn(const std::string& folder, const PathRecor
 std::optional<std::string> PathFinder::ResolveAlone(const PathRecord& object, const Start& start,
                                                     std::optional<std::int32_t> descriptor) const {
   if (object.path.empty()) return ResolveUnnamed(object, descriptor);
+  // The name of a descriptor that its process has closed since.
+  if (object.path.starts_with("/proc/") && FolderText(object.path).ends_with("/fd/") && !IsAt(object.path, object)) {
+    if (auto known = KnownPathOf(object)) return known;
+  }
   if (start && !object.path.starts_with('/')) return ResolveFromDescriptor(object, *start);
   return Event::ResolvePath(cwd_, "", object.path);
 }
@@ -111,9 +123,12 @@ std::optional<std::string> PathFinder::ResolveFromDescriptor(const PathRecord& o
   std::string written = cwd_.empty() ? std::string() : Event::ResolvePath(cwd_, "", object.path);
   if (!written.empty() && IsAt(written, object)) return written;
   if (context_.folders) {
-    const auto is_there = [&](const std::string& known) { return IsAt(Join(known, object.path), object); };
-    const auto found = context_.folders->FindNewest(kMostFoldersAsked, is_there);
-    if (found) return NormalisePath(Join(*found, object.path));
+    for (const std::string& known : context_.folders->FoldersNearby()) {
+      if (!IsAt(Join(known, object.path), object)) continue;
+      context_.folders->FoundNearby(known);
+      return NormalisePath(Join(known, object.path));
+    }
+    context_.folders->NotFoundNearby();
     return std::nullopt;
   }
   if (written.empty()) return std::nullopt;

@@ -43,11 +43,14 @@ class PathFinder {
   [[nodiscard]] std::string FolderNamedBy(const PathRecord& object, const Start& start) const;
 
   [[nodiscard]] bool IsAt(const std::string& path, const PathRecord& object) const {
-    return LeadsTo(path, object.Identity(), context_.mounts.get()) != Leads::Nowhere;
+    return IsObject(path, object.Identity());
   }
 
  private:
   [[nodiscard]] std::string AbsoluteText(const std::string& folder) const;
+  [[nodiscard]] bool IsObject(const std::string& path, const FileIdentity& identity) const {
+    return LeadsTo(path, identity, context_.mounts.get()) != Leads::Nowhere;
+  }
   [[nodiscard]] bool Confirm(const std::string& folder, const FileIdentity& identity) const;
   [[nodiscard]] std::string PathOfDescriptor(std::int32_t fd) const;
   [[nodiscard]] std::optional<std::string> KnownPathOf(const PathRecord& object) const;

@@ -43,11 +43,10 @@ constexpr std::array kDirectoryArguments = {
     DirectoryArgument{268, 0},  // fchmodat
     DirectoryArgument{280, 0},  // utimensat
     DirectoryArgument{316, 0},  // renameat2, of the old name
-    DirectoryArgument{437, 0},  // openat2
-    DirectoryArgument{452, 0},  // fchmodat2
 };
-// ftruncate, fchmod, fchown, fsetxattr, fremovexattr; and fchownat, futimesat, utimensat, fchmodat2 without a name
-constexpr std::array kObjectDescriptorCalls = {77U, 91U, 93U, 190U, 199U, 260U, 261U, 280U, 452U};
+// ftruncate, and what is told as write; fchmod, fchown, fsetxattr, fremovexattr; and without a name fchownat,
+// futimesat, fchmodat, utimensat
+constexpr std::array kObjectDescriptorCalls = {77U, 1U, 91U, 93U, 190U, 199U, 260U, 261U, 268U, 280U};
 
 constexpr int kMaxEntriesLookedAt = 10'000;
 
@@ -86,6 +85,24 @@ std::string NormaliseWithPoco(const std::string& path) {
   } catch (const Poco::Exception& error) {
     throw edr::EventException("Failed to find absolute path: " + error.displayText());
   }
+}
+
+std::optional<std::string> CanonicalPath(const std::string& path) {
+  const std::unique_ptr<char, Free> canonical(canonicalize_file_name(path.c_str()));
+  return canonical ? std::optional<std::string>(canonical.get()) : std::nullopt;
+}
+
+std::string WithCaller(std::string name, std::int32_t pid) {
+  if (!name.starts_with('/') || name.find("self/") == std::string::npos) return name;
+  const std::string plain = NormalisePath(name);
+  for (const std::string_view self : {"/proc/self/", "/proc/thread-self/"}) {
+    if (plain.starts_with(self)) return "/proc/" + std::to_string(pid) + "/" + plain.substr(self.size());
+  }
+  return name;
+}
+
+bool IsCanonical(const std::string& path) {
+  return CanonicalPath(path) == path;
 }
 
 std::string FolderPart(const std::string& path) {
@@ -145,8 +162,8 @@ Leads LeadsTo(const std::string& path, const FileIdentity& object, MountTable* m
     return Leads::Nowhere;
   }
   // The mount is that of the target.
-  const std::unique_ptr<char, Free> target(canonicalize_file_name(path.c_str()));
-  return target && IsSame(found, target.get(), object, mounts) ? Leads::ThroughLink : Leads::Nowhere;
+  const std::optional<std::string> target = CanonicalPath(path);
+  return target && IsSame(found, *target, object, mounts) ? Leads::ThroughLink : Leads::Nowhere;
 }
 
 bool TakesObjectDescriptor(std::uint32_t syscall) {

@@ -18,6 +18,15 @@ namespace zagent::audit::internal {
 // The same by Poco::Path, whatever the path: the rule that NormalisePath takes a shortcut to.
 [[nodiscard]] std::string NormaliseWithPoco(const std::string& path);
 
+// As realpath(3) finds it on disk; nothing, with errno set, when there is no such object.
+[[nodiscard]] std::optional<std::string> CanonicalPath(const std::string& path);
+
+// The name with the process in place of "/proc/self/" and "/proc/thread-self/", with which a caller means itself.
+[[nodiscard]] std::string WithCaller(std::string name, std::int32_t pid);
+
+// Whether the path leads to what is there without any symbolic link.
+[[nodiscard]] bool IsCanonical(const std::string& path);
+
 // The folder part of a path without its last slash; "/" for what lies in the root.
 [[nodiscard]] std::string FolderPart(const std::string& path);
 

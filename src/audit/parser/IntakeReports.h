@@ -15,6 +15,9 @@ struct IntakeReports {
   // The stage has died of `cause`: it takes nothing in any more and drops what it had. Called once a run, on the
   // stage's own thread, which ends behind it; Start and Stop of the stage must not be called from within.
   std::function<void(const std::string& cause)> ended;
+  // Records are taken again after some were dropped at the bound: what is concluded from their order may be wrong.
+  // Called with the stage's queue locked; may be empty.
+  std::function<void()> resumed = nullptr;
 };
 
 // The text of the exception that is being handled.

@@ -132,6 +132,7 @@ bool ParserThread::IsTakingData(std::size_t size) {
     }
     queue_disabled_ = false;
     ZLOG_INFO("Enabling the audit parser queue");
+    if (reports_.resumed) reports_.resumed();
   }
   return true;
 }

@@ -291,7 +291,9 @@ void Daemon::StartIntake() {
                                    .mounts = mounts_,
                                    .extended_coverage = edr_config_->HasExtendedCoverage()},
       *rule_engine_, edr_config_->GetCpuLimit(), edr_config_->GetMemoryLimit(),
-      audit::IntakeReports{intake_counters_, [this](const std::string& cause) { intake_watch_->OnEnded(cause); }});
+      audit::IntakeReports{.counters = intake_counters_,
+                           .ended = [this](const std::string& cause) { intake_watch_->OnEnded(cause); },
+                           .resumed = [this] { folder_scan_->StartAgain(); }});
   parser_->Start();
   audit_channel_->Start();
 }
@@ -328,6 +330,7 @@ void Daemon::RestartIntake() {
   if (parser_) StopAfterItsEnd(*parser_);
   parser_.reset();
   ZLOG_INFO("Starting the audit intake anew");
+  folder_scan_->StartAgain();
   intake_watch_->BeginRun();
   try {
     StartIntake();
@@ -356,9 +359,6 @@ void Daemon::ShutDown() {
     if (rule_engine_) intake_report_.TellAtEnd();
   });
   Guarded("stop the control channel", [this] { control_channel_->Stop(); });
-  Guarded("stop looking for folders", [this] {
-    if (folder_scan_) folder_scan_->Stop();
-  });
   Guarded("end file integrity monitoring", [this] { fim_.reset(); });
   Guarded("stop the scheduler", [this] { scheduler_->Stop(); });
   Guarded("release the intake", [this] {
@@ -369,6 +369,10 @@ void Daemon::ShutDown() {
     if (http_service_) http_service_->Stop();
   });
   Guarded("remove the audit rules", [this] { rule_engine_.reset(); });
+  // Behind the rules: a look at a file system that hangs must not leave them in force.
+  Guarded("stop looking for folders", [this] {
+    if (folder_scan_) folder_scan_->Stop();
+  });
   Guarded("release the rest", [this] {
     process_tree_.reset();
     control_channel_.reset();

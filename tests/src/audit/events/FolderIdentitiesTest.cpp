@@ -229,6 +229,81 @@ TEST_F(FolderIdentitiesTest, ALookAtTheDiskFollowsAFolderThatMovedMeanwhile) {
 
 // --- the bound
 
+TEST_F(FolderIdentitiesTest, AnExchangeComesAsTwoRenames) {
+  folders_.Learn(Folder(10), "/a");
+  folders_.Learn(Folder(11), "/a/c");
+  folders_.Learn(Folder(20), "/b");
+  folders_.Rename(Folder(10), "/a", "/b");
+  folders_.Rename(Folder(20), "/b", "/a");
+  EXPECT_EQ(PathOf(10), "/b");
+  EXPECT_EQ(PathOf(11), "/b/c");
+  EXPECT_EQ(PathOf(20), "/a");
+}
+
+TEST_F(FolderIdentitiesTest, KnowsNothingOutsideItsLimits) {
+  folders_.Learn(Folder(2), "/");
+  folders_.Learn(Folder(10), "/srv");
+  folders_.Learn(Folder(11), "/srv/data");
+  folders_.Learn(Folder(12), "/srv/data/deep");
+  folders_.Learn(Folder(13), "/srv/database");
+  folders_.Learn(Folder(14), "/tmp/x");
+  folders_.Limit({"/srv/data", "/var/lib"});
+  EXPECT_EQ(PathOf(11), "/srv/data");
+  EXPECT_EQ(PathOf(12), "/srv/data/deep");
+  for (const std::uint64_t outside : {2U, 10U, 13U, 14U}) EXPECT_EQ(PathOf(outside), "unknown") << outside;
+  folders_.Learn(Folder(15), "/tmp/y");
+  EXPECT_EQ(PathOf(15), "unknown");
+  folders_.Rename(Folder(12), "/srv/data/deep", "/tmp/deep");
+  EXPECT_EQ(PathOf(12), "unknown") << "it has left";
+  folders_.Rename(Folder(16), "/tmp/build", "/var/lib/built");
+  EXPECT_EQ(PathOf(16), "/var/lib/built");
+  folders_.Exchange("/var/lib/built", "/tmp/other");
+  EXPECT_EQ(PathOf(16), "unknown");
+}
+
+TEST_F(FolderIdentitiesTest, NamesTheFoldersAroundTheLastOnesFirst) {
+  for (int d = 0; d < 3; ++d) {
+    for (int e = 0; e < 100; ++e) {
+      folders_.Learn(Folder(100 + 100 * d + e), "/w/d" + std::to_string(d) + "/e" + std::to_string(e));
+    }
+  }
+  folders_.Learn(Folder(150), "/w/d0/e50");
+  const std::vector<std::string> nearby = folders_.FoldersNearby();
+  EXPECT_EQ(nearby.size(), FolderIdentities::kMostNearby);
+  EXPECT_EQ(nearby.front(), "/w/d0/e50");
+  const auto beside = std::find(nearby.begin(), nearby.end(), "/w/d0/e7") - nearby.begin();
+  EXPECT_LT(beside, 150) << "of 300";
+}
+
+TEST_F(FolderIdentitiesTest, NamesFewerFoldersWhileLookingThereIsInVain) {
+  for (std::uint64_t i = 1; i <= 300; ++i) folders_.Learn(Folder(i), "/w/" + std::to_string(i));
+  for (int i = 0; i < 10; ++i) folders_.NotFoundNearby();
+  EXPECT_EQ(folders_.FoldersNearby().size(), 16U);
+  folders_.FoundNearby("/w/17");
+  const std::vector<std::string> nearby = folders_.FoldersNearby();
+  EXPECT_EQ(nearby.size(), FolderIdentities::kMostNearby);
+  EXPECT_EQ(nearby.front(), "/w/17");
+}
+
+TEST(FolderIdentitiesBoundTest, APathThatNoCallCouldNameIsNotTold) {
+  FolderIdentities folders;
+  std::string path;
+  for (std::uint64_t i = 1; i <= 17; ++i) {
+    path += "/" + std::string(250, 'n');
+    folders.Learn(Folder(i), path);
+  }
+  EXPECT_TRUE(folders.PathOf(Folder(16)).has_value());
+  EXPECT_FALSE(folders.PathOf(Folder(17)).has_value());
+  EXPECT_EQ(folders.AddFound(Folder(16), std::string(250, 'n'), Folder(18)), FolderIdentities::Found::KnownElsewhere);
+  // A folder that is moved may take others to where they cannot be told.
+  folders.Rename(Folder(1), "/" + std::string(250, 'n'), "/short/" + std::string(250, 'n'));
+  folders.Learn(Folder(30), "/top");
+  folders.Rename(Folder(1), "/short/" + std::string(250, 'n'),
+                 "/top/" + std::string(250, 'm') + "/" + std::string(250, 'o'));
+  EXPECT_FALSE(folders.PathOf(Folder(16)).has_value());
+  EXPECT_TRUE(folders.Ask(Folder(16), "/elsewhere").is_taken) << "nothing is trusted then";
+}
+
 TEST(FolderIdentitiesBoundTest, TheFolderThatNobodyAskedForTheLongestGoesFirst) {
   FolderIdentities folders(5);  // the root, /srv and three more
   folders.Learn(Folder(10), "/srv/a");

@@ -236,5 +236,44 @@ TEST_F(FolderWalkTest, EndsWhenNoMoreFoldersAreRemembered) {
   EXPECT_EQ(log_.Count("More folders below the watched paths than are remembered"), 1);
 }
 
+TEST_F(FolderWalkTest, LooksAgainAtAWatchedFolderThatWasNotThere) {
+  walk_.Watch({{root_ / "late"}});
+  Walk();
+  const std::string deep = Make("late/deep");
+  walk_.Watch({{root_ / "late"}});
+  Walk();
+  EXPECT_TRUE(Knows(deep));
+}
+
+TEST_F(FolderWalkTest, KnowsAWatchedFolderThatReplacedAnUnknownOne) {
+  const std::string deep = Make("a/deep");
+  identities_.Learn({kDevice, 4242}, root_ / "a");
+  walk_.Watch({{root_ / "a"}});
+  Walk();
+  EXPECT_TRUE(Knows(root_ / "a"));
+  EXPECT_TRUE(Knows(deep));
+}
+
+TEST_F(FolderWalkTest, KnowsNothingOutsideTheWatchedFolders) {
+  const std::string outside = Make("outside");
+  identities_.Learn({kDevice, InodeOf(outside)}, outside);
+  walk_.Watch({{Make("a")}});
+  Walk();
+  EXPECT_FALSE(Knows(outside));
+  identities_.Learn({kDevice, InodeOf(outside)}, outside);
+  EXPECT_FALSE(Knows(outside));
+}
+
+TEST_F(FolderWalkTest, StartsAgainWhenRecordsWereLost) {
+  const std::string folder = Make("a/b");
+  walk_.Watch({{root_ / "a"}});
+  Walk();
+  identities_.Rename({kDevice, InodeOf(folder)}, folder, root_ / "a/wrong");
+  walk_.StartAgain();
+  EXPECT_FALSE(Knows(folder));
+  Walk();
+  EXPECT_TRUE(Knows(folder));
+}
+
 }  // namespace
 }  // namespace zagent::audit::internal

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "common/src/util/DeviceText.h"
+#include "src/audit/events/PathResolution.h"
 #include "src/edr/Event.h"
 #include "tests/fakes/AuditRecords.h"
 #include "tests/fakes/TempFolder.h"
@@ -270,6 +271,15 @@ TEST(FileIdentityTest, ReadsADeviceAsRecordsWriteIt) {
   for (const char* text : {"", "fd", ":", "fd:", ":00", "fd:00x", "fd-00", "00:00:00"}) {
     EXPECT_EQ(DeviceNumberOf(text), 0U) << text;
   }
+}
+
+TEST(WithCallerTest, ACallerMeansItselfHoweverItIsWritten) {
+  EXPECT_EQ(WithCaller("/proc/self/fd/3", 42), "/proc/42/fd/3");
+  EXPECT_EQ(WithCaller("/proc/thread-self/root/f", 42), "/proc/42/root/f");
+  EXPECT_EQ(WithCaller("//proc/./self//fd/3", 42), "/proc/42/fd/3");
+  EXPECT_EQ(WithCaller("/srv/proc/self/f", 42), "/srv/proc/self/f");
+  EXPECT_EQ(WithCaller("/srv//myself/./f", 42), "/srv//myself/./f");
+  EXPECT_EQ(WithCaller("proc/self/f", 42), "proc/self/f");
 }
 
 }  // namespace

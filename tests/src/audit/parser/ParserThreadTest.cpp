@@ -82,7 +82,7 @@ class ParserThreadTest : public testing::Test {
     return {[] { return 0.0F; }, 4'000'000};
   }
   IntakeReports Reports() {
-    return {counters_, [this](const std::string& cause) { ended_.Put(cause); }};
+    return {counters_, [this](const std::string& cause) { ended_.Put(cause); }, [this] { ++resumed_; }};
   }
   // Events of serial 1 to `count`.
   [[nodiscard]] std::string ManyEvents(int count) const {
@@ -118,6 +118,7 @@ class ParserThreadTest : public testing::Test {
   std::atomic<bool> stage_fails_{false};
   IntakeCounters counters_;
   fakes::Mailbox<std::string> ended_;
+  int resumed_ = 0;
   std::atomic<int> measured_{0};
   std::set<int> pause_at_;  // measurements that find a high load, counted from 1
   int probes_ = 0;
@@ -269,6 +270,7 @@ TEST_F(ParserThreadTest, AtItsLimitItDropsBytesUntilHalfIsFreeAgain) {
   AwaitCpuPauses(1);
   channel_.Deliver("x");
   EXPECT_FALSE(lines_.Has("Enabling the audit parser queue")) << "below the limit, but above the mark";
+  EXPECT_EQ(resumed_, 0);
   EXPECT_EQ(counters_.Get(Reason::BytesAtBound), 3U);
 
   cpu_usage_ = 0;
@@ -276,6 +278,7 @@ TEST_F(ParserThreadTest, AtItsLimitItDropsBytesUntilHalfIsFreeAgain) {
   AwaitFlushWait();
   channel_.Deliver(log_.Event(AuditLog::kMkdir) + log_.Event(AuditLog::kRmdir));
   EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_INFORMATION, "Enabling the audit parser queue"));
+  EXPECT_EQ(resumed_, 1);
   EXPECT_THAT(Processed(1), ElementsAre(AuditLog::kMkdir));
 }
 
