@@ -9,18 +9,18 @@
 namespace zagent::audit::internal {
 namespace {
 
-constexpr SyscallSet<19> kFollowing = {
+constexpr SyscallSet<18> kFollowing = {
     90,  91,  92,  93,        // chmod, fchmod, chown, fchown
     132, 235, 261, 280,       // utime, utimes, futimesat, utimensat
     188, 190, 191, 193, 194,  // setxattr, fsetxattr, getxattr, fgetxattr, listxattr
     196, 197, 199,            // flistxattr, removexattr, fremovexattr
-    260, 268, 452,            // fchownat, fchmodat, fchmodat2
+    260, 268,                 // fchownat, fchmodat
 };
 // lchown, lsetxattr, lgetxattr, llistxattr, lremovexattr: the link itself is meant.
 constexpr SyscallSet<5> kNotFollowing = {94, 189, 192, 195, 198};
 
 constexpr SyscallSet<2> kChmods = {90, 91};      // chmod, fchmod: the mode comes second
-constexpr SyscallSet<2> kChmodAts = {268, 452};  // fchmodat, fchmodat2: third
+constexpr std::uint32_t kFchmodAt = 268;         // third
 constexpr SyscallSet<3> kChowns = {92, 93, 94};  // chown, fchown, lchown: owner and group come second and third
 constexpr std::uint32_t kFchownAt = 260;         // third and fourth
 
@@ -68,7 +68,7 @@ common::ImageInfo AttributeEvent::AsTheCallSaid() const {
   std::uint32_t group = kUnchanged;
   if (IsSuccessful()) {
     if (Contains(kChmods, Syscall())) mode = argument(1);
-    if (Contains(kChmodAts, Syscall())) mode = argument(2);
+    if (Syscall() == kFchmodAt) mode = argument(2);
     if (Contains(kChowns, Syscall())) std::tie(owner, group) = std::pair(argument(1), argument(2));
     if (Syscall() == kFchownAt) std::tie(owner, group) = std::pair(argument(2), argument(3));
   }

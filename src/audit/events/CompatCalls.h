@@ -5,10 +5,6 @@
 
 namespace zagent::audit::internal {
 
-// Values of the field "arch" of SYSCALL records.
-inline constexpr std::uint32_t kArchX86_64 = 0xc000003e;
-inline constexpr std::uint32_t kArchI386 = 0x40000003;
-
 // The x86-64 number of a call that a 32-bit program made by its i386 number. `a0` is the call's first argument: the
 // sub-call of socketcall. Nothing for calls that x86-64 does not have.
 //

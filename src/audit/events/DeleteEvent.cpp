@@ -38,7 +38,7 @@ void DeleteEvent::Validate() {
   if (ObjectWord() != TypeWord::None && ObjectWord() != TypeWord::Delete) {
     throw edr::EventException("Missing delete PATH record for Delete event");
   }
-  if (object_type_ == edr::ObjectType::Directory) ForgetFolder();
+  if (object_type_ == edr::ObjectType::Directory) ForgetFolder(Identity());
 }
 
 }  // namespace zagent::audit::internal

@@ -1,7 +1,6 @@
 #include "src/audit/events/FileEvent.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <string_view>
 #include <utility>
 
@@ -9,14 +8,9 @@
 #include "common/src/util/ErrnoText.h"
 #include "common/src/util/Log.h"
 #include "src/audit/events/PathResolution.h"
-#include "src/edr/process/NameService.h"
 
 namespace zagent::audit::internal {
 namespace {
-
-struct Free {
-  void operator()(char* text) const { std::free(text); }  // NOLINT: canonicalize_file_name allocates with malloc
-};
 
 bool IsChangeWord(TypeWord word) {
   return word == TypeWord::Create || word == TypeWord::Delete;
@@ -88,19 +82,17 @@ void FileEvent::ParseRecord(int type, const edr::RecordFields& fields) {
     }
     has_cwd_ = true;
     cwd_ = fields.Find(edr::RecordField::Cwd);
+    // "<too_long>": nothing can be told below it.
+    if (!cwd_.starts_with('/')) cwd_.clear();
   } else {
     SyscallEvent::ParseRecord(type, fields);
   }
 }
 
 std::optional<PathRecord> FileEvent::BuildPath(const edr::RecordFields& fields) const {
-  static constexpr std::string_view kSelf = "/proc/self/";
   try {
     PathRecord record(fields);
-    // The caller meant itself.
-    if (record.path.starts_with(kSelf)) {
-      record.path.replace(0, kSelf.size(), "/proc/" + std::to_string(GetActorProcessId()) + "/");
-    }
+    record.path = WithCaller(std::move(record.path), GetActorProcessId());
     return record;
   } catch (const edr::EventException& error) {
     // Not every record is needed: if this one was, the event fails for its lack.
@@ -126,6 +118,7 @@ TypeWord FileEvent::ParsePath(const edr::RecordFields& fields) {
 }
 
 void FileEvent::TakePath(PathRecord record, const edr::RecordFields& fields) {
+  if (!records_) throw edr::EventException("Too many PATH records in " + GetAction() + " event");
   switch (record.type_word) {
     case TypeWord::None:
       return ParseItemPath(std::move(record));
@@ -171,7 +164,9 @@ void FileEvent::ParseItemPath(PathRecord record) {
 
 void FileEvent::Validate() {
   SyscallEvent::Validate();
-  if (!records_->object) throw edr::EventException("Missing/incorrect PATH records in file event");
+  if (!records_ || !records_->object) {
+    throw edr::EventException("Missing/incorrect PATH records in file event");
+  }
   SettleRecords();
   ResolveFile();
   if (Refusal() != nullptr) return;
@@ -203,20 +198,32 @@ void FileEvent::ResolveFile() {
   if (!records_->parent) FindParent();
 }
 
-// What is known of the folder spares a look at it, and outlasts it.
+// With the device of the mount that holds it, as a record would have it.
+FileIdentity FileEvent::IdentityAt(const std::string& folder, const struct stat& found) const {
+  FileIdentity identity = FileIdentity::Of(found);
+  if (!Services().mounts) return identity;
+  auto mount = Services().mounts->Find(folder);
+  if (mount && mount->device != identity.device) {  // another file system's view, or the way leads through a link
+    const std::optional<std::string> canonical = CanonicalPath(folder);
+    mount = canonical ? Services().mounts->Find(*canonical) : std::nullopt;
+  }
+  if (mount) identity.device = mount->device;
+  return identity;
+}
+
+// What is known of the folder outlasts it.
 void FileEvent::FindParent() {
   const std::string folder = FolderPart(file_->GetPath());
   FolderIdentities* folders = Services().folders.get();
-  std::optional<FileIdentity> parent = folders != nullptr ? folders->FolderAt(folder) : std::nullopt;
+  std::optional<FileIdentity> parent;
+  const std::optional<FileIdentity> known = folders != nullptr ? folders->FolderAt(folder) : std::nullopt;
   struct stat found {};
-  if (!parent && stat(folder.c_str(), &found) == 0) {
-    parent = FileIdentity::Of(found);
-    const auto mount = Services().mounts ? Services().mounts->Find(folder) : std::nullopt;
-    if (mount) parent->device = mount->device;
+  if (stat(folder.c_str(), &found) == 0) {
+    parent = IdentityAt(folder, found);
     // A path through a link is one of several.
-    if (folders != nullptr && lstat(folder.c_str(), &found) == 0 && S_ISDIR(found.st_mode)) {
-      folders->Learn(*parent, folder);
-    }
+    if (folders != nullptr && known != parent && IsCanonical(folder)) folders->Learn(*parent, folder);
+  } else {
+    parent = known;
   }
   if (!parent) {
     Refuse("Failed to get parent inode/deviceid for " + GetAction() + " event");
@@ -239,6 +246,8 @@ const FileContext& FileEvent::Services() const {
 }
 
 void FileEvent::RefuseUnplaced() {
+  // A folder that went where nobody knows is not at its old place.
+  if (records_ && records_->object && !records_->object->is_file) ForgetFolder(records_->object->Identity());
   Refuse("No trusted path for " + GetAction() + " event with ID " + std::to_string(GetId()), Loss::Unplaced);
 }
 
@@ -248,14 +257,23 @@ void FileEvent::LoseObject(const std::string& text) const {
 }
 
 void FileEvent::LearnFolder() const {
+  if (!Services().folders || !IsSuccessful()) return;
+  FolderIdentities& folders = *Services().folders;
   const std::string& path = file_->GetPath();
+  const std::string name = path.substr(path.rfind('/') + 1);
   // A folder that could not be found is called by its inode, which is no name.
-  const bool is_named = !path.ends_with("/inode:" + std::to_string(file_->GetInode()));
-  if (Services().folders && IsSuccessful() && is_named) Services().folders->Learn(Identity(), path);
+  if (name == "inode:" + std::to_string(file_->GetInode())) return;
+  // The way there may have led through a link.
+  const auto parent = folders.PathOf({DeviceNumberOf(parent_device_), parent_inode_});
+  if (parent) {
+    folders.Learn(Identity(), *parent == "/" ? *parent + name : *parent + "/" + name);
+  } else if (IsCanonical(path)) {
+    folders.Learn(Identity(), path);
+  }
 }
 
-void FileEvent::ForgetFolder() const {
-  if (Services().folders && IsSuccessful()) Services().folders->Remove(Identity());
+void FileEvent::ForgetFolder(const FileIdentity& folder) const {
+  if (Services().folders && IsSuccessful()) Services().folders->Remove(folder);
 }
 
 PathFinder::Start FileEvent::StartOf(std::optional<std::size_t> directory_argument) const {
@@ -263,18 +281,6 @@ PathFinder::Start FileEvent::StartOf(std::optional<std::size_t> directory_argume
   // AT_FDCWD is negative, and no descriptor is.
   const auto fd = static_cast<std::int32_t>(Argument(*directory_argument));
   return fd >= 0 ? PathFinder::Start(fd) : std::nullopt;
-}
-
-common::ImageInfo FileEvent::ImageOf(const PathRecord& record, const std::string& path) {
-  return {record.device,
-          record.permission,
-          record.inode,
-          path,
-          record.group_id,
-          common::GroupName(record.group_id),
-          common::UserName(record.owner_id),
-          record.owner_id,
-          ""};
 }
 
 std::optional<struct stat> FileEvent::LstatPath(const std::string& path) {
@@ -301,17 +307,20 @@ std::string FileEvent::DiffersText() const {
 
 // False when there is nothing behind the link to look at.
 bool FileEvent::FollowLink(struct stat& result) {
-  const std::unique_ptr<char, Free> target(canonicalize_file_name(file_->GetPath().c_str()));
+  const std::optional<std::string> target = CanonicalPath(file_->GetPath());
   if (!target) {
     const int error = errno;
     LoseObject("Failed to resolve link " + file_->GetPath() + " (" + common::util::ErrnoText(error) + ")");
     return false;
   }
-  file_->SetPath(target.get());
-  if (stat(target.get(), &result) == 0) return true;
-  const int error = errno;
-  ZLOG_DEBUG("Failed to stat " << file_->GetPath() << " (" << common::util::ErrnoText(error) << ")");
-  return false;
+  if (stat(target->c_str(), &result) != 0) {
+    const int error = errno;
+    ZLOG_DEBUG("Failed to stat " << *target << " (" << common::util::ErrnoText(error) << ")");
+    return false;
+  }
+  // A link that leads elsewhere meanwhile is not followed.
+  if (IsSame(result, *target, Identity(), Services().mounts.get())) file_->SetPath(*target);
+  return true;
 }
 
 void FileEvent::Stat(bool follow) {

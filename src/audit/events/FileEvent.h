@@ -101,8 +101,6 @@ class FileEvent : public SyscallEvent {
   void RefuseUnplaced();
   // Throws `text`; with extended coverage the event goes on without what the disk could add, and `text` is told.
   void LoseObject(const std::string& text) const;
-  // The object as the record describes it, at `path`, with the names of its owner and group.
-  [[nodiscard]] static common::ImageInfo ImageOf(const PathRecord& record, const std::string& path);
   // Nothing, with a debug line, on failure.
   [[nodiscard]] static std::optional<struct stat> LstatPath(const std::string& path);
   // Whether the result is that of file_.
@@ -112,7 +110,7 @@ class FileEvent : public SyscallEvent {
   void KeepState(const struct stat& result);
   // A folder of the call is at the path of file_ since, or no longer anywhere.
   void LearnFolder() const;
-  void ForgetFolder() const;
+  void ForgetFolder(const FileIdentity& folder) const;
 
   // Looks the file up on disk, behind a symbolic link if `follow`, and keeps the result if it is the audited object.
   // Loses the object when it is another one. A link that is the audited object itself is not followed.
@@ -145,6 +143,7 @@ class FileEvent : public SyscallEvent {
   void ParseItemPath(PathRecord record);
   void MergeObject(PathRecord record);
   void ResolveFile();
+  [[nodiscard]] FileIdentity IdentityAt(const std::string& folder, const struct stat& found) const;
   void FindParent();
   [[nodiscard]] std::optional<std::int32_t> ObjectDescriptor() const;
   [[nodiscard]] bool FollowLink(struct stat& result);

@@ -5,10 +5,11 @@
 #include <array>
 #include <charconv>
 #include <string_view>
+#include <utility>
 
 #include "src/audit/events/PathResolution.h"
 #include "src/edr/Event.h"
-#include "src/edr/process/ImageInfo.h"
+#include "src/edr/process/NameService.h"
 
 namespace zagent::audit::internal {
 namespace {
@@ -102,6 +103,18 @@ void PathRecord::Combine(const PathRecord& other) {
     throw edr::EventException("Cannot combine records with missing or different inodes");
   }
   if (path.empty()) path = other.path;
+}
+
+common::ImageInfo ImageOf(const PathRecord& record, const std::string& path, std::string text) {
+  return {record.device,
+          record.permission,
+          record.inode,
+          path,
+          record.group_id,
+          common::GroupName(record.group_id),
+          common::UserName(record.owner_id),
+          record.owner_id,
+          std::move(text)};
 }
 
 }  // namespace zagent::audit::internal

@@ -6,6 +6,7 @@
 
 #include "src/audit/events/FileIdentity.h"
 #include "src/edr/RecordFields.h"
+#include "src/edr/process/ImageInfo.h"
 
 namespace zagent::audit::internal {
 
@@ -47,5 +48,8 @@ struct PathRecord {
   std::uint32_t permission = 0;
   TypeWord type_word = TypeWord::None;
 };
+
+// The object as the record describes it, at `path`, with the names of its owner and group.
+[[nodiscard]] common::ImageInfo ImageOf(const PathRecord& record, const std::string& path, std::string text = "");
 
 }  // namespace zagent::audit::internal

@@ -60,6 +60,7 @@ void RenameEvent::ParseRecord(int type, const edr::RecordFields& fields) {
     FileEvent::ParseRecord(type, fields);
     return;
   }
+  if (!destination_) throw edr::EventException("Too many PATH records in Rename event");
   if (fields.Find(edr::RecordField::Name).empty() && !TypeWordTextOf(fields).empty()) {
     if (std::optional<PathRecord> record = BuildPath(fields)) ParseUnnamed(std::move(*record));
     return;
@@ -206,6 +207,25 @@ bool RenameEvent::ParentsAreCrossed() {
 }
 
 void RenameEvent::Validate() {
+  try {
+    Settle();
+  } catch (const edr::EventException&) {
+    LoseFolder();
+    throw;
+  }
+  if (Refusal() != nullptr) LoseFolder();
+}
+
+// A folder that went where nobody knows is not at its old place.
+void RenameEvent::LoseFolder() const {
+  if (!destination_ || destination_->folders_told) return;
+  for (const std::optional<PathRecord>* record : {&destination_->object, &destination_->replaced}) {
+    if (*record && !(*record)->is_file) ForgetFolder((*record)->Identity());
+  }
+  if (file_ && object_type_ == edr::ObjectType::Directory) ForgetFolder(Identity());
+}
+
+void RenameEvent::Settle() {
   FileEvent::Validate();
   if (Refusal() != nullptr) return;
   if (ObjectWord() != TypeWord::None && ObjectWord() != TypeWord::Delete) {
@@ -252,7 +272,8 @@ void RenameEvent::ResolveDestination() {
 }
 
 // In the order of the records, whether an event comes of them or not.
-void RenameEvent::TellFolders() const {
+void RenameEvent::TellFolders() {
+  destination_->folders_told = true;
   if (!Services().folders || !IsSuccessful()) return;
   FolderIdentities& folders = *Services().folders;
   if (destination_->swapped) {
@@ -273,7 +294,7 @@ void RenameEvent::ConfirmDestination(const PathRecord& parent) {
     }
   }
   const auto folder = LstatPath(parent.path);
-  if (folder && !IsSame(*folder, parent.path, parent.Identity(), Services().mounts.get())) {
+  if (folder && LeadsTo(parent.path, parent.Identity(), Services().mounts.get()) == Leads::Nowhere) {
     LoseObject("Directory " + parent.path + " differs from the PARENT object of the audit event");
   }
 }
@@ -284,7 +305,11 @@ void RenameEvent::SplitReplaced(std::unique_ptr<DeleteEvent>* replaced) {
   object->type_word = TypeWord::Delete;
   try {
     auto removed = std::make_unique<DeleteEvent>(std::move(*object), std::move(*destination_->parent), *this);
-    if (removed->Refusal() == nullptr) *replaced = std::move(removed);
+    if (const std::string* refusal = removed->Refusal()) {
+      ZLOG_DEBUG("Failed to build the delete of the file that event " << GetId() << " replaced: " << *refusal);
+    } else {
+      *replaced = std::move(removed);
+    }
   } catch (const std::exception& error) {
     ZLOG_DEBUG("Failed to build the delete of the file that event " << GetId() << " replaced: " << error.what());
   }

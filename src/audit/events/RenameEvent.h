@@ -36,6 +36,7 @@ class RenameEvent final : public FileEvent {
     std::optional<PathRecord> parent;
     std::optional<PathRecord> replaced;  // the file that stood in the way
     std::optional<PathRecord> swapped;   // that file under the old name of the other: they were exchanged
+    bool folders_told = false;           // where the folder has gone
     unsigned paths_seen = 0;             // where in the order of the PATH records the parser is, 0 to 3
 
     // The folders of objects without names, which come right before them; and the last of these.
@@ -51,8 +52,10 @@ class RenameEvent final : public FileEvent {
   void SettleRecords() override;
   void SettleUnnamed();
   [[nodiscard]] bool ParentsAreCrossed();
+  void Settle();
   void ResolveDestination();
-  void TellFolders() const;
+  void LoseFolder() const;
+  void TellFolders();
   void ConfirmDestination(const PathRecord& parent);
   void SplitReplaced(std::unique_ptr<DeleteEvent>* replaced);
 

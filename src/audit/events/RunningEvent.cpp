@@ -1,13 +1,15 @@
 #include "src/audit/events/RunningEvent.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <charconv>
-#include <cstdlib>
-#include <memory>
+#include <optional>
+#include <utility>
 
+#include "common/src/util/DeviceText.h"
 #include "common/src/util/FileAttributes.h"
 #include "src/audit/events/PathResolution.h"
-#include "src/edr/process/NameService.h"
 #include "src/edr/process/StatHelper.h"
 
 namespace zagent::audit::internal {
@@ -20,25 +22,10 @@ constexpr std::uint32_t kExecveAt = 322;  // asked for only where coverage is ex
 constexpr RecordKinds kRecords =
     KindsOf(record_type::kSyscall, record_type::kCwd, record_type::kExecve, record_type::kPath);
 
-struct Free {
-  void operator()(char* text) const { std::free(text); }  // NOLINT: canonicalize_file_name allocates with malloc
-};
-
-common::ImageInfo ImageOf(const PathRecord& record, const std::string& path, std::string text) {
-  return {record.device,
-          record.permission,
-          record.inode,
-          path,
-          record.group_id,
-          common::GroupName(record.group_id),
-          common::UserName(record.owner_id),
-          record.owner_id,
-          std::move(text)};
-}
-
 }  // namespace
 
-RunningEvent::RunningEvent(RecordSource& source) {
+RunningEvent::RunningEvent(RecordSource& source, std::shared_ptr<const FileContext> context)
+    : context_(std::move(context)) {
   Feed(source, kRecords);
 }
 
@@ -54,7 +41,9 @@ void RunningEvent::ParseRecord(int type, const edr::RecordFields& fields) {
   } else if (type == record_type::kExecve) {
     ParseArguments(fields);
   } else if (type == record_type::kPath) {
-    records_.emplace_back(fields, cwd_, "");
+    PathRecord record(fields, cwd_, "");
+    record.path = WithCaller(std::move(record.path), GetActorProcessId());
+    records_.push_back(std::move(record));
   } else {
     SyscallEvent::ParseRecord(type, fields);
   }
@@ -88,14 +77,22 @@ void RunningEvent::Validate() {
   ConfirmImage();
 }
 
+MountTable* RunningEvent::Mounts() const {
+  return context_ ? context_->mounts.get() : nullptr;
+}
+
+bool RunningEvent::IsAt(const std::string& path, const PathRecord& record) const {
+  return LeadsTo(path, record.Identity(), Mounts()) != Leads::Nowhere;
+}
+
 // The absolute path that the call named, or what it meant by a descriptor that is still open.
 std::string RunningEvent::PathOf(const PathRecord& program) const {
   if (Syscall() == kExecveAt && !program.path.starts_with('/') && HasArgument(0)) {
     const auto fd = static_cast<std::int32_t>(Argument(0));
     const std::string folder = fd >= 0 ? DescriptorPath(GetActorProcessId(), fd) : std::string();
-    if (IsObjectAt(folder, program.device, program.inode)) return folder;
+    if (IsAt(folder, program)) return folder;
     const std::string below = folder + "/" + program.path;
-    if (IsObjectAt(below, program.device, program.inode)) return below;
+    if (IsAt(below, program)) return below;
     if (fd >= 0) return ProcessPath();
   }
   return ResolvePath(cwd_, "", program.path);
@@ -106,15 +103,14 @@ std::string RunningEvent::PathOf(const PathRecord& program) const {
 // ("/proc/self/exe"), so the record of the image itself is no script, whatever its name.
 void RunningEvent::SetImages() {
   const PathRecord& program = records_.front();
-  const std::unique_ptr<char, Free> canonical(canonicalize_file_name(PathOf(program).c_str()));
-  const bool is_image =
-      !canonical || ProcessPath() == canonical.get() || IsObjectAt(ProcessPath(), program.device, program.inode);
+  const std::optional<std::string> canonical = CanonicalPath(PathOf(program));
+  const bool is_image = !canonical || ProcessPath() == *canonical || IsAt(ProcessPath(), program);
   if (is_image) {
-    image_ = ImageOf(program, ProcessPath(), "");
+    image_ = ImageOf(program, ProcessPath());
     return;
   }
   const PathRecord& interpreter = InterpreterRecord();
-  script_.Get(ImageOf(program, canonical.get(), ""));
+  script_.Get(ImageOf(program, *canonical));
   image_ = ImageOf(interpreter, ProcessPath(),
                    common::util::ReadFileSystemAttributes(ProcessPath(), interpreter.device, interpreter.inode));
 }
@@ -126,13 +122,20 @@ const PathRecord& RunningEvent::InterpreterRecord() const {
   for (const PathRecord& record : records_) {
     if (record.path == records_.front().path) continue;
     if (first == nullptr) first = &record;
-    if (IsObjectAt(ProcessPath(), record.device, record.inode)) return record;
+    if (IsAt(ProcessPath(), record)) return record;
   }
   if (first == nullptr) throw edr::EventException("Missing or invalid path for Running event");
   return *first;
 }
 
 void RunningEvent::ConfirmImage() {
+  // Later looks at the image meet the device that a stat tells, where that is not the record's.
+  struct stat named {};
+  const FileIdentity identity{DeviceNumberOf(image_->GetDevice()), image_->GetInode()};
+  if (Mounts() != nullptr && lstat(image_->GetPath().c_str(), &named) == 0 && named.st_dev != identity.device &&
+      IsSame(named, image_->GetPath(), identity, Mounts())) {
+    image_->SetDevice(common::util::DeviceText(named.st_dev));
+  }
   const std::string text = "Process image path " + image_->GetPath() + " differs from the object of the audit event";
   std::unique_ptr<struct stat> found;
   try {

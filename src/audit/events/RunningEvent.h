@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "src/audit/events/FileContext.h"
 #include "src/audit/events/PathRecord.h"
 #include "src/audit/events/SyscallEvent.h"
 
@@ -15,7 +16,7 @@ class RunningEvent final : public SyscallEvent {
  public:
   // The event that the source stands at. Throws when the event cannot be built, or when the program on disk is not the
   // one that the records describe.
-  explicit RunningEvent(RecordSource& source);
+  explicit RunningEvent(RecordSource& source, std::shared_ptr<const FileContext> context = nullptr);
   RunningEvent& operator=(const RunningEvent&) = delete;
   ~RunningEvent() override = default;
 
@@ -36,11 +37,14 @@ class RunningEvent final : public SyscallEvent {
   RunningEvent(const RunningEvent&) = default;
 
   void ParseArguments(const edr::RecordFields& fields);
+  [[nodiscard]] MountTable* Mounts() const;
+  [[nodiscard]] bool IsAt(const std::string& path, const PathRecord& record) const;
   [[nodiscard]] std::string PathOf(const PathRecord& program) const;
   [[nodiscard]] const PathRecord& InterpreterRecord() const;
   void SetImages();
   void ConfirmImage();
 
+  std::shared_ptr<const FileContext> context_;
   std::vector<std::string> arguments_;
   std::size_t argument_count_ = 0;  // as the first EXECVE record announced it
   bool has_cwd_ = false;

@@ -84,7 +84,7 @@ constexpr BuilderTable MakeTable() {
   Enter(table, kAttributeCalls, &Build<AttributeEvent>);
   Enter(table, kNetworkCalls, &BuildAlone<NetworkEvent>);
   Enter(table, kCloneCalls, &BuildAlone<CloneEvent>);
-  Enter(table, kRunningCalls, &BuildAlone<RunningEvent>);
+  Enter(table, kRunningCalls, &Build<RunningEvent>);
   Enter(table, kExitCalls, &BuildAlone<ExitEvent>);
   return table;
 }
@@ -114,12 +114,13 @@ BuildResult BuildTold(const ExtendedCalls& calls, const EventSubject& subject, R
 }  // namespace
 
 EventFactory MakeEventFactory(FileContext context) {
-  return [context = std::make_shared<const FileContext>(std::move(context)), calls = ExtendedCalls()](
+  ExtendedCalls calls(context.proc_root);
+  return [context = std::make_shared<const FileContext>(std::move(context)), calls = std::move(calls)](
              const EventSubject& subject, RecordSource& source, Events& events) {
     if (context->extended_coverage) {
       if (ExtendedCalls::Concerns(subject)) return BuildTold(calls, subject, source, context, events);
       if (subject.record_type == record_type::kSyscall && subject.syscall == kExecveat) {
-        return BuildAlone<RunningEvent>(source, context, events);
+        return Build<RunningEvent>(source, context, events);
       }
     }
     const Builder build = BuilderOf(subject);

@@ -179,7 +179,7 @@ bool ExtendedCalls::Concerns(const EventSubject& subject) {
     case kFchmodat2:
       return true;
     case kRenameat2:
-      return subject.items == kItemsOfAnExchange;
+      return subject.items >= kItemsOfAnExchange;
     default:
       return false;
   }

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <functional>
-#include <optional>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "src/audit/events/RecordList.h"

@@ -48,6 +48,20 @@ class FileEventKindsTest : public ::testing::Test {
     return "no EventException";
   }
 
+  template <typename Call>
+  static std::string TextOf(const Call& call) {
+    try {
+      call();
+    } catch (const edr::EventException& error) {
+      return error.what();
+    }
+    return "no EventException";
+  }
+  void ParsePathRecord(edr::Event& event) const {
+    const Fields fields = AuditRecords::PathFields("NORMAL", file_, file_);
+    event.ParseRecord(audit::internal::record_type::kPath, AuditRecords::ViewOf(fields));
+  }
+
   fakes::LogCapture log_;
   fakes::TempFolder folder_;
   std::string file_;
@@ -241,6 +255,15 @@ TEST_F(FileEventKindsTest, EveryKindClonesAsItself) {
   const std::unique_ptr<edr::Event> change = Build<AttributeEvent>(90, "NORMAL")->Clone();
   EXPECT_EQ(change->GetType(), edr::EventType::AttributeChange);
   EXPECT_EQ(change->GetNewFile()->GetPath(), file_);
+}
+
+TEST_F(FileEventKindsTest, NoRecordIsTakenAfterwards) {
+  const std::unique_ptr<edr::Event> copy = Build<ReadWriteEvent>(0, "NORMAL")->Clone();
+  EXPECT_EQ(TextOf([&] { copy->Validate(); }), "Missing/incorrect PATH records in file event");
+  EXPECT_EQ(TextOf([&] { ParsePathRecord(*copy); }), "Too many PATH records in Read event");
+  const auto event = Build<DeleteEvent>(87, "DELETE");
+  EXPECT_EQ(TextOf([&] { event->Validate(); }), "Missing/incorrect PATH records in file event");
+  EXPECT_EQ(TextOf([&] { ParsePathRecord(*event); }), "Too many PATH records in Delete event");
 }
 
 }  // namespace

@@ -181,5 +181,14 @@ TEST_F(FleetingFilesTest, ALinkWhoseTargetIsGoneKeepsItsName) {
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "Failed to resolve link " + link));
 }
 
+TEST_F(FleetingFilesTest, ALinkThatLeadsElsewhereMeanwhileIsNotFollowed) {
+  const std::string other = folder_.Write("other", "another file");
+  Call(kOpenAt, {{"a2", "1"}}).Path("NORMAL", folder_ / "w/link", file_);
+  fs::create_symlink(other, folder_ / "w/link");
+  const auto event = Build();
+  EXPECT_EQ(event.GetPath(), folder_ / "w/link");
+  EXPECT_EQ(event.GetFileSize(), -1);
+}
+
 }  // namespace
 }  // namespace zagent::audit::internal

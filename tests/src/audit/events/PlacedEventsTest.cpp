@@ -320,5 +320,95 @@ TEST_F(PlacedEventsTest, ExchangedFoldersChangePlacesThoughNoEventComesOfIt) {
   EXPECT_EQ(other_, nullptr);
 }
 
+// --- names that are not the paths
+
+TEST_F(PlacedEventsTest, AFileBelowAnotherRootIsWhereItsFolderIs) {
+  fs::create_directories(folder_ / "w/jail/etc");
+  const std::string file = folder_.Write("w/jail/etc/passwd", "abc");
+  folders_->Learn(IdentityOf(folder_ / "w/jail/etc"), folder_ / "w/jail/etc");
+  Call(kUnlinkAt).Path("PARENT", "/etc/", folder_ / "w/jail/etc").Path("DELETE", "/etc/passwd", file);
+  EXPECT_EQ(Build<DeleteEvent>().GetPath(), file);
+}
+
+TEST_F(PlacedEventsTest, AWayThroughALinkDoesNotMoveAFolder) {
+  const std::string deep = folder_ / "w/sub/deep";
+  fs::create_directories(deep);
+  fs::create_directory_symlink(folder_ / "w", folder_ / "elsewhere/link");
+  folders_->Learn(IdentityOf(folder_ / "w/sub"), folder_ / "w/sub");
+  const std::string file = folder_.Write("w/sub/f", "abc");
+  const std::string through = folder_ / "elsewhere/link/sub";
+  Call(kOpenAt, {{"a2", "1"}}).Path("NORMAL", through + "/f", file);
+  Build<ReadWriteEvent>();
+  EXPECT_EQ(KnownPathOf(IdentityOf(folder_ / "w/sub")), folder_ / "w/sub");
+  Call(kFchmodAt).Path("NORMAL", through, folder_ / "w/sub");
+  Build<AttributeEvent>();
+  EXPECT_EQ(KnownPathOf(IdentityOf(folder_ / "w/sub")), folder_ / "w/sub");
+  Call(kMkdir).Path("PARENT", through, folder_ / "w/sub").Path("CREATE", through + "/deep", deep);
+  Build<CreateEvent>();
+  EXPECT_EQ(KnownPathOf(IdentityOf(deep)), deep);
+}
+
+TEST_F(PlacedEventsTest, AnUnknownFolderIsNotLearnedThroughALink) {
+  fs::create_directory_symlink(folder_ / "w", folder_ / "elsewhere/link");
+  const std::string file = folder_.Write("w/sub/f", "abc");
+  Call(kOpenAt, {{"a2", "1"}}).Path("NORMAL", folder_ / "elsewhere/link/sub/f", file);
+  Build<ReadWriteEvent>();
+  EXPECT_EQ(KnownPathOf(IdentityOf(folder_ / "w/sub")), "unknown");
+  Call(kUnlinkAt).Path("PARENT", folder_ / "elsewhere/link/sub/", folder_ / "w/sub").Path("DELETE", "f", file);
+  Build<DeleteEvent>();
+  EXPECT_EQ(KnownPathOf(IdentityOf(folder_ / "w/sub")), "unknown");
+}
+
+TEST_F(PlacedEventsTest, TheNameOfADescriptorThatIsClosedIsNoPath) {
+  folders_->Learn(IdentityOf(folder_ / "w/sub"), folder_ / "w/sub");
+  Call(kFchmodAt).Path("NORMAL", "/proc/self/fd/987", folder_ / "w/sub");
+  EXPECT_EQ(Build<AttributeEvent>().GetPath(), folder_ / "w/sub");
+}
+
+TEST_F(PlacedEventsTest, TheFolderOfAFileIsAskedForBeforeWhatIsKnownOfIt) {
+  const std::string file = folder_.Write("w/sub/f", "abc");
+  folders_->Learn({IdentityOf(folder_.Path()).device, 4242}, folder_ / "w/sub");
+  Call(kOpenAt, {{"a2", "1"}}).Path("NORMAL", file, file);
+  EXPECT_EQ(Build<ReadWriteEvent>().GetParentInode(), IdentityOf(folder_ / "w/sub").inode);
+}
+
+TEST_F(PlacedEventsTest, AFolderThatIsRenamedToNobodyKnowsWhereIsNotAtItsOldPath) {
+  const FileIdentity sub = IdentityOf(folder_ / "w/sub");
+  folders_->Learn(sub, folder_ / "w/sub");
+  folders_->Learn({sub.device, 4242}, folder_ / "elsewhere/in");
+  fs::rename(folder_ / "w/sub", folder_ / "w/new");
+  Call(kRename, {{"items", "4"}}).Path("PARENT", folder_ / "w/", folder_ / "w");
+  records_->Path("PARENT", "in/", folder_ / "proc").Path("DELETE", folder_ / "w/sub", folder_ / "w/new");
+  records_->Path("CREATE", "in/new", folder_ / "w/new");
+  EXPECT_NE(BuildRename().Refusal(), nullptr);
+  EXPECT_EQ(KnownPathOf(sub), "unknown");
+}
+
+TEST_F(PlacedEventsTest, AFolderOfARenameThatCannotBeToldIsNotAtItsOldPath) {
+  const FileIdentity sub = IdentityOf(folder_ / "w/sub");
+  folders_->Learn(sub, folder_ / "w/sub");
+  Call(kRename, {{"items", "4"}}).Path("PARENT", folder_ / "w/", folder_ / "w");
+  records_->Path("DELETE", folder_ / "w/sub").Path("CREATE", folder_ / "w/sub");
+  EXPECT_NE(ErrorOf([&] { BuildRename(); }), "no exception");
+  EXPECT_EQ(KnownPathOf(sub), "unknown");
+}
+
+TEST_F(PlacedEventsTest, ARemovedFolderWithoutATrustedPathIsForgottenToo) {
+  fs::create_directory(folder_ / "w/other");
+  const FileIdentity sub = IdentityOf(folder_ / "w/sub");
+  folders_->Learn(sub, folder_ / "w/sub");
+  folders_->Learn({sub.device, 4242}, folder_ / "elsewhere");
+  Call(kUnlinkAt, {{"a0", "5"}}).Path("PARENT", folder_ / "elsewhere", folder_ / "w/other");
+  records_->Path("DELETE", "sub", folder_ / "w/sub");
+  EXPECT_NE(Build<DeleteEvent>().Refusal(), nullptr);
+  EXPECT_EQ(KnownPathOf(sub), "unknown");
+}
+
+TEST_F(PlacedEventsTest, AWorkingFolderTooLongToBeToldIsNone) {
+  records_ = std::make_unique<AuditRecords>();
+  records_->Syscall(kChmod).Cwd("<too_long>").Path("NORMAL", "f", folder_.Write("w/f", "abc"));
+  EXPECT_NE(ErrorOf([&] { Build<AttributeEvent>(); }), "no exception");
+}
+
 }  // namespace
 }  // namespace zagent::audit::internal

@@ -331,5 +331,33 @@ TEST_F(RenameEventTest, ClonesWithBothNames) {
   EXPECT_EQ(copy->GetFileSize(), 3);
 }
 
+TEST_F(RenameEventTest, GoesIntoAFolderBehindALink) {
+  const std::string file = folder_.Write("b/g", "abc");
+  ASSERT_EQ(symlink("b", (folder_ / "link").c_str()), 0);
+  Call().Path("PARENT", folder_ / "a/", folder_ / "a").Path("PARENT", folder_ / "link/", folder_ / "b");
+  records_.Path("DELETE", folder_ / "a/f", file).Path("CREATE", folder_ / "link/g", file);
+  const RenameEvent event = Build();
+  EXPECT_EQ(event.GetNewFile()->GetPath(), folder_ / "link/g");
+  EXPECT_EQ(event.GetFileSize(), 3);
+}
+
+TEST_F(RenameEventTest, NoRecordIsTakenAfterwards) {
+  const std::string file = folder_.Write("b/g", "abc");
+  MoveFromAToB(file);
+  const std::unique_ptr<edr::Event> copy = Build().Clone();
+  const AuditRecords::Fields fields = AuditRecords::PathFields("CREATE", file, file);
+  const auto error_of = [](const auto& call) -> std::string {
+    try {
+      call();
+    } catch (const edr::EventException& error) {
+      return error.what();
+    }
+    return "no EventException";
+  };
+  EXPECT_EQ(error_of([&] { copy->ParseRecord(record_type::kPath, AuditRecords::ViewOf(fields)); }),
+            "Too many PATH records in Rename event");
+  EXPECT_EQ(error_of([&] { copy->Validate(); }), "Missing/incorrect PATH records in file event");
+}
+
 }  // namespace
 }  // namespace zagent::audit::internal
