@@ -3,6 +3,7 @@
 #include <limits.h>
 
 #include <algorithm>
+#include <chrono>
 #include <deque>
 #include <unordered_set>
 #include <utility>
@@ -14,7 +15,9 @@ constexpr auto kNone = FolderTree::kNone;
 
 // Enough for those who work through trees at the same time.
 constexpr std::size_t kStartsNearby = 8;
-// How many folders are still looked into when that was in vain again and again.
+// How many looks into folders may be in vain in a second, and how many a name has even then. A look costs about a
+// microsecond.
+constexpr std::size_t kLooksInVain = 8'192;
 constexpr std::size_t kFewestNearby = 16;
 
 bool IsUsable(std::string_view path) {
@@ -99,10 +102,15 @@ FolderIdentities::Answer FolderIdentities::Ask(const FileIdentity& folder, std::
 
 std::vector<std::string> FolderIdentities::FoldersNearby() {
   const std::lock_guard lock(mutex_);
+  if (const auto now = clock_.SteadyNow(); now - looks_since_ >= std::chrono::seconds(1)) {
+    looks_since_ = now;
+    looks_ = kLooksInVain;
+  }
+  const std::size_t most = std::clamp(looks_ * kMostNearby / kLooksInVain, kFewestNearby, kMostNearby);
   std::deque<FolderTree::Index> next;
   std::unordered_set<FolderTree::Index> seen;
   const auto add = [&](FolderTree::Index node) {
-    if (node != kNone && seen.size() < nearby_ && seen.insert(node).second) next.push_back(node);
+    if (node != kNone && seen.size() < most && seen.insert(node).second) next.push_back(node);
   };
   FolderTree::Index node = tree_.Newest();
   for (std::size_t starts = 0; node != kNone && starts < kStartsNearby; node = tree_.NextOlder(node)) {
@@ -116,24 +124,20 @@ std::vector<std::string> FolderIdentities::FoldersNearby() {
   for (; !next.empty(); next.pop_front()) {
     node = next.front();
     if (std::string path = tree_.PathOf(node); !path.empty()) folders.push_back(std::move(path));
-    for (FolderTree::Index child = tree_.FirstChildOf(node); child != kNone && seen.size() < nearby_;
+    for (FolderTree::Index child = tree_.FirstChildOf(node); child != kNone && seen.size() < most;
          child = tree_.NextSiblingOf(child)) {
       add(child);
     }
     if (node != FolderTree::kRoot) add(tree_.ParentOf(node));
   }
+  looks_ -= std::min(looks_, folders.size());
   return folders;
 }
 
-void FolderIdentities::FoundNearby(const std::string& path) {
+void FolderIdentities::FoundNearby(const std::string& path, const std::vector<std::string>& nearby) {
   const std::lock_guard lock(mutex_);
-  nearby_ = kMostNearby;
+  looks_ = std::min(looks_ + nearby.size(), kLooksInVain);
   if (const FolderTree::Index node = tree_.Find(path); node != kNone) tree_.Touch(node);
-}
-
-void FolderIdentities::NotFoundNearby() {
-  const std::lock_guard lock(mutex_);
-  nearby_ = std::max(nearby_ / 2, kFewestNearby);
 }
 
 std::optional<FileIdentity> FolderIdentities::FolderAt(std::string_view path) const {

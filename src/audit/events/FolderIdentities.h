@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/src/util/Clock.h"
 #include "src/audit/events/FileIdentity.h"
 #include "src/audit/events/FolderTree.h"
 
@@ -25,9 +26,10 @@ namespace zagent::audit::internal {
 class FolderIdentities {
  public:
   static constexpr std::size_t kCapacity = 65'536;
-  static constexpr std::size_t kMostNearby = 256;
+  static constexpr std::size_t kMostNearby = 1'024;
 
-  explicit FolderIdentities(std::size_t capacity = kCapacity) : tree_(capacity) {}
+  explicit FolderIdentities(std::size_t capacity = kCapacity, common::util::Clock& clock = common::util::Clock::Real())
+      : clock_(clock), tree_(capacity) {}
   FolderIdentities(const FolderIdentities&) = delete;
   FolderIdentities& operator=(const FolderIdentities&) = delete;
   ~FolderIdentities() = default;
@@ -48,12 +50,11 @@ class FolderIdentities {
   // The path may be empty: nobody says anything.
   [[nodiscard]] Answer Ask(const FileIdentity& folder, std::string_view path);
   // Where something may be that a name alone does not tell: the folders that were used last and, going outwards, those
-  // above, below and beside them, for who works through a tree stays in it. kMostNearby of them at most, and fewer
-  // while looking there is in vain.
+  // above, below and beside them, for who works through a tree stays in it. kMostNearby at most. Looking in vain costs:
+  // the more of that there was within a second, the fewer folders are named.
   [[nodiscard]] std::vector<std::string> FoldersNearby();
-  // What came of looking into FoldersNearby; where it was found counts as used.
-  void FoundNearby(const std::string& path);
-  void NotFoundNearby();
+  // It was in this one of `nearby`, which counts as used: that was not in vain.
+  void FoundNearby(const std::string& path, const std::vector<std::string>& nearby);
 
   // The folder that is known under this path. Whoever finds another one than he was told of must not trust the path.
   [[nodiscard]] std::optional<FileIdentity> FolderAt(std::string_view path) const;
@@ -84,10 +85,12 @@ class FolderIdentities {
   void Place(const FileIdentity& folder, std::string_view path);
   void MoveNode(std::string_view from, std::string_view to);
 
+  common::util::Clock& clock_;
   mutable std::mutex mutex_;
   FolderTree tree_;
   std::optional<std::vector<std::string>> limits_;
-  std::size_t nearby_ = kMostNearby;
+  std::size_t looks_ = 0;  // that may still be in vain within this second
+  common::util::Clock::SteadyTime looks_since_;
   struct {
     std::string from, to;
   } last_rename_;

@@ -1,6 +1,7 @@
 #include "src/audit/events/PathFinder.h"
 
 #include <utility>
+#include <vector>
 
 #include "src/audit/events/Event.h"
 #include "src/audit/events/PathResolution.h"
@@ -123,12 +124,12 @@ std::optional<std::string> PathFinder::ResolveFromDescriptor(const PathRecord& o
   std::string written = cwd_.empty() ? std::string() : Event::ResolvePath(cwd_, "", object.path);
   if (!written.empty() && IsAt(written, object)) return written;
   if (context_.folders) {
-    for (const std::string& known : context_.folders->FoldersNearby()) {
+    const std::vector<std::string> nearby = context_.folders->FoldersNearby();
+    for (const std::string& known : nearby) {
       if (!IsAt(Join(known, object.path), object)) continue;
-      context_.folders->FoundNearby(known);
+      context_.folders->FoundNearby(known, nearby);
       return NormalisePath(Join(known, object.path));
     }
-    context_.folders->NotFoundNearby();
     return std::nullopt;
   }
   if (written.empty()) return std::nullopt;

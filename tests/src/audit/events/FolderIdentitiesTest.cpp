@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/fakes/FakeClock.h"
+
 namespace zagent::audit::internal {
 namespace {
 
@@ -262,27 +264,35 @@ TEST_F(FolderIdentitiesTest, KnowsNothingOutsideItsLimits) {
 }
 
 TEST_F(FolderIdentitiesTest, NamesTheFoldersAroundTheLastOnesFirst) {
-  for (int d = 0; d < 3; ++d) {
+  for (int d = 0; d < 20; ++d) {
     for (int e = 0; e < 100; ++e) {
       folders_.Learn(Folder(100 + 100 * d + e), "/w/d" + std::to_string(d) + "/e" + std::to_string(e));
     }
   }
-  folders_.Learn(Folder(150), "/w/d0/e50");
+  static_cast<void>(folders_.PathOf(Folder(150)));
   const std::vector<std::string> nearby = folders_.FoldersNearby();
   EXPECT_EQ(nearby.size(), FolderIdentities::kMostNearby);
   EXPECT_EQ(nearby.front(), "/w/d0/e50");
   const auto beside = std::find(nearby.begin(), nearby.end(), "/w/d0/e7") - nearby.begin();
-  EXPECT_LT(beside, 150) << "of 300";
+  EXPECT_LT(beside, 300) << "of 2,000";
 }
 
-TEST_F(FolderIdentitiesTest, NamesFewerFoldersWhileLookingThereIsInVain) {
-  for (std::uint64_t i = 1; i <= 300; ++i) folders_.Learn(Folder(i), "/w/" + std::to_string(i));
-  for (int i = 0; i < 10; ++i) folders_.NotFoundNearby();
-  EXPECT_EQ(folders_.FoldersNearby().size(), 16U);
-  folders_.FoundNearby("/w/17");
-  const std::vector<std::string> nearby = folders_.FoldersNearby();
-  EXPECT_EQ(nearby.size(), FolderIdentities::kMostNearby);
-  EXPECT_EQ(nearby.front(), "/w/17");
+TEST(FolderIdentitiesNearbyTest, NamesFewerFoldersTheMoreLooksWereInVain) {
+  fakes::FakeClock clock;
+  FolderIdentities folders(FolderIdentities::kCapacity, clock);
+  for (std::uint64_t i = 1; i <= 2000; ++i) folders.Learn(Folder(i), "/w/" + std::to_string(i));
+  for (int i = 0; i < 100; ++i) {
+    const std::vector<std::string> nearby = folders.FoldersNearby();
+    ASSERT_EQ(nearby.size(), FolderIdentities::kMostNearby);
+    folders.FoundNearby("/w/17", nearby);
+  }
+  EXPECT_EQ(folders.FoldersNearby().front(), "/w/17");
+  std::size_t looks = 0;
+  for (int i = 0; i < 100; ++i) looks += folders.FoldersNearby().size();
+  EXPECT_LE(looks, 10'000U);
+  EXPECT_EQ(folders.FoldersNearby().size(), 16U);
+  clock.Advance(std::chrono::seconds(1));
+  EXPECT_EQ(folders.FoldersNearby().size(), FolderIdentities::kMostNearby);
 }
 
 TEST(FolderIdentitiesBoundTest, APathThatNoCallCouldNameIsNotTold) {
