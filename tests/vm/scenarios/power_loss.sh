@@ -2,10 +2,11 @@
 # The power fails while a spool is written to. The disk is a recorded one: each write lies in the record in the order in
 # which it became safe, with a mark behind each file that the spool had called safe. So the disk can be made as it would
 # have been at any moment, and what had been called safe by then must be on it.
+# seconds: 420
 . /scenario/lib.sh
 
 ITEMS=600
-CUTS=12
+CUTS=6
 SEED=$(date +%s)
 
 for module in brd dm-mod dm-log-writes; do
