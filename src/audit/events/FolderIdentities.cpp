@@ -97,7 +97,21 @@ FolderIdentities::Answer FolderIdentities::Ask(const FileIdentity& folder, std::
   if (!IsUsable(path)) return answer;
   const FolderTree::Index there = tree_.Find(path);
   answer.is_taken = there != kNone && tree_.IdentityOf(there).inode != 0;
+  for (const Denial& denial : denials_) {
+    if (denial.folder != folder || denial.path != path) continue;
+    answer.is_denied = clock_.SteadyNow() - denial.since < kDenialTime;
+  }
   return answer;
+}
+
+void FolderIdentities::Deny(const FileIdentity& folder, std::string_view path) {
+  if (folder.inode == 0) return;
+  const std::lock_guard lock(mutex_);
+  Denial& denial = denials_.at(oldest_denial_);
+  oldest_denial_ = 1 - oldest_denial_;
+  denial.folder = folder;
+  denial.path = path;
+  denial.since = clock_.SteadyNow();
 }
 
 std::vector<std::string> FolderIdentities::FoldersNearby() {

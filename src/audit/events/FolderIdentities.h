@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <chrono>
 #include <cstddef>
 #include <mutex>
 #include <optional>
@@ -27,6 +29,7 @@ class FolderIdentities {
  public:
   static constexpr std::size_t kCapacity = 65'536;
   static constexpr std::size_t kMostNearby = 1'024;
+  static constexpr std::chrono::milliseconds kDenialTime{10};
 
   explicit FolderIdentities(std::size_t capacity = kCapacity, common::util::Clock& clock = common::util::Clock::Real())
       : clock_(clock), tree_(capacity) {}
@@ -46,9 +49,13 @@ class FolderIdentities {
     bool is_here = false;                  // he is right
     std::optional<std::string> elsewhere;  // it is there instead
     bool is_taken = false;                 // another folder is at this path, or its own path is too long to be told
+    bool is_denied = false;                // the disk has denied it right now
   };
   // The path may be empty: nobody says anything.
   [[nodiscard]] Answer Ask(const FileIdentity& folder, std::string_view path);
+  // The disk does not have the folder there. Said of the last two only and for kDenialTime: what comes in a burst is of
+  // one folder or goes from one to another.
+  void Deny(const FileIdentity& folder, std::string_view path);
   // Where something may be that a name alone does not tell: the folders that were used last and, going outwards, those
   // above, below and beside them, for who works through a tree stays in it. kMostNearby at most. Looking in vain costs:
   // the more of that there was within a second, the fewer folders are named.
@@ -94,6 +101,13 @@ class FolderIdentities {
   struct {
     std::string from, to;
   } last_rename_;
+  struct Denial {
+    FileIdentity folder;
+    std::string path;
+    common::util::Clock::SteadyTime since;
+  };
+  std::array<Denial, 2> denials_;
+  std::size_t oldest_denial_ = 0;
 };
 
 }  // namespace zagent::audit::internal

@@ -40,7 +40,10 @@ std::optional<std::string> PathFinder::FolderOf(const PathRecord& parent, const 
   const std::string text = AbsoluteText(parent.path);
   const auto known = context_.folders ? context_.folders->Ask(identity, text) : FolderIdentities::Answer{};
   if (known.is_here) return text;
-  if (!text.empty() && Confirm(text, identity)) return text;
+  if (!text.empty() && !known.is_denied) {
+    if (Confirm(text, identity)) return text;
+    if (context_.folders) context_.folders->Deny(identity, text);
+  }
   // What is known may have been missed since: a descriptor that still leads there is asked first then.
   if (known.elsewhere && (!start || IsObject(*known.elsewhere, identity))) return known.elsewhere;
   if (start && !object.path.starts_with('/')) {

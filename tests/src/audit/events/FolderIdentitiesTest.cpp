@@ -277,6 +277,23 @@ TEST_F(FolderIdentitiesTest, NamesTheFoldersAroundTheLastOnesFirst) {
   EXPECT_LT(beside, 300) << "of 2,000";
 }
 
+TEST(FolderIdentitiesDenialTest, IsSaidForAMomentOfTheLastTwo) {
+  fakes::FakeClock clock;
+  FolderIdentities folders(FolderIdentities::kCapacity, clock);
+  folders.Deny(Folder(1), "/a");
+  EXPECT_TRUE(folders.Ask(Folder(1), "/a").is_denied);
+  EXPECT_FALSE(folders.Ask(Folder(2), "/a").is_denied);
+  EXPECT_FALSE(folders.Ask(Folder(1), "/b").is_denied);
+  folders.Deny(Folder(2), "/b");
+  EXPECT_TRUE(folders.Ask(Folder(1), "/a").is_denied);
+  folders.Deny(Folder(3), "/c");
+  EXPECT_FALSE(folders.Ask(Folder(1), "/a").is_denied);
+  folders.Learn(Folder(3), "/c");
+  EXPECT_TRUE(folders.Ask(Folder(3), "/c").is_here) << "it was made since";
+  clock.Advance(FolderIdentities::kDenialTime);
+  EXPECT_FALSE(folders.Ask(Folder(2), "/b").is_denied);
+}
+
 TEST(FolderIdentitiesNearbyTest, NamesFewerFoldersTheMoreLooksWereInVain) {
   fakes::FakeClock clock;
   FolderIdentities folders(FolderIdentities::kCapacity, clock);
