@@ -1,6 +1,6 @@
 # A room is a folder, a static library and a list of the rooms that it may use.
 #
-#   ostrel_room(audit_rules USES edr process util LINKS PkgConfig::AUDIT)
+#   ostrel_room(audit_rules USES audit_channels edr util LINKS PkgConfig::AUDIT)
 #
 # The floor of each room stands in one table. A room may use rooms of its own floor group below it only:
 # the check runs when CMake configures, so that a wrong arrow never reaches a compiler.
@@ -8,8 +8,8 @@
 # Floors from the ground up.
 set(OSTREL_FLOORS
     util:0 config:1 tasks:1 storage:2 http:2 edr:3 process:4
-    audit_channels:5 audit_events:5 audit_rules:6 audit_parser:6 fim:6
-    host:7)
+    audit_channels:5 audit_events:5 audit_rules:6 audit_routing:6 audit_parser:6 fim:6 audit_engine:7
+    host:8)
 
 function(_ostrel_floor room out)
   foreach(entry IN LISTS OSTREL_FLOORS)

@@ -20,6 +20,7 @@
 #include "src/audit/channels/AuditNetlink.h"
 #include "src/audit/channels/DispatcherIOChannel.h"
 #include "src/audit/channels/KernelIOChannel.h"
+#include "src/audit/routing/OwnActivity.h"
 
 namespace zagent::edr::host {
 namespace {
@@ -245,7 +246,7 @@ void Daemon::BuildEngine() {
       .agent_path = agent_.path,
       .audit_backlog_limit = edr_config_->GetAuditBacklogLimit(),
       .agent_install_path = common_config_->GetAgentInstallPath(),
-      .sibling_names = audit::RuleEngine::DefaultSiblingNames(),
+      .sibling_names = audit::internal::OwnActivity::DefaultSiblingNames(),
       // As many as the event stage may hold.
       .max_resting_events = audit::EventProcessingThread::QueueLimitFor(allowed_memory_kb),
       .extended_coverage = edr_config_->HasExtendedCoverage(),

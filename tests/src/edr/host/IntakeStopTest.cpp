@@ -10,8 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "src/audit/engine/RuleEngine.h"
 #include "src/audit/parser/EventProcessingThread.h"
-#include "src/audit/rules/RuleEngine.h"
+#include "src/audit/routing/OwnActivity.h"
 #include "tests/fakes/FakeAuditNetlink.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeEvent.h"
@@ -54,12 +55,12 @@ class IntakeStopTest : public testing::Test {
   audit::IntakeCounters counters_;
   fakes::FakeAuditNetlink kernel_;
   common::ProcessTree tree_;
-  audit::RuleEngine engine_{
-      kernel_,
-      tree_,
-      {400, "/opt/ostrel/bin/host-warden", 8192, "/opt/ostrel", audit::RuleEngine::DefaultSiblingNames(), kEvents},
-      counters_,
-      clock_};
+  audit::RuleEngine engine_{kernel_,
+                            tree_,
+                            {400, "/opt/ostrel/bin/host-warden", 8192, "/opt/ostrel",
+                             audit::internal::OwnActivity::DefaultSiblingNames(), kEvents},
+                            counters_,
+                            clock_};
   audit::EventProcessingThread stage_{engine_, 100,
                                       0,       audit::IntakeReports{counters_, [](const std::string&) {}},
                                       clock_,  audit::LoadProbe{[] { return 0.0F; }, 4'000'000}};

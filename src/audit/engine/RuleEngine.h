@@ -12,13 +12,13 @@
 
 #include "common/src/util/Clock.h"
 #include "src/audit/channels/AuditNetlink.h"
+#include "src/audit/engine/RuleTable.h"
 #include "src/audit/events/IntakeCounters.h"
 #include "src/audit/events/WatchedFolder.h"
+#include "src/audit/routing/EventRouter.h"
+#include "src/audit/routing/OwnActivity.h"
 #include "src/audit/rules/Coverage.h"
-#include "src/audit/rules/EventRouter.h"
 #include "src/audit/rules/Exclusions.h"
-#include "src/audit/rules/OwnActivity.h"
-#include "src/audit/rules/RuleTable.h"
 #include "src/edr/EventRuleEngine.h"
 #include "src/edr/process/ProcessTree.h"
 
@@ -63,9 +63,6 @@ class RuleEngine final : public edr::EventRuleEngine {
 
   // The parent agent's pid or path has changed: moves its exclusion rules. Failures are logged.
   void UpdateExclusions(std::int32_t agent_pid, const std::string& agent_path);
-
-  // The product family as it is shipped.
-  static std::set<std::string> DefaultSiblingNames();
 
  private:
   // Event thread. Both take the mutex, neither holds it while handlers run.

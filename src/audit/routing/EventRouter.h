@@ -6,8 +6,8 @@
 #include <memory>
 
 #include "common/src/util/Clock.h"
-#include "src/audit/events/FileEventCache.h"
 #include "src/audit/events/IntakeCounters.h"
+#include "src/audit/routing/FileEventCache.h"
 #include "src/edr/Event.h"
 
 namespace zagent::audit::internal {

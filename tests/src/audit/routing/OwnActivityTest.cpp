@@ -1,4 +1,4 @@
-#include "src/audit/rules/OwnActivity.h"
+#include "src/audit/routing/OwnActivity.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "src/audit/rules/RuleEngine.h"
 #include "tests/fakes/FakeEvent.h"
 #include "tests/fakes/FakeProcessInfo.h"
 
@@ -26,7 +25,7 @@ class OwnActivityTest : public ::testing::Test {
   }
 
   common::ProcessTree tree_;
-  OwnActivity own_{tree_, RuleEngine::DefaultSiblingNames(), "/opt/ostrel"};
+  OwnActivity own_{tree_, OwnActivity::DefaultSiblingNames(), "/opt/ostrel"};
 };
 
 TEST_F(OwnActivityTest, KnowsTheExcludedProcesses) {
@@ -52,7 +51,7 @@ TEST_F(OwnActivityTest, ReadsTheFolderWithAndWithoutATrailingSlash) {
 }
 
 TEST_F(OwnActivityTest, MatchesNoProcessByTheTwoNamesThatRunTogether) {
-  const std::set<std::string> names = RuleEngine::DefaultSiblingNames();
+  const std::set<std::string> names = OwnActivity::DefaultSiblingNames();
   EXPECT_EQ(names.size(), 21U);  // twenty of the family, and "updated"
   EXPECT_EQ(names.count("ostrel-edrostrel-health-check"), 1U);
   EXPECT_FALSE(IsOwn(7, "/opt/ostrel/bin/ostrel-edr"));

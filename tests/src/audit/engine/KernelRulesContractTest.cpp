@@ -1,4 +1,4 @@
-#include "tests/src/audit/rules/KernelRulesContract.h"
+#include "tests/src/audit/engine/KernelRulesContract.h"
 
 namespace zagent::audit::internal {
 namespace {

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/src/audit/rules/RuleEngineFixture.h"
+#include "tests/src/audit/engine/RuleEngineFixture.h"
 
 namespace zagent::audit {
 namespace {

@@ -20,6 +20,9 @@ class OwnActivity {
   // the tree does not know is judged by the event alone.
   [[nodiscard]] bool IsSourceOf(const edr::Event& event, const std::set<std::int32_t>& excluded_pids) const;
 
+  // The product family as it is shipped.
+  static std::set<std::string> DefaultSiblingNames();
+
  private:
   [[nodiscard]] bool IsSibling(const common::ImageInfo* image) const;
 

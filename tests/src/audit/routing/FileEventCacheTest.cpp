@@ -1,4 +1,4 @@
-#include "src/audit/events/FileEventCache.h"
+#include "src/audit/routing/FileEventCache.h"
 
 #include <gtest/gtest.h>
 

@@ -9,7 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "src/audit/rules/RuleEngine.h"
+#include "src/audit/engine/RuleEngine.h"
+#include "src/audit/routing/OwnActivity.h"
 #include "tests/fakes/FakeAuditNetlink.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeEvent.h"
@@ -28,8 +29,9 @@ class RuleEngineFixture : public ::testing::Test {
   RuleEngineFixture() { Start(); }
 
   void Start() {
-    RuleEngine::Settings settings{400,           "/opt/ostrel/bin/host-warden",     8192,
-                                  "/opt/ostrel", RuleEngine::DefaultSiblingNames(), kMaxResting};
+    RuleEngine::Settings settings{
+        400,        "/opt/ostrel/bin/host-warden", 8192, "/opt/ostrel", internal::OwnActivity::DefaultSiblingNames(),
+        kMaxResting};
     settings.extended_coverage = extended_coverage_;
     settings.watch_folders = [this](auto folders) { watched_ = std::move(folders); };
     engine_ = std::make_unique<RuleEngine>(kernel_, tree_, std::move(settings), counters_, clock_);

@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/src/audit/rules/RuleEngineFixture.h"
+#include "tests/src/audit/engine/RuleEngineFixture.h"
 
 namespace zagent::audit {
 namespace {

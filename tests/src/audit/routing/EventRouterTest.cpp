@@ -1,4 +1,4 @@
-#include "src/audit/rules/EventRouter.h"
+#include "src/audit/routing/EventRouter.h"
 
 #include <gtest/gtest.h>
 

@@ -10,10 +10,11 @@
 #include <vector>
 
 #include "src/audit/channels/AuditNetlink.h"
+#include "src/audit/engine/RuleEngine.h"
+#include "src/audit/routing/OwnActivity.h"
 #include "src/audit/rules/AuditRule.h"
 #include "src/audit/rules/AuditSocket.h"
 #include "src/audit/rules/CreateRules.h"
-#include "src/audit/rules/RuleEngine.h"
 #include "tests/fakes/FakeAuditNetlink.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeRule.h"
@@ -207,7 +208,7 @@ TEST_P(KernelRulesContract, AnEngineComesAndGoesWithoutTrace) {
   IntakeCounters counters;
   common::ProcessTree tree;
   {
-    RuleEngine engine(*kernel_, tree, {1, "/sbin/init", 1, "/opt/ostrel", RuleEngine::DefaultSiblingNames(), 1000},
+    RuleEngine engine(*kernel_, tree, {1, "/sbin/init", 1, "/opt/ostrel", OwnActivity::DefaultSiblingNames(), 1000},
                       counters, clock);
     engine.AddRules("FIM", {fakes::FakeRule::Directory(Key("fim"), folder_.Path(), {edr::EventType::Write})});
     EXPECT_EQ(ListedKeys(), (Keys{Key("fim")}));

@@ -1,4 +1,4 @@
-#include "src/audit/rules/OwnActivity.h"
+#include "src/audit/routing/OwnActivity.h"
 
 #include <algorithm>
 #include <utility>
@@ -35,6 +35,32 @@ bool OwnActivity::IsSibling(const common::ImageInfo* image) const {
   if (image == nullptr || install_folder_.empty()) return false;
   const std::string& path = image->GetPath();
   return path.starts_with(install_folder_) && sibling_names_.count(path.substr(path.rfind('/') + 1)) != 0;
+}
+
+std::set<std::string> OwnActivity::DefaultSiblingNames() {
+  return {
+      "ostrel-agent-updater",
+      "ostrel-asset-inventory",
+      "ostrel-av-scanner",
+      "ostrel-cloud-connector",
+      "ostrel-compliance-scanner",
+      "ostrel-container-sensor",
+      "ostrel-crash-reporter",
+      "ostrel-device-control",
+      "ostrel-diagnostics",
+      "ostrel-edrostrel-health-check",  // two names run together; shipped like this, matches nothing
+      "ostrel-event-forwarder",
+      "ostrel-firewall-agent",
+      "ostrel-host-warden",
+      "ostrel-license-agent",
+      "ostrel-log-collector",
+      "ostrel-network-sensor",
+      "ostrel-patch-manager",
+      "ostrel-quarantine",
+      "ostrel-response-runner",
+      "ostrel-vulnerability-scanner",
+      "updated",
+  };
 }
 
 }  // namespace zagent::audit::internal

@@ -1,4 +1,4 @@
-#include "src/audit/rules/RuleTable.h"
+#include "src/audit/engine/RuleTable.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "src/audit/rules/RuleEngine.h"
+#include "src/audit/engine/RuleEngine.h"
 
 #include <unistd.h>
 
@@ -204,32 +204,6 @@ void RuleEngine::CallHandlers(const edr::Event& event) {
     }
   }
   if (first_failure) std::rethrow_exception(first_failure);
-}
-
-std::set<std::string> RuleEngine::DefaultSiblingNames() {
-  return {
-      "ostrel-agent-updater",
-      "ostrel-asset-inventory",
-      "ostrel-av-scanner",
-      "ostrel-cloud-connector",
-      "ostrel-compliance-scanner",
-      "ostrel-container-sensor",
-      "ostrel-crash-reporter",
-      "ostrel-device-control",
-      "ostrel-diagnostics",
-      "ostrel-edrostrel-health-check",  // two names run together; shipped like this, matches nothing
-      "ostrel-event-forwarder",
-      "ostrel-firewall-agent",
-      "ostrel-host-warden",
-      "ostrel-license-agent",
-      "ostrel-log-collector",
-      "ostrel-network-sensor",
-      "ostrel-patch-manager",
-      "ostrel-quarantine",
-      "ostrel-response-runner",
-      "ostrel-vulnerability-scanner",
-      "updated",
-  };
 }
 
 }  // namespace zagent::audit

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <iostream>
 
-#include "tests/src/audit/rules/KernelRulesContract.h"
+#include "tests/src/audit/engine/KernelRulesContract.h"
 
 namespace zagent::audit::internal {
 namespace {
