@@ -1,0 +1,59 @@
+#include "common/src/util/ProcessTimes.h"
+
+#include <unistd.h>
+
+#include <charconv>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string_view>
+
+namespace zagent::common::util {
+namespace {
+
+constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
+
+std::optional<std::int64_t> ParseNumber(std::string_view text) {
+  std::int64_t number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end == text.data()) return std::nullopt;
+  return number;
+}
+
+// The start in ticks of a line of the file stat.
+std::optional<std::int64_t> StartTicks(std::string_view line) {
+  // The command's name stands in parentheses and may hold blanks and parentheses of its own.
+  std::size_t at = line.rfind(')');
+  if (at == std::string_view::npos) return std::nullopt;
+  constexpr int kFieldsUpToTheStart = 20;  // the name is the 2nd field of the line, the start the 22nd
+  for (int field = 0; field < kFieldsUpToTheStart; ++field) {
+    at = line.find(' ', at + 1);
+    if (at == std::string_view::npos) return std::nullopt;
+  }
+  return ParseNumber(line.substr(at + 1));
+}
+
+}  // namespace
+
+std::int64_t ReadBootTime(const std::string& proc_root) {
+  constexpr std::string_view kBootTime = "btime ";
+  std::ifstream in(proc_root + "/stat");
+  std::string line;
+  while (std::getline(in, line)) {
+    if (!line.starts_with(kBootTime)) continue;
+    if (const auto seconds = ParseNumber(std::string_view(line).substr(kBootTime.size()))) return *seconds;
+  }
+  throw std::runtime_error("Failed to read the boot time from " + proc_root + "/stat");
+}
+
+std::optional<std::int64_t> ReadStartSinceBoot(std::int32_t pid, const std::string& proc_root) {
+  std::ifstream in(proc_root + "/" + std::to_string(pid) + "/stat");
+  const std::string text{std::istreambuf_iterator<char>(in), {}};
+  const auto ticks = StartTicks(text);
+  if (!ticks) return std::nullopt;
+  static const std::int64_t kTicksPerSecond = sysconf(_SC_CLK_TCK);
+  return *ticks / kTicksPerSecond * kNanosecondsPerSecond +
+         *ticks % kTicksPerSecond * kNanosecondsPerSecond / kTicksPerSecond;
+}
+
+}  // namespace zagent::common::util
