@@ -1,0 +1,78 @@
+#pragma once
+
+#include <cstddef>
+#include <list>
+#include <stdexcept>
+#include <unordered_map>
+#include <utility>
+
+namespace zagent::edr {
+
+class LRUCacheException : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Holds at most `capacity` entries: a new one takes the place of the one that nobody asked for the longest. One thread.
+template <typename Key, typename Value>
+class LRUCache {
+ public:
+  explicit LRUCache(std::size_t capacity) : capacity_(capacity) {}
+
+  [[nodiscard]] std::size_t GetSize() const { return entries_.size(); }
+  // Does not count as asking for the entry.
+  [[nodiscard]] bool Contains(const Key& key) const { return entries_.count(key) != 0; }
+
+  // Enters a value or replaces the one of the key.
+  void Put(const Key& key, Value value) {
+    Erase(key);
+    if (capacity_ == 0) return;
+    if (entries_.size() >= capacity_) {
+      entries_.erase(keys_.back());
+      keys_.pop_back();
+    }
+    keys_.push_front(key);
+    entries_.emplace(key, Entry{keys_.begin(), std::move(value)});
+  }
+
+  // Throws LRUCacheException "Accessing key failed from cache memory" for a key that is not there. The value lives
+  // until its entry goes.
+  [[nodiscard]] Value& Get(const Key& key) {
+    const auto found = entries_.find(key);
+    if (found == entries_.end()) throw LRUCacheException("Accessing key failed from cache memory");
+    keys_.splice(keys_.begin(), keys_, found->second.position);
+    return found->second.value;
+  }
+
+  // Takes a value out; throws as Get does.
+  [[nodiscard]] Value Take(const Key& key) {
+    Value value = std::move(Get(key));
+    Erase(key);
+    return value;
+  }
+
+  // A key that is not there is no error.
+  void Erase(const Key& key) {
+    const auto found = entries_.find(key);
+    if (found == entries_.end()) return;
+    keys_.erase(found->second.position);
+    entries_.erase(found);
+  }
+
+  void Clear() {
+    keys_.clear();
+    entries_.clear();
+  }
+
+ private:
+  struct Entry {
+    typename std::list<Key>::iterator position;
+    Value value;
+  };
+
+  const std::size_t capacity_;
+  std::list<Key> keys_;  // the latest asked for in front
+  std::unordered_map<Key, Entry> entries_;
+};
+
+}  // namespace zagent::edr
