@@ -18,18 +18,26 @@ class GenericProcessTreeException : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Live processes by id, with their parent links. Info is ProcessInfo or derives from it. One thread.
-template <typename Info>
+// Live processes by id, with their parent links. Info is ProcessInfo or derives from it; Pointer owns one: unique_ptr,
+// or shared_ptr where others keep what the tree forgets. One thread. Has no bound of its own: its owner sees to what is
+// gone.
+template <typename Info, typename Pointer = std::unique_ptr<Info>>
 class GenericProcessTree {
  public:
   [[nodiscard]] bool Contains(std::int32_t pid) const { return processes_.count(pid) != 0; }
   [[nodiscard]] std::size_t GetSize() const { return processes_.size(); }
 
   // Throws GenericProcessTreeException "ProcessInfo for pid <pid> does not exist".
-  [[nodiscard]] Info& Get(std::int32_t pid) const;
+  [[nodiscard]] Info& Get(std::int32_t pid) const { return *GetPointer(pid); }
+  [[nodiscard]] const Pointer& GetPointer(std::int32_t pid) const;
 
-  // Replaces an entry of the same pid. A parent that is not in the tree becomes kNoParent.
-  void Add(std::unique_ptr<Info> info);
+  // All processes, in no order.
+  [[nodiscard]] std::vector<std::int32_t> GetPids() const;
+
+  // Replaces an entry of the same pid, whose children move under process 1. A parent that is not in the tree becomes
+  // kNoParent. Children that the info names already become its own, wherever they hung; those that are not in the tree
+  // are forgotten.
+  void Add(Pointer info);
 
   // Children move under process 1. An unknown pid is no error; a pid below 1 throws std::invalid_argument.
   void Delete(std::int32_t pid);
@@ -39,22 +47,32 @@ class GenericProcessTree {
   [[nodiscard]] std::vector<const Info*> GetAncestors(std::int32_t pid) const;
 
  private:
-  std::unordered_map<std::int32_t, std::unique_ptr<Info>> processes_;
+  void AdoptChildren(Info& info);
+
+  std::unordered_map<std::int32_t, Pointer> processes_;
 };
 
 using ProcessTree = GenericProcessTree<ProcessInfo>;
 
-template <typename Info>
-Info& GenericProcessTree<Info>::Get(std::int32_t pid) const {
+template <typename Info, typename Pointer>
+const Pointer& GenericProcessTree<Info, Pointer>::GetPointer(std::int32_t pid) const {
   const auto found = processes_.find(pid);
   if (found == processes_.end()) {
     throw GenericProcessTreeException("ProcessInfo for pid " + std::to_string(pid) + " does not exist");
   }
-  return *found->second;
+  return found->second;
 }
 
-template <typename Info>
-void GenericProcessTree<Info>::Add(std::unique_ptr<Info> info) {
+template <typename Info, typename Pointer>
+std::vector<std::int32_t> GenericProcessTree<Info, Pointer>::GetPids() const {
+  std::vector<std::int32_t> pids;
+  pids.reserve(processes_.size());
+  for (const auto& entry : processes_) pids.push_back(entry.first);
+  return pids;
+}
+
+template <typename Info, typename Pointer>
+void GenericProcessTree<Info, Pointer>::Add(Pointer info) {
   const std::int32_t pid = info->GetPid();
   if (Contains(pid)) Delete(pid);
   const auto parent = processes_.find(info->GetParent());
@@ -66,6 +84,7 @@ void GenericProcessTree<Info>::Add(std::unique_ptr<Info> info) {
     ZLOG_DEBUG("Failed to find parent process in tree for pid " << pid << ", updating parent as -1");
     info->SetParent(ProcessInfo::kNoParent);
   }
+  AdoptChildren(*info);
   processes_[pid] = std::move(info);
   ZLOG_TRACE("ProcessTree: Size " << processes_.size() << " (" << [this] {
     std::ostringstream keys;
@@ -74,8 +93,24 @@ void GenericProcessTree<Info>::Add(std::unique_ptr<Info> info) {
   }() << ")");
 }
 
-template <typename Info>
-void GenericProcessTree<Info>::Delete(std::int32_t pid) {
+template <typename Info, typename Pointer>
+void GenericProcessTree<Info, Pointer>::AdoptChildren(Info& info) {
+  const std::unordered_set<std::int32_t> named = info.GetChildren();
+  for (const std::int32_t pid : named) {
+    const auto child = processes_.find(pid);
+    // Its own parent cannot be its child: pids that came again have made one of the two.
+    if (child == processes_.end() || pid == info.GetParent()) {
+      info.RemoveChild(pid);
+      continue;
+    }
+    const auto parent = processes_.find(child->second->GetParent());
+    if (parent != processes_.end()) parent->second->RemoveChild(pid);
+    child->second->SetParent(info.GetPid());
+  }
+}
+
+template <typename Info, typename Pointer>
+void GenericProcessTree<Info, Pointer>::Delete(std::int32_t pid) {
   if (pid < 1) throw std::invalid_argument("ProcessTree::Delete: 'pid' is invalid");
   ZLOG_TRACE("ProcessTree: Deleting " << pid);
   const auto entry = processes_.find(pid);
@@ -92,8 +127,8 @@ void GenericProcessTree<Info>::Delete(std::int32_t pid) {
   processes_.erase(entry);
 }
 
-template <typename Info>
-std::vector<const Info*> GenericProcessTree<Info>::GetAncestors(std::int32_t pid) const {
+template <typename Info, typename Pointer>
+std::vector<const Info*> GenericProcessTree<Info, Pointer>::GetAncestors(std::int32_t pid) const {
   if (pid < 1) throw std::invalid_argument("ProcessTree::GetAncestors: 'pid' is invalid");
   std::vector<const Info*> ancestors;
   std::unordered_set<std::int32_t> visited;

@@ -1,5 +1,6 @@
 #include "src/edr/process/ProcessTree.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "tests/fakes/FakeProcessInfo.h"
@@ -107,6 +108,47 @@ TEST_F(ProcessTreeTest, AReplacedProcessLeavesItsChildrenToProcessOne) {
   EXPECT_EQ(tree_.GetSize(), 3U);
   EXPECT_EQ(tree_.Get(20).GetParent(), 1);
   EXPECT_EQ(Ancestors(10), (Pids{10, 1}));
+}
+
+TEST_F(ProcessTreeTest, AReplacedProcessKeepsTheChildrenThatItsSuccessorNames) {
+  Add(1, 0);
+  Add(10, 1);
+  Add(20, 10);
+  Add(30, 20);
+  auto successor = std::make_unique<FakeProcessInfo>(10, 1);
+  successor->AddChild(20);
+  successor->AddChild(99);  // has ended meanwhile
+  tree_.Add(std::move(successor));
+  EXPECT_EQ(Ancestors(30), (Pids{30, 20, 10, 1}));
+  EXPECT_EQ(tree_.Get(10).GetChildren(), (std::unordered_set<std::int32_t>{20}));
+  EXPECT_EQ(tree_.Get(1).GetChildren(), (std::unordered_set<std::int32_t>{10}));
+}
+
+TEST_F(ProcessTreeTest, NobodyBecomesTheChildOfItsOwnChild) {
+  Add(1, 0);
+  Add(10, 1);
+  Add(20, 10);
+  auto successor = std::make_unique<FakeProcessInfo>(10, 20);  // 20 is a pid that came again
+  successor->AddChild(20);
+  tree_.Add(std::move(successor));
+  EXPECT_EQ(Ancestors(10), (Pids{10, 20, 1}));
+  EXPECT_TRUE(tree_.Get(10).GetChildren().empty());
+}
+
+TEST_F(ProcessTreeTest, ListsItsProcesses) {
+  EXPECT_TRUE(tree_.GetPids().empty());
+  Add(10, 1);
+  Add(20, 10);
+  EXPECT_THAT(tree_.GetPids(), testing::UnorderedElementsAre(10, 20));
+}
+
+TEST(SharedProcessTreeTest, LeavesToOthersWhatTheyKeep) {
+  GenericProcessTree<FakeProcessInfo, std::shared_ptr<FakeProcessInfo>> tree;
+  tree.Add(std::make_shared<FakeProcessInfo>(10, 1));
+  const std::shared_ptr<FakeProcessInfo> kept = tree.GetPointer(10);
+  tree.Delete(10);
+  EXPECT_FALSE(tree.Contains(10));
+  EXPECT_EQ(kept->GetPid(), 10);
 }
 
 TEST(ProcessInfoTest, AParentEqualToItselfEndsAsNone) {
