@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <unordered_set>
@@ -42,6 +43,12 @@ class ProcessInfo {
   [[nodiscard]] std::int32_t GetPid() const { return pid_; }
   [[nodiscard]] std::int32_t GetParent() const { return ppid_; }
 
+  // When the kernel made the process, in nanoseconds since the boot (ReadStartSinceBoot): tells it from a later one of
+  // the same pid, which the creation time cannot where that is the time of an event. Nothing when it was gone before
+  // anybody looked.
+  [[nodiscard]] std::optional<std::int64_t> GetStartSinceBoot() const { return start_since_boot_; }
+  void SetStartSinceBoot(std::optional<std::int64_t> start) { start_since_boot_ = start; }
+
   void SetPid(std::int32_t pid);
   // Throws ProcessInfoException when ppid equals the pid.
   void SetParent(std::int32_t ppid);
@@ -52,6 +59,7 @@ class ProcessInfo {
   std::unordered_set<std::int32_t> children_;
   std::int32_t pid_;
   std::int32_t ppid_;
+  std::optional<std::int64_t> start_since_boot_;
 };
 
 }  // namespace zagent::common
