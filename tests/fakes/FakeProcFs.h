@@ -23,14 +23,18 @@ class FakeProcFs {
     std::string cwd = "/srv";
     std::uint32_t uid = 0;
     std::uint32_t euid = 0;
-    double start = 100;     // seconds after the boot
-    std::int32_t tgid = 0;  // of a thread: the process that it belongs to
+    double start = 100;          // seconds after the boot
+    std::int32_t tgid = 0;       // of a thread: the process that it belongs to
     std::string login_uid = "";  // no file without one
   };
 
-  FakeProcFs() { root_.Write("stat", "cpu  1 2 3\nbtime " + std::to_string(kBootTime) + "\n"); }
+  FakeProcFs() { SetBootTime(kBootTime); }
 
   [[nodiscard]] const std::string& Root() const { return root_.Path(); }
+
+  void SetBootTime(std::int64_t seconds) const {
+    root_.Write("stat", "cpu  1 2 3\nbtime " + std::to_string(seconds) + "\n");
+  }
 
   // Makes a process or replaces the one of the pid.
   void Start(std::int32_t pid, const Process& process) const {

@@ -56,4 +56,8 @@ std::optional<std::int64_t> ReadStartSinceBoot(std::int32_t pid, const std::stri
          *ticks % kTicksPerSecond * kNanosecondsPerSecond / kTicksPerSecond;
 }
 
+std::int64_t StartSinceEpoch(std::int64_t start_since_boot, const std::string& proc_root) {
+  return ReadBootTime(proc_root) * kNanosecondsPerSecond + start_since_boot;
+}
+
 }  // namespace zagent::common::util

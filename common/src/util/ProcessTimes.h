@@ -15,4 +15,8 @@ std::int64_t ReadBootTime(const std::string& proc_root = "/proc");
 // that differ are two processes. Answers for threads as well; nothing when there is no such process or thread.
 std::optional<std::int64_t> ReadStartSinceBoot(std::int32_t pid, const std::string& proc_root = "/proc");
 
+// The same moment in nanoseconds since the epoch, by the boot time: up to a second early, which the kernel cuts off.
+// Throws as ReadBootTime does.
+std::int64_t StartSinceEpoch(std::int64_t start_since_boot, const std::string& proc_root = "/proc");
+
 }  // namespace zagent::common::util

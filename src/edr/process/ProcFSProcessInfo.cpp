@@ -21,7 +21,6 @@ namespace {
 constexpr std::size_t kMaxArguments = 255;
 constexpr std::size_t kMaxArgumentBytes = 128UL * 1024UL;
 constexpr std::size_t kLinkBuffer = 4096;
-constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 
 // What the link names; nothing, and errno, when it cannot be read.
 std::optional<std::string> ReadLink(const std::string& link) {
@@ -136,7 +135,7 @@ void ProcFSProcessInfo::ReadStart(const std::string& proc_root) {
   if (!start) throw ProcessInfoException("Failed to open stat for process with pid " + std::to_string(GetPid()));
   SetStartSinceBoot(start);
   try {
-    creation_time_ = util::ReadBootTime(proc_root) * kNanosecondsPerSecond + *start;
+    creation_time_ = util::StartSinceEpoch(*start, proc_root);
   } catch (const std::runtime_error& error) {
     throw ProcessInfoException("Failed to open stat for process with pid " + std::to_string(GetPid()) + ": " +
                                error.what());

@@ -11,10 +11,10 @@ namespace zagent::common {
 // A live process as procfs shows it now. A script is known by its interpreter: there is no secondary image.
 class ProcFSProcessInfo final : public ProcessInfo {
  public:
-  // Reads <proc_root>/<pid>: cmdline (the first 255 arguments of its first 128 KiB), cwd, exe, status and stat. A thread
-  // id becomes the id of its process. `auid` is taken as given. Throws ProcessInfoException, "Failed to open status for
-  // process with pid <pid>" and the like, when the process is not there or goes meanwhile. The working directory and
-  // the image, which a kernel thread has not, may stay empty.
+  // Reads <proc_root>/<pid>: cmdline (the first 255 arguments of its first 128 KiB), cwd, exe, status and stat. A
+  // thread id becomes the id of its process. `auid` is taken as given. Throws ProcessInfoException, "Failed to open
+  // status for process with pid <pid>" and the like, when the process is not there or goes meanwhile. The working
+  // directory and the image, which a kernel thread has not, may stay empty.
   ProcFSProcessInfo(std::int32_t pid, std::uint32_t auid, const std::string& proc_root = "/proc");
 
   [[nodiscard]] const std::vector<std::string>& GetArguments() const override { return arguments_; }
