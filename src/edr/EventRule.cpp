@@ -2,6 +2,17 @@
 
 namespace zagent::edr {
 
+EventType EventRule::GetEventType() const {
+  switch (GetType()) {
+    case ObjectType::Process:
+      throw EventRuleException("Function not defined for neither process rule");
+    case ObjectType::Network:
+      throw EventRuleException("Function not defined for network rule");
+    default:
+      throw EventRuleException("Function not defined for file rule");
+  }
+}
+
 EventTypes EventTypesOf(const EventRule& rule) {
   switch (rule.GetType()) {
     case ObjectType::File:

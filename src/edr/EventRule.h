@@ -37,12 +37,16 @@ class EventRule {
   [[nodiscard]] virtual const EventTypes& GetProcessActions() const = 0;
   [[nodiscard]] virtual const EventTypes& GetNetworkActions() const = 0;
 
-  // Unique within its tag; becomes the key of its kernel rules.
+  // Unique among the rules of its type within its tag; becomes the key of its kernel rules.
   [[nodiscard]] virtual const std::string& GetId() const = 0;
+  // Of a process rule: unique among those of its tag.
   [[nodiscard]] virtual const std::string& GetName() const = 0;
-  // Absolute path that a file or directory rule watches.
+  // Absolute path that a file or directory rule watches. A process or network rule may have none and then throws
+  // EventRuleException.
   [[nodiscard]] virtual const std::string& GetPath() const = 0;
   [[nodiscard]] virtual ObjectType GetType() const = 0;
+  // The place of a question that no kind of rule has an answer to: throws EventRuleException.
+  [[nodiscard]] virtual EventType GetEventType() const;
   [[nodiscard]] virtual MatchResult Match(const Event& event) const = 0;
 };
 

@@ -35,5 +35,20 @@ TEST(EventRuleTest, RefusesAKindThatIsNone) {
   }
 }
 
+TEST(EventRuleTest, HasNoSingleEventTypeWhateverItsKind) {
+  const auto refusal = [](ObjectType type) -> std::string {
+    try {
+      static_cast<void>(FakeRule("1", type, "/", {EventType::Write}).GetEventType());
+    } catch (const EventRuleException& error) {
+      return error.what();
+    }
+    return "no exception";
+  };
+  EXPECT_EQ(refusal(ObjectType::File), "Function not defined for file rule");
+  EXPECT_EQ(refusal(ObjectType::Directory), "Function not defined for file rule");
+  EXPECT_EQ(refusal(ObjectType::Process), "Function not defined for neither process rule");
+  EXPECT_EQ(refusal(ObjectType::Network), "Function not defined for network rule");
+}
+
 }  // namespace
 }  // namespace zagent::edr
