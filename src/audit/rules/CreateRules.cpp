@@ -9,6 +9,7 @@
 #include "common/src/util/Log.h"
 #include "src/audit/rules/Exclusions.h"
 #include "src/audit/rules/ExtendedRules.h"
+#include "src/audit/rules/SyscallRules.h"
 #include "src/edr/EventRuleEngine.h"
 
 namespace zagent::audit::internal {
@@ -85,6 +86,22 @@ std::vector<AuditRule> AddPathRules(const edr::EventRule& rule) {
   return rules;
 }
 
+std::vector<AuditRule> CreateRulesWithoutKey(const edr::EventRule& rule, const Coverage& coverage) {
+  switch (rule.GetType()) {
+    case ObjectType::Network:
+      return AddNetworkRules(rule);
+    case ObjectType::Process:
+      return AddProcessRules(rule, coverage);
+    case ObjectType::File:
+    case ObjectType::Directory: {
+      std::vector<AuditRule> rules = AddPathRules(rule);
+      for (AuditRule& extended : CreateExtendedRules(rule, coverage)) rules.push_back(std::move(extended));
+      return rules;
+    }
+  }
+  throw RuleEngineException("CreateRules: Unsupported rule type for rule id " + rule.GetId());
+}
+
 void AddKeyToRule(const std::string& id, AuditRule& target) {
   ZLOG_TRACE("CreateRules: Adding " << id << " to rule");
   const char* objection = Exclusions::IsReservedKey(id) ? "it is reserved" : AuditRule::WhyRefused(id);
@@ -98,11 +115,7 @@ void AddKeyToRule(const std::string& id, AuditRule& target) {
 
 std::vector<AuditRule> CreateRules(const edr::EventRule& rule, const Coverage& coverage) {
   ZLOG_TRACE("CreateRules: Creating rule with ID " << rule.GetId());
-  if (rule.GetType() != ObjectType::File && rule.GetType() != ObjectType::Directory) {
-    throw RuleEngineException("CreateRules: Unsupported rule type for rule id " + rule.GetId());
-  }
-  std::vector<AuditRule> rules = AddPathRules(rule);
-  for (AuditRule& extended : CreateExtendedRules(rule, coverage)) rules.push_back(std::move(extended));
+  std::vector<AuditRule> rules = CreateRulesWithoutKey(rule, coverage);
   for (AuditRule& created : rules) AddKeyToRule(rule.GetId(), created);
   return rules;
 }

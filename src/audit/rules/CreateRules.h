@@ -9,12 +9,12 @@
 
 namespace zagent::audit::internal {
 
-// The kernel rules that let the events of a rule of type File or Directory be heard: at most one for reading, limited
-// to processes with a login session, and one for writing and attribute changes; behind them those of extended coverage.
-// Each carries the rule's id as key.
+// The kernel rules that let the events of a rule be heard, each with the rule's id as key. Of a file or directory rule:
+// at most one for reading, limited to processes with a login session, and one for writing and attribute changes; behind
+// them those of extended coverage. Of a process or network rule: one for all its calls.
 //
-// Throws edr::RuleEngineException when the rule cannot be expressed: a type without kernel rules, no action, a path
-// or an id that the kernel does not take.
+// Throws edr::RuleEngineException when the rule cannot be expressed: an unknown type, no action, a path or an id that
+// the kernel does not take.
 std::vector<AuditRule> CreateRules(const edr::EventRule& rule, const Coverage& coverage = {});
 
 }  // namespace zagent::audit::internal

@@ -97,11 +97,24 @@ TEST_F(CreateRulesTest, RefusesARuleWithoutAnyActionThatAWatchCouldTell) {
   EXPECT_EQ(Create(FakeRule("id", ObjectType::File, "/etc/passwd", {EventType::Read})).size(), 1U);
 }
 
-TEST_F(CreateRulesTest, RefusesTypesWithoutKernelRules) {
-  EXPECT_EQ(ErrorOf(FakeRule("id", ObjectType::Process, "/bin/sh", {EventType::ProcessStart})),
-            "CreateRules: Unsupported rule type for rule id id");
-  EXPECT_EQ(ErrorOf(FakeRule("id", ObjectType::Network, "", {EventType::Connect})),
-            "CreateRules: Unsupported rule type for rule id id");
+TEST_F(CreateRulesTest, RefusesATypeThatIsNone) {
+  class Odd final : public edr::EventRule {
+   public:
+    [[nodiscard]] const edr::EventTypes& GetDirectoryActions() const override { return none_; }
+    [[nodiscard]] const edr::EventTypes& GetFileActions() const override { return none_; }
+    [[nodiscard]] const edr::EventTypes& GetProcessActions() const override { return none_; }
+    [[nodiscard]] const edr::EventTypes& GetNetworkActions() const override { return none_; }
+    [[nodiscard]] const std::string& GetId() const override { return id_; }
+    [[nodiscard]] const std::string& GetName() const override { return id_; }
+    [[nodiscard]] const std::string& GetPath() const override { return id_; }
+    [[nodiscard]] ObjectType GetType() const override { return static_cast<ObjectType>(9); }
+    [[nodiscard]] edr::MatchResult Match(const edr::Event&) const override { return edr::MatchResult::Matched; }
+
+   private:
+    const edr::EventTypes none_;
+    const std::string id_ = "id";
+  };
+  EXPECT_EQ(ErrorOf(Odd()), "CreateRules: Unsupported rule type for rule id id");
 }
 
 TEST_F(CreateRulesTest, RefusesPathsThatCannotBeWatched) {
