@@ -22,7 +22,18 @@ class FakeRule final : public edr::EventRule {
                                             std::move(types));
   }
 
+  FakeRule(FakeRule&& other) noexcept
+      : id(std::move(other.id)),
+        path(std::move(other.path)),
+        name(std::move(other.name)),
+        path_error(std::move(other.path_error)),
+        type(other.type),
+        types(std::move(other.types)),
+        directory_types(std::move(other.directory_types)) {}
+
   std::string id, path;
+  std::string name;        // the id when empty
+  std::string path_error;  // GetPath throws EventRuleException with this text when it is not empty
   edr::ObjectType type;
   edr::EventTypes types;
   edr::EventTypes directory_types;  // of a directory rule, beside its file actions
@@ -40,8 +51,11 @@ class FakeRule final : public edr::EventRule {
     return Actions(edr::ObjectType::Network, types);
   }
   [[nodiscard]] const std::string& GetId() const override { return id; }
-  [[nodiscard]] const std::string& GetName() const override { return id; }
-  [[nodiscard]] const std::string& GetPath() const override { return path; }
+  [[nodiscard]] const std::string& GetName() const override { return name.empty() ? id : name; }
+  [[nodiscard]] const std::string& GetPath() const override {
+    if (!path_error.empty()) throw edr::EventRuleException(path_error);
+    return path;
+  }
   [[nodiscard]] edr::ObjectType GetType() const override { return type; }
   [[nodiscard]] edr::MatchResult Match(const edr::Event&) const override { return edr::MatchResult::Matched; }
 

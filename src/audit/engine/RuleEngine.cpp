@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <exception>
-#include <map>
 #include <optional>
 #include <stdexcept>
 #include <utility>
@@ -13,20 +12,17 @@
 #include "common/src/util/Log.h"
 #include "src/audit/rules/AuditSocket.h"
 #include "src/audit/rules/BacklogLimit.h"
-#include "src/audit/rules/CreateRules.h"
-#include "src/audit/rules/KernelRules.h"
 
 namespace zagent::audit {
 
-using internal::AuditRule;
 using internal::AuditSocket;
-using internal::RuleTable;
 
 RuleEngine::RuleEngine(AuditNetlink& netlink, common::ProcessTree& process_tree, Settings settings,
                        IntakeCounters& counters, common::util::Clock& clock)
     : netlink_(netlink),
       watch_folders_(std::move(settings.watch_folders)),
       exclusions_(getpid(), settings.agent_pid, settings.agent_path),
+      rules_(clock),
       own_activity_(process_tree, std::move(settings.sibling_names), std::move(settings.agent_install_path)),
       router_(
           clock, settings.max_resting_events, counters,
@@ -39,7 +35,7 @@ RuleEngine::RuleEngine(AuditNetlink& netlink, common::ProcessTree& process_tree,
   }
   AuditSocket socket(netlink_, "RuleEngine");
   internal::Exclusions::DeleteAll(socket);
-  coverage_ = internal::FindCoverage(socket, settings.extended_coverage);
+  rules_.SetCoverage(internal::FindCoverage(socket, settings.extended_coverage));
   exclusions_.AddAll(socket);
 }
 
@@ -62,83 +58,21 @@ void RuleEngine::AddRules(const std::string& tag, Rules rules) {
     throw std::runtime_error("RuleEngine::AddRules: 'rule' is nullptr");
   }
   ZLOG_INFO("RuleEngine::AddRules: Adding " << rules.size() << " rules");
-  std::sort(rules.begin(), rules.end(), [](const auto& a, const auto& b) { return a->GetId() < b->GetId(); });
-
   const std::lock_guard lock(mutex_);
   AuditSocket socket(netlink_, "RuleEngine::AddRules");
-  internal::DeleteDuplicateRules(socket, rules);
-  const std::set<std::string> touched = RemoveAllBut(socket, tag, rules);
-  std::optional<std::string> first_failure;
-  const std::string* previous_id = nullptr;
-  for (const auto& rule : rules) {
-    try {
-      if (previous_id != nullptr && *previous_id == rule->GetId()) {
-        throw edr::RuleEngineException("Cannot add more than 1 rule with id '" + rule->GetId() + "'");
-      }
-      previous_id = &rule->GetId();
-      AddRule(socket, tag, rule);
-    } catch (const std::runtime_error& error) {
-      ZLOG_ERROR("RuleEngine::AddRules: Failed to add rule with ID " << rule->GetId() << ": " << error.what());
-      if (!first_failure) first_failure = error.what();
-    }
-  }
-  RestoreRulesOfOtherTags(socket, tag, touched);
+  const std::optional<std::string> failure = rules_.Replace(socket, tag, std::move(rules));
   TellWatchedFolders();
-  if (first_failure) throw edr::RuleEngineException(*first_failure);
-}
-
-std::set<std::string> RuleEngine::RemoveAllBut(AuditSocket& socket, const std::string& tag, const Rules& kept) {
-  std::set<std::string> touched;
-  for (const auto& rule : kept) touched.insert(internal::ComparedPart(rule->GetId()));
-  const auto of_tag = rules_.GetRules().find(tag);
-  if (of_tag == rules_.GetRules().end()) return touched;
-  const std::set<RuleTable::Rule> kept_objects(kept.begin(), kept.end());
-  const RuleTable::RulesById old_rules = of_tag->second;
-  for (const auto& [id, rule] : old_rules) {
-    if (kept_objects.count(rule) != 0) continue;
-    rules_.Remove(tag, id);
-    internal::DeleteRuleFromAudit(socket, *rule, coverage_);
-    touched.insert(internal::ComparedPart(id));
-  }
-  return touched;
-}
-
-void RuleEngine::AddRule(AuditSocket& socket, const std::string& tag, const RuleTable::Rule& rule) {
-  std::vector<AuditRule> created = internal::CreateRules(*rule, coverage_);
-  // Entered first: what the kernel has taken of a rule before it refused the rest goes when the rule goes.
-  rules_.Insert(tag, rule);
-  internal::AddRuleToAudit(socket, *rule, created);
-  ZLOG_DEBUG("RuleEngine::AddRules: Added rule with ID " << rule->GetId());
-}
-
-// Two tags may use one id, and then the kernel's rules of both go by the same key.
-void RuleEngine::RestoreRulesOfOtherTags(AuditSocket& socket, const std::string& tag,
-                                         const std::set<std::string>& touched) {
-  for (const auto& [other_tag, rules] : rules_.GetRules()) {
-    if (other_tag == tag) continue;
-    for (const auto& [id, rule] : rules) {
-      if (touched.count(internal::ComparedPart(id)) == 0) continue;
-      try {
-        std::vector<AuditRule> created = internal::CreateRules(*rule, coverage_);
-        internal::AddRuleToAudit(socket, *rule, created);
-      } catch (const std::runtime_error& error) {
-        ZLOG_ERROR("RuleEngine::AddRules: Failed to restore rule with ID " << id << " of '" << other_tag
-                                                                           << "': " << error.what());
-      }
-    }
-  }
+  if (failure) throw edr::RuleEngineException(*failure);
 }
 
 void RuleEngine::DeleteEverythingFromAudit(AuditSocket& socket) {
-  for (const auto& [tag, rules] : rules_.GetRules()) {
-    for (const auto& [id, rule] : rules) internal::DeleteRuleFromAudit(socket, *rule, coverage_);
-  }
+  rules_.DeleteFromAudit(socket);
   internal::Exclusions::DeleteAll(socket);
 }
 
 // Invalidate does not tell: the same rules come back at once.
 void RuleEngine::TellWatchedFolders() const {
-  if (watch_folders_) watch_folders_(rules_.WatchedFolders());
+  if (watch_folders_) watch_folders_(rules_.Table().WatchedFolders());
 }
 
 void RuleEngine::Invalidate() {
@@ -188,13 +122,14 @@ bool RuleEngine::ShouldProcessEvent(const edr::Event& event) {
 }
 
 void RuleEngine::CallHandlers(const edr::Event& event) {
-  if (event.GetObjectType() != edr::ObjectType::File && event.GetObjectType() != edr::ObjectType::Directory) return;
-  std::map<std::string, std::vector<std::string>> ids_by_tag;
+  internal::RuleTable::IdsByTag ids_by_tag;
   {
     const std::lock_guard lock(mutex_);
-    ids_by_tag = rules_.FindByPathOf(event);
+    ids_by_tag = rules_.Table().FindFor(event);
   }
-  // A component that fails must not take the event away from the next one.
+  // In the order of their names FIM comes before IOC, which is meant: the digests that FIM asks for stay with the
+  // event, and travel in the copy that IOC takes of it. A component that fails must not take the event away from the
+  // next one.
   std::exception_ptr first_failure;
   for (const auto& [tag, ids] : ids_by_tag) {
     try {

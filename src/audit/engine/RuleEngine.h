@@ -12,12 +12,11 @@
 
 #include "common/src/util/Clock.h"
 #include "src/audit/channels/AuditNetlink.h"
-#include "src/audit/engine/RuleTable.h"
+#include "src/audit/engine/InstalledRules.h"
 #include "src/audit/events/IntakeCounters.h"
 #include "src/audit/events/WatchedFolder.h"
 #include "src/audit/routing/EventRouter.h"
 #include "src/audit/routing/OwnActivity.h"
-#include "src/audit/rules/Coverage.h"
 #include "src/audit/rules/Exclusions.h"
 #include "src/edr/EventRuleEngine.h"
 #include "src/edr/process/ProcessTree.h"
@@ -54,7 +53,7 @@ class RuleEngine final : public edr::EventRuleEngine {
   ~RuleEngine() override;
 
   // A rule that cannot be installed is logged and does not keep the others out; the first failure is thrown at the end
-  // as edr::RuleEngineException. Rules of type File and Directory are supported.
+  // as edr::RuleEngineException.
   void AddRules(const std::string& tag, Rules rules) override;
   void Invalidate() override;
   void ProcessEvent(std::unique_ptr<edr::Event> event) override;
@@ -70,12 +69,6 @@ class RuleEngine final : public edr::EventRuleEngine {
   void CallHandlers(const edr::Event& event);
 
   // The caller holds the mutex.
-  // Removes the rules of the tag that are no objects of `kept`. Answers the compared parts of all ids whose kernel
-  // rules have been deleted, of `kept` included.
-  std::set<std::string> RemoveAllBut(internal::AuditSocket& socket, const std::string& tag, const Rules& kept);
-  void AddRule(internal::AuditSocket& socket, const std::string& tag, const internal::RuleTable::Rule& rule);
-  void RestoreRulesOfOtherTags(internal::AuditSocket& socket, const std::string& tag,
-                               const std::set<std::string>& touched);
   void DeleteEverythingFromAudit(internal::AuditSocket& socket);
   void TellWatchedFolders() const;
 
@@ -83,8 +76,7 @@ class RuleEngine final : public edr::EventRuleEngine {
   const std::function<void(std::vector<internal::WatchedFolder>)> watch_folders_;
   std::mutex mutex_;
   internal::Exclusions exclusions_;
-  internal::Coverage coverage_;  // set by the constructor
-  internal::RuleTable rules_;
+  internal::InstalledRules rules_;
   internal::OwnActivity own_activity_;
   internal::EventRouter router_;  // event thread
 };

@@ -1,76 +1,169 @@
 #include "src/audit/engine/RuleTable.h"
 
 #include <set>
+#include <stdexcept>
 #include <utility>
 
+#include "src/edr/EventRuleEngine.h"
 #include "src/edr/process/ImageInfo.h"
 
 namespace zagent::audit::internal {
 namespace {
+
+using edr::ObjectType;
 
 void MergeValues(const edr::Trie& paths, const common::ImageInfo* file, edr::Trie::Values& values) {
   if (file == nullptr || !file->GetPath().starts_with('/')) return;
   for (auto& [id, tags] : paths.GetValues(file->GetPath())) values[id].merge(tags);
 }
 
+RuleTable::IdsByTag ByTag(const edr::Trie::Values& values) {
+  RuleTable::IdsByTag ids_by_tag;
+  for (const auto& [id, tags] : values) {
+    for (const std::string& tag : tags) ids_by_tag[tag].push_back(id);
+  }
+  return ids_by_tag;
+}
+
 WatchedFolder FolderOf(const edr::EventRule& rule) {
   std::string path = rule.GetPath().substr(0, rule.GetPath().find_last_not_of('/') + 1);
-  const bool is_folder = rule.GetType() == edr::ObjectType::Directory;
+  const bool is_folder = rule.GetType() == ObjectType::Directory;
   if (!is_folder) path = path.substr(0, path.rfind('/'));
   return {path.empty() ? "/" : path, is_folder};
 }
 
-}  // namespace
-
-void RuleTable::Insert(const std::string& tag, const Rule& rule) {
-  const Rule old = Find(tag, rule->GetId());
-  if (old == rule) return;
-  paths_->Insert(rule->GetId(), tag, rule->GetPath());
-  if (old && old->GetPath() != rule->GetPath()) paths_->Delete(old->GetId(), tag, old->GetPath());
-  rules_[tag][rule->GetId()] = rule;
+bool IsPathType(ObjectType type) {
+  return type == ObjectType::File || type == ObjectType::Directory;
 }
 
-void RuleTable::Remove(const std::string& tag, const std::string& id) {
-  const Rule rule = Find(tag, id);
+// The other type whose rules stand in the same index.
+ObjectType TwinOf(ObjectType type) {
+  return type == ObjectType::File ? ObjectType::Directory : ObjectType::File;
+}
+
+// Empty for a process rule that has no path.
+std::string ProcessPathOf(const edr::EventRule& rule) {
+  try {
+    return rule.GetPath().starts_with('/') ? rule.GetPath() : "";
+  } catch (const edr::EventRuleException&) {
+    return "";
+  }
+}
+
+}  // namespace
+
+std::optional<RuleTable::Place> RuleTable::PlaceOf(const edr::EventRule& rule) {
+  if (IsPathType(rule.GetType())) return Place{&*paths_, rule.GetPath()};
+  if (rule.GetType() != ObjectType::Process) return std::nullopt;
+  std::string path = ProcessPathOf(rule);
+  if (path.empty()) return std::nullopt;
+  return Place{&*process_paths_, std::move(path)};
+}
+
+void RuleTable::Insert(const std::string& tag, const Rule& rule) {
+  const RuleKey key = RuleKey::Of(*rule);
+  const Rule old = Find(tag, key);
+  if (old == rule) return;
+  if (key.id.empty()) throw std::runtime_error("RuleTable::Insert: a rule has no id");
+  if (key.type == ObjectType::Process) {
+    const auto& names = process_names_[tag];
+    const auto same = names.find(rule->GetName());
+    if (same != names.end() && same->second != key.id) {
+      throw edr::RuleEngineException("Cannot add more than 1 process rule for '" + rule->GetName() + "'");
+    }
+  }
+  const std::optional<Place> place = PlaceOf(*rule);
+  if (place) place->index->Insert(key.id, tag, place->path);
+  if (old) RemoveFromIndexes(tag, *old);
+  // The old path may be the new one.
+  if (place) place->index->Insert(key.id, tag, place->path);
+  if (key.type == ObjectType::Process) process_names_[tag][rule->GetName()] = key.id;
+  rules_[tag][key] = rule;
+}
+
+void RuleTable::RemoveFromIndexes(const std::string& tag, const edr::EventRule& rule) {
+  if (rule.GetType() == ObjectType::Process) process_names_[tag].erase(rule.GetName());
+  const std::optional<Place> place = PlaceOf(rule);
+  if (!place) return;
+  place->index->Delete(rule.GetId(), tag, place->path);
+  if (!IsPathType(rule.GetType())) return;
+  // A file rule and a directory rule of one id may stand at one path.
+  const Rule twin = Find(tag, {TwinOf(rule.GetType()), rule.GetId()});
+  if (twin) paths_->Insert(twin->GetId(), tag, twin->GetPath());
+}
+
+void RuleTable::Remove(const std::string& tag, const RuleKey& key) {
+  const Rule rule = Find(tag, key);
   if (!rule) return;
-  paths_->Delete(id, tag, rule->GetPath());
-  RulesById& of_tag = rules_[tag];
-  of_tag.erase(id);
-  if (of_tag.empty()) rules_.erase(tag);
+  RemoveFromIndexes(tag, *rule);
+  RulesByKey& of_tag = rules_[tag];
+  of_tag.erase(key);
+  if (!of_tag.empty()) return;
+  rules_.erase(tag);
+  process_names_.erase(tag);
 }
 
 void RuleTable::Clear() {
   rules_.clear();
+  process_names_.clear();
   paths_.emplace();
+  process_paths_.emplace();
 }
 
-RuleTable::Rule RuleTable::Find(const std::string& tag, const std::string& id) const {
+std::size_t RuleTable::GetSize() const {
+  std::size_t size = 0;
+  for (const auto& [tag, rules] : rules_) size += rules.size();
+  return size;
+}
+
+RuleTable::Rule RuleTable::Find(const std::string& tag, const RuleKey& key) const {
   const auto of_tag = rules_.find(tag);
   if (of_tag == rules_.end()) return nullptr;
-  const auto found = of_tag->second.find(id);
+  const auto found = of_tag->second.find(key);
   return found == of_tag->second.end() ? nullptr : found->second;
+}
+
+bool RuleTable::HasProcessRules() const {
+  for (const auto& [tag, names] : process_names_) {
+    if (!names.empty()) return true;
+  }
+  return false;
 }
 
 std::vector<WatchedFolder> RuleTable::WatchedFolders() const {
   std::set<WatchedFolder> folders;
   for (const auto& [tag, rules] : rules_) {
-    for (const auto& [id, rule] : rules) {
-      const edr::ObjectType type = rule->GetType();
-      if (type == edr::ObjectType::File || type == edr::ObjectType::Directory) folders.insert(FolderOf(*rule));
+    for (const auto& [key, rule] : rules) {
+      if (IsPathType(key.type)) folders.insert(FolderOf(*rule));
     }
   }
   return {folders.begin(), folders.end()};
 }
 
-std::map<std::string, std::vector<std::string>> RuleTable::FindByPathOf(const edr::Event& event) const {
+RuleTable::IdsByTag RuleTable::FindFor(const edr::Event& event) const {
+  const ObjectType type = event.GetObjectType();
+  return IsPathType(type) ? FindByPathOf(event) : FindAllOf(type);
+}
+
+RuleTable::IdsByTag RuleTable::FindAllOf(ObjectType type) const {
+  IdsByTag ids_by_tag;
+  for (const auto& [tag, rules] : rules_) {
+    for (auto rule = rules.lower_bound({type, ""}); rule != rules.end() && rule->first.type == type; ++rule) {
+      ids_by_tag[tag].push_back(rule->first.id);
+    }
+  }
+  return ids_by_tag;
+}
+
+RuleTable::IdsByTag RuleTable::FindByPathOf(const edr::Event& event) const {
   edr::Trie::Values values;
   MergeValues(*paths_, event.GetFile(), values);
   if (event.GetType() == edr::EventType::Rename) MergeValues(*paths_, event.GetNewFile(), values);
-  std::map<std::string, std::vector<std::string>> ids_by_tag;
-  for (const auto& [id, tags] : values) {
-    for (const std::string& tag : tags) ids_by_tag[tag].push_back(id);
-  }
-  return ids_by_tag;
+  return ByTag(values);
+}
+
+RuleTable::IdsByTag RuleTable::FindProcessRulesAt(const std::string& path) const {
+  return path.starts_with('/') ? ByTag(process_paths_->GetValues(path)) : IdsByTag();
 }
 
 }  // namespace zagent::audit::internal

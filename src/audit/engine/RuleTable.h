@@ -1,5 +1,6 @@
 #pragma once
 
+#include <compare>
 #include <map>
 #include <memory>
 #include <optional>
@@ -13,35 +14,66 @@
 
 namespace zagent::audit::internal {
 
-// The rules in force, by tag and id, and by path. Two tags may use the same id. The caller serialises.
+// What tells the rules of one tag apart: rules of different types may use one id.
+struct RuleKey {
+  edr::ObjectType type = edr::ObjectType::File;
+  std::string id;
+  auto operator<=>(const RuleKey&) const = default;
+
+  static RuleKey Of(const edr::EventRule& rule) { return {rule.GetType(), rule.GetId()}; }
+};
+
+// The rules in force, by tag, type and id; those of files and folders by their paths, too. Two tags may use the same
+// id, and so may two types. The caller serialises.
 class RuleTable {
  public:
   using Rule = std::shared_ptr<const edr::EventRule>;
-  using RulesById = std::map<std::string, Rule>;
+  using RulesByKey = std::map<RuleKey, Rule>;
+  // Tag to the ids of its rules, in order, each once.
+  using IdsByTag = std::map<std::string, std::vector<std::string>>;
 
   RuleTable() { Clear(); }
 
-  // Enters a rule; another one of the same tag and id makes way. Throws std::runtime_error, and changes nothing, for a
-  // rule without id or absolute path.
+  // Enters a rule; another one of the same tag, type and id makes way. Throws, and changes nothing: std::runtime_error
+  // for a rule without id, or one of a file or folder without an absolute path; edr::RuleEngineException "Cannot add
+  // more than 1 process rule for '<name>'" for a second process rule of the tag on one name.
   void Insert(const std::string& tag, const Rule& rule);
-  void Remove(const std::string& tag, const std::string& id);
+  void Remove(const std::string& tag, const RuleKey& key);
   void Clear();
 
   // Tag to rules.
-  [[nodiscard]] const std::map<std::string, RulesById>& GetRules() const { return rules_; }
+  [[nodiscard]] const std::map<std::string, RulesByKey>& GetRules() const { return rules_; }
+  [[nodiscard]] std::size_t GetSize() const;
   // Null when there is none.
-  [[nodiscard]] Rule Find(const std::string& tag, const std::string& id) const;
+  [[nodiscard]] Rule Find(const std::string& tag, const RuleKey& key) const;
+  [[nodiscard]] bool HasProcessRules() const;
 
   // The folders of directory rules with all below them, and those that hold the files of file rules; each once.
   [[nodiscard]] std::vector<WatchedFolder> WatchedFolders() const;
 
-  // Tag to the ids of the rules that stand at the path of the event's file or above it, in order; for a rename at
-  // either end of it.
-  [[nodiscard]] std::map<std::string, std::vector<std::string>> FindByPathOf(const edr::Event& event) const;
+  // The rules that an event concerns: all process rules, all network rules, or the rules that stand at the path of the
+  // event's file or above it, for a rename at either end of it.
+  [[nodiscard]] IdsByTag FindFor(const edr::Event& event) const;
+  // The process rules whose own path is this one or lies above it.
+  [[nodiscard]] IdsByTag FindProcessRulesAt(const std::string& path) const;
 
  private:
-  std::map<std::string, RulesById> rules_;
-  std::optional<edr::Trie> paths_;  // always there; made anew by Clear
+  using NamesByTag = std::map<std::string, std::map<std::string, std::string>>;  // tag, name of a process rule, its id
+
+  // The index that holds the rule's path, and the path; nothing for a rule without one.
+  struct Place {
+    edr::Trie* index;
+    std::string path;
+  };
+  [[nodiscard]] std::optional<Place> PlaceOf(const edr::EventRule& rule);
+  void RemoveFromIndexes(const std::string& tag, const edr::EventRule& rule);
+  [[nodiscard]] IdsByTag FindAllOf(edr::ObjectType type) const;
+  [[nodiscard]] IdsByTag FindByPathOf(const edr::Event& event) const;
+
+  std::map<std::string, RulesByKey> rules_;
+  NamesByTag process_names_;
+  // Of file and directory rules, and of process rules. Always there; made anew by Clear.
+  std::optional<edr::Trie> paths_, process_paths_;
 };
 
 }  // namespace zagent::audit::internal

@@ -190,6 +190,28 @@ std::string AuditRule::GetKey() const {
   return "";
 }
 
+std::string AuditRule::Identity() const {
+  // The kernel takes the last bits for names of whole classes of calls, and does not list them.
+  constexpr std::uint32_t kClassBits = 0xFFFF0000U;
+  std::string identity;
+  const auto add = [&identity](std::uint32_t word) {
+    identity.append(reinterpret_cast<const char*>(&word), sizeof(word));
+  };
+  add(rule_->flags & AUDIT_FILTER_MASK);
+  add(rule_->action);
+  for (std::size_t i = 0; i < AUDIT_BITMASK_SIZE; ++i) {
+    add(i + 1 == AUDIT_BITMASK_SIZE ? rule_->mask[i] & ~kClassBits : rule_->mask[i]);
+  }
+  std::size_t texts = 0;
+  for (std::uint32_t i = 0; i < rule_->field_count; ++i) {
+    add(rule_->fields[i]);
+    add(rule_->fieldflags[i]);
+    add(rule_->values[i]);
+    if (HoldsText(rule_->fields[i])) texts += rule_->values[i];
+  }
+  return identity.append(&rule_->buf[0], texts);
+}
+
 bool AuditRule::IsForPid(std::int32_t pid) const {
   for (std::uint32_t i = 0; i < rule_->field_count; ++i) {
     if (rule_->fields[i] == AUDIT_PID) return rule_->values[i] == static_cast<std::uint32_t>(pid);

@@ -65,6 +65,9 @@ class AuditRule {
   // True for a rule whose one and only condition is this message type, on the exclude list.
   [[nodiscard]] bool IsMessageTypeExclusion(std::uint32_t message_type) const;
 
+  // Equal for two rules that are one to the kernel, such as a rule and what the kernel lists of it.
+  [[nodiscard]] std::string Identity() const;
+
   [[nodiscard]] audit_rule_data* Get() { return rule_.get(); }
 
  private:

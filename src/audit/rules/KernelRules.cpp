@@ -3,12 +3,14 @@
 #include <cerrno>
 #include <exception>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "common/src/util/ErrnoText.h"
 #include "common/src/util/Log.h"
 #include "src/audit/rules/CreateRules.h"
+#include "src/audit/rules/Progress.h"
 
 namespace zagent::audit::internal {
 namespace {
@@ -34,9 +36,21 @@ std::string ComparedPart(const std::string& id) {
   return id.substr(0, kComparedLength);
 }
 
-void AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vector<AuditRule>& created) {
+RuleIdentities IdentitiesOf(const edr::EventRule& rule, const Coverage& coverage) {
+  RuleIdentities identities;
+  try {
+    for (const AuditRule& created : CreateRules(rule, coverage)) identities.insert(created.Identity());
+  } catch (const std::runtime_error& error) {
+    ZLOG_TRACE("Rule " << rule.GetId() << " has no kernel rules: " << error.what());
+    identities.clear();
+  }
+  return identities;
+}
+
+Outcome AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vector<AuditRule>& created) {
   ZLOG_TRACE("RuleEngine::AddRuleToAudit: Adding rule with ID " << rule.GetId());
   bool added = false;
+  Outcome outcome = Outcome::InForce;
   for (AuditRule& kernel_rule : created) {
     switch (const int error = socket.Add(kernel_rule)) {
       case 0:
@@ -47,6 +61,7 @@ void AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vector
         break;
       case ENOENT:
         ZLOG_DEBUG("Ignoring rule " << rule.GetId() << " as path " << rule.GetPath() << " does not exist");
+        outcome = Outcome::PathMissing;
         break;
       default:
         ZLOG_ERROR("RuleEngine::AddRuleToAudit: Failed to add rule to audit subsystem: " << ErrnoText(error));
@@ -54,30 +69,41 @@ void AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vector
     }
   }
   if (added) ZLOG_DEBUG("Added rule " << rule.GetId() << " to the audit subsytem");
+  return outcome;
 }
 
-void DeleteRuleFromAudit(AuditSocket& socket, const edr::EventRule& rule, const Coverage& coverage) {
+void DeleteRuleFromAudit(AuditSocket& socket, const edr::EventRule& rule, const Coverage& coverage,
+                         const RuleIdentities& kept) {
   ZLOG_TRACE("RuleEngine::DeleteRuleFromAudit: Deleting rule with ID " << rule.GetId());
   try {
-    for (AuditRule& created : CreateRules(rule, coverage)) DeleteCreatedRule(socket, rule.GetId(), created);
+    for (AuditRule& created : CreateRules(rule, coverage)) {
+      if (kept.count(created.Identity()) == 0) DeleteCreatedRule(socket, rule.GetId(), created);
+    }
   } catch (const std::exception& error) {
     ZLOG_WARNING("RuleEngine::DeleteRuleFromAudit: Failed to delete old rule " << rule.GetId() << ": " << error.what());
   }
 }
 
-void DeleteDuplicateRules(AuditSocket& socket, const edr::EventRuleEngine::Rules& rules) {
+void DeleteDuplicateRules(AuditSocket& socket, const edr::EventRuleEngine::Rules& rules, const RuleIdentities& kept,
+                          common::util::Clock& clock) {
   ZLOG_DEBUG("RuleEngine::DeleteDuplicateRules: Deleting duplicate rules");
   std::set<std::string> ids;
   for (const auto& rule : rules) ids.insert(ComparedPart(rule->GetId()));
-  for (AuditRule& listed : socket.GetRulesFromAudit()) {
+  std::vector<AuditRule> duplicates = socket.GetRulesFromAudit();
+  std::erase_if(duplicates, [&](const AuditRule& listed) {
     const std::string key = listed.GetKey();
-    if (key.empty() || ids.count(ComparedPart(key)) == 0) continue;
-    const int error = socket.Delete(listed);
+    return key.empty() || ids.count(ComparedPart(key)) == 0 || kept.count(listed.Identity()) != 0;
+  });
+  Progress progress(clock, "RuleEngine::DeleteDuplicateRules: Deleted", duplicates.size());
+  for (AuditRule& duplicate : duplicates) {
+    const int error = socket.Delete(duplicate);
     if (error == 0) {
-      ZLOG_DEBUG("RuleEngine::DeleteDuplicateRules: Deleted old rule " << key);
+      ZLOG_DEBUG("RuleEngine::DeleteDuplicateRules: Deleted old rule " << duplicate.GetKey());
     } else {
-      ZLOG_ERROR("RuleEngine::DeleteDuplicateRules: Failed to delete old rule " << key << ": " << ErrnoText(error));
+      ZLOG_ERROR("RuleEngine::DeleteDuplicateRules: Failed to delete old rule " << duplicate.GetKey() << ": "
+                                                                                << ErrnoText(error));
     }
+    progress.Step();
   }
 }
 

@@ -1,5 +1,10 @@
 #pragma once
 
+#include <set>
+#include <string>
+#include <vector>
+
+#include "common/src/util/Clock.h"
 #include "src/audit/rules/AuditRule.h"
 #include "src/audit/rules/AuditSocket.h"
 #include "src/audit/rules/Coverage.h"
@@ -12,15 +17,29 @@ namespace zagent::audit::internal {
 // installed.
 std::string ComparedPart(const std::string& id);
 
-// Adds what CreateRules made of `rule`. A rule that is there already, or whose path is not (it may come later,
-// through a new configuration), counts as done. Throws edr::RuleEngineException "Failed to add rule to audit
-// subsystem".
-void AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vector<AuditRule>& created);
+// What the kernel takes two rules for one by (AuditRule::Identity).
+using RuleIdentities = std::set<std::string>;
 
-// Takes a rule's kernel rules away again, with the coverage that they were made with. Failures are logged.
-void DeleteRuleFromAudit(AuditSocket& socket, const edr::EventRule& rule, const Coverage& coverage = {});
+// The kernel rules of a rule; none for one that cannot be expressed.
+RuleIdentities IdentitiesOf(const edr::EventRule& rule, const Coverage& coverage);
 
-// Takes away every kernel rule that carries the id of one of `rules`, whoever left it there.
-void DeleteDuplicateRules(AuditSocket& socket, const edr::EventRuleEngine::Rules& rules);
+enum class Outcome {
+  InForce,
+  PathMissing,  // the kernel has nothing to watch: it may come later
+};
+
+// Adds what CreateRules made of `rule`. A rule that is there already, or whose path is not, counts as done. Throws
+// edr::RuleEngineException "Failed to add rule to audit subsystem".
+Outcome AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vector<AuditRule>& created);
+
+// Takes a rule's kernel rules away again, with the coverage that they were made with; not those of `kept`, which stand
+// for another rule too. Failures are logged.
+void DeleteRuleFromAudit(AuditSocket& socket, const edr::EventRule& rule, const Coverage& coverage = {},
+                         const RuleIdentities& kept = {});
+
+// Takes away every kernel rule that carries the id of one of `rules`, whoever left it there, except for those of
+// `kept`.
+void DeleteDuplicateRules(AuditSocket& socket, const edr::EventRuleEngine::Rules& rules,
+                          const RuleIdentities& kept = {}, common::util::Clock& clock = common::util::Clock::Real());
 
 }  // namespace zagent::audit::internal

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -90,6 +91,27 @@ TEST_P(KernelRulesContract, ListsAFolderWatchAsItWasAdded) {
   EXPECT_EQ(seen.flags, static_cast<std::uint32_t>(AUDIT_FILTER_EXIT));
   EXPECT_EQ(seen.action, static_cast<std::uint32_t>(AUDIT_ALWAYS));
   EXPECT_TRUE(seen.HasAllSyscalls());
+}
+
+// By this a rule is known that is there already.
+TEST_P(KernelRulesContract, ListsEveryKindOfRuleUnderTheIdentityThatItWasBuiltWith) {
+  using edr::EventType;
+  const edr::EventTypes all = {EventType::Read, EventType::Write, EventType::AttributeChange};
+  const edr::EventTypes calls = {EventType::ProcessStart, EventType::ProcessExit};
+  const std::vector<std::shared_ptr<const fakes::FakeRule>> rules = {
+      fakes::FakeRule::Directory(Key("folder"), folder_.Path(), all),
+      fakes::FakeRule::File(Key("file"), folder_ / "file", all),
+      std::make_shared<const fakes::FakeRule>(Key("process"), edr::ObjectType::Process, "", calls)};
+  std::set<std::string> built, listed;
+  for (const auto& rule : rules) {
+    for (AuditRule& created : CreateRules(*rule, {.extended = true})) {
+      built.insert(created.Identity());
+      ASSERT_EQ(socket_.Add(created), 0);
+    }
+  }
+  for (const AuditRule& rule : Listed()) listed.insert(rule.Identity());
+  EXPECT_EQ(built.size(), 11U);
+  EXPECT_EQ(listed, built);
 }
 
 TEST_P(KernelRulesContract, RefusesATwinBehind) {

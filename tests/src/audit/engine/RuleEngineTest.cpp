@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "src/audit/rules/AuditSocket.h"
 #include "tests/src/audit/engine/RuleEngineFixture.h"
 
 namespace zagent::audit {
@@ -21,7 +22,16 @@ using fakes::FakeEvent;
 using fakes::FakeRule;
 using fakes::SeenRule;
 
-class RuleEngineTest : public RuleEngineFixture {};
+class RuleEngineTest : public RuleEngineFixture {
+ protected:
+  // As somebody with auditctl does.
+  void TakeFromKernel(const std::string& key) {
+    internal::AuditSocket socket(kernel_, "Test");
+    for (internal::AuditRule& rule : socket.GetRulesFromAudit()) {
+      if (rule.GetKey() == key) socket.Delete(rule);
+    }
+  }
+};
 
 // --- start and end
 
@@ -111,7 +121,7 @@ TEST_F(RuleEngineTest, ReplacesTheRulesOfATagOnly) {
   engine_->AddRules("FIM", {Watch("a"), Watch("b")});
   engine_->AddRules("IOC", {Watch("x")});
   engine_->AddRules("FIM", {Watch("b"), Watch("c")});
-  EXPECT_EQ(InstalledIds(), (Ids{"x", "b", "c"}));
+  EXPECT_EQ(InstalledIds(), (Ids{"b", "x", "c"}));
 }
 
 TEST_F(RuleEngineTest, KeepsARuleThatIsInBothSetsInForce) {
@@ -160,21 +170,87 @@ TEST_F(RuleEngineTest, SharesAnIdBetweenTagsWithoutHarm) {
   EXPECT_EQ(paths(), (std::set<std::string>{folder_.Path()}));
 }
 
-TEST_F(RuleEngineTest, TellsThatTheRuleOfAnotherTagCouldNotBeRestored) {
+TEST_F(RuleEngineTest, DoesNotTouchTheKernelsRuleOfAnotherTagThatHasTheSameId) {
   engine_->AddRules("IOC", {Watch("1")});
-  kernel_.refuse_add = [this](const SeenRule& rule) { return rule.Path() == folder_.Path() ? ENOSPC : 0; };
-  EXPECT_EQ(ErrorOf([&] { engine_->AddRules("FIM", {FakeRule::File("1", "/etc/passwd", {EventType::Write})}); }),
-            "no error");
-  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR,
-                       "RuleEngine::AddRules: Failed to restore rule with ID 1 of 'IOC': "
-                       "Failed to add rule to audit subsystem"));
+  kernel_.calls.clear();
+  engine_->AddRules("FIM", {FakeRule::File("1", "/etc/passwd", {EventType::Write})});
+  EXPECT_EQ(kernel_.calls, (std::vector<std::string>{"add 1"}));
+}
+
+TEST_F(RuleEngineTest, LetsTwoTagsShareOneRuleOfTheKernel) {
+  engine_->AddRules("IOC", {Watch("1")});
+  engine_->AddRules("FIM", {Watch("1")});
+  EXPECT_EQ(InstalledIds(), (Ids{"1"}));
+  engine_->AddRules("FIM", {});
+  EXPECT_EQ(InstalledIds(), (Ids{"1"}));
+  engine_->AddRules("IOC", {});
+  EXPECT_TRUE(InstalledIds().empty());
+}
+
+// Between taking it away and adding it again nothing would be heard.
+TEST_F(RuleEngineTest, LeavesARuleInTheKernelThatComesAgainAsItWas) {
+  engine_->AddRules("FIM", {Watch("a"), Watch("b"), FakeRule::Directory("c", "/tmp", {EventType::Read})});
+  kernel_.calls.clear();
+  engine_->AddRules("FIM", {Watch("a"), FakeRule::Directory("c", "/tmp", {EventType::Write}), Watch("d")});
+  EXPECT_EQ(kernel_.calls, (std::vector<std::string>{"delete c", "delete b", "delete c", "add c", "add d"}));
+  EXPECT_EQ(InstalledIds(), (Ids{"a", "c", "d"}));
+}
+
+TEST_F(RuleEngineTest, AddsARuleAgainThatSomebodyHasTakenOutOfTheKernel) {
+  engine_->AddRules("FIM", {Watch("a")});
+  TakeFromKernel("a");
+  ASSERT_TRUE(InstalledIds().empty());
+  engine_->AddRules("FIM", {Watch("a")});
+  EXPECT_EQ(InstalledIds(), (Ids{"a"}));
+}
+
+TEST_F(RuleEngineTest, DoesNotConfuseRulesOfDifferentTypesWithOneId) {
+  const auto process = [](const std::string& path) {
+    return std::make_shared<const FakeRule>("1", ObjectType::Process, path, edr::EventTypes{EventType::ProcessStart});
+  };
+  engine_->AddRules("IOC", {Watch("1"), process("/bin/sh")});
+  EXPECT_EQ(InstalledIds(), (Ids{"1", "1"}));
+  engine_->AddRules("IOC", {Watch("1")});
+  ASSERT_EQ(InstalledIds(), (Ids{"1"}));
+  EXPECT_EQ(kernel_.RulesWithKey("1").front().Path(), folder_.Path());
+}
+
+TEST_F(RuleEngineTest, RefusesTheSecondProcessRuleOnOneName) {
+  const auto process = [](const std::string& path) {
+    return std::make_shared<const FakeRule>("sh", ObjectType::Process, path, edr::EventTypes{EventType::ProcessStart});
+  };
+  EXPECT_EQ(ErrorOf([&] {
+              engine_->AddRules("IOC", {process("/bin/sh"), process("/usr/bin/sh")});
+            }),
+            "engine: Cannot add more than 1 process rule for 'sh'");
+  EXPECT_EQ(InstalledIds(), (Ids{"sh"}));
+}
+
+TEST_F(RuleEngineTest, TellsHowManyRulesAreInForceAfterEveryChange) {
+  engine_->AddRules("FIM", {Watch("a"), FakeRule::Directory("b", folder_ / "missing", {EventType::Write})});
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_INFORMATION, "Rules in force: 1 of 2"));
+  engine_->AddRules("IOC", {Watch("c")});
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_INFORMATION, "Rules in force: 2 of 3"));
+  engine_->AddRules("FIM", {});
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_INFORMATION, "Rules in force: 1 of 1"));
+}
+
+TEST_F(RuleEngineTest, TellsHowFarItHasComeWhenTheKernelTakesItsTime) {
+  kernel_.refuse_delete = [this](const SeenRule&) {
+    clock_.Advance(3s);
+    return 0;
+  };
+  engine_->AddRules("FIM", {Watch("a"), Watch("b"), Watch("c"), Watch("d")});
+  engine_->AddRules("FIM", {});
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_INFORMATION, "RuleEngine::AddRules: Removed 2 of 4 rules"));
+  EXPECT_EQ(log_.Count("RuleEngine::AddRules: Removed "), 2);
 }
 
 TEST_F(RuleEngineTest, KeepsTwoIdsOfOneTagApartThatBeginAlike) {
   const std::string uuid = "0f6d7a52-0b52-4f5e-9a3b-0a8a4a1f5c11";
   engine_->AddRules("FIM", {Watch(uuid + "-1"), FakeRule::File(uuid, "/etc/passwd", {EventType::Write})});
   engine_->AddRules("FIM", {Watch(uuid + "-1"), FakeRule::File(uuid, "/etc/group", {EventType::Write})});
-  EXPECT_EQ(InstalledIds(), (Ids{uuid, uuid + "-1"}));
+  EXPECT_EQ(InstalledIds(), (Ids{uuid + "-1", uuid}));
   EXPECT_EQ(kernel_.RulesWithKey(uuid).front().Path(), "/etc/group");
 }
 
@@ -182,15 +258,15 @@ TEST_F(RuleEngineTest, AcceptsARuleOnAPathThatDoesNotExist) {
   engine_->AddRules("FIM", {FakeRule::Directory("a", folder_ / "missing", {EventType::Write})});
   EXPECT_TRUE(InstalledIds().empty());
   EXPECT_TRUE(log_.Has("Ignoring rule a as path " + (folder_ / "missing") + " does not exist"));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "Rule a is not in force: there is no " + (folder_ / "missing")));
 }
 
 TEST_F(RuleEngineTest, InstallsTheOthersWhenOneRuleIsRefused) {
-  const auto process =
-      std::make_shared<const FakeRule>("b", ObjectType::Process, "/bin/sh", edr::EventTypes{EventType::ProcessStart});
+  const auto process = std::make_shared<const FakeRule>("b", ObjectType::Process, "/bin/sh", edr::EventTypes{});
   EXPECT_EQ(ErrorOf([&] {
               engine_->AddRules("FIM", {Watch("a"), process, Watch("c")});
             }),
-            "engine: CreateRules: Unsupported rule type for rule id b");
+            "engine: AddProcessRules: Failed to add rule without actions: b");
   EXPECT_EQ(InstalledIds(), (Ids{"a", "c"}));
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "RuleEngine::AddRules: Failed to add rule with ID b: "));
 }

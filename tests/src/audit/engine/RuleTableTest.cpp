@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "src/edr/EventRuleEngine.h"
 #include "tests/fakes/FakeEvent.h"
 #include "tests/fakes/FakeRule.h"
 
@@ -14,6 +17,7 @@ namespace zagent::audit::internal {
 namespace {
 
 using edr::EventType;
+using edr::ObjectType;
 using fakes::FakeEvent;
 using fakes::FakeRule;
 using Ids = std::map<std::string, std::vector<std::string>>;
@@ -24,7 +28,30 @@ class RuleTableTest : public ::testing::Test {
     table_.Insert(tag, FakeRule::Directory(id, path, {EventType::Write}));
   }
   [[nodiscard]] Ids Find(const std::string& path) const {
-    return table_.FindByPathOf(FakeEvent(EventType::Write, "Write", path));
+    return table_.FindFor(FakeEvent(EventType::Write, "Write", path));
+  }
+
+  [[nodiscard]] Ids FindAll(ObjectType type) const {
+    FakeEvent event;
+    event.object_type = type;
+    return table_.FindFor(event);
+  }
+  void InsertProcess(const std::string& tag, const std::string& id, const std::string& path) {
+    table_.Insert(tag, std::make_shared<const FakeRule>(id, ObjectType::Process, path, edr::EventTypes{}));
+  }
+  void InsertNamed(const std::string& tag, const std::string& id, const std::string& name) {
+    FakeRule rule(id, ObjectType::Process, "/bin/sh", {});
+    rule.name = name;
+    table_.Insert(tag, std::make_shared<const FakeRule>(std::move(rule)));
+  }
+  template <typename Call>
+  static std::string ErrorOf(const Call& call) {
+    try {
+      call();
+    } catch (const edr::RuleEngineException& error) {
+      return error.what();
+    }
+    return "no error";
   }
 
   RuleTable table_;
@@ -43,7 +70,7 @@ TEST_F(RuleTableTest, DoesNotConfuseRulesOfTwoTagsWithTheSameId) {
   Insert("IOC", "1", "/home");
   EXPECT_EQ(Find("/etc/passwd"), (Ids{{"FIM", {"1"}}}));
   EXPECT_EQ(Find("/home/user"), (Ids{{"IOC", {"1"}}}));
-  table_.Remove("FIM", "1");
+  table_.Remove("FIM", {ObjectType::Directory, "1"});
   EXPECT_TRUE(Find("/etc/passwd").empty());
   EXPECT_EQ(Find("/home/user"), (Ids{{"IOC", {"1"}}}));
 }
@@ -53,15 +80,15 @@ TEST_F(RuleTableTest, FindsARenameAtBothEnds) {
   Insert("FIM", "to", "/to");
   FakeEvent event(EventType::Rename, "Rename", "/from/a");
   event.new_file = common::ImageInfo("/to/b");
-  EXPECT_EQ(table_.FindByPathOf(event), (Ids{{"FIM", {"from", "to"}}}));
+  EXPECT_EQ(table_.FindFor(event), (Ids{{"FIM", {"from", "to"}}}));
   event.file = common::ImageInfo("/elsewhere/a");
-  EXPECT_EQ(table_.FindByPathOf(event), (Ids{{"FIM", {"to"}}}));
+  EXPECT_EQ(table_.FindFor(event), (Ids{{"FIM", {"to"}}}));
 }
 
 TEST_F(RuleTableTest, FindsNothingForAnEventWithoutAnAbsolutePath) {
   Insert("FIM", "all", "/");
   FakeEvent event;
-  EXPECT_TRUE(table_.FindByPathOf(event).empty());
+  EXPECT_TRUE(table_.FindFor(event).empty());
   EXPECT_TRUE(Find("").empty());
   EXPECT_TRUE(Find("relative").empty());
 }
@@ -74,7 +101,7 @@ TEST_F(RuleTableTest, ReplacesARuleThatHasMoved) {
   const RuleTable::Rule same_place = FakeRule::Directory("1", "/home", {EventType::Read});
   table_.Insert("FIM", same_place);
   EXPECT_EQ(Find("/home/user"), (Ids{{"FIM", {"1"}}}));
-  EXPECT_EQ(table_.Find("FIM", "1"), same_place);
+  EXPECT_EQ(table_.Find("FIM", {ObjectType::Directory, "1"}), same_place);
 }
 
 TEST_F(RuleTableTest, RefusesARuleWithoutAbsolutePathAndChangesNothing) {
@@ -85,13 +112,78 @@ TEST_F(RuleTableTest, RefusesARuleWithoutAbsolutePathAndChangesNothing) {
 
 TEST_F(RuleTableTest, ForgetsATagWithItsLastRuleAndEverythingOnDemand) {
   Insert("FIM", "1", "/etc");
-  table_.Remove("FIM", "unknown");
-  table_.Remove("FIM", "1");
+  table_.Remove("FIM", {ObjectType::Directory, "unknown"});
+  table_.Remove("FIM", {ObjectType::Directory, "1"});
   EXPECT_TRUE(table_.GetRules().empty());
   Insert("FIM", "1", "/etc");
   table_.Clear();
   EXPECT_TRUE(table_.GetRules().empty());
   EXPECT_TRUE(Find("/etc/passwd").empty());
+}
+
+TEST_F(RuleTableTest, DoesNotConfuseRulesOfDifferentTypesWithOneId) {
+  Insert("FIM", "1", "/etc");
+  table_.Insert("FIM", FakeRule::File("1", "/etc", {EventType::Write}));  // at the same path, even
+  InsertProcess("FIM", "1", "/bin/sh");
+  table_.Insert("FIM", std::make_shared<const FakeRule>("1", ObjectType::Network, "", edr::EventTypes{}));
+  EXPECT_EQ(table_.GetSize(), 4U);
+  EXPECT_EQ(Find("/etc/passwd"), (Ids{{"FIM", {"1"}}}));
+  table_.Remove("FIM", {ObjectType::Directory, "1"});
+  EXPECT_EQ(Find("/etc"), (Ids{{"FIM", {"1"}}})) << "the file rule stands there still";
+  table_.Remove("FIM", {ObjectType::File, "1"});
+  EXPECT_TRUE(Find("/etc").empty());
+  EXPECT_EQ(FindAll(ObjectType::Process), (Ids{{"FIM", {"1"}}}));
+  table_.Remove("FIM", {ObjectType::Process, "1"});
+  EXPECT_TRUE(FindAll(ObjectType::Process).empty());
+  EXPECT_EQ(FindAll(ObjectType::Network), (Ids{{"FIM", {"1"}}}));
+}
+
+TEST_F(RuleTableTest, AnswersAProcessWithAllProcessRulesAndAConnectionWithAllNetworkRules) {
+  InsertProcess("IOC", "b", "/bin/sh");
+  InsertProcess("IOC", "a", "");
+  InsertProcess("FIM", "c", "/sbin/init");
+  Insert("FIM", "d", "/");
+  table_.Insert("IOC", std::make_shared<const FakeRule>("n", ObjectType::Network, "", edr::EventTypes{}));
+  EXPECT_EQ(FindAll(ObjectType::Process), (Ids{{"FIM", {"c"}}, {"IOC", {"a", "b"}}}));
+  EXPECT_EQ(FindAll(ObjectType::Network), (Ids{{"IOC", {"n"}}}));
+}
+
+TEST_F(RuleTableTest, KeepsTheProgramsOfProcessRulesInAnIndexOfTheirOwn) {
+  InsertProcess("IOC", "sh", "/bin/sh");
+  InsertProcess("IOC", "any", "");
+  EXPECT_EQ(table_.FindProcessRulesAt("/bin/sh"), (Ids{{"IOC", {"sh"}}}));
+  EXPECT_TRUE(Find("/bin/sh").empty()) << "a process rule is none of files";
+  table_.Remove("IOC", {ObjectType::Process, "sh"});
+  EXPECT_TRUE(table_.FindProcessRulesAt("/bin/sh").empty());
+  EXPECT_TRUE(table_.FindProcessRulesAt("sh").empty());
+}
+
+TEST_F(RuleTableTest, TakesAProcessRuleThatHasNoPathToAnswerWith) {
+  FakeRule rule("1", ObjectType::Process, "", {EventType::ProcessStart});
+  rule.path_error = "Fetching path not supported for process rule";
+  table_.Insert("IOC", std::make_shared<const FakeRule>(std::move(rule)));
+  EXPECT_EQ(FindAll(ObjectType::Process), (Ids{{"IOC", {"1"}}}));
+}
+
+TEST_F(RuleTableTest, RefusesTheSecondProcessRuleOnOneName) {
+  InsertNamed("IOC", "1", "shell");
+  EXPECT_EQ(ErrorOf([&] { InsertNamed("IOC", "2", "shell"); }), "Cannot add more than 1 process rule for 'shell'");
+  EXPECT_EQ(FindAll(ObjectType::Process), (Ids{{"IOC", {"1"}}}));
+  // The same rule again, another tag, or after the first has gone: no second one.
+  InsertNamed("IOC", "1", "shell");
+  InsertNamed("FIM", "2", "shell");
+  table_.Remove("IOC", {ObjectType::Process, "1"});
+  InsertNamed("IOC", "2", "shell");
+  EXPECT_EQ(FindAll(ObjectType::Process), (Ids{{"FIM", {"2"}}, {"IOC", {"2"}}}));
+}
+
+TEST_F(RuleTableTest, SaysWhetherThereAreProcessRules) {
+  Insert("FIM", "1", "/etc");
+  EXPECT_FALSE(table_.HasProcessRules());
+  InsertProcess("FIM", "1", "/bin/sh");
+  EXPECT_TRUE(table_.HasProcessRules());
+  table_.Remove("FIM", {ObjectType::Process, "1"});
+  EXPECT_FALSE(table_.HasProcessRules());
 }
 
 TEST_F(RuleTableTest, NamesTheFoldersThatAreWatched) {
@@ -104,7 +196,7 @@ TEST_F(RuleTableTest, NamesTheFoldersThatAreWatched) {
   table_.Insert("FIM", FakeRule::File("e", "/vmlinuz", {EventType::Write}));
   EXPECT_EQ(table_.WatchedFolders(), (Folders{{"/", false}, {"/etc", false}, {"/srv/data", true}}));
   Insert("FIM", "f", "/");
-  table_.Remove("FIM", "e");
+  table_.Remove("FIM", {ObjectType::File, "e"});
   EXPECT_EQ(table_.WatchedFolders(), (Folders{{"/", true}, {"/etc", false}, {"/srv/data", true}}));
 }
 

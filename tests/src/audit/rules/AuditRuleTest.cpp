@@ -55,6 +55,23 @@ TEST(AuditRuleTest, HoldsArchitectureProcessSyscallAndKey) {
   EXPECT_EQ(seen.action, 0U);
 }
 
+TEST(AuditRuleTest, IsIdenticalToARuleThatSaysTheSameOnly) {
+  const auto watch = [](const std::string& path, std::uint32_t permissions, const std::string& key) {
+    AuditRule rule;
+    EXPECT_TRUE(rule.WatchDirectory(path) && rule.SetPermissions(permissions) && rule.AddKey(key));
+    return rule;
+  };
+  const std::string identity = watch("/a", AUDIT_PERM_WRITE, "key").Identity();
+  EXPECT_EQ(watch("/a", AUDIT_PERM_WRITE, "key").Identity(), identity);
+  EXPECT_NE(watch("/b", AUDIT_PERM_WRITE, "key").Identity(), identity);
+  EXPECT_NE(watch("/a", AUDIT_PERM_READ, "key").Identity(), identity);
+  EXPECT_NE(watch("/a", AUDIT_PERM_WRITE, "kez").Identity(), identity);
+  EXPECT_NE(watch("/ak", AUDIT_PERM_WRITE, "ey").Identity(), identity);
+  AuditRule listed = watch("/a", AUDIT_PERM_WRITE, "key");
+  listed.Get()->mask[AUDIT_BITMASK_SIZE - 1] &= 0xFFFFU;  // the kernel does not list the names of classes
+  EXPECT_EQ(listed.Identity(), identity);
+}
+
 TEST(AuditRuleTest, TakesTheArchitectureAgainAfterAKeyWasAdded) {
   for (int i = 0; i < 2; ++i) {
     AuditRule rule;

@@ -106,6 +106,22 @@ TEST_F(KernelRulesTest, DeletesWhatAnEarlierRunLeftUnderTheSameIds) {
   EXPECT_TRUE(log_.Has("RuleEngine::DeleteDuplicateRules: Deleted old rule mine"));
 }
 
+TEST_F(KernelRulesTest, LeavesWhatIsKept) {
+  Add(*Folder("mine"));
+  const auto rewritten = FakeRule::Directory("mine", folder_.Path(), {EventType::Write});
+  const RuleIdentities kept = IdentitiesOf(*rewritten, {});
+  DeleteDuplicateRules(socket_, {Folder("mine")}, kept);
+  ASSERT_EQ(kernel_.Rules().size(), 1U);
+  EXPECT_EQ(kernel_.Rules().front().Permissions(), static_cast<std::uint32_t>(AUDIT_PERM_WRITE));
+  DeleteRuleFromAudit(socket_, *Folder("mine"), {}, kept);
+  EXPECT_EQ(kernel_.Rules().size(), 1U);
+}
+
+TEST_F(KernelRulesTest, ARuleThatCannotBeExpressedHasNoIdentities) {
+  EXPECT_EQ(IdentitiesOf(*Folder("id"), {}).size(), 2U);
+  EXPECT_TRUE(IdentitiesOf(*Folder("a!=b"), {}).empty());
+}
+
 TEST_F(KernelRulesTest, ComparesTheFirst36CharactersOfIds) {
   const std::string uuid = "0f6d7a52-0b52-4f5e-9a3b-0a8a4a1f5c11";
   Add(*Folder(uuid + "-1"));

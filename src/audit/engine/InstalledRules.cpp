@@ -1,0 +1,141 @@
+#include "src/audit/engine/InstalledRules.h"
+
+#include <algorithm>
+#include <optional>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "common/src/util/Log.h"
+#include "src/audit/rules/CreateRules.h"
+#include "src/audit/rules/Progress.h"
+
+namespace zagent::audit::internal {
+namespace {
+
+using edr::RuleEngineException;
+
+[[noreturn]] void RefuseSecond(const edr::EventRule& rule) {
+  if (rule.GetType() == edr::ObjectType::Process) {
+    throw RuleEngineException("Cannot add more than 1 process rule for '" + rule.GetName() + "'");
+  }
+  throw RuleEngineException("Cannot add more than 1 rule with id '" + rule.GetId() + "'");
+}
+
+}  // namespace
+
+// Somebody else may have taken the kernel's rules away: a rule stays only where the kernel has it.
+bool InstalledRules::Stays(const std::string& tag, const edr::EventRule& rule, const RuleIdentities& listed) const {
+  const RuleKey key = RuleKey::Of(rule);
+  const Rule old = table_.Find(tag, key);
+  if (!old || absent_.count({tag, key}) != 0) return false;
+  const RuleIdentities wanted = IdentitiesOf(rule, coverage_);
+  if (wanted.empty() || !std::includes(listed.begin(), listed.end(), wanted.begin(), wanted.end())) return false;
+  return old.get() == &rule || wanted == IdentitiesOf(*old, coverage_);
+}
+
+// Two tags may use one id, and then the kernel's rules of both go by the same key.
+RuleIdentities InstalledRules::Kept(const std::string& tag, const std::set<RuleKey>& staying,
+                                    const edr::EventRuleEngine::Rules& rules) const {
+  std::set<std::string> touched;
+  for (const auto& rule : rules) touched.insert(ComparedPart(rule->GetId()));
+  const auto of_tag = table_.GetRules().find(tag);
+  if (of_tag != table_.GetRules().end()) {
+    for (const auto& [key, rule] : of_tag->second) touched.insert(ComparedPart(key.id));
+  }
+  RuleIdentities kept;
+  for (const auto& [other_tag, others] : table_.GetRules()) {
+    for (const auto& [key, rule] : others) {
+      if (touched.count(ComparedPart(key.id)) == 0) continue;
+      if (other_tag == tag && staying.count(key) == 0) continue;
+      if (absent_.count({other_tag, key}) == 0) kept.merge(IdentitiesOf(*rule, coverage_));
+    }
+  }
+  return kept;
+}
+
+std::optional<std::string> InstalledRules::Replace(AuditSocket& socket, const std::string& tag, edr::EventRuleEngine::Rules rules) {
+  std::sort(rules.begin(), rules.end(), [](const auto& a, const auto& b) { return a->GetId() < b->GetId(); });
+  RuleIdentities listed;
+  for (const AuditRule& rule : socket.GetRulesFromAudit()) listed.insert(rule.Identity());
+  std::set<RuleKey> staying;
+  for (const auto& rule : rules) {
+    if (Stays(tag, *rule, listed)) staying.insert(RuleKey::Of(*rule));
+  }
+  const RuleIdentities kept = Kept(tag, staying, rules);
+  DeleteDuplicateRules(socket, rules, kept, clock_);
+  RemoveOthers(socket, tag, staying, kept);
+
+  std::optional<std::string> first_failure;
+  std::set<RuleKey> seen;
+  Progress progress(clock_, "RuleEngine::AddRules: Added", rules.size());
+  for (const auto& rule : rules) {
+    try {
+      const RuleKey key = RuleKey::Of(*rule);
+      if (!seen.insert(key).second) RefuseSecond(*rule);
+      if (staying.count(key) != 0) {
+        table_.Insert(tag, rule);
+      } else {
+        Add(socket, tag, rule);
+      }
+      ZLOG_DEBUG("RuleEngine::AddRules: Added rule with ID " << rule->GetId());
+    } catch (const std::runtime_error& error) {
+      ZLOG_ERROR("RuleEngine::AddRules: Failed to add rule with ID " << rule->GetId() << ": " << error.what());
+      if (!first_failure) first_failure = error.what();
+    }
+    progress.Step();
+  }
+  TellRulesInForce();
+  return first_failure;
+}
+
+void InstalledRules::RemoveOthers(AuditSocket& socket, const std::string& tag, const std::set<RuleKey>& staying,
+                                  const RuleIdentities& kept) {
+  const auto of_tag = table_.GetRules().find(tag);
+  if (of_tag == table_.GetRules().end()) return;
+  RuleTable::RulesByKey old_rules = of_tag->second;
+  std::erase_if(old_rules, [&](const auto& entry) { return staying.count(entry.first) != 0; });
+  Progress progress(clock_, "RuleEngine::AddRules: Removed", old_rules.size());
+  for (const auto& [key, rule] : old_rules) {
+    table_.Remove(tag, key);
+    absent_.erase({tag, key});
+    DeleteRuleFromAudit(socket, *rule, coverage_, kept);
+    progress.Step();
+  }
+}
+
+void InstalledRules::Add(AuditSocket& socket, const std::string& tag, const Rule& rule) {
+  std::vector<AuditRule> created = CreateRules(*rule, coverage_);
+  const Address address{tag, RuleKey::Of(*rule)};
+  // Entered first: what the kernel has taken of a rule before it refused the rest goes when the rule goes.
+  table_.Insert(tag, rule);
+  absent_[address] = Absence::Refused;
+  if (AddRuleToAudit(socket, *rule, created) == Outcome::InForce) {
+    absent_.erase(address);
+    return;
+  }
+  absent_[address] = Absence::PathMissing;
+  ZLOG_WARNING("Rule " << rule->GetId() << " is not in force: there is no " << rule->GetPath());
+}
+
+void InstalledRules::DeleteFromAudit(AuditSocket& socket) {
+  Progress progress(clock_, "RuleEngine: Removed", table_.GetSize());
+  for (const auto& [tag, rules] : table_.GetRules()) {
+    for (const auto& [key, rule] : rules) {
+      DeleteRuleFromAudit(socket, *rule, coverage_);
+      progress.Step();
+    }
+  }
+}
+
+void InstalledRules::Clear() {
+  table_.Clear();
+  absent_.clear();
+}
+
+void InstalledRules::TellRulesInForce() const {
+  const std::size_t all = table_.GetSize();
+  ZLOG_INFO("Rules in force: " << all - absent_.size() << " of " << all);
+}
+
+}  // namespace zagent::audit::internal
