@@ -9,6 +9,7 @@
 
 #include "common/src/util/ErrnoText.h"
 #include "common/src/util/Log.h"
+#include "common/src/util/ProcessTimes.h"
 
 namespace zagent::audit::internal {
 namespace {
@@ -170,18 +171,31 @@ void DeleteMessageTypeExclusions(AuditSocket& socket, std::vector<AuditRule>& li
 
 }  // namespace
 
-Exclusions::Exclusions(std::int32_t own_pid, std::int32_t agent_pid, const std::string& agent_path) {
-  processes_[kOwnName] = {own_pid, false};
+Exclusions::Exclusions(std::int32_t own_pid, std::int32_t agent_pid, const std::string& agent_path,
+                       std::string proc_root)
+    : proc_root_(std::move(proc_root)), own_pid_(own_pid) {
+  processes_[kOwnName] = Enter(own_pid);
   SetAgent(agent_pid, FileName(agent_path));
+}
+
+Exclusions::Process Exclusions::Enter(std::int32_t pid) const {
+  return {.pid = pid, .start = common::util::ReadStartSinceBoot(pid, proc_root_)};
 }
 
 void Exclusions::SetAgent(std::int32_t pid, const std::string& name) {
   agent_pid_ = pid;
   agent_name_ = name;
   // An agent that claims the program's own name must not push its entry out.
-  if (name != kOwnName) processes_[name] = {pid, false};
-  excluded_pids_ = {pid};
-  for (const auto& [process_name, process] : processes_) excluded_pids_.insert(process.pid);
+  if (name != kOwnName) processes_[name] = Enter(pid);
+  CollectPids();
+}
+
+void Exclusions::CollectPids() {
+  excluded_pids_.clear();
+  if (agent_pid_ != 0) excluded_pids_.insert(agent_pid_);
+  for (const auto& [name, process] : processes_) {
+    if (!process.has_ended) excluded_pids_.insert(process.pid);
+  }
 }
 
 bool Exclusions::IsReservedKey(const std::string& key) {
@@ -213,7 +227,50 @@ void Exclusions::AddAll(AuditSocket& socket) {
 void Exclusions::AddProcesses(AuditSocket& socket) {
   const std::vector<AuditRule> listed = socket.GetRulesFromAudit();
   for (auto& [name, process] : processes_) {
-    if (!process.is_installed) process.is_installed = AddExclusionRules(socket, listed, name, process.pid);
+    if (process.is_installed || process.has_ended) continue;
+    process.is_installed = AddExclusionRules(socket, listed, name, process.pid);
+  }
+}
+
+void Exclusions::Add(AuditSocket& socket, const std::string& name, std::int32_t pid) {
+  const Process process = Enter(pid);
+  if (!process.start || Contains(name)) return;
+  processes_[name] = process;
+  CollectPids();
+  AddProcesses(socket);
+}
+
+bool Exclusions::End(std::int32_t pid) {
+  if (pid == own_pid_ || excluded_pids_.count(pid) == 0) return false;
+  for (auto& [name, process] : processes_) {
+    if (process.pid != pid || process.has_ended) continue;
+    ZLOG_DEBUG("The excluded process " << name << " (" << pid << ") has ended");
+    process.has_ended = true;
+  }
+  if (agent_pid_ == pid) agent_pid_ = 0;
+  CollectPids();
+  return true;
+}
+
+bool Exclusions::EndMissing() {
+  if (!common::util::ReadStartSinceBoot(own_pid_, proc_root_)) return false;
+  std::vector<std::int32_t> missing;
+  for (const auto& [name, process] : processes_) {
+    const auto start = common::util::ReadStartSinceBoot(process.pid, proc_root_);
+    if (!start || start != process.start) missing.push_back(process.pid);
+  }
+  for (const std::int32_t pid : missing) End(pid);
+  return std::any_of(processes_.begin(), processes_.end(), [](const auto& entry) { return entry.second.has_ended; });
+}
+
+void Exclusions::RemoveEnded(AuditSocket& socket) {
+  for (auto entry = processes_.begin(); entry != processes_.end();) {
+    if (!entry->second.has_ended) {
+      ++entry;
+      continue;
+    }
+    DeleteProcess(socket, entry->first);
+    entry = processes_.erase(entry);
   }
 }
 

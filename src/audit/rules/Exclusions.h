@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -9,14 +10,19 @@
 
 namespace zagent::audit::internal {
 
-// What the kernel shall not report: the program's own process and the parent agent, the creation of threads, and
-// end-of-event records. Failures are logged; an exclusion that could not be added is tried again by the next call.
+// What the kernel shall not report: the program's own process, the parent agent and the product family's other
+// processes, the creation of threads, and end-of-event records. Failures are logged; an exclusion that could not be
+// added is tried again by the next call.
+//
+// An exclusion dies with its process: it holds for a pid and the start time that <proc root> tells of it, so that
+// whoever gets the pid next is heard.
 //
 // The caller serialises.
 class Exclusions {
  public:
   // Enters the two processes; talks to nobody. The agent goes by the file name of its executable.
-  Exclusions(std::int32_t own_pid, std::int32_t agent_pid, const std::string& agent_path);
+  Exclusions(std::int32_t own_pid, std::int32_t agent_pid, const std::string& agent_path,
+             std::string proc_root = "/proc");
 
   [[nodiscard]] const std::set<std::int32_t>& GetExcludedPids() const { return excluded_pids_; }
 
@@ -31,18 +37,37 @@ class Exclusions {
   [[nodiscard]] bool NeedsUpdate(std::int32_t agent_pid, const std::string& agent_path) const;
   void Update(AuditSocket& socket, std::int32_t agent_pid, const std::string& agent_path);
 
+  // Whether a process goes by this name already.
+  [[nodiscard]] bool Contains(const std::string& name) const { return processes_.count(name) != 0; }
+  // Excludes one more process under a name that is free. Does nothing for one that has ended.
+  void Add(AuditSocket& socket, const std::string& name, std::int32_t pid);
+
+  // The process has ended: it is excluded no more, and RemoveEnded takes its rules away. False for a pid that is not
+  // excluded, and for the program itself.
+  bool End(std::int32_t pid);
+  // Looks whether the processes are still there, and ends those that are not, or are others by now. Nothing can be said
+  // while the procfs does not know the program itself. True when RemoveEnded has something to do.
+  bool EndMissing();
+  void RemoveEnded(AuditSocket& socket);
+
  private:
   struct Process {
     std::int32_t pid;
-    bool is_installed;
+    std::optional<std::int64_t> start;  // as ReadStartSinceBoot tells; nothing when it was not there
+    bool is_installed = false;
+    bool has_ended = false;
   };
 
+  [[nodiscard]] Process Enter(std::int32_t pid) const;
   [[nodiscard]] bool IsAgent(std::int32_t pid, const std::string& path) const;
   void SetAgent(std::int32_t pid, const std::string& name);
+  void CollectPids();
   void AddProcesses(AuditSocket& socket);
 
+  const std::string proc_root_;
+  const std::int32_t own_pid_;
   std::map<std::string, Process> processes_;  // by process name
-  std::int32_t agent_pid_ = 0;
+  std::int32_t agent_pid_ = 0;                // 0: it has ended
   std::string agent_name_;
   std::set<std::int32_t> excluded_pids_;
 };

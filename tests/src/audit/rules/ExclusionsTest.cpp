@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tests/fakes/FakeAuditNetlink.h"
+#include "tests/fakes/FakeProcesses.h"
 #include "tests/fakes/LogCapture.h"
 
 namespace zagent::audit::internal {
@@ -53,10 +54,22 @@ class ExclusionsTest : public ::testing::Test {
     kernel_.refuse_add = [key, error](const SeenRule& rule) { return rule.Key() == key ? error : 0; };
   }
 
+  bool StartProcesses() const {
+    processes_.Start(kOwnPid, 10);
+    processes_.Start(kAgentPid, 20);
+    return true;
+  }
+  void LookAndRemove() {
+    if (exclusions_.EndMissing()) exclusions_.RemoveEnded(socket_);
+  }
+
   fakes::LogCapture log_;
   fakes::FakeAuditNetlink kernel_;
   AuditSocket socket_{kernel_, "Test"};
-  Exclusions exclusions_{kOwnPid, kAgentPid, "/opt/ostrel/bin/host-warden"};
+  fakes::FakeProcesses processes_;
+  // Their start is read when they are entered.
+  const bool processes_are_there_ = StartProcesses();
+  Exclusions exclusions_{kOwnPid, kAgentPid, "/opt/ostrel/bin/host-warden", processes_.Root()};
 };
 
 TEST_F(ExclusionsTest, KnowsTheProgramAndItsAgent) {
@@ -264,6 +277,91 @@ TEST_F(ExclusionsTest, AnAgentWithTheProgramsNameDoesNotPushItOut) {
   exclusions.Update(socket_, 401, "/opt/ostrel-edr");
   EXPECT_EQ(Rule("ostrel_ignore_rule_ostrel-edr").Find(AUDIT_PID)->value, static_cast<std::uint32_t>(kOwnPid));
   EXPECT_EQ(exclusions.GetExcludedPids(), (std::set<std::int32_t>{kOwnPid, 401}));
+}
+
+// --- the end of a process
+
+TEST_F(ExclusionsTest, DiesWithItsProcess) {
+  exclusions_.AddAll(socket_);
+  EXPECT_TRUE(exclusions_.End(kAgentPid));
+  EXPECT_EQ(exclusions_.GetExcludedPids(), (std::set<std::int32_t>{kOwnPid})) << "before the kernel is asked";
+  exclusions_.RemoveEnded(socket_);
+  EXPECT_TRUE(kernel_.RulesWithKey("ostrel_ignore_rule_host-warden").empty());
+  EXPECT_TRUE(kernel_.RulesWithKey("ostrel_exit_rule_host-warden").empty());
+  EXPECT_EQ(kernel_.RulesWithKey("ostrel_ignore_rule_ostrel-edr").size(), 1U);
+  EXPECT_TRUE(log_.Has("The excluded process host-warden (400) has ended"));
+  EXPECT_FALSE(exclusions_.End(kAgentPid)) << "once is enough";
+}
+
+TEST_F(ExclusionsTest, EndsNoProcessThatIsNotExcludedAndNeverTheProgramItself) {
+  exclusions_.AddAll(socket_);
+  EXPECT_FALSE(exclusions_.End(77));
+  EXPECT_FALSE(exclusions_.End(kOwnPid));
+  EXPECT_EQ(exclusions_.GetExcludedPids().size(), 2U);
+}
+
+TEST_F(ExclusionsTest, DoesNotSilenceWhoGotThePidOfAnExcludedProcess) {
+  exclusions_.AddAll(socket_);
+  EXPECT_FALSE(exclusions_.EndMissing());
+  processes_.Start(kAgentPid, 21);
+  LookAndRemove();
+  EXPECT_TRUE(kernel_.RulesWithKey("ostrel_ignore_rule_host-warden").empty());
+  EXPECT_EQ(exclusions_.GetExcludedPids(), (std::set<std::int32_t>{kOwnPid}));
+}
+
+TEST_F(ExclusionsTest, DoesNotWaitForSomebodyToGetThePid) {
+  exclusions_.AddAll(socket_);
+  processes_.End(kAgentPid);
+  LookAndRemove();
+  EXPECT_TRUE(kernel_.RulesWithKey("ostrel_exit_rule_host-warden").empty());
+}
+
+TEST_F(ExclusionsTest, KeepsEverythingWhileNothingCanBeRead) {
+  exclusions_.AddAll(socket_);
+  processes_.End(kOwnPid);
+  processes_.End(kAgentPid);
+  EXPECT_FALSE(exclusions_.EndMissing());
+  EXPECT_EQ(exclusions_.GetExcludedPids().size(), 2U);
+}
+
+TEST_F(ExclusionsTest, TakesTheAgentBackThatHasEndedOnTheNextCommand) {
+  exclusions_.AddAll(socket_);
+  exclusions_.End(kAgentPid);
+  exclusions_.RemoveEnded(socket_);
+  ASSERT_TRUE(exclusions_.NeedsUpdate(kAgentPid, "/opt/ostrel/bin/host-warden"));
+  exclusions_.Update(socket_, kAgentPid, "/opt/ostrel/bin/host-warden");
+  EXPECT_EQ(kernel_.RulesWithKey("ostrel_ignore_rule_host-warden").size(), 1U);
+  EXPECT_FALSE(exclusions_.NeedsUpdate(kAgentPid, "/opt/ostrel/bin/host-warden"));
+}
+
+TEST_F(ExclusionsTest, RemembersWhatItCouldNotTakeOutOfTheKernel) {
+  exclusions_.AddAll(socket_);
+  exclusions_.End(kAgentPid);  // and no socket to be had
+  EXPECT_TRUE(exclusions_.EndMissing());
+  exclusions_.RemoveEnded(socket_);
+  EXPECT_TRUE(kernel_.RulesWithKey("ostrel_ignore_rule_host-warden").empty());
+  EXPECT_FALSE(exclusions_.EndMissing());
+}
+
+// --- the family
+
+TEST_F(ExclusionsTest, ExcludesASiblingUnderItsName) {
+  exclusions_.AddAll(socket_);
+  processes_.Start(600, 30);
+  EXPECT_FALSE(exclusions_.Contains("updated"));
+  exclusions_.Add(socket_, "updated", 600);
+  EXPECT_TRUE(exclusions_.Contains("updated"));
+  EXPECT_EQ(Rule("ostrel_ignore_rule_updated").Find(AUDIT_PID)->value, 600U);
+  EXPECT_EQ(exclusions_.GetExcludedPids().count(600), 1U);
+  processes_.Start(601, 31);
+  exclusions_.Add(socket_, "updated", 601);
+  EXPECT_EQ(kernel_.RulesWithKey("ostrel_ignore_rule_updated").size(), 1U) << "the name is taken";
+}
+
+TEST_F(ExclusionsTest, ExcludesNoSiblingThatIsGone) {
+  exclusions_.Add(socket_, "updated", 600);
+  EXPECT_FALSE(exclusions_.Contains("updated"));
+  EXPECT_TRUE(kernel_.Rules().empty());
 }
 
 }  // namespace
