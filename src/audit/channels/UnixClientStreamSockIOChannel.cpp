@@ -54,6 +54,12 @@ void UnixClientStreamSockIOChannel::SetReconnectCallback(ReconnectCallback callb
   reconnect_callback_ = std::move(callback);
 }
 
+void UnixClientStreamSockIOChannel::SetDisconnectCallback(ReconnectCallback callback) {
+  const std::lock_guard lock(mutex_);
+  RequireStopped();
+  disconnect_callback_ = std::move(callback);
+}
+
 void UnixClientStreamSockIOChannel::Start() {
   ZLOG_INFO("UnixClientStreamSockIOChannel: Starting...");
   Error error = CreateSocket();
@@ -137,6 +143,7 @@ void UnixClientStreamSockIOChannel::CloseSocket() {
 
 IOChannel::Error UnixClientStreamSockIOChannel::OnEOF() {
   ZLOG_WARNING("UnixClientStreamSockIOChannel: EOF Received. Trying to reconnect...");
+  if (disconnect_callback_) disconnect_callback_();
   return Reconnect();
 }
 

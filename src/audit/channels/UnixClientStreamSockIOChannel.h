@@ -37,6 +37,8 @@ class UnixClientStreamSockIOChannel : public IOChannel {
   // Called on the event loop's thread after each successful reconnection. Throws IOChannelException(InvalidState)
   // while the channel is running.
   void SetReconnectCallback(ReconnectCallback callback);
+  // The same for the end of a connection, before the first attempt to come back.
+  void SetDisconnectCallback(ReconnectCallback callback);
 
  protected:
   Error OnEOF() override;
@@ -53,6 +55,7 @@ class UnixClientStreamSockIOChannel : public IOChannel {
   std::int32_t reconnect_limit_;
   common::util::Clock& clock_;
   ReconnectCallback reconnect_callback_;
+  ReconnectCallback disconnect_callback_;
   std::atomic<int> socket_{-1};
   std::mutex pause_mutex_;
   std::condition_variable pause_condition_;

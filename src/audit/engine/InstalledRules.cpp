@@ -54,7 +54,8 @@ RuleIdentities InstalledRules::Kept(const std::string& tag, const std::set<RuleK
   return kept;
 }
 
-std::optional<std::string> InstalledRules::Replace(AuditSocket& socket, const std::string& tag, edr::EventRuleEngine::Rules rules) {
+std::optional<std::string> InstalledRules::Replace(AuditSocket& socket, const std::string& tag,
+                                                   edr::EventRuleEngine::Rules rules) {
   std::sort(rules.begin(), rules.end(), [](const auto& a, const auto& b) { return a->GetId() < b->GetId(); });
   RuleIdentities listed;
   for (const AuditRule& rule : socket.GetRulesFromAudit()) listed.insert(rule.Identity());

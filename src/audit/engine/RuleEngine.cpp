@@ -15,15 +15,27 @@
 
 namespace zagent::audit {
 
+using edr::EventType;
 using internal::AuditSocket;
+
+namespace {
+
+// Between two looks whether the excluded processes are still there.
+constexpr std::chrono::seconds kLookInterval{60};
+
+}  // namespace
 
 RuleEngine::RuleEngine(AuditNetlink& netlink, common::ProcessTree& process_tree, Settings settings,
                        IntakeCounters& counters, common::util::Clock& clock)
     : netlink_(netlink),
       watch_folders_(std::move(settings.watch_folders)),
-      exclusions_(getpid(), settings.agent_pid, settings.agent_path),
+      exclusions_(getpid(), settings.agent_pid, settings.agent_path, settings.proc_root),
       rules_(clock),
-      own_activity_(process_tree, std::move(settings.sibling_names), std::move(settings.agent_install_path)),
+      proof_(settings.agent_effective_uid, settings.proc_root),
+      own_activity_(process_tree, proof_, std::move(settings.sibling_names), std::move(settings.agent_install_path)),
+      container_check_(process_tree, proof_),
+      clock_(clock),
+      next_look_(clock.SteadyNow() + kLookInterval),
       router_(
           clock, settings.max_resting_events, counters,
           [this](const edr::Event& event) { return ShouldProcessEvent(event); },
@@ -106,6 +118,10 @@ void RuleEngine::ProcessEvent(std::unique_ptr<edr::Event> event) {
 }
 
 bool RuleEngine::OnIdle() {
+  if (clock_.SteadyNow() >= next_look_) {
+    next_look_ = clock_.SteadyNow() + kLookInterval;
+    LookAtExclusions();
+  }
   return router_.DeliverDue();
 }
 
@@ -113,12 +129,51 @@ void RuleEngine::OnStop(std::chrono::nanoseconds time) {
   router_.DeliverRest(time);
 }
 
-bool RuleEngine::ShouldProcessEvent(const edr::Event& event) {
-  if (event.GetType() == edr::EventType::AbnormalEnd) return true;
+void RuleEngine::LookAtExclusions() {
   const std::lock_guard lock(mutex_);
-  if (!own_activity_.IsSourceOf(event, exclusions_.GetExcludedPids())) return true;
-  ZLOG_DEBUG("AuditRuleEngine::ShouldProcessEvent: Dropping Ostrel generated event with ID: " << event.GetId());
-  return false;
+  if (!exclusions_.EndMissing()) return;
+  try {
+    AuditSocket socket(netlink_, "RuleEngine");
+    exclusions_.RemoveEnded(socket);
+  } catch (const edr::RuleEngineException& error) {
+    ZLOG_ERROR("RuleEngine: Failed to remove the exclusions of processes that have ended: " << error.what());
+  }
+}
+
+bool RuleEngine::IsContainerProcess(const edr::Event& event) {
+  return container_check_.IsContainerProcess(event);
+}
+
+bool RuleEngine::ShouldProcessEvent(const edr::Event& event) {
+  const std::lock_guard lock(mutex_);
+  // Before the end of an excluded process ends its exclusion.
+  const bool is_own =
+      event.GetType() != EventType::AbnormalEnd && own_activity_.IsSourceOf(event, exclusions_.GetExcludedPids());
+  if (event.GetObjectType() == edr::ObjectType::Process) FollowFamily(event);
+  if (is_own) {
+    ZLOG_DEBUG("AuditRuleEngine::ShouldProcessEvent: Dropping Ostrel generated event with ID: " << event.GetId());
+  }
+  return !is_own;
+}
+
+void RuleEngine::FollowFamily(const edr::Event& event) {
+  const bool is_end = event.GetType() == EventType::ProcessExit || event.GetType() == EventType::AbnormalEnd;
+  const std::optional<internal::ProcessClaim> sibling = own_activity_.FindSibling(event);
+  bool is_start = false;
+  std::string name;
+  if (sibling && event.GetType() == EventType::ProcessStart) {
+    name = sibling->image.substr(sibling->image.rfind('/') + 1);
+    is_start = !exclusions_.Contains(name) && own_activity_.IsProven(*sibling);
+  }
+  const bool has_ended = is_end && exclusions_.End(event.GetActorProcessId());
+  if (!is_start && !has_ended) return;
+  try {
+    AuditSocket socket(netlink_, "RuleEngine");
+    if (has_ended) exclusions_.RemoveEnded(socket);
+    if (is_start) exclusions_.Add(socket, name, sibling->pid);
+  } catch (const edr::RuleEngineException&) {
+    ZLOG_ERROR("Failed to open audit socket for handling ostrel process event");
+  }
 }
 
 void RuleEngine::CallHandlers(const edr::Event& event) {

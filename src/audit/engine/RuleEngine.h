@@ -15,7 +15,9 @@
 #include "src/audit/engine/InstalledRules.h"
 #include "src/audit/events/IntakeCounters.h"
 #include "src/audit/events/WatchedFolder.h"
+#include "src/audit/routing/ContainerCheck.h"
 #include "src/audit/routing/EventRouter.h"
+#include "src/audit/routing/ImageProof.h"
 #include "src/audit/routing/OwnActivity.h"
 #include "src/audit/rules/Exclusions.h"
 #include "src/edr/EventRuleEngine.h"
@@ -35,12 +37,14 @@ class RuleEngine final : public edr::EventRuleEngine {
     std::string agent_path;             // of the parent agent's executable
     std::uint32_t audit_backlog_limit;  // records; the kernel's limit is raised to it, never lowered
     std::string agent_install_path;
-    std::set<std::string> sibling_names;  // file names of the product family's processes
-    std::size_t max_resting_events;       // file events that rest at most; beyond it the oldest are delivered early
-    bool extended_coverage = false;       // kernel rules for what no watch permission covers, too
+    std::set<std::string> sibling_names;    // file names of the product family's processes
+    std::size_t max_resting_events;         // file events that rest at most; beyond it the oldest are delivered early
+    std::uint32_t agent_effective_uid = 0;  // of the family's processes that are not root's
+    bool extended_coverage = false;         // kernel rules for what no watch permission covers, too
     // Told whenever rules were added or removed, with the folders of all tags' rules in force, in order. Must not call
     // back: the engine's mutex is held, so that the last word is the newest.
     std::function<void(std::vector<internal::WatchedFolder>)> watch_folders = {};
+    std::string proc_root = "/proc";
   };
 
   // Raises the backlog limit, removes what an earlier run left in the kernel, installs the exclusions. Throws
@@ -62,11 +66,20 @@ class RuleEngine final : public edr::EventRuleEngine {
 
   // The parent agent's pid or path has changed: moves its exclusion rules. Failures are logged.
   void UpdateExclusions(std::int32_t agent_pid, const std::string& agent_path);
+  // Looks whether the excluded processes are still there, and lets those be heard that have got their pids since. Done
+  // once a minute anyhow; there is a reason to do it at once when the parent agent is no longer connected. Failures are
+  // logged, and the next look tries again.
+  void LookAtExclusions();
+
+  // Whether a container runtime has started the event's process. Event thread.
+  [[nodiscard]] bool IsContainerProcess(const edr::Event& event);
 
  private:
   // Event thread. Both take the mutex, neither holds it while handlers run.
   [[nodiscard]] bool ShouldProcessEvent(const edr::Event& event);
   void CallHandlers(const edr::Event& event);
+  // Event thread, with the mutex. The kernel's exclusions follow the family's processes.
+  void FollowFamily(const edr::Event& event);
 
   // The caller holds the mutex.
   void DeleteEverythingFromAudit(internal::AuditSocket& socket);
@@ -77,8 +90,12 @@ class RuleEngine final : public edr::EventRuleEngine {
   std::mutex mutex_;
   internal::Exclusions exclusions_;
   internal::InstalledRules rules_;
+  internal::ImageProof proof_;
   internal::OwnActivity own_activity_;
-  internal::EventRouter router_;  // event thread
+  internal::ContainerCheck container_check_;
+  common::util::Clock& clock_;
+  common::util::Clock::SteadyTime next_look_;  // at the excluded processes; event thread
+  internal::EventRouter router_;               // event thread
 };
 
 }  // namespace zagent::audit

@@ -4,6 +4,8 @@
 #include <utility>
 #include <vector>
 
+#include "common/src/util/Log.h"
+
 namespace zagent::audit::internal {
 namespace {
 
@@ -15,26 +17,39 @@ std::string AsFolder(std::string path) {
 
 }  // namespace
 
-OwnActivity::OwnActivity(const common::ProcessTree& process_tree, std::set<std::string> sibling_names,
-                         std::string install_path)
+OwnActivity::OwnActivity(const common::ProcessTree& process_tree, ImageProof& proof,
+                         std::set<std::string> sibling_names, std::string install_path)
     : process_tree_(process_tree),
+      proof_(proof),
       sibling_names_(std::move(sibling_names)),
       install_folder_(AsFolder(std::move(install_path))) {}
 
 bool OwnActivity::IsSourceOf(const edr::Event& event, const std::set<std::int32_t>& excluded_pids) const {
-  const std::int32_t pid = event.GetActorProcessId();
-  std::vector<const common::ProcessInfo*> ancestors;
-  if (pid > 0) ancestors = process_tree_.GetAncestors(pid);
-  if (ancestors.empty()) return excluded_pids.count(pid) != 0 || IsSibling(event.GetImage());
-  return std::any_of(ancestors.begin(), ancestors.end(), [&](const common::ProcessInfo* process) {
-    return excluded_pids.count(process->GetPid()) != 0 || IsSibling(process->GetImage());
+  const std::vector<ProcessClaim> claims = ClaimsOf(event, process_tree_);
+  return std::any_of(claims.begin(), claims.end(), [&](const ProcessClaim& claim) {
+    return excluded_pids.count(claim.pid) != 0 || (IsCalledSibling(claim.image) && IsProven(claim));
   });
 }
 
-bool OwnActivity::IsSibling(const common::ImageInfo* image) const {
-  if (image == nullptr || install_folder_.empty()) return false;
-  const std::string& path = image->GetPath();
-  return path.starts_with(install_folder_) && sibling_names_.count(path.substr(path.rfind('/') + 1)) != 0;
+std::optional<ProcessClaim> OwnActivity::FindSibling(const edr::Event& event) const {
+  ProcessClaim claim;
+  if (event.GetType() == edr::EventType::AbnormalEnd) {
+    try {
+      claim = ClaimOf(process_tree_.Get(event.GetActorProcessId()));
+    } catch (const common::GenericProcessTreeException&) {
+      ZLOG_DEBUG("Failed to find process information for pid: " << event.GetActorProcessId());
+      return std::nullopt;
+    }
+  } else {
+    claim = ClaimOf(event);
+  }
+  if (!IsCalledSibling(claim.image)) return std::nullopt;
+  return claim;
+}
+
+bool OwnActivity::IsCalledSibling(std::string_view image) const {
+  if (install_folder_.empty() || !image.starts_with(install_folder_)) return false;
+  return sibling_names_.count(std::string(image.substr(image.rfind('/') + 1))) != 0;
 }
 
 std::set<std::string> OwnActivity::DefaultSiblingNames() {

@@ -1,9 +1,12 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 
+#include "src/audit/routing/ImageProof.h"
 #include "src/edr/Event.h"
 #include "src/edr/process/ProcessTree.h"
 
@@ -13,20 +16,30 @@ namespace zagent::audit::internal {
 // included, when the kernel's exclusions let it through. Belongs to the thread of the process tree.
 class OwnActivity {
  public:
-  // A process of the family has one of `sibling_names` as its file name and lies under `install_path`.
-  OwnActivity(const common::ProcessTree& process_tree, std::set<std::string> sibling_names, std::string install_path);
+  // A process of the family has one of `sibling_names` as its file name, lies under `install_path`, and is not
+  // disproved. Tree and proof outlive this object.
+  OwnActivity(const common::ProcessTree& process_tree, ImageProof& proof, std::set<std::string> sibling_names,
+              std::string install_path);
 
   // True when the event's process, or one of its ancestors, is one of `excluded_pids` or of the family. A process that
   // the tree does not know is judged by the event alone.
   [[nodiscard]] bool IsSourceOf(const edr::Event& event, const std::set<std::int32_t>& excluded_pids) const;
 
+  // The process that an event of a process tells of, when it is called like one of the family: of an abnormal end as
+  // the tree knows it (when it does not, "Failed to find process information for pid: " is logged), else as the event
+  // says.
+  [[nodiscard]] std::optional<ProcessClaim> FindSibling(const edr::Event& event) const;
+  // Whether it is one of the family in truth.
+  [[nodiscard]] bool IsProven(const ProcessClaim& sibling) const { return !proof_.IsDisproved(sibling); }
+
   // The product family as it is shipped.
   static std::set<std::string> DefaultSiblingNames();
 
  private:
-  [[nodiscard]] bool IsSibling(const common::ImageInfo* image) const;
+  [[nodiscard]] bool IsCalledSibling(std::string_view image) const;
 
   const common::ProcessTree& process_tree_;
+  ImageProof& proof_;
   std::set<std::string> sibling_names_;
   std::string install_folder_;  // with exactly one "/" at its end; empty when there is no folder
 };

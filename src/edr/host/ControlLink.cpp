@@ -25,6 +25,15 @@ void ControlLink::OnMessage(std::vector<unsigned char>&& message) {
   condition_.notify_one();
 }
 
+void ControlLink::OnConnected(bool is_connected) {
+  is_connected_ = is_connected;
+  was_lost_ = true;
+}
+
+bool ControlLink::MayHaveLostAgent() {
+  return was_lost_.exchange(false) || !is_connected_;
+}
+
 void ControlLink::OnError(audit::IOChannel::Error /*error: the channel has logged it*/) {
   {
     const ControlLock lock(mutex_);
@@ -56,6 +65,8 @@ std::unique_ptr<audit::IOChannel> CreateAgentChannel(ControlLink& link, const st
   auto channel = std::make_unique<audit::UnixClientStreamSockIOChannel>(socket_path, kReconnectLimit);
   channel->SetReadCallback([&link](audit::IOChannel::Bytes&& message) { link.OnMessage(std::move(message)); });
   channel->SetErrorCallback([&link](audit::IOChannel::Error error) { link.OnError(error); });
+  channel->SetDisconnectCallback([&link] { link.OnConnected(false); });
+  channel->SetReconnectCallback([&link] { link.OnConnected(true); });
   channel->Start();
   return channel;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -29,9 +30,14 @@ class ControlLink {
 
   // The channel's callbacks, on its event loop thread. They wait while a command runs, because it holds the lock.
   void OnMessage(std::vector<unsigned char>&& message);
+  // The connection has ended, or is there again. Waits for nobody.
+  void OnConnected(bool is_connected);
   // The channel has given up: the agent is gone. Raises the exit flag. The report goes to the logger, or to syslog
   // before SetLoggerReady.
   void OnError(audit::IOChannel::Error error);
+
+  // True while there is no connection, and once after each that has ended.
+  [[nodiscard]] bool MayHaveLostAgent();
 
   [[nodiscard]] ControlLock Lock() { return ControlLock(mutex_); }
 
@@ -54,6 +60,8 @@ class ControlLink {
   std::condition_variable condition_;
   std::vector<unsigned char> pending_;
   bool logger_ready_ = false;
+  std::atomic<bool> is_connected_{true};
+  std::atomic<bool> was_lost_{false};  // since MayHaveLostAgent was last asked
 };
 
 // Where the parent agent listens.

@@ -249,6 +249,7 @@ void Daemon::BuildEngine() {
       .sibling_names = audit::internal::OwnActivity::DefaultSiblingNames(),
       // As many as the event stage may hold.
       .max_resting_events = audit::EventProcessingThread::QueueLimitFor(allowed_memory_kb),
+      .agent_effective_uid = common_config_->GetAgentEffectiveUid(),
       .extended_coverage = edr_config_->HasExtendedCoverage(),
       .watch_folders = [this](auto folders) { folder_scan_->Watch(std::move(folders)); }};
   auto engine = std::make_unique<audit::RuleEngine>(audit::AuditNetlink::Kernel(), *process_tree_, std::move(settings),
@@ -307,6 +308,8 @@ void Daemon::MainLoop() {
       link_.WaitForWork(lock, kMainLoopTime);
       if (!ProcessExitFlag() && link_.HasMessage()) handler.Handle(link_.TakeMessage());
     }
+    // A pid that was the agent's may be anybody's.
+    if (!ProcessExitFlag() && link_.MayHaveLostAgent()) rule_engine_->LookAtExclusions();
     // Without the control lock: the audit channel's reconnection hook takes it, and a restart stops that channel.
     if (!ProcessExitFlag()) SeeToIntake();
     if (const auto step = clock_steps_.Check()) scheduler_->OnClockStep(*step);

@@ -54,6 +54,7 @@ class UnixStreamSockIOChannelTest : public testing::Test {
     client_ = std::make_unique<UnixClientStreamSockIOChannel>(path_, reconnect_limit, clock_);
     client_log_.ListenTo(*client_);
     client_->SetReconnectCallback([this] { reconnections_.Put(true); });
+    client_->SetDisconnectCallback([this] { disconnections_.Put(true); });
     client_->Start();
     EXPECT_EQ(clients_.Take(), true);
     return *client_;
@@ -81,7 +82,7 @@ class UnixStreamSockIOChannelTest : public testing::Test {
   fakes::ChannelLog server_log_;
   fakes::ChannelLog client_log_;
   fakes::Mailbox<bool> clients_;
-  fakes::Mailbox<bool> reconnections_;
+  fakes::Mailbox<bool> reconnections_, disconnections_;
   std::unique_ptr<UnixServerStreamSockIOChannel> server_;
   std::unique_ptr<UnixClientStreamSockIOChannel> client_;
 };
@@ -175,6 +176,8 @@ TEST_F(UnixStreamSockIOChannelTest, TheClientComesBackToAServerThatRestarted) {
   server_->Send(ToBytes("still there?"));
   EXPECT_EQ(client_log_.messages.Take(), "still there?");
   EXPECT_TRUE(reconnections_.IsEmpty()) << "once per reconnection";
+  EXPECT_EQ(disconnections_.Take(), true);
+  EXPECT_TRUE(disconnections_.IsEmpty());
   EXPECT_TRUE(client_log_.errors.IsEmpty());
   EXPECT_TRUE(lines_.Has("UnixClientStreamSockIOChannel: EOF Received. Trying to reconnect..."));
 }

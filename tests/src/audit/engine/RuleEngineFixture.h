@@ -1,6 +1,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <memory>
@@ -14,6 +15,7 @@
 #include "tests/fakes/FakeAuditNetlink.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeEvent.h"
+#include "tests/fakes/FakeProcesses.h"
 #include "tests/fakes/FakeRule.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
@@ -26,13 +28,19 @@ class RuleEngineFixture : public ::testing::Test {
   using Ids = std::vector<std::string>;
   using Rule = std::shared_ptr<const fakes::FakeRule>;
 
-  RuleEngineFixture() { Start(); }
+  RuleEngineFixture() {
+    processes_.Start(getpid(), 10);
+    processes_.Start(400, 20);
+    Start();
+  }
 
   void Start() {
     RuleEngine::Settings settings{
         400,        "/opt/ostrel/bin/host-warden", 8192, "/opt/ostrel", internal::OwnActivity::DefaultSiblingNames(),
         kMaxResting};
+    settings.agent_effective_uid = 777;
     settings.extended_coverage = extended_coverage_;
+    settings.proc_root = processes_.Root();
     settings.watch_folders = [this](auto folders) { watched_ = std::move(folders); };
     engine_ = std::make_unique<RuleEngine>(kernel_, tree_, std::move(settings), counters_, clock_);
   }
@@ -86,6 +94,7 @@ class RuleEngineFixture : public ::testing::Test {
   fakes::FakeClock clock_;
   IntakeCounters counters_;
   fakes::FakeAuditNetlink kernel_;
+  fakes::FakeProcesses processes_;  // the program itself, and its agent as 400
   common::ProcessTree tree_;
   bool extended_coverage_ = false;
   std::vector<std::string> heard_, invalidated_;

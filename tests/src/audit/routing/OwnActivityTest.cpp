@@ -8,6 +8,8 @@
 
 #include "tests/fakes/FakeEvent.h"
 #include "tests/fakes/FakeProcessInfo.h"
+#include "tests/fakes/FakeProcesses.h"
+#include "tests/fakes/LogCapture.h"
 
 namespace zagent::audit::internal {
 namespace {
@@ -25,7 +27,9 @@ class OwnActivityTest : public ::testing::Test {
   }
 
   common::ProcessTree tree_;
-  OwnActivity own_{tree_, OwnActivity::DefaultSiblingNames(), "/opt/ostrel"};
+  fakes::FakeProcesses processes_;
+  ImageProof proof_{777, processes_.Root()};
+  OwnActivity own_{tree_, proof_, OwnActivity::DefaultSiblingNames(), "/opt/ostrel"};
 };
 
 TEST_F(OwnActivityTest, KnowsTheExcludedProcesses) {
@@ -42,8 +46,8 @@ TEST_F(OwnActivityTest, KnowsASiblingByNameAndFolder) {
 }
 
 TEST_F(OwnActivityTest, ReadsTheFolderWithAndWithoutATrailingSlash) {
-  const OwnActivity with_slash(tree_, {"updated"}, "/opt/ostrel//");
-  const OwnActivity without_folder(tree_, {"updated"}, "");
+  const OwnActivity with_slash(tree_, proof_, {"updated"}, "/opt/ostrel//");
+  const OwnActivity without_folder(tree_, proof_, {"updated"}, "");
   fakes::FakeEvent event;
   event.image = common::ImageInfo("/opt/ostrel/updated");
   EXPECT_TRUE(with_slash.IsSourceOf(event, {}));
@@ -84,6 +88,50 @@ TEST_F(OwnActivityTest, JudgesEventsWithoutProcessOrImage) {
   fakes::FakeEvent event;
   event.image.reset();
   EXPECT_FALSE(own_.IsSourceOf(event, {500}));
+}
+
+TEST_F(OwnActivityTest, DoesNotBelieveASiblingThatRunsAnotherFile) {
+  processes_.Start(7, 100, "/bin/sh");
+  EXPECT_FALSE(IsOwn(7, "/opt/ostrel/updated"));
+  AddProcess(7, -1, "/opt/ostrel/updated");
+  AddProcess(8, 7, "/bin/cp");
+  EXPECT_FALSE(IsOwn(8)) << "nor what it starts";
+}
+
+TEST_F(OwnActivityTest, DoesNotBelieveAStrangersSiblingThatIsGone) {
+  fakes::FakeEvent event;
+  event.pid = 7;
+  event.image = common::ImageInfo("/opt/ostrel/updated");
+  event.uid = event.euid = 1000;
+  EXPECT_FALSE(own_.IsSourceOf(event, {}));
+  event.uid = event.euid = 777;
+  EXPECT_TRUE(own_.IsSourceOf(event, {}));
+}
+
+TEST_F(OwnActivityTest, FindsTheSiblingThatAnEventOfAProcessTellsOf) {
+  fakes::FakeEvent event;
+  event.type = edr::EventType::ProcessStart;
+  event.pid = 7;
+  event.image = common::ImageInfo("/opt/ostrel/updated");
+  ASSERT_TRUE(own_.FindSibling(event));
+  EXPECT_EQ(own_.FindSibling(event)->pid, 7);
+  event.image = common::ImageInfo("/opt/updated");
+  EXPECT_FALSE(own_.FindSibling(event));
+  event.image.reset();
+  EXPECT_FALSE(own_.FindSibling(event));
+}
+
+TEST_F(OwnActivityTest, AsksTheTreeWhoEndedAbnormally) {
+  const fakes::LogCapture log;
+  fakes::FakeEvent event;
+  event.type = edr::EventType::AbnormalEnd;
+  event.image.reset();
+  event.pid = 7;
+  EXPECT_FALSE(own_.FindSibling(event));
+  EXPECT_TRUE(log.Has(Poco::Message::PRIO_DEBUG, "Failed to find process information for pid: 7"));
+  AddProcess(7, -1, "/opt/ostrel/updated");
+  ASSERT_TRUE(own_.FindSibling(event));
+  EXPECT_EQ(own_.FindSibling(event)->image, "/opt/ostrel/updated");
 }
 
 }  // namespace

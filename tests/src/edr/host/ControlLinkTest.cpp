@@ -46,6 +46,16 @@ TEST_F(ControlLinkTest, ACommandEndsAtItsFirstNul) {
   EXPECT_EQ(Take(), "{}");
 }
 
+TEST_F(ControlLinkTest, RemembersThatTheAgentMayBeAnotherOne) {
+  EXPECT_FALSE(link_.MayHaveLostAgent());
+  link_.OnConnected(false);
+  EXPECT_TRUE(link_.MayHaveLostAgent());
+  EXPECT_TRUE(link_.MayHaveLostAgent()) << "nobody is there still";
+  link_.OnConnected(true);
+  EXPECT_TRUE(link_.MayHaveLostAgent());
+  EXPECT_FALSE(link_.MayHaveLostAgent());
+}
+
 TEST_F(ControlLinkTest, LogsTheWholeCommand) {
   const fakes::LogCapture log;
   link_.OnMessage(Bytes(R"({"command":"exit"})"));

@@ -1,0 +1,175 @@
+#include <gtest/gtest.h>
+#include <libaudit.h>
+
+#include <cerrno>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "tests/fakes/FakeProcessInfo.h"
+#include "tests/src/audit/engine/RuleEngineFixture.h"
+
+namespace zagent::audit {
+namespace {
+
+using namespace std::chrono_literals;
+using edr::EventType;
+using edr::ObjectType;
+using fakes::FakeEvent;
+
+// How the kernel's exclusions follow the processes of the product family.
+class RuleEngineFamilyTest : public RuleEngineFixture {
+ protected:
+  static constexpr const char* kUpdated = "/opt/ostrel/bin/updated";
+
+  void Process(EventType type, std::int32_t pid, const std::string& image, std::uint32_t uid = 0) {
+    auto event = std::make_unique<FakeEvent>();
+    event->type = type;
+    event->object_type = ObjectType::Process;
+    event->pid = pid;
+    event->uid = event->euid = uid;
+    event->image.reset();
+    if (!image.empty()) event->image = common::ImageInfo(image);
+    engine_->ProcessEvent(std::move(event));
+  }
+  // Whether a change by this process reaches the components.
+  bool IsHeard(std::int32_t pid) {
+    heard_.clear();
+    auto event = FolderEvent(1, folder_ / "sub");
+    event->pid = pid;
+    engine_->ProcessEvent(std::move(event));
+    return !heard_.empty();
+  }
+  [[nodiscard]] bool IsExcluded(const std::string& name) const {
+    return !kernel_.RulesWithKey("ostrel_ignore_rule_" + name).empty();
+  }
+  void Listen() {
+    RuleEngineFixture::Listen("FIM");
+    engine_->AddRules("FIM", {Watch("a")});
+  }
+};
+
+TEST_F(RuleEngineFamilyTest, ExcludesASiblingWhenItStarts) {
+  processes_.Start(600, 30);
+  Process(EventType::ProcessStart, 600, kUpdated);
+  ASSERT_TRUE(IsExcluded("updated"));
+  EXPECT_EQ(kernel_.RulesWithKey("ostrel_exit_rule_updated").front().Find(AUDIT_PID)->value, 600U);
+}
+
+TEST_F(RuleEngineFamilyTest, ExcludesTheFirstProcessOfAName) {
+  processes_.Start(600, 30);
+  processes_.Start(601, 31);
+  Process(EventType::ProcessStart, 600, kUpdated);
+  Process(EventType::ProcessStart, 601, kUpdated);
+  ASSERT_EQ(kernel_.RulesWithKey("ostrel_ignore_rule_updated").size(), 1U);
+  EXPECT_EQ(kernel_.RulesWithKey("ostrel_ignore_rule_updated").front().Find(AUDIT_PID)->value, 600U);
+  Process(EventType::ProcessExit, 601, kUpdated);
+  EXPECT_TRUE(IsExcluded("updated")) << "that was the other one";
+}
+
+TEST_F(RuleEngineFamilyTest, LetsASiblingGoThatHasEnded) {
+  Listen();
+  processes_.Start(600, 30);
+  Process(EventType::ProcessStart, 600, kUpdated);
+  EXPECT_FALSE(IsHeard(600));
+  Process(EventType::ProcessExit, 600, kUpdated);
+  EXPECT_FALSE(IsExcluded("updated"));
+  EXPECT_TRUE(IsHeard(600));
+}
+
+TEST_F(RuleEngineFamilyTest, LetsASiblingGoThatHasEndedAbnormally) {
+  processes_.Start(600, 30);
+  Process(EventType::ProcessStart, 600, kUpdated);
+  Process(EventType::AbnormalEnd, 600, "");
+  EXPECT_FALSE(IsExcluded("updated"));
+}
+
+TEST_F(RuleEngineFamilyTest, GivesNoRuleToAProcessThatIsOnlyCalledLikeASibling) {
+  processes_.Start(600, 30, "/bin/sh");
+  Process(EventType::ProcessStart, 600, kUpdated);
+  processes_.Start(601, 30);
+  Process(EventType::ProcessStart, 601, "/tmp/updated");
+  processes_.Start(602, 30);
+  Process(EventType::ProcessStart, 602, kUpdated, 1000);
+  EXPECT_FALSE(IsExcluded("updated"));
+}
+
+TEST_F(RuleEngineFamilyTest, HearsADressedUpSibling) {
+  Listen();
+  processes_.Start(600, 30, "/bin/sh");
+  auto event = FolderEvent(1, folder_ / "sub");
+  event->pid = 600;
+  event->image = common::ImageInfo(kUpdated);
+  engine_->ProcessEvent(std::move(event));
+  EXPECT_EQ(heard_, (Ids{"FIM a,:1"}));
+}
+
+TEST_F(RuleEngineFamilyTest, TellsThatItCannotAskTheKernelForASibling) {
+  processes_.Start(600, 30);
+  kernel_.open_error = EMFILE;
+  Process(EventType::ProcessStart, 600, kUpdated);
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "Failed to open audit socket for handling ostrel process event"));
+  kernel_.open_error = 0;
+  Process(EventType::ProcessStart, 600, kUpdated);
+  EXPECT_TRUE(IsExcluded("updated"));
+}
+
+TEST_F(RuleEngineFamilyTest, HearsWhoGetsThePidOfTheAgentAfterItsExit) {
+  Listen();
+  EXPECT_FALSE(IsHeard(400));
+  Process(EventType::ProcessExit, 400, "/opt/ostrel/bin/host-warden");
+  EXPECT_TRUE(log_.Has("Dropping Ostrel generated event")) << "the exit is the agent's own";
+  EXPECT_FALSE(IsExcluded("host-warden"));
+  EXPECT_TRUE(IsHeard(400));
+}
+
+TEST_F(RuleEngineFamilyTest, HearsHimEvenBeforeTheKernelCouldBeAskedToRemoveTheExclusion) {
+  Listen();
+  kernel_.open_error = EMFILE;
+  Process(EventType::ProcessExit, 400, "/opt/ostrel/bin/host-warden");
+  EXPECT_TRUE(IsHeard(400));
+  EXPECT_TRUE(IsExcluded("host-warden"));
+  kernel_.open_error = 0;
+  engine_->LookAtExclusions();
+  EXPECT_FALSE(IsExcluded("host-warden"));
+}
+
+TEST_F(RuleEngineFamilyTest, LooksOnceAMinuteWhetherTheAgentIsStillTheAgent) {
+  processes_.Start(400, 21);
+  clock_.Advance(59s);
+  engine_->OnIdle();
+  EXPECT_TRUE(IsExcluded("host-warden"));
+  clock_.Advance(1s);
+  engine_->OnIdle();
+  EXPECT_FALSE(IsExcluded("host-warden"));
+  EXPECT_TRUE(IsExcluded("ostrel-edr"));
+}
+
+TEST_F(RuleEngineFamilyTest, TellsWhenTheLookFailsAndTriesAgain) {
+  processes_.End(400);
+  kernel_.open_error = EMFILE;
+  engine_->LookAtExclusions();
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR,
+                       "RuleEngine: Failed to remove the exclusions of processes that have ended: "));
+  kernel_.open_error = 0;
+  engine_->LookAtExclusions();
+  EXPECT_FALSE(IsExcluded("host-warden"));
+}
+
+TEST_F(RuleEngineFamilyTest, ExcludesTheAgentAgainThatComesBack) {
+  Process(EventType::ProcessExit, 400, "/opt/ostrel/bin/host-warden");
+  engine_->UpdateExclusions(401, "/opt/ostrel/bin/host-warden");
+  EXPECT_EQ(kernel_.RulesWithKey("ostrel_ignore_rule_host-warden").at(0).Find(AUDIT_PID)->value, 401U);
+}
+
+TEST_F(RuleEngineFamilyTest, KnowsTheProcessesOfContainers) {
+  FakeEvent event;
+  event.image = common::ImageInfo("/usr/bin/containerd-shim");
+  EXPECT_TRUE(engine_->IsContainerProcess(event));
+  event.image = common::ImageInfo("/usr/bin/sh");
+  EXPECT_FALSE(engine_->IsContainerProcess(event));
+}
+
+}  // namespace
+}  // namespace zagent::audit
