@@ -25,21 +25,23 @@ constexpr std::chrono::seconds kLookInterval{60};
 
 }  // namespace
 
-RuleEngine::RuleEngine(AuditNetlink& netlink, common::ProcessTree& process_tree, Settings settings,
-                       IntakeCounters& counters, common::util::Clock& clock)
+RuleEngine::RuleEngine(AuditNetlink& netlink, Settings settings, IntakeCounters& counters, common::util::Clock& clock)
     : netlink_(netlink),
       watch_folders_(std::move(settings.watch_folders)),
       exclusions_(getpid(), settings.agent_pid, settings.agent_path, settings.proc_root),
       rules_(clock),
+      processes_(
+          clock, counters, [this](const edr::Event& event) { return IsContainerProcess(event); }, settings.proc_root),
       proof_(settings.agent_effective_uid, settings.proc_root),
-      own_activity_(process_tree, proof_, std::move(settings.sibling_names), std::move(settings.agent_install_path)),
-      container_check_(process_tree, proof_),
+      own_activity_(processes_.Tree(), proof_, std::move(settings.sibling_names),
+                    std::move(settings.agent_install_path)),
+      container_check_(processes_.Tree(), proof_),
       clock_(clock),
       next_look_(clock.SteadyNow() + kLookInterval),
-      router_(
-          clock, settings.max_resting_events, counters,
-          [this](const edr::Event& event) { return ShouldProcessEvent(event); },
-          [this](const edr::Event& event) { CallHandlers(event); }) {
+      router_(clock, settings.max_resting_events, counters, processes_,
+              {.has_process_rules = [this] { return HasProcessRules(); },
+               .should_process = [this](const edr::Event& event) { return ShouldProcessEvent(event); },
+               .deliver = [this](const edr::Event& event) { CallHandlers(event); }}) {
   {
     // A late answer to the question for the limit must not be taken for the answer to a rule.
     AuditSocket status(netlink_, "RuleEngine");
@@ -96,6 +98,7 @@ void RuleEngine::Invalidate() {
     rules_.Clear();
     exclusions_.AddAll(socket);
   }
+  processes_.Invalidate();
   // The owners come back through AddRules.
   CallInvalidatedOfAllTags();
 }
@@ -122,7 +125,7 @@ bool RuleEngine::OnIdle() {
     next_look_ = clock_.SteadyNow() + kLookInterval;
     LookAtExclusions();
   }
-  return router_.DeliverDue();
+  return router_.OnIdle();
 }
 
 void RuleEngine::OnStop(std::chrono::nanoseconds time) {
@@ -142,6 +145,11 @@ void RuleEngine::LookAtExclusions() {
 
 bool RuleEngine::IsContainerProcess(const edr::Event& event) {
   return container_check_.IsContainerProcess(event);
+}
+
+bool RuleEngine::HasProcessRules() {
+  const std::lock_guard lock(mutex_);
+  return rules_.Table().HasProcessRules();
 }
 
 bool RuleEngine::ShouldProcessEvent(const edr::Event& event) {

@@ -19,9 +19,9 @@
 #include "src/audit/routing/EventRouter.h"
 #include "src/audit/routing/ImageProof.h"
 #include "src/audit/routing/OwnActivity.h"
+#include "src/audit/routing/ProcessModel.h"
 #include "src/audit/rules/Exclusions.h"
 #include "src/edr/EventRuleEngine.h"
-#include "src/edr/process/ProcessTree.h"
 
 namespace zagent::audit {
 
@@ -49,7 +49,7 @@ class RuleEngine final : public edr::EventRuleEngine {
 
   // Raises the backlog limit, removes what an earlier run left in the kernel, installs the exclusions. Throws
   // edr::RuleEngineException "Failed to open audit socket".
-  RuleEngine(AuditNetlink& netlink, common::ProcessTree& process_tree, Settings settings, IntakeCounters& counters,
+  RuleEngine(AuditNetlink& netlink, Settings settings, IntakeCounters& counters,
              common::util::Clock& clock = common::util::Clock::Real());
   RuleEngine(const RuleEngine&) = delete;
   RuleEngine& operator=(const RuleEngine&) = delete;
@@ -75,7 +75,8 @@ class RuleEngine final : public edr::EventRuleEngine {
   [[nodiscard]] bool IsContainerProcess(const edr::Event& event);
 
  private:
-  // Event thread. Both take the mutex, neither holds it while handlers run.
+  // Event thread. All take the mutex, none holds it while handlers run.
+  [[nodiscard]] bool HasProcessRules();
   [[nodiscard]] bool ShouldProcessEvent(const edr::Event& event);
   void CallHandlers(const edr::Event& event);
   // Event thread, with the mutex. The kernel's exclusions follow the family's processes.
@@ -90,6 +91,7 @@ class RuleEngine final : public edr::EventRuleEngine {
   std::mutex mutex_;
   internal::Exclusions exclusions_;
   internal::InstalledRules rules_;
+  internal::ProcessModel processes_;  // event thread
   internal::ImageProof proof_;
   internal::OwnActivity own_activity_;
   internal::ContainerCheck container_check_;

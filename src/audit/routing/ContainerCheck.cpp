@@ -26,9 +26,8 @@ bool IsRuntime(std::string_view path) {
 
 bool ContainerCheck::IsContainerProcess(const edr::Event& event) const {
   const std::vector<ProcessClaim> claims = ClaimsOf(event, process_tree_);
-  return std::any_of(claims.begin(), claims.end(), [&](const ProcessClaim& claim) {
-    return IsRuntime(claim.image) && !proof_.IsDisproved(claim);
-  });
+  return std::any_of(claims.begin(), claims.end(),
+                     [&](const ProcessClaim& claim) { return IsRuntime(claim.image) && !proof_.IsDisproved(claim); });
 }
 
 }  // namespace zagent::audit::internal

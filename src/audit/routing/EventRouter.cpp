@@ -1,11 +1,9 @@
 #include "src/audit/routing/EventRouter.h"
 
-#include <exception>
 #include <utility>
 
 #include "common/src/util/Log.h"
-#include "src/edr/EventRuleEngine.h"
-#include "src/edr/process/StatHelper.h"
+#include "src/audit/routing/EventGuard.h"
 
 namespace zagent::audit::internal {
 namespace {
@@ -17,57 +15,35 @@ bool IsFileObject(const edr::Event& event) {
   return event.GetObjectType() == ObjectType::File || event.GetObjectType() == ObjectType::Directory;
 }
 
-// Runs one event's step and lets nothing out of it; false when it failed. What belongs to an event's life (its file is
-// gone or replaced, it cannot be judged) is of interest to developers only, and counts as `expected_loss`.
-template <typename Step>
-bool Guard(std::uint32_t event_id, IntakeCounters& counters, Reason expected_loss, const Step& step) {
-  const auto lose_as_expected = [&](const std::exception& error) {
-    counters.Add(expected_loss);
-    ZLOG_DEBUG("Failed to process event with ID " << event_id << ": " << error.what());
-  };
-  const auto lose = [&](const char* cause) {
-    counters.Add(Reason::NotProcessed);
-    ZLOG_ERROR("Failed to process event with ID " << event_id << ": " << cause);
-  };
-  try {
-    step();
-    return true;
-  } catch (const edr::RuleEngineException& error) {
-    lose_as_expected(error);
-  } catch (const edr::EventException& error) {
-    lose_as_expected(error);
-  } catch (const common::StatHelperException& error) {
-    lose_as_expected(error);
-  } catch (const std::exception& error) {
-    lose(error.what());
-  } catch (...) {
-    lose("unknown failure");
-  }
-  return false;
-}
-
 }  // namespace
 
 EventRouter::EventRouter(common::util::Clock& clock, std::size_t max_resting, IntakeCounters& counters,
-                         ShouldProcess should_process, Deliver deliver)
+                         ProcessModel& processes, Stops stops)
     : clock_(clock),
       counters_(counters),
-      should_process_(std::move(should_process)),
-      deliver_(std::move(deliver)),
+      processes_(processes),
+      stops_(std::move(stops)),
       file_events_(clock, {.max_events = max_resting}) {}
 
 void EventRouter::Process(std::unique_ptr<edr::Event> event) {
   const std::uint32_t id = event->GetId();
   ZLOG_DEBUG("RuleEngine::ProcessEvent: Procesing event with ID " << id);
   DeliverDue();
-  Guard(id, counters_, Reason::NotProcessed, [&] {
+  GuardEvent(id, counters_, Reason::NotProcessed, [&] {
     // An access to a file that failed is worth a report, any other failure is not.
     if (!event->IsSuccessful() && !IsFileObject(*event)) {
       ZLOG_TRACE("RuleEngine::ProcessEvent: Dropping unsuccessful " << event->GetAction() << " event with ID " << id);
       return;
     }
-    Handle(std::move(event), Source::Pipeline);
+    Handle(std::move(event), EventSource::Pipeline);
   });
+  CleanProcesses();
+}
+
+bool EventRouter::OnIdle() {
+  const bool more_is_due = DeliverDue();
+  CleanProcesses();
+  return more_is_due;
 }
 
 bool EventRouter::DeliverDue() {
@@ -88,20 +64,47 @@ void EventRouter::DeliverRest(std::chrono::nanoseconds time) {
 
 void EventRouter::DeliverCached(std::unique_ptr<edr::Event> event) {
   const std::uint32_t id = event->GetId();
-  if (!Guard(id, counters_, Reason::FileReplaced, [&] { event->Refresh(); })) return;
-  Guard(id, counters_, Reason::NotProcessed, [&] { Handle(std::move(event), Source::FileCache); });
+  if (!GuardEvent(id, counters_, Reason::FileReplaced, [&] { event->Refresh(); })) return;
+  GuardEvent(id, counters_, Reason::NotProcessed, [&] { Handle(std::move(event), EventSource::FileCache); });
 }
 
-void EventRouter::Handle(std::unique_ptr<edr::Event> event, Source source) {
-  if (should_process_(*event)) Dispatch(std::move(event), source);
+void EventRouter::FlushFileEvents(std::int32_t pid) {
+  for (std::unique_ptr<edr::Event>& event : file_events_.Flush(pid)) DeliverCached(std::move(event));
 }
 
-void EventRouter::Dispatch(std::unique_ptr<edr::Event> event, Source source) {
-  if (event->GetObjectType() == ObjectType::File && source == Source::Pipeline) {
-    file_events_.Add(std::move(event));
-    return;
+void EventRouter::Handle(std::unique_ptr<edr::Event> event, EventSource source) {
+  if (WantsProcesses()) {
+    processes_.Handle(std::move(event), source, *this);
+  } else {
+    PassOn(std::move(event), source);
   }
-  deliver_(*event);
+}
+
+void EventRouter::PassOn(std::unique_ptr<edr::Event> event, EventSource source) {
+  if (!stops_.should_process(*event)) return;
+  if (event->GetObjectType() == ObjectType::File && source == EventSource::Pipeline) {
+    file_events_.Add(std::move(event));
+  } else {
+    stops_.deliver(*event);
+  }
+}
+
+// The kernel's exclusions end with a process of the program's own family, which the tree need not know.
+void EventRouter::PassOver(const edr::Event& event) {
+  (void)stops_.should_process(event);
+}
+
+void EventRouter::CleanProcesses() {
+  GuardEvent(0, counters_, Reason::NotProcessed, [this] {
+    if (WantsProcesses()) processes_.Clean(*this);
+  });
+}
+
+bool EventRouter::WantsProcesses() {
+  const bool wants = stops_.has_process_rules();
+  if (wants && !wanted_processes_) processes_.CleanSoon();
+  wanted_processes_ = wants;
+  return wants;
 }
 
 }  // namespace zagent::audit::internal

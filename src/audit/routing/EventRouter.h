@@ -8,45 +8,57 @@
 #include "common/src/util/Clock.h"
 #include "src/audit/events/IntakeCounters.h"
 #include "src/audit/routing/FileEventCache.h"
+#include "src/audit/routing/ProcessModel.h"
 #include "src/edr/Event.h"
 
 namespace zagent::audit::internal {
 
-// The way of one event from the pipeline to the components: file events rest in the cache until the file has settled
-// and are looked up on disk again when they leave it; everything else goes on at once. What goes wrong with one event
-// is logged, counted and ends that event only.
+// The way of one event from the pipeline to the components: the process model sees to it that its actor is known, file
+// events rest in the cache until the file has settled and are looked up on disk again when they leave it; everything
+// else goes on at once. What goes wrong with one event is logged, counted and ends that event only.
 //
-// No call but DeliverRest takes longer than two events take. Belongs to the event-processing thread.
-class EventRouter {
+// No call but DeliverRest takes longer than a few events take; the end of a process takes its resting events with it.
+// Belongs to the event-processing thread.
+class EventRouter final : private ProcessModel::Road {
  public:
-  // False for what the program's own family did.
-  using ShouldProcess = std::function<bool(const edr::Event& event)>;
-  // Calls the components.
-  using Deliver = std::function<void(const edr::Event& event)>;
+  struct Stops {
+    // Whether anybody wants to know of processes; without, the process model is passed by.
+    std::function<bool()> has_process_rules;
+    // False for what the program's own family did. Hears of the ends of unknown processes, too.
+    std::function<bool(const edr::Event& event)> should_process;
+    // Calls the components.
+    std::function<void(const edr::Event& event)> deliver;
+  };
 
   // At most `max_resting` events rest; beyond it the oldest are due early.
-  EventRouter(common::util::Clock& clock, std::size_t max_resting, IntakeCounters& counters,
-              ShouldProcess should_process, Deliver deliver);
+  EventRouter(common::util::Clock& clock, std::size_t max_resting, IntakeCounters& counters, ProcessModel& processes,
+              Stops stops);
 
-  // Takes an event in, after one that has become due. The event is not null.
+  // Takes an event in, after one that has become due, and looks for processes that are gone. The event is not null.
   void Process(std::unique_ptr<edr::Event> event);
-  // Delivers the oldest event that is due, if there is one. True when another one is due.
-  bool DeliverDue();
+  // For when no event comes: delivers the oldest event that is due, if there is one, and looks for processes that are
+  // gone. True when another event is due.
+  bool OnIdle();
   // Delivers what rests, due or not, oldest first, until `time` has passed. What then remains is dropped, with one line
   // that counts it.
   void DeliverRest(std::chrono::nanoseconds time);
 
  private:
-  enum class Source { Pipeline, FileCache };
+  void PassOn(std::unique_ptr<edr::Event> event, EventSource source) override;
+  void PassOver(const edr::Event& event) override;
+  void FlushFileEvents(std::int32_t pid) override;
 
-  void Handle(std::unique_ptr<edr::Event> event, Source source);
+  void Handle(std::unique_ptr<edr::Event> event, EventSource source);
+  bool DeliverDue();
   void DeliverCached(std::unique_ptr<edr::Event> event);
-  void Dispatch(std::unique_ptr<edr::Event> event, Source source);
+  void CleanProcesses();
+  bool WantsProcesses();
 
   common::util::Clock& clock_;
   IntakeCounters& counters_;
-  ShouldProcess should_process_;
-  Deliver deliver_;
+  ProcessModel& processes_;
+  const Stops stops_;
+  bool wanted_processes_ = false;
   FileEventCache file_events_;
 };
 

@@ -45,7 +45,8 @@ ProcessClaim ClaimOf(const edr::Event& event) {
 
 ProcessClaim ClaimOf(const common::ProcessInfo& process) {
   const common::ImageInfo* image = process.GetImage();
-  return {process.GetPid(), image != nullptr ? std::string_view(image->GetPath()) : std::string_view(), process.GetUserId(), process.GetEuid()};
+  return {process.GetPid(), image != nullptr ? std::string_view(image->GetPath()) : std::string_view(),
+          process.GetUserId(), process.GetEuid()};
 }
 
 std::vector<ProcessClaim> ClaimsOf(const edr::Event& event, const common::ProcessTree& tree) {

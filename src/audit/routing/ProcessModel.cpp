@@ -2,7 +2,7 @@
 
 #include <exception>
 #include <fstream>
-#include <optional>
+#include <stdexcept>
 #include <unordered_set>
 #include <utility>
 
@@ -77,7 +77,10 @@ void ProcessModel::Handle(std::unique_ptr<edr::Event> event, EventSource source,
 
 void ProcessModel::HandleEnd(std::unique_ptr<edr::Event> event, EventSource source, Road& road) {
   const std::int32_t pid = event->GetActorProcessId();
-  if (pid < 1 || !tree_.Contains(pid)) return;
+  if (pid < 1 || !tree_.Contains(pid)) {
+    road.PassOver(*event);
+    return;
+  }
   const auto forget = [pid](ProcessModel* model) {
     model->tree_.Delete(pid);
     model->clones_.Erase(pid);
@@ -138,8 +141,8 @@ std::unique_ptr<edr::Event> ProcessModel::StartFromProcFs(std::int32_t pid, cons
   ZLOG_TRACE("Creating actor process from ProcFS: " << pid);
   try {
     // A parent may belong to another login than what it has started, or to none.
-    const std::uint32_t auid = IsProcessEvent(event) ? ReadLoginUid(pid, event.GetActorAuid(), proc_root_)
-                                                     : event.GetActorAuid();
+    const std::uint32_t auid =
+        IsProcessEvent(event) ? ReadLoginUid(pid, event.GetActorAuid(), proc_root_) : event.GetActorAuid();
     const common::ProcFSProcessInfo process(pid, auid, proc_root_);
     // One that has ended and waits for its parent has no program any more.
     if (!WasThere(process.GetCreationTime(), event) || process.GetImage()->GetPath().empty()) return nullptr;
@@ -180,12 +183,19 @@ void ProcessModel::Enter(const edr::Event& start) {
     for (const std::int32_t child : old.GetChildren()) process->AddChild(child);
     process->SetStartSinceBoot(old.GetStartSinceBoot());
   } else {
-    const auto start_since_boot = common::util::ReadStartSinceBoot(pid, proc_root_);
-    if (start_since_boot && WasThere(common::util::StartSinceEpoch(*start_since_boot, proc_root_), start)) {
-      process->SetStartSinceBoot(start_since_boot);
-    }
+    process->SetStartSinceBoot(FindStartSinceBoot(pid, start));
   }
   tree_.Add(std::move(process));
+}
+
+std::optional<std::int64_t> ProcessModel::FindStartSinceBoot(std::int32_t pid, const edr::Event& event) const {
+  const auto start = common::util::ReadStartSinceBoot(pid, proc_root_);
+  try {
+    if (start && WasThere(common::util::StartSinceEpoch(*start, proc_root_), event)) return start;
+  } catch (const std::runtime_error& error) {
+    ZLOG_DEBUG(error.what());
+  }
+  return std::nullopt;
 }
 
 void ProcessModel::Clean(Road& road) {
@@ -195,7 +205,8 @@ void ProcessModel::Clean(Road& road) {
       Handle(std::make_unique<edr::PseudoTerminateEvent>(tree_.Get(pid), clock_), EventSource::Pipeline, road);
     } catch (const std::exception& error) {
       counters_.Add(Reason::NotProcessed);
-      ZLOG_DEBUG("Failed to process exit event" << ": " << error.what());
+      ZLOG_DEBUG("Failed to process exit event"
+                 << ": " << error.what());
     }
   }
 }

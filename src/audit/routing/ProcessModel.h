@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,8 @@ class ProcessModel {
 
     // The next stop of an event whose actor is known as well as can be.
     virtual void PassOn(std::unique_ptr<edr::Event> event, EventSource source) = 0;
+    // An event that goes no further.
+    virtual void PassOver(const edr::Event& event) = 0;
     // The process ends: its file events that still rest are delivered now. Throws nothing.
     virtual void FlushFileEvents(std::int32_t pid) = 0;
 
@@ -77,6 +80,8 @@ class ProcessModel {
   // The starts of a process and of its ancestors that are missing too, the process itself first.
   [[nodiscard]] Starts WithMissingAncestors(std::unique_ptr<edr::Event> start);
   void Enter(const edr::Event& start);
+  // When the kernel made the process of the event; nothing when procfs has none or another one.
+  [[nodiscard]] std::optional<std::int64_t> FindStartSinceBoot(std::int32_t pid, const edr::Event& event) const;
   void ConsumeInvalidation();
 
   common::util::Clock& clock_;

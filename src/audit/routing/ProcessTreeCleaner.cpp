@@ -2,8 +2,7 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <exception>
-#include <optional>
+#include <stdexcept>
 #include <utility>
 
 #include "common/src/util/Log.h"
@@ -28,7 +27,7 @@ ProcessTreeCleaner::ProcessTreeCleaner(const common::ProcessTree& tree, common::
     : tree_(tree), clock_(clock), proc_root_(std::move(proc_root)), last_run_(clock.SteadyNow()) {}
 
 bool ProcessTreeCleaner::IsDue() const {
-  if (is_wanted_ && tree_.GetSize() != 0) return true;
+  if (is_wanted_) return true;
   const auto passed = clock_.SteadyNow() - last_run_;
   return passed >= kInterval || (tree_.GetSize() >= kFullTree && passed >= kIntervalOfAFullTree);
 }
@@ -55,8 +54,6 @@ std::vector<std::int32_t> ProcessTreeCleaner::Clean() {
   return gone;
 }
 
-// procfs tells when the kernel made a process, which is compared with what it told when the process entered the tree.
-// Where nothing was told then, there is only the time of the event that it is known by.
 bool ProcessTreeCleaner::HasGone(const common::ProcessInfo& process) const {
   const std::int32_t pid = process.GetPid();
   const auto start = common::util::ReadStartSinceBoot(pid, proc_root_);
@@ -64,13 +61,21 @@ bool ProcessTreeCleaner::HasGone(const common::ProcessInfo& process) const {
     ZLOG_DEBUG("ProcessID: " << pid << " exited. ");
     return true;
   }
-  const auto known = process.GetStartSinceBoot();
-  const bool is_another = known ? std::abs(*start - *known) >= kTolerance
-                                : common::util::StartSinceEpoch(*start, proc_root_) - process.GetCreationTime() >= kTolerance;
-  if (is_another) {
-    ZLOG_DEBUG("ProcessID: " << pid << " creation time from processInfo differs with Proc creation time");
+  if (!IsAnother(*start, process)) return false;
+  ZLOG_DEBUG("ProcessID: " << pid << " creation time from processInfo differs with Proc creation time");
+  return true;
+}
+
+// procfs tells when the kernel made a process, which is compared with what it told when the process entered the tree.
+// Where nothing was told then, there is only the time of the event that it is known by.
+bool ProcessTreeCleaner::IsAnother(std::int64_t start, const common::ProcessInfo& process) const {
+  if (const auto known = process.GetStartSinceBoot()) return std::abs(start - *known) >= kTolerance;
+  try {
+    return common::util::StartSinceEpoch(start, proc_root_) - process.GetCreationTime() >= kTolerance;
+  } catch (const std::runtime_error& error) {
+    ZLOG_DEBUG(error.what());
+    return false;
   }
-  return is_another;
 }
 
 }  // namespace zagent::audit::internal

@@ -20,12 +20,13 @@ class ProcessTreeCleaner {
   // The processes found gone by the next part of a round; nothing while none is due. Who is still in the tree when the
   // next round begins is answered again.
   [[nodiscard]] std::vector<std::int32_t> Clean();
-  // Nobody has heard of any end for a while: the next round is due.
-  void RunSoon() { is_wanted_ = true; }
+  // Nobody has heard of any end for a while: a round for those who are in the tree now is due.
+  void RunSoon() { is_wanted_ = tree_.GetSize() != 0; }
 
  private:
   [[nodiscard]] bool IsDue() const;
   [[nodiscard]] bool HasGone(const common::ProcessInfo& process) const;
+  [[nodiscard]] bool IsAnother(std::int64_t start, const common::ProcessInfo& process) const;
 
   const common::ProcessTree& tree_;
   common::util::Clock& clock_;

@@ -233,7 +233,6 @@ void Daemon::RunLogged() {
 }
 
 void Daemon::BuildEngine() {
-  process_tree_ = std::make_unique<common::ProcessTree>();
   // Without MAGIC_ERROR a missing file "identifies" as the text of the error.
   lib_magic_ = std::make_shared<LibMagicWrapper>(LibMagicWrapper::kDefaultDatabase, MAGIC_ERROR);
   folders_ = std::make_shared<audit::internal::FolderIdentities>();
@@ -252,8 +251,8 @@ void Daemon::BuildEngine() {
       .agent_effective_uid = common_config_->GetAgentEffectiveUid(),
       .extended_coverage = edr_config_->HasExtendedCoverage(),
       .watch_folders = [this](auto folders) { folder_scan_->Watch(std::move(folders)); }};
-  auto engine = std::make_unique<audit::RuleEngine>(audit::AuditNetlink::Kernel(), *process_tree_, std::move(settings),
-                                                    intake_counters_);
+  auto engine =
+      std::make_unique<audit::RuleEngine>(audit::AuditNetlink::Kernel(), std::move(settings), intake_counters_);
   const auto lock = link_.Lock();
   rule_engine_ = std::move(engine);
 }
@@ -378,7 +377,6 @@ void Daemon::ShutDown() {
     if (folder_scan_) folder_scan_->Stop();
   });
   Guarded("release the rest", [this] {
-    process_tree_.reset();
     control_channel_.reset();
     http_service_.reset();
     scheduler_.reset();

@@ -24,7 +24,6 @@
 #include "src/edr/host/ExitFlag.h"
 #include "src/edr/host/IntakeReport.h"
 #include "src/edr/host/IntakeWatch.h"
-#include "src/edr/process/ProcessTree.h"
 #include "src/fim/Component.h"
 #include "src/fim/Config.h"
 
@@ -103,7 +102,6 @@ class Daemon final : private CommandTarget {
   std::unique_ptr<Config> edr_config_;
   AgentIdentity agent_{};
   std::unique_ptr<audit::IOChannel> audit_channel_;
-  std::unique_ptr<common::ProcessTree> process_tree_;
   std::shared_ptr<LibMagicWrapper> lib_magic_;
   std::shared_ptr<audit::internal::FolderIdentities> folders_;
   std::shared_ptr<audit::internal::MountTable> mounts_;

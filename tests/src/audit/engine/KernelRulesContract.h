@@ -228,10 +228,9 @@ TEST_P(KernelRulesContract, AnEngineComesAndGoesWithoutTrace) {
   const std::size_t before = socket_.GetRulesFromAudit().size();
   fakes::FakeClock clock;
   IntakeCounters counters;
-  common::ProcessTree tree;
   {
-    RuleEngine engine(*kernel_, tree, {1, "/sbin/init", 1, "/opt/ostrel", OwnActivity::DefaultSiblingNames(), 1000},
-                      counters, clock);
+    RuleEngine engine(*kernel_, {1, "/sbin/init", 1, "/opt/ostrel", OwnActivity::DefaultSiblingNames(), 1000}, counters,
+                      clock);
     engine.AddRules("FIM", {fakes::FakeRule::Directory(Key("fim"), folder_.Path(), {edr::EventType::Write})});
     EXPECT_EQ(ListedKeys(), (Keys{Key("fim")}));
 

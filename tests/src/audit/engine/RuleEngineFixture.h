@@ -42,7 +42,7 @@ class RuleEngineFixture : public ::testing::Test {
     settings.extended_coverage = extended_coverage_;
     settings.proc_root = processes_.Root();
     settings.watch_folders = [this](auto folders) { watched_ = std::move(folders); };
-    engine_ = std::make_unique<RuleEngine>(kernel_, tree_, std::move(settings), counters_, clock_);
+    engine_ = std::make_unique<RuleEngine>(kernel_, std::move(settings), counters_, clock_);
   }
 
   // Collects what a tag hears as "<rule ids joined by ,>:<event id>".
@@ -95,7 +95,6 @@ class RuleEngineFixture : public ::testing::Test {
   IntakeCounters counters_;
   fakes::FakeAuditNetlink kernel_;
   fakes::FakeProcesses processes_;  // the program itself, and its agent as 400
-  common::ProcessTree tree_;
   bool extended_coverage_ = false;
   std::vector<std::string> heard_, invalidated_;
   std::vector<internal::WatchedFolder> watched_;  // as the engine told last

@@ -31,8 +31,8 @@ class ContainerCheckTest : public ::testing::Test {
 };
 
 TEST_F(ContainerCheckTest, KnowsEveryRuntimeInEverySystemFolder) {
-  for (const char* name : {"containerd-shim", "containerd-shim-runc-v1", "containerd-shim-runc-v2", "crio", "conmon",
-                           "kubelet"}) {
+  for (const char* name :
+       {"containerd-shim", "containerd-shim-runc-v1", "containerd-shim-runc-v2", "crio", "conmon", "kubelet"}) {
     for (const char* folder : {"/usr/bin/", "/usr/sbin/", "/usr/local/bin/", "/usr/local/sbin/", "/usr/libexec/"}) {
       EXPECT_TRUE(IsContainer(7, std::string(folder) + name)) << folder << name;
     }

@@ -12,6 +12,7 @@
 #include "src/edr/process/StatHelper.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeEvent.h"
+#include "tests/fakes/FakeProcFs.h"
 #include "tests/fakes/LogCapture.h"
 
 namespace zagent::audit::internal {
@@ -42,8 +43,27 @@ class EventRouterTest : public ::testing::Test {
   }
   void PassTime(std::chrono::seconds time) {
     clock_.Advance(time);
-    while (router_.DeliverDue()) {
+    while (router_.OnIdle()) {
     }
+  }
+
+  void Take(const edr::Event& event) {
+    const auto* fake = dynamic_cast<const FakeEvent*>(&event);
+    delivered_.push_back({event.GetId(), fake != nullptr ? fake->refreshed : 0});
+    on_delivery_(event);
+  }
+  // A process of its own in procfs, and an event of it.
+  std::unique_ptr<FakeEvent> EventOf(std::int32_t pid, std::uint32_t id, ObjectType object = ObjectType::File) {
+    proc_.Start(pid, {.ppid = 0});
+    auto event = Event(id, object);
+    event->pid = pid;
+    event->ppid = 0;
+    return event;
+  }
+  std::unique_ptr<FakeEvent> ExitOf(std::int32_t pid, std::uint32_t id) {
+    auto event = EventOf(pid, id, ObjectType::Process);
+    event->type = EventType::ProcessExit;
+    return event;
   }
 
   fakes::LogCapture log_;
@@ -53,11 +73,16 @@ class EventRouterTest : public ::testing::Test {
   std::function<void(const edr::Event&)> on_delivery_ = [](const edr::Event&) {};
   static constexpr std::size_t kMaxResting = 2000;
   IntakeCounters counters_;
-  EventRouter router_{clock_, kMaxResting, counters_, [this](const edr::Event&) { return !is_own_; },
-                      [this](const edr::Event& event) {
-                        delivered_.push_back({event.GetId(), dynamic_cast<const FakeEvent&>(event).refreshed});
-                        on_delivery_(event);
-                      }};
+  fakes::FakeProcFs proc_;
+  bool has_process_rules_ = false;
+  ProcessModel processes_{clock_, counters_, [](const edr::Event&) { return false; }, proc_.Root()};
+  EventRouter router_{clock_,
+                      kMaxResting,
+                      counters_,
+                      processes_,
+                      {.has_process_rules = [this] { return has_process_rules_; },
+                       .should_process = [this](const edr::Event&) { return !is_own_; },
+                       .deliver = [this](const edr::Event& event) { Take(event); }}};
 };
 
 TEST_F(EventRouterTest, LetsAFileEventRestForThirtySecondsAndLooksAtTheFileAgain) {
@@ -161,13 +186,13 @@ TEST_F(EventRouterTest, LetsNoFailureOfAnEventOut) {
 TEST_F(EventRouterTest, DeliversOneDueEventACallAndSaysWhetherMoreAreDue) {
   for (std::uint32_t id = 1; id <= 3; ++id) router_.Process(Event(id));
   clock_.Advance(31s);
-  EXPECT_TRUE(router_.DeliverDue());
+  EXPECT_TRUE(router_.OnIdle());
   EXPECT_EQ(delivered_, (Deliveries{{1, 1}}));
   router_.Process(Event(4, ObjectType::Directory));
   EXPECT_EQ(delivered_, (Deliveries{{1, 1}, {2, 1}, {4, 0}}));
-  EXPECT_FALSE(router_.DeliverDue());
+  EXPECT_FALSE(router_.OnIdle());
   EXPECT_EQ(delivered_.size(), 4U);
-  EXPECT_FALSE(router_.DeliverDue());
+  EXPECT_FALSE(router_.OnIdle());
 }
 
 TEST_F(EventRouterTest, HoldsNoMoreThanItsBound) {
@@ -205,6 +230,101 @@ TEST_F(EventRouterTest, TheLastDeliveryEndsInTimeAndCountsWhatRemains) {
   EXPECT_EQ(counters_.Get(Reason::LeftAtStop), 7U);
   router_.DeliverRest(5s);
   EXPECT_EQ(delivered_.size(), 3U) << "what was counted as lost is not delivered later";
+}
+
+TEST_F(EventRouterTest, WithoutAProcessRuleNobodyNeedsTheProcesses) {
+  router_.Process(EventOf(42, 1, ObjectType::Directory));
+  auto clone = EventOf(43, 2, ObjectType::Process);
+  clone->type = EventType::ProcessClone;
+  router_.Process(std::move(clone));
+  router_.Process(ExitOf(44, 3));
+  EXPECT_EQ(delivered_, (Deliveries{{1, 0}, {2, 0}, {3, 0}})) << "as they are, the unknown end too";
+  EXPECT_EQ(processes_.Tree().GetSize(), 0U);
+}
+
+TEST_F(EventRouterTest, AProcessStartsBeforeItsEventRests) {
+  has_process_rules_ = true;
+  router_.Process(EventOf(42, 1));
+  EXPECT_EQ(delivered_, (Deliveries{{0, 0}}));
+  EXPECT_TRUE(processes_.Tree().Contains(42));
+  proc_.End(42);
+  PassTime(31s);
+  EXPECT_EQ(delivered_, (Deliveries{{0, 0}, {1, 1}})) << "it is not looked for again";
+}
+
+TEST_F(EventRouterTest, WhatAProcessDidLeavesWithItBeforeItsEnd) {
+  has_process_rules_ = true;
+  router_.Process(EventOf(42, 1));
+  router_.Process(EventOf(43, 2));
+  auto replaced = EventOf(42, 3);
+  replaced->refresh_error = "Actual file path /watched/file differs from the ImageInfo.";
+  router_.Process(std::move(replaced));
+  router_.Process(EventOf(42, 4));
+  delivered_.clear();
+  router_.Process(ExitOf(42, 5));
+  EXPECT_EQ(delivered_, (Deliveries{{1, 1}, {4, 1}, {5, 0}}));
+  EXPECT_EQ(counters_.Get(Reason::FileReplaced), 1U);
+  EXPECT_FALSE(processes_.Tree().Contains(42));
+  PassTime(31s);
+  EXPECT_EQ(delivered_.back(), (Delivered{2, 1})) << "the events of others go on resting";
+}
+
+TEST_F(EventRouterTest, TheEndOfAnUnknownProcessLeavesItsEventsAtRest) {
+  router_.Process(EventOf(42, 1));
+  has_process_rules_ = true;
+  router_.Process(ExitOf(42, 2));
+  EXPECT_TRUE(delivered_.empty());
+}
+
+TEST_F(EventRouterTest, TheProgramsOwnProcessesAreForgottenAtTheirEndWithoutAWord) {
+  has_process_rules_ = true;
+  is_own_ = true;
+  router_.Process(EventOf(42, 1));
+  router_.Process(ExitOf(42, 2));
+  EXPECT_TRUE(delivered_.empty());
+  EXPECT_FALSE(processes_.Tree().Contains(42));
+}
+
+TEST_F(EventRouterTest, ReportsWhoVanishedWhetherEventsComeOrNot) {
+  has_process_rules_ = true;
+  router_.Process(EventOf(42, 1, ObjectType::Directory));
+  router_.Process(EventOf(43, 2, ObjectType::Directory));
+  proc_.End(42);
+  PassTime(1800s);
+  EXPECT_FALSE(processes_.Tree().Contains(42));
+  clock_.Advance(1800s);
+  auto event = EventOf(44, 3, ObjectType::Directory);
+  proc_.End(43);
+  delivered_.clear();
+  router_.Process(std::move(event));
+  EXPECT_EQ(delivered_, (Deliveries{{0, 0}, {3, 0}, {0, 0}})) << "start of 44, its event, end of 43";
+}
+
+TEST_F(EventRouterTest, LooksForTheVanishedWhenProcessesAreOfInterestAgain) {
+  has_process_rules_ = true;
+  router_.Process(EventOf(42, 1, ObjectType::Directory));
+  has_process_rules_ = false;
+  router_.Process(ExitOf(42, 2));
+  EXPECT_TRUE(processes_.Tree().Contains(42));
+  proc_.End(42);
+  router_.OnIdle();
+  EXPECT_TRUE(processes_.Tree().Contains(42));
+  has_process_rules_ = true;
+  router_.OnIdle();
+  EXPECT_FALSE(processes_.Tree().Contains(42));
+}
+
+TEST_F(EventRouterTest, AProcessThatCannotBeKnownIsNoError) {
+  has_process_rules_ = true;
+  auto start = Event(7, ObjectType::Process);
+  start->type = EventType::ProcessStart;
+  start->ppid = 0;
+  start->image = common::ImageInfo("/nowhere/program");
+  router_.Process(std::move(start));
+  EXPECT_TRUE(delivered_.empty());
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG,
+                       "Failed to process event with ID 7: ProcessInfo cannot find image information for PID: 100"));
+  EXPECT_EQ(counters_.Get(Reason::NotProcessed), 1U);
 }
 
 }  // namespace

@@ -74,6 +74,7 @@ class ProcessModelFixture : public testing::Test, protected ProcessModel::Road {
     passed_.push_back(std::move(event));
     if (refused_.count(pid) != 0) throw std::logic_error("a component fails");
   }
+  void PassOver(const edr::Event& event) override { passed_over_.push_back(event.GetActorProcessId()); }
   void FlushFileEvents(std::int32_t pid) override {
     lines_.push_back("flush " + std::to_string(pid));
     was_known_at_flush_ = model_.Tree().Contains(pid);
@@ -91,6 +92,7 @@ class ProcessModelFixture : public testing::Test, protected ProcessModel::Road {
                       proc_.Root()};
   Lines lines_;
   std::vector<std::unique_ptr<edr::Event>> passed_;
+  std::vector<std::int32_t> passed_over_;
   std::set<std::int32_t> refused_;  // actors at whose events a component fails
   bool was_known_at_flush_ = false;
 };

@@ -1,6 +1,7 @@
 #include "src/audit/routing/ProcessModel.h"
 
 #include <chrono>
+#include <filesystem>
 #include <optional>
 
 #include "tests/src/audit/routing/ProcessModelFixture.h"
@@ -78,6 +79,7 @@ TEST_F(ProcessModelTest, TheEndOfAProcessThatNobodyKnowsIsIgnored) {
   Handle(Exit(0));
   Handle(ProcessEvent(EventType::AbnormalEnd, "Abort", -7, -1));
   EXPECT_TRUE(lines_.empty());
+  EXPECT_EQ(passed_over_, (Pids{10, 0, -7}));
   EXPECT_EQ(model_.Tree().GetSize(), 0U);
 }
 
@@ -121,8 +123,7 @@ TEST_F(ProcessModelTest, AProcessThatWasThereBeforeStartsBeforeItsFirstEvent) {
   EXPECT_EQ(start.GetActorUserId(), 7U);
   EXPECT_EQ(start.GetImage()->GetPath(), program_);
   EXPECT_EQ(model_.Tree().Get(42).GetCwd(), "/srv");
-  EXPECT_TRUE(
-      log_.Has(Poco::Message::PRIO_TRACE, "Not found Actor PID: 42 in process tree, creating actor process"));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_TRACE, "Not found Actor PID: 42 in process tree, creating actor process"));
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_TRACE, "Creating actor process from ProcFS: 42"));
 
   Handle(Write(42));
@@ -169,8 +170,7 @@ TEST_F(ProcessModelTest, AnEventOfAThreadIsGivenToItsProcess) {
   Handle(Write(43));
   EXPECT_EQ(lines_, (Lines{"Execve 42", "Write 42"}));
   EXPECT_FALSE(model_.Tree().Contains(43));
-  EXPECT_TRUE(
-      log_.Has(Poco::Message::PRIO_TRACE, "Detected that Event has thread id 43 instead of process id 42"));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_TRACE, "Detected that Event has thread id 43 instead of process id 42"));
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_TRACE, "Updating Event with process id 42"));
 
   Handle(Write(43));
@@ -322,6 +322,16 @@ TEST_F(ProcessModelTest, WhoeverHasTakenThePidBeforeTheStartWasReadIsNotTheProce
   clock_.Advance(1800s);
   model_.Clean(*this);
   EXPECT_EQ(lines_, (Lines{"Execve 42", "flush 42", "Exit 42"}));
+}
+
+TEST_F(ProcessModelTest, AMachineThatTellsNoBootTimeLosesNoProcess) {
+  proc_.Start(42, {.ppid = 0, .image = program_});
+  std::filesystem::remove(proc_.Root() + "/stat");
+  Handle(Exec(42, 0));
+  EXPECT_EQ(lines_, (Lines{"Execve 42"}));
+  clock_.Advance(1800s);
+  model_.Clean(*this);
+  EXPECT_TRUE(model_.Tree().Contains(42));
 }
 
 TEST_F(ProcessModelTest, OneEndThatFailsDoesNotKeepTheOthersFromTheirs) {

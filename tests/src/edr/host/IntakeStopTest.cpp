@@ -54,9 +54,7 @@ class IntakeStopTest : public testing::Test {
   fakes::FakeClock clock_;
   audit::IntakeCounters counters_;
   fakes::FakeAuditNetlink kernel_;
-  common::ProcessTree tree_;
   audit::RuleEngine engine_{kernel_,
-                            tree_,
                             {400, "/opt/ostrel/bin/host-warden", 8192, "/opt/ostrel",
                              audit::internal::OwnActivity::DefaultSiblingNames(), kEvents},
                             counters_,

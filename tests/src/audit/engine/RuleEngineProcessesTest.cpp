@@ -1,0 +1,141 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "tests/src/audit/engine/RuleEngineFixture.h"
+
+namespace zagent::audit {
+namespace {
+
+using namespace std::chrono_literals;
+using edr::EventType;
+using edr::ObjectType;
+using fakes::FakeEvent;
+
+// What the engine knows of processes while a component asks for them.
+class RuleEngineProcessesTest : public RuleEngineFixture {
+ protected:
+  void ListenToProcesses() {
+    Listen("IOC");
+    AddProcessRule();
+  }
+  void AddProcessRule() {
+    engine_->AddRules("IOC", {std::make_shared<const fakes::FakeRule>("p", ObjectType::Process, "",
+                                                                      edr::EventTypes{EventType::ProcessStart})});
+  }
+  std::unique_ptr<FakeEvent> Event(EventType type, std::uint32_t id, std::int32_t pid, std::int32_t ppid) {
+    auto event = std::make_unique<FakeEvent>();
+    event->type = type;
+    event->object_type = ObjectType::Process;
+    event->id = id;
+    event->pid = pid;
+    event->ppid = ppid;
+    event->image = common::ImageInfo(program_);
+    return event;
+  }
+  void Start(std::uint32_t id, std::int32_t pid, std::int32_t ppid) {
+    engine_->ProcessEvent(Event(EventType::ProcessStart, id, pid, ppid));
+  }
+  void Act(std::uint32_t id, std::int32_t pid) {
+    auto event = FolderEvent(id, folder_ / "sub");
+    event->pid = pid;
+    event->image = common::ImageInfo(program_);
+    engine_->ProcessEvent(std::move(event));
+  }
+
+  fakes::TempFolder programs_;
+  const std::string program_ = programs_.Write("program", "x");
+};
+
+TEST_F(RuleEngineProcessesTest, ReportsAStartMadeUpBeforeTheEventThatNeededIt) {
+  ListenToProcesses();
+  Start(5, 50, -1);
+  auto exec = Event(EventType::ProcessStart, 6, 51, 50);
+  engine_->ProcessEvent(std::move(exec));
+  engine_->ProcessEvent(Event(EventType::ProcessClone, 7, 52, 51));
+  Start(8, 53, 52);
+  EXPECT_EQ(heard_, (Ids{"IOC p,:5", "IOC p,:6", "IOC p,:0", "IOC p,:8"}));
+}
+
+TEST_F(RuleEngineProcessesTest, KnowsTheWholeFamilyByItsAncestors) {
+  Listen("FIM");
+  engine_->AddRules("FIM", {Watch("a")});
+  ListenToProcesses();
+  Start(1, 400, -1);  // the parent agent
+  Start(2, 500, 400);
+  Start(3, 501, 500);
+  Act(4, 501);
+  EXPECT_TRUE(heard_.empty());
+  Start(5, 700, -1);
+  Act(6, 700);
+  EXPECT_EQ(heard_, (Ids{"IOC p,:5", "FIM a,:6"}));
+}
+
+TEST_F(RuleEngineProcessesTest, DeliversWhatAProcessDidBeforeItsEnd) {
+  Listen("FIM");
+  engine_->AddRules("FIM", {Watch("a")});
+  ListenToProcesses();
+  Start(1, 700, -1);
+  auto write = std::make_unique<FakeEvent>(EventType::Write, "Write", folder_ / "file");
+  write->id = 2;
+  write->pid = 700;
+  engine_->ProcessEvent(std::move(write));
+  EXPECT_EQ(heard_, (Ids{"IOC p,:1"}));
+  engine_->ProcessEvent(Event(EventType::ProcessExit, 3, 700, -1));
+  EXPECT_EQ(heard_, (Ids{"IOC p,:1", "FIM a,:2", "IOC p,:3"}));
+}
+
+TEST_F(RuleEngineProcessesTest, AnExclusionDiesWithItsProcessThoughTheTreeDoesNotKnowIt) {
+  ListenToProcesses();
+  ASSERT_EQ(Exclusions(), kAllExclusions);
+  engine_->ProcessEvent(Event(EventType::ProcessExit, 1, 400, 1));
+  EXPECT_TRUE(heard_.empty());
+  EXPECT_EQ(Exclusions(), kAllExclusions - 2);
+}
+
+TEST_F(RuleEngineProcessesTest, ForgetsTheClonesWhenEventsWereLost) {
+  engine_->RegisterEventHandlers(
+      "IOC", [this](const Ids&, const edr::Event& event) { heard_.push_back(std::to_string(event.GetId())); },
+      [this] { AddProcessRule(); });
+  AddProcessRule();
+  engine_->ProcessEvent(Event(EventType::ProcessClone, 1, 42, -1));
+  engine_->ProcessEvent(Event(EventType::ProcessClone, 2, 43, -1));
+  Start(3, 50, 42);
+  EXPECT_EQ(heard_, (Ids{"0", "3"}));
+  engine_->Invalidate();
+  Start(4, 51, 43);
+  EXPECT_EQ(heard_, (Ids{"0", "3", "4"}));
+}
+
+TEST_F(RuleEngineProcessesTest, TakesInvalidationsFromOtherThreadsWhileEventsFlow) {
+  Poco::Logger::get("edr").setLevel(Poco::Message::PRIO_INFORMATION);
+  std::size_t heard = 0;
+  engine_->RegisterEventHandlers(
+      "IOC", [&](const Ids&, const edr::Event&) { ++heard; }, [this] { AddProcessRule(); });
+  AddProcessRule();
+  std::thread owner([&] {
+    for (int i = 0; i < 100; ++i) {
+      engine_->Invalidate();
+      engine_->UpdateExclusions(400 + i % 2, "/opt/ostrel/bin/host-warden");
+    }
+  });
+  for (std::int32_t pid = 1'000; pid < 1'500; ++pid) {
+    const auto id = static_cast<std::uint32_t>(pid);
+    engine_->ProcessEvent(Event(EventType::ProcessClone, id, pid, pid - 1));
+    Start(id, pid, pid - 1);
+    Act(id, pid);
+    if (pid % 2 == 0) engine_->ProcessEvent(Event(EventType::ProcessExit, id, pid, pid - 1));
+  }
+  owner.join();
+  Act(1, 2'000);  // the round that follows a time without rules is over
+  heard = 0;
+  Start(1, 2'001, -1);
+  EXPECT_EQ(heard, 1U);
+}
+
+}  // namespace
+}  // namespace zagent::audit
