@@ -2,6 +2,8 @@
 //
 //   process-actor fork|vfork|clone|clone3|thread       starts a child (a thread), which ends at once
 //   process-actor execve|execveat PROGRAM [ARGUMENT...]
+//   process-actor spawn|vfork-execve PROGRAM [ARGUMENT...]   in a child, by posix_spawn or vfork, and waits for it
+//   process-actor thread-create PATH                   makes a file by a thread
 //   process-actor connect|bind ADDRESS PORT            IPv4 or IPv6 over UDP
 //   process-actor connect-unix|bind-unix PATH
 //   process-actor listen ADDRESS PORT                  binds TCP, connects to itself
@@ -11,6 +13,7 @@
 #include <fcntl.h>
 #include <linux/sched.h>
 #include <sched.h>
+#include <spawn.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -26,6 +29,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "SystemCall.h"
@@ -75,6 +79,33 @@ int StartThread() {
   Check(clone(body, static_cast<char*>(stack) + kStack, flags, nullptr), "clone");
   usleep(10000);  // the thread ends before its stack does
   return 0;
+}
+
+int CreateInThread(const char* path) {
+  int error = 0;
+  std::thread([&] { error = open(path, O_CREAT | O_WRONLY | O_CLOEXEC, 0600) < 0 ? errno : 0; }).join();
+  errno = error;
+  Check(error == 0 ? 0 : -1, path);
+  return 0;
+}
+
+int ExecuteInChild(const std::string& how, char** arguments) {
+  pid_t child = 0;
+  char* environment[] = {nullptr};
+  if (how == "spawn") {
+    errno = posix_spawn(&child, arguments[0], nullptr, nullptr, arguments, environment);
+    Check(errno == 0 ? 0 : -1, how + " " + arguments[0]);
+  } else {
+    child = vfork();
+    if (child == 0) {
+      execve(arguments[0], arguments, environment);
+      _exit(127);
+    }
+    Check(child, how);
+  }
+  int status = 0;
+  Check(waitpid(child, &status, 0), "wait");
+  return WEXITSTATUS(status);
 }
 
 // The arguments as static memory, where a 32-bit call finds them as 32-bit addresses.
@@ -184,6 +215,8 @@ int Run(int argc, char** argv) {
   if (how == "crash") return Crash();
   if (how == "compat-exit") return static_cast<int>(Enter(true, {SYS_exit_group, 252}, 3));
   if ((how == "execve" || how == "execveat" || how == "compat-execve") && argc > 2) return Execute(how, argv + 2);
+  if ((how == "spawn" || how == "vfork-execve") && argc > 2) return ExecuteInChild(how, argv + 2);
+  if (how == "thread-create" && argc == 3) return CreateInThread(argv[2]);
   if (how.ends_with("-unix") && argc == 3) return UseSocket(how, UnixAddress(argv[2]));
   if (how == "listen" && argc == 4) return Listen(InternetAddress(argv[2], atoi(argv[3])));
   if (argc == 4) return UseSocket(how, InternetAddress(argv[2], atoi(argv[3])));

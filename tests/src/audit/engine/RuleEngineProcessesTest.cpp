@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -111,18 +112,22 @@ TEST_F(RuleEngineProcessesTest, ForgetsTheClonesWhenEventsWereLost) {
   EXPECT_EQ(heard_, (Ids{"0", "3", "4"}));
 }
 
-TEST_F(RuleEngineProcessesTest, TakesInvalidationsFromOtherThreadsWhileEventsFlow) {
+TEST_F(RuleEngineProcessesTest, TakesChangesFromThreeOtherThreadsWhileEventsFlow) {
   Poco::Logger::get("edr").setLevel(Poco::Message::PRIO_INFORMATION);
   std::size_t heard = 0;
   engine_->RegisterEventHandlers(
       "IOC", [&](const Ids&, const edr::Event&) { ++heard; }, [this] { AddProcessRule(); });
   AddProcessRule();
-  std::thread owner([&] {
-    for (int i = 0; i < 100; ++i) {
-      engine_->Invalidate();
-      engine_->UpdateExclusions(400 + i % 2, "/opt/ostrel/bin/host-warden");
-    }
-  });
+  const auto repeat = [](auto action) {
+    return std::thread([action] {
+      for (int i = 0; i < 100; ++i) action(i);
+    });
+  };
+  std::array<std::thread, 3> others = {
+      repeat([&](int) { engine_->Invalidate(); }),
+      repeat([&](int i) { engine_->UpdateExclusions(400 + i % 2, "/opt/ostrel/bin/host-warden"); }), repeat([&](int i) {
+        engine_->AddRules("FIM", i % 2 == 0 ? edr::EventRuleEngine::Rules{Watch("a")} : edr::EventRuleEngine::Rules{});
+      })};
   for (std::int32_t pid = 1'000; pid < 1'500; ++pid) {
     const auto id = static_cast<std::uint32_t>(pid);
     engine_->ProcessEvent(Event(EventType::ProcessClone, id, pid, pid - 1));
@@ -130,7 +135,7 @@ TEST_F(RuleEngineProcessesTest, TakesInvalidationsFromOtherThreadsWhileEventsFlo
     Act(id, pid);
     if (pid % 2 == 0) engine_->ProcessEvent(Event(EventType::ProcessExit, id, pid, pid - 1));
   }
-  owner.join();
+  for (std::thread& other : others) other.join();
   Act(1, 2'000);  // the round that follows a time without rules is over
   heard = 0;
   Start(1, 2'001, -1);

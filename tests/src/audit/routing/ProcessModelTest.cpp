@@ -209,6 +209,16 @@ TEST_F(ProcessModelTest, WhoIsGoneIsKnownByTheEvent) {
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_TRACE, "Creating process from Event data: 42"));
 }
 
+TEST_F(ProcessModelTest, AForkThatActsIsFoundInProcfsWhileItLives) {
+  Run(7, 0);
+  Handle(CloneOf(42, 7));
+  proc_.Start(42, {.ppid = 7, .image = program_, .arguments = {"sh", "-x"}});
+  Handle(Write(42, 7));
+  EXPECT_EQ(lines_, (Lines{"Execve 7", "Execve 42", "Write 42"}));
+  EXPECT_EQ(model_.Tree().Get(42).GetArguments(), (Lines{"sh", "-x"}));
+  EXPECT_FALSE(log_.Has("Creating process from Clone Cache"));
+}
+
 TEST_F(ProcessModelTest, WhoIsGoneWithHisProgramIsKnownByHisClone) {
   Run(7, 0);
   auto clone = CloneOf(42, 7);
