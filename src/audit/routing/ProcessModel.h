@@ -34,6 +34,7 @@ class ProcessModel {
     Road() = default;
     Road(const Road&) = delete;
     Road& operator=(const Road&) = delete;
+    virtual ~Road() = default;
 
     // The next stop of an event whose actor is known as well as can be.
     virtual void PassOn(std::unique_ptr<edr::Event> event, EventSource source) = 0;
@@ -41,9 +42,6 @@ class ProcessModel {
     virtual void PassOver(const edr::Event& event) = 0;
     // The process ends: its file events that still rest are delivered now. Throws nothing.
     virtual void FlushFileEvents(std::int32_t pid) = 0;
-
-   protected:
-    ~Road() = default;
   };
   // Whether a process was started by a container runtime.
   using IsContainer = std::function<bool(const edr::Event& event)>;
