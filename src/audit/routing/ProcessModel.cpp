@@ -70,8 +70,10 @@ void ProcessModel::Handle(std::unique_ptr<edr::Event> event, EventSource source,
     default:
       break;
   }
+  const bool is_start = event->GetType() == EventType::ProcessStart && event->GetActorProcessId() >= 1;
+  if (is_start) EndPredecessor(*event, road);
   EnsureActor(*event, road);
-  if (event->GetType() == EventType::ProcessStart && event->GetActorProcessId() >= 1) Enter(*event);
+  if (is_start) Enter(*event);
   road.PassOn(std::move(event), source);
 }
 
@@ -89,6 +91,20 @@ void ProcessModel::HandleEnd(std::unique_ptr<edr::Event> event, EventSource sour
   const std::unique_ptr<ProcessModel, decltype(forget)> forgotten(this, forget);
   road.FlushFileEvents(pid);
   road.PassOn(std::move(event), source);
+}
+
+// Otherwise the new process would get the age and the children of the old one.
+void ProcessModel::EndPredecessor(const edr::Event& start, Road& road) {
+  const std::int32_t pid = start.GetActorProcessId();
+  if (!tree_.Contains(pid)) return;
+  const common::ProcessInfo& known = tree_.Get(pid);
+  const auto found = common::util::ReadStartSinceBoot(pid, proc_root_);
+  if (!found || !known.GetStartSinceBoot() || found == known.GetStartSinceBoot()) return;
+  if (!FindStartSinceBoot(pid, start)) return;  // who is there now is yet another one
+  ZLOG_DEBUG("Process with pid " << pid << " is another one than before");
+  GuardEvent(0, counters_, Reason::NotProcessed, [&] {
+    HandleEnd(std::make_unique<edr::PseudoTerminateEvent>(known, clock_), EventSource::Pipeline, road);
+  });
 }
 
 void ProcessModel::EnsureActor(edr::Event& event, Road& road) {

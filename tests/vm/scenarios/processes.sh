@@ -24,6 +24,8 @@ owes() {
 }
 
 
+is_ended_twice() { is "$(grep -cx "End $1" $HEARD)" 2; }
+
 pause_watcher() { kill -STOP $WATCHER; }
 resume_watcher() { kill -CONT $WATCHER; }
 
@@ -93,17 +95,20 @@ sh -c "( sleep 1; $ACTOR create $WATCHED/orphaned; : ) &"
 owes "an orphan is init's" orphaned "file-actor<busybox<init"
 
 step "a pid that comes again"
-sleep 1000 &
+sh -c "sleep 1000 & wait" &
 pid=$!
-wait_until 20 grep -q "^Start busybox($pid)<" $HEARD
+wait_until 20 grep -q "^Start busybox([0-9]*)<busybox($pid)<" $HEARD
 kill -KILL $pid
 wait $pid
+expect "a process that is killed ends without a word" not grep -qx "End $pid" $HEARD
 echo $((pid - 1)) >/proc/sys/kernel/ns_last_pid
 $ACTOR create $WATCHED/again &
 again=$!
 wait $again
 expect "is another process's" is $again $pid
 owes "who is known by his own name" again "file-actor<me<init"
+expect "and by whom the end of the first is known" wait_until 20 is_ended_twice $pid
+killall sleep
 
 step "five thousand forks"
 forks=0

@@ -325,6 +325,43 @@ TEST_F(ProcessModelTest, AProcessWhosePidCameAgainIsReportedToo) {
   EXPECT_FALSE(model_.Tree().Contains(42));
 }
 
+TEST_F(ProcessModelTest, AStartByAnotherProcessOfThePidEndsTheOneBefore) {
+  Handle(Exec(1, 0));
+  proc_.Start(42, {.ppid = 1, .image = program_, .start = 100});
+  Handle(Exec(42, 1));
+  Handle(Exec(50, 42));
+  lines_.clear();
+  proc_.Start(42, {.ppid = 1, .image = program_, .start = 100.5});
+  auto another = Exec(42, 1);
+  another->timestamp = TimeOf(kNow + 60);
+  Handle(std::move(another));
+  EXPECT_EQ(lines_, (Lines{"flush 42", "Exit 42", "Execve 42"}));
+  EXPECT_EQ(Ancestors(50), (Pids{50, 1})) << "the child of the dead is init's";
+  EXPECT_EQ(model_.Tree().Get(42).GetCreationTime(), TimeOf(kNow + 60));
+  EXPECT_EQ(model_.Tree().Get(42).GetStartSinceBoot(), 100'500'000'000);
+}
+
+TEST_F(ProcessModelTest, AnEndOfTheOneBeforeThatFailsDoesNotStopTheStart) {
+  proc_.Start(42, {.ppid = 0, .image = program_, .start = 100});
+  Handle(Exec(42, 0));
+  proc_.Start(42, {.ppid = 0, .image = program_, .start = 200});
+  lines_.clear();
+  refused_ = {42};
+  EXPECT_THROW(Handle(Exec(42, 0)), std::logic_error) << "of the start itself";
+  EXPECT_EQ(lines_, (Lines{"flush 42", "Exit 42", "Execve 42"}));
+  EXPECT_TRUE(model_.Tree().Contains(42));
+}
+
+TEST_F(ProcessModelTest, WhoHasThePidLongAfterAStartSaysNothingOfIt) {
+  proc_.Start(42, {.ppid = 0, .image = program_, .start = 100});
+  Handle(Exec(42, 0));
+  proc_.Start(42, {.ppid = 0, .image = program_, .start = kNow + 100});
+  Handle(Exec(42, 0));
+  proc_.End(42);
+  Handle(Exec(42, 0));
+  EXPECT_EQ(lines_, (Lines{"Execve 42", "Execve 42", "Execve 42"}));
+}
+
 TEST_F(ProcessModelTest, WhoeverHasTakenThePidBeforeTheStartWasReadIsNotTheProcess) {
   proc_.Start(42, {.ppid = 0, .image = program_, .start = kNow + 30});
   Handle(Exec(42, 0));
