@@ -1,5 +1,6 @@
 #include "src/audit/routing/ProcessModel.h"
 
+#include <chrono>
 #include <exception>
 #include <fstream>
 #include <stdexcept>
@@ -25,6 +26,7 @@ using Reason = IntakeCounters::Reason;
 constexpr std::size_t kMaxMissingAncestors = 1'000;
 // Events have the time of whole seconds.
 constexpr std::int64_t kEventTimeStep = 1'000'000'000;
+constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 
 bool IsProcessEvent(const edr::Event& event) {
   return event.GetObjectType() == ObjectType::Process;
@@ -204,14 +206,24 @@ void ProcessModel::Enter(const edr::Event& start) {
   tree_.Add(std::move(process));
 }
 
-std::optional<std::int64_t> ProcessModel::FindStartSinceBoot(std::int32_t pid, const edr::Event& event) const {
+std::optional<std::int64_t> ProcessModel::FindStartSinceBoot(std::int32_t pid, const edr::Event& event) {
   const auto start = common::util::ReadStartSinceBoot(pid, proc_root_);
   try {
-    if (start && WasThere(common::util::StartSinceEpoch(*start, proc_root_), event)) return start;
+    if (start && WasThere(GetBootTime() * kNanosecondsPerSecond + *start, event)) return start;
   } catch (const std::runtime_error& error) {
     ZLOG_DEBUG(error.what());
   }
   return std::nullopt;
+}
+
+// Not for every start: the kernel adds up all interrupts for whoever reads that file. It moves when the clock is set.
+std::int64_t ProcessModel::GetBootTime() {
+  const auto now = clock_.SteadyNow();
+  if (now >= boot_time_known_until_) {
+    boot_time_ = common::util::ReadBootTime(proc_root_);
+    boot_time_known_until_ = now + std::chrono::seconds(1);
+  }
+  return boot_time_;
 }
 
 void ProcessModel::Clean(Road& road) {

@@ -81,7 +81,9 @@ class ProcessModel {
   [[nodiscard]] Starts WithMissingAncestors(std::unique_ptr<edr::Event> start);
   void Enter(const edr::Event& start);
   // When the kernel made the process of the event; nothing when procfs has none or another one.
-  [[nodiscard]] std::optional<std::int64_t> FindStartSinceBoot(std::int32_t pid, const edr::Event& event) const;
+  [[nodiscard]] std::optional<std::int64_t> FindStartSinceBoot(std::int32_t pid, const edr::Event& event);
+  // In seconds since the epoch. Throws as ReadBootTime does.
+  std::int64_t GetBootTime();
   void ConsumeInvalidation();
 
   common::util::Clock& clock_;
@@ -91,6 +93,8 @@ class ProcessModel {
   common::ProcessTree tree_;
   CloneCache clones_;
   ProcessTreeCleaner cleaner_;
+  std::int64_t boot_time_ = 0;
+  common::util::Clock::SteadyTime boot_time_known_until_{};
   std::atomic<bool> invalidated_ = false;
 };
 
