@@ -106,6 +106,10 @@ class Event {
 
   // Looks at the object on disk again. Throws when another object is in its place.
   virtual void Refresh() = 0;
+  // The object was called by one path of several: corrects the path of GetFile, and of what a rename made of it. Events
+  // of other objects leave it at that.
+  virtual void UpdateFilePath(const std::string& /*path*/) {}
+  virtual void UpdateNewFilePath(const std::string& /*path*/) {}
   // Corrects a thread id to its process id.
   virtual void UpdateActorProcessId(std::int32_t pid) = 0;
   // One audit record of this event, by its kernel type number.

@@ -212,7 +212,8 @@ const edr::EventTypes& EventRule::GetNetworkActions() const {
 }
 
 edr::MatchResult EventRule::Match(const edr::Event& event) const {
-  if (!PostProcess(event)) return edr::MatchResult::OutOfScope;
+  const bool is_in_scope = LiesElsewhere(event) ? WantsAction(event) : PostProcess(event);
+  if (!is_in_scope) return edr::MatchResult::OutOfScope;
   return MatchFilters(event) ? edr::MatchResult::Matched : edr::MatchResult::RefusedByFilter;
 }
 
@@ -220,13 +221,7 @@ bool EventRule::PostProcess(const edr::Event& event) const {
   const std::string& path = PathOf(event.GetFile());
   ZLOG_TRACE("Event Path for PostProcessing" << path);
   ZLOG_TRACE("PostProcess event for ruleId: " << id_);
-  // A file rule has no directory actions, so it takes no event of a folder that stands in its file's place.
-  const edr::EventTypes& actions =
-      event.GetObjectType() == edr::ObjectType::Directory ? directory_actions_ : file_actions_;
-  if (actions.count(event.GetType()) == 0) {
-    ZLOG_DEBUG("Dropping Event " << event.GetId() << " as no actions matched in rule: " << id_);
-    return false;
-  }
+  if (!WantsAction(event)) return false;
   bool in_scope = false;
   if (event.GetType() == EventType::Rename) {
     const std::string& new_path = PathOf(event.GetNewFile());
@@ -239,6 +234,25 @@ bool EventRule::PostProcess(const edr::Event& event) const {
     ZLOG_DEBUG("Recursive depth for rule:" << id_ << " not matching with rule for event:" << event.GetId());
   }
   return in_scope;
+}
+
+bool EventRule::WantsAction(const edr::Event& event) const {
+  // A file rule has no directory actions, so it takes no event of a folder that stands in its file's place.
+  const edr::EventTypes& actions =
+      event.GetObjectType() == edr::ObjectType::Directory ? directory_actions_ : file_actions_;
+  if (actions.count(event.GetType()) != 0) return true;
+  ZLOG_DEBUG("Dropping Event " << event.GetId() << " as no actions matched in rule: " << id_);
+  return false;
+}
+
+bool EventRule::LiesElsewhere(const edr::Event& event) const {
+  const auto is_elsewhere = [this](const common::ImageInfo* file) {
+    const std::string& path = PathOf(file);
+    const std::string_view own = WithoutTrailingSlash(path_);
+    return path.starts_with('/') && !(path.starts_with(own) && (path.size() == own.size() || path[own.size()] == '/'));
+  };
+  const bool was_elsewhere = is_elsewhere(event.GetFile());
+  return was_elsewhere && (event.GetType() != EventType::Rename || is_elsewhere(event.GetNewFile()));
 }
 
 bool EventRule::MatchFilters(const edr::Event& event) const {

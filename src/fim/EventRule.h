@@ -34,7 +34,9 @@ class EventRule final : public edr::EventRule {
   [[nodiscard]] const std::string& GetName() const override { return id_; }
   [[nodiscard]] const std::string& GetPath() const override { return path_; }
   [[nodiscard]] edr::ObjectType GetType() const override { return type_; }
-  // A failed PostProcess is OutOfScope, a failed filter RefusedByFilter.
+  // A failed PostProcess is OutOfScope, a failed filter RefusedByFilter. An event of an object that the kernel watched
+  // for this rule and that has none of its names below the rule's path (another hard link, a bind mount, a folder that
+  // was moved) has no depth: actions and filters decide alone.
   [[nodiscard]] edr::MatchResult Match(const edr::Event& event) const override;
 
   // Is the event's action in the notify set, and its object no deeper than the rule looks? For a rename one of both
@@ -51,6 +53,8 @@ class EventRule final : public edr::EventRule {
   void ParseNotify(const rapidjson::Value& json);
   void ParseTrackContentChange(const rapidjson::Value& json);
   void SetPath(std::string path);
+  [[nodiscard]] bool WantsAction(const edr::Event& event) const;
+  [[nodiscard]] bool LiesElsewhere(const edr::Event& event) const;
   [[nodiscard]] bool IsWithinDepth(const std::string& path) const;
   [[nodiscard]] bool IsBelowPath(const std::string& path) const;
 

@@ -82,6 +82,8 @@ class FakeEvent final : public edr::Event {
     ++refreshed;
     if (!refresh_error.empty()) throw edr::EventException(refresh_error);
   }
+  void UpdateFilePath(const std::string& path) override { file->SetPath(path); }
+  void UpdateNewFilePath(const std::string& path) override { new_file->SetPath(path); }
   void UpdateActorProcessId(std::int32_t new_pid) override { pid = new_pid; }
   void ParseRecord(int, const edr::RecordFields&) override {}
   void Validate() override {}

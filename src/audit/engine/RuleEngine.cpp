@@ -23,6 +23,10 @@ namespace {
 // Between two looks whether the excluded processes are still there.
 constexpr std::chrono::seconds kLookInterval{60};
 
+bool IsOfFiles(const edr::Event& event) {
+  return event.GetObjectType() == edr::ObjectType::File || event.GetObjectType() == edr::ObjectType::Directory;
+}
+
 }  // namespace
 
 RuleEngine::RuleEngine(AuditNetlink& netlink, Settings settings, IntakeCounters& counters, common::util::Clock& clock)
@@ -32,6 +36,7 @@ RuleEngine::RuleEngine(AuditNetlink& netlink, Settings settings, IntakeCounters&
       rules_(clock),
       processes_(
           clock, counters, [this](const edr::Event& event) { return IsContainerProcess(event); }, settings.proc_root),
+      true_paths_(std::move(settings.folders), std::move(settings.mounts)),
       proof_(settings.agent_effective_uid, settings.proc_root),
       own_activity_(processes_.Tree(), proof_, std::move(settings.sibling_names),
                     std::move(settings.agent_install_path)),
@@ -117,7 +122,31 @@ void RuleEngine::UpdateExclusions(std::int32_t agent_pid, const std::string& age
 
 void RuleEngine::ProcessEvent(std::unique_ptr<edr::Event> event) {
   if (!event) throw std::runtime_error("RuleEngine::ProcessEvent: 'event' is nullptr");
+  CorrectPaths(*event);
   router_.Process(std::move(event));
+}
+
+bool RuleEngine::HasRuleAt(const std::string& path) {
+  const std::lock_guard lock(mutex_);
+  return !rules_.Table().FindAt(path).empty();
+}
+
+void RuleEngine::CorrectPaths(edr::Event& event) {
+  if (!IsOfFiles(event)) return;
+  {
+    const std::lock_guard lock(mutex_);
+    if (rules_.Table().IsEmpty() || !rules_.Table().FindFor(event).empty()) return;
+  }
+  for (const std::string& path : true_paths_.OfFile(event)) {
+    if (!HasRuleAt(path)) continue;
+    event.UpdateFilePath(path);
+    break;
+  }
+  for (const std::string& path : true_paths_.OfNewFile(event)) {
+    if (!HasRuleAt(path)) continue;
+    event.UpdateNewFilePath(path);
+    break;
+  }
 }
 
 bool RuleEngine::OnIdle() {
@@ -189,6 +218,8 @@ void RuleEngine::CallHandlers(const edr::Event& event) {
   {
     const std::lock_guard lock(mutex_);
     ids_by_tag = rules_.Table().FindFor(event);
+    // The kernel watches objects: one that no path of a rule leads to has another name, or was moved.
+    if (IsOfFiles(event)) ids_by_tag.merge(rules_.Table().FindByAuditKey(event.GetAuditKey()));
   }
   // In the order of their names FIM comes before IOC, which is meant: the digests that FIM asks for stay with the
   // event, and travel in the copy that IOC takes of it. A component that fails must not take the event away from the

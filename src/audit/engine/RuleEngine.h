@@ -13,6 +13,7 @@
 #include "common/src/util/Clock.h"
 #include "src/audit/channels/AuditNetlink.h"
 #include "src/audit/engine/InstalledRules.h"
+#include "src/audit/engine/TruePaths.h"
 #include "src/audit/events/IntakeCounters.h"
 #include "src/audit/events/WatchedFolder.h"
 #include "src/audit/routing/ContainerCheck.h"
@@ -45,6 +46,9 @@ class RuleEngine final : public edr::EventRuleEngine {
     // back: the engine's mutex is held, so that the last word is the newest.
     std::function<void(std::vector<internal::WatchedFolder>)> watch_folders = {};
     std::string proc_root = "/proc";
+    // What is known of folders and mounts; null: as internal::TruePaths without them.
+    std::shared_ptr<internal::FolderIdentities> folders = nullptr;
+    std::shared_ptr<internal::MountTable> mounts = nullptr;
   };
 
   // Raises the backlog limit, removes what an earlier run left in the kernel, installs the exclusions. Throws
@@ -79,6 +83,10 @@ class RuleEngine final : public edr::EventRuleEngine {
   [[nodiscard]] bool HasProcessRules();
   [[nodiscard]] bool ShouldProcessEvent(const edr::Event& event);
   void CallHandlers(const edr::Event& event);
+  // Event thread. Gives an event of a file the path under which rules know it, when the one that it was called by is
+  // known to none. What no path leads to is left to the audit key.
+  void CorrectPaths(edr::Event& event);
+  [[nodiscard]] bool HasRuleAt(const std::string& path);
   // Event thread, with the mutex. The kernel's exclusions follow the family's processes.
   void FollowFamily(const edr::Event& event);
 
@@ -92,6 +100,7 @@ class RuleEngine final : public edr::EventRuleEngine {
   internal::Exclusions exclusions_;
   internal::InstalledRules rules_;
   internal::ProcessModel processes_;  // event thread
+  internal::TruePaths true_paths_;
   internal::ImageProof proof_;
   internal::OwnActivity own_activity_;
   internal::ContainerCheck container_check_;

@@ -1,9 +1,12 @@
 #include "src/audit/engine/RuleTable.h"
 
+#include <charconv>
 #include <set>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
+#include "src/audit/rules/KernelRules.h"
 #include "src/edr/EventRuleEngine.h"
 #include "src/edr/process/ImageInfo.h"
 
@@ -39,6 +42,19 @@ bool IsPathType(ObjectType type) {
 // The other type whose rules stand in the same index.
 ObjectType TwinOf(ObjectType type) {
   return type == ObjectType::File ? ObjectType::Directory : ObjectType::File;
+}
+
+// Empty for a text that is not hexadecimal.
+std::string FromHex(std::string_view text) {
+  std::string bytes;
+  if (text.size() % 2 != 0) return bytes;
+  for (; !text.empty(); text.remove_prefix(2)) {
+    unsigned byte = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + 2, byte, 16);
+    if (error != std::errc() || end != text.data() + 2) return {};
+    bytes += static_cast<char>(byte);
+  }
+  return bytes;
 }
 
 // Empty for a process rule that has no path.
@@ -78,6 +94,7 @@ void RuleTable::Insert(const std::string& tag, const Rule& rule) {
   // The old path may be the new one.
   if (place) place->index->Insert(key.id, tag, place->path);
   if (key.type == ObjectType::Process) process_names_[tag][rule->GetName()] = key.id;
+  if (!old && IsPathType(key.type)) by_compared_part_[ComparedPart(key.id)].emplace(tag, key.id);
   rules_[tag][key] = rule;
 }
 
@@ -96,6 +113,11 @@ void RuleTable::Remove(const std::string& tag, const RuleKey& key) {
   const Rule rule = Find(tag, key);
   if (!rule) return;
   RemoveFromIndexes(tag, *rule);
+  const auto known = by_compared_part_.find(ComparedPart(key.id));
+  if (IsPathType(key.type) && known != by_compared_part_.end()) {
+    known->second.erase(known->second.find({tag, key.id}));
+    if (known->second.empty()) by_compared_part_.erase(known);
+  }
   RulesByKey& of_tag = rules_[tag];
   of_tag.erase(key);
   if (!of_tag.empty()) return;
@@ -106,6 +128,7 @@ void RuleTable::Remove(const std::string& tag, const RuleKey& key) {
 void RuleTable::Clear() {
   rules_.clear();
   process_names_.clear();
+  by_compared_part_.clear();
   paths_.emplace();
   process_paths_.emplace();
 }
@@ -160,6 +183,23 @@ RuleTable::IdsByTag RuleTable::FindByPathOf(const edr::Event& event) const {
   MergeValues(*paths_, event.GetFile(), values);
   if (event.GetType() == edr::EventType::Rename) MergeValues(*paths_, event.GetNewFile(), values);
   return ByTag(values);
+}
+
+RuleTable::IdsByTag RuleTable::FindAt(const std::string& path) const {
+  return path.starts_with('/') ? ByTag(paths_->GetValues(path)) : IdsByTag();
+}
+
+RuleTable::IdsByTag RuleTable::FindByAuditKey(const std::string& key) const {
+  for (const std::string& id : {key, FromHex(key)}) {
+    const auto known = by_compared_part_.find(ComparedPart(id));
+    if (id.empty() || known == by_compared_part_.end()) continue;
+    std::map<std::string, std::set<std::string>> exact, similar;
+    for (const auto& [tag, known_id] : known->second) (known_id == id ? exact : similar)[tag].insert(known_id);
+    IdsByTag ids_by_tag;
+    for (const auto& [tag, ids] : exact.empty() ? similar : exact) ids_by_tag[tag].assign(ids.begin(), ids.end());
+    return ids_by_tag;
+  }
+  return {};
 }
 
 RuleTable::IdsByTag RuleTable::FindProcessRulesAt(const std::string& path) const {

@@ -4,7 +4,9 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "src/audit/events/WatchedFolder.h"
@@ -44,6 +46,7 @@ class RuleTable {
   // Tag to rules.
   [[nodiscard]] const std::map<std::string, RulesByKey>& GetRules() const { return rules_; }
   [[nodiscard]] std::size_t GetSize() const;
+  [[nodiscard]] bool IsEmpty() const { return rules_.empty(); }
   // Null when there is none.
   [[nodiscard]] Rule Find(const std::string& tag, const RuleKey& key) const;
   [[nodiscard]] bool HasProcessRules() const;
@@ -54,6 +57,11 @@ class RuleTable {
   // The rules that an event concerns: all process rules, all network rules, or the rules that stand at the path of the
   // event's file or above it, for a rename at either end of it.
   [[nodiscard]] IdsByTag FindFor(const edr::Event& event) const;
+  // The rules of files and folders that stand at this path or above it.
+  [[nodiscard]] IdsByTag FindAt(const std::string& path) const;
+  // The rules of files and folders that a key of the kernel's rules names, as the records tell it: in hexadecimal when
+  // it has odd characters. What agrees in as much of its id as is compared counts when no id agrees as a whole.
+  [[nodiscard]] IdsByTag FindByAuditKey(const std::string& key) const;
   // The process rules whose own path is this one or lies above it.
   [[nodiscard]] IdsByTag FindProcessRulesAt(const std::string& path) const;
 
@@ -71,6 +79,8 @@ class RuleTable {
   [[nodiscard]] IdsByTag FindByPathOf(const edr::Event& event) const;
 
   std::map<std::string, RulesByKey> rules_;
+  // The compared part of an id, to the tags and whole ids of the file and directory rules that begin with it.
+  std::map<std::string, std::multiset<std::pair<std::string, std::string>>> by_compared_part_;
   NamesByTag process_names_;
   // Of file and directory rules, and of process rules. Always there; made anew by Clear.
   std::optional<edr::Trie> paths_, process_paths_;

@@ -57,6 +57,11 @@ void AttributeEvent::Validate() {
                     state_->gid, common::GroupName(state_->gid), common::UserName(state_->uid), state_->uid, "");
 }
 
+void AttributeEvent::UpdateFilePath(const std::string& path) {
+  FileEvent::UpdateFilePath(path);
+  if (new_file_) new_file_->SetPath(path);
+}
+
 // The file is gone and with it what there was to see: what is left is what the call wanted.
 common::ImageInfo AttributeEvent::AsTheCallSaid() const {
   constexpr std::uint32_t kUnchanged = static_cast<std::uint32_t>(-1);

@@ -17,6 +17,7 @@ class AttributeEvent final : public FileEvent {
   [[nodiscard]] edr::EventType GetType() const override { return edr::EventType::AttributeChange; }
   [[nodiscard]] std::string GetAction() const override { return "Change"; }
   [[nodiscard]] const common::ImageInfo* GetNewFile() const override { return new_file_ ? &*new_file_ : nullptr; }
+  void UpdateFilePath(const std::string& path) override;
   void Validate() override;
 
  private:

@@ -50,6 +50,7 @@ class FileEvent : public SyscallEvent {
   // none. What was cached of the file is read anew afterwards. Where coverage is extended it throws nothing, and an
   // event whose file is gone or replaced keeps what its records said, without size, type, digests and content.
   void Refresh() override;
+  void UpdateFilePath(const std::string& path) override { file_->SetPath(path); }
   void ParseRecord(int type, const edr::RecordFields& fields) override;
   void Validate() override;
 

@@ -23,6 +23,8 @@ class RenameEvent final : public FileEvent {
   // Throw edr::EventException when the record of the destination's folder did not say.
   [[nodiscard]] std::uint64_t GetParentInode() const override;
   [[nodiscard]] const std::string& GetParentDeviceID() const override;
+  void UpdateFilePath(const std::string& path) override { old_file_->SetPath(path); }
+  void UpdateNewFilePath(const std::string& path) override { file_->SetPath(path); }
   void ParseRecord(int type, const edr::RecordFields& fields) override;
   void Validate() override;
 

@@ -250,7 +250,9 @@ void Daemon::BuildEngine() {
       .max_resting_events = audit::EventProcessingThread::QueueLimitFor(allowed_memory_kb),
       .agent_effective_uid = common_config_->GetAgentEffectiveUid(),
       .extended_coverage = edr_config_->HasExtendedCoverage(),
-      .watch_folders = [this](auto folders) { folder_scan_->Watch(std::move(folders)); }};
+      .watch_folders = [this](auto folders) { folder_scan_->Watch(std::move(folders)); },
+      .folders = folders_,
+      .mounts = mounts_};
   auto engine =
       std::make_unique<audit::RuleEngine>(audit::AuditNetlink::Kernel(), std::move(settings), intake_counters_);
   const auto lock = link_.Lock();

@@ -188,6 +188,20 @@ TEST(EventRuleTest, ARenameIsReportedWhenEitherEndLiesBelowThePath) {
   EXPECT_FALSE(rule.PostProcess(Rename("/tmp/a", "/tmp/b")));
 }
 
+// Of another hard link or a bind mount there is no telling how deep it lies.
+TEST(EventRuleTest, JudgesWhatLiesElsewhereByItsActionAlone) {
+  RuleText text;
+  text.depth = R"("none")";
+  text.notify = R"(["delete","rename"])";
+  const EventRule rule = text.Make();
+  EXPECT_EQ(rule.Match(Event(EventType::Delete, "/srv/a/b/c")), MatchResult::Matched);
+  EXPECT_EQ(rule.Match(Event(EventType::Delete, "/etcetera/a/b")), MatchResult::Matched);
+  EXPECT_EQ(rule.Match(Event(EventType::Write, "/srv/a/b/c")), MatchResult::OutOfScope);
+  EXPECT_EQ(rule.Match(Event(EventType::Delete, "/etc/passwd")), MatchResult::OutOfScope) << "too deep";
+  EXPECT_EQ(rule.Match(Rename("/srv/a", "/srv/b")), MatchResult::Matched);
+  EXPECT_EQ(rule.Match(Rename("/srv/a", "/etc/b")), MatchResult::OutOfScope) << "one end is here, and too deep";
+}
+
 TEST(EventRuleTest, ARenameMustHaveBothPathAndDepthAtOneEnd) {
   RuleText text;
   text.depth = R"("1")";

@@ -186,6 +186,24 @@ TEST_F(RuleTableTest, SaysWhetherThereAreProcessRules) {
   EXPECT_FALSE(table_.HasProcessRules());
 }
 
+TEST_F(RuleTableTest, FindsTheRuleThatAnAuditKeyNames) {
+  const std::string uuid = "0f6d7a52-0b52-4f5e-9a3b-0a8a4a1f5c11";
+  Insert("FIM", uuid, "/etc");
+  Insert("FIM", uuid + "-1", "/link");
+  Insert("IOC", uuid, "/etc");
+  Insert("FIM", "with blank", "/srv");
+  InsertProcess("IOC", "process", "");
+  EXPECT_EQ(table_.FindByAuditKey(uuid), (Ids{{"FIM", {uuid}}, {"IOC", {uuid}}}));
+  EXPECT_EQ(table_.FindByAuditKey(uuid + "-1"), (Ids{{"FIM", {uuid + "-1"}}}));
+  EXPECT_EQ(table_.FindByAuditKey(uuid + "-2"), (Ids{{"FIM", {uuid, uuid + "-1"}}, {"IOC", {uuid}}}));
+  EXPECT_EQ(table_.FindByAuditKey("7769746820626C616E6B"), (Ids{{"FIM", {"with blank"}}}));
+  for (const char* other : {"", "(null)", "process", "77697", "77zz", "7769"}) {
+    EXPECT_TRUE(table_.FindByAuditKey(other).empty()) << other;
+  }
+  table_.Remove("FIM", {ObjectType::Directory, uuid});
+  EXPECT_EQ(table_.FindByAuditKey(uuid), (Ids{{"IOC", {uuid}}}));
+}
+
 TEST_F(RuleTableTest, NamesTheFoldersThatAreWatched) {
   using Folders = std::vector<WatchedFolder>;
   EXPECT_EQ(table_.WatchedFolders(), Folders{});

@@ -1,0 +1,97 @@
+#include "src/audit/engine/TruePaths.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/src/util/DeviceText.h"
+#include "tests/fakes/FakeEvent.h"
+#include "tests/fakes/TempFolder.h"
+
+namespace zagent::audit::internal {
+namespace {
+
+using edr::EventType;
+using fakes::FakeEvent;
+using Paths = std::vector<std::string>;
+
+class TruePathsTest : public ::testing::Test {
+ protected:
+  TruePathsTest() {
+    std::filesystem::create_directories(real_ + "/sub");
+    std::filesystem::create_directory_symlink(real_, link_);
+  }
+
+  // An event of a file that lies in `folder`, as its record tells, and was called by `path`.
+  static FakeEvent EventAt(const std::string& path, const std::string& folder) {
+    FakeEvent event(EventType::Write, "Write", path);
+    struct stat found {};
+    EXPECT_EQ(stat(folder.c_str(), &found), 0);
+    event.parent_inode = found.st_ino;
+    event.parent_device = common::util::DeviceText(found.st_dev);
+    return event;
+  }
+  static FileIdentity IdentityOf(const FakeEvent& event) {
+    return {DeviceNumberOf(event.parent_device), event.parent_inode};
+  }
+
+  fakes::TempFolder folder_;
+  // Where the folder of this test is reached by a link itself, that is none of its concerns.
+  const std::string base_ = std::filesystem::canonical(folder_.Path());
+  const std::string real_ = base_ + "/real", link_ = base_ + "/link";
+  const std::shared_ptr<FolderIdentities> folders_ = std::make_shared<FolderIdentities>();
+  const TruePaths paths_{folders_, nullptr};
+};
+
+TEST_F(TruePathsTest, FollowsALinkAmongTheFolders) {
+  EXPECT_EQ(paths_.OfFile(EventAt(link_ + "/f", real_)), (Paths{real_ + "/f"}));
+  EXPECT_EQ(paths_.OfFile(EventAt(link_ + "/sub/f", real_ + "/sub")), (Paths{real_ + "/sub/f"}));
+}
+
+TEST_F(TruePathsTest, FollowsNoLinkThatLeadsToAnotherFolderByNow) {
+  const FakeEvent event = EventAt(link_ + "/f", real_);
+  std::filesystem::remove(link_);
+  std::filesystem::create_directory_symlink(base_, link_);
+  EXPECT_EQ(paths_.OfFile(event), Paths());
+}
+
+TEST_F(TruePathsTest, KnowsWhereAFolderIsThatIsNotReachedByItsName) {
+  const FakeEvent event = EventAt("/nowhere/f", real_);
+  EXPECT_EQ(paths_.OfFile(event), Paths());
+  folders_->Learn(IdentityOf(event), real_);
+  EXPECT_EQ(paths_.OfFile(event), (Paths{real_ + "/f"}));
+}
+
+TEST_F(TruePathsTest, HasNothingToAddToATruePath) {
+  const FakeEvent event = EventAt(real_ + "/f", real_);
+  folders_->Learn(IdentityOf(event), real_);
+  EXPECT_EQ(paths_.OfFile(event), Paths());
+}
+
+TEST_F(TruePathsTest, LooksAtBothEndsOfARename) {
+  FakeEvent event = EventAt(link_ + "/old", real_);
+  EXPECT_EQ(paths_.OfNewFile(event), Paths()) << "there is none";
+  event.type = EventType::Rename;
+  event.new_file = common::ImageInfo(link_ + "/sub/new");
+  EXPECT_EQ(paths_.OfFile(event), (Paths{real_ + "/old"}));
+  EXPECT_EQ(paths_.OfNewFile(event), Paths()) << "the folder of the new name is not the one that was meant";
+  event.new_file = common::ImageInfo(link_ + "/new");
+  EXPECT_EQ(paths_.OfNewFile(event), (Paths{real_ + "/new"}));
+}
+
+TEST_F(TruePathsTest, CopesWithEventsThatTellLittle) {
+  FakeEvent event;
+  EXPECT_EQ(paths_.OfFile(event), Paths());
+  event.file = common::ImageInfo("relative");
+  EXPECT_EQ(paths_.OfFile(event), Paths());
+  event.file = common::ImageInfo("/f");
+  EXPECT_EQ(paths_.OfFile(event), Paths());
+  EXPECT_EQ(TruePaths(nullptr, nullptr).OfFile(EventAt(link_ + "/f", real_)), (Paths{real_ + "/f"}));
+}
+
+}  // namespace
+}  // namespace zagent::audit::internal
