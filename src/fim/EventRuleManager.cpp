@@ -52,17 +52,56 @@ bool IsSymlink(const std::string& path) {
   }
 }
 
-// Where the link leads to in the end; nothing when it leads nowhere.
-std::optional<std::string> ResolveLink(const std::string& path) {
+std::optional<std::string> Canonical(const std::string& path) {
   const std::unique_ptr<char, decltype(&std::free)> resolved(canonicalize_file_name(path.c_str()), &std::free);
   if (resolved == nullptr) return std::nullopt;
   return std::string(resolved.get());
 }
 
+std::string Join(const std::string& folder, const std::string& name) {
+  return folder.ends_with('/') ? folder + name : folder + "/" + name;
+}
+
+// The path without doubled slashes, dots and a slash at its end; the way through ".." depends on links.
+std::string Tidy(const std::string& path) {
+  std::string tidy;
+  for (std::size_t begin = 0; begin < path.size();) {
+    const std::size_t end = std::min(path.find('/', begin), path.size());
+    const std::string name = path.substr(begin, end - begin);
+    if (!name.empty() && name != ".") tidy += "/" + name;
+    begin = end + 1;
+  }
+  return tidy.empty() ? "/" : tidy;
+}
+
+// The path with the links among its folders followed, as far as these exist, and the last part as it is.
+std::string WithRealFolders(const std::string& path) {
+  std::string folder = Tidy(path);
+  std::string rest;
+  while (folder != "/") {
+    const std::size_t slash = folder.rfind('/');
+    rest = rest.empty() ? folder.substr(slash + 1) : Join(folder.substr(slash + 1), rest);
+    folder = slash == 0 ? "/" : folder.substr(0, slash);
+    if (const std::optional<std::string> real = Canonical(folder)) return Join(*real, rest);
+  }
+  return Tidy(path);
+}
+
+bool HasLinkedFolder(const std::string& path) {
+  return WithRealFolders(path) != Tidy(path);
+}
+
+// What the path means in the end; nothing for a link that leads nowhere. An object that is to come has no links.
+std::optional<std::string> ResolveLink(const std::string& path) {
+  if (std::optional<std::string> real = Canonical(path)) return real;
+  if (IsSymlink(path)) return std::nullopt;
+  return WithRealFolders(path);
+}
+
 class TableBuilder {
  public:
   void Add(const std::shared_ptr<const EventRule>& rule) {
-    if (!IsSymlink(rule->GetPath())) {
+    if (!IsSymlink(rule->GetPath()) && !HasLinkedFolder(rule->GetPath())) {
       ZLOG_INFO("Adding rule " << rule->GetId());
       Insert(rule);
       return;
@@ -75,7 +114,8 @@ class TableBuilder {
   RuleTable::Rules Take() { return std::move(rules_); }
 
  private:
-  // Audit reports only real objects: the link is watched as itself and as what it points to.
+  // Audit reports only real objects: a link is watched as itself and as what it points to, and what lies behind links
+  // as it is written and as it is meant.
   bool AddSymlink(const EventRule& rule) {
     ZLOG_INFO("Adding symlink rule " << rule.GetId());
     bool added = Derive(rule, rule.GetId() + "-1", rule.GetPath());

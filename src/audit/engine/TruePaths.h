@@ -12,8 +12,8 @@
 
 namespace zagent::audit::internal {
 
-// Where the objects of an event really are, for an event whose paths are those that the caller used: a folder is reached
-// by links, too. Belongs to the event thread.
+// Where the objects of an event really are, for an event whose paths are those that the caller used: a folder is
+// reached by links, too. Belongs to the event thread.
 class TruePaths {
  public:
   // Either may be null: then only the disk is asked, and the device of a stat is always the record's.

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <filesystem>
+
 #include "tests/fakes/FakeEvent.h"
 #include "tests/fakes/FakeRuleEngine.h"
 #include "tests/fakes/LogCapture.h"
@@ -112,6 +114,31 @@ TEST_F(EventRuleManagerTest, OfADanglingLinkOnlyTheLinkIsWatched) {
   Make({WriteManifest("one.json", Rule("r1", link))});
   EXPECT_EQ(InEngine(), (Installed{{"r1-1", link}}));
   EXPECT_TRUE(log_.Has("[FIM]: Cannot resolve symlink"));
+}
+
+TEST_F(EventRuleManagerTest, APathBehindALinkIsWatchedAsItIsWrittenAndAsItIsMeant) {
+  const std::string base = std::filesystem::canonical(folder_.Path());
+  std::filesystem::create_directories(base + "/real/sub");
+  ASSERT_EQ(symlink("real", (base + "/link").c_str()), 0);
+  Make({WriteManifest("m.json", Rule("r1", base + "/link/sub"))});
+  EXPECT_EQ(InEngine(), (Installed{{"r1-1", base + "/link/sub"}, {"r1", base + "/real/sub"}}));
+  EXPECT_EQ(manager_->GetRule("r1-1")->GetReportId(), "r1");
+  EXPECT_TRUE(log_.Has("[FIM]: Adding resolved rule r1 with path " + base + "/real/sub"));
+}
+
+TEST_F(EventRuleManagerTest, SoIsAPathBehindALinkThatIsStillToCome) {
+  const std::string base = std::filesystem::canonical(folder_.Path());
+  std::filesystem::create_directories(base + "/real");
+  ASSERT_EQ(symlink("real", (base + "/link").c_str()), 0);
+  Make({WriteManifest("m.json", Rule("r1", base + "/link/not/yet"))});
+  EXPECT_EQ(InEngine(), (Installed{{"r1-1", base + "/link/not/yet"}, {"r1", base + "/real/not/yet"}}));
+}
+
+TEST_F(EventRuleManagerTest, APathThatIsOnlyWrittenOddlyIsOneRule) {
+  const std::string base = std::filesystem::canonical(folder_.Path());
+  std::filesystem::create_directories(base + "/real");
+  Make({WriteManifest("m.json", Rule("r1", base + "//./real/"))});
+  EXPECT_EQ(InEngine(), (Installed{{"r1", base + "//./real/"}}));
 }
 
 TEST_F(EventRuleManagerTest, APathThatCannotBeLookedAtIsTakenForNoLink) {
