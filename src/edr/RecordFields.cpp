@@ -7,9 +7,9 @@ namespace zagent::edr {
 namespace {
 
 constexpr std::array<std::string_view, static_cast<std::size_t>(RecordField::Count)> kNames = {
-    "arch", "argc",  "auid", "cwd",       "dev",   "euid",     "exe",     "exit",  "inode",
-    "item", "items", "key",  "mode",      "name",  "nametype", "objtype", "oflag", "ogid",
-    "ouid", "pid",   "ppid", "proctitle", "saddr", "success",  "syscall", "uid",   "uring_op",
+    "arch", "argc",  "auid", "cwd",  "dev",       "dir",      "euid",    "exe",     "exit", "inode",
+    "item", "items", "key",  "mode", "name",      "nametype", "objtype", "oflag",   "ogid", "op",
+    "ouid", "path",  "pid",  "ppid", "proctitle", "saddr",    "success", "syscall", "uid",  "uring_op",
 };
 
 constexpr std::size_t kSlots = 64;
@@ -18,7 +18,7 @@ constexpr std::uint8_t kNone = 0xff;
 // A hash without collisions over the names above, which the table below proves when it is compiled.
 constexpr std::size_t SlotOf(std::string_view name) {
   const auto byte = [](char character) { return static_cast<std::size_t>(static_cast<unsigned char>(character)); };
-  return (byte(name[0]) + 2 * byte(name[1]) + byte(name.back()) + 4 * name.size()) % kSlots;
+  return (byte(name[0]) + 14 * byte(name[1]) + 3 * byte(name.back()) + 12 * name.size()) % kSlots;
 }
 
 constexpr std::array<std::uint8_t, kSlots> MakeSlots() {

@@ -98,6 +98,8 @@ class DocumentWriter {
 
   void WriteActor() {
     Object("actor", [&] {
+      // Nobody known.
+      if (IsAnsweredBelow(1, [&] { return event_.GetActorProcessId(); })) return;
       Member("imagePath", [&] { return Path(event_.GetImage()); });
       Member("processID", [&] { return event_.GetActorProcessId(); });
       Member("userName", [&] { return event_.GetActorUserName(); });
@@ -106,6 +108,12 @@ class DocumentWriter {
       Member("auditUserID", [&] { return event_.GetActorAuid(); });
       Member("procTitle", [&] { return event_.GetCommandLine(); });
     });
+  }
+
+  template <typename Ask>
+  bool IsAnsweredBelow(std::int32_t bound, Ask ask) {
+    std::int32_t answer = bound;
+    return Answered("actor", [&] { answer = ask(); }) && answer < bound;
   }
 
   void WriteSecuritySettings() {

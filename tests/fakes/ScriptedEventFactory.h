@@ -12,8 +12,8 @@
 
 namespace zagent::fakes {
 
-// Makes a FakeEvent with the serial and time of each audit event, whatever it is about, and remembers what it was
-// asked. Used by one thread at a time.
+// Makes a FakeEvent with the serial and time of each audit event of a call, whatever it is about, and remembers what it
+// was asked. Used by one thread at a time.
 struct ScriptedEventFactory {
   std::vector<int> syscalls;                          // asked for, in their order
   std::set<int> unknown;                              // answered as unsupported
@@ -25,6 +25,7 @@ struct ScriptedEventFactory {
     using Result = audit::internal::BuildResult;
     return [this](const audit::internal::EventSubject& subject, audit::internal::RecordSource& source,
                   audit::internal::Events& events) {
+      if (subject.record_type == audit::internal::record_type::kConfigChange) return Result::Unsupported;
       if (subject.record_type == audit::internal::record_type::kAnomAbend) {
         if (!builds_abends) return Result::Unsupported;
       } else {

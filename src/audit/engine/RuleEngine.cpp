@@ -34,9 +34,11 @@ RuleEngine::RuleEngine(AuditNetlink& netlink, Settings settings, IntakeCounters&
       watch_folders_(std::move(settings.watch_folders)),
       exclusions_(getpid(), settings.agent_pid, settings.agent_path, settings.proc_root),
       rules_(clock),
+      file_context_(std::move(settings.file_context)),
+      look_for_paths_(std::move(settings.look_for_paths)),
+      true_paths_(file_context_ ? file_context_->folders : nullptr, file_context_ ? file_context_->mounts : nullptr),
       processes_(
           clock, counters, [this](const edr::Event& event) { return IsContainerProcess(event); }, settings.proc_root),
-      true_paths_(std::move(settings.folders), std::move(settings.mounts)),
       proof_(settings.agent_effective_uid, settings.proc_root),
       own_activity_(processes_.Tree(), proof_, std::move(settings.sibling_names),
                     std::move(settings.agent_install_path)),
@@ -81,6 +83,7 @@ void RuleEngine::AddRules(const std::string& tag, Rules rules) {
   AuditSocket socket(netlink_, "RuleEngine::AddRules");
   const std::optional<std::string> failure = rules_.Replace(socket, tag, std::move(rules));
   TellWatchedFolders();
+  TellWhetherPathsAreMissing();
   if (failure) throw edr::RuleEngineException(*failure);
 }
 
@@ -92,6 +95,12 @@ void RuleEngine::DeleteEverythingFromAudit(AuditSocket& socket) {
 // Invalidate does not tell: the same rules come back at once.
 void RuleEngine::TellWatchedFolders() const {
   if (watch_folders_) watch_folders_(rules_.Table().WatchedFolders());
+}
+
+void RuleEngine::TellWhetherPathsAreMissing() {
+  const bool is_looking = rules_.IsLookingForPaths();
+  if (is_looking && !is_looking_for_paths_ && look_for_paths_) look_for_paths_();
+  is_looking_for_paths_ = is_looking;
 }
 
 void RuleEngine::Invalidate() {
@@ -122,7 +131,10 @@ void RuleEngine::UpdateExclusions(std::int32_t agent_pid, const std::string& age
 
 void RuleEngine::ProcessEvent(std::unique_ptr<edr::Event> event) {
   if (!event) throw std::runtime_error("RuleEngine::ProcessEvent: 'event' is nullptr");
+  RouteFoundObjects();
+  if (!FollowKernelsRules(*event)) return;
   CorrectPaths(*event);
+  FollowFolders(*event);
   router_.Process(std::move(event));
 }
 
@@ -150,6 +162,7 @@ void RuleEngine::CorrectPaths(edr::Event& event) {
 }
 
 bool RuleEngine::OnIdle() {
+  RouteFoundObjects();
   if (clock_.SteadyNow() >= next_look_) {
     next_look_ = clock_.SteadyNow() + kLookInterval;
     LookAtExclusions();

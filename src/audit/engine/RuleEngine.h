@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -14,6 +15,7 @@
 #include "src/audit/channels/AuditNetlink.h"
 #include "src/audit/engine/InstalledRules.h"
 #include "src/audit/engine/TruePaths.h"
+#include "src/audit/events/FileEvent.h"
 #include "src/audit/events/IntakeCounters.h"
 #include "src/audit/events/WatchedFolder.h"
 #include "src/audit/routing/ContainerCheck.h"
@@ -46,9 +48,11 @@ class RuleEngine final : public edr::EventRuleEngine {
     // back: the engine's mutex is held, so that the last word is the newest.
     std::function<void(std::vector<internal::WatchedFolder>)> watch_folders = {};
     std::string proc_root = "/proc";
-    // What is known of folders and mounts; null: as internal::TruePaths without them.
-    std::shared_ptr<internal::FolderIdentities> folders = nullptr;
-    std::shared_ptr<internal::MountTable> mounts = nullptr;
+    // What file events are built with: for paths, and for what is found on the disk. Null: as an empty one.
+    internal::FileEvent::Context file_context = nullptr;
+    // Told when there are paths of rules to look for, where there were none before: LookForMissingPaths is to be called
+    // once a second then. Must not call back.
+    std::function<void()> look_for_paths = {};
   };
 
   // Raises the backlog limit, removes what an earlier run left in the kernel, installs the exclusions. Throws
@@ -75,6 +79,12 @@ class RuleEngine final : public edr::EventRuleEngine {
   // logged, and the next look tries again.
   void LookAtExclusions();
 
+  // Looks whether something is at the paths of rules again that had to be given up, and puts these rules into force.
+  // What is there already is reported as made by nobody known.
+  void LookForMissingPaths();
+  // Whether there are such paths. Takes no lock.
+  [[nodiscard]] bool IsLookingForPaths() const { return is_looking_for_paths_; }
+
   // Whether a container runtime has started the event's process. Event thread.
   [[nodiscard]] bool IsContainerProcess(const edr::Event& event);
 
@@ -87,20 +97,30 @@ class RuleEngine final : public edr::EventRuleEngine {
   // known to none. What no path leads to is left to the audit key.
   void CorrectPaths(edr::Event& event);
   [[nodiscard]] bool HasRuleAt(const std::string& path);
+  // Event thread. Rules whose folder has gone or come are looked after. False for an event that says nothing else.
+  bool FollowKernelsRules(const edr::Event& event);
+  void FollowFolders(const edr::Event& event);
+  void RouteFoundObjects();
   // Event thread, with the mutex. The kernel's exclusions follow the family's processes.
   void FollowFamily(const edr::Event& event);
 
   // The caller holds the mutex.
   void DeleteEverythingFromAudit(internal::AuditSocket& socket);
   void TellWatchedFolders() const;
+  void TellWhetherPathsAreMissing();
+  void KeepFoundObjects(const edr::EventRule& rule);
 
   AuditNetlink& netlink_;
   const std::function<void(std::vector<internal::WatchedFolder>)> watch_folders_;
   std::mutex mutex_;
   internal::Exclusions exclusions_;
   internal::InstalledRules rules_;
-  internal::ProcessModel processes_;  // event thread
+  const internal::FileEvent::Context file_context_;
+  const std::function<void()> look_for_paths_;
+  std::atomic<bool> is_looking_for_paths_{false};
+  std::vector<std::unique_ptr<edr::Event>> found_objects_;  // with the mutex; for the event thread
   internal::TruePaths true_paths_;
+  internal::ProcessModel processes_;  // event thread
   internal::ImageProof proof_;
   internal::OwnActivity own_activity_;
   internal::ContainerCheck container_check_;

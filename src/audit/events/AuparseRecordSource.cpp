@@ -55,6 +55,8 @@ constexpr std::array kRenderings = {
     Rendering{record_type::kProctitle, SetOf(RecordField::Proctitle), false, SetOf(RecordField::Proctitle),
               SetOf(RecordField::Proctitle)},
     Rendering{record_type::kOpenAt2, SetOf(RecordField::OFlag, RecordField::Mode), false, 0, 0},
+    Rendering{record_type::kConfigChange, SetOf(RecordField::Op, RecordField::Dir, RecordField::Path, RecordField::Key),
+              false, SetOf(RecordField::Dir, RecordField::Path), 0},
     Rendering{record_type::kUringOp,
               SetOf(RecordField::UringOp, RecordField::Success, RecordField::Exit, RecordField::Items,
                     RecordField::PPid, RecordField::Pid, RecordField::Uid, RecordField::Euid, RecordField::Key),

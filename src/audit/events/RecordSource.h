@@ -12,6 +12,7 @@ namespace zagent::audit::internal {
 namespace record_type {
 inline constexpr int kSyscall = 1300;
 inline constexpr int kPath = 1302;
+inline constexpr int kConfigChange = 1305;
 inline constexpr int kSockaddr = 1306;
 inline constexpr int kCwd = 1307;
 inline constexpr int kExecve = 1309;
@@ -27,9 +28,10 @@ using RecordKinds = std::uint16_t;
 
 // The set of one type; empty for a type that no event reads.
 constexpr RecordKinds KindOf(int type) {
-  constexpr std::array kTypes = {record_type::kSyscall, record_type::kPath,    record_type::kSockaddr,
-                                 record_type::kCwd,     record_type::kExecve,  record_type::kProctitle,
-                                 record_type::kUringOp, record_type::kOpenAt2, record_type::kAnomAbend};
+  constexpr std::array kTypes = {record_type::kSyscall,     record_type::kPath,    record_type::kSockaddr,
+                                 record_type::kCwd,         record_type::kExecve,  record_type::kProctitle,
+                                 record_type::kUringOp,     record_type::kOpenAt2, record_type::kAnomAbend,
+                                 record_type::kConfigChange};
   for (std::size_t at = 0; at < kTypes.size(); ++at) {
     if (kTypes[at] == type) return static_cast<RecordKinds>(1U << at);
   }

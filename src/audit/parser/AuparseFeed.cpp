@@ -106,6 +106,8 @@ void AuparseFeed::OnCompleteEvent() {
   // So may the abnormal end of a process in the event of the call that killed it, which is told too.
   const bool is_abend = type == record_type::kAnomAbend && Build({type});
   if (is_abend) source_.Begin();
+  // The kernel has dropped rules, and the call that made it do so stands behind that.
+  if (type == record_type::kConfigChange && Build({type})) source_.Begin();
   if (const Record* call = source_.FindCall()) {
     BuildFromCall(*call);
   } else if (!is_abend && type != record_type::kEndOfEvent) {

@@ -15,6 +15,7 @@
 #include "src/audit/events/NetworkEvent.h"
 #include "src/audit/events/ReadWriteEvent.h"
 #include "src/audit/events/RenameEvent.h"
+#include "src/audit/events/RuleRemovedEvent.h"
 #include "src/audit/events/RunningEvent.h"
 #include "src/audit/parser/ExtendedCalls.h"
 
@@ -70,6 +71,16 @@ constexpr std::array kExitCalls = {231};          // exit_group
 
 using BuilderTable = std::array<Builder, kLastSyscall + 1>;
 
+// Most changes of audit's configuration are nobody's loss.
+BuildResult BuildRuleRemoved(RecordSource& source, const Context& /*context*/, Events& events) {
+  try {
+    return Accept(std::make_unique<RuleRemovedEvent>(source), events);
+  } catch (const edr::EventException& error) {
+    ZLOG_TRACE(error.what());
+    return BuildResult::Unsupported;
+  }
+}
+
 template <std::size_t Size>
 constexpr void Enter(BuilderTable& table, const std::array<int, Size>& calls, Builder builder) {
   for (const int call : calls) table[static_cast<std::size_t>(call)] = builder;
@@ -95,6 +106,7 @@ constexpr int kExecveat = 322;
 
 Builder BuilderOf(const EventSubject& subject) {
   if (subject.record_type == record_type::kAnomAbend) return &BuildAlone<AbendEvent>;
+  if (subject.record_type == record_type::kConfigChange) return &BuildRuleRemoved;
   if (subject.record_type != record_type::kSyscall) return nullptr;
   if (subject.syscall < 0 || subject.syscall > kLastSyscall) return nullptr;
   return kBuilders.at(static_cast<std::size_t>(subject.syscall));

@@ -251,10 +251,22 @@ void Daemon::BuildEngine() {
       .agent_effective_uid = common_config_->GetAgentEffectiveUid(),
       .extended_coverage = edr_config_->HasExtendedCoverage(),
       .watch_folders = [this](auto folders) { folder_scan_->Watch(std::move(folders)); },
-      .folders = folders_,
-      .mounts = mounts_};
+      .file_context = std::make_shared<const audit::internal::FileContext>(
+          audit::internal::FileContext{.lib_magic = lib_magic_,
+                                       .folders = folders_,
+                                       .mounts = mounts_,
+                                       .extended_coverage = edr_config_->HasExtendedCoverage()}),
+      .look_for_paths =
+          [this] {
+            if (path_schedule_) path_schedule_->RunNow();
+          }};
   auto engine =
       std::make_unique<audit::RuleEngine>(audit::AuditNetlink::Kernel(), std::move(settings), intake_counters_);
+  // Before there is a rule that it might be wanted for.
+  path_schedule_ =
+      std::make_shared<audit::MissingPathSchedule>([engine = engine.get()] { return engine->IsLookingForPaths(); },
+                                                   [engine = engine.get()] { engine->LookForMissingPaths(); });
+  scheduler_->RegisterSchedule(path_schedule_);
   const auto lock = link_.Lock();
   rule_engine_ = std::move(engine);
 }
@@ -373,7 +385,10 @@ void Daemon::ShutDown() {
   Guarded("stop the HTTP service", [this] {
     if (http_service_) http_service_->Stop();
   });
-  Guarded("remove the audit rules", [this] { rule_engine_.reset(); });
+  Guarded("remove the audit rules", [this] {
+    path_schedule_.reset();
+    rule_engine_.reset();
+  });
   // Behind the rules: a look at a file system that hangs must not leave them in force.
   Guarded("stop looking for folders", [this] {
     if (folder_scan_) folder_scan_->Stop();

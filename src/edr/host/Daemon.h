@@ -10,6 +10,7 @@
 #include "common/src/tasks/ClockStepWatch.h"
 #include "common/src/tasks/Scheduler.h"
 #include "src/audit/channels/IOChannel.h"
+#include "src/audit/engine/MissingPathSchedule.h"
 #include "src/audit/engine/RuleEngine.h"
 #include "src/audit/events/FolderIdentities.h"
 #include "src/audit/events/FolderScan.h"
@@ -105,7 +106,8 @@ class Daemon final : private CommandTarget {
   std::shared_ptr<LibMagicWrapper> lib_magic_;
   std::shared_ptr<audit::internal::FolderIdentities> folders_;
   std::shared_ptr<audit::internal::MountTable> mounts_;
-  std::unique_ptr<audit::internal::FolderScan> folder_scan_;  // fills folders_; the rule engine tells it what for
+  std::unique_ptr<audit::internal::FolderScan> folder_scan_;   // fills folders_; the rule engine tells it what for
+  std::shared_ptr<audit::MissingPathSchedule> path_schedule_;  // asks rule_engine_
   std::unique_ptr<audit::RuleEngine> rule_engine_;  // set under the control lock: the reconnection hook looks at it
   std::shared_ptr<const common::HmacConfig> hmac_config_;
   std::unique_ptr<common::HttpService> http_service_;

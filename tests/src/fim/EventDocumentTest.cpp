@@ -44,6 +44,14 @@ Json Build(const FakeEvent& event, const EventDocumentParts& parts = Parts()) {
   return Json(BuildEventDocument(event, parts));
 }
 
+TEST(EventDocumentTest, WhatNobodyKnownDidHasNoMembersOfAnActor) {
+  FakeEvent event = MakeEvent(EventType::Create, "Create");
+  event.pid = 0;
+  const Json json = Build(event);
+  EXPECT_EQ(json.Keys("actor"), "");
+  EXPECT_EQ(json.At("imagePath"), "/etc/passwd");
+}
+
 TEST(EventDocumentTest, AWriteIsWrittenWithItsMembersInOrder) {
   FakeEvent event = MakeEvent(EventType::Write, "Write");
   event.size = 1'955;

@@ -41,6 +41,7 @@ class RuleEngineFixture : public ::testing::Test {
     settings.agent_effective_uid = 777;
     settings.extended_coverage = extended_coverage_;
     settings.proc_root = processes_.Root();
+    settings.look_for_paths = [this] { ++told_to_look_; };
     settings.watch_folders = [this](auto folders) { watched_ = std::move(folders); };
     engine_ = std::make_unique<RuleEngine>(kernel_, std::move(settings), counters_, clock_);
   }
@@ -97,6 +98,7 @@ class RuleEngineFixture : public ::testing::Test {
   fakes::FakeProcesses processes_;  // the program itself, and its agent as 400
   bool extended_coverage_ = false;
   std::vector<std::string> heard_, invalidated_;
+  int told_to_look_ = 0;
   std::vector<internal::WatchedFolder> watched_;  // as the engine told last
   std::unique_ptr<RuleEngine> engine_;
 };

@@ -132,8 +132,24 @@ TEST_F(AuparseRecordSourceTest, FindsTheCallBehindARecordThatComesBeforeIt) {
     const Record* call = source.FindCall();
     ASSERT_NE(call, nullptr);
     EXPECT_EQ(call->fields.At(RecordField::Syscall), "257");
-    EXPECT_EQ(TypesOf(ReadRest(source)), (std::vector<int>{1300, 1337, 1307, 1302, 1302, 1327}));
+    EXPECT_EQ(TypesOf(ReadRest(source)), (std::vector<int>{1305, 1300, 1337, 1307, 1302, 1302, 1327}));
   });
+}
+
+TEST_F(AuparseRecordSourceTest, ReadsWhichRuleTheKernelHasDropped) {
+  Feed(
+      "type=CONFIG_CHANGE msg=audit(1795162410.936:126): op=remove_rule dir=2F7372762F612062 key=\"r1\" list=4 "
+      "res=1\n",
+      [](auparse_state_t* state) {
+        AuparseRecordSource source(state);
+        source.Begin();
+        const Record* record = source.Next(KindOf(record_type::kConfigChange));
+        ASSERT_NE(record, nullptr);
+        EXPECT_EQ(record->fields.Find(RecordField::Op), "remove_rule");
+        EXPECT_EQ(record->fields.Find(RecordField::Dir), "/srv/a b");
+        EXPECT_EQ(record->fields.Find(RecordField::Key), "\"r1\"");
+        EXPECT_FALSE(record->fields.Has(RecordField::Path));
+      });
 }
 
 TEST_F(AuparseRecordSourceTest, HandsOutTheRecordsBeforeALateCallToo) {
@@ -238,7 +254,7 @@ TEST_F(AuparseRecordSourceTest, SaysWhichRecordItCannotReach) {
 }
 
 TEST_F(AuparseRecordSourceTest, HasNoRecordsInAnEventOfUnwantedTypes) {
-  Feed("type=CONFIG_CHANGE msg=audit(1795162409.188:12): auid=4294967295 op=add_rule key=\"x\" list=4 res=1\n",
+  Feed("type=MAC_POLICY_LOAD msg=audit(1795162409.188:12): auid=4294967295 ses=4294967295 lsm=selinux res=1\n",
        [](auparse_state_t* state) {
          AuparseRecordSource source(state);
          source.Begin();

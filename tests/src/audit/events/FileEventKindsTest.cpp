@@ -266,5 +266,20 @@ TEST_F(FileEventKindsTest, NoRecordIsTakenAfterwards) {
   EXPECT_EQ(TextOf([&] { ParsePathRecord(*event); }), "Too many PATH records in Delete event");
 }
 
+// --- another path than the one that was used
+
+TEST_F(FileEventKindsTest, MovesToThePathThatItIsGiven) {
+  const auto event = Build<ReadWriteEvent>(257, "NORMAL", {{"a2", "1"}});
+  event->UpdateFilePath("/elsewhere/f");
+  EXPECT_EQ(event->GetFile()->GetPath(), "/elsewhere/f");
+}
+
+TEST_F(FileEventKindsTest, MovesBothPicturesOfAnObjectWhoseAttributesChanged) {
+  const auto event = Build<AttributeEvent>(90, "NORMAL");
+  event->UpdateFilePath("/elsewhere/f");
+  EXPECT_EQ(event->GetFile()->GetPath(), "/elsewhere/f");
+  EXPECT_EQ(event->GetNewFile()->GetPath(), "/elsewhere/f");
+}
+
 }  // namespace
 }  // namespace zagent::audit::internal
