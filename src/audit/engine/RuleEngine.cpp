@@ -138,29 +138,6 @@ void RuleEngine::ProcessEvent(std::unique_ptr<edr::Event> event) {
   router_.Process(std::move(event));
 }
 
-bool RuleEngine::HasRuleAt(const std::string& path) {
-  const std::lock_guard lock(mutex_);
-  return !rules_.Table().FindAt(path).empty();
-}
-
-void RuleEngine::CorrectPaths(edr::Event& event) {
-  if (!IsOfFiles(event)) return;
-  {
-    const std::lock_guard lock(mutex_);
-    if (rules_.Table().IsEmpty() || !rules_.Table().FindFor(event).empty()) return;
-  }
-  for (const std::string& path : true_paths_.OfFile(event)) {
-    if (!HasRuleAt(path)) continue;
-    event.UpdateFilePath(path);
-    break;
-  }
-  for (const std::string& path : true_paths_.OfNewFile(event)) {
-    if (!HasRuleAt(path)) continue;
-    event.UpdateNewFilePath(path);
-    break;
-  }
-}
-
 bool RuleEngine::OnIdle() {
   RouteFoundObjects();
   if (clock_.SteadyNow() >= next_look_) {

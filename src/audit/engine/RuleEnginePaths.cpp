@@ -27,6 +27,31 @@ const std::string& PathOf(const common::ImageInfo* file) {
 
 }  // namespace
 
+bool RuleEngine::HasRuleAt(const std::string& path) {
+  const std::lock_guard lock(mutex_);
+  return !rules_.Table().FindAt(path).empty();
+}
+
+void RuleEngine::CorrectPaths(edr::Event& event) {
+  if (event.GetObjectType() != ObjectType::File && event.GetObjectType() != ObjectType::Directory) return;
+  std::vector<internal::RuleTable::Rule> named;
+  {
+    const std::lock_guard lock(mutex_);
+    if (rules_.Table().IsEmpty() || !rules_.Table().FindFor(event).empty()) return;
+    named = rules_.Table().RulesOfAuditKey(event.GetAuditKey());
+  }
+  const auto has_rule = [this](const std::string& path) { return HasRuleAt(path); };
+  const std::vector<std::string> new_paths = true_paths_.OfNewFile(event);
+  const auto new_path = std::find_if(new_paths.begin(), new_paths.end(), has_rule);
+  if (new_path != new_paths.end()) event.UpdateNewFilePath(*new_path);
+  const std::vector<std::string> paths = true_paths_.OfFile(event);
+  const auto path = std::find_if(paths.begin(), paths.end(), has_rule);
+  if (path != paths.end()) return event.UpdateFilePath(*path);
+  for (const auto& rule : named) {
+    if (const auto at_rule = true_paths_.OfFileAt(*rule, event)) return event.UpdateFilePath(*at_rule);
+  }
+}
+
 bool RuleEngine::FollowKernelsRules(const edr::Event& event) {
   if (event.GetType() != EventType::Delete) return true;
   const auto* told = dynamic_cast<const internal::RuleRemovedEvent*>(&event);

@@ -17,8 +17,8 @@ struct RuleAddress {
   auto operator<=>(const RuleAddress&) const = default;
 };
 
-// Finds the rules of files and folders that lie at a path or below it, at a cost that depends on how many these are. The
-// caller serialises.
+// Finds the rules of files and folders that lie at a path or below it, at a cost that depends on how many these are.
+// The caller serialises.
 class RulePaths {
  public:
   // Rules of other types are passed over. Enters a rule once.

@@ -202,6 +202,18 @@ RuleTable::IdsByTag RuleTable::FindByAuditKey(const std::string& key) const {
   return {};
 }
 
+std::vector<RuleTable::Rule> RuleTable::RulesOfAuditKey(const std::string& key) const {
+  std::vector<Rule> rules;
+  for (const auto& [tag, ids] : FindByAuditKey(key)) {
+    for (const std::string& id : ids) {
+      for (const ObjectType type : {ObjectType::File, ObjectType::Directory}) {
+        if (Rule rule = Find(tag, {type, id})) rules.push_back(std::move(rule));
+      }
+    }
+  }
+  return rules;
+}
+
 RuleTable::IdsByTag RuleTable::FindProcessRulesAt(const std::string& path) const {
   return path.starts_with('/') ? ByTag(process_paths_->GetValues(path)) : IdsByTag();
 }

@@ -62,6 +62,8 @@ class RuleTable {
   // The rules of files and folders that a key of the kernel's rules names, as the records tell it: in hexadecimal when
   // it has odd characters. What agrees in as much of its id as is compared counts when no id agrees as a whole.
   [[nodiscard]] IdsByTag FindByAuditKey(const std::string& key) const;
+  // These rules themselves.
+  [[nodiscard]] std::vector<Rule> RulesOfAuditKey(const std::string& key) const;
   // The process rules whose own path is this one or lies above it.
   [[nodiscard]] IdsByTag FindProcessRulesAt(const std::string& path) const;
 

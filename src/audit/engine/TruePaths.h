@@ -9,6 +9,7 @@
 #include "src/audit/events/FolderIdentities.h"
 #include "src/audit/events/MountTable.h"
 #include "src/edr/Event.h"
+#include "src/edr/EventRule.h"
 
 namespace zagent::audit::internal {
 
@@ -25,8 +26,15 @@ class TruePaths {
   // none.
   [[nodiscard]] std::vector<std::string> OfFile(const edr::Event& event) const;
   [[nodiscard]] std::vector<std::string> OfNewFile(const edr::Event& event) const;
+  // Where the event's file is, if it lies right at the path of this rule of a file or folder, or in that folder; for
+  // what was called by a descriptor ("/proc/17/fd/3"), where the descriptor leads while the process is there, too.
+  // Nothing for a rename.
+  [[nodiscard]] std::optional<std::string> OfFileAt(const edr::EventRule& rule, const edr::Event& event) const;
 
  private:
+  [[nodiscard]] std::optional<std::string> OfDescriptor(const edr::EventRule& rule, const std::string& path,
+                                                        const FileIdentity& file) const;
+  [[nodiscard]] bool IsAt(const std::string& path, const FileIdentity& object) const;
   [[nodiscard]] std::vector<std::string> Of(const std::string& path, const std::optional<FileIdentity>& folder) const;
 
   const std::shared_ptr<FolderIdentities> folders_;

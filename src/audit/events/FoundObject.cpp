@@ -23,8 +23,8 @@ constexpr std::uint32_t kId = 4294967295U;
 
 // The call that would have made the object; nothing for what is none of ours.
 const char* CallFor(mode_t mode) {
-  if (S_ISDIR(mode)) return "83";  // mkdir
-  if (S_ISLNK(mode)) return "88";  // symlink
+  if (S_ISDIR(mode)) return "83";          // mkdir
+  if (S_ISLNK(mode)) return "88";          // symlink
   return S_ISREG(mode) ? "133" : nullptr;  // mknod
 }
 

@@ -94,6 +94,13 @@ TEST_F(RuleEngineObjectTest, TakesTheRuleThatTheKernelNamesForWhatNoPathLeadsTo)
   EXPECT_EQ(heard_, (Ids{"rule " + base_ + "/another hard link"}));
 }
 
+TEST_F(RuleEngineObjectTest, GivesTheTruePathInsideTheWatchedFolderThatTheKernelNames) {
+  auto event = EventIn(watched_folder_, "/what/it/is/called/in/a/jail");
+  event->audit_key = "rule";
+  engine_->ProcessEvent(std::move(event));
+  EXPECT_EQ(heard_, (Ids{"rule " + watched_folder_ + "/jail"}));
+}
+
 TEST_F(RuleEngineObjectTest, DropsWhatNeitherPathNorKeyLeadToARule) {
   auto event = EventIn(base_, base_ + "/somewhere");
   event->audit_key = "a rule of somebody else";

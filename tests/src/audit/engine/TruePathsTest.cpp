@@ -1,5 +1,6 @@
 #include "src/audit/engine/TruePaths.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -9,7 +10,9 @@
 #include <vector>
 
 #include "common/src/util/DeviceText.h"
+#include "common/src/util/UniqueFd.h"
 #include "tests/fakes/FakeEvent.h"
+#include "tests/fakes/FakeRule.h"
 #include "tests/fakes/TempFolder.h"
 
 namespace zagent::audit::internal {
@@ -81,6 +84,36 @@ TEST_F(TruePathsTest, LooksAtBothEndsOfARename) {
   EXPECT_EQ(paths_.OfNewFile(event), Paths()) << "the folder of the new name is not the one that was meant";
   event.new_file = common::ImageInfo(link_ + "/new");
   EXPECT_EQ(paths_.OfNewFile(event), (Paths{real_ + "/new"}));
+}
+
+TEST_F(TruePathsTest, KnowsAWatchedFolderWhateverItWasCalled) {
+  const auto rule = fakes::FakeRule::Directory("rule", real_ + "/", {EventType::Write});
+  EXPECT_EQ(paths_.OfFileAt(*rule, EventAt("/in/a/jail/f", real_)), real_ + "/f");
+  EXPECT_EQ(paths_.OfFileAt(*rule, EventAt("/in/a/jail/f", real_ + "/sub")), std::nullopt);
+  EXPECT_EQ(paths_.OfFileAt(*fakes::FakeRule::File("rule", real_ + "/f", {}), EventAt("/jail/f", real_)), std::nullopt);
+}
+
+TEST_F(TruePathsTest, FindsWhatWasCalledByADescriptorOfAProcessThatIsGone) {
+  const std::string file = folder_.Write("real/f", "");
+  struct stat found {};
+  ASSERT_EQ(stat(file.c_str(), &found), 0);
+  FakeEvent event(EventType::Write, "Write", "");
+  event.file = common::ImageInfo("/proc/999999999/fd/3", found);
+  const auto rule = fakes::FakeRule::Directory("rule", real_, {EventType::Write});
+  EXPECT_EQ(paths_.OfFileAt(*rule, event), real_ + "/f");
+  EXPECT_EQ(paths_.OfFileAt(*fakes::FakeRule::File("rule", real_ + "/f", {}), event), real_ + "/f");
+  EXPECT_EQ(paths_.OfFileAt(*fakes::FakeRule::Directory("rule", real_ + "/sub", {}), event), std::nullopt);
+}
+
+TEST_F(TruePathsTest, AsksADescriptorOfAProcessThatIsThere) {
+  const std::string file = folder_.Write("real/sub/f", "");
+  const common::util::UniqueFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  struct stat found {};
+  ASSERT_EQ(fstat(fd.Get(), &found), 0);
+  FakeEvent event(EventType::Write, "Write", "");
+  event.file = common::ImageInfo("/proc/self/fd/" + std::to_string(fd.Get()), found);
+  const auto rule = fakes::FakeRule::Directory("rule", base_, {EventType::Write});
+  EXPECT_EQ(paths_.OfFileAt(*rule, event), real_ + "/sub/f");
 }
 
 TEST_F(TruePathsTest, CopesWithEventsThatTellLittle) {

@@ -74,8 +74,8 @@ TEST_F(FoundObjectTest, LooksAtSoManyEntriesOnly) {
   EXPECT_EQ(MakeFoundEntries(folder_.Path(), "rule", kNow, nullptr, 3).size(), 3U);
   EXPECT_FALSE(log_.Has("Only the first"));
   EXPECT_EQ(MakeFoundEntries(folder_.Path(), "rule", kNow, nullptr, 2).size(), 2U);
-  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING,
-                       "Only the first 2 entries of " + folder_.Path() + " were looked at"));
+  EXPECT_TRUE(
+      log_.Has(Poco::Message::PRIO_WARNING, "Only the first 2 entries of " + folder_.Path() + " were looked at"));
 }
 
 }  // namespace
