@@ -93,7 +93,7 @@ class Event {
   [[nodiscard]] virtual const std::string& GetParentDeviceID() const = 0;
   [[nodiscard]] virtual const std::string& GetCwd() const = 0;
   [[nodiscard]] virtual const common::ImageInfo* GetSecondaryImage() const = 0;
-  [[nodiscard]] virtual std::int64_t GetTimestamp() const = 0;  // ns since the epoch, whole seconds
+  [[nodiscard]] virtual std::int64_t GetTimestamp() const = 0;  // ns since the epoch; whole seconds for audit events
   [[nodiscard]] virtual const std::string& GetNetworkAddress() const = 0;
   [[nodiscard]] virtual std::uint32_t GetNetworkPort() const = 0;
   // "READ_SUCCESSFUL", "READ_FAILURE" or "MAX_SIZE_LIMIT_REACHED".

@@ -1,11 +1,6 @@
 #include "src/edr/process/PseudoTerminateEvent.h"
 
 namespace zagent::edr {
-namespace {
-
-constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
-
-}  // namespace
 
 PseudoTerminateEvent::PseudoTerminateEvent(const common::ProcessInfo& process, const common::util::Clock& clock)
     : auid_(process.GetAuid()),
@@ -13,7 +8,7 @@ PseudoTerminateEvent::PseudoTerminateEvent(const common::ProcessInfo& process, c
       ppid_(process.GetParent()),
       pid_(process.GetPid()),
       uid_(process.GetUserId()),
-      timestamp_(common::util::ToNanoseconds(clock.Now()) / kNanosecondsPerSecond * kNanosecondsPerSecond) {
+      timestamp_(common::util::ToNanoseconds(clock.Now())) {
   if (const common::ImageInfo* image = process.GetImage()) image_.Get(*image);
   if (process.HasSecondaryImage()) secondary_image_.Get(*process.GetSecondaryImage());
 }

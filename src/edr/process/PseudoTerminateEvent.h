@@ -13,7 +13,7 @@ namespace zagent::edr {
 // The end of a process that audit never told of: the process model found it gone.
 class PseudoTerminateEvent final : public PartialEvent {
  public:
-  // Copies everything. The event's time is now, in whole seconds.
+  // Copies everything. The event's time is now.
   explicit PseudoTerminateEvent(const common::ProcessInfo& process,
                                 const common::util::Clock& clock = common::util::Clock::Real());
   PseudoTerminateEvent& operator=(const PseudoTerminateEvent&) = delete;

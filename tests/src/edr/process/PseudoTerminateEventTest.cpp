@@ -47,14 +47,14 @@ TEST_F(PseudoTerminateEventTest, IsTheEndOfTheProcess) {
   EXPECT_EQ(event.GetAuditKey(), "");
 }
 
-TEST_F(PseudoTerminateEventTest, HappensNowInWholeSeconds) {
+TEST_F(PseudoTerminateEventTest, HappensNow) {
   clock_.Advance(std::chrono::milliseconds(1234));
   const std::int64_t now = common::util::ToNanoseconds(clock_.Now());
   ASSERT_NE(now % 1'000'000'000, 0);
   const PseudoTerminateEvent event(process_, clock_);
-  EXPECT_EQ(event.GetTimestamp(), now - now % 1'000'000'000);
+  EXPECT_EQ(event.GetTimestamp(), now);
   clock_.Advance(std::chrono::seconds(10));
-  EXPECT_EQ(event.GetTimestamp(), now - now % 1'000'000'000);
+  EXPECT_EQ(event.GetTimestamp(), now);
 }
 
 TEST_F(PseudoTerminateEventTest, KeepsItsOwnCopiesOfTheImages) {
