@@ -20,7 +20,8 @@ class HttpRequest {
   HttpRequest() = default;
   HttpRequest(const HttpRequest&) = delete;
   HttpRequest& operator=(const HttpRequest&) = delete;
-  virtual ~HttpRequest() = default;
+
+  // The order of the virtual operations is part of the interface.
 
   // As the caller gave it.
   [[nodiscard]] virtual const std::string& GetUrl() const = 0;
@@ -30,6 +31,7 @@ class HttpRequest {
   virtual const HttpResponse& GetResponse() const = 0;
   // Ends the exchange as Cancelled as soon as the HTTP worker sees it; a finished one stays what it is.
   virtual void Cancel() = 0;
+  virtual ~HttpRequest() = default;
   [[nodiscard]] virtual HttpMethod GetMethod() const = 0;
 };
 

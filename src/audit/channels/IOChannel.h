@@ -61,11 +61,14 @@ class IOChannel {
   void SetEndedCallback(EndedCallback callback);
 
  protected:
-  // Appends one burst to `data`; true at end of file.
-  virtual bool Read(Bytes& data);
+  // The order of the virtual operations is part of the interface.
+
   virtual void OnRead(Bytes&& data);
   // What is not Success ends the loop through the error callback.
   virtual Error OnEOF();
+  // Appends one burst to `data`; true at end of file.
+  virtual bool Read(Bytes& data);
+  // As OnEOF.
   virtual Error OnTimeout();
 
  public:
