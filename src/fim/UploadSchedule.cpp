@@ -10,7 +10,6 @@
 namespace zagent::fim::internal {
 namespace {
 
-constexpr std::int64_t kNever = -1;
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 constexpr std::int64_t kDay = 86'400 * kNanosecondsPerSecond;
 
@@ -18,7 +17,7 @@ constexpr std::int64_t kDay = 86'400 * kNanosecondsPerSecond;
 
 UploadSchedule::UploadSchedule(const Config& config, common::Storage& storage,
                                std::unique_ptr<common::Uploader> uploader, common::util::Clock& clock)
-    : config_(config), storage_(storage), uploader_(std::move(uploader)), clock_(clock), last_run_(kNever) {}
+    : config_(config), storage_(storage), uploader_(std::move(uploader)), clock_(clock), last_run_(clock) {}
 
 UploadSchedule::~UploadSchedule() {
   Cancel();
@@ -28,14 +27,12 @@ std::int64_t UploadSchedule::NextRunTime() {
   const std::int64_t now = common::util::ToNanoseconds(clock_.Now());
   const std::int64_t interval = config_.GetUploadInterval() * kNanosecondsPerSecond;
   if (interval == 0) return now + kDay;
-  const std::int64_t last_run = last_run_;
-  return last_run == kNever ? now : std::max(now, last_run + interval);
+  const auto last_run = last_run_.Get();
+  return last_run ? std::max(now, *last_run + interval) : now;
 }
 
 void UploadSchedule::OnClockStep(std::chrono::nanoseconds step) {
-  if (last_run_ != kNever) {
-    last_run_ = std::min(last_run_ + step.count(), common::util::ToNanoseconds(clock_.Now()));
-  }
+  last_run_.Move(step);
 }
 
 void UploadSchedule::Reschedule() {
@@ -53,7 +50,7 @@ void UploadSchedule::Execute() {
   } catch (const std::exception& error) {
     ZLOG_ERROR("UploadSchedule: " << error.what());
   }
-  last_run_ = common::util::ToNanoseconds(clock_.Now());
+  last_run_.Set();
   Schedule::Execute();
 }
 

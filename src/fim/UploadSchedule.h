@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <map>
@@ -10,6 +9,7 @@
 
 #include "common/src/http/Uploader.h"
 #include "common/src/storage/Storage.h"
+#include "common/src/tasks/RememberedTime.h"
 #include "common/src/tasks/Schedule.h"
 #include "common/src/util/Clock.h"
 #include "src/fim/Config.h"
@@ -63,7 +63,7 @@ class UploadSchedule final : public common::Schedule {
   common::Storage& storage_;
   const std::unique_ptr<common::Uploader> uploader_;
   common::util::Clock& clock_;
-  std::atomic<std::int64_t> last_run_;  // ns since the epoch
+  common::RememberedTime last_run_;
   mutable std::mutex status_mutex_;
   Status status_;
 };

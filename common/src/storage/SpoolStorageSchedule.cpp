@@ -1,6 +1,5 @@
 #include "common/src/storage/SpoolStorageSchedule.h"
 
-#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 #include <utility>
@@ -13,18 +12,14 @@ namespace {
 
 constexpr std::uint64_t kIdleSyncSeconds = 86'400;
 
-std::int64_t In(std::uint64_t seconds, const util::Clock& clock) {
-  return util::ToNanoseconds(clock.Now() + std::chrono::seconds(seconds));
-}
-
 }  // namespace
 
 SpoolStorageSchedule::SpoolStorageSchedule(std::function<void()> sync_callback, util::Clock& clock)
     : TaskSchedule({"SpoolStorage", std::nullopt, true}, clock),
       sync_callback_(std::move(sync_callback)),
-      next_sync_(In(kIdleSyncSeconds, clock)),
-      sync_interval_(kIdleSyncSeconds) {
+      next_sync_(clock) {
   if (!sync_callback_) throw std::invalid_argument("SpoolStorageSchedule: 'syncCallback' is invalid");
+  next_sync_.Set(std::chrono::seconds(kIdleSyncSeconds));
 }
 
 SpoolStorageSchedule::~SpoolStorageSchedule() {
@@ -32,8 +27,7 @@ SpoolStorageSchedule::~SpoolStorageSchedule() {
 }
 
 void SpoolStorageSchedule::OnClockStep(std::chrono::nanoseconds step) {
-  // A time that was set after the step is not moved beyond its own interval.
-  next_sync_ = std::min(next_sync_ + step.count(), In(sync_interval_, GetClock()));
+  next_sync_.Move(step);
   TaskSchedule::OnClockStep(step);
 }
 
@@ -43,15 +37,14 @@ std::uint64_t SpoolStorageSchedule::AddTask(Task task, std::uint64_t bytes, std:
 }
 
 void SpoolStorageSchedule::ScheduleSync(std::uint64_t seconds) {
-  sync_interval_ = seconds;
-  next_sync_ = In(seconds, GetClock());
+  next_sync_.Set(std::chrono::seconds(seconds));
   Recheck();
   FireOnFinished();
   ZLOG_DEBUG("SpoolStorageSchedule: Cache sync scheduled after " << seconds << " seconds.");
 }
 
 std::optional<util::Clock::SystemTime> SpoolStorageSchedule::WorkTime() {
-  return util::Clock::SystemTime(std::chrono::nanoseconds(next_sync_));
+  return util::Clock::SystemTime(std::chrono::nanoseconds(*next_sync_.Get()));
 }
 
 void SpoolStorageSchedule::Work() {

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 
+#include "common/src/tasks/RememberedTime.h"
 #include "common/src/tasks/TaskSchedule.h"
 #include "common/src/util/Clock.h"
 
@@ -19,7 +19,7 @@ class SpoolStorageSchedule final : public TaskSchedule {
   SpoolStorageSchedule& operator=(const SpoolStorageSchedule&) = delete;
   ~SpoolStorageSchedule() override;
 
-  [[nodiscard]] std::int64_t NextRunTime() override { return next_sync_; }
+  [[nodiscard]] std::int64_t NextRunTime() override { return *next_sync_.Get(); }
   void OnClockStep(std::chrono::nanoseconds step) override;
 
   // Post, but throws StorageException "SpoolStorageSchedule::AddTask: task cannot be empty".
@@ -35,8 +35,7 @@ class SpoolStorageSchedule final : public TaskSchedule {
 
  private:
   const std::function<void()> sync_callback_;
-  std::atomic<std::int64_t> next_sync_;       // nanoseconds since the epoch
-  std::atomic<std::uint64_t> sync_interval_;  // seconds, of the last ScheduleSync
+  RememberedTime next_sync_;  // set from the constructor on
 };
 
 }  // namespace zagent::common::internal

@@ -19,18 +19,20 @@ CheckParentSchedule::CheckParentSchedule(std::function<void()> on_parent_gone, s
       interval_(static_cast<std::int64_t>(std::min(interval_seconds, kLongestIntervalSeconds)) * kNanosecondsPerSecond),
       clock_(clock),
       parent_(std::move(parent)),
-      last_run_(util::ToNanoseconds(clock.Now())) {}
+      last_run_(clock) {
+  last_run_.Set();
+}
 
 CheckParentSchedule::~CheckParentSchedule() {
   Cancel();
 }
 
 std::int64_t CheckParentSchedule::NextRunTime() {
-  return std::max(util::ToNanoseconds(clock_.Now()), last_run_ + interval_);
+  return std::max(util::ToNanoseconds(clock_.Now()), *last_run_.Get() + interval_);
 }
 
 void CheckParentSchedule::OnClockStep(std::chrono::nanoseconds step) {
-  last_run_ = std::min(last_run_ + step.count(), util::ToNanoseconds(clock_.Now()));
+  last_run_.Move(step);
 }
 
 void CheckParentSchedule::Execute() {
@@ -38,7 +40,7 @@ void CheckParentSchedule::Execute() {
     ZLOG_ERROR("CheckParent failed. Terminating...");
     if (on_parent_gone_) on_parent_gone_();
   }
-  last_run_ = util::ToNanoseconds(clock_.Now());
+  last_run_.Set();
   Schedule::Execute();
 }
 

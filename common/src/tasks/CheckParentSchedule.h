@@ -3,11 +3,11 @@
 #include <sys/types.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
 
+#include "common/src/tasks/RememberedTime.h"
 #include "common/src/tasks/Schedule.h"
 #include "common/src/util/Clock.h"
 
@@ -38,7 +38,7 @@ class CheckParentSchedule final : public Schedule {
   const std::int64_t interval_;  // nanoseconds
   util::Clock& clock_;
   const std::function<pid_t()> parent_;
-  std::atomic<std::int64_t> last_run_;  // nanoseconds since the epoch
+  RememberedTime last_run_;  // set from the constructor on
 };
 
 }  // namespace zagent::common
