@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <ios>
 #include <utility>
@@ -23,8 +22,8 @@ using internal::SpoolLimits;
 using internal::SpoolStorageSchedule;
 using internal::SpoolWorker;
 
-// What a queued task costs at least, so that tasks without data are bounded too.
-constexpr std::uint64_t kTaskBytes = 64;
+// What a queued task costs beside its data: the closure, its answer and the callback.
+constexpr std::uint64_t kTaskBytes = 384;
 using ResultAnswer = Answer<std::unique_ptr<StorageResult>>;
 using DoneAnswer = Answer<bool>;
 
@@ -90,7 +89,7 @@ void SpoolStorage::WriteAsync(Bytes data, ResultCallback callback) {
   if (data.size() > limits_->MaxFileSize()) {
     throw StorageException("SpoolStorage::WriteAsync: data is larger than max file size");
   }
-  const std::uint64_t bytes = data.size();
+  const std::uint64_t bytes = data.capacity();
   Post(MakeWrite(std::move(data), std::move(callback)), bytes);
 }
 
@@ -104,7 +103,7 @@ std::unique_ptr<StorageResult> SpoolStorage::Write(Bytes data) {
 }
 
 void SpoolStorage::ReadAsync(ResultCallback callback) {
-  Post(MakeRead(std::move(callback)), kTaskBytes);
+  Post(MakeRead(std::move(callback)));
 }
 
 std::unique_ptr<StorageResult> SpoolStorage::Read() {
@@ -118,7 +117,7 @@ void SpoolStorage::DeleteAsync(std::unique_ptr<StorageResult> previous, DoneCall
     if (callback) callback(false);
     return;
   }
-  Post(MakeDelete(std::move(previous), std::move(callback)), kTaskBytes);
+  Post(MakeDelete(std::move(previous), std::move(callback)));
 }
 
 bool SpoolStorage::Delete(std::unique_ptr<StorageResult> previous) {
@@ -130,7 +129,7 @@ bool SpoolStorage::Delete(std::unique_ptr<StorageResult> previous) {
 
 void SpoolStorage::ClearAsync(DoneCallback callback) {
   auto answer = std::make_shared<DoneAnswer>(std::move(callback), [] { return false; });
-  Post([this, answer = std::move(answer)] { answer->Give(worker_->Clear()); }, kTaskBytes);
+  Post([this, answer = std::move(answer)] { answer->Give(worker_->Clear()); });
 }
 
 std::unique_ptr<StorageResult> SpoolStorage::Append(Bytes, std::unique_ptr<StorageResult>) {
@@ -147,9 +146,22 @@ void SpoolStorage::Update(const Limits& limits) {
   if (limits.max_file_size_kib == 0) {
     ZLOG_WARNING("SpoolStorage::Update: Ignoring invalid max file size setting");
   }
-  schedule_->AddTask([this, limits] {
-    limits_->Apply(limits.max_disk_size_mib, limits.max_file_age_seconds, limits.max_file_size_kib);
-  });
+  const std::lock_guard lock(update_mutex_);
+  const bool waits = update_.has_value();
+  if (!waits) update_.emplace();
+  if (limits.max_disk_size_mib != 0) update_->max_disk_size_mib = limits.max_disk_size_mib;
+  if (limits.max_file_age_seconds != 0) update_->max_file_age_seconds = limits.max_file_age_seconds;
+  if (limits.max_file_size_kib != 0) update_->max_file_size_kib = limits.max_file_size_kib;
+  if (!waits) schedule_->AddTask([this] { ApplyUpdate(); });
+}
+
+void SpoolStorage::ApplyUpdate() {
+  Limits limits;
+  {
+    const std::lock_guard lock(update_mutex_);
+    limits = *std::exchange(update_, std::nullopt);
+  }
+  limits_->Apply(limits.max_disk_size_mib, limits.max_file_age_seconds, limits.max_file_size_kib);
 }
 
 SpoolStorage::Task SpoolStorage::MakeWrite(Bytes data, ResultCallback callback) {
@@ -184,7 +196,7 @@ SpoolStorage::Task SpoolStorage::MakeDelete(std::unique_ptr<StorageResult> previ
 }
 
 void SpoolStorage::Post(Task task, std::uint64_t bytes) {
-  schedule_->AddTask(std::move(task), std::max(bytes, kTaskBytes), limits_->MaxWaitingBytes());
+  schedule_->AddTask(std::move(task), bytes + kTaskBytes, limits_->MaxWaitingBytes());
 }
 
 void SpoolStorage::Await(const char* operation, Task task) {

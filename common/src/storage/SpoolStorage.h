@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "common/src/storage/DataFormatter.h"
@@ -49,7 +50,8 @@ class SpoolStorage final : public Storage {
                FileCalls& calls = FileCalls::Real());
   SpoolStorage(const SpoolStorage&) = delete;
   SpoolStorage& operator=(const SpoolStorage&) = delete;
-  // Unregisters the schedule, runs the tasks that never started, flushes the cache: an orderly stop loses nothing.
+  // Unregisters the schedule, runs the tasks that never started, with their callbacks, on the destroying thread, and
+  // flushes the cache: an orderly stop loses nothing. Not from a callback.
   ~SpoolStorage() override;
 
   [[nodiscard]] bool HasFreeSpace() const override;
@@ -60,12 +62,15 @@ class SpoolStorage final : public Storage {
   std::unique_ptr<StorageResult> Read() override;
   void ReadAsync(ResultCallback callback) override;
   // Data above the largest file size throws StorageException. The result of an item that only went into the cache is
-  // Success without a path; with a path it is that of the file that the cache became first.
+  // Success without a path; with a path it is that of the file that the cache became first. The item was refused when
+  // it comes back in `data`. A code that is no Success without it tells of a flush that failed: the item itself is in
+  // the cache, and what should have become a file is tried again, or was told in the log.
   std::unique_ptr<StorageResult> Write(Bytes data) override;
   std::unique_ptr<StorageResult> Append(Bytes data, std::unique_ptr<StorageResult> previous) override;
   void WriteAsync(Bytes data, ResultCallback callback) override;
 
-  // New limits, applied as a task; a value of 0 is ignored with a warning.
+  // New limits, applied as a task; a value of 0 is ignored with a warning. Never refused: limits that come while
+  // others wait join them.
   void Update(const Limits& limits);
 
   // Largest item that Write takes, in bytes.
@@ -76,7 +81,9 @@ class SpoolStorage final : public Storage {
   Task MakeWrite(Bytes data, ResultCallback callback);
   Task MakeRead(ResultCallback callback);
   Task MakeDelete(std::unique_ptr<StorageResult> previous, DoneCallback callback);
-  void Post(Task task, std::uint64_t bytes);
+  // `bytes` of data beside the task itself.
+  void Post(Task task, std::uint64_t bytes = 0);
+  void ApplyUpdate();
   // Waits for a task; whoever made it has its answer then.
   void Await(const char* operation, Task task);
 
@@ -85,6 +92,8 @@ class SpoolStorage final : public Storage {
   std::unique_ptr<internal::SpoolWorker> worker_;
   std::shared_ptr<internal::SpoolStorageSchedule> schedule_;
   std::mutex mutex_;  // one synchronous caller at a time, beside the callbacks of the tasks
+  std::mutex update_mutex_;
+  std::optional<Limits> update_;  // waits for its task
 };
 
 }  // namespace zagent::common

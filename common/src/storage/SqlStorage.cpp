@@ -20,8 +20,10 @@ namespace {
 constexpr std::uint64_t kIdleSeconds = 10;
 // More than this does not wait in memory.
 constexpr std::uint64_t kMaxWaitingBytes = std::uint64_t{64} * 1024 * 1024;
-// What a queued task or statement costs beside its text.
-constexpr std::uint64_t kTaskBytes = 64;
+// What a queued task costs beside its statements, and a statement, with the key that the cache remembers meanwhile,
+// beside its text.
+constexpr std::uint64_t kTaskBytes = 512;
+constexpr std::uint64_t kStatementBytes = 128;
 
 std::unique_ptr<internal::SqlSharedFormatter> CheckArguments(const std::string& directory, const std::string& name,
                                                              std::unique_ptr<SqlDataFormatter> formatter) {
@@ -246,7 +248,7 @@ void SqlStorage::WriteAsync(const std::string& table, const Rows& rows, Callback
   for (const auto& [key, row] : rows) {
     change->Add(key, &row);
     inserts.push_back(Insert(table, key, row));
-    bytes += inserts.back().size() + kTaskBytes;
+    bytes += inserts.back().size() + key.size() + kStatementBytes;
   }
   Post([this, inserts = std::move(inserts)](Result&) { connection_->ExecuteAll(inserts); }, std::move(change),
        std::move(callback), bytes);
@@ -267,7 +269,7 @@ void SqlStorage::DeleteAsync(const std::string& table, const std::string& key, C
   auto change = std::make_unique<Change>(cache_.get(), table);
   change->Add(key, nullptr);
   std::string statement = formatter_->Ask([&](SqlDataFormatter& formatter) { return formatter.Delete(table, key); });
-  const std::uint64_t bytes = statement.size();
+  const std::uint64_t bytes = statement.size() + key.size() + kStatementBytes;
   Post([this, statement = std::move(statement)](Result&) { connection_->Execute(statement); }, std::move(change),
        std::move(callback), bytes);
 }

@@ -1,6 +1,7 @@
 #include "common/src/storage/SpoolStorage.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -390,6 +391,7 @@ TEST_F(SpoolStorageTest, ASynchronousCallThatWaitsEndsWithTheScheduler) {
 }
 
 TEST_F(SpoolStorageTest, WhatWaitsIsBoundedByTheDiskLimit) {
+  constexpr std::size_t kItem = kMib / 2 - 384;  // half of it, with its task
   SpoolStorage& spool = Open({1, 60, 512});
   const auto release = Block();
   std::atomic<int> stored{0};
@@ -402,10 +404,10 @@ TEST_F(SpoolStorageTest, WhatWaitsIsBoundedByTheDiskLimit) {
     }
     EXPECT_EQ(std::this_thread::get_id(), here) << "a refusal is told at once";
     EXPECT_EQ(result->code, StorageCode::Unknown);
-    EXPECT_EQ(result->data.size(), kMib / 2);
+    EXPECT_EQ(result->data.size(), kItem);
     ++refused;
   };
-  for (int i = 0; i < 5; ++i) spool.WriteAsync(Bytes(kMib / 2, 'x'), count);
+  for (int i = 0; i < 5; ++i) spool.WriteAsync(Bytes(kItem, 'x'), count);
   EXPECT_EQ(refused, 3);
   EXPECT_EQ(stored, 0);
   bool cleared = true;
@@ -416,15 +418,55 @@ TEST_F(SpoolStorageTest, WhatWaitsIsBoundedByTheDiskLimit) {
   release->Open();
   Drain();
   EXPECT_EQ(stored, 2);
-  spool.WriteAsync(Bytes(kMib / 2, 'x'), count);
+  spool.WriteAsync(Bytes(kItem, 'x'), count);
   Drain();
   EXPECT_EQ(stored, 3) << "there is room again";
+}
+
+TEST_F(SpoolStorageTest, SmallItemsWaitWithinTheBoundToo) {
+  SpoolStorage& spool = Open();
+  const auto release = Block();
+  int stored = 0;
+  int refused = 0;
+  const auto count = [&](std::unique_ptr<StorageResult> result) {
+    ++(result->code == StorageCode::Success ? stored : refused);
+  };
+  const std::size_t before = mallinfo2().uordblks;
+  int posted = 0;
+  for (; refused == 0; ++posted) spool.WriteAsync(Bytes(1, 'x'), count);
+  const std::size_t held = mallinfo2().uordblks - before;
+  EXPECT_EQ(posted - 1, static_cast<int>(kMib / 385)) << "each costs its byte and its task";
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  EXPECT_LE(held, kMib) << "a task costs more than it is said to";
+  EXPECT_GE(held, kMib / 2) << "or much less";
+#endif
+  release->Open();
+  Drain();
+  EXPECT_EQ(stored, posted - 1);
+}
+
+TEST_F(SpoolStorageTest, NewLimitsThatWaitAreOneTaskHoweverManyCome) {
+  SpoolStorage& spool = Open();
+  const auto release = Block();
+  const std::size_t before = mallinfo2().uordblks;
+  for (std::uint64_t kib = 1; kib <= 1000; ++kib) spool.Update({1, 60, kib % 300 + 1});
+  spool.Update({2, 0, 700});
+  spool.Update({0, 30, 0});
+  EXPECT_EQ(spool.GetMaxFileSize(), 1024U);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  EXPECT_LE(mallinfo2().uordblks, before + 64 * 1024);
+#endif
+  release->Open();
+  Drain();
+  EXPECT_EQ(spool.GetMaxFileSize(), 700U * 1024);
+  spool.Write(ToBytes("item"));
+  EXPECT_TRUE(Eventually([&] { return clock_.EarliestDeadline() == clock_.Now() + seconds(30); }));
 }
 
 TEST_F(SpoolStorageTest, ASynchronousCallGetsThroughAFullQueue) {
   SpoolStorage& spool = Open({1, 60, 512});
   const auto release = Block();
-  for (int i = 0; i < 5; ++i) spool.WriteAsync(Bytes(kMib / 2, 'x'), {});
+  for (int i = 0; i < 5; ++i) spool.WriteAsync(Bytes(kMib / 2 - 384, 'x'), {});
   auto read = std::async(std::launch::async, [&] { return spool.Read()->code; });
   EXPECT_EQ(read.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
   release->Open();
@@ -480,7 +522,7 @@ TEST_F(SpoolStorageTest, WhatWaitsIsNeverMoreThan64MiBHoweverLargeTheDiskLimit) 
   const auto count = [&](std::unique_ptr<StorageResult> result) {
     if (result->code != StorageCode::Success) ++refused;
   };
-  for (int i = 0; i < 4; ++i) spool.WriteAsync(Bytes(16 * kMib), count);
+  for (int i = 0; i < 4; ++i) spool.WriteAsync(Bytes(16 * kMib - 384), count);
   EXPECT_EQ(refused, 0);
   spool.WriteAsync(Bytes(1), count);
   EXPECT_EQ(refused, 1);
