@@ -17,7 +17,7 @@ namespace zagent::fakes {
 // The machine's files with the faults that a test asks for, and a record of what was made safe on disk.
 class FaultyFiles final : public common::FileCalls {
  public:
-  enum class Call { Open, Read, Write, Fstat, Fsync, Unlink, Rename };
+  enum class Call { Open, Read, Write, Fstat, Fsync, Stat, Lstat, Unlink, Rename, List };
 
   // Asked before each call, with the path that it concerns (of a rename, the new one). A value other than 0 is the
   // errno with which the call fails. Set before other threads use the files.
@@ -68,6 +68,15 @@ class FaultyFiles final : public common::FileCalls {
     ++sync_count_;
     if (synced_.size() < kMaxSynced) synced_.push_back(path);
     return 0;
+  }
+  int Stat(const char* path, struct stat* info) override {
+    return Fails(Call::Stat, path) ? -1 : FileCalls::Stat(path, info);
+  }
+  int Lstat(const char* path, struct stat* info) override {
+    return Fails(Call::Lstat, path) ? -1 : FileCalls::Lstat(path, info);
+  }
+  int ListFolder(const char* path, std::vector<std::string>& names) override {
+    return Fails(Call::List, path) ? -1 : FileCalls::ListFolder(path, names);
   }
   int Unlink(const char* path) override { return Fails(Call::Unlink, path) ? -1 : FileCalls::Unlink(path); }
   int Rename(const char* from, const char* to) override {

@@ -3,7 +3,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <filesystem>
+#include <system_error>
 
 namespace zagent::common {
 
@@ -27,12 +30,31 @@ int FileCalls::Fsync(int fd) {
   return fsync(fd);
 }
 
+int FileCalls::Stat(const char* path, struct stat* info) {
+  return stat(path, info);
+}
+
+int FileCalls::Lstat(const char* path, struct stat* info) {
+  return lstat(path, info);
+}
+
 int FileCalls::Unlink(const char* path) {
   return unlink(path);
 }
 
 int FileCalls::Rename(const char* from, const char* to) {
   return std::rename(from, to);
+}
+
+int FileCalls::ListFolder(const char* path, std::vector<std::string>& names) {
+  std::error_code error;
+  std::filesystem::directory_iterator entry(path, error);
+  for (const std::filesystem::directory_iterator end; !error && entry != end; entry.increment(error)) {
+    names.push_back(entry->path().filename().string());
+  }
+  if (!error) return 0;
+  errno = error.value();
+  return -1;
 }
 
 FileCalls& FileCalls::Real() {

@@ -4,6 +4,8 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <string>
+#include <vector>
 
 namespace zagent::common {
 
@@ -21,8 +23,12 @@ class FileCalls {
   virtual ssize_t Write(int fd, const void* data, std::size_t size);
   virtual int Fstat(int fd, struct stat* info);
   virtual int Fsync(int fd);
+  virtual int Stat(const char* path, struct stat* info);
+  virtual int Lstat(const char* path, struct stat* info);
   virtual int Unlink(const char* path);
   virtual int Rename(const char* from, const char* to);
+  // opendir, readdir and closedir: adds the names in a folder, without "." and "..", in no order.
+  virtual int ListFolder(const char* path, std::vector<std::string>& names);
 
   // Those of the machine. Lives as long as the process.
   static FileCalls& Real();

@@ -75,32 +75,39 @@ void WriteAll(FileCalls& calls, int fd, Durability durability, StorageResult& re
   result.stat_info = Stat(calls, fd);
 }
 
+// Opens the file and notes its attributes in `result`. A failure is a code, with its log line.
+UniqueFd OpenToRead(FileCalls& calls, int flags, const char* stat_failure, StorageResult& result) {
+  UniqueFd fd = Open(calls, result.path, O_RDONLY | flags);
+  if (!fd) {
+    Fail(result, "Storage: Failed to open ");
+    return fd;
+  }
+  result.stat_info = Stat(calls, fd.Get());
+  if (!result.stat_info) Fail(result, stat_failure);
+  return fd;
+}
+
 // Reads up to `max_bytes`, or the size that the file has now.
 std::unique_ptr<StorageResult> OpenAndRead(FileCalls& calls, const std::string& path, const char* stat_failure,
                                            std::optional<std::size_t> max_bytes) {
   auto result = MakeResult(path);
-  const UniqueFd fd = Open(calls, path, O_RDONLY);
-  if (!fd) {
-    Fail(*result, "Storage: Failed to open ");
-    return result;
-  }
-  const auto info = Stat(calls, fd.Get());
-  if (!info) {
-    Fail(*result, stat_failure);
-    return result;
-  }
-  return ReadFileDescriptor(path, *info, fd.Get(), max_bytes.value_or(static_cast<std::size_t>(info->st_size)), calls);
+  const UniqueFd fd = OpenToRead(calls, 0, stat_failure, *result);
+  if (result->code != StorageCode::Success) return result;
+  const struct stat& info = *result->stat_info;
+  return ReadFileDescriptor(path, info, fd.Get(), max_bytes.value_or(static_cast<std::size_t>(info.st_size)), calls);
 }
 
 }  // namespace
 
-std::unique_ptr<StorageResult> WriteFile(const std::string& path, Bytes data, FileCalls& calls, Durability durability) {
+std::unique_ptr<StorageResult> WriteFile(const std::string& path, Bytes data, FileCalls& calls, Durability durability,
+                                         bool* created) {
   auto result = MakeResult(path, std::move(data));
   const UniqueFd fd = Open(calls, path, O_WRONLY | O_CREAT | O_EXCL);
   if (!fd) {
     Fail(*result, "Storage: Failed to create ");
     return result;
   }
+  if (created != nullptr) *created = true;
   WriteAll(calls, fd.Get(), durability, *result);
   return result;
 }
@@ -141,6 +148,22 @@ std::unique_ptr<StorageResult> ReadFile(const std::string& path, FileCalls& call
 
 std::unique_ptr<StorageResult> ReadFileUpTo(const std::string& path, std::size_t max_bytes, FileCalls& calls) {
   return OpenAndRead(calls, path, "FileStorage: Failed to stat ", max_bytes);
+}
+
+std::unique_ptr<StorageResult> ReadRegularFile(const std::string& path, std::uint64_t max_bytes, FileCalls& calls) {
+  auto result = MakeResult(path);
+  const UniqueFd fd = OpenToRead(calls, O_NOFOLLOW, "Storage: Failed to stat ", *result);
+  if (result->code != StorageCode::Success) return result;
+  const struct stat& info = *result->stat_info;
+  const auto size = static_cast<std::uint64_t>(info.st_size);
+  if (!S_ISREG(info.st_mode)) {
+    result->code = StorageCode::NotAFile;
+  } else if (size > max_bytes) {
+    result->code = StorageCode::Unknown;
+  } else {
+    return ReadFileDescriptor(path, info, fd.Get(), size, calls);
+  }
+  return result;
 }
 
 std::unique_ptr<StorageResult> ReadFileDescriptor(const std::string& path, const struct stat& stat, int fd,

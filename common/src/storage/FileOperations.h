@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -20,9 +21,10 @@ enum class Durability {
 };
 
 // Creates the file (mode 0600) and writes `data`; an existing file is never overwritten (AlreadyExists). After a
-// failure the partly written file stays, and stat_info tells it from others.
+// failure the partly written file stays, and stat_info, if it could be had, tells it from others. `created` hears
+// whether there was a file to stay.
 std::unique_ptr<StorageResult> WriteFile(const std::string& path, Bytes data, FileCalls& calls = FileCalls::Real(),
-                                         Durability durability = Durability::Cached);
+                                         Durability durability = Durability::Cached, bool* created = nullptr);
 
 // Makes the names in a folder safe on disk. Returns errno, 0 where the file system has no such operation.
 int SyncFolder(const std::string& path, FileCalls& calls = FileCalls::Real());
@@ -37,6 +39,12 @@ std::unique_ptr<StorageResult> ReadFile(const std::string& path, FileCalls& call
 // Opens the file, stats it and reads at most `max_bytes` of it.
 std::unique_ptr<StorageResult> ReadFileUpTo(const std::string& path, std::size_t max_bytes,
                                             FileCalls& calls = FileCalls::Real());
+
+// Reads a whole file of at most `max_bytes` that is a regular one under this very name. A link is not followed
+// (Unknown); another kind of file gives NotAFile and a larger one Unknown, without data but with stat_info and no log
+// line.
+std::unique_ptr<StorageResult> ReadRegularFile(const std::string& path, std::uint64_t max_bytes,
+                                               FileCalls& calls = FileCalls::Real());
 
 // Reads up to `size` bytes from `fd`; `stat` is that of the descriptor and is copied into the result.
 std::unique_ptr<StorageResult> ReadFileDescriptor(const std::string& path, const struct stat& stat, int fd,

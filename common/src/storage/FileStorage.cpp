@@ -1,7 +1,6 @@
 #include "common/src/storage/FileStorage.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <utility>
 
@@ -15,11 +14,11 @@ void FileStorage::ClearAsync(DoneCallback) {
 
 bool FileStorage::Delete(std::unique_ptr<StorageResult> previous) {
   struct stat now {};
-  if (previous && previous->stat_info && stat(GetPath().c_str(), &now) == 0 &&
+  if (previous && previous->stat_info && calls_.Stat(GetPath().c_str(), &now) == 0 &&
       now.st_ino != previous->stat_info->st_ino) {
     return false;
   }
-  return unlink(GetPath().c_str()) == 0;
+  return calls_.Unlink(GetPath().c_str()) == 0;
 }
 
 void FileStorage::DeleteAsync(std::unique_ptr<StorageResult>, DoneCallback) {
@@ -27,7 +26,7 @@ void FileStorage::DeleteAsync(std::unique_ptr<StorageResult>, DoneCallback) {
 }
 
 std::unique_ptr<StorageResult> FileStorage::Read() {
-  return ReadFile(GetPath());
+  return ReadFile(GetPath(), calls_);
 }
 
 void FileStorage::ReadAsync(ResultCallback) {
@@ -35,13 +34,13 @@ void FileStorage::ReadAsync(ResultCallback) {
 }
 
 std::unique_ptr<StorageResult> FileStorage::Write(Bytes data) {
-  return WriteFile(GetPath(), std::move(data));
+  return WriteFile(GetPath(), std::move(data), calls_);
 }
 
 std::unique_ptr<StorageResult> FileStorage::Append(Bytes data, std::unique_ptr<StorageResult> previous) {
   // Without a result to compare with, nothing shows that the file is still the caller's.
   static const StorageResult kNothing;
-  return AppendFile(GetPath(), std::move(data), previous ? *previous : kNothing);
+  return AppendFile(GetPath(), std::move(data), previous ? *previous : kNothing, calls_);
 }
 
 void FileStorage::WriteAsync(Bytes, ResultCallback) {

@@ -1,12 +1,13 @@
 #include "common/src/storage/SpoolDirectory.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
-#include <filesystem>
-#include <system_error>
 #include <utility>
 
 #include "common/src/storage/StorageResult.h"
+#include "common/src/util/ErrnoText.h"
+#include "common/src/util/Log.h"
 
 namespace zagent::common::internal {
 namespace {
@@ -15,8 +16,8 @@ constexpr std::size_t kIndexWidth = 4;
 
 }  // namespace
 
-SpoolDirectory::SpoolDirectory(std::string path, std::string prefix, std::uint64_t max_index)
-    : path_(std::move(path)), prefix_(std::move(prefix)), max_index_(max_index) {}
+SpoolDirectory::SpoolDirectory(std::string path, std::string prefix, std::uint64_t max_index, FileCalls& calls)
+    : path_(std::move(path)), prefix_(std::move(prefix)), max_index_(max_index), calls_(calls) {}
 
 std::string SpoolDirectory::FileName(std::uint64_t index) const {
   if (index == 0 || index > max_index_) throw StorageException("SpoolStorage: File index out of range");
@@ -42,21 +43,30 @@ std::uint64_t SpoolDirectory::IndexOfPath(const std::string& path) const {
   return index != 0 && FileName(index) == path ? index : 0;
 }
 
+int SpoolDirectory::Look(std::uint64_t index, struct stat& info) const {
+  const std::string name = FileName(index);
+  if (calls_.Lstat(name.c_str(), &info) == 0) return S_ISREG(info.st_mode) ? 0 : ENOENT;
+  const int error = errno;
+  if (error != ENOENT) ZLOG_ERROR("SpoolStorage: Failed to stat " << name << ": " << util::ErrnoText(error));
+  return error;
+}
+
 std::optional<struct stat> SpoolDirectory::Stat(std::uint64_t index) const {
   struct stat info {};
-  if (lstat(FileName(index).c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
-  return info;
+  return Look(index, info) == 0 ? std::optional(info) : std::nullopt;
 }
 
 std::vector<SpoolDirectory::Entry> SpoolDirectory::List(const char* operation) const {
+  std::vector<std::string> names;
+  if (calls_.ListFolder(path_.c_str(), names) != 0) throw StorageException::FromErrno(operation, errno);
   std::vector<Entry> entries;
-  std::error_code error;
-  for (std::filesystem::directory_iterator file(path_, error), end; !error && file != end; file.increment(error)) {
-    const std::uint64_t index = IndexOf(file->path().filename().string());
+  for (const std::string& name : names) {
+    const std::uint64_t index = IndexOf(name);
     if (index == 0) continue;
-    if (const auto info = Stat(index)) entries.push_back({index, static_cast<std::uint64_t>(info->st_size)});
+    struct stat info {};
+    const int error = Look(index, info);
+    if (error != ENOENT) entries.push_back({index, error == 0 ? static_cast<std::uint64_t>(info.st_size) : 0});
   }
-  if (error) throw StorageException::FromErrno(operation, error.value());
   std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) { return a.index < b.index; });
   return entries;
 }

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "common/src/storage/FileCalls.h"
+
 namespace zagent::common::internal {
 
 // The names "<path>/<prefix>.<0001..9999>" of a spool and the files that bear them.
@@ -19,7 +21,7 @@ class SpoolDirectory {
     std::uint64_t size;  // bytes
   };
 
-  SpoolDirectory(std::string path, std::string prefix, std::uint64_t max_index);
+  SpoolDirectory(std::string path, std::string prefix, std::uint64_t max_index, FileCalls& calls = FileCalls::Real());
 
   [[nodiscard]] const std::string& Path() const { return path_; }
   [[nodiscard]] std::uint64_t MaxIndex() const { return max_index_; }
@@ -33,16 +35,21 @@ class SpoolDirectory {
   // Index of a path; 0 unless it is exactly that of one of this spool's names.
   [[nodiscard]] std::uint64_t IndexOfPath(const std::string& path) const;
 
-  // The attributes of the regular file of an index, if there is one.
+  // The attributes of the regular file of an index, if there is one. Logs why it cannot be told.
   [[nodiscard]] std::optional<struct stat> Stat(std::uint64_t index) const;
 
-  // All files in the order of their indices. Throws StorageException with the text `operation` and errno.
+  // All files in the order of their indices; one whose attributes cannot be had is among them with a size of 0. Throws
+  // StorageException with the text `operation` and errno.
   [[nodiscard]] std::vector<Entry> List(const char* operation) const;
 
  private:
+  // 0, ENOENT where there is no regular file, or the errno that has been logged.
+  int Look(std::uint64_t index, struct stat& info) const;
+
   std::string path_;
   std::string prefix_;
   std::uint64_t max_index_;
+  FileCalls& calls_;
 };
 
 }  // namespace zagent::common::internal

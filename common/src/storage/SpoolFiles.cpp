@@ -23,11 +23,6 @@ bool IsSameFile(const struct stat& a, const struct stat& b) {
          a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
 }
 
-bool IsTaken(const std::string& path) {
-  struct stat info {};
-  return lstat(path.c_str(), &info) == 0 || errno != ENOENT;
-}
-
 }  // namespace
 
 SpoolFiles::SpoolFiles(SpoolDirectory directory, const SpoolLimits& limits, FileCalls& calls)
@@ -65,7 +60,8 @@ std::unique_ptr<StorageResult> SpoolFiles::Store(Bytes& payload) {
 // Null when every name from `index` to the last is taken. Leaves `index` at the name that was written.
 std::unique_ptr<StorageResult> SpoolFiles::WriteToFreeName(std::uint64_t& index, Bytes& payload) {
   for (; index <= directory_.MaxIndex(); ++index) {
-    auto result = WriteFile(directory_.FileName(index), std::move(payload), calls_, Durability::OnDisk);
+    bool created = false;
+    auto result = WriteFile(directory_.FileName(index), std::move(payload), calls_, Durability::OnDisk, &created);
     if (result->code == StorageCode::Success) {
       // A file without its name on disk would be lost with the power.
       const int error = SyncFolder(directory_.Path(), calls_);
@@ -75,7 +71,7 @@ std::unique_ptr<StorageResult> SpoolFiles::WriteToFreeName(std::uint64_t& index,
     payload = std::move(result->data);
     // A stale file is stepped over, never overwritten.
     if (result->code == StorageCode::AlreadyExists) continue;
-    UnlinkTornFile(*result);
+    if (created) UnlinkTornFile(*result);
     return result;
   }
   return nullptr;
@@ -83,10 +79,12 @@ std::unique_ptr<StorageResult> SpoolFiles::WriteToFreeName(std::uint64_t& index,
 
 // Makes a write that was cut short leave nothing behind: a torn file must not bear a valid name.
 void SpoolFiles::UnlinkTornFile(const StorageResult& written) {
-  if (!written.stat_info) return;
+  // Where the attributes could not be had, the name alone has to do.
   struct stat now {};
-  if (lstat(written.path.c_str(), &now) != 0 || now.st_ino != written.stat_info->st_ino) return;
-  if (calls_.Unlink(written.path.c_str()) != 0) {
+  if (written.stat_info && calls_.Lstat(written.path.c_str(), &now) == 0 && now.st_ino != written.stat_info->st_ino) {
+    return;
+  }
+  if (calls_.Unlink(written.path.c_str()) != 0 && errno != ENOENT) {
     ZLOG_ERROR("SpoolStorage: Failed to delete " << written.path << ": " << ErrnoText(errno));
   }
 }
@@ -95,8 +93,7 @@ std::unique_ptr<StorageResult> SpoolFiles::ReadOldestFile() {
   bool refreshed = false;
   bool failed = false;
   for (std::uint64_t index = first_index_; index != 0 && index <= last_index_; ++index) {
-    const auto info = directory_.Stat(index);
-    if (!info) {
+    if (!directory_.Stat(index)) {
       if (refreshed) continue;
       // Somebody else took the file, or a later one was deleted before it: the directory knows where the oldest is
       // now. Asked once a read.
@@ -106,32 +103,39 @@ std::unique_ptr<StorageResult> SpoolFiles::ReadOldestFile() {
       index = first_index_ - 1;
       continue;
     }
-    const auto size = static_cast<std::uint64_t>(info->st_size);
-    if (size > limits_.MaxReadSize()) {
-      if (!SetAside(index, size)) failed = true;
-      if (first_index_ == 0) break;
-      continue;
+    std::unique_ptr<StorageResult> result;
+    switch (TryReadFile(index, result)) {
+      case ReadOutcome::Read:
+        return result;
+      case ReadOutcome::Failed:
+        failed = true;
+        break;
+      case ReadOutcome::SetAside:
+        break;
     }
-    if (auto result = TryReadFile(index)) return result;
-    failed = true;
   }
   throw StorageException::FromErrno("SpoolStorage::ReadOldestFile", failed ? EIO : ENOENT);
 }
 
-// Null when the file cannot be read.
-std::unique_ptr<StorageResult> SpoolFiles::TryReadFile(std::uint64_t index) {
+SpoolFiles::ReadOutcome SpoolFiles::TryReadFile(std::uint64_t index, std::unique_ptr<StorageResult>& result) {
   const std::string name = directory_.FileName(index);
-  auto result = ReadFile(name, calls_);
-  if (result->code == StorageCode::Success) {
-    ZLOG_INFO("SpoolStorage: Successfully read file: " << name);
-    return result;
+  result = ReadRegularFile(name, limits_.MaxReadSize(), calls_);
+  switch (result->code) {
+    case StorageCode::Success:
+      ZLOG_INFO("SpoolStorage: Successfully read file: " << name);
+      return ReadOutcome::Read;
+    case StorageCode::IOError:
+      // It would be the oldest for ever.
+      ZLOG_ERROR("SpoolStorage: Failed to read file: " << name);
+      DeleteFile(index);
+      return ReadOutcome::Failed;
+    default:
+      break;
   }
-  if (result->code == StorageCode::IOError) {
-    // It would be the oldest for ever.
-    ZLOG_ERROR("SpoolStorage: Failed to read file: " << name);
-    DeleteFile(index);
-  }
-  return nullptr;
+  if (!result->stat_info || !S_ISREG(result->stat_info->st_mode)) return ReadOutcome::Failed;
+  const auto size = static_cast<std::uint64_t>(result->stat_info->st_size);
+  if (size <= limits_.MaxReadSize()) return ReadOutcome::Failed;
+  return SetAside(index, size) ? ReadOutcome::SetAside : ReadOutcome::Failed;
 }
 
 bool SpoolFiles::SetAside(std::uint64_t index, std::uint64_t size) {
@@ -172,7 +176,7 @@ bool SpoolFiles::Clear() {
     }
   }
   RefreshFileIndices();
-  return all_deleted;
+  return all_deleted && first_index_ == 0;
 }
 
 void SpoolFiles::CleanupAfterWrite() {
@@ -203,7 +207,7 @@ bool SpoolFiles::DeleteFile(std::uint64_t index) {
   const std::string name = directory_.FileName(index);
   std::uint64_t size = 0;
   struct stat info {};
-  if (lstat(name.c_str(), &info) == 0) {
+  if (calls_.Lstat(name.c_str(), &info) == 0) {
     size = static_cast<std::uint64_t>(info.st_size);
   } else {
     ZLOG_ERROR("SpoolStorage: Failed to stat " << name << ": " << ErrnoText(errno));
@@ -220,6 +224,11 @@ bool SpoolFiles::DeleteFile(std::uint64_t index) {
 void SpoolFiles::Forget(std::uint64_t index, std::uint64_t size) {
   disk_usage_ -= std::min(size, disk_usage_.load());
   if (index == first_index_ && ++first_index_ > last_index_) RefreshFileIndices();
+}
+
+bool SpoolFiles::IsTaken(const std::string& path) {
+  struct stat info {};
+  return calls_.Lstat(path.c_str(), &info) == 0 || errno != ENOENT;
 }
 
 bool SpoolFiles::Rename(const std::string& from, const std::string& to) {

@@ -34,9 +34,10 @@ class SpoolFiles {
   // Throws StorageException when no name is free and none can be made free.
   std::unique_ptr<StorageResult> Store(Bytes& payload);
 
-  // A file that cannot be read is deleted, and one that is too large to be a spool's (SpoolLimits::MaxReadSize) is
-  // renamed to "<prefix>.aside" in the place of an earlier one; neither holds up those behind it. Throws
-  // StorageException with ENOENT when there is no file, with EIO when none can be read.
+  // What is read is a regular file of its own name and within the bound, as it was when it was opened, whoever may
+  // change the folder meanwhile. A file that cannot be read is deleted, and one that is too large to be a spool's
+  // (SpoolLimits::MaxReadSize) is renamed to "<prefix>.aside" in the place of an earlier one; neither holds up those
+  // behind it. Throws StorageException with ENOENT when there is no file, with EIO when none can be read.
   std::unique_ptr<StorageResult> ReadOldestFile();
 
   // Deletes the file that `read` stands for, whatever its name is by now. False when it is not there any more.
@@ -54,7 +55,8 @@ class SpoolFiles {
   enum class CleanupGoal { FreeDiskSpace, FreeName };
 
   std::unique_ptr<StorageResult> WriteToFreeName(std::uint64_t& index, Bytes& payload);
-  std::unique_ptr<StorageResult> TryReadFile(std::uint64_t index);
+  enum class ReadOutcome { Read, Failed, SetAside };
+  ReadOutcome TryReadFile(std::uint64_t index, std::unique_ptr<StorageResult>& result);
   void CleanupAfterWrite();
   void Cleanup(CleanupGoal goal);
   bool DeleteFile(std::uint64_t index);
@@ -63,6 +65,7 @@ class SpoolFiles {
   // The file of an index is not there any more.
   void Forget(std::uint64_t index, std::uint64_t size);
   bool Rename(const std::string& from, const std::string& to);
+  bool IsTaken(const std::string& path);
 
   const SpoolDirectory directory_;
   const SpoolLimits& limits_;

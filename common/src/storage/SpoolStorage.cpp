@@ -28,7 +28,7 @@ using ResultAnswer = Answer<std::unique_ptr<StorageResult>>;
 using DoneAnswer = Answer<bool>;
 
 void CheckArguments(const std::string& path, const std::string& prefix, const DataFormatter* formatter,
-                    std::uint64_t max_file_count) {
+                    std::uint64_t max_file_count, FileCalls& calls) {
   if (max_file_count < 2 || max_file_count > SpoolStorage::kMaxFileCount) {
     throw StorageException("SpoolStorage: Max file count must be between 2 and 10000");
   }
@@ -36,7 +36,7 @@ void CheckArguments(const std::string& path, const std::string& prefix, const Da
   if (prefix.empty()) throw StorageException("SpoolStorage: Prefix cannot be empty");
   if (formatter == nullptr) throw StorageException("SpoolStorage: dataFormatter cannot be null");
   struct stat info {};
-  if (stat(path.c_str(), &info) != 0) throw StorageException::FromErrno("SpoolStorage: Invalid Path", errno);
+  if (calls.Stat(path.c_str(), &info) != 0) throw StorageException::FromErrno("SpoolStorage: Invalid Path", errno);
   if (!S_ISDIR(info.st_mode)) throw StorageException("SpoolStorage: Path is not a directory");
   if (info.st_uid != geteuid() || (info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
     ZLOG_WARNING("SpoolStorage: Others can change what is in "
@@ -51,11 +51,11 @@ SpoolStorage::SpoolStorage(Scheduler& scheduler, const std::string& path, const 
                            std::unique_ptr<DataFormatter> formatter, const Limits& limits, std::uint64_t max_file_count,
                            util::Clock& clock, FileCalls& calls)
     : Storage(path), scheduler_(scheduler), limits_(std::make_unique<SpoolLimits>()) {
-  CheckArguments(path, prefix, formatter.get(), max_file_count);
+  CheckArguments(path, prefix, formatter.get(), max_file_count, calls);
   limits_->Apply(limits.max_disk_size_mib, limits.max_file_age_seconds, limits.max_file_size_kib);
   schedule_ = std::make_shared<SpoolStorageSchedule>([this] { worker_->Sync(); }, clock);
   worker_ = std::make_unique<SpoolWorker>(
-      std::move(formatter), SpoolDirectory(path, prefix, max_file_count - 1), *limits_,
+      std::move(formatter), SpoolDirectory(path, prefix, max_file_count - 1, calls), *limits_,
       [this](std::uint64_t seconds) { schedule_->ScheduleSync(seconds); }, calls);
   scheduler_.RegisterSchedule(schedule_);
 }

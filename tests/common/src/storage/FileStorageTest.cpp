@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <string>
 
 #include "tests/fakes/FakeDataFormatter.h"
+#include "tests/fakes/FaultyFiles.h"
 #include "tests/fakes/TempFolder.h"
 
 namespace zagent::common {
@@ -91,6 +93,20 @@ TEST_F(FileStorageTest, HasNoAsynchronousOperations) {
   EXPECT_EQ(ErrorOf([&] { storage_.WriteAsync({}, result); }), "FileStorage::WriteAsync is not implemented");
   EXPECT_FALSE(called);
   EXPECT_EQ(folder_.Read("state"), "one");
+}
+
+TEST_F(FileStorageTest, AFileWhoseAttributesCannotBeHadIsDeletedAndOneThatCannotGoIsSaid) {
+  using Call = fakes::FaultyFiles::Call;
+  fakes::FaultyFiles disk;
+  FileStorage storage(folder_ / "state", disk);
+  storage.Write(ToBytes("one"));
+  disk.Fail(Call::Unlink, EIO);
+  EXPECT_FALSE(storage.Delete(storage.Read()));
+  EXPECT_EQ(folder_.Read("state"), "one");
+  auto read = storage.Read();
+  Replace();
+  disk.Fail(Call::Stat, EIO);
+  EXPECT_TRUE(storage.Delete(std::move(read))) << "only another file that is seen there is spared";
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -47,7 +48,7 @@ class SpoolFilesTest : public ::testing::Test {
   SpoolFilesTest() { limits_.Apply(1, 600, 100); }
 
   SpoolFiles& Open(std::uint64_t max_index = 9999) {
-    files_ = std::make_unique<SpoolFiles>(SpoolDirectory(folder_.Path(), "events", max_index), limits_, disk_);
+    files_ = std::make_unique<SpoolFiles>(SpoolDirectory(folder_.Path(), "events", max_index, disk_), limits_, disk_);
     return *files_;
   }
 
@@ -220,6 +221,89 @@ TEST_F(SpoolFilesTest, NeverReadsWhatIsNoRegularFile) {
   EXPECT_EQ(ToText(files.ReadOldestFile()->data), "d");
 }
 
+TEST_F(SpoolFilesTest, NeverFollowsALinkThatTakesAFilesPlaceAsItIsOpened) {
+  Put(1, "first");
+  Put(2, "second");
+  const std::string secret = folder_.Write("secret", "secret");
+  SpoolFiles& files = Open();
+  disk_.fault = [&](Call call, const std::string& path) {
+    if (call == Call::Open && path == Path(1)) {
+      std::filesystem::remove(path);
+      std::filesystem::create_symlink(secret, path);
+    }
+    return 0;
+  };
+  EXPECT_EQ(ToText(files.ReadOldestFile()->data), "second");
+}
+
+TEST_F(SpoolFilesTest, NeverReadsWhatTakesAFilesPlaceAsItIsOpened) {
+  Put(1, "first");
+  Put(2, "second");
+  SpoolFiles& files = Open();
+  disk_.fault = [&](Call call, const std::string& path) {
+    if (call == Call::Open && path == Path(1)) {
+      std::filesystem::remove(path);
+      EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
+    }
+    return 0;
+  };
+  EXPECT_EQ(ToText(files.ReadOldestFile()->data), "second");
+}
+
+TEST_F(SpoolFilesTest, AFileThatGrowsAsItIsOpenedIsHeldAgainstTheSameBound) {
+  Put(1, "first");
+  Put(2, "second");
+  SpoolFiles& files = Open();
+  disk_.fault = [&](Call call, const std::string& path) {
+    if (call == Call::Open && path == Path(1)) std::filesystem::resize_file(path, 100 * 1024 * 1024);
+    return 0;
+  };
+  EXPECT_EQ(ToText(files.ReadOldestFile()->data), "second");
+  EXPECT_EQ(std::filesystem::file_size(folder_ / "events.aside"), 100U * 1024 * 1024);
+}
+
+TEST_F(SpoolFilesTest, AFileThatGrowsAsItIsReadGivesWhatItHeldWhenItWasOpened) {
+  Put(1, "first");
+  SpoolFiles& files = Open();
+  disk_.fault = [&](Call call, const std::string& path) {
+    if (call == Call::Read) std::filesystem::resize_file(path, 100 * 1024 * 1024);
+    return 0;
+  };
+  EXPECT_EQ(ToText(files.ReadOldestFile()->data), "first");
+}
+
+TEST_F(SpoolFilesTest, AFileWhoseAttributesCannotBeHadIsSaidAndComesLater) {
+  Put(1, "first");
+  Put(2, "second");
+  disk_.fault = [this](Call call, const std::string& path) { return call == Call::Lstat && path == Path(1) ? EIO : 0; };
+  SpoolFiles& files = Open();
+  EXPECT_EQ(files.FirstIndex(), 1U);
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "]: SpoolStorage: Failed to stat " + Path(1) + ": Input/output error (5)"))
+      << log_.All();
+  EXPECT_EQ(ToText(files.ReadOldestFile()->data), "second") << "it holds nothing up";
+  EXPECT_FALSE(files.Clear()) << "one is left";
+  disk_.fault = nullptr;
+  EXPECT_EQ(ToText(files.ReadOldestFile()->data), "first");
+}
+
+TEST_F(SpoolFilesTest, AFolderThatCannotBeListedIsAnError) {
+  Put(3, "three");
+  SpoolFiles& files = Open();
+  disk_.Fail(Call::List, EIO);
+  const auto error_of = [](const std::function<void()>& call) -> std::string {
+    try {
+      call();
+    } catch (const StorageException& error) {
+      EXPECT_EQ(error.Code(), EIO);
+      return error.what();
+    }
+    return "";
+  };
+  EXPECT_EQ(error_of([&] { files.DefragFileIndices(); }), "SpoolStorage::DefragFileIndices: Input/output error (5)");
+  EXPECT_EQ(error_of([&] { files.RefreshFileIndices(); }), "SpoolStorage::RefreshFileIndices: Input/output error (5)");
+  EXPECT_EQ(files.FirstIndex(), 3U) << "what was known is forgotten";
+}
+
 TEST_F(SpoolFilesTest, DefragmentationClosesTheGapsAndKeepsTheOrder) {
   Put(2, "a");
   Put(5, "b");
@@ -306,7 +390,13 @@ TEST_F(SpoolFilesTest, NeverDeletesAnotherFileThatGotTheNameOrTheInode) {
   read->stat_info->st_ino = other.st_ino;
   read->stat_info->st_mtim.tv_sec = other.st_mtim.tv_sec - 1;
   EXPECT_FALSE(files.Delete(*read));
+  // Within one tick of the kernel's clock the sizes do.
+  read->stat_info->st_mtim = other.st_mtim;
+  read->stat_info->st_size = other.st_size + 1;
+  EXPECT_FALSE(files.Delete(*read));
   EXPECT_EQ(Content(1, 1), "other");
+  read->stat_info->st_size = other.st_size;
+  EXPECT_TRUE(files.Delete(*read)) << "it was told from another for a reason that is none";
 }
 
 TEST_F(SpoolFilesTest, DeleteNeedsAReadFile) {
@@ -402,6 +492,34 @@ TEST_F(SpoolFilesTest, ATornFileIsRemovedAndThePayloadHandedBack) {
   EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "]: Storage: Failed to write to " + Path(1) + ": No space left on device"));
   EXPECT_EQ(files.Store(payload)->code, StorageCode::Success) << "there is room again";
   EXPECT_EQ(Content(1, 1), "precious");
+}
+
+TEST_F(SpoolFilesTest, ATornFileGoesThoughItsAttributesCannotBeHad) {
+  disk_.max_bytes = 3;
+  int writes = 0;
+  disk_.fault = [&](Call call, const std::string&) {
+    return call == Call::Fstat || (call == Call::Write && ++writes == 2) ? EIO : 0;
+  };
+  SpoolFiles& files = Open();
+  Bytes payload = ToBytes("precious");
+  EXPECT_EQ(files.Store(payload)->code, StorageCode::IOError);
+  EXPECT_EQ(ToText(payload), "precious");
+  EXPECT_FALSE(std::filesystem::exists(Path(1))) << "half a file bears a valid name";
+  // And a whole one whose name is not safe: it would be written a second time.
+  disk_.fault = [&](Call call, const std::string& path) {
+    return call == Call::Fstat || (call == Call::Fsync && path == folder_.Path()) ? EIO : 0;
+  };
+  EXPECT_EQ(files.Store(payload)->code, StorageCode::IOError);
+  EXPECT_FALSE(std::filesystem::exists(Path(1)));
+}
+
+TEST_F(SpoolFilesTest, AFileThatCouldNotBeMadeCostsNobodyElseHis) {
+  SpoolFiles& files = Open();
+  Put(1, "stale");
+  disk_.fault = [](Call call, const std::string&) { return call == Call::Open ? EMFILE : 0; };
+  Bytes payload = ToBytes("precious");
+  EXPECT_EQ(files.Store(payload)->code, StorageCode::Unknown);
+  EXPECT_EQ(Content(1, 1), "stale");
 }
 
 TEST_F(SpoolFilesTest, ATornFileThatChangedHandsStays) {

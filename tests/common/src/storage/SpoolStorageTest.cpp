@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <future>
@@ -17,6 +18,7 @@
 
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeDataFormatter.h"
+#include "tests/fakes/FaultyFiles.h"
 #include "tests/fakes/Gate.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
@@ -134,6 +136,13 @@ TEST_F(SpoolStorageTest, SaysWhatIsWrongWithItsArguments) {
   EXPECT_EQ(make(folder_.Write("file", ""), "events", 2), "SpoolStorage: Path is not a directory");
   EXPECT_EQ(make(folder_.Path(), "events", 2), "");
   EXPECT_EQ(make(folder_.Path(), "events", 10'000), "");
+  fakes::FaultyFiles disk;
+  disk.Fail(fakes::FaultyFiles::Call::Stat, EIO);
+  EXPECT_EQ(ErrorOf([&] {
+              const SpoolStorage spool(scheduler_, folder_.Path(), "events", std::make_unique<FakeDataFormatter>(), {},
+                                       2, clock_, disk);
+            }),
+            "SpoolStorage: Invalid Path: Input/output error (5)");
 }
 
 TEST_F(SpoolStorageTest, CarriesAnItemFromTheWriterThroughAFileToTheReader) {
