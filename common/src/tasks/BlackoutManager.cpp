@@ -4,6 +4,7 @@
 #include <cctype>
 #include <ctime>
 #include <optional>
+#include <utility>
 
 #include "common/src/util/Json.h"
 #include "common/src/util/Log.h"
@@ -15,7 +16,7 @@ using rapidjson::Value;
 
 constexpr std::size_t kDigits = BlackoutManager::kSlots / 4;
 constexpr int kSlotSeconds = 900;
-constexpr std::uint64_t kDaySeconds = 86'400;
+constexpr std::int64_t kDaySeconds = 86'400;
 constexpr std::uint64_t kLongestInterval = 366 * kDaySeconds;
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 constexpr const char* kNewForm = "Blackout_Events";
@@ -230,15 +231,23 @@ std::uint64_t BlackoutManager::GetSecondsToWindow(const std::string& module, Win
   while (ahead < kSlots && !(*week)[(own_slot + ahead) % kSlots]) ++ahead;
   if (ahead == 0) return 0;
   if (ahead == kSlots) {
-    // Asked at every walk of the Scheduler, said once a day.
-    if (const std::int64_t day = seconds / 86'400; last_warning_day_.exchange(day) != day) {
-      ZLOG_WARNING("RAP: Module " << module << " has no open " << NameOf(type) << " slot in the whole week.");
-    }
+    WarnOfClosedWeek(module, type);
     return kDaySeconds;
   }
   const std::int64_t wait = SecondsToSlot(seconds, local, ahead);
   ZLOG_DEBUG(module << " is currently in RAP mode. seconds to window: " << wait);
   return static_cast<std::uint64_t>(wait);
+}
+
+// Asked at every walk of the Scheduler, for whatever time; said once a day.
+void BlackoutManager::WarnOfClosedWeek(const std::string& module, WindowType type) const {
+  const std::int64_t day = util::ToNanoseconds(clock_.Now()) / kNanosecondsPerSecond / kDaySeconds;
+  {
+    const std::lock_guard lock(warning_mutex_);
+    const auto [last, first_time] = last_warning_day_.try_emplace({module, type}, day);
+    if (!first_time && std::exchange(last->second, day) == day) return;
+  }
+  ZLOG_WARNING("RAP: Module " << module << " has no open " << NameOf(type) << " slot in the whole week.");
 }
 
 const BlackoutManager::Week* BlackoutManager::Find(const std::string& module, WindowType type) const {

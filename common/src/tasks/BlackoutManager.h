@@ -1,11 +1,13 @@
 #pragma once
 
-#include <atomic>
 #include <bitset>
 #include <cstddef>
 #include <cstdint>
+#include <map>
+#include <mutex>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/src/util/Clock.h"
@@ -52,7 +54,8 @@ class BlackoutManager {
 
   // Seconds from now to the next run of something that last ran at `last_run` (nanoseconds since the epoch) and runs
   // every `interval_seconds`: the end of the interval, or the opening of the first open slot from there on. A week
-  // without an open slot is asked again a day after the end of the interval, and told in one warning a day.
+  // without an open slot is asked again a day after the end of the interval, and told in one warning a day for each
+  // module and type.
   [[nodiscard]] std::uint64_t GetSecondsToEvent(const std::string& module, WindowType type, std::int64_t last_run,
                                                 std::uint64_t interval_seconds) const;
 
@@ -68,10 +71,13 @@ class BlackoutManager {
   };
 
   [[nodiscard]] const Week* Find(const std::string& module, WindowType type) const;
+  void WarnOfClosedWeek(const std::string& module, WindowType type) const;
 
   util::Clock& clock_;
   std::vector<Module> modules_;  // in the order of the document
-  mutable std::atomic<std::int64_t> last_warning_day_{-1};
+  mutable std::mutex warning_mutex_;
+  // Of each week without an open slot.
+  mutable std::map<std::pair<std::string, WindowType>, std::int64_t> last_warning_day_;
 };
 
 }  // namespace zagent::common

@@ -133,6 +133,7 @@ TEST_F(BlackoutManagerTest, WaitsForTheStartOfTheNextOpenSlot) {
       << log_.All();
   EXPECT_TRUE(log_.Has(Message::PRIO_DEBUG, "FIM is currently in RAP mode. seconds to window: 900"));
   EXPECT_TRUE(log_.Has(Message::PRIO_TRACE, "]: RAP: Module FIM windowType = Network"));
+  EXPECT_TRUE(log_.Has(Message::PRIO_TRACE, "]: Current time: ")) << log_.All();
   EXPECT_TRUE(log_.Has(Message::PRIO_TRACE, ", seconds to Event: 900"));
 }
 
@@ -144,10 +145,34 @@ TEST_F(BlackoutManagerTest, TheLastSlotOfTheWeekWaitsForTheNextWeek) {
 
 TEST_F(BlackoutManagerTest, AWeekWithoutAnOpenSlotIsAskedAgainTomorrowAndSaidOnceADay) {
   const BlackoutManager manager(Document(kClosed), clock_);
-  for (int i = 0; i < 10; ++i) EXPECT_EQ(Wait(manager, 5), kDay);
+  SetNow(5);
+  // Asked for today and for tomorrow in turns, it is still said today.
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_EQ(Wait(manager, 5), kDay);
+    EXPECT_EQ(Wait(manager, 5 + kDay), kDay);
+  }
   EXPECT_EQ(log_.Count("RAP: Module FIM has no open Network slot in the whole week."), 1) << log_.All();
+  SetNow(5 + kDay);
   EXPECT_EQ(Wait(manager, 5 + kDay), kDay);
   EXPECT_EQ(log_.Count("RAP: Module FIM has no open Network slot in the whole week."), 2);
+}
+
+TEST_F(BlackoutManagerTest, EachModuleAndTypeHasItsOwnWarning) {
+  const BlackoutManager manager(
+      R"({"Blackout_Events":[{"@ID":"FIM","@NETWORK_BLACKOUT":")" + kClosed + R"(","@ACTIVITY_BLACKOUT":")" + kClosed +
+          R"("},{"@ID":"IOC","@NETWORK_BLACKOUT":")" + kClosed + R"(","@ACTIVITY_BLACKOUT":")" + kOpen + R"("}]})",
+      clock_);
+  for (int i = 0; i < 10; ++i) {
+    for (const char* module : {"FIM", "IOC"}) {
+      for (const Type type : {Type::Network, Type::Activity})
+        EXPECT_EQ(manager.GetSecondsToWindow(module, type, clock_.Now()) != 0,
+                  module[0] == 'F' || type == Type::Network);
+    }
+  }
+  EXPECT_EQ(log_.Count("RAP: Module FIM has no open Network slot in the whole week."), 1) << log_.All();
+  EXPECT_EQ(log_.Count("RAP: Module FIM has no open Activity slot in the whole week."), 1);
+  EXPECT_EQ(log_.Count("RAP: Module IOC has no open Network slot in the whole week."), 1);
+  EXPECT_EQ(log_.Count("has no open"), 3);
 }
 
 TEST_F(BlackoutManagerTest, TheTwoSchedulesOfAModuleAreItsOwn) {
