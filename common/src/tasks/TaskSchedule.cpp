@@ -54,11 +54,11 @@ std::uint64_t TaskSchedule::Post(Task task, std::uint64_t bytes, std::uint64_t l
   bool serving = false;
   bool asleep = false;
   {
-    const std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
     if (stop_requested_) return kRefused;
     if (limit != kNoLimit && waiting_bytes_ + bytes > limit) {
       ++refused_;
-      ReportRefusals();
+      ReportRefusals(lock);
       return kRefused;
     }
     tasks_.push_back({last_number_ + 1, bytes, std::move(task)});
@@ -121,14 +121,12 @@ bool TaskSchedule::Await(const Scheduler& scheduler, Task task, std::uint64_t by
 void TaskSchedule::Close() {
   std::deque<Entry> left;
   {
-    const std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
     stop_requested_ = true;
     left.swap(tasks_);
     waiting_bytes_ = 0;
-    if (refused_ != 0) {
-      next_warning_ = util::Clock::SystemTime::min();
-      ReportRefusals();
-    }
+    next_warning_ = util::Clock::SystemTime::min();
+    ReportRefusals(lock);
   }
   runner_ = std::this_thread::get_id();
   for (; !left.empty(); left.pop_front()) Guarded(left.front().task);
@@ -136,6 +134,17 @@ void TaskSchedule::Close() {
 }
 
 void TaskSchedule::Execute() {
+  try {
+    Serve();
+  } catch (...) {
+    // A queue whose run is believed to be there would never be served again.
+    EndRun();
+    throw;
+  }
+  EndRun();
+}
+
+void TaskSchedule::Serve() {
   runner_ = std::this_thread::get_id();
   {
     const std::lock_guard lock(mutex_);
@@ -151,9 +160,19 @@ void TaskSchedule::Execute() {
       task = nullptr;
     }
   }
+}
+
+void TaskSchedule::EndRun() {
   runner_ = std::thread::id();
+  bool more = false;
+  {
+    const std::lock_guard lock(mutex_);
+    serving_ = false;
+    asleep_ = false;
+    more = !tasks_.empty();
+  }
   // What this run leaves, the next one serves.
-  if (HasTasks()) RunNow();
+  if (more) RunNow();
   Schedule::Execute();
 }
 
@@ -162,7 +181,7 @@ TaskSchedule::Turn TaskSchedule::AwaitTurn(Task& task) {
   std::optional<util::Clock::SystemTime> idle_end;
   std::uint64_t rechecks = rechecks_;
   for (;;) {
-    ReportRefusals();
+    ReportRefusals(lock);
     if (const std::optional<Turn> turn = NextTurn(task)) return *turn;
     if (policy_.idle && (!idle_end || rechecks != rechecks_)) idle_end = clock_.Now() + *policy_.idle;
     if (idle_end && *idle_end <= clock_.Now()) return Leave();
@@ -244,11 +263,6 @@ void TaskSchedule::WakeCallers() {
   answered_.notify_all();
 }
 
-bool TaskSchedule::HasTasks() {
-  const std::lock_guard lock(mutex_);
-  return !tasks_.empty();
-}
-
 bool TaskSchedule::CanRunTasks(const Scheduler& scheduler) const {
   return IsRunning() || (registered_ && scheduler.IsRunning());
 }
@@ -265,12 +279,15 @@ void TaskSchedule::LogFailure(const std::exception& error) {
   ZLOG_ERROR("Failed to execute background task: " << error.what());
 }
 
-void TaskSchedule::ReportRefusals() {
+void TaskSchedule::ReportRefusals(std::unique_lock<std::mutex>& lock) {
   const util::Clock::SystemTime now = clock_.Now();
   if (refused_ == 0 || now < next_warning_) return;
-  ZLOG_WARNING(policy_.owner << ": Refused " << refused_ << " operations: the task queue is full.");
-  refused_ = 0;
+  const std::uint64_t refused = std::exchange(refused_, 0);
   next_warning_ = now + kWarningInterval;
+  // A log that is slow, or waits for its disk, must not hold up whoever posts.
+  lock.unlock();
+  ZLOG_WARNING(policy_.owner << ": Refused " << refused << " operations: the task queue is full.");
+  lock.lock();
 }
 
 }  // namespace zagent::common

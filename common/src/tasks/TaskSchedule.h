@@ -130,12 +130,14 @@ class TaskSchedule : public Schedule {
   bool MustLeave();
   Turn Leave();
   void Sleep(std::unique_lock<std::mutex>& lock, std::optional<util::Clock::SystemTime> until);
-  void ReportRefusals();
+  // Leaves the lock for the log line: what was looked at before may have changed.
+  void ReportRefusals(std::unique_lock<std::mutex>& lock);
   // And without:
+  void Serve();
+  void EndRun();
   void Guarded(const std::function<void()>& work);
   void StopAccepting();
   void WakeCallers();
-  bool HasTasks();
   [[nodiscard]] bool CanRunTasks(const Scheduler& scheduler) const;
 
   const Policy policy_;

@@ -1,7 +1,6 @@
 #include "common/src/tasks/AsyncTask.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <atomic>
 #include <functional>
@@ -13,6 +12,7 @@
 
 #include "tests/fakes/Gate.h"
 #include "tests/fakes/LogCapture.h"
+#include "tests/fakes/NoMoreThreads.h"
 
 namespace zagent::common {
 namespace {
@@ -20,6 +20,7 @@ namespace {
 using fakes::Eventually;
 using fakes::Gate;
 using fakes::kTestPatience;
+using fakes::NoMoreThreads;
 
 class ScriptedTask final : public AsyncTask {
  public:
@@ -45,28 +46,6 @@ class ScriptedTask final : public AsyncTask {
 
  private:
   std::function<void(ScriptedTask&)> work_;
-};
-
-// Makes every new thread fail while it lives: no address space holds a stack of this size.
-class NoMoreThreads {
- public:
-  NoMoreThreads() {
-    pthread_getattr_default_np(&old_);
-    pthread_attr_t huge;
-    pthread_getattr_default_np(&huge);
-    pthread_attr_setstacksize(&huge, std::size_t{1} << 46);
-    pthread_setattr_default_np(&huge);
-    pthread_attr_destroy(&huge);
-  }
-  NoMoreThreads(const NoMoreThreads&) = delete;
-  NoMoreThreads& operator=(const NoMoreThreads&) = delete;
-  ~NoMoreThreads() {
-    pthread_setattr_default_np(&old_);
-    pthread_attr_destroy(&old_);
-  }
-
- private:
-  pthread_attr_t old_{};
 };
 
 TEST(AsyncTaskTest, RunsOnAThreadOfItsOwnAndIsIdleAgainAfterwards) {

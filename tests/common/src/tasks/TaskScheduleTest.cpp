@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "common/src/tasks/Answer.h"
@@ -18,6 +19,8 @@
 #include "tests/fakes/FakeSchedule.h"
 #include "tests/fakes/Gate.h"
 #include "tests/fakes/LogCapture.h"
+#include "tests/fakes/NoMoreThreads.h"
+#include "tests/fakes/SleepingCall.h"
 
 namespace zagent::common {
 namespace {
@@ -25,8 +28,43 @@ namespace {
 using fakes::Eventually;
 using fakes::Gate;
 using fakes::kTestPatience;
+using fakes::SleepingCall;
 using Poco::Message;
 using std::chrono::seconds;
+
+// Whose runs find no thread.
+class UnstartableTasks final : public TaskSchedule {
+ public:
+  UnstartableTasks() : TaskSchedule(10) {}
+  ~UnstartableTasks() override { Cancel(); }
+  void Start() override { throw std::runtime_error("no thread"); }
+};
+
+// Whose log lines find no memory.
+class TasksThatCannotLog final : public TaskSchedule {
+ public:
+  TasksThatCannotLog() : TaskSchedule(10) {}
+  ~TasksThatCannotLog() override { Cancel(); }
+
+ protected:
+  void LogFailure(const std::exception&) override { throw std::runtime_error("no memory for the line"); }
+};
+
+// A log that stops whoever writes a line.
+class StopAtLine final : public Poco::Channel {
+ public:
+  explicit StopAtLine(std::string text) : text_(std::move(text)) {}
+  void log(const Poco::Message& message) override {
+    if (message.getText().find(text_) == std::string::npos) return;
+    stopped.Open();
+    EXPECT_TRUE(go_on.Await());
+  }
+  Gate stopped;
+  Gate go_on;
+
+ private:
+  const std::string text_;
+};
 
 class TaskScheduleTest : public ::testing::Test {
  protected:
@@ -234,36 +272,90 @@ TEST_F(TaskScheduleTest, ACallFailsAtOnceWhenNothingRunsTheTasks) {
   EXPECT_FALSE(stray->Await(other, [] { FAIL() << "it ran"; }));
 }
 
-TEST_F(TaskScheduleTest, ACallThatWaitsForItsTurnEndsWithTheScheduler) {
-  // The timer thread is held up, so that no run starts.
-  Gate held;
-  Gate let_go;
-  const auto holder =
-      std::make_shared<fakes::FakeSchedule>([](fakes::FakeSchedule& self) { self.next = fakes::FakeSchedule::kNever; });
-  holder->next = 0;
-  holder->start = [&] {
-    held.Open();
-    EXPECT_TRUE(let_go.Await());
-  };
-  scheduler_.RegisterSchedule(holder);
-  ASSERT_TRUE(held.Await());
-  auto call = std::async(std::launch::async, [&] { return tasks_->Await(scheduler_, [] {}); });
-  EXPECT_EQ(call.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
-  auto stop = std::async(std::launch::async, [&] { scheduler_.Stop(); });
-  let_go.Open();
-  ASSERT_TRUE(IsReady(call)) << "it waits for a Scheduler that is gone";
-  ASSERT_TRUE(IsReady(stop));
+TEST_F(TaskScheduleTest, ACallThatNoRunServesEndsWithTheScheduler) {
+  const auto tasks = std::make_shared<UnstartableTasks>();
+  scheduler_.RegisterSchedule(tasks);
+  SleepingCall<bool> call([&] { return tasks->Await(scheduler_, [] { ADD_FAILURE() << "it ran"; }); });
+  ASSERT_TRUE(call.AwaitAsleep());
+  scheduler_.Stop();
+  ASSERT_TRUE(call.AwaitEnd()) << "it waits for a Scheduler that is gone";
+  EXPECT_FALSE(call.Get());
 }
 
-TEST_F(TaskScheduleTest, ACallThatWaitsEndsWhenTheScheduleIsUnregistered) {
+TEST_F(TaskScheduleTest, ACallThatNoRunServesEndsWhenTheScheduleIsUnregistered) {
+  const auto tasks = std::make_shared<UnstartableTasks>();
+  scheduler_.RegisterSchedule(tasks);
+  SleepingCall<bool> call([&] { return tasks->Await(scheduler_, [] { ADD_FAILURE() << "it ran"; }); });
+  ASSERT_TRUE(call.AwaitAsleep());
+  scheduler_.UnregisterSchedule(tasks);
+  const bool ended = call.AwaitEnd();
+  scheduler_.Stop();  // lets it go in any case
+  ASSERT_TRUE(ended) << "it waits for a Scheduler that has forgotten its schedule";
+  EXPECT_FALSE(call.Get());
+}
+
+TEST_F(TaskScheduleTest, ACallThatWaitsBehindATaskIsServedThoughTheScheduleIsUnregistered) {
   const auto release = Block();
-  auto call = std::async(std::launch::async, [&] { return tasks_->Await(scheduler_, [] {}); });
+  SleepingCall<bool> call([&] { return tasks_->Await(scheduler_, [] {}); });
+  ASSERT_TRUE(call.AwaitAsleep());
   auto unregistered = std::async(std::launch::async, [&] { scheduler_.UnregisterSchedule(tasks_); });
   ASSERT_TRUE(Eventually([&] { return tasks_->IsCancelling(); }));
   release->Open();
   ASSERT_TRUE(IsReady(unregistered));
-  // Served if it came before the cancel, refused if after it.
-  ASSERT_TRUE(IsReady(call));
+  ASSERT_TRUE(call.AwaitEnd());
+  EXPECT_TRUE(call.Get());
+}
+
+TEST_F(TaskScheduleTest, ATaskWhoseRunFoundNoThreadRunsAtTheNextTry) {
+  Gate ran;
+  {
+    const fakes::NoMoreThreads no_more_threads;
+    EXPECT_TRUE(tasks_->AddTask([&] { ran.Open(); }));
+    ASSERT_TRUE(Eventually([&] { return log_.Has("Scheduler: Schedule exeution failed: "); }));
+    ASSERT_TRUE(SleepsFor(seconds(10)));
+  }
+  clock_.Advance(seconds(10));
+  EXPECT_TRUE(ran.Await()) << "nobody remembers that there is a task";
+}
+
+TEST_F(TaskScheduleTest, AFailureThatLeavesTheRunLeavesNoDeadQueue) {
+  const auto tasks = std::make_shared<TasksThatCannotLog>();
+  scheduler_.RegisterSchedule(tasks);
+  const std::shared_ptr<Gate> release = Block();  // another schedule: the timer thread is free
+  tasks->AddTask([] { throw std::runtime_error("broken task"); });
+  ASSERT_TRUE(Eventually([&] { return log_.Has("AsyncTask::OnExecute: no memory for the line"); })) << log_.All();
+  SleepingCall<bool> call([&] { return tasks->Await(scheduler_, [] {}); });
+  const bool ended = call.AwaitEnd();
+  release->Open();
+  scheduler_.Stop();
+  ASSERT_TRUE(ended) << "a run is believed to be there";
+  EXPECT_TRUE(call.Get());
+  EXPECT_FALSE(tasks->IsOwnThread());
+}
+
+TEST_F(TaskScheduleTest, WhatWaitsBehindAFailureThatLeavesTheRunIsServed) {
+  const auto tasks = std::make_shared<TasksThatCannotLog>();
+  Gate ran;
+  tasks->AddTask([] { throw std::runtime_error("broken task"); });
+  tasks->AddTask([&] { ran.Open(); });
+  scheduler_.RegisterSchedule(tasks);
+  EXPECT_TRUE(ran.Await());
+}
+
+TEST_F(TaskScheduleTest, TheWarningAboutRefusalsHoldsNobodyUp) {
+  Poco::AutoPtr<StopAtLine> slow(new StopAtLine("Refused 1 operations"));
+  Poco::Logger& logger = Poco::Logger::get("edr");
+  const Poco::Channel::Ptr log = logger.getChannel();
+  const auto release = Block();
+  logger.setChannel(slow);
+  auto refused = std::async(std::launch::async, [&] { return tasks_->Post([] {}, 2, 1); });
+  EXPECT_TRUE(slow->stopped.Await());
+  auto accepted = std::async(std::launch::async, [&] { return tasks_->Post([] {}); });
+  EXPECT_TRUE(IsReady(accepted)) << "it waits for the log";
+  slow->go_on.Open();
+  EXPECT_EQ(refused.get(), TaskSchedule::kRefused);
+  logger.setChannel(log);
+  release->Open();
 }
 
 TEST_F(TaskScheduleTest, AClockThatIsSetBackDoesNotKeepAnIdleThread) {
@@ -321,6 +413,9 @@ TEST(TaskScheduleStormTest, TwoHundredThousandTasksOfFourThreadsAreServedInTimeB
   scheduler.RegisterSchedule(tasks);
   scheduler.RegisterSchedule(bystander);
   scheduler.Start();
+  // From its first task on, one run serves them all: the Scheduler has nothing more to do than to end its last walk.
+  ASSERT_TRUE(tasks->Await(scheduler, [] {}));
+  const int walks = bystander->asked;
   std::atomic<std::uint64_t> served{0};
   std::atomic<std::int64_t> longest{0};
   std::vector<std::thread> producers;
@@ -341,9 +436,7 @@ TEST(TaskScheduleStormTest, TwoHundredThousandTasksOfFourThreadsAreServedInTimeB
   EXPECT_EQ(served, std::uint64_t{kThreads} * kEach);
   EXPECT_LT(std::chrono::nanoseconds(longest), seconds(1));
   scheduler.Stop();
-  // A run costs three walks, its beginning and the two wake-ups of its end; how many runs it takes is up to how the
-  // threads are served. A walk for each task would be a thousand times as many.
-  EXPECT_LE(bystander->asked, kThreads * kEach / 100) << "the timer thread walks for nothing";
+  EXPECT_LE(bystander->asked, walks + 2) << "the timer thread walks for nothing";
 }
 
 }  // namespace
