@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <functional>
 #include <future>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -21,6 +22,7 @@
 #include "tests/fakes/FaultyFiles.h"
 #include "tests/fakes/Gate.h"
 #include "tests/fakes/LogCapture.h"
+#include "tests/fakes/SleepingCall.h"
 #include "tests/fakes/TempFolder.h"
 
 namespace zagent::common {
@@ -388,15 +390,17 @@ TEST_F(SpoolStorageTest, ASynchronousCallThatWaitsEndsWithTheScheduler) {
   // The run is cancelled while the call waits behind a long task: that run still serves it.
   SpoolStorage& spool = Open();
   const auto release = Block();
-  auto read = std::async(std::launch::async, [&] { return spool.Read()->code; });
-  auto stop = std::async(std::launch::async, [&] { scheduler_.Stop(); });
-  EXPECT_EQ(stop.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+  fakes::SleepingCall<StorageCode> read([&] { return spool.Read()->code; });
+  ASSERT_TRUE(read.AwaitAsleep());
+  fakes::SleepingCall<bool> stop([&] {
+    scheduler_.Stop();
+    return true;
+  });
+  ASSERT_TRUE(stop.AwaitAsleep()) << "it does not wait for the run";
   release->Open();
-  ASSERT_EQ(stop.wait_for(kTestPatience), std::future_status::ready);
-  // Whether its task came before or after the cancel: the caller hears of it.
-  ASSERT_EQ(read.wait_for(kTestPatience), std::future_status::ready);
-  const StorageCode code = read.get();
-  EXPECT_TRUE(code == StorageCode::NotFound || code == StorageCode::Unknown);
+  ASSERT_TRUE(stop.AwaitEnd());
+  ASSERT_TRUE(read.AwaitEnd());
+  EXPECT_EQ(read.Get(), StorageCode::NotFound);
 }
 
 TEST_F(SpoolStorageTest, WhatWaitsIsBoundedByTheDiskLimit) {
@@ -476,11 +480,11 @@ TEST_F(SpoolStorageTest, ASynchronousCallGetsThroughAFullQueue) {
   SpoolStorage& spool = Open({1, 60, 512});
   const auto release = Block();
   for (int i = 0; i < 5; ++i) spool.WriteAsync(Bytes(kMib / 2 - 384, 'x'), {});
-  auto read = std::async(std::launch::async, [&] { return spool.Read()->code; });
-  EXPECT_EQ(read.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+  fakes::SleepingCall<StorageCode> read([&] { return spool.Read()->code; });
+  ASSERT_TRUE(read.AwaitAsleep());
   release->Open();
-  ASSERT_EQ(read.wait_for(kTestPatience), std::future_status::ready);
-  EXPECT_EQ(read.get(), StorageCode::Success);
+  ASSERT_TRUE(read.AwaitEnd());
+  EXPECT_EQ(read.Get(), StorageCode::Success);
 }
 
 TEST_F(SpoolStorageTest, UpdateChangesTheLimitsInTheirTurn) {
@@ -588,6 +592,42 @@ TEST_F(SpoolStorageTest, AFifoInPlaceOfAFileBlocksNobody) {
   folder_.Write("events.0002", "item");
   SpoolStorage& spool = Open();
   EXPECT_EQ(ToText(spool.Read()->data), "item");
+}
+
+TEST(SpoolStorageStormTest, AThousandSpoolsComeAndGoAndLeaveNothingBehind) {
+  const auto count = [](const char* folder) {
+    return std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator());
+  };
+  const fakes::TempFolder folder;
+  fakes::FaultyFiles disk;
+  disk.really_sync = false;
+  Scheduler scheduler;
+  scheduler.Start();
+  const auto descriptors = count("/proc/self/fd");
+  const auto threads = count("/proc/self/task");
+  std::atomic<int> answers{0};
+  for (int i = 0; i < 1000; ++i) {
+    SpoolStorage spool(scheduler, folder.Path(), "events", std::make_unique<FakeDataFormatter>(), {1, 600, 1},
+                       SpoolStorage::kMaxFileCount, util::Clock::Real(), disk);
+    for (const char* item : {"one ", "two"}) {
+      spool.WriteAsync(ToBytes(item), [&](std::unique_ptr<StorageResult> result) {
+        EXPECT_EQ(result->code, StorageCode::Success);
+        ++answers;
+      });
+    }
+    // Some end before their thread is there, some in its middle, some behind it.
+    if (i % 2 == 0) {
+      auto read = spool.Read();
+      if (i > 0) {
+        EXPECT_EQ(ToText(read->data), "one two") << "at start " << i;
+        EXPECT_TRUE(spool.Delete(std::move(read)));
+      }
+    }
+  }
+  EXPECT_EQ(answers, 2000);
+  EXPECT_EQ(count("/proc/self/fd"), descriptors);
+  EXPECT_EQ(count("/proc/self/task"), threads);
+  EXPECT_EQ(count(folder.Path().c_str()), 1000 - 499);
 }
 
 TEST(SpoolStorageStormTest, ManyWritersAndOneReaderLoseNothing) {

@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <string>
 
 #include "common/src/storage/SqlException.h"
 #include "tests/common/src/storage/SqlStorageFixture.h"
+#include "tests/fakes/SleepingCall.h"
 #include "tests/fakes/WhatOf.h"
 
 namespace zagent::common {
@@ -37,6 +39,30 @@ TEST_F(SqlStorageTest, AKeyThatIsNotThereIsNoFailure) {
   Open();
   EXPECT_TRUE(storage_->Read("Items", "nobody").empty());
   EXPECT_EQ(WhatOf([&] { storage_->Read("Items", ""); }), "SqlStorage: 'key' is empty");
+}
+
+TEST_F(SqlStorageTest, AStatementWaitsForANeighbourABoundedTime) {
+  Open();
+  const auto neighbour = Neighbour();
+  neighbour->Execute("BEGIN EXCLUSIVE");
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(WhatOf([&] { Write("a", "1"); }), "Failed to execute query");
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(250));
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "': database is locked")) << log_.All();
+  neighbour->Execute("COMMIT");
+  Write("a", "2");
+  EXPECT_EQ(TextOf("a"), "2");
+}
+
+TEST_F(SqlStorageTest, AStatementGoesOnWhenTheNeighbourLetsGo) {
+  Open();
+  const auto neighbour = Neighbour();
+  neighbour->Execute("BEGIN EXCLUSIVE");
+  fakes::SleepingCall<std::string> write([&] { return WhatOf([&] { Write("a", "1"); }); });
+  ASSERT_TRUE(write.AwaitAsleep()) << "it does not wait";
+  neighbour->Execute("COMMIT");
+  EXPECT_EQ(write.Get(), "nothing was thrown");
+  EXPECT_EQ(TextOf("a"), "1");
 }
 
 TEST_F(SqlStorageTest, ReadAllGivesEveryRowOfATable) {
