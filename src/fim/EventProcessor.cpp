@@ -38,9 +38,10 @@ void LogWriteFailure(const std::string& reason) {
 }
 
 void OnWritten(std::unique_ptr<common::StorageResult> result) {
-  if (result == nullptr || result->code != common::StorageCode::Success) {
+  // A code without the document tells of what the spool held before it, and the spool has told the log.
+  if (result == nullptr || (result->code != common::StorageCode::Success && !result->data.empty())) {
     LogWriteFailure("");
-  } else {
+  } else if (result->code == common::StorageCode::Success) {
     ZLOG_DEBUG("Event json written to disc successfully");
   }
 }

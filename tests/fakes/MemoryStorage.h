@@ -21,8 +21,10 @@ class MemoryStorage final : public common::Storage {
   std::vector<std::string> written;
   // Larger items are refused as a spool refuses them: with an exception.
   std::size_t max_item_size = static_cast<std::size_t>(-1);
-  // What the callbacks of writes answer.
+  // What the callbacks of writes answer. With another code than Success the item is refused and handed back, unless
+  // only the flush of what came before it has failed.
   common::StorageCode write_code = common::StorageCode::Success;
+  bool only_flush_fails = false;
   // Read answers this instead of a file, unless it is Success.
   common::StorageCode read_code = common::StorageCode::Success;
   // Names of files that cannot be deleted.
@@ -72,9 +74,13 @@ class MemoryStorage final : public common::Storage {
     if (data.size() > max_item_size) {
       throw common::StorageException("SpoolStorage::WriteAsync: data is larger than max file size");
     }
-    written.emplace_back(data.begin(), data.end());
     auto result = std::make_unique<common::StorageResult>();
     result->code = write_code;
+    if (write_code == common::StorageCode::Success || only_flush_fails) {
+      written.emplace_back(data.begin(), data.end());
+    } else {
+      result->data = std::move(data);
+    }
     return result;
   }
   std::unique_ptr<common::StorageResult> Append(common::Bytes, std::unique_ptr<common::StorageResult>) override {

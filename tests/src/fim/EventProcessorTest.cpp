@@ -166,6 +166,16 @@ TEST_F(EventProcessorTest, AFailedWriteIsLoggedByItsCallback) {
   EXPECT_FALSE(log_.Has("Event json written to disc successfully"));
 }
 
+TEST_F(EventProcessorTest, AFlushThatFailsIsNoLossOfTheEventThatMetIt) {
+  AddRule("r1");
+  storage_.write_code = common::StorageCode::IOError;
+  storage_.only_flush_fails = true;
+  processor_.PostProcess({"r1"}, Event(EventType::Delete, "file"));
+  EXPECT_EQ(storage_.written.size(), 1U);
+  EXPECT_FALSE(log_.Has("Failed to write Event json to disc"));
+  EXPECT_FALSE(log_.Has("Event json written to disc successfully"));
+}
+
 TEST_F(EventProcessorTest, ItsEndIsLogged) {
   { const EventProcessor processor(rules_, storage_); }
   EXPECT_TRUE(log_.Has("[FIM]: Destroying EventProcessor"));
