@@ -27,11 +27,11 @@ EventProcessingThread::EventProcessingThread(edr::EventRuleEngine& rule_engine, 
                                              std::uint64_t memory_limit, IntakeReports reports,
                                              common::util::Clock& clock)
     : EventProcessingThread(rule_engine, cpu_limit, memory_limit, std::move(reports), clock,
-                            MakeLoadProbe(cpu_limit, memory_limit, clock)) {}
+                            common::MakeLoadProbe(cpu_limit, memory_limit, clock)) {}
 
 EventProcessingThread::EventProcessingThread(edr::EventRuleEngine& rule_engine, std::uint64_t cpu_limit,
                                              std::uint64_t memory_limit, IntakeReports reports,
-                                             common::util::Clock& clock, LoadProbe load)
+                                             common::util::Clock& clock, common::LoadProbe load)
     : max_queue_events_(QueueLimitFor(memory_limit * load.total_memory_kb / 100)),
       load_(std::move(load)),
       cpu_limit_(cpu_limit),

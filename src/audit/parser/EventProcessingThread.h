@@ -9,9 +9,9 @@
 #include <mutex>
 #include <vector>
 
+#include "common/src/tasks/LoadProbe.h"
 #include "common/src/util/Clock.h"
 #include "src/audit/parser/IntakeReports.h"
-#include "src/audit/parser/LoadProbe.h"
 #include "src/edr/Event.h"
 #include "src/edr/EventRuleEngine.h"
 
@@ -36,7 +36,7 @@ class EventProcessingThread {
   EventProcessingThread(edr::EventRuleEngine& rule_engine, std::uint64_t cpu_limit, std::uint64_t memory_limit,
                         IntakeReports reports, common::util::Clock& clock = common::util::Clock::Real());
   EventProcessingThread(edr::EventRuleEngine& rule_engine, std::uint64_t cpu_limit, std::uint64_t memory_limit,
-                        IntakeReports reports, common::util::Clock& clock, LoadProbe load);
+                        IntakeReports reports, common::util::Clock& clock, common::LoadProbe load);
   EventProcessingThread(const EventProcessingThread&) = delete;
   EventProcessingThread& operator=(const EventProcessingThread&) = delete;
   ~EventProcessingThread();
@@ -74,7 +74,7 @@ class EventProcessingThread {
   std::condition_variable space_condition_;
   Events queue_;
   std::uint64_t max_queue_events_;
-  LoadProbe load_;
+  common::LoadProbe load_;
   std::uint64_t cpu_limit_;
   edr::EventRuleEngine& rule_engine_;
   IntakeReports reports_;

@@ -23,7 +23,7 @@ ParserThread::Seams ThisMachine(internal::FileContext context, std::uint64_t cpu
                                 common::util::Clock& clock) {
   if (!context.digests) context.digests = std::make_shared<common::util::DigestCache>(clock);
   return {internal::MakeEventFactory(std::move(context)),
-          [cpu_limit, memory_limit, &clock] { return MakeLoadProbe(cpu_limit, memory_limit, clock); }};
+          [cpu_limit, memory_limit, &clock] { return common::MakeLoadProbe(cpu_limit, memory_limit, clock); }};
 }
 
 }  // namespace

@@ -10,13 +10,13 @@
 #include <mutex>
 #include <vector>
 
+#include "common/src/tasks/LoadProbe.h"
 #include "common/src/util/Clock.h"
 #include "src/audit/channels/IOChannel.h"
 #include "src/audit/events/FileContext.h"
 #include "src/audit/parser/AuparseFeed.h"
 #include "src/audit/parser/EventProcessingThread.h"
 #include "src/audit/parser/IntakeReports.h"
-#include "src/audit/parser/LoadProbe.h"
 #include "src/edr/EventRuleEngine.h"
 #include "src/edr/LibMagicWrapper.h"
 
@@ -33,7 +33,7 @@ class ParserThread {
   // What a test puts in the place of the program's event classes and of this machine.
   struct Seams {
     internal::EventFactory build_events;
-    std::function<LoadProbe()> make_load_probe;  // called once for each stage
+    std::function<common::LoadProbe()> make_load_probe;  // called once for each stage
   };
 
   // Limits in percent. Installs the read callback on the channel, which must be stopped now and when this object goes.
@@ -90,7 +90,7 @@ class ParserThread {
   std::condition_variable data_condition_;
   bool idle_ = true;  // nothing is buffered in auparse
   std::uint64_t cpu_limit_;
-  LoadProbe load_;
+  common::LoadProbe load_;
   EventProcessingThread event_processing_thread_;
   IntakeReports reports_;
   bool closed_ = false;  // the loop has ended; under queue_mutex_

@@ -73,11 +73,11 @@ class EventProcessingThreadTest : public testing::Test {
   // A limit of no memory at all gives the smallest queue: 10,000 events.
   std::unique_ptr<EventProcessingThread> stage_ =
       std::make_unique<EventProcessingThread>(engine_, kCpuLimit, 0, Reports(), clock_,
-                                              LoadProbe{[this]() -> float {
-                                                          on_measure_();
-                                                          return cpu_usage_;
-                                                        },
-                                                        4'000'000});
+                                              common::LoadProbe{[this]() -> float {
+                                                                  on_measure_();
+                                                                  return cpu_usage_;
+                                                                },
+                                                                [] { return 0.0F; }, 4'000'000});
 };
 
 TEST_F(EventProcessingThreadTest, QueueSizeFollowsTheAllowedMemory) {
@@ -93,7 +93,7 @@ TEST_F(EventProcessingThreadTest, QueueSizeFollowsTheAllowedMemory) {
 TEST_F(EventProcessingThreadTest, TakesItsShareOfTheTotalMemory) {
   // 5 percent of 4 million KB are 200,000 KB.
   const EventProcessingThread stage(engine_, kCpuLimit, 5, Reports(), clock_,
-                                    LoadProbe{[] { return 0.0F; }, 4'000'000});
+                                    common::LoadProbe{[] { return 0.0F; }, [] { return 0.0F; }, 4'000'000});
   EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_DEBUG, "Setting processing queue size to 60000 events")) << lines_.All();
 }
 

@@ -64,22 +64,22 @@ class ParserThreadTest : public testing::Test {
   // Threads first: what they use stands below.
   ~ParserThreadTest() override { parser_.reset(); }
 
-  LoadProbe ParserProbe() {
+  common::LoadProbe ParserProbe() {
     return {[this]() -> float {
               if (cpu_fails_) throw std::runtime_error("no /proc");
               return pause_at_.count(++measured_) != 0 ? 100.0F : cpu_usage_.load();
             },
-            4'000'000};
+            [] { return 0.0F; }, 4'000'000};
   }
-  LoadProbe StageProbe() {
+  common::LoadProbe StageProbe() {
     return {[this]() -> float {
               if (stage_fails_) throw std::runtime_error("no /proc");
               return 0;
             },
-            4'000'000};
+            [] { return 0.0F; }, 4'000'000};
   }
-  static LoadProbe IdleProbe() {
-    return {[] { return 0.0F; }, 4'000'000};
+  static common::LoadProbe IdleProbe() {
+    return {[] { return 0.0F; }, [] { return 0.0F; }, 4'000'000};
   }
   IntakeReports Reports() {
     return {counters_, [this](const std::string& cause) { ended_.Put(cause); }, [this] { ++resumed_; }};

@@ -61,7 +61,7 @@ class IntakeStopTest : public testing::Test {
                             clock_};
   audit::EventProcessingThread stage_{engine_, 100,
                                       0,       audit::IntakeReports{counters_, [](const std::string&) {}},
-                                      clock_,  audit::LoadProbe{[] { return 0.0F; }, 4'000'000}};
+                                      clock_,  common::LoadProbe{[] { return 0.0F; }, [] { return 0.0F; }, 4'000'000}};
 };
 
 TEST_F(IntakeStopTest, AStopDoesNotWaitForAHundredThousandEventsThatAreDue) {
