@@ -1,5 +1,6 @@
-// What durable storage costs: the producer's share of a write into a spool, and the spool's own time against plain
-// writes and syncs of the same files. The files lie in a folder of TMPDIR, on whatever disk that is.
+// What durable storage costs: the producer's share of a write into a spool, the spool's own time against plain writes
+// and syncs of the same files, and a database's against the same statements by SQLite's own interface. The files lie in
+// a folder of TMPDIR, on whatever disk that is.
 //
 //   storage_bench
 #include <fcntl.h>
@@ -19,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "bench/SqlBench.h"
 #include "common/src/storage/SpoolStorage.h"
 #include "common/src/tasks/Scheduler.h"
 #include "common/src/util/UniqueFd.h"
@@ -156,8 +158,10 @@ int Run() {
               producer.median, producer.p999);
   std::printf("%d files of %zu bytes through a spool   %8.3f s\n", kFiles, kFileSize, spool);
   std::printf("the same by plain write and fsync       %8.3f s\n", plain);
-  std::printf("write_async_median_us=%.2f write_async_p999_us=%.2f spool_over_plain=%.3f\n", producer.median,
-              producer.p999, spool / plain);
+  const Folder databases;
+  const double sql_over_plain = zagent::bench::MeasureSqlOverPlain(databases.Path());
+  std::printf("write_async_median_us=%.2f write_async_p999_us=%.2f spool_over_plain=%.3f sql_over_plain=%.3f\n",
+              producer.median, producer.p999, spool / plain, sql_over_plain);
   return 0;
 }
 
