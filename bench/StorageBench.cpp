@@ -37,7 +37,7 @@ using zagent::common::util::UniqueFd;
 using SteadyClock = std::chrono::steady_clock;
 
 constexpr std::size_t kItemSize = 512;
-constexpr int kProducedItems = 100'000;
+constexpr int kProducedItems = 50'000;  // as many as may wait for a disk, at 64 MiB with their tasks
 constexpr std::size_t kFileSize = 100 * 1024;
 constexpr int kFiles = 200;
 constexpr int kRuns = 5;
