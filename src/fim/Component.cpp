@@ -60,8 +60,10 @@ std::unique_ptr<common::SpoolStorage> OpenSpool(const Config& config, const std:
 
 Component::Component(std::unique_ptr<Config> config, common::Scheduler& scheduler,
                      std::unique_ptr<common::Uploader> uploader, edr::EventRuleEngine& engine,
-                     const std::string& base_directory, common::util::Clock& clock)
+                     const std::string& base_directory, std::unique_ptr<const common::BlackoutManager> quiet_hours,
+                     common::util::Clock& clock)
     : config_(NotNull(std::move(config), "FimComponent: 'config' cannot be null")),
+      quiet_hours_(std::move(quiet_hours)),
       scheduler_(scheduler),
       clock_(clock) {
   uploader = NotNull(std::move(uploader), "FimComponent: 'uploader' cannot be null");
@@ -73,7 +75,8 @@ Component::Component(std::unique_ptr<Config> config, common::Scheduler& schedule
       [processor = processor_.get()](const std::vector<std::string>& rule_ids, const edr::Event& event) {
         processor->PostProcess(rule_ids, event);
       });
-  upload_schedule_ = std::make_shared<internal::UploadSchedule>(*config_, *storage_, std::move(uploader), clock);
+  upload_schedule_ =
+      std::make_shared<internal::UploadSchedule>(*config_, *storage_, std::move(uploader), quiet_hours_.get(), clock);
   scheduler_.RegisterSchedule(upload_schedule_);
   ZLOG_INFO("Component initialized.");
 }

@@ -5,6 +5,7 @@
 
 #include "common/src/http/Uploader.h"
 #include "common/src/storage/SpoolStorage.h"
+#include "common/src/tasks/BlackoutManager.h"
 #include "common/src/tasks/Scheduler.h"
 #include "common/src/util/Clock.h"
 #include "common/src/util/Json.h"
@@ -27,10 +28,13 @@ class Component {
   // The spool's folder is `event_file_path`; a relative one lies under "<base_directory>/fim/", a missing one is
   // created (mode 0700). `scheduler`, `engine` and `clock` outlive the component.
   //
+  // `quiet_hours` may be null: uploads keep to the intervals alone then.
+  //
   // Throws std::invalid_argument for a null `config` or `uploader`, and what a step throws: a folder or a spool that
   // cannot be made. Nothing stays behind then. A rule engine that cannot reach the kernel is only logged.
   Component(std::unique_ptr<Config> config, common::Scheduler& scheduler, std::unique_ptr<common::Uploader> uploader,
             edr::EventRuleEngine& engine, const std::string& base_directory,
+            std::unique_ptr<const common::BlackoutManager> quiet_hours = nullptr,
             common::util::Clock& clock = common::util::Clock::Real());
   Component(const Component&) = delete;
   Component& operator=(const Component&) = delete;
@@ -49,6 +53,7 @@ class Component {
 
   // Destroyed from the last to the first: what writes into the storage goes before it.
   const std::unique_ptr<Config> config_;
+  const std::unique_ptr<const common::BlackoutManager> quiet_hours_;
   common::Scheduler& scheduler_;
   common::util::Clock& clock_;
   std::unique_ptr<common::SpoolStorage> storage_;

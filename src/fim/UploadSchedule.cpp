@@ -10,14 +10,21 @@
 namespace zagent::fim::internal {
 namespace {
 
+constexpr const char* kModule = "FIM";  // in the table of quiet hours
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 constexpr std::int64_t kDay = 86'400 * kNanosecondsPerSecond;
 
 }  // namespace
 
 UploadSchedule::UploadSchedule(const Config& config, common::Storage& storage,
-                               std::unique_ptr<common::Uploader> uploader, common::util::Clock& clock)
-    : config_(config), storage_(storage), uploader_(std::move(uploader)), clock_(clock), last_run_(clock) {}
+                               std::unique_ptr<common::Uploader> uploader, const common::BlackoutManager* quiet_hours,
+                               common::util::Clock& clock)
+    : config_(config),
+      storage_(storage),
+      uploader_(std::move(uploader)),
+      quiet_hours_(quiet_hours),
+      clock_(clock),
+      last_run_(clock) {}
 
 UploadSchedule::~UploadSchedule() {
   Cancel();
@@ -28,7 +35,11 @@ std::int64_t UploadSchedule::NextRunTime() {
   const std::int64_t interval = config_.GetUploadInterval() * kNanosecondsPerSecond;
   if (interval == 0) return now + kDay;
   const auto last_run = last_run_.Get();
-  return last_run ? std::max(now, *last_run + interval) : now;
+  const std::int64_t due = last_run ? std::max(now, *last_run + interval) : now;
+  if (quiet_hours_ == nullptr) return due;
+  const auto wait = quiet_hours_->GetSecondsToWindow(kModule, common::BlackoutManager::WindowType::Network,
+                                                     common::util::Clock::SystemTime(std::chrono::nanoseconds(due)));
+  return due + static_cast<std::int64_t>(wait) * kNanosecondsPerSecond;
 }
 
 void UploadSchedule::OnClockStep(std::chrono::nanoseconds step) {

@@ -9,6 +9,7 @@
 
 #include "common/src/http/Uploader.h"
 #include "common/src/storage/Storage.h"
+#include "common/src/tasks/BlackoutManager.h"
 #include "common/src/tasks/RememberedTime.h"
 #include "common/src/tasks/Schedule.h"
 #include "common/src/util/Clock.h"
@@ -20,15 +21,17 @@ namespace zagent::fim::internal {
 // when the platform has accepted it, and at once when it is corrupt, so that it does not block those behind it.
 //
 // The first run is due at once. From then on the end of the last run counts, whether it succeeded or not: a failing
-// upload waits its interval like any other.
+// upload waits its interval like any other. A run that would begin in the quiet hours of the module "FIM" waits for
+// their end; one under way goes on.
 class UploadSchedule final : public common::Schedule {
  public:
   // Outcome of the last attempt: "httpStatus" and "correlationId".
   using Status = std::map<std::string, std::string>;
 
-  // `config` and `storage` outlive the schedule; interval and URL are read from `config` whenever they are needed.
+  // `config`, `storage` and `quiet_hours` (may be null) outlive the schedule; interval and URL are read from `config`
+  // whenever they are needed.
   UploadSchedule(const Config& config, common::Storage& storage, std::unique_ptr<common::Uploader> uploader,
-                 common::util::Clock& clock);
+                 const common::BlackoutManager* quiet_hours, common::util::Clock& clock);
   UploadSchedule(const UploadSchedule&) = delete;
   UploadSchedule& operator=(const UploadSchedule&) = delete;
   ~UploadSchedule() override;
@@ -62,6 +65,7 @@ class UploadSchedule final : public common::Schedule {
   const Config& config_;
   common::Storage& storage_;
   const std::unique_ptr<common::Uploader> uploader_;
+  const common::BlackoutManager* const quiet_hours_;
   common::util::Clock& clock_;
   common::RememberedTime last_run_;
   mutable std::mutex status_mutex_;

@@ -280,7 +280,14 @@ void Daemon::BuildUploads() {
   http_service_->Start();
 }
 
+std::unique_ptr<const common::BlackoutManager> Daemon::BuildQuietHours() const {
+  return std::make_unique<const common::BlackoutManager>(R"({"Blackout_Events":)" +
+                                                         common_config_->GetBlackoutEvents() + "}");
+}
+
 void Daemon::BuildFim() {
+  // Whoever asked for quiet hours must not be disturbed because they cannot be read: this ends the start-up.
+  auto quiet_hours = BuildQuietHours();
   try {
     common::HttpUploader::Settings settings;
     settings.url = fim_config_->GetUploadUrl();
@@ -291,7 +298,7 @@ void Daemon::BuildFim() {
     settings.request_timeout = common_config_->GetRequestTimeout();
     auto uploader = std::make_unique<common::HttpUploader>(*http_service_, hmac_config_, std::move(settings));
     fim_ = std::make_unique<fim::Component>(std::move(fim_config_), *scheduler_, std::move(uploader), *rule_engine_,
-                                            WithSlash(common_config_->GetAgentInstallPath()));
+                                            WithSlash(common_config_->GetAgentInstallPath()), std::move(quiet_hours));
   } catch (const std::exception& error) {
     ZLOG_ERROR("Failed to start file integrity monitoring, going on without it: " << error.what());
   }

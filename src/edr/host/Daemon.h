@@ -7,6 +7,7 @@
 #include "common/src/config/CommonConfig.h"
 #include "common/src/http/HmacConfig.h"
 #include "common/src/http/HttpService.h"
+#include "common/src/tasks/BlackoutManager.h"
 #include "common/src/tasks/ClockStepWatch.h"
 #include "common/src/tasks/Scheduler.h"
 #include "src/audit/channels/IOChannel.h"
@@ -74,6 +75,7 @@ class Daemon final : private CommandTarget {
   void RunLogged();
   void BuildEngine();
   void BuildUploads();
+  [[nodiscard]] std::unique_ptr<const common::BlackoutManager> BuildQuietHours() const;
   void BuildFim();
   void StartIntake();
   void MainLoop();

@@ -171,6 +171,28 @@ TEST_F(StartUpTest, ADeeplyNestedQuietHoursTableIsReadLikeAnyOther) {
   EXPECT_EQ(daemon.WaitForExit(), 7);
 }
 
+TEST_F(StartUpTest, AQuietHoursTableThatCannotBeReadEndsItInOrder) {
+  for (const char* table : {R"([{"@ID": "FIM"}])", R"(["FIM"])",
+                            R"([{"@ID": "FIM", "@NETWORK_BLACKOUT": "00", "@ACTIVITY_BLACKOUT": "00"}])"}) {
+    SCOPED_TRACE(table);
+    rapidjson::Document events;
+    common::util::ParseJson(events, table);
+    auto& section = config_.Json()["common_config"];
+    section.RemoveMember("Blackout_Events");
+    section.AddMember("Blackout_Events", rapidjson::Value(events, config_.Json().GetAllocator()),
+                      config_.Json().GetAllocator());
+    config_.Write();
+    std::filesystem::remove_all(config_.Folder() / "log");
+    TestAgent agent;
+    DaemonProcess daemon;
+    agent.SendConfig(config_.File());
+    EXPECT_EQ(daemon.WaitForExit(), 0);
+    const std::string log = config_.ReadLog();
+    EXPECT_NE(log.find("Uncaught exception: The Blackout Settings Json is malformed"), std::string::npos) << log;
+    EXPECT_NE(log.find("Shutting down EDR ..."), std::string::npos) << log;
+  }
+}
+
 TEST_F(StartUpTest, AFailedDetachingEndsItWith3) {
   DaemonProcess daemon({"OSTREL_E2E_FAIL=daemon"});
   EXPECT_EQ(daemon.WaitForExit(), 3);

@@ -38,7 +38,7 @@ class ComponentTest : public testing::Test {
     uploader_ = uploader.get();
     if (hold_uploads_) uploader_->Hold();
     component_ = std::make_unique<Component>(MakeConfig(section_), scheduler_, std::move(uploader), engine_,
-                                             folder_.Path(), clock_);
+                                             folder_.Path(), nullptr, clock_);
   }
 
   void Update() { component_->UpdateConfig(Json(section_.Text()).Value()); }

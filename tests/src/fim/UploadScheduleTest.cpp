@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <ctime>
+#include <string>
+
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeUploader.h"
 #include "tests/fakes/LogCapture.h"
@@ -20,7 +24,7 @@ class UploadScheduleTest : public testing::Test {
   UploadScheduleTest() {
     auto uploader = std::make_unique<fakes::FakeUploader>();
     uploader_ = uploader.get();
-    schedule_ = std::make_unique<UploadSchedule>(*config_, storage_, std::move(uploader), clock_);
+    schedule_ = std::make_unique<UploadSchedule>(*config_, storage_, std::move(uploader), nullptr, clock_);
   }
 
   // One run from its start to its end, on its own thread.
@@ -51,6 +55,31 @@ class UploadScheduleTest : public testing::Test {
   fakes::FakeUploader* uploader_ = nullptr;
   std::unique_ptr<UploadSchedule> schedule_;
 };
+
+TEST_F(UploadScheduleTest, ARunThatWouldBeginInQuietHoursWaitsForTheirEnd) {
+  // Closed but for one quarter of an hour: the one that begins 900 seconds after the present one, whatever the zone.
+  const auto now = std::chrono::system_clock::to_time_t(clock_.Now());
+  std::tm local{};
+  localtime_r(&now, &local);
+  const int second = (local.tm_hour * 60 + local.tm_min) * 60 + local.tm_sec;
+  const auto slot = static_cast<std::size_t>(local.tm_wday * 96 + second / 900 + 1) % 672;
+  std::string week(168, '0');
+  week[slot / 4] = "8421"[slot % 4];
+  const auto table = [&](const std::string& module) {
+    return R"({"Blackout_Events":[{"@ID":")" + module + R"(","@NETWORK_BLACKOUT":")" + week +
+           R"(","@ACTIVITY_BLACKOUT":")" + std::string(168, 'F') + R"("}]})";
+  };
+  const auto seconds_to_run = [&](const std::string& module) {
+    const common::BlackoutManager quiet_hours(table(module), clock_);
+    UploadSchedule schedule(*config_, storage_, std::make_unique<fakes::FakeUploader>(), &quiet_hours, clock_);
+    return (schedule.NextRunTime() - common::util::ToNanoseconds(clock_.Now())) / 1'000'000'000;
+  };
+  const int to_window = 900 - second % 900;
+  EXPECT_EQ(seconds_to_run("FIM"), to_window);
+  EXPECT_EQ(seconds_to_run("IOC"), 0) << "they are another's";
+  clock_.Advance(seconds(to_window));
+  EXPECT_EQ(seconds_to_run("FIM"), 0);
+}
 
 TEST_F(UploadScheduleTest, AnEmptySpoolGivesNoRequest) {
   Run();
