@@ -1,6 +1,8 @@
 // What a database keeps of a process that is killed at any moment.
 //
 //   sql_crash ROUNDS [SEED]
+//   sql_crash --write FOLDER LAST   only writes, up to list LAST, and ends in whatever state the database is then
+//   sql_crash --check FOLDER LAST   only looks: lists up to LAST were reported
 //
 // In each round a child opens the database, writes numbered lists of rows and prints the number of each list that a
 // callback reported as written. It is killed (SIGKILL) at a random moment: while it opens, creates or vacuums the
@@ -95,8 +97,9 @@ class Writer {
     scheduler_.Start();
     storage_ = Open(folder, &scheduler_);
   }
-  [[noreturn]] void Run() {
-    for (std::int64_t number = LastNumber(*storage_) + 1;; ++number) {
+  // With the last list the process ends.
+  [[noreturn]] void Run(std::int64_t last = INT64_MAX) {
+    for (std::int64_t number = LastNumber(*storage_) + 1; number <= last; ++number) {
       AwaitRoom();
       SqlStorage::Rows rows;
       for (std::int64_t i = 0; i < SizeOf(number); ++i) {
@@ -110,6 +113,8 @@ class Writer {
                               "DELETE from Items WHERE Number < " + limit});
       }
     }
+    storage_->Query("SELECT 1");  // what was written so far has been reported
+    std::_Exit(0);
   }
 
  private:
@@ -211,14 +216,15 @@ std::int64_t CheckList(SqlStorage& storage, std::int64_t number) {
   return index;
 }
 
-// Returns the number of the last list.
-std::int64_t Check(const std::string& folder, std::int64_t printed, std::int64_t before) {
+// Returns the number of the last list. Not more than `ahead` lists are there that nobody reported.
+std::int64_t Check(const std::string& folder, std::int64_t printed, std::int64_t before,
+                   std::int64_t ahead = kMaxInFlight) {
   const auto storage = Open(folder, nullptr);
   if (std::filesystem::exists(folder + "/" + kName + ".damaged")) Fail("the database was damaged");
   const std::int64_t last = LastNumber(*storage);
   if (last < std::max(printed, before)) Fail("list " + std::to_string(printed) + " was reported and is gone");
   const std::int64_t known = std::max(printed, before);
-  if (last > known + kMaxInFlight) Fail("more lists are there than were written");
+  if (last - known > ahead) Fail("more lists are there than were written");
 
   const std::int64_t first = Number(*storage, "SELECT ifnull(min(Number), 0) from Items");
   // The oldest are gone up to a number that was given, and nothing but them.
@@ -230,6 +236,16 @@ std::int64_t Check(const std::string& folder, std::int64_t printed, std::int64_t
   if (set > 0 && CheckList(*storage, set) == 0) Fail("the overwritten rows are not those of the last list");
   if (Number(*storage, "SELECT count(*) from Others") != (set > 0 ? SizeOf(set) : 0)) Fail("two lists are mixed");
   return last;
+}
+
+int CheckOnly(const std::string& folder, std::int64_t printed) {
+  try {
+    std::cout << "lists 1 to " << Check(folder, printed, 0, INT64_MAX) << ", reported were " << printed << "\n";
+    return 0;
+  } catch (const std::exception& error) {
+    std::cout << "sql_crash: " << error.what() << "\n";
+    return 1;
+  }
 }
 
 bool HasHotJournal(const std::string& folder) {
@@ -268,10 +284,13 @@ int Crash(long rounds, std::uint64_t seed) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 3 && std::string(argv[1]) == "--child") Writer(argv[2]).Run();
+  const std::string mode = argc >= 3 ? argv[1] : "";
+  if (argc == 3 && mode == "--child") Writer(argv[2]).Run();
+  if (argc == 4 && mode == "--write") Writer(argv[2]).Run(std::strtol(argv[3], nullptr, 10));
+  if (argc == 4 && mode == "--check") return CheckOnly(argv[2], std::strtol(argv[3], nullptr, 10));
   const long rounds = argc >= 2 ? std::strtol(argv[1], nullptr, 10) : 0;
   if (rounds <= 0 || argc > 3) {
-    std::cerr << "usage: sql_crash ROUNDS [SEED]\n";
+    std::cerr << "usage: sql_crash ROUNDS [SEED] | --write FOLDER LAST | --check FOLDER LAST\n";
     return 2;
   }
   return Crash(rounds, argc == 3 ? std::strtoull(argv[2], nullptr, 10) : std::random_device()());

@@ -1,6 +1,5 @@
 // A spool on disks that fail in the ways that real ones do.
 #include <gtest/gtest.h>
-#include <sys/mount.h>
 
 #include <cstddef>
 #include <filesystem>
@@ -10,6 +9,7 @@
 
 #include "common/src/storage/SpoolStorage.h"
 #include "tests/e2e/storage/NumberedItems.h"
+#include "tests/e2e/storage/Tmpfs.h"
 #include "tests/fakes/FakeDataFormatter.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
@@ -21,26 +21,6 @@ using common::Scheduler;
 using common::SpoolStorage;
 using common::StorageCode;
 using Poco::Message;
-
-// A small disk of its own under a folder.
-class Tmpfs {
- public:
-  Tmpfs(std::string folder, const std::string& size) : folder_(std::move(folder)) {
-    EXPECT_EQ(mount("tmpfs", folder_.c_str(), "tmpfs", 0, ("mode=0700,size=" + size).c_str()), 0);
-  }
-  Tmpfs(const Tmpfs&) = delete;
-  Tmpfs& operator=(const Tmpfs&) = delete;
-  ~Tmpfs() { umount2(folder_.c_str(), MNT_DETACH); }
-
-  void Remount(bool read_only) const {
-    EXPECT_EQ(mount("tmpfs", folder_.c_str(), "tmpfs",
-                    read_only ? MS_REMOUNT | MS_RDONLY : static_cast<unsigned long>(MS_REMOUNT), nullptr),
-              0);
-  }
-
- private:
-  const std::string folder_;
-};
 
 class DiskTest : public ::testing::Test {
  protected:
