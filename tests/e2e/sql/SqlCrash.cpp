@@ -240,7 +240,8 @@ std::int64_t Check(const std::string& folder, std::int64_t printed, std::int64_t
 
 int CheckOnly(const std::string& folder, std::int64_t printed) {
   try {
-    std::cout << "lists 1 to " << Check(folder, printed, 0, INT64_MAX) << ", reported were " << printed << "\n";
+    const std::int64_t last = Check(folder, printed, 0, INT64_MAX);
+    std::cout << "lists 1 to " << last << ", reported were " << printed << "\n";
     return 0;
   } catch (const std::exception& error) {
     std::cout << "sql_crash: " << error.what() << "\n";
