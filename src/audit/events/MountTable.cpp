@@ -85,9 +85,12 @@ struct MountTable::Line {
 class MountTable::Layers {
  public:
   explicit Layers(std::vector<Line> lines) : lines_(std::move(lines)) {
-    std::set<std::uint32_t> ids;
-    for (const Line& line : lines_) ids.insert(line.id);
+    // The list is read in pieces, and a number that is free again is given away: it may stand twice, the last one is
+    // true.
+    std::map<std::uint32_t, const Line*> ids;
+    for (const Line& line : lines_) ids[line.id] = &line;
     for (const Line& line : lines_) {
+      if (ids[line.id] != &line) continue;
       // The root of an initial file system is its own parent, that of a process in a changed root has a foreign one.
       const bool is_root = line.parent == line.id || ids.count(line.parent) == 0;
       (is_root ? roots_ : children_[line.parent]).push_back(&line);

@@ -1,7 +1,9 @@
 #include "src/audit/parser/EventFactory.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
+#include <iterator>
 #include <string>
 #include <utility>
 
@@ -115,11 +117,13 @@ Builder BuilderOf(const EventSubject& subject) {
 BuildResult BuildTold(const ExtendedCalls& calls, const EventSubject& subject, RecordSource& source,
                       const Context& context, Events& events) {
   BuildResult result = BuildResult::Unsupported;
+  Events told_events;
   for (const ExtendedCalls::Told& told : calls.Translate(subject, source)) {
     const Builder build = kBuilders.at(static_cast<std::size_t>(told.syscall));
-    const BuildResult built = build(*told.records, context, events);
+    const BuildResult built = build(*told.records, context, told_events);
     if (result != BuildResult::Built) result = built;
   }
+  std::move(told_events.begin(), told_events.end(), std::back_inserter(events));
   return result;
 }
 
