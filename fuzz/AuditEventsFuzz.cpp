@@ -1,7 +1,8 @@
 // Hands records, read from text in audit's own form but without auparse, to every class of events, asks what was built
-// every question and copies it.
+// every question and copies it. The first byte chooses what is known of folders and mounts, and how far coverage goes.
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -12,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "fuzz/RecordedTree.h"
 #include "fuzz/SilentLog.h"
 #include "src/audit/parser/EventFactory.h"
 #include "src/edr/RecordFields.h"
@@ -19,11 +21,13 @@
 
 namespace {
 
+using zagent::audit::internal::BuildResult;
 using zagent::audit::internal::EventFactory;
 using zagent::audit::internal::Events;
 using zagent::audit::internal::EventSubject;
 using zagent::edr::Event;
 using zagent::fakes::AuditRecords;
+using zagent::fuzz::RecordedTree;
 namespace record_type = zagent::audit::internal::record_type;
 
 using Records = std::vector<std::pair<int, AuditRecords::Fields>>;
@@ -39,14 +43,22 @@ constexpr std::array kTypes = {
     TypeName{"ANOM_ABEND", record_type::kAnomAbend}, TypeName{"URINGOP", record_type::kUringOp},
     TypeName{"OPENAT2", record_type::kOpenAt2}};
 
-// At least one call of each class, with the ones that its descriptors and names depend on.
-constexpr std::array kCalls = {2,   257, 42,  49, 56, 57,  59, 82, 264, 316, 83,
-                               258, 86,  265, 88, 84, 263, 90, 91, 268, 231};
+// At least one call of each class, with the ones that its descriptors and names depend on and those that only extended
+// coverage knows or sees otherwise.
+constexpr std::array kCalls = {2,   257, 304, 76, 77, 437, 42, 49, 56,  57, 59, 322, 82,  264,
+                               316, 83,  258, 85, 86, 265, 88, 84, 263, 90, 91, 268, 452, 231};
 
 std::string_view CutUntil(std::string_view& text, char end) {
   const std::string_view part = text.substr(0, text.find(end));
   text.remove_prefix(std::min(part.size() + 1, text.size()));
   return part;
+}
+
+std::string Here(const std::string& name, std::string_view value) {
+  const RecordedTree& tree = RecordedTree::Get();
+  if (name == "name" || name == "cwd" || name == "exe") return tree.NameOf(value);
+  if (name == "inode") return tree.InodeOf(value);
+  return name == "dev" ? tree.DeviceOf(value) : std::string(value);
 }
 
 AuditRecords::Fields ReadFields(std::string_view line) {
@@ -62,7 +74,7 @@ AuditRecords::Fields ReadFields(std::string_view line) {
     } else {
       value = CutUntil(line, ' ');
     }
-    fields[name] = value;
+    fields[name] = Here(name, value);
   }
   return fields;
 }
@@ -137,26 +149,42 @@ void Build(const EventFactory& factory, const EventSubject& subject, const Recor
   AuditRecords source;
   for (const auto& [type, fields] : records) source.Add(type, fields);
   Events events;
+  auto result = BuildResult::Dropped;
   try {
-    factory(subject, source, events);
+    result = factory(subject, source, events);
   } catch (const std::exception&) {
-    if (!events.empty()) std::abort();  // nothing half-built is left behind
+    // As good as dropped.
   }
+  if ((result == BuildResult::Built) == events.empty()) std::abort();  // nothing half-built is left behind
   for (const auto& event : events) Check(*event);
+}
+
+// How many PATH records the call announces: what decides whether a rename is an exchange.
+std::uint64_t ItemsOf(const Records& records) {
+  std::uint64_t items = 0;
+  for (const auto& [type, fields] : records) {
+    const auto found = fields.find("items");
+    if (type != record_type::kSyscall || found == fields.end()) continue;
+    std::from_chars(found->second.data(), found->second.data() + found->second.size(), items);
+  }
+  return items;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   zagent::fuzz::SilenceLog();
-  static const EventFactory factory = zagent::audit::internal::MakeEventFactory({});
-  Records records = ReadRecords({reinterpret_cast<const char*>(data), size});
+  if (size == 0) return 0;
+  const EventFactory factory = zagent::audit::internal::MakeEventFactory(RecordedTree::Get().ContextOf(data[0]));
+  Records records = ReadRecords({reinterpret_cast<const char*>(data + 1), size - 1});
   Build(factory, {record_type::kAnomAbend}, records);
+  Build(factory, {record_type::kUringOp}, records);
+  const std::uint64_t items = ItemsOf(records);
   for (const int call : kCalls) {
     for (auto& [type, fields] : records) {
       if (type == record_type::kSyscall) fields["syscall"] = std::to_string(call);
     }
-    Build(factory, {record_type::kSyscall, call}, records);
+    Build(factory, {record_type::kSyscall, call, items}, records);
   }
   return 0;
 }

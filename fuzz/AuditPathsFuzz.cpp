@@ -1,5 +1,6 @@
-// Feeds names to the resolution of paths: the lines of the input are the working folder, the name of the PARENT record,
-// the name of the object, the type word, the mode and the inode.
+// Feeds names to the resolution of paths. The first byte of the input chooses what is known of folders and mounts; the
+// lines behind it are the working folder, the name of the PARENT record, the name of the object, the type word, the
+// mode and the inode of the object, and the inode of the folder.
 #include <algorithm>
 #include <array>
 #include <cstddef>
@@ -12,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "fuzz/RecordedTree.h"
 #include "fuzz/SilentLog.h"
 #include "src/audit/events/Event.h"
 #include "src/audit/events/PathFinder.h"
@@ -25,9 +27,10 @@ using zagent::audit::internal::PathFinder;
 using zagent::audit::internal::PathRecord;
 using zagent::edr::RecordField;
 using zagent::edr::RecordFields;
+using zagent::fuzz::RecordedTree;
 namespace internal = zagent::audit::internal;
 
-constexpr std::size_t kLines = 6;
+constexpr std::size_t kLines = 7;
 using Lines = std::array<std::string, kLines>;
 
 Lines ReadLines(std::string_view text) {
@@ -82,18 +85,21 @@ void Resolve(const std::string& cwd, const std::string& parent, const std::strin
   if (text.starts_with('/') && text.find(":/") == std::string::npos) MustMean(path, text);
 }
 
-void UseRecords(const std::string& cwd, const PathRecord& parent, PathRecord object) {
-  internal::FileContext context;
-  context.folders = std::make_shared<internal::FolderIdentities>();
-  context.proc_root = "/nowhere";
+// What is answered is a path, or nothing: with an absolute working folder no name can make it relative.
+void MustBeAPath(const std::string& cwd, const std::optional<std::string>& path) {
+  if (path && cwd.starts_with('/') && !path->starts_with('/')) std::abort();
+}
+
+void UseRecords(const internal::FileContext& context, const std::string& cwd, const PathRecord& parent,
+                PathRecord object) {
   const PathFinder finder(context, cwd, -1);
   for (const PathFinder::Start start : {PathFinder::Start(), PathFinder::Start(3)}) {
     Try([&] {
       if (const auto folder = finder.FolderOf(parent, object, start)) {
-        static_cast<void>(finder.ResolveIn(*folder, parent, object));
+        MustBeAPath(cwd, finder.ResolveIn(*folder, parent, object));
       }
     });
-    Try([&] { static_cast<void>(finder.ResolveAlone(object, start, start)); });
+    Try([&] { MustBeAPath(cwd, finder.ResolveAlone(object, start, start)); });
     Try([&] { static_cast<void>(finder.FolderNamedBy(object, start)); });
   }
   Try([&] { object.Combine(parent); });
@@ -103,26 +109,37 @@ void UseRecords(const std::string& cwd, const PathRecord& parent, PathRecord obj
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   zagent::fuzz::SilenceLog();
-  const auto [cwd, parent_name, name, word, mode, inode] = ReadLines({reinterpret_cast<const char*>(data), size});
-  const auto view = [&, &mode = mode, &inode = inode](std::string_view path, std::string_view type_word) {
+  if (size == 0) return 0;
+  const RecordedTree& tree = RecordedTree::Get();
+  const internal::FileContext context = tree.ContextOf(data[0]);
+  const Lines lines = ReadLines({reinterpret_cast<const char*>(data + 1), size - 1});
+  const std::string cwd = tree.NameOf(lines[0]);
+  const std::string parent_name = tree.NameOf(lines[1]);
+  const std::string name = tree.NameOf(lines[2]);
+  const std::string& word = lines[3];
+  const std::string& mode = lines[4];
+  const std::string inode = tree.InodeOf(lines[5]);
+  const std::string folder_inode = tree.InodeOf(lines[6].empty() ? lines[5] : lines[6]);
+  const std::string device = tree.DeviceOf("00:02");
+  const auto view = [&](std::string_view path, std::string_view type_word, std::string_view number) {
     RecordFields fields;
     fields.Set(RecordField::Item, "0");
     fields.Set(RecordField::Name, path);
-    fields.Set(RecordField::Inode, inode);
-    fields.Set(RecordField::Dev, "fd:00");
+    fields.Set(RecordField::Inode, number);
+    fields.Set(RecordField::Dev, device);
     fields.Set(RecordField::Mode, mode);
     fields.Set(RecordField::OUid, "0");
     fields.Set(RecordField::OGid, "0");
     fields.Set(RecordField::NameType, type_word);
     return fields;
   };
-  Try([&, &cwd = cwd, &parent = parent_name, &child = name] { Resolve(cwd, parent, child); });
-  Try([&, &cwd = cwd, &parent_name = parent_name, &name = name, &word = word] {
-    const PathRecord parent(view(parent_name, "PARENT"), cwd, "");
-    UseRecords(cwd, parent, PathRecord(view(name, word), cwd, parent.path));
+  Try([&] { Resolve(cwd, parent_name, name); });
+  Try([&] {
+    const PathRecord parent(view(parent_name, "PARENT", folder_inode), cwd, "");
+    UseRecords(context, cwd, parent, PathRecord(view(name, word, inode), cwd, parent.path));
   });
   static_cast<void>(internal::FolderText(name));
   static_cast<void>(internal::NameWithinParent(parent_name, name));
-  Try([&name = name] { static_cast<void>(internal::FolderPart(name)); });
+  Try([&] { static_cast<void>(internal::FolderPart(name)); });
   return 0;
 }

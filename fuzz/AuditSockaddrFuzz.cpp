@@ -1,5 +1,6 @@
 // Takes the input as the address of a connect: once as the bytes that the kernel recorded, through auparse, and once as
-// the text that auparse makes of them. Of the bytes it is known what must come of them.
+// the text that auparse makes of them. Of the bytes it is known what must come of them; the last one also chooses
+// whether coverage is extended and folders are known, and must not make a difference by that.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -14,6 +15,7 @@
 #include <string>
 
 #include "common/src/util/Digest.h"
+#include "fuzz/RecordedTree.h"
 #include "fuzz/SilentLog.h"
 #include "src/audit/events/NetworkEvent.h"
 #include "src/audit/parser/AuparseFeed.h"
@@ -66,7 +68,8 @@ std::optional<Peer> PeerIn(const std::uint8_t* data, std::size_t size) {
 }
 
 void ConnectByBytes(const std::uint8_t* data, std::size_t size) {
-  static const auto factory = zagent::audit::internal::MakeEventFactory({});
+  const std::uint8_t choice = size != 0 ? data[size - 1] : 0;
+  const auto factory = zagent::audit::internal::MakeEventFactory(zagent::fuzz::RecordedTree::Get().ContextOf(choice));
   zagent::audit::IntakeCounters counters;
   AuparseFeed feed(factory, counters);
   const std::string mark = " msg=audit(1700000000.123:900): ";

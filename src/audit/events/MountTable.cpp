@@ -8,7 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <set>
+#include <map>
 #include <utility>
 #include <vector>
 
