@@ -9,6 +9,7 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/src/util/DeviceText.h"
@@ -126,9 +127,11 @@ class RealProcessesTest : public ::testing::Test {
   }
 
   // What becomes of each step, event by event. Paths are shown without the folder of the test.
-  std::map<std::string, Outcome> Run() {
+  std::map<std::string, Outcome> Run(bool extended_coverage = false) {
     std::map<std::string, Outcome> outcome;
-    AuparseFeed feed(MakeEventFactory({}), counters_);
+    FileContext context;
+    context.extended_coverage = extended_coverage;
+    AuparseFeed feed(MakeEventFactory(std::move(context)), counters_);
     for (const AuditEvent& event : AuditEvents()) {
       const fakes::LogCapture log;
       const Outcome lines = Feed(feed, event.records);
@@ -283,6 +286,15 @@ TEST_F(RealProcessesTest, EveryStepBecomesItsEvents) {
     ASSERT_NE(found, outcome.end()) << step;
     EXPECT_EQ(found->second, lines) << step;
   }
+  EXPECT_EQ(outcome.size(), expected.size());
+}
+
+TEST_F(RealProcessesTest, WithExtendedCoverageExecveatStartsAProgramLikeExecve) {
+  std::map<std::string, Outcome> expected = Run();
+  expected["execveat"] =
+      OfExec("execveat /bin/busybox true", {"Execve /bin/busybox: /bin/busybox true", "Exit /bin/busybox"});
+  const std::map<std::string, Outcome> outcome = Run(true);
+  for (const auto& [step, lines] : outcome) EXPECT_EQ(lines, expected[step]) << step;
   EXPECT_EQ(outcome.size(), expected.size());
 }
 
