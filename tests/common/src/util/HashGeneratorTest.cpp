@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -34,6 +35,15 @@ std::string Hex(const std::vector<unsigned char>& digest) {
   }
   return text;
 }
+
+// While it lives OpenSSL finds no digest: the file is open by the time that this turns out.
+class NoDigests {
+ public:
+  NoDigests() { EXPECT_EQ(EVP_set_default_properties(nullptr, "provider=nobody"), 1); }
+  NoDigests(const NoDigests&) = delete;
+  NoDigests& operator=(const NoDigests&) = delete;
+  ~NoDigests() { EXPECT_EQ(EVP_set_default_properties(nullptr, ""), 1); }
+};
 
 class HashGeneratorTest : public ::testing::Test {
  protected:
@@ -195,9 +205,19 @@ TEST_F(HashGeneratorTest, ClosesItsDescriptorOnEveryPath) {
   HashAs(file, StatOf(file));
   HashGenerator(file, "ff:ff", 1, HashKind::All);
   HashGenerator("/dev/zero", "", 0, HashKind::All);
+  {
+    const NoDigests refused;
+    EXPECT_THROW(HashAs(file, StatOf(file)), HashGeneratorException);
+  }
   const int after = dup(0);
   close(after);
   EXPECT_EQ(after, before);
+}
+
+TEST_F(HashGeneratorTest, TellsThatADigestIsNotToBeHad) {
+  const std::string file = folder_.Write("f", "abc");
+  const NoDigests refused;
+  EXPECT_EQ(ErrorOf([&] { HashAs(file, StatOf(file)); }), "Failed to initialize hash contexts for " + file);
 }
 
 }  // namespace
