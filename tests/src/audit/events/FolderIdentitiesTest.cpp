@@ -470,7 +470,13 @@ class Model {
     const std::string a = Any();
     const std::string b = Any();
     if (a.empty() || IsWithin(a, b) || IsWithin(b, a)) return;
-    folders.Exchange(a, b);
+    // The records tell it at once, or as a rename each way.
+    if (Below(2) == 0) {
+      folders.Exchange(a, b);
+    } else {
+      folders.Rename(Folder(paths_[a]), a, b);
+      folders.Rename(Folder(paths_[b]), b, a);
+    }
     std::map<std::string, std::uint64_t> moved;
     Relocate(a, b, moved);
     std::map<std::string, std::uint64_t> other;
