@@ -109,6 +109,18 @@ TEST_F(MountTableTest, StepsOverLinesThatItCannotRead) {
   EXPECT_EQ(HolderOf("/etc"), " 254:3");
 }
 
+// The list is read in pieces; meanwhile a mount may go, and another one get its number.
+TEST_F(MountTableTest, ANumberThatStandsTwiceIsThatOfTheLastMount) {
+  Write(
+      "21 1 254:1 / / rw - ext4 /dev/vda1 rw\n"
+      "30 21 0:45 / /mnt rw - tmpfs gone rw\n"
+      "31 30 0:46 / /mnt/sub rw - tmpfs below rw\n"
+      "32 21 0:47 / /srv rw - tmpfs none rw\n"
+      "30 31 0:48 / /mnt/sub/deep rw - tmpfs none rw\n");
+  EXPECT_EQ(HolderOf("/srv"), "tmpfs 0:47");
+  EXPECT_EQ(HolderOf("/mnt"), "ext4 254:1");
+}
+
 TEST_F(MountTableTest, IsReadAgainOnlyWhenTheKernelSaysSo) {
   Write("21 1 254:1 / / rw - ext4 /dev/vda1 rw\n");
   EXPECT_EQ(HolderOf("/srv"), "ext4 254:1");

@@ -17,7 +17,7 @@
 #include "common/src/util/DeviceText.h"
 #include "src/audit/parser/AuparseFeed.h"
 #include "src/edr/process/ImageInfo.h"
-#include "tests/fakes/AuditLog.h"
+#include "tests/fakes/AuditRecords.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
 
@@ -130,6 +130,46 @@ TEST_F(EventFactoryTest, DropsARefusedEventWithItsReasonAndWithoutAnException) {
       lines_.Has(Poco::Message::PRIO_DEBUG, "Dropping event: File stat does not exist for Change event with ID 900"))
       << lines_.All();
   EXPECT_EQ(counters_.Get(IntakeCounters::Reason::NotBuilt), 1U);
+}
+
+TEST_F(EventFactoryTest, TellsNoHalfOfAnExchange) {
+  extended_coverage_ = true;
+  const std::string other = folder_.Write("other", "has changed places with the file");
+  std::string paths = Path("PARENT", folder_.Path()) + Path("PARENT", folder_.Path()) + Path("DELETE", other, file_) +
+                      Path("DELETE", file_, other) + Path("CREATE", file_) + Path("CREATE", other);
+  const std::string arguments = "a0=ffffff9c a1=0 a2=ffffff9c a3=0";
+  EXPECT_THAT(Actions(316, paths, arguments), ElementsAre("Rename", "Rename")) << lines_.All();
+  paths.replace(paths.rfind(" mode="), 6, " mood=");
+  items_ = 6;
+  EXPECT_THAT(Build(316, paths, arguments), testing::IsEmpty());
+  EXPECT_EQ(counters_.Get(IntakeCounters::Reason::NotBuilt), 1U);
+}
+
+// Whoever asked for the operation may have another thread make it, and its record names no program.
+TEST_F(EventFactoryTest, FindsTheActorOfAnIoUringOperationBelowTheRootOfProcfs) {
+  FileContext context{std::make_shared<NoMagic>()};
+  context.extended_coverage = true;
+  context.proc_root = folder_ / "proc";
+  for (const char* name : {"proc", "proc/4711", "made"}) ASSERT_EQ(mkdir((folder_ / name).c_str(), 0755), 0);
+  ASSERT_EQ(symlink("/bin/actor", (folder_ / "proc/4711/exe").c_str()), 0);
+  folder_.Write("proc/4711/loginuid", "1000");
+  fakes::AuditRecords records;
+  records.Add(record_type::kUringOp, {{"uring_op", "37"},
+                                      {"success", "yes"},
+                                      {"exit", "0"},
+                                      {"items", "2"},
+                                      {"ppid", "97"},
+                                      {"pid", "4711"},
+                                      {"uid", "0"},
+                                      {"euid", "0"},
+                                      {"key", "\"rule-w\""}});
+  records.Cwd(folder_.Path()).Path("PARENT", "(null)", folder_.Path()).Path("CREATE", "(null)", folder_ / "made");
+  Events events;
+  MakeEventFactory(std::move(context))({record_type::kUringOp}, records, events);
+  ASSERT_EQ(events.size(), 1U) << lines_.All();
+  EXPECT_EQ(events[0]->GetFile()->GetPath(), folder_ / "made");
+  EXPECT_EQ(events[0]->GetImage()->GetPath(), "/bin/actor");
+  EXPECT_EQ(events[0]->GetActorAuid(), 1000U);
 }
 
 // A class says its action as soon as it has read its records, whatever they lack: so each call tells its class.
