@@ -2,6 +2,7 @@
 
 #include <libaudit.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,7 +28,13 @@ class KernelNetlink final : public AuditNetlink {
   int SetPid(int fd, std::uint32_t pid) override { return ToErrno(audit_set_pid(fd, pid, WAIT_YES)); }
   int SetBacklogLimit(int fd, std::uint32_t limit) override { return ToErrno(audit_set_backlog_limit(fd, limit)); }
   int RequestStatus(int fd) override { return ToErrno(audit_request_status(fd)); }
-  int RequestRulesList(int fd) override { return ToErrno(audit_request_rules_list_data(fd)); }
+  int RequestRulesList(int fd) override {
+    // The kernel waits a tenth of a second for a reader whose buffer is full, and drops rows then: thousands of rules
+    // are to fit. Without the right to that it is as it was.
+    constexpr int kRoom = 32 * 1024 * 1024;  // bytes
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &kRoom, sizeof(kRoom));
+    return ToErrno(audit_request_rules_list_data(fd));
+  }
   int AddRule(int fd, audit_rule_data* rule, int flags, int action) override {
     // libaudit writes into the rule without a look.
     if (rule == nullptr) {
