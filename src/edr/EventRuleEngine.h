@@ -26,6 +26,7 @@ class RuleEngineException : public std::runtime_error {
 // the event-processing thread, and handlers run on it: they return quickly and Clone what they keep.
 class EventRuleEngine {
  public:
+  // Called once a tag for each event, the tags in the order of their names.
   using RuleMatchedEventHandler = std::function<void(const std::vector<std::string>& rule_ids, const Event& event)>;
   // The rule set was dropped: the owner adds its rules again. Called without any lock of the engine.
   using InvalidatedEventHandler = std::function<void()>;

@@ -289,6 +289,8 @@ void Exclusions::Update(AuditSocket& socket, std::int32_t agent_pid, const std::
       DeleteProcess(socket, agent_name_);
       processes_.erase(agent_name_);
     }
+    // One of the family may go by the name that is the agent's from now on.
+    if (FileName(agent_path) != kOwnName && Contains(FileName(agent_path))) DeleteProcess(socket, FileName(agent_path));
     SetAgent(agent_pid, FileName(agent_path));
   }
   AddProcesses(socket);

@@ -262,13 +262,14 @@ void Daemon::BuildEngine() {
           }};
   auto engine =
       std::make_unique<audit::RuleEngine>(audit::AuditNetlink::Kernel(), std::move(settings), intake_counters_);
+  {
+    const auto lock = link_.Lock();
+    rule_engine_ = std::move(engine);
+  }
   // Before there is a rule that it might be wanted for.
-  path_schedule_ =
-      std::make_shared<audit::MissingPathSchedule>([engine = engine.get()] { return engine->IsLookingForPaths(); },
-                                                   [engine = engine.get()] { engine->LookForMissingPaths(); });
+  path_schedule_ = std::make_shared<audit::MissingPathSchedule>([this] { return rule_engine_->IsLookingForPaths(); },
+                                                                [this] { rule_engine_->LookForMissingPaths(); });
   scheduler_->RegisterSchedule(path_schedule_);
-  const auto lock = link_.Lock();
-  rule_engine_ = std::move(engine);
 }
 
 void Daemon::BuildUploads() {

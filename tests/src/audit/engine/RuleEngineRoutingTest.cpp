@@ -107,20 +107,35 @@ TEST_F(RuleEngineRoutingTest, AHandlerMayChangeTheRulesBecauseNoLockIsHeld) {
   EXPECT_TRUE(InstalledIds().empty());
 }
 
-TEST_F(RuleEngineRoutingTest, TakesNewRulesWhileEventsFlow) {
+TEST_F(RuleEngineRoutingTest, TakesNewRulesFromSeveralThreadsWhileEventsFlow) {
   Listen("FIM");
   const Rule first = Watch("a");
   const Rule second = Watch("b");
   std::thread owner([&] {
-    for (int i = 0; i < 50; ++i) {
-      engine_->AddRules("FIM", {first, second});
-      engine_->UpdateExclusions(400 + i % 2, "/opt/ostrel/bin/host-warden");
-      engine_->Invalidate();
-    }
-    engine_->AddRules("FIM", {first});
+    for (int i = 0; i < 50; ++i) engine_->AddRules("FIM", {first, second});
   });
-  for (std::uint32_t id = 1; id <= 500; ++id) engine_->ProcessEvent(FolderEvent(id, folder_ / "sub"));
+  std::thread agent([&] {
+    for (int i = 0; i < 50; ++i) {
+      engine_->UpdateExclusions(400 + i % 2, "/opt/ostrel/bin/host-warden");
+      engine_->LookAtExclusions();
+      engine_->LookForMissingPaths();
+    }
+  });
+  std::thread channel([&] {
+    for (int i = 0; i < 50; ++i) engine_->Invalidate();
+  });
+  for (std::uint32_t id = 1; id <= 500; ++id) {
+    auto event = FolderEvent(id, folder_ / "sub");
+    // Now and then the watched folder itself seems to go.
+    if (id % 10 == 0) event = FolderEvent(id, folder_.Path());
+    if (id % 10 == 0) event->type = EventType::Delete;
+    engine_->ProcessEvent(std::move(event));
+    engine_->OnIdle();
+  }
   owner.join();
+  agent.join();
+  channel.join();
+  engine_->AddRules("FIM", {first});
   heard_.clear();
   engine_->ProcessEvent(FolderEvent(501, folder_ / "sub"));
   EXPECT_EQ(heard_, (Ids{"FIM a,:501"}));

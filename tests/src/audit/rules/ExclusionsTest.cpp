@@ -358,6 +358,15 @@ TEST_F(ExclusionsTest, ExcludesASiblingUnderItsName) {
   EXPECT_EQ(kernel_.RulesWithKey("ostrel_ignore_rule_updated").size(), 1U) << "the name is taken";
 }
 
+TEST_F(ExclusionsTest, GivesTheNameOfASiblingToTheAgentThatClaimsIt) {
+  exclusions_.AddAll(socket_);
+  processes_.Start(600, 30);
+  exclusions_.Add(socket_, "updated", 600);
+  exclusions_.Update(socket_, 401, "/opt/ostrel/bin/updated");
+  EXPECT_EQ(Rule("ostrel_ignore_rule_updated").Find(AUDIT_PID)->value, 401U);
+  EXPECT_EQ(exclusions_.GetExcludedPids(), (std::set<std::int32_t>{kOwnPid, 401}));
+}
+
 TEST_F(ExclusionsTest, ExcludesNoSiblingThatIsGone) {
   exclusions_.Add(socket_, "updated", 600);
   EXPECT_FALSE(exclusions_.Contains("updated"));
