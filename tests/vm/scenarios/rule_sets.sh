@@ -1,0 +1,59 @@
+# shellcheck shell=dash
+# Two hundred rules, replaced ten times while somebody works in a folder whose rule stays: nothing of that is missed.
+. /scenario/lib.sh
+
+FOLDERS=/srv/many
+
+# manifest FILE ROUND: a hundred rules that are the same in every round, and a hundred that are not.
+manifest() {
+  awk -v round="$2" -v folders=$FOLDERS 'BEGIN {
+    printf "{\"data\": {\"fim\": {\"policyVersion\": \"1.0\", \"collectHashes\": false, \"rules\": ["
+    for (i = 1; i <= 200; i++) {
+      id = i <= 100 ? i : i "-" round
+      printf "%s{\"ruleId\": \"rule-%s\", \"ruleType\": \"directory\", \"imagePath\": \"%s/%d\", \"recursiveDepth\": \"all\", \"notify\": [\"create\"]}", (i > 1 ? ", " : ""), id, folders, i
+    }
+    print "]}}}"
+  }' >"$1"
+}
+
+work() {
+  local i=0
+  until [ -e /run/enough ]; do
+    i=$((i + 1))
+    echo "$i" >$FOLDERS/1/file-$i
+    sleep 0.1
+  done
+  echo $i >/run/written
+}
+
+sets_in_force() { [ "$(grep -cF 'Rules in force: 200 of 200' $LOG/edr.log)" -ge "$1" ]; }
+created() { grep -c "^event Create $FOLDERS/1/file-" $LOG/receiver.log; }
+all_created() { is "$(created)" "$(cat /run/written)"; }
+
+i=1
+while [ $i -le 200 ]; do
+  mkdir -p $FOLDERS/$i
+  i=$((i + 1))
+done
+write_configuration
+manifest $CONF/fim-manifest.json 0
+extended_coverage false
+sed -i 's/^\(logging.loggers.l0.level\) = .*/\1 = information/' $CONF/log.properties
+start_configured
+expect "two hundred rules are in force" wait_until 30 sets_in_force 1
+work &
+round=1
+while [ $round -le 10 ]; do
+  manifest $CONF/manifest-$round.json $round
+  configure manifest_path "\"$CONF/manifest-$round.json\""
+  reference-agent config $CONF/edr.conf.json
+  expect "set $round is in force" wait_until 30 sets_in_force $((round + 1))
+  expect "with its own rules" wait_until 10 has_rule "key=rule-200-$round\$"
+  expect "and not the former ones" wait_until 10 lacks_rule "key=rule-200-$((round - 1))\$"
+  round=$((round + 1))
+done
+touch /run/enough
+wait_until 5 test -e /run/written
+step "$(cat /run/written) files were made meanwhile"
+expect "each of them was reported" wait_until 90 all_created
+stop_all
