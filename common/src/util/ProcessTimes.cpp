@@ -48,7 +48,9 @@ std::int64_t ReadBootTime(const std::string& proc_root) {
 
 std::optional<std::int64_t> ReadStartSinceBoot(std::int32_t pid, const std::string& proc_root) {
   std::ifstream in(proc_root + "/" + std::to_string(pid) + "/stat");
-  const std::string text{std::istreambuf_iterator<char>(in), {}};
+  // To its end: the name may hold line ends. A process that ends meanwhile makes the read fail, not throw.
+  std::string text;
+  std::getline(in, text, '\0');
   const auto ticks = StartTicks(text);
   if (!ticks) return std::nullopt;
   static const std::int64_t kTicksPerSecond = sysconf(_SC_CLK_TCK);

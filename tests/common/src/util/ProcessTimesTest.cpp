@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -48,6 +49,14 @@ TEST_F(ProcessTimesTest, KnowsNothingOfAProcessThatIsNotThereOrALineThatIsCut) {
   EXPECT_FALSE(ReadStartSinceBoot(42, proc_.Path()));
   SetStat("42 (name) S 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 never 20\n");
   EXPECT_FALSE(ReadStartSinceBoot(42, proc_.Path()));
+}
+
+TEST_F(ProcessTimesTest, KnowsNothingOfAProcessThatEndsWhileItIsRead) {
+  // A folder, too, can be opened and fails when it is read.
+  std::filesystem::create_directories(proc_ / "42/stat");
+  std::optional<std::int64_t> start = 1;
+  EXPECT_NO_THROW(start = ReadStartSinceBoot(42, proc_.Path()));
+  EXPECT_FALSE(start);
 }
 
 TEST_F(ProcessTimesTest, AgreesWithTheClockAboutThisProcess) {
