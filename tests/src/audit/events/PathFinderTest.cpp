@@ -12,6 +12,7 @@
 #include "src/audit/events/PathResolution.h"
 #include "src/edr/Event.h"
 #include "tests/fakes/AuditRecords.h"
+#include "tests/fakes/FakeClock.h"
 #include "tests/fakes/TempFolder.h"
 
 namespace zagent::audit::internal {
@@ -168,6 +169,32 @@ TEST_F(PathFinderTest, TakesTheDeviceOfTheMountForTheRecords) {
   EXPECT_FALSE(Finder().IsAt(file_, Record("NORMAL", file_, file_, {{"dev", "07:4e"}})));
 }
 
+TEST_F(PathFinderTest, DoesNotLookAgainForAMomentWhereAFolderWasNot) {
+  fakes::FakeClock clock;
+  context_.folders = std::make_shared<FolderIdentities>(FolderIdentities::kCapacity, clock);
+  const PathRecord parent = Record("PARENT", folder_ / "watched/late/", folder_ / "watched/sub");
+  EXPECT_EQ(FolderOf(parent), folder_ / "watched/late");
+  fs::rename(folder_ / "watched/sub", folder_ / "watched/late");
+  file_ = folder_ / "watched/late/f";
+  EXPECT_EQ(FolderOf(parent), folder_ / "watched/late");
+  EXPECT_EQ(KnownAt(folder_ / "watched/late"), "unknown") << "nobody has looked";
+  clock.Advance(FolderIdentities::kDenialTime);
+  EXPECT_EQ(FolderOf(parent), folder_ / "watched/late");
+  EXPECT_EQ(KnownAt(folder_ / "watched/late"), folder_ / "watched/late");
+}
+
+TEST_F(PathFinderTest, AsksADescriptorForAFolderThatIsNotWhereItIsKnown) {
+  Know(folder_ / "watched/sub");
+  fs::rename(folder_ / "watched/sub", folder_ / "watched/moved");  // which no record told
+  file_ = folder_ / "watched/moved/f";
+  Open(folder_ / "watched/moved");
+  EXPECT_EQ(FolderOf(Record("PARENT", cwd_, folder_ / "watched/moved"), kDescriptor), folder_ / "watched/moved");
+}
+
+TEST_F(PathFinderTest, PlacesNoFolderWithoutANameThatItDoesNotFind) {
+  EXPECT_EQ(FolderOf(Record("PARENT", "(null)", folder_ / "watched/sub")), "unplaced");
+}
+
 // --- an object in a known folder
 
 TEST_F(PathFinderTest, NamesAnObjectThatNoRecordNamesByALookIntoItsFolder) {
@@ -251,6 +278,16 @@ TEST_F(PathFinderTest, LooksForANameBelowAClosedDescriptorInTheKnownFolders) {
   EXPECT_EQ(Alone(Record("NORMAL", "sub/f", file_), kDescriptor), file_);
   fs::create_symlink(file_, folder_ / "watched/link");
   EXPECT_EQ(Alone(Record("NORMAL", "link", file_), kDescriptor), folder_ / "watched/link") << "a call that follows it";
+}
+
+TEST_F(PathFinderTest, LooksThatFindTheirFileDoNotWearOut) {
+  fakes::FakeClock clock;  // all within one second
+  context_.folders = std::make_shared<FolderIdentities>(FolderIdentities::kCapacity, clock);
+  Know(folder_ / "watched/sub");
+  for (std::uint64_t i = 1; i <= 600; ++i) context_.folders->Learn({1, i}, "/nowhere/" + std::to_string(i));
+  for (int look = 0; look < 20; ++look) {
+    ASSERT_EQ(Alone(Record("NORMAL", "f", file_), kDescriptor), file_) << "look " << look;
+  }
 }
 
 TEST_F(PathFinderTest, TrustsNoNameBelowADescriptorThatNobodyKnows) {
