@@ -172,6 +172,22 @@ TEST_F(FolderIdentitiesTest, AFolderThatSeemsToLieWithinItselfWasOutOfDate) {
   EXPECT_EQ(PathOf(20), "/x/y");
 }
 
+TEST_F(FolderIdentitiesTest, AFolderThatIsTheRootIsNowhereElse) {
+  folders_.Learn(Folder(2), "/jail");
+  folders_.Learn(Folder(2), "/");
+  EXPECT_EQ(PathOf(2), "/");
+  EXPECT_EQ(At("/jail"), 0U);
+}
+
+TEST_F(FolderIdentitiesTest, NoNamesAreLeftAboveAFolderThatIsGone) {
+  folders_.Learn(Folder(10), "/a/b/c");
+  folders_.Learn(Folder(11), "/a/d");
+  folders_.Remove(Folder(10));
+  EXPECT_EQ(folders_.Size(), 3U) << "the root, /a and /a/d";
+  folders_.Remove(Folder(11));
+  EXPECT_EQ(folders_.Size(), 1U);
+}
+
 TEST_F(FolderIdentitiesTest, TakesNoPathThatIsNone) {
   for (const std::string path : {"", "srv/data", "inode:17", "/srv/"}) {
     folders_.Learn(Folder(10), path);
@@ -261,6 +277,14 @@ TEST_F(FolderIdentitiesTest, KnowsNothingOutsideItsLimits) {
   EXPECT_EQ(PathOf(16), "/var/lib/built");
   folders_.Exchange("/var/lib/built", "/tmp/other");
   EXPECT_EQ(PathOf(16), "unknown");
+}
+
+TEST_F(FolderIdentitiesTest, AnExchangeWithWhatLiesOutsideItsLimitsTakesAFolderAway) {
+  folders_.Limit({"/srv"});
+  folders_.Learn(Folder(10), "/srv/a");
+  folders_.Exchange("/tmp/x", "/srv/a");
+  EXPECT_EQ(PathOf(10), "unknown");
+  EXPECT_EQ(At("/srv/a"), 0U);
 }
 
 TEST_F(FolderIdentitiesTest, NamesTheFoldersAroundTheLastOnesFirst) {
@@ -356,6 +380,17 @@ TEST(FolderIdentitiesBoundTest, AFolderStaysAsLongAsAnyBelowIt) {
   EXPECT_EQ(folders.PathOf(Folder(20)), std::nullopt);
   EXPECT_EQ(folders.PathOf(Folder(12)), "/srv/a/b");
   EXPECT_EQ(folders.PathOf(Folder(10)), "/srv");
+}
+
+TEST(FolderIdentitiesBoundTest, AnExchangedFolderGoesBeforeThoseAboveIt) {
+  FolderIdentities folders(5);  // the root, two folders and one in each
+  folders.Learn(Folder(10), "/x/b");
+  folders.Learn(Folder(20), "/y/a");
+  folders.Exchange("/y/a", "/x/b");
+  folders.Learn(Folder(30), "/z");
+  EXPECT_EQ(folders.PathOf(Folder(20)), std::nullopt);
+  EXPECT_EQ(folders.PathOf(Folder(10)), "/y/a");
+  EXPECT_EQ(folders.PathOf(Folder(30)), "/z");
 }
 
 TEST(FolderIdentitiesBoundTest, ALookAtTheDiskPushesNothingOut) {
