@@ -107,6 +107,15 @@ TEST_F(FolderScanTest, GoesOnAfterAFailure) {
   scan.Stop();
 }
 
+TEST_F(FolderScanTest, LooksAgainWhenRecordsWereLost) {
+  Start();
+  scan_.Watch({{root_.Path()}});
+  while (!Knows(root_.Path()) || TimeToDeadline() == 0ns) std::this_thread::yield();
+  Make("missed");
+  scan_.StartAgain();
+  while (!Knows(root_ / "missed")) std::this_thread::yield();
+}
+
 TEST_F(FolderScanTest, CountsTheTimeOfItsOwnThread) {
   const auto before = FolderScan::OfThisThread();
   while (FolderScan::OfThisThread() - before < 2ms) {

@@ -5,8 +5,10 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/fakes/LogCapture.h"
@@ -134,6 +136,26 @@ TEST_F(FolderWalkTest, StaysOutOfFileSystemsThatMayKeepItWaiting) {
   }
 }
 
+// A file system of its own on every machine, and another one than the folder's that it is mounted in.
+TEST_F(FolderWalkTest, StaysOutOfSuchAFileSystemBelowAWatchedFolder) {
+  struct stat dev {};
+  struct stat shm {};
+  ASSERT_EQ(stat("/dev", &dev), 0);
+  ASSERT_EQ(stat("/dev/shm", &shm), 0);
+  ASSERT_NE(dev.st_dev, shm.st_dev);
+  std::string below = "/dev/shm/ostrel-test-XXXXXX";
+  ASSERT_NE(mkdtemp(below.data()), nullptr);
+  for (const auto& [type, is_entered] : {std::pair("tmpfs", true), std::pair("nfs4", false)}) {
+    Mounts("30 21 0:5 / /dev rw - devtmpfs none rw\n31 30 8:88 / /dev/shm rw - " + std::string(type) + " none rw\n");
+    walk_.Watch({});
+    walk_.Watch({{"/dev"}});
+    Walk();
+    EXPECT_EQ(identities_.FolderAt("/dev/shm"), (FileIdentity{makedev(8, 88), shm.st_ino})) << type;
+    EXPECT_EQ(identities_.FolderAt(below).has_value(), is_entered) << type;
+  }
+  EXPECT_EQ(rmdir(below.c_str()), 0);
+}
+
 // --- other rules
 
 TEST_F(FolderWalkTest, ForgetsWhatIsNotWatchedAnyMore) {
@@ -205,6 +227,14 @@ TEST_F(FolderWalkTest, WhatTheRecordsToldStands) {
   EXPECT_EQ(identities_.PathOf({kDevice, InodeOf(a)}), root_ / "renamed");
 }
 
+TEST_F(FolderWalkTest, WhatTheRecordsToldOfAWatchedFolderStandsToo) {
+  const std::string a = Make("a");
+  walk_.Watch({{a}, {Make("b")}});
+  identities_.Learn({kDevice, InodeOf(a)}, root_ / "b/moved");
+  Walk();
+  EXPECT_EQ(identities_.PathOf({kDevice, InodeOf(a)}), root_ / "b/moved");
+}
+
 TEST_F(FolderWalkTest, FindsAFolderAgainThatWasRenamedBeforeItsTurn) {
   Make("a/sub");
   walk_.Watch({{root_.Path()}});
@@ -243,6 +273,18 @@ TEST_F(FolderWalkTest, LooksAgainAtAWatchedFolderThatWasNotThere) {
   walk_.Watch({{root_ / "late"}});
   Walk();
   EXPECT_TRUE(Knows(deep));
+}
+
+TEST_F(FolderWalkTest, LooksNoMoreAtAWatchedFolderThatCame) {
+  walk_.Watch({{root_ / "late"}});
+  Walk();
+  Make("late");
+  walk_.Watch({{root_ / "late"}});
+  Walk();
+  Make("late/later");  // the records would tell
+  walk_.Watch({{root_ / "late"}});
+  EXPECT_FALSE(walk_.Step());
+  EXPECT_FALSE(Knows(root_ / "late/later"));
 }
 
 TEST_F(FolderWalkTest, KnowsAWatchedFolderThatReplacedAnUnknownOne) {
