@@ -28,7 +28,7 @@ namespace {
 namespace fs = std::filesystem;
 using fakes::AuditRecords;
 
-constexpr unsigned kMkdir = 83, kRmdir = 84, kLink = 86, kUnlinkAt = 263, kOpenAt = 257;
+constexpr unsigned kMkdir = 83, kRmdir = 84, kLink = 86, kUnlinkAt = 263, kOpenAt = 257, kOpenByHandleAt = 304;
 constexpr unsigned kChmod = 90, kFchmod = 91, kFchmodAt = 268, kFchownAt = 260, kRename = 82, kRenameAt2 = 316;
 
 class PlacedEventsTest : public ::testing::Test {
@@ -92,6 +92,20 @@ TEST_F(PlacedEventsTest, ANewFolderIsKnownEvenWhenItIsGoneBeforeAnybodyLooks) {
   EXPECT_EQ(KnownPathOf(first), folder_ / "w/sub") << "the rename has its own records";
 }
 
+TEST_F(PlacedEventsTest, ANewFolderWhoseNameIsLostIsNotKnownByItsNumber) {
+  Call(kMkdir).Path("PARENT", folder_ / "w/", folder_ / "w").Path("CREATE", "(null)", folder_ / "w/sub");
+  const FileIdentity sub = IdentityOf(folder_ / "w/sub");
+  fs::rename(folder_ / "w/sub", folder_ / "elsewhere/sub");
+  EXPECT_EQ(Build<CreateEvent>().GetPath(), folder_ / "w/inode:" + std::to_string(sub.inode));
+  EXPECT_EQ(KnownPathOf(sub), "unknown");
+}
+
+TEST_F(PlacedEventsTest, AFolderThatIsSeenIsKnown) {
+  Call(kChmod, {{"items", "1"}}).Path("NORMAL", folder_ / "w/sub");
+  Build<AttributeEvent>();
+  EXPECT_EQ(KnownPathOf(IdentityOf(folder_ / "w/sub")), folder_ / "w/sub");
+}
+
 TEST_F(PlacedEventsTest, ARemovedFolderIsForgotten) {
   const FileIdentity sub = IdentityOf(folder_ / "w/sub");
   folders_->Learn(sub, folder_ / "w/sub");
@@ -119,6 +133,22 @@ TEST_F(PlacedEventsTest, ARenamedFolderTakesTheKnownOnesBelowItAlong) {
   records_->Path("CREATE", folder_ / "w/new");
   BuildRename();
   EXPECT_EQ(KnownPathOf(deep), folder_ / "w/new/deep");
+}
+
+TEST_F(PlacedEventsTest, AFolderThatWasReplacedIsGoneWhateverWasKnownBelowIt) {
+  fs::create_directory(folder_ / "w/b");
+  const FileIdentity b = IdentityOf(folder_ / "w/b");
+  const FileIdentity sub = IdentityOf(folder_ / "w/sub");
+  folders_->Learn(sub, folder_ / "w/sub");
+  folders_->Learn(b, folder_ / "w/b");
+  folders_->Learn({b.device, 4242}, folder_ / "w/b/removed");  // which no record told
+  Call(kRename, {{"items", "5"}}).Path("PARENT", folder_ / "w/", folder_ / "w");
+  records_->Path("PARENT", folder_ / "w/", folder_ / "w").Path("DELETE", folder_ / "w/sub");
+  records_->Path("DELETE", folder_ / "w/b").Path("CREATE", folder_ / "w/b", folder_ / "w/sub");
+  fs::rename(folder_ / "w/sub", folder_ / "w/b");
+  const RenameEvent event(*records_, context_, nullptr);  // nobody wants the delete
+  EXPECT_EQ(KnownPathOf(sub), folder_ / "w/b");
+  EXPECT_EQ(KnownPathOf(b), "unknown");
 }
 
 // --- what they know
@@ -213,6 +243,16 @@ TEST_F(PlacedEventsTest, ItsOwnProcFolderIsTheCallers) {
   EXPECT_EQ(waitpid(caller, nullptr, 0), caller);
 }
 
+TEST_F(PlacedEventsTest, AnOpeningByHandleIsOfWhatItsNewDescriptorStandsFor) {
+  const std::string file = folder_.Write("w/f", "abc");
+  fs::create_symlink(file, folder_ / "proc/4711/fd/3");
+  fs::create_symlink(folder_ / "w", folder_ / "proc/4711/fd/4");  // any object of the file system
+  Call(kOpenByHandleAt, {{"a0", "4"}, {"a2", "1"}, {"exit", "3"}, {"items", "1"}}).Path("NORMAL", "(null)", file);
+  const auto event = Build<ReadWriteEvent>();
+  ASSERT_EQ(event.Refusal(), nullptr) << *event.Refusal();
+  EXPECT_EQ(event.GetPath(), file);
+}
+
 // --- names with slashes behind them
 
 TEST_F(PlacedEventsTest, SlashesBehindANameAreNoPartOfIt) {
@@ -300,6 +340,17 @@ TEST_F(PlacedEventsTest, AFileOnASubvolumeIsConfirmedAndReadAllTheSame) {
   records_->Path("NORMAL", file, file, {{"dev", "07:4d"}, {"inode", "1"}});
   EXPECT_EQ(ErrorOf([&] { Build<ReadWriteEvent>(); }),
             "File " + file + " differs from the object of the audit event with ID 77");
+}
+
+TEST_F(PlacedEventsTest, AFolderBehindALinkHasTheDeviceOfItsOwnMount) {
+  const std::string file = folder_.Write("elsewhere/f", "abc");
+  fs::create_directory_symlink(folder_ / "elsewhere", folder_ / "w/link");
+  fs::create_directory(folder_ / "proc/self");
+  folder_.Write("proc/self/mountinfo",
+                "21 1 254:1 / / rw - ext4 none rw\n30 21 7:77 / " + (folder_ / "elsewhere") + " rw - btrfs none rw\n");
+  context_->mounts = std::make_shared<MountTable>(folder_ / "proc", [](int) { return false; });
+  Call(kOpenAt, {{"a2", "1"}}).Path("NORMAL", folder_ / "w/link/f", file);
+  EXPECT_EQ(Build<ReadWriteEvent>().GetParentDeviceID(), common::util::DeviceText(makedev(7, 77)));
 }
 
 // --- two names that are exchanged

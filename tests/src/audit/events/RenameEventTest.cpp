@@ -136,6 +136,17 @@ TEST_F(RenameEventTest, AsksTheDescriptorsWhenBothParentsHaveOneName) {
   EXPECT_EQ(event.GetParentInode(), InodeOf(folder_ / "b"));
 }
 
+TEST_F(RenameEventTest, OneOfTheTwoDescriptorsIsEnough) {
+  const std::string file = folder_.Write("b/g", "abc");
+  const common::util::UniqueFd to(open((folder_ / "b").c_str(), O_RDONLY | O_DIRECTORY));
+  Call(kRenameAt2, {{"items", "4"}, {"a0", "f4240"}, {"a2", Hex(to.Get())}, {"pid", std::to_string(getpid())}});
+  records_.Path("PARENT", folder_.Path(), folder_ / "b").Path("PARENT", folder_.Path(), folder_ / "a");
+  records_.Path("DELETE", "f", file).Path("CREATE", "g", file);
+  const RenameEvent event = Build();
+  EXPECT_EQ(event.GetNewFile()->GetPath(), file);
+  EXPECT_EQ(event.GetParentInode(), InodeOf(folder_ / "b"));
+}
+
 TEST_F(RenameEventTest, FallsBackOnTheOrderOfTheParents) {
   const std::string file = folder_.Write("b/g", "abc");
   // Descriptors of a process that is gone.

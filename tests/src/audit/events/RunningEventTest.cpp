@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -142,6 +143,7 @@ TEST_F(RunningEventTest, FindsTheImageBehindAnInterpreterThatIsAScriptItself) {
   AuditRecords& records = CallAndFolder(shell_);
   records.Path("NORMAL", outer).Path("NORMAL", outer).Path("NORMAL", script_).Path("NORMAL", shell_);
   const RunningEvent event(records);
+  ASSERT_EQ(event.Refusal(), nullptr) << *event.Refusal();
   EXPECT_EQ(event.GetImage()->GetPath(), shell_);
   EXPECT_EQ(event.GetSecondaryImage()->GetPath(), outer);
 }
@@ -199,6 +201,21 @@ TEST_F(RunningEventTest, TakesTheRecordOfTheImageForNoScriptWhateverItsName) {
   const RunningEvent event(records);
   EXPECT_FALSE(event.HasSecondaryImage());
   EXPECT_EQ(event.GetImage()->GetPath(), program_);
+}
+
+TEST_F(RunningEventTest, HasTheDeviceOfAStatWhereTheRecordHasThatOfTheMount) {
+  ASSERT_EQ(mkdir((folder_ / "self").c_str(), 0755), 0);
+  folder_.Write("self/mountinfo",
+                "21 1 254:1 / / rw - ext4 none rw\n30 21 7:77 / " + folder_.Path() + " rw - btrfs none rw\n");
+  auto context = std::make_shared<FileContext>();
+  context->mounts = std::make_shared<MountTable>(folder_.Path(), [](int) { return false; });
+  struct stat disk {};
+  ASSERT_EQ(stat(program_.c_str(), &disk), 0);
+  AuditRecords& records = CallAndFolder(program_);
+  records.Path("NORMAL", program_, program_, {{"dev", common::util::DeviceText(makedev(7, 77))}});
+  const RunningEvent event(records, context);
+  ASSERT_EQ(event.Refusal(), nullptr) << *event.Refusal();
+  EXPECT_EQ(event.GetImage()->GetDevice(), common::util::DeviceText(disk.st_dev));
 }
 
 TEST_F(RunningEventTest, IsNoEventOfAProgramThatWasReplaced) {
