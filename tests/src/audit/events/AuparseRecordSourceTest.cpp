@@ -231,6 +231,19 @@ TEST_F(AuparseRecordSourceTest, ServesOneEventAfterAnother) {
   }
 }
 
+TEST_F(AuparseRecordSourceTest, TheCallOfAnEventIsNotThatOfTheNext) {
+  AuparseRecordSource source(state_);
+  Feed(kEvent, [&](auparse_state_t*) {
+    source.Begin();
+    ASSERT_NE(source.FindCall(), nullptr);
+  });
+  Feed("type=ANOM_ABEND msg=audit(1795162410.936:127): auid=4294967295 uid=0 gid=0 pid=111 exe=\"/bin/x\" sig=11\n",
+       [&](auparse_state_t*) {
+         source.Begin();
+         EXPECT_EQ(TypesOf(ReadRest(source, KindOf(record_type::kAnomAbend))), (std::vector<int>{1701}));
+       });
+}
+
 TEST_F(AuparseRecordSourceTest, SaysWhichRecordItCannotReach) {
   const auto error_of = [](const std::function<void()>& call) -> std::string {
     try {

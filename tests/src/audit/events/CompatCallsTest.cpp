@@ -85,7 +85,10 @@ TEST(CompatCallsTest, LooksIntoASocketCall) {
   EXPECT_EQ(TranslateCompatCall(102, 1), 41U);    // socket
   EXPECT_EQ(TranslateCompatCall(102, 2), 49U);    // bind
   EXPECT_EQ(TranslateCompatCall(102, 3), 42U);    // connect
+  EXPECT_EQ(TranslateCompatCall(102, 4), 50U);    // listen
   EXPECT_EQ(TranslateCompatCall(102, 5), 43U);    // accept
+  EXPECT_EQ(TranslateCompatCall(102, 11), 44U);   // sendto
+  EXPECT_EQ(TranslateCompatCall(102, 16), 46U);   // sendmsg
   EXPECT_EQ(TranslateCompatCall(102, 18), 288U);  // accept4
   EXPECT_EQ(TranslateCompatCall(102, 0), std::nullopt);
   EXPECT_EQ(TranslateCompatCall(102, 6), std::nullopt);  // getsockname

@@ -62,6 +62,14 @@ TEST_F(MountTableTest, ALaterMountCoversWhatWasMountedAtItsPlace) {
   EXPECT_EQ(HolderOf("/mnt/sub"), "xfs 0:47") << "the old mount's sub-mount is out of sight";
 }
 
+TEST_F(MountTableTest, TheLastOfSeveralMountsAtOnePlaceIsSeen) {
+  Write(
+      "21 1 254:1 / / rw - ext4 /dev/vda1 rw\n"
+      "30 21 0:45 / /mnt rw - tmpfs first rw\n"
+      "31 21 0:46 / /mnt rw - xfs last rw\n");
+  EXPECT_EQ(HolderOf("/mnt"), "xfs 0:46");
+}
+
 TEST_F(MountTableTest, ALaterMountAboveCoversDeeperOnes) {
   Write(
       "21 1 254:1 / / rw - ext4 /dev/vda1 rw\n"
@@ -92,9 +100,11 @@ TEST_F(MountTableTest, ReadsMountPointsWithUnusualCharacters) {
   Write(
       "21 1 254:1 / / rw - ext4 /dev/vda1 rw\n"
       "30 21 0:45 / /srv/a\\040b\\011c\\012d\\134e rw - tmpfs none rw\n"
-      "31 21 0:46 / /srv/f\\04 rw - tmpfs none rw\n");
+      "31 21 0:46 / /srv/f\\04 rw - tmpfs none rw\n"
+      "32 21 0:47 / /srv/g\\040 rw - tmpfs none rw\n");
   EXPECT_EQ(HolderOf("/srv/a b\tc\nd\\e/file"), "tmpfs 0:45");
   EXPECT_EQ(HolderOf("/srv/f\\04"), "tmpfs 0:46");
+  EXPECT_EQ(HolderOf("/srv/g "), "tmpfs 0:47");
 }
 
 TEST_F(MountTableTest, StepsOverLinesThatItCannotRead) {
