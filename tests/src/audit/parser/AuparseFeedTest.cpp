@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "src/edr/process/ImageInfo.h"
 #include "tests/fakes/AuditLog.h"
 #include "tests/fakes/EventTrace.h"
 #include "tests/fakes/LogCapture.h"
@@ -218,6 +219,29 @@ TEST_F(AuparseFeedTest, FindsTheNextEventBehindBytesThatAreNoRecords) {
   Feed(log_.Event(AuditLog::kMkdir));
   feed_.Flush();
   EXPECT_EQ(Taken().back(), AuditLog::kMkdir);
+}
+
+// With the events of the real factory, which read their records.
+class TypedFeedTest : public testing::Test {
+ protected:
+  Events Feed(const std::string& text) {
+    feed_.Feed(reinterpret_cast<const unsigned char*>(text.data()), text.size());
+    feed_.Flush();
+    return feed_.TakeEvents();
+  }
+
+  AuditLog log_;
+  IntakeCounters counters_;
+  AuparseFeed feed_{MakeEventFactory({}), counters_};
+};
+
+TEST_F(TypedFeedTest, TheCallBesideAnAbnormalEndHasAllItsRecords) {
+  const std::string abend = Replaced(log_.Event(AuditLog::kAbend), "1795162409.512:176", "1795162409.436:29");
+  const Events events = Feed(abend + log_.Event(AuditLog::kRmdir));
+  ASSERT_EQ(events.size(), 2U);
+  EXPECT_EQ(events[0]->GetActorProcessId(), 111);
+  EXPECT_EQ(events[1]->GetType(), edr::EventType::Delete);
+  EXPECT_EQ(events[1]->GetFile()->GetPath(), "/srv/w/MARK-01-rel-create");
 }
 
 // Every event of the log that has a SYSCALL record, and nothing else, arrives in the order of the log.

@@ -93,6 +93,45 @@ TEST_F(ExtendedCallsTest, ARenameOverAFileStaysWhatItIs) {
   EXPECT_EQ(With("renameat2-over, absolute").size(), 2U);
 }
 
+// An exchange that starts at two descriptors; which object got which name is told by inodes.
+class ExchangeTest : public testing::Test {
+ protected:
+  static std::vector<ExtendedCalls::Told> Translate(const char* first_new, const char* second_new) {
+    RecordList records(5, 1'700'000'000'000'000'000);
+    Record call{record_type::kSyscall, {}};
+    for (const std::size_t index : {0U, 2U}) call.fields.SetArgument(index, index == 0 ? "5" : "6");
+    records.Records().push_back(call);
+    const std::pair<const char*, const char*> paths[] = {{"PARENT", "1"},       {"PARENT", "2"},
+                                                         {"DELETE", "8"},       {"DELETE", "9"},
+                                                         {"CREATE", first_new}, {"CREATE", second_new}};
+    for (const auto& [word, inode] : paths) {
+      Record path{record_type::kPath, {}};
+      path.fields.Set(edr::RecordField::NameType, word);
+      path.fields.Set(edr::RecordField::Inode, inode);
+      path.fields.Set(edr::RecordField::Dev, "08:01");
+      records.Records().push_back(path);
+    }
+    return ExtendedCalls("/proc").Translate({record_type::kSyscall, 316, 6}, records);
+  }
+  // The descriptors that the old and the new name start at.
+  static std::vector<std::string> Descriptors(const ExtendedCalls::Told& way) {
+    const edr::RecordFields& call = way.records->Find(record_type::kSyscall)->fields;
+    return {std::string(call.Argument(0).value()), std::string(call.Argument(2).value())};
+  }
+};
+
+TEST_F(ExchangeTest, ItsSecondWayGoesFromTheSecondFolderToTheFirst) {
+  const auto told = Translate("8", "9");
+  ASSERT_EQ(told.size(), 2U);
+  EXPECT_THAT(Descriptors(told[0]), ElementsAre("5", "6"));
+  EXPECT_THAT(Descriptors(told[1]), ElementsAre("6", "5"));
+}
+
+TEST_F(ExchangeTest, IsNoneWhereTheObjectsDidNotChangePlaces) {
+  EXPECT_EQ(Translate("7", "9").size(), 1U);
+  EXPECT_EQ(Translate("8", "7").size(), 1U);
+}
+
 // Records of a file that exists here, in the form of the kernel's.
 class ExtendedCallsOnDiskTest : public ExtendedCallsTest {
  protected:
@@ -252,6 +291,17 @@ TEST_F(UringTest, TakesProgramAndLoginFromTheCallOfTheSameEvent) {
   const edr::RecordFields& call = told.at(0).records->Find(record_type::kSyscall)->fields;
   EXPECT_EQ(call.Find(edr::RecordField::Exe), "/usr/bin/enter");
   EXPECT_EQ(call.Find(edr::RecordField::Auid), "1001");
+}
+
+TEST_F(UringTest, KeepsTheTitleOfItsProcess) {
+  const auto source = Records("37", {{"PARENT", "1"}, {"CREATE", "2"}}, texts_);
+  Record title{record_type::kProctitle, {}};
+  title.fields.Set(edr::RecordField::Proctitle, "actor x");
+  source->Records().push_back(title);
+  const auto told = calls_.Translate({record_type::kUringOp}, *source);
+  const Record* kept = told.at(0).records->Find(record_type::kProctitle);
+  ASSERT_NE(kept, nullptr);
+  EXPECT_EQ(kept->fields.Find(edr::RecordField::Proctitle), "actor x");
 }
 
 TEST_F(UringTest, LeavesOutTheLookThatFoundNothing) {

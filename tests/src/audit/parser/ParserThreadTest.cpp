@@ -420,5 +420,15 @@ TEST_F(ParserThreadTest, CountsTheBytesThatAStopLeaves) {
   EXPECT_EQ(counters_.Get(Reason::BytesAtStop), 10 * kMiB) << "one step of eleven was fed";
 }
 
+TEST_F(ParserThreadTest, CountsTheEventThatAStopLeavesInAuparse) {
+  cpu_usage_ = 100;
+  parser_->Start();
+  channel_.Deliver(log_.Event(AuditLog::kMkdir));
+  AwaitCpuPauses(1);
+  parser_->Stop();
+  EXPECT_EQ(counters_.Get(Reason::LeftAtStop), 1U);
+  EXPECT_TRUE(engine_.processed.IsEmpty());
+}
+
 }  // namespace
 }  // namespace zagent::audit
