@@ -153,6 +153,30 @@ TEST_F(DigestCacheTest, DoesNotKeepWhatWasReadWhileTheFileChanged) {
   EXPECT_TRUE(cache.Find(StatOf(file)).md5.empty());
 }
 
+TEST_F(DigestCacheTest, ReadsAFileThatGrowsNoFurtherThanItWentAtFirst) {
+  const std::string file = folder_.Write("f", "abc");
+  InterruptingClock clock(std::chrono::system_clock::now() + 1min, [&] { Overwrite(file, "abcdef"); });
+  DigestCache cache(clock);
+  const Bytes read = HashGenerator(file, "", 0, HashKind::Md5, &cache).GetMd5();
+  EXPECT_EQ(read, HashGenerator(folder_.Write("g", "abc"), "", 0, HashKind::Md5).GetMd5());
+}
+
+TEST_F(DigestCacheTest, ReadsAFileThatShrinksToItsNewEnd) {
+  const std::string file = folder_.Write("f", "abc");
+  InterruptingClock clock(std::chrono::system_clock::now() + 1min, [&] { ASSERT_EQ(truncate(file.c_str(), 1), 0); });
+  DigestCache cache(clock);
+  const Bytes read = HashGenerator(file, "", 0, HashKind::Md5, &cache).GetMd5();
+  EXPECT_EQ(read, HashGenerator(folder_.Write("g", "a"), "", 0, HashKind::Md5).GetMd5());
+}
+
+TEST_F(DigestCacheTest, HasNoDigestOfAFileThatSeemedEmptyAndIsNot) {
+  const std::string file = folder_.Write("f", "");
+  InterruptingClock clock(std::chrono::system_clock::now() + 1min, [&] { Overwrite(file, "xyz"); });
+  DigestCache cache(clock);
+  const HashGenerator hashes(file, "", 0, HashKind::All, &cache);
+  EXPECT_THROW(static_cast<void>(hashes.GetMd5()), HashGeneratorException);
+}
+
 TEST_F(DigestCacheTest, GivesNoDigestsOfAnotherFileInTheEventsPlace) {
   const std::string file = folder_.Write("f", "abc");
   const struct stat of_the_event = StatOf(file);

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
+#include <sys/inotify.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <thread>
 
 #include "common/src/util/DeviceText.h"
+#include "common/src/util/UniqueFd.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
 
@@ -179,6 +181,16 @@ TEST_F(HashGeneratorTest, NeitherWaitsForAFifoNorHashesIt) {
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   const HashGenerator hashes = HashAs(fifo, StatOf(fifo));
   EXPECT_THROW(static_cast<void>(hashes.GetMd5()), HashGeneratorException);
+}
+
+TEST_F(HashGeneratorTest, DoesNotEvenOpenWhatIsNoFile) {
+  const std::string fifo = folder_ / "fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const UniqueFd opens(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+  ASSERT_GE(inotify_add_watch(opens.Get(), fifo.c_str(), IN_OPEN), 0);
+  HashGenerator(fifo, "", 0, HashKind::All);
+  inotify_event seen{};
+  EXPECT_EQ(read(opens.Get(), &seen, sizeof seen), -1) << "it was opened";
 }
 
 TEST_F(HashGeneratorTest, DoesNotReadEndlessDevices) {
