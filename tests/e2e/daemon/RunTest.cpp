@@ -216,14 +216,31 @@ TEST_F(RunTest, AFileEventThatStillRestsAtTheEndIsSpooledAtOnce) {
   EXPECT_EQ(LogCount("Intake losses since the start: none"), 1);
 }
 
+TEST_F(RunTest, AFileThatIsGoneIsReportedAllTheSameWhenCoverageIsExtended) {
+  ExtendCoverage();
+  StartDaemon();
+  const std::string file = config_.Watched() + "/fleeting";
+  std::ofstream(file) << "abc";
+  audit_->CreatedFile(file);
+  std::filesystem::remove(file);
+  MakeWatchedFolder("behind");
+  ASSERT_TRUE(LogComesToHold("Event json written to disc successfully"));
+  agent_->Send(R"({"command": "exit"})");
+  ExpectOrderlyEnd();
+  EXPECT_EQ(LogCount("Event json written to disc successfully"), 2);
+}
+
 TEST_F(RunTest, AnIntakeThatDiedIsStartedAnewWhenCoverageIsExtended) {
   ExtendCoverage();
   StartDaemon();
   ASSERT_TRUE(LogComesToHold("KernelIOChannel: Started."));
   audit_->DropConsumer();
   ASSERT_TRUE(LogComesToHold("The audit intake has ended: audit channel: the scripted kernel has gone"));
+  const int scans = LogCount("Folders known below the watched paths: ");
   audit_->AwaitConsumer();
   ASSERT_TRUE(Within(20s, [this] { return LogCount("KernelIOChannel: Started.") == 2; }));
+  EXPECT_TRUE(Within(20s, [&] { return LogCount("Folders known below the watched paths: ") > scans; }))
+      << "what was renamed meanwhile is looked for";
   MakeWatchedFolder("after");
   EXPECT_TRUE(LogComesToHold("Event json written to disc successfully"));
   EXPECT_EQ(LogCount("The audit intake has ended"), 1);
