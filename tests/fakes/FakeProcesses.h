@@ -24,6 +24,9 @@ class FakeProcesses {
                                       std::to_string(start_ticks) + " 20\n");
     if (!program.empty()) std::filesystem::create_symlink(program, root_ / (folder + "/exe"));
   }
+  // When the machine was started, in seconds since the epoch. Without it no start is compared with the time of an
+  // event.
+  void Boot(std::int64_t seconds) const { root_.Write("stat", "btime " + std::to_string(seconds) + "\n"); }
   void End(std::int32_t pid) const { std::filesystem::remove_all(root_ / std::to_string(pid)); }
 
  private:

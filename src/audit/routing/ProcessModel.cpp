@@ -63,6 +63,7 @@ void ProcessModel::Handle(std::unique_ptr<edr::Event> event, EventSource source,
   ConsumeInvalidation();
   switch (event->GetType()) {
     case EventType::ProcessClone:
+      EndPredecessor(*event, road);
       clones_.Add(std::move(event));
       return;
     case EventType::ProcessExit:
@@ -95,14 +96,14 @@ void ProcessModel::HandleEnd(std::unique_ptr<edr::Event> event, EventSource sour
   road.PassOn(std::move(event), source);
 }
 
-// Otherwise the new process would get the age and the children of the old one.
-void ProcessModel::EndPredecessor(const edr::Event& start, Road& road) {
-  const std::int32_t pid = start.GetActorProcessId();
+// Otherwise the new process would get the age, the parents and the children of the old one.
+void ProcessModel::EndPredecessor(const edr::Event& start_or_clone, Road& road) {
+  const std::int32_t pid = start_or_clone.GetActorProcessId();
   if (!tree_.Contains(pid)) return;
   const common::ProcessInfo& known = tree_.Get(pid);
   const auto found = common::util::ReadStartSinceBoot(pid, proc_root_);
   if (!found || !known.GetStartSinceBoot() || found == known.GetStartSinceBoot()) return;
-  if (!FindStartSinceBoot(pid, start)) return;  // who is there now is yet another one
+  if (!FindStartSinceBoot(pid, start_or_clone)) return;  // who is there now is yet another one
   ZLOG_DEBUG("Process with pid " << pid << " is another one than before");
   GuardEvent(0, counters_, Reason::NotProcessed, [&] {
     HandleEnd(std::make_unique<edr::PseudoTerminateEvent>(known, clock_), EventSource::Pipeline, road);

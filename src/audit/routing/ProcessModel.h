@@ -69,7 +69,7 @@ class ProcessModel {
 
   void HandleEnd(std::unique_ptr<edr::Event> event, EventSource source, Road& road);
   // A pid that came again before anybody heard of the end of the process that had it: reports that end.
-  void EndPredecessor(const edr::Event& start, Road& road);
+  void EndPredecessor(const edr::Event& start_or_clone, Road& road);
   void EnsureActor(edr::Event& event, Road& road);
   // The start of the event's actor; null when the tree has it, or when nothing is known of it. May answer with another
   // process id than the event's, which is then one of a thread.

@@ -76,6 +76,21 @@ TEST_F(RuleEngineProcessesTest, KnowsTheWholeFamilyByItsAncestors) {
   EXPECT_EQ(heard_, (Ids{"IOC p,:5", "FIM a,:6"}));
 }
 
+TEST_F(RuleEngineProcessesTest, AForkOnThePidOfAKilledChildOfTheAgentIsHeard) {
+  Listen("FIM");
+  engine_->AddRules("FIM", {Watch("a")});
+  ListenToProcesses();
+  processes_.Boot(1'600'000'000);
+  Start(1, 400, -1);
+  processes_.Start(500, 60);
+  Start(2, 500, 400);
+  processes_.Start(500, 9'000);  // killed, which no record tells, and the pid is somebody else's
+  Start(3, 700, -1);
+  engine_->ProcessEvent(Event(EventType::ProcessClone, 4, 500, 700));
+  Act(5, 500);
+  EXPECT_EQ(heard_, (Ids{"IOC p,:3", "IOC p,:0", "FIM a,:5"}));
+}
+
 TEST_F(RuleEngineProcessesTest, DeliversWhatAProcessDidBeforeItsEnd) {
   Listen("FIM");
   engine_->AddRules("FIM", {Watch("a")});

@@ -65,6 +65,31 @@ TEST_F(ProcessModelEndsTest, AStartByAnotherProcessOfThePidEndsTheOneBefore) {
   EXPECT_EQ(model_.Tree().Get(42).GetStartSinceBoot(), 100'500'000'000);
 }
 
+TEST_F(ProcessModelEndsTest, AForkOnAPidThatCameAgainEndsTheOneBefore) {
+  Handle(Exec(1, 0));
+  Handle(Exec(7, 1));
+  proc_.Start(42, {.ppid = 1, .image = program_, .start = 100});
+  Handle(Exec(42, 1));
+  lines_.clear();
+  proc_.Start(42, {.ppid = 7, .image = program_, .start = 200});
+  Handle(CloneOf(42, 7));
+  EXPECT_EQ(lines_, (Lines{"flush 42", "Exit 42"}));
+  EXPECT_FALSE(model_.Tree().Contains(42));
+  proc_.End(42);  // and the new one is gone before it is heard of
+  Handle(Exec(50, 42));
+  EXPECT_EQ(Ancestors(50), (Pids{50, 42, 7, 1})) << "known by its clone, not as the one before";
+}
+
+TEST_F(ProcessModelEndsTest, ACloneThatIsHeardOfAfterTheStartOfItsChildEndsNobody) {
+  Handle(Exec(7, 0));
+  proc_.Start(42, {.ppid = 7, .image = program_, .start = 100});
+  Handle(Exec(42, 7));
+  lines_.clear();
+  Handle(CloneOf(42, 7));
+  EXPECT_TRUE(lines_.empty());
+  EXPECT_TRUE(model_.Tree().Contains(42));
+}
+
 TEST_F(ProcessModelEndsTest, AnEndOfTheOneBeforeThatFailsDoesNotStopTheStart) {
   proc_.Start(42, {.ppid = 0, .image = program_, .start = 100});
   Handle(Exec(42, 0));
