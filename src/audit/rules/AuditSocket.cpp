@@ -58,17 +58,20 @@ bool IsEnd(int error, const audit_reply& reply) {
   return true;
 }
 
-std::vector<AuditRule> ReadRows(AuditSocket& socket) {
-  std::vector<AuditRule> rules;
+AuditSocket::Listing ReadRows(AuditSocket& socket) {
+  AuditSocket::Listing listing;
   const auto reply = std::make_unique<audit_reply>();
   for (int invalid = 0; invalid < kMaxInvalidReplies;) {
     const int error = socket.GetReply(*reply);
-    if (IsEnd(error, *reply)) break;
-    if (AddRow(*reply, rules)) continue;
+    if (IsEnd(error, *reply)) {
+      listing.is_complete = error == 0 && invalid == 0;
+      break;
+    }
+    if (AddRow(*reply, listing.rules)) continue;
     ZLOG_ERROR("GetRuleFromAudit: Invalid audit reply");
     ++invalid;
   }
-  return rules;
+  return listing;
 }
 
 }  // namespace
@@ -132,22 +135,22 @@ int AuditSocket::GetReply(audit_reply& reply) {
   return EAGAIN;
 }
 
-std::vector<AuditRule> AuditSocket::GetRulesFromAudit() const {
+AuditSocket::Listing AuditSocket::ListRules() const {
   ZLOG_TRACE("GetRulesFromAudit: Getting rules list from audit subsystem");
-  std::vector<AuditRule> rules;
+  Listing listing;
   try {
-    AuditSocket listing(netlink_, "GetRulesFromAudit");
-    const int error = listing.RequestRulesList();
+    AuditSocket socket(netlink_, "GetRulesFromAudit");
+    const int error = socket.RequestRulesList();
     if (error == 0) {
-      rules = ReadRows(listing);
+      listing = ReadRows(socket);
     } else {
       ZLOG_ERROR("GetRulesFromAudit: Failed to request rules list from audit subsystem: " << ErrnoText(error));
     }
   } catch (const edr::RuleEngineException&) {
     ZLOG_ERROR("GetRulesFromAudit: Failed to request rules list from audit subsystem");
   }
-  ZLOG_TRACE("GetRulesFromAudit: Found " << rules.size() << " rules in audit subsystem");
-  return rules;
+  ZLOG_TRACE("GetRulesFromAudit: Found " << listing.rules.size() << " rules in audit subsystem");
+  return listing;
 }
 
 }  // namespace zagent::audit::internal

@@ -35,9 +35,14 @@ class AuditSocket {
   // none came, ENODATA for an empty one, and what the kernel answers to a refused request.
   int GetReply(audit_reply& reply);
 
+  struct Listing {
+    std::vector<AuditRule> rules;
+    bool is_complete = false;  // read to its end, with no row that could not be read
+  };
   // What the kernel lists now, read on a socket of its own: rows that a slow listing leaves behind must not be taken
   // for the answer to a later call. What cannot be read is logged and missing.
-  [[nodiscard]] std::vector<AuditRule> GetRulesFromAudit() const;
+  [[nodiscard]] Listing ListRules() const;
+  [[nodiscard]] std::vector<AuditRule> GetRulesFromAudit() const { return ListRules().rules; }
 
  private:
   AuditNetlink& netlink_;

@@ -142,17 +142,23 @@ void AddThreadExclusion(AuditSocket& socket) {
   ZLOG_DEBUG("Added thread exclusion rule to audit");
 }
 
-void DeleteProcess(AuditSocket& socket, const std::string& name) {
-  for (AuditRule& rule : socket.GetRulesFromAudit()) {
+// Takes away what goes by a name, apart from the pair of rules of `kept`. True when nothing of it is left.
+bool DeleteProcess(AuditSocket& socket, const std::string& name, std::optional<std::int32_t> kept) {
+  AuditSocket::Listing listed = socket.ListRules();
+  bool is_gone = listed.is_complete;
+  for (AuditRule& rule : listed.rules) {
     const std::string key = rule.GetKey();
     if (key != kIgnoreKeyPrefix + name && key != kExitKeyPrefix + name) continue;
+    if (kept && rule.IsForPid(*kept)) continue;
     const int error = socket.Delete(rule);
     if (error == 0) {
       ZLOG_DEBUG("Deleted exclusion rule " << key);
-    } else {
+    } else if (error != ENOENT) {
       ZLOG_ERROR("Failed to delete exclusion rule " << key << ": " << ErrnoText(error));
+      is_gone = false;
     }
   }
+  return is_gone;
 }
 
 void DeleteMessageTypeExclusions(AuditSocket& socket, std::vector<AuditRule>& listed) {
@@ -193,9 +199,7 @@ void Exclusions::SetAgent(std::int32_t pid, const std::string& name) {
 void Exclusions::CollectPids() {
   excluded_pids_.clear();
   if (agent_pid_ != 0) excluded_pids_.insert(agent_pid_);
-  for (const auto& [name, process] : processes_) {
-    if (!process.has_ended) excluded_pids_.insert(process.pid);
-  }
+  for (const auto& [name, process] : processes_) excluded_pids_.insert(process.pid);
 }
 
 bool Exclusions::IsReservedKey(const std::string& key) {
@@ -227,7 +231,7 @@ void Exclusions::AddAll(AuditSocket& socket) {
 void Exclusions::AddProcesses(AuditSocket& socket) {
   const std::vector<AuditRule> listed = socket.GetRulesFromAudit();
   for (auto& [name, process] : processes_) {
-    if (process.is_installed || process.has_ended) continue;
+    if (process.is_installed) continue;
     process.is_installed = AddExclusionRules(socket, listed, name, process.pid);
   }
 }
@@ -242,10 +246,15 @@ void Exclusions::Add(AuditSocket& socket, const std::string& name, std::int32_t 
 
 bool Exclusions::End(std::int32_t pid) {
   if (pid == own_pid_ || excluded_pids_.count(pid) == 0) return false;
-  for (auto& [name, process] : processes_) {
-    if (process.pid != pid || process.has_ended) continue;
+  for (auto entry = processes_.begin(); entry != processes_.end();) {
+    const auto& [name, process] = *entry;
+    if (process.pid != pid) {
+      ++entry;
+      continue;
+    }
     ZLOG_DEBUG("The excluded process " << name << " (" << pid << ") has ended");
-    process.has_ended = true;
+    ended_.insert(name);
+    entry = processes_.erase(entry);
   }
   if (agent_pid_ == pid) agent_pid_ = 0;
   CollectPids();
@@ -260,18 +269,15 @@ bool Exclusions::EndMissing() {
     if (!start || start != process.start) missing.push_back(process.pid);
   }
   for (const std::int32_t pid : missing) End(pid);
-  return std::any_of(processes_.begin(), processes_.end(), [](const auto& entry) { return entry.second.has_ended; });
+  return !ended_.empty();
 }
 
 void Exclusions::RemoveEnded(AuditSocket& socket) {
-  for (auto entry = processes_.begin(); entry != processes_.end();) {
-    if (!entry->second.has_ended) {
-      ++entry;
-      continue;
-    }
-    DeleteProcess(socket, entry->first);
-    entry = processes_.erase(entry);
-  }
+  std::erase_if(ended_, [&](const std::string& name) {
+    const auto successor = processes_.find(name);
+    const bool is_kept = successor != processes_.end() && successor->second.is_installed;
+    return DeleteProcess(socket, name, is_kept ? std::optional(successor->second.pid) : std::nullopt);
+  });
 }
 
 bool Exclusions::IsAgent(std::int32_t pid, const std::string& path) const {
@@ -285,14 +291,13 @@ bool Exclusions::NeedsUpdate(std::int32_t agent_pid, const std::string& agent_pa
 
 void Exclusions::Update(AuditSocket& socket, std::int32_t agent_pid, const std::string& agent_path) {
   if (!IsAgent(agent_pid, agent_path)) {
-    if (agent_name_ != kOwnName) {
-      DeleteProcess(socket, agent_name_);
-      processes_.erase(agent_name_);
-    }
     // One of the family may go by the name that is the agent's from now on.
-    if (FileName(agent_path) != kOwnName && Contains(FileName(agent_path))) DeleteProcess(socket, FileName(agent_path));
+    for (const std::string& name : {agent_name_, FileName(agent_path)}) {
+      if (name != kOwnName && processes_.erase(name) != 0) ended_.insert(name);
+    }
     SetAgent(agent_pid, FileName(agent_path));
   }
+  RemoveEnded(socket);
   AddProcesses(socket);
 }
 

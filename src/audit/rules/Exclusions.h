@@ -12,7 +12,7 @@ namespace zagent::audit::internal {
 
 // What the kernel shall not report: the program's own process, the parent agent and the product family's other
 // processes, the creation of threads, and end-of-event records. Failures are logged; an exclusion that could not be
-// added is tried again by the next call.
+// added, or taken away, is tried again by the next call.
 //
 // An exclusion dies with its process: it holds for a pid and the start time that <proc root> tells of it, so that
 // whoever gets the pid next is heard.
@@ -48,6 +48,7 @@ class Exclusions {
   // Looks whether the processes are still there, and ends those that are not, or are others by now. Nothing can be said
   // while the procfs does not know the program itself. True when RemoveEnded has something to do.
   bool EndMissing();
+  // What the kernel does not give up is left for the next look.
   void RemoveEnded(AuditSocket& socket);
 
  private:
@@ -55,7 +56,6 @@ class Exclusions {
     std::int32_t pid;
     std::optional<std::int64_t> start;  // as ReadStartSinceBoot tells; nothing when it was not there
     bool is_installed = false;
-    bool has_ended = false;
   };
 
   [[nodiscard]] Process Enter(std::int32_t pid) const;
@@ -67,6 +67,7 @@ class Exclusions {
   const std::string proc_root_;
   const std::int32_t own_pid_;
   std::map<std::string, Process> processes_;  // by process name
+  std::set<std::string> ended_;               // names whose rules may stand in the kernel for a process that has ended
   std::int32_t agent_pid_ = 0;                // 0: it has ended
   std::string agent_name_;
   std::set<std::int32_t> excluded_pids_;

@@ -157,6 +157,17 @@ TEST_F(RuleEngineFamilyTest, TellsWhenTheLookFailsAndTriesAgain) {
   EXPECT_FALSE(IsExcluded("host-warden"));
 }
 
+TEST_F(RuleEngineFamilyTest, AFailedDeletionOfAnExclusionIsTriedAgain) {
+  processes_.End(400);
+  kernel_.refuse_delete = [](const fakes::SeenRule&) { return EIO; };
+  engine_->LookAtExclusions();
+  EXPECT_TRUE(IsExcluded("host-warden"));
+  kernel_.refuse_delete = nullptr;
+  clock_.Advance(60s);
+  engine_->OnIdle();
+  EXPECT_FALSE(IsExcluded("host-warden"));
+}
+
 TEST_F(RuleEngineFamilyTest, ExcludesTheAgentAgainThatComesBack) {
   Process(EventType::ProcessExit, 400, "/opt/ostrel/bin/host-warden");
   engine_->UpdateExclusions(401, "/opt/ostrel/bin/host-warden");

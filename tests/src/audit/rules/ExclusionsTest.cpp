@@ -343,6 +343,54 @@ TEST_F(ExclusionsTest, RemembersWhatItCouldNotTakeOutOfTheKernel) {
   EXPECT_FALSE(exclusions_.EndMissing());
 }
 
+TEST_F(ExclusionsTest, AFailedDeletionIsTriedAgain) {
+  exclusions_.AddAll(socket_);
+  processes_.End(kAgentPid);
+  kernel_.refuse_delete = [](const SeenRule& rule) { return rule.Key().find("ignore") != std::string::npos ? EIO : 0; };
+  LookAndRemove();
+  EXPECT_EQ(kernel_.RulesWithKey("ostrel_ignore_rule_host-warden").size(), 1U);
+  EXPECT_EQ(exclusions_.GetExcludedPids().count(kAgentPid), 0U);
+  kernel_.refuse_delete = nullptr;
+  LookAndRemove();
+  EXPECT_TRUE(kernel_.RulesWithKey("ostrel_ignore_rule_host-warden").empty());
+  EXPECT_FALSE(exclusions_.EndMissing()) << "nothing is left to do";
+}
+
+TEST_F(ExclusionsTest, WhatCouldNotBeListedMayStillBeThere) {
+  exclusions_.AddAll(socket_);
+  exclusions_.End(kAgentPid);
+  kernel_.request_error = EIO;
+  LookAndRemove();
+  kernel_.request_error = 0;
+  kernel_.reply_error = EIO;
+  LookAndRemove();
+  kernel_.reply_error = 0;
+  EXPECT_EQ(kernel_.RulesWithKey("ostrel_ignore_rule_host-warden").size(), 1U);
+  LookAndRemove();
+  EXPECT_TRUE(kernel_.RulesWithKey("ostrel_ignore_rule_host-warden").empty());
+}
+
+TEST_F(ExclusionsTest, ARuleThatWentMeanwhileIsGone) {
+  exclusions_.AddAll(socket_);
+  exclusions_.End(kAgentPid);
+  kernel_.refuse_delete = [](const SeenRule&) { return ENOENT; };
+  exclusions_.RemoveEnded(socket_);
+  EXPECT_FALSE(exclusions_.EndMissing());
+  EXPECT_FALSE(log_.Has("Failed to delete exclusion rule"));
+}
+
+TEST_F(ExclusionsTest, ALeftoverIsRemovedWithoutItsSuccessor) {
+  exclusions_.AddAll(socket_);
+  processes_.Start(401, 21);
+  kernel_.refuse_delete = [](const SeenRule&) { return EPERM; };
+  exclusions_.Update(socket_, 401, "/opt/ostrel/bin/host-warden");
+  EXPECT_EQ(kernel_.RulesWithKey("ostrel_ignore_rule_host-warden").size(), 2U);
+  kernel_.refuse_delete = nullptr;
+  LookAndRemove();
+  EXPECT_EQ(Rule("ostrel_ignore_rule_host-warden").Find(AUDIT_PID)->value, 401U);
+  EXPECT_EQ(Rule("ostrel_exit_rule_host-warden").Find(AUDIT_PID)->value, 401U);
+}
+
 // --- the family
 
 TEST_F(ExclusionsTest, ExcludesASiblingUnderItsName) {
