@@ -209,14 +209,15 @@ std::vector<InstalledRules::Renewed> InstalledRules::Renew(AuditSocket& socket) 
     const auto before = watched_.find(address);
     const bool came_back =
         absence.reason == Absence::Reason::Moved && before != watched_.end() && before->second == *found;
+    const auto priority = absence.is_refusal_told ? Poco::Message::PRIO_DEBUG : Poco::Message::PRIO_ERROR;
     // The rule that went along with a renamed folder is the same to the kernel.
     DeleteRuleFromAudit(socket, *rule, coverage_);
     try {
       std::vector<AuditRule> created = CreateRules(*rule, coverage_);
-      if (AddRuleToAudit(socket, *rule, created) != Outcome::InForce) continue;
+      if (AddRuleToAudit(socket, *rule, created, priority) != Outcome::InForce) continue;
     } catch (const std::runtime_error& error) {
-      ZLOG_ERROR("Failed to renew rule " << rule->GetId() << ": " << error.what());
-      absent_[address] = {Absence::Reason::Refused};
+      ZLOG_AT(priority, "Failed to renew rule " << rule->GetId() << ": " << error.what());
+      absent_[address].is_refusal_told = true;
       continue;
     }
     absent_.erase(address);

@@ -52,7 +52,8 @@ class InstalledRules {
   };
   // Whether something has come to a path that is looked for. Asks the disk.
   [[nodiscard]] bool HasReturned() const;
-  // Puts those rules into force. A rule that the kernel refuses stays out of it, which is logged.
+  // Puts those rules into force. A rule that the kernel refuses, or that cannot be made now, is tried again by the next
+  // call; of refusals in a row only the first is told above Debug.
   std::vector<Renewed> Renew(AuditSocket& socket);
 
  private:
@@ -60,12 +61,13 @@ class InstalledRules {
 
   struct Absence {
     enum class Reason {
-      Refused,     // by the kernel, or because it cannot be expressed
+      Refused,     // by the kernel when it was added, which whoever added it has been told
       NeverThere,  // there was nothing to watch
       Dropped,     // by the kernel, together with what it watched
       Moved,       // what it watches is elsewhere, or nowhere; the kernel's rule may have gone along
     };
     Reason reason;
+    bool is_refusal_told = false;
   };
 
   [[nodiscard]] bool IsLookedFor(const Absence& absence) const;

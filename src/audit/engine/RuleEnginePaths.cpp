@@ -83,13 +83,15 @@ void RuleEngine::LookForMissingPaths() {
   if (!rules_.HasReturned()) return;
   try {
     internal::AuditSocket socket(netlink_, "RuleEngine");
-    for (const auto& [rule, is_new] : rules_.Renew(socket)) {
+    const auto renewed = rules_.Renew(socket);
+    for (const auto& [rule, is_new] : renewed) {
       if (is_new) KeepFoundObjects(*rule);
     }
+    // Whoever is told looks through all folders: not for a rule that is refused once a second.
+    if (!renewed.empty()) TellWatchedFolders();
   } catch (const edr::RuleEngineException& error) {
     ZLOG_ERROR("RuleEngine: Failed to put rules into force again: " << error.what());
   }
-  TellWatchedFolders();
   TellWhetherPathsAreMissing();
 }
 

@@ -47,7 +47,8 @@ RuleIdentities IdentitiesOf(const edr::EventRule& rule, const Coverage& coverage
   return identities;
 }
 
-Outcome AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vector<AuditRule>& created) {
+Outcome AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vector<AuditRule>& created,
+                       Poco::Message::Priority priority) {
   ZLOG_TRACE("RuleEngine::AddRuleToAudit: Adding rule with ID " << rule.GetId());
   bool added = false;
   Outcome outcome = Outcome::InForce;
@@ -64,7 +65,7 @@ Outcome AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vec
         outcome = Outcome::PathMissing;
         break;
       default:
-        ZLOG_ERROR("RuleEngine::AddRuleToAudit: Failed to add rule to audit subsystem: " << ErrnoText(error));
+        ZLOG_AT(priority, "RuleEngine::AddRuleToAudit: Failed to add rule to audit subsystem: " << ErrnoText(error));
         throw edr::RuleEngineException("Failed to add rule to audit subsystem");
     }
   }

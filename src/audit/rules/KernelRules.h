@@ -1,5 +1,7 @@
 #pragma once
 
+#include <Poco/Message.h>
+
 #include <set>
 #include <string>
 #include <vector>
@@ -29,8 +31,9 @@ enum class Outcome {
 };
 
 // Adds what CreateRules made of `rule`. A rule that is there already, or whose path is not, counts as done. Throws
-// edr::RuleEngineException "Failed to add rule to audit subsystem".
-Outcome AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vector<AuditRule>& created);
+// edr::RuleEngineException "Failed to add rule to audit subsystem", after the kernel's reason was logged at `priority`.
+Outcome AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vector<AuditRule>& created,
+                       Poco::Message::Priority priority = Poco::Message::PRIO_ERROR);
 
 // Takes a rule's kernel rules away again, with the coverage that they were made with; not those of `kept`, which stand
 // for another rule too. Failures are logged.

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "src/audit/events/RuleRemovedEvent.h"
 #include "src/audit/rules/AuditSocket.h"
@@ -65,6 +66,14 @@ class RuleEnginePathsTest : public RuleEngineFixture {
     DropKernelRules();
     TellOfDroppedRule(true);
     Process(EventType::Delete, "Delete", watched_);
+  }
+  // Errors in the log, the kernel's reason and the rule's.
+  [[nodiscard]] long RenewalErrors() const {
+    const std::vector<Poco::Message> lines = log_.Lines();
+    return std::count_if(lines.begin(), lines.end(), [](const Poco::Message& line) {
+      return line.getPriority() == Poco::Message::PRIO_ERROR &&
+             line.getText().find("Failed to add rule to audit subsystem") != std::string::npos;
+    });
   }
   // What rests in the cache of file events leaves it.
   void Settle() {
@@ -238,13 +247,37 @@ TEST_F(RuleEnginePathsTest, KeepsLookingWhenTheKernelCannotBeAsked) {
   EXPECT_EQ(InstalledIds(), (Ids{"rule"}));
 }
 
-TEST_F(RuleEnginePathsTest, GivesARuleUpThatTheKernelRefuses) {
+TEST_F(RuleEnginePathsTest, APassingRefusalDoesNotEndARule) {
+  RemoveFolder();
+  std::filesystem::create_directory(watched_);
+  kernel_.refuse_add = [](const fakes::SeenRule& rule) { return rule.Key() == "rule" ? ENOTDIR : 0; };
+  engine_->LookForMissingPaths();
+  EXPECT_TRUE(InstalledIds().empty());
+  EXPECT_TRUE(engine_->IsLookingForPaths());
+  kernel_.refuse_add = nullptr;
+  engine_->LookForMissingPaths();
+  EXPECT_EQ(InstalledIds(), (Ids{"rule"}));
+  EXPECT_FALSE(engine_->IsLookingForPaths());
+}
+
+TEST_F(RuleEnginePathsTest, TellsARefusalThatLastsOnce) {
+  RemoveFolder();
+  std::filesystem::create_directory(watched_);
+  RuleEngineFixture::watched_.clear();
+  kernel_.refuse_add = [](const fakes::SeenRule&) { return ENOSPC; };
+  for (int looks = 0; looks < 3; ++looks) engine_->LookForMissingPaths();
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "Failed to renew rule rule: Failed to add rule to audit subsystem"));
+  EXPECT_EQ(RenewalErrors(), 2);
+  EXPECT_TRUE(RuleEngineFixture::watched_.empty()) << "and lets nobody look through the folders for it";
+
+  kernel_.refuse_add = nullptr;
+  engine_->LookForMissingPaths();
+  EXPECT_EQ(RuleEngineFixture::watched_.size(), 1U);
   RemoveFolder();
   std::filesystem::create_directory(watched_);
   kernel_.refuse_add = [](const fakes::SeenRule&) { return ENOSPC; };
   engine_->LookForMissingPaths();
-  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "Failed to renew rule rule: Failed to add rule to audit subsystem"));
-  EXPECT_FALSE(engine_->IsLookingForPaths());
+  EXPECT_EQ(RenewalErrors(), 4) << "this is news";
 }
 
 TEST_F(RuleEnginePathsTest, ForgetsWhatARuleWaitedForThatIsReplaced) {
