@@ -72,12 +72,16 @@ std::optional<std::string> InstalledRules::Replace(AuditSocket& socket, const st
   RuleIdentities listed;
   for (const AuditRule& rule : socket.GetRulesFromAudit()) listed.insert(rule.Identity());
   std::set<RuleKey> staying;
+  std::set<std::string> process_names;
   for (const auto& rule : rules) {
+    const bool is_process = rule->GetType() == edr::ObjectType::Process;
+    if (is_process && !process_names.insert(rule->GetName()).second) continue;  // is refused below
     if (Stays(tag, *rule, listed)) staying.insert(RuleKey::Of(*rule));
   }
   const RuleIdentities kept = Kept(tag, staying, rules);
   DeleteDuplicateRules(socket, rules, kept, clock_);
   RemoveOthers(socket, tag, staying, kept);
+  ReleaseProcessNames(tag, staying);
 
   std::optional<std::string> first_failure;
   std::set<RuleKey> seen;
@@ -116,6 +120,13 @@ void InstalledRules::RemoveOthers(AuditSocket& socket, const std::string& tag, c
     watched_.erase({tag, key});
     DeleteRuleFromAudit(socket, *rule, coverage_, kept);
     progress.Step();
+  }
+}
+
+// A rule that stays in the kernel may get the name that another one has had until now. They all come back by Insert.
+void InstalledRules::ReleaseProcessNames(const std::string& tag, const std::set<RuleKey>& staying) {
+  for (const RuleKey& key : staying) {
+    if (key.type == edr::ObjectType::Process) table_.Remove(tag, key);
   }
 }
 

@@ -77,6 +77,7 @@ class InstalledRules {
                                     const edr::EventRuleEngine::Rules& rules) const;
   void RemoveOthers(AuditSocket& socket, const std::string& tag, const std::set<RuleKey>& staying,
                     const RuleIdentities& kept);
+  void ReleaseProcessNames(const std::string& tag, const std::set<RuleKey>& staying);
   void Add(AuditSocket& socket, const std::string& tag, const Rule& rule);
   void TellRulesInForce() const;
 

@@ -16,6 +16,7 @@ using namespace std::chrono_literals;
 using edr::EventType;
 using edr::ObjectType;
 using fakes::FakeEvent;
+using fakes::FakeRule;
 
 // What the engine knows of processes while a component asks for them.
 class RuleEngineProcessesTest : public RuleEngineFixture {
@@ -23,6 +24,12 @@ class RuleEngineProcessesTest : public RuleEngineFixture {
   void ListenToProcesses() {
     Listen("IOC");
     AddProcessRule();
+  }
+  // A process rule that looks at starts, under a name.
+  static Rule Named(const std::string& id, const std::string& name) {
+    FakeRule rule(id, ObjectType::Process, "", edr::EventTypes{EventType::ProcessStart});
+    rule.name = name;
+    return std::make_shared<const FakeRule>(std::move(rule));
   }
   void AddProcessRule() {
     engine_->AddRules("IOC", {std::make_shared<const fakes::FakeRule>("p", ObjectType::Process, "",
@@ -125,6 +132,31 @@ TEST_F(RuleEngineProcessesTest, ForgetsTheClonesWhenEventsWereLost) {
   engine_->Invalidate();
   Start(4, 51, 43);
   EXPECT_EQ(heard_, (Ids{"0", "3", "4"}));
+}
+
+TEST_F(RuleEngineProcessesTest, NamesOfProcessRulesMayMoveAlong) {
+  Listen("IOC");
+  engine_->AddRules("IOC", {Named("a", "X"), Named("b", "Y")});
+  const Ids installed = InstalledIds();
+  kernel_.calls.clear();
+  EXPECT_EQ(ErrorOf([&] { engine_->AddRules("IOC", {Named("a", "Y"), Named("b", "Z")}); }), "no error");
+  EXPECT_TRUE(kernel_.calls.empty()) << "nothing is missed meanwhile";
+  EXPECT_EQ(InstalledIds(), installed);
+  Start(1, 700, -1);
+  EXPECT_EQ(heard_, (Ids{"IOC a,b,:1"}));
+  EXPECT_EQ(ErrorOf([&] { engine_->AddRules("IOC", {Named("a", "Z"), Named("b", "Y")}); }), "no error") << "they swap";
+}
+
+TEST_F(RuleEngineProcessesTest, ARuleThatTakesTheNameOfOneThatStaysKeepsTheLaterOneOut) {
+  Listen("IOC");
+  engine_->AddRules("IOC", {Named("a", "X"), Named("b", "Y")});
+  EXPECT_EQ(ErrorOf([&] {
+              engine_->AddRules("IOC", {Named("a", "Y"), Named("b", "Y")});
+            }),
+            "engine: Cannot add more than 1 process rule for 'Y'");
+  EXPECT_TRUE(kernel_.RulesWithKey("b").empty()) << "no rule of the kernel without one of the table";
+  Start(1, 700, -1);
+  EXPECT_EQ(heard_, (Ids{"IOC a,:1"}));
 }
 
 TEST_F(RuleEngineProcessesTest, TakesChangesFromThreeOtherThreadsWhileEventsFlow) {
