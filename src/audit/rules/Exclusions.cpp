@@ -189,10 +189,13 @@ Exclusions::Process Exclusions::Enter(std::int32_t pid) const {
 }
 
 void Exclusions::SetAgent(std::int32_t pid, const std::string& name) {
-  agent_pid_ = pid;
+  const Process agent = Enter(pid);
   agent_name_ = name;
+  // One that has gone already: whoever gets its pid is heard.
+  const bool is_gone = pid >= 1 && !agent.start && processes_.at(kOwnName).start;
+  agent_pid_ = is_gone ? 0 : pid;
   // An agent that claims the program's own name must not push its entry out.
-  if (name != kOwnName) processes_[name] = Enter(pid);
+  if (!is_gone && name != kOwnName) processes_[name] = agent;
   CollectPids();
 }
 

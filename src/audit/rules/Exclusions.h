@@ -20,7 +20,9 @@ namespace zagent::audit::internal {
 // The caller serialises.
 class Exclusions {
  public:
-  // Enters the two processes; talks to nobody. The agent goes by the file name of its executable.
+  // Enters the two processes; talks to nobody. The agent goes by the file name of its executable. One whose process
+  // the procfs does not know, though it knows the program, has ended; Update takes it for another one as soon as it
+  // does.
   Exclusions(std::int32_t own_pid, std::int32_t agent_pid, const std::string& agent_path,
              std::string proc_root = "/proc");
 

@@ -31,6 +31,7 @@ class RuleEngineFixture : public ::testing::Test {
   RuleEngineFixture() {
     processes_.Start(getpid(), 10);
     processes_.Start(400, 20);
+    processes_.Start(401, 21);
     Start();
   }
 
@@ -95,7 +96,7 @@ class RuleEngineFixture : public ::testing::Test {
   fakes::FakeClock clock_;
   IntakeCounters counters_;
   fakes::FakeAuditNetlink kernel_;
-  fakes::FakeProcesses processes_;  // the program itself, and its agent as 400
+  fakes::FakeProcesses processes_;  // the program itself, its agent as 400 and the next one as 401
   bool extended_coverage_ = false;
   std::vector<std::string> heard_, invalidated_;
   int told_to_look_ = 0;

@@ -57,6 +57,7 @@ class ExclusionsTest : public ::testing::Test {
   bool StartProcesses() const {
     processes_.Start(kOwnPid, 10);
     processes_.Start(kAgentPid, 20);
+    processes_.Start(kAgentPid + 1, 21);  // the next agent
     return true;
   }
   void LookAndRemove() {
@@ -132,7 +133,7 @@ TEST_F(ExclusionsTest, StopsEndOfEventRecords) {
 
 TEST_F(ExclusionsTest, AddsNoSecondRuleUnderTheSameKey) {
   exclusions_.AddAll(socket_);
-  Exclusions(kOwnPid, kAgentPid, "/opt/ostrel/bin/host-warden").AddAll(socket_);
+  Exclusions(kOwnPid, kAgentPid, "/opt/ostrel/bin/host-warden", processes_.Root()).AddAll(socket_);
   EXPECT_EQ(kernel_.RulesWithKey("ostrel_ignore_rule_ostrel-edr").size(), 1U);
   EXPECT_EQ(kernel_.RulesWithKey("ostrel_exit_rule_ostrel-edr").size(), 1U);
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "Rule with key ostrel_ignore_rule_ostrel-edr already exist"));
@@ -176,13 +177,13 @@ TEST_F(ExclusionsTest, DoesNotTryTheExitRuleAfterTheSilenceFailed) {
 }
 
 TEST_F(ExclusionsTest, RefusesAProcessIdThatIsNone) {
-  Exclusions(kOwnPid, 0, "/opt/host-warden").AddAll(socket_);
+  Exclusions(kOwnPid, 0, "/opt/host-warden", processes_.Root()).AddAll(socket_);
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "Failed to create exclusion rule for pid 0"));
   EXPECT_TRUE(kernel_.RulesWithKey("ostrel_ignore_rule_host-warden").empty());
 }
 
 TEST_F(ExclusionsTest, RefusesAnAgentNameThatIsNoKey) {
-  Exclusions(kOwnPid, kAgentPid, "/opt/host!=warden").AddAll(socket_);
+  Exclusions(kOwnPid, kAgentPid, "/opt/host!=warden", processes_.Root()).AddAll(socket_);
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "Failed to add key to the exclusion rule for pid 400"));
   EXPECT_EQ(kernel_.RulesWithKey("ostrel_ignore_rule_ostrel-edr").size(), 1U);
 }
@@ -201,7 +202,9 @@ TEST_F(ExclusionsTest, TellsFailuresOfTheOtherExclusionsAndGoesOn) {
 }
 
 TEST_F(ExclusionsTest, DeletesWhatAnEarlierRunLeft) {
-  Exclusions(77, 78, "/opt/old-warden").AddAll(socket_);
+  processes_.Start(77, 1);
+  processes_.Start(78, 2);
+  Exclusions(77, 78, "/opt/old-warden", processes_.Root()).AddAll(socket_);
   AddForeign("operator");
   AddForeign("about ostrel_ignore_rule_");
   Exclusions::DeleteAll(socket_);
@@ -271,7 +274,7 @@ TEST_F(ExclusionsTest, TellsAnOldExclusionThatItCannotDelete) {
 }
 
 TEST_F(ExclusionsTest, AnAgentWithTheProgramsNameDoesNotPushItOut) {
-  Exclusions exclusions(kOwnPid, kAgentPid, "/opt/ostrel-edr");
+  Exclusions exclusions(kOwnPid, kAgentPid, "/opt/ostrel-edr", processes_.Root());
   exclusions.AddAll(socket_);
   EXPECT_EQ(Rule("ostrel_ignore_rule_ostrel-edr").Find(AUDIT_PID)->value, static_cast<std::uint32_t>(kOwnPid));
   exclusions.Update(socket_, 401, "/opt/ostrel-edr");
@@ -343,6 +346,24 @@ TEST_F(ExclusionsTest, RemembersWhatItCouldNotTakeOutOfTheKernel) {
   EXPECT_FALSE(exclusions_.EndMissing());
 }
 
+TEST_F(ExclusionsTest, AnAgentThatHasGoneAlreadySilencesNobody) {
+  exclusions_.AddAll(socket_);
+  exclusions_.Update(socket_, 402, "/opt/ostrel/bin/host-warden");
+  EXPECT_TRUE(kernel_.RulesWithKey("ostrel_ignore_rule_host-warden").empty());
+  EXPECT_EQ(exclusions_.GetExcludedPids(), (std::set<std::int32_t>{kOwnPid}));
+  processes_.Start(402, 22);
+  ASSERT_TRUE(exclusions_.NeedsUpdate(402, "/opt/ostrel/bin/host-warden"));
+  exclusions_.Update(socket_, 402, "/opt/ostrel/bin/host-warden");
+  EXPECT_EQ(Rule("ostrel_ignore_rule_host-warden").Find(AUDIT_PID)->value, 402U);
+}
+
+TEST_F(ExclusionsTest, AnAgentIsTakenForAliveWhileNothingCanBeRead) {
+  processes_.End(kOwnPid);
+  Exclusions exclusions(kOwnPid, 402, "/opt/ostrel/bin/host-warden", processes_.Root());
+  exclusions.AddAll(socket_);
+  EXPECT_EQ(Rule("ostrel_ignore_rule_host-warden").Find(AUDIT_PID)->value, 402U);
+}
+
 TEST_F(ExclusionsTest, AFailedDeletionIsTriedAgain) {
   exclusions_.AddAll(socket_);
   processes_.End(kAgentPid);
@@ -381,7 +402,6 @@ TEST_F(ExclusionsTest, ARuleThatWentMeanwhileIsGone) {
 
 TEST_F(ExclusionsTest, ALeftoverIsRemovedWithoutItsSuccessor) {
   exclusions_.AddAll(socket_);
-  processes_.Start(401, 21);
   kernel_.refuse_delete = [](const SeenRule&) { return EPERM; };
   exclusions_.Update(socket_, 401, "/opt/ostrel/bin/host-warden");
   EXPECT_EQ(kernel_.RulesWithKey("ostrel_ignore_rule_host-warden").size(), 2U);
