@@ -39,11 +39,15 @@ bool StartsWith(const std::string& line, const char* name) {
 ProcFSProcessInfo::ProcFSProcessInfo(std::int32_t pid, std::uint32_t auid, const std::string& proc_root)
     : ProcessInfo(pid, kNoParent), auid_(auid) {
   const std::string folder = proc_root + "/" + std::to_string(pid);
+  const auto start = util::ReadStartSinceBoot(pid, proc_root);
   ReadArguments(folder);
   ReadCwd(folder);
   ReadImage(folder);
   ReadStatus(folder);
   ReadStart(proc_root);
+  // Otherwise the program of one process would be told with the start of another.
+  if (util::ReadStartSinceBoot(pid, proc_root) == start) return;
+  throw ProcessInfoException("Another process got the pid " + std::to_string(pid) + " meanwhile");
 }
 
 const ImageInfo* ProcFSProcessInfo::GetSecondaryImage() const {

@@ -13,8 +13,9 @@ class ProcFSProcessInfo final : public ProcessInfo {
  public:
   // Reads <proc_root>/<pid>: cmdline (the first 255 arguments of its first 128 KiB), cwd, exe, status and stat. A
   // thread id becomes the id of its process. `auid` is taken as given. Throws ProcessInfoException, "Failed to open
-  // status for process with pid <pid>" and the like, when the process is not there or goes meanwhile. The working
-  // directory and the image, which a kernel thread has not, may stay empty.
+  // status for process with pid <pid>" and the like, when the process is not there or goes meanwhile, "Another process
+  // got the pid <pid> meanwhile" when its start is not the same before and after. The working directory and the image,
+  // which a kernel thread has not, may stay empty.
   ProcFSProcessInfo(std::int32_t pid, std::uint32_t auid, const std::string& proc_root = "/proc");
 
   [[nodiscard]] const std::vector<std::string>& GetArguments() const override { return arguments_; }

@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "common/src/util/ProcessTimes.h"
@@ -82,6 +84,21 @@ TEST_F(ProcFSProcessInfoTest, SaysWhatIsMissing) {
   proc_.Start(42);
   proc_.Remove(42, "stat");
   EXPECT_EQ(ErrorOf(42), "Failed to open stat for process with pid 42");
+}
+
+TEST_F(ProcFSProcessInfoTest, TwoProcessesOfOnePidAreNotTakenForOne) {
+  proc_.Start(42, {.start = 100});
+  proc_.Remove(42, "cmdline");
+  const std::string pipe = proc_.Root() + "/42/cmdline";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  // Opens when the reader does, who has read the start by then and waits for the arguments.
+  std::thread successor([&] {
+    const std::ofstream out(pipe);
+    proc_.Start(42, {.start = 200});
+  });
+  EXPECT_EQ(ErrorOf(42), "Another process got the pid 42 meanwhile");
+  successor.join();
+  EXPECT_EQ(Read(42).GetStartSinceBoot(), 200'000'000'000);
 }
 
 TEST_F(ProcFSProcessInfoTest, ABrokenReadIsNoShortFile) {
