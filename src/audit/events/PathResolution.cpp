@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <memory>
 
-#include "common/src/util/DeviceText.h"
 #include "src/edr/Event.h"
 
 namespace zagent::audit::internal {
@@ -49,10 +48,6 @@ constexpr std::array kDirectoryArguments = {
 constexpr std::array kObjectDescriptorCalls = {77U, 1U, 91U, 93U, 190U, 199U, 260U, 261U, 268U, 280U};
 
 constexpr int kMaxEntriesLookedAt = 10'000;
-
-bool Matches(const struct stat& result, const std::string& device, std::uint64_t inode) {
-  return result.st_ino == inode && common::util::DeviceText(result.st_dev) == device;
-}
 
 std::string WithoutLastSlash(std::string path) {
   if (path.size() > 1 && path.back() == '/') path.pop_back();
@@ -139,12 +134,6 @@ std::string DescriptorPath(std::int32_t pid, std::int32_t fd, const std::string&
   std::array<char, PATH_MAX> target{};
   const ssize_t length = readlink(link.c_str(), target.data(), target.size());
   return length > 0 ? std::string(target.data(), static_cast<std::size_t>(length)) : std::string();
-}
-
-bool IsObjectAt(const std::string& path, const std::string& device, std::uint64_t inode) {
-  struct stat result {};
-  return (lstat(path.c_str(), &result) == 0 && Matches(result, device, inode)) ||
-         (stat(path.c_str(), &result) == 0 && Matches(result, device, inode));
 }
 
 bool IsSame(const struct stat& found, const std::string& path, const FileIdentity& object, MountTable* mounts) {

@@ -44,9 +44,6 @@ namespace zagent::audit::internal {
 // What descriptor `fd` of a process stands for, as the link in `proc_root` tells it; empty when it cannot be read.
 [[nodiscard]] std::string DescriptorPath(std::int32_t pid, std::int32_t fd, const std::string& proc_root = "/proc");
 
-// Whether the path leads to this object, itself or through a symbolic link.
-[[nodiscard]] bool IsObjectAt(const std::string& path, const std::string& device, std::uint64_t inode);
-
 // Whether what was found at `path` is this object. With mounts, the device of the one that holds the path counts as
 // well as the one that was found.
 [[nodiscard]] bool IsSame(const struct stat& found, const std::string& path, const FileIdentity& object,

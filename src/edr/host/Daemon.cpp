@@ -232,6 +232,13 @@ void Daemon::RunLogged() {
   MainLoop();
 }
 
+audit::internal::FileContext Daemon::MakeFileContext() const {
+  return {.lib_magic = lib_magic_,
+          .folders = folders_,
+          .mounts = mounts_,
+          .extended_coverage = edr_config_->HasExtendedCoverage()};
+}
+
 void Daemon::BuildEngine() {
   // Without MAGIC_ERROR a missing file "identifies" as the text of the error.
   lib_magic_ = std::make_shared<LibMagicWrapper>(LibMagicWrapper::kDefaultDatabase, MAGIC_ERROR);
@@ -251,11 +258,7 @@ void Daemon::BuildEngine() {
       .agent_effective_uid = common_config_->GetAgentEffectiveUid(),
       .extended_coverage = edr_config_->HasExtendedCoverage(),
       .watch_folders = [this](auto folders) { folder_scan_->Watch(std::move(folders)); },
-      .file_context = std::make_shared<const audit::internal::FileContext>(
-          audit::internal::FileContext{.lib_magic = lib_magic_,
-                                       .folders = folders_,
-                                       .mounts = mounts_,
-                                       .extended_coverage = edr_config_->HasExtendedCoverage()}),
+      .file_context = std::make_shared<const audit::internal::FileContext>(MakeFileContext()),
       .look_for_paths =
           [this] {
             if (path_schedule_) path_schedule_->RunNow();
@@ -308,12 +311,7 @@ void Daemon::BuildFim() {
 void Daemon::StartIntake() {
   // The parser first, so that no record is read without a consumer.
   parser_ = std::make_unique<audit::ParserThread>(
-      *audit_channel_,
-      audit::internal::FileContext{.lib_magic = lib_magic_,
-                                   .folders = folders_,
-                                   .mounts = mounts_,
-                                   .extended_coverage = edr_config_->HasExtendedCoverage()},
-      *rule_engine_, edr_config_->GetCpuLimit(), edr_config_->GetMemoryLimit(),
+      *audit_channel_, MakeFileContext(), *rule_engine_, edr_config_->GetCpuLimit(), edr_config_->GetMemoryLimit(),
       audit::IntakeReports{.counters = intake_counters_,
                            .ended = [this](const std::string& cause) { intake_watch_->OnEnded(cause); },
                            .resumed = [this] { folder_scan_->StartAgain(); }});

@@ -73,6 +73,7 @@ class Daemon final : private CommandTarget {
   static void SetMallocThreshold();
 
   void RunLogged();
+  [[nodiscard]] audit::internal::FileContext MakeFileContext() const;
   void BuildEngine();
   void BuildUploads();
   [[nodiscard]] std::unique_ptr<const common::BlackoutManager> BuildQuietHours() const;

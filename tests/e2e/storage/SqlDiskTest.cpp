@@ -1,9 +1,7 @@
 // A database on disks that fail in the ways that real ones do: a list is there whole or not at all, and what was
 // written before stays.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
-#include <csignal>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -13,6 +11,7 @@
 #include "common/src/storage/SqlStorageFactory.h"
 #include "tests/e2e/storage/Tmpfs.h"
 #include "tests/fakes/FakeSqlFormatter.h"
+#include "tests/fakes/FileSizeLimit.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
 #include "tests/fakes/WhatOf.h"
@@ -21,30 +20,11 @@ namespace zagent::e2e {
 namespace {
 
 using common::SqlStorage;
+using fakes::FileSizeLimit;
 using fakes::WhatOf;
 using Poco::Message;
 
 constexpr int kRowsInList = 20;
-
-// No file of this process grows beyond `bytes` while it lives.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(rlim_t bytes) : old_handler_(std::signal(SIGXFSZ, SIG_IGN)) {
-    getrlimit(RLIMIT_FSIZE, &old_);
-    const rlimit limit{bytes, old_.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  FileSizeLimit(const FileSizeLimit&) = delete;
-  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-  ~FileSizeLimit() {
-    setrlimit(RLIMIT_FSIZE, &old_);
-    std::signal(SIGXFSZ, old_handler_);
-  }
-
- private:
-  rlimit old_{};
-  sighandler_t old_handler_;
-};
 
 class SqlDiskTest : public ::testing::Test {
  protected:

@@ -2,11 +2,9 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <csignal>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -17,6 +15,7 @@
 #include "common/src/util/UniqueFd.h"
 #include "tests/fakes/FakeDataFormatter.h"
 #include "tests/fakes/FaultyFiles.h"
+#include "tests/fakes/FileSizeLimit.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
 
@@ -24,30 +23,10 @@ namespace zagent::common {
 namespace {
 
 using fakes::FaultyFiles;
+using fakes::FileSizeLimit;
 using fakes::ToBytes;
 using fakes::ToText;
 using Poco::Message;
-
-// No file may become longer than `bytes` while it lives.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(rlim_t bytes) {
-    old_handler_ = std::signal(SIGXFSZ, SIG_IGN);
-    getrlimit(RLIMIT_FSIZE, &old_);
-    const rlimit limit{bytes, old_.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  FileSizeLimit(const FileSizeLimit&) = delete;
-  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-  ~FileSizeLimit() {
-    setrlimit(RLIMIT_FSIZE, &old_);
-    std::signal(SIGXFSZ, old_handler_);
-  }
-
- private:
-  rlimit old_{};
-  void (*old_handler_)(int) = nullptr;
-};
 
 class FileOperationsTest : public ::testing::Test {
  protected:
