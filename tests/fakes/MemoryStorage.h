@@ -32,7 +32,7 @@ class MemoryStorage final : public common::Storage {
   bool clear_result = true;
   int clears = 0;
 
-  void AddFile(const std::string& name, const std::string& text) { files_.push_back({name, text}); }
+  void AddFile(const std::string& name, const std::string& text) { files_.push_back({name, text, next_inode_++}); }
   [[nodiscard]] std::vector<std::string> FileNames() const {
     std::vector<std::string> names;
     for (const File& file : files_) names.push_back(file.name);
@@ -66,6 +66,9 @@ class MemoryStorage final : public common::Storage {
       return result;
     }
     result->path = files_.front().name;
+    result->stat_info = std::make_unique<struct stat>();
+    result->stat_info->st_ino = files_.front().inode;
+    result->stat_info->st_size = static_cast<off_t>(files_.front().text.size());
     result->data.assign(files_.front().text.begin(), files_.front().text.end());
     return result;
   }
@@ -92,8 +95,10 @@ class MemoryStorage final : public common::Storage {
   struct File {
     std::string name;
     std::string text;
+    ino_t inode;
   };
   std::deque<File> files_;
+  ino_t next_inode_ = 1;
 };
 
 }  // namespace zagent::fakes

@@ -85,6 +85,14 @@ std::uint64_t SpoolStorage::GetMaxFileSize() const {
   return limits_->MaxFileSize();
 }
 
+std::uint64_t SpoolStorage::GetWaitingBytes() const {
+  return schedule_->GetWaitingBytes();
+}
+
+std::uint64_t SpoolStorage::GetCachedBytes() const {
+  return worker_->GetHeldBytes();
+}
+
 void SpoolStorage::WriteAsync(Bytes data, ResultCallback callback) {
   if (data.size() > limits_->MaxFileSize()) {
     throw StorageException("SpoolStorage::WriteAsync: data is larger than max file size");
@@ -148,7 +156,7 @@ void SpoolStorage::Update(const Limits& limits) {
   }
   const std::lock_guard lock(update_mutex_);
   const bool waits = update_.has_value();
-  if (!waits) update_.emplace();
+  if (!waits) update_ = Limits{};
   if (limits.max_disk_size_mib != 0) update_->max_disk_size_mib = limits.max_disk_size_mib;
   if (limits.max_file_age_seconds != 0) update_->max_file_age_seconds = limits.max_file_age_seconds;
   if (limits.max_file_size_kib != 0) update_->max_file_size_kib = limits.max_file_size_kib;
@@ -164,22 +172,37 @@ void SpoolStorage::ApplyUpdate() {
   limits_->Apply(limits.max_disk_size_mib, limits.max_file_age_seconds, limits.max_file_size_kib);
 }
 
-SpoolStorage::Task SpoolStorage::MakeWrite(Bytes data, ResultCallback callback) {
-  const auto item = std::make_shared<Bytes>(std::move(data));
-  const auto refuse = [this, item](StorageCode code) {
-    auto result = worker_->MakeResult(code);
-    result->data = std::move(*item);
-    return result;
-  };
-  auto answer = std::make_shared<ResultAnswer>(std::move(callback), [refuse] { return refuse(StorageCode::Unknown); });
-  return [this, item, answer = std::move(answer), refuse] {
+// An item on its way to the cache, in one block of memory: bursts bring many.
+class SpoolStorage::PendingWrite {
+ public:
+  PendingWrite(internal::SpoolWorker& worker, Bytes item, ResultCallback callback)
+      : worker_(worker),
+        item_(std::move(item)),
+        answer_(std::move(callback), [this] { return Refuse(StorageCode::Unknown); }) {}
+
+  void Run() {
     try {
-      answer->Give(worker_->Add(*item));
+      answer_.Give(worker_.Add(item_));
     } catch (const DataFormatterException&) {
-      answer->Give(refuse(StorageCode::SerializationFailed));
+      answer_.Give(Refuse(StorageCode::SerializationFailed));
       throw;
     }
-  };
+  }
+
+ private:
+  std::unique_ptr<StorageResult> Refuse(StorageCode code) {
+    auto result = worker_.MakeResult(code);
+    result->data = std::move(item_);
+    return result;
+  }
+
+  internal::SpoolWorker& worker_;
+  Bytes item_;
+  ResultAnswer answer_;  // behind the item, which it may have to give back
+};
+
+SpoolStorage::Task SpoolStorage::MakeWrite(Bytes data, ResultCallback callback) {
+  return [write = std::make_shared<PendingWrite>(*worker_, std::move(data), std::move(callback))] { write->Run(); };
 }
 
 SpoolStorage::Task SpoolStorage::MakeRead(ResultCallback callback) {

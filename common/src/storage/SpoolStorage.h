@@ -76,7 +76,12 @@ class SpoolStorage final : public Storage {
   // Largest item that Write takes, in bytes.
   [[nodiscard]] std::uint64_t GetMaxFileSize() const;
 
+  // Memory that is kept by tasks that wait, and by the cache in front of the files. From any thread.
+  [[nodiscard]] std::uint64_t GetWaitingBytes() const;
+  [[nodiscard]] std::uint64_t GetCachedBytes() const;
+
  private:
+  class PendingWrite;
   using Task = std::function<void()>;
   Task MakeWrite(Bytes data, ResultCallback callback);
   Task MakeRead(ResultCallback callback);

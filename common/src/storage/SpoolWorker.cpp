@@ -19,16 +19,19 @@ std::unique_ptr<StorageResult> SpoolWorker::Add(const Bytes& data) {
   if (held == 0 || held + data.size() <= limits_.MaxFileSize()) {
     ZLOG_TRACE("SpoolStorage: Added " << data.size() << " bytes to cache. Current Cache size: " << held);
     formatter_->Append(data);
+    CountHeldBytes();
     if (held == 0) ScheduleSync();
     return MakeResult(StorageCode::Success);
   }
   auto result = FlushDataCache();
+  CountHeldBytes();
   if (formatter_->Size() != 0) {
     // An older payload still waits for the disk and the cache is full: there is no room for the item.
     result->data = data;
     return result;
   }
   formatter_->Append(data);
+  CountHeldBytes();
   if (result->code == StorageCode::Success) {
     ZLOG_INFO("SpoolStorage: Flushed cache to disk: " << result->path);
   }
@@ -46,6 +49,7 @@ void SpoolWorker::Sync() {
   } catch (const std::exception& error) {
     ZLOG_ERROR("SpoolStorage: Failed to sync cache. " << error.what());
   }
+  CountHeldBytes();
   // What could not be written is not left until somebody writes again.
   if (!IsCacheEmpty()) ScheduleSync();
 }
@@ -66,6 +70,7 @@ std::unique_ptr<StorageResult> SpoolWorker::Read() {
 bool SpoolWorker::Clear() {
   unwritten_ = Bytes();
   formatter_->Clear();
+  CountHeldBytes();
   return files_.Clear();
 }
 

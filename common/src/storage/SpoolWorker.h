@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -12,7 +13,7 @@
 namespace zagent::common::internal {
 
 // What the tasks of a spool do: the cache (a formatter) in front of the files. Used by one thread at a time; the
-// limits and HasFreeSpace from every thread.
+// limits, HasFreeSpace and GetHeldBytes from every thread.
 //
 // Operations throw DataFormatterException and StorageException; file failures come back as codes.
 class SpoolWorker {
@@ -39,12 +40,15 @@ class SpoolWorker {
   // A result that only says how much room there is.
   [[nodiscard]] std::unique_ptr<StorageResult> MakeResult(StorageCode code) const;
   [[nodiscard]] bool HasFreeSpace() const { return files_.HasFreeSpace(); }
+  // What the cache holds, and a payload that waits for the disk.
+  [[nodiscard]] std::uint64_t GetHeldBytes() const { return held_bytes_; }
 
  private:
   [[nodiscard]] bool IsCacheEmpty() const { return unwritten_.empty() && formatter_->Size() == 0; }
   std::unique_ptr<StorageResult> FlushDataCache();
   std::unique_ptr<StorageResult> StoreUnwritten();
   void ScheduleSync();
+  void CountHeldBytes() { held_bytes_ = unwritten_.size() + formatter_->Size(); }
 
   const std::unique_ptr<DataFormatter> formatter_;
   SpoolLimits& limits_;
@@ -52,6 +56,7 @@ class SpoolWorker {
   SpoolFiles files_;
   // The payload of a flush that failed: it is tried again before the next one, so there is never more than one.
   Bytes unwritten_;
+  std::atomic<std::uint64_t> held_bytes_{0};  // of both, as the last operation left them
 };
 
 }  // namespace zagent::common::internal

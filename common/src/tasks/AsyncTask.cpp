@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "common/src/util/Log.h"
+#include "common/src/util/ThreadName.h"
 
 namespace zagent::common {
 
@@ -62,6 +63,7 @@ void AsyncTask::JoinFinishedThread() {
 }
 
 void AsyncTask::OnExecute() {
+  util::NameThisThread("edr-task");
   std::thread previous;
   {
     const std::lock_guard lock(mutex_);

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "common/src/util/Log.h"
+#include "common/src/util/ThreadName.h"
 
 namespace zagent::common {
 namespace {
@@ -126,6 +127,7 @@ void Scheduler::WakeUp::Update() {
 }
 
 void Scheduler::Run() {
+  util::NameThisThread("edr-sched");
   while (state_ != State::Stopping) {
     const util::Clock::SystemTime wake = StartDueSchedules();
     std::unique_lock lock(wake_up_->mutex);

@@ -73,6 +73,11 @@ std::uint64_t TaskSchedule::Post(Task task, std::uint64_t bytes, std::uint64_t l
   return number;
 }
 
+std::uint64_t TaskSchedule::GetWaitingBytes() const {
+  const std::lock_guard lock(mutex_);
+  return waiting_bytes_;
+}
+
 bool TaskSchedule::TakeBack(std::uint64_t number) {
   Entry removed;  // destroyed after the lock is gone
   const std::lock_guard lock(mutex_);
@@ -280,8 +285,9 @@ void TaskSchedule::LogFailure(const std::exception& error) {
 }
 
 void TaskSchedule::ReportRefusals(std::unique_lock<std::mutex>& lock) {
+  if (refused_ == 0) return;
   const util::Clock::SystemTime now = clock_.Now();
-  if (refused_ == 0 || now < next_warning_) return;
+  if (now < next_warning_) return;
   const std::uint64_t refused = std::exchange(refused_, 0);
   next_warning_ = now + kWarningInterval;
   // A log that is slow, or waits for its disk, must not hold up whoever posts.

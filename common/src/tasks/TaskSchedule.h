@@ -69,6 +69,9 @@ class TaskSchedule : public Schedule {
   // more or when more than `limit` bytes would wait. Refusals at the limit are counted into one warning a minute.
   std::uint64_t Post(Task task, std::uint64_t bytes = 0, std::uint64_t limit = kNoLimit);
 
+  // What Post was told of the tasks that wait. From any thread.
+  [[nodiscard]] std::uint64_t GetWaitingBytes() const;
+
   // Takes back a task that has not started and destroys it. False when it has.
   bool TakeBack(std::uint64_t number);
 
@@ -145,7 +148,7 @@ class TaskSchedule : public Schedule {
   std::atomic<std::thread::id> runner_{};
   std::atomic<bool> registered_{false};
 
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
   std::condition_variable wake_;      // the run sleeps here
   std::condition_variable answered_;  // synchronous callers wait here
   std::deque<Entry> tasks_;

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "common/src/util/Log.h"
+#include "common/src/util/ThreadName.h"
 
 namespace zagent::common {
 namespace {
@@ -86,6 +87,7 @@ void ThreadedClass::SetWait(std::uint64_t wait_millis, std::function<bool()> wak
 }
 
 void ThreadedClass::Run() {
+  util::NameThisThread(name_.c_str());
   while (!stopped_) {
     try {
       Execute();

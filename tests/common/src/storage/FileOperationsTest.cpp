@@ -10,6 +10,8 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <system_error>
+#include <utility>
 #include <vector>
 
 #include "common/src/util/UniqueFd.h"
@@ -243,7 +245,7 @@ TEST_F(FaultyFileOperationsTest, ASignalInTheMiddleIsNoFailure) {
   std::map<FaultyFiles::Call, int> calls;
   disk_.fault = [&](FaultyFiles::Call call, const std::string&) {
     if (call == FaultyFiles::Call::Fstat) return 0;
-    return ++calls[call] % 2 == 1 ? EINTR : 0;
+    return ++calls[call] % 3 != 0 ? EINTR : 0;  // one signal may follow another
   };
   const auto written = WriteFile(path_, ToBytes("some text"), disk_, Durability::OnDisk);
   EXPECT_EQ(written->code, StorageCode::Success);
@@ -251,6 +253,40 @@ TEST_F(FaultyFileOperationsTest, ASignalInTheMiddleIsNoFailure) {
   EXPECT_EQ(ToText(ReadFile(path_, disk_)->data), "some text and more");
   EXPECT_EQ(SyncFolder(folder_.Path(), disk_), 0);
   EXPECT_EQ(disk_.Synced(), (std::vector<std::string>{path_, folder_.Path()}));
+}
+
+TEST_F(FaultyFileOperationsTest, ADiskThatTakesNothingFailsTheWriteWhateverFailedBefore) {
+  disk_.max_bytes = 0;
+  disk_.fault = [](FaultyFiles::Call call, const std::string&) {
+    if (call == FaultyFiles::Call::Write) errno = EEXIST;
+    return 0;
+  };
+  EXPECT_EQ(WriteFile(path_, ToBytes("text"), disk_)->code, StorageCode::IOError);
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "Storage: Failed to write to " + path_ + ": Input/output error (5)"))
+      << log_.All();
+}
+
+TEST_F(FaultyFileOperationsTest, NoProgramThatIsStartedMeanwhileInheritsAFile) {
+  int looked = 0;
+  disk_.fault = [&](FaultyFiles::Call call, const std::string& path) {
+    if (call == FaultyFiles::Call::Open) return 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      std::error_code closed_already;
+      if (std::filesystem::read_symlink(entry.path(), closed_already) != path) continue;
+      const int fd = std::stoi(entry.path().filename().string());
+      EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC) << path;
+      ++looked;
+    }
+    return 0;
+  };
+  const auto written = WriteFile(path_, ToBytes("text"), disk_);
+  EXPECT_GT(std::exchange(looked, 0), 0);
+  AppendFile(path_, ToBytes("more"), *written, disk_);
+  EXPECT_GT(std::exchange(looked, 0), 0);
+  EXPECT_EQ(ToText(ReadFile(path_, disk_)->data), "textmore");
+  EXPECT_GT(std::exchange(looked, 0), 0);
+  EXPECT_EQ(SyncFolder(folder_.Path(), disk_), 0);
+  EXPECT_GT(looked, 0);
 }
 
 TEST_F(FaultyFileOperationsTest, OnlyAWriteThatIsToBeOnDiskIsSynced) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -12,6 +13,15 @@
 
 namespace zagent::common::internal {
 namespace {
+
+// A file system that lists a folder in an order of its own.
+class ScatteredFiles final : public FileCalls {
+ public:
+  int ListFolder(const char*, std::vector<std::string>& names) override {
+    names = {"events.0012", "events.0003", "events.9999", "events.0100"};
+    return 0;
+  }
+};
 
 class SpoolDirectoryTest : public ::testing::Test {
  protected:
@@ -68,6 +78,15 @@ TEST_F(SpoolDirectoryTest, ListsRegularFilesInTheirOrder) {
   EXPECT_FALSE(directory_.Stat(1));
   EXPECT_FALSE(directory_.Stat(2));
   EXPECT_FALSE(directory_.Stat(4));
+}
+
+TEST_F(SpoolDirectoryTest, TheOldestComesFirstInWhateverOrderTheFileSystemTellsThem) {
+  for (const char* name : {"events.0003", "events.0012", "events.0100", "events.9999"}) folder_.Write(name, "x");
+  ScatteredFiles files;
+  const SpoolDirectory directory(folder_.Path(), "events", 9999, files);
+  std::vector<std::uint64_t> indices;
+  for (const auto& entry : directory.List("SpoolStorage::Test")) indices.push_back(entry.index);
+  EXPECT_EQ(indices, (std::vector<std::uint64_t>{3, 12, 100, 9999}));
 }
 
 TEST_F(SpoolDirectoryTest, AFolderThatIsGoneIsAnErrorWithItsCode) {

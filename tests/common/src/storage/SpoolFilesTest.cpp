@@ -390,12 +390,19 @@ TEST_F(SpoolFilesTest, NeverDeletesAnotherFileThatGotTheNameOrTheInode) {
   read->stat_info->st_ino = other.st_ino;
   read->stat_info->st_mtim.tv_sec = other.st_mtim.tv_sec - 1;
   EXPECT_FALSE(files.Delete(*read));
+  read->stat_info->st_mtim = other.st_mtim;
+  read->stat_info->st_mtim.tv_nsec = (other.st_mtim.tv_nsec + 1) % 1'000'000'000;
+  EXPECT_FALSE(files.Delete(*read));
   // Within one tick of the kernel's clock the sizes do.
   read->stat_info->st_mtim = other.st_mtim;
   read->stat_info->st_size = other.st_size + 1;
   EXPECT_FALSE(files.Delete(*read));
   EXPECT_EQ(Content(1, 1), "other");
   read->stat_info->st_size = other.st_size;
+  // Another file system, mounted in the place of the first, has inode numbers of its own.
+  read->stat_info->st_dev = other.st_dev + 1;
+  EXPECT_FALSE(files.Delete(*read));
+  read->stat_info->st_dev = other.st_dev;
   EXPECT_TRUE(files.Delete(*read)) << "it was told from another for a reason that is none";
 }
 

@@ -15,6 +15,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/fakes/FakeClock.h"
@@ -441,6 +442,45 @@ TEST_F(SpoolStorageTest, WhatWaitsIsBoundedByTheDiskLimit) {
   spool.WriteAsync(Bytes(kItem, 'x'), count);
   Drain();
   EXPECT_EQ(stored, 3) << "there is room again";
+}
+
+TEST_F(SpoolStorageTest, AnItemThatKeepsMoreMemoryThanItFillsWaitsWithAllOfIt) {
+  SpoolStorage& spool = Open();
+  const auto release = Block();
+  int refused = 0;
+  for (int i = 0; i < 3; ++i) {
+    Bytes item(1);
+    item.reserve(kMib / 2 - 384);
+    spool.WriteAsync(std::move(item), [&](std::unique_ptr<StorageResult> result) {
+      if (result->code != StorageCode::Success) ++refused;
+    });
+  }
+  EXPECT_EQ(refused, 1);
+  release->Open();
+  Drain();
+}
+
+TEST_F(SpoolStorageTest, ADeletionThatWaitsKeepsNoneOfTheData) {
+  folder_.Write("events.0001", "item");
+  SpoolStorage& spool = Open();
+  auto read = spool.Read();
+  const auto release = Block();
+  const auto in_use = [] {
+    const auto heap = mallinfo2();
+    return heap.uordblks + heap.hblkhd;
+  };
+  const std::size_t before = in_use();
+  read->data = Bytes(kMib);
+  Gate done;
+  spool.DeleteAsync(std::move(read), [&](bool deleted) {
+    EXPECT_TRUE(deleted);
+    done.Open();
+  });
+  if (kKnowsItsHeap) {
+    EXPECT_LT(in_use(), before + kMib / 2);
+  }
+  release->Open();
+  EXPECT_TRUE(done.Await());
 }
 
 TEST_F(SpoolStorageTest, SmallItemsWaitWithinTheBoundToo) {

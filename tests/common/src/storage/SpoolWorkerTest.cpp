@@ -104,6 +104,7 @@ TEST_F(SpoolWorkerTest, ACacheOfExactlyTheLargestFileStaysACache) {
   EXPECT_EQ(result->code, StorageCode::Success);
   EXPECT_EQ(result->path, folder_ / "events.0001");
   EXPECT_TRUE(result->stat_info);
+  EXPECT_TRUE(result->has_free_space);
   EXPECT_EQ(syncs_.size(), 2U) << "the new cache has a sync of its own";
   EXPECT_TRUE(log_.Has(Message::PRIO_INFORMATION, "SpoolStorage: Flushed cache to disk: " + (folder_ / "events.0001")))
       << log_.All();
@@ -116,6 +117,23 @@ TEST_F(SpoolWorkerTest, AnItemLargerThanAShrunkenLimitMakesNoEmptyFile) {
   EXPECT_EQ(Files(), "");
   worker_.Sync();
   EXPECT_EQ(Files(), std::string(3 * kKib, 'x'));
+}
+
+TEST_F(SpoolWorkerTest, KnowsWhatItHoldsInMemory) {
+  EXPECT_EQ(worker_.GetHeldBytes(), 0U);
+  Add(std::string(kKib, 'x'));
+  EXPECT_EQ(worker_.GetHeldBytes(), kKib);
+  Add("abc");  // makes a file of the cache
+  EXPECT_EQ(worker_.GetHeldBytes(), 3U);
+  disk_full_ = true;
+  Add(std::string(kKib, 'y'));
+  EXPECT_EQ(worker_.GetHeldBytes(), kKib + 3) << "what waits for the disk, too";
+  disk_full_ = false;
+  worker_.Sync();
+  EXPECT_EQ(worker_.GetHeldBytes(), 0U);
+  Add("abc");
+  worker_.Clear();
+  EXPECT_EQ(worker_.GetHeldBytes(), 0U);
 }
 
 TEST_F(SpoolWorkerTest, ASyncWithoutDataWritesNothing) {

@@ -61,11 +61,31 @@ TEST_F(SqlCacheTest, TellsEachChangeWithTheSumOfTheRows) {
       << log_.All();
 }
 
+TEST_F(SqlCacheTest, TheSumOfTheRowsBeginsAnewAfterAClear) {
+  SqlCache cache;
+  cache.StoreWritten("File", "a", Row(1, 3000));
+  cache.Clear();
+  cache.StoreWritten("File", "b", Row(2, 1024));
+  EXPECT_TRUE(log_.Has(Message::PRIO_DEBUG,
+                       "SqlStorage Cache: Adding 1024 bytes to table File. #Rows = 1. Total cached data size = 1 KB"))
+      << log_.All();
+}
+
 TEST_F(SqlCacheTest, AtTheBoundTheRowThatWasNotAskedForLongestGoes) {
   cache_.StoreWritten("File", "a", Row(1));
   cache_.StoreWritten("File", "b", Row(2));
   EXPECT_TRUE(Has("a"));
   cache_.StoreWritten("File", "c", Row(3));
+  EXPECT_TRUE(Has("a"));
+  EXPECT_FALSE(Has("b"));
+  EXPECT_TRUE(Has("c"));
+}
+
+TEST_F(SqlCacheTest, ARowThatIsWrittenAgainWasAskedForLast) {
+  cache_.StoreWritten("File", "a", Row(1));
+  cache_.StoreWritten("File", "b", Row(2));
+  cache_.StoreWritten("File", "a", Row(3));
+  cache_.StoreWritten("File", "c", Row(4));
   EXPECT_TRUE(Has("a"));
   EXPECT_FALSE(Has("b"));
   EXPECT_TRUE(Has("c"));

@@ -103,6 +103,7 @@ TEST(SerializerTest, AColumnThatIsCutShortSaysWhichPartIsMissing) {
     Serializer columns(cut);
     EXPECT_EQ(WhatOf<std::out_of_range>([&] { columns.GetString(); }),
               size < 8 ? "Serializer: Insufficient bytes to get data" : "Serializer: Insufficient bytes to get string");
+    EXPECT_EQ(columns.AtEnd(), size == 0) << "half a column counts as read";
   }
   const Bytes seven(7);
   Serializer number(seven);

@@ -275,6 +275,16 @@ TEST_F(SqlStorageAsyncTest, TheCacheForgetsAWriteThatFailedBeforeItsCallback) {
   EXPECT_EQ(seen.Take(), "Failed to compile query") << "the row came from the cache";
 }
 
+TEST_F(SqlStorageAsyncTest, WhatACallbackWritesReplacesInTheCacheWhatItWasToldOf) {
+  Open(Caching::On);
+  Mailbox<std::string> seen;
+  storage_->WriteAsync("Items", {{"a", Row("a", "1")}}, [&](const Result&) {
+    storage_->Write("Items", "a", Row("a", "2"));
+    seen.Put(TextOf("a"));
+  });
+  EXPECT_EQ(seen.Take(), "2") << "the change that has ended still shields its row";
+}
+
 TEST_F(SqlStorageAsyncTest, TheCacheForgetsAListThatTheFormatterRefused) {
   Open(Caching::On);
   const Bytes broken{1, 2, 3};

@@ -172,6 +172,16 @@ TEST_F(SqlStorageOpeningTest, ADatabaseIsSetAsideWithItsJournal) {
             "SqlStorage: Failed to set aside " + (folder_ / kName) + ": No such file or directory (2)");
 }
 
+TEST_F(SqlStorageOpeningTest, ADatabaseWhoseJournalCannotBeMovedStaysWithItsJournal) {
+  folder_.Write(kName, "database");
+  folder_.Write("Test.db-journal", "journal");
+  std::filesystem::create_directory(folder_ / "Test.db.damaged-journal");
+  EXPECT_EQ(WhatOf([&] { internal::SetSqlFileAside(folder_ / kName); }),
+            "SqlStorage: Failed to set aside " + (folder_ / "Test.db-journal") + ": Is a directory (21)");
+  EXPECT_TRUE(Exists(kName)) << "the next start would begin a new database with the journal of the old one";
+  EXPECT_EQ(folder_.Read("Test.db-journal"), "journal");
+}
+
 TEST_F(SqlStorageOpeningTest, OneDamagedDatabaseIsKeptTheLatest) {
   folder_.Write("Test.db.damaged", "earlier");
   folder_.Write("Test.db.damaged-journal", "earlier");

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <functional>
+#include <limits>
 #include <string>
 
 #include "tests/fakes/FakeClock.h"
@@ -226,6 +227,24 @@ TEST_F(BlackoutManagerTest, SummerTimeMovesTheOpeningWithTheClockOnTheWall) {
   const BlackoutManager manager(Document(OnlyOpen({24})), clock_);  // six o'clock
   const util::Clock::SystemTime midnight(std::chrono::seconds(1'711'839'600));
   EXPECT_EQ(manager.GetSecondsToWindow("FIM", Type::Network, midnight), 5U * 3600);
+}
+
+TEST_F(BlackoutManagerTest, TheHourThatComesTwiceOpensItsSlotsBothTimes) {
+  // The last Sunday of October 2024 has 25 hours: at three o'clock it is two again.
+  const TimeZone zone("CET-1CEST,M3.5.0/2,M10.5.0/3");
+  const BlackoutManager manager(Document(OnlyOpen({9})), clock_);  // a quarter past two
+  // Asked in summer before, the C library finds the first of the two.
+  const util::Clock::SystemTime summer(std::chrono::seconds(1'720'000'000));
+  EXPECT_GT(manager.GetSecondsToWindow("FIM", Type::Network, summer), 0U);
+  const util::Clock::SystemTime ten_past_two_again(std::chrono::seconds(1'729'991'400));
+  EXPECT_EQ(manager.GetSecondsToWindow("FIM", Type::Network, ten_past_two_again), 300U);
+}
+
+TEST_F(BlackoutManagerTest, AnIntervalIsAYearAtMost) {
+  const BlackoutManager manager(Document(kOpen), clock_);
+  EXPECT_EQ(manager.GetSecondsToEvent("FIM", Type::Network, util::ToNanoseconds(clock_.Now()),
+                                      std::numeric_limits<std::uint64_t>::max()),
+            366 * kDay);
 }
 
 TEST_F(BlackoutManagerTest, TheTableComesOutAsItWentIn) {

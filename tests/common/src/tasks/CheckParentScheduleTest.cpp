@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <limits>
 #include <memory>
 
 #include "common/src/tasks/Scheduler.h"
@@ -62,6 +63,11 @@ TEST_F(CheckParentScheduleTest, IsDueNowWhenItsTimeHasPassed) {
   EXPECT_EQ(schedule->NextRunTime(), In(seconds(30)));
   clock_.Advance(hours(1));
   EXPECT_EQ(schedule->NextRunTime(), In(seconds(0)));
+}
+
+TEST_F(CheckParentScheduleTest, LooksOnceADayAtLeast) {
+  CheckParentSchedule schedule(nullptr, std::numeric_limits<std::uint64_t>::max(), clock_, [] { return 4711; });
+  EXPECT_EQ(schedule.NextRunTime(), In(hours(24)));
 }
 
 TEST_F(CheckParentScheduleTest, NobodyNeedsToListen) {

@@ -6,9 +6,11 @@
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 #include "tests/fakes/FakeClock.h"
+#include "tests/fakes/SleepingCall.h"
 
 namespace zagent::common {
 namespace {
@@ -17,12 +19,13 @@ using std::chrono::seconds;
 
 constexpr seconds kDay{86'400};
 
-// Does something else right when it is asked for the time.
+// Lets something else happen right after it was looked at.
 class InterruptedClock final : public util::Clock {
  public:
   [[nodiscard]] SystemTime Now() const override {
+    const SystemTime now = clock_.Now();
     if (auto meanwhile = std::exchange(meanwhile_, nullptr)) meanwhile();
-    return clock_.Now();
+    return now;
   }
   [[nodiscard]] SteadyTime SteadyNow() const override { return clock_.SteadyNow(); }
   bool WaitUntil(std::condition_variable& condition, std::unique_lock<std::mutex>& lock, SystemTime deadline,
@@ -76,6 +79,21 @@ TEST_F(RememberedTimeTest, WhatIsSetWhileAStepIsToldIsNotForgotten) {
     time_.Move(step);
     EXPECT_LE(time_.Get(), clock_.In(seconds(60))) << "the earlier time is lost";
   }
+}
+
+TEST_F(RememberedTimeTest, AStepThatIsToldWhileATimeIsSetMovesThatTime) {
+  std::optional<fakes::SleepingCall<bool>> told;
+  clock_.Interrupt([&] {
+    clock_.Step(-kDay);
+    told.emplace([this] {
+      time_.Move(-kDay);
+      return true;
+    });
+    EXPECT_TRUE(told->AwaitAsleep()) << "it does not wait for the time that is about to be set";
+  });
+  time_.Set(seconds(60));
+  ASSERT_TRUE(told->AwaitEnd());
+  EXPECT_EQ(time_.Get(), clock_.In(seconds(60)));
 }
 
 }  // namespace

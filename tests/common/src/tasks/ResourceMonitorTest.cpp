@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -110,6 +111,16 @@ TEST_F(ResourceMonitorTest, ReadsAtMostOnceInAboutASecond) {
   EXPECT_FLOAT_EQ(monitor.GetCpuUsagePercent(), Percent(50, 1001));
 }
 
+TEST_F(ResourceMonitorTest, ACountThatGoesBackIsNoUse) {
+  ResourceMonitor monitor(5, 5, clock_, proc_.Path());
+  SetTicks(50, 0);
+  clock_.Advance(std::chrono::seconds(2));
+  EXPECT_FLOAT_EQ(monitor.GetCpuUsagePercent(), Percent(50, 2000));
+  SetTicks(49, 0);
+  clock_.Advance(std::chrono::seconds(2));
+  EXPECT_EQ(monitor.GetCpuUsagePercent(), 0);
+}
+
 TEST_F(ResourceMonitorTest, SaysWhyTheCpuUseCannotBeHad) {
   ResourceMonitor monitor(5, 5, clock_, proc_.Path());
   clock_.Advance(std::chrono::seconds(2));
@@ -166,6 +177,12 @@ TEST_F(MemoryUsageTest, AProbeOfThisProcessTellsBoth) {
   const LoadProbe probe = MakeLoadProbe(100, 100, clock_);
   EXPECT_EQ(probe.total_memory_kb, ReadTotalMemoryKb());
   EXPECT_EQ(probe.cpu_usage_percent(), 0);
+  EXPECT_EQ(probe.memory_usage_percent(), 0);
+  // Use of the processor is told from the first second on, that of memory from the first minute on.
+  while (std::clock() < CLOCKS_PER_SEC / 10) {
+  }
+  clock_.Advance(std::chrono::seconds(2));
+  EXPECT_GT(probe.cpu_usage_percent(), 0);
   EXPECT_EQ(probe.memory_usage_percent(), 0);
   clock_.Advance(std::chrono::seconds(61));
   EXPECT_GT(probe.memory_usage_percent(), 0);

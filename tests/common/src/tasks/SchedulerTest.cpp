@@ -119,6 +119,17 @@ TEST_F(SchedulerTest, RunNowStartsAScheduleWhoseTimeIsFarAway) {
   EXPECT_TRUE(Eventually([&] { return schedule->ended == 1; }));
 }
 
+TEST_F(SchedulerTest, RunNowDuringAWalkThatHasPassedTheScheduleIsNotLost) {
+  const auto passed = Register();
+  const auto later = Register();
+  later->next_time = [&] {
+    if (later->asked == 1) passed->RunNow();
+    return FakeSchedule::kNever;
+  };
+  scheduler_.Start();
+  EXPECT_TRUE(Eventually([&] { return passed->ended == 1; })) << "it waits for tomorrow";
+}
+
 TEST_F(SchedulerTest, RunNowBetweenTheEndOfTheWorkAndIdleIsNotLost) {
   const auto schedule = Register([&](FakeSchedule& self) {
     if (self.started != 1) return;

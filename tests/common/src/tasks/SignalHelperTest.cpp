@@ -59,6 +59,15 @@ TEST_F(SignalHelperTest, SaysWhenASignalTakesNoHandler) {
   EXPECT_THROW(SignalHelper::Instance().Block({100'000}), std::system_error);
 }
 
+TEST_F(SignalHelperTest, WhatIsBlockedAlreadyStaysSo) {
+  std::thread([&] {
+    SignalHelper::Instance().Block({SIGUSR1});
+    SignalHelper::Instance().Block({SIGUSR2});
+    EXPECT_TRUE(IsBlocked(SIGUSR1));
+    EXPECT_TRUE(IsBlocked(SIGUSR2));
+  }).join();
+}
+
 TEST_F(SignalHelperTest, BlocksForTheCallingThreadAndThoseItMakes) {
   SignalHelper::Instance().Register(SIGUSR1, Receive);
   std::thread([&] {

@@ -216,7 +216,9 @@ TEST_F(TaskScheduleTest, ATaskThatIsTakenBackIsAnsweredAndMakesRoom) {
   bool answered = false;
   auto answer = std::make_shared<Answer<bool>>([&](bool) { answered = true; }, [] { return false; });
   const std::uint64_t number = tasks_->Post([answer = std::move(answer)] { FAIL() << "it ran"; }, 100, 100);
+  EXPECT_EQ(tasks_->GetWaitingBytes(), 100U);
   EXPECT_TRUE(tasks_->TakeBack(number));
+  EXPECT_EQ(tasks_->GetWaitingBytes(), 0U);
   EXPECT_TRUE(answered);
   EXPECT_FALSE(tasks_->TakeBack(number));
   EXPECT_NE(tasks_->Post([] {}, 100, 100), TaskSchedule::kRefused);
@@ -379,6 +381,21 @@ TEST_F(TaskScheduleTest, AClockThatIsSetBackDoesNotSilenceTheWarning) {
   clock_.Advance(seconds(60));
   refuse();
   EXPECT_EQ(log_.Count("Refused 2 operations"), 1) << log_.All();
+  release->Open();
+}
+
+TEST_F(TaskScheduleTest, AStepThatIsToldLateDoesNotSilenceTheWarning) {
+  const auto release = Block();
+  const auto refuse = [&] { EXPECT_EQ(tasks_->Post([] {}, 2, 1), TaskSchedule::kRefused); };
+  clock_.Advance(kDay);
+  refuse();  // said by the new time, before the step is told
+  scheduler_.OnClockStep(kDay);
+  refuse();
+  refuse();
+  EXPECT_EQ(log_.Count("Refused 1 operations"), 1);
+  clock_.Advance(seconds(60));
+  refuse();
+  EXPECT_EQ(log_.Count("Refused 3 operations"), 1) << log_.All();
   release->Open();
 }
 

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <functional>
 #include <future>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -14,6 +15,7 @@
 #include "tests/fakes/FakeProcess.h"
 #include "tests/fakes/Gate.h"
 #include "tests/fakes/LogCapture.h"
+#include "tests/fakes/SleepingCall.h"
 
 namespace zagent::common {
 namespace {
@@ -104,6 +106,24 @@ TEST_F(ThreadedClassTest, TakesATurnOnAThreadOfItsOwnAndWaitsToBeWoken) {
   EXPECT_EQ(loop_.GetResourceMonitor().GetMemoryLimit(), 50U);
   EXPECT_TRUE(log_.Has(Message::PRIO_INFORMATION, "]: Starting Loop ...")) << log_.All();
   EXPECT_TRUE(log_.Has(Message::PRIO_INFORMATION, "]: Stopping Loop ..."));
+}
+
+TEST_F(ThreadedClassTest, AWakeUpBetweenTheLookAtThePredicateAndTheSleepIsNotLost) {
+  std::optional<fakes::SleepingCall<bool>> notify;
+  loop_.SetWait(0, [&] {
+    if (notify) return wake_.exchange(false);
+    // Somebody has news right after this look, which finds none.
+    notify.emplace([this] {
+      wake_ = true;
+      loop_.Notify();
+      return true;
+    });
+    EXPECT_TRUE(notify->AwaitAsleep()) << "nobody sleeps yet whom it could wake";
+    return false;
+  });
+  loop_.Start();
+  EXPECT_TRUE(TurnsReach(2));
+  loop_.Stop();
 }
 
 TEST_F(ThreadedClassTest, WithoutAPredicateItWaitsUntilItIsStopped) {
