@@ -11,4 +11,10 @@ void Cleanse(std::string& text) {
   text.clear();
 }
 
+void Cleanse(std::vector<unsigned char>& bytes) {
+  bytes.resize(bytes.capacity());
+  OPENSSL_cleanse(bytes.data(), bytes.size());
+  bytes.clear();
+}
+
 }  // namespace zagent::common::util

@@ -43,6 +43,14 @@ inline void ParseJson(rapidjson::Document& document, std::string_view text) {
   document.Parse<kJsonParseFlags>(text.data(), text.size());
 }
 
+// Parses in place: the document's texts stay where they are in `text`, which is changed, must outlive the document, and
+// is all that holds them. So whoever wipes `text` has wiped a secret that stood in it. False when it is no document.
+inline bool ParseJsonInPlace(rapidjson::Document& document, std::string& text) {
+  if (text.find('\0') != std::string::npos) return false;
+  document.ParseInsitu<kJsonParseFlags | rapidjson::kParseInsituFlag>(text.data());
+  return !document.HasParseError();
+}
+
 // The member, or nullptr when `object` is no object or has none of this name.
 inline const rapidjson::Value* FindMember(const rapidjson::Value& object, const char* name) {
   if (!object.IsObject()) return nullptr;

@@ -13,6 +13,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <mutex>
 #include <stdexcept>
 #include <vector>
 
@@ -32,6 +33,9 @@ struct State {
   // once.
   std::atomic<Poco::Logger*> logger{nullptr};
   Poco::Util::LoggingConfigurator configurator;
+  std::atomic<bool> holding{false};  // changes under held_mutex
+  std::mutex held_mutex;
+  std::vector<Poco::Message> held;
 };
 
 State& TheState() {
@@ -89,12 +93,39 @@ std::string Escaped(const std::string& text) {
   return escaped;
 }
 
+// False when nothing is held any more: the line is the caller's to write.
+bool Hold(State& state, const std::string& text, Poco::Message::Priority priority) {
+  const std::lock_guard lock(state.held_mutex);
+  if (!state.holding) return false;
+  if (state.held.size() < Log::kMaxHeldLines) state.held.emplace_back("", Escaped(text), priority);
+  return true;
+}
+
+void WriteHeld(State& state, Poco::Logger& logger) {
+  const std::lock_guard lock(state.held_mutex);
+  for (Poco::Message& line : state.held) {
+    line.setSource(logger.name());
+    try {
+      logger.log(line);                // asks its level itself
+    } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): lost like any other line
+    }
+  }
+  state.held = {};
+  state.holding = false;
+}
+
 Poco::Logger& EventLogger() {
   static Poco::Logger& logger = Poco::Logger::get("edr_events");
   return logger;
 }
 
 }  // namespace
+
+void Log::HoldUntilInit() {
+  State& state = TheState();
+  const std::lock_guard lock(state.held_mutex);
+  state.holding = !state.initialized;
+}
 
 void Log::Init(const std::string& name, const std::string& config_file) {
   State& state = TheState();
@@ -103,8 +134,10 @@ void Log::Init(const std::string& name, const std::string& config_file) {
       new Poco::Util::PropertyFileConfiguration(config_file));
   state.configurator.configure(config);
   for (const std::string& logger : LoggerNames()) CreateFolderOf(Poco::Logger::get(logger).getChannel());
-  state.logger = &Poco::Logger::get(name);
+  Poco::Logger& logger = Poco::Logger::get(name);
+  state.logger = &logger;
   state.initialized = true;
+  WriteHeld(state, logger);
 }
 
 void Log::Reload(const std::string& config_file) {
@@ -143,11 +176,14 @@ void Log::WriteEventTrace(const std::string& text) {
 }
 
 bool Log::IsEnabled(Poco::Message::Priority priority) {
-  return Get().is(priority);
+  // Before there is a configuration nobody knows what is wanted.
+  return TheState().holding || Get().is(priority);
 }
 
 void Log::Write(Poco::Message::Priority priority, const std::string& text) noexcept {
   try {
+    State& state = TheState();
+    if (state.holding && Hold(state, text, priority)) return;
     Poco::Logger& logger = Get();
     logger.log(Poco::Message(logger.name(), Escaped(text), priority));
   } catch (...) {  // NOLINT(bugprone-empty-catch)

@@ -2,6 +2,7 @@
 
 #include <Poco/Logger.h>
 
+#include <cstddef>
 #include <ostream>
 #include <sstream>
 #include <string>
@@ -28,9 +29,16 @@ const std::string& LogPrefix();
 namespace common::util {
 
 // The process's loggers, configured from one Poco property file that the parent agent owns.
-// Init runs before any other thread logs; Get and Write may be called from every thread.
+// Init runs while no other thread logs to Poco: HoldUntilInit keeps their lines away from it. Get and Write may be
+// called from every thread.
 class Log {
  public:
+  // From here on lines of all threads are held in memory, at every level, at most kMaxHeldLines (what comes behind them
+  // is lost). Init writes those whose level is enabled then, in their order and with their times, before any later
+  // line; one that fails leaves them held. Call it before the first thread that logs.
+  static void HoldUntilInit();
+  static constexpr std::size_t kMaxHeldLines = 1'000;
+
   // Reads the property file, configures Poco's loggers and creates missing log folders (mode 0700).
   // Throws std::runtime_error "Logger is already initialized" on a second call; what Poco throws on a bad file or on
   // a logger without a channel (Poco::NullPointerException) passes through.

@@ -6,8 +6,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <functional>
+#include <string>
+#include <thread>
 
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
@@ -139,6 +142,69 @@ TEST_F(LogTest, ALogFolderThatVanishedEndsNothing) {
     Log::Init("edr", config);
     std::filesystem::remove_all(folder_ / "gone");
     EXPECT_NO_THROW(ZLOG_ERROR("nobody hears this"));
+  });
+}
+
+TEST_F(LogTest, WhatIsSaidBeforeInitStandsInTheLogBehindIt) {
+  InOwnProcess([this] {
+    {
+      const fakes::LogCapture poco;
+      Log::HoldUntilInit();
+      std::thread([] {
+        ZLOG_INFO("first of another thread");
+        ZLOG_DEBUG("below the level to come");
+        ZLOG_ERROR("a line\nend");
+      }).join();
+      EXPECT_TRUE(poco.Lines().empty()) << poco.All();
+    }
+    EXPECT_THROW(Log::Init("edr", folder_ / "none"), Poco::FileNotFoundException);
+    Log::Init("edr", folder_.Write("log.properties", Properties(folder_ / "edr.log", "information")));
+    ZLOG_INFO("behind Init");
+    const std::string log = folder_.Read("edr.log");
+    const std::size_t first = log.find("]: first of another thread\n");
+    const std::size_t second = log.find("]: a line\\x0aend\n");
+    const std::size_t third = log.find("]: behind Init\n");
+    EXPECT_LT(first, second) << log;
+    EXPECT_LT(second, third) << log;
+    EXPECT_LT(third, log.size()) << log;
+    EXPECT_EQ(log.find("below the level"), std::string::npos) << log;
+  });
+}
+
+TEST_F(LogTest, AThreadThatLogsDuringInitLosesNoLineAndNoOrder) {
+  InOwnProcess([this] {
+    const std::string config = folder_.Write("log.properties", Properties(folder_ / "edr.log", "information"));
+    Log::HoldUntilInit();
+    std::atomic<int> said{0};
+    std::atomic<bool> initialized{false};
+    std::thread other([&] {
+      // Never more than can be held, until Init has returned.
+      while (!initialized || said < 20) {
+        if (initialized || said < static_cast<int>(Log::kMaxHeldLines)) ZLOG_INFO("line " << said++ << ".");
+      }
+    });
+    while (said < 10) std::this_thread::yield();
+    Log::Init("edr", config);
+    initialized = true;
+    other.join();
+    const std::string log = folder_.Read("edr.log");
+    std::size_t at = 0;
+    for (int line = 0; line < said; ++line) {
+      const std::size_t found = log.find("]: line " + std::to_string(line) + ".\n", at);
+      ASSERT_NE(found, std::string::npos) << line;
+      at = found;
+    }
+  });
+}
+
+TEST_F(LogTest, HoldsNoMoreThanItsBound) {
+  InOwnProcess([this] {
+    Log::HoldUntilInit();
+    for (std::size_t i = 0; i <= Log::kMaxHeldLines; ++i) ZLOG_INFO("held " << i << ".");
+    Log::Init("edr", folder_.Write("log.properties", Properties(folder_ / "edr.log", "information")));
+    const std::string log = folder_.Read("edr.log");
+    EXPECT_NE(log.find("held " + std::to_string(Log::kMaxHeldLines - 1) + "."), std::string::npos);
+    EXPECT_EQ(log.find("held " + std::to_string(Log::kMaxHeldLines) + "."), std::string::npos);
   });
 }
 
