@@ -19,6 +19,8 @@ class FakeInterceptor final : public common::HttpInterceptor {
   std::function<void(std::vector<unsigned char>& payload, common::HttpHeaders& headers)> on_request;
   std::function<ChunkResult(const std::vector<unsigned char>& chunk, std::vector<unsigned char>& output)> on_chunk;
   std::function<void(common::MutableHttpResponse& response)> on_response;
+  std::function<void(const std::vector<unsigned char>& payload)> on_prepare;
+  std::function<void(const common::HttpAttempt& attempt)> on_attempt_ended;
 
   [[nodiscard]] std::unique_ptr<HttpInterceptor> Clone() const override {
     return std::make_unique<FakeInterceptor>(*this);
@@ -36,6 +38,13 @@ class FakeInterceptor final : public common::HttpInterceptor {
   void ProcessResponse(const std::string&, common::MutableHttpResponse& response) override {
     calls_->push_back(name_ + ":response");
     if (on_response) on_response(response);
+  }
+  // These two are noted only by who listens for them.
+  void PrepareRequest(const std::vector<unsigned char>& payload) override {
+    if (on_prepare) on_prepare(payload);
+  }
+  void OnAttemptEnded(const common::HttpAttempt& attempt) override {
+    if (on_attempt_ended) on_attempt_ended(attempt);
   }
 
  private:

@@ -5,7 +5,9 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/src/http/Uploader.h"
@@ -20,6 +22,7 @@ class FakeUploader final : public common::Uploader {
     std::string url;
     std::string content_type;
     std::string payload;
+    std::optional<common::UploadSource> source;
   };
   struct Answer {
     std::int32_t outcome = kSuccess;
@@ -29,7 +32,7 @@ class FakeUploader final : public common::Uploader {
 
   std::int32_t Upload(const std::string& content_type, const std::vector<unsigned char>& payload) override {
     std::unique_lock lock(mutex_);
-    uploads_.push_back({target_, content_type, {payload.begin(), payload.end()}});
+    uploads_.push_back({target_, content_type, {payload.begin(), payload.end()}, std::exchange(source_, std::nullopt)});
     Answer answer;
     if (!script_.empty()) {
       answer = script_.front();
@@ -62,6 +65,10 @@ class FakeUploader final : public common::Uploader {
   void SetIndexedHeader(unsigned index, const std::string& value) override {
     const std::lock_guard lock(mutex_);
     indexed_headers_[index] = value;
+  }
+  void SetSource(const common::UploadSource& source) override {
+    const std::lock_guard lock(mutex_);
+    source_ = source;
   }
   [[nodiscard]] long LastHttpStatus() const override {
     const std::lock_guard lock(mutex_);
@@ -105,6 +112,7 @@ class FakeUploader final : public common::Uploader {
   std::deque<Answer> script_;
   std::vector<Sent> uploads_;
   std::map<unsigned, std::string> indexed_headers_;
+  std::optional<common::UploadSource> source_;
   std::string target_ = "https://unset";
   std::string correlation_id_;
   long http_status_ = 0;

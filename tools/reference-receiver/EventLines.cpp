@@ -1,5 +1,7 @@
 #include "tools/reference-receiver/EventLines.h"
 
+#include <array>
+
 #include "common/src/util/Digest.h"
 #include "common/src/util/Json.h"
 
@@ -30,6 +32,20 @@ std::string DescribeEvent(const rapidjson::Value& event) {
          " audit-user=" + TextOf(FindMember(actor, "auditUserName")) + " id=" + TextOf(FindMember(event, "eventId"));
 }
 
+std::string DescribeStatus(const rapidjson::Value& row) {
+  const rapidjson::Value* fields = FindMember(row, "additionalFields");
+  return "status " + TextOf(FindMember(row, "statusCode")) + " " + TextOf(FindMember(row, "contextId")) +
+         " state=" + TextOf(FindMember(row, "state")) + " " +
+         (fields == nullptr ? "-" : EscapeControls(common::util::WriteJson(*fields)));
+}
+
+struct Kind {
+  const char* member;  // an array
+  std::string (*describe)(const rapidjson::Value& item);
+};
+
+constexpr std::array<Kind, 2> kKinds = {{{"events", DescribeEvent}, {"status", DescribeStatus}}};
+
 }  // namespace
 
 std::string EscapeControls(const std::string& text) {
@@ -46,14 +62,22 @@ std::string EscapeControls(const std::string& text) {
   return escaped;
 }
 
-std::vector<std::string> DescribeEvents(const std::string& document) {
+bool IsEventDocument(const std::string& document) {
+  rapidjson::Document json;
+  common::util::ParseJson(json, document);
+  return !json.HasParseError() && FindMember(json, "events") != nullptr;
+}
+
+std::vector<std::string> DescribeDocument(const std::string& document) {
   rapidjson::Document json;
   common::util::ParseJson(json, document);
   if (json.HasParseError()) return {};
-  const rapidjson::Value* events = FindMember(json, "events");
-  if (events == nullptr || !events->IsArray()) return {};
   std::vector<std::string> lines;
-  for (const rapidjson::Value& event : events->GetArray()) lines.push_back(DescribeEvent(event));
+  for (const Kind& kind : kKinds) {
+    const rapidjson::Value* items = FindMember(json, kind.member);
+    if (items == nullptr || !items->IsArray()) continue;
+    for (const rapidjson::Value& item : items->GetArray()) lines.push_back(kind.describe(item));
+  }
   return lines;
 }
 

@@ -7,8 +7,13 @@ namespace zagent::tools {
 
 // One line for each event of a FIM document:
 //   event <eventAction> <imagePath, or "old -> new"> actor=<path> pid=<n> user=<name> audit-user=<name> id=<eventId>
-// What an event does not have is "-". Empty for a text that is no such document.
-std::vector<std::string> DescribeEvents(const std::string& document);
+// and for each row of a status document:
+//   status <statusCode> <contextId> state=<n> <additionalFields as JSON>
+// What there is not is "-". Empty for a text that is no such document.
+std::vector<std::string> DescribeDocument(const std::string& document);
+
+// Whether the text is a document of events at all: a JSON object with a member "events".
+bool IsEventDocument(const std::string& document);
 
 // Control bytes as \xNN and the backslash as \\, so that a name cannot fake a line.
 std::string EscapeControls(const std::string& text);

@@ -29,14 +29,38 @@ void WriteAll(int fd, const std::string& text, const std::string& path) {
 
 }  // namespace
 
-PayloadStore::PayloadStore(std::string folder) : folder_(std::move(folder)) {
-  if (!folder_.empty()) std::filesystem::create_directories(folder_);
+PayloadStore::PayloadStore(std::string folder, bool keep, const common::util::Clock& clock)
+    : folder_(std::move(folder)), keep_(keep), clock_(clock) {
+  if (folder_.empty() || !std::filesystem::create_directories(folder_)) return;
+  std::filesystem::permissions(folder_, std::filesystem::perms::owner_all);
 }
 
-void PayloadStore::Add(AcceptedPayload payload) {
+bool PayloadStore::Add(AcceptedPayload payload) {
   const std::lock_guard lock(mutex_);
+  const auto header = payload.headers.find("z-reqid");
+  const std::string request_id = header == payload.headers.end() ? "" : header->second;
+  ForgetOld();
+  if (known_ids_.contains(request_id)) return false;
   if (!folder_.empty()) payload.file = WriteFile(payload);
-  payloads_.push_back(std::move(payload));
+  if (!request_id.empty()) Remember(request_id);
+  if (keep_) payloads_.push_back(std::move(payload));
+  return true;
+}
+
+void PayloadStore::Remember(const std::string& request_id) {
+  if (known_.size() == kMaxKnown) ForgetOldest();
+  known_.push_back({request_id, clock_.SteadyNow()});
+  known_ids_.insert(request_id);
+}
+
+void PayloadStore::ForgetOld() {
+  const auto oldest = clock_.SteadyNow() - kMemory;
+  while (!known_.empty() && known_.front().since < oldest) ForgetOldest();
+}
+
+void PayloadStore::ForgetOldest() {
+  known_ids_.erase(known_.front().request_id);
+  known_.pop_front();
 }
 
 // Numbers of an earlier run are stepped over; whoever reads the folder sees whole files only.
@@ -44,7 +68,7 @@ std::string PayloadStore::WriteFile(const AcceptedPayload& payload) {
   const bool json = !payload.text.empty() && payload.text.front() == '{';
   const std::string partial = folder_ + "/.payload.part";
   {
-    const UniqueFd fd(open(partial.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    const UniqueFd fd(open(partial.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (!fd) throw std::runtime_error("Cannot open " + partial + ": " + ErrnoText(errno));
     WriteAll(fd.Get(), payload.text, partial);
   }

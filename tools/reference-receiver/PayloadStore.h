@@ -2,10 +2,14 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
+
+#include "common/src/util/Clock.h"
 
 namespace zagent::tools {
 
@@ -20,12 +24,19 @@ struct AcceptedPayload {
 // What has come to the receiver. Thread-safe.
 class PayloadStore {
  public:
-  // Every payload becomes a file "payload-<number>.json" (".bin" when it is no JSON) of `folder`, which is made when it
-  // does not exist; with an empty folder they are kept in memory only. Throws std::filesystem::filesystem_error.
-  explicit PayloadStore(std::string folder);
+  // For so long an upload that is sent again is known by its Z-REQID, and at most so many are: at the bound the oldest
+  // is forgotten.
+  static constexpr std::chrono::hours kMemory{1};
+  static constexpr std::size_t kMaxKnown = 65'536;
 
-  // Throws std::runtime_error when the file cannot be written; the payload then counts as not accepted.
-  void Add(AcceptedPayload payload);
+  // Every payload becomes a file "payload-<number>.json" (".bin" when it is no JSON) of mode 0600 in `folder`, which is
+  // made with mode 0700 when it does not exist; an empty folder means no files. `keep`: Payloads() has them as well.
+  // Throws std::filesystem::filesystem_error.
+  PayloadStore(std::string folder, bool keep, const common::util::Clock& clock = common::util::Clock::Real());
+
+  // False when an upload with its "z-reqid" was accepted already: the payload is dropped. Throws std::runtime_error
+  // when the file cannot be written; the payload then counts as not accepted.
+  bool Add(AcceptedPayload payload);
   [[nodiscard]] std::vector<AcceptedPayload> Payloads() const;
 
   void CountRequest();
@@ -34,12 +45,24 @@ class PayloadStore {
   [[nodiscard]] bool WaitForRequests(unsigned count, std::chrono::milliseconds timeout) const;
 
  private:
+  struct Known {
+    std::string request_id;
+    common::util::Clock::SteadyTime since;
+  };
+
   std::string WriteFile(const AcceptedPayload& payload);
+  void Remember(const std::string& request_id);
+  void ForgetOld();
+  void ForgetOldest();
 
   const std::string folder_;
+  const bool keep_;
+  const common::util::Clock& clock_;
   mutable std::mutex mutex_;
   mutable std::condition_variable arrived_;
   std::vector<AcceptedPayload> payloads_;
+  std::deque<Known> known_;  // oldest first
+  std::set<std::string> known_ids_;
   unsigned requests_ = 0;
   unsigned next_number_ = 1;
 };

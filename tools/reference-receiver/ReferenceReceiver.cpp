@@ -28,10 +28,13 @@ class HandlerFactory final : public Poco::Net::HTTPRequestHandlerFactory {
   ReceiverState& state_;
 };
 
-Poco::Net::Context::Ptr MakeContext(const ServerCertificate& certificate) {
+Poco::Net::Context::Ptr MakeContext(const ServerCertificate& certificate, const std::string& client_ca_file) {
   Poco::Net::Context::Params params;
-  params.verificationMode = Poco::Net::Context::VERIFY_NONE;
+  params.verificationMode =
+      client_ca_file.empty() ? Poco::Net::Context::VERIFY_NONE : Poco::Net::Context::VERIFY_STRICT;
+  params.caLocation = client_ca_file;
   Poco::Net::Context::Ptr context(new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, params));
+  context->enableExtendedCertificateVerification(false);  // a client's certificate names no host
   context->requireMinimumProtocol(Poco::Net::Context::PROTO_TLSV1_2);
   if (SSL_CTX_use_certificate(context->sslContext(), certificate.Certificate()) != 1 ||
       SSL_CTX_use_PrivateKey(context->sslContext(), certificate.Key()) != 1) {
@@ -53,7 +56,9 @@ Poco::Net::HTTPServerParams::Ptr MakeParams() {
 struct ReferenceReceiver::Impl {
   explicit Impl(ReceiverOptions options)
       : state(std::move(options)),
-        socket(Poco::Net::SocketAddress("127.0.0.1", state.options.port), 64, MakeContext(certificate)),
+        certificate(state.options.cert_folder, {state.options.cert_names, state.options.cert_days}),
+        socket(Poco::Net::SocketAddress("127.0.0.1", state.options.port), 64,
+               MakeContext(certificate, state.options.client_ca_file)),
         threads(2, kMaxThreads),
         server(new HandlerFactory(state), threads, socket, MakeParams()) {
     if (!state.options.ca_file.empty()) certificate.WriteTo(state.options.ca_file);

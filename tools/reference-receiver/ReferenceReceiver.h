@@ -30,6 +30,7 @@ class ReferenceReceiver {
   // "http://127.0.0.1:<port>"; empty without a proxy.
   [[nodiscard]] std::string GetProxyUrl() const;
 
+  // With `keep_payloads` only.
   [[nodiscard]] std::vector<AcceptedPayload> GetPayloads() const;
   // Requests that have come whole, whatever became of them.
   [[nodiscard]] unsigned GetRequestCount() const;

@@ -60,20 +60,29 @@ bool IsEqual(const std::string& left, const std::string& right) {
 }  // namespace
 
 SignatureVerifier::SignatureVerifier(const std::string& customer_id, const std::string& agent_id,
-                                     const std::string& activation_id, const common::util::Clock& clock)
-    : keys_(common::DeriveKeys(customer_id, agent_id, activation_id)), clock_(clock) {}
+                                     const std::string& activation_id, const common::util::Clock& clock,
+                                     const std::string& v3_file)
+    : keys_(common::DeriveKeys(customer_id, agent_id, activation_id)), clock_(clock) {
+  if (!v3_file.empty()) v3_ = std::make_unique<const HmacV3Verifier>(HmacV3Keys::ReadFile(v3_file));
+}
+
+bool SignatureVerifier::IsV3(const SignedRequest& request) {
+  return request.authorization && request.authorization->starts_with("ZAuthV3 ");
+}
 
 std::optional<std::string> SignatureVerifier::FindFault(const SignedRequest& request) const {
   if (!request.authorization) return "missing header X-OSTL-Authorization";
   if (!request.timestamp) return "missing header X-OSTL-Timestamp";
-  const std::optional<Authorization> authorization = Parse(*request.authorization);
-  if (!authorization) return "malformed authorization";
-  const bool is_v1 = authorization->scheme == "ZHmacV1Auth";
-  if (!is_v1 && authorization->scheme != "ZHmacV2Auth") return "unknown authorization scheme";
   const auto time = ParseTimestamp(*request.timestamp);
   if (!time) return "malformed timestamp";
   const auto now = std::chrono::floor<std::chrono::seconds>(clock_.Now());
   if (std::chrono::abs(now - *time) > kTimestampWindow) return "timestamp outside the allowed window";
+  if (v3_ && IsV3(request)) return v3_->FindFault(request);
+
+  const std::optional<Authorization> authorization = Parse(*request.authorization);
+  if (!authorization) return "malformed authorization";
+  const bool is_v1 = authorization->scheme == "ZHmacV1Auth";
+  if (!is_v1 && authorization->scheme != "ZHmacV2Auth") return "unknown authorization scheme";
   const std::string key_id = keys_->Get(is_v1 ? "KIdV1" : "KIdV2");
   if (authorization->key_id != key_id) return "unknown key id";
 
@@ -82,6 +91,12 @@ std::optional<std::string> SignatureVerifier::FindFault(const SignedRequest& req
   const std::string message = is_v1 ? MessageV1(request) : MessageV2(request, key_id);
   if (!IsEqual(Base64Encode(HmacSha256(key, message)), authorization->signature)) return "signature does not match";
   return std::nullopt;
+}
+
+std::vector<std::pair<std::string, std::string>> SignatureVerifier::SignAnswer(const SignedRequest& request,
+                                                                               const std::string& body) const {
+  if (!v3_ || !IsV3(request)) return {};
+  return v3_->SignAnswer(request, body, common::util::FormatUtc(common::util::ToNanoseconds(clock_.Now())));
 }
 
 }  // namespace zagent::tools

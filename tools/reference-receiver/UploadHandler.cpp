@@ -14,6 +14,7 @@
 
 #include "common/src/http/interceptors/LzmaCompression.h"
 #include "common/src/util/Fnv.h"
+#include "tools/json-schema/JsonSchema.h"
 #include "tools/reference-receiver/EventLines.h"
 
 namespace zagent::tools {
@@ -70,6 +71,11 @@ void ReceiverState::Delay() {
   stopping_.wait_for(lock, options.delay, [this] { return stopped_; });
 }
 
+void ReceiverState::AwaitStop() {
+  std::unique_lock lock(stop_mutex_);
+  stopping_.wait(lock, [this] { return stopped_; });
+}
+
 void ReceiverState::Stop() {
   const std::lock_guard lock(stop_mutex_);
   stopped_ = true;
@@ -84,8 +90,15 @@ void UploadHandler::handleRequest(HTTPServerRequest& request, HTTPServerResponse
     state_.Print("answered: reset");
     return ResetConnection(request);
   }
-  if (verdict.status == HTTPServerResponse::HTTP_OK && state_.options.truncate) return AnswerTruncated(response);
-  Answer(response, verdict.status);
+  if (verdict.status == HTTPServerResponse::HTTP_OK) {
+    if (state_.LosesThisAnswer()) {
+      state_.Print("answered: lost");
+      return ResetConnection(request);
+    }
+    const ReceiverOptions::BodyFault fault = state_.NextBodyFault(request.getURI());
+    if (fault != ReceiverOptions::BodyFault::None) return AnswerInPart(request, response, fault);
+  }
+  Answer(response, verdict);
 }
 
 UploadHandler::Verdict UploadHandler::Judge(HTTPServerRequest& request) {
@@ -97,7 +110,7 @@ UploadHandler::Verdict UploadHandler::Judge(HTTPServerRequest& request) {
   if (request.hasContentLength() && static_cast<Poco::Int64>(body.size()) != request.getContentLength64()) {
     return {HTTPServerResponse::HTTP_BAD_REQUEST, "body incomplete"};
   }
-  if (const int forced = ForcedStatus(); forced != 0) {
+  if (const int forced = ForcedStatus(request.getURI()); forced != 0) {
     state_.Print("answered: " + std::to_string(forced));
     return {forced, ""};
   }
@@ -112,7 +125,13 @@ UploadHandler::Verdict UploadHandler::Judge(HTTPServerRequest& request) {
   if (const auto fault = state_.verifier.FindFault(signed_request)) {
     return {HTTPServerResponse::HTTP_UNAUTHORIZED, *fault};
   }
-  return Accept(request, std::move(signed_request.body));
+  if (const std::string foreign = FindForeignIdentity(request); !foreign.empty()) {
+    return {HTTPServerResponse::HTTP_UNAUTHORIZED, foreign};
+  }
+  auto answer_headers = state_.verifier.SignAnswer(signed_request, "");
+  Verdict verdict = Accept(request, std::move(signed_request.body));
+  if (verdict.status == HTTPServerResponse::HTTP_OK) verdict.headers = std::move(answer_headers);
+  return verdict;
 }
 
 UploadHandler::Verdict UploadHandler::Accept(const HTTPServerRequest& request, std::string body) {
@@ -130,13 +149,16 @@ UploadHandler::Verdict UploadHandler::Accept(const HTTPServerRequest& request, s
     if (request.has("Z-PAYLOADHASH") && request.get("Z-PAYLOADHASH") != HashText(payload.text)) {
       return {HTTPServerResponse::HTTP_BAD_REQUEST, "payload hash does not match"};
     }
+    if (const auto fault = FindDocumentFault(payload.text)) {
+      return {HTTPServerResponse::HTTP_BAD_REQUEST, "document does not follow its schema: " + EscapeControls(*fault)};
+    }
     for (const auto& [name, value] : request) payload.headers[Poco::toLower(name)] = value;
-    std::vector<std::string> lines = DescribeEvents(payload.text);
+    std::vector<std::string> lines = DescribeDocument(payload.text);
     if (lines.empty()) {
       lines.push_back("payload " + std::to_string(payload.text.size()) +
                       " bytes type=" + EscapeControls(request.get("Content-Type", "-")));
     }
-    state_.store.Add(std::move(payload));
+    if (!state_.store.Add(std::move(payload))) lines = {"repeated: " + EscapeControls(request.get("Z-REQID"))};
     for (const std::string& line : lines) state_.Print(line);
     return {HTTPServerResponse::HTTP_OK, ""};
   } catch (const common::DecompressedTooLargeException&) {
@@ -148,28 +170,53 @@ UploadHandler::Verdict UploadHandler::Accept(const HTTPServerRequest& request, s
   }
 }
 
-int UploadHandler::ForcedStatus() {
-  if (state_.options.status == 0) return 0;
+std::optional<std::string> UploadHandler::FindDocumentFault(const std::string& text) const {
+  if (!state_.options.validate || !IsEventDocument(text)) return std::nullopt;
+  return FindSchemaFault("fim-upload", text);
+}
+
+std::string UploadHandler::FindForeignIdentity(const HTTPServerRequest& request) const {
+  const std::pair<const char*, const std::string&> owner[] = {{"Z-CUSTID", state_.options.customer_id},
+                                                              {"Z-CLNTID", state_.options.agent_id}};
+  for (const auto& [name, id] : owner) {
+    if (request.has(name) && request.get(name) != id) return std::string(name) + " is not that of the key id";
+  }
+  return "";
+}
+
+int UploadHandler::ForcedStatus(const std::string& target) {
+  if (state_.options.status == 0 || target.find(state_.options.only_for) == std::string::npos) return 0;
   const unsigned number = ++state_.forced_answers;
   return state_.options.status_requests == 0 || number <= state_.options.status_requests ? state_.options.status : 0;
 }
 
-void UploadHandler::Answer(HTTPServerResponse& response, int status) {
-  response.setStatusAndReason(static_cast<HTTPServerResponse::HTTPStatus>(status));
+void UploadHandler::Answer(HTTPServerResponse& response, const Verdict& verdict) {
+  response.setStatusAndReason(static_cast<HTTPServerResponse::HTTPStatus>(verdict.status));
+  for (const auto& [name, value] : verdict.headers) response.set(name, value);
   if (state_.options.z_srv) response.set("Z-SRV", "reference-receiver");
   // What was refused for its size has not been read: the connection is of no more use.
-  if (status == HTTPServerResponse::HTTP_REQUEST_ENTITY_TOO_LARGE) response.setKeepAlive(false);
+  if (verdict.status == HTTPServerResponse::HTTP_REQUEST_ENTITY_TOO_LARGE) response.setKeepAlive(false);
   response.setContentLength(0);
   response.send();
 }
 
-void UploadHandler::AnswerTruncated(HTTPServerResponse& response) {
+void UploadHandler::AnswerInPart(HTTPServerRequest& request, HTTPServerResponse& response,
+                                 ReceiverOptions::BodyFault fault) {
   constexpr int kAnnounced = 100;
   if (state_.options.z_srv) response.set("Z-SRV", "reference-receiver");
   response.setKeepAlive(false);
   response.setContentLength(kAnnounced);
   response.send() << "{" << std::flush;
-  state_.Print("answered: truncated");
+  switch (fault) {
+    case ReceiverOptions::BodyFault::Reset:
+      state_.Print("answered: reset in the body");
+      return ResetConnection(request);
+    case ReceiverOptions::BodyFault::Stall:
+      state_.Print("answered: stalled in the body");
+      return state_.AwaitStop();
+    default:
+      state_.Print("answered: truncated");
+  }
 }
 
 }  // namespace zagent::tools

@@ -5,6 +5,10 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "tools/reference-receiver/PayloadStore.h"
 #include "tools/reference-receiver/ReceiverOptions.h"
@@ -16,14 +20,24 @@ namespace zagent::tools {
 struct ReceiverState {
   explicit ReceiverState(ReceiverOptions given)
       : options(std::move(given)),
-        verifier(options.customer_id, options.agent_id, options.activation_id),
-        store(options.store_folder) {}
+        verifier(options.customer_id, options.agent_id, options.activation_id, common::util::Clock::Real(),
+                 options.hmac_v3_file),
+        store(options.store_folder, options.keep_payloads) {}
 
   // Whole lines, one at a time.
   void Print(const std::string& line);
   // Sleeps for the delay of the options, or until Stop.
   void Delay();
+  void AwaitStop();
   void Stop();
+  // True for the first `lose_answers` uploads that are accepted.
+  bool LosesThisAnswer() { return ++accepted_ <= options.lose_answers; }
+  // The fault of the answer to an upload that is accepted.
+  ReceiverOptions::BodyFault NextBodyFault(const std::string& target) {
+    if (target.find(options.only_for) == std::string::npos) return ReceiverOptions::BodyFault::None;
+    const bool has_more = options.body_fault_uploads == 0 || ++faults_ <= options.body_fault_uploads;
+    return has_more ? options.body_fault : ReceiverOptions::BodyFault::None;
+  }
 
   const ReceiverOptions options;
   const SignatureVerifier verifier;
@@ -35,6 +49,8 @@ struct ReceiverState {
   std::mutex stop_mutex_;
   std::condition_variable stopping_;
   bool stopped_ = false;
+  std::atomic<unsigned> accepted_{0};
+  std::atomic<unsigned> faults_{0};
 };
 
 // Answers one request: 200 for an upload that is accepted, 401 for a bad signature, 503 when it cannot be stored, 400,
@@ -51,15 +67,21 @@ class UploadHandler final : public Poco::Net::HTTPRequestHandler {
  private:
   struct Verdict {
     int status;
-    std::string reason;  // of a refusal
+    std::string reason;                                          // of a refusal
+    std::vector<std::pair<std::string, std::string>> headers{};  // of the answer
   };
 
   Verdict Judge(Poco::Net::HTTPServerRequest& request);
   Verdict Accept(const Poco::Net::HTTPServerRequest& request, std::string body);
+  // Why the identity that the headers claim is not that of the signature; empty when it is.
+  [[nodiscard]] std::string FindForeignIdentity(const Poco::Net::HTTPServerRequest& request) const;
+  // What keeps a document of events from following its schema, if that is asked for.
+  [[nodiscard]] std::optional<std::string> FindDocumentFault(const std::string& text) const;
   // The status that the options force upon this request, 0 for none.
-  int ForcedStatus();
-  void Answer(Poco::Net::HTTPServerResponse& response, int status);
-  void AnswerTruncated(Poco::Net::HTTPServerResponse& response);
+  int ForcedStatus(const std::string& target);
+  void Answer(Poco::Net::HTTPServerResponse& response, const Verdict& verdict);
+  void AnswerInPart(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response,
+                    ReceiverOptions::BodyFault fault);
 
   ReceiverState& state_;
 };

@@ -15,13 +15,21 @@ namespace zagent::tools {
 namespace {
 
 constexpr const char* kUsage = R"(Usage: reference-receiver --customer ID --agent ID --activation ID [switches]
+  --hmac-v3 FILE      take version 3 of the signature with these keys
   --port N            listen on this port of 127.0.0.1 (default: a free one)
   --ca-out FILE       write the certificate that clients must trust
+  --cert-store DIR    keep certificate and key there, so that a restart changes neither
+  --client-ca FILE    accept only clients with a certificate that leads to this one
   --store DIR         write every accepted payload to a file
+  --validate          refuse documents of events that do not follow their schema
   --status CODE[xN]   answer the first N requests (default: all) with this status
+  --only-for TEXT     force a status, or cut a body, of requests whose path holds this text only
   --delay MS          wait before every answer
   --reset             reset the connection instead of an answer
+  --lose-answers N    accept the first N uploads, but reset the connection instead of the answer
   --truncate          accept, but cut the body of the answer
+  --reset-body        accept, but reset the connection in the body of the answer
+  --stall-body        accept, but send no more than the beginning of the answer's body
   --no-z-srv          leave out the header Z-SRV
   --proxy PORT        be an HTTP proxy on this port, too (0: a free one)
   --proxy-status CODE let the proxy answer everything with this status
@@ -58,19 +66,30 @@ struct Switch {
   void (*apply)(ReceiverOptions& options, const std::string& value);
 };
 
-constexpr std::array<Switch, 14> kSwitches = {{
+constexpr std::array<Switch, 22> kSwitches = {{
     {"customer", true, [](ReceiverOptions& o, const std::string& v) { o.customer_id = v; }},
     {"agent", true, [](ReceiverOptions& o, const std::string& v) { o.agent_id = v; }},
     {"activation", true, [](ReceiverOptions& o, const std::string& v) { o.activation_id = v; }},
+    {"hmac-v3", true, [](ReceiverOptions& o, const std::string& v) { o.hmac_v3_file = v; }},
     {"port", true,
      [](ReceiverOptions& o, const std::string& v) { o.port = static_cast<std::uint16_t>(Number(v, 0, 65535)); }},
     {"ca-out", true, [](ReceiverOptions& o, const std::string& v) { o.ca_file = v; }},
     {"store", true, [](ReceiverOptions& o, const std::string& v) { o.store_folder = v; }},
+    {"validate", false, [](ReceiverOptions& o, const std::string&) { o.validate = true; }},
     {"status", true, [](ReceiverOptions& o, const std::string& v) { SetStatus(o, v); }},
+    {"only-for", true, [](ReceiverOptions& o, const std::string& v) { o.only_for = v; }},
     {"delay", true,
      [](ReceiverOptions& o, const std::string& v) { o.delay = std::chrono::milliseconds(Number(v, 0, 3'600'000)); }},
     {"reset", false, [](ReceiverOptions& o, const std::string&) { o.reset = true; }},
-    {"truncate", false, [](ReceiverOptions& o, const std::string&) { o.truncate = true; }},
+    {"cert-store", true, [](ReceiverOptions& o, const std::string& v) { o.cert_folder = v; }},
+    {"client-ca", true, [](ReceiverOptions& o, const std::string& v) { o.client_ca_file = v; }},
+    {"lose-answers", true, [](ReceiverOptions& o, const std::string& v) { o.lose_answers = Number(v, 1, 1'000'000); }},
+    {"truncate", false,
+     [](ReceiverOptions& o, const std::string&) { o.body_fault = ReceiverOptions::BodyFault::Truncate; }},
+    {"reset-body", false,
+     [](ReceiverOptions& o, const std::string&) { o.body_fault = ReceiverOptions::BodyFault::Reset; }},
+    {"stall-body", false,
+     [](ReceiverOptions& o, const std::string&) { o.body_fault = ReceiverOptions::BodyFault::Stall; }},
     {"no-z-srv", false, [](ReceiverOptions& o, const std::string&) { o.z_srv = false; }},
     {"proxy", true,
      [](ReceiverOptions& o, const std::string& v) { o.proxy_port = static_cast<std::uint16_t>(Number(v, 0, 65535)); }},

@@ -2,7 +2,9 @@
 
 #include <stdexcept>
 
+#include "common/src/util/Cleanse.h"
 #include "common/src/util/Log.h"
+#include "common/src/util/UrlScheme.h"
 
 namespace zagent::common {
 namespace {
@@ -104,7 +106,8 @@ CommonConfig::CommonConfig(const rapidjson::Value& json) {
   reader.Optional("hmac_version", hmac_version_, "Invalid hamc_version key, it should be string");
   reader.Optional("enable_cgroup", enable_cgroup_, "Invalid enable_cgroup key, it should be boolean");
 
-  if (!reader.IsValid()) throw std::invalid_argument("CommonConfig: Invalid json");
+  if (!reader.IsValid() || util::HasForeignScheme(service_url_))
+    throw std::invalid_argument("CommonConfig: Invalid json");
 }
 
 std::string CommonConfig::GetAgentId() const {
@@ -136,6 +139,10 @@ std::string CommonConfig::GetServiceUrl() const {
 }
 std::string CommonConfig::GetActivationId() const {
   return Locked(activation_id_);
+}
+void CommonConfig::ForgetActivationId() {
+  const std::lock_guard lock(mutex_);
+  util::Cleanse(activation_id_);
 }
 std::uint32_t CommonConfig::GetAgentEffectiveUid() const {
   return Locked(agent_effective_uid_);

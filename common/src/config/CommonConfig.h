@@ -10,7 +10,7 @@
 namespace zagent::common {
 
 // The section "common_config" of the configuration file: what the agent knows of itself and how to reach the service.
-// Read-only once built. Accessors may be called from every thread.
+// Read-only once built, but for the activation id. Accessors may be called from every thread.
 class CommonConfig {
  public:
   // Throws std::invalid_argument "CommonConfig: Invalid json" when a key is missing or of the wrong type; an optional
@@ -26,7 +26,10 @@ class CommonConfig {
   [[nodiscard]] std::uint32_t GetProxyOrder() const;
   [[nodiscard]] std::uint64_t GetRequestTimeout() const;
   [[nodiscard]] std::string GetServiceUrl() const;
+  // A secret: the caller cleanses its copy.
   [[nodiscard]] std::string GetActivationId() const;
+  // Overwrites it: once the keys exist, nobody needs it.
+  void ForgetActivationId();
   [[nodiscard]] std::uint32_t GetAgentEffectiveUid() const;
   [[nodiscard]] std::uint32_t GetAgentEffectiveGid() const;
   [[nodiscard]] std::string GetIpv4() const;

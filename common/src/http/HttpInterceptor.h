@@ -1,15 +1,26 @@
 #pragma once
 
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "common/src/http/HttpException.h"
 #include "common/src/http/HttpHeaders.h"
+#include "common/src/http/HttpTypes.h"
 
 namespace zagent::common {
 
 class MutableHttpResponse;
+
+// What one attempt came to, as the steps of a chain are shown it. Valid during the call only.
+struct HttpAttempt {
+  const std::string& url;  // as the chain left it, so as it was sent
+  HttpStatus status;
+  long http_code;                       // 0: no answer came
+  const HttpHeaders& headers;           // of the answer
+  std::span<const unsigned char> body;  // of the answer as it came, its first 64 KiB
+};
 
 // One step through which a request passes before the transfer and its response after it: compression, signing.
 // Requests pass in the order of building, responses in reverse. Steps run on the HTTP worker without any lock of the
@@ -36,6 +47,15 @@ class HttpInterceptor {
                                            std::vector<unsigned char>& output) = 0;
   // The whole response of a successful exchange.
   virtual void ProcessResponse(const std::string& url, MutableHttpResponse& response) = 0;
+
+  // Called once, on the caller's thread, before the request is queued, and for the first step of a chain only, which
+  // alone sees what the caller gave: work on the payload that must not hold up the worker. Must not throw: what fails
+  // here is told by ProcessRequest.
+  virtual void PrepareRequest(const std::vector<unsigned char>& /*payload*/) {}
+  // Every attempt that was sent and not cancelled, failed ones too, before it is known whether another follows. It
+  // changes nothing of this one's outcome: what a step learns here holds from its next ProcessRequest on. An exception
+  // is logged and goes no further.
+  virtual void OnAttemptEnded(const HttpAttempt& /*attempt*/) {}
 
  protected:
   HttpInterceptor(const HttpInterceptor&) = default;

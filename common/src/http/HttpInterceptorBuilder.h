@@ -2,10 +2,13 @@
 
 #include <memory>
 #include <stdexcept>
+#include <string>
 
 #include "common/src/http/HmacConfig.h"
 #include "common/src/http/HttpInterceptor.h"
+#include "common/src/http/ModuleUrlStateTable.h"
 #include "common/src/http/interceptors/AuthTag.h"
+#include "common/src/http/interceptors/BlockCipherHttpInterceptor.h"
 
 namespace zagent::common {
 
@@ -18,8 +21,17 @@ class HttpInterceptorBuilderException : public std::runtime_error {
 class HttpInterceptorBuilder {
  public:
   HttpInterceptorBuilder& AddLzma();
+  // With the rows of FIM, IOC and AHS.
+  HttpInterceptorBuilder& AddUrlUpgrader(std::shared_ptr<ModuleUrlStateTable> states);
   // Throws HttpInterceptorException for a version or tags that cannot be.
   HttpInterceptorBuilder& AddAuth(std::shared_ptr<const HmacConfig> config, AuthTag request_tag, AuthTag response_tag);
+  HttpInterceptorBuilder& AddShaVerification(const std::string& expected_hash);
+  // Throws HttpInterceptorException for a folder without certificates.
+  HttpInterceptorBuilder& AddSigValidation(const std::string& certificate_folder);
+  HttpInterceptorBuilder& AddBlockCipher(BlockCipherHttpInterceptor::CipherFactory make_cipher);
+  // Throws HttpInterceptorException for an empty path.
+  HttpInterceptorBuilder& AddPayloadDumper(const std::string& request_file, const std::string& chunk_response_file,
+                                           const std::string& final_response_file);
 
   // Hands over the chain. Throws HttpInterceptorBuilderException "HttpInterceptors are already built!" the second time.
   [[nodiscard]] HttpInterceptors Build();

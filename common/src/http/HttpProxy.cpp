@@ -28,12 +28,7 @@ HttpProxyType HttpProxy::GetType() const {
 }
 
 void HttpProxy::SetNextProxy() {
-  if (proxies_.empty()) return;
-  if (direct_attempt_) {
-    // The direct attempt stood at the end of the list, whose index already points to the beginning.
-    direct_attempt_ = false;
-    return;
-  }
+  if (proxies_.empty() || direct_attempt_) return;
   index_ = (index_ + 1) % proxies_.size();
   ZLOG_TRACE("HttpProxy::SetNextProxy: Setting next proxy to " << index_ << " (out of " << proxies_.size() << ")");
   if (++tried_ < proxies_.size()) return;
@@ -52,11 +47,12 @@ void HttpProxy::OnSuccess() {
 }
 
 std::string MaskCredentials(const std::string& proxy) {
-  const std::size_t scheme = proxy.find("://");
-  const std::size_t begin = scheme == std::string::npos ? 0 : scheme + 3;
   const std::size_t at = proxy.rfind('@');
-  if (at == std::string::npos || at < begin) return PrintableText(proxy);
-  return PrintableText(proxy.substr(0, begin) + "***" + proxy.substr(at));
+  if (at == std::string::npos) return PrintableText(proxy);
+  // Only letters make a scheme: "://" may stand in a password.
+  const std::size_t colon = proxy.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789");
+  const bool has_scheme = colon != std::string::npos && colon < at && proxy.compare(colon, 3, "://") == 0;
+  return PrintableText(proxy.substr(0, has_scheme ? colon + 3 : 0) + "***" + proxy.substr(at));
 }
 
 }  // namespace zagent::common

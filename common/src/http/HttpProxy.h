@@ -14,8 +14,8 @@ class HttpProxy {
   static constexpr std::size_t kMaxProxies = 5;
 
   HttpProxy() = default;
-  // Proxies beyond the fifth are ignored with a log line. `fail_open`: when the whole list has failed, the next
-  // attempt goes without a proxy.
+  // Proxies beyond the fifth are ignored with a log line. `fail_open`: when the whole list has failed, the attempts
+  // that follow go without a proxy, until one of them succeeds.
   explicit HttpProxy(const std::vector<std::string>& proxies, bool fail_open = false);
 
   [[nodiscard]] std::size_t Size() const { return proxies_.size(); }
@@ -23,7 +23,7 @@ class HttpProxy {
   [[nodiscard]] std::string GetProxy() const;
   // Https for a text that begins "https://".
   [[nodiscard]] HttpProxyType GetType() const;
-  // True while the whole list has failed and the next attempt goes without a proxy.
+  // True once the whole list has failed and attempts go without a proxy.
   [[nodiscard]] bool IsDirectAttempt() const { return direct_attempt_; }
 
   void SetNextProxy();
@@ -38,7 +38,8 @@ class HttpProxy {
   bool direct_attempt_ = false;
 };
 
-// The proxy as a log line may show it: user name and password become "***".
+// The proxy as a log line may show it: user name and password become "***". What stands before the last '@' is taken
+// for them, so that a password with characters that belong elsewhere hides whole.
 std::string MaskCredentials(const std::string& proxy);
 
 }  // namespace zagent::common

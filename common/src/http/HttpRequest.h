@@ -27,7 +27,9 @@ class HttpRequest {
   [[nodiscard]] virtual const std::string& GetUrl() const = 0;
   [[nodiscard]] virtual State GetState() const = 0;
   // Waits for Failed, Cancelled or Completed. The response lives as long as the request.
-  // Throws HttpException "Response isn't available for cancelled HTTP request for <url>".
+  // Throws HttpException "Response isn't available for cancelled HTTP request for <url>", and on the thread of the
+  // service, in a callback or an interceptor, instead of waiting for itself: "Cannot wait for a response on the thread
+  // of the HTTP service: <url>".
   virtual const HttpResponse& GetResponse() const = 0;
   // Ends the exchange as Cancelled as soon as the HTTP worker sees it; a finished one stays what it is.
   virtual void Cancel() = 0;

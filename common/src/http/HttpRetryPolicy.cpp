@@ -34,13 +34,14 @@ bool HttpRetryPolicy::Finish(HttpStatus status, long http_code) {
 }
 
 void HttpRetryPolicy::MoveToNextProxy() {
-  const std::size_t proxies = proxy_ == nullptr ? 0 : proxy_->Size();
-  if (proxy_index_ + 1 >= proxies) {
+  const bool is_listed = proxy_ != nullptr && !proxy_->IsDirectAttempt();
+  if (!is_listed || proxy_index_ + 1 >= proxy_->Size()) {
     ZLOG_TRACE("HttpRetryPolicy::Finish: All proxies exhausted, moving to next retry attempt on network/proxy error.");
     last_attempt_ = clock_->SteadyNow();
     proxy_index_ = 0;
   } else {
     ZLOG_TRACE("HttpRetryPolicy::Finish: Moving to next proxy on network/proxy error.");
+    last_attempt_ = kLongAgo;  // an interval that has grown since the last one must not hold up the next proxy
     ++proxy_index_;
     GiveBackAttempt();
   }

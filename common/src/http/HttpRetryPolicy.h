@@ -12,8 +12,9 @@ namespace zagent::common {
 class HttpProxy;
 
 // Decides after every attempt of a request whether another follows and when. A network or proxy failure moves to the
-// next proxy of the list at once; only the whole list failing counts as one attempt and waits the interval.
-// Belongs to one request; used on the HTTP worker only, but for Clone, which happens before the request is queued.
+// next proxy of the list at once; only the whole list failing counts as one attempt and waits the interval. So does
+// each failure of a request that goes without a proxy, from the beginning or because the list has failed. Belongs to
+// one request; used on the HTTP worker only, but for Clone, which happens before the request is queued.
 class HttpRetryPolicy {
  public:
   // May veto a retry that the policy would allow.
@@ -62,7 +63,8 @@ class HttpRetryPolicy {
   Predicate predicate_;
   util::Clock* clock_;
   // Far in the past, so that a policy that has not finished an attempt never makes anybody wait.
-  util::Clock::SteadyTime last_attempt_{-std::chrono::hours(24 * 365 * 100)};
+  static constexpr util::Clock::SteadyTime kLongAgo{-std::chrono::hours(24 * 365 * 100)};
+  util::Clock::SteadyTime last_attempt_ = kLongAgo;
   HttpProxy* proxy_ = nullptr;
   std::size_t proxy_index_ = 0;  // proxies of the list that this round has used up
 };

@@ -5,11 +5,17 @@
 
 #include <system_error>
 
+#include "common/src/http/HttpErrorParser.h"
 #include "common/src/util/Log.h"
+#include "common/src/util/ThreadName.h"
 
 namespace zagent::common {
 
-HttpService::HttpService(std::string ca_path) : ca_path_(std::move(ca_path)), wake_up_(std::make_shared<WakeUp>()) {
+HttpService::HttpService(std::string ca_path, std::unique_ptr<ProxyManager> proxies)
+    : ca_path_(std::move(ca_path)),
+      proxies_(std::move(proxies)),
+      wake_up_(std::make_shared<WakeUp>()),
+      post_processor_(std::make_shared<HttpErrorParser>()) {
   res_init();
   if (curl_global_init(CURL_GLOBAL_ALL) != CURLE_OK) throw HttpException("Failed to initialize libcurl");
 }
@@ -17,6 +23,13 @@ HttpService::HttpService(std::string ca_path) : ca_path_(std::move(ca_path)), wa
 HttpService::~HttpService() {
   Stop();
   curl_global_cleanup();
+}
+
+void HttpService::SetPostProcessor(std::unique_ptr<HttpPostProcessor> processor) {
+  if (!processor) throw HttpException("PostProcessor is null");
+  const std::lock_guard lock(mutex_);
+  if (state_ != State::Stopped) throw HttpException("HttpService is already running");
+  post_processor_ = std::move(processor);
 }
 
 void HttpService::Start() {
@@ -34,14 +47,17 @@ void HttpService::Start() {
 }
 
 void HttpService::Stop() {
+  std::future<void> worker;
   {
     const std::lock_guard lock(mutex_);
     if (!worker_.valid()) return;
+    if (wake_up_->IsClaimedByThisThread()) throw HttpException("HttpService cannot be stopped on its own thread");
     ZLOG_DEBUG("Stopping HTTP service ...");
     state_ = State::Stopping;
+    worker = std::move(worker_);
   }
   wake_up_->Notify();
-  worker_.get();
+  worker.get();
   {
     const std::lock_guard lock(mutex_);
     state_ = State::Stopped;
@@ -50,10 +66,11 @@ void HttpService::Stop() {
 }
 
 void HttpService::Enqueue(const std::shared_ptr<MutableHttpRequest>& request) {
-  request->SetWakeUp([wake_up = wake_up_] { wake_up->Notify(); });
+  request->SetWakeUp(wake_up_);
   {
     const std::lock_guard lock(mutex_);
     if (state_ != State::Running) throw HttpException("HttpService is not running");
+    request->SetPostProcessor(post_processor_);
     request_queue_.push_back(request);
   }
   wake_up_->Notify();
@@ -61,28 +78,30 @@ void HttpService::Enqueue(const std::shared_ptr<MutableHttpRequest>& request) {
 
 std::shared_ptr<HttpRequest> HttpService::Get(const std::string& url, HttpHeaders headers,
                                               HttpInterceptors interceptors, HttpRequestSettings settings) {
-  auto request =
-      std::make_shared<MutableHttpRequest>(HttpMethod::Get, url, std::move(headers), std::vector<unsigned char>(),
-                                           std::move(interceptors), std::move(settings));
-  Enqueue(request);
-  return request;
+  return Send(HttpMethod::Get, url, std::move(headers), {}, std::move(interceptors), std::move(settings));
 }
 
 std::shared_ptr<HttpRequest> HttpService::Post(const std::string& url, HttpHeaders headers,
                                                std::vector<unsigned char> payload, HttpInterceptors interceptors,
                                                HttpRequestSettings settings) {
-  auto request = std::make_shared<MutableHttpRequest>(HttpMethod::Post, url, std::move(headers), std::move(payload),
-                                                      std::move(interceptors), std::move(settings));
-  Enqueue(request);
-  return request;
+  return Send(HttpMethod::Post, url, std::move(headers), std::move(payload), std::move(interceptors),
+              std::move(settings));
 }
 
 std::shared_ptr<HttpRequest> HttpService::Put(const std::string& url, HttpHeaders headers,
                                               std::vector<unsigned char> payload, HttpInterceptors interceptors,
                                               HttpRequestSettings settings) {
   if (payload.size() > kMaxPutSize) throw HttpException("PUT method only supports a maximum payload of 16KB");
-  auto request = std::make_shared<MutableHttpRequest>(HttpMethod::Put, url, std::move(headers), std::move(payload),
-                                                      std::move(interceptors), std::move(settings));
+  return Send(HttpMethod::Put, url, std::move(headers), std::move(payload), std::move(interceptors),
+              std::move(settings));
+}
+
+std::shared_ptr<HttpRequest> HttpService::Send(HttpMethod method, const std::string& url, HttpHeaders headers,
+                                               std::vector<unsigned char> payload, HttpInterceptors interceptors,
+                                               HttpRequestSettings settings) {
+  HttpProxy proxy = proxies_ ? proxies_->FetchProxiesForRequest(url) : HttpProxy();
+  auto request = std::make_shared<MutableHttpRequest>(method, url, std::move(headers), std::move(payload),
+                                                      std::move(interceptors), std::move(settings), std::move(proxy));
   Enqueue(request);
   return request;
 }
@@ -95,6 +114,8 @@ bool HttpService::TakeQueue(HttpRequestQueue& requests) {
 }
 
 void HttpService::Run() {
+  wake_up_->Claim();
+  util::NameThisThread("edr-http");
   HttpWorker worker(ca_path_, *wake_up_);
   if (!worker.IsReady()) {
     ZLOG_FATAL("Failed to create Curl multi handle");

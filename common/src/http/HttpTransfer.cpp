@@ -8,6 +8,7 @@
 #include <cstring>
 #include <new>
 
+#include "common/src/http/RequestTarget.h"
 #include "common/src/util/Log.h"
 
 namespace zagent::common {
@@ -19,9 +20,9 @@ constexpr const char* kPrepare = "Failed to prepare HTTP request for ";
 constexpr const char* kSetTimeout = "Failed to set timeout on HTTP request for ";
 constexpr const char* kAddCertificate = "Failed to add certificate info to HTTP request for ";
 
-// libcurl takes milliseconds in an int.
-long Timeout(std::uint64_t seconds) {
-  return static_cast<long>(std::min<std::uint64_t>(seconds, INT_MAX / 1000));
+// libcurl takes milliseconds in an int, and 0 for no limit, which nobody may have.
+long Timeout(std::uint64_t seconds, std::uint64_t fallback) {
+  return static_cast<long>(std::min<std::uint64_t>(seconds == 0 ? fallback : seconds, INT_MAX / 1000));
 }
 
 bool IsFolder(const std::string& path, const std::string& url) {
@@ -52,8 +53,9 @@ HttpTransfer::HttpTransfer(std::shared_ptr<MutableHttpRequest> request, const st
   SetBasics();
   SetCertificatePath(ca_path);
   SetMethod();
-  Set(CURLOPT_URL, request_->GetAttempt().url.c_str(), "Failed to add url to HTTP request for ");
+  SetUrl();
   SetHeaders();
+  SetClientCertificate();
 }
 
 template <typename Value>
@@ -149,8 +151,21 @@ void HttpTransfer::SetBasics() {
     ZLOG_DEBUG("Setting HTTP version: Default (libcurl will negotiate) for " << url_);
   }
   Set(CURLOPT_HTTP_VERSION, static_cast<long>(settings.http_version), kPrepare);
-  Set(CURLOPT_CONNECTTIMEOUT, Timeout(settings.connection_timeout), kSetTimeout);
-  Set(CURLOPT_TIMEOUT, Timeout(settings.request_timeout), kSetTimeout);
+  Set(CURLOPT_CONNECTTIMEOUT, Timeout(settings.connection_timeout, HttpRequestSettings::kDefaultConnectionTimeout),
+      kSetTimeout);
+  Set(CURLOPT_TIMEOUT, Timeout(settings.request_timeout, HttpRequestSettings::kDefaultRequestTimeout), kSetTimeout);
+  // A peer that vanished is noticed on a connection that is kept for later, too.
+  Set(CURLOPT_TCP_KEEPALIVE, 1L, kPrepare);
+#if LIBCURL_VERSION_NUM >= 0x075700
+  // A CA file that was replaced is read again, not only after libcurl's 24 hours.
+  Set(CURLOPT_CA_CACHE_TIMEOUT, 0L, kPrepare);
+#endif
+  // Whatever else this libcurl was built with, a file:// or ftp:// is no platform.
+#if LIBCURL_VERSION_NUM >= 0x075500
+  Set(CURLOPT_PROTOCOLS_STR, "http,https", kPrepare);
+#else
+  Set(CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTP | CURLPROTO_HTTPS), kPrepare);
+#endif
 }
 
 void HttpTransfer::SetCertificatePath(const std::string& ca_path) {
@@ -186,6 +201,17 @@ void HttpTransfer::SetMethod() {
   throw HttpException("Failed to add method to HTTP request for " + url_ + " : Unknown HTTP method");
 }
 
+void HttpTransfer::SetUrl() {
+  constexpr const char* kFailure = "Failed to add url to HTTP request for ";
+  // libcurl must find nothing to change in what has been signed.
+  Set(CURLOPT_PATH_AS_IS, 1L, kFailure);
+  try {
+    Set(CURLOPT_URL, UrlAsSent(request_->GetAttempt().url).c_str(), kFailure);
+  } catch (const InvalidUrlException&) {
+    throw HttpException(kFailure + url_);
+  }
+}
+
 void HttpTransfer::SetHeaders() {
   const HttpHeaders& headers = request_->GetAttempt().headers;
   for (const auto& [name, value] : headers) AppendHeader(name, value);
@@ -210,6 +236,26 @@ void HttpTransfer::AppendHeaderLine(const std::string& line, const std::string& 
   if (longer == nullptr) throw HttpException("Failed to add header: " + PrintableText(name));
   (void)headers_.release();  // the list begins with the same node, or this was its first
   headers_.reset(longer);
+}
+
+void HttpTransfer::SetClientCertificate() {
+  const auto& details = request_->GetSettings().client_authentication;
+  if (!details) return;
+  const std::string& path = details->certificate_path;
+  const std::string failure = "Failed to add Client Certificates to HTTP request for ";
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) {
+    ZLOG_ERROR("Client certificate file path: " << path << " does not exist for " << url_);
+    throw HttpException(failure + url_);
+  }
+  if (!S_ISREG(status.st_mode)) {
+    ZLOG_ERROR("Client certificate file: " << path << " is invalid for " << url_);
+    throw HttpException(failure + url_);
+  }
+  Set(CURLOPT_SSLCERTTYPE, "P12", failure.c_str());
+  Set(CURLOPT_SSLCERT, path.c_str(), failure.c_str());
+  Set(CURLOPT_KEYPASSWD, details->password.c_str(), failure.c_str());
+  ZLOG_INFO("Added Client Certificate Details to URL: " << url_);
 }
 
 TransferOutcome HttpTransfer::Outcome(CURLcode result) const {

@@ -40,7 +40,9 @@ class HttpTransfer {
   void SetBasics();
   void SetCertificatePath(const std::string& ca_path);
   void SetMethod();
+  void SetUrl();
   void SetHeaders();
+  void SetClientCertificate();
   void AppendHeader(const std::string& name, const std::string& value);
   void AppendHeaderLine(const std::string& line, const std::string& name);
 

@@ -61,6 +61,13 @@ constexpr std::array<Outcome, 9> kOutcomes = {{
     {500, 100023},
 }};
 
+// An upload without a bound would hold up its schedule for ever.
+void UseDefault(const char* key, std::uint64_t& seconds, std::uint64_t fallback) {
+  if (seconds != 0) return;
+  ZLOG_WARNING("HttpUploader: " << key << " is 0, using " << fallback << " seconds");
+  seconds = fallback;
+}
+
 std::string PayloadHash(const std::vector<unsigned char>& payload) {
   std::ostringstream text;
   text << std::hex << std::setfill('0') << std::setw(16) << util::Fnv1a64(payload.data(), payload.size());
@@ -73,10 +80,16 @@ struct HttpUploader::Job {
   Settings settings;
   HttpHeaders headers;
   std::string content_type;
+  std::optional<UploadSource> source;
+  std::string request_id;
 };
 
 HttpUploader::HttpUploader(HttpService& service, std::shared_ptr<const HmacConfig> hmac, Settings settings)
-    : service_(service), hmac_(std::move(hmac)), settings_(std::move(settings)) {}
+    : service_(service), hmac_(std::move(hmac)), settings_(std::move(settings)) {
+  if (!settings_.alarms) settings_.alarms = std::make_shared<UploadAlarms>();
+  UseDefault("connection_timeout", settings_.connection_timeout, HttpRequestSettings::kDefaultConnectionTimeout);
+  UseDefault("request_timeout", settings_.request_timeout, HttpRequestSettings::kDefaultRequestTimeout);
+}
 
 std::int32_t HttpUploader::OutcomeOf(long http_code) {
   for (const Outcome& entry : kOutcomes) {
@@ -104,11 +117,13 @@ HttpUploader::Job HttpUploader::PrepareJob(const std::string& content_type, cons
   const std::string payload_hash = PayloadHash(payload);
   const std::lock_guard lock(mutex_);
   last_http_status_ = 0;
+  Job job{settings_, {}, content_type, std::exchange(source_, std::nullopt), ""};
   if (cancelled_) throw HttpException("Cancelled before it began");
-  last_correlation_id_ = Poco::UUIDGenerator::defaultGenerator().createRandom().toString();
-  Job job{settings_, {}, content_type};
+  job.request_id = job.source ? job.source->MakeRequestId(settings_.agent_id)
+                              : Poco::UUIDGenerator::defaultGenerator().createRandom().toString();
+  last_correlation_id_ = job.request_id;
   for (const ProtocolHeader& header : kProtocolHeaders) {
-    job.headers[header.name] = header.value({settings_, last_correlation_id_, payload_hash});
+    job.headers[header.name] = header.value({settings_, job.request_id, payload_hash});
   }
   for (const auto& [index, value] : indexed_headers_) job.headers[kIndexedHeaders.at(index)] = value;
   job.headers["Content-Type"] = content_type;
@@ -117,7 +132,9 @@ HttpUploader::Job HttpUploader::PrepareJob(const std::string& content_type, cons
 
 std::shared_ptr<HttpRequest> HttpUploader::Submit(Job job, const std::vector<unsigned char>& payload) {
   HttpInterceptorBuilder chain;
-  chain.AddLzma().AddAuth(hmac_, AuthTag::Tag4, AuthTag::None);
+  chain.AddLzma();
+  if (job.settings.url_states) chain.AddUrlUpgrader(job.settings.url_states);
+  chain.AddAuth(hmac_, AuthTag::Tag4, AuthTag::None);
   HttpRequestSettings settings;
   settings.connection_timeout = job.settings.connection_timeout;
   settings.request_timeout = job.settings.request_timeout;
@@ -133,6 +150,9 @@ std::shared_ptr<HttpRequest> HttpUploader::Submit(Job job, const std::vector<uns
 std::int32_t HttpUploader::Send(Job job, const std::vector<unsigned char>& payload) {
   ZLOG_INFO("HttpUploader: Sending " << payload.size() << " bytes of type " << job.content_type
                                      << " to: " << job.settings.url);
+  const std::optional<UploadSource> source = std::move(job.source);
+  const std::string request_id = std::move(job.request_id);
+  const std::shared_ptr<UploadAlarms> alarms = job.settings.alarms;
   const std::shared_ptr<HttpRequest> request = Submit(std::move(job), payload);
   const HttpResponse& response = request->GetResponse();
   const long http_code = response.GetHttpCode();
@@ -140,6 +160,7 @@ std::int32_t HttpUploader::Send(Job job, const std::vector<unsigned char>& paylo
     const std::lock_guard lock(mutex_);
     last_http_status_ = http_code;
   }
+  alarms->OnAnswer(response, source, request_id);
   if (response.GetStatus() == HttpStatus::Success) {
     ZLOG_INFO("HttpUploader: Uploaded " << payload.size() << " bytes successfully."
                                         << " (" << response.GetMessage() << ")");
@@ -147,9 +168,11 @@ std::int32_t HttpUploader::Send(Job job, const std::vector<unsigned char>& paylo
   }
   ZLOG_ERROR("HttpUploader: Upload failed, status code: " << static_cast<int>(response.GetStatus()));
   if (!response.GetMessage().empty()) ZLOG_ERROR("HttpUploader: Upload failed. (" << response.GetMessage() << ")");
-  // An answer that could not be processed is no acceptance, whatever its code says.
+  // The platform accepts with its status line: to send the payload again because the body behind it was reset, stalled
+  // or unreadable would only count it twice.
   const std::int32_t outcome = OutcomeOf(http_code);
-  return outcome == kSuccess ? kUnexpectedAnswer : outcome;
+  if (outcome == kSuccess) ZLOG_INFO("HttpUploader: The upload was accepted all the same, HTTP code " << http_code);
+  return outcome;
 }
 
 void HttpUploader::Cancel() {
@@ -166,6 +189,11 @@ std::string HttpUploader::GetTarget() const {
 void HttpUploader::SetTarget(const std::string& url) {
   const std::lock_guard lock(mutex_);
   settings_.url = url;
+}
+
+void HttpUploader::SetSource(const UploadSource& source) {
+  const std::lock_guard lock(mutex_);
+  source_ = source;
 }
 
 void HttpUploader::SetIndexedHeader(unsigned index, const std::string& value) {

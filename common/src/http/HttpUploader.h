@@ -6,6 +6,8 @@
 #include <string>
 
 #include "common/src/http/HmacConfig.h"
+#include "common/src/http/ModuleUrlStateTable.h"
+#include "common/src/http/UploadAlarms.h"
 #include "common/src/http/Uploader.h"
 
 namespace zagent::common {
@@ -19,13 +21,16 @@ class HttpUploader final : public Uploader {
  public:
   struct Settings {
     std::string url;
-    std::string customer_id;           // Z-CUSTID
-    std::string agent_id;              // Z-CLNTID
-    std::string agent_version;         // Z-AGENTVER
-    std::uint64_t connection_timeout;  // seconds, for each attempt
-    std::uint64_t request_timeout;     // seconds, for each attempt
+    std::string customer_id;               // Z-CUSTID
+    std::string agent_id;                  // Z-CLNTID
+    std::string agent_version;             // Z-AGENTVER
+    std::uint64_t connection_timeout = 0;  // seconds, for each attempt; 0: 30, with a warning
+    std::uint64_t request_timeout = 0;     // seconds, for each attempt; 0: 60, with a warning
     std::int64_t retry_interval_seconds = 5;
-    std::uint64_t max_attempts = 3;  // beside the first
+    std::uint64_t max_attempts = 3;        // beside the first
+    std::shared_ptr<UploadAlarms> alarms;  // none: one of its own
+    // Which modules go to their authenticated URLs; shared by all uploaders. None: the URL is used as it stands.
+    std::shared_ptr<ModuleUrlStateTable> url_states;
   };
 
   HttpUploader(HttpService& service, std::shared_ptr<const HmacConfig> hmac, Settings settings);
@@ -36,6 +41,7 @@ class HttpUploader final : public Uploader {
   [[nodiscard]] std::string GetTarget() const override;
   void SetTarget(const std::string& url) override;
   void SetIndexedHeader(unsigned index, const std::string& value) override;
+  void SetSource(const UploadSource& source) override;
   [[nodiscard]] long LastHttpStatus() const override;
   [[nodiscard]] std::string LastCorrelationId() const override;
 
@@ -54,6 +60,7 @@ class HttpUploader final : public Uploader {
   mutable std::mutex mutex_;
   Settings settings_;
   std::map<unsigned, std::string> indexed_headers_;
+  std::optional<UploadSource> source_;  // of the next upload
   std::shared_ptr<HttpRequest> in_flight_;
   bool cancelled_ = false;  // for ever
   long last_http_status_ = 0;

@@ -18,6 +18,7 @@ HttpWorker::HttpWorker(std::string ca_path, WakeUp& wake_up)
 
 void HttpWorker::Turn(const HttpRequestQueue& requests) {
   for (const auto& request : requests) Start(request);
+  for (const auto& request : std::exchange(next_ranges_, {})) Start(request);
   StartDueRetries();
   Perform();
   CollectFinished();
@@ -54,7 +55,12 @@ void HttpWorker::BeginTransfer(const std::shared_ptr<MutableHttpRequest>& reques
 void HttpWorker::EndAttempt(const std::shared_ptr<MutableHttpRequest>& request, const TransferVerdict& verdict,
                             CURLcode result) {
   request->SetStatus(verdict.status, verdict.http_code, result);
-  if (request->GetState() == HttpRequest::State::WaitingForRetry) retry_requests_.push_back(request);
+  if (request->GetState() != HttpRequest::State::WaitingForRetry) return;
+  if (verdict.status == HttpStatus::PartialSuccess) {
+    next_ranges_.push_back(request);
+  } else {
+    retry_requests_.push_back(request);
+  }
 }
 
 void HttpWorker::StartDueRetries() {
@@ -109,6 +115,7 @@ void HttpWorker::RemoveUnknown(CURL* handle) {
 }
 
 int HttpWorker::WaitLimitMs() const {
+  if (!next_ranges_.empty()) return 0;
   if (retry_requests_.empty()) return kTransferWaitMs;
   auto wait = std::chrono::nanoseconds(std::chrono::milliseconds(kRetryWaitMs));
   for (const auto& request : retry_requests_) wait = std::min(wait, request->GetRemainingWait());
@@ -116,7 +123,7 @@ int HttpWorker::WaitLimitMs() const {
 }
 
 void HttpWorker::Wait() {
-  if (active_requests_.empty() && retry_requests_.empty()) {
+  if (active_requests_.empty() && retry_requests_.empty() && next_ranges_.empty()) {
     wake_up_.Wait(-1);
   } else {
     curl_waitfd extra{wake_up_.GetFd(), CURL_WAIT_POLLIN, 0};
@@ -139,6 +146,7 @@ void HttpWorker::AbortAll(const HttpRequestQueue& queued) {
     Abort(*request);
   }
   for (const auto& request : queued) Abort(*request);
+  for (const auto& request : std::exchange(next_ranges_, {})) Abort(*request);
   for (const auto& request : std::exchange(retry_requests_, {})) Abort(*request);
 }
 

@@ -50,6 +50,7 @@ class HttpWorker {
   MultiHandle multi_;
   std::unordered_map<CURL*, std::unique_ptr<HttpTransfer>> active_requests_;
   std::vector<std::shared_ptr<MutableHttpRequest>> retry_requests_;
+  HttpRequestQueue next_ranges_;  // they follow at once, behind what is queued
 };
 
 }  // namespace zagent::common

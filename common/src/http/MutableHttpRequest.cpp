@@ -2,8 +2,10 @@
 
 #include <algorithm>
 
+#include "common/src/http/ContentRange.h"
 #include "common/src/http/DefaultHttpRetryPolicy.h"
 #include "common/src/http/InMemoryHttpResponse.h"
+#include "common/src/http/OnDiskHttpResponse.h"
 #include "common/src/util/Log.h"
 
 namespace zagent::common {
@@ -30,6 +32,11 @@ std::string ReasonOf(const std::string& status_line) {
   return reason == std::string::npos ? "" : PrintableText(Trim(status_line.substr(reason + 1)));
 }
 
+std::unique_ptr<MutableHttpResponse> MakeResponse(const std::string& download_path) {
+  if (download_path.empty()) return std::make_unique<InMemoryHttpResponse>();
+  return std::make_unique<OnDiskHttpResponse>(download_path);
+}
+
 }  // namespace
 
 MutableHttpRequest::MutableHttpRequest(HttpMethod method, std::string url, HttpHeaders headers,
@@ -43,11 +50,12 @@ MutableHttpRequest::MutableHttpRequest(HttpMethod method, std::string url, HttpH
       settings_(std::move(settings)),
       proxy_(std::move(proxy)),
       retry_policy_(std::move(settings_.retry_policy)),
-      response_(std::make_unique<InMemoryHttpResponse>()) {
+      response_(MakeResponse(settings_.download_path)) {
   if (!retry_policy_) {
     retry_policy_ = std::make_unique<DefaultHttpRetryPolicy>(kDefaultMaxAttempts, kDefaultIntervalSeconds);
   }
   retry_policy_->SetProxy(proxy_);
+  if (!interceptors_.empty()) interceptors_.front()->PrepareRequest(payload_);
 }
 
 bool MutableHttpRequest::IsFinal(State state) {
@@ -61,6 +69,9 @@ HttpRequest::State MutableHttpRequest::GetState() const {
 
 const HttpResponse& MutableHttpRequest::GetResponse() const {
   std::unique_lock lock(mutex_);
+  if (!IsFinal(state_) && wake_up_ && wake_up_->IsClaimedByThisThread()) {
+    throw HttpException("Cannot wait for a response on the thread of the HTTP service: " + url_);
+  }
   changed_.wait(lock, [this] { return IsFinal(state_); });
   if (state_ == State::Cancelled) {
     throw HttpException("Response isn't available for cancelled HTTP request for " + url_);
@@ -71,7 +82,7 @@ const HttpResponse& MutableHttpRequest::GetResponse() const {
 
 void MutableHttpRequest::Cancel() {
   cancelled_ = true;
-  if (wake_up_) wake_up_();
+  if (wake_up_) wake_up_->Notify();
 }
 
 void MutableHttpRequest::BeginAttempt() {
@@ -79,11 +90,18 @@ void MutableHttpRequest::BeginAttempt() {
     const std::lock_guard lock(mutex_);
     state_ = State::InFlight;
   }
+  sent_ = false;
+  response_->Begin();
   attempt_ = Attempt{url_, headers_, payload_};
+  if (settings_.range_size != 0) {
+    attempt_.headers["Range"] =
+        "bytes=" + std::to_string(range_offset_) + "-" + std::to_string(range_offset_ + settings_.range_size - 1);
+  }
   const std::string method = ToString(method_);
   for (const auto& interceptor : interceptors_) {
     interceptor->ProcessRequest(attempt_.url, attempt_.payload, attempt_.headers, method);
   }
+  sent_ = true;
 }
 
 bool MutableHttpRequest::AppendResponseData(const void* data, std::size_t size) {
@@ -146,6 +164,7 @@ int MutableHttpRequest::GetCurlCode() const {
 }
 
 void MutableHttpRequest::SetStatus(HttpStatus status, long http_code, int curl_code) {
+  ShowAttempt(status, http_code);
   State state = State::InFlight;
   {
     const std::lock_guard lock(mutex_);
@@ -156,7 +175,24 @@ void MutableHttpRequest::SetStatus(HttpStatus status, long http_code, int curl_c
     state = state_;
   }
   changed_.notify_all();
-  if (IsFinal(state)) CallOnFinished();
+  if (!IsFinal(state)) return;
+  CallOnFinished();
+  CallPostProcessor();
+}
+
+// Without the lock: only this thread changes what is shown here.
+void MutableHttpRequest::ShowAttempt(HttpStatus status, long http_code) {
+  if (status == HttpStatus::Aborted || !sent_) return;
+  const std::span<const unsigned char> body(chunk_);
+  const HttpAttempt attempt{attempt_.url, status, http_code, response_->GetHeaders(),
+                            body.first(std::min(body.size(), kMaxShownBody))};
+  for (auto interceptor = interceptors_.rbegin(); interceptor != interceptors_.rend(); ++interceptor) {
+    try {
+      (*interceptor)->OnAttemptEnded(attempt);
+    } catch (const std::exception& error) {
+      ZLOG_ERROR("Failed to show an interceptor the answer for " << url_ << " " << error.what());
+    }
+  }
 }
 
 void MutableHttpRequest::ApplyStatus(HttpStatus status, long http_code) {
@@ -164,7 +200,17 @@ void MutableHttpRequest::ApplyStatus(HttpStatus status, long http_code) {
     switch (status) {
       case HttpStatus::Success:
         RunChunkThroughInterceptors();
+        // The whole, though a part was asked for.
+        if (range_offset_ != 0) response_->ClearPayload();
+        response_->AppendPayload(std::move(chunk_));
         return Complete(http_code);
+      case HttpStatus::PartialSuccess: {
+        const std::uint64_t received = chunk_.size();
+        RunChunkThroughInterceptors();
+        // Nobody asked for a part: it is no answer.
+        if (settings_.range_size == 0) return FinishWithError(status, http_code);
+        return TakeRange(received, http_code);
+      }
       case HttpStatus::ClientError:
         RunChunkThroughInterceptors();
         return FinishWithError(status, http_code);
@@ -172,7 +218,6 @@ void MutableHttpRequest::ApplyStatus(HttpStatus status, long http_code) {
       case HttpStatus::NetworkError:
       case HttpStatus::ProxyError:
       case HttpStatus::NotStarted:
-      case HttpStatus::PartialSuccess:  // nobody asked for a part, so a part is no answer
         return FinishWithError(status, http_code);
       case HttpStatus::Aborted:
         response_.reset();
@@ -196,11 +241,34 @@ void MutableHttpRequest::RunChunkThroughInterceptors() {
   }
 }
 
+void MutableHttpRequest::TakeRange(std::uint64_t received, long http_code) {
+  const auto header = response_->GetHeaders().find("Content-Range");
+  const ContentRange range = ParseContentRange(header == response_->GetHeaders().end() ? "" : header->second);
+  if (range_total_ == 0) range_total_ = range.total;
+  if (range.first != range_offset_ || range.last - range.first + 1 != received || range.total != range_total_) {
+    throw HttpException("Unexpected range " + PrintableText(header->second));
+  }
+  response_->AppendPayload(std::move(chunk_));
+  range_offset_ += received;
+  ZLOG_DEBUG("Received " << range_offset_ << " bytes total");
+  if (range_offset_ == range.total) {
+    ZLOG_INFO("Received the full data");
+    return Complete(http_code);
+  }
+  ZLOG_INFO("Received the partial data, " << range_offset_ << " out of " << range.total << ", going for next chunk");
+  // A part counts as a success: the attempts begin anew. What the policy would wait is not waited.
+  (void)retry_policy_->Finish(HttpStatus::PartialSuccess, http_code);
+  response_->ResetForNextAttempt();
+  state_ = State::WaitingForRetry;
+}
+
 void MutableHttpRequest::Complete(long http_code) {
-  response_->UpdatePayload(std::move(chunk_));
+  response_->BeginProcessing();
   for (auto interceptor = interceptors_.rbegin(); interceptor != interceptors_.rend(); ++interceptor) {
     (*interceptor)->ProcessResponse(url_, *response_);
   }
+  response_->EndProcessing();
+  response_->Save();
   response_->SetHttpCode(http_code);
   response_->SetStatus(HttpStatus::Success);
   response_->Finalize();
@@ -210,11 +278,11 @@ void MutableHttpRequest::Complete(long http_code) {
 
 void MutableHttpRequest::FinishWithError(HttpStatus status, long http_code) {
   if (status != HttpStatus::PartialSuccess && retry_policy_->Finish(status, http_code)) {
-    response_ = std::make_unique<InMemoryHttpResponse>();
+    response_->ResetForNextAttempt();
     state_ = State::WaitingForRetry;
     return;
   }
-  response_->UpdatePayload(std::move(chunk_));
+  response_->KeepErrorPayload(std::move(chunk_));
   response_->SetHttpCode(http_code);
   response_->SetStatus(status);
   response_->Finalize();
@@ -238,6 +306,15 @@ void MutableHttpRequest::CallOnFinished() {
     ZLOG_ERROR("Failed to finish the http response for " << url_ << " " << error.what());
     const std::lock_guard lock(mutex_);
     if (response_) state_ = State::Failed;
+  }
+}
+
+void MutableHttpRequest::CallPostProcessor() {
+  if (!post_processor_ || !response_) return;
+  try {
+    post_processor_->Process(*this);
+  } catch (const std::exception& error) {
+    ZLOG_ERROR("Failed to finish the http response for " << url_ << " " << error.what());
   }
 }
 

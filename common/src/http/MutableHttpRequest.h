@@ -6,21 +6,36 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 #include "common/src/http/HttpInterceptor.h"
+#include "common/src/http/HttpPostProcessor.h"
 #include "common/src/http/HttpProxy.h"
 #include "common/src/http/HttpRequest.h"
 #include "common/src/http/HttpRetryPolicy.h"
 #include "common/src/http/MutableHttpResponse.h"
+#include "common/src/http/WakeUp.h"
 
 namespace zagent::common {
 
+// A certificate with its key in PKCS #12 form, by which this host proves to the server who it is.
+struct ClientAuthentication {
+  std::string certificate_path;
+  std::string password;
+};
+
 // How a request is made, beside what it sends.
 struct HttpRequestSettings {
-  std::uint64_t connection_timeout = 0;  // seconds, for each attempt; 0: libcurl's default
-  std::uint64_t request_timeout = 0;     // seconds, for each attempt; 0: none
+  static constexpr std::uint64_t kDefaultConnectionTimeout = 30;
+  static constexpr std::uint64_t kDefaultRequestTimeout = 60;
+
+  std::uint64_t connection_timeout = 0;  // seconds, for each attempt; 0: the default above
+  std::uint64_t request_timeout = 0;     // seconds, for each attempt; 0: the default above
   bool verify_ssl = true;
   HttpVersion http_version = HttpVersion::Default;
+  std::optional<ClientAuthentication> client_authentication;
+  std::string download_path;                            // where the body goes; empty: to memory
+  std::uint64_t range_size = 0;                         // bytes to ask for at a time; 0: the whole
   std::unique_ptr<HttpRetryPolicy> retry_policy;        // none: DefaultHttpRetryPolicy(3, 5 s)
   std::function<void(const HttpRequest&)> on_finished;  // called once, on the HTTP worker, without a lock
 };
@@ -33,8 +48,10 @@ struct HttpRequestSettings {
 class MutableHttpRequest final : public HttpRequest {
  public:
   // A longer body is cut there: what the platform answers is small.
-  static constexpr std::size_t kMaxResponseSize = 64UL * 1024 * 1024;
+  static constexpr std::size_t kMaxResponseSize = MutableHttpResponse::kMaxPayloadInMemory;
   static constexpr std::size_t kMaxResponseHeaders = 256;
+  // As much of a body as OnAttemptEnded shows.
+  static constexpr std::size_t kMaxShownBody = 65'536;
 
   MutableHttpRequest(HttpMethod method, std::string url, HttpHeaders headers, std::vector<unsigned char> payload,
                      HttpInterceptors interceptors, HttpRequestSettings settings, HttpProxy proxy = HttpProxy());
@@ -45,9 +62,13 @@ class MutableHttpRequest final : public HttpRequest {
   void Cancel() override;
   [[nodiscard]] HttpMethod GetMethod() const override { return method_; }
 
-  // Called by Cancel, so that the worker need not find out by itself. Set before the request is queued.
-  void SetWakeUp(std::function<void()> wake_up) { wake_up_ = std::move(wake_up); }
+  // How the worker sleeps: Cancel wakes it, so that it need not find out by itself, and GetResponse knows its thread.
+  // Set before the request is queued.
+  void SetWakeUp(std::shared_ptr<WakeUp> wake_up) { wake_up_ = std::move(wake_up); }
   [[nodiscard]] bool IsCancelled() const { return cancelled_; }
+
+  // Gets the finished request once. Set before the request is queued; may be null.
+  void SetPostProcessor(std::shared_ptr<HttpPostProcessor> processor) { post_processor_ = std::move(processor); }
 
   // --- What an attempt sends. Valid between BeginAttempt and SetStatus.
   struct Attempt {
@@ -73,7 +94,8 @@ class MutableHttpRequest final : public HttpRequest {
   // Words for the response's message when no status line has given some.
   void SetErrorText(const std::string& text);
 
-  // Ends the attempt and decides what follows: Completed, Failed, Cancelled or WaitingForRetry.
+  // Ends the attempt and decides what follows: Completed, Failed, Cancelled or WaitingForRetry; behind PartialSuccess
+  // the latter has no wait.
   void SetStatus(HttpStatus status, long http_code, int curl_code);
   [[nodiscard]] int GetCurlCode() const;
 
@@ -84,9 +106,13 @@ class MutableHttpRequest final : public HttpRequest {
   void ApplyStatus(HttpStatus status, long http_code);
   void RunChunkThroughInterceptors();
   void Complete(long http_code);
+  // A part that was asked for: more ranges to come, or the last one.
+  void TakeRange(std::uint64_t received, long http_code);
   void FinishWithError(HttpStatus status, long http_code);
   void FailProcessing(const std::string& reason, long http_code);
+  void ShowAttempt(HttpStatus status, long http_code);
   void CallOnFinished();
+  void CallPostProcessor();
   [[nodiscard]] static bool IsFinal(State state);
 
   const HttpMethod method_;
@@ -97,10 +123,14 @@ class MutableHttpRequest final : public HttpRequest {
   HttpRequestSettings settings_;
   HttpProxy proxy_;
   std::unique_ptr<HttpRetryPolicy> retry_policy_;
-  std::function<void()> wake_up_;
+  std::shared_ptr<WakeUp> wake_up_;
+  std::shared_ptr<HttpPostProcessor> post_processor_;
   std::atomic<bool> cancelled_{false};
 
+  std::uint64_t range_offset_ = 0;  // bytes that earlier ranges have brought
+  std::uint64_t range_total_ = 0;   // bytes of the whole, as the first range told; 0 before it
   Attempt attempt_;
+  bool sent_ = false;  // this attempt has passed the interceptors
   std::vector<unsigned char> chunk_;
 
   mutable std::mutex mutex_;

@@ -23,6 +23,11 @@ void MutableHttpResponse::ClearHeaders() {
   headers_.clear();
 }
 
+void MutableHttpResponse::ResetForNextAttempt() {
+  ClearHeaders();
+  message_.clear();
+}
+
 void MutableHttpResponse::SetStatus(HttpStatus status) {
   RequireOpen("Cannot update HttpResponse status after it has been finalized");
   if (status == HttpStatus::NotStarted && status_ != HttpStatus::NotStarted) {

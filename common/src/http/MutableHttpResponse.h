@@ -8,6 +8,9 @@ namespace zagent::common {
 // with an HttpException.
 class MutableHttpResponse : public HttpResponse {
  public:
+  // No body in memory grows beyond this.
+  static constexpr std::size_t kMaxPayloadInMemory = 64UL * 1024 * 1024;
+
   [[nodiscard]] HttpStatus GetStatus() const override { return status_; }
   [[nodiscard]] long GetHttpCode() const override { return http_code_; }
   [[nodiscard]] const std::string& GetMessage() const override { return message_; }
@@ -25,10 +28,25 @@ class MutableHttpResponse : public HttpResponse {
   void SetHttpCode(long http_code);
   void SetMessage(const std::string& message);
 
-  // Replaces the whole body.
+  // Before every attempt; only the first does something.
+  virtual void Begin() {}
+  // Replaces the whole body; on disk, appends to it unless interceptors process the response.
   virtual void UpdatePayload(std::vector<unsigned char> payload) = 0;
+  // The next range of the body.
+  virtual void AppendPayload(std::vector<unsigned char> payload) = 0;
+  // Drops what ranges have gathered.
+  virtual void ClearPayload() = 0;
+  // The body of an answer that ended the exchange with an error.
+  virtual void KeepErrorPayload(std::vector<unsigned char> payload) = 0;
+  // Around the interceptors' work on the whole body.
+  virtual void BeginProcessing() {}
+  virtual void EndProcessing() {}
+  // The exchange has succeeded: the body gets its final place.
+  virtual void Save() {}
 
-  void Finalize() { finalized_ = true; }
+  virtual void Finalize() { finalized_ = true; }
+  // Forgets one attempt's headers and words, for the next one; what ranges have gathered stays.
+  void ResetForNextAttempt();
 
  protected:
   // Throws HttpException with the text `refusal` once finalized.

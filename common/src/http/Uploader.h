@@ -1,8 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "common/src/http/UploadSource.h"
 
 namespace zagent::common {
 
@@ -28,6 +31,10 @@ class Uploader {
   virtual void SetTarget(const std::string& url) = 0;
   // Replaces the value of an indexed header of the header table (0 Z-PROTOVER, 1 Z-PROTOTYPE).
   virtual void SetIndexedHeader(unsigned index, const std::string& value) = 0;
+
+  // The file that the next Upload sends, for that one only: its Z-REQID is the file's own, so that a receiver knows it
+  // again whenever it comes. An upload without one has a random id.
+  virtual void SetSource(const UploadSource& source) = 0;
 
   // Of the last finished upload: HTTP status code (0: no answer) and the upload's UUID (header Z-REQID).
   [[nodiscard]] virtual long LastHttpStatus() const = 0;

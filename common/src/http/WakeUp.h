@@ -1,5 +1,8 @@
 #pragma once
 
+#include <atomic>
+#include <thread>
+
 #include "common/src/util/UniqueFd.h"
 
 namespace zagent::common {
@@ -11,6 +14,11 @@ class WakeUp {
   WakeUp();
 
   [[nodiscard]] int GetFd() const { return fd_.Get(); }
+  // The calling thread is the one that sleeps here from now on, until the next call.
+  void Claim() { sleeper_ = std::this_thread::get_id(); }
+  // True on the thread that has claimed this: it must not wait for its own work.
+  [[nodiscard]] bool IsClaimedByThisThread() const { return sleeper_ == std::this_thread::get_id(); }
+
   // From any thread. Several notifications before the next Drain are one.
   void Notify();
   void Drain();
@@ -19,6 +27,7 @@ class WakeUp {
 
  private:
   util::UniqueFd fd_;
+  std::atomic<std::thread::id> sleeper_{};
 };
 
 }  // namespace zagent::common

@@ -243,6 +243,25 @@ TEST_F(ReceiverTest, TakesAPayloadThatIsNotCompressed) {
   EXPECT_THAT(Lines(), Contains("payload 5 bytes type=-"));
 }
 
+TEST_F(ReceiverTest, HoldsDocumentsOfEventsAgainstTheirSchemaWhenAsked) {
+  const auto send = [this](const std::string& document) {
+    RawRequest request;
+    request.headers = {{"Content-Type", "application/json"}};
+    request.body = BytesOf(document);
+    Sign(request, HmacVersion::HmacV2);
+    return Send(request);
+  };
+  const std::string bad = R"({"events":[{"eventAction":"Write"}],"timestamp":"2024-05-01T10:30:00Z"})";
+  EXPECT_EQ(send(bad), 200) << "nobody has asked yet";
+  tools::ReceiverOptions options = Options();
+  options.validate = true;
+  StartReceiver(options);
+  EXPECT_EQ(send(bad), 400);
+  EXPECT_THAT(Lines(), Contains("rejected: document does not follow its schema: /events/0: required"));
+  EXPECT_EQ(send(R"({"events":[],"timestamp":"2024-05-01T10:30:00Z"})"), 200);
+  EXPECT_EQ(send(R"({"something":"else"})"), 200) << "no document of events";
+}
+
 TEST_F(ReceiverTest, StepsOverFilesOfAnEarlierRun) {
   tools::ReceiverOptions options = Options();
   options.store_folder = folder_ / "store";
@@ -256,6 +275,17 @@ TEST_F(ReceiverTest, StepsOverFilesOfAnEarlierRun) {
   EXPECT_EQ("{ }", folder_.Read("store/payload-000002.json"));
 }
 
+TEST_F(ReceiverTest, RefusesOnlyTheRequestsThatATextSinglesOut) {
+  tools::ReceiverOptions options = Options();
+  options.status = 503;
+  options.only_for = "/elsewhere";
+  StartReceiver(options);
+  EXPECT_EQ(200, Send(Signed(HmacVersion::HmacV2)));
+  options.only_for = "/";
+  StartReceiver(options);
+  EXPECT_EQ(503, Send(Signed(HmacVersion::HmacV2)));
+}
+
 TEST_F(ReceiverTest, AsksTheClientToComeAgainWhenItCannotStore) {
   tools::ReceiverOptions options = Options();
   options.store_folder = folder_ / "store";
@@ -266,24 +296,123 @@ TEST_F(ReceiverTest, AsksTheClientToComeAgainWhenItCannotStore) {
   EXPECT_THAT(receiver_->GetPayloads(), IsEmpty());
 }
 
+TEST_F(ReceiverTest, AcceptsAnUploadThatItKnowsWithoutCountingItAgain) {
+  RawRequest request = Signed(HmacVersion::HmacV2);
+  request.headers["Z-REQID"] = "11111111-2222-5333-8444-555555555555";
+  EXPECT_EQ(200, Send(request));
+  EXPECT_EQ(200, Send(request));
+  EXPECT_THAT(receiver_->GetPayloads(), SizeIs(1));
+  EXPECT_THAT(Lines(), Contains("repeated: 11111111-2222-5333-8444-555555555555"));
+  request.headers["Z-REQID"] = "11111111-2222-5333-8444-666666666666";
+  EXPECT_EQ(200, Send(request));
+  EXPECT_THAT(receiver_->GetPayloads(), SizeIs(2));
+}
+
+TEST_F(ReceiverTest, TakesAnIdForKnownOnlyFromWhoCanSign) {
+  RawRequest request = Signed(HmacVersion::HmacV2);
+  request.headers["Z-REQID"] = "11111111-2222-5333-8444-555555555555";
+  RawRequest forged = request;
+  forged.headers["X-OSTL-Authorization"] += "x";
+  EXPECT_EQ(401, Send(forged));
+  EXPECT_EQ(200, Send(request));
+  EXPECT_THAT(receiver_->GetPayloads(), SizeIs(1));
+}
+
+TEST_F(ReceiverTest, RefusesAnIdentityThatIsNotTheSignaturesOwn) {
+  for (const char* name : {"Z-CUSTID", "Z-CLNTID"}) {
+    RawRequest request = Signed(HmacVersion::HmacV2);
+    request.headers["Z-CUSTID"] = kCustomer;
+    request.headers["Z-CLNTID"] = kAgent;
+    request.headers[name] = "stranger";
+    ExpectRefused(request, 401, std::string(name) + " is not that of the key id");
+  }
+}
+
+TEST_F(ReceiverTest, KeepsPayloadsFromOtherUsersEyes) {
+  tools::ReceiverOptions options = Options();
+  options.store_folder = folder_ / "store";
+  StartReceiver(options);
+  EXPECT_EQ(0, Upload("{}"));
+  using std::filesystem::perms;
+  EXPECT_EQ(perms::owner_all, std::filesystem::status(folder_ / "store").permissions());
+  EXPECT_EQ(perms::owner_read | perms::owner_write,
+            std::filesystem::status(folder_ / "store/payload-000001.json").permissions());
+}
+
+TEST_F(ReceiverTest, KeepsNoPayloadsUnlessAskedTo) {
+  tools::ReceiverOptions options = Options();
+  options.keep_payloads = false;
+  StartReceiver(options);
+  EXPECT_EQ(0, Upload("{}"));
+  EXPECT_THAT(receiver_->GetPayloads(), IsEmpty());
+}
+
+TEST_F(ReceiverTest, KeepsItsCertificateOverARestart) {
+  tools::ReceiverOptions options = Options();
+  options.cert_folder = folder_ / "certificate";
+  StartReceiver(options);
+  const std::string first = folder_.Read("ca.pem");
+  EXPECT_EQ(first, folder_.Read("certificate/cert.pem"));
+  using std::filesystem::perms;
+  EXPECT_EQ(perms::owner_read | perms::owner_write,
+            std::filesystem::status(folder_ / "certificate/key.pem").permissions());
+  StartReceiver(options);
+  EXPECT_EQ(first, folder_.Read("ca.pem"));
+  EXPECT_EQ(0, Upload("{}"));
+  // Half of a pair is none.
+  std::filesystem::remove(folder_ / "certificate/cert.pem");
+  StartReceiver(options);
+  EXPECT_NE(first, folder_.Read("ca.pem"));
+  EXPECT_EQ(0, Upload("{}"));
+}
+
+TEST(PayloadStoreTest, ForgetsAnUploadAfterAnHourAndTheOldestAtTheBound) {
+  fakes::FakeClock clock;
+  tools::PayloadStore store("", true, clock);
+  const auto add = [&](const std::string& id) { return store.Add({"{}", "/", {{"z-reqid", id}}, ""}); };
+  EXPECT_TRUE(add("a"));
+  clock.Advance(std::chrono::hours(1));
+  EXPECT_FALSE(add("a"));
+  clock.Advance(std::chrono::seconds(1));
+  EXPECT_TRUE(add("a"));
+  for (std::size_t i = 0; i + 1 < tools::PayloadStore::kMaxKnown; ++i) EXPECT_TRUE(add("b" + std::to_string(i)));
+  EXPECT_FALSE(add("a")) << "at the bound";
+  EXPECT_TRUE(add("c"));
+  EXPECT_FALSE(add("b0"));
+  EXPECT_TRUE(add("a")) << "it was the oldest";
+}
+
+TEST(PayloadStoreTest, NeverTakesAnUploadWithoutAnIdForAnotherOne) {
+  tools::PayloadStore store("", true);
+  EXPECT_TRUE(store.Add({"{}", "/", {}, ""}));
+  EXPECT_TRUE(store.Add({"{}", "/", {}, ""}));
+}
+
 TEST(EventLinesTest, ShowsBothPathsOfARename) {
   EXPECT_THAT(
-      tools::DescribeEvents(
+      tools::DescribeDocument(
           R"({"timestamp":"x","events":[{"eventAction":"Rename","imagePath":"/a","operation":{"new":"/b","old":"/a"}}]})"),
       ElementsAre("event Rename /a -> /b actor=- pid=- user=- audit-user=- id=-"));
 }
 
 TEST(EventLinesTest, EscapesWhatCouldFakeALine) {
-  EXPECT_THAT(tools::DescribeEvents(R"({"events":[{"imagePath":"/x\nevent Write /y\u001b[2J\\"}]})"),
+  EXPECT_THAT(tools::DescribeDocument(R"({"events":[{"imagePath":"/x\nevent Write /y\u001b[2J\\"}]})"),
               ElementsAre(HasSubstr(R"(/x\x0aevent Write /y\x1b[2J\\ actor=)")));
+}
+
+TEST(EventLinesTest, ShowsTheRowsOfAStatusDocument) {
+  EXPECT_THAT(tools::DescribeDocument(R"({"status":[
+                {"dateTime":"x","contextId":"FIM\n","statusCode":4003,"state":0,"additionalFields":{"httpStatus":"500"}},
+                {"dateTime":"x","contextId":"FIM","statusCode":4001,"state":1}]})"),
+              ElementsAre(R"(status 4003 FIM\x0a state=0 {"httpStatus":"500"})", "status 4001 FIM state=1 -"));
 }
 
 TEST(EventLinesTest, SaysNothingOfOtherDocuments) {
   for (const char* text : {"", "no json", "{}", "[]", R"({"events":{}})", R"({"events":[)"}) {
-    EXPECT_THAT(tools::DescribeEvents(text), IsEmpty()) << text;
+    EXPECT_THAT(tools::DescribeDocument(text), IsEmpty()) << text;
   }
-  EXPECT_THAT(tools::DescribeEvents(R"({"events":[1,null,{"actor":3,"eventId":"7"}]})"), SizeIs(3));
-  EXPECT_THAT(tools::DescribeEvents(std::string(1'000'000, '[')), IsEmpty());
+  EXPECT_THAT(tools::DescribeDocument(R"({"events":[1,null,{"actor":3,"eventId":"7"}]})"), SizeIs(3));
+  EXPECT_THAT(tools::DescribeDocument(std::string(1'000'000, '[')), IsEmpty());
 }
 
 }  // namespace

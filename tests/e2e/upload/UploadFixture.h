@@ -30,6 +30,7 @@ class UploadFixture : public ::testing::Test {
     options.agent_id = kAgent;
     options.activation_id = kActivation;
     options.ca_file = folder_ / "ca.pem";
+    options.keep_payloads = true;
     options.print = [this](const std::string& line) {
       const std::lock_guard lock(mutex_);
       lines_.push_back(line);

@@ -134,11 +134,53 @@ TEST_F(UploadTest, GetsNoAnswerWhenTheConnectionIsReset) {
 
 TEST_F(UploadTest, SucceedsWhenOnlyTheAnswersBodyIsCutOff) {
   tools::ReceiverOptions options = Options();
-  options.truncate = true;
+  options.body_fault = tools::ReceiverOptions::BodyFault::Truncate;
   StartReceiver(options);
   EXPECT_EQ(0, Upload(kDocument)) << "the platform has accepted it";
   EXPECT_THAT(Lines(), Contains("answered: truncated"));
   EXPECT_TRUE(log_.Has("Unknown curl error with CURL_STATUS_CODE 18 while accessing ")) << log_.All();
+}
+
+TEST_F(UploadTest, SucceedsWhenTheConnectionIsResetInTheAnswersBody) {
+  tools::ReceiverOptions options = Options();
+  options.body_fault = tools::ReceiverOptions::BodyFault::Reset;
+  StartReceiver(options);
+  max_attempts_ = 1;
+  const auto uploader = Uploader();
+  EXPECT_EQ(0, uploader->Upload("application/json", BytesOf(kDocument))) << "the platform has accepted it";
+  EXPECT_EQ(200, uploader->LastHttpStatus());
+  EXPECT_TRUE(log_.Has("Network error with CURL_STATUS_CODE 56 accessing ")) << log_.All();
+  EXPECT_EQ(2U, receiver_->GetRequestCount()) << "a network error is tried again";
+  EXPECT_THAT(receiver_->GetPayloads(), SizeIs(1)) << "under the same id";
+  EXPECT_THAT(Lines(), Contains("repeated: " + uploader->LastCorrelationId()));
+}
+
+TEST_F(UploadTest, SucceedsWhenTheAnswersBodyStalls) {
+  tools::ReceiverOptions options = Options();
+  options.body_fault = tools::ReceiverOptions::BodyFault::Stall;
+  StartReceiver(options);
+  request_timeout_ = 1;
+  max_attempts_ = 0;
+  EXPECT_EQ(0, Upload(kDocument));
+  EXPECT_TRUE(log_.Has("Network error with CURL_STATUS_CODE 28 accessing ")) << log_.All();
+  EXPECT_THAT(Lines(), Contains("answered: stalled in the body"));
+}
+
+TEST_F(UploadTest, IsCountedOnceWhenItsAnswerGotLost) {
+  tools::ReceiverOptions options = Options();
+  options.lose_answers = 2;
+  StartReceiver(options);
+  EXPECT_EQ(0, Upload(kDocument));
+  EXPECT_EQ(3U, receiver_->GetRequestCount());
+  EXPECT_THAT(receiver_->GetPayloads(), SizeIs(1));
+}
+
+TEST_F(UploadTest, TrustsAReplacedCertificateFileAtOnce) {
+  StartReceiver(Options());
+  EXPECT_EQ(0, Upload(kDocument));
+  receiver_.reset();
+  receiver_ = std::make_unique<tools::ReferenceReceiver>(Options());  // writes its own certificate to the same file
+  EXPECT_EQ(0, Upload(kDocument)) << log_.All();
 }
 
 TEST_F(UploadTest, GivesUpWhenThePlatformIsTooSlow) {

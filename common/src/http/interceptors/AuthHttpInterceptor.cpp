@@ -1,8 +1,8 @@
 #include "common/src/http/interceptors/AuthHttpInterceptor.h"
 
-#include <Poco/Exception.h>
-#include <Poco/URI.h>
-
+#include "common/src/http/MutableHttpResponse.h"
+#include "common/src/http/RequestTarget.h"
+#include "common/src/http/interceptors/XAuth.h"
 #include "common/src/util/Base64.h"
 #include "common/src/util/Cleanse.h"
 #include "common/src/util/Hmac.h"
@@ -22,18 +22,6 @@ bool IsLegalInResponse(AuthTag tag) {
   return tag == AuthTag::None || tag == AuthTag::Tag1;
 }
 
-Poco::URI ParseAsSent(const std::string& url) {
-  try {
-    Poco::URI uri(url);
-    uri.normalize();
-    if (uri.getPath().empty()) uri.setPath("/");
-    uri.setFragment("");
-    return uri;
-  } catch (const Poco::Exception& error) {
-    throw HttpInterceptorException("Failed to set auth headers, error: " + error.displayText());
-  }
-}
-
 }  // namespace
 
 struct AuthHttpInterceptor::Request {
@@ -46,22 +34,27 @@ struct AuthHttpInterceptor::Request {
 };
 
 AuthHttpInterceptor::AuthHttpInterceptor(std::shared_ptr<const HmacConfig> config, AuthTag request_tag,
-                                         AuthTag response_tag, const util::Clock& clock)
-    : config_(std::move(config)), request_tag_(request_tag), response_tag_(response_tag), clock_(clock) {
-  if (config_->GetVersion() == HmacVersion::HmacV3) {
-    if (config_->IsFedramp()) throw HttpInterceptorException("Hmac V3 is not supported for fedramp");
-    throw HttpInterceptorException("Hmac V3 is not available, use V1 or V2");
-  }
+                                         AuthTag response_tag, const util::Clock& clock, HmacRequestAction action)
+    : config_(std::move(config)),
+      request_tag_(request_tag),
+      response_tag_(response_tag),
+      clock_(clock),
+      action_(action) {
+  const bool is_v3 = config_->GetVersion() == HmacVersion::HmacV3;
+  if (is_v3 && config_->IsFedramp()) throw HttpInterceptorException("Hmac V3 is not supported for fedramp");
   if (!IsLegalInRequest(request_tag_)) {
     throw HttpInterceptorException("Auth-Tag: " + ToString(request_tag_) + " is not legal in request");
   }
   if (!IsLegalInResponse(response_tag_)) {
     throw HttpInterceptorException("Auth-Tag: " + ToString(response_tag_) + " is not legal in reponse");
   }
+  if (!is_v3) return;
+  request_context_ = std::make_unique<HmacV3RequestContext>(request_tag_, response_tag_, action_);
+  response_context_ = std::make_unique<HmacV3ResponseContext>(response_tag_);
 }
 
 std::unique_ptr<HttpInterceptor> AuthHttpInterceptor::Clone() const {
-  return std::make_unique<AuthHttpInterceptor>(*this);
+  return std::make_unique<AuthHttpInterceptor>(config_, request_tag_, response_tag_, clock_, action_);
 }
 
 void AuthHttpInterceptor::ProcessRequest(std::string& url, std::vector<unsigned char>& payload, HttpHeaders& headers,
@@ -69,18 +62,20 @@ void AuthHttpInterceptor::ProcessRequest(std::string& url, std::vector<unsigned 
   if (method != "GET" && method != "PUT" && method != "POST") {
     throw HttpInterceptorException("Invalid HTTP Method: " + method);
   }
-  const Poco::URI uri = ParseAsSent(url);
-  url = uri.toString();
-  Request request{url, payload, headers, method, uri.getPathEtc(), util::FormatUtc(util::ToNanoseconds(clock_.Now()))};
   try {
+    url = UrlAsSent(url);
+    Request request{
+        url, payload, headers, method, RequestTarget(url), util::FormatUtc(util::ToNanoseconds(clock_.Now()))};
     switch (config_->GetVersion()) {
       case HmacVersion::HmacV1:
         return SignV1(request);
       case HmacVersion::HmacV2:
         return SignV2(request);
       case HmacVersion::HmacV3:
-        break;
+        return SignV3(request);
     }
+  } catch (const InvalidUrlException& error) {
+    throw HttpInterceptorException(std::string("Failed to set auth headers, error: ") + error.what());
   } catch (const util::KeyStoreException& error) {
     throw HttpInterceptorException(std::string("Failed to set auth headers, error: ") + error.what());
   } catch (const util::Base64Exception& error) {
@@ -103,9 +98,36 @@ void AuthHttpInterceptor::SignV1(Request& request) const {
 }
 
 void AuthHttpInterceptor::SignV2(Request& request) const {
+  if (const std::optional<int> module = FindXAuthModule(request.path_etc)) return SignXAuth(request, *module);
   const std::string key_id = FetchKey("KIdV2");
   const std::string message = request.method + ";" + request.timestamp + ";" + key_id + ";" + request.path_etc;
   SetHeaders(request, "ZHmacV2Auth", key_id, "HmacV2", message);
+}
+
+void AuthHttpInterceptor::SignXAuth(Request& request, int module) const {
+  std::string key = FetchKey(XAuthKeyName(module));
+  const util::ScopedCleanse cleanse(key);
+  request.headers["x-auth"] = util::Base64Encode(util::HmacSha256(key, request.path_etc + ";" + request.timestamp));
+  request.headers["Date"] = request.timestamp;
+  ZLOG_TRACE("AuthHttpInterceptor: updated request with url: " << request.url << " with auth: x-auth");
+}
+
+void AuthHttpInterceptor::SignV3(Request& request) {
+  const std::string_view payload(reinterpret_cast<const char*>(request.payload.data()), request.payload.size());
+  std::vector<std::string> lines;
+  try {
+    lines = request_context_->Prepare({request.method, request.path_etc, payload, request.timestamp},
+                                      [this](const char* name) { return FetchKey(name); });
+  } catch (const HmacV3Exception& error) {
+    throw HttpInterceptorException("Failed to prepare HMAC V3 request, error code: " +
+                                   std::to_string(static_cast<int>(error.GetCode())));
+  }
+  for (const std::string& line : lines) {
+    const std::size_t colon = line.find(": ");
+    request.headers[line.substr(0, colon)] = line.substr(colon + 2);
+  }
+  ZLOG_TRACE("AuthHttpInterceptor: updated request with url: " << request.url
+                                                               << " for auth-tag: " << ToString(request_tag_));
 }
 
 void AuthHttpInterceptor::SetHeaders(Request& request, const char* scheme, const std::string& key_id,
@@ -131,10 +153,25 @@ HttpInterceptor::ChunkResult AuthHttpInterceptor::ProcessResponseChunk(const std
   return ChunkResult::Continue;
 }
 
-void AuthHttpInterceptor::ProcessResponse(const std::string& url, MutableHttpResponse&) {
+void AuthHttpInterceptor::ProcessResponse(const std::string& url, MutableHttpResponse& response) {
+  if (response_tag_ == AuthTag::None) {
+    ZLOG_TRACE("AuthHttpInterceptor: response processing not required for url: " << url);
+    return;
+  }
   // Versions 1 and 2 cannot check a response: whoever asked for it must not take this one for checked.
-  if (response_tag_ != AuthTag::None) throw HttpInterceptorException("Response context not initialized");
-  ZLOG_TRACE("AuthHttpInterceptor: response processing not required for url: " << url);
+  if (!response_context_) throw HttpInterceptorException("Response context not initialized");
+  const std::vector<unsigned char>& payload = response.GetPayload();
+  try {
+    response_context_->Check(response.GetHeaders(), {reinterpret_cast<const char*>(payload.data()), payload.size()},
+                             *request_context_, [this](const char* name) { return FetchKey(name); });
+  } catch (const HmacV3Exception& error) {
+    throw HttpInterceptorException("Failed to process HMAC V3 response, error code: " +
+                                   std::to_string(static_cast<int>(error.GetCode())));
+  } catch (const util::KeyStoreException& error) {
+    throw HttpInterceptorException(error.what());
+  }
+  ZLOG_TRACE("AuthHttpInterceptor: response processing successful for url: " << url << " with tag: "
+                                                                             << ToString(response_tag_));
 }
 
 }  // namespace zagent::common

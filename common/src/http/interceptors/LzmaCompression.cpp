@@ -78,6 +78,21 @@ std::uint32_t DictionarySizeFor(std::size_t data_size, std::uint32_t preset_size
   return std::max<std::uint32_t>(LZMA_DICT_SIZE_MIN, std::bit_ceil(static_cast<std::uint32_t>(data_size)));
 }
 
+// liblzma allocates what the header names before it has seen a byte of data: a dictionary that is larger than all that
+// may come out of it is refused unseen.
+void RequireSaneDictionary(const std::vector<unsigned char>& data, std::size_t max_size) {
+  constexpr std::size_t kHeader = 5;  // properties, then the size, little-endian
+  if (data.size() < kHeader) return;
+  std::uint64_t dictionary = 0;
+  for (std::size_t i = kHeader - 1; i > 0; --i) dictionary = dictionary << 8U | data[i];
+  // An honest encoder rounds up.
+  constexpr std::uint64_t kLargest = std::uint64_t{1} << 32U;
+  const std::uint64_t limit = std::bit_ceil(std::min<std::uint64_t>(max_size, kLargest));
+  if (dictionary > std::max<std::uint64_t>(LZMA_DICT_SIZE_MIN, limit)) {
+    throw CompressionException("The dictionary is larger than what may be decompressed");
+  }
+}
+
 }  // namespace
 
 std::vector<unsigned char> LzmaCompression::Compress(const std::vector<unsigned char>& data) const {
@@ -94,6 +109,7 @@ std::vector<unsigned char> LzmaCompression::Compress(const std::vector<unsigned 
 }
 
 std::vector<unsigned char> LzmaCompression::Decompress(const std::vector<unsigned char>& data) const {
+  if (container_ == Container::Alone) RequireSaneDictionary(data, max_decompressed_size_);
   LzmaStream stream;
   RequireOk(container_ == Container::Alone ? lzma_alone_decoder(stream.Get(), kNoMemoryLimit)
                                            : lzma_stream_decoder(stream.Get(), kNoMemoryLimit, LZMA_CONCATENATED));

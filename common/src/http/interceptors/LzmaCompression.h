@@ -22,7 +22,8 @@ class LzmaCompression final : public Compression {
       : container_(container), max_decompressed_size_(max_decompressed_size) {}
 
   [[nodiscard]] std::vector<unsigned char> Compress(const std::vector<unsigned char>& data) const override;
-  // A stream that does not end, bytes behind its end and more than the allowed size are failures.
+  // A stream that does not end, bytes behind its end and more than the allowed size are failures; so is, before
+  // anything is allocated, an alone header that names a dictionary above that size.
   [[nodiscard]] std::vector<unsigned char> Decompress(const std::vector<unsigned char>& data) const override;
 
  private:

@@ -11,19 +11,34 @@ constexpr const char* kEncoding = "LZMA";
 
 }  // namespace
 
+LzmaHttpInterceptor::Prepared LzmaHttpInterceptor::Compress(const std::vector<unsigned char>& payload) {
+  Prepared prepared;
+  if (payload.empty()) return prepared;
+  try {
+    prepared.body = LzmaCompression().Compress(payload);
+  } catch (const std::exception& error) {
+    prepared.failure = error.what();
+  }
+  return prepared;
+}
+
 std::unique_ptr<HttpInterceptor> LzmaHttpInterceptor::Clone() const {
   return std::make_unique<LzmaHttpInterceptor>(*this);
+}
+
+void LzmaHttpInterceptor::PrepareRequest(const std::vector<unsigned char>& payload) {
+  prepared_ = Compress(payload);
 }
 
 void LzmaHttpInterceptor::ProcessRequest(std::string&, std::vector<unsigned char>& payload, HttpHeaders& headers,
                                          const std::string&) {
   if (payload.empty()) return;
-  try {
-    payload = LzmaCompression().Compress(payload);
-  } catch (const CompressionException& error) {
-    throw HttpInterceptorException(std::string("LzmaHttpInterceptor failed to compress request payload: ") +
-                                   error.what());
+  // Behind another step the payload may be another one every time.
+  const Prepared& prepared = prepared_ ? *prepared_ : Compress(payload);
+  if (!prepared.failure.empty()) {
+    throw HttpInterceptorException("LzmaHttpInterceptor failed to compress request payload: " + prepared.failure);
   }
+  payload = prepared.body;
   headers[kEncodingHeader] = kEncoding;
 }
 

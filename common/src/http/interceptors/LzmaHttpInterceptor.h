@@ -1,5 +1,7 @@
 #pragma once
 
+#include <optional>
+
 #include "common/src/http/HttpInterceptor.h"
 
 namespace zagent::common {
@@ -9,6 +11,8 @@ namespace zagent::common {
 class LzmaHttpInterceptor final : public HttpInterceptor {
  public:
   [[nodiscard]] std::unique_ptr<HttpInterceptor> Clone() const override;
+  // Compresses once for all attempts, which only put the result in place; keeps a failure for them.
+  void PrepareRequest(const std::vector<unsigned char>& payload) override;
   // Throws "LzmaHttpInterceptor failed to compress request payload: <reason>".
   void ProcessRequest(std::string& url, std::vector<unsigned char>& payload, HttpHeaders& headers,
                       const std::string& method) override;
@@ -16,6 +20,15 @@ class LzmaHttpInterceptor final : public HttpInterceptor {
                                    std::vector<unsigned char>& output) override;
   // Throws "LzmaHttpInterceptor failed to decompress response payload: <reason>".
   void ProcessResponse(const std::string& url, MutableHttpResponse& response) override;
+
+ private:
+  struct Prepared {
+    std::vector<unsigned char> body;
+    std::string failure;  // empty when the body is good
+  };
+  static Prepared Compress(const std::vector<unsigned char>& payload);
+
+  std::optional<Prepared> prepared_;
 };
 
 }  // namespace zagent::common

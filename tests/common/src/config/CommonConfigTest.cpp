@@ -105,6 +105,19 @@ TEST_F(CommonConfigTest, RefusesANegativeOrTooLargeUnsigned) {
   ExpectInvalid();
 }
 
+TEST_F(CommonConfigTest, RefusesAServiceUrlOfAForeignScheme) {
+  Set("service_url", rapidjson::Value("ftp://platform"));
+  ExpectInvalid();
+  Set("service_url", rapidjson::Value("http://platform"));
+  EXPECT_EQ(CommonConfig(json_).GetServiceUrl(), "http://platform");
+}
+
+TEST_F(CommonConfigTest, ForgetsTheActivationIdWhenToldTo) {
+  CommonConfig config(json_);
+  config.ForgetActivationId();
+  EXPECT_EQ(config.GetActivationId(), "");
+}
+
 TEST_F(CommonConfigTest, RefusesUseSudoThatIsNoBoolean) {
   Set("use_sudo", rapidjson::Value(1));
   ExpectInvalid();

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include "common/src/http/InMemoryHttpResponse.h"
+#include "common/src/http/interceptors/XAuth.h"
+#include "common/src/util/Base64.h"
+#include "common/src/util/Hmac.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/LogCapture.h"
 
@@ -79,11 +82,18 @@ TEST_F(AuthHttpInterceptorTest, SignsASlashForAnUrlWithoutPathAndSendsIt) {
 }
 
 TEST_F(AuthHttpInterceptorTest, BringsTheUrlIntoTheFormThatIsSent) {
-  const std::string expected = Sign(HmacVersion::HmacV2, "POST", "https://platform.example/v1/fim");
-  EXPECT_EQ(expected, Sign(HmacVersion::HmacV2, "POST", "https://platform.example/v1/x/../fim#fragment"));
-  EXPECT_EQ("https://platform.example/v1/fim", url_);
-  (void)Sign(HmacVersion::HmacV2, "POST", "https://platform.example/with space/%41");
-  EXPECT_EQ("https://platform.example/with%20space/A", url_);
+  const std::string expected = Sign(HmacVersion::HmacV2, "POST", "https://platform.example/v1/with%20space");
+  EXPECT_EQ(expected, Sign(HmacVersion::HmacV2, "POST", "https://platform.example/v1/with space#fragment"));
+  EXPECT_EQ("https://platform.example/v1/with%20space", url_);
+}
+
+TEST_F(AuthHttpInterceptorTest, SignsAPathAsItWasConfigured) {
+  const std::string plain = Sign(HmacVersion::HmacV2, "POST", "https://platform.example/v1/a/b");
+  for (const char* url : {"https://platform.example/v1/a%2Fb", "https://platform.example/v1/a//b",
+                          "https://platform.example/v1/x/../a/b", "https://platform.example/v1/%61/b"}) {
+    EXPECT_NE(plain, Sign(HmacVersion::HmacV2, "POST", url)) << url;
+    EXPECT_EQ(url, url_);
+  }
 }
 
 TEST_F(AuthHttpInterceptorTest, StampsEveryAttemptAnew) {
@@ -141,12 +151,18 @@ TEST_F(AuthHttpInterceptorTest, AcceptsTheResponseTagsNoneAndOneOnly) {
   EXPECT_EQ("Auth-Tag: ZAuthV3Tag-2 is not legal in reponse", ErrorOf([&] { make(AuthTag::Tag2); }));
 }
 
-TEST_F(AuthHttpInterceptorTest, RefusesVersionThreeAtConstruction) {
+TEST_F(AuthHttpInterceptorTest, RefusesVersionThreeForFedrampAtConstruction) {
   const auto make = [](bool fedramp) {
     AuthHttpInterceptor(Config(HmacVersion::HmacV3, fedramp), AuthTag::Tag4, AuthTag::None);
   };
   EXPECT_EQ("Hmac V3 is not supported for fedramp", ErrorOf([&] { make(true); }));
-  EXPECT_EQ("Hmac V3 is not available, use V1 or V2", ErrorOf([&] { make(false); }));
+  EXPECT_EQ("no error", ErrorOf([&] { make(false); }));
+}
+
+TEST_F(AuthHttpInterceptorTest, SignsUnderNoVersionThatItDoesNotKnow) {
+  EXPECT_EQ("Invalid Auth-Version: 9",
+            ErrorOf([&] { Sign(static_cast<HmacVersion>(9), "GET", "https://platform.example/"); }));
+  EXPECT_TRUE(headers_.empty());
 }
 
 TEST_F(AuthHttpInterceptorTest, LogsTheSchemeAndNoSecret) {
@@ -173,6 +189,88 @@ TEST_F(AuthHttpInterceptorTest, PassesNoResponseAsCheckedThatItCannotCheck) {
   InMemoryHttpResponse response;
   EXPECT_EQ("Response context not initialized",
             ErrorOf([&] { interceptor.ProcessResponse("https://platform.example/", response); }));
+}
+
+// The paths that a module signs for itself.
+class XAuthTest : public AuthHttpInterceptorTest {
+ protected:
+  static constexpr const char* kId = "0b9d8e7f-aaaa-4bbb-8ccc-ddddeeeeffff";
+
+  static std::string Fragment(const std::string& end) {
+    return std::string("/HostWarden/collection/v1/customer/") + kId + "/agent/" + kId + "/manifest/" + kId +
+           "/command/" + kId + "/fragment/" + end;
+  }
+  static std::string Forensic(const std::string& end) {
+    return std::string("/HostWarden/edr/forensic/v1/customer/") + kId + "/agent/" + kId + "/manifest/" + kId + end;
+  }
+  static std::shared_ptr<const HmacConfig> XAuthConfig() {
+    return std::make_shared<HmacConfig>(HmacConfig::FromJson(
+        R"({"hmacVersion": "V2", "keys": {"KIdV2": "id", "HmacV2": "two", "XauthSM": "sm", "XauthRS": "rs",
+            "XauthLC": "lc", "KAVC": "avc"}})"));
+  }
+  std::string SignPath(const std::string& path) {
+    AuthHttpInterceptor interceptor(XAuthConfig(), AuthTag::Tag4, AuthTag::None, clock_);
+    url_ = "https://platform.example" + path;
+    std::vector<unsigned char> payload;
+    headers_.clear();
+    interceptor.ProcessRequest(url_, payload, headers_, "POST");
+    return headers_["x-auth"];
+  }
+  static std::string Expected(const std::string& key, const std::string& path) {
+    return util::Base64Encode(util::HmacSha256(key, path + ";2024-05-01T10:20:30Z"));
+  }
+};
+
+// printf %s '/HostWarden/sm/platform/scriptresult;2024-05-01T10:20:30Z' | openssl dgst -sha256 -binary -hmac sm |
+// base64
+TEST_F(XAuthTest, SignsPathAndTimeWithTheSecretOfTheModule) {
+  EXPECT_EQ("rYmaysxZM1BSUGT2Uy2wx11IE5CY68P4nv2TarFv3OE=", SignPath("/HostWarden/sm/platform/scriptresult"));
+  EXPECT_EQ("2024-05-01T10:20:30Z", headers_["Date"]);
+  EXPECT_FALSE(headers_.contains("X-OSTL-Authorization"));
+  EXPECT_FALSE(headers_.contains("X-OSTL-Timestamp"));
+}
+
+TEST_F(XAuthTest, KnowsTheModuleOfEachPath) {
+  const std::vector<std::pair<std::string, std::string>> rows = {
+      {"sm", "/HostWarden/sm/platform/scriptresult"},
+      {"rs", "/HostWarden/edr_rs_linux/command_execution"},
+      {"lc", "/HostWarden/collection/v1/ca/actkeychange"},
+      {"lc", "/HostWarden/collection/v1/ca/actkeychange/status"},
+      {"lc", Fragment("17")},
+      {"lc", Fragment("17/finalize")},
+      {"avc", std::string("/HostWarden/avc/customer/") + kId + "/certificateDetails/" + kId},
+  };
+  for (const auto& [key, path] : rows) EXPECT_EQ(Expected(key, path), SignPath(path)) << path;
+  EXPECT_EQ(15, FindXAuthModule(Forensic("/result")));
+  EXPECT_EQ("Failed to set auth headers, error: Failed to fetch hmac key: KFORENSIC",
+            ErrorOf([&] { SignPath(Forensic("/result")); }));
+}
+
+TEST_F(XAuthTest, SignsEveryOtherPathAsBefore) {
+  for (const std::string& path :
+       {std::string("/HostWarden/sm/platform/scriptresult?x=1"), std::string("/HostWarden/sm/platform/scriptresult/"),
+        std::string("/HostWarden/sm%2Fplatform/scriptresult"),
+        std::string("/x/HostWarden/edr_rs_linux/command_execution"), Fragment(""), Fragment("x"),
+        Fragment("17/finalize/"), Forensic("/"), Forensic(""),
+        std::string("/HostWarden/avc/customer/") + kId + "/certificateDetails/" +
+            "0B9D8E7F-aaaa-4bbb-8ccc-ddddeeeeffff",
+        Forensic("/" + std::string(4096, 'x'))}) {
+    EXPECT_EQ("", SignPath(path)) << path;
+    EXPECT_TRUE(headers_["X-OSTL-Authorization"].starts_with("ZHmacV2Auth id:")) << path;
+  }
+}
+
+TEST_F(XAuthTest, IsOfVersionTwoAlone) {
+  (void)Sign(HmacVersion::HmacV1, "POST", "https://platform.example/HostWarden/sm/platform/scriptresult");
+  EXPECT_TRUE(headers_["X-OSTL-Authorization"].starts_with("ZHmacV1Auth "));
+  EXPECT_FALSE(headers_.contains("x-auth"));
+}
+
+TEST_F(XAuthTest, RefusesAModuleThatDoesNotSignForItself) {
+  EXPECT_STREQ("XauthSM", XAuthKeyName(11));
+  EXPECT_STREQ("KFORENSIC", XAuthKeyName(15));
+  EXPECT_EQ("Invalid X-Auth module: 10", ErrorOf([] { XAuthKeyName(10); }));
+  EXPECT_EQ("Invalid X-Auth module: 16", ErrorOf([] { XAuthKeyName(16); }));
 }
 
 }  // namespace

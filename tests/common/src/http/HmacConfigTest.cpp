@@ -4,6 +4,7 @@
 
 #include <stdexcept>
 
+#include "common/src/http/HmacRequestAction.h"
 #include "common/src/http/interceptors/AuthTag.h"
 #include "tests/fakes/LogCapture.h"
 
@@ -80,6 +81,58 @@ TEST(HmacConfigTest, LogsNoSecret) {
   EXPECT_TRUE(log.Has("KeyStore: Added Key with id: HmacV1"));
   EXPECT_FALSE(log.Has(config.GetKeyStore().Get("HmacV1")));
   EXPECT_FALSE(log.Has(kActivation));
+}
+
+TEST(HmacConfigTest, ReadsVersionRegionAndKeysFromJson) {
+  const fakes::LogCapture log;
+  const HmacConfig config = HmacConfig::FromJson(
+      R"({"hmacVersion": "V3", "fedramp": true, "keys": {"HmacV3": "very-secret", "PlatformPubKey": "-----BEGIN\n",
+          "XauthSM": "another"}, "comment": "others are ignored"})");
+  EXPECT_EQ(HmacVersion::HmacV3, config.GetVersion());
+  EXPECT_TRUE(config.IsFedramp());
+  EXPECT_EQ("very-secret", config.GetKeyStore().Get("HmacV3"));
+  EXPECT_EQ("-----BEGIN\n", config.GetKeyStore().Get("PlatformPubKey"));
+  EXPECT_EQ("another", config.GetKeyStore().Get("XauthSM"));
+  EXPECT_FALSE(log.Has("very-secret"));
+}
+
+TEST(HmacConfigTest, TakesAVersionByNameOrNumber) {
+  const auto version_of = [](const std::string& text) {
+    return HmacConfig::FromJson(R"({"keys": {}, "hmacVersion": )" + text + "}").GetVersion();
+  };
+  EXPECT_EQ(HmacVersion::HmacV1, version_of("\"HmacV1\""));
+  EXPECT_EQ(HmacVersion::HmacV2, version_of("1"));
+  EXPECT_EQ(HmacVersion::HmacV3, version_of("2"));
+  EXPECT_EQ("Invalid HmacVersion: V9", InvalidArgumentOf([&] { version_of("\"V9\""); }));
+  EXPECT_EQ("Invalid HmacVersion value: 3", InvalidArgumentOf([&] { version_of("3"); }));
+  EXPECT_EQ("Invalid HmacVersion value: -1", InvalidArgumentOf([&] { version_of("-1"); }));
+}
+
+TEST(HmacConfigTest, RefusesATextThatIsNoJson) {
+  for (const std::string& text : {std::string(), std::string("{"), std::string("{} {}"), std::string("text"),
+                                  std::string("{\"keys\":{},\"hmacVersion\":1}\0", 29)}) {
+    EXPECT_EQ("Invalid HmacConfig json", InvalidArgumentOf([&] { HmacConfig::FromJson(text); })) << text;
+  }
+}
+
+TEST(HmacConfigTest, RefusesADocumentOfAnotherShape) {
+  for (const char* text :
+       {"[]", "7", "{}", R"({"hmacVersion": 1})", R"({"keys": {}})", R"({"hmacVersion": 1, "keys": []})",
+        R"({"hmacVersion": 1.5, "keys": {}})", R"({"hmacVersion": null, "keys": {}})",
+        R"({"hmacVersion": 1, "keys": {"HmacV1": 7}})", R"({"hmacVersion": 1, "keys": {"HmacV4": "x"}})",
+        R"({"hmacVersion": 1, "keys": {"": "x"}})", R"({"hmacVersion": 1, "fedramp": "no", "keys": {}})"}) {
+    EXPECT_EQ("HmacConfig data malformed", InvalidArgumentOf([&] { HmacConfig::FromJson(text); })) << text;
+  }
+}
+
+TEST(HmacRequestActionTest, ConvertsBothWays) {
+  EXPECT_EQ("None", ToString(HmacRequestAction::None));
+  EXPECT_EQ("RegisterPublicKey", ToString(HmacRequestAction::RegisterPublicKey));
+  EXPECT_EQ(HmacRequestAction::Activate, ParseHmacRequestAction("Activate"));
+  EXPECT_EQ(HmacRequestAction::RotateSecret, ParseHmacRequestAction("RotateSecret"));
+  EXPECT_EQ("Invalid HmacRequestAction: 4",
+            InvalidArgumentOf([] { (void)ToString(static_cast<HmacRequestAction>(4)); }));
+  EXPECT_EQ("Invalid HmacRequestAction string: none", InvalidArgumentOf([] { ParseHmacRequestAction("none"); }));
 }
 
 TEST(AuthTagTest, ConvertsBothWays) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "common/src/http/DefaultHttpRetryPolicy.h"
+#include "common/src/http/ExponentialBackoffHttpRetryPolicy.h"
 #include "common/src/http/HttpProxy.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/LogCapture.h"
@@ -148,6 +149,38 @@ TEST_F(HttpRetryPolicyTest, CountsTheWholeListAsOneAttempt) {
   EXPECT_EQ(5, transfers) << "two rounds over the list and the first of the third";
 }
 
+TEST_F(HttpRetryPolicyTest, CountsEachFailureOfTheDirectConnectionAndWaits) {
+  HttpProxy proxies({"http://a:1", "http://b:2"}, true);
+  auto policy = Policy(3, 5);
+  policy.SetProxy(proxies);
+  EXPECT_TRUE(policy.Finish(HttpStatus::NetworkError, 0));
+  EXPECT_TRUE(policy.Finish(HttpStatus::ProxyError, 407));
+  for (int round = 2; round <= 3; ++round) {
+    EXPECT_TRUE(proxies.IsDirectAttempt());
+    EXPECT_EQ(seconds(5), policy.GetRemainingWait());
+    clock_.Advance(seconds(5));
+    EXPECT_TRUE(policy.Finish(HttpStatus::NetworkError, 0)) << "round " << round;
+  }
+  EXPECT_TRUE(proxies.IsDirectAttempt());
+  EXPECT_FALSE(policy.Finish(HttpStatus::NetworkError, 0)) << "the fourth round was the last";
+}
+
+TEST_F(HttpRetryPolicyTest, TriesTheNextProxyAtOnceInALaterRoundToo) {
+  HttpProxy proxies({"http://a:1", "http://b:2"});
+  ExponentialBackoffHttpRetryPolicy policy(ExponentialBackoffHttpRetryPolicy::kNoLimit, 5, {}, clock_);
+  policy.SetProxy(proxies);
+  for (int round = 1; round <= 5; ++round) {
+    EXPECT_TRUE(policy.Finish(HttpStatus::NetworkError, 0));
+    EXPECT_TRUE(policy.IsRetryDue()) << "round " << round;
+    EXPECT_EQ("http://b:2", proxies.GetProxy());
+    EXPECT_TRUE(policy.Finish(HttpStatus::NetworkError, 0));
+    EXPECT_FALSE(policy.IsRetryDue());
+    EXPECT_EQ("http://a:1", proxies.GetProxy());
+    clock_.Advance(policy.GetRemainingWait());
+  }
+  EXPECT_EQ(25, policy.GetInterval()) << "five rounds, five attempts";
+}
+
 TEST_F(HttpRetryPolicyTest, WaitsWithoutProxiesAsWell) {
   HttpProxy none;
   auto policy = Policy(3, 5);
@@ -208,8 +241,7 @@ TEST(HttpProxyTest, TriesADirectConnectionWhenTheListHasFailedAndItFailsOpen) {
   EXPECT_EQ("", proxies.GetProxy());
   EXPECT_TRUE(log.Has("All proxies are tried. ProxyFailOpen flag is enabled, attempting direct connection."));
   proxies.SetNextProxy();
-  EXPECT_FALSE(proxies.IsDirectAttempt());
-  EXPECT_EQ("http://a:1", proxies.GetProxy()) << "the list begins again";
+  EXPECT_TRUE(proxies.IsDirectAttempt()) << "the list has failed, and nothing says that it works again";
 }
 
 TEST(HttpProxyTest, StaysClosedWithoutTheFlag) {
@@ -243,10 +275,13 @@ TEST(HttpProxyTest, TakesFiveProxiesAndMasksTheirCredentials) {
   EXPECT_FALSE(log.Has("word")) << log.All();
 }
 
-TEST(HttpProxyTest, MasksAPasswordThatHoldsAnAtSign) {
+TEST(HttpProxyTest, MasksPasswordsThatHoldWhatBelongsElsewhere) {
   EXPECT_EQ("http://***@host:1", MaskCredentials("http://user:p@ss@host:1"));
+  EXPECT_EQ("http://***@host:1", MaskCredentials("http://user:p://ss@host:1"));
+  EXPECT_EQ("***@host", MaskCredentials("user:p://ss@host"));
   EXPECT_EQ("***@host", MaskCredentials("user:pass@host"));
   EXPECT_EQ("http://host:1", MaskCredentials("http://host:1"));
+  EXPECT_EQ("host?", MaskCredentials("host\n"));
 }
 
 }  // namespace

@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <fstream>
+#include <sstream>
+
 #include "common/src/http/DefaultHttpRetryPolicy.h"
 #include "tests/fakes/FakeHttpServer.h"
 #include "tests/fakes/FakeInterceptor.h"
@@ -117,6 +120,27 @@ TEST_F(HttpServiceTest, AddsNoContentTypeThatNobodyHasSigned) {
   EXPECT_EQ("(absent)", server.Requests().at(0).Header("Content-Type"));
 }
 
+TEST_F(HttpServiceTest, SendsThePathAsItWasConfigured) {
+  FakeHttpServer server({FakeHttpServer::Answer("200 OK")});
+  const std::vector<std::pair<std::string, std::string>> targets = {
+      {"/a%2Fb//c/../d/./e?x=%20+//y?", "/a%2Fb//c/../d/./e?x=%20+//y?"},
+      {"/with space?q= \xc3\xa4#fragment", "/with%20space?q=%20%C3%A4"},
+      {"?x", "/?x"},
+      {"/empty?", "/empty"},
+      {"/~a!$&'()*,;=:@\"<>\\^`{|}", "/~a!$&'()*,;=:@\"<>\\^`{|}"}};
+  for (const auto& [given, sent] : targets) {
+    PostTo("http://" + server.Address() + given)->GetResponse();
+    EXPECT_EQ(sent, server.Requests().back().target);
+    PostThrough({"http://" + server.Address()}, "http://platform.invalid" + given, 0)->GetResponse();
+    EXPECT_EQ("http://platform.invalid" + sent, server.Requests().back().target) << "through a proxy";
+  }
+}
+
+TEST_F(HttpServiceTest, NeverSendsToAnUrlThatIsNone) {
+  EXPECT_EQ(HttpStatus::NotStarted, PostTo("127.0.0.1/v1", Retrying(3))->GetResponse().GetStatus());
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "Failed to add url to HTTP request for 127.0.0.1/v1"));
+}
+
 TEST_F(HttpServiceTest, GetsWithoutAPayload) {
   FakeHttpServer server({FakeHttpServer::Answer("200 OK", "", "body")});
   const auto request = service_.Get(server.Url("/status"), {}, {}, Retrying(0));
@@ -158,6 +182,74 @@ TEST_F(HttpServiceTest, StartsOnlyWhenStopped) {
   service_.Start();
   FakeHttpServer server({FakeHttpServer::Answer("200 OK")});
   EXPECT_EQ(200, PostTo(server.Url())->GetResponse().GetHttpCode()) << "and works again";
+}
+
+// Answers one list and notes for whom.
+class FixedProxies final : public ProxyManager {
+ public:
+  FixedProxies(std::vector<std::string> proxies, std::vector<std::string>& asked)
+      : proxies_(std::move(proxies)), asked_(asked) {}
+  HttpProxy FetchProxiesForRequest(const std::string& url) override {
+    asked_.push_back(url);
+    return HttpProxy(proxies_);
+  }
+
+ private:
+  const std::vector<std::string> proxies_;
+  std::vector<std::string>& asked_;
+};
+
+TEST_F(HttpServiceTest, AsksTheProxyManagerOnceForEachRequest) {
+  FakeHttpServer proxy({FakeHttpServer::Answer("503 Busy", "Z-SRV: x\r\n"), FakeHttpServer::Answer("200 OK")});
+  std::vector<std::string> asked;
+  HttpService service("", std::make_unique<FixedProxies>(std::vector{"http://" + proxy.Address()}, asked));
+  service.Start();
+  service.Get("http://platform.invalid/v1", {}, {}, Retrying(1))->GetResponse();
+  EXPECT_EQ(std::vector<std::string>{"http://platform.invalid/v1"}, asked);
+  EXPECT_EQ(2U, proxy.Requests().size());
+}
+
+class NotingProcessor final : public HttpPostProcessor {
+ public:
+  explicit NotingProcessor(std::vector<long>& codes) : codes_(codes) {}
+  void Process(const HttpRequest& request) override {
+    codes_.push_back(request.GetResponse().GetHttpCode());
+    throw HttpException("no handler");
+  }
+
+ private:
+  std::vector<long>& codes_;
+};
+
+TEST_F(HttpServiceTest, PostProcessesEachFinishedRequestOnceWhateverComesOfIt) {
+  FakeHttpServer server({FakeHttpServer::Answer("503 Busy"), FakeHttpServer::Answer("403 Forbidden"),
+                         FakeHttpServer::Answer("200 OK"), FakeHttpServer::kHang});
+  std::vector<long> codes;
+  {
+    HttpService service("");
+    service.SetPostProcessor(std::make_unique<NotingProcessor>(codes));
+    service.Start();
+    const auto refused = service.Get(server.Url(), {}, {}, Retrying(1));
+    EXPECT_EQ(403, refused->GetResponse().GetHttpCode());
+    EXPECT_EQ(200, service.Get(server.Url(), {}, {}, Retrying(1))->GetResponse().GetHttpCode());
+    const auto cancelled = service.Get(server.Url(), {}, {}, Retrying(1));
+    server.AwaitRequests(4);
+    cancelled->Cancel();
+    EXPECT_NE("no error", ErrorOf([&] { cancelled->GetResponse(); }));
+    service.Stop();
+    EXPECT_EQ(State::Failed, refused->GetState());
+  }
+  EXPECT_EQ((std::vector<long>{403, 200}), codes) << "no response, nothing to process";
+  EXPECT_EQ(2, log_.Count("Failed to finish the http response for " + server.Url() + " no handler"));
+}
+
+TEST_F(HttpServiceTest, TakesAPostProcessorOnlyWhileStopped) {
+  std::vector<long> codes;
+  EXPECT_EQ("PostProcessor is null", ErrorOf([&] { service_.SetPostProcessor(nullptr); }));
+  EXPECT_EQ("HttpService is already running",
+            ErrorOf([&] { service_.SetPostProcessor(std::make_unique<NotingProcessor>(codes)); }));
+  service_.Stop();
+  EXPECT_EQ("no error", ErrorOf([&] { service_.SetPostProcessor(std::make_unique<NotingProcessor>(codes)); }));
 }
 
 TEST_F(HttpServiceTest, RetriesUntilThePlatformAccepts) {
@@ -265,6 +357,72 @@ TEST_F(HttpServiceTest, QueuesFromItsOwnCallbackWithoutDeadlock) {
   PostTo(server.Url("/first"), std::move(settings));
   EXPECT_EQ(200, second.get_future().get()->GetResponse().GetHttpCode());
   EXPECT_EQ("/second", server.Requests().at(1).target);
+}
+
+TEST_F(HttpServiceTest, RefusesToWaitForItselfInACallback) {
+  FakeHttpServer server({FakeHttpServer::Answer("200 OK")});
+  std::promise<std::vector<std::string>> errors;
+  HttpRequestSettings settings = Retrying(0);
+  settings.on_finished = [&](const HttpRequest& request) {
+    EXPECT_EQ(200, request.GetResponse().GetHttpCode()) << "it is there already";
+    const auto second = PostTo(server.Url("/second"));
+    errors.set_value({ErrorOf([&] { second->GetResponse(); }), ErrorOf([&] { service_.Stop(); })});
+  };
+  PostTo(server.Url(), std::move(settings));
+  EXPECT_EQ((std::vector<std::string>{
+                "Cannot wait for a response on the thread of the HTTP service: " + server.Url("/second"),
+                "HttpService cannot be stopped on its own thread"}),
+            errors.get_future().get());
+  EXPECT_EQ(200, PostTo(server.Url())->GetResponse().GetHttpCode()) << "and it goes on";
+}
+
+TEST_F(HttpServiceTest, SpeaksNoOtherProtocol) {
+  const fakes::TempFolder folder;
+  const auto request = service_.Get("file://localhost" + folder.Write("secret", "text"), {}, {}, Retrying(0));
+  EXPECT_EQ(HttpStatus::NotStarted, request->GetResponse().GetStatus());
+  EXPECT_TRUE(request->GetResponse().GetPayload().empty());
+  EXPECT_TRUE(log_.Has("Unknown curl error with CURL_STATUS_CODE 1 while accessing "));
+}
+
+TEST_F(HttpServiceTest, CountsOnlyTheLastStatusLine) {
+  FakeHttpServer server(
+      {"HTTP/1.1 102 Processing\r\nX-Early: 1\r\n\r\nHTTP/1.1 103 Early Hints\r\nZ-SRV: early\r\n\r\n" +
+       FakeHttpServer::Answer("202 Accepted")});
+  const auto request = PostTo(server.Url());
+  EXPECT_EQ(202, request->GetResponse().GetHttpCode());
+  EXPECT_EQ("Accepted", request->GetResponse().GetMessage());
+  EXPECT_FALSE(request->GetResponse().GetHeaders().contains("X-Early"));
+  EXPECT_FALSE(request->GetResponse().GetHeaders().contains("Z-SRV"));
+}
+
+// The states of this host's TCP sockets to the server: the timer that runs, "02" for keep-alive.
+std::string TimerTowards(const std::string& address) {
+  const auto port = static_cast<unsigned>(std::stoul(address.substr(address.find(':') + 1)));
+  std::ifstream table("/proc/net/tcp");
+  std::string line;
+  while (std::getline(table, line)) {
+    std::istringstream fields(line);
+    std::string number, local, remote, state, queues, timer;
+    fields >> number >> local >> remote >> state >> queues >> timer;
+    const std::size_t colon = remote.find(':');
+    if (colon != std::string::npos && std::stoul(remote.substr(colon + 1), nullptr, 16) == port && state == "01") {
+      return timer.substr(0, 2);
+    }
+  }
+  return "none";
+}
+
+TEST_F(HttpServiceTest, LooksAfterASilentPeer) {
+  FakeHttpServer server({FakeHttpServer::kHang});
+  const auto request = PostTo(server.Url());
+  server.AwaitRequests(1);
+  std::string timer;
+  // What has just been sent may still wait for its acknowledgement, with a timer of its own.
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  do {
+    timer = TimerTowards(server.Address());
+  } while (timer != "02" && std::chrono::steady_clock::now() < end);
+  EXPECT_EQ("02", timer);
 }
 
 TEST_F(HttpServiceTest, RunsInterceptorsWithoutItsLock) {

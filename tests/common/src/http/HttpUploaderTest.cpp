@@ -7,6 +7,7 @@
 
 #include "common/src/http/HttpService.h"
 #include "common/src/http/interceptors/LzmaCompression.h"
+#include "common/src/util/Fnv.h"
 #include "tests/fakes/FakeHttpServer.h"
 #include "tests/fakes/LogCapture.h"
 
@@ -69,6 +70,8 @@ TEST_F(HttpUploaderTest, SendsTheProtocolHeadersWithTheCompressedPayload) {
   EXPECT_EQ("85944171f73967e8", sent.Header("Z-PAYLOADHASH")) << "FNV-1a of what was given, not of what is sent";
   EXPECT_EQ("application/json", sent.Header("Content-Type"));
   EXPECT_EQ("LZMA", sent.Header("Content-Encoding"));
+  EXPECT_EQ(std::to_string(sent.body.size()), sent.Header("Content-Length"));
+  EXPECT_EQ("(absent)", sent.Header("Transfer-Encoding")) << "never in chunks";
   EXPECT_THAT(sent.Header("X-OSTL-Authorization"), StartsWith("ZHmacV1Auth agent-1:"));
   EXPECT_EQ(payload_, LzmaCompression().Decompress(Bytes(sent.body.begin(), sent.body.end())));
 }
@@ -188,19 +191,110 @@ TEST_F(HttpUploaderTest, NeverThrows) {
   service_.Stop();
   EXPECT_EQ(100022, UploaderTo("http://127.0.0.1:1/").Upload("application/json", payload_));
   EXPECT_TRUE(log_.Has("HttpUploader: Upload failed due to http exception: HttpService is not running"));
-  hmac_ = std::make_shared<HmacConfig>("customer-1", "agent-1", "activation-1", false, HmacVersion::HmacV3);
+  hmac_ = std::make_shared<HmacConfig>("customer-1", "agent-1", "activation-1", true, HmacVersion::HmacV3);
   EXPECT_EQ(100022, UploaderTo("http://127.0.0.1:1/").Upload("application/json", payload_));
-  EXPECT_TRUE(log_.Has("HttpUploader: Upload failed. (Hmac V3 is not available, use V1 or V2)"));
+  EXPECT_TRUE(log_.Has("HttpUploader: Upload failed. (Hmac V3 is not supported for fedramp)"));
 }
 
-TEST_F(HttpUploaderTest, TakesAnAnswerThatCannotBeReadForNoAcceptance) {
+TEST_F(HttpUploaderTest, TakesA200ForAnAcceptanceThoughItsBodyCannotBeRead) {
   FakeHttpServer server({FakeHttpServer::Answer("200 OK", "Content-Encoding: LZMA\r\n", "not compressed")});
-  EXPECT_EQ(100017, UploaderTo(server.Url()).Upload("application/json", payload_));
+  EXPECT_EQ(0, UploaderTo(server.Url()).Upload("application/json", payload_));
   EXPECT_EQ(1U, server.Requests().size());
   EXPECT_TRUE(
       log_.Has("HttpUploader: Upload failed. (Response processing failed, error: LzmaHttpInterceptor failed to "
                "decompress response payload: "));
   EXPECT_FALSE(log_.Has("HttpUploader: Upload failed. (OK)"));
+  EXPECT_TRUE(
+      log_.Has(Poco::Message::PRIO_INFORMATION, "HttpUploader: The upload was accepted all the same, HTTP code 200"));
+}
+
+TEST_F(HttpUploaderTest, TakesAnInterimAnswerThatStaysTheLastForUnexpected) {
+  FakeHttpServer server({"HTTP/1.1 100 Continue\r\n\r\n"});
+  HttpUploader uploader = UploaderTo(server.Url());
+  EXPECT_EQ(100017, uploader.Upload("application/json", payload_));
+  EXPECT_EQ(100, uploader.LastHttpStatus());
+}
+
+TEST_F(HttpUploaderTest, SendsTheSameFileUnderTheSameIdAndEverythingElseUnderARandomOne) {
+  FakeHttpServer server({FakeHttpServer::Answer("500 Oops"), FakeHttpServer::Answer("200 OK")});
+  UploadSource source;
+  source.path = "/spool/fim.0001";
+  source.inode = 7;
+  HttpUploader::Settings settings = SettingsFor(server.Url());
+  settings.max_attempts = 0;
+  HttpUploader uploader(service_, hmac_, settings);
+  HttpUploader after_a_restart(service_, hmac_, settings);
+  uploader.SetSource(source);
+  EXPECT_EQ(100023, uploader.Upload("application/json", payload_));
+  after_a_restart.SetSource(source);
+  EXPECT_EQ(0, after_a_restart.Upload("application/json", payload_));
+  EXPECT_EQ(0, after_a_restart.Upload("application/json", payload_)) << "without a file";
+  EXPECT_EQ(0, after_a_restart.Upload("application/json", payload_));
+  const auto sent = server.Requests();
+  EXPECT_EQ(source.MakeRequestId("agent-1"), sent.at(0).Header("Z-REQID"));
+  EXPECT_EQ(sent.at(0).Header("Z-REQID"), sent.at(1).Header("Z-REQID"));
+  EXPECT_NE(sent.at(1).Header("Z-REQID"), sent.at(2).Header("Z-REQID"));
+  EXPECT_NE(sent.at(2).Header("Z-REQID"), sent.at(3).Header("Z-REQID"));
+}
+
+TEST_F(HttpUploaderTest, RaisesTheAlarmAboutARefusedFileAndAClockThatIsOff) {
+  FakeHttpServer server({FakeHttpServer::Answer("400 Bad Request"), FakeHttpServer::Answer("400 Bad Request"),
+                         FakeHttpServer::Answer("400 Bad Request"),
+                         FakeHttpServer::Answer("401 Unauthorized", "Date: Wed, 01 May 2019 10:15:29 GMT\r\n")});
+  HttpUploader uploader = UploaderTo(server.Url());
+  UploadSource source;
+  source.path = "/spool/fim.0001";
+  for (int run = 0; run < 4; ++run) {
+    uploader.SetSource(source);
+    uploader.Upload("application/json", payload_);
+  }
+  EXPECT_EQ(1, log_.Count("HttpUploader: The platform has refused the file /spool/fim.0001 3 times"));
+  EXPECT_EQ(1, log_.Count("HttpUploader: The clock of this host is "));
+}
+
+TEST_F(HttpUploaderTest, WritesAPayloadHashWithItsLeadingZeros) {
+  Bytes payload;
+  for (unsigned i = 0; payload.empty() || util::Fnv1a64(payload.data(), payload.size()) >> 56U != 0; ++i) {
+    const std::string text = std::to_string(i);
+    payload.assign(text.begin(), text.end());
+  }
+  FakeHttpServer server({FakeHttpServer::Answer("200 OK")});
+  UploaderTo(server.Url()).Upload("application/json", payload);
+  char expected[17];
+  std::snprintf(expected, sizeof(expected), "%016llx",
+                static_cast<unsigned long long>(util::Fnv1a64(payload.data(), payload.size())));
+  EXPECT_EQ(expected, server.Requests().at(0).Header("Z-PAYLOADHASH"));
+  EXPECT_THAT(server.Requests().at(0).Header("Z-PAYLOADHASH"), StartsWith("00"));
+}
+
+// Cancels the upload while its proxies are looked for: behind its preparation, before its request is queued.
+class CancellingProxies final : public ProxyManager {
+ public:
+  HttpProxy FetchProxiesForRequest(const std::string&) override {
+    uploader->Cancel();
+    return HttpProxy();
+  }
+  HttpUploader* uploader = nullptr;
+};
+
+TEST_F(HttpUploaderTest, EndsAnUploadThatWasCancelledWhileItWasPrepared) {
+  FakeHttpServer server({FakeHttpServer::kHang});
+  auto proxies = std::make_unique<CancellingProxies>();
+  CancellingProxies& hook = *proxies;
+  HttpService service("", std::move(proxies));
+  service.Start();
+  HttpUploader uploader(service, hmac_, SettingsFor(server.Url()));
+  hook.uploader = &uploader;
+  EXPECT_EQ(100022, uploader.Upload("application/json", payload_)) << "the server would let it hang";
+  EXPECT_TRUE(log_.Has("Response isn't available for cancelled HTTP request for " + server.Url()));
+}
+
+TEST_F(HttpUploaderTest, NeverSendsWithoutABoundInTime) {
+  HttpUploader::Settings settings = SettingsFor("http://127.0.0.1:1/");
+  settings.connection_timeout = settings.request_timeout = 0;
+  const HttpUploader uploader(service_, hmac_, settings);
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "HttpUploader: connection_timeout is 0, using 30 seconds"));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "HttpUploader: request_timeout is 0, using 60 seconds"));
 }
 
 TEST_F(HttpUploaderTest, LogsNeitherPayloadNorKeys) {

@@ -95,9 +95,27 @@ TEST(LzmaAloneTest, RefusesBytesBehindTheEnd) {
 }
 
 TEST(LzmaAloneTest, NamesWhatIsNoLzmaAtAll) {
-  const std::string error =
-      CompressionErrorOf([&] { (void)LzmaCompression().Decompress(BytesOf("plain text, long enough")); });
+  const std::string error = CompressionErrorOf([&] {
+    (void)LzmaCompression().Decompress(Bytes{'p', 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
+  });
   EXPECT_EQ("Unknown error: 7, possibly a bug", error);
+}
+
+TEST(LzmaAloneTest, RefusesADictionaryThatNobodyCouldFill) {
+  const Bytes data = BytesOf("text");
+  Bytes compressed = LzmaCompression().Compress(data);
+  const auto decompress = [&](std::uint32_t dictionary, std::size_t max_size) {
+    for (unsigned i = 0; i < 4; ++i) compressed.at(1 + i) = static_cast<unsigned char>(dictionary >> (8 * i));
+    return CompressionErrorOf(
+        [&] { EXPECT_EQ(data, LzmaCompression(LzmaCompression::Container::Alone, max_size).Decompress(compressed)); });
+  };
+  constexpr const char* kRefusal = "The dictionary is larger than what may be decompressed";
+  EXPECT_EQ("no error", decompress(64U << 20U, LzmaCompression::kMaxDecompressedSize));
+  EXPECT_EQ(kRefusal, decompress((64U << 20U) + 1, LzmaCompression::kMaxDecompressedSize));
+  EXPECT_EQ(kRefusal, decompress(0xffffffffU, LzmaCompression::kMaxDecompressedSize));
+  EXPECT_EQ("no error", decompress(1U << 20U, 1'000'000)) << "the next power of two, as encoders write it";
+  EXPECT_EQ("no error", decompress(4096, 10)) << "the smallest that there is";
+  EXPECT_EQ("no error", decompress(1U << 20U, static_cast<std::size_t>(-1))) << "without a bound";
 }
 
 TEST(LzmaAloneTest, NamesDamagedData) {
@@ -122,7 +140,26 @@ TEST_F(LzmaHttpInterceptorTest, CompressesThePayloadAndMarksIt) {
   EXPECT_EQ(0x5d, payload.at(0)) << "the alone container begins with its properties byte";
 }
 
+TEST_F(LzmaHttpInterceptorTest, PutsInPlaceWhatWasPrepared) {
+  interceptor_.PrepareRequest(BytesOf("prepared"));
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    Bytes payload = BytesOf("the same, as far as the step knows");
+    interceptor_.ProcessRequest(url_, payload, headers_, "POST");
+    EXPECT_EQ(BytesOf("prepared"), LzmaCompression().Decompress(payload));
+  }
+}
+
+TEST_F(LzmaHttpInterceptorTest, CompressesWhatAnEarlierStepMadeOfEachAttempt) {
+  for (const char* text : {"first", "second"}) {
+    Bytes payload = BytesOf(text);
+    interceptor_.ProcessRequest(url_, payload, headers_, "POST");
+    EXPECT_EQ(BytesOf(text), LzmaCompression().Decompress(payload));
+  }
+}
+
 TEST_F(LzmaHttpInterceptorTest, NeitherCompressesNorMarksAnEmptyPayload) {
+  interceptor_.PrepareRequest({});
+
   Bytes payload;
   interceptor_.ProcessRequest(url_, payload, headers_, "GET");
   EXPECT_TRUE(payload.empty());

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include <future>
 
@@ -76,6 +77,58 @@ TEST_F(MutableHttpRequestTest, EndsTheChainOfChunksWhenAnInterceptorStopsIt) {
   request->SetStatus(HttpStatus::ClientError, 404, 0);
   EXPECT_THAT(calls_, ElementsAre("second:chunk"));
   EXPECT_EQ(BytesOf("body"), request->GetResponse().GetPayload());
+}
+
+TEST_F(MutableHttpRequestTest, LetsOnlyTheFirstStepPrepareThePayload) {
+  std::vector<std::string> prepared;
+  for (const char* name : {"first", "second"}) {
+    AddInterceptor(name).on_prepare = [&prepared, name](const Bytes& payload) {
+      prepared.push_back(name + (" " + std::string(payload.begin(), payload.end())));
+    };
+  }
+  const auto request = Make();
+  request->BeginAttempt();
+  EXPECT_THAT(prepared, ElementsAre("first payload")) << "what the second gets is not known yet";
+}
+
+TEST_F(MutableHttpRequestTest, ShowsItsStepsEveryAttemptThatWasSent) {
+  std::vector<std::string> shown;
+  AddInterceptor("observer").on_attempt_ended = [&shown](const HttpAttempt& attempt) {
+    shown.push_back(attempt.url + " " + std::to_string(static_cast<int>(attempt.status)) + " " +
+                    std::to_string(attempt.http_code) + " " + std::string(attempt.body.begin(), attempt.body.end()) +
+                    " " + (attempt.headers.contains("Z-SRV") ? "platform" : "other"));
+    throw std::runtime_error("unmoved");
+  };
+  const auto request = Make();
+  request->SetStatus(HttpStatus::NetworkError, 0, 7);  // not begun
+  request->BeginAttempt();
+  request->AddResponseHeader("Z-SRV: x");
+  request->AppendResponseData("moved", 5);
+  request->SetStatus(HttpStatus::ClientError, 404, 0);
+  EXPECT_THAT(shown, ElementsAre("https://p/x 6 404 moved platform"));
+  EXPECT_EQ(HttpRequest::State::Failed, request->GetState());
+  EXPECT_TRUE(log_.Has("unmoved"));
+}
+
+TEST_F(MutableHttpRequestTest, ShowsItsStepsNoMoreThanTheBeginningOfABody) {
+  std::size_t shown = 0;
+  AddInterceptor("observer").on_attempt_ended = [&](const HttpAttempt& attempt) { shown = attempt.body.size(); };
+  const auto request = Make();
+  request->BeginAttempt();
+  const Bytes body(MutableHttpRequest::kMaxShownBody + 1, 'x');
+  request->AppendResponseData(body.data(), body.size());
+  request->SetStatus(HttpStatus::Success, 200, 0);
+  EXPECT_EQ(MutableHttpRequest::kMaxShownBody, shown);
+  EXPECT_EQ(body.size(), request->GetResponse().GetPayload().size());
+}
+
+TEST_F(MutableHttpRequestTest, ShowsItsStepsNoAttemptThatWasCancelled) {
+  int shown = 0;
+  AddInterceptor("observer").on_attempt_ended = [&](const HttpAttempt&) { ++shown; };
+  const auto request = Make();
+  request->BeginAttempt();
+  request->SetStatus(HttpStatus::Aborted, 0, 42);
+  EXPECT_EQ(0, shown);
 }
 
 TEST_F(MutableHttpRequestTest, HandsTheReplacedChunkOn) {
@@ -240,12 +293,13 @@ TEST_F(MutableHttpRequestTest, FailsWhenTheCallbackDoes) {
 
 TEST_F(MutableHttpRequestTest, MarksACancelAndWakesTheWorker) {
   const auto request = Make();
-  bool woken = false;
-  request->SetWakeUp([&] { woken = true; });
+  const auto wake_up = std::make_shared<WakeUp>();
+  request->SetWakeUp(wake_up);
   EXPECT_FALSE(request->IsCancelled());
   request->Cancel();
   EXPECT_TRUE(request->IsCancelled());
-  EXPECT_TRUE(woken);
+  pollfd woken{wake_up->GetFd(), POLLIN, 0};
+  EXPECT_EQ(1, poll(&woken, 1, 0));
 }
 
 TEST_F(MutableHttpRequestTest, ComparesHeaderNamesWithoutCase) {
