@@ -12,6 +12,10 @@ GUEST_PROGRAMS=(ostrel-edr reference-agent reference-receiver file-actor one-cal
 # The real tools of this machine, which work otherwise than busybox' applets: in /usr/local/gnu of the guest.
 GUEST_TOOLS=(rm tar cp find chmod chown mv)
 
+# Debian's audit daemon, for scenarios that ask for it. Installed, it would take over this machine's audit.
+GUEST_AUDITD_PACKAGES=(auditd libwrap0)
+GUEST_AUDITD_PROGRAMS=(auditd auditctl)
+
 # Modules of its kernel, in /scenario/modules: disks in memory and one that records its writes.
 GUEST_MODULES=(drivers/block/brd.ko drivers/md/dm-mod.ko drivers/md/dm-log-writes.ko)
 
@@ -43,22 +47,28 @@ guest_kernel() {
   ) 9>"$GUEST_CACHE/kernel.lock"
 }
 
-guest_download_kernel() {
-  local scratch package folder module
-  scratch=$(mktemp -d "$GUEST_CACHE/download.XXXXXX")
-  progress "downloading the guest's kernel" >&2
+# guest_download FOLDER NAME COMMAND: downloads the packages that COMMAND prints, a word each, into the folder.
+guest_download() {
+  local folder="$1" name="$2" command="$3" packages try
   for try in 1 2; do
-    package=$(guest_kernel_package)
+    packages=$("$command")
     # The second try is for package lists that are missing or older than the archive.
-    if [[ -n $package ]] && (cd "$scratch" && apt-get -qq -o APT::Sandbox::User=root download "$package") >&2; then
-      break
+    # shellcheck disable=SC2086 # a word each
+    if [[ -n $packages ]] && (cd "$folder" && apt-get -qq -o APT::Sandbox::User=root download $packages) >&2; then
+      return 0
     elif ((try == 2 || EUID != 0)); then
-      echo "Cannot download ${package:-linux-image-cloud-amd64}: run 'apt-get update' as root and try again." >&2
-      rm -r "$scratch"
+      echo "Cannot download ${packages:-$name}: run 'apt-get update' as root and try again." >&2
       return 1
     fi
     apt-get -qq update >&2
   done
+}
+
+guest_download_kernel() {
+  local scratch folder module
+  scratch=$(mktemp -d "$GUEST_CACHE/download.XXXXXX")
+  progress "downloading the guest's kernel" >&2
+  guest_download "$scratch" linux-image-cloud-amd64 guest_kernel_package || { rm -r "$scratch" && return 1; }
   dpkg-deb --fsys-tarfile "$scratch"/*.deb |
     tar -x -C "$scratch" --wildcards --transform 's,.*/vmlinuz-.*,vmlinuz,' './boot/vmlinuz-*' || return
   folder="$GUEST_CACHE/kernel/$(dpkg-deb -W --showformat='${Package}_${Version}' "$scratch"/*.deb)"
@@ -73,6 +83,39 @@ guest_download_kernel() {
   mv "$scratch/modules" "$folder/modules"
   rm -r "$scratch"
   printf '%s\n' "$folder"
+}
+
+guest_auditd_packages() { echo "${GUEST_AUDITD_PACKAGES[@]}"; }
+
+# guest_auditd: prints the folder in which the audit daemon's packages are unpacked; downloads them once.
+guest_auditd() {
+  local folder="$GUEST_CACHE/auditd" scratch package
+  mkdir -p "$GUEST_CACHE"
+  (
+    flock 9
+    if [[ -e $folder ]]; then exit 0; fi
+    scratch=$(mktemp -d "$GUEST_CACHE/download.XXXXXX")
+    progress "downloading the guest's audit daemon" >&2
+    guest_download "$scratch" auditd guest_auditd_packages || { rm -r "$scratch" && exit 1; }
+    for package in "$scratch"/*.deb; do dpkg-deb -x "$package" "$scratch/root" || exit 1; done
+    mv "$scratch/root" "$folder"
+    rm -r "$scratch"
+  ) 9>"$GUEST_CACHE/auditd.lock" || return
+  printf '%s\n' "$folder"
+}
+
+# guest_add_auditd TREE: the audit daemon and its tool, in /usr/local/bin of the guest.
+guest_add_auditd() {
+  local tree="$1" root programs
+  root=$(guest_auditd) || return
+  programs=("${GUEST_AUDITD_PROGRAMS[@]/#/$root/sbin/}")
+  LD_LIBRARY_PATH="$root/lib/x86_64-linux-gnu:$root/usr/lib/x86_64-linux-gnu" \
+    guest_add_programs "$tree" /usr/local/bin "${programs[@]}" || return
+  # Where the loader of the guest looks: libraries that are not installed here were found at another place.
+  if [[ -e $tree$root ]]; then
+    cp -r "$tree$root/." "$tree/"
+    rm -r "$tree${root:?}"
+  fi
 }
 
 # guest_image BIN: prints the path of an initramfs with the programs of the build folder BIN; makes it again only when

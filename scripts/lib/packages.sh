@@ -4,11 +4,13 @@
 # What the daemon and the tools are built from.
 PACKAGES=(
   build-essential cmake ninja-build ccache mold pkg-config git
-  libaudit-dev libauparse-dev libcurl4-openssl-dev libssl-dev liblzma-dev libmagic-dev libpoco-dev libsqlite3-dev
+  libaudit-dev libauparse-dev libcurl4-openssl-dev libssl-dev liblzma-dev libmagic-dev libpoco-dev libproxy-dev libsqlite3-dev
   rapidjson-dev libgtest-dev libgmock-dev libbenchmark-dev clang-format clang-tidy
 )
 # What boots a real kernel around them.
 PACKAGES+=(qemu-system-x86 busybox-static cpio zstd libmagic-mgc e2fsprogs)
+# What stands around the daemon in tests: proxies, an agent and a platform in another language, and what checks them.
+PACKAGES+=(tinyproxy-bin squid-openssl openssl python3 xz-utils)
 # What counts instructions for the benchmarks.
 PACKAGES+=(valgrind)
 

@@ -39,7 +39,7 @@ class EventRule {
 
   // Unique among the rules of its type within its tag; becomes the key of its kernel rules.
   [[nodiscard]] virtual const std::string& GetId() const = 0;
-  // Of a process rule: unique among those of its tag.
+  // Of a process rule: unique among those of all tags.
   [[nodiscard]] virtual const std::string& GetName() const = 0;
   // Absolute path that a file or directory rule watches. A process or network rule may have none and then throws
   // EventRuleException.

@@ -70,6 +70,10 @@ struct SeenRule {
 class FakeAuditNetlink final : public audit::AuditNetlink {
  public:
   std::uint32_t backlog_limit = 64;
+  // The rest of what it tells as its status.
+  std::uint32_t enabled = 1, consumer_pid = 0, lost = 0;
+  // Bytes at the end of a status that this kernel leaves out.
+  std::size_t status_cut = 0;
   // errno of a call's failure; 0: none.
   int open_error = 0, request_error = 0, backlog_error = 0;
   // Number of Open calls that still succeed before open_error counts.
@@ -112,7 +116,11 @@ class FakeAuditNetlink final : public audit::AuditNetlink {
   }
   int Close(int fd) override { return replies_.erase(fd) == 1 ? 0 : Fail(EBADF); }
   int SetEnabled(int fd, std::uint32_t) override { return Known(fd) ? ++sequence_ : Fail(EBADF); }
-  int SetPid(int fd, std::uint32_t) override { return Known(fd) ? ++sequence_ : Fail(EBADF); }
+  int SetPid(int fd, std::uint32_t pid) override {
+    if (!Known(fd)) return Fail(EBADF);
+    consumer_pid = pid;
+    return ++sequence_;
+  }
 
   int SetBacklogLimit(int fd, std::uint32_t limit) override {
     calls.push_back("set backlog " + std::to_string(limit));
@@ -126,7 +134,10 @@ class FakeAuditNetlink final : public audit::AuditNetlink {
     if (!BeginAnswer(fd)) return -1;
     audit_status status{};
     status.backlog_limit = backlog_limit;
-    Queue(fd, AUDIT_GET, &status, sizeof(status));
+    status.enabled = enabled;
+    status.pid = consumer_pid;
+    status.lost = lost;
+    Queue(fd, AUDIT_GET, &status, sizeof(status) - status_cut);
     return ++sequence_;
   }
 
@@ -231,6 +242,12 @@ class FakeAuditNetlink final : public audit::AuditNetlink {
     return stat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
   }
 
+  // The kernel does not follow a link in the place of a folder.
+  static bool IsLink(const std::string& path) {
+    struct stat found {};
+    return lstat(path.c_str(), &found) == 0 && S_ISLNK(found.st_mode);
+  }
+
   // What the kernel has against a new rule: an errno, or 0.
   [[nodiscard]] int Objection(const SeenRule& rule) const {
     const std::uint32_t list = rule.flags & AUDIT_FILTER_MASK;
@@ -242,7 +259,7 @@ class FakeAuditNetlink final : public audit::AuditNetlink {
     if (rule.Find(AUDIT_DIR)) {
       const std::string folder = rule.Text(AUDIT_DIR);
       if (folder.empty() || folder.front() != '/') return EINVAL;
-      if (!IsFolder(folder)) return ENOENT;
+      if (!IsFolder(folder) && !IsLink(folder)) return ENOENT;
     }
     if (rule.Find(AUDIT_WATCH)) {
       const std::string file = rule.Text(AUDIT_WATCH);

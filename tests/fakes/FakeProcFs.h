@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdint>
 #include <filesystem>
 #include <string>
@@ -51,12 +52,22 @@ class FakeProcFs {
     root_.Write(name + "/status", "Name:\tsh\nState:\tS (sleeping)\nTgid:\t" + tgid + "\nNgid:\t0\nPid:\t" + name +
                                       "\nPPid:\t" + std::to_string(process.ppid) + "\nTracerPid:\t0\nUid:\t" + uids +
                                       "Gid:\t0\t0\t0\t0\n");
-    const auto ticks = static_cast<std::int64_t>(process.start * static_cast<double>(sysconf(_SC_CLK_TCK)));
+    const auto ticks = std::llround(process.start * static_cast<double>(sysconf(_SC_CLK_TCK)));
     root_.Write(name + "/stat", name + " (a (sh) b) S " + std::to_string(process.ppid) +
                                     " 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 " + std::to_string(ticks) + " 20\n");
     if (!process.login_uid.empty()) root_.Write(name + "/loginuid", process.login_uid);
   }
   void Start(std::int32_t pid) const { Start(pid, Process()); }
+  // A process of which nothing is told but when it was started, in clock ticks, which program it runs, and its user.
+  // Without a program it has ended and waits for its parent.
+  void Start(std::int32_t pid, std::int64_t start_ticks, const std::string& program = "", std::uint32_t uid = 0) const {
+    Start(pid, {.image = program,
+                .cwd = "",
+                .uid = uid,
+                .euid = uid,
+                .start = static_cast<double>(start_ticks) / static_cast<double>(sysconf(_SC_CLK_TCK))});
+    Remove(pid, "cmdline");
+  }
 
   void End(std::int32_t pid) const { std::filesystem::remove_all(root_ / std::to_string(pid)); }
 

@@ -15,6 +15,7 @@
 
 #include "common/src/util/ErrnoText.h"
 #include "common/src/util/Log.h"
+#include "common/src/util/ThreadName.h"
 
 namespace zagent::audit {
 namespace {
@@ -144,6 +145,12 @@ void IOChannel::SetEndedCallback(EndedCallback callback) {
   ended_callback_ = std::move(callback);
 }
 
+void IOChannel::SetThreadName(std::string name) {
+  const std::lock_guard lock(mutex_);
+  RequireStopped();
+  thread_name_ = std::move(name);
+}
+
 void IOChannel::Start() {
   const std::lock_guard lock(mutex_);
   if (read_fd_ == -1) throw IOChannelException(Error::InvalidState);
@@ -153,6 +160,7 @@ void IOChannel::Start() {
 }
 
 void IOChannel::Run() {
+  common::util::NameThisThread(thread_name_.c_str());
   std::exception_ptr died_of;
   std::string cause;
   try {

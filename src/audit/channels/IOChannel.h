@@ -59,6 +59,8 @@ class IOChannel {
   // Called once a run, as the last thing on the loop's thread, when the loop has ended without having been stopped:
   // after the error callback, and also where that one is not called because the wait itself failed.
   void SetEndedCallback(EndedCallback callback);
+  // What the loop's thread is called in /proc.
+  void SetThreadName(std::string name);
 
  protected:
   // The order of the virtual operations is part of the interface.
@@ -113,6 +115,7 @@ class IOChannel {
 
   ErrorCallback error_callback_;
   EndedCallback ended_callback_;
+  std::string thread_name_ = "edr-channel";
   std::future<void> future_;
   ReadCallback read_callback_;
   common::util::UniqueFd wake_read_;

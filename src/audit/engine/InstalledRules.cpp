@@ -1,7 +1,5 @@
 #include "src/audit/engine/InstalledRules.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <optional>
 #include <stdexcept>
@@ -22,16 +20,6 @@ using edr::RuleEngineException;
     throw RuleEngineException("Cannot add more than 1 process rule for '" + rule.GetName() + "'");
   }
   throw RuleEngineException("Cannot add more than 1 rule with id '" + rule.GetId() + "'");
-}
-
-// What the kernel needs to have at a rule's path: the folder, or the one that the file is to be in.
-std::optional<FileIdentity> WatchedObject(const edr::EventRule& rule) {
-  if (rule.GetType() != edr::ObjectType::File && rule.GetType() != edr::ObjectType::Directory) return std::nullopt;
-  std::string path = RulePaths::Tidy(rule.GetPath());
-  if (rule.GetType() == edr::ObjectType::File) path = path.substr(0, std::max<std::size_t>(path.rfind('/'), 1));
-  struct stat found {};
-  if (stat(path.c_str(), &found) != 0 || !S_ISDIR(found.st_mode)) return std::nullopt;
-  return FileIdentity::Of(found);
 }
 
 }  // namespace
@@ -60,7 +48,10 @@ RuleIdentities InstalledRules::Kept(const std::string& tag, const std::set<RuleK
     for (const auto& [key, rule] : others) {
       if (touched.count(ComparedPart(key.id)) == 0) continue;
       if (other_tag == tag && staying.count(key) == 0) continue;
-      if (absent_.count({other_tag, key}) == 0) kept.merge(IdentitiesOf(*rule, coverage_));
+      if (absent_.count({other_tag, key}) != 0) continue;
+      kept.merge(IdentitiesOf(*rule, coverage_));
+      const auto at_target = at_target_.find({other_tag, key});
+      if (at_target != at_target_.end()) kept.merge(IdentitiesOf(*at_target->second, coverage_));
     }
   }
   return kept;
@@ -114,11 +105,11 @@ void InstalledRules::RemoveOthers(AuditSocket& socket, const std::string& tag, c
   std::erase_if(old_rules, [&](const auto& entry) { return staying.count(entry.first) != 0; });
   Progress progress(clock_, "RuleEngine::AddRules: Removed", old_rules.size());
   for (const auto& [key, rule] : old_rules) {
+    DeleteFromKernel(socket, {tag, key}, kept);
     table_.Remove(tag, key);
     absent_.erase({tag, key});
     paths_.Remove({tag, key}, *rule);
     watched_.erase({tag, key});
-    DeleteRuleFromAudit(socket, *rule, coverage_, kept);
     progress.Step();
   }
 }
@@ -137,114 +128,30 @@ void InstalledRules::Add(AuditSocket& socket, const std::string& tag, const Rule
   table_.Insert(tag, rule);
   paths_.Insert(address, *rule);
   absent_[address] = {Absence::Reason::Refused};
-  if (AddRuleToAudit(socket, *rule, created) == Outcome::InForce) {
+  if (AddRuleToAudit(socket, *rule, created) != Outcome::PathMissing) {
     absent_.erase(address);
-    if (const auto watched = WatchedObject(*rule)) watched_[address] = *watched;
+    if (!RulePaths::Takes(rule->GetType())) return;
+    const Sight sight = LookAt({rule->GetType(), RulePaths::Tidy(rule->GetPath())});
+    if (sight.state == Sight::State::There) watched_[address] = sight.object;
     return;
   }
   absent_[address] = {Absence::Reason::NeverThere};
   ZLOG_WARNING("Rule " << rule->GetId() << " is not in force: there is no " << rule->GetPath());
 }
 
-bool InstalledRules::Lose(const RuleAddress& address, Absence::Reason reason) {
-  const Rule rule = table_.Find(address.tag, address.key);
-  if (!rule || absent_.count(address) != 0) return false;
-  absent_[address] = {reason};
-  ZLOG_WARNING("Rule " << rule->GetId() << " is not in force any more: " << rule->GetPath() << " is gone");
-  return true;
-}
-
-bool InstalledRules::NotePathGone(const std::string& path, bool is_renamed) {
-  bool is_news = false;
-  for (const RuleAddress& address : paths_.AtOrBelow(path)) {
-    is_news = Lose(address, is_renamed ? Absence::Reason::Moved : Absence::Reason::Dropped) || is_news;
-  }
-  if (is_news) TellRulesInForce();
-  return is_news;
-}
-
-bool InstalledRules::NoteRuleGone(const std::string& key, const std::string& path) {
-  bool is_news = false;
-  for (const auto& [tag, ids] : table_.FindByAuditKey(key)) {
-    for (const RuleAddress& address : paths_.AtOrBelow(path)) {
-      const bool is_meant = address.tag == tag && std::find(ids.begin(), ids.end(), address.key.id) != ids.end();
-      const Rule rule = is_meant ? table_.Find(tag, address.key) : nullptr;
-      if (!rule || RulePaths::Tidy(rule->GetPath()) != RulePaths::Tidy(path)) continue;
-      is_news = Lose(address, Absence::Reason::Dropped) || is_news;
-      // Its folder was made anew, and may be the same to the eye.
-      absent_[address] = {Absence::Reason::Dropped};
-    }
-  }
-  if (is_news) TellRulesInForce();
-  return is_news;
-}
-
-bool InstalledRules::IsLookedFor(const Absence& absence) const {
-  switch (absence.reason) {
-    case Absence::Reason::Refused:
-      return false;
-    case Absence::Reason::NeverThere:
-      return coverage_.extended;
-    default:
-      return true;
-  }
-}
-
-bool InstalledRules::IsMissingAtOrBelow(const std::string& path) const {
-  if (absent_.empty()) return false;
-  const std::vector<RuleAddress> addresses = paths_.AtOrBelow(path);
-  return std::any_of(addresses.begin(), addresses.end(), [this](const RuleAddress& address) {
-    const auto absent = absent_.find(address);
-    return absent != absent_.end() && IsLookedFor(absent->second);
-  });
-}
-
-bool InstalledRules::IsLookingForPaths() const {
-  return std::any_of(absent_.begin(), absent_.end(), [this](const auto& entry) { return IsLookedFor(entry.second); });
-}
-
-bool InstalledRules::HasReturned() const {
-  return std::any_of(absent_.begin(), absent_.end(), [this](const auto& entry) {
-    const Rule rule = table_.Find(entry.first.tag, entry.first.key);
-    return rule && IsLookedFor(entry.second) && WatchedObject(*rule).has_value();
-  });
-}
-
-std::vector<InstalledRules::Renewed> InstalledRules::Renew(AuditSocket& socket) {
-  std::vector<Renewed> renewed;
-  const std::map<RuleAddress, Absence> absent = absent_;
-  for (const auto& [address, absence] : absent) {
-    const Rule rule = table_.Find(address.tag, address.key);
-    const auto found = rule && IsLookedFor(absence) ? WatchedObject(*rule) : std::nullopt;
-    if (!found) continue;
-    const auto before = watched_.find(address);
-    const bool came_back =
-        absence.reason == Absence::Reason::Moved && before != watched_.end() && before->second == *found;
-    const auto priority = absence.is_refusal_told ? Poco::Message::PRIO_DEBUG : Poco::Message::PRIO_ERROR;
-    // The rule that went along with a renamed folder is the same to the kernel.
-    DeleteRuleFromAudit(socket, *rule, coverage_);
-    try {
-      std::vector<AuditRule> created = CreateRules(*rule, coverage_);
-      if (AddRuleToAudit(socket, *rule, created, priority) != Outcome::InForce) continue;
-    } catch (const std::runtime_error& error) {
-      ZLOG_AT(priority, "Failed to renew rule " << rule->GetId() << ": " << error.what());
-      absent_[address].is_refusal_told = true;
-      continue;
-    }
-    absent_.erase(address);
-    watched_[address] = *found;
-    ZLOG_INFO("Rule " << rule->GetId() << " is in force: " << rule->GetPath() << " is there now");
-    renewed.push_back({rule, !came_back});
-  }
-  if (!renewed.empty()) TellRulesInForce();
-  return renewed;
+void InstalledRules::DeleteFromKernel(AuditSocket& socket, const RuleAddress& address, const RuleIdentities& kept) {
+  if (const Rule rule = table_.Find(address.tag, address.key)) DeleteRuleFromAudit(socket, *rule, coverage_, kept);
+  const auto at_target = at_target_.find(address);
+  if (at_target == at_target_.end()) return;
+  DeleteRuleFromAudit(socket, *at_target->second, coverage_, kept);
+  at_target_.erase(at_target);
 }
 
 void InstalledRules::DeleteFromAudit(AuditSocket& socket) {
   Progress progress(clock_, "RuleEngine: Removed", table_.GetSize());
   for (const auto& [tag, rules] : table_.GetRules()) {
     for (const auto& [key, rule] : rules) {
-      DeleteRuleFromAudit(socket, *rule, coverage_);
+      DeleteFromKernel(socket, {tag, key});
       progress.Step();
     }
   }
@@ -255,6 +162,7 @@ void InstalledRules::Clear() {
   paths_.Clear();
   absent_.clear();
   watched_.clear();
+  at_target_.clear();
 }
 
 void InstalledRules::TellRulesInForce() const {

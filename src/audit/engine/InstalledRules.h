@@ -8,9 +8,10 @@
 #include <vector>
 
 #include "common/src/util/Clock.h"
+#include "src/audit/channels/AuditNetlink.h"
 #include "src/audit/engine/RulePaths.h"
 #include "src/audit/engine/RuleTable.h"
-#include "src/audit/events/FileIdentity.h"
+#include "src/audit/engine/WatchedPlace.h"
 #include "src/audit/rules/AuditSocket.h"
 #include "src/audit/rules/Coverage.h"
 #include "src/audit/rules/KernelRules.h"
@@ -18,7 +19,8 @@
 
 namespace zagent::audit::internal {
 
-// The rules of all tags and what the kernel has of them. The caller serialises.
+// The rules of all tags and what the kernel has of them. The caller serialises. InstalledRules.cpp has how rules come
+// and go, InstalledRulesPaths.cpp how what they watch does.
 class InstalledRules {
  public:
   explicit InstalledRules(common::util::Clock& clock) : clock_(clock) {}
@@ -35,26 +37,42 @@ class InstalledRules {
 
   [[nodiscard]] const RuleTable& Table() const { return table_; }
 
-  // What lay at this path and below it is not there any more: it was removed, or renamed and may come back as it was.
+  // What lay at this path and below it is not there any more: it was removed or renamed, and may come back as it was.
   // True when a rule is not in force any more for that, which is told.
-  bool NotePathGone(const std::string& path, bool is_renamed);
-  // The kernel has dropped the rules with this key (as the records tell it) on this path. True when this is news.
-  bool NoteRuleGone(const std::string& key, const std::string& path);
+  bool NotePathGone(const std::string& path);
+  // The kernel says that it has dropped the rules with this key (as the records tell it) on this path. True when this
+  // is news: its word may come late, when the rule was added anew already. So the kernel is asked, on a socket of its
+  // own; who cannot ask believes.
+  bool NoteRuleGone(AuditNetlink& netlink, const std::string& key, const std::string& path);
 
-  // Whether Renew may find something to do at this path or below it.
-  [[nodiscard]] bool IsMissingAtOrBelow(const std::string& path) const;
-  // Whether a path is looked for: one that was there once, or was not when its rule came and coverage is extended.
-  [[nodiscard]] bool IsLookingForPaths() const;
+  // Whether there are rules of files or folders.
+  [[nodiscard]] bool HasPaths() const { return paths_.GetSize() != 0; }
+
+  // Places to look at (LookAt), without the caller's lock; what was seen goes to Judge, and then to Renew. A place that
+  // is awaited is one of rules that are not in force: what they watch was there once, or was not when they came and
+  // coverage is extended.
+  [[nodiscard]] std::vector<WatchedPlace> AwaitedPlaces(const std::string& at_or_below = "/") const;
+  // A sixtieth of all places, and each time the next ones.
+  [[nodiscard]] std::vector<WatchedPlace> NextPlaces();
+  // Rules whose place is empty, or taken by another object than when they came into force, are not in force any more.
+  // True when Renew has something to do.
+  bool Judge(const std::vector<Sight>& sights);
   // A rule whose path has come into being.
   struct Renewed {
     RuleTable::Rule rule;
-    bool is_new;  // what is at the path now was not there when the rule was last in force
+    bool is_new;  // what is at the path now was not there when the rule was last in force, or was unheard for a while
   };
-  // Whether something has come to a path that is looked for. Asks the disk.
-  [[nodiscard]] bool HasReturned() const;
-  // Puts those rules into force. A rule that the kernel refuses, or that cannot be made now, is tried again by the next
-  // call; of refusals in a row only the first is told above Debug.
-  std::vector<Renewed> Renew(AuditSocket& socket);
+  // Puts awaited rules into force where something was seen. The kernel takes all its rules of one path for one, as long
+  // as it has any: where they hold on to another object than the one that is there now, they all go before the first
+  // one is added, and what is made in between is found by whoever looks for what is new. Where they still hold on to
+  // the right one nothing is taken away.
+  //
+  // Where a link stands in the place of a folder, the rule is in force for the link and for the folder that it leads
+  // to, unless another rule of the tag stands there.
+  //
+  // A rule that the kernel refuses, or that cannot be made now, is tried again by the next call; of refusals in a row
+  // only the first is told above Debug.
+  std::vector<Renewed> Renew(AuditSocket& socket, const std::vector<Sight>& sights);
 
  private:
   using Rule = RuleTable::Rule;
@@ -63,15 +81,19 @@ class InstalledRules {
     enum class Reason {
       Refused,     // by the kernel when it was added, which whoever added it has been told
       NeverThere,  // there was nothing to watch
-      Dropped,     // by the kernel, together with what it watched
-      Moved,       // what it watches is elsewhere, or nowhere; the kernel's rule may have gone along
+      Gone,        // what it watched went, was dropped or is elsewhere; the kernel's rule may have gone along
     };
     Reason reason;
     bool is_refusal_told = false;
   };
 
-  [[nodiscard]] bool IsLookedFor(const Absence& absence) const;
-  bool Lose(const RuleAddress& address, Absence::Reason reason);
+  [[nodiscard]] bool IsLookedFor(const RuleAddress& address) const;
+  bool Lose(const RuleAddress& address);
+  [[nodiscard]] bool IsElsewhere(const RuleAddress& address, const Sight& sight) const;
+  [[nodiscard]] bool HasAnotherAt(const std::optional<std::string>& target, const RuleAddress& address) const;
+  std::optional<Outcome> PutIntoForce(AuditSocket& socket, const RuleAddress& address, const Sight& sight);
+  void AddAtTarget(AuditSocket& socket, const RuleAddress& address, const Rule& rule, const WatchedObject& object);
+  void DeleteFromKernel(AuditSocket& socket, const RuleAddress& address, const RuleIdentities& kept = {});
   [[nodiscard]] bool Stays(const std::string& tag, const edr::EventRule& rule, const RuleIdentities& listed) const;
   [[nodiscard]] RuleIdentities Kept(const std::string& tag, const std::set<RuleKey>& staying,
                                     const edr::EventRuleEngine::Rules& rules) const;
@@ -84,9 +106,11 @@ class InstalledRules {
   common::util::Clock& clock_;
   Coverage coverage_;
   RuleTable table_;
-  RulePaths paths_;                              // those of the table
-  std::map<RuleAddress, Absence> absent_;        // those of the table that are not in force
-  std::map<RuleAddress, FileIdentity> watched_;  // what was at the path when the rule came into force
+  RulePaths paths_;                               // those of the table
+  std::map<RuleAddress, Absence> absent_;         // those of the table that are not in force
+  std::map<RuleAddress, WatchedObject> watched_;  // what was at the path when the rule came into force
+  std::map<RuleAddress, Rule> at_target_;         // rules of which the kernel has a second set, for where a link leads
+  std::string looked_at_;                         // the path that NextPlaces came to
 };
 
 }  // namespace zagent::audit::internal

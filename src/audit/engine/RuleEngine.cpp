@@ -23,10 +23,6 @@ namespace {
 // Between two looks whether the excluded processes are still there.
 constexpr std::chrono::seconds kLookInterval{60};
 
-bool IsOfFiles(const edr::Event& event) {
-  return event.GetObjectType() == edr::ObjectType::File || event.GetObjectType() == edr::ObjectType::Directory;
-}
-
 }  // namespace
 
 RuleEngine::RuleEngine(AuditNetlink& netlink, Settings settings, IntakeCounters& counters, common::util::Clock& clock)
@@ -35,7 +31,8 @@ RuleEngine::RuleEngine(AuditNetlink& netlink, Settings settings, IntakeCounters&
       exclusions_(getpid(), settings.agent_pid, settings.agent_path, settings.proc_root),
       rules_(clock),
       file_context_(std::move(settings.file_context)),
-      look_for_paths_(std::move(settings.look_for_paths)),
+      look_at_paths_(std::move(settings.look_at_paths)),
+      look_at_(std::move(settings.look_at)),
       true_paths_(file_context_ ? file_context_->folders : nullptr, file_context_ ? file_context_->mounts : nullptr),
       processes_(
           clock, counters, [this](const edr::Event& event) { return IsContainerProcess(event); }, settings.proc_root),
@@ -47,14 +44,16 @@ RuleEngine::RuleEngine(AuditNetlink& netlink, Settings settings, IntakeCounters&
       next_look_(clock.SteadyNow() + kLookInterval),
       router_(clock, settings.max_resting_events, counters, processes_,
               {.has_process_rules = [this] { return HasProcessRules(); },
-               .should_process = [this](const edr::Event& event) { return ShouldProcessEvent(event); },
-               .deliver = [this](const edr::Event& event) { CallHandlers(event); }}) {
+               .should_process = [this](const edr::Event& event,
+                                        internal::EventSource source) { return ShouldProcessEvent(event, source); },
+               .find_twin = [this](const edr::Event& event) { return FindTwin(event); },
+               .deliver = [this](const edr::Event& event, const edr::Event* twin) { CallHandlers(event, twin); }}) {
   {
     // A late answer to the question for the limit must not be taken for the answer to a rule.
-    AuditSocket status(netlink_, "RuleEngine");
+    AuditSocket status(netlink_, "RuleEngine: Failed to open audit socket");
     internal::RaiseAuditBacklogLimit(status, settings.audit_backlog_limit);
   }
-  AuditSocket socket(netlink_, "RuleEngine");
+  AuditSocket socket(netlink_, "RuleEngine: Failed to open audit socket");
   internal::Exclusions::DeleteAll(socket);
   rules_.SetCoverage(internal::FindCoverage(socket, settings.extended_coverage));
   exclusions_.AddAll(socket);
@@ -64,7 +63,7 @@ RuleEngine::~RuleEngine() {
   ZLOG_DEBUG("Destroying RuleEngine");
   try {
     const std::lock_guard lock(mutex_);
-    AuditSocket socket(netlink_, "RuleEngine::~RuleEngine");
+    AuditSocket socket(netlink_, "RuleEngine::~RuleEngine: Failed to open audit socket");
     DeleteEverythingFromAudit(socket);
   } catch (const edr::RuleEngineException&) {  // NOLINT(bugprone-empty-catch)
     // Without a socket, which is logged, the rules stay; the next start removes them.
@@ -80,10 +79,10 @@ void RuleEngine::AddRules(const std::string& tag, Rules rules) {
   }
   ZLOG_INFO("RuleEngine::AddRules: Adding " << rules.size() << " rules");
   const std::lock_guard lock(mutex_);
-  AuditSocket socket(netlink_, "RuleEngine::AddRules");
+  AuditSocket socket(netlink_, "RuleEngine::AddRules: Failed to open audit socket");
   const std::optional<std::string> failure = rules_.Replace(socket, tag, std::move(rules));
   TellWatchedFolders();
-  TellWhetherPathsAreMissing();
+  TellWhetherThereArePaths();
   if (failure) throw edr::RuleEngineException(*failure);
 }
 
@@ -97,17 +96,16 @@ void RuleEngine::TellWatchedFolders() const {
   if (watch_folders_) watch_folders_(rules_.Table().WatchedFolders());
 }
 
-void RuleEngine::TellWhetherPathsAreMissing() {
-  const bool is_looking = rules_.IsLookingForPaths();
-  if (is_looking && !is_looking_for_paths_ && look_for_paths_) look_for_paths_();
-  is_looking_for_paths_ = is_looking;
+void RuleEngine::TellWhetherThereArePaths() {
+  const bool had_paths = has_paths_.exchange(rules_.HasPaths());
+  if (has_paths_ && !had_paths && look_at_paths_) look_at_paths_();
 }
 
 void RuleEngine::Invalidate() {
   ZLOG_DEBUG("RuleEngine::Invalidate: Cleaning up all rules");
   {
     const std::lock_guard lock(mutex_);
-    AuditSocket socket(netlink_, "RuleEngine::Invalidate");
+    AuditSocket socket(netlink_, "RuleEngine::Invalidate: Failed to open audit socket");
     DeleteEverythingFromAudit(socket);
     rules_.Clear();
     exclusions_.AddAll(socket);
@@ -121,7 +119,7 @@ void RuleEngine::UpdateExclusions(std::int32_t agent_pid, const std::string& age
   const std::lock_guard lock(mutex_);
   if (!exclusions_.NeedsUpdate(agent_pid, agent_path)) return;
   try {
-    AuditSocket socket(netlink_, "RuleEngine");
+    AuditSocket socket(netlink_, "RuleEngine: Failed to open audit socket");
     exclusions_.Update(socket, agent_pid, agent_path);
   } catch (const edr::RuleEngineException& error) {
     ZLOG_ERROR("RuleEngine: Failed to refresh exclusion rules in audit with new host warden pid"
@@ -155,7 +153,7 @@ void RuleEngine::LookAtExclusions() {
   const std::lock_guard lock(mutex_);
   if (!exclusions_.EndMissing()) return;
   try {
-    AuditSocket socket(netlink_, "RuleEngine");
+    AuditSocket socket(netlink_, "RuleEngine: Failed to open audit socket");
     exclusions_.RemoveEnded(socket);
   } catch (const edr::RuleEngineException& error) {
     ZLOG_ERROR("RuleEngine: Failed to remove the exclusions of processes that have ended: " << error.what());
@@ -171,50 +169,61 @@ bool RuleEngine::HasProcessRules() {
   return rules_.Table().HasProcessRules();
 }
 
-bool RuleEngine::ShouldProcessEvent(const edr::Event& event) {
+bool RuleEngine::ShouldProcessEvent(const edr::Event& event, internal::EventSource source) {
   const std::lock_guard lock(mutex_);
+  if (source == internal::EventSource::FileCache) {
+    // What the process was was judged when the event came in: it may have become one of the family since.
+    return !IsDropped(event, own_activity_.IsDoneBelow(event, exclusions_.GetAgentPids()));
+  }
   // Before the end of an excluded process ends its exclusion.
   const bool is_own =
       event.GetType() != EventType::AbnormalEnd && own_activity_.IsSourceOf(event, exclusions_.GetExcludedPids());
   if (event.GetObjectType() == edr::ObjectType::Process) FollowFamily(event);
+  return !IsDropped(event, is_own);
+}
+
+bool RuleEngine::IsDropped(const edr::Event& event, bool is_own) {
   if (is_own) {
     ZLOG_DEBUG("AuditRuleEngine::ShouldProcessEvent: Dropping Ostrel generated event with ID: " << event.GetId());
   }
-  return !is_own;
+  return is_own;
 }
 
 void RuleEngine::FollowFamily(const edr::Event& event) {
   const bool is_end = event.GetType() == EventType::ProcessExit || event.GetType() == EventType::AbnormalEnd;
   const std::optional<internal::ProcessClaim> sibling = own_activity_.FindSibling(event);
-  bool is_start = false;
+  std::optional<std::int64_t> start;
   std::string name;
   if (sibling && event.GetType() == EventType::ProcessStart) {
     name = sibling->image.substr(sibling->image.rfind('/') + 1);
-    is_start = !exclusions_.Contains(name) && own_activity_.IsProven(*sibling);
+    if (!exclusions_.Contains(name)) start = own_activity_.Prove(*sibling);
   }
   const bool has_ended = is_end && exclusions_.End(event.GetActorProcessId());
-  if (!is_start && !has_ended) return;
+  if (!start && !has_ended) return;
   try {
-    AuditSocket socket(netlink_, "RuleEngine");
+    AuditSocket socket(netlink_, "RuleEngine: Failed to open audit socket");
     if (has_ended) exclusions_.RemoveEnded(socket);
-    if (is_start) exclusions_.Add(socket, name, sibling->pid);
+    if (start) exclusions_.Add(socket, name, sibling->pid, *start);
+    // While the kernel was asked the process may have ended, or started another program, unheard from then on.
+    if (start && own_activity_.Prove(*sibling) != start && exclusions_.End(sibling->pid)) {
+      exclusions_.RemoveEnded(socket);
+    }
   } catch (const edr::RuleEngineException&) {
     ZLOG_ERROR("Failed to open audit socket for handling ostrel process event");
   }
 }
 
-void RuleEngine::CallHandlers(const edr::Event& event) {
-  internal::RuleTable::IdsByTag ids_by_tag;
-  {
-    const std::lock_guard lock(mutex_);
-    ids_by_tag = rules_.Table().FindFor(event);
-    // The kernel watches objects: one that no path of a rule leads to has another name, or was moved.
-    if (IsOfFiles(event)) ids_by_tag.merge(rules_.Table().FindByAuditKey(event.GetAuditKey()));
-  }
-  // In the order of their names FIM comes before IOC, which is meant: the digests that FIM asks for stay with the
-  // event, and travel in the copy that IOC takes of it. A component that fails must not take the event away from the
-  // next one.
+void RuleEngine::CallHandlers(const edr::Event& event, const edr::Event* twin) {
   std::exception_ptr first_failure;
+  CallHandlersOf(FindRules(event, twin != nullptr), event, first_failure);
+  if (twin != nullptr) CallHandlersOf(FindOtherRules(*twin, event), *twin, first_failure);
+  if (first_failure) std::rethrow_exception(first_failure);
+}
+
+// In the order of their names FIM comes before IOC, which is meant: the digests that FIM asks for stay with the event,
+// and travel in the copy that IOC takes of it. A component that fails must not take the event away from the next one.
+void RuleEngine::CallHandlersOf(const internal::RuleTable::IdsByTag& ids_by_tag, const edr::Event& event,
+                                std::exception_ptr& first_failure) {
   for (const auto& [tag, ids] : ids_by_tag) {
     try {
       CallRuleMatched(tag, ids, event);
@@ -222,7 +231,6 @@ void RuleEngine::CallHandlers(const edr::Event& event) {
       if (!first_failure) first_failure = std::current_exception();
     }
   }
-  if (first_failure) std::rethrow_exception(first_failure);
 }
 
 }  // namespace zagent::audit

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -15,6 +16,7 @@
 #include "src/audit/channels/AuditNetlink.h"
 #include "src/audit/engine/InstalledRules.h"
 #include "src/audit/engine/TruePaths.h"
+#include "src/audit/engine/WatchedPlace.h"
 #include "src/audit/events/FileEvent.h"
 #include "src/audit/events/IntakeCounters.h"
 #include "src/audit/events/WatchedFolder.h"
@@ -50,9 +52,11 @@ class RuleEngine final : public edr::EventRuleEngine {
     std::string proc_root = "/proc";
     // What file events are built with: for paths, and for what is found on the disk. Null: as an empty one.
     internal::FileEvent::Context file_context = nullptr;
-    // Told when there are paths of rules to look for, where there were none before: LookForMissingPaths is to be called
-    // once a second then. Must not call back.
-    std::function<void()> look_for_paths = {};
+    // Told when there are paths of rules, where there were none before: LookAtPaths is to be called once a second from
+    // then on. Must not call back.
+    std::function<void()> look_at_paths = {};
+    // Asks the disk what stands at a path. Called without a lock.
+    std::function<internal::Sight(const internal::WatchedPlace&)> look_at = internal::LookAt;
   };
 
   // Raises the backlog limit, removes what an earlier run left in the kernel, installs the exclusions. Throws
@@ -79,11 +83,18 @@ class RuleEngine final : public edr::EventRuleEngine {
   // logged, and the next look tries again.
   void LookAtExclusions();
 
-  // Looks whether something is at the paths of rules again that had to be given up, and puts these rules into force.
-  // What is there already is reported as made by nobody known.
-  void LookForMissingPaths();
-  // Whether there are such paths. Takes no lock.
-  [[nodiscard]] bool IsLookingForPaths() const { return is_looking_for_paths_; }
+  // Looks whether something is at the paths of rules again that had to be given up, and puts these rules into force;
+  // and whether the others still watch what is at their paths: a parent folder that is renamed or mounted over where
+  // nobody watches takes the kernel's rules along without a word. A sixtieth of all paths is looked at by each call, so
+  // that with one call a second an object that was swapped is noticed within a minute. A rule on it is taken out of the
+  // kernel and put in anew, and what is there is reported as made by nobody known, as for a path that had to be given
+  // up. The disk is asked without the mutex: a file system that does not answer stops nobody else.
+  void LookAtPaths();
+  // Whether there are paths to look at. Takes no lock.
+  [[nodiscard]] bool HasPaths() const { return has_paths_; }
+
+  // File events that rest until their file has settled. Takes no lock.
+  [[nodiscard]] std::size_t GetRestingEvents() const { return router_.GetRestingEvents(); }
 
   // Whether a container runtime has started the event's process. Event thread.
   [[nodiscard]] bool IsContainerProcess(const edr::Event& event);
@@ -91,24 +102,38 @@ class RuleEngine final : public edr::EventRuleEngine {
  private:
   // Event thread. All take the mutex, none holds it while handlers run.
   [[nodiscard]] bool HasProcessRules();
-  [[nodiscard]] bool ShouldProcessEvent(const edr::Event& event);
-  void CallHandlers(const edr::Event& event);
+  [[nodiscard]] bool ShouldProcessEvent(const edr::Event& event, internal::EventSource source);
+  [[nodiscard]] static bool IsDropped(const edr::Event& event, bool is_own);
+  void CallHandlers(const edr::Event& event, const edr::Event* twin);
+  void CallHandlersOf(const internal::RuleTable::IdsByTag& ids_by_tag, const edr::Event& event,
+                      std::exception_ptr& first_failure);
+  // The rules that the path of the event leads to and, unless it has a twin that tells them, those that the kernel's
+  // key names.
+  [[nodiscard]] internal::RuleTable::IdsByTag FindRules(const edr::Event& event, bool has_twin);
+  // The rules that the twin concerns, without those that hear of the event itself.
+  [[nodiscard]] internal::RuleTable::IdsByTag FindOtherRules(const edr::Event& twin, const edr::Event& event);
   // Event thread. Gives an event of a file the path under which rules know it, when the one that it was called by is
   // known to none. What no path leads to is left to the audit key.
   void CorrectPaths(edr::Event& event);
   [[nodiscard]] bool HasRuleAt(const std::string& path);
+  // Event thread. Where the path of an event leads to rules of other folders than the one that the kernel has told of
+  // with its key, by a link in one of them: the event under its path in the kernel's folder, for that one's rules. Null
+  // when the path leads to the rule that the key names, or no path is known that does.
+  [[nodiscard]] std::unique_ptr<edr::Event> FindTwin(const edr::Event& event);
   // Event thread. Rules whose folder has gone or come are looked after. False for an event that says nothing else.
   bool FollowKernelsRules(const edr::Event& event);
   void FollowFolders(const edr::Event& event);
   void RouteFoundObjects();
+  // Any thread, without the mutex.
+  void LookAtPlaces(const std::vector<internal::WatchedPlace>& places);
+  void KeepFoundObjects(const edr::EventRule& rule);
   // Event thread, with the mutex. The kernel's exclusions follow the family's processes.
   void FollowFamily(const edr::Event& event);
 
   // The caller holds the mutex.
   void DeleteEverythingFromAudit(internal::AuditSocket& socket);
   void TellWatchedFolders() const;
-  void TellWhetherPathsAreMissing();
-  void KeepFoundObjects(const edr::EventRule& rule);
+  void TellWhetherThereArePaths();
 
   AuditNetlink& netlink_;
   const std::function<void(std::vector<internal::WatchedFolder>)> watch_folders_;
@@ -116,8 +141,9 @@ class RuleEngine final : public edr::EventRuleEngine {
   internal::Exclusions exclusions_;
   internal::InstalledRules rules_;
   const internal::FileEvent::Context file_context_;
-  const std::function<void()> look_for_paths_;
-  std::atomic<bool> is_looking_for_paths_{false};
+  const std::function<void()> look_at_paths_;
+  const std::function<internal::Sight(const internal::WatchedPlace&)> look_at_;
+  std::atomic<bool> has_paths_{false};
   std::vector<std::unique_ptr<edr::Event>> found_objects_;  // with the mutex; for the event thread
   internal::TruePaths true_paths_;
   internal::ProcessModel processes_;  // event thread

@@ -6,6 +6,7 @@
 #include "common/src/util/Log.h"
 #include "src/audit/engine/RuleEngine.h"
 #include "src/audit/events/FoundObject.h"
+#include "src/audit/events/PathResolution.h"
 #include "src/audit/events/RuleRemovedEvent.h"
 #include "src/audit/rules/AuditSocket.h"
 
@@ -14,11 +15,53 @@ namespace {
 
 using edr::EventType;
 using edr::ObjectType;
+using internal::AuditSocket;
 
 // Of a folder that a rule is put into force for.
 constexpr std::size_t kMostEntries = 1'000;
 // Of all such folders, until the event thread has taken them; what is beyond that is dropped.
 constexpr std::size_t kMostFoundObjects = 10'000;
+
+using IdsByTag = internal::RuleTable::IdsByTag;
+
+bool IsOfFiles(const edr::Event& event) {
+  return event.GetObjectType() == ObjectType::File || event.GetObjectType() == ObjectType::Directory;
+}
+
+bool Has(const std::vector<std::string>& ids, const std::string& id) {
+  return std::find(ids.begin(), ids.end(), id) != ids.end();
+}
+
+void AddMissing(const std::vector<std::string>& ids, std::vector<std::string>& to) {
+  for (const std::string& id : ids) {
+    if (!Has(to, id)) to.push_back(id);
+  }
+  std::sort(to.begin(), to.end());
+}
+
+bool HaveCommon(const IdsByTag& left, const IdsByTag& right) {
+  return std::any_of(left.begin(), left.end(), [&](const auto& of_tag) {
+    const auto others = right.find(of_tag.first);
+    return others != right.end() && std::any_of(of_tag.second.begin(), of_tag.second.end(),
+                                                [&](const std::string& id) { return Has(others->second, id); });
+  });
+}
+
+// Whether an event whose path leads to other rules may concern those that the kernel's key names. What is removed may
+// be the other side of a rename, which the key was for: there the object has to be a rule's.
+bool IsToldOf(const std::vector<internal::RuleTable::Rule>& named, const edr::Event& event) {
+  if (named.empty()) return false;
+  if (event.GetType() != EventType::Delete) return true;
+  return std::any_of(named.begin(), named.end(),
+                     [&](const auto& rule) { return internal::TruePaths::IsFileOf(*rule, event); });
+}
+
+// Whether one of the rules stands where `rule` does, by whatever way: the object that it is hidden from is its own.
+bool StandsWithOneOf(const std::vector<internal::RuleTable::Rule>& rules, const edr::EventRule& rule) {
+  const std::optional<std::string> place = internal::CanonicalPath(rule.GetPath());
+  return place && std::any_of(rules.begin(), rules.end(),
+                              [&](const auto& other) { return internal::CanonicalPath(other->GetPath()) == place; });
+}
 
 const std::string& PathOf(const common::ImageInfo* file) {
   static const std::string kNone;
@@ -33,7 +76,7 @@ bool RuleEngine::HasRuleAt(const std::string& path) {
 }
 
 void RuleEngine::CorrectPaths(edr::Event& event) {
-  if (event.GetObjectType() != ObjectType::File && event.GetObjectType() != ObjectType::Directory) return;
+  if (!IsOfFiles(event)) return;
   std::vector<internal::RuleTable::Rule> named;
   {
     const std::lock_guard lock(mutex_);
@@ -52,14 +95,72 @@ void RuleEngine::CorrectPaths(edr::Event& event) {
   }
 }
 
+std::unique_ptr<edr::Event> RuleEngine::FindTwin(const edr::Event& event) {
+  std::vector<internal::RuleTable::Rule> found;
+  std::vector<internal::RuleTable::Rule> named;
+  {
+    const std::lock_guard lock(mutex_);
+    const IdsByTag by_path = rules_.Table().FindFor(event);
+    if (by_path.empty() || HaveCommon(by_path, rules_.Table().FindByAuditKey(event.GetAuditKey()))) return nullptr;
+    found = rules_.Table().RulesOf(by_path);
+    named = rules_.Table().RulesOfAuditKey(event.GetAuditKey());
+  }
+  for (const auto& rule : named) {
+    // It hears of the event under the path that the other has.
+    if (StandsWithOneOf(found, *rule)) return nullptr;
+    const internal::TruePaths::Names names = true_paths_.Within(*rule, event);
+    if (!names.file && !names.new_file) continue;
+    std::unique_ptr<edr::Event> twin = event.Clone();
+    if (names.file) twin->UpdateFilePath(*names.file);
+    if (names.new_file) twin->UpdateNewFilePath(*names.new_file);
+    return twin;
+  }
+  return nullptr;
+}
+
+IdsByTag RuleEngine::FindRules(const edr::Event& event, bool has_twin) {
+  IdsByTag found;
+  IdsByTag named;
+  std::vector<internal::RuleTable::Rule> hidden;  // that the key names, where the path leads to others only
+  {
+    const std::lock_guard lock(mutex_);
+    found = rules_.Table().FindFor(event);
+    if (!IsOfFiles(event) || has_twin) return found;
+    named = rules_.Table().FindByAuditKey(event.GetAuditKey());
+    if (!HaveCommon(found, named)) hidden = rules_.Table().RulesOfAuditKey(event.GetAuditKey());
+  }
+  const bool is_told = IsToldOf(hidden, event);
+  for (const auto& [tag, ids] : named) {
+    // The kernel watches objects: one that no path of a rule leads to has another name, or was moved.
+    if (found.count(tag) == 0) {
+      found[tag] = ids;
+    } else if (is_told) {
+      AddMissing(ids, found[tag]);
+    }
+  }
+  return found;
+}
+
+IdsByTag RuleEngine::FindOtherRules(const edr::Event& twin, const edr::Event& event) {
+  const std::lock_guard lock(mutex_);
+  IdsByTag found = rules_.Table().FindFor(twin);
+  for (const auto& [tag, ids] : rules_.Table().FindByAuditKey(twin.GetAuditKey())) AddMissing(ids, found[tag]);
+  for (const auto& [tag, told] : rules_.Table().FindFor(event)) {
+    const auto others = found.find(tag);
+    if (others == found.end()) continue;
+    std::erase_if(others->second, [&ids = told](const std::string& id) { return Has(ids, id); });
+    if (others->second.empty()) found.erase(others);
+  }
+  return found;
+}
+
 bool RuleEngine::FollowKernelsRules(const edr::Event& event) {
   if (event.GetType() != EventType::Delete) return true;
   const auto* told = dynamic_cast<const internal::RuleRemovedEvent*>(&event);
   if (told == nullptr) return true;
   const std::lock_guard lock(mutex_);
   bool is_news = false;
-  for (const auto& [key, path] : told->RemovedRules()) is_news = rules_.NoteRuleGone(key, path) || is_news;
-  TellWhetherPathsAreMissing();
+  for (const auto& [key, path] : told->RemovedRules()) is_news = rules_.NoteRuleGone(netlink_, key, path) || is_news;
   return is_news && !told->IsToldByCall() && event.GetObjectType() == ObjectType::Directory;
 }
 
@@ -67,32 +168,47 @@ void RuleEngine::FollowFolders(const edr::Event& event) {
   if (event.GetObjectType() != ObjectType::Directory || !event.IsSuccessful()) return;
   const EventType type = event.GetType();
   const bool is_rename = type == EventType::Rename;
-  bool may_be_back = false;
+  std::vector<internal::WatchedPlace> awaited;
   {
     const std::lock_guard lock(mutex_);
-    const bool is_gone = type == EventType::Delete || is_rename;
-    if (is_gone && rules_.NotePathGone(PathOf(event.GetFile()), is_rename)) TellWhetherPathsAreMissing();
-    if (type == EventType::Create) may_be_back = rules_.IsMissingAtOrBelow(PathOf(event.GetFile()));
-    if (is_rename) may_be_back = rules_.IsMissingAtOrBelow(PathOf(event.GetNewFile()));
+    if (type == EventType::Delete || is_rename) rules_.NotePathGone(PathOf(event.GetFile()));
+    if (type == EventType::Create) awaited = rules_.AwaitedPlaces(PathOf(event.GetFile()));
+    if (is_rename) awaited = rules_.AwaitedPlaces(PathOf(event.GetNewFile()));
   }
-  if (may_be_back) LookForMissingPaths();
+  LookAtPlaces(awaited);
 }
 
-void RuleEngine::LookForMissingPaths() {
-  const std::lock_guard lock(mutex_);
-  if (!rules_.HasReturned()) return;
-  try {
-    internal::AuditSocket socket(netlink_, "RuleEngine");
-    const auto renewed = rules_.Renew(socket);
-    for (const auto& [rule, is_new] : renewed) {
-      if (is_new) KeepFoundObjects(*rule);
+void RuleEngine::LookAtPaths() {
+  std::vector<internal::WatchedPlace> places;
+  {
+    const std::lock_guard lock(mutex_);
+    places = rules_.AwaitedPlaces();
+    for (auto& place : rules_.NextPlaces()) places.push_back(std::move(place));
+  }
+  LookAtPlaces(places);
+}
+
+void RuleEngine::LookAtPlaces(const std::vector<internal::WatchedPlace>& places) {
+  if (places.empty()) return;
+  std::vector<internal::Sight> sights;
+  for (const internal::WatchedPlace& place : places) sights.push_back(look_at_(place));
+  std::vector<internal::InstalledRules::Renewed> renewed;
+  {
+    const std::lock_guard lock(mutex_);
+    // The rules may be others by now: only what they are counts from here on.
+    if (!rules_.Judge(sights)) return;
+    try {
+      AuditSocket socket(netlink_, "RuleEngine: Failed to open audit socket");
+      renewed = rules_.Renew(socket, sights);
+    } catch (const edr::RuleEngineException& error) {
+      ZLOG_ERROR("RuleEngine: Failed to put rules into force again: " << error.what());
     }
     // Whoever is told looks through all folders: not for a rule that is refused once a second.
     if (!renewed.empty()) TellWatchedFolders();
-  } catch (const edr::RuleEngineException& error) {
-    ZLOG_ERROR("RuleEngine: Failed to put rules into force again: " << error.what());
   }
-  TellWhetherPathsAreMissing();
+  for (const auto& [rule, is_new] : renewed) {
+    if (is_new) KeepFoundObjects(*rule);
+  }
 }
 
 // What was made before the kernel had the rule, nobody has told of.
@@ -104,6 +220,7 @@ void RuleEngine::KeepFoundObjects(const edr::EventRule& rule) {
   } else if (auto file = internal::MakeFoundObject(rule.GetPath(), rule.GetId(), now, file_context_)) {
     found.push_back(std::move(file));
   }
+  const std::lock_guard lock(mutex_);
   for (auto& event : found) {
     if (found_objects_.size() >= kMostFoundObjects) {
       ZLOG_WARNING("RuleEngine: No room to report what was found at " << rule.GetPath());

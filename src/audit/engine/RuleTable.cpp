@@ -1,5 +1,6 @@
 #include "src/audit/engine/RuleTable.h"
 
+#include <algorithm>
 #include <charconv>
 #include <set>
 #include <stdexcept>
@@ -82,9 +83,11 @@ void RuleTable::Insert(const std::string& tag, const Rule& rule) {
   if (old == rule) return;
   if (key.id.empty()) throw std::runtime_error("RuleTable::Insert: a rule has no id");
   if (key.type == ObjectType::Process) {
-    const auto& names = process_names_[tag];
-    const auto same = names.find(rule->GetName());
-    if (same != names.end() && same->second != key.id) {
+    const auto is_other = [&](const auto& of_tag) {
+      const auto same = of_tag.second.find(rule->GetName());
+      return same != of_tag.second.end() && (of_tag.first != tag || same->second != key.id);
+    };
+    if (std::any_of(process_names_.begin(), process_names_.end(), is_other)) {
       throw edr::RuleEngineException("Cannot add more than 1 process rule for '" + rule->GetName() + "'");
     }
   }
@@ -203,8 +206,12 @@ RuleTable::IdsByTag RuleTable::FindByAuditKey(const std::string& key) const {
 }
 
 std::vector<RuleTable::Rule> RuleTable::RulesOfAuditKey(const std::string& key) const {
+  return RulesOf(FindByAuditKey(key));
+}
+
+std::vector<RuleTable::Rule> RuleTable::RulesOf(const IdsByTag& ids_by_tag) const {
   std::vector<Rule> rules;
-  for (const auto& [tag, ids] : FindByAuditKey(key)) {
+  for (const auto& [tag, ids] : ids_by_tag) {
     for (const std::string& id : ids) {
       for (const ObjectType type : {ObjectType::File, ObjectType::Directory}) {
         if (Rule rule = Find(tag, {type, id})) rules.push_back(std::move(rule));

@@ -38,7 +38,8 @@ class RuleTable {
 
   // Enters a rule; another one of the same tag, type and id makes way. Throws, and changes nothing: std::runtime_error
   // for a rule without id, or one of a file or folder without an absolute path; edr::RuleEngineException "Cannot add
-  // more than 1 process rule for '<name>'" for a second process rule of the tag on one name.
+  // more than 1 process rule for '<name>'" for a second process rule on one name, of whichever tag: a process has one
+  // rule of its name.
   void Insert(const std::string& tag, const Rule& rule);
   void Remove(const std::string& tag, const RuleKey& key);
   void Clear();
@@ -62,7 +63,9 @@ class RuleTable {
   // The rules of files and folders that a key of the kernel's rules names, as the records tell it: in hexadecimal when
   // it has odd characters. What agrees in as much of its id as is compared counts when no id agrees as a whole.
   [[nodiscard]] IdsByTag FindByAuditKey(const std::string& key) const;
-  // These rules themselves.
+  // The rules of files and folders that these are.
+  [[nodiscard]] std::vector<Rule> RulesOf(const IdsByTag& ids_by_tag) const;
+  // The rules of FindByAuditKey themselves.
   [[nodiscard]] std::vector<Rule> RulesOfAuditKey(const std::string& key) const;
   // The process rules whose own path is this one or lies above it.
   [[nodiscard]] IdsByTag FindProcessRulesAt(const std::string& path) const;

@@ -1,5 +1,8 @@
 #include "src/audit/engine/TruePaths.h"
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <cstdlib>
 #include <stdexcept>
 
@@ -17,10 +20,6 @@ struct Free {
 
 std::string Join(const std::string& folder, const std::string& name) {
   return folder == "/" ? folder + name : folder + "/" + name;
-}
-
-bool IsDescriptor(const std::string& path) {
-  return path.starts_with("/proc/") && path.find("/fd/") != std::string::npos;
 }
 
 // Nothing when the records did not tell.
@@ -52,11 +51,45 @@ bool TruePaths::IsAt(const std::string& path, const FileIdentity& object) const 
   return LeadsTo(path, object, mounts_.get()) == Leads::Straight;
 }
 
+// By the folders on the way to it, one of which may be the rule's under another name.
+std::optional<std::string> TruePaths::Below(const edr::EventRule& rule, const std::string& path) {
+  const std::string watched = RulePaths::Tidy(rule.GetPath());
+  struct stat top {};
+  if (rule.GetType() != edr::ObjectType::Directory || stat(watched.c_str(), &top) != 0) return std::nullopt;
+  for (std::size_t end = path.rfind('/'); end != std::string::npos && end != 0; end = path.rfind('/', end - 1)) {
+    struct stat folder {};
+    if (stat(path.substr(0, end).c_str(), &folder) != 0 || FileIdentity::Of(folder) != FileIdentity::Of(top)) continue;
+    return watched == "/" ? path.substr(end) : watched + path.substr(end);
+  }
+  return std::nullopt;
+}
+
+TruePaths::Names TruePaths::Within(const edr::EventRule& rule, const edr::Event& event) const {
+  const std::string watched = RulePaths::Tidy(rule.GetPath());
+  const auto find = [&](const common::ImageInfo* file, const std::vector<std::string>& paths) {
+    const auto within = std::find_if(paths.begin(), paths.end(),
+                                     [&](const std::string& path) { return RulePaths::IsAtOrBelow(path, watched); });
+    if (within != paths.end()) return std::optional(*within);
+    return file != nullptr ? Below(rule, file->GetPath()) : std::nullopt;
+  };
+  Names names{find(event.GetFile(), OfFile(event)), std::nullopt};
+  if (event.GetType() == edr::EventType::Rename) names.new_file = find(event.GetNewFile(), OfNewFile(event));
+  if (!names.file) names.file = OfFileAt(rule, event);
+  return names;
+}
+
+bool TruePaths::IsFileOf(const edr::EventRule& rule, const edr::Event& event) {
+  struct stat watched {};
+  const common::ImageInfo* file = event.GetFile();
+  return rule.GetType() == edr::ObjectType::File && file != nullptr && file->GetInode() != 0 &&
+         stat(rule.GetPath().c_str(), &watched) == 0 && watched.st_ino == file->GetInode();
+}
+
 std::optional<std::string> TruePaths::OfFileAt(const edr::EventRule& rule, const edr::Event& event) const {
   const common::ImageInfo* file = event.GetFile();
   if (file == nullptr || event.GetType() == edr::EventType::Rename) return std::nullopt;
   const std::string& path = file->GetPath();
-  if (IsDescriptor(path)) {
+  if (IsDescriptorPath(path)) {
     return OfDescriptor(rule, path, {DeviceNumberOf(file->GetDevice()), file->GetInode()});
   }
   const std::optional<FileIdentity> folder = FolderOf(event);

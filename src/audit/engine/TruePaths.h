@@ -26,12 +26,22 @@ class TruePaths {
   // none.
   [[nodiscard]] std::vector<std::string> OfFile(const edr::Event& event) const;
   [[nodiscard]] std::vector<std::string> OfNewFile(const edr::Event& event) const;
+  // Other paths of the event's file and, for a rename, of what it became, that lie at the path of this rule or below
+  // it.
+  struct Names {
+    std::optional<std::string> file;
+    std::optional<std::string> new_file;
+  };
+  [[nodiscard]] Names Within(const edr::EventRule& rule, const edr::Event& event) const;
+  // Whether the event's file is what this rule of a file is about, under whichever name.
+  [[nodiscard]] static bool IsFileOf(const edr::EventRule& rule, const edr::Event& event);
   // Where the event's file is, if it lies right at the path of this rule of a file or folder, or in that folder; for
   // what was called by a descriptor ("/proc/17/fd/3"), where the descriptor leads while the process is there, too.
   // Nothing for a rename.
   [[nodiscard]] std::optional<std::string> OfFileAt(const edr::EventRule& rule, const edr::Event& event) const;
 
  private:
+  [[nodiscard]] static std::optional<std::string> Below(const edr::EventRule& rule, const std::string& path);
   [[nodiscard]] std::optional<std::string> OfDescriptor(const edr::EventRule& rule, const std::string& path,
                                                         const FileIdentity& file) const;
   [[nodiscard]] bool IsAt(const std::string& path, const FileIdentity& object) const;

@@ -53,13 +53,29 @@ void AttributeEvent::Validate() {
     }
     return;
   }
-  new_file_.emplace(file_->GetDevice(), common::PermissionOf(state_->mode), file_->GetInode(), file_->GetPath(),
-                    state_->gid, common::GroupName(state_->gid), common::UserName(state_->uid), state_->uid, "");
+  new_file_ = AsOnDisk();
+}
+
+void AttributeEvent::Refresh() {
+  FileEvent::Refresh();
+  if (state_) new_file_ = AsOnDisk();
 }
 
 void AttributeEvent::UpdateFilePath(const std::string& path) {
   FileEvent::UpdateFilePath(path);
   if (new_file_) new_file_->SetPath(path);
+}
+
+common::ImageInfo AttributeEvent::AsOnDisk() const {
+  return {file_->GetDevice(),
+          common::PermissionOf(state_->mode),
+          file_->GetInode(),
+          file_->GetPath(),
+          state_->gid,
+          common::GroupName(state_->gid),
+          common::UserName(state_->uid),
+          state_->uid,
+          ""};
 }
 
 // The file is gone and with it what there was to see: what is left is what the call wanted.

@@ -5,7 +5,7 @@
 namespace zagent::audit::internal {
 
 // Permissions, owner, times or extended attributes were changed. GetFile is the object before the call, GetNewFile
-// after it: the same object with the permission, owner and group found on disk.
+// after it: the same object with the permission, owner and group found on disk, by Validate and again by each Refresh.
 class AttributeEvent final : public FileEvent {
  public:
   // The event that the source stands at. Throws when the event cannot be built.
@@ -17,12 +17,14 @@ class AttributeEvent final : public FileEvent {
   [[nodiscard]] edr::EventType GetType() const override { return edr::EventType::AttributeChange; }
   [[nodiscard]] std::string GetAction() const override { return "Change"; }
   [[nodiscard]] const common::ImageInfo* GetNewFile() const override { return new_file_ ? &*new_file_ : nullptr; }
+  void Refresh() override;
   void UpdateFilePath(const std::string& path) override;
   void Validate() override;
 
  private:
   AttributeEvent(const AttributeEvent&) = default;
 
+  [[nodiscard]] common::ImageInfo AsOnDisk() const;
   [[nodiscard]] common::ImageInfo AsTheCallSaid() const;
 
   std::optional<common::ImageInfo> new_file_;

@@ -220,12 +220,13 @@ void FileEvent::FindParent() {
   struct stat found {};
   if (stat(folder.c_str(), &found) == 0) {
     parent = IdentityAt(folder, found);
-    // A path through a link is one of several.
-    if (folders != nullptr && known != parent && IsCanonical(folder)) folders->Learn(*parent, folder);
+    if (known != parent) Finder().Remember(folder, *parent);
   } else {
     parent = known;
   }
   if (!parent) {
+    // What a process had open when it ended lies where the rule says that the kernel names.
+    if (IsDescriptorPath(file_->GetPath())) return;
     Refuse("Failed to get parent inode/deviceid for " + GetAction() + " event");
     return;
   }

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "common/src/util/Log.h"
+#include "common/src/util/ThreadName.h"
 
 namespace zagent::audit::internal {
 namespace {
@@ -70,6 +71,7 @@ nanoseconds FolderScan::OfThisThread() {
 }
 
 void FolderScan::Run() {
+  common::util::NameThisThread("edr-folders");
   while (AwaitWanted()) {
     try {
       Fill();

@@ -23,11 +23,17 @@ std::string PathFinder::AbsoluteText(const std::string& folder) const {
   return NormalisePath(text);
 }
 
-// Whether the disk has this folder there. A path through a link is one of several and not remembered.
 bool PathFinder::Confirm(const std::string& folder, const FileIdentity& identity) const {
   const Leads leads = LeadsTo(folder, identity, context_.mounts.get());
-  if (leads == Leads::Straight && context_.folders && IsCanonical(folder)) context_.folders->Learn(identity, folder);
+  if (leads == Leads::Straight) Remember(folder, identity);
   return leads != Leads::Nowhere;
+}
+
+void PathFinder::Remember(const std::string& folder, const FileIdentity& identity) const {
+  if (!context_.folders || !IsCanonical(folder)) return;
+  const std::optional<std::string> known = context_.folders->PathOf(identity);
+  if (known && *known != folder && LeadsTo(*known, identity, context_.mounts.get()) == Leads::Straight) return;
+  context_.folders->Learn(identity, folder);
 }
 
 std::string PathFinder::PathOfDescriptor(std::int32_t fd) const {

@@ -42,6 +42,10 @@ class PathFinder {
   // The folder part of the object's name, below where it starts.
   [[nodiscard]] std::string FolderNamedBy(const PathRecord& object, const Start& start) const;
 
+  // Keeps where the disk has a folder. Not under a path through a link, which is one of several, nor under a further
+  // one (a bind mount) of a folder that is still where it is known to be.
+  void Remember(const std::string& folder, const FileIdentity& identity) const;
+
   [[nodiscard]] bool IsAt(const std::string& path, const PathRecord& object) const {
     return IsObject(path, object.Identity());
   }
@@ -51,6 +55,7 @@ class PathFinder {
   [[nodiscard]] bool IsObject(const std::string& path, const FileIdentity& identity) const {
     return LeadsTo(path, identity, context_.mounts.get()) != Leads::Nowhere;
   }
+  // Whether the disk has this folder there.
   [[nodiscard]] bool Confirm(const std::string& folder, const FileIdentity& identity) const;
   [[nodiscard]] std::string PathOfDescriptor(std::int32_t fd) const;
   [[nodiscard]] std::optional<std::string> KnownPathOf(const PathRecord& object) const;

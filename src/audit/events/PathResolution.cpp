@@ -96,6 +96,10 @@ std::string WithCaller(std::string name, std::int32_t pid) {
   return name;
 }
 
+bool IsDescriptorPath(std::string_view path) {
+  return path.starts_with("/proc/") && path.find("/fd/") != std::string_view::npos;
+}
+
 bool IsCanonical(const std::string& path) {
   return CanonicalPath(path) == path;
 }
@@ -139,8 +143,16 @@ std::string DescriptorPath(std::int32_t pid, std::int32_t fd, const std::string&
 bool IsSame(const struct stat& found, const std::string& path, const FileIdentity& object, MountTable* mounts) {
   if (found.st_ino != object.inode) return false;
   if (found.st_dev == object.device) return true;
-  const auto mount = mounts != nullptr ? mounts->Find(path) : std::nullopt;
-  return mount && mount->device == object.device;
+  if (mounts == nullptr) return false;
+  const auto holds = [&](const std::string& at) {
+    const auto mount = mounts->Find(at);
+    return mount && mount->device == object.device;
+  };
+  if (holds(path)) return true;
+  // A link among the folders may lead into another mount.
+  const std::string written = FolderPart(path);
+  const std::optional<std::string> folder = CanonicalPath(written);
+  return folder && *folder != written && holds(*folder + path.substr(path.rfind('/')));
 }
 
 Leads LeadsTo(const std::string& path, const FileIdentity& object, MountTable* mounts) {

@@ -24,6 +24,9 @@ namespace zagent::audit::internal {
 // The name with the process in place of "/proc/self/" and "/proc/thread-self/", with which a caller means itself.
 [[nodiscard]] std::string WithCaller(std::string name, std::int32_t pid);
 
+// Whether a path is that of a descriptor in procfs, /proc/<pid>/fd/<number>, or goes on below one.
+[[nodiscard]] bool IsDescriptorPath(std::string_view path);
+
 // Whether the path leads to what is there without any symbolic link.
 [[nodiscard]] bool IsCanonical(const std::string& path);
 
@@ -45,7 +48,7 @@ namespace zagent::audit::internal {
 [[nodiscard]] std::string DescriptorPath(std::int32_t pid, std::int32_t fd, const std::string& proc_root = "/proc");
 
 // Whether what was found at `path` is this object. With mounts, the device of the one that holds the path counts as
-// well as the one that was found.
+// well as the one that was found; links among the path's folders are followed to it.
 [[nodiscard]] bool IsSame(const struct stat& found, const std::string& path, const FileIdentity& object,
                           MountTable* mounts);
 

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "common/src/util/Log.h"
+#include "common/src/util/ThreadName.h"
 
 namespace zagent::audit {
 namespace {
@@ -92,6 +93,7 @@ void EventProcessingThread::AddEvents(Events&& events) {
     reports_.counters.Add(IntakeCounters::Reason::LeftAtStop, events.size());
     return;
   }
+  queued_events_ += events.size();
   const bool was_empty = queue_.empty();
   if (was_empty) {
     queue_ = std::move(events);
@@ -105,6 +107,7 @@ void EventProcessingThread::AddEvents(Events&& events) {
 }
 
 void EventProcessingThread::Run() {
+  common::util::NameThisThread("edr-events");
   ZLOG_DEBUG("Started parsed events processing thread");
   try {
     RunUntilStopped();
@@ -138,6 +141,7 @@ void EventProcessingThread::Close() {
     stopping_ = true;
     dropped.swap(queue_);
   }
+  queued_events_ -= dropped.size();
   space_condition_.notify_all();
   reports_.counters.Add(IntakeCounters::Reason::LeftAtStop, dropped.size());
 }
@@ -162,6 +166,7 @@ void EventProcessingThread::Process(Events& batch) {
   std::size_t processed = 0;
   const auto count_the_left = [&](const Events* left) {
     reports_.counters.Add(IntakeCounters::Reason::LeftAtStop, left->size() - processed);
+    queued_events_ -= left->size() - processed;
   };
   // At the end, whether a stop or an exception is it.
   const std::unique_ptr<const Events, decltype(count_the_left)> counted(&batch, count_the_left);
@@ -173,6 +178,7 @@ void EventProcessingThread::Process(Events& batch) {
     if (stopping_) return;
     ++processed;
     ProcessOne(std::move(event));
+    --queued_events_;
     PauseIfCpuIsHigh();
   }
 }

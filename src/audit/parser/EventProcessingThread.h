@@ -50,6 +50,9 @@ class EventProcessingThread {
   // Called by one other thread. Never blocks on a stopped or dead stage, which drops the events.
   void AddEvents(Events&& events);
 
+  // Those of the batch at hand among them. From any thread.
+  [[nodiscard]] std::uint64_t GetQueuedEvents() const { return queued_events_; }
+
   // `allowed_memory_kb` is the memory limit's share of the total memory.
   static std::uint64_t QueueLimitFor(std::uint64_t allowed_memory_kb);
 
@@ -73,6 +76,7 @@ class EventProcessingThread {
   std::condition_variable filled_condition_;  // events came, or the stage is being stopped
   std::condition_variable space_condition_;
   Events queue_;
+  std::atomic<std::uint64_t> queued_events_{0};  // in queue_ and in the batch
   std::uint64_t max_queue_events_;
   common::LoadProbe load_;
   std::uint64_t cpu_limit_;

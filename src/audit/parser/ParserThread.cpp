@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "common/src/util/Log.h"
+#include "common/src/util/ThreadName.h"
 
 namespace zagent::audit {
 namespace {
@@ -146,6 +147,7 @@ void ParserThread::Queue(IOChannel::Bytes&& data) {
 }
 
 void ParserThread::Run() {
+  common::util::NameThisThread("edr-parser");
   ZLOG_INFO("Started Audit Parser Thread");
   try {
     RunUntilStopped();

@@ -53,6 +53,10 @@ class ParserThread {
   // has not been parsed is dropped.
   void Stop();
 
+  // What waits in the two stages, those that are being worked on among them. From any thread.
+  [[nodiscard]] std::uint64_t GetQueuedBytes() const { return queue_bytes_; }
+  [[nodiscard]] std::uint64_t GetQueuedEvents() const { return event_processing_thread_.GetQueuedEvents(); }
+
   struct QueueLimits {
     std::uint64_t max_bytes;
     std::uint64_t resume_bytes;

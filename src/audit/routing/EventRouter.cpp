@@ -60,12 +60,31 @@ void EventRouter::DeliverRest(std::chrono::nanoseconds time) {
   ZLOG_WARNING("RuleEngine: No time left to deliver " << left << " file events that still rested");
   counters_.Add(Reason::LeftAtStop, left);
   file_events_.Clear();
+  twins_.clear();
 }
 
 void EventRouter::DeliverCached(std::unique_ptr<edr::Event> event) {
   const std::uint32_t id = event->GetId();
-  if (!GuardEvent(id, counters_, Reason::FileReplaced, [&] { event->Refresh(); })) return;
+  const auto refresh = [&](edr::Event& rested) {
+    return GuardEvent(id, counters_, Reason::FileReplaced, [&] { rested.Refresh(); });
+  };
+  std::unique_ptr<edr::Event> twin = TakeTwin(event.get());
+  if (twin && !refresh(*twin)) twin.reset();
+  // What is only to be found at one of the two paths is told as being there.
+  if (!refresh(*event)) event = std::move(twin);
+  if (!event) return;
+  const edr::Event* key = event.get();
+  if (twin) twins_[key] = std::move(twin);
   GuardEvent(id, counters_, Reason::NotProcessed, [&] { Handle(std::move(event), EventSource::FileCache); });
+  twins_.erase(key);
+}
+
+std::unique_ptr<edr::Event> EventRouter::TakeTwin(const edr::Event* event) {
+  const auto found = twins_.find(event);
+  if (found == twins_.end()) return nullptr;
+  std::unique_ptr<edr::Event> twin = std::move(found->second);
+  twins_.erase(found);
+  return twin;
 }
 
 void EventRouter::FlushFileEvents(std::int32_t pid) {
@@ -81,17 +100,25 @@ void EventRouter::Handle(std::unique_ptr<edr::Event> event, EventSource source) 
 }
 
 void EventRouter::PassOn(std::unique_ptr<edr::Event> event, EventSource source) {
-  if (!stops_.should_process(*event)) return;
-  if (event->GetObjectType() == ObjectType::File && source == EventSource::Pipeline) {
-    file_events_.Add(std::move(event));
-  } else {
-    stops_.deliver(*event);
+  if (!stops_.should_process(*event, source)) return;
+  if (source == EventSource::FileCache) {
+    const std::unique_ptr<edr::Event> twin = TakeTwin(event.get());
+    if (twin) twin->UpdateActorProcessId(event->GetActorProcessId());  // it may have been a thread's until now
+    stops_.deliver(*event, twin.get());
+    return;
   }
+  std::unique_ptr<edr::Event> twin = IsFileObject(*event) ? stops_.find_twin(*event) : nullptr;
+  if (event->GetObjectType() != ObjectType::File) {
+    stops_.deliver(*event, twin.get());
+    return;
+  }
+  if (twin) twins_[event.get()] = std::move(twin);
+  file_events_.Add(std::move(event));
 }
 
 // The kernel's exclusions end with a process of the program's own family, which the tree need not know.
 void EventRouter::PassOver(const edr::Event& event) {
-  (void)stops_.should_process(event);
+  (void)stops_.should_process(event, EventSource::Pipeline);
 }
 
 void EventRouter::CleanProcesses() {

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <unordered_map>
 
 #include "common/src/util/Clock.h"
 #include "src/audit/events/IntakeCounters.h"
@@ -18,16 +19,21 @@ namespace zagent::audit::internal {
 // else goes on at once. What goes wrong with one event is logged, counted and ends that event only.
 //
 // No call but DeliverRest takes longer than a few events take; the end of a process takes its resting events with it.
-// Belongs to the event-processing thread.
+// Belongs to the event-processing thread, but for GetRestingEvents.
 class EventRouter final : private ProcessModel::Road {
  public:
   struct Stops {
     // Whether anybody wants to know of processes; without, the process model is passed by.
     std::function<bool()> has_process_rules;
-    // False for what the program's own family did. Hears of the ends of unknown processes, too.
-    std::function<bool(const edr::Event& event)> should_process;
-    // Calls the components.
-    std::function<void(const edr::Event& event)> deliver;
+    // False for what the program's own family did. Asked when an event comes in, and again when it has rested: the
+    // parent agent may have become known meanwhile. Hears of the ends of unknown processes, too.
+    std::function<bool(const edr::Event& event, EventSource source)> should_process;
+    // The event under another path at which it concerns rules that its own path does not lead to; null when there is
+    // none. Asked once, when the event comes in: later the way there may be gone.
+    std::function<std::unique_ptr<edr::Event>(const edr::Event& event)> find_twin;
+    // Calls the components. With a twin, which is null otherwise, the rules of the event's own path hear of the event,
+    // and the others that the twin concerns of that.
+    std::function<void(const edr::Event& event, const edr::Event* twin)> deliver;
   };
 
   // At most `max_resting` events rest; beyond it the oldest are due early.
@@ -42,6 +48,8 @@ class EventRouter final : private ProcessModel::Road {
   // Delivers what rests, due or not, oldest first, until `time` has passed. What then remains is dropped, with one line
   // that counts it.
   void DeliverRest(std::chrono::nanoseconds time);
+  // Events that rest. From any thread.
+  [[nodiscard]] std::size_t GetRestingEvents() const { return file_events_.GetSize(); }
 
  private:
   void PassOn(std::unique_ptr<edr::Event> event, EventSource source) override;
@@ -51,6 +59,7 @@ class EventRouter final : private ProcessModel::Road {
   void Handle(std::unique_ptr<edr::Event> event, EventSource source);
   bool DeliverDue();
   void DeliverCached(std::unique_ptr<edr::Event> event);
+  std::unique_ptr<edr::Event> TakeTwin(const edr::Event* event);
   void CleanProcesses();
   bool WantsProcesses();
 
@@ -60,6 +69,7 @@ class EventRouter final : private ProcessModel::Road {
   const Stops stops_;
   bool wanted_processes_ = false;
   FileEventCache file_events_;
+  std::unordered_map<const edr::Event*, std::unique_ptr<edr::Event>> twins_;  // of events in file_events_
 };
 
 }  // namespace zagent::audit::internal

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <compare>
 #include <cstddef>
@@ -16,7 +17,7 @@
 
 namespace zagent::audit::internal {
 
-// Lets file events rest until the file has settled. One thread.
+// Lets file events rest until the file has settled. One thread, but for GetSize.
 //
 // The events of one process leave in the order in which they came, and of those that stand first the oldest leaves
 // first, in portions of any size: what happened to one object keeps its order.
@@ -52,7 +53,7 @@ class FileEventCache {
   // Drops everything.
   void Clear();
 
-  // Events in the cache.
+  // Events in the cache. From any thread.
   [[nodiscard]] std::size_t GetSize() const { return size_; }
   [[nodiscard]] std::size_t GetProcessCount() const { return queues_.size(); }
 
@@ -84,7 +85,7 @@ class FileEventCache {
   std::unordered_map<std::int32_t, Queue> queues_;  // none is empty
   Fronts fronts_;                                   // of all queues
   Fronts crowded_;                                  // of those that are longer than max_process_events
-  std::size_t size_ = 0;
+  std::atomic<std::size_t> size_{0};
   std::uint64_t next_number_ = 0;
   bool bound_told_ = false;
 };

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,9 +31,11 @@ struct ProcessClaim {
 // namespace puts a program of his own wherever he likes in it.
 //
 // Disproved is a process that lives and whose <proc root>/<pid>/exe is another file than the path in this process' own
-// namespaces, or a file that is not root's or that others may write; and one that is gone and was neither root's nor
-// the agent's. A look is kept by pid, start time and path, so that a program that is replaced on disk while it runs
-// stays what it was. At most 1,024 looks are kept; beyond that all are forgotten.
+// namespaces, or a file that is not root's or that others may write, or that is another user's than root's or the
+// agent's by its uid or its euid: whoever starts a program makes it do what he likes. One that is gone is disproved
+// when it was neither root's nor the agent's. A look at the file is kept by pid, start time and path, so that a program
+// that is replaced on disk while it runs stays what it was; the users are read each time. At most 1,024 looks are kept;
+// beyond that all are forgotten.
 //
 // Belongs to one thread at a time.
 class ImageProof {
@@ -42,6 +45,9 @@ class ImageProof {
   explicit ImageProof(std::uint32_t agent_uid, std::string proc_root = "/proc");
 
   [[nodiscard]] bool IsDisproved(const ProcessClaim& claim);
+  // The start since boot of a process that lives and is what it claims at this very moment, whatever was seen before;
+  // nothing for any other.
+  [[nodiscard]] std::optional<std::int64_t> ProveAnew(const ProcessClaim& claim);
 
  private:
   struct Look {
@@ -50,7 +56,12 @@ class ImageProof {
     bool is_disproved;
   };
 
+  enum class Program { AsNamed, Another, None };
+
   [[nodiscard]] bool IsTrustedUser(std::uint32_t uid) const { return uid == 0 || uid == agent_uid_; }
+  // Of the process that lives; nothing when it does not any more.
+  [[nodiscard]] std::optional<bool> HasTrustedUsers(std::int32_t pid) const;
+  [[nodiscard]] Program LookAtProgram(const ProcessClaim& claim) const;
 
   const std::uint32_t agent_uid_;
   const std::string proc_root_;

@@ -26,9 +26,20 @@ OwnActivity::OwnActivity(const common::ProcessTree& process_tree, ImageProof& pr
 
 bool OwnActivity::IsSourceOf(const edr::Event& event, const std::set<std::int32_t>& excluded_pids) const {
   const std::vector<ProcessClaim> claims = ClaimsOf(event, process_tree_);
+  const ProcessClaim own = ClaimOf(event);
   return std::any_of(claims.begin(), claims.end(), [&](const ProcessClaim& claim) {
-    return excluded_pids.count(claim.pid) != 0 || (IsCalledSibling(claim.image) && IsProven(claim));
+    if (excluded_pids.count(claim.pid) != 0) return true;
+    if (!IsCalledSibling(claim.image)) return false;
+    // It became another program, and nobody heard of that.
+    if (claim.pid == own.pid && !own.image.empty() && !IsCalledSibling(own.image)) return false;
+    return !proof_.IsDisproved(claim);
   });
+}
+
+bool OwnActivity::IsDoneBelow(const edr::Event& event, const std::set<std::int32_t>& pids) const {
+  const std::vector<ProcessClaim> claims = ClaimsOf(event, process_tree_);
+  return std::any_of(claims.begin(), claims.end(),
+                     [&](const ProcessClaim& claim) { return pids.count(claim.pid) != 0; });
 }
 
 std::optional<ProcessClaim> OwnActivity::FindSibling(const edr::Event& event) const {

@@ -22,15 +22,22 @@ class OwnActivity {
               std::string install_path);
 
   // True when the event's process, or one of its ancestors, is one of `excluded_pids` or of the family. A process that
-  // the tree does not know is judged by the event alone.
+  // the tree does not know is judged by the event alone. Asked when the event comes in: later the process may be
+  // another one, or run another program, and even then the program that the event tells of counts against the tree's.
   [[nodiscard]] bool IsSourceOf(const edr::Event& event, const std::set<std::int32_t>& excluded_pids) const;
+
+  // True when the event's process, or one of its ancestors, is one of `pids`.
+  [[nodiscard]] bool IsDoneBelow(const edr::Event& event, const std::set<std::int32_t>& pids) const;
 
   // The process that an event of a process tells of, when it is called like one of the family: of an abnormal end as
   // the tree knows it (when it does not, "Failed to find process information for pid: " is logged), else as the event
   // says.
   [[nodiscard]] std::optional<ProcessClaim> FindSibling(const edr::Event& event) const;
-  // Whether it is one of the family in truth.
-  [[nodiscard]] bool IsProven(const ProcessClaim& sibling) const { return !proof_.IsDisproved(sibling); }
+  // The start since boot of a sibling that lives and is one of the family in truth, as it stands now; nothing for any
+  // other.
+  [[nodiscard]] std::optional<std::int64_t> Prove(const ProcessClaim& sibling) const {
+    return proof_.ProveAnew(sibling);
+  }
 
   // The product family as it is shipped.
   static std::set<std::string> DefaultSiblingNames();

@@ -76,11 +76,11 @@ AuditSocket::Listing ReadRows(AuditSocket& socket) {
 
 }  // namespace
 
-AuditSocket::AuditSocket(AuditNetlink& netlink, const std::string& operation) : netlink_(netlink) {
+AuditSocket::AuditSocket(AuditNetlink& netlink, const char* failure) : netlink_(netlink) {
   errno = 0;
   fd_ = netlink_.Open();
   if (fd_ >= 0) return;
-  ZLOG_ERROR(operation << ": Failed to open audit socket: " << ErrnoText(errno));
+  ZLOG_ERROR(failure << ": " << ErrnoText(errno));
   throw edr::RuleEngineException("Failed to open audit socket");
 }
 
@@ -139,7 +139,7 @@ AuditSocket::Listing AuditSocket::ListRules() const {
   ZLOG_TRACE("GetRulesFromAudit: Getting rules list from audit subsystem");
   Listing listing;
   try {
-    AuditSocket socket(netlink_, "GetRulesFromAudit");
+    AuditSocket socket(netlink_, "GetRulesFromAudit: Failed to open audit socket");
     const int error = socket.RequestRulesList();
     if (error == 0) {
       listing = ReadRows(socket);

@@ -15,9 +15,8 @@ class AuditSocket {
  public:
   enum class Position { Front, Back };
 
-  // Logs "<operation>: Failed to open audit socket: <error>" and throws edr::RuleEngineException "Failed to open audit
-  // socket".
-  AuditSocket(AuditNetlink& netlink, const std::string& operation);
+  // On failure logs "<failure>: <error>", and throws edr::RuleEngineException "Failed to open audit socket".
+  AuditSocket(AuditNetlink& netlink, const char* failure);
   AuditSocket(const AuditSocket&) = delete;
   AuditSocket& operator=(const AuditSocket&) = delete;
   ~AuditSocket();

@@ -1,6 +1,9 @@
 #include "src/audit/rules/Exclusions.h"
 
 #include <libaudit.h>
+#include <limits.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -185,7 +188,31 @@ Exclusions::Exclusions(std::int32_t own_pid, std::int32_t agent_pid, const std::
 }
 
 Exclusions::Process Exclusions::Enter(std::int32_t pid) const {
-  return {.pid = pid, .start = common::util::ReadStartSinceBoot(pid, proc_root_)};
+  return {.pid = pid, .start = common::util::ReadStartSinceBoot(pid, proc_root_), .program = ReadProgram(pid)};
+}
+
+std::optional<Exclusions::Program> Exclusions::ReadProgram(std::int32_t pid) const {
+  const std::string link = proc_root_ + "/" + std::to_string(pid) + "/exe";
+  struct stat file {};
+  std::array<char, PATH_MAX> path{};
+  if (stat(link.c_str(), &file) != 0) return std::nullopt;
+  const ssize_t length = readlink(link.c_str(), path.data(), path.size());
+  if (length <= 0) return std::nullopt;
+  return Program{file.st_dev, file.st_ino, std::string(path.data(), static_cast<std::size_t>(length))};
+}
+
+bool Exclusions::IsStill(Process& process) const {
+  const auto start = common::util::ReadStartSinceBoot(process.pid, proc_root_);
+  if (!start || start != process.start) return false;
+  const std::optional<Program> program = ReadProgram(process.pid);
+  if (!program || !process.program) return true;
+  if (program->device == process.program->device && program->inode == process.program->inode) return true;
+  // An agent that was updated starts itself anew: what stands at its path for this process, too, and is root's.
+  struct stat named {};
+  const bool is_next_version = program->path == process.program->path && stat(program->path.c_str(), &named) == 0 &&
+                               named.st_dev == program->device && named.st_ino == program->inode && named.st_uid == 0;
+  if (is_next_version) process.program = program;
+  return is_next_version;
 }
 
 void Exclusions::SetAgent(std::int32_t pid, const std::string& name) {
@@ -239,12 +266,18 @@ void Exclusions::AddProcesses(AuditSocket& socket) {
   }
 }
 
-void Exclusions::Add(AuditSocket& socket, const std::string& name, std::int32_t pid) {
+void Exclusions::Add(AuditSocket& socket, const std::string& name, std::int32_t pid, std::int64_t start) {
   const Process process = Enter(pid);
-  if (!process.start || Contains(name)) return;
+  if (process.start != start || Contains(name)) return;
   processes_[name] = process;
   CollectPids();
   AddProcesses(socket);
+}
+
+std::set<std::int32_t> Exclusions::GetAgentPids() const {
+  std::set<std::int32_t> pids = {own_pid_};
+  if (agent_pid_ != 0) pids.insert(agent_pid_);
+  return pids;
 }
 
 bool Exclusions::End(std::int32_t pid) {
@@ -267,9 +300,8 @@ bool Exclusions::End(std::int32_t pid) {
 bool Exclusions::EndMissing() {
   if (!common::util::ReadStartSinceBoot(own_pid_, proc_root_)) return false;
   std::vector<std::int32_t> missing;
-  for (const auto& [name, process] : processes_) {
-    const auto start = common::util::ReadStartSinceBoot(process.pid, proc_root_);
-    if (!start || start != process.start) missing.push_back(process.pid);
+  for (auto& [name, process] : processes_) {
+    if (process.pid != own_pid_ && !IsStill(process)) missing.push_back(process.pid);
   }
   for (const std::int32_t pid : missing) End(pid);
   return !ended_.empty();

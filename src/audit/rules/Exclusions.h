@@ -14,8 +14,9 @@ namespace zagent::audit::internal {
 // processes, the creation of threads, and end-of-event records. Failures are logged; an exclusion that could not be
 // added, or taken away, is tried again by the next call.
 //
-// An exclusion dies with its process: it holds for a pid and the start time that <proc root> tells of it, so that
-// whoever gets the pid next is heard.
+// An exclusion dies with its process: it holds for a pid, the start time that <proc root> tells of it, and the program
+// that it runs, so that whoever gets the pid next is heard, and whoever makes the process run something else. The next
+// version of the program under the same path is the program.
 //
 // The caller serialises.
 class Exclusions {
@@ -27,6 +28,8 @@ class Exclusions {
              std::string proc_root = "/proc");
 
   [[nodiscard]] const std::set<std::int32_t>& GetExcludedPids() const { return excluded_pids_; }
+  // The program and its parent agent.
+  [[nodiscard]] std::set<std::int32_t> GetAgentPids() const;
 
   // True for the keys of exclusion rules: a manifest's rule of that id would be taken for one.
   [[nodiscard]] static bool IsReservedKey(const std::string& key);
@@ -41,26 +44,37 @@ class Exclusions {
 
   // Whether a process goes by this name already.
   [[nodiscard]] bool Contains(const std::string& name) const { return processes_.count(name) != 0; }
-  // Excludes one more process under a name that is free. Does nothing for one that has ended.
-  void Add(AuditSocket& socket, const std::string& name, std::int32_t pid);
+  // Excludes one more process under a name that is free. Does nothing when the process of this start has ended.
+  void Add(AuditSocket& socket, const std::string& name, std::int32_t pid, std::int64_t start);
 
   // The process has ended: it is excluded no more, and RemoveEnded takes its rules away. False for a pid that is not
   // excluded, and for the program itself.
   bool End(std::int32_t pid);
-  // Looks whether the processes are still there, and ends those that are not, or are others by now. Nothing can be said
-  // while the procfs does not know the program itself. True when RemoveEnded has something to do.
+  // Looks whether the processes are still there and run what they ran, and ends those that are not, or are others by
+  // now. Nothing can be said while the procfs does not know the program itself. True when RemoveEnded has something to
+  // do.
   bool EndMissing();
   // What the kernel does not give up is left for the next look.
   void RemoveEnded(AuditSocket& socket);
 
  private:
+  // The file that a process runs.
+  struct Program {
+    std::uint64_t device;
+    std::uint64_t inode;
+    std::string path;
+  };
   struct Process {
     std::int32_t pid;
     std::optional<std::int64_t> start;  // as ReadStartSinceBoot tells; nothing when it was not there
+    std::optional<Program> program;     // nothing when it could not be read
     bool is_installed = false;
   };
 
   [[nodiscard]] Process Enter(std::int32_t pid) const;
+  [[nodiscard]] std::optional<Program> ReadProgram(std::int32_t pid) const;
+  // False for a process that is gone, another one, or runs something else. Learns the program's next version.
+  [[nodiscard]] bool IsStill(Process& process) const;
   [[nodiscard]] bool IsAgent(std::int32_t pid, const std::string& path) const;
   void SetAgent(std::int32_t pid, const std::string& name);
   void CollectPids();

@@ -51,7 +51,7 @@ Outcome AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vec
                        Poco::Message::Priority priority) {
   ZLOG_TRACE("RuleEngine::AddRuleToAudit: Adding rule with ID " << rule.GetId());
   bool added = false;
-  Outcome outcome = Outcome::InForce;
+  bool is_path_missing = false;
   for (AuditRule& kernel_rule : created) {
     switch (const int error = socket.Add(kernel_rule)) {
       case 0:
@@ -62,7 +62,7 @@ Outcome AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vec
         break;
       case ENOENT:
         ZLOG_DEBUG("Ignoring rule " << rule.GetId() << " as path " << rule.GetPath() << " does not exist");
-        outcome = Outcome::PathMissing;
+        is_path_missing = true;
         break;
       default:
         ZLOG_AT(priority, "RuleEngine::AddRuleToAudit: Failed to add rule to audit subsystem: " << ErrnoText(error));
@@ -70,7 +70,23 @@ Outcome AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vec
     }
   }
   if (added) ZLOG_DEBUG("Added rule " << rule.GetId() << " to the audit subsytem");
-  return outcome;
+  if (is_path_missing) return Outcome::PathMissing;
+  return added ? Outcome::Added : Outcome::WasThere;
+}
+
+bool HasInKernel(AuditSocket& socket, const edr::EventRule& rule, const Coverage& coverage) {
+  try {
+    std::vector<AuditRule> created = CreateRules(rule, coverage);
+    for (AuditRule& kernel_rule : created) {
+      const int error = socket.Add(kernel_rule);
+      if (error == 0) DeleteCreatedRule(socket, rule.GetId(), kernel_rule);
+      if (error != EEXIST) return false;
+    }
+    return !created.empty();
+  } catch (const std::runtime_error& error) {
+    ZLOG_DEBUG("Failed to look for rule " << rule.GetId() << ": " << error.what());
+    return false;
+  }
 }
 
 void DeleteRuleFromAudit(AuditSocket& socket, const edr::EventRule& rule, const Coverage& coverage,

@@ -26,7 +26,8 @@ using RuleIdentities = std::set<std::string>;
 RuleIdentities IdentitiesOf(const edr::EventRule& rule, const Coverage& coverage);
 
 enum class Outcome {
-  InForce,
+  Added,        // or a part of it, the rest being there
+  WasThere,     // as a whole
   PathMissing,  // the kernel has nothing to watch: it may come later
 };
 
@@ -34,6 +35,9 @@ enum class Outcome {
 // edr::RuleEngineException "Failed to add rule to audit subsystem", after the kernel's reason was logged at `priority`.
 Outcome AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vector<AuditRule>& created,
                        Poco::Message::Priority priority = Poco::Message::PRIO_ERROR);
+
+// Whether the kernel has a rule as a whole: it is asked to add it. Leaves it as it is.
+bool HasInKernel(AuditSocket& socket, const edr::EventRule& rule, const Coverage& coverage);
 
 // Takes a rule's kernel rules away again, with the coverage that they were made with; not those of `kept`, which stand
 // for another rule too. Failures are logged.

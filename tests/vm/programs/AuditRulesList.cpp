@@ -4,6 +4,7 @@
 //   audit-rules status   one line:                enabled=1 pid=74 lost=0 backlog=0 backlog_limit=8192
 #include <libaudit.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -107,7 +108,15 @@ std::string RuleText(const audit_rule_data& rule) {
   return text;
 }
 
+// The kernel waits a tenth of a second for a reader whose buffer is full, and drops rules then: there is room for
+// thousands of them.
+void MakeRoom(int fd) {
+  const int room = 64 << 20;
+  if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof(room)) != 0) throw std::runtime_error(strerror(errno));
+}
+
 void PrintRules(int fd) {
+  MakeRoom(fd);
   if (audit_request_rules_list_data(fd) <= 0) throw std::runtime_error("cannot ask for the rules");
   ReadReplies(fd, [](const audit_reply& reply) {
     if (reply.type == AUDIT_LIST_RULES) std::cout << RuleText(*reply.ruledata) << "\n";

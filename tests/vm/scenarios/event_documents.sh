@@ -28,6 +28,6 @@ expect "the actor has ids too" has Read $WATCHED/mode.txt '"userID":0,"auditUser
 expect "the actor's command line" has Read $WATCHED/mode.txt '"procTitle":"file-actor --loginuid 1000 read /srv/watched/mode.txt"'
 expect "a new file's content is hashed" has Create $WATCHED/new.txt "\"fileContentHash\":\"$(sha256sum <$WATCHED/new.txt | cut -d' ' -f1)\""
 expect "a file that is gone has no size" not has Delete $WATCHED/old.txt '"size"'
-expect "the payload has the time of its upload" grep -qE '"timestamp":"20[0-9-]+T[0-9:]+Z"\}$' "$(ls $RECEIVED/* | head -n 1)"
+expect "the payload has the time of its upload" grep -qE '"timestamp":"20[0-9-]+T[0-9:]+Z"\}$' "$(grep -l '^{"events"' $RECEIVED/* | head -n 1)"
 
 stop_all

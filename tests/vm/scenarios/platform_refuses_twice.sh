@@ -3,7 +3,7 @@
 . /scenario/lib.sh
 
 mkdir -p $WATCHED
-start_all --status 503x2
+start_all --status 503x2 --only-for /fim
 act create $WATCHED/first.txt
 act mkdir $WATCHED/folder
 wait_for_owed 90

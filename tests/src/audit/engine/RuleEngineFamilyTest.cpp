@@ -21,8 +21,6 @@ using fakes::FakeEvent;
 // How the kernel's exclusions follow the processes of the product family.
 class RuleEngineFamilyTest : public RuleEngineFixture {
  protected:
-  static constexpr const char* kUpdated = "/opt/ostrel/bin/updated";
-
   void Process(EventType type, std::int32_t pid, const std::string& image, std::uint32_t uid = 0) {
     auto event = std::make_unique<FakeEvent>();
     event->type = type;
@@ -51,47 +49,47 @@ class RuleEngineFamilyTest : public RuleEngineFixture {
 };
 
 TEST_F(RuleEngineFamilyTest, ExcludesASiblingWhenItStarts) {
-  processes_.Start(600, 30);
-  Process(EventType::ProcessStart, 600, kUpdated);
+  processes_.Start(600, 30, updated_);
+  Process(EventType::ProcessStart, 600, updated_);
   ASSERT_TRUE(IsExcluded("updated"));
   EXPECT_EQ(kernel_.RulesWithKey("ostrel_exit_rule_updated").front().Find(AUDIT_PID)->value, 600U);
 }
 
 TEST_F(RuleEngineFamilyTest, ExcludesTheFirstProcessOfAName) {
-  processes_.Start(600, 30);
-  processes_.Start(601, 31);
-  Process(EventType::ProcessStart, 600, kUpdated);
-  Process(EventType::ProcessStart, 601, kUpdated);
+  processes_.Start(600, 30, updated_);
+  processes_.Start(601, 31, updated_);
+  Process(EventType::ProcessStart, 600, updated_);
+  Process(EventType::ProcessStart, 601, updated_);
   ASSERT_EQ(kernel_.RulesWithKey("ostrel_ignore_rule_updated").size(), 1U);
   EXPECT_EQ(kernel_.RulesWithKey("ostrel_ignore_rule_updated").front().Find(AUDIT_PID)->value, 600U);
-  Process(EventType::ProcessExit, 601, kUpdated);
+  Process(EventType::ProcessExit, 601, updated_);
   EXPECT_TRUE(IsExcluded("updated")) << "that was the other one";
 }
 
 TEST_F(RuleEngineFamilyTest, LetsASiblingGoThatHasEnded) {
   Listen();
-  processes_.Start(600, 30);
-  Process(EventType::ProcessStart, 600, kUpdated);
+  processes_.Start(600, 30, updated_);
+  Process(EventType::ProcessStart, 600, updated_);
   EXPECT_FALSE(IsHeard(600));
-  Process(EventType::ProcessExit, 600, kUpdated);
+  Process(EventType::ProcessExit, 600, updated_);
   EXPECT_FALSE(IsExcluded("updated"));
   EXPECT_TRUE(IsHeard(600));
 }
 
 TEST_F(RuleEngineFamilyTest, LetsASiblingGoThatHasEndedAbnormally) {
-  processes_.Start(600, 30);
-  Process(EventType::ProcessStart, 600, kUpdated);
+  processes_.Start(600, 30, updated_);
+  Process(EventType::ProcessStart, 600, updated_);
   Process(EventType::AbnormalEnd, 600, "");
   EXPECT_FALSE(IsExcluded("updated"));
 }
 
 TEST_F(RuleEngineFamilyTest, GivesNoRuleToAProcessThatIsOnlyCalledLikeASibling) {
   processes_.Start(600, 30, "/bin/sh");
-  Process(EventType::ProcessStart, 600, kUpdated);
-  processes_.Start(601, 30);
+  Process(EventType::ProcessStart, 600, updated_);
+  processes_.Start(601, 30, updated_);
   Process(EventType::ProcessStart, 601, "/tmp/updated");
   processes_.Start(602, 30);
-  Process(EventType::ProcessStart, 602, kUpdated, 1000);
+  Process(EventType::ProcessStart, 602, updated_, 1000);
   EXPECT_FALSE(IsExcluded("updated"));
 }
 
@@ -100,18 +98,44 @@ TEST_F(RuleEngineFamilyTest, HearsADressedUpSibling) {
   processes_.Start(600, 30, "/bin/sh");
   auto event = FolderEvent(1, folder_ / "sub");
   event->pid = 600;
-  event->image = common::ImageInfo(kUpdated);
+  event->image = common::ImageInfo(updated_);
   engine_->ProcessEvent(std::move(event));
   EXPECT_EQ(heard_, (Ids{"FIM a,:1"}));
 }
 
+TEST_F(RuleEngineFamilyTest, GivesNoRuleToASiblingThatAStrangerRuns) {
+  processes_.Start(600, 30, updated_, 1000);
+  Process(EventType::ProcessStart, 600, updated_);
+  EXPECT_FALSE(IsExcluded("updated"));
+}
+
+TEST_F(RuleEngineFamilyTest, TakesTheRuleBackFromAProcessThatBecameAnotherWhileItCame) {
+  Listen();
+  const auto when_the_rule_comes = [this](auto action) {
+    kernel_.refuse_add = [action](const fakes::SeenRule& rule) {
+      if (rule.Key() == "ostrel_exit_rule_updated") action();
+      return 0;
+    };
+  };
+  processes_.Start(600, 30, updated_);
+  when_the_rule_comes([this] { processes_.Start(600, 30, "/bin/sh"); });  // by exec
+  Process(EventType::ProcessStart, 600, updated_);
+  EXPECT_FALSE(IsExcluded("updated"));
+  EXPECT_TRUE(IsHeard(600));
+
+  processes_.Start(601, 31, updated_);
+  when_the_rule_comes([this] { processes_.Start(601, 99, updated_); });  // another one on its pid
+  Process(EventType::ProcessStart, 601, updated_);
+  EXPECT_FALSE(IsExcluded("updated"));
+}
+
 TEST_F(RuleEngineFamilyTest, TellsThatItCannotAskTheKernelForASibling) {
-  processes_.Start(600, 30);
+  processes_.Start(600, 30, updated_);
   kernel_.open_error = EMFILE;
-  Process(EventType::ProcessStart, 600, kUpdated);
+  Process(EventType::ProcessStart, 600, updated_);
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "Failed to open audit socket for handling ostrel process event"));
   kernel_.open_error = 0;
-  Process(EventType::ProcessStart, 600, kUpdated);
+  Process(EventType::ProcessStart, 600, updated_);
   EXPECT_TRUE(IsExcluded("updated"));
 }
 
@@ -172,6 +196,24 @@ TEST_F(RuleEngineFamilyTest, ExcludesTheAgentAgainThatComesBack) {
   Process(EventType::ProcessExit, 400, "/opt/ostrel/bin/host-warden");
   engine_->UpdateExclusions(401, "/opt/ostrel/bin/host-warden");
   EXPECT_EQ(kernel_.RulesWithKey("ostrel_ignore_rule_host-warden").at(0).Find(AUDIT_PID)->value, 401U);
+}
+
+TEST_F(RuleEngineFamilyTest, DropsTheRestedWriteOfAnAgentThatItLearnsOfMeanwhile) {
+  Listen();
+  const auto write = [this](std::int32_t pid) {
+    auto event = std::make_unique<FakeEvent>(EventType::Write, "Write", folder_ / "file");
+    event->pid = pid;
+    event->image = common::ImageInfo("/usr/sbin/next-agent");
+    engine_->ProcessEvent(std::move(event));
+  };
+  processes_.Start(401, 70);
+  write(401);
+  write(402);
+  engine_->UpdateExclusions(401, "/usr/sbin/next-agent");
+  clock_.Advance(31s);
+  while (engine_->OnIdle()) continue;
+  EXPECT_EQ(heard_.size(), 1U);
+  EXPECT_TRUE(log_.Has("AuditRuleEngine::ShouldProcessEvent: Dropping Ostrel generated event with ID: 1"));
 }
 
 TEST_F(RuleEngineFamilyTest, KnowsTheProcessesOfContainers) {

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -15,7 +16,7 @@
 #include "tests/fakes/FakeAuditNetlink.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeEvent.h"
-#include "tests/fakes/FakeProcesses.h"
+#include "tests/fakes/FakeProcFs.h"
 #include "tests/fakes/FakeRule.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
@@ -37,12 +38,13 @@ class RuleEngineFixture : public ::testing::Test {
 
   void Start() {
     RuleEngine::Settings settings{
-        400,        "/opt/ostrel/bin/host-warden", 8192, "/opt/ostrel", internal::OwnActivity::DefaultSiblingNames(),
+        400,        "/opt/ostrel/bin/host-warden", 8192, install_.Path(), internal::OwnActivity::DefaultSiblingNames(),
         kMaxResting};
     settings.agent_effective_uid = 777;
     settings.extended_coverage = extended_coverage_;
     settings.proc_root = processes_.Root();
-    settings.look_for_paths = [this] { ++told_to_look_; };
+    settings.look_at_paths = [this] { ++told_to_look_; };
+    settings.look_at = [this](const internal::WatchedPlace& place) { return look_at_(place); };
     settings.watch_folders = [this](auto folders) { watched_ = std::move(folders); };
     engine_ = std::make_unique<RuleEngine>(kernel_, std::move(settings), counters_, clock_);
   }
@@ -93,13 +95,16 @@ class RuleEngineFixture : public ::testing::Test {
 
   fakes::LogCapture log_;
   fakes::TempFolder folder_;
+  fakes::TempFolder install_;  // of the product family
+  const std::string updated_ = install_.Write("updated", "one of the family");
   fakes::FakeClock clock_;
   IntakeCounters counters_;
   fakes::FakeAuditNetlink kernel_;
-  fakes::FakeProcesses processes_;  // the program itself, its agent as 400 and the next one as 401
+  fakes::FakeProcFs processes_;  // the program itself, its agent as 400 and the next one as 401
   bool extended_coverage_ = false;
   std::vector<std::string> heard_, invalidated_;
   int told_to_look_ = 0;
+  std::function<internal::Sight(const internal::WatchedPlace&)> look_at_ = internal::LookAt;
   std::vector<internal::WatchedFolder> watched_;  // as the engine told last
   std::unique_ptr<RuleEngine> engine_;
 };

@@ -44,8 +44,34 @@ class RuleEngineObjectTest : public RuleEngineFixture {
     return event;
   }
 
+  // The folder is watched as a whole; and a file, which has another link in the other folder.
+  void WatchAnotherFolderWithALink() {
+    std::filesystem::create_directory(other_);
+    std::filesystem::create_directory_symlink(watched_folder_, other_ + "/l");
+    folder_.Write("file", "x");
+    std::filesystem::create_hard_link(base_ + "/file", other_ + "/hard");
+    engine_->AddRules("FIM", {FakeRule::Directory("rule", watched_folder_, {EventType::Write}),
+                              FakeRule::File("file", base_ + "/file", {EventType::Write}),
+                              FakeRule::Directory("wide", other_, {EventType::Write})});
+  }
+  // Something in the watched folder, which the kernel tells of by that folder's key, by way of the link.
+  std::unique_ptr<FakeEvent> EventByLink() {
+    auto event = EventIn(watched_folder_, other_ + "/l/sub");
+    event->audit_key = "rule";
+    return event;
+  }
+  std::unique_ptr<FakeEvent> HardLinkEvent(EventType type) {
+    auto event = EventIn(other_, other_ + "/hard");
+    struct stat found {};
+    stat((other_ + "/hard").c_str(), &found);
+    event->file = common::ImageInfo(other_ + "/hard", found);
+    event->type = type;
+    event->audit_key = "file";
+    return event;
+  }
+
   const std::string base_ = std::filesystem::canonical(folder_.Path());
-  const std::string watched_folder_ = base_ + "/watched", link_ = base_ + "/link";
+  const std::string watched_folder_ = base_ + "/watched", link_ = base_ + "/link", other_ = base_ + "/other";
 };
 
 TEST_F(RuleEngineObjectTest, FindsTheRuleOfAFolderThatWasReachedByALink) {
@@ -115,6 +141,97 @@ TEST_F(RuleEngineObjectTest, TakesTheKernelsWordForATagWhoseRulesThePathDoesNotL
   event->audit_key = "rule";
   engine_->ProcessEvent(std::move(event));
   EXPECT_EQ(heard_, (Ids{"rule " + base_ + "/another hard link", "IOC everything,:1"}));
+}
+
+// --- two rules, two paths
+
+TEST_F(RuleEngineObjectTest, ALinkInAnotherWatchedFolderHidesNothing) {
+  WatchAnotherFolderWithALink();
+  engine_->ProcessEvent(EventByLink());
+  EXPECT_EQ(heard_, (Ids{"wide " + other_ + "/l/sub", "rule " + watched_folder_ + "/sub"}));
+}
+
+// As a manifest's rule behind a link has it: one rule on the folder as it is written, one as it is meant.
+TEST_F(RuleEngineObjectTest, TheSameFolderByTwoWaysIsToldOnce) {
+  std::filesystem::create_directory_symlink(watched_folder_, base_ + "/by-link");
+  engine_->AddRules("FIM", {FakeRule::Directory("rule", watched_folder_, {EventType::Write}),
+                            FakeRule::Directory("rule-1", base_ + "/by-link", {EventType::Write})});
+  auto event = EventIn(watched_folder_, base_ + "/by-link/sub");
+  event->audit_key = "rule";
+  engine_->ProcessEvent(std::move(event));
+  EXPECT_EQ(heard_, (Ids{"rule " + base_ + "/by-link/sub", "rule-1 " + base_ + "/by-link/sub"}));
+}
+
+TEST_F(RuleEngineObjectTest, ALinkThatIsGoneWhenTheFileHasRestedHidesNothing) {
+  WatchAnotherFolderWithALink();
+  auto event = EventByLink();
+  event->object_type = edr::ObjectType::File;
+  engine_->ProcessEvent(std::move(event));
+  std::filesystem::remove(other_ + "/l");
+  clock_.Advance(31s);
+  engine_->OnIdle();
+  EXPECT_EQ(heard_, (Ids{"wide " + other_ + "/l/sub", "rule " + watched_folder_ + "/sub"}));
+}
+
+TEST_F(RuleEngineObjectTest, TellsARuleOnceThatBothPathsLeadTo) {
+  WatchAnotherFolderWithALink();
+  Listen("IOC");
+  engine_->AddRules("IOC", {FakeRule::Directory("everything", "/", {EventType::Write})});
+  engine_->ProcessEvent(EventByLink());
+  EXPECT_EQ(heard_, (Ids{"wide " + other_ + "/l/sub", "IOC everything,:1", "rule " + watched_folder_ + "/sub"}));
+}
+
+TEST_F(RuleEngineObjectTest, ARuleOfAnotherTagHidesNothing) {
+  WatchAnotherFolderWithALink();
+  engine_->AddRules("FIM", {FakeRule::Directory("rule", watched_folder_, {EventType::Write})});
+  Listen("IOC");
+  engine_->AddRules("IOC", {FakeRule::Directory("wide", other_, {EventType::Write})});
+  engine_->ProcessEvent(EventByLink());
+  EXPECT_EQ(heard_, (Ids{"IOC wide,:1", "rule " + watched_folder_ + "/sub"}));
+}
+
+TEST_F(RuleEngineObjectTest, LeavesAnEventAsOneWhoseKeyIsThatOfItsPath) {
+  WatchAnotherFolderWithALink();
+  auto event = EventByLink();
+  event->audit_key = "wide";
+  engine_->ProcessEvent(std::move(event));
+  EXPECT_EQ(heard_, (Ids{"wide " + other_ + "/l/sub"}));
+}
+
+TEST_F(RuleEngineObjectTest, TellsTheTruePathsOfBothEndsOfARename) {
+  WatchAnotherFolderWithALink();
+  auto event = EventIn(watched_folder_, other_ + "/l/old");
+  event->type = EventType::Rename;
+  event->audit_key = "rule";
+  event->new_file = common::ImageInfo(other_ + "/l/new");
+  engine_->RegisterEventHandlers(
+      "FIM",
+      [&](const Ids& ids, const edr::Event& heard) {
+        heard_.push_back(ids.front() + " " + heard.GetFile()->GetPath() + " " + heard.GetNewFile()->GetPath());
+      },
+      [] {});
+  engine_->ProcessEvent(std::move(event));
+  EXPECT_EQ(heard_, (Ids{"wide " + other_ + "/l/old " + other_ + "/l/new",
+                         "rule " + watched_folder_ + "/old " + watched_folder_ + "/new"}));
+}
+
+TEST_F(RuleEngineObjectTest, TellsAnotherHardLinkInAnotherWatchedFolderToBoth) {
+  WatchAnotherFolderWithALink();
+  engine_->ProcessEvent(HardLinkEvent(EventType::Write));
+  EXPECT_EQ(heard_, (Ids{"file " + other_ + "/hard", "wide " + other_ + "/hard"}));
+  heard_.clear();
+  engine_->ProcessEvent(HardLinkEvent(EventType::Delete));
+  EXPECT_EQ(heard_, (Ids{"file " + other_ + "/hard", "wide " + other_ + "/hard"}));
+}
+
+TEST_F(RuleEngineObjectTest, DoesNotTakeTheOtherSideOfARenameForTheRulesOwn) {
+  WatchAnotherFolderWithALink();
+  // What "mv" into the other folder has replaced there: the key is that of the folder where it came from.
+  auto event = EventIn(other_, other_ + "/replaced");
+  event->type = EventType::Delete;
+  event->audit_key = "rule";
+  engine_->ProcessEvent(std::move(event));
+  EXPECT_EQ(heard_, (Ids{"wide " + other_ + "/replaced"}));
 }
 
 TEST_F(RuleEngineObjectTest, AsksNoKeyForAProcess) {

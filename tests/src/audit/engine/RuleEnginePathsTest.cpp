@@ -10,9 +10,8 @@
 #include <vector>
 
 #include "src/audit/events/RuleRemovedEvent.h"
-#include "src/audit/rules/AuditSocket.h"
 #include "tests/fakes/AuditRecords.h"
-#include "tests/src/audit/engine/RuleEngineFixture.h"
+#include "tests/src/audit/engine/RuleEnginePathsFixture.h"
 
 namespace zagent::audit {
 namespace {
@@ -24,76 +23,14 @@ using fakes::FakeEvent;
 using fakes::FakeRule;
 
 // A watched folder that is removed, renamed, or made again.
-class RuleEnginePathsTest : public RuleEngineFixture {
- protected:
-  RuleEnginePathsTest() {
-    std::filesystem::create_directory(watched_);
-    Listen();
-    engine_->AddRules("FIM", {rule_});
-  }
-
-  void Listen() {
-    engine_->RegisterEventHandlers(
-        "FIM",
-        [this](const Ids&, const edr::Event& event) {
-          heard_.push_back(event.GetAction() + " " + event.GetFile()->GetPath());
-        },
-        [] {});
-  }
-  // As the kernel does when the folder goes.
-  void DropKernelRules() {
-    internal::AuditSocket socket(kernel_, "Test");
-    for (internal::AuditRule& rule : socket.GetRulesFromAudit()) {
-      if (rule.GetKey() == "rule") socket.Delete(rule);
-    }
-  }
-  void TellOfDroppedRule(bool by_call) {
-    fakes::AuditRecords records;
-    records.Add(internal::record_type::kConfigChange,
-                {{"op", "remove_rule"}, {"dir", watched_}, {"key", "\"rule\""}, {"list", "4"}, {"res", "1"}});
-    if (by_call) records.Syscall(84);
-    engine_->ProcessEvent(std::make_unique<internal::RuleRemovedEvent>(records));
-  }
-  void Process(EventType type, const std::string& action, const std::string& path, const std::string& new_path = "") {
-    auto event = std::make_unique<FakeEvent>(type, action, path);
-    event->object_type = ObjectType::Directory;
-    if (!new_path.empty()) event->new_file = common::ImageInfo(new_path);
-    engine_->ProcessEvent(std::move(event));
-  }
-  // The folder and the kernel's rule go, and the records tell of both.
-  void RemoveFolder() {
-    std::filesystem::remove_all(watched_);
-    DropKernelRules();
-    TellOfDroppedRule(true);
-    Process(EventType::Delete, "Delete", watched_);
-  }
-  // Errors in the log, the kernel's reason and the rule's.
-  [[nodiscard]] long RenewalErrors() const {
-    const std::vector<Poco::Message> lines = log_.Lines();
-    return std::count_if(lines.begin(), lines.end(), [](const Poco::Message& line) {
-      return line.getPriority() == Poco::Message::PRIO_ERROR &&
-             line.getText().find("Failed to add rule to audit subsystem") != std::string::npos;
-    });
-  }
-  // What rests in the cache of file events leaves it.
-  void Settle() {
-    clock_.Advance(31s);
-    while (engine_->OnIdle()) {
-    }
-    std::sort(heard_.begin(), heard_.end());
-  }
-
-  const std::string base_ = std::filesystem::canonical(folder_.Path());
-  const std::string watched_ = base_ + "/watched";
-  const Rule rule_ = FakeRule::Directory("rule", watched_, {EventType::Write});
-};
+class RuleEnginePathsTest : public RuleEnginePathsFixture {};
 
 TEST_F(RuleEnginePathsTest, ReportsTheRemovalItselfOnce) {
   RemoveFolder();
   EXPECT_EQ(heard_, (Ids{"Delete " + watched_}));
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "Rule rule is not in force any more: " + watched_ + " is gone"));
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_INFORMATION, "Rules in force: 0 of 1"));
-  EXPECT_TRUE(engine_->IsLookingForPaths());
+  EXPECT_TRUE(IsWaiting());
 }
 
 TEST_F(RuleEnginePathsTest, ReportsAFolderThatWasUnmountedThoughNoCallTellsOfIt) {
@@ -109,19 +46,19 @@ TEST_F(RuleEnginePathsTest, IsNotConcernedByRulesOfOthers) {
               {{"op", "remove_rule"}, {"dir", "/srv/x"}, {"key", "\"theirs\""}, {"list", "4"}});
   engine_->ProcessEvent(std::make_unique<internal::RuleRemovedEvent>(records));
   EXPECT_TRUE(heard_.empty());
-  EXPECT_FALSE(engine_->IsLookingForPaths());
+  EXPECT_FALSE(IsWaiting());
 }
 
 TEST_F(RuleEnginePathsTest, WatchesTheFolderAgainThatIsMadeAgain) {
   RemoveFolder();
-  engine_->LookForMissingPaths();
+  engine_->LookAtPaths();
   EXPECT_TRUE(InstalledIds().empty());
   std::filesystem::create_directory(watched_);
-  engine_->LookForMissingPaths();
+  engine_->LookAtPaths();
   EXPECT_EQ(InstalledIds(), (Ids{"rule"}));
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_INFORMATION, "Rule rule is in force: " + watched_ + " is there now"));
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_INFORMATION, "Rules in force: 1 of 1"));
-  EXPECT_FALSE(engine_->IsLookingForPaths());
+  EXPECT_FALSE(IsWaiting());
 }
 
 TEST_F(RuleEnginePathsTest, ReportsWhatWasMadeBeforeTheRuleWasThere) {
@@ -129,7 +66,7 @@ TEST_F(RuleEnginePathsTest, ReportsWhatWasMadeBeforeTheRuleWasThere) {
   heard_.clear();
   std::filesystem::create_directories(watched_ + "/sub/below");
   std::filesystem::create_symlink("nowhere", watched_ + "/link");
-  engine_->LookForMissingPaths();
+  engine_->LookAtPaths();
   EXPECT_TRUE(heard_.empty()) << "not on the thread of a schedule";
   engine_->OnIdle();
   Settle();
@@ -150,10 +87,10 @@ TEST_F(RuleEnginePathsTest, WatchesANewFolderInThePlaceOfARenamedOne) {
   std::filesystem::rename(watched_, base_ + "/away");
   Process(EventType::Rename, "Rename", watched_, base_ + "/away");
   EXPECT_EQ(InstalledIds(), (Ids{"rule"})) << "it went along";
-  EXPECT_TRUE(engine_->IsLookingForPaths());
+  EXPECT_TRUE(IsWaiting());
   std::filesystem::create_directories(watched_ + "/sub");
   kernel_.calls.clear();
-  engine_->LookForMissingPaths();
+  engine_->LookAtPaths();
   EXPECT_EQ(kernel_.calls, (Ids{"delete rule", "add rule"})) << "to the kernel they are one";
   heard_.clear();
   engine_->OnIdle();
@@ -168,7 +105,7 @@ TEST_F(RuleEnginePathsTest, FindsNothingNewInAFolderThatWasOnlyAway) {
   heard_.clear();
   Process(EventType::Rename, "Rename", base_ + "/away", watched_);
   EXPECT_EQ(InstalledIds(), (Ids{"rule"}));
-  EXPECT_FALSE(engine_->IsLookingForPaths());
+  EXPECT_FALSE(IsWaiting());
   engine_->OnIdle();
   EXPECT_EQ(heard_, (Ids{"Rename " + base_ + "/away"}));
 }
@@ -178,7 +115,7 @@ TEST_F(RuleEnginePathsTest, GivesUpTheRulesBelowAFolderThatIsRenamed) {
   engine_->AddRules("FIM", {FakeRule::Directory("below", base_ + "/parent/sub", {EventType::Write})});
   std::filesystem::rename(base_ + "/parent", base_ + "/away");
   Process(EventType::Rename, "Rename", base_ + "/parent", base_ + "/away");
-  EXPECT_TRUE(engine_->IsLookingForPaths());
+  EXPECT_TRUE(IsWaiting());
 }
 
 TEST_F(RuleEnginePathsTest, IsNotMovedByWhatFailed) {
@@ -186,7 +123,7 @@ TEST_F(RuleEnginePathsTest, IsNotMovedByWhatFailed) {
   event->object_type = ObjectType::Directory;
   event->successful = false;
   engine_->ProcessEvent(std::move(event));
-  EXPECT_FALSE(engine_->IsLookingForPaths());
+  EXPECT_FALSE(IsWaiting());
 }
 
 TEST_F(RuleEnginePathsTest, WatchesAFileAgainWhoseFolderCameBack) {
@@ -195,7 +132,7 @@ TEST_F(RuleEnginePathsTest, WatchesAFileAgainWhoseFolderCameBack) {
   std::filesystem::create_directory(watched_);
   std::filesystem::create_symlink("nowhere", watched_ + "/file");
   heard_.clear();
-  engine_->LookForMissingPaths();
+  engine_->LookAtPaths();
   EXPECT_EQ(InstalledIds(), (Ids{"rule"}));
   engine_->OnIdle();
   Settle();
@@ -204,9 +141,8 @@ TEST_F(RuleEnginePathsTest, WatchesAFileAgainWhoseFolderCameBack) {
 
 TEST_F(RuleEnginePathsTest, DoesNotLookForAPathThatWasNeverThereByItself) {
   engine_->AddRules("FIM", {FakeRule::Directory("never", base_ + "/never", {EventType::Write})});
-  EXPECT_FALSE(engine_->IsLookingForPaths());
   std::filesystem::create_directory(base_ + "/never");
-  engine_->LookForMissingPaths();
+  engine_->LookAtPaths();
   EXPECT_TRUE(InstalledIds().empty());
 }
 
@@ -216,23 +152,23 @@ TEST_F(RuleEnginePathsTest, LooksForItWhereCoverageIsExtended) {
   Start();
   Listen();
   engine_->AddRules("FIM", {FakeRule::Directory("never", base_ + "/never", {EventType::Rename})});
-  EXPECT_TRUE(engine_->IsLookingForPaths());
-  EXPECT_EQ(told_to_look_, 1);
+  EXPECT_TRUE(IsWaiting());
   std::filesystem::create_directory(base_ + "/never");
-  engine_->LookForMissingPaths();
+  engine_->LookAtPaths();
   EXPECT_FALSE(InstalledIds().empty());
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_INFORMATION, "Rule never is in force: " + base_ + "/never is there now"));
 }
 
-TEST_F(RuleEnginePathsTest, TellsOnceThatThereAreNowPathsToLookFor) {
-  EXPECT_EQ(told_to_look_, 0);
-  RemoveFolder();
+TEST_F(RuleEnginePathsTest, TellsOnceThatThereAreNowPathsToLookAt) {
   EXPECT_EQ(told_to_look_, 1);
-  engine_->LookForMissingPaths();
-  EXPECT_EQ(told_to_look_, 1);
-  std::filesystem::create_directory(watched_);
-  engine_->LookForMissingPaths();
+  EXPECT_TRUE(engine_->HasPaths());
   RemoveFolder();
+  engine_->AddRules("IOC", {FakeRule::File("file", base_ + "/file", {EventType::Write})});
+  EXPECT_EQ(told_to_look_, 1);
+  engine_->AddRules("IOC", {});
+  engine_->AddRules("FIM", {});
+  EXPECT_FALSE(engine_->HasPaths());
+  engine_->AddRules("FIM", {rule_});
   EXPECT_EQ(told_to_look_, 2);
 }
 
@@ -240,10 +176,10 @@ TEST_F(RuleEnginePathsTest, KeepsLookingWhenTheKernelCannotBeAsked) {
   RemoveFolder();
   std::filesystem::create_directory(watched_);
   kernel_.open_error = EMFILE;
-  engine_->LookForMissingPaths();
+  engine_->LookAtPaths();
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "RuleEngine: Failed to put rules into force again: "));
   kernel_.open_error = 0;
-  engine_->LookForMissingPaths();
+  engine_->LookAtPaths();
   EXPECT_EQ(InstalledIds(), (Ids{"rule"}));
 }
 
@@ -251,13 +187,13 @@ TEST_F(RuleEnginePathsTest, APassingRefusalDoesNotEndARule) {
   RemoveFolder();
   std::filesystem::create_directory(watched_);
   kernel_.refuse_add = [](const fakes::SeenRule& rule) { return rule.Key() == "rule" ? ENOTDIR : 0; };
-  engine_->LookForMissingPaths();
+  engine_->LookAtPaths();
   EXPECT_TRUE(InstalledIds().empty());
-  EXPECT_TRUE(engine_->IsLookingForPaths());
+  EXPECT_TRUE(IsWaiting());
   kernel_.refuse_add = nullptr;
-  engine_->LookForMissingPaths();
+  engine_->LookAtPaths();
   EXPECT_EQ(InstalledIds(), (Ids{"rule"}));
-  EXPECT_FALSE(engine_->IsLookingForPaths());
+  EXPECT_FALSE(IsWaiting());
 }
 
 TEST_F(RuleEnginePathsTest, TellsARefusalThatLastsOnce) {
@@ -265,25 +201,25 @@ TEST_F(RuleEnginePathsTest, TellsARefusalThatLastsOnce) {
   std::filesystem::create_directory(watched_);
   RuleEngineFixture::watched_.clear();
   kernel_.refuse_add = [](const fakes::SeenRule&) { return ENOSPC; };
-  for (int looks = 0; looks < 3; ++looks) engine_->LookForMissingPaths();
+  for (int looks = 0; looks < 3; ++looks) engine_->LookAtPaths();
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "Failed to renew rule rule: Failed to add rule to audit subsystem"));
   EXPECT_EQ(RenewalErrors(), 2);
   EXPECT_TRUE(RuleEngineFixture::watched_.empty()) << "and lets nobody look through the folders for it";
 
   kernel_.refuse_add = nullptr;
-  engine_->LookForMissingPaths();
+  engine_->LookAtPaths();
   EXPECT_EQ(RuleEngineFixture::watched_.size(), 1U);
   RemoveFolder();
   std::filesystem::create_directory(watched_);
   kernel_.refuse_add = [](const fakes::SeenRule&) { return ENOSPC; };
-  engine_->LookForMissingPaths();
+  engine_->LookAtPaths();
   EXPECT_EQ(RenewalErrors(), 4) << "this is news";
 }
 
 TEST_F(RuleEnginePathsTest, ForgetsWhatARuleWaitedForThatIsReplaced) {
   RemoveFolder();
   engine_->AddRules("FIM", {});
-  EXPECT_FALSE(engine_->IsLookingForPaths());
+  EXPECT_FALSE(IsWaiting());
   EXPECT_TRUE(log_.Has("Rules in force: 0 of 0"));
 }
 

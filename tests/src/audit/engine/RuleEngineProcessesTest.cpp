@@ -6,6 +6,7 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "tests/src/audit/engine/RuleEngineFixture.h"
 
@@ -87,7 +88,6 @@ TEST_F(RuleEngineProcessesTest, AForkOnThePidOfAKilledChildOfTheAgentIsHeard) {
   Listen("FIM");
   engine_->AddRules("FIM", {Watch("a")});
   ListenToProcesses();
-  processes_.Boot(1'600'000'000);
   Start(1, 400, -1);
   processes_.Start(500, 60);
   Start(2, 500, 400);
@@ -110,6 +110,25 @@ TEST_F(RuleEngineProcessesTest, DeliversWhatAProcessDidBeforeItsEnd) {
   EXPECT_EQ(heard_, (Ids{"IOC p,:1"}));
   engine_->ProcessEvent(Event(EventType::ProcessExit, 3, 700, -1));
   EXPECT_EQ(heard_, (Ids{"IOC p,:1", "FIM a,:2", "IOC p,:3"}));
+}
+
+TEST_F(RuleEngineProcessesTest, HearsTheRestedWriteOfAProcessThatBecameASiblingSince) {
+  Listen("FIM");
+  engine_->AddRules("FIM", {Watch("a")});
+  ListenToProcesses();
+  processes_.Start(700, 50, updated_);
+  Start(1, 700, -1);
+  auto write = std::make_unique<FakeEvent>(EventType::Write, "Write", folder_ / "file");
+  write->id = 2;
+  write->pid = 700;
+  write->image = common::ImageInfo(program_);
+  engine_->ProcessEvent(std::move(write));
+  auto exec = Event(EventType::ProcessStart, 3, 700, -1);
+  exec->image = common::ImageInfo(updated_);
+  engine_->ProcessEvent(std::move(exec));
+  clock_.Advance(31s);
+  engine_->OnIdle();
+  EXPECT_EQ(heard_, (Ids{"IOC p,:1", "FIM a,:2"}));
 }
 
 TEST_F(RuleEngineProcessesTest, AnExclusionDiesWithItsProcessThoughTheTreeDoesNotKnowIt) {
@@ -159,22 +178,32 @@ TEST_F(RuleEngineProcessesTest, ARuleThatTakesTheNameOfOneThatStaysKeepsTheLater
   EXPECT_EQ(heard_, (Ids{"IOC a,:1"}));
 }
 
-TEST_F(RuleEngineProcessesTest, TakesChangesFromThreeOtherThreadsWhileEventsFlow) {
+TEST_F(RuleEngineProcessesTest, TakesChangesFromOtherThreadsWhileEventsFlow) {
   Poco::Logger::get("edr").setLevel(Poco::Message::PRIO_INFORMATION);
   std::size_t heard = 0;
   engine_->RegisterEventHandlers(
       "IOC", [&](const Ids&, const edr::Event&) { ++heard; }, [this] { AddProcessRule(); });
   AddProcessRule();
+  // As a component does that keeps what it hears, and adds its rules again when they were dropped.
+  std::vector<std::unique_ptr<edr::Event>> kept;
+  const auto add_rules = [this] { engine_->AddRules("FIM", {Watch("a")}); };
+  engine_->RegisterEventHandlers(
+      "FIM",
+      [&](const Ids& ids, const edr::Event& event) {
+        if (!ids.empty() && event.GetFile() != nullptr) kept.push_back(event.Clone());
+      },
+      add_rules);
   const auto repeat = [](auto action) {
     return std::thread([action] {
       for (int i = 0; i < 100; ++i) action(i);
     });
   };
-  std::array<std::thread, 3> others = {
+  std::array<std::thread, 5> others = {
       repeat([&](int) { engine_->Invalidate(); }),
       repeat([&](int i) { engine_->UpdateExclusions(400 + i % 2, "/opt/ostrel/bin/host-warden"); }), repeat([&](int i) {
         engine_->AddRules("FIM", i % 2 == 0 ? edr::EventRuleEngine::Rules{Watch("a")} : edr::EventRuleEngine::Rules{});
-      })};
+      }),
+      repeat([&](int) { engine_->LookAtPaths(); }), repeat([&](int) { engine_->LookAtExclusions(); })};
   for (std::int32_t pid = 1'000; pid < 1'500; ++pid) {
     const auto id = static_cast<std::uint32_t>(pid);
     engine_->ProcessEvent(Event(EventType::ProcessClone, id, pid, pid - 1));
@@ -183,6 +212,10 @@ TEST_F(RuleEngineProcessesTest, TakesChangesFromThreeOtherThreadsWhileEventsFlow
     if (pid % 2 == 0) engine_->ProcessEvent(Event(EventType::ProcessExit, id, pid, pid - 1));
   }
   for (std::thread& other : others) other.join();
+  add_rules();
+  kept.clear();
+  Act(1, 2'000);
+  EXPECT_EQ(kept.size(), 1U);
   Act(1, 2'000);  // the round that follows a time without rules is over
   heard = 0;
   Start(1, 2'001, -1);

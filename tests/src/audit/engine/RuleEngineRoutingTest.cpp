@@ -118,7 +118,7 @@ TEST_F(RuleEngineRoutingTest, TakesNewRulesFromSeveralThreadsWhileEventsFlow) {
     for (int i = 0; i < 50; ++i) {
       engine_->UpdateExclusions(400 + i % 2, "/opt/ostrel/bin/host-warden");
       engine_->LookAtExclusions();
-      engine_->LookForMissingPaths();
+      engine_->LookAtPaths();
     }
   });
   std::thread channel([&] {
@@ -151,7 +151,7 @@ TEST_F(RuleEngineRoutingTest, DropsWhatTheProgramAndItsFamilyDo) {
   agent->pid = 400;
   engine_->ProcessEvent(std::move(agent));
   auto sibling = FolderEvent(3, folder_ / "sub");
-  sibling->image = common::ImageInfo("/opt/ostrel/bin/ostrel-log-collector");
+  sibling->image = common::ImageInfo(install_ / "bin/ostrel-log-collector");
   engine_->ProcessEvent(std::move(sibling));
   EXPECT_TRUE(heard_.empty());
   EXPECT_EQ(log_.Count("AuditRuleEngine::ShouldProcessEvent: Dropping Ostrel generated event with ID: "), 3);

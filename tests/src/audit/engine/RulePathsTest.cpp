@@ -63,5 +63,23 @@ TEST_F(RulePathsTest, PassesOverRulesWithoutAPath) {
   EXPECT_EQ(Find("/"), Ids());
 }
 
+TEST_F(RulePathsTest, GoesRoundAllPlacesInPortions) {
+  EXPECT_TRUE(paths_.PlacesAfter("", 3).empty());
+  Insert("a", "/a");
+  Insert("b", "/b/");
+  Insert("b2", "/b", ObjectType::File);
+  Insert("c", "/c");
+  const auto portion = [this](const std::string& path, std::size_t most) {
+    Ids paths;
+    for (const WatchedPlace& place : paths_.PlacesAfter(path, most)) paths.push_back(place.path);
+    return paths;
+  };
+  EXPECT_EQ(portion("", 1), (Ids{"/a"}));
+  EXPECT_EQ(portion("/a", 1), (Ids{"/b", "/b"})) << "of each path all places";
+  EXPECT_EQ(portion("/b", 2), (Ids{"/c", "/a"}));
+  EXPECT_EQ(portion("/b", 99), (Ids{"/c", "/a", "/b", "/b"}));
+  EXPECT_EQ(paths_.At({ObjectType::File, "/b"}).front().key.id, "b2");
+}
+
 }  // namespace
 }  // namespace zagent::audit::internal

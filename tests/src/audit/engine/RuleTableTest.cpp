@@ -169,12 +169,13 @@ TEST_F(RuleTableTest, RefusesTheSecondProcessRuleOnOneName) {
   InsertNamed("IOC", "1", "shell");
   EXPECT_EQ(ErrorOf([&] { InsertNamed("IOC", "2", "shell"); }), "Cannot add more than 1 process rule for 'shell'");
   EXPECT_EQ(FindAll(ObjectType::Process), (Ids{{"IOC", {"1"}}}));
-  // The same rule again, another tag, or after the first has gone: no second one.
+  EXPECT_EQ(ErrorOf([&] { InsertNamed("FIM", "1", "shell"); }), "Cannot add more than 1 process rule for 'shell'")
+      << "of whichever tag";
+  // The same rule again, or after the first has gone: no second one.
   InsertNamed("IOC", "1", "shell");
-  InsertNamed("FIM", "2", "shell");
   table_.Remove("IOC", {ObjectType::Process, "1"});
-  InsertNamed("IOC", "2", "shell");
-  EXPECT_EQ(FindAll(ObjectType::Process), (Ids{{"FIM", {"2"}}, {"IOC", {"2"}}}));
+  InsertNamed("FIM", "2", "shell");
+  EXPECT_EQ(FindAll(ObjectType::Process), (Ids{{"FIM", {"2"}}}));
 }
 
 TEST_F(RuleTableTest, SaysWhetherThereAreProcessRules) {

@@ -126,5 +126,34 @@ TEST_F(TruePathsTest, CopesWithEventsThatTellLittle) {
   EXPECT_EQ(TruePaths(nullptr, nullptr).OfFile(EventAt(link_ + "/f", real_)), (Paths{real_ + "/f"}));
 }
 
+TEST_F(TruePathsTest, FindsTheNameOfAFileWithinTheFolderOfARule) {
+  const auto rule = fakes::FakeRule::Directory("r", real_, {EventType::Write});
+  EXPECT_EQ(paths_.Within(*rule, EventAt(link_ + "/sub/f", real_ + "/sub")).file, real_ + "/sub/f");
+  folders_->Learn(IdentityOf(EventAt("/f", real_ + "/sub")), real_ + "/sub");
+  EXPECT_EQ(paths_.Within(*rule, EventAt("/in/a/jail/f", real_ + "/sub")).file, real_ + "/sub/f");
+  EXPECT_FALSE(paths_.Within(*rule, EventAt(base_ + "/f", base_)).file);
+}
+
+TEST_F(TruePathsTest, KnowsTheFolderOfARuleAmongThoseOnTheWayToAFileThatIsGone) {
+  const auto rule = fakes::FakeRule::Directory("r", real_ + "/", {EventType::Write});
+  const FakeEvent event = EventAt(link_ + "/sub/f", real_ + "/sub");
+  std::filesystem::rename(real_ + "/sub", base_ + "/away");
+  EXPECT_EQ(paths_.Within(*rule, event).file, real_ + "/sub/f");
+  const auto file_rule = fakes::FakeRule::File("r", real_ + "/sub/f", {EventType::Write});
+  EXPECT_FALSE(paths_.Within(*file_rule, event).file);
+}
+
+TEST_F(TruePathsTest, KnowsTheFileOfARuleByItsOtherLinks) {
+  folder_.Write("real/f", "x");
+  std::filesystem::create_hard_link(real_ + "/f", base_ + "/hard");
+  struct stat found {};
+  ASSERT_EQ(stat((base_ + "/hard").c_str(), &found), 0);
+  FakeEvent event(EventType::Delete, "Delete", base_ + "/hard");
+  event.file = common::ImageInfo(base_ + "/hard", found);
+  EXPECT_TRUE(TruePaths::IsFileOf(*fakes::FakeRule::File("r", real_ + "/f", {EventType::Write}), event));
+  EXPECT_FALSE(TruePaths::IsFileOf(*fakes::FakeRule::File("r", real_ + "/g", {EventType::Write}), event));
+  EXPECT_FALSE(TruePaths::IsFileOf(*fakes::FakeRule::Directory("r", real_ + "/f", {EventType::Write}), event));
+}
+
 }  // namespace
 }  // namespace zagent::audit::internal

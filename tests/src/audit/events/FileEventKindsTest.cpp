@@ -216,6 +216,19 @@ TEST_F(AttributeEventTest, ShowsTheObjectBeforeAndAfterTheCall) {
   EXPECT_EQ(after.GetDevice(), event.GetFile()->GetDevice());
 }
 
+TEST_F(AttributeEventTest, ShowsWhatTheNextLookAtTheDiskFound) {
+  ASSERT_EQ(chmod(file_.c_str(), 0604), 0);
+  AuditRecords records;
+  records.Syscall(90).Cwd("/").Path("NORMAL", file_, file_, {{"mode", "0100644"}});
+  AttributeEvent event(records, nullptr);
+  EXPECT_EQ(event.GetNewFile()->GetPermission(), 604U);
+  ASSERT_EQ(chmod(file_.c_str(), 0600), 0);
+  event.Refresh();
+  EXPECT_EQ(event.GetNewFile()->GetPermission(), 600U);
+  EXPECT_EQ(event.GetNewFile()->GetPath(), file_);
+  EXPECT_EQ(event.GetFile()->GetPermission(), 644U);
+}
+
 TEST_F(AttributeEventTest, FollowsLinksOrNotAsTheCallDoes) {
   for (const unsigned syscall :
        {90U, 91U, 92U, 93U, 132U, 188U, 190U, 191U, 193U, 194U, 196U, 197U, 199U, 235U, 260U, 261U, 268U, 280U}) {

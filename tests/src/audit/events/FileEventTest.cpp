@@ -110,6 +110,14 @@ TEST_F(FileEventTest, IsNoEventWhenTheParentCannotBeFound) {
   EXPECT_EQ(ErrorOf(records_), "Failed to get parent inode/deviceid for Write event");
 }
 
+TEST_F(FileEventTest, KeepsWhatWasOpenedAgainThroughADescriptorOfAProcessThatIsGone) {
+  const std::string file = folder_.Write("f", "abc");
+  OpenForWriting().Path("NORMAL", "/proc/2147483646/fd/3", file);
+  const ReadWriteEvent event(records_, nullptr);
+  EXPECT_EQ(event.GetPath(), "/proc/2147483646/fd/3") << "the rule that the kernel names may tell where it lies";
+  EXPECT_EQ(event.GetParentInode(), 0U);
+}
+
 TEST_F(FileEventTest, FollowsADescriptorWhenTheRecordNamesTheWrongFolder) {
   const std::string file = folder_.Write("sub/viafd", "abc");
   const common::util::UniqueFd fd(open((folder_ / "sub").c_str(), O_RDONLY | O_DIRECTORY));

@@ -351,6 +351,10 @@ TEST_F(PlacedEventsTest, AFolderBehindALinkHasTheDeviceOfItsOwnMount) {
   context_->mounts = std::make_shared<MountTable>(folder_ / "proc", [](int) { return false; });
   Call(kOpenAt, {{"a2", "1"}}).Path("NORMAL", folder_ / "w/link/f", file);
   EXPECT_EQ(Build<ReadWriteEvent>().GetParentDeviceID(), common::util::DeviceText(makedev(7, 77)));
+  // The kernel tells that device of the file, too.
+  Call(kOpenAt, {{"a2", "1"}});
+  records_->Path("NORMAL", folder_ / "w/link/f", file, {{"dev", common::util::DeviceText(makedev(7, 77))}});
+  EXPECT_EQ(Build<ReadWriteEvent>().GetFileSize(), 3);
 }
 
 // --- two names that are exchanged

@@ -18,6 +18,7 @@
 #include "src/audit/events/RenameEvent.h"
 #include "src/audit/events/SyscallSet.h"
 #include "tests/fakes/TempFolder.h"
+#include "tests/fakes/TestData.h"
 
 namespace zagent::audit::internal {
 namespace {
@@ -57,7 +58,7 @@ class RealRecordsTest : public ::testing::Test {
   }
 
   std::string Records() const {
-    std::ifstream in(std::string(OSTREL_TEST_DATA) + "/audit-operations-6.1.log", std::ios::binary);
+    std::ifstream in(fakes::TestData("audit-operations-6.1.log"), std::ios::binary);
     std::string text{std::istreambuf_iterator<char>(in), {}};
     EXPECT_FALSE(text.empty());
     // The test's own folder may lie in /tmp, so that name goes first.

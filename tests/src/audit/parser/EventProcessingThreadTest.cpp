@@ -315,6 +315,40 @@ TEST_F(EventProcessingThreadTest, CountsWhatAStopLeavesOfTheBatchAtHand) {
   EXPECT_GE(Left(), refused + 4);
 }
 
+TEST_F(EventProcessingThreadTest, KnowsHowManyEventsItHolds) {
+  fakes::Gate in_second_event;
+  fakes::Gate go_on;
+  engine_.on_process = [&](const edr::Event& event) {
+    if (event.GetId() != 2) return;
+    in_second_event.Open();
+    EXPECT_TRUE(go_on.Await());
+  };
+  stage_->Start();
+  AddMany(1, 5);
+  ASSERT_TRUE(in_second_event.Await());
+  EXPECT_EQ(stage_->GetQueuedEvents(), 4U) << "the one at hand and those behind it";
+  AddMany(6, 3);
+  EXPECT_EQ(stage_->GetQueuedEvents(), 7U) << "and those that wait for the next batch";
+  go_on.Open();
+  EXPECT_THAT(Processed(8), testing::SizeIs(8));
+  stage_->Stop();
+  EXPECT_EQ(stage_->GetQueuedEvents(), 0U);
+}
+
+TEST_F(EventProcessingThreadTest, HoldsNoEventAfterAStopInTheMiddleOfABatch) {
+  std::promise<void> open;
+  engine_.on_process = [gate = open.get_future().share()](const edr::Event&) { gate.wait(); };
+  stage_->Start();
+  AddMany(1, 5);
+  while (!lines_.Has("Audit active event processing queue size: 5 events")) std::this_thread::yield();
+  AddMany(6, 3);
+  auto stopping = std::async(std::launch::async, [this] { stage_->Stop(); });
+  while (Left() == 0) AddOne(9);
+  open.set_value();
+  stopping.get();
+  EXPECT_EQ(stage_->GetQueuedEvents(), 0U);
+}
+
 TEST_F(EventProcessingThreadTest, AtTheStopTheEngineDeliversWhatStillWaitsInIt) {
   std::thread::id processed_on;
   std::thread::id delivered_on;

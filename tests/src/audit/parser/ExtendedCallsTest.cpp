@@ -16,6 +16,7 @@
 #include "src/edr/process/ImageInfo.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
+#include "tests/fakes/TestData.h"
 
 namespace zagent::audit::internal {
 namespace {
@@ -29,7 +30,7 @@ class ExtendedCallsTest : public testing::Test {
  protected:
   // The records behind the mark of a step, up to the next mark.
   static std::string Step(const std::string& name) {
-    std::ifstream in(std::string(OSTREL_TEST_DATA) + "/audit-extended-6.1.log");
+    std::ifstream in(fakes::TestData("audit-extended-6.1.log"));
     std::string text;
     bool within = false;
     for (std::string line; std::getline(in, line);) {

@@ -21,6 +21,7 @@
 #include "src/audit/parser/EventFactory.h"
 #include "src/edr/process/ImageInfo.h"
 #include "tests/fakes/TempFolder.h"
+#include "tests/fakes/TestData.h"
 
 namespace zagent::audit::internal {
 namespace {
@@ -74,7 +75,7 @@ class ExtendedRecordsTest : public ::testing::Test {
  protected:
   ExtendedRecordsTest() {
     for (const char* name : {"w/deep", "r", "proc"}) fs::create_directories(folder_ / name);
-    std::ifstream in(std::string(OSTREL_TEST_DATA) + "/audit-extended-6.1.log", std::ios::binary);
+    std::ifstream in(fakes::TestData("audit-extended-6.1.log"), std::ios::binary);
     std::string step;
     for (std::string line; std::getline(in, line);) {
       if (const std::size_t at = line.find("'step: "); at != std::string::npos) {
@@ -240,7 +241,7 @@ TEST_F(ExtendedRecordsTest, EveryStepBecomesItsEvents) {
     const auto text = [&](const auto& outcome) { return outcome.count(step) != 0 ? outcome.at(step) : "-"; };
     actual << step << " | " << text(plain) << " | " << text(extended) << "\n";
   }
-  std::ifstream in(std::string(OSTREL_TEST_DATA) + "/audit-extended-6.1.events", std::ios::binary);
+  std::ifstream in(fakes::TestData("audit-extended-6.1.events"), std::ios::binary);
   std::ostringstream expected;
   expected << in.rdbuf();
   EXPECT_EQ(actual.str(), expected.str());

@@ -12,6 +12,7 @@
 #include "src/audit/parser/AuparseFeed.h"
 #include "tests/fakes/AuditLog.h"
 #include "tests/fakes/LogCapture.h"
+#include "tests/fakes/TestData.h"
 
 #ifdef __SANITIZE_ADDRESS__
 #include <sanitizer/lsan_interface.h>
@@ -52,7 +53,7 @@ class ForeignLogsTest : public testing::Test {
 
   // All records of one event of the log, in their order.
   static Lines EventOf(const std::string& serial) {
-    std::ifstream in(std::string(OSTREL_TEST_DATA) + "/audit-processes-6.1.log");
+    std::ifstream in(fakes::TestData("audit-processes-6.1.log"));
     Lines lines;
     for (std::string line; std::getline(in, line);) {
       if (line.find(":" + serial + "): ") != std::string::npos) lines.push_back(line + "\n");

@@ -263,6 +263,7 @@ TEST_F(ParserThreadTest, AtItsLimitItDropsBytesUntilHalfIsFreeAgain) {
   EXPECT_EQ(lines_.Count(warning), 1);
   EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_WARNING, warning));
   EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_DEBUG, "Audit parser queue size: 102400 KB"));
+  EXPECT_EQ(parser_->GetQueuedBytes(), 100 * kMiB + 5);
 
   // The load lets the parser feed one step at a time.
   cpu_usage_ = 100;

@@ -17,6 +17,7 @@
 #include "src/edr/process/ImageInfo.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
+#include "tests/fakes/TestData.h"
 
 namespace zagent::audit::internal {
 namespace {
@@ -73,7 +74,7 @@ class RealProcessesTest : public ::testing::Test {
   }
 
   std::string Records() const {
-    std::ifstream in(std::string(OSTREL_TEST_DATA) + "/audit-processes-6.1.log", std::ios::binary);
+    std::ifstream in(fakes::TestData("audit-processes-6.1.log"), std::ios::binary);
     std::string text{std::istreambuf_iterator<char>(in), {}};
     EXPECT_FALSE(text.empty());
     // The test's own folder may lie in one of these, so its name comes last.

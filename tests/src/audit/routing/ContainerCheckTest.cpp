@@ -6,8 +6,8 @@
 #include <string>
 
 #include "tests/fakes/FakeEvent.h"
+#include "tests/fakes/FakeProcFs.h"
 #include "tests/fakes/FakeProcessInfo.h"
-#include "tests/fakes/FakeProcesses.h"
 
 namespace zagent::audit::internal {
 namespace {
@@ -24,7 +24,7 @@ class ContainerCheckTest : public ::testing::Test {
     tree_.Add(std::make_unique<fakes::FakeProcessInfo>(pid, ppid, image));
   }
 
-  fakes::FakeProcesses processes_;
+  fakes::FakeProcFs processes_;
   common::ProcessTree tree_;
   ImageProof proof_{0, processes_.Root()};
   ContainerCheck check_{tree_, proof_};

@@ -6,6 +6,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "src/edr/EventRuleEngine.h"
@@ -32,6 +33,7 @@ class EventRouterTest : public ::testing::Test {
     bool operator==(const Delivered&) const = default;
   };
   using Deliveries = std::vector<Delivered>;
+  using Twins = std::vector<std::pair<std::uint32_t, std::int32_t>>;
 
   // An event that happens now.
   std::unique_ptr<FakeEvent> Event(std::uint32_t id, ObjectType object = ObjectType::File) {
@@ -70,7 +72,10 @@ class EventRouterTest : public ::testing::Test {
   fakes::FakeClock clock_;
   Deliveries delivered_;
   bool is_own_ = false;
+  bool is_agents_ = false;  // as it is known when the event has rested
   std::function<void(const edr::Event&)> on_delivery_ = [](const edr::Event&) {};
+  std::function<std::unique_ptr<edr::Event>(const edr::Event&)> find_twin_ = [](const edr::Event&) { return nullptr; };
+  Twins twins_;  // id and process of those delivered
   static constexpr std::size_t kMaxResting = 2000;
   IntakeCounters counters_;
   fakes::FakeProcFs proc_;
@@ -81,8 +86,16 @@ class EventRouterTest : public ::testing::Test {
                       counters_,
                       processes_,
                       {.has_process_rules = [this] { return has_process_rules_; },
-                       .should_process = [this](const edr::Event&) { return !is_own_; },
-                       .deliver = [this](const edr::Event& event) { Take(event); }}};
+                       .should_process =
+                           [this](const edr::Event&, EventSource source) {
+                             return source == EventSource::Pipeline ? !is_own_ : !is_agents_;
+                           },
+                       .find_twin = [this](const edr::Event& event) { return find_twin_(event); },
+                       .deliver =
+                           [this](const edr::Event& event, const edr::Event* twin) {
+                             Take(event);
+                             if (twin != nullptr) twins_.push_back({twin->GetId(), twin->GetActorProcessId()});
+                           }}};
 };
 
 TEST_F(EventRouterTest, LetsAFileEventRestForThirtySecondsAndLooksAtTheFileAgain) {
@@ -132,15 +145,63 @@ TEST_F(EventRouterTest, DropsAFailedCallUnlessItConcernsAFile) {
       log_.Has(Poco::Message::PRIO_TRACE, "RuleEngine::ProcessEvent: Dropping unsuccessful Execve event with ID 1"));
 }
 
-TEST_F(EventRouterTest, DropsTheProgramsOwnActivityOnTheWayInAndOut) {
+TEST_F(EventRouterTest, DropsTheProgramsOwnActivityByWhatItWasOnItsWayIn) {
   is_own_ = true;
   router_.Process(Event(1));
   is_own_ = false;
-  PassTime(31s);
-  EXPECT_TRUE(delivered_.empty());
-
   router_.Process(Event(2));
-  is_own_ = true;
+  is_own_ = true;  // by the time its rest is over its process is one of the family
+  PassTime(31s);
+  EXPECT_EQ(delivered_, (Deliveries{{2, 1}}));
+}
+
+// --- an event of two paths: its twin has the id plus 100
+
+TEST_F(EventRouterTest, DeliversATwinTogetherWithItsEvent) {
+  find_twin_ = [this](const edr::Event& event) { return Event(event.GetId() + 100, event.GetObjectType()); };
+  router_.Process(Event(1, ObjectType::Directory));
+  EXPECT_EQ(twins_, (Twins{{101, 100}}));
+  router_.Process(Event(2));
+  find_twin_ = [](const edr::Event&) { return nullptr; };  // the way there is gone since
+  PassTime(31s);
+  EXPECT_EQ(delivered_, (Deliveries{{1, 0}, {2, 1}}));
+  EXPECT_EQ(twins_, (Twins{{101, 100}, {102, 100}}));
+}
+
+TEST_F(EventRouterTest, DeliversWhicheverOfTheTwoIsStillWhatItWas) {
+  find_twin_ = [this](const edr::Event& event) {
+    auto twin = Event(event.GetId() + 100);
+    if (event.GetId() == 1) twin->refresh_error = "gone";
+    return twin;
+  };
+  router_.Process(Event(1));
+  auto gone = Event(2);
+  gone->refresh_error = "gone";
+  router_.Process(std::move(gone));
+  PassTime(31s);
+  EXPECT_EQ(delivered_, (Deliveries{{1, 1}, {102, 1}}));
+  EXPECT_TRUE(twins_.empty());
+}
+
+TEST_F(EventRouterTest, AsksForNoTwinOfAProcess) {
+  find_twin_ = [this](const edr::Event& event) { return Event(event.GetId() + 100); };
+  router_.Process(Event(1, ObjectType::Process));
+  EXPECT_TRUE(twins_.empty());
+}
+
+TEST_F(EventRouterTest, ATwinFollowsItsEventFromAThreadToItsProcess) {
+  find_twin_ = [](const edr::Event& event) { return event.Clone(); };
+  router_.Process(EventOf(42, 1));
+  proc_.Start(41, {.ppid = 0});
+  proc_.Start(42, {.ppid = 0, .tgid = 41});
+  has_process_rules_ = true;  // from now on
+  PassTime(31s);
+  EXPECT_EQ(twins_, (Twins{{1, 41}}));
+}
+
+TEST_F(EventRouterTest, DropsWhatItLearnsToBeTheAgentsWhileItRests) {
+  router_.Process(Event(1));
+  is_agents_ = true;
   PassTime(31s);
   EXPECT_TRUE(delivered_.empty());
 }

@@ -5,11 +5,12 @@
 
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "tests/fakes/FakeEvent.h"
+#include "tests/fakes/FakeProcFs.h"
 #include "tests/fakes/FakeProcessInfo.h"
-#include "tests/fakes/FakeProcesses.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
 
@@ -29,7 +30,7 @@ class ImageProofTest : public ::testing::Test {
   }
 
   fakes::LogCapture log_;
-  fakes::FakeProcesses processes_;
+  fakes::FakeProcFs processes_;
   fakes::TempFolder folder_;
   const std::string scanner_ = folder_.Write("scanner", "the real one");
   ImageProof proof_{kAgentUid, processes_.Root()};
@@ -72,6 +73,49 @@ TEST_F(ImageProofTest, DisprovesAFileThatIsNotRoots) {
   processes_.Start(7, 100, scanner_);
   ASSERT_EQ(chown(scanner_.c_str(), kStranger, 0), 0);
   EXPECT_TRUE(IsDisproved(7));
+}
+
+TEST_F(ImageProofTest, DisprovesTheRealProgramInTheHandsOfAStranger) {
+  processes_.Start(7, 100, scanner_, kStranger);
+  EXPECT_TRUE(IsDisproved(7)) << "whatever the event says";
+  EXPECT_TRUE(log_.Has("Process 7 is run by a user who may not speak for " + scanner_));
+  processes_.Start(8, 100, scanner_, kAgentUid);
+  EXPECT_FALSE(IsDisproved(8));
+  processes_.Start(9, 100, scanner_);
+  processes_.Write(9, "status", "Name:\tscanner\nUid:\t1000\t0\t0\t0\n");
+  EXPECT_TRUE(IsDisproved(9)) << "who started it may still trace it";
+  processes_.Start(10, 100, scanner_);
+  processes_.Write(10, "status", "Name:\tscanner\nUid:\t0\t1000\t1000\t1000\n");
+  EXPECT_TRUE(IsDisproved(10));
+}
+
+TEST_F(ImageProofTest, ReadsTheUsersEachTime) {
+  processes_.Start(7, 100, scanner_);
+  ASSERT_FALSE(IsDisproved(7));
+  processes_.Start(7, 100, scanner_, kStranger);
+  EXPECT_TRUE(IsDisproved(7));
+}
+
+TEST_F(ImageProofTest, JudgesAProcessWhoseUsersCannotBeReadLikeOneThatIsGone) {
+  processes_.Start(7, 100, scanner_);
+  processes_.Remove(7, "status");
+  EXPECT_FALSE(IsDisproved(7, 0, 0));
+  EXPECT_TRUE(IsDisproved(7, kStranger, kStranger));
+}
+
+TEST_F(ImageProofTest, ProvesAProcessByWhatItIsNowWhateverItWas) {
+  processes_.Start(7, 100, scanner_);
+  const std::optional<std::int64_t> start = proof_.ProveAnew({7, scanner_, 0, 0});
+  ASSERT_TRUE(start);
+  ASSERT_FALSE(IsDisproved(7));
+  processes_.Start(7, 100, folder_.Write("sh", ""));
+  EXPECT_FALSE(proof_.ProveAnew({7, scanner_, 0, 0}));
+  processes_.Start(7, 101, scanner_);
+  EXPECT_NE(proof_.ProveAnew({7, scanner_, 0, 0}), start);
+  processes_.Start(7, 101, scanner_, kStranger);
+  EXPECT_FALSE(proof_.ProveAnew({7, scanner_, 0, 0}));
+  processes_.End(7);
+  EXPECT_FALSE(proof_.ProveAnew({7, scanner_, 0, 0})) << "who is gone proves nothing";
 }
 
 TEST_F(ImageProofTest, JudgesAProcessThatIsGoneByItsUser) {

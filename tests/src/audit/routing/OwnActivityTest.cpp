@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "tests/fakes/FakeEvent.h"
+#include "tests/fakes/FakeProcFs.h"
 #include "tests/fakes/FakeProcessInfo.h"
-#include "tests/fakes/FakeProcesses.h"
 #include "tests/fakes/LogCapture.h"
 
 namespace zagent::audit::internal {
@@ -27,7 +27,7 @@ class OwnActivityTest : public ::testing::Test {
   }
 
   common::ProcessTree tree_;
-  fakes::FakeProcesses processes_;
+  fakes::FakeProcFs processes_;
   ImageProof proof_{777, processes_.Root()};
   OwnActivity own_{tree_, proof_, OwnActivity::DefaultSiblingNames(), "/opt/ostrel"};
 };
@@ -80,6 +80,14 @@ TEST_F(OwnActivityTest, KnowsTheChildrenOfASibling) {
 TEST_F(OwnActivityTest, JudgesAProcessOfTheTreeByTheTreeAlone) {
   AddProcess(600, -1, "/bin/sh");
   EXPECT_FALSE(IsOwn(600, "/opt/ostrel/updated"));
+}
+
+TEST_F(OwnActivityTest, DoesNotTakeAProcessForTheSiblingThatItWasByTheTree) {
+  AddProcess(600, -1, "/opt/ostrel/updated");
+  EXPECT_TRUE(IsOwn(600, "/opt/ostrel/updated"));
+  EXPECT_FALSE(IsOwn(600, "/bin/sh"));
+  AddProcess(601, 600, "/bin/sh");
+  EXPECT_TRUE(IsOwn(601, "/bin/cp")) << "what a sibling starts is the family's";
 }
 
 TEST_F(OwnActivityTest, JudgesEventsWithoutProcessOrImage) {

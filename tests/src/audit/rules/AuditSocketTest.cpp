@@ -50,7 +50,7 @@ TEST_F(AuditSocketTest, ClosesItsDescriptorOnLeaving) {
 TEST_F(AuditSocketTest, SaysWhoCouldNotOpenItAndThrows) {
   kernel_.open_error = EPROTONOSUPPORT;
   try {
-    const AuditSocket another(kernel_, "RuleEngine::AddRules");
+    const AuditSocket another(kernel_, "RuleEngine::AddRules: Failed to open audit socket");
     FAIL() << "no exception";
   } catch (const edr::RuleEngineException& error) {
     EXPECT_STREQ(error.what(), "Failed to open audit socket");

@@ -162,5 +162,22 @@ TEST_F(KernelRulesTest, DeletesWhatAnEarlierRunWithExtendedCoverageLeft) {
   EXPECT_TRUE(kernel_.Rules().empty());
 }
 
+TEST_F(KernelRulesTest, AsksTheKernelWhetherItHasARuleAndLeavesItAsItIs) {
+  const auto rule = FakeRule::Directory("id", folder_.Path(), {EventType::Read, EventType::Write});
+  EXPECT_FALSE(HasInKernel(socket_, *rule, {}));
+  EXPECT_TRUE(kernel_.Rules().empty());
+  std::vector<AuditRule> created = CreateRules(*rule, {});
+  ASSERT_EQ(created.size(), 2U);
+  ASSERT_EQ(socket_.Add(created[0]), 0);
+  EXPECT_FALSE(HasInKernel(socket_, *rule, {})) << "a half is not all of it";
+  EXPECT_EQ(kernel_.Rules().size(), 1U);
+  ASSERT_EQ(socket_.Add(created[1]), 0);
+  EXPECT_TRUE(HasInKernel(socket_, *rule, {}));
+  EXPECT_EQ(kernel_.Rules().size(), 2U);
+  const auto inexpressible = FakeRule::Directory("a!=b", folder_.Path(), {EventType::Write});
+  EXPECT_FALSE(HasInKernel(socket_, *inexpressible, {}));
+  EXPECT_TRUE(log_.Has("Failed to look for rule a!=b: "));
+}
+
 }  // namespace
 }  // namespace zagent::audit::internal

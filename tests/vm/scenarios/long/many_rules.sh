@@ -22,7 +22,9 @@ begin=$(cut -d. -f1 /proc/uptime)
 start_configured
 expect "five thousand rules are in force" wait_until 60 log_says "Rules in force: 5000 of 5000"
 took=$(($(cut -d. -f1 /proc/uptime) - begin))
-step "start-up and rules took $took s"
+# In hundredths of a second. What the system takes is the kernel's own comparing of each rule with all that it has.
+step "start-up and rules took $took s; processor: $(cut -d' ' -f14 /proc/"$(daemon_pid)"/stat) in the daemon, \
+$(cut -d' ' -f15 /proc/"$(daemon_pid)"/stat) in the kernel"
 expect "within 15 seconds" [ $took -le 15 ]
 expect "the kernel has them" is "$(audit-rules | grep -c 'key=rule-')" 5000
 act create $FOLDERS/4711/file

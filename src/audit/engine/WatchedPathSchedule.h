@@ -10,16 +10,16 @@
 
 namespace zagent::audit {
 
-// Looks once a second for paths that rules wait for, as long as there are any. RunNow when there are some: it does not
-// find out by itself.
-class MissingPathSchedule final : public common::Schedule {
+// Looks once a second at the paths of rules, as long as there are any. RunNow when there are some: it does not find out
+// by itself.
+class WatchedPathSchedule final : public common::Schedule {
  public:
-  // `is_looking` is called with the Scheduler's lock held: it returns at once.
-  MissingPathSchedule(std::function<bool()> is_looking, std::function<void()> look,
+  // `has_paths` is called with the Scheduler's lock held: it returns at once.
+  WatchedPathSchedule(std::function<bool()> has_paths, std::function<void()> look,
                       common::util::Clock& clock = common::util::Clock::Real());
-  MissingPathSchedule(const MissingPathSchedule&) = delete;
-  MissingPathSchedule& operator=(const MissingPathSchedule&) = delete;
-  ~MissingPathSchedule() override;
+  WatchedPathSchedule(const WatchedPathSchedule&) = delete;
+  WatchedPathSchedule& operator=(const WatchedPathSchedule&) = delete;
+  ~WatchedPathSchedule() override;
 
   [[nodiscard]] std::int64_t NextRunTime() override;
   void OnClockStep(std::chrono::nanoseconds step) override;
@@ -28,7 +28,7 @@ class MissingPathSchedule final : public common::Schedule {
   void Execute() override;
 
  private:
-  const std::function<bool()> is_looking_;
+  const std::function<bool()> has_paths_;
   const std::function<void()> look_;
   common::util::Clock& clock_;
   std::atomic<std::int64_t> last_run_;  // nanoseconds since the epoch

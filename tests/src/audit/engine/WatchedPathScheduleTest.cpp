@@ -1,4 +1,4 @@
-#include "src/audit/engine/MissingPathSchedule.h"
+#include "src/audit/engine/WatchedPathSchedule.h"
 
 #include <gtest/gtest.h>
 
@@ -14,19 +14,19 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class MissingPathScheduleTest : public ::testing::Test {
+class WatchedPathScheduleTest : public ::testing::Test {
  protected:
-  ~MissingPathScheduleTest() override { scheduler_.Stop(); }
+  ~WatchedPathScheduleTest() override { scheduler_.Stop(); }
 
   fakes::FakeClock clock_;
   std::atomic<bool> is_looking_{false};
   fakes::Mailbox<bool> looks_;
   common::Scheduler scheduler_{clock_};
-  const std::shared_ptr<MissingPathSchedule> schedule_ = std::make_shared<MissingPathSchedule>(
+  const std::shared_ptr<WatchedPathSchedule> schedule_ = std::make_shared<WatchedPathSchedule>(
       [this] { return is_looking_.load(); }, [this] { looks_.Put(true); }, clock_);
 };
 
-TEST_F(MissingPathScheduleTest, WantsToRunASecondAfterItsLastLookWhileThereIsSomethingToLookFor) {
+TEST_F(WatchedPathScheduleTest, WantsToRunASecondAfterItsLastLookWhileThereIsSomethingToLookFor) {
   const std::int64_t now = common::util::ToNanoseconds(clock_.Now());
   EXPECT_EQ(schedule_->NextRunTime(), now + 86'400'000'000'000);
   is_looking_ = true;
@@ -35,7 +35,7 @@ TEST_F(MissingPathScheduleTest, WantsToRunASecondAfterItsLastLookWhileThereIsSom
   EXPECT_EQ(schedule_->NextRunTime(), now) << "a clock that was set back holds nothing up";
 }
 
-TEST_F(MissingPathScheduleTest, LooksOnceASecondFromTheTimeThatItIsTold) {
+TEST_F(WatchedPathScheduleTest, LooksOnceASecondFromTheTimeThatItIsTold) {
   scheduler_.Start();
   scheduler_.RegisterSchedule(schedule_);
   is_looking_ = true;

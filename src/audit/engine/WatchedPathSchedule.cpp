@@ -1,4 +1,4 @@
-#include "src/audit/engine/MissingPathSchedule.h"
+#include "src/audit/engine/WatchedPathSchedule.h"
 
 #include <algorithm>
 #include <utility>
@@ -11,27 +11,27 @@ constexpr std::int64_t kDay = 86'400 * kSecond;
 
 }  // namespace
 
-MissingPathSchedule::MissingPathSchedule(std::function<bool()> is_looking, std::function<void()> look,
+WatchedPathSchedule::WatchedPathSchedule(std::function<bool()> has_paths, std::function<void()> look,
                                          common::util::Clock& clock)
-    : is_looking_(std::move(is_looking)),
+    : has_paths_(std::move(has_paths)),
       look_(std::move(look)),
       clock_(clock),
       last_run_(common::util::ToNanoseconds(clock.Now())) {}
 
-MissingPathSchedule::~MissingPathSchedule() {
+WatchedPathSchedule::~WatchedPathSchedule() {
   Cancel();
 }
 
-std::int64_t MissingPathSchedule::NextRunTime() {
+std::int64_t WatchedPathSchedule::NextRunTime() {
   const std::int64_t now = common::util::ToNanoseconds(clock_.Now());
-  return is_looking_() ? std::max(now, last_run_ + kSecond) : now + kDay;
+  return has_paths_() ? std::max(now, last_run_ + kSecond) : now + kDay;
 }
 
-void MissingPathSchedule::OnClockStep(std::chrono::nanoseconds step) {
+void WatchedPathSchedule::OnClockStep(std::chrono::nanoseconds step) {
   last_run_ = std::min(last_run_ + step.count(), common::util::ToNanoseconds(clock_.Now()));
 }
 
-void MissingPathSchedule::Execute() {
+void WatchedPathSchedule::Execute() {
   look_();
   last_run_ = common::util::ToNanoseconds(clock_.Now());
   Schedule::Execute();

@@ -1,0 +1,47 @@
+#include "src/audit/engine/WatchedPlace.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "src/audit/events/PathResolution.h"
+
+namespace zagent::audit::internal {
+namespace {
+
+Sight::State StateOf(int error) {
+  const bool is_gone = error == ENOENT || error == ENOTDIR || error == ELOOP || error == ENAMETOOLONG;
+  return is_gone ? Sight::State::Gone : Sight::State::Unknown;
+}
+
+void FollowLink(const std::string& path, WatchedObject& object) {
+  struct stat target {};
+  std::optional<std::string> real = CanonicalPath(path);
+  if (!real || stat(real->c_str(), &target) != 0 || !S_ISDIR(target.st_mode)) return;
+  object.target = std::move(real);
+  object.target_object = FileIdentity::Of(target);
+}
+
+}  // namespace
+
+Sight LookAt(const WatchedPlace& place) {
+  const bool is_folder = place.type == edr::ObjectType::Directory;
+  const std::string path =
+      is_folder ? place.path : place.path.substr(0, std::max<std::size_t>(place.path.rfind('/'), 1));
+  Sight sight;
+  sight.place = place;
+  struct stat found {};
+  // A folder on the way to a file may be a link: the kernel follows it.
+  if ((is_folder ? lstat(path.c_str(), &found) : stat(path.c_str(), &found)) != 0) {
+    sight.state = StateOf(errno);
+    return sight;
+  }
+  const bool is_watchable = S_ISDIR(found.st_mode) || S_ISLNK(found.st_mode);
+  sight.state = is_watchable ? Sight::State::There : Sight::State::Gone;
+  sight.object.object = FileIdentity::Of(found);
+  if (S_ISLNK(found.st_mode)) FollowLink(path, sight.object);
+  return sight;
+}
+
+}  // namespace zagent::audit::internal

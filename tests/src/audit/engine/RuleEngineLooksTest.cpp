@@ -1,0 +1,261 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/fakes/Gate.h"
+#include "tests/src/audit/engine/RuleEnginePathsFixture.h"
+
+namespace zagent::audit {
+namespace {
+
+using edr::EventType;
+using fakes::FakeRule;
+
+// What only a look at the disk tells: an object that was swapped where nobody watches, a link in the place of a folder,
+// and words of the kernel that come late.
+class RuleEngineLooksTest : public RuleEnginePathsFixture {
+ protected:
+  // The folder is swapped with its parent, and nobody hears of it.
+  void SwapTheParent() {
+    std::filesystem::create_directories(below_);
+    engine_->AddRules("FIM", {FakeRule::Directory("below", below_, {EventType::Write})});
+    std::filesystem::rename(base_ + "/parent", base_ + "/away");
+    std::filesystem::create_directories(below_ + "/new");
+    kernel_.calls.clear();
+  }
+  [[nodiscard]] Ids PathsOf(const std::string& key) const {
+    Ids paths;
+    for (const fakes::SeenRule& rule : kernel_.RulesWithKey(key)) paths.push_back(rule.Path());
+    return paths;
+  }
+  // In the place of the watched folder, which is removed.
+  void PutALink(const std::string& target) {
+    RemoveFolder();
+    std::filesystem::create_directory_symlink(target, watched_);
+    heard_.clear();
+    engine_->LookAtPaths();
+  }
+
+  const std::string below_ = base_ + "/parent/sub", target_ = base_ + "/target";
+};
+
+TEST_F(RuleEngineLooksTest, NoticesAParentThatWasSwappedWhereNobodyWatches) {
+  SwapTheParent();
+  LookForAMinute();
+  EXPECT_EQ(kernel_.calls, (Ids{"delete below", "add below"}));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "Rule below is not in force any more: " + below_ + " is gone"));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_INFORMATION, "Rule below is in force: " + below_ + " is there now"));
+  engine_->OnIdle();
+  EXPECT_EQ(heard_, (Ids{"Create " + below_ + "/new"}));
+  kernel_.calls.clear();
+  LookForAMinute();
+  EXPECT_TRUE(kernel_.calls.empty()) << "once is enough";
+}
+
+TEST_F(RuleEngineLooksTest, NoticesAParentThatWasRenamedAndWaitsForItsPath) {
+  SwapTheParent();
+  std::filesystem::remove_all(base_ + "/parent");
+  LookForAMinute();
+  EXPECT_TRUE(IsWaiting());
+  std::filesystem::rename(base_ + "/away", base_ + "/parent");
+  kernel_.calls.clear();
+  engine_->LookAtPaths();
+  EXPECT_FALSE(IsWaiting());
+  EXPECT_EQ(kernel_.calls, (Ids{"add below"})) << "what is right is not taken away first";
+  engine_->OnIdle();
+  EXPECT_TRUE(heard_.empty()) << "it was watched all the time";
+}
+
+TEST_F(RuleEngineLooksTest, TakesAllRulesOfOnePathAwayBeforeOneIsAddedAnew) {
+  Listen();
+  std::filesystem::create_directories(below_);
+  engine_->AddRules("FIM", {FakeRule::Directory("a", below_, {EventType::Write, EventType::Read})});
+  engine_->AddRules("IOC", {FakeRule::Directory("b", below_ + "/", {EventType::Write})});
+  std::filesystem::rename(base_ + "/parent", base_ + "/away");
+  std::filesystem::create_directories(below_);
+  kernel_.calls.clear();
+  LookForAMinute();
+  EXPECT_EQ(kernel_.calls, (Ids{"delete a", "delete a", "delete b", "add a", "add a", "add b"}))
+      << "as long as one is left the next one holds on to what that one watches";
+}
+
+TEST_F(RuleEngineLooksTest, NoticesAFileWhoseFolderWasSwapped) {
+  std::filesystem::create_directories(below_);
+  engine_->AddRules("FIM", {FakeRule::File("file", below_ + "/file", {EventType::Write})});
+  std::filesystem::rename(base_ + "/parent", base_ + "/away");
+  std::filesystem::create_directories(below_);
+  kernel_.calls.clear();
+  LookForAMinute();
+  EXPECT_EQ(kernel_.calls, (Ids{"delete file", "add file"}));
+}
+
+TEST_F(RuleEngineLooksTest, LooksAtEachOfManyPlacesOnceAMinute) {
+  edr::EventRuleEngine::Rules rules;
+  for (int i = 0; i < 90; ++i) {
+    rules.push_back(FakeRule::File("f" + std::to_string(i), watched_ + "/" + std::to_string(i), {EventType::Write}));
+  }
+  engine_->AddRules("FIM", rules);
+  std::multiset<std::string> seen;
+  std::size_t most = 0;
+  look_at_ = [&](const internal::WatchedPlace& place) {
+    seen.insert(place.path);
+    return internal::LookAt(place);
+  };
+  for (int second = 0; second < 60; ++second) {
+    const std::size_t before = seen.size();
+    engine_->LookAtPaths();
+    most = std::max(most, seen.size() - before);
+  }
+  EXPECT_EQ(std::set<std::string>(seen.begin(), seen.end()).size(), 90U);
+  EXPECT_EQ(most, 2U);
+}
+
+TEST_F(RuleEngineLooksTest, SaysNothingOfAPlaceThatTheFileSystemDoesNotAnswerFor) {
+  look_at_ = [](const internal::WatchedPlace& place) {
+    internal::Sight sight;
+    sight.place = place;
+    return sight;
+  };
+  LookForAMinute();
+  EXPECT_FALSE(IsWaiting());
+}
+
+TEST_F(RuleEngineLooksTest, AFileSystemThatDoesNotAnswerStopsNoEvent) {
+  fakes::Gate asked;
+  fakes::Gate answer;
+  look_at_ = [&](const internal::WatchedPlace& place) {
+    asked.Open();
+    static_cast<void>(answer.Await());
+    return internal::LookAt(place);
+  };
+  std::thread schedule([this] { engine_->LookAtPaths(); });
+  ASSERT_TRUE(asked.Await());
+  Process(EventType::Create, "Create", watched_ + "/sub");
+  engine_->AddRules("IOC", {FakeRule::Directory("other", base_, {EventType::Write})});
+  EXPECT_EQ(heard_, (Ids{"Create " + watched_ + "/sub"}));
+  answer.Open();
+  schedule.join();
+}
+
+TEST_F(RuleEngineLooksTest, WhatWasSeenCountsOnlyForTheRulesThatThereAre) {
+  RemoveFolder();
+  std::filesystem::create_directory(watched_);
+  look_at_ = [this](const internal::WatchedPlace& place) {
+    engine_->AddRules("FIM", {});
+    return internal::LookAt(place);
+  };
+  engine_->LookAtPaths();
+  EXPECT_TRUE(InstalledIds().empty());
+}
+
+// --- late words
+
+TEST_F(RuleEngineLooksTest, ALateWordOfARemovalDoublesNothing) {
+  std::filesystem::create_directory(watched_ + "/old");
+  DropKernelRules();
+  // The rules come anew before the records of the removal are read.
+  engine_->AddRules("FIM", {FakeRule::Directory("rule", watched_, {EventType::Write})});
+  ASSERT_EQ(InstalledIds(), (Ids{"rule"}));
+  TellOfDroppedRule(false);
+  EXPECT_TRUE(heard_.empty());
+  EXPECT_FALSE(IsWaiting());
+  engine_->LookAtPaths();
+  Settle();
+  EXPECT_TRUE(heard_.empty());
+  EXPECT_EQ(InstalledIds(), (Ids{"rule"}));
+}
+
+TEST_F(RuleEngineLooksTest, ALateEventOfARemovalDoublesNothing) {
+  std::filesystem::create_directory(watched_ + "/old");
+  DropKernelRules();
+  engine_->AddRules("FIM", {FakeRule::Directory("rule", watched_, {EventType::Write})});
+  kernel_.calls.clear();
+  Process(EventType::Delete, "Delete", watched_);
+  engine_->LookAtPaths();
+  Settle();
+  EXPECT_EQ(heard_, (Ids{"Delete " + watched_}));
+  EXPECT_EQ(kernel_.calls, (Ids{"add rule"})) << "which is there already";
+  EXPECT_FALSE(IsWaiting());
+}
+
+TEST_F(RuleEngineLooksTest, BelievesTheKernelsWordWhenItCannotBeAsked) {
+  DropKernelRules();
+  kernel_.open_error = EMFILE;
+  TellOfDroppedRule(false);
+  EXPECT_EQ(heard_, (Ids{"Delete " + watched_}));
+  EXPECT_TRUE(IsWaiting());
+}
+
+// --- links
+
+TEST_F(RuleEngineLooksTest, WatchesALinkInThePlaceOfAFolderAndWhereItLeads) {
+  std::filesystem::create_directories(target_ + "/sub");
+  PutALink(target_);
+  EXPECT_EQ(PathsOf("rule"), (Ids{watched_, target_}));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_INFORMATION,
+                       "Rule rule is in force at " + target_ + ", too: " + watched_ + " is a link"));
+  engine_->OnIdle();
+  EXPECT_EQ(heard_, (Ids{"Create " + watched_ + "/sub"}));
+
+  heard_.clear();
+  auto event = FolderEvent(1, target_ + "/made");
+  event->audit_key = "rule";
+  engine_->ProcessEvent(std::move(event));
+  EXPECT_EQ(heard_, (Ids{"Create " + target_ + "/made"}));
+  engine_->AddRules("FIM", {});
+  EXPECT_TRUE(InstalledIds().empty());
+}
+
+TEST_F(RuleEngineLooksTest, FollowsALinkThatIsTurned) {
+  std::filesystem::create_directories(target_ + "2");
+  std::filesystem::create_directories(target_);
+  PutALink(target_);
+  std::filesystem::create_directory_symlink(target_ + "2", base_ + "/next");
+  std::filesystem::rename(base_ + "/next", watched_);
+  LookForAMinute();
+  EXPECT_EQ(PathsOf("rule"), (Ids{watched_, target_ + "2"}));
+}
+
+TEST_F(RuleEngineLooksTest, StaysWithTheFolderThatALinkLeadsToWhenItIsMadeAgain) {
+  std::filesystem::create_directories(target_);
+  PutALink(target_);
+  std::filesystem::rename(target_, base_ + "/away");
+  std::filesystem::create_directory(target_);
+  kernel_.calls.clear();
+  LookForAMinute();
+  EXPECT_EQ(kernel_.calls, (Ids{"delete rule", "delete rule", "add rule", "add rule"}));
+}
+
+TEST_F(RuleEngineLooksTest, WatchesALinkThatLeadsNowhereAlone) {
+  PutALink(base_ + "/nowhere");
+  EXPECT_EQ(PathsOf("rule"), (Ids{watched_}));
+  EXPECT_FALSE(IsWaiting());
+}
+
+TEST_F(RuleEngineLooksTest, LeavesTheTargetToTheRuleThatStandsThere) {
+  std::filesystem::create_directories(target_);
+  engine_->AddRules("FIM", {rule_, FakeRule::Directory("there", target_, {EventType::Write})});
+  PutALink(target_);
+  EXPECT_EQ(PathsOf("rule"), (Ids{watched_}));
+  LookForAMinute();
+  EXPECT_EQ(PathsOf("rule"), (Ids{watched_}));
+}
+
+TEST_F(RuleEngineLooksTest, KeepsTheTargetWhenTheSameRulesComeAgain) {
+  std::filesystem::create_directories(target_);
+  PutALink(target_);
+  kernel_.calls.clear();
+  engine_->AddRules("FIM", {FakeRule::Directory("rule", watched_, {EventType::Write})});
+  EXPECT_TRUE(kernel_.calls.empty());
+  EXPECT_EQ(PathsOf("rule"), (Ids{watched_, target_}));
+}
+
+}  // namespace
+}  // namespace zagent::audit
