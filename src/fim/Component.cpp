@@ -58,27 +58,32 @@ std::unique_ptr<common::SpoolStorage> OpenSpool(const Config& config, const std:
 
 }  // namespace
 
-Component::Component(std::unique_ptr<Config> config, common::Scheduler& scheduler,
+Component::Component(std::chrono::system_clock::time_point /*start_time*/, std::unique_ptr<Config> config,
+                     std::shared_ptr<edr::LibMagicWrapper> /*lib_magic*/, common::Scheduler& scheduler,
                      std::unique_ptr<common::Uploader> uploader, edr::EventRuleEngine& engine,
-                     const std::string& base_directory, std::unique_ptr<const common::BlackoutManager> quiet_hours,
-                     common::util::Clock& clock)
+                     std::uint64_t /*cpu_limit*/, std::uint64_t /*memory_limit*/,
+                     std::unique_ptr<const common::BlackoutManager> quiet_hours, health::HealthReporter& health,
+                     const std::string& base_directory, common::util::Clock& clock)
     : config_(NotNull(std::move(config), "FimComponent: 'config' cannot be null")),
       quiet_hours_(std::move(quiet_hours)),
       scheduler_(scheduler),
-      clock_(clock) {
+      clock_(clock),
+      health_(health, health::ComponentHealth::Kind::Fim) {
   uploader = NotNull(std::move(uploader), "FimComponent: 'uploader' cannot be null");
   enabled_ = !config_->GetManifests().empty();
   storage_ = OpenSpool(*config_, base_directory, scheduler, clock);
-  processor_ = std::make_unique<internal::EventProcessor>(rules_, *storage_);
+  baseline_ = std::make_unique<internal::Baseline>(WorkingDirectory(base_directory), clock);
+  processor_ = std::make_unique<internal::EventProcessor>(rules_, *storage_, *baseline_, health_, clock);
   manager_ = std::make_unique<internal::EventRuleManager>(
-      *config_, engine, rules_,
+      *config_, engine, rules_, health_,
       [processor = processor_.get()](const std::vector<std::string>& rule_ids, const edr::Event& event) {
         processor->PostProcess(rule_ids, event);
       });
-  upload_schedule_ =
-      std::make_shared<internal::UploadSchedule>(*config_, *storage_, std::move(uploader), quiet_hours_.get(), clock);
+  upload_schedule_ = std::make_shared<internal::UploadSchedule>(*config_, *storage_, std::move(uploader),
+                                                                quiet_hours_.get(), health_, clock);
   scheduler_.RegisterSchedule(upload_schedule_);
   ZLOG_INFO("Component initialized.");
+  ReportEnabled();
 }
 
 Component::~Component() {
@@ -89,6 +94,7 @@ Component::~Component() {
   processor_.reset();
   storage_.reset();  // flushes its cache
   ZLOG_INFO("Component destroyed.");
+  health_.Stopped();
 }
 
 void Component::Unregister(const std::shared_ptr<common::Schedule>& schedule) {
@@ -120,6 +126,15 @@ void Component::UpdateEnabled() {
     StartClearTask();
   }
   enabled_ = has_manifests;
+  ReportEnabled();
+}
+
+void Component::ReportEnabled() const {
+  if (enabled_) {
+    health_.Started();
+  } else {
+    health_.Disabled();
+  }
 }
 
 void Component::StartClearTask() {

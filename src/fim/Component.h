@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -10,12 +12,16 @@
 #include "common/src/util/Clock.h"
 #include "common/src/util/Json.h"
 #include "src/edr/EventRuleEngine.h"
+#include "src/edr/LibMagicWrapper.h"
+#include "src/fim/Baseline.h"
 #include "src/fim/ClearSpoolTask.h"
 #include "src/fim/Config.h"
 #include "src/fim/EventProcessor.h"
 #include "src/fim/EventRuleManager.h"
 #include "src/fim/RuleTable.h"
 #include "src/fim/UploadSchedule.h"
+#include "src/health/ComponentHealth.h"
+#include "src/health/HealthReporter.h"
 
 namespace zagent::fim {
 
@@ -25,16 +31,23 @@ namespace zagent::fim {
 // All operations belong to the host's control thread.
 class Component {
  public:
+  // What every component is given, in the order of all of them. The start time is the sensor's; the limits, in percent,
+  // are the host's. The component itself paces nothing by them, and the magic is the events' own.
+  //
   // The spool's folder is `event_file_path`; a relative one lies under "<base_directory>/fim/", a missing one is
-  // created (mode 0700). `scheduler`, `engine` and `clock` outlive the component.
+  // created (mode 0700). The baseline's database always lies in "<base_directory>/fim/". `scheduler`, `engine`,
+  // `health` and `clock` outlive the component.
   //
   // `quiet_hours` may be null: uploads keep to the intervals alone then.
   //
-  // Throws std::invalid_argument for a null `config` or `uploader`, and what a step throws: a folder or a spool that
-  // cannot be made. Nothing stays behind then. A rule engine that cannot reach the kernel is only logged.
-  Component(std::unique_ptr<Config> config, common::Scheduler& scheduler, std::unique_ptr<common::Uploader> uploader,
-            edr::EventRuleEngine& engine, const std::string& base_directory,
-            std::unique_ptr<const common::BlackoutManager> quiet_hours = nullptr,
+  // Throws std::invalid_argument for a null `config` or `uploader`, and what a step throws: a folder, a spool or a
+  // baseline database that cannot be made. Nothing stays behind then. A rule engine that cannot reach the kernel is
+  // only logged.
+  Component(std::chrono::system_clock::time_point start_time, std::unique_ptr<Config> config,
+            std::shared_ptr<edr::LibMagicWrapper> lib_magic, common::Scheduler& scheduler,
+            std::unique_ptr<common::Uploader> uploader, edr::EventRuleEngine& engine, std::uint64_t cpu_limit,
+            std::uint64_t memory_limit, std::unique_ptr<const common::BlackoutManager> quiet_hours,
+            health::HealthReporter& health, const std::string& base_directory,
             common::util::Clock& clock = common::util::Clock::Real());
   Component(const Component&) = delete;
   Component& operator=(const Component&) = delete;
@@ -46,8 +59,13 @@ class Component {
   // Throws std::invalid_argument "Fim::Config::Update: Invalid json" and changes nothing.
   void UpdateConfig(const rapidjson::Value& json);
 
+  // Memory that is kept by the spool's tasks, and by its cache.
+  [[nodiscard]] std::uint64_t GetWaitingBytes() const { return storage_->GetWaitingBytes(); }
+  [[nodiscard]] std::uint64_t GetCachedBytes() const { return storage_->GetCachedBytes(); }
+
  private:
   void UpdateEnabled();
+  void ReportEnabled() const;
   void StartClearTask();
   void Unregister(const std::shared_ptr<common::Schedule>& schedule);
 
@@ -56,8 +74,10 @@ class Component {
   const std::unique_ptr<const common::BlackoutManager> quiet_hours_;
   common::Scheduler& scheduler_;
   common::util::Clock& clock_;
+  const health::ComponentHealth health_;
   std::unique_ptr<common::SpoolStorage> storage_;
   internal::RuleTable rules_;
+  std::unique_ptr<internal::Baseline> baseline_;
   std::unique_ptr<internal::EventProcessor> processor_;
   std::unique_ptr<internal::EventRuleManager> manager_;
   std::shared_ptr<internal::UploadSchedule> upload_schedule_;

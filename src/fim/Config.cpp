@@ -1,10 +1,10 @@
 #include "src/fim/Config.h"
 
-#include <algorithm>
-#include <cctype>
 #include <cstddef>
 #include <stdexcept>
 #include <utility>
+
+#include "common/src/util/UrlScheme.h"
 
 namespace zagent::fim {
 namespace {
@@ -59,14 +59,6 @@ bool IsFileName(const std::string& name) {
   return name.find('/') == std::string::npos && name.find('\0') == std::string::npos;
 }
 
-bool IsAbsoluteUrl(const std::string& url) {
-  const std::size_t colon = url.find("://");
-  if (colon == std::string::npos || colon == 0) return false;
-  const std::string scheme = url.substr(0, colon);
-  return std::all_of(scheme.begin(), scheme.end(),
-                     [](unsigned char c) { return std::isalnum(c) != 0 || c == '+' || c == '-' || c == '.'; });
-}
-
 std::string JoinUrl(std::string base, const std::string& path) {
   while (!base.empty() && base.back() == '/') base.pop_back();
   const std::size_t start = path.find_first_not_of('/');
@@ -86,7 +78,9 @@ Config::Values Config::Parse(const rapidjson::Value& json, const char* error) {
   values.manifests = section.Manifests("manifests");
   values.event_file_path = section.Text("event_file_path");
   values.event_file_name = section.Text("event_file_name");
-  if (!section.IsValid() || !IsFileName(values.event_file_name)) throw std::invalid_argument(error);
+  if (!section.IsValid() || !IsFileName(values.event_file_name) || common::util::HasForeignScheme(values.service_url)) {
+    throw std::invalid_argument(error);
+  }
   return values;
 }
 
@@ -107,7 +101,7 @@ std::uint32_t Config::GetUploadInterval() const {
 
 std::string Config::GetUploadUrl() const {
   std::string url = Locked(values_.service_url);
-  return IsAbsoluteUrl(url) ? url : JoinUrl(common_service_url_, url);
+  return !common::util::UrlScheme(url).empty() ? url : JoinUrl(common_service_url_, url);
 }
 
 std::uint32_t Config::GetMaxFileSizeKb() const {

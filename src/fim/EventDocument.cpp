@@ -74,6 +74,7 @@ class DocumentWriter {
     WriteSize();
     if (parts.collect_hashes) WriteHash();
     if (parts.content) WriteContent(*parts.content);
+    WritePathBytes();
     writer_.EndObject();
     return {buffer_.GetString(), buffer_.GetSize()};
   }
@@ -165,16 +166,31 @@ class DocumentWriter {
     }
     std::string digest;
     Answered("fileContentHash", [&] {
-      digest = HexText(event_.GetFileContentHash(edr::ContentHash::Sha256));
+      digest = Digest();
       if (!digest.empty()) ZLOG_DEBUG("PATH: " << Path(event_.GetFile()) << " SHA256: " << digest);
     });
     if (digest.empty()) return;
     Member("fileContentHash", [&] { return digest; });
   }
 
+  // A baseline is of the file as it was looked at, and no event of audit stands behind it.
+  std::string Digest() const {
+    if (event_.GetType() == EventType::Baseline && event_.GetFile() != nullptr) return event_.GetFile()->GetDigest();
+    return HexText(event_.GetFileContentHash(edr::ContentHash::Sha256));
+  }
+
   void WriteContent(const FileContent& content) {
     Member("fileContent", [&] { return Base64Text(content.bytes); });
     Member("contentStatus", [&] { return content.status; });
+  }
+
+  // Two names that are no text look the same once they are made one.
+  void WritePathBytes() {
+    const common::ImageInfo* file = nullptr;
+    if (!Answered("imagePathBytes", [&] { file = event_.GetFile(); }) || file == nullptr) return;
+    const std::string& path = file->GetPath();
+    if (ReplaceInvalidUtf8(path) == path) return;
+    Member("imagePathBytes", [&] { return Base64Text({path.begin(), path.end()}); });
   }
 
   // False, with a debug line, when the question has no answer.

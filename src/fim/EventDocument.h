@@ -22,7 +22,7 @@ struct EventDocumentParts {
 //
 // An event that cannot answer a question (its accessor throws or has nothing to say) loses that member only: a file
 // that is gone gives a document with less in it, never no document. Texts that are not UTF-8 have U+FFFD in the place
-// of each bad byte, so that no event can be hidden by a name.
+// of each bad byte, so that no event can be hidden by a name; the bytes of such an `imagePath` follow in base64.
 std::string BuildEventDocument(const edr::Event& event, const EventDocumentParts& parts);
 
 }  // namespace zagent::fim::internal

@@ -7,6 +7,7 @@
 #include "common/src/storage/StorageResult.h"
 #include "common/src/util/Log.h"
 #include "src/edr/process/ImageInfo.h"
+#include "src/fim/BaselineEventInfo.h"
 #include "src/fim/EventDocument.h"
 #include "src/fim/LogPrefix.h"
 
@@ -27,20 +28,29 @@ std::vector<std::string> ReportIds(const std::vector<std::shared_ptr<const Event
   return ids;
 }
 
-bool WantsContent(const std::vector<std::shared_ptr<const EventRule>>& rules, const edr::Event& event) {
-  if (event.GetObjectType() != edr::ObjectType::File || event.GetFile() == nullptr) return false;
-  if (event.GetType() != edr::EventType::Create && event.GetType() != edr::EventType::Write) return false;
-  return std::any_of(rules.begin(), rules.end(), [](const auto& rule) { return rule->IsTrackContentChange(); });
+// What the document shows of the file's content: of a baseline what was captured, of a created or written file on a
+// tracking rule what is on disk now.
+std::optional<FileContent> ContentOf(const std::vector<std::shared_ptr<const EventRule>>& rules,
+                                     const edr::Event& event) {
+  if (event.GetType() == edr::EventType::Baseline)
+    return FileContent{event.GetFileReadStatus(), event.GetFileContent()};
+  if (event.GetObjectType() != edr::ObjectType::File || event.GetFile() == nullptr) return std::nullopt;
+  if (event.GetType() != edr::EventType::Create && event.GetType() != edr::EventType::Write) return std::nullopt;
+  if (std::none_of(rules.begin(), rules.end(), [](const auto& rule) { return rule->IsTrackContentChange(); })) {
+    return std::nullopt;
+  }
+  return ReadFileContent(*event.GetFile());
 }
 
-void LogWriteFailure(const std::string& reason) {
+void TellOfRefused(const health::ComponentHealth& health, const std::string& reason) {
   ZLOG_ERROR("Failed to write Event json to disc" << (reason.empty() ? "" : ": ") << reason);
+  health.CountRefused();
 }
 
-void OnWritten(std::unique_ptr<common::StorageResult> result) {
+void OnWritten(const health::ComponentHealth& health, const common::StorageResult* result) {
   // A code without the document tells of what the spool held before it, and the spool has told the log.
   if (result == nullptr || (result->code != common::StorageCode::Success && !result->data.empty())) {
-    LogWriteFailure("");
+    TellOfRefused(health, "");
   } else if (result->code == common::StorageCode::Success) {
     ZLOG_DEBUG("Event json written to disc successfully");
   }
@@ -48,31 +58,31 @@ void OnWritten(std::unique_ptr<common::StorageResult> result) {
 
 }  // namespace
 
-EventProcessor::EventProcessor(const RuleTable& rules, common::Storage& storage) : rules_(rules), storage_(storage) {}
+EventProcessor::EventProcessor(const RuleTable& rules, common::Storage& storage, Baseline& baseline,
+                               const health::ComponentHealth& health, const common::util::Clock& clock)
+    : rules_(rules), storage_(storage), baseline_(baseline), health_(health), clock_(clock) {}
 
 EventProcessor::~EventProcessor() {
   ZLOG_INFO("Destroying EventProcessor");
 }
 
 void EventProcessor::PostProcess(const std::vector<std::string>& rule_ids, const edr::Event& event) {
+  if (event.GetType() == edr::EventType::Baseline) return TakeBaselines(FindRules(rule_ids), event);
   ZLOG_DEBUG("Processing Event id: " << event.GetId() << " path: " << PathOf(event));
   const MatchedRules matched = FindMatchingRules(rule_ids, event);
   if (matched.empty()) {
     ZLOG_DEBUG("Dropping Event as no rules criteria matched in post-process: " << PathOf(event));
     return;
   }
+  TakeBaselines(matched, event);
   WriteJsonDoc(matched, event);
 }
 
 EventProcessor::MatchedRules EventProcessor::FindMatchingRules(const std::vector<std::string>& rule_ids,
                                                                const edr::Event& event) const {
   MatchedRules matched;
-  for (const std::string& id : rule_ids) {
-    std::shared_ptr<const EventRule> rule = rules_.GetRule(id);
-    if (rule == nullptr) {
-      ZLOG_DEBUG("NULL Rule for rule id: " << id);
-      continue;
-    }
+  for (std::shared_ptr<const EventRule>& rule : FindRules(rule_ids)) {
+    const std::string& id = rule->GetId();
     ZLOG_TRACE("PostProcess event for ruleId: " << id);
     if (rule->Match(event) == edr::MatchResult::Matched) {
       matched.push_back(std::move(rule));
@@ -83,27 +93,66 @@ EventProcessor::MatchedRules EventProcessor::FindMatchingRules(const std::vector
   return matched;
 }
 
-void EventProcessor::WriteJsonDoc(const MatchedRules& rules, const edr::Event& event) {
+EventProcessor::MatchedRules EventProcessor::FindRules(const std::vector<std::string>& rule_ids) const {
+  MatchedRules rules;
+  for (const std::string& id : rule_ids) {
+    if (std::shared_ptr<const EventRule> rule = rules_.GetRule(id)) {
+      rules.push_back(std::move(rule));
+    } else {
+      ZLOG_DEBUG("NULL Rule for rule id: " << id);
+    }
+  }
+  return rules;
+}
+
+void EventProcessor::TakeBaselines(const MatchedRules& rules, const edr::Event& event) {
+  if (event.GetObjectType() != edr::ObjectType::File || event.GetFile() == nullptr) return;
+  for (const auto& rule : rules) {
+    if (!rule->IsTrackContentChange()) continue;
+    TakeBaseline(rule, event.GetId(), event.GetFile()->GetPath());
+    if (event.GetType() != edr::EventType::Rename || event.GetNewFile() == nullptr) continue;
+    TakeBaseline(rule, event.GetId(), event.GetNewFile()->GetPath());
+  }
+}
+
+void EventProcessor::TakeBaseline(const std::shared_ptr<const EventRule>& rule, std::uint32_t event_id,
+                                  const std::string& path) {
+  if (!baseline_.Wants(path)) return;
+  const BaselineEventInfo baseline(event_id, edr::EventType::Baseline, path, clock_);
+  // Only what is on its way is remembered: the next event of the file tries again.
+  if (WriteJsonDoc({rule}, baseline)) baseline_.Add(path, baseline.GetFileReadStatus());
+}
+
+bool EventProcessor::WriteJsonDoc(const MatchedRules& rules, const edr::Event& event) {
   EventDocumentParts parts;
   parts.associated_rules = ReportIds(rules);
   parts.collect_hashes = rules_.CollectsHashes();
-  if (WantsContent(rules, event)) parts.content = ReadFileContent(*event.GetFile());
+  parts.content = ContentOf(rules, event);
   try {
     QueueToStorage(BuildEventDocument(event, parts));
+    return true;
   } catch (const common::StorageException& error) {
-    if (!parts.content || parts.content->bytes.empty()) return LogWriteFailure(error.what());
-    // The content made the document larger than a spool file may be: the event itself must not be lost with it.
-    parts.content = FileContent{FileContent::kMaxSizeLimitReached, {}};
-    try {
-      QueueToStorage(BuildEventDocument(event, parts));
-    } catch (const common::StorageException& second_error) {
-      LogWriteFailure(second_error.what());
+    if (!parts.content || parts.content->bytes.empty()) {
+      TellOfRefused(health_, error.what());
+      return false;
     }
+  }
+  // The content made the document larger than a spool file may be: the event itself must not be lost with it.
+  parts.content = FileContent{FileContent::kMaxSizeLimitReached, {}};
+  try {
+    QueueToStorage(BuildEventDocument(event, parts));
+    return true;
+  } catch (const common::StorageException& error) {
+    TellOfRefused(health_, error.what());
+    return false;
   }
 }
 
 void EventProcessor::QueueToStorage(const std::string& document) {
-  storage_.WriteAsync(common::Bytes(document.begin(), document.end()), OnWritten);
+  // The answer may come when the processor has gone.
+  storage_.WriteAsync(
+      common::Bytes(document.begin(), document.end()),
+      [&health = health_](std::unique_ptr<common::StorageResult> result) { OnWritten(health, result.get()); });
 }
 
 }  // namespace zagent::fim::internal

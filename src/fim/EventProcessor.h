@@ -1,40 +1,53 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "common/src/storage/Storage.h"
+#include "common/src/util/Clock.h"
 #include "src/edr/Event.h"
+#include "src/fim/Baseline.h"
 #include "src/fim/ContentReader.h"
 #include "src/fim/RuleTable.h"
+#include "src/health/ComponentHealth.h"
 
 namespace zagent::fim::internal {
 
-// Decides which events are reported, and queues a JSON document for each to the spool.
+// Decides which events are reported, and queues a JSON document for each to the spool. The first event of a file on a
+// rule with `trackContentChange` brings a second document before its own: the file's baseline.
 //
 // PostProcess is the handler that the rule engine calls, on its event thread. What it throws costs that one event.
 class EventProcessor {
  public:
-  // Both outlive the processor.
-  EventProcessor(const RuleTable& rules, common::Storage& storage);
+  // All outlive the processor; the first two and `health` also its storage's last answer.
+  EventProcessor(const RuleTable& rules, common::Storage& storage, Baseline& baseline,
+                 const health::ComponentHealth& health, const common::util::Clock& clock = common::util::Clock::Real());
   EventProcessor(const EventProcessor&) = delete;
   EventProcessor& operator=(const EventProcessor&) = delete;
   ~EventProcessor();
 
   // Asks the rules of `rule_ids` in order: action and depth first, filters last. An event that no rule takes is
-  // dropped.
+  // dropped. An event of the type Baseline only asks for the baseline of its file, by the rules of `rule_ids`.
   void PostProcess(const std::vector<std::string>& rule_ids, const edr::Event& event);
 
  private:
   using MatchedRules = std::vector<std::shared_ptr<const EventRule>>;
 
+  [[nodiscard]] MatchedRules FindRules(const std::vector<std::string>& rule_ids) const;
   [[nodiscard]] MatchedRules FindMatchingRules(const std::vector<std::string>& rule_ids, const edr::Event& event) const;
-  void WriteJsonDoc(const MatchedRules& rules, const edr::Event& event);
+  void TakeBaselines(const MatchedRules& rules, const edr::Event& event);
+  void TakeBaseline(const std::shared_ptr<const EventRule>& rule, std::uint32_t event_id, const std::string& path);
+  // False when the storage has refused the document.
+  bool WriteJsonDoc(const MatchedRules& rules, const edr::Event& event);
   void QueueToStorage(const std::string& document);
 
   const RuleTable& rules_;
   common::Storage& storage_;
+  Baseline& baseline_;
+  const health::ComponentHealth& health_;
+  const common::util::Clock& clock_;
 };
 
 }  // namespace zagent::fim::internal

@@ -42,39 +42,39 @@ constexpr std::array<EventType, 4> kContentActions = {EventType::Write, EventTyp
 
 std::string MandatoryText(const rapidjson::Value& json, const char* key) {
   const rapidjson::Value* member = FindMember(json, key);
-  if (member == nullptr) throw EventRuleException(std::string("Missing mandatory element: ") + key);
-  if (!member->IsString()) throw EventRuleException(kInvalidValues);
+  if (member == nullptr) throw RuleFault(std::string("Missing mandatory element: ") + key);
+  if (!member->IsString()) throw RuleFault(kInvalidValues, {key});
   std::string text = common::util::ToString(*member);
   // Paths and keys end at a NUL once the kernel sees them: nothing may stand behind it.
-  if (text.find('\0') != std::string::npos) throw EventRuleException(kInvalidValues);
+  if (text.find('\0') != std::string::npos) throw RuleFault(kInvalidValues, {key});
   return text;
 }
 
 edr::ObjectType ParseType(const std::string& word) {
   if (word == "file") return edr::ObjectType::File;
   if (word == "directory") return edr::ObjectType::Directory;
-  throw EventRuleException("Rule type is invalid");
+  throw RuleFault("Rule type is invalid", {"ruleType"});
 }
 
-EventType ParseNotifyWord(const rapidjson::Value& json) {
+EventType ParseNotifyWord(const rapidjson::Value& json, rapidjson::SizeType position) {
   if (json.IsString()) {
     const std::string text = common::util::ToString(json);
     for (const NotifyWord& entry : kNotifyWords) {
       if (entry.word == text) return entry.type;
     }
   }
-  throw EventRuleException("Invalid Notify Flag");
+  throw RuleFault("Invalid Notify Flag", {"notify", std::to_string(position)});
 }
 
 int ParseDepth(const rapidjson::Value& json) {
-  if (!json.IsString()) throw EventRuleException("Recursive Depth: string is expected");
+  if (!json.IsString()) throw RuleFault("Recursive Depth: string is expected", {"recursiveDepth"});
   std::string text = common::util::ToString(json);
   std::transform(text.begin(), text.end(), text.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   if (text == "all") return EventRule::kMaxDepth;
   if (text == "none") return 0;
   if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) {
-    throw EventRuleException("Recursive Depth: a decimal number is expected");
+    throw RuleFault("Recursive Depth: a decimal number is expected", {"recursiveDepth"});
   }
   int depth = 0;
   for (const char digit : text) depth = std::min(depth * 10 + (digit - '0'), EventRule::kMaxDepth);
@@ -85,9 +85,15 @@ int ParseDepth(const rapidjson::Value& json) {
 std::vector<Filter> ParseFilters(const rapidjson::Value& section, const char* wrapper, const std::string& path) {
   if (!section.IsArray()) throw FilterException("Filters not array");
   std::vector<Filter> filters;
-  for (const rapidjson::Value& element : section.GetArray()) {
-    const rapidjson::Value* wrapped = FindMember(element, wrapper);
-    filters.emplace_back(wrapped != nullptr ? *wrapped : element, path);
+  for (rapidjson::SizeType i = 0; i < section.Size(); ++i) {
+    const rapidjson::Value* wrapped = FindMember(section[i], wrapper);
+    JsonPlace place = {std::to_string(i)};
+    if (wrapped != nullptr) place.emplace_back(wrapper);
+    try {
+      filters.emplace_back(wrapped != nullptr ? *wrapped : section[i], path);
+    } catch (const FilterException& error) {
+      throw FilterException(error.what(), Within(std::move(place), error.Place()));
+    }
   }
   return filters;
 }
@@ -99,8 +105,7 @@ std::vector<Filter> ParseFilterSection(const rapidjson::Value& rule, const char*
   try {
     return ParseFilters(*json, wrapper, path);
   } catch (const FilterException& error) {
-    ZLOG_ERROR(error.what());
-    throw EventRuleException(failure);
+    throw RuleFault(std::string(failure) + ": " + error.what(), Within({section}, error.Place()));
   }
 }
 
@@ -123,9 +128,9 @@ const std::string& PathOf(const common::ImageInfo* image) {
 }  // namespace
 
 EventRule::EventRule(const rapidjson::Value& json) {
-  if (!json.IsObject()) throw EventRuleException(kInvalidValues);
+  if (!json.IsObject()) throw RuleFault(kInvalidValues);
   id_ = MandatoryText(json, "ruleId");
-  if (id_.empty()) throw EventRuleException(kInvalidValues);
+  if (id_.empty()) throw RuleFault(kInvalidValues, {"ruleId"});
   report_id_ = id_;
   ZLOG_DEBUG("Parsing Rule with id: " << id_);
   type_ = ParseType(MandatoryText(json, "ruleType"));
@@ -135,7 +140,7 @@ EventRule::EventRule(const rapidjson::Value& json) {
   if (depth != nullptr) {
     recursive_depth_ = ParseDepth(*depth);
   } else if (type_ == edr::ObjectType::Directory) {
-    throw EventRuleException("Missing mandatory element: recursiveDepth");
+    throw RuleFault("Missing mandatory element: recursiveDepth");
   }
   ZLOG_DEBUG("Recursive depth is set to: " << recursive_depth_);
 
@@ -164,26 +169,26 @@ EventRule::EventRule(const EventRule& other, std::string id, std::string path)
 }
 
 void EventRule::SetPath(std::string path) {
-  if (path.empty()) throw EventRuleException("Cannot create rule: Path is empty.");
+  if (path.empty()) throw RuleFault("Cannot create rule: Path is empty.", {"imagePath"});
   // One relative path would make the rule engine refuse the whole batch.
-  if (path.front() != '/') throw EventRuleException("Cannot create rule: Path is not absolute.");
+  if (path.front() != '/') throw RuleFault("Cannot create rule: Path is not absolute.", {"imagePath"});
   path_ = std::move(path);
   path_depth_ = DepthOf(path_);
 }
 
 void EventRule::ParseNotify(const rapidjson::Value& json) {
   const rapidjson::Value* notify = FindMember(json, "notify");
-  if (notify == nullptr) throw EventRuleException("Missing mandatory element: notify");
-  if (!notify->IsArray()) throw EventRuleException(kInvalidValues);
-  for (const rapidjson::Value& word : notify->GetArray()) file_actions_.insert(ParseNotifyWord(word));
-  if (file_actions_.empty()) throw EventRuleException("No Actions in Notify List");
+  if (notify == nullptr) throw RuleFault("Missing mandatory element: notify");
+  if (!notify->IsArray()) throw RuleFault(kInvalidValues, {"notify"});
+  for (rapidjson::SizeType i = 0; i < notify->Size(); ++i) file_actions_.insert(ParseNotifyWord((*notify)[i], i));
+  if (file_actions_.empty()) throw RuleFault("No Actions in Notify List", {"notify"});
   if (type_ == edr::ObjectType::Directory) directory_actions_ = file_actions_;
 }
 
 void EventRule::ParseTrackContentChange(const rapidjson::Value& json) {
   const rapidjson::Value* track = FindMember(json, "trackContentChange");
   if (track == nullptr) return;
-  if (!track->IsBool()) throw EventRuleException(kInvalidValues);
+  if (!track->IsBool()) throw RuleFault(kInvalidValues, {"trackContentChange"});
   track_content_change_ = track->GetBool();
   const bool worth_while = std::any_of(kContentActions.begin(), kContentActions.end(),
                                        [&](EventType type) { return file_actions_.count(type) != 0; });
@@ -246,9 +251,15 @@ bool EventRule::WantsAction(const edr::Event& event) const {
 }
 
 bool EventRule::LiesElsewhere(const edr::Event& event) const {
-  const auto is_elsewhere = [this](const common::ImageInfo* file) {
+  // A manifest may double a slash, or end with one; an event does not. "/" is empty here.
+  std::string own;
+  for (std::string_view rest = path_; !rest.empty();) {
+    const std::size_t end = std::min(rest.find('/'), rest.size());
+    if (const std::string_view name = rest.substr(0, end); !name.empty() && name != ".") own.append("/").append(name);
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+  }
+  const auto is_elsewhere = [&own](const common::ImageInfo* file) {
     const std::string& path = PathOf(file);
-    const std::string_view own = WithoutTrailingSlash(path_);
     return path.starts_with('/') && !(path.starts_with(own) && (path.size() == own.size() || path[own.size()] == '/'));
   };
   const bool was_elsewhere = is_elsewhere(event.GetFile());
@@ -256,14 +267,17 @@ bool EventRule::LiesElsewhere(const edr::Event& event) const {
 }
 
 bool EventRule::MatchFilters(const edr::Event& event) const {
-  const auto matches = [&](const Filter& filter) { return filter.Matches(event); };
   if (!inclusion_filters_.empty()) {
     ZLOG_DEBUG("matching inclusion criterias");
-    return std::any_of(inclusion_filters_.begin(), inclusion_filters_.end(), matches);
+    return std::any_of(inclusion_filters_.begin(), inclusion_filters_.end(),
+                       [&](const Filter& filter) { return filter.Includes(event); });
   }
   if (!exclusion_filters_.empty()) {
     ZLOG_DEBUG("Applying Exclusion filters");
-    if (std::any_of(exclusion_filters_.begin(), exclusion_filters_.end(), matches)) return false;
+    if (std::any_of(exclusion_filters_.begin(), exclusion_filters_.end(),
+                    [&](const Filter& filter) { return filter.Excludes(event); })) {
+      return false;
+    }
     ZLOG_DEBUG("Exclusion filters not matched");
   }
   return true;

@@ -2,13 +2,26 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/src/util/Json.h"
 #include "src/edr/EventRule.h"
 #include "src/fim/Filter.h"
+#include "src/fim/ManifestMistake.h"
 
 namespace zagent::fim::internal {
+
+// What is wrong in a rule object, and where in it.
+class RuleFault : public edr::EventRuleException {
+ public:
+  explicit RuleFault(const std::string& reason, JsonPlace place = {})
+      : edr::EventRuleException(reason), place_(std::move(place)) {}
+  [[nodiscard]] const JsonPlace& Place() const { return place_; }
+
+ private:
+  JsonPlace place_;
+};
 
 // A rule of a FIM manifest: which changes of which objects below one path are reported. docs/MANIFESTS.md tells its
 // JSON. Immutable once built.
@@ -20,10 +33,10 @@ class EventRule final : public edr::EventRule {
   // No rule looks more than this many levels below its path, "all" included.
   static constexpr int kMaxDepth = 10;
 
-  // Throws edr::EventRuleException with the first thing that is wrong in the rule object.
+  // Throws RuleFault with the first thing that is wrong in the rule object.
   explicit EventRule(const rapidjson::Value& json);
   // `other` under another id and for another path: one end of a watched symbolic link. Its report id stays.
-  // Throws edr::EventRuleException "Cannot create rule: Path is empty.".
+  // Throws RuleFault "Cannot create rule: Path is empty.".
   EventRule(const EventRule& other, std::string id, std::string path);
 
   [[nodiscard]] const edr::EventTypes& GetDirectoryActions() const override;

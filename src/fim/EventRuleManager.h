@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -8,15 +9,17 @@
 
 #include "src/edr/EventRuleEngine.h"
 #include "src/fim/Config.h"
+#include "src/fim/Manifest.h"
 #include "src/fim/RuleTable.h"
+#include "src/health/ComponentHealth.h"
 
 namespace zagent::fim::internal {
 
 // Turns the manifests of the configuration into live rules: fills the rule table and tells the rule engine.
 //
-// Each manifest is judged by itself: one that cannot be read or parsed is logged and skipped. Audit reports real
-// objects only, so a rule on a symbolic link becomes two: the link itself under "<id>-1" and what it points to under
-// the id of the manifest.
+// Each manifest is judged by itself: one that cannot be read or parsed is told in one Error line and skipped. What an
+// update names again keeps the rules that it had then, as long as anything gives rules: an update that gives none takes
+// the kept ones away too.
 //
 // A rule engine that cannot reach the kernel is logged; the rules stay in the table and reach the engine with the next
 // change or when the engine says that it has lost its rules.
@@ -27,9 +30,10 @@ class EventRuleManager {
  public:
   static constexpr const char* kTag = "FIM";
 
-  // Registers `handler`, loads the manifests and applies their rules. `engine` and `table` outlive the manager.
+  // Registers `handler`, loads the manifests and applies their rules. `engine`, `table` and `health` outlive the
+  // manager.
   EventRuleManager(const Config& config, edr::EventRuleEngine& engine, RuleTable& table,
-                   edr::EventRuleEngine::RuleMatchedEventHandler handler);
+                   const health::ComponentHealth& health, edr::EventRuleEngine::RuleMatchedEventHandler handler);
   EventRuleManager(const EventRuleManager&) = delete;
   EventRuleManager& operator=(const EventRuleManager&) = delete;
   // Unregisters the handlers and takes the rules off the engine.
@@ -45,17 +49,29 @@ class EventRuleManager {
   [[nodiscard]] std::shared_ptr<const EventRule> GetRule(const std::string& id) const { return table_.GetRule(id); }
 
  private:
+  using LoadedManifests = std::map<std::string, Manifest>;  // by path
+  // By the path of a manifest, why it cannot be used; an empty text when it can.
+  using Verdicts = std::map<std::string, std::string>;
+
   void Load(const std::vector<Config::ManifestEntry>& manifests);
-  void ReplaceTable(RuleTable::Rules rules, bool collect_hashes);
+  void KeepEarlier(const std::vector<Config::ManifestEntry>& manifests, LoadedManifests& loaded) const;
+  void BuildTable(const std::vector<Config::ManifestEntry>& manifests, Verdicts verdicts);
+  void ReplaceTable(RuleTable::Rules rules, bool collect_hashes, Verdicts verdicts);
   void Apply();
-  bool HandToEngine(edr::EventRuleEngine::Rules rules);
+  // Answers the failure; an empty text when there is none.
+  std::string HandToEngine(edr::EventRuleEngine::Rules rules);
+  // Tells what has become of each manifest.
+  void Report(const std::string& engine_failure);
 
   edr::EventRuleEngine& engine_;
   RuleTable& table_;
+  const health::ComponentHealth& health_;
   bool handlers_registered_ = false;
+  LoadedManifests loaded_;  // those of the table; control thread
 
   std::mutex mutex_;
   std::vector<Config::ManifestEntry> manifests_;  // in force
+  Verdicts verdicts_;                             // on those that the table was made of
   std::uint64_t generation_ = 0;                  // of the table
   bool installed_ = false;                        // the engine may hold rules of this component
 };

@@ -23,12 +23,13 @@ bool HasKnownKey(const rapidjson::Value& json) {
   return std::any_of(kKeys.begin(), kKeys.end(), [&](const char* key) { return FindMember(json, key) != nullptr; });
 }
 
-std::vector<std::string> ParseTexts(const rapidjson::Value& array, const char* no_array, const char* no_string) {
-  if (!array.IsArray()) throw FilterException(no_array);
+std::vector<std::string> ParseTexts(const rapidjson::Value& array, const char* key, const char* no_array,
+                                    const char* no_string) {
+  if (!array.IsArray()) throw FilterException(no_array, {key});
   std::vector<std::string> texts;
-  for (const rapidjson::Value& text : array.GetArray()) {
-    if (!text.IsString()) throw FilterException(no_string);
-    texts.push_back(common::util::ToString(text));
+  for (rapidjson::SizeType i = 0; i < array.Size(); ++i) {
+    if (!array[i].IsString()) throw FilterException(no_string, {key, std::to_string(i)});
+    texts.push_back(common::util::ToString(array[i]));
   }
   return texts;
 }
@@ -62,16 +63,18 @@ std::optional<int> ParseSecondOfDay(const std::string& text) {
   std::tm time{};
   const char* end = strptime(text.c_str(), "%H:%M:%S", &time);
   if (end != nullptr && end == text.c_str() + text.size()) return SecondOfDay(time);
-  ZLOG_ERROR("Failed to convert time string to time tm struct");
+  ZLOG_DEBUG("Failed to convert time string to time tm struct");
   return std::nullopt;
 }
 
-// One end of the time span; `complaint` names it in the log.
-int ParseTimespanEnd(const rapidjson::Value* json, const char* complaint) {
+constexpr const char* kInvalidTimespan = "Invalid timespan filter";
+
+// One end of the time span.
+int ParseTimespanEnd(const rapidjson::Value* json, const char* key, const char* complaint) {
   const std::string text = json != nullptr && json->IsString() ? common::util::ToString(*json) : "";
   if (const std::optional<int> second = ParseSecondOfDay(text)) return *second;
-  ZLOG_ERROR(complaint << text);
-  throw FilterException("Invalid timespan filter");
+  throw FilterException(std::string(kInvalidTimespan) + ": " + complaint + text,
+                        json != nullptr ? JsonPlace{key} : JsonPlace{});
 }
 
 }  // namespace
@@ -81,13 +84,14 @@ Filter::Filter(const rapidjson::Value& json, const std::string& rule_path) {
   ParseObject(json);
   if (const auto* processes = FindMember(json, "actorProcess")) {
     for (const std::string& pattern :
-         ParseTexts(*processes, "Expected array of processes filter", "Invalid actor-process json")) {
+         ParseTexts(*processes, "actorProcess", "Expected array of processes filter", "Invalid actor-process json")) {
       process_globs_.emplace_back(InAnyFolder(pattern));
     }
   }
   if (const auto* users = FindMember(json, "actorUsername")) {
     constexpr const char* kError = "Expected array of users filter";
-    for (const std::string& pattern : ParseTexts(*users, kError, kError)) user_globs_.emplace_back(pattern);
+    for (const std::string& pattern : ParseTexts(*users, "actorUsername", kError, kError))
+      user_globs_.emplace_back(pattern);
   }
   ParseTimespan(json);
   CompilePatterns(rule_path);
@@ -97,17 +101,19 @@ void Filter::ParseObject(const rapidjson::Value& json) {
   const rapidjson::Value* type = FindMember(json, "objectType");
   const rapidjson::Value* patterns = FindMember(json, "patterns");
   if (type == nullptr && patterns == nullptr) return;
-  if (type == nullptr || !type->IsString()) throw FilterException("Invalid object-type json");
+  if (type == nullptr) throw FilterException("Invalid object-type json");
+  if (!type->IsString()) throw FilterException("Invalid object-type json", {"objectType"});
   const std::string word = common::util::ToString(*type);
   if (word == "file") {
     object_type_ = edr::ObjectType::File;
   } else if (word == "directory") {
     object_type_ = edr::ObjectType::Directory;
   } else {
-    throw FilterException("Unknown object type");
+    throw FilterException("Unknown object type", {"objectType"});
   }
   if (patterns == nullptr) throw FilterException("Missing or invalid patterns");
-  for (const std::string& pattern : ParseTexts(*patterns, "Expected array of patterns", "Invalid value for patterns")) {
+  for (const std::string& pattern :
+       ParseTexts(*patterns, "patterns", "Expected array of patterns", "Invalid value for patterns")) {
     patterns_.push_back(InAnyFolder(pattern));
   }
 }
@@ -116,11 +122,11 @@ void Filter::ParseTimespan(const rapidjson::Value& json) {
   const rapidjson::Value* start = FindMember(json, "timespanStart");
   const rapidjson::Value* end = FindMember(json, "timespanEnd");
   if (start == nullptr && end == nullptr) return;
-  start_second_ = ParseTimespanEnd(start, "Invalid startTime ");
-  end_second_ = ParseTimespanEnd(end, "Invalid endTime ");
+  start_second_ = ParseTimespanEnd(start, "timespanStart", "Invalid startTime ");
+  end_second_ = ParseTimespanEnd(end, "timespanEnd", "Invalid endTime ");
   if (start_second_ > end_second_) {
-    ZLOG_ERROR("StartTime cannot be later than EndTime");
-    throw FilterException("Invalid timespan filter");
+    throw FilterException(std::string(kInvalidTimespan) + ": StartTime cannot be later than EndTime",
+                          {"timespanStart"});
   }
 }
 
@@ -137,19 +143,24 @@ Filter Filter::ForPath(const std::string& rule_path) const {
   return filter;
 }
 
-bool Filter::Matches(const edr::Event& event) const {
-  return MatchesObject(event) && MatchesUser(event) && MatchesTime(event) && MatchesProcess(event);
+bool Filter::Matches(const edr::Event& event, Ends ends) const {
+  return MatchesObject(event, ends) && MatchesUser(event) && MatchesTime(event) && MatchesProcess(event);
 }
 
-bool Filter::MatchesObject(const edr::Event& event) const {
+bool Filter::MatchesObject(const edr::Event& event, Ends ends) const {
   if (!object_type_) return true;
-  const bool files_only = *object_type_ == edr::ObjectType::File;
-  if (files_only && event.GetObjectType() != edr::ObjectType::File) return false;
+  if (*object_type_ == edr::ObjectType::File && event.GetObjectType() != edr::ObjectType::File) return false;
   if (path_globs_.empty()) return true;
   const common::ImageInfo* file = event.GetFile();
   if (file == nullptr) return false;
-  const std::string& path = file->GetPath();
-  if (files_only) return MatchesAny(path_globs_, path);
+  const bool matches = MatchesPath(file->GetPath());
+  if (event.GetType() != edr::EventType::Rename || matches == (ends == Ends::Either)) return matches;
+  const common::ImageInfo* new_file = event.GetNewFile();
+  return new_file != nullptr ? MatchesPath(new_file->GetPath()) : matches;
+}
+
+bool Filter::MatchesPath(const std::string& path) const {
+  if (*object_type_ == edr::ObjectType::File) return MatchesAny(path_globs_, path);
   const std::string parent = Poco::Path(path, Poco::Path::PATH_UNIX).parent().toString(Poco::Path::PATH_UNIX);
   return std::any_of(path_globs_.begin(), path_globs_.end(), [&](const PathGlob& glob) {
     return MatchAndTrace(glob, path) || MatchAndTrace(glob, path + "/*") || MatchAndTrace(glob, parent);

@@ -1,19 +1,28 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/src/util/Json.h"
 #include "src/edr/Event.h"
+#include "src/fim/ManifestMistake.h"
 #include "src/fim/PathGlob.h"
 
 namespace zagent::fim::internal {
 
+// What is wrong in a filter object, and where in it.
 class FilterException : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  explicit FilterException(const std::string& reason, JsonPlace place = {})
+      : std::runtime_error(reason), place_(std::move(place)) {}
+  [[nodiscard]] const JsonPlace& Place() const { return place_; }
+
+ private:
+  JsonPlace place_;
 };
 
 // One inclusion or exclusion filter of a rule: up to four tests (object and patterns, user, time of day, process), of
@@ -28,15 +37,21 @@ class Filter {
   // The same filter for a rule of another path.
   [[nodiscard]] Filter ForPath(const std::string& rule_path) const;
 
-  // True when every test that the filter has holds.
-  [[nodiscard]] bool Matches(const edr::Event& event) const;
+  // Whether every test that the filter has holds. A rename has two paths: an inclusion filter is content with either of
+  // them, an exclusion filter wants both, so that a file which is moved to a watched name is reported.
+  [[nodiscard]] bool Includes(const edr::Event& event) const { return Matches(event, Ends::Either); }
+  [[nodiscard]] bool Excludes(const edr::Event& event) const { return Matches(event, Ends::Both); }
 
  private:
+  enum class Ends : std::uint8_t { Either, Both };  // of a rename
+
   void ParseObject(const rapidjson::Value& json);
   void ParseTimespan(const rapidjson::Value& json);
   void CompilePatterns(const std::string& rule_path);
 
-  [[nodiscard]] bool MatchesObject(const edr::Event& event) const;
+  [[nodiscard]] bool Matches(const edr::Event& event, Ends ends) const;
+  [[nodiscard]] bool MatchesObject(const edr::Event& event, Ends ends) const;
+  [[nodiscard]] bool MatchesPath(const std::string& path) const;
   [[nodiscard]] bool MatchesUser(const edr::Event& event) const;
   [[nodiscard]] bool MatchesTime(const edr::Event& event) const;
   [[nodiscard]] bool MatchesProcess(const edr::Event& event) const;

@@ -25,42 +25,57 @@ bool IsNestedDeeperThan(const rapidjson::Value& value, int limit) {
   });
 }
 
-const rapidjson::Value& Mandatory(const rapidjson::Value& object, const char* key) {
+[[noreturn]] void Fail(const std::string& reason, JsonPlace place) {
+  throw ManifestException(std::vector<ManifestMistake>{ManifestMistake{reason, std::move(place), ""}});
+}
+
+const rapidjson::Value& Mandatory(const rapidjson::Value& object, const char* key, const JsonPlace& place) {
   const rapidjson::Value* member = common::util::FindMember(object, key);
-  if (member == nullptr) throw ManifestException(std::string("Missing mandatory element: ") + key);
+  if (member == nullptr) Fail(std::string("Missing mandatory element: ") + key, place);
   return *member;
 }
 
-std::shared_ptr<const internal::EventRule> ParseRule(const rapidjson::Value& json) {
-  ZLOG_DEBUG("Parsing Rule: " << common::util::WriteJson(json));
-  try {
-    return std::make_shared<const internal::EventRule>(json);
-  } catch (const edr::EventRuleException& error) {
-    throw ManifestException(error.what());
-  }
+std::string IdOf(const rapidjson::Value& rule) {
+  const rapidjson::Value* id = common::util::FindMember(rule, "ruleId");
+  return id != nullptr && id->IsString() ? common::util::ToString(*id) : "";
 }
 
 }  // namespace
 
 Manifest::Manifest(const rapidjson::Value& document) {
-  if (IsNestedDeeperThan(document, kMaxNesting)) throw ManifestException("Manifest is nested too deeply");
-  const rapidjson::Value& fim = Mandatory(Mandatory(document, "data"), "fim");
+  if (IsNestedDeeperThan(document, kMaxNesting)) Fail("Manifest is nested too deeply", {});
+  const rapidjson::Value& data = Mandatory(document, "data", {});
+  const rapidjson::Value& fim = Mandatory(data, "fim", {"data"});
 
-  const rapidjson::Value& version = Mandatory(fim, "policyVersion");
-  if (!version.IsString()) throw ManifestException("policyVersion is not string");
+  const rapidjson::Value& version = Mandatory(fim, "policyVersion", {"data", "fim"});
+  if (!version.IsString()) Fail("policyVersion is not string", {"data", "fim", "policyVersion"});
   policy_version_ = common::util::ToString(version);
   if (policy_version_ != "1.0") {
     ZLOG_WARNING("Unknown version [" << policy_version_ << "] of FIM manifest. Skipping.");
     return;
   }
 
-  const rapidjson::Value& hashes = Mandatory(fim, "collectHashes");
-  if (!hashes.IsBool()) throw ManifestException("collectHashes is not boolean");
+  const rapidjson::Value& hashes = Mandatory(fim, "collectHashes", {"data", "fim"});
+  if (!hashes.IsBool()) Fail("collectHashes is not boolean", {"data", "fim", "collectHashes"});
   collect_hashes_ = hashes.GetBool();
 
-  const rapidjson::Value& rules = Mandatory(fim, "rules");
-  if (!rules.IsArray()) throw ManifestException("Parsing failed. 'rules' section is not an array.");
-  for (const rapidjson::Value& rule : rules.GetArray()) rules_.push_back(ParseRule(rule));
+  const rapidjson::Value& rules = Mandatory(fim, "rules", {"data", "fim"});
+  if (!rules.IsArray()) Fail("Parsing failed. 'rules' section is not an array.", {"data", "fim", "rules"});
+  ParseRules(rules);
+}
+
+void Manifest::ParseRules(const rapidjson::Value& rules) {
+  std::vector<ManifestMistake> mistakes;
+  for (rapidjson::SizeType i = 0; i < rules.Size(); ++i) {
+    ZLOG_DEBUG("Parsing Rule: " << common::util::WriteJson(rules[i]));
+    try {
+      rules_.push_back(std::make_shared<const internal::EventRule>(rules[i]));
+    } catch (const internal::RuleFault& fault) {
+      const JsonPlace place = {"data", "fim", "rules", std::to_string(i)};
+      mistakes.push_back(ManifestMistake{fault.what(), Within(place, fault.Place()), IdOf(rules[i])});
+    }
+  }
+  if (!mistakes.empty()) throw ManifestException(std::move(mistakes));
 }
 
 }  // namespace zagent::fim

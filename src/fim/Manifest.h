@@ -3,16 +3,25 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/src/util/Json.h"
 #include "src/fim/EventRule.h"
+#include "src/fim/ManifestMistake.h"
 
 namespace zagent::fim {
 
+// Everything that is wrong in a manifest, at most one mistake a rule; its text is that of the first.
 class ManifestException : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  // `mistakes` is not empty.
+  explicit ManifestException(std::vector<ManifestMistake> mistakes)
+      : std::runtime_error(mistakes.front().Text()), mistakes_(std::move(mistakes)) {}
+  [[nodiscard]] const std::vector<ManifestMistake>& Mistakes() const { return mistakes_; }
+
+ private:
+  std::vector<ManifestMistake> mistakes_;
 };
 
 // A FIM manifest: which paths to watch and what to report of them. docs/MANIFESTS.md tells the format.
@@ -29,6 +38,8 @@ class Manifest {
   [[nodiscard]] const Rules& GetRules() const { return rules_; }
 
  private:
+  void ParseRules(const rapidjson::Value& rules);
+
   std::string policy_version_;
   bool collect_hashes_ = false;
   Rules rules_;

@@ -18,11 +18,12 @@ constexpr std::int64_t kDay = 86'400 * kNanosecondsPerSecond;
 
 UploadSchedule::UploadSchedule(const Config& config, common::Storage& storage,
                                std::unique_ptr<common::Uploader> uploader, const common::BlackoutManager* quiet_hours,
-                               common::util::Clock& clock)
+                               const health::ComponentHealth& health, common::util::Clock& clock)
     : config_(config),
       storage_(storage),
       uploader_(std::move(uploader)),
       quiet_hours_(quiet_hours),
+      health_(health),
       clock_(clock),
       last_run_(clock) {}
 
@@ -90,7 +91,7 @@ bool UploadSchedule::UploadOne(File file) {
   if (payload.empty()) return DeleteCorrupt(std::move(file));
   if (IsCancelling()) return false;
   ZLOG_DEBUG("Payload data (uncompressed): " << std::string(payload.begin(), payload.end()));
-  if (!Send(payload)) {
+  if (!Send(*file, payload)) {
     ZLOG_WARNING("UploadSchedule: Failed to upload data. The next upload will be tried " << config_.GetUploadInterval()
                                                                                          << " seconds later.");
     return false;
@@ -124,13 +125,18 @@ bool UploadSchedule::DeleteCorrupt(File file) {
   return false;
 }
 
-bool UploadSchedule::Send(const common::Bytes& payload) {
+bool UploadSchedule::Send(const common::StorageResult& file, const common::Bytes& payload) {
   uploader_->SetTarget(config_.GetUploadUrl());
+  if (file.stat_info) uploader_->SetSource(common::UploadSource::Of(file.path, *file.stat_info));
   const std::int32_t outcome = uploader_->Upload("application/json", payload);
+  const bool succeeded = outcome == common::Uploader::kSuccess;
+  const std::string http_status = std::to_string(uploader_->LastHttpStatus());
+  const std::string correlation_id = uploader_->LastCorrelationId();
+  // An upload that was cancelled says nothing of the platform.
+  if (succeeded || !IsCancelling()) health_.Uploaded(succeeded, http_status, correlation_id);
   const std::lock_guard lock(status_mutex_);
-  status_ = {{"httpStatus", std::to_string(uploader_->LastHttpStatus())},
-             {"correlationId", uploader_->LastCorrelationId()}};
-  return outcome == common::Uploader::kSuccess;
+  status_ = {{"httpStatus", http_status}, {"correlationId", correlation_id}};
+  return succeeded;
 }
 
 }  // namespace zagent::fim::internal

@@ -14,6 +14,7 @@
 #include "common/src/tasks/Schedule.h"
 #include "common/src/util/Clock.h"
 #include "src/fim/Config.h"
+#include "src/health/ComponentHealth.h"
 
 namespace zagent::fim::internal {
 
@@ -28,10 +29,11 @@ class UploadSchedule final : public common::Schedule {
   // Outcome of the last attempt: "httpStatus" and "correlationId".
   using Status = std::map<std::string, std::string>;
 
-  // `config`, `storage` and `quiet_hours` (may be null) outlive the schedule; interval and URL are read from `config`
-  // whenever they are needed.
+  // `config`, `storage`, `quiet_hours` (may be null) and `health` outlive the schedule; interval and URL are read from
+  // `config` whenever they are needed.
   UploadSchedule(const Config& config, common::Storage& storage, std::unique_ptr<common::Uploader> uploader,
-                 const common::BlackoutManager* quiet_hours, common::util::Clock& clock);
+                 const common::BlackoutManager* quiet_hours, const health::ComponentHealth& health,
+                 common::util::Clock& clock);
   UploadSchedule(const UploadSchedule&) = delete;
   UploadSchedule& operator=(const UploadSchedule&) = delete;
   ~UploadSchedule() override;
@@ -60,12 +62,13 @@ class UploadSchedule final : public common::Schedule {
   // The payload of a file; nothing when the file is corrupt.
   static common::Bytes ParseFile(File& file, const std::string& timestamp);
   bool DeleteCorrupt(File file);
-  bool Send(const common::Bytes& payload);
+  bool Send(const common::StorageResult& file, const common::Bytes& payload);
 
   const Config& config_;
   common::Storage& storage_;
   const std::unique_ptr<common::Uploader> uploader_;
   const common::BlackoutManager* const quiet_hours_;
+  const health::ComponentHealth& health_;
   common::util::Clock& clock_;
   common::RememberedTime last_run_;
   mutable std::mutex status_mutex_;

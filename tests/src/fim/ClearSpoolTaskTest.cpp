@@ -2,9 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "tests/fakes/FakeClock.h"
+#include "tests/fakes/Gate.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/MemoryStorage.h"
 
@@ -31,7 +30,7 @@ TEST_F(ClearSpoolTaskTest, ItRunsOnce) {
   ClearSpoolTask task(storage_, clock_);
   EXPECT_TRUE(task.IsDue(clock_));
   task.Start();
-  while (task.IsRunning()) std::this_thread::yield();
+  ASSERT_TRUE(fakes::Eventually([&] { return !task.IsRunning(); }));
   clock_.Advance(std::chrono::hours(24));
   EXPECT_FALSE(task.IsDue(clock_));
   EXPECT_EQ(storage_.clears, 1);

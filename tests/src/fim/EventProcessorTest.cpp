@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeEvent.h"
+#include "tests/fakes/FakeHealthReporter.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/MemoryStorage.h"
 #include "tests/fakes/TempFolder.h"
@@ -36,6 +38,18 @@ class EventProcessorTest : public testing::Test {
     return event;
   }
 
+  // The file has had its baseline in an earlier run.
+  void HasBaseline(const std::string& name) { baseline_.Add(folder_ / name, "READ_SUCCESSFUL"); }
+  // "<action> <name>" of every document, in order.
+  std::vector<std::string> Stories() {
+    std::vector<std::string> stories;
+    for (const std::string& document : storage_.written) {
+      const Json json(document);
+      stories.push_back(json.At("eventAction") + " " + json.At("imagePath").substr(folder_.Path().size() + 1));
+    }
+    return stories;
+  }
+
   // The only document that was written.
   Json Written() {
     EXPECT_EQ(storage_.written.size(), 1U);
@@ -48,7 +62,12 @@ class EventProcessorTest : public testing::Test {
   bool collect_hashes_ = false;
   RuleTable rules_;
   fakes::MemoryStorage storage_;
-  EventProcessor processor_{rules_, storage_};
+  fakes::FakeHealthReporter reporter_;
+  const health::ComponentHealth health_{reporter_, health::ComponentHealth::Kind::Fim};
+  fakes::FakeClock clock_;
+  fakes::TempFolder database_;
+  Baseline baseline_{database_.Path(), clock_};
+  EventProcessor processor_{rules_, storage_, baseline_, health_, clock_};
 };
 
 TEST_F(EventProcessorTest, AnEventThatARuleTakesIsWritten) {
@@ -106,6 +125,7 @@ TEST_F(EventProcessorTest, DigestsAreWrittenWhenAManifestAsksForThem) {
 
 TEST_F(EventProcessorTest, CreateAndWriteOnATrackingRuleCarryFreshContent) {
   AddRule("r1", R"(,"trackContentChange":true)");
+  HasBaseline("file");
   folder_.Write("file", "new text");
   for (const EventType type : {EventType::Create, EventType::Write}) {
     storage_.written.clear();
@@ -119,6 +139,7 @@ TEST_F(EventProcessorTest, CreateAndWriteOnATrackingRuleCarryFreshContent) {
 TEST_F(EventProcessorTest, OtherEventsAndOtherRulesCarryNoContent) {
   AddRule("tracking", R"(,"trackContentChange":true)");
   AddRule("plain");
+  HasBaseline("file");
   folder_.Write("file", "text");
   processor_.PostProcess({"tracking"}, Event(EventType::Delete, "file"));
   processor_.PostProcess({"plain"}, Event(EventType::Write, "file"));
@@ -131,6 +152,7 @@ TEST_F(EventProcessorTest, OtherEventsAndOtherRulesCarryNoContent) {
 
 TEST_F(EventProcessorTest, ATooLargeFileIsReportedWithoutContent) {
   AddRule("r1", R"(,"trackContentChange":true)");
+  HasBaseline("file");
   folder_.Write("file", std::string(51'201, 'x'));
   processor_.PostProcess({"r1"}, Event(EventType::Write, "file"));
   const Json json = Written();
@@ -140,6 +162,7 @@ TEST_F(EventProcessorTest, ATooLargeFileIsReportedWithoutContent) {
 
 TEST_F(EventProcessorTest, ADocumentTooLargeForASpoolFileIsSentAgainWithoutContent) {
   AddRule("r1", R"(,"trackContentChange":true)");
+  HasBaseline("file");
   storage_.max_item_size = 2'000;
   folder_.Write("file", std::string(3'000, 'x'));
   processor_.PostProcess({"r1"}, Event(EventType::Write, "file"));
@@ -156,6 +179,7 @@ TEST_F(EventProcessorTest, ADocumentThatNoSpoolFileTakesIsLogged) {
   processor_.PostProcess({"r1"}, Event(EventType::Delete, "file"));
   EXPECT_TRUE(storage_.written.empty());
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "[FIM]: Failed to write Event json to disc"));
+  EXPECT_EQ(reporter_.Refused(), 1U);
 }
 
 TEST_F(EventProcessorTest, AFailedWriteIsLoggedByItsCallback) {
@@ -164,6 +188,7 @@ TEST_F(EventProcessorTest, AFailedWriteIsLoggedByItsCallback) {
   processor_.PostProcess({"r1"}, Event(EventType::Delete, "file"));
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "[FIM]: Failed to write Event json to disc"));
   EXPECT_FALSE(log_.Has("Event json written to disc successfully"));
+  EXPECT_EQ(reporter_.Refused(), 1U);
 }
 
 TEST_F(EventProcessorTest, AFlushThatFailsIsNoLossOfTheEventThatMetIt) {
@@ -172,12 +197,128 @@ TEST_F(EventProcessorTest, AFlushThatFailsIsNoLossOfTheEventThatMetIt) {
   storage_.only_flush_fails = true;
   processor_.PostProcess({"r1"}, Event(EventType::Delete, "file"));
   EXPECT_EQ(storage_.written.size(), 1U);
+  EXPECT_EQ(reporter_.Refused(), 0U);
   EXPECT_FALSE(log_.Has("Failed to write Event json to disc"));
   EXPECT_FALSE(log_.Has("Event json written to disc successfully"));
 }
 
+constexpr const char* kTracking = R"(,"trackContentChange":true)";
+
+TEST_F(EventProcessorTest, TheFirstSightOfATrackedFileBringsItsBaselineAndTheSecondDoesNot) {
+  AddRule("r1", kTracking);
+  folder_.Write("file", "text");
+  processor_.PostProcess({"r1"}, Event(EventType::Write, "file"));
+  processor_.PostProcess({"r1"}, Event(EventType::Write, "file"));
+  EXPECT_EQ(Stories(), (std::vector<std::string>{"Baseline file", "action file", "action file"}));
+  const Json baseline(storage_.written.front());
+  EXPECT_EQ(baseline.Keys(),
+            "successStatus,timestamp,eventId,eventAction,eventClass,eventType,imagePath,associatedRules,fileContent,"
+            "contentStatus");
+  EXPECT_EQ(baseline.At("timestamp"), "2023-11-14T22:13:20Z");
+  EXPECT_EQ(baseline.At("eventId"), "1");
+  EXPECT_EQ(baseline.At("eventType"), "File");
+  EXPECT_EQ(baseline.At("associatedRules"), R"(["r1"])");
+  EXPECT_EQ(baseline.At("fileContent"), "dGV4dA==");
+  EXPECT_EQ(baseline.At("contentStatus"), "READ_SUCCESSFUL");
+}
+
+TEST_F(EventProcessorTest, ABaselinesDigestIsThatOfTheFileItself) {
+  collect_hashes_ = true;
+  AddRule("r1", kTracking);
+  folder_.Write("file", "hi\n");
+  processor_.PostProcess({"r1"}, Event(EventType::Write, "file"));
+  ASSERT_EQ(storage_.written.size(), 2U);
+  EXPECT_EQ(Json(storage_.written[0]).At("fileContentHash"),
+            "98ea6e4f216f2fb4b69fff9b3a44842c38686ca685f3f55dc48c5d3fb1107be4");
+  EXPECT_TRUE(log_.Has("PATH: " + (folder_ / "file") + " SHA256: 98ea6e4f216f2fb4b69fff9b3a44842c38686ca6"));
+}
+
+TEST_F(EventProcessorTest, ARenameBringsABaselineForEachEnd) {
+  AddRule("r1", kTracking);
+  folder_.Write("new", "text");
+  FakeEvent event = Event(EventType::Rename, "old");
+  event.new_file = common::ImageInfo(folder_ / "new");
+  processor_.PostProcess({"r1"}, event);
+  EXPECT_EQ(Stories(), (std::vector<std::string>{"Baseline old", "Baseline new", "action old"}));
+  EXPECT_EQ(Json(storage_.written[0]).At("contentStatus"), "READ_FAILURE");
+  EXPECT_EQ(Json(storage_.written[1]).At("fileContent"), "dGV4dA==");
+  processor_.PostProcess({"r1"}, event);
+  EXPECT_EQ(storage_.written.size(), 4U);
+}
+
+TEST_F(EventProcessorTest, ADeletedFileHasItsBaselineWithLessInIt) {
+  collect_hashes_ = true;
+  AddRule("r1", kTracking);
+  processor_.PostProcess({"r1"}, Event(EventType::Delete, "gone"));
+  EXPECT_EQ(Stories(), (std::vector<std::string>{"Baseline gone", "action gone"}));
+  const Json baseline(storage_.written.front());
+  EXPECT_EQ(baseline.At("contentStatus"), "READ_FAILURE");
+  EXPECT_EQ(baseline.At("fileContentHash"), "(none)");
+}
+
+TEST_F(EventProcessorTest, ABaselineHoldsTheLargestFileAndNothingLarger) {
+  AddRule("r1", kTracking);
+  folder_.Write("largest", std::string(51'200, 'x'));
+  folder_.Write("too_large", std::string(51'201, 'x'));
+  processor_.PostProcess({"r1"}, Event(EventType::Rename, "largest"));
+  processor_.PostProcess({"r1"}, Event(EventType::Delete, "too_large"));
+  ASSERT_EQ(storage_.written.size(), 4U);
+  const Json largest(storage_.written[0]);
+  EXPECT_EQ(largest.At("contentStatus"), "READ_SUCCESSFUL");
+  EXPECT_EQ(largest.At("fileContent").size(), 68'268U);
+  const Json too_large(storage_.written[2]);
+  EXPECT_EQ(too_large.At("contentStatus"), "MAX_SIZE_LIMIT_REACHED");
+  EXPECT_EQ(too_large.At("fileContent"), "");
+}
+
+TEST_F(EventProcessorTest, OnlyFilesOnMatchingTrackingRulesHaveABaseline) {
+  AddRule("tracking", kTracking, "none");
+  AddRule("plain");
+  folder_.Write("file", "text");
+  processor_.PostProcess({"tracking", "plain"}, Event(EventType::Write, "file"));
+  FakeEvent folder_event = Event(EventType::Create, "file");
+  folder_event.object_type = edr::ObjectType::Directory;
+  folder_event.file->SetPath(folder_.Path());
+  processor_.PostProcess({"tracking"}, folder_event);
+  ASSERT_EQ(storage_.written.size(), 2U);
+  for (const std::string& document : storage_.written) EXPECT_EQ(Json(document).At("eventAction"), "action");
+  EXPECT_EQ(baseline_.GetSize(), 0U);
+}
+
+TEST_F(EventProcessorTest, OfTwoTrackingRulesTheFirstIsNamed) {
+  AddRule("plain");
+  AddRule("first", kTracking);
+  AddRule("second", kTracking);
+  folder_.Write("file", "text");
+  processor_.PostProcess({"plain", "first", "second"}, Event(EventType::Write, "file"));
+  ASSERT_EQ(storage_.written.size(), 2U);
+  EXPECT_EQ(Json(storage_.written[0]).At("associatedRules"), R"(["first"])");
+  EXPECT_EQ(Json(storage_.written[1]).At("associatedRules"), R"(["plain","first","second"])");
+}
+
+TEST_F(EventProcessorTest, ARequestForABaselineGivesNothingElse) {
+  AddRule("r1", kTracking);
+  folder_.Write("file", "text");
+  processor_.PostProcess({"gone", "r1"}, Event(EventType::Baseline, "file"));
+  processor_.PostProcess({"r1"}, Event(EventType::Baseline, "file"));
+  EXPECT_EQ(Stories(), std::vector<std::string>{"Baseline file"});
+  EXPECT_TRUE(log_.Has("NULL Rule for rule id: gone"));
+  EXPECT_FALSE(log_.Has("Processing Event id: "));
+}
+
+TEST_F(EventProcessorTest, ABaselineThatTheSpoolRefusesIsTakenWithTheNextEvent) {
+  AddRule("r1", kTracking);
+  folder_.Write("file", "text");
+  storage_.max_item_size = 10;
+  processor_.PostProcess({"r1"}, Event(EventType::Delete, "file"));
+  EXPECT_EQ(baseline_.GetSize(), 0U);
+  storage_.max_item_size = 100'000;
+  processor_.PostProcess({"r1"}, Event(EventType::Delete, "file"));
+  EXPECT_EQ(Stories(), (std::vector<std::string>{"Baseline file", "action file"}));
+}
+
 TEST_F(EventProcessorTest, ItsEndIsLogged) {
-  { const EventProcessor processor(rules_, storage_); }
+  { const EventProcessor processor(rules_, storage_, baseline_, health_); }
   EXPECT_TRUE(log_.Has("[FIM]: Destroying EventProcessor"));
 }
 

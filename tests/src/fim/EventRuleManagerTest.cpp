@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "tests/fakes/FakeEvent.h"
+#include "tests/fakes/FakeHealthReporter.h"
 #include "tests/fakes/FakeRuleEngine.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
@@ -35,7 +36,7 @@ class EventRuleManagerTest : public testing::Test {
   }
   void Make(const std::vector<std::string>& manifests) {
     manager_ = std::make_unique<EventRuleManager>(
-        *ConfigOf(manifests), engine_, table_,
+        *ConfigOf(manifests), engine_, table_, health_,
         [this](const std::vector<std::string>& ids, const edr::Event&) { delivered_ = ids; });
   }
   [[nodiscard]] Installed InEngine() const { return engine_.Installed("FIM"); }
@@ -44,6 +45,8 @@ class EventRuleManagerTest : public testing::Test {
   fakes::TempFolder folder_;
   fakes::FakeRuleEngine engine_;
   RuleTable table_;
+  fakes::FakeHealthReporter reporter_;
+  const health::ComponentHealth health_{reporter_, health::ComponentHealth::Kind::Fim};
   std::vector<std::string> delivered_;
   std::unique_ptr<EventRuleManager> manager_;
 };
@@ -80,7 +83,59 @@ TEST_F(EventRuleManagerTest, ABadManifestIsSkippedAndTheOthersApply) {
   EXPECT_EQ(InEngine(), (Installed{{"r1", "/etc"}}));
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "[FIM]: Failed to read manifest: " + missing));
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "[FIM]: Invalid manifest json format for: " + broken));
-  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, malformed + ": Missing mandatory element: fim"));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "[FIM]: Failed to parse manifest " + malformed +
+                                                      ": line 1, column 9: Missing mandatory element: fim (key data)"));
+}
+
+TEST_F(EventRuleManagerTest, AManifestThatTurnsBadKeepsTheRulesThatItHad) {
+  const std::string one = WriteManifest("one.json", Rule("r1", "/etc"), true);
+  const std::string two = WriteManifest("two.json", Rule("r2", "/srv"));
+  Make({one, two});
+  folder_.Write("one.json", R"({"data":{"fim":{"policyVersion":"1.0","collectHashes":false,"rules":[{}]}}})");
+  const std::string three = WriteManifest("three.json", Rule("r3", "/opt"));
+  manager_->Update(*ConfigOf({one, three}));
+  EXPECT_EQ(InEngine(), (Installed{{"r1", "/etc"}, {"r3", "/opt"}}));
+  EXPECT_TRUE(table_.CollectsHashes());
+  EXPECT_EQ(log_.Count("Failed to parse manifest " + one), 1);
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_INFORMATION, "[FIM]: Keeping the earlier rules of manifest " + one));
+
+  // Bad once more, and gone now: it is the last good state that counts.
+  ASSERT_EQ(unlink(one.c_str()), 0);
+  manager_->Update(*ConfigOf({one, two}));
+  EXPECT_EQ(InEngine(), (Installed{{"r1", "/etc"}, {"r2", "/srv"}}));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "[FIM]: Failed to read manifest: " + one));
+
+  manager_->Update(*ConfigOf({two}));
+  EXPECT_EQ(InEngine(), (Installed{{"r2", "/srv"}})) << "it is not named any more";
+}
+
+TEST_F(EventRuleManagerTest, ABadManifestThatNeverHadRulesHasNoneToKeep) {
+  const std::string bad = folder_.Write("bad.json", "{");
+  Make({bad});
+  manager_->Update(*ConfigOf({bad, WriteManifest("good.json", Rule("r1", "/etc"))}));
+  EXPECT_EQ(InEngine(), (Installed{{"r1", "/etc"}}));
+  EXPECT_FALSE(log_.Has("Keeping the earlier rules"));
+}
+
+TEST_F(EventRuleManagerTest, AnUpdateThatGivesNoRulesTakesTheKeptOnesAwayToo) {
+  const std::string one = WriteManifest("one.json", Rule("r1", "/etc"));
+  Make({one});
+  folder_.Write("one.json", "{");
+  const std::string empty = WriteManifest("empty.json", "");
+  manager_->Update(*ConfigOf({one, empty}));
+  EXPECT_TRUE(InEngine().empty());
+  EXPECT_EQ(manager_->GetRule("r1"), nullptr);
+  // And they do not come back with a later update.
+  manager_->Update(*ConfigOf({one, WriteManifest("two.json", Rule("r2", "/srv"))}));
+  EXPECT_EQ(InEngine(), (Installed{{"r2", "/srv"}}));
+}
+
+TEST_F(EventRuleManagerTest, AManifestOfAnotherVersionIsNoBadOneAndLosesItsRules) {
+  const std::string one = WriteManifest("one.json", Rule("r1", "/etc"));
+  Make({one});
+  WriteManifest("one.json", Rule("r1", "/etc"), false, "2.0");
+  manager_->Update(*ConfigOf({one, WriteManifest("two.json", Rule("r2", "/srv"))}));
+  EXPECT_EQ(InEngine(), (Installed{{"r2", "/srv"}}));
 }
 
 TEST_F(EventRuleManagerTest, AManifestOfAMillionBracketsIsOnlyABadManifest) {
@@ -238,6 +293,31 @@ TEST_F(EventRuleManagerTest, ItsEndTakesHandlersAndRulesOffTheEngine) {
   EXPECT_TRUE(InEngine().empty());
   engine_.Deliver("FIM", {"late"}, fakes::FakeEvent());
   EXPECT_TRUE(delivered_.empty());
+}
+
+TEST_F(EventRuleManagerTest, TellsWhatBecameOfEachManifest) {
+  const std::string good = WriteManifest("good.json", Rule("r1", "/etc"));
+  const std::string broken = folder_.Write("broken.json", "{ no json");
+  const std::string missing = folder_ / "missing.json";
+  const std::string empty = folder_.Write("empty.json", "{}");
+  Make({good, broken, missing, empty});
+  const auto lines = reporter_.Lines();
+  ASSERT_EQ(lines.size(), 4U);
+  EXPECT_EQ(lines[0], "4002 " + broken + " 0 manifest=failed reason=Invalid manifest json format for: " + broken +
+                          ": line 1, column 3: Missing a name for object member.");
+  EXPECT_EQ(lines[1].find("4002 " + empty + " 0 manifest=failed reason="), 0U) << lines[1];
+  EXPECT_EQ(lines[2], "4002 " + good + " 1 manifest=applied");
+  EXPECT_EQ(lines[3], "4002 " + missing + " 0 manifest=failed reason=Failed to read manifest: " + missing);
+}
+
+TEST_F(EventRuleManagerTest, AManifestThatTheEngineRefusedIsAppliedWhenItIsTakenLater) {
+  const std::string good = WriteManifest("good.json", Rule("r1", "/etc"));
+  engine_.FailAdds("no kernel");
+  Make({good});
+  EXPECT_EQ(reporter_.Lines().back(), "4002 " + good + " 0 manifest=failed reason=rules not applied: no kernel");
+  engine_.FailAdds("");
+  engine_.Invalidate();
+  EXPECT_EQ(reporter_.Lines().back(), "4002 " + good + " 1 manifest=applied");
 }
 
 }  // namespace

@@ -129,15 +129,41 @@ TEST(EventRuleTest, MalformedRulesAreRefusedWithTheirReason) {
   EXPECT_EQ(error([](RuleText& rule) { rule.more = R"(,"trackContentChange":1)"; }), "Invalid Rule json values");
 }
 
-TEST(EventRuleTest, MalformedFilterSectionsAreRefusedAndTheirReasonIsLogged) {
-  const LogCapture log;
+TEST(EventRuleTest, MalformedFilterSectionsAreRefusedWithTheirReason) {
   RuleText rule;
   rule.more = R"(,"inclusionFilters":{})";
-  EXPECT_EQ(rule.Error(), "Failed to parse inclusion filters");
-  EXPECT_TRUE(log.Has(Poco::Message::PRIO_ERROR, "[FIM]: Filters not array"));
+  EXPECT_EQ(rule.Error(), "Failed to parse inclusion filters: Filters not array");
   rule.more = R"(,"exclusionFilters":[{"exclusionFilter":{}}])";
-  EXPECT_EQ(rule.Error(), "Failed to parse exclusion filters");
-  EXPECT_TRUE(log.Has(Poco::Message::PRIO_ERROR, "[FIM]: Missing or invalid filters."));
+  EXPECT_EQ(rule.Error(), "Failed to parse exclusion filters: Missing or invalid filters.");
+}
+
+TEST(EventRuleTest, AFaultSaysWhereItIs) {
+  const auto place = [](const auto& change) {
+    RuleText rule;
+    change(rule);
+    try {
+      (void)rule.Make();
+      return JsonPlace{"no fault"};
+    } catch (const RuleFault& fault) {
+      return fault.Place();
+    }
+  };
+  EXPECT_EQ(place([](RuleText& rule) { rule.id = ""; }), JsonPlace{});
+  EXPECT_EQ(place([](RuleText& rule) { rule.type = "7"; }), JsonPlace{"ruleType"});
+  EXPECT_EQ(place([](RuleText& rule) { rule.path = R"("etc")"; }), JsonPlace{"imagePath"});
+  EXPECT_EQ(place([](RuleText& rule) { rule.depth = "3"; }), JsonPlace{"recursiveDepth"});
+  EXPECT_EQ(place([](RuleText& rule) { rule.notify = R"(["read","x"])"; }), (JsonPlace{"notify", "1"}));
+  EXPECT_EQ(place([](RuleText& rule) { rule.notify = "[]"; }), JsonPlace{"notify"});
+  EXPECT_EQ(place([](RuleText& rule) { rule.more = R"(,"trackContentChange":1)"; }), JsonPlace{"trackContentChange"});
+  EXPECT_EQ(place([](RuleText& rule) { rule.more = R"(,"inclusionFilters":7)"; }), JsonPlace{"inclusionFilters"});
+  EXPECT_EQ(place([](RuleText& rule) {
+              rule.more = R"(,"inclusionFilters":[{"actorUsername":["a"]},{"inclusionFilter":{"actorProcess":[1]}}])";
+            }),
+            (JsonPlace{"inclusionFilters", "1", "inclusionFilter", "actorProcess", "0"}));
+  EXPECT_EQ(place([](RuleText& rule) {
+              rule.more = R"(,"exclusionFilters":[{"timespanStart":"01:00:00","timespanEnd":"x"}])";
+            }),
+            (JsonPlace{"exclusionFilters", "0", "timespanEnd"}));
 }
 
 TEST(EventRuleTest, DepthNoneAcceptsPathsOfTheRulesOwnDepthOnly) {
@@ -200,6 +226,20 @@ TEST(EventRuleTest, JudgesWhatLiesElsewhereByItsActionAlone) {
   EXPECT_EQ(rule.Match(Event(EventType::Delete, "/etc/passwd")), MatchResult::OutOfScope) << "too deep";
   EXPECT_EQ(rule.Match(Rename("/srv/a", "/srv/b")), MatchResult::Matched);
   EXPECT_EQ(rule.Match(Rename("/srv/a", "/etc/b")), MatchResult::OutOfScope) << "one end is here, and too deep";
+}
+
+TEST(EventRuleTest, TakesAPathThatIsNotTidyForWhatItMeans) {
+  for (const char* path : {"/etc//ssh", "/etc/ssh/"}) {
+    RuleText text;
+    text.path = "\"" + std::string(path) + "\"";
+    text.depth = R"("none")";
+    text.notify = R"(["delete"])";
+    const EventRule rule = text.Make();
+    EXPECT_EQ(rule.Match(Event(EventType::Delete, "/etc/ssh")), MatchResult::Matched) << path;
+    EXPECT_EQ(rule.Match(Event(EventType::Delete, "/etc/ssh/moduli")), MatchResult::OutOfScope)
+        << path << ": it lies here, and too deep";
+    EXPECT_EQ(rule.Match(Event(EventType::Delete, "/etc/ssh2/a/b")), MatchResult::Matched) << path << ": elsewhere";
+  }
 }
 
 TEST(EventRuleTest, ARenameMustHaveBothPathAndDepthAtOneEnd) {
@@ -266,6 +306,16 @@ TEST(EventRuleTest, ExclusionFiltersHoldBackWhatOneOfThemMatches) {
   EXPECT_EQ(rule.Match(Event(EventType::Write, "/etc/passwd")), MatchResult::Matched);
   EXPECT_TRUE(log.Has(Poco::Message::PRIO_DEBUG, "Applying Exclusion filters"));
   EXPECT_TRUE(log.Has(Poco::Message::PRIO_DEBUG, "Exclusion filters not matched"));
+}
+
+TEST(EventRuleTest, AnAtomicReplacementOfAWatchedFileIsReported) {
+  RuleText rule;
+  rule.more = R"(,"inclusionFilters":[{"objectType":"file","patterns":["passwd"]}])";
+  EXPECT_EQ(rule.Make().Match(Rename("/etc/passwd+", "/etc/passwd")), MatchResult::Matched);
+  EXPECT_EQ(rule.Make().Match(Rename("/etc/group+", "/etc/group")), MatchResult::RefusedByFilter);
+  rule.more = R"(,"exclusionFilters":[{"objectType":"file","patterns":["*+"]}])";
+  EXPECT_EQ(rule.Make().Match(Rename("/etc/passwd+", "/etc/passwd")), MatchResult::Matched);
+  EXPECT_EQ(rule.Make().Match(Rename("/etc/a+", "/etc/b+")), MatchResult::RefusedByFilter);
 }
 
 TEST(EventRuleTest, WithBothKindsTheInclusionFiltersAloneDecide) {

@@ -44,58 +44,89 @@ FakeEvent EventAt(int hour, int minute, int second) {
 
 TEST(FilterTest, ABareNameMatchesInAnyFolderBelowTheRulesPath) {
   const Filter filter = MakeFilter(R"({"objectType":"file","patterns":["passwd"]})");
-  EXPECT_TRUE(filter.Matches(FileEvent("/etc/passwd")));
-  EXPECT_TRUE(filter.Matches(FileEvent("/etc/deep/down/passwd")));
-  EXPECT_FALSE(filter.Matches(FileEvent("/etc/passwd-")));
-  EXPECT_FALSE(filter.Matches(FileEvent("/srv/passwd")));
+  EXPECT_TRUE(filter.Includes(FileEvent("/etc/passwd")));
+  EXPECT_TRUE(filter.Includes(FileEvent("/etc/deep/down/passwd")));
+  EXPECT_FALSE(filter.Includes(FileEvent("/etc/passwd-")));
+  EXPECT_FALSE(filter.Includes(FileEvent("/srv/passwd")));
 }
 
 TEST(FilterTest, APatternIsConcatenatedWithTheRulesPath) {
-  EXPECT_TRUE(MakeFilter(R"({"objectType":"file","patterns":["/ssh/*.conf"]})").Matches(FileEvent("/etc/ssh/a.conf")));
-  EXPECT_FALSE(MakeFilter(R"({"objectType":"file","patterns":["/ssh/*.conf"]})").Matches(FileEvent("/etc/a.conf")));
-  EXPECT_TRUE(MakeFilter(R"({"objectType":"file","patterns":["*.conf"]})").Matches(FileEvent("/etc/ssh/a.conf")));
+  EXPECT_TRUE(MakeFilter(R"({"objectType":"file","patterns":["/ssh/*.conf"]})").Includes(FileEvent("/etc/ssh/a.conf")));
+  EXPECT_FALSE(MakeFilter(R"({"objectType":"file","patterns":["/ssh/*.conf"]})").Includes(FileEvent("/etc/a.conf")));
+  EXPECT_TRUE(MakeFilter(R"({"objectType":"file","patterns":["*.conf"]})").Includes(FileEvent("/etc/ssh/a.conf")));
 }
 
 TEST(FilterTest, ATrailingSlashOfTheRulesPathMakesNoDifference) {
   const std::string json = R"({"objectType":"file","patterns":["passwd"]})";
-  EXPECT_TRUE(MakeFilter(json, "/etc/").Matches(FileEvent("/etc/passwd")));
-  EXPECT_TRUE(MakeFilter(json, "/").Matches(FileEvent("/passwd")));
+  EXPECT_TRUE(MakeFilter(json, "/etc/").Includes(FileEvent("/etc/passwd")));
+  EXPECT_TRUE(MakeFilter(json, "/").Includes(FileEvent("/passwd")));
 }
 
 TEST(FilterTest, TheRulesPathIsNoPattern) {
   const std::string json = R"({"objectType":"file","patterns":["/x"]})";
-  EXPECT_TRUE(MakeFilter(json, "/srv/[ab]*").Matches(FileEvent("/srv/[ab]*/x")));
-  EXPECT_FALSE(MakeFilter(json, "/srv/[ab]").Matches(FileEvent("/srv/a/x")));
+  EXPECT_TRUE(MakeFilter(json, "/srv/[ab]*").Includes(FileEvent("/srv/[ab]*/x")));
+  EXPECT_FALSE(MakeFilter(json, "/srv/[ab]").Includes(FileEvent("/srv/a/x")));
 }
 
 TEST(FilterTest, AFileFilterNeverMatchesAFolder) {
-  EXPECT_FALSE(MakeFilter(R"({"objectType":"file","patterns":["*"]})").Matches(FolderEvent("/etc/ssh")));
-  EXPECT_FALSE(MakeFilter(R"({"objectType":"file","patterns":[]})").Matches(FolderEvent("/etc/ssh")));
-  EXPECT_TRUE(MakeFilter(R"({"objectType":"file","patterns":[]})").Matches(FileEvent("/etc/passwd")));
+  EXPECT_FALSE(MakeFilter(R"({"objectType":"file","patterns":["*"]})").Includes(FolderEvent("/etc/ssh")));
+  EXPECT_FALSE(MakeFilter(R"({"objectType":"file","patterns":[]})").Includes(FolderEvent("/etc/ssh")));
+  EXPECT_TRUE(MakeFilter(R"({"objectType":"file","patterns":[]})").Includes(FileEvent("/etc/passwd")));
 }
 
 TEST(FilterTest, AFolderFilterMatchesTheFolderItsContentsAndWhatLiesRightInIt) {
   const Filter itself = MakeFilter(R"({"objectType":"directory","patterns":["/ssh"]})");
-  EXPECT_TRUE(itself.Matches(FolderEvent("/etc/ssh")));
-  EXPECT_FALSE(itself.Matches(FolderEvent("/etc/ssl")));
+  EXPECT_TRUE(itself.Includes(FolderEvent("/etc/ssh")));
+  EXPECT_FALSE(itself.Includes(FolderEvent("/etc/ssl")));
 
   const Filter contents = MakeFilter(R"({"objectType":"directory","patterns":["/ssh/*"]})");
-  EXPECT_TRUE(contents.Matches(FolderEvent("/etc/ssh")));  // as "/etc/ssh/*"
-  EXPECT_TRUE(contents.Matches(FileEvent("/etc/ssh/sshd_config")));
+  EXPECT_TRUE(contents.Includes(FolderEvent("/etc/ssh")));  // as "/etc/ssh/*"
+  EXPECT_TRUE(contents.Includes(FileEvent("/etc/ssh/sshd_config")));
 
   const Filter parent = MakeFilter(R"({"objectType":"directory","patterns":["/ssh/"]})");
-  EXPECT_TRUE(parent.Matches(FileEvent("/etc/ssh/sshd_config")));  // by its folder "/etc/ssh/"
-  EXPECT_FALSE(parent.Matches(FileEvent("/etc/ssl/openssl.cnf")));
+  EXPECT_TRUE(parent.Includes(FileEvent("/etc/ssh/sshd_config")));  // by its folder "/etc/ssh/"
+  EXPECT_FALSE(parent.Includes(FileEvent("/etc/ssl/openssl.cnf")));
+}
+
+TEST(FilterTest, ARenameIsIncludedByEitherEndAndExcludedByBothOnly) {
+  FakeEvent event = FileEvent("/etc/x.tmp");
+  event.type = edr::EventType::Rename;
+  event.new_file = common::ImageInfo("/etc/passwd");
+  const Filter target = MakeFilter(R"({"objectType":"file","patterns":["passwd"]})");
+  const Filter source = MakeFilter(R"({"objectType":"file","patterns":["*.tmp"]})");
+  const Filter both = MakeFilter(R"({"objectType":"file","patterns":["*.tmp","passwd"]})");
+  const Filter neither = MakeFilter(R"({"objectType":"file","patterns":["group"]})");
+  EXPECT_TRUE(target.Includes(event));
+  EXPECT_TRUE(source.Includes(event));
+  EXPECT_FALSE(neither.Includes(event));
+  EXPECT_FALSE(target.Excludes(event));
+  EXPECT_FALSE(source.Excludes(event));  // an atomic replacement of a watched file
+  EXPECT_TRUE(both.Excludes(event));
+  EXPECT_FALSE(neither.Excludes(event));
+  event.new_file.reset();  // where it went is not known
+  EXPECT_TRUE(source.Excludes(event));
+  EXPECT_FALSE(target.Includes(event));
+}
+
+TEST(FilterTest, AFolderFilterLooksAtBothEndsOfARenameToo) {
+  FakeEvent event = FolderEvent("/srv/incoming/new");
+  event.type = edr::EventType::Rename;
+  event.new_file = common::ImageInfo("/etc/ssh/new");
+  const Filter filter = MakeFilter(R"({"objectType":"directory","patterns":["/ssh/*"]})");
+  EXPECT_TRUE(filter.Includes(event));
+  EXPECT_FALSE(filter.Excludes(event));
+  event.file->SetPath("/etc/ssh/old");
+  EXPECT_TRUE(filter.Excludes(event));
 }
 
 TEST(FilterTest, UsersAreMatchedByLoginName) {
   const Filter filter = MakeFilter(R"({"actorUsername":["adm*","root"]})");
   FakeEvent event = FileEvent("/etc/passwd");
   event.login_name = "admin";
-  EXPECT_TRUE(filter.Matches(event));
+  EXPECT_TRUE(filter.Includes(event));
   event.login_name = "alice";
   event.user_name = "root";
-  EXPECT_FALSE(filter.Matches(event));
+  EXPECT_FALSE(filter.Includes(event));
 }
 
 TEST(FilterTest, ProcessesAreMatchedByImagePathAndABareNameInAnyFolder) {
@@ -103,26 +134,26 @@ TEST(FilterTest, ProcessesAreMatchedByImagePathAndABareNameInAnyFolder) {
   FakeEvent event = FileEvent("/etc/passwd");
   for (const char* image : {"/usr/bin/vim", "/usr/sbin/usermod", "/opt/x/some-agent"}) {
     event.image = common::ImageInfo(image);
-    EXPECT_TRUE(filter.Matches(event)) << image;
+    EXPECT_TRUE(filter.Includes(event)) << image;
   }
   event.image = common::ImageInfo("/usr/bin/nvim");
-  EXPECT_FALSE(filter.Matches(event));
+  EXPECT_FALSE(filter.Includes(event));
   event.image.reset();
-  EXPECT_FALSE(filter.Matches(event));
+  EXPECT_FALSE(filter.Includes(event));
 }
 
 TEST(FilterTest, TheTimeSpanIsUtcAndIncludesBothEnds) {
   const Filter filter = MakeFilter(R"({"timespanStart":"08:30:00","timespanEnd":"17:00:30"})");
-  EXPECT_FALSE(filter.Matches(EventAt(8, 29, 59)));
-  EXPECT_TRUE(filter.Matches(EventAt(8, 30, 0)));
-  EXPECT_TRUE(filter.Matches(EventAt(17, 0, 30)));
-  EXPECT_FALSE(filter.Matches(EventAt(17, 0, 31)));
+  EXPECT_FALSE(filter.Includes(EventAt(8, 29, 59)));
+  EXPECT_TRUE(filter.Includes(EventAt(8, 30, 0)));
+  EXPECT_TRUE(filter.Includes(EventAt(17, 0, 30)));
+  EXPECT_FALSE(filter.Includes(EventAt(17, 0, 31)));
 }
 
 TEST(FilterTest, AnEqualStartAndEndAlwaysPass) {
   const Filter filter = MakeFilter(R"({"timespanStart":"12:00:00","timespanEnd":"12:00:00"})");
-  EXPECT_TRUE(filter.Matches(EventAt(0, 0, 0)));
-  EXPECT_TRUE(filter.Matches(EventAt(23, 59, 59)));
+  EXPECT_TRUE(filter.Includes(EventAt(0, 0, 0)));
+  EXPECT_TRUE(filter.Includes(EventAt(23, 59, 59)));
 }
 
 TEST(FilterTest, EveryTestOfAFilterMustHold) {
@@ -132,20 +163,20 @@ TEST(FilterTest, EveryTestOfAFilterMustHold) {
   FakeEvent good = EventAt(6, 0, 0);
   good.login_name = "root";
   good.image = common::ImageInfo("/bin/vi");
-  EXPECT_TRUE(filter.Matches(good));
+  EXPECT_TRUE(filter.Includes(good));
 
   FakeEvent other_user = good;
   other_user.login_name = "alice";
-  EXPECT_FALSE(filter.Matches(other_user));
+  EXPECT_FALSE(filter.Includes(other_user));
   FakeEvent other_process = good;
   other_process.image = common::ImageInfo("/bin/ed");
-  EXPECT_FALSE(filter.Matches(other_process));
+  EXPECT_FALSE(filter.Includes(other_process));
   FakeEvent other_file = good;
   other_file.file->SetPath("/etc/group");
-  EXPECT_FALSE(filter.Matches(other_file));
+  EXPECT_FALSE(filter.Includes(other_file));
   FakeEvent other_time = good;
   other_time.timestamp += 12LL * 3'600 * 1'000'000'000;
-  EXPECT_FALSE(filter.Matches(other_time));
+  EXPECT_FALSE(filter.Includes(other_time));
 }
 
 TEST(FilterTest, TheSameFilterServesAnotherPath) {
@@ -153,10 +184,10 @@ TEST(FilterTest, TheSameFilterServesAnotherPath) {
   const Filter moved = filter.ForPath("/real");
   FakeEvent event = FileEvent("/real/x");
   event.login_name = "root";
-  EXPECT_TRUE(moved.Matches(event));
-  EXPECT_FALSE(filter.Matches(event));
+  EXPECT_TRUE(moved.Includes(event));
+  EXPECT_FALSE(filter.Includes(event));
   event.login_name = "alice";
-  EXPECT_FALSE(moved.Matches(event));
+  EXPECT_FALSE(moved.Includes(event));
 }
 
 TEST(FilterTest, MalformedFiltersAreRefusedWithTheirReason) {
@@ -177,21 +208,21 @@ TEST(FilterTest, MalformedFiltersAreRefusedWithTheirReason) {
 
 TEST(FilterTest, AMalformedTimeSpanNamesItsBadEnd) {
   const LogCapture log;
-  EXPECT_EQ(ErrorOf(R"({"timespanStart":"8 o'clock","timespanEnd":"17:00:00"})"), "Invalid timespan filter");
-  EXPECT_TRUE(log.Has(Poco::Message::PRIO_ERROR, "[FIM]: Failed to convert time string to time tm struct"));
-  EXPECT_TRUE(log.Has(Poco::Message::PRIO_ERROR, "[FIM]: Invalid startTime 8 o'clock"));
-  EXPECT_EQ(ErrorOf(R"({"timespanStart":"08:00:00","timespanEnd":"17:00:00 CET"})"), "Invalid timespan filter");
-  EXPECT_TRUE(log.Has(Poco::Message::PRIO_ERROR, "[FIM]: Invalid endTime 17:00:00 CET"));
-  EXPECT_EQ(ErrorOf(R"({"timespanStart":"08:00:00"})"), "Invalid timespan filter");
-  EXPECT_EQ(ErrorOf(R"({"timespanStart":"18:00:00","timespanEnd":"17:00:00"})"), "Invalid timespan filter");
-  EXPECT_TRUE(log.Has(Poco::Message::PRIO_ERROR, "[FIM]: StartTime cannot be later than EndTime"));
+  EXPECT_EQ(ErrorOf(R"({"timespanStart":"8 o'clock","timespanEnd":"17:00:00"})"),
+            "Invalid timespan filter: Invalid startTime 8 o'clock");
+  EXPECT_TRUE(log.Has("[FIM]: Failed to convert time string to time tm struct"));
+  EXPECT_EQ(ErrorOf(R"({"timespanStart":"08:00:00","timespanEnd":"17:00:00 CET"})"),
+            "Invalid timespan filter: Invalid endTime 17:00:00 CET");
+  EXPECT_EQ(ErrorOf(R"({"timespanStart":"08:00:00"})"), "Invalid timespan filter: Invalid endTime ");
+  EXPECT_EQ(ErrorOf(R"({"timespanStart":"18:00:00","timespanEnd":"17:00:00"})"),
+            "Invalid timespan filter: StartTime cannot be later than EndTime");
 }
 
 TEST(FilterTest, TracesEachComparison) {
   const LogCapture log;
   const Filter filter = MakeFilter(R"({"objectType":"file","patterns":["passwd"]})");
-  EXPECT_TRUE(filter.Matches(FileEvent("/etc/passwd")));
-  EXPECT_FALSE(filter.Matches(FileEvent("/etc/group")));
+  EXPECT_TRUE(filter.Includes(FileEvent("/etc/passwd")));
+  EXPECT_FALSE(filter.Includes(FileEvent("/etc/group")));
   EXPECT_TRUE(log.Has(Poco::Message::PRIO_TRACE, "Pattern: /etc*/passwd matched with value: /etc/passwd"));
   EXPECT_TRUE(log.Has(Poco::Message::PRIO_TRACE, "Pattern: /etc*/passwd not matched with value: /etc/group"));
 }

@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "tests/fakes/LogCapture.h"
+#include "tests/fakes/TestData.h"
 #include "tests/src/fim/Json.h"
 
 namespace zagent::fim {
@@ -26,7 +27,7 @@ std::string ErrorOf(const std::string& text) {
     const Manifest manifest(Json(text).Value());
     return "";
   } catch (const ManifestException& error) {
-    return error.what();
+    return error.Mistakes().front().reason;
   }
 }
 
@@ -72,6 +73,28 @@ TEST(ManifestTest, OneMalformedRuleRefusesTheWholeManifest) {
             "Invalid Rule json values");
 }
 
+TEST(ManifestTest, EveryBadRuleIsNamedWithItsIdAndTheKey) {
+  const std::string rules =
+      R"([{"ruleId":"r1","ruleType":"file","imagePath":"/etc/passwd","notify":["modifyContent","write"]},)" +
+      std::string(kRule) +
+      R"(,{"ruleType":"file","imagePath":"/x","notify":["read"]},)"
+      R"({"ruleId":"r3","ruleType":"file","imagePath":"/x","notify":["read"],)"
+      R"("exclusionFilters":[{"actorProcess":["vi"]},{"exclusionFilter":{"objectType":"file","patterns":[7]}}]}])";
+  const Json json(Document(R"({"policyVersion":"1.0","collectHashes":true,"rules":)" + rules + "}"));
+  try {
+    const Manifest manifest(json.Value());
+    FAIL() << "the manifest was taken";
+  } catch (const ManifestException& error) {
+    ASSERT_EQ(error.Mistakes().size(), 3U);
+    EXPECT_EQ(error.Mistakes()[0].Text(), "Invalid Notify Flag (rule r1, key notify[1])");
+    EXPECT_EQ(error.Mistakes()[1].Text(), "Missing mandatory element: ruleId (key data.fim.rules[2])");
+    EXPECT_EQ(error.Mistakes()[2].Text(),
+              "Failed to parse exclusion filters: Invalid value for patterns "
+              "(rule r3, key exclusionFilters[1].exclusionFilter.patterns[0])");
+    EXPECT_STREQ(error.what(), "Invalid Notify Flag (rule r1, key notify[1])");
+  }
+}
+
 TEST(ManifestTest, DeepNestingIsRefusedBeforeAnythingRecursesIntoIt) {
   const std::string deep(1'000'000, '[');
   const std::string text = Document(R"({"policyVersion":"1.0","collectHashes":true,"rules":[{"ruleId":)" + deep +
@@ -81,7 +104,7 @@ TEST(ManifestTest, DeepNestingIsRefusedBeforeAnythingRecursesIntoIt) {
 }
 
 TEST(ManifestTest, TheExampleManifestHoldsAFolderAndAFileRule) {
-  const std::filesystem::path root = std::filesystem::path(OSTREL_TEST_DATA).parent_path().parent_path();
+  const std::filesystem::path root = fakes::SourceTree();
   std::ifstream in(root / "examples/fim-manifest.json");
   const std::string text(std::istreambuf_iterator<char>(in), {});
   const Manifest manifest(Json(text).Value());

@@ -7,7 +7,9 @@
 #include <string>
 
 #include "tests/fakes/FakeClock.h"
+#include "tests/fakes/FakeHealthReporter.h"
 #include "tests/fakes/FakeUploader.h"
+#include "tests/fakes/Gate.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/MemoryStorage.h"
 #include "tests/src/fim/TestConfig.h"
@@ -24,7 +26,7 @@ class UploadScheduleTest : public testing::Test {
   UploadScheduleTest() {
     auto uploader = std::make_unique<fakes::FakeUploader>();
     uploader_ = uploader.get();
-    schedule_ = std::make_unique<UploadSchedule>(*config_, storage_, std::move(uploader), nullptr, clock_);
+    schedule_ = std::make_unique<UploadSchedule>(*config_, storage_, std::move(uploader), nullptr, health_, clock_);
   }
 
   // One run from its start to its end, on its own thread.
@@ -34,7 +36,7 @@ class UploadScheduleTest : public testing::Test {
   }
   void AwaitEnd() {
     // A second Start waits for the first run; cancelling an ended run does nothing but join it.
-    while (schedule_->IsRunning()) std::this_thread::yield();
+    EXPECT_TRUE(fakes::Eventually([&] { return !schedule_->IsRunning(); }));
     schedule_->Cancel();
   }
 
@@ -52,6 +54,8 @@ class UploadScheduleTest : public testing::Test {
   fakes::FakeClock clock_;  // begins at 2023-11-14T22:13:20Z
   std::unique_ptr<Config> config_ = MakeConfig({});
   fakes::MemoryStorage storage_;
+  fakes::FakeHealthReporter reporter_;
+  const health::ComponentHealth health_{reporter_, health::ComponentHealth::Kind::Fim};
   fakes::FakeUploader* uploader_ = nullptr;
   std::unique_ptr<UploadSchedule> schedule_;
 };
@@ -71,7 +75,7 @@ TEST_F(UploadScheduleTest, ARunThatWouldBeginInQuietHoursWaitsForTheirEnd) {
   };
   const auto seconds_to_run = [&](const std::string& module) {
     const common::BlackoutManager quiet_hours(table(module), clock_);
-    UploadSchedule schedule(*config_, storage_, std::make_unique<fakes::FakeUploader>(), &quiet_hours, clock_);
+    UploadSchedule schedule(*config_, storage_, std::make_unique<fakes::FakeUploader>(), &quiet_hours, health_, clock_);
     return (schedule.NextRunTime() - common::util::ToNanoseconds(clock_.Now())) / 1'000'000'000;
   };
   const int to_window = 900 - second % 900;
@@ -100,6 +104,19 @@ TEST_F(UploadScheduleTest, AFileIsSentWithTheTimeOfTheUploadAndDeleted) {
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "[FIM]: Payload data (uncompressed): {\"events\":["));
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_INFORMATION, "[FIM]: UploadSchedule: Events successfully uploaded."));
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_INFORMATION, "[FIM]: Deleted file: /spool/fim.0001"));
+}
+
+TEST_F(UploadScheduleTest, TheUploaderLearnsWhichFileItSends) {
+  storage_.AddFile("/spool/fim.0001", kFile);
+  storage_.AddFile("/spool/fim.0002", kFile);
+  Run();
+  const auto uploads = uploader_->Uploads();
+  ASSERT_EQ(uploads.size(), 2U);
+  ASSERT_TRUE(uploads[0].source && uploads[1].source);
+  EXPECT_EQ(uploads[0].source->path, "/spool/fim.0001");
+  EXPECT_EQ(uploads[0].source->prefix, "fim");
+  EXPECT_EQ(uploads[0].source->size, std::string(kFile).size());
+  EXPECT_NE(uploads[0].source->inode, uploads[1].source->inode);
 }
 
 TEST_F(UploadScheduleTest, OneRunSendsEveryFileOldestFirst) {
@@ -238,6 +255,24 @@ TEST_F(UploadScheduleTest, CancellingEndsAnUploadInFlightAndKeepsItsFile) {
   schedule_->Cancel();
   EXPECT_FALSE(schedule_->IsRunning());
   EXPECT_EQ(storage_.FileNames().size(), 1U);
+}
+
+TEST_F(UploadScheduleTest, EveryUploadTellsHowItWent) {
+  storage_.AddFile("/spool/fim.0001", kFile);
+  storage_.AddFile("/spool/fim.0002", kFile);
+  uploader_->Script({{0, 202}, {100023, 500}});
+  Run();
+  EXPECT_EQ(reporter_.Lines(), (std::vector<std::string>{"4003 FIM 1 httpStatus=202 correlationId=upload-1",
+                                                         "4003 FIM 0 httpStatus=500 correlationId=upload-2"}));
+}
+
+TEST_F(UploadScheduleTest, AnUploadThatTheEndCutsOffSaysNothing) {
+  storage_.AddFile("/spool/fim.0001", kFile);
+  uploader_->Hold();
+  schedule_->Start();
+  uploader_->AwaitUploads(1);
+  schedule_->Cancel();
+  EXPECT_TRUE(reporter_.Lines().empty());
 }
 
 }  // namespace

@@ -1,0 +1,107 @@
+#include "src/fim/Baseline.h"
+
+#include <chrono>
+#include <stdexcept>
+#include <utility>
+
+#include "common/src/storage/Serializer.h"
+#include "common/src/storage/SqlException.h"
+#include "common/src/storage/SqlFile.h"
+#include "common/src/storage/SqlStorageFactory.h"
+#include "common/src/util/Log.h"
+#include "src/fim/BaselineEventSqlDataFormatter.h"
+#include "src/fim/LogPrefix.h"
+
+namespace zagent::fim::internal {
+
+Baseline::Baseline(const std::string& directory, common::util::Clock& clock, Bounds bounds)
+    : directory_(directory), clock_(clock), bounds_(bounds) {
+  Open();
+  try {
+    Load();
+  } catch (const common::SqlException& error) {
+    if (!error.IsDamage()) throw;
+    BeginAnew(error.what());
+  } catch (const std::exception& error) {
+    BeginAnew(error.what());  // a row that is none of ours
+  }
+}
+
+void Baseline::BeginAnew(const std::string& reason) {
+  ZLOG_ERROR("Baseline: The database is damaged and begins anew: " << reason);
+  storage_.reset();
+  common::internal::SetSqlFileAside(common::internal::SqlFilePath(directory_, kFileName));
+  Open();
+}
+
+void Baseline::Open() {
+  storage_.reset();
+  storage_ = common::OpenSqlStorage(
+      directory_, kFileName, [] { return std::make_unique<BaselineEventSqlDataFormatter>(); }, nullptr,
+      common::SqlStorage::Caching::Off);
+}
+
+void Baseline::Load() {
+  common::SqlRowIterator rows = storage_->ReadAll(BaselineEventSqlDataFormatter::kTable);
+  for (common::Bytes row = rows.Next(); !row.empty(); row = rows.Next()) {
+    common::Serializer columns(row);
+    std::string path = columns.GetString();
+    if (HasRoomFor(path)) Remember(std::move(path));
+  }
+}
+
+bool Baseline::Wants(const std::string& path) {
+  const std::lock_guard lock(mutex_);
+  if (paths_.count(path) != 0) return false;
+  if (HasRoomFor(path)) return true;
+  WarnOnceADay();
+  return false;
+}
+
+void Baseline::Add(const std::string& path, const std::string& content_status) {
+  const std::lock_guard lock(mutex_);
+  if (paths_.count(path) != 0 || !HasRoomFor(path)) return;
+  Remember(path);
+  try {
+    if (storage_ == nullptr) Open();
+    WriteRow(path, content_status);
+  } catch (const std::exception& error) {
+    ZLOG_ERROR("Baseline: Failed to remember " << path << ": " << error.what());
+  }
+}
+
+void Baseline::WriteRow(const std::string& path, const std::string& content_status) {
+  const auto write = [&] {
+    storage_->Write(BaselineEventSqlDataFormatter::kTable, path, storage_->MakeRow(path, content_status));
+  };
+  try {
+    write();
+  } catch (const common::StorageException& error) {
+    if (!storage_->IsDamaged()) throw;
+    BeginAnew(error.what());
+    write();
+  }
+}
+
+void Baseline::Remember(std::string path) {
+  path_bytes_ += path.size();
+  paths_.insert(std::move(path));
+}
+
+bool Baseline::HasRoomFor(const std::string& path) const {
+  return paths_.size() < bounds_.paths && path_bytes_ + path.size() <= bounds_.bytes;
+}
+
+void Baseline::WarnOnceADay() {
+  const common::util::Clock::SteadyTime now = clock_.SteadyNow();
+  if (warned_ && now < *warned_ + std::chrono::hours(24)) return;
+  warned_ = now;
+  ZLOG_WARNING("Baseline: " << paths_.size() << " files are known, no further baseline is taken");
+}
+
+std::size_t Baseline::GetSize() const {
+  const std::lock_guard lock(mutex_);
+  return paths_.size();
+}
+
+}  // namespace zagent::fim::internal

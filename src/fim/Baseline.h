@@ -1,0 +1,68 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_set>
+
+#include "common/src/storage/SqlStorage.h"
+#include "common/src/util/Clock.h"
+
+namespace zagent::fim::internal {
+
+// Which files have had their baseline: a set in memory in front of a table on disk, so that a file has one baseline
+// over restarts and kills. A question costs one look into memory, whatever the number of files.
+//
+// Bounds: 200,000 paths and 64 MiB of them. Beyond that no path is taken any more, with one warning a day.
+//
+// The database is "BaselineEvents.db" of `directory` (mode 0600). One that is damaged, when it is opened or later, is
+// set aside ("BaselineEvents.db.damaged") and begun anew: a second baseline is better than none. A row that cannot be
+// written costs a second baseline after the next start.
+//
+// Thread-safe. The mutex is held while a row is written, which waits for the disk.
+class Baseline {
+ public:
+  static constexpr const char* kFileName = "BaselineEvents.db";
+  struct Bounds {
+    std::size_t paths = 200'000;
+    std::size_t bytes = std::size_t{64} * 1024 * 1024;
+  };
+
+  // Throws what OpenSqlStorage throws: std::runtime_error when the folder or the database cannot be made or opened.
+  explicit Baseline(const std::string& directory, common::util::Clock& clock = common::util::Clock::Real())
+      : Baseline(directory, clock, Bounds{}) {}
+  Baseline(const std::string& directory, common::util::Clock& clock, Bounds bounds);
+  Baseline(const Baseline&) = delete;
+  Baseline& operator=(const Baseline&) = delete;
+  ~Baseline() = default;
+
+  // Whether a baseline of the file is to be taken: false for one that is known, and for all that come at the bound.
+  [[nodiscard]] bool Wants(const std::string& path);
+  // The file has its baseline now, whose content was read with this outcome.
+  void Add(const std::string& path, const std::string& content_status);
+
+  [[nodiscard]] std::size_t GetSize() const;
+
+ private:
+  // With mutex_ held, or before anybody else knows the object:
+  void Open();
+  void Load();
+  void BeginAnew(const std::string& reason);
+  void WriteRow(const std::string& path, const std::string& content_status);
+  void Remember(std::string path);
+  [[nodiscard]] bool HasRoomFor(const std::string& path) const;
+  void WarnOnceADay();
+
+  const std::string directory_;
+  common::util::Clock& clock_;
+  const Bounds bounds_;
+  mutable std::mutex mutex_;
+  std::unique_ptr<common::SqlStorage> storage_;  // null once a damaged one could not be replaced
+  std::unordered_set<std::string> paths_;
+  std::size_t path_bytes_ = 0;
+  std::optional<common::util::Clock::SteadyTime> warned_;
+};
+
+}  // namespace zagent::fim::internal

@@ -1,0 +1,52 @@
+#include "src/fim/ManifestFile.h"
+
+#include <string_view>
+
+#include "common/src/storage/FileStorage.h"
+#include "common/src/util/Json.h"
+
+namespace zagent::fim {
+namespace {
+
+using Fault = ManifestFileException::Fault;
+
+std::string PlaceAndText(const Fault& fault) {
+  return "line " + std::to_string(fault.position.line) + ", column " + std::to_string(fault.position.column) + ": " +
+         fault.text;
+}
+
+Manifest ParseManifest(const std::string& path, std::string_view text, const rapidjson::Value& document) {
+  try {
+    return Manifest(document);
+  } catch (const ManifestException& error) {
+    std::vector<Fault> faults;
+    for (const ManifestMistake& mistake : error.Mistakes()) {
+      faults.push_back({mistake.Text(), internal::PositionOf(text, internal::OffsetOf(text, mistake.place))});
+    }
+    const std::string more = faults.size() > 1 ? " (and " + std::to_string(faults.size() - 1) + " more)" : "";
+    throw ManifestFileException("Failed to parse manifest " + path + ": " + PlaceAndText(faults.front()) + more,
+                                faults);
+  }
+}
+
+}  // namespace
+
+ManifestFile ReadManifestFile(const std::string& path) {
+  common::FileStorage file(path);
+  const std::unique_ptr<common::StorageResult> content = file.Read();
+  if (content == nullptr || content->code != common::StorageCode::Success) {
+    throw ManifestFileException("Failed to read manifest: " + path, {});
+  }
+  std::string text(content->data.begin(), content->data.end());
+  rapidjson::Document document;
+  common::util::ParseJson(document, text);
+  if (document.HasParseError()) {
+    const Fault fault{rapidjson::GetParseError_En(document.GetParseError()),
+                      internal::PositionOf(text, document.GetErrorOffset())};
+    throw ManifestFileException("Invalid manifest json format for: " + path + ": " + PlaceAndText(fault), {fault});
+  }
+  Manifest manifest = ParseManifest(path, text, document);
+  return {std::move(manifest), std::move(text)};
+}
+
+}  // namespace zagent::fim

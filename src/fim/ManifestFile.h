@@ -1,0 +1,38 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "src/fim/JsonPosition.h"
+#include "src/fim/Manifest.h"
+
+namespace zagent::fim {
+
+// Why a file is no manifest. Its text is one line for the log, with the first fault and its line and column.
+class ManifestFileException : public std::runtime_error {
+ public:
+  struct Fault {
+    std::string text;
+    internal::TextPosition position;
+  };
+  ManifestFileException(const std::string& line, std::vector<Fault> faults)
+      : std::runtime_error(line), faults_(std::move(faults)) {}
+  // In the order of the file; none when it could not be read.
+  [[nodiscard]] const std::vector<Fault>& Faults() const { return faults_; }
+
+ private:
+  std::vector<Fault> faults_;
+};
+
+// A manifest as it was read.
+struct ManifestFile {
+  Manifest manifest;
+  std::string text;
+};
+
+// Reads a manifest and judges it by itself. Throws ManifestFileException.
+ManifestFile ReadManifestFile(const std::string& path);
+
+}  // namespace zagent::fim

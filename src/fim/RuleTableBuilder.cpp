@@ -1,0 +1,115 @@
+#include "src/fim/RuleTableBuilder.h"
+
+#include <Poco/Exception.h>
+#include <Poco/File.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <optional>
+#include <utility>
+
+#include "common/src/util/Log.h"
+#include "src/fim/LogPrefix.h"
+
+namespace zagent::fim::internal {
+namespace {
+
+bool IsSymlink(const std::string& path) {
+  try {
+    return Poco::File(path).isLink();
+  } catch (const Poco::Exception&) {
+    // A name that is too long is no Poco::FileException, and nothing to fall over either.
+    return false;
+  }
+}
+
+std::optional<std::string> Canonical(const std::string& path) {
+  const std::unique_ptr<char, decltype(&std::free)> resolved(canonicalize_file_name(path.c_str()), &std::free);
+  if (resolved == nullptr) return std::nullopt;
+  return std::string(resolved.get());
+}
+
+std::string Join(const std::string& folder, const std::string& name) {
+  return folder.ends_with('/') ? folder + name : folder + "/" + name;
+}
+
+// The path without doubled slashes, dots and a slash at its end; the way through ".." depends on links.
+std::string Tidy(const std::string& path) {
+  std::string tidy;
+  for (std::size_t begin = 0; begin < path.size();) {
+    const std::size_t end = std::min(path.find('/', begin), path.size());
+    const std::string name = path.substr(begin, end - begin);
+    if (!name.empty() && name != ".") tidy += "/" + name;
+    begin = end + 1;
+  }
+  return tidy.empty() ? "/" : tidy;
+}
+
+// The path with the links among its folders followed, as far as these exist, and the last part as it is.
+std::string WithRealFolders(const std::string& path) {
+  std::string folder = Tidy(path);
+  std::string rest;
+  while (folder != "/") {
+    const std::size_t slash = folder.rfind('/');
+    rest = rest.empty() ? folder.substr(slash + 1) : Join(folder.substr(slash + 1), rest);
+    folder = slash == 0 ? "/" : folder.substr(0, slash);
+    if (const std::optional<std::string> real = Canonical(folder)) return Join(*real, rest);
+  }
+  return Tidy(path);
+}
+
+bool HasLinkedFolder(const std::string& path) {
+  return WithRealFolders(path) != Tidy(path);
+}
+
+// What the path means in the end; nothing for a link that leads nowhere. An object that is to come has no links.
+std::optional<std::string> ResolveLink(const std::string& path) {
+  if (std::optional<std::string> real = Canonical(path)) return real;
+  if (IsSymlink(path)) return std::nullopt;
+  return WithRealFolders(path);
+}
+
+}  // namespace
+
+void RuleTableBuilder::Add(const std::shared_ptr<const EventRule>& rule) {
+  if (!IsSymlink(rule->GetPath()) && !HasLinkedFolder(rule->GetPath())) {
+    ZLOG_INFO("Adding rule " << rule->GetId());
+    Insert(rule);
+    return;
+  }
+  if (!AddSymlink(*rule)) {
+    ZLOG_ERROR("Could not create any rules from symlink monitoring path " << rule->GetPath());
+  }
+}
+
+// Audit reports only real objects: a link is watched as itself and as what it points to, and what lies behind links
+// as it is written and as it is meant.
+bool RuleTableBuilder::AddSymlink(const EventRule& rule) {
+  ZLOG_INFO("Adding symlink rule " << rule.GetId());
+  bool added = Derive(rule, rule.GetId() + "-1", rule.GetPath());
+  if (const std::optional<std::string> target = ResolveLink(rule.GetPath())) {
+    ZLOG_INFO("Adding resolved rule " << rule.GetId() << " with path " << *target);
+    added = Derive(rule, rule.GetId(), *target) || added;
+  } else {
+    ZLOG_WARNING("Cannot resolve symlink " << rule.GetPath());
+  }
+  return added;
+}
+
+bool RuleTableBuilder::Derive(const EventRule& rule, const std::string& id, const std::string& path) {
+  try {
+    Insert(std::make_shared<const EventRule>(rule, id, path));
+    return true;
+  } catch (const edr::EventRuleException& error) {
+    ZLOG_ERROR("Rule " << id << ": " << error.what());
+    return false;
+  }
+}
+
+void RuleTableBuilder::Insert(const std::shared_ptr<const EventRule>& rule) {
+  if (!rules_.insert_or_assign(rule->GetId(), rule).second) {
+    ZLOG_WARNING("Rule id " << rule->GetId() << " is used more than once: the last rule holds");
+  }
+}
+
+}  // namespace zagent::fim::internal

@@ -1,0 +1,218 @@
+#include "src/fim/Baseline.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+
+#include "common/src/storage/SqlStorageFactory.h"
+#include "src/fim/BaselineEventSqlDataFormatter.h"
+#include "tests/fakes/FakeClock.h"
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/TempFolder.h"
+
+namespace zagent::fim::internal {
+namespace {
+
+class BaselineTest : public testing::Test {
+ protected:
+  std::unique_ptr<Baseline> Open(Baseline::Bounds bounds = {}) {
+    return std::make_unique<Baseline>(folder_ / "fim", clock_, bounds);
+  }
+  std::string Database() { return folder_ / "fim/BaselineEvents.db"; }
+  // What a kill leaves: the files as they are while the baseline is still open.
+  void CopyToNewFolder() { std::filesystem::copy(folder_ / "fim", folder_ / "after"); }
+  void Overwrite(std::size_t offset, std::size_t size) {
+    std::fstream file(Database(), std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(static_cast<std::streamoff>(offset));
+    file << std::string(size, '\xA5');
+  }
+  // Rows as an earlier run has left them, in one transaction.
+  void LeaveRows(const std::vector<std::string>& paths) {
+    const auto storage = common::OpenSqlStorage(
+        folder_ / "fim", Baseline::kFileName, [] { return std::make_unique<BaselineEventSqlDataFormatter>(); }, nullptr,
+        common::SqlStorage::Caching::Off);
+    common::SqlStorage::Rows rows;
+    for (const std::string& path : paths)
+      rows.emplace_back(path, storage->MakeRow(path, std::string("READ_SUCCESSFUL")));
+    storage->Write(BaselineEventSqlDataFormatter::kTable, rows);
+  }
+
+  fakes::LogCapture log_;
+  fakes::TempFolder folder_;
+  fakes::FakeClock clock_;
+};
+
+TEST_F(BaselineTest, AFileIsWantedOnce) {
+  const auto baseline = Open();
+  EXPECT_TRUE(baseline->Wants("/srv/a"));
+  EXPECT_TRUE(baseline->Wants("/srv/a")) << "asking alone remembers nothing";
+  baseline->Add("/srv/a", "READ_SUCCESSFUL");
+  baseline->Add("/srv/a", "READ_FAILURE");
+  EXPECT_FALSE(baseline->Wants("/srv/a"));
+  EXPECT_TRUE(baseline->Wants("/srv/b"));
+  EXPECT_EQ(baseline->GetSize(), 1U);
+}
+
+TEST_F(BaselineTest, TheDatabaseIsForItsOwnerAlone) {
+  const auto baseline = Open();
+  struct stat stat {};
+  ASSERT_EQ(::stat(Database().c_str(), &stat), 0);
+  EXPECT_EQ(stat.st_mode & 07777U, 0600U);
+  ASSERT_EQ(::stat((folder_ / "fim").c_str(), &stat), 0);
+  EXPECT_EQ(stat.st_mode & 07777U, 0700U);
+}
+
+TEST_F(BaselineTest, ARestartRemembers) {
+  Open()->Add("/srv/a", "READ_SUCCESSFUL");
+  const auto baseline = Open();
+  EXPECT_FALSE(baseline->Wants("/srv/a"));
+  EXPECT_TRUE(baseline->Wants("/srv/b"));
+}
+
+TEST_F(BaselineTest, SoDoesAKillAtAnyTime) {
+  const auto baseline = Open();
+  baseline->Add("/srv/a", "READ_SUCCESSFUL");
+  CopyToNewFolder();
+  Baseline after(folder_ / "after", clock_);
+  EXPECT_FALSE(after.Wants("/srv/a"));
+}
+
+TEST_F(BaselineTest, NamesAreNoSql) {
+  const std::vector<std::string> names = {"/srv/o'brien",
+                                          "/srv/'; DROP TABLE BaselineEvents; --",
+                                          "/srv/\"double\"",
+                                          "/srv/two\nlines",
+                                          "/srv/\xFF\xFE raw bytes",
+                                          "/srv/%s?_*"};
+  {
+    const auto baseline = Open();
+    for (const std::string& name : names) baseline->Add(name, "READ_SUCCESSFUL");
+  }
+  const auto baseline = Open();
+  for (const std::string& name : names) EXPECT_FALSE(baseline->Wants(name)) << name;
+  EXPECT_TRUE(baseline->Wants("/srv/o''brien"));
+  EXPECT_TRUE(baseline->Wants("/srv/two"));
+  EXPECT_EQ(baseline->GetSize(), names.size());
+}
+
+TEST_F(BaselineTest, AFileThatIsNoDatabaseIsSetAside) {
+  std::filesystem::create_directories(folder_ / "fim");
+  folder_.Write("fim/BaselineEvents.db", "this is no database, and long enough to be looked at as one");
+  {
+    const auto baseline = Open();
+    EXPECT_TRUE(baseline->Wants("/srv/a"));
+    baseline->Add("/srv/a", "READ_SUCCESSFUL");
+  }
+  EXPECT_TRUE(std::filesystem::exists(Database() + ".damaged"));
+  EXPECT_FALSE(Open()->Wants("/srv/a"));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "Set aside the damaged database"));
+}
+
+TEST_F(BaselineTest, ATornPageIsFoundAtTheStart) {
+  std::vector<std::string> paths;
+  for (int i = 0; i < 2'000; ++i) paths.push_back("/srv/file-" + std::to_string(i));
+  LeaveRows(paths);
+  Overwrite(8'192, 4'096);
+  const auto baseline = Open();
+  EXPECT_TRUE(baseline->Wants("/srv/new"));
+  EXPECT_TRUE(std::filesystem::exists(Database() + ".damaged"));
+}
+
+TEST_F(BaselineTest, ADatabaseThatTearsLaterBeginsAnewWithTheFileAtHand) {
+  const auto baseline = Open();
+  baseline->Add("/srv/a", "READ_SUCCESSFUL");
+  Overwrite(0, std::filesystem::file_size(Database()));
+  baseline->Add("/srv/b", "READ_SUCCESSFUL");
+  EXPECT_FALSE(baseline->Wants("/srv/a")) << "it was reported in this run";
+  EXPECT_TRUE(std::filesystem::exists(Database() + ".damaged"));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "[FIM]: Baseline: The database is damaged and begins anew: "));
+  const auto after = Open();
+  EXPECT_FALSE(after->Wants("/srv/b"));
+  EXPECT_TRUE(after->Wants("/srv/a")) << "a second baseline is better than none";
+}
+
+TEST_F(BaselineTest, ARowOfAnotherShapeIsDamageToo) {
+  LeaveRows({"/srv/a"});
+  {
+    const auto storage = common::OpenSqlStorage(
+        folder_ / "fim", Baseline::kFileName, [] { return std::make_unique<BaselineEventSqlDataFormatter>(); }, nullptr,
+        common::SqlStorage::Caching::Off);
+    storage->Execute("INSERT INTO BaselineEvents VALUES ('/srv/null', NULL)");
+  }
+  const auto baseline = Open();
+  EXPECT_TRUE(baseline->Wants("/srv/null"));
+  EXPECT_TRUE(std::filesystem::exists(Database() + ".damaged"));
+}
+
+TEST_F(BaselineTest, AFolderThatCannotBeMadeEndsTheConstruction) {
+  folder_.Write("fim", "a file");
+  EXPECT_THROW(Open(), std::runtime_error);
+}
+
+TEST_F(BaselineTest, AtTheBoundNoneIsTakenAnyMoreWithOneWarningADay) {
+  const auto baseline = Open({.paths = 2, .bytes = 1'000});
+  baseline->Add("/srv/a", "READ_SUCCESSFUL");
+  baseline->Add("/srv/b", "READ_SUCCESSFUL");
+  constexpr const char* kWarning = "[FIM]: Baseline: 2 files are known, no further baseline is taken";
+  EXPECT_FALSE(baseline->Wants("/srv/c"));
+  EXPECT_FALSE(baseline->Wants("/srv/d"));
+  EXPECT_EQ(log_.Count(kWarning), 1);
+  baseline->Add("/srv/c", "READ_SUCCESSFUL");
+  EXPECT_EQ(baseline->GetSize(), 2U);
+  clock_.Advance(std::chrono::hours(23));
+  EXPECT_FALSE(baseline->Wants("/srv/c"));
+  EXPECT_EQ(log_.Count(kWarning), 1);
+  clock_.Advance(std::chrono::hours(1));
+  EXPECT_FALSE(baseline->Wants("/srv/c"));
+  EXPECT_EQ(log_.Count(kWarning), 2);
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, kWarning));
+  EXPECT_FALSE(baseline->Wants("/srv/a"));
+  EXPECT_EQ(log_.Count(kWarning), 2) << "a known file is no reason to warn";
+}
+
+TEST_F(BaselineTest, LongNamesCountByTheirLength) {
+  const auto baseline = Open({.paths = 100, .bytes = 3'000});
+  const std::string name = "/srv/" + std::string(1'400, 'x');
+  baseline->Add(name + "1", "READ_SUCCESSFUL");
+  baseline->Add(name + "2", "READ_SUCCESSFUL");
+  EXPECT_FALSE(baseline->Wants(name + "3"));
+  EXPECT_TRUE(baseline->Wants("/srv/short"));
+}
+
+TEST_F(BaselineTest, MoreRowsThanTheBoundAreNotLoaded) {
+  LeaveRows({"/srv/a", "/srv/b", "/srv/c"});
+  const auto baseline = Open({.paths = 2, .bytes = 1'000});
+  EXPECT_EQ(baseline->GetSize(), 2U);
+}
+
+TEST_F(BaselineTest, AQuestionCostsTheSameHoweverManyFilesAreKnown) {
+  std::vector<std::string> paths;
+  for (int i = 0; i < 50'000; ++i) paths.push_back("/srv/watched/folder/file-" + std::to_string(i));
+  LeaveRows(paths);
+  const auto full = Open();
+  ASSERT_EQ(full->GetSize(), paths.size());
+  Baseline small(folder_ / "small", clock_);
+  for (int i = 0; i < 50; ++i) small.Add(paths[static_cast<std::size_t>(i)], "READ_SUCCESSFUL");
+
+  const auto best_of_five = [](Baseline& baseline, const std::vector<std::string>& known) {
+    auto best = std::chrono::nanoseconds::max();
+    for (int round = 0; round < 5; ++round) {
+      const auto start = std::chrono::steady_clock::now();
+      int wanted = 0;
+      for (std::size_t i = 0; i < 50'000; ++i) wanted += baseline.Wants(known[i % known.size()]) ? 1 : 0;
+      best = std::min<std::chrono::nanoseconds>(best, std::chrono::steady_clock::now() - start);
+      EXPECT_EQ(wanted, 0);
+    }
+    return best;
+  };
+  const auto of_small = best_of_five(small, {paths.begin(), paths.begin() + 50});
+  const auto of_full = best_of_five(*full, paths);
+  // A thousand times the files: a walk would cost a thousand times as much. The rest is the processor's caches.
+  EXPECT_LT(of_full.count(), 20 * of_small.count());
+}
+
+}  // namespace
+}  // namespace zagent::fim::internal

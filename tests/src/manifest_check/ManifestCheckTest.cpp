@@ -1,0 +1,156 @@
+#include "src/manifest_check/ManifestCheck.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <sstream>
+
+#include "tests/fakes/TempFolder.h"
+#include "tests/fakes/TestData.h"
+
+namespace zagent::manifest_check {
+namespace {
+
+class ManifestCheckTest : public testing::Test {
+ protected:
+  ManifestCheckTest() {
+    const std::unique_ptr<char, decltype(&std::free)> real(canonicalize_file_name(folder_.Path().c_str()), &std::free);
+    base_ = real.get();
+    EXPECT_EQ(mkdir((base_ + "/watched").c_str(), 0700), 0);
+  }
+
+  static std::string Manifest(const std::string& rules, const std::string& version = "1.0") {
+    return "{ \"data\": { \"fim\": {\n  \"policyVersion\": \"" + version +
+           "\",\n  \"collectHashes\": true,\n  \"rules\": [\n" + rules + "\n  ] } } }\n";
+  }
+  static std::string Rule(const std::string& id, const std::string& path, const std::string& more = "") {
+    return R"(    {"ruleId": ")" + id + R"(", "ruleType": "directory", "imagePath": ")" + path +
+           R"(", "recursiveDepth": "all", "notify": ["read", "create", "modifyMetadata"])" + more + "}";
+  }
+  bool Check(const std::string& name, const std::string& text) { return check_.Check(folder_.Write(name, text)); }
+  // What was printed, with "DIR" for the folder of this test.
+  std::string Printed() {
+    std::string text = out_.str();
+    for (const std::string& folder : {base_, folder_.Path()}) {
+      for (std::size_t at = text.find(folder); at != std::string::npos; at = text.find(folder)) {
+        text.replace(at, folder.size(), "DIR");
+      }
+    }
+    return text;
+  }
+
+  fakes::TempFolder folder_;
+  std::string base_;
+  std::ostringstream out_;
+  ManifestCheck check_{out_};
+};
+
+TEST_F(ManifestCheckTest, AGoodManifestIsToldWithWhatTheKernelWillWatch) {
+  EXPECT_TRUE(Check("m.json", Manifest(Rule("r1", base_ + "/watched") + ",\n" +
+                                       R"({"ruleId": "r2", "ruleType": "file", "imagePath": ")" + base_ +
+                                       R"(/file", "notify": ["modifyContent"]})")));
+  EXPECT_EQ(Printed(),
+            "DIR/m.json: 2 rules, with digests\n"
+            "  r1: -a always,exit -F dir=DIR/watched -F perm=r -F auid!=unset -F key=r1\n"
+            "  r1: -a always,exit -F dir=DIR/watched -F perm=wa -F key=r1\n"
+            "  r2: -a always,exit -F path=DIR/file -F perm=w -F key=r2\n");
+}
+
+TEST_F(ManifestCheckTest, EveryMistakeIsOneLineWithItsPlaceRuleAndKey) {
+  EXPECT_FALSE(Check("m.json", Manifest(Rule("r1", "etc") + ",\n" + Rule("r2", base_ + "/watched") + ",\n" +
+                                        Rule("r3", "/etc", R"(, "exclusionFilters": [{"actorProcess": "vi"}])"))));
+  EXPECT_EQ(Printed(),
+            "DIR/m.json:5:60: Cannot create rule: Path is not absolute. (rule r1, key imagePath)\n"
+            "DIR/m.json:7:179: Failed to parse exclusion filters: Expected array of processes filter "
+            "(rule r3, key exclusionFilters[0].actorProcess)\n");
+}
+
+TEST_F(ManifestCheckTest, WhatIsNoJsonIsToldInTheParsersWords) {
+  EXPECT_FALSE(Check("m.json", "{\n  \"data\": {\n    fim: 1\n"));
+  EXPECT_EQ(Printed(), "DIR/m.json:3:5: Missing a name for object member.\n");
+}
+
+TEST_F(ManifestCheckTest, AMissingFileIsAMistake) {
+  EXPECT_FALSE(check_.Check(folder_ / "missing.json"));
+  EXPECT_EQ(Printed(), "Failed to read manifest: DIR/missing.json\n");
+}
+
+TEST_F(ManifestCheckTest, AMissingElementIsToldAtItsObject) {
+  EXPECT_FALSE(Check("m.json", R"({"data": {"fim": {"policyVersion": "1.0", "rules": []}}})"));
+  EXPECT_EQ(Printed(), "DIR/m.json:1:18: Missing mandatory element: collectHashes (key data.fim)\n");
+}
+
+TEST_F(ManifestCheckTest, AManifestOfAnotherVersionWouldBeSkipped) {
+  EXPECT_FALSE(Check("m.json", Manifest("", "2.0")));
+  EXPECT_EQ(Printed(), "DIR/m.json:2:20: Unknown version [2.0] of FIM manifest. Skipping.\n");
+}
+
+TEST_F(ManifestCheckTest, IdsDifferOverAllFiles) {
+  const std::string uuid = "5f0c6a3e-7f5d-4a53-9a0e-2b6d7f1c0a01";
+  EXPECT_TRUE(Check("one.json", Manifest(Rule("r1", base_ + "/watched"))));
+  EXPECT_FALSE(Check("two.json", Manifest(Rule("r1", base_ + "/watched"))));
+  EXPECT_FALSE(Check("three.json",
+                     Manifest(Rule(uuid + "-a", base_ + "/watched") + ",\n" + Rule(uuid + "-b", base_ + "/watched"))));
+  const std::string printed = Printed();
+  EXPECT_NE(printed.find("DIR/two.json:5:16: Rule id r1 is used more than once: the last rule holds\n"),
+            std::string::npos)
+      << printed;
+  EXPECT_NE(printed.find("DIR/three.json:6:16: Rule id " + uuid + "-b does not differ from " + uuid +
+                         "-a in its first characters\n"),
+            std::string::npos)
+      << printed;
+}
+
+TEST_F(ManifestCheckTest, AnIdThatTheKernelDoesNotTakeIsAMistake) {
+  EXPECT_FALSE(Check("m.json", Manifest(Rule("a!=b", base_ + "/watched"))));
+  EXPECT_EQ(Printed().rfind("DIR/m.json:5:5: CreateRules: Failed to add key for rule id a!=b: ", 0), 0U) << Printed();
+}
+
+TEST_F(ManifestCheckTest, ALinkIsWatchedAsItselfAndAsWhatItLeadsTo) {
+  ASSERT_EQ(symlink("watched", (base_ + "/link").c_str()), 0);
+  EXPECT_TRUE(Check("m.json", Manifest(Rule("r1", base_ + "/link"))));
+  const std::string printed = Printed();
+  EXPECT_NE(printed.find("  r1: -a always,exit -F dir=DIR/watched -F perm=wa -F key=r1\n"), std::string::npos);
+  EXPECT_NE(printed.find("  r1-1: -a always,exit -F dir=DIR/link -F perm=wa -F key=r1-1\n"), std::string::npos);
+}
+
+TEST_F(ManifestCheckTest, WhatWorksButMayNotBeMeantIsAWarning) {
+  EXPECT_TRUE(Check("m.json", Manifest(Rule("r1", base_ + "/not yet") + ",\n" +
+                                       R"({"ruleId": "r2", "ruleType": "file", "imagePath": ")" + base_ +
+                                       R"(/file", "notify": ["read"], "trackContentChange": true})")));
+  const std::string printed = Printed();
+  EXPECT_NE(printed.find("DIR/m.json: warning: Rule r1 is not in force here: there is no DIR/not yet\n"),
+            std::string::npos)
+      << printed;
+  EXPECT_NE(printed.find("DIR/m.json: warning: Required actions like modifyContent, delete, rename, create are not "
+                         "enabled so trackcontentchange cannot be enable for this rule: r2\n"),
+            std::string::npos)
+      << printed;
+  EXPECT_EQ(printed.find("there is no DIR/\n"), std::string::npos) << "the file's folder is there";
+}
+
+TEST_F(ManifestCheckTest, AKeyThatNobodyReadsIsAWarning) {
+  const std::string filters =
+      R"(, "inclusionFilters": [{"actorProcess": ["vi"], "users": ["root"]}, {"inclusionFilter": {"actorUsername": ["a"], )"
+      R"("pattern": ["x"]}, "note": ""}], "exclusionFilter": [])";
+  EXPECT_TRUE(Check("m.json", Manifest(Rule("r1", base_ + "/watched", filters))));
+  const std::string printed = Printed();
+  for (const char* key : {"exclusionFilter)", "inclusionFilters[0].users)", "inclusionFilters[1].note)",
+                          "inclusionFilters[1].inclusionFilter.pattern)"}) {
+    EXPECT_NE(printed.find(std::string(": warning: Unknown key, which is passed over (rule r1, key ") + key),
+              std::string::npos)
+        << key << "\n"
+        << printed;
+  }
+  EXPECT_EQ(printed.find("key actorProcess"), std::string::npos);
+  EXPECT_EQ(printed.find("DIR/m.json:5:"), 0U) << "a warning of a key has its place";
+}
+
+TEST_F(ManifestCheckTest, TheExampleManifestIsGood) {
+  EXPECT_TRUE(check_.Check(fakes::SourceTree() / "examples/fim-manifest.json")) << Printed();
+}
+
+}  // namespace
+}  // namespace zagent::manifest_check
