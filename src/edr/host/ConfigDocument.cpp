@@ -1,8 +1,7 @@
 #include "src/edr/host/ConfigDocument.h"
 
-#include <string_view>
-
 #include "common/src/storage/FileStorage.h"
+#include "common/src/util/Cleanse.h"
 
 namespace zagent::edr::host {
 
@@ -15,12 +14,17 @@ ConfigDocument ConfigDocument::Read(const std::string& path) {
     throw ConfigDocumentException("Failed to read config file: " + path);
   }
   ConfigDocument document;
-  common::util::ParseJson(document.json_,
-                          std::string_view(reinterpret_cast<const char*>(file->data.data()), file->data.size()));
-  if (document.json_.HasParseError() || !document.json_.IsObject()) {
+  // Not by iterators: those make a copy of their own on the way.
+  document.text_->assign(reinterpret_cast<const char*>(file->data.data()), file->data.size());
+  common::util::Cleanse(file->data);
+  if (!common::util::ParseJsonInPlace(document.json_, *document.text_) || !document.json_.IsObject()) {
     throw ConfigDocumentException("Invalid configuration file.");
   }
   return document;
+}
+
+ConfigDocument::~ConfigDocument() {
+  if (text_) common::util::Cleanse(*text_);  // not when it was moved from
 }
 
 bool ConfigDocument::HasSection(const char* name) const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -22,9 +23,14 @@ struct AgentIdentity {
 };
 
 // The configuration file that the agent names: one JSON object with the sections "common_config", "fim_config",
-// "ioc_config" and "edr_config".
+// "ioc_config" and "edr_config". It holds a secret, the activation id, and wipes itself when it goes.
 class ConfigDocument {
  public:
+  ConfigDocument(ConfigDocument&&) = default;
+  ConfigDocument(const ConfigDocument&) = delete;
+  ConfigDocument& operator=(const ConfigDocument&) = delete;
+  ~ConfigDocument();
+
   // Throws ConfigDocumentException "Failed to read config file: <path>" or "Invalid configuration file.".
   static ConfigDocument Read(const std::string& path);
 
@@ -36,7 +42,9 @@ class ConfigDocument {
   [[nodiscard]] std::optional<AgentIdentity> GetAgentIdentity() const;
 
  private:
-  ConfigDocument() = default;
+  ConfigDocument() : text_(std::make_unique<std::string>()) {}
+
+  std::unique_ptr<std::string> text_;  // json_ points into it
   rapidjson::Document json_;
 };
 

@@ -1,26 +1,25 @@
 #include "src/edr/host/Daemon.h"
 
 #include <magic.h>
-#include <malloc.h>
-#include <syslog.h>
-#include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <functional>
 #include <utility>
 
-#include "common/src/http/HttpUploader.h"
+#include "common/src/http/DefaultHttpPostProcessor.h"
+#include "common/src/http/HttpProxyManager.h"
+#include "common/src/storage/FileStorage.h"
 #include "common/src/tasks/ResourceMonitor.h"
 #include "common/src/tasks/SignalHelper.h"
 #include "common/src/util/ErrnoText.h"
 #include "common/src/util/Log.h"
+#include "common/src/util/ThreadName.h"
 #include "src/audit/channels/AuditNetlink.h"
-#include "src/audit/channels/DispatcherIOChannel.h"
-#include "src/audit/channels/KernelIOChannel.h"
 #include "src/audit/routing/OwnActivity.h"
+#include "src/edr/host/MemoryCheck.h"
+#include "src/edr/host/SigningKeys.h"
 
 namespace zagent::edr::host {
 namespace {
@@ -28,32 +27,7 @@ namespace {
 using namespace std::chrono_literals;
 using common::SignalHelper;
 
-constexpr auto kFirstMessageTime = 30s;
 constexpr auto kMainLoopTime = 1s;
-constexpr int kMallocThreshold = 4 * 1024 * 1024;
-
-void OnSignal(int /*signal*/) {
-  ProcessExitFlag() = true;
-}
-
-// A failure before there is a logger: the cause, the system's verdict, exit code 4.
-[[noreturn]] void FailToInitialize(const std::string& cause, int priority = LOG_CRIT) {
-  syslog(priority, "%s", cause.c_str());
-  syslog(LOG_CRIT, "Error: The ostrel-edr binary could not Initialize.");
-  throw StartUpFailure(ExitCode::NotConfigured, cause);
-}
-
-common::HmacVersion ChooseHmacVersion(const common::CommonConfig& config) {
-  try {
-    const common::HmacVersion version = common::ParseHmacVersion(config.GetHmacVersion());
-    if (version == common::HmacVersion::HmacV1 || version == common::HmacVersion::HmacV2) return version;
-  } catch (const std::invalid_argument&) {
-    // A version that nobody knows is replaced like one that this process does not support.
-  }
-  const auto version = config.IsFedramp() ? common::HmacVersion::HmacV1 : common::HmacVersion::HmacV2;
-  ZLOG_WARNING("EDR subprocess only supports HmacV1/V2 - using " << common::ToString(version));
-  return version;
-}
 
 void SetProxyEnvironment(const common::CommonConfig& config) {
   ZLOG_INFO("Setting the proxy environment variables");
@@ -97,7 +71,10 @@ Daemon::~Daemon() = default;
 
 ExitCode Daemon::Run() {
   try {
+    // The control channel's thread runs before there is a log.
+    common::util::Log::HoldUntilInit();
     Detach();
+    common::util::NameThisThread("edr-main");
     ConnectToAgent();
     Configure(AwaitFirstMessage());
     InitLog();
@@ -118,106 +95,6 @@ ExitCode Daemon::Run() {
   return ExitCode::Success;
 }
 
-void Daemon::Detach() {
-  if (daemon(0, 0) != 0) {
-    constexpr const char* kText = "Error: The ostrel-edr binary could not run as a daemon.";
-    syslog(LOG_CRIT, "%s", kText);
-    throw StartUpFailure(ExitCode::NotDetached, kText);
-  }
-  // Every thread inherits the block: only this one will take these signals, once start-up has finished.
-  SignalHelper::Instance().Block({SIGINT, SIGTERM});
-  SignalHelper::Instance().Register(SIGINT, OnSignal);
-  SignalHelper::Instance().Register(SIGTERM, OnSignal);
-  std::signal(SIGHUP, SIG_IGN);
-}
-
-void Daemon::ConnectToAgent() {
-  scheduler_ = std::make_unique<common::Scheduler>();
-  try {
-    control_channel_ = CreateAgentChannel(link_);
-  } catch (const std::exception& error) {  // the agent is not there, or the channel's thread is not to be had
-    FailToInitialize(error.what(), LOG_ALERT);
-  }
-}
-
-std::string Daemon::AwaitFirstMessage() {
-  {
-    auto lock = link_.Lock();
-    if (!link_.HasMessage()) {
-      syslog(LOG_ALERT, "Waiting for configuration from the Ostrel Agent process.");
-      if (!link_.WaitForMessage(lock, kFirstMessageTime)) {
-        FailToInitialize("Failed to receive initial configuration from the Ostrel Agent process.", LOG_ALERT);
-      }
-    }
-  }
-  const auto lock = link_.Lock();
-  return link_.TakeMessage();
-}
-
-void Daemon::Configure(const std::string& message) {
-  try {
-    const std::optional<Command> command = Command::Parse(message);
-    if (!command || command->word != "config" || !command->config_file) {
-      throw ConfigDocumentException("Invalid json received from the agent.");
-    }
-    const ConfigDocument document = ConfigDocument::Read(*command->config_file);
-    for (const char* section : {"common_config", "fim_config", "ioc_config", "edr_config"}) {
-      if (!document.HasSection(section)) {
-        throw ConfigDocumentException("Incomplete configuration file " + *command->config_file);
-      }
-    }
-    BuildConfigs(document);
-  } catch (const std::exception& error) {
-    FailToInitialize(error.what());
-  }
-}
-
-void Daemon::BuildConfigs(const ConfigDocument& document) {
-  common_config_ = std::make_unique<common::CommonConfig>(document.GetSection("common_config"));
-  fim_config_ = std::make_unique<fim::Config>(*common_config_, document.GetSection("fim_config"));
-  edr_config_ = std::make_unique<Config>(document.GetSection("edr_config"));
-  intake_watch_ = std::make_unique<IntakeWatch>(edr_config_->HasExtendedCoverage());
-  if (edr_config_->HasDispatcherSocketPath()) {
-    auto channel = std::make_unique<audit::DispatcherIOChannel>(audit::AuditNetlink::Kernel(),
-                                                                edr_config_->GetDispatcherSocketPath());
-    channel->SetReconnectCallback([this] { OnDispatcherReconnected(); });
-    audit_channel_ = std::move(channel);
-  } else {
-    audit_channel_ = std::make_unique<audit::KernelIOChannel>(audit::AuditNetlink::Kernel());
-  }
-  audit_channel_->SetEndedCallback(
-      [this](const std::string& cause) { intake_watch_->OnEnded("audit channel: " + cause); });
-  const std::optional<AgentIdentity> identity = document.GetAgentIdentity();
-  if (!identity) throw ConfigDocumentException("Invalid host warden pid and path information");
-  agent_ = *identity;
-}
-
-void Daemon::InitLog() {
-  try {
-    common::util::Log::Init("edr", common_config_->GetLogConfigFile());
-  } catch (const std::exception& error) {
-    syslog(LOG_CRIT, "Error:ostrel-edr:log config is invalid.");
-    throw StartUpFailure(ExitCode::NoLog, error.what());
-  }
-}
-
-void Daemon::DropGroup() {
-  if (setgid(common_config_->GetAgentEffectiveGid()) == 0) return;
-  const std::string text = "setgid() failed: " + common::util::ErrnoText(errno);
-  ZLOG_ERROR(text);
-  throw StartUpFailure(ExitCode::NoGroup, text);
-}
-
-void Daemon::SetMallocThreshold() {
-  // A fixed threshold also ends the allocator's own adjustment of it: large buffers go back to the system.
-  if (mallopt(M_MMAP_THRESHOLD, kMallocThreshold) < 1) {
-    constexpr const char* kText = "Unable to set malloc threshold to 4MB";
-    ZLOG_ERROR(kText);
-    throw StartUpFailure(ExitCode::NoMallocThreshold, kText);
-  }
-  ZLOG_DEBUG("M_MMAP_THRESHOLD: 4MB");
-}
-
 void Daemon::RunLogged() {
   {
     const auto lock = link_.Lock();
@@ -226,7 +103,9 @@ void Daemon::RunLogged() {
   scheduler_->Start();
   BuildEngine();
   BuildUploads();
+  BuildHealth();
   BuildFim();
+  health_->StartUploads();
   StartIntake();
   SignalHelper::Instance().Unblock({SIGINT, SIGTERM});
   MainLoop();
@@ -240,6 +119,7 @@ audit::internal::FileContext Daemon::MakeFileContext() const {
 }
 
 void Daemon::BuildEngine() {
+  start_time_ = std::chrono::system_clock::now();
   // Without MAGIC_ERROR a missing file "identifies" as the text of the error.
   lib_magic_ = std::make_shared<LibMagicWrapper>(LibMagicWrapper::kDefaultDatabase, MAGIC_ERROR);
   folders_ = std::make_shared<audit::internal::FolderIdentities>();
@@ -259,7 +139,7 @@ void Daemon::BuildEngine() {
       .extended_coverage = edr_config_->HasExtendedCoverage(),
       .watch_folders = [this](auto folders) { folder_scan_->Watch(std::move(folders)); },
       .file_context = std::make_shared<const audit::internal::FileContext>(MakeFileContext()),
-      .look_for_paths =
+      .look_at_paths =
           [this] {
             if (path_schedule_) path_schedule_->RunNow();
           }};
@@ -270,18 +150,28 @@ void Daemon::BuildEngine() {
     rule_engine_ = std::move(engine);
   }
   // Before there is a rule that it might be wanted for.
-  path_schedule_ = std::make_shared<audit::MissingPathSchedule>([this] { return rule_engine_->IsLookingForPaths(); },
-                                                                [this] { rule_engine_->LookForMissingPaths(); });
+  path_schedule_ = std::make_shared<audit::WatchedPathSchedule>([this] { return rule_engine_->HasPaths(); },
+                                                                [this] { rule_engine_->LookAtPaths(); });
   scheduler_->RegisterSchedule(path_schedule_);
 }
 
 void Daemon::BuildUploads() {
-  hmac_config_ = std::make_shared<const common::HmacConfig>(
-      common_config_->GetCustomerId(), common_config_->GetAgentId(), common_config_->GetActivationId(),
-      common_config_->IsFedramp(), ChooseHmacVersion(*common_config_));
+  auto keys = TakeSigningKeys(*common_config_);
   SetProxyEnvironment(*common_config_);
-  http_service_ = std::make_unique<common::HttpService>(common_config_->GetCaCertPath());
+  http_service_ = std::make_unique<common::HttpService>(
+      common_config_->GetCaCertPath(),
+      std::make_unique<common::HttpProxyManager>(common_config_->GetProxyOrder(), common_config_->IsProxyFailOpen()));
+  // Who the agent is, the parent agent decides.
+  common::ConfigureDefaultHttpPostProcessor(*http_service_, common::LogRecoveryAction);
   http_service_->Start();
+  uploaders_ = std::make_unique<UploaderFactory>(*common_config_, *http_service_, std::move(keys));
+}
+
+void Daemon::BuildHealth() {
+  const health::AHSSettings settings(*common_config_);
+  health_ = std::make_unique<HealthService>(settings, common_config_->GetAgentInstallPath(),
+                                            uploaders_->Make(settings.GetUploadUrl(), "health status"), *scheduler_,
+                                            intake_counters_, audit::AuditNetlink::Kernel());
 }
 
 std::unique_ptr<const common::BlackoutManager> Daemon::BuildQuietHours() const {
@@ -293,18 +183,14 @@ void Daemon::BuildFim() {
   // Whoever asked for quiet hours must not be disturbed because they cannot be read: this ends the start-up.
   auto quiet_hours = BuildQuietHours();
   try {
-    common::HttpUploader::Settings settings;
-    settings.url = fim_config_->GetUploadUrl();
-    settings.customer_id = common_config_->GetCustomerId();
-    settings.agent_id = common_config_->GetAgentId();
-    settings.agent_version = common_config_->GetAgentVersion();
-    settings.connection_timeout = common_config_->GetConnectionTimeout();
-    settings.request_timeout = common_config_->GetRequestTimeout();
-    auto uploader = std::make_unique<common::HttpUploader>(*http_service_, hmac_config_, std::move(settings));
-    fim_ = std::make_unique<fim::Component>(std::move(fim_config_), *scheduler_, std::move(uploader), *rule_engine_,
-                                            WithSlash(common_config_->GetAgentInstallPath()), std::move(quiet_hours));
+    auto uploader = uploaders_->Make(fim_config_->GetUploadUrl(), "FIM");
+    fim_ = std::make_unique<fim::Component>(start_time_, std::move(fim_config_), lib_magic_, *scheduler_,
+                                            std::move(uploader), *rule_engine_, edr_config_->GetCpuLimit(),
+                                            edr_config_->GetMemoryLimit(), std::move(quiet_hours), health_->Reporter(),
+                                            WithSlash(common_config_->GetAgentInstallPath()));
   } catch (const std::exception& error) {
     ZLOG_ERROR("Failed to start file integrity monitoring, going on without it: " << error.what());
+    health::ComponentHealth(health_->Reporter(), health::ComponentHealth::Kind::Fim).Failed(error.what());
   }
 }
 
@@ -321,6 +207,10 @@ void Daemon::StartIntake() {
 
 void Daemon::MainLoop() {
   CommandHandler handler(*this);
+  MemoryCheck memory_check(common::ResourceMonitor(edr_config_->GetCpuLimit(), edr_config_->GetMemoryLimit()));
+  // Kept for readings of the memory; nothing is written there yet, and the file need not exist.
+  const common::FileStorage memory_readings("/tmp/memtest");
+  QueueReport queue_report(MakeGauges());
   while (!ProcessExitFlag()) {
     {
       auto lock = link_.Lock();
@@ -333,7 +223,21 @@ void Daemon::MainLoop() {
     if (!ProcessExitFlag()) SeeToIntake();
     if (const auto step = clock_steps_.Check()) scheduler_->OnClockStep(*step);
     intake_report_.TellWhenDue();
+    queue_report.TellWhenDue();
+    memory_check.RunFor(ProcessExitFlag());
+    health_->TellWhenDue();
   }
+}
+
+std::vector<QueueReport::Gauge> Daemon::MakeGauges() const {
+  // The parser is another one after a restart of the intake.
+  return {
+      {"parser queue", [this] { return parser_ ? parser_->GetQueuedBytes() : 0; }},
+      {"events", [this] { return parser_ ? parser_->GetQueuedEvents() * QueueReport::kBytesPerEvent : 0; }},
+      {"resting file events", [this] { return rule_engine_->GetRestingEvents() * QueueReport::kBytesPerEvent; }},
+      {"tasks", [this] { return fim_ ? fim_->GetWaitingBytes() : 0; }},
+      {"components", [this] { return fim_ ? fim_->GetCachedBytes() : 0; }},
+  };
 }
 
 void Daemon::SeeToIntake() {
@@ -383,6 +287,9 @@ void Daemon::ShutDown() {
   });
   Guarded("stop the control channel", [this] { control_channel_->Stop(); });
   Guarded("end file integrity monitoring", [this] { fim_.reset(); });
+  Guarded("end the reports of health", [this] {
+    if (health_) health_->Stop();
+  });
   Guarded("stop the scheduler", [this] { scheduler_->Stop(); });
   Guarded("release the intake", [this] {
     audit_channel_.reset();
@@ -401,6 +308,7 @@ void Daemon::ShutDown() {
   });
   Guarded("release the rest", [this] {
     control_channel_.reset();
+    health_.reset();
     http_service_.reset();
     scheduler_.reset();
   });

@@ -1,18 +1,19 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "common/src/config/CommonConfig.h"
-#include "common/src/http/HmacConfig.h"
 #include "common/src/http/HttpService.h"
 #include "common/src/tasks/BlackoutManager.h"
 #include "common/src/tasks/ClockStepWatch.h"
 #include "common/src/tasks/Scheduler.h"
 #include "src/audit/channels/IOChannel.h"
-#include "src/audit/engine/MissingPathSchedule.h"
 #include "src/audit/engine/RuleEngine.h"
+#include "src/audit/engine/WatchedPathSchedule.h"
 #include "src/audit/events/FolderIdentities.h"
 #include "src/audit/events/FolderScan.h"
 #include "src/audit/events/IntakeCounters.h"
@@ -24,8 +25,11 @@
 #include "src/edr/host/ConfigDocument.h"
 #include "src/edr/host/ControlLink.h"
 #include "src/edr/host/ExitFlag.h"
+#include "src/edr/host/HealthService.h"
 #include "src/edr/host/IntakeReport.h"
 #include "src/edr/host/IntakeWatch.h"
+#include "src/edr/host/QueueReport.h"
+#include "src/edr/host/UploaderFactory.h"
 #include "src/fim/Component.h"
 #include "src/fim/Config.h"
 
@@ -77,9 +81,11 @@ class Daemon final : private CommandTarget {
   void BuildEngine();
   void BuildUploads();
   [[nodiscard]] std::unique_ptr<const common::BlackoutManager> BuildQuietHours() const;
+  void BuildHealth();
   void BuildFim();
   void StartIntake();
   void MainLoop();
+  [[nodiscard]] std::vector<QueueReport::Gauge> MakeGauges() const;
   // Restarts an intake that has ended by itself, or throws when that has happened too often.
   void SeeToIntake();
   void RestartIntake();
@@ -106,14 +112,16 @@ class Daemon final : private CommandTarget {
   std::unique_ptr<Config> edr_config_;
   AgentIdentity agent_{};
   std::unique_ptr<audit::IOChannel> audit_channel_;
+  std::chrono::system_clock::time_point start_time_;  // of the sensor: what it tells of itself is as old
   std::shared_ptr<LibMagicWrapper> lib_magic_;
   std::shared_ptr<audit::internal::FolderIdentities> folders_;
   std::shared_ptr<audit::internal::MountTable> mounts_;
   std::unique_ptr<audit::internal::FolderScan> folder_scan_;   // fills folders_; the rule engine tells it what for
-  std::shared_ptr<audit::MissingPathSchedule> path_schedule_;  // asks rule_engine_
+  std::shared_ptr<audit::WatchedPathSchedule> path_schedule_;  // asks rule_engine_
   std::unique_ptr<audit::RuleEngine> rule_engine_;  // set under the control lock: the reconnection hook looks at it
-  std::shared_ptr<const common::HmacConfig> hmac_config_;
   std::unique_ptr<common::HttpService> http_service_;
+  std::unique_ptr<UploaderFactory> uploaders_;
+  std::unique_ptr<HealthService> health_;
   std::unique_ptr<fim::Component> fim_;
   std::unique_ptr<audit::ParserThread> parser_;
 };

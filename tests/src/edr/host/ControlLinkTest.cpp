@@ -143,14 +143,60 @@ TEST_F(ControlLinkTest, BeforeThereIsALoggerALostLinkGoesToSyslogOnly) {
   EXPECT_EQ(log.Count("Failed to establish communication"), 0);
 }
 
-TEST_F(ControlLinkTest, WhileACommandRunsAnotherWaitsAndNothingIsLost) {
+TEST_F(ControlLinkTest, WhileACommandRunsTheChannelDoesNotWaitAndTheNewestCommandIsNext) {
+  const fakes::LogCapture log;
+  {
+    const auto running = link_.Lock();
+    std::async(std::launch::async, [this] {
+      link_.OnMessage(Bytes("second"));
+      link_.OnMessage(Bytes("third"));
+    }).get();
+    EXPECT_EQ(log.Count("Received configuration data"), 0) << "the control lock is not free";
+  }
+  EXPECT_EQ(Take(), "third");
+  EXPECT_EQ(Take(), "");
+  EXPECT_EQ(log.Count("Received configuration data from the Ostrel Agent process: "), 1) << log.All();
+}
+
+TEST_F(ControlLinkTest, ACommandThatCameWhileAnotherRanEndsTheNextWait) {
   auto lock = link_.Lock();
-  auto sending = std::async(std::launch::async, [this] { link_.OnMessage(Bytes("next")); });
-  EXPECT_EQ(sending.wait_for(20ms), std::future_status::timeout);
+  std::async(std::launch::async, [this] { link_.OnMessage(Bytes("next")); }).get();
+  link_.WaitForWork(lock, 1s);  // time stands still: it would wait for ever
+  EXPECT_TRUE(link_.HasMessage());
+  EXPECT_EQ(link_.TakeMessage(), "next");
+}
+
+TEST_F(ControlLinkTest, ACommandInTheInboxReplacesTheOneThatIsPending) {
+  link_.OnMessage(Bytes("pending"));
+  auto lock = link_.Lock();
+  std::async(std::launch::async, [this] { link_.OnMessage(Bytes("newer")); }).get();
+  EXPECT_EQ(link_.TakeMessage(), "newer");
   EXPECT_FALSE(link_.HasMessage());
-  lock.unlock();
-  sending.get();
-  EXPECT_EQ(Take(), "next");
+}
+
+TEST_F(ControlLinkTest, AnAgentThatIsLostWhileACommandRunsEndsTheDaemonBehindTheCommand) {
+  auto lock = link_.Lock();
+  auto losing = std::async(std::launch::async, [this] { link_.OnError(audit::IOChannel::Error::Timeout); });
+  EXPECT_FALSE(exit_flag_);
+  link_.WaitForWork(lock, 1s);  // time stands still: only the loss ends it
+  losing.get();
+  EXPECT_TRUE(exit_flag_);
+}
+
+// The main loop against a sender without a pause: no command is left in the inbox by a notification that came too
+// early.
+TEST_F(ControlLinkTest, NoCommandIsLeftInTheInbox) {
+  for (int round = 0; round < 2'000; ++round) {
+    auto sending = std::async(std::launch::async, [&] { link_.OnMessage(Bytes(std::to_string(round))); });
+    std::string taken;
+    while (taken.empty()) {
+      auto lock = link_.Lock();
+      link_.WaitForWork(lock, 1s);  // time stands still
+      taken = link_.TakeMessage();
+    }
+    ASSERT_EQ(taken, std::to_string(round));
+    sending.get();
+  }
 }
 
 }  // namespace

@@ -1,0 +1,99 @@
+#include "src/edr/host/ProofOfLife.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "common/src/util/Log.h"
+
+namespace zagent::edr::host {
+
+ProofOfLife::ProofOfLife(Ports ports, audit::AuditNetlink& netlink, std::uint32_t consumer_pid,
+                         common::util::Clock& clock)
+    : ports_(std::move(ports)),
+      clock_(clock),
+      consumer_pid_(consumer_pid),
+      probe_(netlink),
+      next_(clock.SteadyNow() + kInterval) {}
+
+void ProofOfLife::RunWhenDue() {
+  const SteadyTime now = clock_.SteadyNow();
+  switch (step_) {
+    case Step::Rest:
+      if (heard_ && !silence_.empty()) OnHeard();  // late, but it speaks
+      if (now >= next_) Begin(now);
+      break;
+    case Step::Await:
+      Await(now);
+      break;
+    case Step::AwaitStatus:
+      AwaitStatus(now);
+      break;
+  }
+}
+
+void ProofOfLife::Begin(SteadyTime now) {
+  next_ = now + kInterval;
+  heard_ = false;
+  if (!ports_.touch()) {
+    ZLOG_DEBUG("Proof of life: there is nobody to give one");
+    return;
+  }
+  step_ = Step::Await;
+  last_look_ = now;
+  was_idle_ = false;
+  idle_time_ = std::chrono::nanoseconds::zero();
+}
+
+void ProofOfLife::Await(SteadyTime now) {
+  if (heard_) return OnHeard();
+  const bool is_idle = ports_.is_idle();
+  if (is_idle && was_idle_) idle_time_ += std::min<std::chrono::nanoseconds>(now - last_look_, kMaxStep);
+  was_idle_ = is_idle;
+  last_look_ = now;
+  if (idle_time_ < kPatience) return;
+  step_ = Step::AwaitStatus;
+  answer_deadline_ = now + kAnswerTime;
+  probe_.Ask();
+}
+
+void ProofOfLife::AwaitStatus(SteadyTime now) {
+  if (heard_) return OnHeard();
+  const std::optional<audit::AuditStatus> status = probe_.Poll();
+  if (status || now >= answer_deadline_) OnMissing(status);
+}
+
+void ProofOfLife::OnHeard() {
+  step_ = Step::Rest;
+  if (silence_.empty()) return;
+  ZLOG_INFO("Proof of life: audit speaks again");
+  silence_.clear();
+  ports_.silence(silence_);
+}
+
+// Once a silence and cause: who has been told need not be told every ten minutes.
+void ProofOfLife::OnMissing(const std::optional<audit::AuditStatus>& status) {
+  step_ = Step::Rest;
+  std::string why = Explain(status);
+  if (why == silence_) return;
+  ZLOG_WARNING("Proof of life: audit is silent: " << why);
+  silence_ = std::move(why);
+  ports_.silence(silence_);
+  try {
+    ports_.install_rules();
+  } catch (const std::exception& error) {
+    ZLOG_ERROR("Proof of life: Failed to install the rules anew: " << error.what());
+  }
+}
+
+std::string ProofOfLife::Explain(const std::optional<audit::AuditStatus>& status) const {
+  if (!status) return "no event came, and the kernel does not tell its status";
+  if (status->enabled == 0) return "audit is switched off";
+  if (status->consumer_pid == 0) return "nobody receives the kernel's records";
+  if (consumer_pid_ != 0 && status->consumer_pid != consumer_pid_) {
+    return "process " + std::to_string(status->consumer_pid) + " receives the kernel's records";
+  }
+  return "no event came, though audit is on: a rule in front of the program's may hold them back";
+}
+
+}  // namespace zagent::edr::host
