@@ -10,6 +10,7 @@ pkg_check_modules(AUDIT REQUIRED IMPORTED_TARGET audit)
 pkg_check_modules(AUPARSE REQUIRED IMPORTED_TARGET auparse)
 pkg_check_modules(MAGIC REQUIRED IMPORTED_TARGET libmagic)
 pkg_check_modules(SQLITE REQUIRED IMPORTED_TARGET sqlite3)
+pkg_check_modules(PROXY REQUIRED IMPORTED_TARGET libproxy-1.0)
 
 find_path(RAPIDJSON_INCLUDE_DIR rapidjson/document.h REQUIRED)
 

@@ -7,8 +7,9 @@
 
 # Floors from the ground up.
 set(OSTREL_FLOORS
-    util:0 config:1 tasks:1 storage:2 http:2 edr:3 process:4
+    util:0 config:1 tasks:1 storage:2 http:2 edr:3 health:3 process:4
     audit_channels:5 audit_events:5 audit_rules:6 audit_routing:6 audit_parser:6 fim:6 audit_engine:7
+    manifest_check:7
     host:8)
 
 function(_ostrel_floor room out)

@@ -5,13 +5,15 @@
 #include <string>
 #include <vector>
 
+#include "tests/fakes/TestData.h"
+
 namespace zagent::fakes {
 
 // The records that a real kernel wrote, by event (tests/data/audit-operations-6.1.log).
 class AuditLog {
  public:
   AuditLog() {
-    std::ifstream in(std::string(OSTREL_TEST_DATA) + "/audit-operations-6.1.log");
+    std::ifstream in(TestData("audit-operations-6.1.log"));
     for (std::string line; std::getline(in, line);) lines_.push_back(line + "\n");
     if (lines_.empty()) throw std::runtime_error("tests/data/audit-operations-6.1.log is missing");
   }

@@ -130,6 +130,11 @@ void TestAgent::Accept() {
 void TestAgent::Send(const std::string& text) {
   Accept();
   Require(send(client_.Get(), text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size()), "send");
+  last_write_ = std::chrono::steady_clock::now();
+}
+
+void TestAgent::WaitForGap(std::chrono::milliseconds gap) const {
+  std::this_thread::sleep_until(last_write_ + gap);
 }
 
 void TestAgent::SendConfig(const std::string& config_file) {

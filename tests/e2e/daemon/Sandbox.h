@@ -50,12 +50,15 @@ class TestAgent {
   // Waits for the daemon's connection and writes one burst.
   void Send(const std::string& text);
   void SendConfig(const std::string& config_file);
+  // Until so much time has passed since the last write: gaps are all that separates commands.
+  void WaitForGap(std::chrono::milliseconds gap) const;
 
  private:
   void Accept();
 
   common::util::UniqueFd listener_;
   common::util::UniqueFd client_;
+  std::chrono::steady_clock::time_point last_write_;
 };
 
 // The daemon as a process: started like an agent starts it, followed through its detaching.

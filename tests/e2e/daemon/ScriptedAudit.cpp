@@ -24,6 +24,10 @@ void Require(bool holds, const std::string& what) {
   if (!holds) throw std::runtime_error("ScriptedAudit: " + what + ": " + std::strerror(errno));
 }
 
+std::string Stamp(std::uint32_t serial) {
+  return "audit(" + std::to_string(std::time(nullptr)) + ".500:" + std::to_string(serial) + "): ";
+}
+
 std::string PathRecord(int item, const std::string& path, const char* type) {
   struct stat info {};
   Require(lstat(path.c_str(), &info) == 0, "lstat " + path);
@@ -68,6 +72,27 @@ void ScriptedAudit::CreatedFile(const std::string& path) {
   Emit(2, O_CREAT | O_WRONLY, path, "touch");
 }
 
+void ScriptedAudit::CreatedFileOften(const std::string& path, int count) {
+  const std::string paths[] = {PathRecord(0, std::filesystem::path(path).parent_path(), "PARENT"),
+                               PathRecord(1, path, "CREATE")};
+  std::string lines;
+  for (int i = 0; i < count; ++i) {
+    ++serial_;
+    const std::string stamp = Stamp(serial_);
+    const std::string process = std::to_string(100'000 + i % 500);
+    lines += "type=SYSCALL msg=" + stamp +
+             "arch=c000003e syscall=2 success=yes exit=0 a0=7ffd a1=41 a2=0 a3=0 items=2 ppid=1 pid=" + process +
+             " auid=0 uid=0 gid=0 euid=0 suid=0 fsuid=0 egid=0 sgid=0 fsgid=0 tty=(none) ses=1 comm=\"touch\" "
+             "exe=\"/usr/bin/touch\" subj=unconfined key=\"watched-folder\"\n";
+    lines += "type=CWD msg=" + stamp + "cwd=\"/\"\n";
+    for (const std::string& record : paths) lines += "type=PATH msg=" + stamp + record + "\n";
+    lines += "type=PROCTITLE msg=" + stamp + "proctitle=\"touch\"\n";  // which ends an event for auparse
+    if (lines.size() < 60'000 && i + 1 < count) continue;
+    Send(lines);
+    lines.clear();
+  }
+}
+
 void ScriptedAudit::Emit(int syscall, std::uint64_t second_argument, const std::string& path,
                          const std::string& program) {
   ++serial_;
@@ -85,12 +110,15 @@ void ScriptedAudit::Emit(int syscall, std::uint64_t second_argument, const std::
 }
 
 void ScriptedAudit::Record(std::uint16_t type, const std::string& text) {
-  const std::string body =
-      "audit(" + std::to_string(std::time(nullptr)) + ".500:" + std::to_string(serial_) + "): " + text;
-  std::string packet = source_ == Source::Kernel
-                           ? std::string(reinterpret_cast<const char*>(&type), sizeof type) + body
-                           : std::string("type=") + audit_msg_type_to_name(type) + " msg=" + body + "\n";
-  Require(send(consumer_.Get(), packet.data(), packet.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(packet.size()),
+  const std::string body = Stamp(serial_) + text;
+  const std::string packet = source_ == Source::Kernel
+                                 ? std::string(reinterpret_cast<const char*>(&type), sizeof type) + body
+                                 : std::string("type=") + audit_msg_type_to_name(type) + " msg=" + body + "\n";
+  Send(packet);
+}
+
+void ScriptedAudit::Send(const std::string& bytes) {
+  Require(send(consumer_.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size()),
           "send");
 }
 

@@ -27,8 +27,11 @@ class ScriptedAudit {
   void MadeFolder(const std::string& path);
   // open(2) with O_CREAT | O_WRONLY of a file that is there now.
   void CreatedFile(const std::string& path);
+  // The same file, `count` times, by 500 processes in turn. A dispatcher only; written as fast as the daemon reads.
+  void CreatedFileOften(const std::string& path, int count);
 
  private:
+  void Send(const std::string& bytes);
   void Emit(int syscall, std::uint64_t second_argument, const std::string& path, const std::string& program);
   void Record(std::uint16_t type, const std::string& text);
 

@@ -1,0 +1,128 @@
+// How the running daemon ends: in order, and soon.
+
+#include <gmock/gmock.h>
+
+#include <csignal>
+
+#include "tests/e2e/daemon/DaemonTest.h"
+
+namespace zagent::e2e {
+namespace {
+
+using testing::HasSubstr;
+
+constexpr const char* kExit = R"({"command": "exit"})";
+
+class EndTest : public DaemonTest {
+ protected:
+  using Seconds = std::chrono::duration<double>;
+
+  // From the wish to the end of the process.
+  template <typename Wish>
+  Seconds TimeToEnd(const Wish& wish) {
+    const auto start = std::chrono::steady_clock::now();
+    wish();
+    ExpectOrderlyEnd();
+    return std::chrono::steady_clock::now() - start;
+  }
+
+  void StartAnew() {
+    daemon_.reset();
+    agent_.reset();
+    std::filesystem::remove_all(config_.Folder() / "log");
+    StartDaemon();
+    ASSERT_TRUE(LogComesToHold("IOChannel: Started.\n"));
+    ASSERT_TRUE(Within(20s, [] { return RuleKeys().find("watched-folder\n") != std::string::npos; }));
+  }
+
+  [[nodiscard]] std::string ReadSpool() const {
+    std::string all;
+    for (const auto& file : std::filesystem::directory_iterator(config_.Spool())) {
+      std::ifstream in(file.path());
+      all.append(std::istreambuf_iterator<char>(in), {});
+    }
+    return all;
+  }
+};
+
+TEST_F(EndTest, ASignalOrAnExitEndsItWithinTwoSeconds) {
+  StartAnew();
+  EXPECT_LT(TimeToEnd([this] { daemon_->Signal(SIGTERM); }), 2s);
+  StartAnew();
+  EXPECT_LT(TimeToEnd([this] { daemon_->Signal(SIGINT); }), 2s);
+  StartAnew();
+  EXPECT_LT(TimeToEnd([this] { agent_->Send(kExit); }), 2s);
+}
+
+TEST_F(EndTest, AHangUpEndsNothing) {
+  StartAnew();
+  daemon_->Signal(SIGHUP);
+  agent_->Send(R"({"command": "fim_status"})");
+  EXPECT_TRUE(LogComesToHold("Command 'fim_status' received from agent"));
+  agent_->WaitForGap(300ms);
+  agent_->Send(kExit);
+  ExpectOrderlyEnd();
+}
+
+TEST_F(EndTest, ASignalDuringTheWaitForTheFirstCommandTakesEffectWhenTheStartIsOver) {
+  StartProcess();
+  ASSERT_TRUE(Within(20s, [this] { return !syslog_->Lines().empty(); }));
+  EXPECT_THAT(syslog_->All(), HasSubstr("1 Waiting for configuration from the Ostrel Agent process.\n"));
+  daemon_->Signal(SIGTERM);
+  agent_->SendConfig(config_.File());
+  ExpectOrderlyEnd();
+  const std::string log = config_.ReadLog();
+  const std::size_t started = log.find("KernelIOChannel: Started.");
+  ASSERT_NE(started, std::string::npos) << "the start goes through to its end";
+  EXPECT_LT(started, log.find("Stopping Audit Parser Thread"));
+  EXPECT_EQ(LogCount("Uncaught exception"), 0);
+}
+
+TEST_F(EndTest, AnAgentThatIsGoneForTenSecondsAndComesBackCostsNothing) {
+  StartAnew();
+  const std::string rules = RuleKeys();
+  agent_.reset();
+  ASSERT_TRUE(Within(60s, [this] { return LogCount("Trying to reconnect... ") >= 11; }));
+  MakeWatchedFolder("meanwhile");
+  EXPECT_TRUE(LogComesToHold("Event json written to disc successfully"));
+  agent_ = std::make_unique<TestAgent>();
+  agent_->Send(R"({"command": "fim_status"})");
+  EXPECT_TRUE(LogComesToHold("Command 'fim_status' received from agent"));
+  EXPECT_EQ(RuleKeys(), rules);
+  EXPECT_EQ(LogCount("RuleEngine::AddRules: Adding 1 rules"), 1);
+  agent_->WaitForGap(300ms);
+  EXPECT_LT(TimeToEnd([this] { agent_->Send(kExit); }), 2s);
+}
+
+TEST_F(EndTest, AnAgentThatStaysAwayForThirtyAttemptsEndsItInOrder) {
+  StartAnew();
+  agent_.reset();
+  ASSERT_TRUE(LogComesToHold("Failed to establish communication with the Ostrel Agent process.", 90s));
+  EXPECT_LT(TimeToEnd([] {}), 2s);
+  EXPECT_EQ(LogCount("Trying to reconnect... "), 30);
+  EXPECT_THAT(config_.ReadLog(), HasSubstr("Aborting reconnection due to timeout."));
+}
+
+TEST_F(EndTest, AHundredThousandRestingFileEventsGetFiveSecondsMore) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  constexpr int kEvents = 20'000;  // all must be in before the first has rested
+#else
+  constexpr int kEvents = 100'000;
+#endif
+  config_.WriteLogProperties("information");
+  config_.Json()["edr_config"]["memory_limit"].SetUint(100);  // as many may rest
+  UseDispatcher();
+  StartAnew();
+  const std::string file = config_.Watched() + "/resting";
+  std::ofstream(file) << "abc";
+  dispatcher_->CreatedFileOften(file, kEvents);
+  MakeWatchedFolder("behind");
+  ASSERT_TRUE(Within(60s, [this] { return SpoolFiles() != 0; }));
+  EXPECT_THAT(ReadSpool(), testing::Not(HasSubstr(file))) << "none has left its rest";
+  EXPECT_LT(TimeToEnd([this] { agent_->Send(kExit); }), 7s);
+  EXPECT_THAT(ReadSpool(), HasSubstr(file)) << "the oldest are delivered";
+  EXPECT_EQ(LogCount("events left at the stop"), 0) << "all of them rested";
+}
+
+}  // namespace
+}  // namespace zagent::e2e

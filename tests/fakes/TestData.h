@@ -1,0 +1,14 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+namespace zagent::fakes {
+
+// The tree that the tests were built from.
+[[nodiscard]] std::filesystem::path SourceTree();
+
+// A file of tests/data.
+[[nodiscard]] inline std::string TestData(const std::string& name) { return SourceTree() / "tests/data" / name; }
+
+}  // namespace zagent::fakes
