@@ -46,7 +46,11 @@ void AuparseFeed::Destroyer::operator()(auparse_state_t* state) const {
 }
 
 AuparseFeed::AuparseFeed(EventFactory build_events, IntakeCounters& counters)
-    : build_events_(std::move(build_events)), counters_(counters), state_(InitAuparse()), source_(state_.get()) {
+    : build_events_(std::move(build_events)),
+      counters_(counters),
+      cut_events_(counters),
+      state_(InitAuparse()),
+      source_(state_.get()) {
   auparse_add_callback(
       state_.get(),
       [](auparse_state_t* state, auparse_cb_event_t kind, void* self) { OnAuparseEvent(state, kind, self); }, this,
@@ -62,15 +66,29 @@ void AuparseFeed::Feed(const unsigned char* data, std::size_t size) {
   std::string_view bytes(reinterpret_cast<const char*>(data), size);
   while (!bytes.empty()) {
     const std::string_view part = bytes.substr(0, bytes.find('\r'));
-    if (auparse_feed(state_.get(), part.data(), part.size()) < 0) {
-      throw std::runtime_error("Failed to feed to auparse");
-    }
+    FeedRecords(part);
     bytes.remove_prefix(std::min(part.size() + 1, bytes.size()));
+  }
+  // Behind a whole line only.
+  if (size != 0 && data[size - 1] == '\n') FeedJoined();
+}
+
+void AuparseFeed::FeedRecords(std::string_view records) {
+  if (auparse_feed(state_.get(), records.data(), records.size()) < 0) {
+    throw std::runtime_error("Failed to feed to auparse");
   }
 }
 
 void AuparseFeed::Flush() {
-  auparse_flush_feed(state_.get());
+  do {
+    auparse_flush_feed(state_.get());
+  } while (FeedJoined());
+}
+
+bool AuparseFeed::FeedJoined() {
+  if (joined_.empty()) return false;
+  FeedRecords(std::exchange(joined_, {}));
+  return true;
 }
 
 Events AuparseFeed::TakeEvents() {
@@ -84,6 +102,7 @@ void AuparseFeed::OnAuparseEvent(auparse_state_t* /*state*/, int kind, void* sel
   try {
     feed.OnCompleteEvent();
   } catch (const std::exception& error) {
+    if (feed.KeepIfCut(error.what())) return;
     feed.counters_.Add(IntakeCounters::Reason::NotBuilt);
     ZLOG_DEBUG("Dropping event: " << error.what());
   } catch (...) {
@@ -110,9 +129,39 @@ void AuparseFeed::OnCompleteEvent() {
   if (type == record_type::kConfigChange && Build({type})) source_.Begin();
   if (const Record* call = source_.FindCall()) {
     BuildFromCall(*call);
-  } else if (!is_abend && type != record_type::kEndOfEvent) {
+  } else if (!is_abend) {
+    OnEventWithoutCall(type);
+  }
+}
+
+void AuparseFeed::OnEventWithoutCall(int type) {
+  if (type != record_type::kEndOfEvent) {
     ZLOG_TRACE("Ignoring event with ID: " << source_.Id() << " record type: " << type);
   }
+  constexpr RecordKinds kOfCalls =
+      KindsOf(record_type::kPath, record_type::kSockaddr, record_type::kCwd, record_type::kExecve,
+              record_type::kProctitle, record_type::kOpenAt2);
+  if ((KindOf(type) & kOfCalls) != 0) Join(false);
+}
+
+bool AuparseFeed::KeepIfCut(const char* reason) noexcept {
+  try {
+    source_.Begin();
+    if (source_.FindCall() == nullptr) return false;
+    auparse_goto_record_num(state_.get(), auparse_get_num_records(state_.get()) - 1);
+    const int last = auparse_get_type(state_.get());
+    if (last == record_type::kProctitle || last == record_type::kEndOfEvent) return false;
+    ZLOG_DEBUG("Event with ID: " << source_.Id() << " waits for other records: " << reason);
+    Join(true);
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+void AuparseFeed::Join(bool has_call) {
+  auparse_first_record(state_.get());
+  joined_ += cut_events_.Join({source_.Id(), source_.Timestamp(), has_call, EventText()});
 }
 
 void AuparseFeed::BuildFromCall(const Record& call) {

@@ -4,9 +4,11 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "src/audit/events/AuparseRecordSource.h"
 #include "src/audit/events/IntakeCounters.h"
+#include "src/audit/parser/CutEvents.h"
 #include "src/audit/parser/EventFactory.h"
 
 namespace zagent::audit::internal {
@@ -15,8 +17,9 @@ namespace zagent::audit::internal {
 // the audit events that they complete. One thread at a time. What does not become an event is counted.
 //
 // auparse delivers a complete event only when the next one begins, and an older incomplete event holds back all that
-// follow: Flush makes delivery prompt. The tail of an event that a flush has cut arrives as a second event without a
-// SYSCALL record, and is ignored.
+// follow: Flush makes delivery prompt. An event may come in parts then: a flush has cut it, or the kernel sent its last
+// records late. One that cannot be built of its first part is built when the others have come; what is behind an event
+// that was built already is ignored.
 class AuparseFeed {
  public:
   // Throws std::runtime_error "Failed to initialize auparse".
@@ -37,17 +40,26 @@ class AuparseFeed {
     void operator()(auparse_state_t* state) const;
   };
   static void OnAuparseEvent(auparse_state_t* state, int kind, void* self) noexcept;
+  void FeedRecords(std::string_view records);
+  // What came apart, as far as it is whole by now. False when there is nothing.
+  bool FeedJoined();
   void OnCompleteEvent();
   void BuildFromCall(const Record& call);
   // The x86-64 number of a call; nothing, with a trace line, for one that means nothing here.
   std::optional<long long> NumberOf(const Record& call);
   // Answers whether the subject meant anything.
   bool Build(const EventSubject& subject);
+  void OnEventWithoutCall(int type);
+  // The event at hand has made nothing. True when it has a call but no end, and is kept until its other records come.
+  bool KeepIfCut(const char* reason) noexcept;
+  void Join(bool has_call);
   [[nodiscard]] std::string EventText() const;
 
   EventFactory build_events_;
   IntakeCounters& counters_;
   Events events_;
+  CutEvents cut_events_;
+  std::string joined_;  // records of events that came apart and are whole now, to be fed again
   std::unique_ptr<auparse_state_t, Destroyer> state_;  // its callback fills what stands above
   AuparseRecordSource source_;
 };

@@ -244,6 +244,67 @@ TEST_F(TypedFeedTest, TheCallBesideAnAbnormalEndHasAllItsRecords) {
   EXPECT_EQ(events[1]->GetFile()->GetPath(), "/srv/w/MARK-01-rel-create");
 }
 
+class CutFeedTest : public TypedFeedTest {
+ protected:
+  // The records of one event, [first, last).
+  std::string Some(std::size_t first, std::size_t last) {
+    std::string text;
+    for (std::size_t at = first; at < last; ++at) text += records_[at];
+    return text;
+  }
+  std::string Rest(std::size_t first) { return Some(first, records_.size()); }
+  std::uint64_t NotBuilt() { return counters_.Get(IntakeCounters::Reason::NotBuilt); }
+
+  std::vector<std::string> records_ = log_.Records(AuditLog::kRmdir);
+};
+
+TEST_F(CutFeedTest, WhatAFlushHasCutIsBuiltWhenItsOtherRecordsCome) {
+  EXPECT_THAT(Feed(Some(0, 2)), IsEmpty());
+  const Events events = Feed(Rest(2));
+  ASSERT_EQ(events.size(), 1U);
+  EXPECT_EQ(events[0]->GetId(), AuditLog::kRmdir);
+  EXPECT_EQ(events[0]->GetFile()->GetPath(), "/srv/w/MARK-01-rel-create");
+  EXPECT_EQ(NotBuilt(), 0U);
+}
+
+TEST_F(CutFeedTest, WhatIsCutTwiceIsBuiltWhenTheLastPartCame) {
+  EXPECT_THAT(Feed(Some(0, 2)), IsEmpty());
+  EXPECT_THAT(Feed(Some(2, 3)), IsEmpty());
+  EXPECT_EQ(Feed(Rest(3)).size(), 1U);
+  EXPECT_EQ(NotBuilt(), 0U);
+}
+
+TEST_F(CutFeedTest, RecordsThatTheKernelSendsBehindNewerEventsFindTheirCall) {
+  const std::string newer = log_.Event(AuditLog::kRenameOver);
+  EXPECT_THAT(Feed(Some(0, 2) + newer), testing::SizeIs(2));
+  EXPECT_EQ(Feed(Rest(2) + Replaced(newer, ":61)", ":62)")).size(), 1U);
+}
+
+TEST_F(CutFeedTest, ACallThatTheKernelSendsBehindItsRecordsFindsThem) {
+  EXPECT_THAT(Feed(Rest(2)), IsEmpty());
+  const Events events = Feed(Some(0, 2));
+  ASSERT_EQ(events.size(), 1U);
+  EXPECT_EQ(events[0]->GetFile()->GetPath(), "/srv/w/MARK-01-rel-create");
+}
+
+TEST_F(CutFeedTest, WhatIsBuiltAlreadyIsNotBuiltAgainOfItsTail) {
+  EXPECT_EQ(Feed(Some(0, 4)).size(), 1U);
+  EXPECT_THAT(Feed(Rest(4)), IsEmpty());
+  EXPECT_EQ(NotBuilt(), 0U);
+}
+
+TEST_F(CutFeedTest, RecordsOfAnotherTimeWithTheSameSerialAreOfAnotherEvent) {
+  EXPECT_THAT(Feed(Some(0, 2)), IsEmpty());
+  std::string rest = Rest(2);
+  for (std::size_t at = 0; (at = rest.find("1795162409.", at)) != std::string::npos; ++at) rest[at + 9] = '8';
+  EXPECT_THAT(Feed(rest), IsEmpty());
+}
+
+TEST_F(CutFeedTest, AnEventWithAnEndThatCannotBeBuiltIsCountedAtOnce) {
+  EXPECT_THAT(Feed(records_.front() + records_.back()), IsEmpty());
+  EXPECT_EQ(NotBuilt(), 1U);
+}
+
 // Every event of the log that has a SYSCALL record, and nothing else, arrives in the order of the log.
 TEST_F(AuparseFeedTest, TakesTheWholeLogOfARealKernel) {
   std::vector<unsigned> expected;
