@@ -2,6 +2,8 @@
 
 namespace zagent::fakes {
 
-std::filesystem::path SourceTree() { return OSTREL_SOURCE_TREE; }
+std::filesystem::path SourceTree() {
+  return OSTREL_SOURCE_TREE;
+}
 
 }  // namespace zagent::fakes

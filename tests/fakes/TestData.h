@@ -9,6 +9,8 @@ namespace zagent::fakes {
 [[nodiscard]] std::filesystem::path SourceTree();
 
 // A file of tests/data.
-[[nodiscard]] inline std::string TestData(const std::string& name) { return SourceTree() / "tests/data" / name; }
+[[nodiscard]] inline std::string TestData(const std::string& name) {
+  return SourceTree() / "tests/data" / name;
+}
 
 }  // namespace zagent::fakes

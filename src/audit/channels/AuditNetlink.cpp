@@ -20,19 +20,29 @@ int ToErrno(int result) {
   return result;
 }
 
+// For what waits to be read. The kernel takes the memory when it is needed, and twice as much for what surrounds it.
+// Without the right to that it is as it was.
+void MakeRoom(int fd, int bytes) {
+  setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof(bytes));
+}
+
 class KernelNetlink final : public AuditNetlink {
  public:
   int Open() override { return audit_open(); }
   int Close(int fd) override { return close(fd); }
   int SetEnabled(int fd, std::uint32_t enabled) override { return ToErrno(audit_set_enabled(fd, enabled)); }
-  int SetPid(int fd, std::uint32_t pid) override { return ToErrno(audit_set_pid(fd, pid, WAIT_YES)); }
+  int SetPid(int fd, std::uint32_t pid) override {
+    // After half a second with a full buffer the kernel takes its consumer for dead and sends what waits out of order:
+    // as many records as its backlog holds are to fit. The default has room for some two hundred.
+    MakeRoom(fd, 4 * 1024 * 1024);
+    return ToErrno(audit_set_pid(fd, pid, WAIT_YES));
+  }
   int SetBacklogLimit(int fd, std::uint32_t limit) override { return ToErrno(audit_set_backlog_limit(fd, limit)); }
   int RequestStatus(int fd) override { return ToErrno(audit_request_status(fd)); }
   int RequestRulesList(int fd) override {
     // The kernel waits a tenth of a second for a reader whose buffer is full, and drops rows then: thousands of rules
-    // are to fit. Without the right to that it is as it was.
-    constexpr int kRoom = 32 * 1024 * 1024;  // bytes
-    setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &kRoom, sizeof(kRoom));
+    // are to fit.
+    MakeRoom(fd, 32 * 1024 * 1024);
     return ToErrno(audit_request_rules_list_data(fd));
   }
   int AddRule(int fd, audit_rule_data* rule, int flags, int action) override {

@@ -138,9 +138,8 @@ void AuparseFeed::OnEventWithoutCall(int type) {
   if (type != record_type::kEndOfEvent) {
     ZLOG_TRACE("Ignoring event with ID: " << source_.Id() << " record type: " << type);
   }
-  constexpr RecordKinds kOfCalls =
-      KindsOf(record_type::kPath, record_type::kSockaddr, record_type::kCwd, record_type::kExecve,
-              record_type::kProctitle, record_type::kOpenAt2);
+  constexpr RecordKinds kOfCalls = KindsOf(record_type::kPath, record_type::kSockaddr, record_type::kCwd,
+                                           record_type::kExecve, record_type::kProctitle, record_type::kOpenAt2);
   if ((KindOf(type) & kOfCalls) != 0) Join(false);
 }
 

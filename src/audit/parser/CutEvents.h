@@ -36,8 +36,8 @@ class CutEvents {
   ~CutEvents();
 
   // All records of the event that are there by now, the call first, if they are more than those of `part` and the call
-  // is among them; then nothing is kept of it. Otherwise empty, and the part is kept. An event whose parts do not become
-  // more when it comes again is given up: records that auparse always takes apart would come for ever.
+  // is among them; then nothing is kept of it. Otherwise empty, and the part is kept. An event whose parts do not
+  // become more when it comes again is given up: records that auparse always takes apart would come for ever.
   std::string Join(Part part);
 
  private:
