@@ -75,8 +75,11 @@ audit::internal::FileContext Context() {
 // Builds the log's events and hands them to `keep`, those of a piece at a time.
 void BuildEvents(const std::string& log, const std::function<void(Events&&)>& keep) {
   audit::IntakeCounters counters;
-  AuparseFeed feed(audit::internal::MakeEventFactory(Context()), counters);
+  auto context = Context();
+  context.looks = std::make_shared<audit::internal::FolderLooks>();
+  AuparseFeed feed(audit::internal::MakeEventFactory(context), counters);
   InPieces(log, kFeed, [&](const char* data, std::size_t size) {
+    context.looks->Forget();
     feed.Feed(reinterpret_cast<const unsigned char*>(data), size);
     keep(feed.TakeEvents());
   });

@@ -5,6 +5,7 @@
 
 #include "common/src/util/DigestCache.h"
 #include "src/audit/events/FolderIdentities.h"
+#include "src/audit/events/FolderLooks.h"
 #include "src/audit/events/MountTable.h"
 #include "src/edr/LibMagicWrapper.h"
 
@@ -17,6 +18,7 @@ struct FileContext {
   std::shared_ptr<common::util::DigestCache> digests = nullptr;
   std::shared_ptr<FolderIdentities> folders = nullptr;  // null: nothing is known but what the disk says
   std::shared_ptr<MountTable> mounts = nullptr;         // null: the device of a stat is always the record's
+  std::shared_ptr<FolderLooks> looks = nullptr;         // null: every question is a look at the disk
   // Whether what is gone when it is looked at again is still told, and calls that no watch covers become events.
   bool extended_coverage = false;
   std::string proc_root = "/proc";

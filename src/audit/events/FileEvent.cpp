@@ -211,18 +211,27 @@ FileIdentity FileEvent::IdentityAt(const std::string& folder, const struct stat&
   return identity;
 }
 
+std::optional<FileIdentity> FileEvent::LookAt(const std::string& folder) const {
+  FolderLooks* looks = Services().looks.get();
+  if (looks != nullptr) {
+    if (const FolderLooks::Look* look = looks->Find(folder)) return *look;
+  }
+  struct stat found {};
+  FolderLooks::Look look;
+  if (stat(folder.c_str(), &found) == 0) look = IdentityAt(folder, found);
+  return looks != nullptr ? looks->Keep(folder, look) : look;
+}
+
 // What is known of the folder outlasts it.
 void FileEvent::FindParent() {
   const std::string folder = FolderPart(file_->GetPath());
   FolderIdentities* folders = Services().folders.get();
-  std::optional<FileIdentity> parent;
   const std::optional<FileIdentity> known = folders != nullptr ? folders->FolderAt(folder) : std::nullopt;
-  struct stat found {};
-  if (stat(folder.c_str(), &found) == 0) {
-    parent = IdentityAt(folder, found);
-    if (known != parent) Finder().Remember(folder, *parent);
-  } else {
+  std::optional<FileIdentity> parent = LookAt(folder);
+  if (!parent) {
     parent = known;
+  } else if (known != parent) {
+    Finder().Remember(folder, *parent);
   }
   if (!parent) {
     // What a process had open when it ended lies where the rule says that the kernel names.

@@ -104,6 +104,8 @@ class FileEvent : public SyscallEvent {
   void LoseObject(const std::string& text) const;
   // Nothing, with a debug line, on failure.
   [[nodiscard]] static std::optional<struct stat> LstatPath(const std::string& path);
+  // The folder that the disk has there; nothing when there is none.
+  [[nodiscard]] std::optional<FileIdentity> LookAt(const std::string& folder) const;
   // Whether the result is that of file_.
   [[nodiscard]] bool IsFile(const struct stat& result) const;
   [[nodiscard]] FileIdentity Identity() const { return {DeviceNumberOf(file_->GetDevice()), file_->GetInode()}; }

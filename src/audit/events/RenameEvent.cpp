@@ -293,6 +293,7 @@ void RenameEvent::ConfirmDestination(const PathRecord& parent) {
       LoseObject("File " + file_->GetPath() + " differs from the object of the audit event");
     }
   }
+  if (LookAt(parent.path) == parent.Identity()) return;
   const auto folder = LstatPath(parent.path);
   if (folder && LeadsTo(parent.path, parent.Identity(), Services().mounts.get()) == Leads::Nowhere) {
     LoseObject("Directory " + parent.path + " differs from the PARENT object of the audit event");

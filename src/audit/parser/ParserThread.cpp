@@ -23,8 +23,10 @@ constexpr std::chrono::seconds kCpuPause{1};
 ParserThread::Seams ThisMachine(internal::FileContext context, std::uint64_t cpu_limit, std::uint64_t memory_limit,
                                 common::util::Clock& clock) {
   if (!context.digests) context.digests = std::make_shared<common::util::DigestCache>(clock);
-  return {internal::MakeEventFactory(std::move(context)),
-          [cpu_limit, memory_limit, &clock] { return common::MakeLoadProbe(cpu_limit, memory_limit, clock); }};
+  context.looks = std::make_shared<internal::FolderLooks>();
+  return {internal::MakeEventFactory(context),
+          [cpu_limit, memory_limit, &clock] { return common::MakeLoadProbe(cpu_limit, memory_limit, clock); },
+          context.looks};
 }
 
 }  // namespace
@@ -43,6 +45,7 @@ ParserThread::ParserThread(IOChannel& channel, edr::EventRuleEngine& rule_engine
       reports_(std::move(reports)),
       limits_(QueueLimitsFor(memory_limit * load_.total_memory_kb)),
       clock_(clock),
+      folder_looks_(std::move(seams.folder_looks)),
       parser_(std::move(seams.build_events), reports_.counters) {
   ZLOG_DEBUG("Setting parser queue size to " << limits_.max_bytes / 1024 << " KB");
   channel.SetReadCallback([this](IOChannel::Bytes&& data) { OnData(std::move(data)); });
@@ -171,6 +174,7 @@ void ParserThread::Close() {
     reports_.counters.Add(IntakeCounters::Reason::BytesAtStop, queue_bytes_.exchange(0));
   }
   // auparse holds a complete event until the next one begins.
+  ForgetLooks();
   parser_.Flush();
   reports_.counters.Add(IntakeCounters::Reason::LeftAtStop, parser_.TakeEvents().size());
 }
@@ -183,6 +187,7 @@ void ParserThread::RunUntilStopped() {
       Feed(data);
       PauseWhileCpuIsHigh();
     } else {
+      ForgetLooks();
       parser_.Flush();
       idle_ = true;
       PassEventsOn();
@@ -212,6 +217,7 @@ void ParserThread::FeedPiece(const IOChannel::Bytes& piece, std::size_t& step) {
   std::size_t fed = 0;
   while (fed < piece.size() && !stopping_) {
     const std::size_t size = std::min(kFeedStep - step, piece.size() - fed);
+    ForgetLooks();
     parser_.Feed(piece.data() + fed, size);
     fed += size;
     step += size;
@@ -219,6 +225,10 @@ void ParserThread::FeedPiece(const IOChannel::Bytes& piece, std::size_t& step) {
     // After each step, so that a long queue does not pile up events outside of every bound.
     if (step == kFeedStep) EndStep(step);
   }
+}
+
+void ParserThread::ForgetLooks() {
+  if (folder_looks_) folder_looks_->Forget();
 }
 
 void ParserThread::EndStep(std::size_t& step) {

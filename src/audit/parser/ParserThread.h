@@ -33,7 +33,8 @@ class ParserThread {
   // What a test puts in the place of the program's event classes and of this machine.
   struct Seams {
     internal::EventFactory build_events;
-    std::function<common::LoadProbe()> make_load_probe;  // called once for each stage
+    std::function<common::LoadProbe()> make_load_probe;             // called once for each stage
+    std::shared_ptr<internal::FolderLooks> folder_looks = nullptr;  // of the event classes, to be renewed by the piece
   };
 
   // Limits in percent. Installs the read callback on the channel, which must be stopped now and when this object goes.
@@ -78,6 +79,8 @@ class ParserThread {
   void Feed(const Pieces& data);
   // Feeds one piece. `step` counts what was fed since events were passed on the last time.
   void FeedPiece(const IOChannel::Bytes& piece, std::size_t& step);
+  // The disk may have changed since.
+  void ForgetLooks();
   void EndStep(std::size_t& step);
   void PassEventsOn();
   void PauseWhileCpuIsHigh();
@@ -103,6 +106,7 @@ class ParserThread {
   std::atomic<std::uint64_t> queue_bytes_{0};
   QueueLimits limits_;
   common::util::Clock& clock_;
+  std::shared_ptr<internal::FolderLooks> folder_looks_;
   internal::AuparseFeed parser_;
 };
 

@@ -201,6 +201,23 @@ TEST_F(PlacedEventsTest, AFolderThatIsGoneBeforeItsParentIsAskedForIsKnownStill)
 
 // --- calls on a descriptor
 
+TEST_F(PlacedEventsTest, AFolderIsLookedAtOnceUntilTheNextPieceOfRecords) {
+  context_->looks = std::make_shared<FolderLooks>();
+  const std::string file = folder_.Write("w/sub/f", "abc");
+  const auto build = [&] {
+    Call(kOpenAt, {{"a2", "1"}}).Path("NORMAL", file);
+    return Build<ReadWriteEvent>().GetParentInode();
+  };
+  const std::uint64_t first = IdentityOf(folder_ / "w/sub").inode;
+  EXPECT_EQ(build(), first);
+  fs::rename(folder_ / "w/sub", folder_ / "w/old");
+  fs::create_directory(folder_ / "w/sub");
+  fs::rename(folder_ / "w/old/f", file);
+  EXPECT_EQ(build(), first) << "its piece was read before";
+  context_->looks->Forget();
+  EXPECT_EQ(build(), IdentityOf(folder_ / "w/sub").inode);
+}
+
 TEST_F(PlacedEventsTest, ACallOnADescriptorIsAboutTheFileBehindIt) {
   const std::string file = folder_.Write("w/f", "abc");
   fs::create_symlink(file, folder_ / "proc/4711/fd/3");

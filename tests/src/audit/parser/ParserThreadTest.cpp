@@ -55,11 +55,13 @@ class ParserThreadTest : public testing::Test {
  protected:
   ParserThreadTest() {
     parser_ = std::make_unique<ParserThread>(channel_, engine_, kCpuLimit, 0, Reports(), clock_,
-                                             ParserThread::Seams{factory_.Get(), [this] {
+                                             ParserThread::Seams{factory_.Get(),
+                                                                 [this] {
                                                                    // The first one is the parser's own.
                                                                    const bool parser = probes_++ == 0;
                                                                    return parser ? ParserProbe() : StageProbe();
-                                                                 }});
+                                                                 },
+                                                                 looks_});
   }
   // Threads first: what they use stands below.
   ~ParserThreadTest() override { parser_.reset(); }
@@ -125,9 +127,25 @@ class ParserThreadTest : public testing::Test {
   fakes::RecordingRuleEngine engine_;
   fakes::ScriptedEventFactory factory_;
   HandChannel channel_;
+  std::shared_ptr<internal::FolderLooks> looks_ = std::make_shared<internal::FolderLooks>();
   // No allowed memory at all gives the smallest queue: 100 MiB, 50 MiB to resume.
   std::unique_ptr<ParserThread> parser_;
 };
+
+TEST_F(ParserThreadTest, WhatTheDiskSaidIsForgottenBeforeEachPieceAndEachFlush) {
+  std::vector<bool> known;
+  factory_.interfere = [&](int) {
+    known.push_back(looks_->Find("/w") != nullptr);
+    looks_->Keep("/w", std::nullopt);
+  };
+  parser_->Start();
+  channel_.Deliver(log_.Event(AuditLog::kMkdir) + log_.Event(AuditLog::kRmdir) + log_.Event(AuditLog::kRenameOver));
+  AwaitFlushWait();
+  clock_.Advance(kFlushDelay);
+  Processed(3);
+  parser_->Stop();
+  EXPECT_THAT(known, ElementsAre(false, true, false)) << "of the last event at the flush";
+}
 
 TEST_F(ParserThreadTest, QueueSizeFollowsTheAllowedMemory) {
   using Limits = ParserThread::QueueLimits;
