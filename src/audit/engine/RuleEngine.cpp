@@ -194,11 +194,13 @@ void RuleEngine::FollowFamily(const edr::Event& event) {
   const std::optional<internal::ProcessClaim> sibling = own_activity_.FindSibling(event);
   std::optional<std::int64_t> start;
   std::string name;
+  bool has_ended = is_end && exclusions_.End(event.GetActorProcessId());
   if (sibling && event.GetType() == EventType::ProcessStart) {
     name = sibling->image.substr(sibling->image.rfind('/') + 1);
+    // Who was killed has sent no word of it.
+    has_ended = exclusions_.EndIfMissing(name);
     if (!exclusions_.Contains(name)) start = own_activity_.Prove(*sibling);
   }
-  const bool has_ended = is_end && exclusions_.End(event.GetActorProcessId());
   if (!start && !has_ended) return;
   try {
     AuditSocket socket(netlink_, "RuleEngine: Failed to open audit socket");

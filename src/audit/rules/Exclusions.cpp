@@ -37,6 +37,12 @@ std::string FileName(const std::string& path) {
   return path.substr(path.rfind('/') + 1);  // the whole text without a "/"
 }
 
+// An agent that is called as the program is must not push its entry out.
+std::string AgentName(const std::string& path) {
+  const std::string name = FileName(path);
+  return name == kOwnName ? name + "_agent" : name;
+}
+
 // A rule of this key for another process is a leftover that could not be deleted: it silences the wrong one.
 bool IsListed(const std::vector<AuditRule>& listed, const std::string& key, std::int32_t pid) {
   const bool found = std::any_of(listed.begin(), listed.end(),
@@ -46,7 +52,7 @@ bool IsListed(const std::vector<AuditRule>& listed, const std::string& key, std:
 }
 
 bool BuildIgnoreRule(const std::string& name, std::int32_t pid, AuditRule& rule) {
-  if (pid < 1 || !rule.AddField("arch=b64") || !rule.AddField("pid=" + std::to_string(pid)) || !rule.AddAllSyscalls()) {
+  if (!rule.AddField("arch=b64") || !rule.AddField("pid=" + std::to_string(pid)) || !rule.AddAllSyscalls()) {
     ZLOG_ERROR("Failed to create exclusion rule for pid " << pid);
     return false;
   }
@@ -184,7 +190,7 @@ Exclusions::Exclusions(std::int32_t own_pid, std::int32_t agent_pid, const std::
                        std::string proc_root)
     : proc_root_(std::move(proc_root)), own_pid_(own_pid) {
   processes_[kOwnName] = Enter(own_pid);
-  SetAgent(agent_pid, FileName(agent_path));
+  SetAgent(agent_pid, AgentName(agent_path));
 }
 
 Exclusions::Process Exclusions::Enter(std::int32_t pid) const {
@@ -217,12 +223,12 @@ bool Exclusions::IsStill(Process& process) const {
 
 void Exclusions::SetAgent(std::int32_t pid, const std::string& name) {
   const Process agent = Enter(pid);
+  if (pid < 1) ZLOG_ERROR("Failed to create exclusion rule for pid " << pid);
   agent_name_ = name;
   // One that has gone already: whoever gets its pid is heard.
-  const bool is_gone = pid >= 1 && !agent.start && processes_.at(kOwnName).start;
+  const bool is_gone = pid < 1 || (!agent.start && processes_.at(kOwnName).start);
   agent_pid_ = is_gone ? 0 : pid;
-  // An agent that claims the program's own name must not push its entry out.
-  if (!is_gone && name != kOwnName) processes_[name] = agent;
+  if (!is_gone) processes_[name] = agent;
   CollectPids();
 }
 
@@ -297,14 +303,23 @@ bool Exclusions::End(std::int32_t pid) {
   return true;
 }
 
+bool Exclusions::HasGone(Process& process) const {
+  const auto knows_processes = [this] { return common::util::ReadStartSinceBoot(own_pid_, proc_root_).has_value(); };
+  return process.pid != own_pid_ && !IsStill(process) && knows_processes();
+}
+
 bool Exclusions::EndMissing() {
-  if (!common::util::ReadStartSinceBoot(own_pid_, proc_root_)) return false;
   std::vector<std::int32_t> missing;
   for (auto& [name, process] : processes_) {
-    if (process.pid != own_pid_ && !IsStill(process)) missing.push_back(process.pid);
+    if (HasGone(process)) missing.push_back(process.pid);
   }
   for (const std::int32_t pid : missing) End(pid);
   return !ended_.empty();
+}
+
+bool Exclusions::EndIfMissing(const std::string& name) {
+  const auto entry = processes_.find(name);
+  return entry != processes_.end() && HasGone(entry->second) && End(entry->second.pid);
 }
 
 void Exclusions::RemoveEnded(AuditSocket& socket) {
@@ -316,7 +331,7 @@ void Exclusions::RemoveEnded(AuditSocket& socket) {
 }
 
 bool Exclusions::IsAgent(std::int32_t pid, const std::string& path) const {
-  return pid == agent_pid_ && FileName(path) == agent_name_;
+  return std::max(pid, 0) == agent_pid_ && AgentName(path) == agent_name_;
 }
 
 bool Exclusions::NeedsUpdate(std::int32_t agent_pid, const std::string& agent_path) const {
@@ -327,10 +342,10 @@ bool Exclusions::NeedsUpdate(std::int32_t agent_pid, const std::string& agent_pa
 void Exclusions::Update(AuditSocket& socket, std::int32_t agent_pid, const std::string& agent_path) {
   if (!IsAgent(agent_pid, agent_path)) {
     // One of the family may go by the name that is the agent's from now on.
-    for (const std::string& name : {agent_name_, FileName(agent_path)}) {
-      if (name != kOwnName && processes_.erase(name) != 0) ended_.insert(name);
+    for (const std::string& name : {agent_name_, AgentName(agent_path)}) {
+      if (processes_.erase(name) != 0) ended_.insert(name);
     }
-    SetAgent(agent_pid, FileName(agent_path));
+    SetAgent(agent_pid, AgentName(agent_path));
   }
   RemoveEnded(socket);
   AddProcesses(socket);

@@ -21,7 +21,8 @@ namespace zagent::audit::internal {
 // The caller serialises.
 class Exclusions {
  public:
-  // Enters the two processes; talks to nobody. The agent goes by the file name of its executable. One whose process
+  // Enters the two processes; talks to nobody. The agent goes by the file name of its executable, and by another name
+  // where that is the program's own. No process has a pid below 1: such an agent has ended. One whose process
   // the procfs does not know, though it knows the program, has ended; Update takes it for another one as soon as it
   // does.
   Exclusions(std::int32_t own_pid, std::int32_t agent_pid, const std::string& agent_path,
@@ -54,6 +55,8 @@ class Exclusions {
   // now. Nothing can be said while the procfs does not know the program itself. True when RemoveEnded has something to
   // do.
   bool EndMissing();
+  // The same look at the process that goes by this name alone. True when it was ended.
+  bool EndIfMissing(const std::string& name);
   // What the kernel does not give up is left for the next look.
   void RemoveEnded(AuditSocket& socket);
 
@@ -75,6 +78,7 @@ class Exclusions {
   [[nodiscard]] std::optional<Program> ReadProgram(std::int32_t pid) const;
   // False for a process that is gone, another one, or runs something else. Learns the program's next version.
   [[nodiscard]] bool IsStill(Process& process) const;
+  [[nodiscard]] bool HasGone(Process& process) const;
   [[nodiscard]] bool IsAgent(std::int32_t pid, const std::string& path) const;
   void SetAgent(std::int32_t pid, const std::string& name);
   void CollectPids();

@@ -66,6 +66,20 @@ TEST_F(RuleEngineFamilyTest, ExcludesTheFirstProcessOfAName) {
   EXPECT_TRUE(IsExcluded("updated")) << "that was the other one";
 }
 
+TEST_F(RuleEngineFamilyTest, ExcludesASiblingThatWasKilledAndStartedAnew) {
+  processes_.Start(600, 30, updated_);
+  Process(EventType::ProcessStart, 600, updated_);
+  processes_.End(600);  // by SIGKILL, of which no record tells
+  processes_.Start(601, 31, updated_);
+  Process(EventType::ProcessStart, 601, updated_);
+  for (const std::string key : {"ostrel_ignore_rule_updated", "ostrel_exit_rule_updated"}) {
+    ASSERT_EQ(kernel_.RulesWithKey(key).size(), 1U);
+    EXPECT_EQ(kernel_.RulesWithKey(key).front().Find(AUDIT_PID)->value, 601U);
+  }
+  Listen();
+  EXPECT_TRUE(IsHeard(600)) << "whoever gets that pid is heard";
+}
+
 TEST_F(RuleEngineFamilyTest, LetsASiblingGoThatHasEnded) {
   Listen();
   processes_.Start(600, 30, updated_);

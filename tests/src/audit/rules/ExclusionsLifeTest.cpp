@@ -109,6 +109,43 @@ TEST_F(ExclusionsLifeTest, AnAgentThatHasGoneAlreadySilencesNobody) {
   EXPECT_EQ(Rule("ostrel_ignore_rule_host-warden").Find(AUDIT_PID)->value, 402U);
 }
 
+TEST_F(ExclusionsLifeTest, AnAgentWithTheProgramsNameEndsLikeAnyOther) {
+  Exclusions exclusions(kOwnPid, kAgentPid, "/opt/ostrel-edr", processes_.Root());
+  exclusions.AddAll(socket_);
+  processes_.Start(kAgentPid, 21);
+  ASSERT_TRUE(exclusions.EndMissing());
+  exclusions.RemoveEnded(socket_);
+  EXPECT_EQ(exclusions.GetExcludedPids(), (std::set<std::int32_t>{kOwnPid}));
+  EXPECT_EQ(exclusions.GetAgentPids(), (std::set<std::int32_t>{kOwnPid}));
+  EXPECT_TRUE(kernel_.RulesWithKey("ostrel_ignore_rule_ostrel-edr_agent").empty());
+  EXPECT_EQ(kernel_.RulesWithKey("ostrel_ignore_rule_ostrel-edr").size(), 1U);
+}
+
+// What is made up has the process 0 for its actor.
+TEST_F(ExclusionsLifeTest, AnAgentWithoutAProcessExcludesNobody) {
+  for (const std::int32_t pid : {0, -1}) {
+    Exclusions exclusions(kOwnPid, pid, "/opt/host-warden", processes_.Root());
+    exclusions.AddAll(socket_);
+    EXPECT_EQ(exclusions.GetExcludedPids(), (std::set<std::int32_t>{kOwnPid}));
+    EXPECT_EQ(exclusions.GetAgentPids(), (std::set<std::int32_t>{kOwnPid}));
+    EXPECT_TRUE(kernel_.RulesWithKey("ostrel_ignore_rule_host-warden").empty());
+    EXPECT_FALSE(exclusions.NeedsUpdate(pid, "/opt/host-warden"));
+    EXPECT_TRUE(exclusions.NeedsUpdate(kAgentPid, "/opt/host-warden"));
+  }
+}
+
+TEST_F(ExclusionsLifeTest, LooksAtOneProcessWhenItsNameIsAskedFor) {
+  exclusions_.AddAll(socket_);
+  EXPECT_FALSE(exclusions_.EndIfMissing("host-warden")) << "it lives";
+  EXPECT_FALSE(exclusions_.EndIfMissing("unheard-of"));
+  processes_.End(kAgentPid);
+  EXPECT_FALSE(exclusions_.EndIfMissing("ostrel-edr"));
+  EXPECT_TRUE(exclusions_.EndIfMissing("host-warden"));
+  EXPECT_EQ(exclusions_.GetExcludedPids(), (std::set<std::int32_t>{kOwnPid}));
+  processes_.End(kOwnPid);
+  EXPECT_FALSE(exclusions_.EndIfMissing("ostrel-edr")) << "never the program itself";
+}
+
 TEST_F(ExclusionsLifeTest, AnAgentIsTakenForAliveWhileNothingCanBeRead) {
   processes_.End(kOwnPid);
   Exclusions exclusions(kOwnPid, 402, "/opt/ostrel/bin/host-warden", processes_.Root());

@@ -229,6 +229,7 @@ TEST_F(ExclusionsTest, AnAgentWithTheProgramsNameDoesNotPushItOut) {
   exclusions.Update(socket_, 401, "/opt/ostrel-edr");
   EXPECT_EQ(Rule("ostrel_ignore_rule_ostrel-edr").Find(AUDIT_PID)->value, static_cast<std::uint32_t>(kOwnPid));
   EXPECT_EQ(exclusions.GetExcludedPids(), (std::set<std::int32_t>{kOwnPid, 401}));
+  EXPECT_EQ(Rule("ostrel_ignore_rule_ostrel-edr_agent").Find(AUDIT_PID)->value, 401U);
 }
 
 }  // namespace
