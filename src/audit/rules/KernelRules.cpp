@@ -30,6 +30,11 @@ void DeleteCreatedRule(AuditSocket& socket, const std::string& id, AuditRule& cr
   ZLOG_AT(priority, "RuleEngine::DeleteRuleFromAudit: Failed to delete old rule " << id << ": " << ErrnoText(error));
 }
 
+// What went in before the rest of the rule was refused.
+void TakeBack(AuditSocket& socket, const std::string& id, const std::vector<AuditRule*>& added) {
+  for (AuditRule* kernel_rule : added) DeleteCreatedRule(socket, id, *kernel_rule);
+}
+
 }  // namespace
 
 std::string ComparedPart(const std::string& id) {
@@ -50,12 +55,12 @@ RuleIdentities IdentitiesOf(const edr::EventRule& rule, const Coverage& coverage
 Outcome AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vector<AuditRule>& created,
                        Poco::Message::Priority priority) {
   ZLOG_TRACE("RuleEngine::AddRuleToAudit: Adding rule with ID " << rule.GetId());
-  bool added = false;
+  std::vector<AuditRule*> added;
   bool is_path_missing = false;
   for (AuditRule& kernel_rule : created) {
     switch (const int error = socket.Add(kernel_rule)) {
       case 0:
-        added = true;
+        added.push_back(&kernel_rule);
         break;
       case EEXIST:
         ZLOG_DEBUG("Rule " << rule.GetId() << " already exists");
@@ -66,12 +71,17 @@ Outcome AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vec
         break;
       default:
         ZLOG_AT(priority, "RuleEngine::AddRuleToAudit: Failed to add rule to audit subsystem: " << ErrnoText(error));
+        TakeBack(socket, rule.GetId(), added);
         throw edr::RuleEngineException("Failed to add rule to audit subsystem");
     }
   }
-  if (added) ZLOG_DEBUG("Added rule " << rule.GetId() << " to the audit subsytem");
-  if (is_path_missing) return Outcome::PathMissing;
-  return added ? Outcome::Added : Outcome::WasThere;
+  if (is_path_missing) {
+    TakeBack(socket, rule.GetId(), added);
+    return Outcome::PathMissing;
+  }
+  if (added.empty()) return Outcome::WasThere;
+  ZLOG_DEBUG("Added rule " << rule.GetId() << " to the audit subsytem");
+  return Outcome::Added;
 }
 
 bool HasInKernel(AuditSocket& socket, const edr::EventRule& rule, const Coverage& coverage) {

@@ -33,6 +33,7 @@ enum class Outcome {
 
 // Adds what CreateRules made of `rule`. A rule that is there already, or whose path is not, counts as done. Throws
 // edr::RuleEngineException "Failed to add rule to audit subsystem", after the kernel's reason was logged at `priority`.
+// Of a rule that cannot be added as a whole nothing stays that was not there before.
 Outcome AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vector<AuditRule>& created,
                        Poco::Message::Priority priority = Poco::Message::PRIO_ERROR);
 

@@ -65,10 +65,6 @@ std::vector<AuditRule> AddProcessRules(const edr::EventRule& rule, const Coverag
     if (of_type.empty()) ZLOG_WARNING("AddProcessRules: Unsupported action " << static_cast<int>(type));
     calls.insert(calls.end(), of_type.begin(), of_type.end());
   }
-  // Without a call the kernel would match none, and nobody would learn why nothing is reported.
-  if (calls.empty()) {
-    throw RuleEngineException("AddProcessRules: Failed to add rule without actions: " + rule.GetId());
-  }
   return RuleOf(calls);
 }
 
@@ -79,9 +75,6 @@ std::vector<AuditRule> AddNetworkRules(const edr::EventRule& rule) {
     const Calls of_type = NetworkCallsOf(type);
     if (of_type.empty()) ZLOG_WARNING("AddNetworkRules: Unsupported network action " << static_cast<int>(type));
     calls.insert(calls.end(), of_type.begin(), of_type.end());
-  }
-  if (calls.empty()) {
-    throw RuleEngineException("AddNetworkRules: Failed to add rule without actions: " + rule.GetId());
   }
   return RuleOf(calls);
 }

@@ -79,6 +79,31 @@ TEST_F(KernelRulesTest, AnyOtherRefusalIsAnError) {
                        "RuleEngine::AddRuleToAudit: Failed to add rule to audit subsystem: No space left on device"));
 }
 
+TEST_F(KernelRulesTest, NoHalfOfARefusedRuleStays) {
+  for (const int error : {ENOSPC, ENOENT}) {
+    int others = 1;
+    kernel_.refuse_add = [&](const fakes::SeenRule&) { return others-- > 0 ? 0 : error; };
+    std::vector<AuditRule> created = CreateRules(*Folder("id"), {});
+    ASSERT_EQ(created.size(), 2U);
+    try {
+      EXPECT_EQ(AddRuleToAudit(socket_, *Folder("id"), created), Outcome::PathMissing);
+    } catch (const edr::RuleEngineException&) {
+      EXPECT_EQ(error, ENOSPC);
+    }
+    EXPECT_EQ(others, -1);
+    EXPECT_TRUE(kernel_.Rules().empty());
+  }
+  EXPECT_FALSE(log_.Has("Added rule id"));
+}
+
+TEST_F(KernelRulesTest, LeavesTheHalfThatWasThereBefore) {
+  std::vector<AuditRule> created = CreateRules(*Folder("id"), {});
+  ASSERT_EQ(socket_.Add(created[0]), 0);
+  kernel_.refuse_add = [](const fakes::SeenRule& rule) { return rule.Permissions() == AUDIT_PERM_READ ? 0 : ENOSPC; };
+  EXPECT_THROW(AddRuleToAudit(socket_, *Folder("id"), created), edr::RuleEngineException);
+  EXPECT_EQ(kernel_.RulesWithKey("id").size(), 1U);
+}
+
 TEST_F(KernelRulesTest, TellsWhatItCouldNotDelete) {
   Add(*Folder("id"));
   kernel_.refuse_delete = [](const fakes::SeenRule&) { return EPERM; };
