@@ -57,8 +57,19 @@ RuleIdentities InstalledRules::Kept(const std::string& tag, const std::set<RuleK
   return kept;
 }
 
-std::optional<std::string> InstalledRules::Replace(AuditSocket& socket, const std::string& tag,
-                                                   edr::EventRuleEngine::Rules rules) {
+std::vector<WatchedPlace> InstalledRules::PlacesOf(const edr::EventRuleEngine::Rules& rules) {
+  std::set<WatchedPlace> places;
+  for (const auto& rule : rules) {
+    if (RulePaths::Takes(rule->GetType())) places.insert({rule->GetType(), RulePaths::Tidy(rule->GetPath())});
+  }
+  return {places.begin(), places.end()};
+}
+
+InstalledRules::Replacement InstalledRules::Replace(AuditSocket& socket, const std::string& tag,
+                                                    edr::EventRuleEngine::Rules rules,
+                                                    const std::vector<Sight>& sights) {
+  Sights by_place;
+  for (const Sight& sight : sights) by_place.emplace(sight.place, sight);
   std::sort(rules.begin(), rules.end(), [](const auto& a, const auto& b) { return a->GetId() < b->GetId(); });
   RuleIdentities listed;
   for (const AuditRule& rule : socket.GetRulesFromAudit()) listed.insert(rule.Identity());
@@ -71,10 +82,10 @@ std::optional<std::string> InstalledRules::Replace(AuditSocket& socket, const st
   }
   const RuleIdentities kept = Kept(tag, staying, rules);
   DeleteDuplicateRules(socket, rules, kept, clock_);
-  RemoveOthers(socket, tag, staying, kept);
+  RemoveOthers(socket, tag, staying, kept, listed);
   ReleaseProcessNames(tag, staying);
 
-  std::optional<std::string> first_failure;
+  Replacement replacement;
   std::set<RuleKey> seen;
   Progress progress(clock_, "RuleEngine::AddRules: Added", rules.size());
   for (const auto& rule : rules) {
@@ -83,28 +94,38 @@ std::optional<std::string> InstalledRules::Replace(AuditSocket& socket, const st
       if (!seen.insert(key).second) RefuseSecond(*rule);
       if (staying.count(key) != 0) {
         table_.Insert(tag, rule);
-      } else {
-        Add(socket, tag, rule);
+      } else if (std::optional<Renewed> renewed = Add(socket, tag, rule, by_place)) {
+        replacement.renewed.push_back(std::move(*renewed));
       }
       ZLOG_DEBUG("RuleEngine::AddRules: Added rule with ID " << rule->GetId());
     } catch (const std::runtime_error& error) {
       ZLOG_ERROR("RuleEngine::AddRules: Failed to add rule with ID " << rule->GetId() << ": " << error.what());
-      if (!first_failure) first_failure = error.what();
+      if (!replacement.failure) replacement.failure = error.what();
     }
     progress.Step();
   }
+  std::erase_if(remembered_, [&](const auto& entry) { return entry.first.tag == tag; });
   TellRulesInForce();
-  return first_failure;
+  return replacement;
+}
+
+void InstalledRules::Remember(const RuleAddress& address, const edr::EventRule& rule, bool is_in_kernel) {
+  const auto watched = watched_.find(address);
+  if (watched == watched_.end() && !IsLookedFor(address)) return;
+  const std::optional<WatchedObject> object = watched != watched_.end() ? std::optional(watched->second) : std::nullopt;
+  remembered_[address] = {RulePaths::Tidy(rule.GetPath()), object, absent_.count(address) == 0 || is_in_kernel};
 }
 
 void InstalledRules::RemoveOthers(AuditSocket& socket, const std::string& tag, const std::set<RuleKey>& staying,
-                                  const RuleIdentities& kept) {
+                                  const RuleIdentities& kept, const RuleIdentities& listed) {
   const auto of_tag = table_.GetRules().find(tag);
   if (of_tag == table_.GetRules().end()) return;
   RuleTable::RulesByKey old_rules = of_tag->second;
   std::erase_if(old_rules, [&](const auto& entry) { return staying.count(entry.first) != 0; });
   Progress progress(clock_, "RuleEngine::AddRules: Removed", old_rules.size());
   for (const auto& [key, rule] : old_rules) {
+    const RuleIdentities identities = IdentitiesOf(*rule, coverage_);
+    Remember({tag, key}, *rule, std::includes(listed.begin(), listed.end(), identities.begin(), identities.end()));
     DeleteFromKernel(socket, {tag, key}, kept);
     table_.Remove(tag, key);
     absent_.erase({tag, key});
@@ -121,22 +142,35 @@ void InstalledRules::ReleaseProcessNames(const std::string& tag, const std::set<
   }
 }
 
-void InstalledRules::Add(AuditSocket& socket, const std::string& tag, const Rule& rule) {
+std::optional<InstalledRules::Renewed> InstalledRules::Add(AuditSocket& socket, const std::string& tag,
+                                                           const Rule& rule, const Sights& sights) {
   std::vector<AuditRule> created = CreateRules(*rule, coverage_);
   const RuleAddress address{tag, RuleKey::Of(*rule)};
-  // Entered first: what the kernel has taken of a rule before it refused the rest goes when the rule goes.
   table_.Insert(tag, rule);
   paths_.Insert(address, *rule);
   absent_[address] = {Absence::Reason::Refused};
-  if (AddRuleToAudit(socket, *rule, created) != Outcome::PathMissing) {
-    absent_.erase(address);
-    if (!RulePaths::Takes(rule->GetType())) return;
-    const Sight sight = LookAt({rule->GetType(), RulePaths::Tidy(rule->GetPath())});
-    if (sight.state == Sight::State::There) watched_[address] = sight.object;
-    return;
+  const bool has_path = RulePaths::Takes(rule->GetType());
+  const std::string path = has_path ? RulePaths::Tidy(rule->GetPath()) : std::string();
+  const auto remembered = remembered_.find(address);
+  const Memory* memory =
+      remembered != remembered_.end() && remembered->second.path == path ? &remembered->second : nullptr;
+  if (memory != nullptr && memory->object) watched_[address] = *memory->object;
+  if (AddRuleToAudit(socket, *rule, created) == Outcome::PathMissing) {
+    absent_[address] = {memory != nullptr ? Absence::Reason::Gone : Absence::Reason::NeverThere};
+    ZLOG_WARNING("Rule " << rule->GetId() << " is not in force: there is no " << rule->GetPath());
+    return std::nullopt;
   }
-  absent_[address] = {Absence::Reason::NeverThere};
-  ZLOG_WARNING("Rule " << rule->GetId() << " is not in force: there is no " << rule->GetPath());
+  absent_.erase(address);
+  const auto sight = sights.find({rule->GetType(), path});
+  if (!has_path || sight == sights.end() || sight->second.state != Sight::State::There) return std::nullopt;
+  const WatchedObject& object = sight->second.object;
+  watched_[address] = object;
+  if (memory == nullptr) return std::nullopt;
+  const bool is_another =
+      memory->object && (memory->object->object != object.object || memory->object->born != object.born);
+  if (memory->is_heard && !is_another) return std::nullopt;
+  ZLOG_INFO("Rule " << rule->GetId() << " is in force: " << rule->GetPath() << " is there now");
+  return Renewed{rule, true};
 }
 
 void InstalledRules::DeleteFromKernel(AuditSocket& socket, const RuleAddress& address, const RuleIdentities& kept) {
@@ -158,6 +192,9 @@ void InstalledRules::DeleteFromAudit(AuditSocket& socket) {
 }
 
 void InstalledRules::Clear() {
+  for (const auto& [tag, rules] : table_.GetRules()) {
+    for (const auto& [key, rule] : rules) Remember({tag, key}, *rule, false);
+  }
   table_.Clear();
   paths_.Clear();
   absent_.clear();

@@ -28,9 +28,24 @@ class InstalledRules {
   // With which rules are made from now on. Before the first rule.
   void SetCoverage(const Coverage& coverage) { coverage_ = coverage; }
 
+  // A rule that has come into force.
+  struct Renewed {
+    RuleTable::Rule rule;
+    bool is_new;  // what is at the path now was not there when the rule was last in force, or was unheard for a while
+  };
+  struct Replacement {
+    std::optional<std::string> failure;  // the first one
+    std::vector<Renewed> renewed;  // whose path has come into being while they were awaited, or holds something new
+  };
+
+  // Where rules need something to be: whoever replaces rules looks there first, without the caller's lock. What takes
+  // another one's place after that look is noticed by the next one.
+  [[nodiscard]] static std::vector<WatchedPlace> PlacesOf(const edr::EventRuleEngine::Rules& rules);
   // Replaces the rules of a tag. A rule that stays as it is stays in the kernel, so that nothing is missed meanwhile.
-  // One that cannot be installed is logged and does not keep the others out; answers the first failure.
-  std::optional<std::string> Replace(AuditSocket& socket, const std::string& tag, edr::EventRuleEngine::Rules rules);
+  // One that cannot be installed is logged and does not keep the others out. What an earlier rule of the same key knew
+  // of its path, its successor there knows, over Clear too.
+  Replacement Replace(AuditSocket& socket, const std::string& tag, edr::EventRuleEngine::Rules rules,
+                      const std::vector<Sight>& sights);
   // Takes all rules out of the kernel; they stay in the table until Clear.
   void DeleteFromAudit(AuditSocket& socket);
   void Clear();
@@ -55,13 +70,9 @@ class InstalledRules {
   // A sixtieth of all places, and each time the next ones.
   [[nodiscard]] std::vector<WatchedPlace> NextPlaces();
   // Rules whose place is empty, or taken by another object than when they came into force, are not in force any more.
-  // True when Renew has something to do.
-  bool Judge(const std::vector<Sight>& sights);
-  // A rule whose path has come into being.
-  struct Renewed {
-    RuleTable::Rule rule;
-    bool is_new;  // what is at the path now was not there when the rule was last in force, or was unheard for a while
-  };
+  // Where only the kernel knows whether it is another one, it is asked, as by NoteRuleGone. A rule of which nothing was
+  // seen when it came into force watches what is seen first. True when Renew has something to do.
+  bool Judge(AuditNetlink& netlink, const std::vector<Sight>& sights);
   // Puts awaited rules into force where something was seen. The kernel takes all its rules of one path for one, as long
   // as it has any: where they hold on to another object than the one that is there now, they all go before the first
   // one is added, and what is made in between is found by whoever looks for what is new. Where they still hold on to
@@ -87,7 +98,20 @@ class InstalledRules {
     bool is_refusal_told = false;
   };
 
+  // What a rule knew of its path that is not in the table any more.
+  struct Memory {
+    std::string path;                     // tidy
+    std::optional<WatchedObject> object;  // what it watched, or did when it was last in force
+    bool is_heard;                        // the kernel had the rule to the end
+  };
+  using Sights = std::map<WatchedPlace, Sight>;
+
   [[nodiscard]] bool IsLookedFor(const RuleAddress& address) const;
+  void Remember(const RuleAddress& address, const edr::EventRule& rule, bool is_in_kernel);
+  // Nothing when the kernel cannot be asked.
+  [[nodiscard]] std::optional<bool> IsInKernel(AuditNetlink& netlink, const RuleAddress& address) const;
+  void LearnFirstSight(const RuleAddress& address, const Sight& sight);
+  bool IsAnother(AuditNetlink& netlink, const RuleAddress& address, const Sight& sight);
   bool Lose(const RuleAddress& address);
   [[nodiscard]] bool IsElsewhere(const RuleAddress& address, const Sight& sight) const;
   [[nodiscard]] bool HasAnotherAt(const std::optional<std::string>& target, const RuleAddress& address) const;
@@ -98,9 +122,9 @@ class InstalledRules {
   [[nodiscard]] RuleIdentities Kept(const std::string& tag, const std::set<RuleKey>& staying,
                                     const edr::EventRuleEngine::Rules& rules) const;
   void RemoveOthers(AuditSocket& socket, const std::string& tag, const std::set<RuleKey>& staying,
-                    const RuleIdentities& kept);
+                    const RuleIdentities& kept, const RuleIdentities& listed);
   void ReleaseProcessNames(const std::string& tag, const std::set<RuleKey>& staying);
-  void Add(AuditSocket& socket, const std::string& tag, const Rule& rule);
+  std::optional<Renewed> Add(AuditSocket& socket, const std::string& tag, const Rule& rule, const Sights& sights);
   void TellRulesInForce() const;
 
   common::util::Clock& clock_;
@@ -109,6 +133,7 @@ class InstalledRules {
   RulePaths paths_;                               // those of the table
   std::map<RuleAddress, Absence> absent_;         // those of the table that are not in force
   std::map<RuleAddress, WatchedObject> watched_;  // what was at the path when the rule came into force
+  std::map<RuleAddress, Memory> remembered_;      // of rules whose tag's next rules may take their place
   std::map<RuleAddress, Rule> at_target_;         // rules of which the kernel has a second set, for where a link leads
   std::string looked_at_;                         // the path that NextPlaces came to
 };

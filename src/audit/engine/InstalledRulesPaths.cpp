@@ -34,17 +34,22 @@ bool InstalledRules::NotePathGone(const std::string& path) {
   return is_news;
 }
 
+std::optional<bool> InstalledRules::IsInKernel(AuditNetlink& netlink, const RuleAddress& address) const {
+  const Rule rule = table_.Find(address.tag, address.key);
+  try {
+    AuditSocket socket(netlink, "RuleEngine: Failed to open audit socket");
+    return HasInKernel(socket, *rule, coverage_);
+  } catch (const edr::RuleEngineException&) {
+    ZLOG_DEBUG("RuleEngine: The kernel cannot be asked for the rule of " << rule->GetPath());
+    return std::nullopt;
+  }
+}
+
 bool InstalledRules::NoteRuleGone(AuditNetlink& netlink, const std::string& key, const std::string& path) {
   const std::string gone = RulePaths::Tidy(path);
   bool is_news = false;
   const auto lose = [&](const RuleAddress& address) {
-    if (absent_.count(address) != 0) return;
-    try {
-      AuditSocket socket(netlink, "RuleEngine: Failed to open audit socket");
-      if (HasInKernel(socket, *table_.Find(address.tag, address.key), coverage_)) return;
-    } catch (const edr::RuleEngineException&) {
-      ZLOG_DEBUG("RuleEngine: The kernel cannot be asked for the rule of " << gone);
-    }
+    if (absent_.count(address) != 0 || IsInKernel(netlink, address).value_or(false)) return;
     is_news = Lose(address) || is_news;
   };
   for (const auto& [tag, ids] : table_.FindByAuditKey(key)) {
@@ -105,23 +110,41 @@ bool InstalledRules::HasAnotherAt(const std::optional<std::string>& target, cons
 bool InstalledRules::IsElsewhere(const RuleAddress& address, const Sight& sight) const {
   const auto watched = watched_.find(address);
   if (watched == watched_.end()) return false;
-  if (sight.state == Sight::State::Gone || watched->second.object != sight.object.object) return true;
-  if (watched->second == sight.object) return false;
+  const WatchedObject& known = watched->second;
+  if (sight.state == Sight::State::Gone || known.object != sight.object.object) return true;
+  if (known.target == sight.object.target && known.target_object == sight.object.target_object) return false;
   // What a link leads to is of interest to the rule that watches it.
   return at_target_.count(address) != 0 || (sight.object.target && !HasAnotherAt(sight.object.target, address));
 }
 
-bool InstalledRules::Judge(const std::vector<Sight>& sights) {
+void InstalledRules::LearnFirstSight(const RuleAddress& address, const Sight& sight) {
+  if (sight.state == Sight::State::There && absent_.count(address) == 0) watched_.try_emplace(address, sight.object);
+}
+
+// The kernel drops a rule with the object that it watches. Where it has the rule still, the object is the same,
+// whatever its birth: one that a file system puts together of others gets another one with the first change.
+bool InstalledRules::IsAnother(AuditNetlink& netlink, const RuleAddress& address, const Sight& sight) {
+  if (IsElsewhere(address, sight)) return true;
+  const auto watched = watched_.find(address);
+  const bool is_certain = sight.object.born != 0 && sight.object.born == watched->second.born;
+  if (is_certain) return false;
+  const std::optional<bool> is_there = IsInKernel(netlink, address);
+  if (is_there.value_or(false)) watched->second.born = sight.object.born;
+  return is_there == false;
+}
+
+bool InstalledRules::Judge(AuditNetlink& netlink, const std::vector<Sight>& sights) {
   bool is_news = false;
   bool may_renew = false;
   for (const Sight& sight : sights) {
     if (sight.state == Sight::State::Unknown) continue;
     const std::vector<RuleAddress> addresses = paths_.At(sight.place);
-    const bool is_elsewhere = std::any_of(addresses.begin(), addresses.end(), [&](const RuleAddress& address) {
-      return absent_.count(address) == 0 && IsElsewhere(address, sight);
+    for (const RuleAddress& address : addresses) LearnFirstSight(address, sight);
+    const bool is_another = std::any_of(addresses.begin(), addresses.end(), [&](const RuleAddress& address) {
+      return absent_.count(address) == 0 && watched_.count(address) != 0 && IsAnother(netlink, address, sight);
     });
     for (const RuleAddress& address : addresses) {
-      if (is_elsewhere) is_news = Lose(address) || is_news;
+      if (is_another) is_news = Lose(address) || is_news;
       may_renew = may_renew || (sight.state == Sight::State::There && IsLookedFor(address));
     }
   }

@@ -78,12 +78,17 @@ void RuleEngine::AddRules(const std::string& tag, Rules rules) {
     throw std::runtime_error("RuleEngine::AddRules: 'rule' is nullptr");
   }
   ZLOG_INFO("RuleEngine::AddRules: Adding " << rules.size() << " rules");
-  const std::lock_guard lock(mutex_);
-  AuditSocket socket(netlink_, "RuleEngine::AddRules: Failed to open audit socket");
-  const std::optional<std::string> failure = rules_.Replace(socket, tag, std::move(rules));
-  TellWatchedFolders();
-  TellWhetherThereArePaths();
-  if (failure) throw edr::RuleEngineException(*failure);
+  const std::vector<internal::Sight> sights = LookAtAll(internal::InstalledRules::PlacesOf(rules));
+  internal::InstalledRules::Replacement replacement;
+  {
+    const std::lock_guard lock(mutex_);
+    AuditSocket socket(netlink_, "RuleEngine::AddRules: Failed to open audit socket");
+    replacement = rules_.Replace(socket, tag, std::move(rules), sights);
+    TellWatchedFolders();
+    TellWhetherThereArePaths();
+  }
+  KeepFoundObjects(replacement.renewed);
+  if (replacement.failure) throw edr::RuleEngineException(*replacement.failure);
 }
 
 void RuleEngine::DeleteEverythingFromAudit(AuditSocket& socket) {

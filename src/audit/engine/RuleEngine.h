@@ -125,8 +125,10 @@ class RuleEngine final : public edr::EventRuleEngine {
   void FollowFolders(const edr::Event& event);
   void RouteFoundObjects();
   // Any thread, without the mutex.
+  [[nodiscard]] std::vector<internal::Sight> LookAtAll(const std::vector<internal::WatchedPlace>& places) const;
   void LookAtPlaces(const std::vector<internal::WatchedPlace>& places);
-  void KeepFoundObjects(const edr::EventRule& rule);
+  void KeepFoundObjects(const std::vector<internal::InstalledRules::Renewed>& renewed);
+  void KeepFoundObjectsOf(const edr::EventRule& rule);
   // Event thread, with the mutex. The kernel's exclusions follow the family's processes.
   void FollowFamily(const edr::Event& event);
 

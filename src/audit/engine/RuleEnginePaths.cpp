@@ -1,6 +1,7 @@
 // How a RuleEngine stays with the paths of its rules; RuleEngine.cpp has the rest.
 #include <algorithm>
 #include <optional>
+#include <set>
 #include <utility>
 
 #include "common/src/util/Log.h"
@@ -188,15 +189,21 @@ void RuleEngine::LookAtPaths() {
   LookAtPlaces(places);
 }
 
+std::vector<internal::Sight> RuleEngine::LookAtAll(const std::vector<internal::WatchedPlace>& places) const {
+  std::vector<internal::Sight> sights;
+  sights.reserve(places.size());
+  for (const internal::WatchedPlace& place : places) sights.push_back(look_at_(place));
+  return sights;
+}
+
 void RuleEngine::LookAtPlaces(const std::vector<internal::WatchedPlace>& places) {
   if (places.empty()) return;
-  std::vector<internal::Sight> sights;
-  for (const internal::WatchedPlace& place : places) sights.push_back(look_at_(place));
+  const std::vector<internal::Sight> sights = LookAtAll(places);
   std::vector<internal::InstalledRules::Renewed> renewed;
   {
     const std::lock_guard lock(mutex_);
     // The rules may be others by now: only what they are counts from here on.
-    if (!rules_.Judge(sights)) return;
+    if (!rules_.Judge(netlink_, sights)) return;
     try {
       AuditSocket socket(netlink_, "RuleEngine: Failed to open audit socket");
       renewed = rules_.Renew(socket, sights);
@@ -206,13 +213,21 @@ void RuleEngine::LookAtPlaces(const std::vector<internal::WatchedPlace>& places)
     // Whoever is told looks through all folders: not for a rule that is refused once a second.
     if (!renewed.empty()) TellWatchedFolders();
   }
+  KeepFoundObjects(renewed);
+}
+
+// One look a place tells all rules that stand there or above.
+void RuleEngine::KeepFoundObjects(const std::vector<internal::InstalledRules::Renewed>& renewed) {
+  std::set<internal::WatchedPlace> places;
   for (const auto& [rule, is_new] : renewed) {
-    if (is_new) KeepFoundObjects(*rule);
+    if (!is_new) continue;
+    const internal::WatchedPlace place{rule->GetType(), internal::RulePaths::Tidy(rule->GetPath())};
+    if (places.insert(place).second) KeepFoundObjectsOf(*rule);
   }
 }
 
 // What was made before the kernel had the rule, nobody has told of.
-void RuleEngine::KeepFoundObjects(const edr::EventRule& rule) {
+void RuleEngine::KeepFoundObjectsOf(const edr::EventRule& rule) {
   const std::int64_t now = common::util::ToNanoseconds(clock_.Now());
   std::vector<std::unique_ptr<edr::Event>> found;
   if (rule.GetType() == ObjectType::Directory) {

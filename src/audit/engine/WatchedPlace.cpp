@@ -1,6 +1,8 @@
 #include "src/audit/engine/WatchedPlace.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -9,6 +11,8 @@
 
 namespace zagent::audit::internal {
 namespace {
+
+constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 
 Sight::State StateOf(int error) {
   const bool is_gone = error == ENOENT || error == ENOTDIR || error == ELOOP || error == ENAMETOOLONG;
@@ -31,16 +35,20 @@ Sight LookAt(const WatchedPlace& place) {
       is_folder ? place.path : place.path.substr(0, std::max<std::size_t>(place.path.rfind('/'), 1));
   Sight sight;
   sight.place = place;
-  struct stat found {};
+  struct statx found {};
   // A folder on the way to a file may be a link: the kernel follows it.
-  if ((is_folder ? lstat(path.c_str(), &found) : stat(path.c_str(), &found)) != 0) {
+  if (statx(AT_FDCWD, path.c_str(), is_folder ? AT_SYMLINK_NOFOLLOW : 0, STATX_BASIC_STATS | STATX_BTIME, &found) !=
+      0) {
     sight.state = StateOf(errno);
     return sight;
   }
-  const bool is_watchable = S_ISDIR(found.st_mode) || S_ISLNK(found.st_mode);
+  const bool is_watchable = S_ISDIR(found.stx_mode) || S_ISLNK(found.stx_mode);
   sight.state = is_watchable ? Sight::State::There : Sight::State::Gone;
-  sight.object.object = FileIdentity::Of(found);
-  if (S_ISLNK(found.st_mode)) FollowLink(path, sight.object);
+  sight.object.object = {makedev(found.stx_dev_major, found.stx_dev_minor), found.stx_ino};
+  if ((found.stx_mask & STATX_BTIME) != 0) {
+    sight.object.born = found.stx_btime.tv_sec * kNanosecondsPerSecond + found.stx_btime.tv_nsec;
+  }
+  if (S_ISLNK(found.stx_mode)) FollowLink(path, sight.object);
   return sight;
 }
 

@@ -19,10 +19,11 @@ struct WatchedPlace {
 
 // What the kernel watches for rules of a place. It does not follow a link that stands at the place of a folder.
 struct WatchedObject {
-  FileIdentity object;                // the folder or the link; of a file the folder that it is to be in
+  FileIdentity object;  // the folder or the link; of a file the folder that it is to be in
+  // When it was made, in nanoseconds since the epoch: an inode number is given again. 0 where nobody knows.
+  std::int64_t born = 0;
   std::optional<std::string> target;  // the folder that the link leads to, with its real path
   FileIdentity target_object;
-  bool operator==(const WatchedObject&) const = default;
 };
 
 // What stands at a place now.

@@ -131,8 +131,10 @@ TEST_F(RuleEngineLooksTest, AFileSystemThatDoesNotAnswerStopsNoEvent) {
   fakes::Gate asked;
   fakes::Gate answer;
   look_at_ = [&](const internal::WatchedPlace& place) {
-    asked.Open();
-    static_cast<void>(answer.Await());
+    if (place.path == watched_) {
+      asked.Open();
+      static_cast<void>(answer.Await());
+    }
     return internal::LookAt(place);
   };
   std::thread schedule([this] { engine_->LookAtPaths(); });
@@ -142,6 +144,110 @@ TEST_F(RuleEngineLooksTest, AFileSystemThatDoesNotAnswerStopsNoEvent) {
   EXPECT_EQ(heard_, (Ids{"Create " + watched_ + "/sub"}));
   answer.Open();
   schedule.join();
+}
+
+TEST_F(RuleEngineLooksTest, NewRulesThatWaitForTheDiskStopNoEvent) {
+  fakes::Gate asked;
+  fakes::Gate answer;
+  look_at_ = [&](const internal::WatchedPlace& place) {
+    asked.Open();
+    static_cast<void>(answer.Await());
+    return internal::LookAt(place);
+  };
+  std::thread adding([this] { engine_->AddRules("IOC", {FakeRule::Directory("other", base_, {EventType::Write})}); });
+  ASSERT_TRUE(asked.Await());
+  Process(EventType::Create, "Create", watched_ + "/sub");
+  EXPECT_EQ(heard_, (Ids{"Create " + watched_ + "/sub"}));
+  answer.Open();
+  adding.join();
+}
+
+TEST_F(RuleEngineLooksTest, NoticesWhatTookThePlaceWhileTheRuleWasAdded) {
+  std::filesystem::create_directories(below_);
+  look_at_ = [this](const internal::WatchedPlace& place) {
+    const internal::Sight sight = internal::LookAt(place);
+    std::filesystem::rename(base_ + "/parent", base_ + "/away");
+    std::filesystem::create_directories(below_);
+    return sight;
+  };
+  engine_->AddRules("FIM", {FakeRule::Directory("below", below_, {EventType::Write})});
+  look_at_ = internal::LookAt;
+  kernel_.calls.clear();
+  LookForAMinute();
+  EXPECT_EQ(kernel_.calls, (Ids{"delete below", "add below"})) << "nobody knows which of the two the kernel took";
+}
+
+TEST_F(RuleEngineLooksTest, RepeatsAFirstLookThatFailed) {
+  std::filesystem::create_directories(below_);
+  look_at_ = [](const internal::WatchedPlace& place) { return internal::Sight{.place = place, .object = {}}; };
+  engine_->AddRules("FIM", {FakeRule::Directory("below", below_, {EventType::Write})});
+  look_at_ = internal::LookAt;
+  kernel_.calls.clear();
+  LookForAMinute();
+  EXPECT_TRUE(kernel_.calls.empty());
+  std::filesystem::rename(base_ + "/parent", base_ + "/away");
+  std::filesystem::create_directories(below_);
+  LookForAMinute();
+  EXPECT_EQ(kernel_.calls, (Ids{"delete below", "add below"}));
+}
+
+// --- an inode number that is given again
+
+TEST_F(RuleEngineLooksTest, NoticesAFolderThatWasMadeAgainUnderTheSameNumber) {
+  std::int64_t born = 1;
+  look_at_ = [&](const internal::WatchedPlace& place) {
+    internal::Sight sight = internal::LookAt(place);
+    sight.object.born = born;
+    return sight;
+  };
+  engine_->AddRules("FIM", {});
+  engine_->AddRules("FIM", {rule_});
+  LookForAMinute();
+  EXPECT_FALSE(IsWaiting());
+
+  std::filesystem::create_directory(watched_ + "/new");
+  DropKernelRules();  // and the record of it is lost
+  LookForAMinute();
+  EXPECT_TRUE(InstalledIds().empty()) << "the birth is the same: no reason to ask";
+  born = 2;
+  LookForAMinute();
+  EXPECT_EQ(InstalledIds(), (Ids{"rule"}));
+  engine_->OnIdle();
+  EXPECT_EQ(heard_, (Ids{"Create " + watched_ + "/new"}));
+}
+
+TEST_F(RuleEngineLooksTest, AsksTheKernelWhereNobodyKnowsWhenAFolderWasMade) {
+  look_at_ = [](const internal::WatchedPlace& place) {
+    internal::Sight sight = internal::LookAt(place);
+    sight.object.born = 0;
+    return sight;
+  };
+  LookForAMinute();
+  EXPECT_FALSE(IsWaiting());
+  DropKernelRules();
+  kernel_.open_error = EMFILE;
+  LookForAMinute();
+  EXPECT_FALSE(IsWaiting()) << "who cannot ask gives nothing up";
+  kernel_.open_error = 0;
+  LookForAMinute();
+  EXPECT_TRUE(log_.Has("Rule rule is not in force any more"));
+  EXPECT_EQ(InstalledIds(), (Ids{"rule"}));
+}
+
+// A file system that is put together of others tells another birth after the first change.
+TEST_F(RuleEngineLooksTest, ARuleThatTheKernelHasStillWatchesTheSameFolder) {
+  std::int64_t born = 1;
+  look_at_ = [&](const internal::WatchedPlace& place) {
+    internal::Sight sight = internal::LookAt(place);
+    sight.object.born = born;
+    return sight;
+  };
+  for (; born < 3; ++born) LookForAMinute();
+  EXPECT_FALSE(log_.Has("is not in force any more"));
+  kernel_.calls.clear();
+  born = 2;
+  LookForAMinute();
+  EXPECT_TRUE(kernel_.calls.empty()) << "it is asked once";
 }
 
 TEST_F(RuleEngineLooksTest, WhatWasSeenCountsOnlyForTheRulesThatThereAre) {

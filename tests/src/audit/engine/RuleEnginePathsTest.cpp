@@ -216,6 +216,104 @@ TEST_F(RuleEnginePathsTest, TellsARefusalThatLastsOnce) {
   EXPECT_EQ(RenewalErrors(), 4) << "this is news";
 }
 
+TEST_F(RuleEnginePathsTest, TellsOneLookToAllRulesOfAPlace) {
+  engine_->AddRules("FIM", {rule_, FakeRule::Directory("twin", watched_ + "/", {EventType::Write})});
+  RemoveFolder();
+  heard_.clear();
+  std::filesystem::create_directories(watched_ + "/sub");
+  engine_->LookAtPaths();
+  engine_->OnIdle();
+  EXPECT_EQ(heard_, (Ids{"Create " + watched_ + "/sub"}));
+}
+
+// --- rules that come anew while they wait
+
+TEST_F(RuleEnginePathsTest, TheNextRuleOfAKeyWaitsForThePathThatTheLastOneWaitedFor) {
+  RemoveFolder();
+  engine_->AddRules("FIM", {FakeRule::Directory("rule", watched_ + "/", {EventType::Rename})});
+  engine_->AddRules("FIM", {FakeRule::Directory("rule", watched_, {EventType::Write})});
+  EXPECT_TRUE(IsWaiting());
+  std::filesystem::create_directories(watched_ + "/sub");
+  heard_.clear();
+  engine_->LookAtPaths();
+  EXPECT_EQ(InstalledIds(), (Ids{"rule"}));
+  engine_->OnIdle();
+  EXPECT_EQ(heard_, (Ids{"Create " + watched_ + "/sub"}));
+}
+
+TEST_F(RuleEnginePathsTest, ARuleOfAnotherPathWaitsForNothing) {
+  RemoveFolder();
+  engine_->AddRules("FIM", {FakeRule::Directory("rule", base_ + "/other", {EventType::Write})});
+  engine_->AddRules("FIM", {rule_});
+  std::filesystem::create_directory(watched_);
+  std::filesystem::create_directory(base_ + "/other");
+  engine_->LookAtPaths();
+  EXPECT_TRUE(InstalledIds().empty());
+}
+
+TEST_F(RuleEnginePathsTest, WaitsOverAnInvalidation) {
+  RemoveFolder();
+  for (int times = 0; times < 2; ++times) engine_->Invalidate();
+  engine_->AddRules("FIM", {rule_});
+  EXPECT_TRUE(IsWaiting());
+  std::filesystem::create_directory(watched_);
+  engine_->LookAtPaths();
+  EXPECT_EQ(InstalledIds(), (Ids{"rule"}));
+}
+
+TEST_F(RuleEnginePathsTest, AwaitsWhatWentWhileRecordsWereLost) {
+  std::filesystem::remove_all(watched_);
+  engine_->Invalidate();
+  engine_->AddRules("FIM", {rule_});
+  EXPECT_TRUE(IsWaiting());
+  std::filesystem::create_directories(watched_ + "/sub");
+  engine_->LookAtPaths();
+  engine_->OnIdle();
+  EXPECT_EQ(heard_, (Ids{"Create " + watched_ + "/sub"}));
+}
+
+TEST_F(RuleEnginePathsTest, ReportsWhatWasMadeBeforeTheNextRuleOfItsKeyWasThere) {
+  RemoveFolder();
+  std::filesystem::create_directories(watched_ + "/sub/below");
+  heard_.clear();
+  engine_->AddRules("FIM", {FakeRule::Directory("rule", watched_, {EventType::Write})});
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_INFORMATION, "Rule rule is in force: " + watched_ + " is there now"));
+  EXPECT_TRUE(heard_.empty()) << "not on the thread that adds rules";
+  engine_->OnIdle();
+  EXPECT_EQ(heard_, (Ids{"Create " + watched_ + "/sub"}));
+}
+
+TEST_F(RuleEnginePathsTest, ReportsAFolderThatWasSwappedBeforeItsNextRuleCame) {
+  std::filesystem::rename(watched_, base_ + "/away");
+  std::filesystem::create_directories(watched_ + "/sub");
+  engine_->Invalidate();
+  engine_->AddRules("FIM", {rule_});
+  engine_->OnIdle();
+  EXPECT_EQ(heard_, (Ids{"Create " + watched_ + "/sub"}));
+}
+
+TEST_F(RuleEnginePathsTest, ARuleThatComesAnewForTheSameFolderFindsNothingNew) {
+  std::filesystem::create_directory(watched_ + "/old");
+  engine_->AddRules("FIM", {FakeRule::Directory("rule", watched_, {EventType::Rename, EventType::AttributeChange})});
+  engine_->Invalidate();
+  engine_->AddRules("FIM", {rule_});
+  // Away and back, with the rule of the kernel.
+  Process(EventType::Rename, "Rename", watched_, base_ + "/away");
+  heard_.clear();
+  engine_->AddRules("FIM", {FakeRule::Directory("rule", watched_, {EventType::Write})});
+  engine_->OnIdle();
+  EXPECT_TRUE(heard_.empty());
+}
+
+TEST_F(RuleEnginePathsTest, ARuleThatIsDroppedKnowsNothingWhenItComesBack) {
+  RemoveFolder();
+  engine_->AddRules("FIM", {});
+  engine_->AddRules("FIM", {rule_});
+  std::filesystem::create_directory(watched_);
+  engine_->LookAtPaths();
+  EXPECT_TRUE(InstalledIds().empty());
+}
+
 TEST_F(RuleEnginePathsTest, ForgetsWhatARuleWaitedForThatIsReplaced) {
   RemoveFolder();
   engine_->AddRules("FIM", {});
