@@ -113,7 +113,7 @@ class RuleEngine final : public edr::EventRuleEngine {
   // The rules that the twin concerns, without those that hear of the event itself.
   [[nodiscard]] internal::RuleTable::IdsByTag FindOtherRules(const edr::Event& twin, const edr::Event& event);
   // Event thread. Gives an event of a file the path under which rules know it, when the one that it was called by is
-  // known to none. What no path leads to is left to the audit key.
+  // known to none. What no path leads to is left to the audit key, with the true path where that is known.
   void CorrectPaths(edr::Event& event);
   [[nodiscard]] bool HasRuleAt(const std::string& path);
   // Event thread. Where the path of an event leads to rules of other folders than the one that the kernel has told of

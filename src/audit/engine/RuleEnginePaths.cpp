@@ -86,14 +86,17 @@ void RuleEngine::CorrectPaths(edr::Event& event) {
   }
   const auto has_rule = [this](const std::string& path) { return HasRuleAt(path); };
   const std::vector<std::string> new_paths = true_paths_.OfNewFile(event);
-  const auto new_path = std::find_if(new_paths.begin(), new_paths.end(), has_rule);
-  if (new_path != new_paths.end()) event.UpdateNewFilePath(*new_path);
   const std::vector<std::string> paths = true_paths_.OfFile(event);
+  const auto new_path = std::find_if(new_paths.begin(), new_paths.end(), has_rule);
   const auto path = std::find_if(paths.begin(), paths.end(), has_rule);
+  if (new_path == new_paths.end() && path == paths.end() && named.empty()) return;  // nobody hears of it
+  // Where a rule stands; else, for who is told by the kernel's key, where it is.
+  if (!new_paths.empty()) event.UpdateNewFilePath(new_path != new_paths.end() ? *new_path : new_paths.front());
   if (path != paths.end()) return event.UpdateFilePath(*path);
   for (const auto& rule : named) {
     if (const auto at_rule = true_paths_.OfFileAt(*rule, event)) return event.UpdateFilePath(*at_rule);
   }
+  if (!paths.empty()) event.UpdateFilePath(paths.front());
 }
 
 std::unique_ptr<edr::Event> RuleEngine::FindTwin(const edr::Event& event) {

@@ -9,6 +9,7 @@
 #include "common/src/util/Log.h"
 #include "src/audit/engine/RulePaths.h"
 #include "src/audit/events/PathResolution.h"
+#include "src/audit/events/RenameEvent.h"
 #include "src/edr/process/ImageInfo.h"
 
 namespace zagent::audit::internal {
@@ -33,13 +34,19 @@ std::optional<FileIdentity> FolderOf(const edr::Event& event) {
   return std::nullopt;
 }
 
+// Every other question about a rename is answered from where the object is now.
+std::optional<FileIdentity> OldFolderOf(const edr::Event& event) {
+  if (event.GetType() != edr::EventType::Rename) return FolderOf(event);
+  const auto* rename = dynamic_cast<const RenameEvent*>(&event);
+  if (rename == nullptr || rename->OldFolder().inode == 0) return std::nullopt;
+  return rename->OldFolder();
+}
+
 }  // namespace
 
 std::vector<std::string> TruePaths::OfFile(const edr::Event& event) const {
   const common::ImageInfo* file = event.GetFile();
-  if (file == nullptr) return {};
-  // Of a rename the event knows the folder of the new name.
-  return Of(file->GetPath(), event.GetType() == edr::EventType::Rename ? std::nullopt : FolderOf(event));
+  return file != nullptr ? Of(file->GetPath(), OldFolderOf(event)) : std::vector<std::string>();
 }
 
 std::vector<std::string> TruePaths::OfNewFile(const edr::Event& event) const {
@@ -109,17 +116,16 @@ std::optional<std::string> TruePaths::OfDescriptor(const edr::EventRule& rule, c
 }
 
 std::vector<std::string> TruePaths::Of(const std::string& path, const std::optional<FileIdentity>& folder) const {
-  if (!path.starts_with('/')) return {};
+  if (!folder || !path.starts_with('/')) return {};
   const std::string written = FolderPart(path);
   const std::string name = path.substr(path.rfind('/') + 1);
   std::vector<std::string> paths;
-  if (folder && folders_) {
+  if (folders_) {
     const std::optional<std::string> known = folders_->PathOf(*folder);
     if (known && *known != written) paths.push_back(Join(*known, name));
   }
   const std::unique_ptr<char, Free> resolved(realpath(written.c_str(), nullptr));
-  if (resolved && resolved.get() != written &&
-      (!folder || LeadsTo(resolved.get(), *folder, mounts_.get()) == Leads::Straight)) {
+  if (resolved && resolved.get() != written && IsAt(resolved.get(), *folder)) {
     paths.push_back(Join(resolved.get(), name));
   }
   return paths;

@@ -23,7 +23,7 @@ class TruePaths {
 
   // Other paths of the event's file and, for a rename, of what it became: where the folder that the event names by its
   // inode is known to be, and where the links on the way to it lead, if that is the same folder. None when there is
-  // none.
+  // none, or when the event does not tell the folder.
   [[nodiscard]] std::vector<std::string> OfFile(const edr::Event& event) const;
   [[nodiscard]] std::vector<std::string> OfNewFile(const edr::Event& event) const;
   // Other paths of the event's file and, for a rename, of what it became, that lie at the path of this rule or below

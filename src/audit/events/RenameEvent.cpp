@@ -250,6 +250,7 @@ void RenameEvent::Settle() {
 
   object_type_ = object.is_file ? edr::ObjectType::File : edr::ObjectType::Directory;
   is_symlink_ = object.is_symlink;
+  old_folder_ = {DeviceNumberOf(parent_device_), parent_inode_};
   parent_device_ = parent.device;
   parent_inode_ = parent.inode;
 }

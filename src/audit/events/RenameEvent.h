@@ -23,6 +23,8 @@ class RenameEvent final : public FileEvent {
   // Throw edr::EventException when the record of the destination's folder did not say.
   [[nodiscard]] std::uint64_t GetParentInode() const override;
   [[nodiscard]] const std::string& GetParentDeviceID() const override;
+  // The folder that the object came from; without an inode when the records did not say.
+  [[nodiscard]] const FileIdentity& OldFolder() const { return old_folder_; }
   void UpdateFilePath(const std::string& path) override { old_file_->SetPath(path); }
   void UpdateNewFilePath(const std::string& path) override { file_->SetPath(path); }
   void ParseRecord(int type, const edr::RecordFields& fields) override;
@@ -45,7 +47,8 @@ class RenameEvent final : public FileEvent {
     std::optional<PathRecord> source_folder, own_folder, last_folder;
   };
 
-  RenameEvent(const RenameEvent& other) : FileEvent(other), old_file_(other.old_file_) {}
+  RenameEvent(const RenameEvent& other)
+      : FileEvent(other), old_file_(other.old_file_), old_folder_(other.old_folder_) {}
 
   void ParseUnnamed(PathRecord record);
   void ParseDestination(const edr::RecordFields& fields);
@@ -63,6 +66,7 @@ class RenameEvent final : public FileEvent {
 
   std::unique_ptr<Destination> destination_;
   std::optional<common::ImageInfo> old_file_;
+  FileIdentity old_folder_;
 };
 
 }  // namespace zagent::audit::internal

@@ -8,6 +8,8 @@
 #include <utility>
 
 #include "common/src/util/DeviceText.h"
+#include "src/audit/events/RenameEvent.h"
+#include "tests/fakes/AuditRecords.h"
 #include "tests/src/audit/engine/RuleEngineFixture.h"
 
 namespace zagent::audit {
@@ -60,6 +62,18 @@ class RuleEngineObjectTest : public RuleEngineFixture {
     event->audit_key = "rule";
     return event;
   }
+  // The folder old became new in `parent`, which the caller used the name `folder` for.
+  static std::unique_ptr<edr::Event> RenameIn(const std::string& parent, const std::string& folder) {
+    std::filesystem::create_directory(parent + "/new");
+    fakes::AuditRecords records(1);
+    records.Syscall(82, {{"items", "4"}, {"key", "\"rule\""}})
+        .Cwd("/")
+        .Path("PARENT", folder + "/", parent)
+        .Path("PARENT", folder + "/", parent)
+        .Path("DELETE", folder + "/old", parent + "/new")
+        .Path("CREATE", folder + "/new", parent + "/new");
+    return std::make_unique<internal::RenameEvent>(records, nullptr, nullptr);
+  }
   std::unique_ptr<FakeEvent> HardLinkEvent(EventType type) {
     auto event = EventIn(other_, other_ + "/hard");
     struct stat found {};
@@ -87,9 +101,7 @@ TEST_F(RuleEngineObjectTest, LeavesAPathAloneThatARuleKnows) {
 }
 
 TEST_F(RuleEngineObjectTest, CorrectsBothEndsOfARename) {
-  auto event = EventIn(watched_folder_, link_ + "/old");
-  event->type = EventType::Rename;
-  event->new_file = common::ImageInfo(link_ + "/new");
+  auto event = RenameIn(watched_folder_, link_);
   std::string new_path;
   engine_->RegisterEventHandlers(
       "FIM",
@@ -125,6 +137,39 @@ TEST_F(RuleEngineObjectTest, GivesTheTruePathInsideTheWatchedFolderThatTheKernel
   event->audit_key = "rule";
   engine_->ProcessEvent(std::move(event));
   EXPECT_EQ(heard_, (Ids{"rule " + watched_folder_ + "/jail"}));
+}
+
+TEST_F(RuleEngineObjectTest, TellsWhereAnotherHardLinkReallyIs) {
+  std::filesystem::create_directories(base_ + "/outside/below");
+  std::filesystem::create_directory_symlink(base_ + "/outside", base_ + "/way");
+  auto event = EventIn(base_ + "/outside/below", base_ + "/way/below/hard");
+  event->audit_key = "rule";
+  engine_->ProcessEvent(std::move(event));
+  EXPECT_EQ(heard_, (Ids{"rule " + base_ + "/outside/below/hard"}));
+}
+
+TEST_F(RuleEngineObjectTest, TellsWhereAFolderReallyWentThatWasRenamedOutOfItsRule) {
+  std::filesystem::create_directory(base_ + "/outside");
+  std::filesystem::create_directory_symlink(base_ + "/outside", base_ + "/way");
+  auto event = EventIn(base_ + "/outside", base_ + "/nowhere/old");
+  event->type = EventType::Rename;
+  event->new_file = common::ImageInfo(base_ + "/way/new");
+  event->audit_key = "rule";
+  std::string new_path;
+  engine_->RegisterEventHandlers(
+      "FIM", [&](const Ids&, const edr::Event& heard) { new_path = heard.GetNewFile()->GetPath(); }, [] {});
+  engine_->ProcessEvent(std::move(event));
+  EXPECT_EQ(new_path, base_ + "/outside/new");
+}
+
+TEST_F(RuleEngineObjectTest, LeavesWhatNobodyHearsOfAsItWasCalled) {
+  std::filesystem::create_directory(base_ + "/outside");
+  std::filesystem::create_directory_symlink(base_ + "/outside", base_ + "/way");
+  Listen("IOC");
+  auto event = EventIn(base_ + "/outside", base_ + "/way/new");
+  event->audit_key = "a rule of somebody else";
+  engine_->ProcessEvent(std::move(event));
+  EXPECT_TRUE(heard_.empty());
 }
 
 TEST_F(RuleEngineObjectTest, DropsWhatNeitherPathNorKeyLeadToARule) {
@@ -200,10 +245,7 @@ TEST_F(RuleEngineObjectTest, LeavesAnEventAsOneWhoseKeyIsThatOfItsPath) {
 
 TEST_F(RuleEngineObjectTest, TellsTheTruePathsOfBothEndsOfARename) {
   WatchAnotherFolderWithALink();
-  auto event = EventIn(watched_folder_, other_ + "/l/old");
-  event->type = EventType::Rename;
-  event->audit_key = "rule";
-  event->new_file = common::ImageInfo(other_ + "/l/new");
+  auto event = RenameIn(watched_folder_, other_ + "/l");
   engine_->RegisterEventHandlers(
       "FIM",
       [&](const Ids& ids, const edr::Event& heard) {

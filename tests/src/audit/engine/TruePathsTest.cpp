@@ -11,6 +11,8 @@
 
 #include "common/src/util/DeviceText.h"
 #include "common/src/util/UniqueFd.h"
+#include "src/audit/events/RenameEvent.h"
+#include "tests/fakes/AuditRecords.h"
 #include "tests/fakes/FakeEvent.h"
 #include "tests/fakes/FakeRule.h"
 #include "tests/fakes/TempFolder.h"
@@ -40,6 +42,19 @@ class TruePathsTest : public ::testing::Test {
   }
   static FileIdentity IdentityOf(const FakeEvent& event) {
     return {DeviceNumberOf(event.parent_device), event.parent_inode};
+  }
+
+  // By way of the link: old became sub/new.
+  [[nodiscard]] std::unique_ptr<RenameEvent> RenameByLink() const {
+    const std::string file = folder_.Write("real/sub/new", "x");
+    fakes::AuditRecords records;
+    records.Syscall(82, {{"items", "4"}})
+        .Cwd("/")
+        .Path("PARENT", link_ + "/", real_)
+        .Path("PARENT", link_ + "/sub/", real_ + "/sub")
+        .Path("DELETE", link_ + "/old", file)
+        .Path("CREATE", link_ + "/sub/new", file);
+    return std::make_unique<RenameEvent>(records, nullptr, nullptr);
   }
 
   fakes::TempFolder folder_;
@@ -80,10 +95,24 @@ TEST_F(TruePathsTest, LooksAtBothEndsOfARename) {
   EXPECT_EQ(paths_.OfNewFile(event), Paths()) << "there is none";
   event.type = EventType::Rename;
   event.new_file = common::ImageInfo(link_ + "/sub/new");
-  EXPECT_EQ(paths_.OfFile(event), (Paths{real_ + "/old"}));
+  EXPECT_EQ(paths_.OfFile(event), Paths()) << "where it came from is not told";
   EXPECT_EQ(paths_.OfNewFile(event), Paths()) << "the folder of the new name is not the one that was meant";
   event.new_file = common::ImageInfo(link_ + "/new");
   EXPECT_EQ(paths_.OfNewFile(event), (Paths{real_ + "/new"}));
+
+  const auto rename = RenameByLink();
+  EXPECT_EQ(paths_.OfFile(*rename), (Paths{real_ + "/old"}));
+  EXPECT_EQ(paths_.OfNewFile(*rename), (Paths{real_ + "/sub/new"}));
+  EXPECT_EQ(paths_.OfFile(*rename->Clone()), (Paths{real_ + "/old"}));
+}
+
+TEST_F(TruePathsTest, ARenameDidNotBeginWhereTheLinkLeadsByNow) {
+  const auto rename = RenameByLink();
+  std::filesystem::create_directories(base_ + "/another");
+  std::filesystem::remove(link_);
+  std::filesystem::create_directory_symlink(base_ + "/another", link_);
+  EXPECT_EQ(paths_.OfFile(*rename), Paths());
+  EXPECT_EQ(paths_.OfNewFile(*rename), Paths());
 }
 
 TEST_F(TruePathsTest, KnowsAWatchedFolderWhateverItWasCalled) {
