@@ -129,7 +129,7 @@ void EventRouter::CleanProcesses() {
 
 bool EventRouter::WantsProcesses() {
   const bool wants = stops_.has_process_rules();
-  if (wants && !wanted_processes_) processes_.CleanSoon();
+  if (wants && !wanted_processes_) processes_.Resume();
   wanted_processes_ = wants;
   return wants;
 }

@@ -126,6 +126,9 @@ void ProcessModel::EnsureActor(edr::Event& event, Road& road) {
   for (auto start = starts.rbegin(); start != starts.rend(); ++start) {
     GuardEvent((*start)->GetId(), counters_, Reason::NotProcessed, [&] {
       Enter(**start);
+      if (is_container_(**start)) {
+        ZLOG_DEBUG("Creating pseudo event for container process " << (*start)->GetActorProcessId());
+      }
       road.PassOn(std::move(*start), EventSource::Pipeline);
     });
   }
@@ -136,9 +139,6 @@ ProcessModel::Starts ProcessModel::WithMissingAncestors(std::unique_ptr<edr::Eve
   std::unordered_set<std::int32_t> pids;
   // Parents may form a ring while processes come and go between two looks.
   while (start && starts.size() < kMaxMissingAncestors && pids.insert(start->GetActorProcessId()).second) {
-    if (is_container_(*start)) {
-      ZLOG_DEBUG("Creating pseudo event for container process " << start->GetActorProcessId());
-    }
     std::unique_ptr<edr::Event> parent = FindMissingActor(*start);
     starts.push_back(std::move(start));
     start = std::move(parent);

@@ -43,7 +43,8 @@ class ProcessModel {
     // The process ends: its file events that still rest are delivered now. Throws nothing.
     virtual void FlushFileEvents(std::int32_t pid) = 0;
   };
-  // Whether a process was started by a container runtime.
+  // Whether a process was started by a container runtime. Asked when the process stands in the tree, below its
+  // ancestors.
   using IsContainer = std::function<bool(const edr::Event& event)>;
 
   ProcessModel(common::util::Clock& clock, IntakeCounters& counters, IsContainer is_container,
@@ -58,8 +59,12 @@ class ProcessModel {
   // Reports the processes that have gone without a word, when it is time to look for them.
   void Clean(Road& road);
 
-  // Events went past the model for a while, and ends of processes with them: it is time now.
-  void CleanSoon() { cleaner_.RunSoon(); }
+  // Events went past the model for a while. Ends of processes did: it is time to look for them; and the clones tell of
+  // children whose pids may be others' by now.
+  void Resume() {
+    cleaner_.RunSoon();
+    clones_.Clear();
+  }
 
   // Any thread: events have been lost. The clones are forgotten before the next event; the tree stays.
   void Invalidate() { invalidated_ = true; }

@@ -37,6 +37,7 @@ std::vector<std::int32_t> ProcessTreeCleaner::Clean() {
   if (to_look_at_.empty()) {
     if (!IsDue()) return gone;
     is_wanted_ = false;
+    last_run_ = clock_.SteadyNow();
     for (const std::int32_t pid : std::exchange(answered_, {})) {
       if (tree_.Contains(pid) && answered_.insert(pid).second) gone.push_back(pid);
     }
@@ -50,7 +51,6 @@ std::vector<std::int32_t> ProcessTreeCleaner::Clean() {
     if (!tree_.Contains(pid) || !HasGone(tree_.Get(pid))) continue;
     if (answered_.insert(pid).second) gone.push_back(pid);
   }
-  if (to_look_at_.empty()) last_run_ = clock_.SteadyNow();
   return gone;
 }
 

@@ -11,8 +11,8 @@
 namespace zagent::audit::internal {
 
 // Finds the processes of the tree that have gone without a word. A round begins every 30 minutes, and as soon as the
-// tree holds 100,000 processes, but then ten seconds after the last one at the earliest; it looks at 256 processes a
-// call, so that no event waits for all of them. One thread.
+// tree holds 100,000 processes, but then ten seconds after the last one began at the earliest; it looks at 256
+// processes a call, so that no event waits for all of them. One thread.
 class ProcessTreeCleaner {
  public:
   ProcessTreeCleaner(const common::ProcessTree& tree, common::util::Clock& clock, std::string proc_root);

@@ -375,6 +375,24 @@ TEST_F(EventRouterTest, LooksForTheVanishedWhenProcessesAreOfInterestAgain) {
   EXPECT_FALSE(processes_.Tree().Contains(42));
 }
 
+TEST_F(EventRouterTest, TakesNoCloneForAProcessOfALaterTime) {
+  has_process_rules_ = true;
+  auto clone = Event(1, ObjectType::Process);
+  clone->type = EventType::ProcessClone;
+  clone->pid = 77;
+  clone->image = common::ImageInfo("/bin/sh");
+  router_.Process(std::move(clone));
+  has_process_rules_ = false;
+  router_.OnIdle();
+  has_process_rules_ = true;
+  auto event = Event(2, ObjectType::Directory);
+  event->pid = 77;
+  event->image.reset();
+  router_.Process(std::move(event));
+  EXPECT_FALSE(processes_.Tree().Contains(77));
+  EXPECT_EQ(delivered_, (Deliveries{{2, 0}}));
+}
+
 TEST_F(EventRouterTest, AProcessThatCannotBeKnownIsNoError) {
   has_process_rules_ = true;
   auto start = Event(7, ObjectType::Process);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <set>
 #include <stdexcept>
@@ -87,8 +88,13 @@ class ProcessModelFixture : public testing::Test, protected ProcessModel::Road {
   const std::string program_ = folder_.Write("program", "x");
   IntakeCounters counters_;
   std::set<std::int32_t> containers_;
+  std::map<std::int32_t, std::vector<std::int32_t>> ancestors_when_asked_;  // whether a process is a container's
   ProcessModel model_{clock_, counters_,
-                      [this](const edr::Event& event) { return containers_.count(event.GetActorProcessId()) != 0; },
+                      [this](const edr::Event& event) {
+                        const std::int32_t pid = event.GetActorProcessId();
+                        ancestors_when_asked_[pid] = Ancestors(pid);
+                        return containers_.count(pid) != 0;
+                      },
                       proc_.Root()};
   Lines lines_;
   std::vector<std::unique_ptr<edr::Event>> passed_;

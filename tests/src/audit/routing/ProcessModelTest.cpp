@@ -266,6 +266,23 @@ TEST_F(ProcessModelTest, TellsOfAContainersProcess) {
   EXPECT_EQ(log_.Count("Creating pseudo event for container process"), 1);
 }
 
+TEST_F(ProcessModelTest, AsksForAContainerWhenTheAncestorsAreKnown) {
+  Run(7, 0);
+  Run(42, 7);
+  Run(43, 42);
+  Handle(Write(43));
+  EXPECT_EQ(ancestors_when_asked_, (std::map<std::int32_t, Pids>{{7, {7}}, {42, {42, 7}}, {43, {43, 42, 7}}}));
+}
+
+TEST_F(ProcessModelTest, ForgetsTheClonesOfATimeThatItHasNotSeen) {
+  Handle(CloneOf(42, 7));
+  model_.Resume();
+  auto event = Write(42);
+  event->image.reset();
+  Handle(std::move(event));
+  EXPECT_FALSE(model_.Tree().Contains(42)) << "by now the pid may be another's";
+}
+
 TEST_F(ProcessModelTest, ParentsInARingEndTheSearch) {
   Run(10, 20);
   Run(20, 10);

@@ -110,6 +110,14 @@ TEST_F(ProcessTreeCleanerTest, LooksAtAFewProcessesACall) {
   EXPECT_EQ(CleanAfter(1s).size(), 599U) << "those of the last round, at once";
 }
 
+TEST_F(ProcessTreeCleanerTest, CountsTheThirtyMinutesFromTheBeginningOfARound) {
+  for (std::int32_t pid = 1; pid <= 300; ++pid) Add(pid);
+  EXPECT_EQ(CleanAfter(1800s).size(), 256U);
+  EXPECT_EQ(CleanAfter(600s).size(), 44U);
+  EXPECT_THAT(CleanAfter(1199s), IsEmpty());
+  EXPECT_EQ(CleanAfter(1s).size(), 300U);
+}
+
 TEST_F(ProcessTreeCleanerTest, AFullTreeIsCleanedAtOnceButNotAllTheTime) {
   Poco::Logger::get("edr").setLevel(Poco::Message::PRIO_INFORMATION);
   const auto round = [this] {
