@@ -154,6 +154,7 @@ TEST_F(AuditSocketTest, TellsThatAListingCouldNotBeRequested) {
   EXPECT_TRUE(log_.Has("GetRulesFromAudit: Failed to request rules list from audit subsystem"));
   kernel_.open_error = EMFILE;
   EXPECT_TRUE(ListedKeys().empty());
+  EXPECT_TRUE(log_.Has("GetRulesFromAudit: Failed to open audit socket: Too many open files (24)"));
   EXPECT_EQ(log_.Count("Failed to request rules list from audit subsystem"), 2);
 }
 

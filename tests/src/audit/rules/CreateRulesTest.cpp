@@ -97,24 +97,35 @@ TEST_F(CreateRulesTest, RefusesARuleWithoutAnyActionThatAWatchCouldTell) {
   EXPECT_EQ(Create(FakeRule("id", ObjectType::File, "/etc/passwd", {EventType::Read})).size(), 1U);
 }
 
-TEST_F(CreateRulesTest, RefusesATypeThatIsNone) {
-  class Odd final : public edr::EventRule {
-   public:
-    [[nodiscard]] const edr::EventTypes& GetDirectoryActions() const override { return none_; }
-    [[nodiscard]] const edr::EventTypes& GetFileActions() const override { return none_; }
-    [[nodiscard]] const edr::EventTypes& GetProcessActions() const override { return none_; }
-    [[nodiscard]] const edr::EventTypes& GetNetworkActions() const override { return none_; }
-    [[nodiscard]] const std::string& GetId() const override { return id_; }
-    [[nodiscard]] const std::string& GetName() const override { return id_; }
-    [[nodiscard]] const std::string& GetPath() const override { return id_; }
-    [[nodiscard]] ObjectType GetType() const override { return static_cast<ObjectType>(9); }
-    [[nodiscard]] edr::MatchResult Match(const edr::Event&) const override { return edr::MatchResult::Matched; }
+// Of no type, or not of its type any more when it is asked for its path.
+class Odd final : public edr::EventRule {
+ public:
+  explicit Odd(ObjectType type) : type_(type) {}
 
-   private:
-    const edr::EventTypes none_;
-    const std::string id_ = "id";
-  };
-  EXPECT_EQ(ErrorOf(Odd()), "CreateRules: Unsupported rule type for rule id id");
+  [[nodiscard]] const edr::EventTypes& GetDirectoryActions() const override { return types_; }
+  [[nodiscard]] const edr::EventTypes& GetFileActions() const override { return types_; }
+  [[nodiscard]] const edr::EventTypes& GetProcessActions() const override { return types_; }
+  [[nodiscard]] const edr::EventTypes& GetNetworkActions() const override { return types_; }
+  [[nodiscard]] const std::string& GetId() const override { return id_; }
+  [[nodiscard]] const std::string& GetName() const override { return id_; }
+  [[nodiscard]] const std::string& GetPath() const override {
+    type_ = kNone;
+    return path_;
+  }
+  [[nodiscard]] ObjectType GetType() const override { return type_; }
+  [[nodiscard]] edr::MatchResult Match(const edr::Event&) const override { return edr::MatchResult::Matched; }
+
+  static constexpr auto kNone = static_cast<ObjectType>(9);
+
+ private:
+  const edr::EventTypes types_ = {EventType::Write};
+  const std::string id_ = "id", path_ = "/etc";
+  mutable ObjectType type_;
+};
+
+TEST_F(CreateRulesTest, RefusesATypeThatIsNone) {
+  EXPECT_EQ(ErrorOf(Odd(Odd::kNone)), "CreateRules: Unsupported rule type for rule id id");
+  EXPECT_EQ(ErrorOf(Odd(ObjectType::File)), "AddPathToRule: Cannot add path to rule id id as type is unsupported");
 }
 
 TEST_F(CreateRulesTest, RefusesPathsThatCannotBeWatched) {
