@@ -1,5 +1,6 @@
 # shellcheck shell=dash
 # Two hundred rules, replaced ten times while somebody works in a folder whose rule stays: nothing of that is missed.
+# Nor is a folder that goes before the next set comes, and comes back after it.
 . /scenario/lib.sh
 
 FOLDERS=/srv/many
@@ -56,4 +57,19 @@ touch /run/enough
 wait_until 5 test -e /run/written
 step "$(cat /run/written) files were made meanwhile"
 expect "each of them was reported" wait_until 90 all_created
+
+step "a folder is gone while the rules are replaced"
+rmdir $FOLDERS/2
+expect "its rule waits" wait_until 10 log_says "Rule rule-2 is not in force any more: $FOLDERS/2 is gone"
+manifest $CONF/manifest-11.json 11
+configure manifest_path "\"$CONF/manifest-11.json\""
+reference-agent config $CONF/edr.conf.json
+expect "the next set is there" wait_until 30 has_rule "key=rule-200-11\$"
+expect "and waits on" wait_until 10 log_says "Rule rule-2 is not in force: there is no $FOLDERS/2"
+mkdir $FOLDERS/2
+echo early >$FOLDERS/2/early
+expect "the folder is watched when it comes back" wait_until 10 log_says "Rule rule-2 is in force: $FOLDERS/2 is there now"
+echo late >$FOLDERS/2/late
+expect "what was made before is reported" wait_until 90 event_came Create $FOLDERS/2/early
+expect "and what was made after" wait_until 60 event_came Create $FOLDERS/2/late
 stop_all

@@ -101,7 +101,9 @@ TEST_P(KernelRulesContract, ListsEveryKindOfRuleUnderTheIdentityThatItWasBuiltWi
   const std::vector<std::shared_ptr<const fakes::FakeRule>> rules = {
       fakes::FakeRule::Directory(Key("folder"), folder_.Path(), all),
       fakes::FakeRule::File(Key("file"), folder_ / "file", all),
-      std::make_shared<const fakes::FakeRule>(Key("process"), edr::ObjectType::Process, "", calls)};
+      std::make_shared<const fakes::FakeRule>(Key("process"), edr::ObjectType::Process, "", calls),
+      std::make_shared<const fakes::FakeRule>(Key("no call"), edr::ObjectType::Process, "",
+                                              edr::EventTypes{EventType::AbnormalEnd})};
   std::set<std::string> built, listed;
   for (const auto& rule : rules) {
     for (AuditRule& created : CreateRules(*rule, {.extended = true})) {
@@ -110,7 +112,7 @@ TEST_P(KernelRulesContract, ListsEveryKindOfRuleUnderTheIdentityThatItWasBuiltWi
     }
   }
   for (const AuditRule& rule : Listed()) listed.insert(rule.Identity());
-  EXPECT_EQ(built.size(), 11U);
+  EXPECT_EQ(built.size(), 12U);
   EXPECT_EQ(listed, built);
 }
 

@@ -329,6 +329,30 @@ TEST_F(RuleEnginePathsTest, ARuleThatComesAnewForTheSameFolderFindsNothingNew) {
   EXPECT_TRUE(heard_.empty());
 }
 
+TEST_F(RuleEnginePathsTest, ARuleThatWaitsComesIntoForceWithTheNextSet) {
+  std::filesystem::rename(watched_, base_ + "/away");
+  Process(EventType::Rename, "Rename", watched_, base_ + "/away");
+  std::filesystem::create_directory(watched_);
+  kernel_.calls.clear();
+  engine_->AddRules("FIM", {rule_});
+  EXPECT_FALSE(IsWaiting());
+  EXPECT_EQ(kernel_.calls, (Ids{"delete rule", "add rule"})) << "the one that went along is not this one";
+}
+
+TEST_F(RuleEnginePathsTest, KeepsNoRuleOfAnotherTagThatWentAlong) {
+  engine_->AddRules("IOC", {FakeRule::Directory("rule", watched_, {EventType::Write})});
+  std::filesystem::rename(watched_, base_ + "/away");
+  Process(EventType::Rename, "Rename", watched_, base_ + "/away");
+  std::filesystem::create_directory(watched_);
+  kernel_.calls.clear();
+  engine_->AddRules("FIM", {rule_});
+  ASSERT_FALSE(kernel_.calls.empty());
+  EXPECT_EQ(kernel_.calls.front(), "delete rule");
+  engine_->LookAtPaths();
+  EXPECT_FALSE(IsWaiting());
+  EXPECT_EQ(InstalledIds(), (Ids{"rule"}));
+}
+
 TEST_F(RuleEnginePathsTest, ARuleThatIsDroppedKnowsNothingWhenItComesBack) {
   RemoveFolder();
   engine_->AddRules("FIM", {});

@@ -148,6 +148,19 @@ TEST_F(AuditSocketTest, TellsThatAReplyCouldNotBeRead) {
   EXPECT_TRUE(log_.Has("GetRuleFromAudit: Failed to get audit reply (No buffer space available (105))"));
 }
 
+TEST_F(AuditSocketTest, SaysWhetherTheListingIsComplete) {
+  AddToKernel("first");
+  EXPECT_TRUE(socket_.ListRules().is_complete);
+  kernel_.foreign_type = AUDIT_USER;
+  kernel_.foreign_count = 1;
+  const AuditSocket::Listing with_a_gap = socket_.ListRules();
+  EXPECT_EQ(with_a_gap.rules.size(), 1U);
+  EXPECT_FALSE(with_a_gap.is_complete) << "it may have been a rule's row";
+  kernel_.foreign_count = 0;
+  kernel_.leaves_out_done = true;
+  EXPECT_FALSE(socket_.ListRules().is_complete);
+}
+
 TEST_F(AuditSocketTest, TellsThatAListingCouldNotBeRequested) {
   kernel_.request_error = EPERM;
   EXPECT_TRUE(ListedKeys().empty());

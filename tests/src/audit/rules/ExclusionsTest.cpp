@@ -88,6 +88,15 @@ TEST_F(ExclusionsTest, AddsNoSecondRuleUnderTheSameKey) {
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "Rule with key ostrel_ignore_rule_ostrel-edr already exist"));
 }
 
+TEST_F(ExclusionsTest, AddsEverythingAgainThatWasDeleted) {
+  exclusions_.AddAll(socket_);
+  const std::size_t all = kernel_.Rules().size();
+  Exclusions::DeleteAll(socket_);
+  ASSERT_TRUE(kernel_.Rules().empty());
+  exclusions_.AddAll(socket_);
+  EXPECT_EQ(kernel_.Rules().size(), all);
+}
+
 TEST_F(ExclusionsTest, ALeftoverOfAnotherProcessUnderTheSameKeyDoesNotStandInTheWay) {
   exclusions_.AddAll(socket_);
   kernel_.refuse_delete = [](const SeenRule&) { return EPERM; };
