@@ -1,12 +1,12 @@
 #pragma once
 
-#include "common/src/http/HttpRetryPolicy.h"
+#include "common/src/http/CountingHttpRetryPolicy.h"
 
 namespace zagent::common {
 
 // The first attempt and up to `max_retries` more, without a limit for -1. The first retry waits the base interval, each
 // that follows half as much again, up to an hour.
-class ExponentialBackoffHttpRetryPolicy final : public HttpRetryPolicy {
+class ExponentialBackoffHttpRetryPolicy final : public CountingHttpRetryPolicy {
  public:
   static constexpr std::int32_t kNoLimit = -1;
 
@@ -21,20 +21,12 @@ class ExponentialBackoffHttpRetryPolicy final : public HttpRetryPolicy {
   [[nodiscard]] static std::int64_t Backoff(std::int64_t current, std::int64_t base, std::int32_t attempts);
 
  protected:
-  bool OnFinish(HttpStatus status, long http_code) override;
-  void GiveBackAttempt() override { --attempts_; }
+  void CountAttempt() override;
+  [[nodiscard]] std::int64_t GetWait() const override;
+  [[nodiscard]] std::int64_t GetWaitWhenBusy() const override { return GetWait(); }
 
  private:
-  bool HandleSuccess();
-  bool HandleClientError(long http_code);
-  bool HandleServerError();
-  bool HandleProxyOrNetworkError();
-  static bool HandleUnknownError();
-  void LengthenInterval();
-
   std::int32_t max_retries_;
-  std::int32_t attempts_ = 0;
-  std::int64_t base_interval_;
 };
 
 }  // namespace zagent::common

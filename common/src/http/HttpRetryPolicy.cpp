@@ -7,6 +7,13 @@
 #include "common/src/util/Log.h"
 
 namespace zagent::common {
+namespace {
+
+bool IsOfTheRoute(HttpStatus status) {
+  return status == HttpStatus::NetworkError || status == HttpStatus::ProxyError;
+}
+
+}  // namespace
 
 HttpRetryPolicy::HttpRetryPolicy(std::int64_t interval_seconds, Predicate predicate, util::Clock& clock)
     : interval_seconds_(interval_seconds), predicate_(std::move(predicate)), clock_(&clock) {
@@ -19,8 +26,8 @@ HttpRetryPolicy::HttpRetryPolicy(std::int64_t interval_seconds, Predicate predic
 bool HttpRetryPolicy::Finish(HttpStatus status, long http_code) {
   allowed_ = OnFinish(status, http_code);
   if (allowed_ && predicate_ && !predicate_(status, http_code)) allowed_ = false;
-  if (allowed_ && (status == HttpStatus::NetworkError || status == HttpStatus::ProxyError)) {
-    MoveToNextProxy();
+  if (allowed_ && IsOfTheRoute(status)) {
+    MoveOn(status);
   } else {
     last_attempt_ = clock_->SteadyNow();
     if (status == HttpStatus::Success) proxy_index_ = 0;
@@ -33,9 +40,12 @@ bool HttpRetryPolicy::Finish(HttpStatus status, long http_code) {
   return allowed_;
 }
 
-void HttpRetryPolicy::MoveToNextProxy() {
-  const bool is_listed = proxy_ != nullptr && !proxy_->IsDirectAttempt();
-  if (!is_listed || proxy_index_ + 1 >= proxy_->Size()) {
+bool HttpRetryPolicy::MovesToNextProxy(HttpStatus status) const {
+  return IsOfTheRoute(status) && proxy_ != nullptr && !proxy_->IsDirectAttempt() && proxy_index_ + 1 < proxy_->Size();
+}
+
+void HttpRetryPolicy::MoveOn(HttpStatus status) {
+  if (!MovesToNextProxy(status)) {
     ZLOG_TRACE("HttpRetryPolicy::Finish: All proxies exhausted, moving to next retry attempt on network/proxy error.");
     last_attempt_ = clock_->SteadyNow();
     proxy_index_ = 0;

@@ -50,12 +50,15 @@ class HttpRetryPolicy {
   // The attempt that OnFinish counted was one of several over the proxy list: it does not count.
   virtual void GiveBackAttempt() = 0;
 
+  // True when a failure of this status moves on to a proxy that this round has not tried yet.
+  [[nodiscard]] bool MovesToNextProxy(HttpStatus status) const;
+
   // 3600 and more is stored as 3600.
   void SetInterval(std::int64_t seconds);
   void SetExhausted() { exhausted_ = true; }
 
  private:
-  void MoveToNextProxy();
+  void MoveOn(HttpStatus status);
 
   std::int64_t interval_seconds_;
   bool allowed_ = true;

@@ -66,6 +66,20 @@ TEST_F(HttpRetryPolicyTest, BeginsToCountAnewAfterSuccess) {
   EXPECT_TRUE(successful.Finish(HttpStatus::ServerError, 503));
 }
 
+TEST_F(HttpRetryPolicyTest, BeginsToCountAnewWhenTheLastAttemptIsTheSuccess) {
+  ExponentialBackoffHttpRetryPolicy backoff(2, 5, {}, clock_);
+  auto plain = Policy(2, 5);
+  for (HttpRetryPolicy* policy : std::initializer_list<HttpRetryPolicy*>{&plain, &backoff}) {
+    for (int part = 0; part < 3; ++part) {
+      EXPECT_TRUE(policy->Finish(HttpStatus::ServerError, 503));
+      EXPECT_TRUE(policy->Finish(HttpStatus::NetworkError, 0));
+      EXPECT_TRUE(policy->Finish(HttpStatus::PartialSuccess, 206)) << "part " << part;
+    }
+  }
+  EXPECT_FALSE(log_.Has("Max attempts reached"));
+  EXPECT_FALSE(log_.Has("Retries exhausted"));
+}
+
 TEST_F(HttpRetryPolicyTest, IsDueWhenTheIntervalHasPassed) {
   auto policy = Policy(3, 5);
   EXPECT_TRUE(policy.IsRetryDue()) << "nothing has been tried yet, so nobody waits";
@@ -141,12 +155,33 @@ TEST_F(HttpRetryPolicyTest, WalksTheProxiesAtOnceAndWaitsAfterTheWholeList) {
 }
 
 TEST_F(HttpRetryPolicyTest, CountsTheWholeListAsOneAttempt) {
+  ExponentialBackoffHttpRetryPolicy backoff(2, 0, {}, clock_);
+  auto plain = Policy(2, 0);
+  for (HttpRetryPolicy* policy : std::initializer_list<HttpRetryPolicy*>{&plain, &backoff}) {
+    HttpProxy proxies({"http://a:1", "http://b:2", "http://c:3"});
+    policy->SetProxy(proxies);
+    std::string tried;
+    do {
+      tried += proxies.GetProxy().substr(7, 1);
+    } while (policy->Finish(HttpStatus::NetworkError, 0));
+    EXPECT_EQ("abcabcabc", tried) << "three rounds, and the last one is as long as the others";
+  }
+}
+
+TEST_F(HttpRetryPolicyTest, EndsTheLastRoundWithAnAnswerOfThePlatform) {
   HttpProxy proxies({"http://a:1", "http://b:2"});
-  auto policy = Policy(2, 0);
+  auto policy = Policy(1, 0);
   policy.SetProxy(proxies);
-  int transfers = 1;
-  while (policy.Finish(HttpStatus::NetworkError, 0)) ++transfers;
-  EXPECT_EQ(5, transfers) << "two rounds over the list and the first of the third";
+  EXPECT_TRUE(policy.Finish(HttpStatus::ServerError, 503));
+  EXPECT_TRUE(policy.Finish(HttpStatus::ProxyError, 503)) << "the second proxy is still to be tried";
+  EXPECT_FALSE(policy.Finish(HttpStatus::ServerError, 503));
+}
+
+TEST_F(HttpRetryPolicyTest, WithoutAttemptsTriesNoSecondProxy) {
+  HttpProxy proxies({"http://a:1", "http://b:2"});
+  auto policy = Policy(0, 0);
+  policy.SetProxy(proxies);
+  EXPECT_FALSE(policy.Finish(HttpStatus::ProxyError, 407));
 }
 
 TEST_F(HttpRetryPolicyTest, CountsEachFailureOfTheDirectConnectionAndWaits) {
