@@ -53,9 +53,11 @@ class FakeHttpServer {
     return "HTTP/1.1 " + status + "\r\n" + headers + "Content-Length: " + std::to_string(body.size()) +
            "\r\nConnection: close\r\n\r\n" + body;
   }
-  // Entries of a script that are no answer: end the connection with a reset, or never answer.
+  // Entries of a script that are no answer, and ends of one: what stands before them is sent. Then the connection is
+  // reset, nothing more is sent, or a byte now and then, for ever.
   static constexpr const char* kReset = "(reset)";
   static constexpr const char* kHang = "(hang)";
+  static constexpr const char* kTrickle = "(trickle)";
 
   explicit FakeHttpServer(std::vector<std::string> script) : script_(std::move(script)) {
     listener_.Reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -117,15 +119,26 @@ class FakeHttpServer {
       answer = script_[std::min(requests_.size(), script_.size()) - 1];
       arrived_.notify_all();
     }
-    if (answer == kHang) {
+    if (SendBefore(fd, answer, kHang)) {
       pollfd stop{stop_.Get(), POLLIN, 0};
       poll(&stop, 1, -1);
-    } else if (answer == kReset) {
+    } else if (SendBefore(fd, answer, kTrickle)) {
+      pollfd stop{stop_.Get(), POLLIN, 0};
+      while (poll(&stop, 1, 20) == 0 && send(fd, "x", 1, MSG_NOSIGNAL) == 1) {
+      }
+    } else if (SendBefore(fd, answer, kReset)) {
       const linger at_once{1, 0};
       setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
     } else {
       Send(fd, answer);
     }
+  }
+
+  // True for an answer that ends so; what stands before the end has been sent then.
+  static bool SendBefore(int fd, const std::string& answer, const std::string& end) {
+    if (!answer.ends_with(end)) return false;
+    Send(fd, answer.substr(0, answer.size() - end.size()));
+    return true;
   }
 
   bool Receive(int fd, Request& request) const {

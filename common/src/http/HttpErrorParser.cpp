@@ -66,7 +66,7 @@ void HttpErrorParser::Process(const HttpRequest& request) {
   const std::string& url = request.GetUrl();
   const HttpResponse& response = request.GetResponse();
   const long status = response.GetHttpCode();
-  if (!IsErrorStatus(status)) {
+  if (!IsErrorStatus(status) || response.IsProxysOwn()) {
     ZLOG_DEBUG("HttpErrorParser: Received response for URL: " << url);
     ZLOG_DEBUG("HttpErrorParser: Ignoring HTTP status code: " << status);
     return;

@@ -10,7 +10,7 @@
 namespace zagent::common {
 
 // Reads why the platform refused a request, tells the log, and has the action executed that the answer calls for. Sees
-// every request of the service when it is finished; what is no error passes.
+// every request of the service when it is finished; what is no error, or a proxy's own, passes.
 //
 // The body comes from outside: it is parsed iteratively, no more than 64 KiB of it, and the log gets its beginning.
 class HttpErrorParser final : public HttpPostProcessor {

@@ -20,6 +20,7 @@ struct HttpAttempt {
   long http_code;                       // 0: no answer came
   const HttpHeaders& headers;           // of the answer
   std::span<const unsigned char> body;  // of the answer as it came, its first 64 KiB
+  bool is_proxys_own = false;           // the answer came through a proxy and is not marked as the platform's
 };
 
 // One step through which a request passes before the transfer and its response after it: compression, signing.

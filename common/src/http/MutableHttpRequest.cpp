@@ -91,6 +91,7 @@ void MutableHttpRequest::BeginAttempt() {
     state_ = State::InFlight;
   }
   sent_ = false;
+  error_text_.clear();
   response_->Begin();
   attempt_ = Attempt{url_, headers_, payload_};
   if (settings_.range_size != 0) {
@@ -153,21 +154,22 @@ std::string MutableHttpRequest::GetLocalIp() const {
   return local_ip_;
 }
 
-void MutableHttpRequest::SetErrorText(const std::string& text) {
-  const std::lock_guard lock(mutex_);
-  if (response_->GetMessage().empty()) response_->SetMessage(PrintableText(text));
-}
-
 int MutableHttpRequest::GetCurlCode() const {
   const std::lock_guard lock(mutex_);
   return curl_code_;
 }
 
 void MutableHttpRequest::SetStatus(HttpStatus status, long http_code, int curl_code) {
-  ShowAttempt(status, http_code);
+  // Who downloads wants the body, and half of it is none.
+  if (curl_code != 0 && IsDownload() && (status == HttpStatus::Success || status == HttpStatus::PartialSuccess)) {
+    status = HttpStatus::NetworkError;
+  }
+  const bool is_proxys_own = !proxy_.GetProxy().empty() && !HasResponseHeader("Z-SRV");
+  ShowAttempt(status, http_code, is_proxys_own);
   State state = State::InFlight;
   {
     const std::lock_guard lock(mutex_);
+    response_->SetProxysOwn(is_proxys_own);
     ApplyStatus(status, http_code);
     curl_code_ = curl_code;
     chunk_ = {};
@@ -181,11 +183,12 @@ void MutableHttpRequest::SetStatus(HttpStatus status, long http_code, int curl_c
 }
 
 // Without the lock: only this thread changes what is shown here.
-void MutableHttpRequest::ShowAttempt(HttpStatus status, long http_code) {
+void MutableHttpRequest::ShowAttempt(HttpStatus status, long http_code, bool is_proxys_own) {
   if (status == HttpStatus::Aborted || !sent_) return;
   const std::span<const unsigned char> body(chunk_);
-  const HttpAttempt attempt{attempt_.url, status, http_code, response_->GetHeaders(),
-                            body.first(std::min(body.size(), kMaxShownBody))};
+  const HttpAttempt attempt{
+      attempt_.url, status, http_code, response_->GetHeaders(), body.first(std::min(body.size(), kMaxShownBody)),
+      is_proxys_own};
   for (auto interceptor = interceptors_.rbegin(); interceptor != interceptors_.rend(); ++interceptor) {
     try {
       (*interceptor)->OnAttemptEnded(attempt);
@@ -282,6 +285,8 @@ void MutableHttpRequest::FinishWithError(HttpStatus status, long http_code) {
     state_ = State::WaitingForRetry;
     return;
   }
+  // A connection that broke behind "200 OK" is not told by "OK".
+  if (!error_text_.empty()) response_->SetMessage(error_text_);
   response_->KeepErrorPayload(std::move(chunk_));
   response_->SetHttpCode(http_code);
   response_->SetStatus(status);

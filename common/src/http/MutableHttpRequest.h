@@ -91,11 +91,11 @@ class MutableHttpRequest final : public HttpRequest {
   [[nodiscard]] bool HasResponseHeader(const std::string& name) const;
   void SetLocalIp(const std::string& local_ip);
   [[nodiscard]] std::string GetLocalIp() const;
-  // Words for the response's message when no status line has given some.
-  void SetErrorText(const std::string& text);
+  // What went wrong with this attempt beside the answer's code: the response's message, if it ends with an error.
+  void SetErrorText(const std::string& text) { error_text_ = PrintableText(text); }
 
   // Ends the attempt and decides what follows: Completed, Failed, Cancelled or WaitingForRetry; behind PartialSuccess
-  // the latter has no wait.
+  // the latter has no wait. A download whose body has not come whole, by libcurl's code, is a network error.
   void SetStatus(HttpStatus status, long http_code, int curl_code);
   [[nodiscard]] int GetCurlCode() const;
 
@@ -110,7 +110,8 @@ class MutableHttpRequest final : public HttpRequest {
   void TakeRange(std::uint64_t received, long http_code);
   void FinishWithError(HttpStatus status, long http_code);
   void FailProcessing(const std::string& reason, long http_code);
-  void ShowAttempt(HttpStatus status, long http_code);
+  [[nodiscard]] bool IsDownload() const { return !settings_.download_path.empty() || settings_.range_size != 0; }
+  void ShowAttempt(HttpStatus status, long http_code, bool is_proxys_own);
   void CallOnFinished();
   void CallPostProcessor();
   [[nodiscard]] static bool IsFinal(State state);
@@ -132,6 +133,7 @@ class MutableHttpRequest final : public HttpRequest {
   Attempt attempt_;
   bool sent_ = false;  // this attempt has passed the interceptors
   std::vector<unsigned char> chunk_;
+  std::string error_text_;
 
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;

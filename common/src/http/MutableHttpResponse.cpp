@@ -46,4 +46,9 @@ void MutableHttpResponse::SetMessage(const std::string& message) {
   message_ = message;
 }
 
+void MutableHttpResponse::SetProxysOwn(bool proxys_own) {
+  RequireOpen("Cannot update HttpResponse status after it has been finalized");
+  proxys_own_ = proxys_own;
+}
+
 }  // namespace zagent::common

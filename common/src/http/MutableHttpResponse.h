@@ -16,6 +16,7 @@ class MutableHttpResponse : public HttpResponse {
   [[nodiscard]] const std::string& GetMessage() const override { return message_; }
   [[nodiscard]] const HttpHeaders& GetHeaders() const override { return headers_; }
   [[nodiscard]] bool IsFinalized() const override { return finalized_; }
+  [[nodiscard]] bool IsProxysOwn() const override { return proxys_own_; }
 
   // Replaces a header of the same name.
   void AddHeader(const std::string& name, const std::string& value);
@@ -27,6 +28,7 @@ class MutableHttpResponse : public HttpResponse {
   void SetStatus(HttpStatus status);
   void SetHttpCode(long http_code);
   void SetMessage(const std::string& message);
+  void SetProxysOwn(bool proxys_own);
 
   // Before every attempt; only the first does something.
   virtual void Begin() {}
@@ -58,6 +60,7 @@ class MutableHttpResponse : public HttpResponse {
   std::string message_;
   HttpHeaders headers_;
   bool finalized_ = false;
+  bool proxys_own_ = false;
 };
 
 }  // namespace zagent::common

@@ -24,6 +24,8 @@ bool IsSuccess(long http_code) {
 
 void UploadAlarms::OnAnswer(const HttpResponse& response, const std::optional<UploadSource>& source,
                             const std::string& request_id) {
+  // What a proxy refuses, the platform has not seen.
+  if (response.IsProxysOwn() && !IsSuccess(response.GetHttpCode())) return;
   const std::lock_guard lock(mutex_);
   if (response.GetHttpCode() == kUnauthorized) LookAtClock(response);
   if (source) LookAtFile(response.GetHttpCode(), *source, request_id);

@@ -24,7 +24,8 @@ class UploadAlarms {
 
   explicit UploadAlarms(const util::Clock& clock = util::Clock::Real()) : clock_(clock) {}
 
-  // The final answer to an upload; `source` and its request id when a file was sent.
+  // The final answer to an upload; `source` and its request id when a file was sent. A proxy's own refusal is none of
+  // the platform's.
   void OnAnswer(const HttpResponse& response, const std::optional<UploadSource>& source, const std::string& request_id);
 
  private:

@@ -99,7 +99,7 @@ void UrlUpgraderHttpInterceptor::ProcessResponse(const std::string&, MutableHttp
 void UrlUpgraderHttpInterceptor::OnAttemptEnded(const HttpAttempt& attempt) {
   if (!upgraded_module_ || !HttpErrorParser::IsErrorStatus(attempt.http_code)) return;
   // What a proxy says about the route is no word of the platform.
-  if (attempt.status == HttpStatus::ProxyError || attempt.status == HttpStatus::NetworkError) return;
+  if (attempt.is_proxys_own) return;
   const std::string& module = *upgraded_module_;
   if (IsOneOf(kRouteFailures, attempt.http_code)) {
     ZLOG_WARNING("Module: " << module

@@ -21,8 +21,9 @@ constexpr const char* kUrl = "https://platform.example/v1/fim";
 // A request that is finished, with the answer that a test gives it.
 class FinishedRequest final : public HttpRequest {
  public:
-  FinishedRequest(long code, const std::string& body) {
+  FinishedRequest(long code, const std::string& body, bool is_proxys_own = false) {
     response_.SetHttpCode(code);
+    response_.SetProxysOwn(is_proxys_own);
     response_.UpdatePayload({body.begin(), body.end()});
   }
   [[nodiscard]] const std::string& GetUrl() const override { return url_; }
@@ -138,6 +139,17 @@ TEST_F(HttpErrorParserTest, IgnoresWhatIsNoError) {
   }
   EXPECT_FALSE(log_.Has("Action: ")) << log_.All();
   EXPECT_FALSE(log_.Has("error payload"));
+}
+
+TEST_F(HttpErrorParserTest, BelievesNoProxy) {
+  int executed = 0;
+  parser_.SetActionHandler("revoke", [&](const HttpErrorRecord&) { ++executed; });
+  const std::string body = R"({"errorCode":25,"action":1})";
+  parser_.Process(FinishedRequest(403, body, true));
+  EXPECT_EQ(0, executed);
+  EXPECT_TRUE(log_.Has("HttpErrorParser: Ignoring HTTP status code: 403"));
+  parser_.Process(FinishedRequest(403, body, false));
+  EXPECT_EQ(1, executed);
 }
 
 TEST_F(HttpErrorParserTest, ShowsNoControlBytesOfABody) {

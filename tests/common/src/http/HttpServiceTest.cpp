@@ -564,6 +564,31 @@ TEST_F(HttpServiceTest, MovesToTheNextProxyWhenOneAnswersForItself) {
   EXPECT_EQ(1U, bad.Requests().size());
 }
 
+TEST_F(HttpServiceTest, KnowsTheWordsOfAProxyFromThePlatforms) {
+  const std::string url = "http://platform.invalid/";
+  for (const char* status : {"403 Forbidden", "501 Not Implemented"}) {
+    FakeHttpServer proxy({FakeHttpServer::Answer(status)});
+    EXPECT_TRUE(PostThrough({proxy.Address()}, url, 0)->GetResponse().IsProxysOwn()) << status;
+    FakeHttpServer marked({FakeHttpServer::Answer(status, "z-srv: x\r\n")});
+    EXPECT_FALSE(PostThrough({marked.Address()}, url, 0)->GetResponse().IsProxysOwn()) << status;
+    FakeHttpServer platform({FakeHttpServer::Answer(status)});
+    EXPECT_FALSE(PostTo(platform.Url())->GetResponse().IsProxysOwn()) << "nobody stands between";
+  }
+  FakeHttpServer proxy({FakeHttpServer::Answer("401 Unauthorized", "", R"({"action":1})")});
+  PostThrough({proxy.Address()}, url, 0)->GetResponse();
+  service_.Stop();  // what follows the response is done, too
+  EXPECT_TRUE(log_.Has("HttpErrorParser: Ignoring HTTP status code: 401"));
+  EXPECT_FALSE(log_.Has("Action: 1"));
+}
+
+TEST_F(HttpServiceTest, SaysWhatBrokeTheConnectionBehindAGoodStatusLine) {
+  FakeHttpServer server({std::string("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nhalf") + FakeHttpServer::kReset});
+  const auto request = PostTo(server.Url());
+  EXPECT_EQ(HttpStatus::NetworkError, request->GetResponse().GetStatus());
+  EXPECT_EQ(200, request->GetResponse().GetHttpCode());
+  EXPECT_EQ("Failure when receiving data from the peer", request->GetResponse().GetMessage());
+}
+
 TEST_F(HttpServiceTest, StaysWithTheProxyWhenThePlatformItselfIsBusy) {
   FakeHttpServer proxy({FakeHttpServer::Answer("503 Busy", "z-srv: x\r\n")});
   FakeHttpServer unused({FakeHttpServer::Answer("200 OK")});

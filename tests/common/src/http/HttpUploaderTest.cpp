@@ -208,6 +208,37 @@ TEST_F(HttpUploaderTest, TakesA200ForAnAcceptanceThoughItsBodyCannotBeRead) {
       log_.Has(Poco::Message::PRIO_INFORMATION, "HttpUploader: The upload was accepted all the same, HTTP code 200"));
 }
 
+TEST_F(HttpUploaderTest, SaysWhatBecameOfTheConnectionBehindA200) {
+  const std::string half = "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nhalf";
+  for (const auto& [end, reason] : {std::pair{FakeHttpServer::kReset, "Failure when receiving data from the peer"},
+                                    std::pair{FakeHttpServer::kHang, "Timeout was reached"}}) {
+    FakeHttpServer server({half + end});
+    HttpUploader::Settings settings = SettingsFor(server.Url());
+    settings.request_timeout = 1;
+    settings.max_attempts = 0;
+    EXPECT_EQ(0, HttpUploader(service_, hmac_, settings).Upload("application/json", payload_));
+    EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, std::string("HttpUploader: Upload failed. (") + reason + ")"));
+  }
+  EXPECT_EQ(2, log_.Count("HttpUploader: The upload was accepted all the same, HTTP code 200"));
+  EXPECT_FALSE(log_.Has("(OK)"));
+}
+
+// Each byte comes in time, and the whole never does.
+TEST_F(HttpUploaderTest, WaitsForNoAnswerThatTricklesLongerThanForOneThatStalls) {
+  const auto begin = std::chrono::steady_clock::now();
+  for (const auto& [start, outcome] : {std::pair{"HTTP/1.1 200 OK\r\nContent-Length: 1000000\r\n\r\n", 0},
+                                       std::pair{"HTTP/1.1 200 OK\r\nX-Endless: ", 0},
+                                       std::pair{"HTTP/1.1 503 Busy\r\nContent-Length: 1000000\r\n\r\n", 100020}}) {
+    FakeHttpServer server({std::string(start) + FakeHttpServer::kTrickle});
+    HttpUploader::Settings settings = SettingsFor(server.Url());
+    settings.request_timeout = 1;
+    settings.max_attempts = 0;
+    EXPECT_EQ(outcome, HttpUploader(service_, hmac_, settings).Upload("application/json", payload_)) << start;
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(15)) << "three times one second";
+  EXPECT_EQ(3, log_.Count("Network error with CURL_STATUS_CODE 28 "));
+}
+
 TEST_F(HttpUploaderTest, TakesAnInterimAnswerThatStaysTheLastForUnexpected) {
   FakeHttpServer server({"HTTP/1.1 100 Continue\r\n\r\n"});
   HttpUploader uploader = UploaderTo(server.Url());

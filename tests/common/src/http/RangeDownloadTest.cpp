@@ -127,6 +127,17 @@ TEST_F(RangeDownloadTest, DoesNotRunOutOfAttemptsWhileRangesCome) {
   EXPECT_EQ(BytesOf("xxxxx"), Download(server, 1, false, 2)->GetResponse().GetPayload());
 }
 
+TEST_F(RangeDownloadTest, StandsAsManyFailuresAsThereAreAttemptsBeforeEveryRange) {
+  std::vector<std::string> script;
+  for (std::size_t i = 0; i < 3; ++i) {
+    script.insert(script.end(), 2, FakeHttpServer::Answer("503 Busy"));
+    script.push_back(Part(i, "x", 3));
+  }
+  FakeHttpServer server(script);
+  EXPECT_EQ(BytesOf("xxx"), Download(server, 1, false, 2)->GetResponse().GetPayload());
+  EXPECT_EQ(9U, server.Requests().size());
+}
+
 TEST_F(RangeDownloadTest, BeginsAnewWhenTheServerSuddenlySendsTheWhole) {
   FakeHttpServer server({Part(0, "0123", 8), FakeHttpServer::Answer("200 OK", "", "another")});
   EXPECT_EQ(BytesOf("another"), Download(server, 4, false)->GetResponse().GetPayload());
@@ -198,6 +209,50 @@ TEST_F(RangeDownloadTest, LeavesNoPartOfAFailedDownload) {
   EXPECT_EQ(BytesOf("why"), request->GetResponse().GetPayload()) << "an error is no download";
   EXPECT_THAT(FileNames(), IsEmpty());
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_INFORMATION, "Deleting file " + File() + ".part"));
+}
+
+// What a connection leaves of a body when it breaks: announced longer than it came, or cut in a chunk.
+const std::vector<std::string> kTornBodies = {"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nhalf",
+                                              "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n64\r\nhalf"};
+
+TEST_F(RangeDownloadTest, SavesNoTornBody) {
+  for (const std::string& torn : kTornBodies) {
+    FakeHttpServer server({torn});
+    const auto request = Download(server, 0, true, 1);
+    EXPECT_EQ(HttpStatus::NetworkError, request->GetResponse().GetStatus());
+    EXPECT_EQ(200, request->GetResponse().GetHttpCode());
+    EXPECT_EQ("Transferred a partial file", request->GetResponse().GetMessage());
+    EXPECT_EQ(State::Failed, request->GetState());
+    EXPECT_THAT(FileNames(), IsEmpty());
+    EXPECT_EQ(2U, server.Requests().size()) << "a broken connection is tried again";
+  }
+}
+
+TEST_F(RangeDownloadTest, SavesTheWholeThatComesBehindATornBody) {
+  FakeHttpServer server({kTornBodies[0], FakeHttpServer::Answer("200 OK", "", "whole")});
+  EXPECT_EQ("OK", Download(server, 0, true, 1)->GetResponse().GetMessage());
+  EXPECT_EQ("whole", folder_.Read("download"));
+}
+
+TEST_F(RangeDownloadTest, AsksAgainForATornRange) {
+  const std::string torn = "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 4-7/8\r\nContent-Length: 4\r\n\r\n45";
+  for (const bool to_file : {false, true}) {
+    FakeHttpServer server({Part(0, "0123", 8), torn, Part(4, "4567", 8)});
+    const Bytes payload = Download(server, 4, to_file, 1)->GetResponse().GetPayload();
+    EXPECT_EQ(BytesOf("01234567"), to_file ? BytesOf(folder_.Read("download")) : payload);
+    EXPECT_THAT(RangesOf(server), ElementsAre("bytes=0-3", "bytes=4-7", "bytes=4-7"));
+  }
+}
+
+TEST_F(RangeDownloadTest, SavesNoBodyThatIsTooLong) {
+  const std::string much(MutableHttpRequest::kMaxResponseSize + 1, 'x');
+  FakeHttpServer server({FakeHttpServer::Answer("200 OK", "", much)});
+  EXPECT_EQ(State::Failed, [&] {
+    const auto request = Download(server, 0, true);
+    (void)request->GetResponse();
+    return request->GetState();
+  }());
+  EXPECT_THAT(FileNames(), IsEmpty());
 }
 
 TEST_F(RangeDownloadTest, LeavesNoPartOfACancelledDownload) {

@@ -19,8 +19,10 @@ class UploadAlarmsTest : public ::testing::Test {
     return source;
   }
 
-  void Answer(long http_code, const std::string& date = "", const std::optional<UploadSource>& source = std::nullopt) {
+  void Answer(long http_code, const std::string& date = "", const std::optional<UploadSource>& source = std::nullopt,
+              bool is_proxys_own = false) {
     InMemoryHttpResponse response;
+    response.SetProxysOwn(is_proxys_own);
     if (!date.empty()) response.AddHeader("date", date);
     response.SetHttpCode(http_code);
     alarms_.OnAnswer(response, source, source ? "id of " + source->path : "random");
@@ -101,6 +103,18 @@ TEST_F(UploadAlarmsTest, ForgetsAFileThatWasAccepted) {
   Answer(200, "", File("fim.0001"));
   Refuse(400);
   EXPECT_EQ(0, FileLines());
+}
+
+TEST_F(UploadAlarmsTest, BelievesNoProxyAboutClockAndFile) {
+  Answer(401, "Wed, 01 May 2019 10:15:29 GMT", std::nullopt, true);
+  for (int i = 0; i < 3; ++i) Answer(413, "", File("fim.0001"), true);
+  EXPECT_EQ(0, SkewLines());
+  EXPECT_EQ(0, FileLines());
+  Refuse(413);
+  Refuse(413);
+  Answer(200, "", File("fim.0001"), true);
+  Refuse(413);
+  EXPECT_EQ(0, FileLines()) << "it was accepted, whoever says so";
 }
 
 TEST_F(UploadAlarmsTest, ForgetsTheFirstFileAtTheBound) {

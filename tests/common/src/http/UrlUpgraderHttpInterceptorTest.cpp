@@ -30,10 +30,15 @@ class UrlUpgraderHttpInterceptorTest : public ::testing::Test {
     EXPECT_TRUE(headers.empty());
     return url;
   }
-  void End(long code, const std::string& body = "", HttpStatus status = HttpStatus::ClientError) {
+  void End(long code, const std::string& body = "", HttpStatus status = HttpStatus::ClientError,
+           bool is_proxys_own = false) {
     const HttpHeaders headers;
-    interceptor_.OnAttemptEnded(
-        {kUpgraded, status, code, headers, {reinterpret_cast<const unsigned char*>(body.data()), body.size()}});
+    interceptor_.OnAttemptEnded({kUpgraded,
+                                 status,
+                                 code,
+                                 headers,
+                                 {reinterpret_cast<const unsigned char*>(body.data()), body.size()},
+                                 is_proxys_own});
   }
   UrlState Fim() const { return states_->Get("FIM"); }
 
@@ -93,7 +98,9 @@ TEST_F(UrlUpgraderHttpInterceptorTest, StaysOnTheAuthenticatedUrlAfterAFailureOf
 
 TEST_F(UrlUpgraderHttpInterceptorTest, BelievesNoProxyAboutTheRoute) {
   (void)Upgrade(kPlain);
-  End(404, "", HttpStatus::ProxyError);
+  End(404, "", HttpStatus::ProxyError, true);
+  End(501, "", HttpStatus::Unknown, true);
+  End(404, "", HttpStatus::NetworkError, true);
   End(0, "", HttpStatus::NetworkError);
   End(200, "", HttpStatus::Success);
   EXPECT_EQ(UrlState::Auth, Fim());
