@@ -38,9 +38,9 @@ std::size_t PathOf(const std::string& url) {
 
 const std::vector<UrlUpgradeRow>& DefaultUrlUpgradeRows() {
   static const std::vector<UrlUpgradeRow> rows = {
-      {"^/HostWarden/fim([/?].*)?$", "FIM", "/Ostl"},
-      {"^/HostWarden/ioc([/?].*)?$", "IOC", "/Ostl"},
-      {"^/HostWarden/ahs([/?].*)?$", "AHS", "/Ostl"},
+      {"^/HostWarden(/v1)?/fim([/?].*)?$", "FIM", "/Ostl"},
+      {"^/HostWarden/linuxagentevent/v1/customer/[^?]+/agent/[^?]+$", "IOC", "/Ostl"},
+      {"^/HostWarden/v1/customer/[^?]+/agent/[^?]+/status$", "AHS", "/Ostl"},
   };
   return rows;
 }

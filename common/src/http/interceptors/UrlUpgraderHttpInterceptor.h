@@ -22,7 +22,8 @@ struct UrlUpgradeRow {
   std::string prefix;
 };
 
-// The rows of the modules that upload by themselves: FIM, IOC, AHS.
+// The rows of the modules that upload by themselves, FIM, IOC and AHS, below the base "/HostWarden": a service URL with
+// that base is a platform that may have the authenticated forms.
 const std::vector<UrlUpgradeRow>& DefaultUrlUpgradeRows();
 
 // Sends a module's requests to the authenticated form of their URL, and back to the plain one when the platform has no

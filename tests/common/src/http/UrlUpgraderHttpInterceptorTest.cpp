@@ -18,6 +18,8 @@ using UrlState = ModuleUrlStateTable::UrlState;
 
 constexpr const char* kAgent = "0b9d8e7f-aaaa-4bbb-8ccc-ddddeeeeffff";
 constexpr const char* kPlain = "https://platform.example/HostWarden/fim/events?part=2";
+constexpr const char* kIoc = "/HostWarden/linuxagentevent/v1/customer/c/agent/a";
+constexpr const char* kAhs = "/HostWarden/v1/customer/c/agent/a/status";
 constexpr const char* kUpgraded = "https://platform.example/Ostl/HostWarden/fim/events?part=2";
 
 class UrlUpgraderHttpInterceptorTest : public ::testing::Test {
@@ -50,18 +52,34 @@ class UrlUpgraderHttpInterceptorTest : public ::testing::Test {
 
 TEST_F(UrlUpgraderHttpInterceptorTest, TriesTheAuthenticatedUrlFirst) {
   EXPECT_EQ(kUpgraded, Upgrade(kPlain));
-  EXPECT_EQ("https://h:8443/Ostl/HostWarden/ioc", Upgrade("https://h:8443/HostWarden/ioc"));
-  EXPECT_EQ("https://h/Ostl/HostWarden/ahs?x=/HostWarden/fim", Upgrade("https://h/HostWarden/ahs?x=/HostWarden/fim"));
+  EXPECT_EQ("https://h:8443/Ostl" + std::string(kIoc), Upgrade("https://h:8443" + std::string(kIoc)));
+  EXPECT_EQ("https://h/Ostl" + std::string(kAhs), Upgrade("https://h" + std::string(kAhs)));
   EXPECT_TRUE(log_.Has("Module: FIM Url State updated, Old Url State: UNKNOWN, New Url State: AUTH"));
+  EXPECT_TRUE(log_.Has("Module: IOC Url State updated"));
+  EXPECT_TRUE(log_.Has("Module: AHS Url State updated"));
   (void)Upgrade(kPlain);
+  EXPECT_EQ("https://h/Ostl/HostWarden/v1/fim/events", Upgrade("https://h/HostWarden/v1/fim/events"));
+  EXPECT_EQ("https://h/Ostl/HostWarden/fim", Upgrade("https://h/HostWarden/fim"));
   EXPECT_EQ(3, log_.Count("Url State updated")) << "one line a change";
 }
 
 TEST_F(UrlUpgraderHttpInterceptorTest, LeavesAloneWhatFitsNoRow) {
-  for (const char* url : {"https://h/v1/fim", "https://h/Ostl/HostWarden/fim", "https://h/HostWarden/fimx", "https://h",
-                          "https://h/x?u=/HostWarden/fim", "https://h:port/HostWarden/fim", ""}) {
+  const std::vector<std::string> others = {
+      "https://h/v1/fim",
+      "https://h/Ostl/HostWarden/fim",
+      "https://h/HostWarden/fimx",
+      "https://h",
+      "https://h/x?u=/HostWarden/fim",
+      "https://h:port/HostWarden/fim",
+      "",
+      "https://h/x" + std::string(kIoc),
+      "https://h" + std::string(kAhs) + "/x",
+      "https://h/HostWarden/v1?x=/customer/c/agent/a/status",
+      "https://h/v1/customer/c/agent/a/status",
+  };
+  for (const std::string& url : others) {
     EXPECT_EQ(url, Upgrade(url));
-    EXPECT_TRUE(log_.Has(Message::PRIO_DEBUG, std::string("URL: ") + url + " not qualified to upgrade"));
+    EXPECT_TRUE(log_.Has(Message::PRIO_DEBUG, "URL: " + url + " not qualified to upgrade"));
   }
   EXPECT_FALSE(log_.Has("Url State updated"));
 }
@@ -149,7 +167,7 @@ TEST_F(UrlUpgraderHttpInterceptorTest, KeepsTheModulesApartAndSharesThemAmongCha
   End(404);
   const auto clone = interceptor_.Clone();
   EXPECT_EQ(kPlain, Upgrade(*clone, kPlain));
-  EXPECT_EQ("https://h/Ostl/HostWarden/ioc", Upgrade(*clone, "https://h/HostWarden/ioc"));
+  EXPECT_EQ("https://h/Ostl" + std::string(kIoc), Upgrade(*clone, "https://h" + std::string(kIoc)));
 }
 
 TEST_F(UrlUpgraderHttpInterceptorTest, SpreadsTheChecksOfManyAgentsOverADay) {

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "src/edr/host/SigningKeys.h"
+#include "src/fim/Config.h"
+#include "src/health/AHSSettings.h"
 #include "tests/fakes/FakeHttpServer.h"
 #include "tests/fakes/LogCapture.h"
 
@@ -11,11 +13,14 @@ namespace {
 
 class UploaderFactoryTest : public ::testing::Test {
  protected:
-  static common::CommonConfig MakeConfig(const std::string& hmac_version) {
+  static common::CommonConfig MakeConfig(const std::string& hmac_version,
+                                         const std::string& service_url = "https://p") {
     rapidjson::Document json;
     common::util::ParseJson(json,
                             R"({"agent_id":"agent-1","agent_version":"4.2","ca_cert_path":"","connection_timeout":5,
-      "customer_id":"customer-1","log_config_file":"","proxy_order":0,"request_timeout":20,"service_url":"https://p",
+      "customer_id":"customer-1","log_config_file":"","proxy_order":0,"request_timeout":20,"service_url":")" +
+                                service_url +
+                                R"(",
       "activation_id":"activation-1","environment_variables":{},"agent_effective_uid":0,"agent_effective_gid":0,
       "ipv4":"","ipv6":"","osname":"","platform":"","agent_install_path":"","sudo_command":"","use_sudo":false,
       "hmac_version":")" + hmac_version +
@@ -63,17 +68,34 @@ TEST_F(UploaderFactoryTest, SharesOneSetOfAlarms) {
   EXPECT_EQ(1, log_.Count("HttpUploader: The clock of this host is "));
 }
 
+// The URLs that the components make of a configuration, on a platform with the base of the authenticated ones.
+TEST_F(UploaderFactoryTest, TriesTheAuthenticatedUrlsOfTheComponents) {
+  fakes::FakeHttpServer server({fakes::FakeHttpServer::Answer("200 OK")});
+  service_.Start();
+  const common::CommonConfig config = MakeConfig("V1", server.Url("/HostWarden"));
+  rapidjson::Document section;
+  common::util::ParseJson(section, R"({"upload_interval":1,"service_url":"/v1/fim/events","max_file_size_kb":1,
+      "max_file_age_sec":1,"max_disk_size_mb":1,"manifests":[],"event_file_path":"x","event_file_name":"fim"})");
+  for (const std::string& target :
+       {health::AHSSettings(config).GetUploadUrl(), fim::Config(config, section).GetUploadUrl()}) {
+    EXPECT_EQ(0, factory_.Make(target, "some type")->Upload("application/json", {'{', '}'}));
+  }
+  const auto requests = server.Requests();
+  EXPECT_EQ("/Ostl/HostWarden/v1/customer/customer-1/agent/agent-1/status", requests.at(0).target);
+  EXPECT_EQ("/Ostl/HostWarden/v1/fim/events", requests.at(1).target);
+}
+
 TEST_F(UploaderFactoryTest, SharesWhatThePlatformHasNoAuthenticatedUrlFor) {
   fakes::FakeHttpServer server(
       {fakes::FakeHttpServer::Answer("404 Not Found"), fakes::FakeHttpServer::Answer("200 OK")});
   service_.Start();
-  const std::string target = server.Url("/HostWarden/ahs/status");
-  EXPECT_EQ(100016, factory_.Make(target, "health status")->Upload("application/json", {'{', '}'}));
-  EXPECT_EQ(0, factory_.Make(target, "health status")->Upload("application/json", {'{', '}'}));
+  const std::string path = "/HostWarden/v1/customer/customer-1/agent/agent-1/status";
+  EXPECT_EQ(100016, factory_.Make(server.Url(path), "health status")->Upload("application/json", {'{', '}'}));
+  EXPECT_EQ(0, factory_.Make(server.Url(path), "health status")->Upload("application/json", {'{', '}'}));
   const auto requests = server.Requests();
   ASSERT_EQ(2U, requests.size());
-  EXPECT_EQ("/Ostl/HostWarden/ahs/status", requests[0].target);
-  EXPECT_EQ("/HostWarden/ahs/status", requests[1].target);
+  EXPECT_EQ("/Ostl" + path, requests[0].target);
+  EXPECT_EQ(path, requests[1].target);
 }
 
 TEST(SigningKeysTest, ReplacesAVersionThatThisProcessDoesNotSupport) {
