@@ -21,7 +21,7 @@ import struct
 import threading
 import time
 
-MAX_BODY = 64 * 1024 * 1024
+MAX_BODY = 128 * 1024 * 1024
 WINDOW = datetime.timedelta(minutes=15)
 MEMORY_SECONDS = 3600
 MAX_KNOWN = 10000

@@ -22,6 +22,9 @@ struct ReceiverOptions {
   int cert_days = 365;                                    // from yesterday; negative: expired so long ago
   std::string client_ca_file;  // clients must prove themselves by a certificate that leads to this one; empty: no need
   std::string store_folder;    // where to write accepted payloads; empty: nowhere
+  // A larger body is refused, compressed or not. A spool file of 64 MiB fits with its envelope; agents that make larger
+  // ones (`max_file_size_kb`) need more.
+  std::size_t max_body_size = 128UL * 1024 * 1024;
   bool keep_payloads = false;  // keep accepted payloads in memory, for GetPayloads: without end, so for tests
   bool validate = false;       // refuse documents of events that do not follow docs/schema
 

@@ -29,15 +29,13 @@ std::optional<std::string> HeaderOf(const HTTPServerRequest& request, const std:
 }
 
 // False when the body is larger than allowed; reads no more than that.
-bool ReadBody(HTTPServerRequest& request, std::string& body) {
-  if (request.hasContentLength() &&
-      request.getContentLength64() > static_cast<Poco::Int64>(UploadHandler::kMaxBodySize))
-    return false;
+bool ReadBody(HTTPServerRequest& request, std::size_t max_size, std::string& body) {
+  if (request.hasContentLength() && request.getContentLength64() > static_cast<Poco::Int64>(max_size)) return false;
   std::istream& in = request.stream();
   char buffer[16384];
   while (in.read(buffer, sizeof(buffer)) || in.gcount() > 0) {
     body.append(buffer, static_cast<std::size_t>(in.gcount()));
-    if (body.size() > UploadHandler::kMaxBodySize) return false;
+    if (body.size() > max_size) return false;
   }
   return true;
 }
@@ -103,7 +101,7 @@ void UploadHandler::handleRequest(HTTPServerRequest& request, HTTPServerResponse
 
 UploadHandler::Verdict UploadHandler::Judge(HTTPServerRequest& request) {
   std::string body;
-  const bool fits = ReadBody(request, body);
+  const bool fits = ReadBody(request, state_.options.max_body_size, body);
   state_.store.CountRequest();
   if (!fits) return {HTTPServerResponse::HTTP_REQUEST_ENTITY_TOO_LARGE, "body too large"};
   // The client has gone or been too slow; under V2 no signature would tell.
@@ -142,8 +140,9 @@ UploadHandler::Verdict UploadHandler::Accept(const HTTPServerRequest& request, s
   try {
     AcceptedPayload payload{std::move(body), request.getURI(), {}, ""};
     if (!encoding.empty()) {
-      const auto plain = common::LzmaCompression(common::LzmaCompression::Container::Alone, kMaxBodySize)
-                             .Decompress({payload.text.begin(), payload.text.end()});
+      const auto plain =
+          common::LzmaCompression(common::LzmaCompression::Container::Alone, state_.options.max_body_size)
+              .Decompress({payload.text.begin(), payload.text.end()});
       payload.text.assign(plain.begin(), plain.end());
     }
     if (request.has("Z-PAYLOADHASH") && request.get("Z-PAYLOADHASH") != HashText(payload.text)) {

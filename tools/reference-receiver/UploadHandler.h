@@ -57,9 +57,6 @@ struct ReceiverState {
 // 405, 413 and 415 for what cannot be read.
 class UploadHandler final : public Poco::Net::HTTPRequestHandler {
  public:
-  // More than this is refused, compressed or not.
-  static constexpr std::size_t kMaxBodySize = 64UL * 1024 * 1024;
-
   explicit UploadHandler(ReceiverState& state) : state_(state) {}
 
   void handleRequest(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response) override;

@@ -21,6 +21,7 @@ constexpr const char* kUsage = R"(Usage: reference-receiver --customer ID --agen
   --cert-store DIR    keep certificate and key there, so that a restart changes neither
   --client-ca FILE    accept only clients with a certificate that leads to this one
   --store DIR         write every accepted payload to a file
+  --max-body MIB      refuse larger bodies, compressed or not (default: 128)
   --validate          refuse documents of events that do not follow their schema
   --status CODE[xN]   answer the first N requests (default: all) with this status
   --only-for TEXT     force a status, or cut a body, of requests whose path holds this text only
@@ -66,7 +67,7 @@ struct Switch {
   void (*apply)(ReceiverOptions& options, const std::string& value);
 };
 
-constexpr std::array<Switch, 22> kSwitches = {{
+constexpr std::array<Switch, 23> kSwitches = {{
     {"customer", true, [](ReceiverOptions& o, const std::string& v) { o.customer_id = v; }},
     {"agent", true, [](ReceiverOptions& o, const std::string& v) { o.agent_id = v; }},
     {"activation", true, [](ReceiverOptions& o, const std::string& v) { o.activation_id = v; }},
@@ -75,6 +76,8 @@ constexpr std::array<Switch, 22> kSwitches = {{
      [](ReceiverOptions& o, const std::string& v) { o.port = static_cast<std::uint16_t>(Number(v, 0, 65535)); }},
     {"ca-out", true, [](ReceiverOptions& o, const std::string& v) { o.ca_file = v; }},
     {"store", true, [](ReceiverOptions& o, const std::string& v) { o.store_folder = v; }},
+    {"max-body", true,
+     [](ReceiverOptions& o, const std::string& v) { o.max_body_size = std::size_t{Number(v, 1, 65'536)} << 20U; }},
     {"validate", false, [](ReceiverOptions& o, const std::string&) { o.validate = true; }},
     {"status", true, [](ReceiverOptions& o, const std::string& v) { SetStatus(o, v); }},
     {"only-for", true, [](ReceiverOptions& o, const std::string& v) { o.only_for = v; }},

@@ -2,9 +2,12 @@
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <atomic>
 #include <map>
+#include <set>
 #include <thread>
+#include <tuple>
 
 #include "common/src/http/DefaultHttpRetryPolicy.h"
 #include "tests/e2e/upload/UploadFixture.h"
@@ -86,47 +89,171 @@ TEST_F(OutcomeTest, IsNoAnswerWithoutAFreeDescriptorAndGoodAgainWithOne) {
   EXPECT_EQ(0, uploader.Upload("application/json", BytesOf("{}")));
 }
 
-// Half of a thousand uploads meet a failure, each of a kind that is tried again or not; all are sent until they are
-// accepted, as a spool does it.
-TEST_F(OutcomeTest, LosesNothingAndCountsNothingTwiceInAThousandUploads) {
-  constexpr int kUploads = 1000;
-  constexpr int kThreads = 4;
-  tools::ReceiverOptions options = Options();
-  options.status = 503;
-  options.status_requests = 250;
-  options.lose_answers = 250;
-  StartReceiver(options);
-  std::atomic<int> next{0};
-  std::atomic<int> failed{0};
-  const auto send = [&] {
-    const auto uploader = Uploader();
-    for (int i = next++; i < kUploads; i = next++) {
+// One way in which uploads fail, and what each of them comes to when it does.
+struct Failure {
+  std::string name;
+  unsigned times;
+  std::int32_t outcome;
+  // Of a platform that fails by itself; none: something that is no platform stands at the URL for so long.
+  std::function<void(tools::ReceiverOptions& options)> misbehave;
+  std::string url;
+};
+
+// A thousand uploads, half of which meet a failure first, of every kind at once. Each is sent until it is accepted, as
+// a spool does it.
+class ThousandUploadsTest : public OutcomeTest {
+ protected:
+  using Receiver = std::unique_ptr<tools::ReferenceReceiver>;
+
+  tools::ReceiverOptions OptionsOf(const std::string& certificate) {
+    tools::ReceiverOptions options = Options();
+    options.cert_folder = folder_ / certificate;
+    options.ca_file = folder_ / (certificate + ".pem");
+    return options;
+  }
+
+  Receiver Stranger(const std::string& certificate, const std::string& names, int days) {
+    tools::ReceiverOptions options = OptionsOf(certificate);
+    options.cert_names = names;
+    options.cert_days = days;
+    return std::make_unique<tools::ReferenceReceiver>(std::move(options));
+  }
+
+  std::unique_ptr<common::HttpUploader> UploaderFor(const Failure& failure) {
+    common::HttpUploader::Settings settings;
+    settings.customer_id = kCustomer;
+    settings.agent_id = kAgent;
+    settings.connection_timeout = 3;
+    settings.request_timeout = failure.times < 10 ? 3 : 30;  // those that are few wait until it ends
+    settings.max_attempts = 0;
+    return std::make_unique<common::HttpUploader>(*service_, Keys(common::HmacVersion::HmacV2), settings);
+  }
+
+  // Sends twice as many uploads as fail. Answers how many did.
+  unsigned SendAll(const Failure& failure, const std::string& good_url) {
+    const auto uploader = UploaderFor(failure);
+    unsigned failed = 0;
+    for (unsigned i = 0; i < 2 * failure.times; ++i) {
       common::UploadSource source;
-      source.path = "/spool/fim.0001";
-      source.inode = static_cast<std::uint64_t>(i);
-      std::int32_t outcome = -1;
-      while (outcome != 0) {
+      source.path = "/spool/" + failure.name;
+      source.prefix = failure.name;
+      source.inode = i;
+      uploader->SetTarget((i < failure.times && !failure.misbehave ? failure.url : good_url) + "/v1/fim");
+      const std::string text = failure.name + " " + std::to_string(i);
+      for (int attempt = 0; attempt < 10; ++attempt) {
         uploader->SetSource(source);
-        outcome = uploader->Upload("application/json", BytesOf(std::to_string(i)));
+        const std::int32_t outcome = uploader->Upload("text/plain", BytesOf(text));
         if (outcome == 0) break;
+        EXPECT_EQ(failure.outcome, outcome) << text;
+        uploader->SetTarget(good_url + "/v1/fim");
         ++failed;
-        // A 503, or no answer at all: nothing else has happened here.
-        EXPECT_TRUE(outcome == 100020 || outcome == 100022) << outcome;
       }
     }
+    return failed;
+  }
+
+  int CountLines(const std::string& text) {
+    const std::vector<std::string> lines = Lines();
+    return static_cast<int>(std::count(lines.begin(), lines.end(), text));
+  }
+};
+
+TEST_F(ThousandUploadsTest, LoseNothingAndAreCountedOnceWhateverHappensToHalfOfThem) {
+  using Fault = tools::ReceiverOptions::BodyFault;
+  std::vector<Failure> failures;
+  for (const auto& [status, outcome] : std::map<int, std::int32_t>{{201, 100017},
+                                                                   {204, 100001},
+                                                                   {302, 100017},
+                                                                   {400, 100021},
+                                                                   {404, 100016},
+                                                                   {409, 100013},
+                                                                   {415, 100028},
+                                                                   {424, 100021},
+                                                                   {429, 100021},
+                                                                   {500, 100023},
+                                                                   {501, 100020},
+                                                                   {502, 100020},
+                                                                   {503, 100020},
+                                                                   {504, 100020}}) {
+    failures.push_back({std::to_string(status), 24, outcome,
+                        [status = status](tools::ReceiverOptions& options) {
+                          options.status = status;
+                          options.status_requests = 24;
+                        },
+                        ""});
+  }
+  failures.push_back({"answer lost", 24, 100022, [](auto& options) { options.lose_answers = 24; }, ""});
+  for (const auto& [name, times, fault] :
+       {std::tuple{"truncated", 24U, Fault::Truncate}, std::tuple{"reset in the body", 24U, Fault::Reset},
+        std::tuple{"stalled in the body", 4U, Fault::Stall}}) {
+    failures.push_back({name, times, 0,
+                        [times = times, fault = fault](tools::ReceiverOptions& options) {
+                          options.body_fault = fault;
+                          options.body_fault_uploads = times;
+                        },
+                        ""});
+  }
+
+  FakeHttpServer resetting({FakeHttpServer::kReset});
+  FakeHttpServer silent({FakeHttpServer::kHang});
+  FakeHttpServer slow({std::string("HTTP/1.1 503 Busy\r\nContent-Length: 1000\r\n\r\n") + FakeHttpServer::kTrickle});
+  FakeHttpServer mute({"HTTP/1.1"});
+  const Receiver untrusted = Stranger("untrusted", "IP:127.0.0.1", 365);
+  const Receiver expired = Stranger("expired", "IP:127.0.0.1", -1);
+  const Receiver misnamed = Stranger("misnamed", "DNS:platform.example", 365);
+  std::string gone;
+  {
+    FakeHttpServer server({""});
+    gone = "http://" + server.Address();
+  }
+  const auto elsewhere = [&](const std::string& name, unsigned times, std::int32_t outcome, const std::string& url) {
+    failures.push_back({name, times, outcome, {}, url});
   };
-  max_attempts_ = 0;
+  elsewhere("refused", 14, 100022, gone);
+  elsewhere("unknown host", 10, 100022, "http://no.such.host.invalid");
+  elsewhere("reset", 14, 100022, "http://" + resetting.Address());
+  elsewhere("black hole", 4, 100022, "http://" + silent.Address());
+  elsewhere("slow", 4, 100020, "http://" + slow.Address());
+  elsewhere("no status line", 10, 100022, "http://" + mute.Address());
+  elsewhere("untrusted", 10, 100022, untrusted->GetUrl());
+  elsewhere("expired", 11, 100022, expired->GetUrl());
+  elsewhere("misnamed", 11, 100022, misnamed->GetUrl());
+
+  std::vector<Receiver> receivers;
+  unsigned faults = 0;
+  for (const Failure& failure : failures) {
+    tools::ReceiverOptions options = OptionsOf("platform");
+    if (failure.misbehave) failure.misbehave(options);
+    receivers.push_back(std::make_unique<tools::ReferenceReceiver>(std::move(options)));
+    faults += failure.times;
+  }
+  EXPECT_EQ(500U, faults);
+  StartService(folder_.Write(
+      "trusted.pem", folder_.Read("platform.pem") + folder_.Read("expired.pem") + folder_.Read("misnamed.pem")));
+
+  std::vector<unsigned> failed(failures.size());
   std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) threads.emplace_back(send);
+  for (std::size_t i = 0; i < failures.size(); ++i) {
+    threads.emplace_back([&, i] { failed[i] = SendAll(failures[i], receivers[i]->GetUrl()); });
+  }
   for (std::thread& thread : threads) thread.join();
-  // libcurl itself repeats a request whose kept connection dies before a byte of the answer has come.
-  EXPECT_GE(failed, 250);
-  EXPECT_LE(failed, 500);
-  EXPECT_EQ(1500U, receiver_->GetRequestCount());
-  std::map<std::string, int> counts;
-  for (const auto& payload : receiver_->GetPayloads()) ++counts[payload.text];
-  EXPECT_EQ(static_cast<std::size_t>(kUploads), counts.size()) << "lost";
-  for (const auto& [text, count] : counts) EXPECT_EQ(1, count) << text;
+
+  for (std::size_t i = 0; i < failures.size(); ++i) {
+    const Failure& failure = failures[i];
+    // libcurl itself repeats a request whose kept connection dies before a byte of the answer has come.
+    EXPECT_LE(failed[i], failure.outcome == 0 ? 0 : failure.times) << failure.name;
+    if (failure.name != "answer lost") EXPECT_EQ(failed[i], failure.outcome == 0 ? 0 : failure.times) << failure.name;
+    std::set<std::string> texts;
+    const auto payloads = receivers[i]->GetPayloads();
+    for (const auto& payload : payloads) texts.insert(payload.text);
+    EXPECT_EQ(2 * failure.times, texts.size()) << "lost: " << failure.name;
+    EXPECT_EQ(texts.size(), payloads.size()) << "counted twice: " << failure.name;
+  }
+  EXPECT_EQ(24, CountLines("answered: lost"));
+  EXPECT_EQ(24, CountLines("answered: truncated"));
+  EXPECT_EQ(24, CountLines("answered: reset in the body"));
+  EXPECT_EQ(4, CountLines("answered: stalled in the body"));
+  for (const Receiver* stranger : {&untrusted, &expired, &misnamed}) EXPECT_EQ(0U, (*stranger)->GetRequestCount());
 }
 
 TEST_F(OutcomeTest, WaitsLongerAndLongerWhenThePlatformIsBusy) {

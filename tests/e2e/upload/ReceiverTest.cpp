@@ -212,7 +212,7 @@ TEST_F(ReceiverTest, RefusesPayloadsThatCannotBeRead) {
 TEST_F(ReceiverTest, RefusesAPayloadThatUnfoldsTooFar) {
   RawRequest request;
   request.headers = {{"Content-Encoding", "LZMA"}};
-  request.body = common::LzmaCompression().Compress(Bytes(tools::UploadHandler::kMaxBodySize + 1, 'x'));
+  request.body = common::LzmaCompression().Compress(Bytes(Options().max_body_size + 1, 'x'));
   EXPECT_LT(request.body.size(), 100'000U);
   Sign(request, HmacVersion::HmacV1);
   ExpectRefused(request, 413, "body too large");
@@ -220,7 +220,7 @@ TEST_F(ReceiverTest, RefusesAPayloadThatUnfoldsTooFar) {
 
 TEST_F(ReceiverTest, RefusesABodyThatIsAnnouncedTooLargeWithoutReadingIt) {
   RawRequest request = Signed(HmacVersion::HmacV2);
-  EXPECT_EQ(413, SendAnnouncing(request, tools::UploadHandler::kMaxBodySize + 1));
+  EXPECT_EQ(413, SendAnnouncing(request, Options().max_body_size + 1));
   EXPECT_THAT(Lines(), Contains("rejected: body too large"));
 }
 

@@ -81,6 +81,17 @@ TEST_F(UploadTest, ArrivesWhenItIsLargeOrEmpty) {
   EXPECT_EQ("", receiver_->GetPayloads().at(1).text);
 }
 
+// What a spool gives at the most when its limits are the ordinary ones, with what the envelope adds.
+TEST_F(UploadTest, ArrivesWhenItIsTheLargestFileThatASpoolGives) {
+  StartReceiver(Options());
+  constexpr std::size_t kLargestRead = 64UL * 1024 * 1024;
+  const std::string head = R"({"events":[{"eventAction":"Write","imagePath":"/srv/file","filler":")";
+  const std::string tail = R"("}])";
+  const std::string filler(kLargestRead - head.size() - tail.size() - 1, 'x');
+  EXPECT_EQ(0, Upload(head + filler + tail + R"(,"timestamp":"2024-05-01T10:20:30Z"})"));
+  EXPECT_LT(kLargestRead, receiver_->GetPayloads().at(0).text.size());
+}
+
 TEST_F(UploadTest, BecomesAFileAndALinePerEvent) {
   tools::ReceiverOptions options = Options();
   options.store_folder = folder_ / "store";
