@@ -10,6 +10,7 @@
 
 #include "common/src/util/Log.h"
 #include "src/edr/process/ImageInfo.h"
+#include "src/fim/LexicalPath.h"
 #include "src/fim/LogPrefix.h"
 
 namespace zagent::fim::internal {
@@ -109,15 +110,9 @@ std::vector<Filter> ParseFilterSection(const rapidjson::Value& rule, const char*
   }
 }
 
-std::string_view WithoutTrailingSlash(const std::string& path) {
-  std::string_view view = path;
-  if (!view.empty() && view.back() == '/') view.remove_suffix(1);
-  return view;
-}
-
 // Folder components of the path; the last component counts as a file: "/etc" is 0, "/etc/passwd" is 1.
-int DepthOf(const std::string& path) {
-  return Poco::Path(std::string(WithoutTrailingSlash(path)), Poco::Path::PATH_UNIX).depth();
+int DepthOf(const std::string& lexically_normal_path) {
+  return Poco::Path(lexically_normal_path, Poco::Path::PATH_UNIX).depth();
 }
 
 const std::string& PathOf(const common::ImageInfo* image) {
@@ -146,11 +141,11 @@ EventRule::EventRule(const rapidjson::Value& json) {
 
   ParseNotify(json);
   ZLOG_DEBUG("Reading Inclusion Filters");
-  inclusion_filters_ =
-      ParseFilterSection(json, "inclusionFilters", "inclusionFilter", path_, "Failed to parse inclusion filters");
+  inclusion_filters_ = ParseFilterSection(json, "inclusionFilters", "inclusionFilter", normal_path_,
+                                          "Failed to parse inclusion filters");
   ZLOG_DEBUG("Reading Exclusion Filters");
-  exclusion_filters_ =
-      ParseFilterSection(json, "exclusionFilters", "exclusionFilter", path_, "Failed to parse exclusion filters");
+  exclusion_filters_ = ParseFilterSection(json, "exclusionFilters", "exclusionFilter", normal_path_,
+                                          "Failed to parse exclusion filters");
   ParseTrackContentChange(json);
   ZLOG_DEBUG("Parsed rule with id: " << id_);
 }
@@ -164,8 +159,8 @@ EventRule::EventRule(const EventRule& other, std::string id, std::string path)
       directory_actions_(other.directory_actions_),
       track_content_change_(other.track_content_change_) {
   SetPath(std::move(path));
-  for (const Filter& filter : other.inclusion_filters_) inclusion_filters_.push_back(filter.ForPath(path_));
-  for (const Filter& filter : other.exclusion_filters_) exclusion_filters_.push_back(filter.ForPath(path_));
+  for (const Filter& filter : other.inclusion_filters_) inclusion_filters_.push_back(filter.ForPath(normal_path_));
+  for (const Filter& filter : other.exclusion_filters_) exclusion_filters_.push_back(filter.ForPath(normal_path_));
 }
 
 void EventRule::SetPath(std::string path) {
@@ -173,7 +168,8 @@ void EventRule::SetPath(std::string path) {
   // One relative path would make the rule engine refuse the whole batch.
   if (path.front() != '/') throw RuleFault("Cannot create rule: Path is not absolute.", {"imagePath"});
   path_ = std::move(path);
-  path_depth_ = DepthOf(path_);
+  normal_path_ = LexicallyNormal(path_);
+  path_depth_ = DepthOf(normal_path_);
 }
 
 void EventRule::ParseNotify(const rapidjson::Value& json) {
@@ -251,14 +247,8 @@ bool EventRule::WantsAction(const edr::Event& event) const {
 }
 
 bool EventRule::LiesElsewhere(const edr::Event& event) const {
-  // A manifest may double a slash, or end with one; an event does not. "/" is empty here.
-  std::string own;
-  for (std::string_view rest = path_; !rest.empty();) {
-    const std::size_t end = std::min(rest.find('/'), rest.size());
-    if (const std::string_view name = rest.substr(0, end); !name.empty() && name != ".") own.append("/").append(name);
-    rest.remove_prefix(std::min(end + 1, rest.size()));
-  }
-  const auto is_elsewhere = [&own](const common::ImageInfo* file) {
+  const std::string_view own = normal_path_ == "/" ? std::string_view() : normal_path_;
+  const auto is_elsewhere = [own](const common::ImageInfo* file) {
     const std::string& path = PathOf(file);
     return path.starts_with('/') && !(path.starts_with(own) && (path.size() == own.size() || path[own.size()] == '/'));
   };
@@ -284,13 +274,13 @@ bool EventRule::MatchFilters(const edr::Event& event) const {
 }
 
 bool EventRule::IsWithinDepth(const std::string& path) const {
-  const int depth = DepthOf(path);
+  const int depth = DepthOf(LexicallyNormal(path));
   ZLOG_TRACE("Depth of path : " << path << " is " << depth);
   return depth - path_depth_ <= recursive_depth_;
 }
 
 bool EventRule::IsBelowPath(const std::string& path) const {
-  return path.compare(0, path_.size(), path_) == 0;
+  return LexicallyNormal(path).starts_with(normal_path_);
 }
 
 }  // namespace zagent::fim::internal

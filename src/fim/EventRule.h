@@ -74,7 +74,8 @@ class EventRule final : public edr::EventRule {
   std::string id_;
   std::string report_id_;
   edr::ObjectType type_ = edr::ObjectType::File;
-  std::string path_;
+  std::string path_;         // as the manifest has it
+  std::string normal_path_;  // what events are held against: no manifest need be tidy for that
   int path_depth_ = 0;
   int recursive_depth_ = 0;
   edr::EventTypes file_actions_;

@@ -242,6 +242,44 @@ TEST(EventRuleTest, TakesAPathThatIsNotTidyForWhatItMeans) {
   }
 }
 
+TEST(EventRuleTest, AnUntidyPathFindsBothEndsOfARename) {
+  for (const char* path : {"/etc/ssh/", "/etc//ssh", "/etc/./ssh", "/etc/ssh/.", "/etc/ssh//", "/etc/ssl/../ssh"}) {
+    RuleText text;
+    text.path = "\"" + std::string(path) + "\"";
+    text.depth = R"("1")";
+    const EventRule rule = text.Make();
+    EXPECT_EQ(rule.GetPath(), path);
+    EXPECT_TRUE(rule.PostProcess(Rename("/etc/ssh", "/srv/ssh"))) << path;
+    EXPECT_TRUE(rule.PostProcess(Rename("/tmp/new", "/etc/ssh/moduli"))) << path;
+    EXPECT_TRUE(rule.PostProcess(Rename("/etc/ssh/moduli", "/tmp/old"))) << path;
+    EXPECT_FALSE(rule.PostProcess(Rename("/tmp/new", "/etc/ssh/keys/host"))) << path << ": too deep";
+    EXPECT_FALSE(rule.PostProcess(Rename("/tmp/a", "/etc/ssl/b"))) << path;
+  }
+}
+
+TEST(EventRuleTest, APathPatternContinuesAnUntidyPathToo) {
+  for (const char* path : {"/etc/ssh/", "/etc//ssh", "/etc/./ssh"}) {
+    RuleText text;
+    text.path = "\"" + std::string(path) + "\"";
+    text.more = R"(,"exclusionFilters":[{"objectType":"file","patterns":["/moduli"]}])";
+    const EventRule rule = text.Make();
+    EXPECT_EQ(rule.Match(Event(EventType::Write, "/etc/ssh/moduli")), MatchResult::RefusedByFilter) << path;
+    EXPECT_EQ(rule.Match(Event(EventType::Write, "/etc/ssh/known")), MatchResult::Matched) << path;
+    EXPECT_EQ(EventRule(rule, "rule-1-1", "/srv//real/").Match(Event(EventType::Write, "/srv/real/moduli")),
+              MatchResult::RefusedByFilter);
+  }
+}
+
+TEST(EventRuleTest, TheRootFolderHoldsEverything) {
+  RuleText text;
+  text.path = R"("/")";
+  text.depth = R"("1")";
+  const EventRule rule = text.Make();
+  EXPECT_TRUE(rule.PostProcess(Rename("/etc/passwd", "/etc/a/b/c")));
+  EXPECT_EQ(rule.Match(Event(EventType::Write, "/etc/passwd")), MatchResult::Matched);
+  EXPECT_EQ(rule.Match(Event(EventType::Write, "/etc/ssh/moduli")), MatchResult::OutOfScope);
+}
+
 TEST(EventRuleTest, ARenameMustHaveBothPathAndDepthAtOneEnd) {
   RuleText text;
   text.depth = R"("1")";
