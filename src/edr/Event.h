@@ -85,7 +85,7 @@ class Event {
   [[nodiscard]] virtual std::int64_t GetFileSize() const = 0;              // bytes, -1 when unknown
   [[nodiscard]] virtual FileType GetFileType() const = 0;
   [[nodiscard]] virtual const std::string& GetFileTypeDesc() const = 0;  // on demand, from libmagic
-  // The actor's executable (SYSCALL record's exe).
+  // The actor's executable (SYSCALL record's exe), by the name that it has for the actor: see IsImageDisguised.
   [[nodiscard]] virtual const common::ImageInfo* GetImage() const = 0;
   [[nodiscard]] virtual const common::ImageInfo* GetNewFile() const = 0;
   [[nodiscard]] virtual ObjectType GetObjectType() const = 0;
@@ -119,8 +119,17 @@ class Event {
   // The key of the kernel rule that matched; names only one of several matching rules.
   [[nodiscard]] virtual const std::string& GetAuditKey() const = 0;
 
+  // A look at the time of the record has proved that the actor's executable is another file than GetImage names here:
+  // whoever may make a mount namespace or a chroot calls a program in it what he likes. False says nothing; nobody
+  // looks before a rule trusts the name (EventRule::TrustsProgramOf).
+  [[nodiscard]] bool IsImageDisguised() const { return is_image_disguised_; }
+  void SetImageDisguised() { is_image_disguised_ = true; }
+
  protected:
   Event(const Event&) = default;
+
+ private:
+  bool is_image_disguised_ = false;
 };
 
 }  // namespace zagent::edr

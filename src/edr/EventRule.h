@@ -48,6 +48,8 @@ class EventRule {
   // The place of a question that no kind of rule has an answer to: throws EventRuleException.
   [[nodiscard]] virtual EventType GetEventType() const;
   [[nodiscard]] virtual MatchResult Match(const Event& event) const = 0;
+  // Whether the rule may keep quiet about the event because of what its actor's program is called.
+  [[nodiscard]] virtual bool TrustsProgramOf(const Event& /*event*/) const { return false; }
 };
 
 // The event types that a rule wants to hear of: file actions; file and directory actions; process actions; or network

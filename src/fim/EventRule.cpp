@@ -218,6 +218,11 @@ edr::MatchResult EventRule::Match(const edr::Event& event) const {
   return MatchFilters(event) ? edr::MatchResult::Matched : edr::MatchResult::RefusedByFilter;
 }
 
+bool EventRule::TrustsProgramOf(const edr::Event& event) const {
+  return inclusion_filters_.empty() && std::any_of(exclusion_filters_.begin(), exclusion_filters_.end(),
+                                                   [&](const Filter& filter) { return filter.NamesProgramOf(event); });
+}
+
 bool EventRule::PostProcess(const edr::Event& event) const {
   const std::string& path = PathOf(event.GetFile());
   ZLOG_TRACE("Event Path for PostProcessing" << path);

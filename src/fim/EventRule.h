@@ -51,6 +51,7 @@ class EventRule final : public edr::EventRule {
   // for this rule and that has none of its names below the rule's path (another hard link, a bind mount, a folder that
   // was moved) has no depth: actions and filters decide alone.
   [[nodiscard]] edr::MatchResult Match(const edr::Event& event) const override;
+  [[nodiscard]] bool TrustsProgramOf(const edr::Event& event) const override;
 
   // Is the event's action in the notify set, and its object no deeper than the rule looks? For a rename one of both
   // ends must lie below the rule's path.

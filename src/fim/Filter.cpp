@@ -143,6 +143,14 @@ Filter Filter::ForPath(const std::string& rule_path) const {
   return filter;
 }
 
+bool Filter::Excludes(const edr::Event& event) const {
+  return Matches(event, Ends::Both) && (process_globs_.empty() || !event.IsImageDisguised());
+}
+
+bool Filter::NamesProgramOf(const edr::Event& event) const {
+  return !process_globs_.empty() && MatchesProcess(event);
+}
+
 bool Filter::Matches(const edr::Event& event, Ends ends) const {
   return MatchesObject(event, ends) && MatchesUser(event) && MatchesTime(event) && MatchesProcess(event);
 }

@@ -38,9 +38,12 @@ class Filter {
   [[nodiscard]] Filter ForPath(const std::string& rule_path) const;
 
   // Whether every test that the filter has holds. A rename has two paths: an inclusion filter is content with either of
-  // them, an exclusion filter wants both, so that a file which is moved to a watched name is reported.
+  // them, an exclusion filter wants both, so that a file which is moved to a watched name is reported. A program that
+  // only has the name of the one that is meant is not excluded by it.
   [[nodiscard]] bool Includes(const edr::Event& event) const { return Matches(event, Ends::Either); }
-  [[nodiscard]] bool Excludes(const edr::Event& event) const { return Matches(event, Ends::Both); }
+  [[nodiscard]] bool Excludes(const edr::Event& event) const;
+  // Whether the filter tests the process, and that test holds.
+  [[nodiscard]] bool NamesProgramOf(const edr::Event& event) const;
 
  private:
   enum class Ends : std::uint8_t { Either, Both };  // of a rename

@@ -29,7 +29,8 @@ class FakeRule final : public edr::EventRule {
         path_error(std::move(other.path_error)),
         type(other.type),
         types(std::move(other.types)),
-        directory_types(std::move(other.directory_types)) {}
+        directory_types(std::move(other.directory_types)),
+        trusts_programs(other.trusts_programs) {}
 
   std::string id, path;
   std::string name;        // the id when empty
@@ -37,6 +38,7 @@ class FakeRule final : public edr::EventRule {
   edr::ObjectType type;
   edr::EventTypes types;
   edr::EventTypes directory_types;  // of a directory rule, beside its file actions
+  bool trusts_programs = false;
 
   [[nodiscard]] const edr::EventTypes& GetDirectoryActions() const override {
     return Actions(edr::ObjectType::Directory, directory_types);
@@ -58,6 +60,7 @@ class FakeRule final : public edr::EventRule {
   }
   [[nodiscard]] edr::ObjectType GetType() const override { return type; }
   [[nodiscard]] edr::MatchResult Match(const edr::Event&) const override { return edr::MatchResult::Matched; }
+  [[nodiscard]] bool TrustsProgramOf(const edr::Event&) const override { return trusts_programs; }
 
  private:
   [[nodiscard]] const edr::EventTypes& Actions(edr::ObjectType wanted, const edr::EventTypes& answer) const {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "common/src/util/Log.h"
+#include "src/audit/routing/ProgramLook.h"
 #include "src/audit/rules/AuditSocket.h"
 #include "src/audit/rules/BacklogLimit.h"
 
@@ -33,6 +34,7 @@ RuleEngine::RuleEngine(AuditNetlink& netlink, Settings settings, IntakeCounters&
       file_context_(std::move(settings.file_context)),
       look_at_paths_(std::move(settings.look_at_paths)),
       look_at_(std::move(settings.look_at)),
+      proc_root_(settings.proc_root),
       true_paths_(file_context_ ? file_context_->folders : nullptr, file_context_ ? file_context_->mounts : nullptr),
       processes_(
           clock, counters, [this](const edr::Event& event) { return IsContainerProcess(event); }, settings.proc_root),
@@ -137,8 +139,23 @@ void RuleEngine::ProcessEvent(std::unique_ptr<edr::Event> event) {
   RouteFoundObjects();
   if (!FollowKernelsRules(*event)) return;
   CorrectPaths(*event);
+  NoteDisguise(*event);
   FollowFolders(*event);
   router_.Process(std::move(event));
+}
+
+// When the event has rested the process may be gone.
+void RuleEngine::NoteDisguise(edr::Event& event) {
+  if (event.GetObjectType() != edr::ObjectType::File && event.GetObjectType() != edr::ObjectType::Directory) return;
+  std::vector<internal::RuleTable::Rule> rules;
+  {
+    const std::lock_guard lock(mutex_);
+    rules = rules_.Table().RulesOf(rules_.Table().FindFor(event));
+    for (auto& rule : rules_.Table().RulesOfAuditKey(event.GetAuditKey())) rules.push_back(std::move(rule));
+  }
+  const bool is_trusted =
+      std::any_of(rules.begin(), rules.end(), [&](const auto& rule) { return rule->TrustsProgramOf(event); });
+  if (is_trusted && internal::IsImageProvedAnotherFile(event, proc_root_)) event.SetImageDisguised();
 }
 
 bool RuleEngine::OnIdle() {

@@ -116,6 +116,8 @@ class RuleEngine final : public edr::EventRuleEngine {
   // known to none. What no path leads to is left to the audit key, with the true path where that is known.
   void CorrectPaths(edr::Event& event);
   [[nodiscard]] bool HasRuleAt(const std::string& path);
+  // Event thread. Looks at the program of the event's process, where a rule would believe its name.
+  void NoteDisguise(edr::Event& event);
   // Event thread. Where the path of an event leads to rules of other folders than the one that the kernel has told of
   // with its key, by a link in one of them: the event under its path in the kernel's folder, for that one's rules. Null
   // when the path leads to the rule that the key names, or no path is known that does.
@@ -146,6 +148,7 @@ class RuleEngine final : public edr::EventRuleEngine {
   const std::function<void()> look_at_paths_;
   const std::function<internal::Sight(const internal::WatchedPlace&)> look_at_;
   std::atomic<bool> has_paths_{false};
+  const std::string proc_root_;
   std::vector<std::unique_ptr<edr::Event>> found_objects_;  // with the mutex; for the event thread
   internal::TruePaths true_paths_;
   internal::ProcessModel processes_;  // event thread

@@ -346,6 +346,22 @@ TEST(EventRuleTest, ExclusionFiltersHoldBackWhatOneOfThemMatches) {
   EXPECT_TRUE(log.Has(Poco::Message::PRIO_DEBUG, "Exclusion filters not matched"));
 }
 
+TEST(EventRuleTest, OnlyAnExclusionByTheEventsProcessTrustsItsName) {
+  RuleText rule;
+  FakeEvent event = Event(EventType::Write, "/etc/passwd");
+  event.image = common::ImageInfo("/usr/bin/apt-get");
+  EXPECT_FALSE(rule.Make().TrustsProgramOf(event));
+  rule.more = R"(,"exclusionFilters":[{"objectType":"file","patterns":["*"]}])";
+  EXPECT_FALSE(rule.Make().TrustsProgramOf(event));
+  rule.more = R"(,"exclusionFilters":[{"actorUsername":["x"]},{"actorProcess":["apt-get"]}])";
+  EXPECT_TRUE(rule.Make().TrustsProgramOf(event));
+  event.image = common::ImageInfo("/usr/bin/vi");
+  EXPECT_FALSE(rule.Make().TrustsProgramOf(event));
+  event.image = common::ImageInfo("/usr/bin/apt-get");
+  rule.more += R"(,"inclusionFilters":[{"actorProcess":["apt-get"]}])";
+  EXPECT_FALSE(rule.Make().TrustsProgramOf(event)) << "the exclusion is not looked at";
+}
+
 TEST(EventRuleTest, AnAtomicReplacementOfAWatchedFileIsReported) {
   RuleText rule;
   rule.more = R"(,"inclusionFilters":[{"objectType":"file","patterns":["passwd"]}])";

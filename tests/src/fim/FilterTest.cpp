@@ -142,6 +142,18 @@ TEST(FilterTest, ProcessesAreMatchedByImagePathAndABareNameInAnyFolder) {
   EXPECT_FALSE(filter.Includes(event));
 }
 
+TEST(FilterTest, AProgramInDisguiseIsNotExcludedByItsName) {
+  const Filter by_process = MakeFilter(R"({"objectType":"file","patterns":["*"],"actorProcess":["apt-get"]})");
+  const Filter by_path = MakeFilter(R"({"objectType":"file","patterns":["*"]})");
+  FakeEvent event = FileEvent("/etc/passwd");
+  event.image = common::ImageInfo("/usr/bin/apt-get");
+  EXPECT_TRUE(by_process.Excludes(event));
+  event.SetImageDisguised();
+  EXPECT_FALSE(by_process.Excludes(event));
+  EXPECT_TRUE(by_process.Includes(event)) << "an inclusion hides nothing";
+  EXPECT_TRUE(by_path.Excludes(event)) << "the name of the program has no part in it";
+}
+
 TEST(FilterTest, TheTimeSpanIsUtcAndIncludesBothEnds) {
   const Filter filter = MakeFilter(R"({"timespanStart":"08:30:00","timespanEnd":"17:00:30"})");
   EXPECT_FALSE(filter.Includes(EventAt(8, 29, 59)));

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <thread>
@@ -55,6 +56,45 @@ TEST_F(RuleEngineRoutingTest, DeliversAFileEventAfterItsRest) {
   clock_.Advance(1s);
   engine_->OnIdle();
   EXPECT_EQ(heard_, (Ids{"FIM a,:1"}));
+}
+
+TEST_F(RuleEngineRoutingTest, LooksAtAProgramWhoseNameARuleTrustsWhenItsEventComesIn) {
+  std::vector<bool> disguised;
+  engine_->RegisterEventHandlers(
+      "FIM", [&](const Ids&, const edr::Event& event) { disguised.push_back(event.IsImageDisguised()); }, [] {});
+  const std::string program = folder_.Write("updater", "the real one");
+  const std::string jail = folder_ / "jail";
+  std::filesystem::create_directories(jail + folder_.Path());
+  folder_.Write("jail" + program, "an impostor");
+  FakeRule rule("a", ObjectType::Directory, folder_.Path(), {EventType::Write});
+  rule.trusts_programs = true;
+  const auto write_as = [&](std::int32_t pid) {
+    auto event = std::make_unique<FakeEvent>(EventType::Write, "Write", folder_ / "file");
+    event->pid = pid;
+    event->image = common::ImageInfo(program);
+    engine_->ProcessEvent(std::move(event));
+  };
+  processes_.Start(500, 30, program);
+  processes_.Start(501, 31, jail + program);
+  std::filesystem::create_symlink(jail, processes_.Root() + "/501/root");
+
+  engine_->AddRules("FIM", {std::make_shared<const FakeRule>(std::move(rule))});
+  write_as(500);
+  write_as(501);
+  processes_.End(501);  // before its event has rested
+  clock_.Advance(31s);
+  engine_->OnIdle();
+  engine_->OnIdle();
+  EXPECT_EQ(disguised, (std::vector<bool>{false, true}));
+
+  disguised.clear();
+  engine_->AddRules("FIM", {Watch("a")});
+  processes_.Start(501, 31, jail + program);
+  std::filesystem::create_symlink(jail, processes_.Root() + "/501/root");
+  write_as(501);
+  clock_.Advance(31s);
+  engine_->OnIdle();
+  EXPECT_EQ(disguised, std::vector<bool>{false}) << "no rule trusts the name: nobody looks";
 }
 
 TEST_F(RuleEngineRoutingTest, SaysWhetherMoreIsDueAndDeliversTheRestAtTheEnd) {
