@@ -50,29 +50,46 @@ void Baseline::Load() {
   }
 }
 
-bool Baseline::Wants(const std::string& path) {
+bool Baseline::Begin(const std::string& path) {
   const std::lock_guard lock(mutex_);
   if (paths_.count(path) != 0) return false;
-  if (HasRoomFor(path)) return true;
+  if (HasRoomFor(path)) {
+    Remember(path);
+    return true;
+  }
   WarnOnceADay();
   return false;
 }
 
-void Baseline::Add(const std::string& path, const std::string& content_status) {
+void Baseline::NoteSpooled(const std::string& path, const std::string& content_status) {
   const std::lock_guard lock(mutex_);
-  if (paths_.count(path) != 0 || !HasRoomFor(path)) return;
-  Remember(path);
+  spooled_.push_back({path, content_status});
+}
+
+void Baseline::GiveUp(const std::string& path) {
+  const std::lock_guard lock(mutex_);
+  if (paths_.erase(path) != 0) path_bytes_ -= path.size();
+}
+
+void Baseline::KeepFiled() {
+  const std::lock_guard lock(mutex_);
+  if (spooled_.empty()) return;
+  const std::vector<SpooledFile> files = std::exchange(spooled_, {});
   try {
     if (storage_ == nullptr) Open();
-    WriteRow(path, content_status);
+    WriteRows(files);
+    ZLOG_DEBUG("Baseline: Remembered " << files.size() << " files");
   } catch (const std::exception& error) {
-    ZLOG_ERROR("Baseline: Failed to remember " << path << ": " << error.what());
+    ZLOG_ERROR("Baseline: Failed to remember " << files.size() << " files, the first of them " << files.front().path
+                                               << ": " << error.what());
   }
 }
 
-void Baseline::WriteRow(const std::string& path, const std::string& content_status) {
+void Baseline::WriteRows(const std::vector<SpooledFile>& files) {
   const auto write = [&] {
-    storage_->Write(BaselineEventSqlDataFormatter::kTable, path, storage_->MakeRow(path, content_status));
+    common::SqlStorage::Rows rows;
+    for (const auto& [path, status] : files) rows.emplace_back(path, storage_->MakeRow(path, status));
+    storage_->Write(BaselineEventSqlDataFormatter::kTable, rows);
   };
   try {
     write();

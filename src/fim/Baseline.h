@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <unordered_set>
+#include <vector>
 
 #include "common/src/storage/SqlStorage.h"
 #include "common/src/util/Clock.h"
@@ -15,13 +16,16 @@ namespace zagent::fim::internal {
 // Which files have had their baseline: a set in memory in front of a table on disk, so that a file has one baseline
 // over restarts and kills. A question costs one look into memory, whatever the number of files.
 //
+// A baseline is on its way from Begin on. It is in the table once its document is in a file of the spool: a kill in
+// between takes both, and the next run takes the baseline again.
+//
 // Bounds: 200,000 paths and 64 MiB of them. Beyond that no path is taken any more, with one warning a day.
 //
 // The database is "BaselineEvents.db" of `directory` (mode 0600). One that is damaged, when it is opened or later, is
-// set aside ("BaselineEvents.db.damaged") and begun anew: a second baseline is better than none. A row that cannot be
-// written costs a second baseline after the next start.
+// set aside ("BaselineEvents.db.damaged") and begun anew: a second baseline is better than none. Rows that cannot be
+// written cost a second baseline after the next start.
 //
-// Thread-safe. The mutex is held while a row is written, which waits for the disk.
+// Thread-safe. The mutex is held while rows are written, which waits for the disk.
 class Baseline {
  public:
   static constexpr const char* kFileName = "BaselineEvents.db";
@@ -38,19 +42,30 @@ class Baseline {
   Baseline& operator=(const Baseline&) = delete;
   ~Baseline() = default;
 
-  // Whether a baseline of the file is to be taken: false for one that is known, and for all that come at the bound.
-  [[nodiscard]] bool Wants(const std::string& path);
-  // The file has its baseline now, whose content was read with this outcome.
-  void Add(const std::string& path, const std::string& content_status);
+  // Whether a baseline of the file is to be taken: false for one that is known or on its way, and for all that come at
+  // the bound. What is to be taken is on its way from now on, until KeepFiled or GiveUp.
+  [[nodiscard]] bool Begin(const std::string& path);
+  // The spool holds the baseline of the file, whose content was read with this outcome.
+  void NoteSpooled(const std::string& path, const std::string& content_status);
+  // There is no baseline of the file: the next event wants one.
+  void GiveUp(const std::string& path);
+  // What NoteSpooled was told of so far is in files of the spool.
+  void KeepFiled();
 
+  // Files that are known, or whose baseline is on its way.
   [[nodiscard]] std::size_t GetSize() const;
 
  private:
+  struct SpooledFile {
+    std::string path;
+    std::string content_status;
+  };
+
   // With mutex_ held, or before anybody else knows the object:
   void Open();
   void Load();
   void BeginAnew(const std::string& reason);
-  void WriteRow(const std::string& path, const std::string& content_status);
+  void WriteRows(const std::vector<SpooledFile>& files);
   void Remember(std::string path);
   [[nodiscard]] bool HasRoomFor(const std::string& path) const;
   void WarnOnceADay();
@@ -60,8 +75,9 @@ class Baseline {
   const Bounds bounds_;
   mutable std::mutex mutex_;
   std::unique_ptr<common::SqlStorage> storage_;  // null once a damaged one could not be replaced
-  std::unordered_set<std::string> paths_;
+  std::unordered_set<std::string> paths_;        // known, or on their way
   std::size_t path_bytes_ = 0;
+  std::vector<SpooledFile> spooled_;  // no more than the spool's cache holds
   std::optional<common::util::Clock::SteadyTime> warned_;
 };
 

@@ -63,17 +63,20 @@ Component::Component(std::chrono::system_clock::time_point /*start_time*/, std::
                      std::unique_ptr<common::Uploader> uploader, edr::EventRuleEngine& engine,
                      std::uint64_t /*cpu_limit*/, std::uint64_t /*memory_limit*/,
                      std::unique_ptr<const common::BlackoutManager> quiet_hours, health::HealthReporter& health,
-                     const std::string& base_directory, common::util::Clock& clock)
+                     const std::string& base_directory, std::shared_ptr<common::util::DigestCache> digests,
+                     common::util::Clock& clock)
     : config_(NotNull(std::move(config), "FimComponent: 'config' cannot be null")),
       quiet_hours_(std::move(quiet_hours)),
       scheduler_(scheduler),
       clock_(clock),
-      health_(health, health::ComponentHealth::Kind::Fim) {
+      health_(health, health::ComponentHealth::Kind::Fim),
+      digests_(digests != nullptr ? std::move(digests) : std::make_shared<common::util::DigestCache>(clock)) {
   uploader = NotNull(std::move(uploader), "FimComponent: 'uploader' cannot be null");
   enabled_ = !config_->GetManifests().empty();
   storage_ = OpenSpool(*config_, base_directory, scheduler, clock);
   baseline_ = std::make_unique<internal::Baseline>(WorkingDirectory(base_directory), clock);
-  processor_ = std::make_unique<internal::EventProcessor>(rules_, *storage_, *baseline_, health_, clock);
+  storage_->SetFiledCallback([this] { baseline_->KeepFiled(); });
+  processor_ = std::make_unique<internal::EventProcessor>(rules_, *storage_, *baseline_, *digests_, health_, clock);
   manager_ = std::make_unique<internal::EventRuleManager>(
       *config_, engine, rules_, health_,
       [processor = processor_.get()](const std::vector<std::string>& rule_ids, const edr::Event& event) {

@@ -10,6 +10,7 @@
 #include "common/src/tasks/BlackoutManager.h"
 #include "common/src/tasks/Scheduler.h"
 #include "common/src/util/Clock.h"
+#include "common/src/util/DigestCache.h"
 #include "common/src/util/Json.h"
 #include "src/edr/EventRuleEngine.h"
 #include "src/edr/LibMagicWrapper.h"
@@ -38,7 +39,8 @@ class Component {
   // created (mode 0700). The baseline's database always lies in "<base_directory>/fim/". `scheduler`, `engine`,
   // `health` and `clock` outlive the component.
   //
-  // `quiet_hours` may be null: uploads keep to the intervals alone then.
+  // `quiet_hours` may be null: uploads keep to the intervals alone then. `digests` is the cache that the events have;
+  // null: one of the component's own.
   //
   // Throws std::invalid_argument for a null `config` or `uploader`, and what a step throws: a folder, a spool or a
   // baseline database that cannot be made. Nothing stays behind then. A rule engine that cannot reach the kernel is
@@ -48,6 +50,7 @@ class Component {
             std::unique_ptr<common::Uploader> uploader, edr::EventRuleEngine& engine, std::uint64_t cpu_limit,
             std::uint64_t memory_limit, std::unique_ptr<const common::BlackoutManager> quiet_hours,
             health::HealthReporter& health, const std::string& base_directory,
+            std::shared_ptr<common::util::DigestCache> digests = nullptr,
             common::util::Clock& clock = common::util::Clock::Real());
   Component(const Component&) = delete;
   Component& operator=(const Component&) = delete;
@@ -75,9 +78,10 @@ class Component {
   common::Scheduler& scheduler_;
   common::util::Clock& clock_;
   const health::ComponentHealth health_;
+  const std::shared_ptr<common::util::DigestCache> digests_;
+  std::unique_ptr<internal::Baseline> baseline_;  // the storage tells it of its last file
   std::unique_ptr<common::SpoolStorage> storage_;
   internal::RuleTable rules_;
-  std::unique_ptr<internal::Baseline> baseline_;
   std::unique_ptr<internal::EventProcessor> processor_;
   std::unique_ptr<internal::EventRuleManager> manager_;
   std::shared_ptr<internal::UploadSchedule> upload_schedule_;

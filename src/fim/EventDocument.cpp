@@ -72,7 +72,7 @@ class DocumentWriter {
     WriteSecuritySettings();
     WriteOperation();
     WriteSize();
-    if (parts.collect_hashes) WriteHash();
+    if (parts.collect_hashes) WriteHash(parts.pace);
     if (parts.content) WriteContent(*parts.content);
     WritePathBytes();
     writer_.EndObject();
@@ -157,16 +157,17 @@ class DocumentWriter {
     Object("size", [&] { Member("new", [&] { return SizeText(size); }); });
   }
 
-  void WriteHash() {
+  void WriteHash(DigestPace* pace) {
     // Only files have a digest.
     if (event_.GetObjectType() != edr::ObjectType::File ||
         !IsOneOf(event_.GetType(),
                  {EventType::Create, EventType::Delete, EventType::Write, EventType::Rename, EventType::Baseline})) {
       return;
     }
+    if (pace != nullptr && !pace->Admits(PathOnDisk())) return;
     std::string digest;
     Answered("fileContentHash", [&] {
-      digest = Digest();
+      digest = Digest(pace);
       if (!digest.empty()) ZLOG_DEBUG("PATH: " << Path(event_.GetFile()) << " SHA256: " << digest);
     });
     if (digest.empty()) return;
@@ -174,9 +175,16 @@ class DocumentWriter {
   }
 
   // A baseline is of the file as it was looked at, and no event of audit stands behind it.
-  std::string Digest() const {
-    if (event_.GetType() == EventType::Baseline && event_.GetFile() != nullptr) return event_.GetFile()->GetDigest();
+  std::string Digest(const DigestPace* pace) const {
+    if (event_.GetType() == EventType::Baseline && event_.GetFile() != nullptr) {
+      return event_.GetFile()->GetDigest(pace != nullptr ? &pace->Cache() : nullptr);
+    }
     return HexText(event_.GetFileContentHash(edr::ContentHash::Sha256));
+  }
+
+  std::string PathOnDisk() const {
+    const common::ImageInfo* file = event_.GetType() == EventType::Rename ? event_.GetNewFile() : event_.GetFile();
+    return file != nullptr ? file->GetPath() : "";
   }
 
   void WriteContent(const FileContent& content) {

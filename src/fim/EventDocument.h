@@ -6,6 +6,7 @@
 
 #include "src/edr/Event.h"
 #include "src/fim/ContentReader.h"
+#include "src/fim/DigestPace.h"
 
 namespace zagent::fim::internal {
 
@@ -16,6 +17,8 @@ struct EventDocumentParts {
   bool collect_hashes = false;
   // Members `fileContent` and `contentStatus`, when present.
   std::optional<FileContent> content;
+  // Says whether a digest may be computed now. Null: always, and that of a baseline without a cache.
+  DigestPace* pace = nullptr;
 };
 
 // The JSON text of one reported event; docs/EVENTS.md tells every member.

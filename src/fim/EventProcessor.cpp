@@ -8,6 +8,7 @@
 #include "common/src/util/Log.h"
 #include "src/edr/process/ImageInfo.h"
 #include "src/fim/BaselineEventInfo.h"
+#include "src/fim/ContentReader.h"
 #include "src/fim/EventDocument.h"
 #include "src/fim/LogPrefix.h"
 
@@ -47,9 +48,14 @@ void TellOfRefused(const health::ComponentHealth& health, const std::string& rea
   health.CountRefused();
 }
 
-void OnWritten(const health::ComponentHealth& health, const common::StorageResult* result) {
-  // A code without the document tells of what the spool held before it, and the spool has told the log.
-  if (result == nullptr || (result->code != common::StorageCode::Success && !result->data.empty())) {
+// Whether the spool has taken the document. A code without the document tells of what the spool held before it, and the
+// spool has told the log.
+bool IsTaken(const common::StorageResult* result) {
+  return result != nullptr && (result->code == common::StorageCode::Success || result->data.empty());
+}
+
+void TellOfWritten(const health::ComponentHealth& health, const common::StorageResult* result) {
+  if (!IsTaken(result)) {
     TellOfRefused(health, "");
   } else if (result->code == common::StorageCode::Success) {
     ZLOG_DEBUG("Event json written to disc successfully");
@@ -59,8 +65,9 @@ void OnWritten(const health::ComponentHealth& health, const common::StorageResul
 }  // namespace
 
 EventProcessor::EventProcessor(const RuleTable& rules, common::Storage& storage, Baseline& baseline,
-                               const health::ComponentHealth& health, const common::util::Clock& clock)
-    : rules_(rules), storage_(storage), baseline_(baseline), health_(health), clock_(clock) {}
+                               common::util::DigestCache& digests, const health::ComponentHealth& health,
+                               const common::util::Clock& clock)
+    : rules_(rules), storage_(storage), baseline_(baseline), health_(health), clock_(clock), pace_(digests, clock) {}
 
 EventProcessor::~EventProcessor() {
   ZLOG_INFO("Destroying EventProcessor");
@@ -117,19 +124,29 @@ void EventProcessor::TakeBaselines(const MatchedRules& rules, const edr::Event& 
 
 void EventProcessor::TakeBaseline(const std::shared_ptr<const EventRule>& rule, std::uint32_t event_id,
                                   const std::string& path) {
-  if (!baseline_.Wants(path)) return;
-  const BaselineEventInfo baseline(event_id, edr::EventType::Baseline, path, clock_);
-  // Only what is on its way is remembered: the next event of the file tries again.
-  if (WriteJsonDoc({rule}, baseline)) baseline_.Add(path, baseline.GetFileReadStatus());
+  if (!baseline_.Begin(path)) return;
+  try {
+    const BaselineEventInfo baseline(event_id, edr::EventType::Baseline, path, clock_);
+    // The answer may come when the processor has gone.
+    const bool queued = WriteJsonDoc({rule}, baseline,
+                                     [&known = baseline_, path, status = baseline.GetFileReadStatus()](bool is_taken) {
+                                       is_taken ? known.NoteSpooled(path, status) : known.GiveUp(path);
+                                     });
+    if (!queued) baseline_.GiveUp(path);
+  } catch (...) {
+    baseline_.GiveUp(path);
+    throw;
+  }
 }
 
-bool EventProcessor::WriteJsonDoc(const MatchedRules& rules, const edr::Event& event) {
+bool EventProcessor::WriteJsonDoc(const MatchedRules& rules, const edr::Event& event, const OnSpooled& on_spooled) {
   EventDocumentParts parts;
   parts.associated_rules = ReportIds(rules);
   parts.collect_hashes = rules_.CollectsHashes();
   parts.content = ContentOf(rules, event);
+  parts.pace = &pace_;
   try {
-    QueueToStorage(BuildEventDocument(event, parts));
+    QueueToStorage(BuildEventDocument(event, parts), on_spooled);
     return true;
   } catch (const common::StorageException& error) {
     if (!parts.content || parts.content->bytes.empty()) {
@@ -140,7 +157,7 @@ bool EventProcessor::WriteJsonDoc(const MatchedRules& rules, const edr::Event& e
   // The content made the document larger than a spool file may be: the event itself must not be lost with it.
   parts.content = FileContent{FileContent::kMaxSizeLimitReached, {}};
   try {
-    QueueToStorage(BuildEventDocument(event, parts));
+    QueueToStorage(BuildEventDocument(event, parts), on_spooled);
     return true;
   } catch (const common::StorageException& error) {
     TellOfRefused(health_, error.what());
@@ -148,11 +165,12 @@ bool EventProcessor::WriteJsonDoc(const MatchedRules& rules, const edr::Event& e
   }
 }
 
-void EventProcessor::QueueToStorage(const std::string& document) {
-  // The answer may come when the processor has gone.
-  storage_.WriteAsync(
-      common::Bytes(document.begin(), document.end()),
-      [&health = health_](std::unique_ptr<common::StorageResult> result) { OnWritten(health, result.get()); });
+void EventProcessor::QueueToStorage(const std::string& document, const OnSpooled& on_spooled) {
+  storage_.WriteAsync(common::Bytes(document.begin(), document.end()),
+                      [&health = health_, on_spooled](std::unique_ptr<common::StorageResult> result) {
+                        TellOfWritten(health, result.get());
+                        if (on_spooled) on_spooled(IsTaken(result.get()));
+                      });
 }
 
 }  // namespace zagent::fim::internal

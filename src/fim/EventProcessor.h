@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -9,7 +10,7 @@
 #include "common/src/util/Clock.h"
 #include "src/edr/Event.h"
 #include "src/fim/Baseline.h"
-#include "src/fim/ContentReader.h"
+#include "src/fim/DigestPace.h"
 #include "src/fim/RuleTable.h"
 #include "src/health/ComponentHealth.h"
 
@@ -21,9 +22,11 @@ namespace zagent::fim::internal {
 // PostProcess is the handler that the rule engine calls, on its event thread. What it throws costs that one event.
 class EventProcessor {
  public:
-  // All outlive the processor; the first two and `health` also its storage's last answer.
+  // `digests` is the cache of the events. All outlive the processor; `baseline` and `health` also its storage's last
+  // answer.
   EventProcessor(const RuleTable& rules, common::Storage& storage, Baseline& baseline,
-                 const health::ComponentHealth& health, const common::util::Clock& clock = common::util::Clock::Real());
+                 common::util::DigestCache& digests, const health::ComponentHealth& health,
+                 const common::util::Clock& clock = common::util::Clock::Real());
   EventProcessor(const EventProcessor&) = delete;
   EventProcessor& operator=(const EventProcessor&) = delete;
   ~EventProcessor();
@@ -34,20 +37,23 @@ class EventProcessor {
 
  private:
   using MatchedRules = std::vector<std::shared_ptr<const EventRule>>;
+  // The storage's answer, on any thread, when the processor may have gone. May be empty.
+  using OnSpooled = std::function<void(bool is_taken)>;
 
   [[nodiscard]] MatchedRules FindRules(const std::vector<std::string>& rule_ids) const;
   [[nodiscard]] MatchedRules FindMatchingRules(const std::vector<std::string>& rule_ids, const edr::Event& event) const;
   void TakeBaselines(const MatchedRules& rules, const edr::Event& event);
   void TakeBaseline(const std::shared_ptr<const EventRule>& rule, std::uint32_t event_id, const std::string& path);
-  // False when the storage has refused the document.
-  bool WriteJsonDoc(const MatchedRules& rules, const edr::Event& event);
-  void QueueToStorage(const std::string& document);
+  // False when the storage has refused the document at once: `on_spooled` is not called then.
+  bool WriteJsonDoc(const MatchedRules& rules, const edr::Event& event, const OnSpooled& on_spooled = {});
+  void QueueToStorage(const std::string& document, const OnSpooled& on_spooled);
 
   const RuleTable& rules_;
   common::Storage& storage_;
   Baseline& baseline_;
   const health::ComponentHealth& health_;
   const common::util::Clock& clock_;
+  DigestPace pace_;
 };
 
 }  // namespace zagent::fim::internal

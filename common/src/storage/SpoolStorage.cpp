@@ -144,6 +144,10 @@ std::unique_ptr<StorageResult> SpoolStorage::Append(Bytes, std::unique_ptr<Stora
   throw StorageException("SpoolStorage::Write is not implemented");
 }
 
+void SpoolStorage::SetFiledCallback(std::function<void()> callback) {
+  worker_->SetFiledCallback(std::move(callback));
+}
+
 void SpoolStorage::Update(const Limits& limits) {
   if (limits.max_disk_size_mib == 0) {
     ZLOG_WARNING("SpoolStorage::Update: Ignoring invalid max disk size setting");

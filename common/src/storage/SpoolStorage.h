@@ -69,6 +69,10 @@ class SpoolStorage final : public Storage {
   std::unique_ptr<StorageResult> Append(Bytes data, std::unique_ptr<StorageResult> previous) override;
   void WriteAsync(Bytes data, ResultCallback callback) override;
 
+  // Called on the schedule's thread, or by the destructor, whenever the cache has become a file: every item whose write
+  // was answered with success before is in a file then. To be set before the first write.
+  void SetFiledCallback(std::function<void()> callback);
+
   // New limits, applied as a task; a value of 0 is ignored with a warning. Never refused: limits that come while
   // others wait join them.
   void Update(const Limits& limits);

@@ -99,6 +99,7 @@ std::unique_ptr<StorageResult> SpoolWorker::FlushDataCache() {
 
 std::unique_ptr<StorageResult> SpoolWorker::StoreUnwritten() {
   auto result = files_.Store(unwritten_);
+  if (filed_ && result->code == StorageCode::Success && formatter_->Size() == 0) filed_();
   result->has_free_space = HasFreeSpace();
   return result;
 }

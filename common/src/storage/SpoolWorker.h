@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <utility>
 
 #include "common/src/storage/DataFormatter.h"
 #include "common/src/storage/SpoolFiles.h"
@@ -21,6 +22,9 @@ class SpoolWorker {
   // `schedule_sync` is called with the seconds after which Sync is wanted.
   SpoolWorker(std::unique_ptr<DataFormatter> formatter, SpoolDirectory directory, SpoolLimits& limits,
               std::function<void(std::uint64_t)> schedule_sync, FileCalls& calls = FileCalls::Real());
+
+  // Called when all that was in the cache has become a file.
+  void SetFiledCallback(std::function<void()> callback) { filed_ = std::move(callback); }
 
   // Takes one item into the cache, which becomes a file first when the item would make it larger than one file.
   // The result is that of the file, if there was one.
@@ -53,6 +57,7 @@ class SpoolWorker {
   const std::unique_ptr<DataFormatter> formatter_;
   SpoolLimits& limits_;
   const std::function<void(std::uint64_t)> schedule_sync_;
+  std::function<void()> filed_;
   SpoolFiles files_;
   // The payload of a flush that failed: it is tried again before the next one, so there is never more than one.
   Bytes unwritten_;

@@ -113,6 +113,7 @@ void Daemon::RunLogged() {
 
 audit::internal::FileContext Daemon::MakeFileContext() const {
   return {.lib_magic = lib_magic_,
+          .digests = digests_,
           .folders = folders_,
           .mounts = mounts_,
           .extended_coverage = edr_config_->HasExtendedCoverage()};
@@ -122,6 +123,7 @@ void Daemon::BuildEngine() {
   start_time_ = std::chrono::system_clock::now();
   // Without MAGIC_ERROR a missing file "identifies" as the text of the error.
   lib_magic_ = std::make_shared<LibMagicWrapper>(LibMagicWrapper::kDefaultDatabase, MAGIC_ERROR);
+  digests_ = std::make_shared<common::util::DigestCache>();
   folders_ = std::make_shared<audit::internal::FolderIdentities>();
   mounts_ = std::make_shared<audit::internal::MountTable>();
   folder_scan_ = std::make_unique<audit::internal::FolderScan>(*folders_, *mounts_);
@@ -187,7 +189,7 @@ void Daemon::BuildFim() {
     fim_ = std::make_unique<fim::Component>(start_time_, std::move(fim_config_), lib_magic_, *scheduler_,
                                             std::move(uploader), *rule_engine_, edr_config_->GetCpuLimit(),
                                             edr_config_->GetMemoryLimit(), std::move(quiet_hours), health_->Reporter(),
-                                            WithSlash(common_config_->GetAgentInstallPath()));
+                                            WithSlash(common_config_->GetAgentInstallPath()), digests_);
   } catch (const std::exception& error) {
     ZLOG_ERROR("Failed to start file integrity monitoring, going on without it: " << error.what());
     health::ComponentHealth(health_->Reporter(), health::ComponentHealth::Kind::Fim).Failed(error.what());

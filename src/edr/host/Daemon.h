@@ -114,6 +114,7 @@ class Daemon final : private CommandTarget {
   std::unique_ptr<audit::IOChannel> audit_channel_;
   std::chrono::system_clock::time_point start_time_;  // of the sensor: what it tells of itself is as old
   std::shared_ptr<LibMagicWrapper> lib_magic_;
+  std::shared_ptr<common::util::DigestCache> digests_;  // of events and baselines alike
   std::shared_ptr<audit::internal::FolderIdentities> folders_;
   std::shared_ptr<audit::internal::MountTable> mounts_;
   std::unique_ptr<audit::internal::FolderScan> folder_scan_;   // fills folders_; the rule engine tells it what for

@@ -53,10 +53,11 @@ const std::string& ImageInfo::GetText() const {
   return rare != nullptr ? rare->text : kNone;
 }
 
-const std::string& ImageInfo::GetDigest() const {
+const std::string& ImageInfo::GetDigest(util::DigestCache* cache) const {
   std::string& digest = rare_.Get().digest;
   if (digest.empty()) {
-    const util::HashGenerator generator(path_, device_, inode_, util::HashKind::Sha256);
+    const util::HashGenerator generator(path_, device_, inode_,
+                                        cache != nullptr ? util::HashKind::All : util::HashKind::Sha256, cache);
     const std::vector<unsigned char>& bytes = generator.GetSha256();
     digest = util::ToHex({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
   }

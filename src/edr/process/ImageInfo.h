@@ -6,6 +6,7 @@
 #include <string>
 
 #include "common/src/util/DeepPtr.h"
+#include "common/src/util/DigestCache.h"
 
 namespace zagent::common {
 
@@ -32,8 +33,9 @@ class ImageInfo {
   [[nodiscard]] std::uint32_t GetOwnerId() const { return owner_id_; }
   [[nodiscard]] const std::string& GetText() const;
   // SHA-256 of the file's content in lowercase hexadecimal, on demand: computed at the first question and only while
-  // the file at the path is still this one. Throws common::util::HashGeneratorException when there is none.
-  [[nodiscard]] const std::string& GetDigest() const;
+  // the file at the path is still this one. With the cache of those who want all digests of a file, it is read once for
+  // all of them. Throws common::util::HashGeneratorException when there is none.
+  [[nodiscard]] const std::string& GetDigest(util::DigestCache* cache = nullptr) const;
   [[nodiscard]] std::int64_t GetModificationTime() const { return modification_time_; }  // seconds
   [[nodiscard]] std::int64_t GetAccessTime() const { return access_time_; }              // seconds
   [[nodiscard]] std::int64_t GetChangeTime() const { return change_time_; }              // seconds

@@ -21,6 +21,19 @@ class BaselineTest : public testing::Test {
   std::unique_ptr<Baseline> Open(Baseline::Bounds bounds = {}) {
     return std::make_unique<Baseline>(folder_ / "fim", clock_, bounds);
   }
+  // A baseline of the file is taken, spooled and filed. False when none is wanted.
+  static bool Take(Baseline& baseline, const std::string& path) {
+    if (!baseline.Begin(path)) return false;
+    baseline.NoteSpooled(path, "READ_SUCCESSFUL");
+    baseline.KeepFiled();
+    return true;
+  }
+  // Whether a baseline of the file is wanted, which stays as it is.
+  static bool Wants(Baseline& baseline, const std::string& path) {
+    if (!baseline.Begin(path)) return false;
+    baseline.GiveUp(path);
+    return true;
+  }
   std::string Database() { return folder_ / "fim/BaselineEvents.db"; }
   // What a kill leaves: the files as they are while the baseline is still open.
   void CopyToNewFolder() { std::filesystem::copy(folder_ / "fim", folder_ / "after"); }
@@ -47,13 +60,50 @@ class BaselineTest : public testing::Test {
 
 TEST_F(BaselineTest, AFileIsWantedOnce) {
   const auto baseline = Open();
-  EXPECT_TRUE(baseline->Wants("/srv/a"));
-  EXPECT_TRUE(baseline->Wants("/srv/a")) << "asking alone remembers nothing";
-  baseline->Add("/srv/a", "READ_SUCCESSFUL");
-  baseline->Add("/srv/a", "READ_FAILURE");
-  EXPECT_FALSE(baseline->Wants("/srv/a"));
-  EXPECT_TRUE(baseline->Wants("/srv/b"));
+  EXPECT_TRUE(baseline->Begin("/srv/a"));
+  EXPECT_FALSE(baseline->Begin("/srv/a")) << "it is on its way";
+  baseline->NoteSpooled("/srv/a", "READ_SUCCESSFUL");
+  EXPECT_FALSE(baseline->Begin("/srv/a"));
+  baseline->KeepFiled();
+  EXPECT_FALSE(baseline->Begin("/srv/a"));
   EXPECT_EQ(baseline->GetSize(), 1U);
+  EXPECT_TRUE(baseline->Begin("/srv/b"));
+}
+
+TEST_F(BaselineTest, WhatIsGivenUpIsWantedAgainAndTakesNoRoom) {
+  const auto baseline = Open({.paths = 1, .bytes = 10});
+  ASSERT_TRUE(baseline->Begin("/srv/a"));
+  EXPECT_FALSE(baseline->Begin("/srv/b"));
+  baseline->GiveUp("/srv/a");
+  baseline->GiveUp("/srv/never");
+  EXPECT_EQ(baseline->GetSize(), 0U);
+  EXPECT_TRUE(baseline->Begin("/srv/abcde")) << "as many bytes as there are";
+}
+
+TEST_F(BaselineTest, OnlyWhatIsInAFileOfTheSpoolIsKnownAfterAKill) {
+  const auto baseline = Open();
+  for (const char* path : {"/srv/filed", "/srv/cached", "/srv/queued"}) ASSERT_TRUE(baseline->Begin(path));
+  baseline->NoteSpooled("/srv/filed", "READ_SUCCESSFUL");
+  baseline->KeepFiled();
+  baseline->NoteSpooled("/srv/cached", "READ_SUCCESSFUL");
+  CopyToNewFolder();
+  Baseline after(folder_ / "after", clock_);
+  EXPECT_FALSE(Wants(after, "/srv/filed"));
+  EXPECT_TRUE(Wants(after, "/srv/cached"));
+  EXPECT_TRUE(Wants(after, "/srv/queued"));
+}
+
+TEST_F(BaselineTest, ManyFilesAreKeptAtOnce) {
+  {
+    const auto baseline = Open();
+    for (int i = 0; i < 300; ++i) {
+      const std::string path = "/srv/" + std::to_string(i);
+      ASSERT_TRUE(baseline->Begin(path));
+      baseline->NoteSpooled(path, "READ_SUCCESSFUL");
+    }
+    baseline->KeepFiled();
+  }
+  EXPECT_EQ(Open()->GetSize(), 300U);
 }
 
 TEST_F(BaselineTest, TheDatabaseIsForItsOwnerAlone) {
@@ -66,18 +116,18 @@ TEST_F(BaselineTest, TheDatabaseIsForItsOwnerAlone) {
 }
 
 TEST_F(BaselineTest, ARestartRemembers) {
-  Open()->Add("/srv/a", "READ_SUCCESSFUL");
+  Take(*Open(), "/srv/a");
   const auto baseline = Open();
-  EXPECT_FALSE(baseline->Wants("/srv/a"));
-  EXPECT_TRUE(baseline->Wants("/srv/b"));
+  EXPECT_FALSE(Wants(*baseline, "/srv/a"));
+  EXPECT_TRUE(Wants(*baseline, "/srv/b"));
 }
 
 TEST_F(BaselineTest, SoDoesAKillAtAnyTime) {
   const auto baseline = Open();
-  baseline->Add("/srv/a", "READ_SUCCESSFUL");
+  Take(*baseline, "/srv/a");
   CopyToNewFolder();
   Baseline after(folder_ / "after", clock_);
-  EXPECT_FALSE(after.Wants("/srv/a"));
+  EXPECT_FALSE(Wants(after, "/srv/a"));
 }
 
 TEST_F(BaselineTest, NamesAreNoSql) {
@@ -89,12 +139,12 @@ TEST_F(BaselineTest, NamesAreNoSql) {
                                           "/srv/%s?_*"};
   {
     const auto baseline = Open();
-    for (const std::string& name : names) baseline->Add(name, "READ_SUCCESSFUL");
+    for (const std::string& name : names) Take(*baseline, name);
   }
   const auto baseline = Open();
-  for (const std::string& name : names) EXPECT_FALSE(baseline->Wants(name)) << name;
-  EXPECT_TRUE(baseline->Wants("/srv/o''brien"));
-  EXPECT_TRUE(baseline->Wants("/srv/two"));
+  for (const std::string& name : names) EXPECT_FALSE(Wants(*baseline, name)) << name;
+  EXPECT_TRUE(Wants(*baseline, "/srv/o''brien"));
+  EXPECT_TRUE(Wants(*baseline, "/srv/two"));
   EXPECT_EQ(baseline->GetSize(), names.size());
 }
 
@@ -103,11 +153,11 @@ TEST_F(BaselineTest, AFileThatIsNoDatabaseIsSetAside) {
   folder_.Write("fim/BaselineEvents.db", "this is no database, and long enough to be looked at as one");
   {
     const auto baseline = Open();
-    EXPECT_TRUE(baseline->Wants("/srv/a"));
-    baseline->Add("/srv/a", "READ_SUCCESSFUL");
+    EXPECT_TRUE(Wants(*baseline, "/srv/a"));
+    Take(*baseline, "/srv/a");
   }
   EXPECT_TRUE(std::filesystem::exists(Database() + ".damaged"));
-  EXPECT_FALSE(Open()->Wants("/srv/a"));
+  EXPECT_FALSE(Wants(*Open(), "/srv/a"));
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "Set aside the damaged database"));
 }
 
@@ -117,21 +167,21 @@ TEST_F(BaselineTest, ATornPageIsFoundAtTheStart) {
   LeaveRows(paths);
   Overwrite(8'192, 4'096);
   const auto baseline = Open();
-  EXPECT_TRUE(baseline->Wants("/srv/new"));
+  EXPECT_TRUE(Wants(*baseline, "/srv/new"));
   EXPECT_TRUE(std::filesystem::exists(Database() + ".damaged"));
 }
 
 TEST_F(BaselineTest, ADatabaseThatTearsLaterBeginsAnewWithTheFileAtHand) {
   const auto baseline = Open();
-  baseline->Add("/srv/a", "READ_SUCCESSFUL");
+  Take(*baseline, "/srv/a");
   Overwrite(0, std::filesystem::file_size(Database()));
-  baseline->Add("/srv/b", "READ_SUCCESSFUL");
-  EXPECT_FALSE(baseline->Wants("/srv/a")) << "it was reported in this run";
+  Take(*baseline, "/srv/b");
+  EXPECT_FALSE(Wants(*baseline, "/srv/a")) << "it was reported in this run";
   EXPECT_TRUE(std::filesystem::exists(Database() + ".damaged"));
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "[FIM]: Baseline: The database is damaged and begins anew: "));
   const auto after = Open();
-  EXPECT_FALSE(after->Wants("/srv/b"));
-  EXPECT_TRUE(after->Wants("/srv/a")) << "a second baseline is better than none";
+  EXPECT_FALSE(Wants(*after, "/srv/b"));
+  EXPECT_TRUE(Wants(*after, "/srv/a")) << "a second baseline is better than none";
 }
 
 TEST_F(BaselineTest, ARowOfAnotherShapeIsDamageToo) {
@@ -143,7 +193,7 @@ TEST_F(BaselineTest, ARowOfAnotherShapeIsDamageToo) {
     storage->Execute("INSERT INTO BaselineEvents VALUES ('/srv/null', NULL)");
   }
   const auto baseline = Open();
-  EXPECT_TRUE(baseline->Wants("/srv/null"));
+  EXPECT_TRUE(Wants(*baseline, "/srv/null"));
   EXPECT_TRUE(std::filesystem::exists(Database() + ".damaged"));
 }
 
@@ -154,32 +204,32 @@ TEST_F(BaselineTest, AFolderThatCannotBeMadeEndsTheConstruction) {
 
 TEST_F(BaselineTest, AtTheBoundNoneIsTakenAnyMoreWithOneWarningADay) {
   const auto baseline = Open({.paths = 2, .bytes = 1'000});
-  baseline->Add("/srv/a", "READ_SUCCESSFUL");
-  baseline->Add("/srv/b", "READ_SUCCESSFUL");
+  Take(*baseline, "/srv/a");
+  Take(*baseline, "/srv/b");
   constexpr const char* kWarning = "[FIM]: Baseline: 2 files are known, no further baseline is taken";
-  EXPECT_FALSE(baseline->Wants("/srv/c"));
-  EXPECT_FALSE(baseline->Wants("/srv/d"));
+  EXPECT_FALSE(Wants(*baseline, "/srv/c"));
+  EXPECT_FALSE(Wants(*baseline, "/srv/d"));
   EXPECT_EQ(log_.Count(kWarning), 1);
-  baseline->Add("/srv/c", "READ_SUCCESSFUL");
+  Take(*baseline, "/srv/c");
   EXPECT_EQ(baseline->GetSize(), 2U);
   clock_.Advance(std::chrono::hours(23));
-  EXPECT_FALSE(baseline->Wants("/srv/c"));
+  EXPECT_FALSE(Wants(*baseline, "/srv/c"));
   EXPECT_EQ(log_.Count(kWarning), 1);
   clock_.Advance(std::chrono::hours(1));
-  EXPECT_FALSE(baseline->Wants("/srv/c"));
+  EXPECT_FALSE(Wants(*baseline, "/srv/c"));
   EXPECT_EQ(log_.Count(kWarning), 2);
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, kWarning));
-  EXPECT_FALSE(baseline->Wants("/srv/a"));
+  EXPECT_FALSE(Wants(*baseline, "/srv/a"));
   EXPECT_EQ(log_.Count(kWarning), 2) << "a known file is no reason to warn";
 }
 
 TEST_F(BaselineTest, LongNamesCountByTheirLength) {
   const auto baseline = Open({.paths = 100, .bytes = 3'000});
   const std::string name = "/srv/" + std::string(1'400, 'x');
-  baseline->Add(name + "1", "READ_SUCCESSFUL");
-  baseline->Add(name + "2", "READ_SUCCESSFUL");
-  EXPECT_FALSE(baseline->Wants(name + "3"));
-  EXPECT_TRUE(baseline->Wants("/srv/short"));
+  Take(*baseline, name + "1");
+  Take(*baseline, name + "2");
+  EXPECT_FALSE(Wants(*baseline, name + "3"));
+  EXPECT_TRUE(Wants(*baseline, "/srv/short"));
 }
 
 TEST_F(BaselineTest, MoreRowsThanTheBoundAreNotLoaded) {
@@ -195,14 +245,14 @@ TEST_F(BaselineTest, AQuestionCostsTheSameHoweverManyFilesAreKnown) {
   const auto full = Open();
   ASSERT_EQ(full->GetSize(), paths.size());
   Baseline small(folder_ / "small", clock_);
-  for (int i = 0; i < 50; ++i) small.Add(paths[static_cast<std::size_t>(i)], "READ_SUCCESSFUL");
+  for (int i = 0; i < 50; ++i) Take(small, paths[static_cast<std::size_t>(i)]);
 
   const auto best_of_five = [](Baseline& baseline, const std::vector<std::string>& known) {
     auto best = std::chrono::nanoseconds::max();
     for (int round = 0; round < 5; ++round) {
       const auto start = std::chrono::steady_clock::now();
       int wanted = 0;
-      for (std::size_t i = 0; i < 50'000; ++i) wanted += baseline.Wants(known[i % known.size()]) ? 1 : 0;
+      for (std::size_t i = 0; i < 50'000; ++i) wanted += baseline.Begin(known[i % known.size()]) ? 1 : 0;
       best = std::min<std::chrono::nanoseconds>(best, std::chrono::steady_clock::now() - start);
       EXPECT_EQ(wanted, 0);
     }

@@ -43,7 +43,23 @@ class ComponentTest : public testing::Test {
 
   std::unique_ptr<Component> Build(std::unique_ptr<Config> config, std::unique_ptr<common::Uploader> uploader) {
     return std::make_unique<Component>(clock_.Now(), std::move(config), nullptr, scheduler_, std::move(uploader),
-                                       engine_, 100, 50, nullptr, reporter_, folder_.Path(), clock_);
+                                       engine_, 100, 50, nullptr, reporter_, folder_.Path(), nullptr, clock_);
+  }
+
+  // A manifest whose rule tracks content; nothing is uploaded.
+  void TrackContent() {
+    section_.manifests = {folder_.Write(
+        "tracking.json",
+        R"({"data":{"fim":{"policyVersion":"1.0","collectHashes":false,"rules":[{"ruleId":"r1","ruleType":"directory",)"
+        R"("imagePath":"/srv/watched","recursiveDepth":"all","notify":["create"],"trackContentChange":true}]}}})")};
+    section_.upload_interval = 0;
+  }
+  // Files whose baseline the database in a working folder knows.
+  [[nodiscard]] std::size_t KnownBaselines(const std::string& working_folder) {
+    const std::string copy = folder_ / "look";
+    std::filesystem::remove_all(copy);
+    std::filesystem::copy(working_folder, copy, std::filesystem::copy_options::recursive);
+    return internal::Baseline(copy, clock_).GetSize();
   }
 
   void Update() { component_->UpdateConfig(Json(section_.Text()).Value()); }
@@ -167,12 +183,20 @@ TEST_F(ComponentTest, AnOrderlyStopKeepsTheCacheOnDiskAndTakesTheRulesAway) {
   EXPECT_TRUE(log_.Has("[FIM]: Component destroyed."));
 }
 
+TEST_F(ComponentTest, ABaselineThatAKillTakesFromTheCacheIsTakenAgain) {
+  TrackContent();
+  Make();
+  Deliver("/srv/watched/file");
+  // What a kill leaves at this moment, and once the cache has become a file.
+  std::filesystem::create_directory(folder_ / "cached");
+  std::filesystem::copy(folder_ / "fim", folder_ / "cached/fim", std::filesystem::copy_options::recursive);
+  ASSERT_TRUE(PassTimeUntil([&] { return !SpoolFiles().empty(); }));
+  ASSERT_TRUE(PassTimeUntil([&] { return KnownBaselines(folder_ / "fim") == 1; }));
+  EXPECT_EQ(KnownBaselines(folder_ / "cached/fim"), 0U);
+}
+
 TEST_F(ComponentTest, AFileHasOneBaselineOverARestart) {
-  section_.manifests = {folder_.Write(
-      "tracking.json",
-      R"({"data":{"fim":{"policyVersion":"1.0","collectHashes":false,"rules":[{"ruleId":"r1","ruleType":"directory",)"
-      R"("imagePath":"/srv/watched","recursiveDepth":"all","notify":["create"],"trackContentChange":true}]}}})")};
-  section_.upload_interval = 0;
+  TrackContent();
   for (int start = 0; start < 2; ++start) {
     Make();
     Deliver("/srv/watched/file");

@@ -39,7 +39,7 @@ class EventProcessorTest : public testing::Test {
   }
 
   // The file has had its baseline in an earlier run.
-  void HasBaseline(const std::string& name) { baseline_.Add(folder_ / name, "READ_SUCCESSFUL"); }
+  void HasBaseline(const std::string& name) { ASSERT_TRUE(baseline_.Begin(folder_ / name)); }
   // "<action> <name>" of every document, in order.
   std::vector<std::string> Stories() {
     std::vector<std::string> stories;
@@ -67,7 +67,8 @@ class EventProcessorTest : public testing::Test {
   fakes::FakeClock clock_;
   fakes::TempFolder database_;
   Baseline baseline_{database_.Path(), clock_};
-  EventProcessor processor_{rules_, storage_, baseline_, health_, clock_};
+  common::util::DigestCache digests_{clock_};
+  EventProcessor processor_{rules_, storage_, baseline_, digests_, health_, clock_};
 };
 
 TEST_F(EventProcessorTest, AnEventThatARuleTakesIsWritten) {
@@ -233,6 +234,59 @@ TEST_F(EventProcessorTest, ABaselinesDigestIsThatOfTheFileItself) {
   EXPECT_TRUE(log_.Has("PATH: " + (folder_ / "file") + " SHA256: 98ea6e4f216f2fb4b69fff9b3a44842c38686ca6"));
 }
 
+// Larger than what is read for every event.
+constexpr std::size_t kLarge = 2 * 1024 * 1024;
+
+TEST_F(EventProcessorTest, ALargeFileThatIsWrittenAllTheTimeHasADigestTwiceAMinute) {
+  collect_hashes_ = true;
+  AddRule("r1");
+  int digests = 0;
+  for (int second = 0; second < 60; ++second) {
+    folder_.Write("file", std::string(kLarge, static_cast<char>('a' + second % 26)));
+    FakeEvent event = Event(EventType::Write, "file");
+    event.content_hash = {0x0F};
+    storage_.written.clear();
+    processor_.PostProcess({"r1"}, event);
+    digests += Written().At("fileContentHash") == "0f" ? 1 : 0;
+    clock_.Advance(std::chrono::seconds(1));
+  }
+  EXPECT_EQ(digests, 2);
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "[FIM]: DigestPace: 1 events without a digest: "));
+}
+
+TEST_F(EventProcessorTest, ABaselineReadsTheFileForItsEventToo) {
+  clock_.SetWall(std::chrono::system_clock::now() + std::chrono::minutes(1) - clock_.Now());  // the file has settled
+  collect_hashes_ = true;
+  AddRule("r1", kTracking);
+  folder_.Write("file", std::string(kLarge, 'x'));
+  FakeEvent event = Event(EventType::Write, "file");
+  event.content_hash = {0x0F};
+  processor_.PostProcess({"r1"}, event);
+  ASSERT_EQ(storage_.written.size(), 2U);
+  EXPECT_EQ(Json(storage_.written[0]).At("fileContentHash").size(), 64U);
+  EXPECT_EQ(Json(storage_.written[1]).At("fileContentHash"), "0f") << "known as it is: there is nothing to read";
+  struct stat stat {};
+  ASSERT_EQ(lstat((folder_ / "file").c_str(), &stat), 0);
+  const common::util::FileDigests known = digests_.Find(stat);
+  EXPECT_EQ(known.md5.size(), 16U) << "an event wants all of them";
+  EXPECT_EQ(known.sha1.size(), 20U);
+  EXPECT_EQ(known.sha256.size(), 32U);
+}
+
+TEST_F(EventProcessorTest, ARenamedFileKeepsThePaceWhereItIsNow) {
+  collect_hashes_ = true;
+  AddRule("r1");
+  folder_.Write("new", std::string(kLarge, 'x'));
+  FakeEvent event = Event(EventType::Rename, "old");
+  event.new_file = common::ImageInfo(folder_ / "new");
+  event.content_hash = {0x0F};
+  processor_.PostProcess({"r1"}, event);
+  processor_.PostProcess({"r1"}, event);
+  ASSERT_EQ(storage_.written.size(), 2U);
+  EXPECT_EQ(Json(storage_.written[0]).At("fileContentHash"), "0f");
+  EXPECT_EQ(Json(storage_.written[1]).At("fileContentHash"), "(none)");
+}
+
 TEST_F(EventProcessorTest, ARenameBringsABaselineForEachEnd) {
   AddRule("r1", kTracking);
   folder_.Write("new", "text");
@@ -317,8 +371,40 @@ TEST_F(EventProcessorTest, ABaselineThatTheSpoolRefusesIsTakenWithTheNextEvent) 
   EXPECT_EQ(Stories(), (std::vector<std::string>{"Baseline file", "action file"}));
 }
 
+TEST_F(EventProcessorTest, ABaselineThatTheSpoolCouldNotWriteIsTakenWithTheNextEvent) {
+  AddRule("r1", kTracking);
+  folder_.Write("file", "text");
+  storage_.write_code = common::StorageCode::IOError;
+  processor_.PostProcess({"r1"}, Event(EventType::Delete, "file"));
+  EXPECT_TRUE(storage_.written.empty());
+  EXPECT_EQ(baseline_.GetSize(), 0U);
+  storage_.write_code = common::StorageCode::Success;
+  processor_.PostProcess({"r1"}, Event(EventType::Delete, "file"));
+  EXPECT_EQ(Stories(), (std::vector<std::string>{"Baseline file", "action file"}));
+}
+
+TEST_F(EventProcessorTest, ABaselineBehindAFailedFlushIsInTheSpoolAllTheSame) {
+  AddRule("r1", kTracking);
+  folder_.Write("file", "text");
+  storage_.write_code = common::StorageCode::IOError;
+  storage_.only_flush_fails = true;
+  processor_.PostProcess({"r1"}, Event(EventType::Delete, "file"));
+  processor_.PostProcess({"r1"}, Event(EventType::Delete, "file"));
+  EXPECT_EQ(Stories(), (std::vector<std::string>{"Baseline file", "action file", "action file"}));
+}
+
+TEST_F(EventProcessorTest, ABaselineIsRememberedOnceTheSpoolHasFiledIt) {
+  AddRule("r1", kTracking);
+  folder_.Write("file", "text");
+  processor_.PostProcess({"r1"}, Event(EventType::Write, "file"));
+  const auto known_on_disk = [this] { return Baseline(database_.Path(), clock_).GetSize(); };
+  EXPECT_EQ(known_on_disk(), 0U);
+  baseline_.KeepFiled();
+  EXPECT_EQ(known_on_disk(), 1U);
+}
+
 TEST_F(EventProcessorTest, ItsEndIsLogged) {
-  { const EventProcessor processor(rules_, storage_, baseline_, health_); }
+  { const EventProcessor processor(rules_, storage_, baseline_, digests_, health_); }
   EXPECT_TRUE(log_.Has("[FIM]: Destroying EventProcessor"));
 }
 

@@ -84,6 +84,34 @@ TEST_F(SpoolWorkerTest, AnItemThatFitsOnlyGoesIntoTheCache) {
       << log_.All();
 }
 
+TEST_F(SpoolWorkerTest, TellsWhenAllThatItHeldIsInFiles) {
+  std::vector<std::string> filed;  // the files at each call
+  worker_.SetFiledCallback([&] { filed.push_back(Files()); });
+  Add("one");
+  EXPECT_TRUE(filed.empty());
+  worker_.Sync();
+  worker_.Sync();
+  EXPECT_EQ(filed.size(), 1U) << "nothing was held the second time";
+  Add(std::string(1'000, 'x'));
+  Add(std::string(1'000, 'y'));  // the first becomes a file, the second is held
+  ASSERT_EQ(filed.size(), 2U);
+  EXPECT_NE(filed[1].find("xxx"), std::string::npos);
+  EXPECT_EQ(filed[1].find("yyy"), std::string::npos);
+}
+
+TEST_F(SpoolWorkerTest, TellsNothingWhileAnythingThatItHeldIsInMemory) {
+  int filed = 0;
+  worker_.SetFiledCallback([&] { ++filed; });
+  disk_full_ = true;
+  Add(std::string(1'000, 'x'));
+  Add(std::string(1'000, 'y'));  // the first waits for the disk
+  worker_.Sync();
+  EXPECT_EQ(filed, 0);
+  disk_full_ = false;
+  worker_.Sync();  // two files
+  EXPECT_EQ(filed, 1);
+}
+
 TEST_F(SpoolWorkerTest, TheFirstItemOfACacheSetsTheSyncAndLaterOnesDoNotPushItBack) {
   Add("one");
   Add("two");

@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 #include <sys/sysmacros.h>
 
+#include <chrono>
 #include <cstdio>
 
 #include "common/src/util/DeviceText.h"
 #include "common/src/util/HashGenerator.h"
+#include "tests/fakes/FakeClock.h"
 #include "tests/fakes/TempFolder.h"
 
 namespace zagent::common {
@@ -101,6 +103,19 @@ TEST_F(ImageDigestTest, IsComputedOnceAndGoesWithACopy) {
   const ImageInfo copy(image);  // NOLINT(performance-unnecessary-copy-initialization)
   EXPECT_EQ(copy.GetDigest(), kAbcSha256);
   EXPECT_NE(ImageOf(file_).GetDigest(), kAbcSha256);
+}
+
+TEST_F(ImageDigestTest, ACacheKnowsAllDigestsOfTheFileAfterwardsAndIsAskedBefore) {
+  fakes::FakeClock clock;
+  clock.SetWall(std::chrono::system_clock::now() + std::chrono::minutes(1) - clock.Now());  // the file has settled
+  util::DigestCache cache(clock);
+  EXPECT_EQ(ImageOf(file_).GetDigest(&cache), kAbcSha256);
+  struct stat result {};
+  ASSERT_EQ(stat(file_.c_str(), &result), 0);
+  EXPECT_EQ(cache.Find(result).md5.size(), 16U);
+  EXPECT_EQ(cache.Find(result).sha1.size(), 20U);
+  cache.Keep(result, {.md5 = {}, .sha1 = {}, .sha256 = {0xAB}});
+  EXPECT_EQ(ImageOf(file_).GetDigest(&cache), "ab");
 }
 
 TEST_F(ImageDigestTest, IsNoneOfAFileThatReplacedTheImage) {
