@@ -66,6 +66,11 @@ TextPosition PositionOf(const ManifestFile& file, const JsonPlace& place) {
   return fim::internal::PositionOf(file.text, fim::internal::OffsetOf(file.text, place));
 }
 
+// Which rule has got the id beside its own; empty for the own one.
+std::string OfLink(const std::string& id, const std::string& rule_id) {
+  return id == rule_id ? "" : " (of rule " + rule_id + ", which is on a link)";
+}
+
 // The kernel watches a file's name in its folder, which must be there.
 std::string WatchedByKernel(const edr::EventRule& rule) {
   const std::string& path = rule.GetPath();
@@ -110,19 +115,22 @@ bool ManifestCheck::CheckRules(const std::string& path, const ManifestFile& file
 
 bool ManifestCheck::CheckRule(const std::string& path, const ManifestFile& file, std::size_t position) {
   const auto& rule = file.manifest.GetRules()[position];
-  const JsonPlace place = PlaceOfRule(position);
-  if (!CheckId(path, PositionOf(file, fim::Within(place, {"ruleId"})), rule->GetId())) return false;
+  const TextPosition place = PositionOf(file, PlaceOfRule(position));
+  const TextPosition place_of_id = PositionOf(file, fim::Within(PlaceOfRule(position), {"ruleId"}));
+  ++rules_;
+  if (!CheckId(path, place_of_id, {rule->GetId(), rule->GetId(), rules_})) return false;
   fim::internal::RuleTableBuilder builder;
   builder.Add(rule);
   const fim::internal::RuleTable::Rules derived = builder.Take();
   const std::map<std::string, std::shared_ptr<const fim::internal::EventRule>> in_order(derived.begin(), derived.end());
   for (const auto& [id, part] : in_order) {
+    if (id != rule->GetId() && !CheckId(path, place_of_id, {id, rule->GetId(), rules_})) return false;
     try {
-      for (audit::internal::AuditRule& kernel_rule : audit::internal::CreateRules(*part)) {
+      for (audit::internal::AuditRule& kernel_rule : audit::internal::CreateRules(*part, coverage_)) {
         kernel_rules_ += "  " + id + ": " + KernelRuleText(kernel_rule) + "\n";
       }
     } catch (const edr::RuleEngineException& error) {
-      PrintFault(path, PositionOf(file, place), error.what());
+      PrintFault(path, place, error.what());
       return false;
     }
     WarnIfMissing(path, *part);
@@ -130,13 +138,22 @@ bool ManifestCheck::CheckRule(const std::string& path, const ManifestFile& file,
   return true;
 }
 
-bool ManifestCheck::CheckId(const std::string& path, const TextPosition& place, const std::string& id) {
-  const auto [known, is_new] = ids_.emplace(audit::internal::ComparedPart(id), id);
-  if (is_new) return true;
-  if (known->second == id) {
-    PrintFault(path, place, "Rule id " + id + " is used more than once: the last rule holds");
+bool ManifestCheck::CheckId(const std::string& path, const TextPosition& place, const KnownId& own) {
+  if (const char* objection = audit::internal::AuditRule::WhyRefused(own.id)) {
+    PrintFault(path, place,
+               "Rule id " + own.id + OfLink(own.id, own.rule_id) + " is no key for the kernel: " + objection);
+    return false;
+  }
+  const auto [known, is_new] = ids_.emplace(audit::internal::ComparedPart(own.id), own);
+  const KnownId& other = known->second;
+  // The two rules of a link are one to whoever hears of them.
+  if (is_new || other.rule == own.rule) return true;
+  const std::string id = "Rule id " + own.id + OfLink(own.id, own.rule_id);
+  if (other.id == own.id) {
+    PrintFault(path, place, id + " is used more than once" + OfLink(other.id, other.rule_id) + ": the last rule holds");
   } else {
-    PrintFault(path, place, "Rule id " + id + " does not differ from " + known->second + " in its first characters");
+    PrintFault(path, place,
+               id + " does not differ from " + other.id + OfLink(other.id, other.rule_id) + " in its first characters");
   }
   return false;
 }

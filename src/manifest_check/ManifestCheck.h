@@ -4,6 +4,7 @@
 #include <ostream>
 #include <string>
 
+#include "src/audit/rules/Coverage.h"
 #include "src/fim/ManifestFile.h"
 #include "src/fim/RuleTableBuilder.h"
 
@@ -17,26 +18,36 @@ namespace zagent::manifest_check {
 //     r1: -a always,exit -F dir=/etc -F perm=wa -F key=r1             what the kernel will be asked to watch
 //
 // Links are followed as they are on this machine. The kernel is not asked: nothing is read but the files, and nothing
-// changes. All files of one check are taken to be in force together: their rules' ids must differ.
+// changes. All files of one check are taken to be in force together: their rules' ids must differ, with those that
+// rules on links get beside their own.
 class ManifestCheck {
  public:
-  explicit ManifestCheck(std::ostream& out) : out_(out) {}
+  // `coverage`: what the daemon is configured for; it decides only what the kernel will be asked to watch.
+  explicit ManifestCheck(std::ostream& out, audit::internal::Coverage coverage = {}) : out_(out), coverage_(coverage) {}
 
   // True for a file that the daemon would take, with every rule of it.
   bool Check(const std::string& path);
 
  private:
+  struct KnownId {
+    std::string id;
+    std::string rule_id;  // of the manifest
+    int rule = 0;         // number of the rule, over all files
+  };
+
   bool CheckRules(const std::string& path, const fim::ManifestFile& file);
   bool CheckRule(const std::string& path, const fim::ManifestFile& file, std::size_t position);
-  bool CheckId(const std::string& path, const fim::internal::TextPosition& place, const std::string& id);
+  bool CheckId(const std::string& path, const fim::internal::TextPosition& place, const KnownId& own);
   void WarnOfUnknownKeys(const std::string& path, const fim::ManifestFile& file);
   void WarnIfMissing(const std::string& path, const edr::EventRule& rule);
   void PrintFault(const std::string& path, const fim::internal::TextPosition& place, const std::string& text);
   void PrintWarning(const std::string& path, const std::string& text);
 
   std::ostream& out_;
-  std::map<std::string, std::string> ids_;  // the part of an id that the kernel's rules are told apart by -> the id
-  std::string kernel_rules_;                // of the file at hand, a line each
+  const audit::internal::Coverage coverage_;
+  std::map<std::string, KnownId> ids_;  // by the part of an id that the kernel's rules are told apart by
+  int rules_ = 0;
+  std::string kernel_rules_;  // of the file at hand, a line each
 };
 
 }  // namespace zagent::manifest_check

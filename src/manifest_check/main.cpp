@@ -6,9 +6,11 @@
 
 namespace {
 
-constexpr const char* kUsage = R"(Usage: ostrel-manifest-check FILE...
+constexpr const char* kUsage = R"(Usage: ostrel-manifest-check [--extended-coverage] FILE...
 Judges FIM manifests as the daemon would. Exit code 0 when it would take all of them with every rule, else 1.
+With --extended-coverage it shows what the kernel is asked to watch where the configuration has "extended_coverage".
 )";
+constexpr std::string_view kExtendedCoverage = "--extended-coverage";
 
 }  // namespace
 
@@ -17,12 +19,14 @@ int main(int argc, char** argv) {
     std::cout << kUsage;
     return 0;
   }
-  if (argc < 2) {
+  const bool is_extended = argc > 1 && argv[1] == kExtendedCoverage;
+  const int first_file = is_extended ? 2 : 1;
+  if (argc <= first_file) {
     std::cerr << kUsage;
     return 1;
   }
-  zagent::manifest_check::ManifestCheck check(std::cout);
+  zagent::manifest_check::ManifestCheck check(std::cout, {.extended = is_extended, .io_uring = is_extended});
   bool is_good = true;
-  for (int i = 1; i < argc; ++i) is_good = check.Check(argv[i]) && is_good;
+  for (int i = first_file; i < argc; ++i) is_good = check.Check(argv[i]) && is_good;
   return is_good ? 0 : 1;
 }

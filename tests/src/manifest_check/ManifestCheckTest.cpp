@@ -105,7 +105,61 @@ TEST_F(ManifestCheckTest, IdsDifferOverAllFiles) {
 
 TEST_F(ManifestCheckTest, AnIdThatTheKernelDoesNotTakeIsAMistake) {
   EXPECT_FALSE(Check("m.json", Manifest(Rule("a!=b", base_ + "/watched"))));
-  EXPECT_EQ(Printed().rfind("DIR/m.json:5:5: CreateRules: Failed to add key for rule id a!=b: ", 0), 0U) << Printed();
+  EXPECT_EQ(Printed(), "DIR/m.json:5:16: Rule id a!=b is no key for the kernel: it holds an operator\n");
+}
+
+TEST_F(ManifestCheckTest, AnIdMayBeAsLongAsTheKernelTakesIt) {
+  EXPECT_TRUE(Check("m.json", Manifest(Rule(std::string(256, 'a'), base_ + "/watched"))));
+  EXPECT_FALSE(Check("n.json", Manifest(Rule(std::string(257, 'b'), base_ + "/watched"))));
+  EXPECT_NE(Printed().find("DIR/n.json:5:16: Rule id " + std::string(257, 'b') +
+                           " is no key for the kernel: it is longer than 256 bytes\n"),
+            std::string::npos)
+      << Printed();
+}
+
+TEST_F(ManifestCheckTest, TheIdOfALinkNeedsRoomForItsSuffix) {
+  ASSERT_EQ(symlink("watched", (base_ + "/link").c_str()), 0);
+  EXPECT_TRUE(Check("m.json", Manifest(Rule(std::string(254, 'a'), base_ + "/link"))));
+  const std::string id(255, 'b');
+  EXPECT_FALSE(Check("n.json", Manifest(Rule(id, base_ + "/link"))));
+  EXPECT_NE(Printed().find("DIR/n.json:5:16: Rule id " + id + "-1 (of rule " + id +
+                           ", which is on a link) is no key for the kernel: it is longer than 256 bytes\n"),
+            std::string::npos)
+      << Printed();
+}
+
+TEST_F(ManifestCheckTest, AnIdThatALinkGetsBesideItsOwnIsTaken) {
+  ASSERT_EQ(symlink("watched", (base_ + "/link").c_str()), 0);
+  EXPECT_FALSE(Check("one.json", Manifest(Rule("r1", base_ + "/link") + ",\n" + Rule("r1-1", base_ + "/watched"))));
+  ManifestCheck other_way(out_);
+  EXPECT_FALSE(other_way.Check(
+      folder_.Write("two.json", Manifest(Rule("r1-1", base_ + "/watched") + ",\n" + Rule("r1", base_ + "/link")))));
+  EXPECT_EQ(Printed(),
+            "DIR/one.json:6:16: Rule id r1-1 is used more than once (of rule r1, which is on a link): the last rule "
+            "holds\n"
+            "DIR/two.json:6:16: Rule id r1-1 (of rule r1, which is on a link) is used more than once: the last rule "
+            "holds\n");
+}
+
+TEST_F(ManifestCheckTest, ALongIdMayBeOnALink) {
+  ASSERT_EQ(symlink("watched", (base_ + "/link").c_str()), 0);
+  const std::string uuid = "5f0c6a3e-7f5d-4a53-9a0e-2b6d7f1c0a01";
+  EXPECT_TRUE(Check("m.json", Manifest(Rule(uuid, base_ + "/link")))) << Printed();
+  EXPECT_FALSE(Check("n.json", Manifest(Rule(uuid + "-1", base_ + "/watched"))));
+}
+
+TEST_F(ManifestCheckTest, ExtendedCoverageIsShownWhereItIsAskedFor) {
+  ManifestCheck extended(out_, {.extended = true, .io_uring = true});
+  EXPECT_TRUE(extended.Check(folder_.Write("m.json", Manifest(Rule("r1", base_ + "/watched")))));
+  EXPECT_EQ(Printed(),
+            "DIR/m.json: 1 rule, with digests\n"
+            "  r1: -a always,exit -F dir=DIR/watched -F perm=r -F auid!=unset -F key=r1\n"
+            "  r1: -a always,exit -F dir=DIR/watched -F perm=wa -F key=r1\n"
+            "  r1: -a always,exit -F arch=b64 -S utime,utimes,futimesat,utimensat,open_by_handle_at,452 "
+            "-F dir=DIR/watched -F key=r1\n"
+            "  r1: -a always,exit -F arch=b64 -S open -F a1&0x240 -F dir=DIR/watched -F key=r1\n"
+            "  r1: -a always,exit -F arch=b64 -S openat -F a2&0x240 -F dir=DIR/watched -F key=r1\n"
+            "  r1: -a always,io_uring -S 18,28,35,36,37,38,39,41,42 -F dir=DIR/watched -F key=r1\n");
 }
 
 TEST_F(ManifestCheckTest, ALinkIsWatchedAsItselfAndAsWhatItLeadsTo) {
