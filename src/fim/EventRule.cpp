@@ -150,7 +150,7 @@ EventRule::EventRule(const rapidjson::Value& json) {
   ZLOG_DEBUG("Parsed rule with id: " << id_);
 }
 
-EventRule::EventRule(const EventRule& other, std::string id, std::string path)
+EventRule::EventRule(const EventRule& other, std::string id, const std::string& path)
     : id_(std::move(id)),
       report_id_(other.report_id_),
       type_(other.type_),
@@ -158,16 +158,16 @@ EventRule::EventRule(const EventRule& other, std::string id, std::string path)
       file_actions_(other.file_actions_),
       directory_actions_(other.directory_actions_),
       track_content_change_(other.track_content_change_) {
-  SetPath(std::move(path));
+  SetPath(path);
   for (const Filter& filter : other.inclusion_filters_) inclusion_filters_.push_back(filter.ForPath(normal_path_));
   for (const Filter& filter : other.exclusion_filters_) exclusion_filters_.push_back(filter.ForPath(normal_path_));
 }
 
-void EventRule::SetPath(std::string path) {
+void EventRule::SetPath(const std::string& path) {
   if (path.empty()) throw RuleFault("Cannot create rule: Path is empty.", {"imagePath"});
   // One relative path would make the rule engine refuse the whole batch.
   if (path.front() != '/') throw RuleFault("Cannot create rule: Path is not absolute.", {"imagePath"});
-  path_ = std::move(path);
+  path_ = Tidy(path);
   normal_path_ = LexicallyNormal(path_);
   path_depth_ = DepthOf(normal_path_);
 }
@@ -254,7 +254,7 @@ bool EventRule::WantsAction(const edr::Event& event) const {
 bool EventRule::LiesElsewhere(const edr::Event& event) const {
   const std::string_view own = normal_path_ == "/" ? std::string_view() : normal_path_;
   const auto is_elsewhere = [own](const common::ImageInfo* file) {
-    const std::string& path = PathOf(file);
+    const std::string path = LexicallyNormal(PathOf(file));
     return path.starts_with('/') && !(path.starts_with(own) && (path.size() == own.size() || path[own.size()] == '/'));
   };
   const bool was_elsewhere = is_elsewhere(event.GetFile());

@@ -37,7 +37,7 @@ class EventRule final : public edr::EventRule {
   explicit EventRule(const rapidjson::Value& json);
   // `other` under another id and for another path: one end of a watched symbolic link. Its report id stays.
   // Throws RuleFault "Cannot create rule: Path is empty.".
-  EventRule(const EventRule& other, std::string id, std::string path);
+  EventRule(const EventRule& other, std::string id, const std::string& path);
 
   [[nodiscard]] const edr::EventTypes& GetDirectoryActions() const override;
   [[nodiscard]] const edr::EventTypes& GetFileActions() const override { return file_actions_; }
@@ -66,7 +66,7 @@ class EventRule final : public edr::EventRule {
  private:
   void ParseNotify(const rapidjson::Value& json);
   void ParseTrackContentChange(const rapidjson::Value& json);
-  void SetPath(std::string path);
+  void SetPath(const std::string& path);
   [[nodiscard]] bool WantsAction(const edr::Event& event) const;
   [[nodiscard]] bool LiesElsewhere(const edr::Event& event) const;
   [[nodiscard]] bool IsWithinDepth(const std::string& path) const;
@@ -75,8 +75,8 @@ class EventRule final : public edr::EventRule {
   std::string id_;
   std::string report_id_;
   edr::ObjectType type_ = edr::ObjectType::File;
-  std::string path_;         // as the manifest has it
-  std::string normal_path_;  // what events are held against: no manifest need be tidy for that
+  std::string path_;         // tidy, however the manifest has it: kernel, path index and records know it by one text
+  std::string normal_path_;  // what events are held against
   int path_depth_ = 0;
   int recursive_depth_ = 0;
   edr::EventTypes file_actions_;

@@ -11,26 +11,35 @@ bool IsTidy(std::string_view path) {
          !path.starts_with('.') && (path.size() == 1 || !path.ends_with('/'));
 }
 
-}  // namespace
+enum class Dots { Kept, Followed };  // ".."
 
-std::string LexicallyNormal(std::string_view path) {
-  if (path.empty() || IsTidy(path)) return std::string(path);
-  const bool is_absolute = path.front() == '/';
-  std::string normal;
+std::string Joined(std::string_view path, Dots dots) {
+  const bool is_absolute = path.starts_with('/');
+  std::string joined;
   while (!path.empty()) {
     const std::size_t end = std::min(path.find('/'), path.size());
     const std::string_view name = path.substr(0, end);
     path.remove_prefix(std::min(end + 1, path.size()));
     if (name.empty() || name == ".") continue;
-    if (name == "..") {
-      const std::size_t slash = normal.rfind('/');
-      normal.resize(slash == std::string::npos ? 0 : slash);
+    if (name == ".." && dots == Dots::Followed) {
+      const std::size_t slash = joined.rfind('/');
+      joined.resize(slash == std::string::npos ? 0 : slash);
       continue;
     }
-    if (is_absolute || !normal.empty()) normal += '/';
-    normal += name;
+    if (is_absolute || !joined.empty()) joined += '/';
+    joined += name;
   }
-  return normal.empty() && is_absolute ? "/" : normal;
+  return joined.empty() && is_absolute ? "/" : joined;
+}
+
+}  // namespace
+
+std::string Tidy(std::string_view path) {
+  return path.empty() || IsTidy(path) ? std::string(path) : Joined(path, Dots::Kept);
+}
+
+std::string LexicallyNormal(std::string_view path) {
+  return path.empty() || IsTidy(path) ? std::string(path) : Joined(path, Dots::Followed);
 }
 
 }  // namespace zagent::fim::internal

@@ -5,9 +5,12 @@
 
 namespace zagent::fim::internal {
 
-// The path without doubled slashes, ".", ".." and a slash at its end, by its text alone: where a link stands before a
-// "..", the disk means another one. "" stays empty, "/" and what leads above it are "/", a relative path stays
-// relative.
+// The path without doubled slashes, "." and a slash at its end: the same to whoever looks it up. "" stays empty, a
+// relative path stays relative.
+[[nodiscard]] std::string Tidy(std::string_view path);
+
+// The tidy path without "..", by its text alone: where a link stands before a "..", the disk means another one. What
+// leads above "/" is "/".
 [[nodiscard]] std::string LexicallyNormal(std::string_view path);
 
 }  // namespace zagent::fim::internal

@@ -3,7 +3,6 @@
 #include <Poco/Exception.h>
 #include <Poco/File.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <optional>
 #include <utility>
@@ -33,21 +32,9 @@ std::string Join(const std::string& folder, const std::string& name) {
   return folder.ends_with('/') ? folder + name : folder + "/" + name;
 }
 
-// The path without doubled slashes, dots and a slash at its end; the way through ".." depends on links.
-std::string Tidy(const std::string& path) {
-  std::string tidy;
-  for (std::size_t begin = 0; begin < path.size();) {
-    const std::size_t end = std::min(path.find('/', begin), path.size());
-    const std::string name = path.substr(begin, end - begin);
-    if (!name.empty() && name != ".") tidy += "/" + name;
-    begin = end + 1;
-  }
-  return tidy.empty() ? "/" : tidy;
-}
-
-// The path with the links among its folders followed, as far as these exist, and the last part as it is.
+// A tidy path with the links among its folders followed, as far as these exist, and the last part as it is.
 std::string WithRealFolders(const std::string& path) {
-  std::string folder = Tidy(path);
+  std::string folder = path;
   std::string rest;
   while (folder != "/") {
     const std::size_t slash = folder.rfind('/');
@@ -55,11 +42,11 @@ std::string WithRealFolders(const std::string& path) {
     folder = slash == 0 ? "/" : folder.substr(0, slash);
     if (const std::optional<std::string> real = Canonical(folder)) return Join(*real, rest);
   }
-  return Tidy(path);
+  return path;
 }
 
 bool HasLinkedFolder(const std::string& path) {
-  return WithRealFolders(path) != Tidy(path);
+  return WithRealFolders(path) != path;
 }
 
 // What the path means in the end; nothing for a link that leads nowhere. An object that is to come has no links.

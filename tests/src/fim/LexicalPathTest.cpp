@@ -21,6 +21,13 @@ TEST(LexicalPathTest, WhatMeansNothingGoes) {
   EXPECT_EQ(LexicallyNormal("./etc/"), "etc");
 }
 
+TEST(LexicalPathTest, ATidyPathKeepsItsTwoDots) {
+  EXPECT_EQ(Tidy("/etc//ssl/./../ssh/"), "/etc/ssl/../ssh");
+  EXPECT_EQ(Tidy("/.."), "/..");
+  EXPECT_EQ(Tidy("//"), "/");
+  EXPECT_EQ(Tidy(""), "");
+}
+
 TEST(LexicalPathTest, TwoDotsLeadUpAndNeverAboveTheTop) {
   EXPECT_EQ(LexicallyNormal("/etc/ssl/../ssh"), "/etc/ssh");
   EXPECT_EQ(LexicallyNormal("/etc/ssl/.."), "/etc");
