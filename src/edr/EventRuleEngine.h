@@ -7,6 +7,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "src/edr/Event.h"
@@ -16,7 +17,18 @@ namespace zagent::edr {
 
 class RuleEngineException : public std::runtime_error {
  public:
+  // By the id of a rule, why it was not taken.
+  using Refusals = std::map<std::string, std::string>;
+
   using std::runtime_error::runtime_error;
+  RuleEngineException(const std::string& text, Refusals refusals)
+      : std::runtime_error(text), refusals_(std::move(refusals)) {}
+
+  // Of AddRules that has taken the other rules; empty when none was taken.
+  [[nodiscard]] const Refusals& GetRefusals() const { return refusals_; }
+
+ private:
+  Refusals refusals_;
 };
 
 // Stands between rule producers (FIM, IOC) and the event source. Producers register handlers and rules under a tag;
@@ -38,7 +50,8 @@ class EventRuleEngine {
   virtual ~EventRuleEngine() = default;
 
   // Replaces the rules of a tag; an empty set removes them. Throws std::runtime_error for an empty tag or a null
-  // rule, RuleEngineException when the kernel cannot be asked.
+  // rule, RuleEngineException when the kernel cannot be asked, and with the refusals of those rules that were not
+  // taken.
   virtual void AddRules(const std::string& tag, Rules rules) = 0;
   // Drops and re-installs everything, after the kernel's rules were lost.
   virtual void Invalidate() = 0;

@@ -19,6 +19,10 @@ bool SameManifests(const Manifests& left, const Manifests& right) {
          });
 }
 
+std::string NotApplied(const std::string& rule_id, const std::string& why) {
+  return "rule " + rule_id + " not applied: " + why;
+}
+
 }  // namespace
 
 EventRuleManager::EventRuleManager(const Config& config, edr::EventRuleEngine& engine, RuleTable& table,
@@ -55,6 +59,7 @@ void EventRuleManager::Load(const Manifests& manifests) {
     try {
       Manifest manifest = ReadManifestFile(entry.path).manifest;
       ZLOG_INFO("Successfully parsed manifest file " << entry.path);
+      if (!manifest.HasKnownVersion()) fault = "unknown version " + manifest.GetPolicyVersion();
       gives_rules = gives_rules || !manifest.GetRules().empty();
       loaded.insert_or_assign(entry.path, std::move(manifest));
     } catch (const ManifestFileException& error) {
@@ -79,20 +84,26 @@ void EventRuleManager::KeepEarlier(const Manifests& manifests, LoadedManifests& 
 
 void EventRuleManager::BuildTable(const Manifests& manifests, Verdicts verdicts) {
   RuleTableBuilder table;
+  Outcome outcome{std::move(verdicts), {}};
   bool collect_hashes = false;
   for (const Config::ManifestEntry& entry : manifests) {
     const auto manifest = loaded_.find(entry.path);
     if (manifest == loaded_.end()) continue;
     collect_hashes = collect_hashes || manifest->second.CollectsHashes();
-    for (const auto& rule : manifest->second.GetRules()) table.Add(rule);
+    for (const auto& rule : manifest->second.GetRules()) {
+      const RuleTableBuilder::Ids ids = table.Add(rule);
+      for (const std::string& id : ids) outcome.owners.insert_or_assign(id, entry.path);
+      std::string& fault = outcome.verdicts[entry.path];
+      if (ids.empty() && fault.empty()) fault = NotApplied(rule->GetId(), "its path gives no rule");
+    }
   }
-  ReplaceTable(table.Take(), collect_hashes, std::move(verdicts));
+  ReplaceTable(table.Take(), collect_hashes, std::move(outcome));
 }
 
-void EventRuleManager::ReplaceTable(RuleTable::Rules rules, bool collect_hashes, Verdicts verdicts) {
+void EventRuleManager::ReplaceTable(RuleTable::Rules rules, bool collect_hashes, Outcome outcome) {
   const std::lock_guard lock(mutex_);
   table_.Replace(std::move(rules), collect_hashes);
-  verdicts_ = std::move(verdicts);
+  outcome_ = std::move(outcome);
   ++generation_;
 }
 
@@ -122,7 +133,7 @@ void EventRuleManager::Disable() {
 void EventRuleManager::Apply() {
   std::uint64_t applied = 0;
   bool current = false;
-  std::string failure;
+  EngineFailure failure;
   while (!current) {
     edr::EventRuleEngine::Rules rules;
     {
@@ -137,33 +148,46 @@ void EventRuleManager::Apply() {
     failure = HandToEngine(std::move(rules));
     const std::lock_guard lock(mutex_);
     current = applied == generation_;
-    if (current && removed && failure.empty()) installed_ = false;
+    if (current && removed && failure.text.empty()) installed_ = false;
   }
   Report(failure);
 }
 
-std::string EventRuleManager::HandToEngine(edr::EventRuleEngine::Rules rules) {
+EventRuleManager::EngineFailure EventRuleManager::HandToEngine(edr::EventRuleEngine::Rules rules) {
+  EngineFailure failure;
   try {
     engine_.AddRules(kTag, std::move(rules));
-    return {};
+    return failure;
+  } catch (const edr::RuleEngineException& error) {
+    failure = {error.what(), error.GetRefusals()};
   } catch (const std::exception& error) {
-    ZLOG_ERROR("EventRuleManager: Failed to apply rules: " << error.what());
-    return std::string("rules not applied: ") + error.what();
+    failure.text = error.what();
   }
+  ZLOG_ERROR("EventRuleManager: Failed to apply rules: " << failure.text);
+  return failure;
 }
 
-void EventRuleManager::Report(const std::string& engine_failure) {
-  Verdicts verdicts;
+void EventRuleManager::Report(const EngineFailure& failure) {
+  Outcome outcome;
   {
     const std::lock_guard lock(mutex_);
-    verdicts = verdicts_;
+    outcome = outcome_;
   }
-  for (const auto& [path, fault] : verdicts) {
-    const std::string& failure = fault.empty() ? engine_failure : fault;
-    if (failure.empty()) {
+  const bool concerns_all = !failure.text.empty() && failure.refusals.empty();
+  for (auto& [path, fault] : outcome.verdicts) {
+    if (fault.empty() && concerns_all) fault = "rules not applied: " + failure.text;
+  }
+  for (const auto& [id, why] : failure.refusals) {
+    const auto owner = outcome.owners.find(id);
+    if (owner == outcome.owners.end()) continue;
+    std::string& fault = outcome.verdicts[owner->second];
+    if (fault.empty()) fault = NotApplied(id, why);
+  }
+  for (const auto& [path, fault] : outcome.verdicts) {
+    if (fault.empty()) {
       health_.ManifestApplied(path);
     } else {
-      health_.ManifestFailed(path, failure);
+      health_.ManifestFailed(path, fault);
     }
   }
 }

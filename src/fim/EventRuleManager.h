@@ -52,16 +52,25 @@ class EventRuleManager {
   using LoadedManifests = std::map<std::string, Manifest>;  // by path
   // By the path of a manifest, why it cannot be used; an empty text when it can.
   using Verdicts = std::map<std::string, std::string>;
+  // What has become of the manifests that the table was made of.
+  struct Outcome {
+    Verdicts verdicts;
+    std::map<std::string, std::string> owners;  // by the id of a rule of the table, the path of its manifest
+  };
+  // A failure of the engine; without text there is none, without refusals it concerns all rules.
+  struct EngineFailure {
+    std::string text;
+    edr::RuleEngineException::Refusals refusals;
+  };
 
   void Load(const std::vector<Config::ManifestEntry>& manifests);
   void KeepEarlier(const std::vector<Config::ManifestEntry>& manifests, LoadedManifests& loaded) const;
   void BuildTable(const std::vector<Config::ManifestEntry>& manifests, Verdicts verdicts);
-  void ReplaceTable(RuleTable::Rules rules, bool collect_hashes, Verdicts verdicts);
+  void ReplaceTable(RuleTable::Rules rules, bool collect_hashes, Outcome outcome);
   void Apply();
-  // Answers the failure; an empty text when there is none.
-  std::string HandToEngine(edr::EventRuleEngine::Rules rules);
+  EngineFailure HandToEngine(edr::EventRuleEngine::Rules rules);
   // Tells what has become of each manifest.
-  void Report(const std::string& engine_failure);
+  void Report(const EngineFailure& failure);
 
   edr::EventRuleEngine& engine_;
   RuleTable& table_;
@@ -71,7 +80,7 @@ class EventRuleManager {
 
   std::mutex mutex_;
   std::vector<Config::ManifestEntry> manifests_;  // in force
-  Verdicts verdicts_;                             // on those that the table was made of
+  Outcome outcome_;                               // of those that the table was made of
   std::uint64_t generation_ = 0;                  // of the table
   bool installed_ = false;                        // the engine may hold rules of this component
 };

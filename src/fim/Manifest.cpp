@@ -50,7 +50,7 @@ Manifest::Manifest(const rapidjson::Value& document) {
   const rapidjson::Value& version = Mandatory(fim, "policyVersion", {"data", "fim"});
   if (!version.IsString()) Fail("policyVersion is not string", {"data", "fim", "policyVersion"});
   policy_version_ = common::util::ToString(version);
-  if (policy_version_ != "1.0") {
+  if (!HasKnownVersion()) {
     ZLOG_WARNING("Unknown version [" << policy_version_ << "] of FIM manifest. Skipping.");
     return;
   }

@@ -34,10 +34,14 @@ class Manifest {
   explicit Manifest(const rapidjson::Value& document);
 
   [[nodiscard]] const std::string& GetPolicyVersion() const { return policy_version_; }
+  // Whether it is of a version that gives rules.
+  [[nodiscard]] bool HasKnownVersion() const { return policy_version_ == kKnownVersion; }
   [[nodiscard]] bool CollectsHashes() const { return collect_hashes_; }
   [[nodiscard]] const Rules& GetRules() const { return rules_; }
 
  private:
+  static constexpr const char* kKnownVersion = "1.0";
+
   void ParseRules(const rapidjson::Value& rules);
 
   std::string policy_version_;

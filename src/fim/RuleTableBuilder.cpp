@@ -58,38 +58,40 @@ std::optional<std::string> ResolveLink(const std::string& path) {
 
 }  // namespace
 
-void RuleTableBuilder::Add(const std::shared_ptr<const EventRule>& rule) {
+RuleTableBuilder::Ids RuleTableBuilder::Add(const std::shared_ptr<const EventRule>& rule) {
   if (!IsSymlink(rule->GetPath()) && !HasLinkedFolder(rule->GetPath())) {
     ZLOG_INFO("Adding rule " << rule->GetId());
     Insert(rule);
-    return;
+    return {rule->GetId()};
   }
-  if (!AddSymlink(*rule)) {
+  Ids derived = AddSymlink(*rule);
+  if (derived.empty()) {
     ZLOG_ERROR("Could not create any rules from symlink monitoring path " << rule->GetPath());
   }
+  return derived;
 }
 
 // Audit reports only real objects: a link is watched as itself and as what it points to, and what lies behind links
 // as it is written and as it is meant.
-bool RuleTableBuilder::AddSymlink(const EventRule& rule) {
+RuleTableBuilder::Ids RuleTableBuilder::AddSymlink(const EventRule& rule) {
   ZLOG_INFO("Adding symlink rule " << rule.GetId());
-  bool added = Derive(rule, rule.GetId() + "-1", rule.GetPath());
+  Ids derived;
+  Derive(rule, rule.GetId() + "-1", rule.GetPath(), derived);
   if (const std::optional<std::string> target = ResolveLink(rule.GetPath())) {
     ZLOG_INFO("Adding resolved rule " << rule.GetId() << " with path " << *target);
-    added = Derive(rule, rule.GetId(), *target) || added;
+    Derive(rule, rule.GetId(), *target, derived);
   } else {
     ZLOG_WARNING("Cannot resolve symlink " << rule.GetPath());
   }
-  return added;
+  return derived;
 }
 
-bool RuleTableBuilder::Derive(const EventRule& rule, const std::string& id, const std::string& path) {
+void RuleTableBuilder::Derive(const EventRule& rule, const std::string& id, const std::string& path, Ids& derived) {
   try {
     Insert(std::make_shared<const EventRule>(rule, id, path));
-    return true;
+    derived.push_back(id);
   } catch (const edr::EventRuleException& error) {
     ZLOG_ERROR("Rule " << id << ": " << error.what());
-    return false;
   }
 }
 

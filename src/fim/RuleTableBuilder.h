@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "src/fim/EventRule.h"
 #include "src/fim/RuleTable.h"
@@ -14,13 +15,15 @@ namespace zagent::fim::internal {
 // id the last holds, with a warning.
 class RuleTableBuilder {
  public:
-  // Looks at the disk for links.
-  void Add(const std::shared_ptr<const EventRule>& rule);
+  using Ids = std::vector<std::string>;
+
+  // Looks at the disk for links. Answers the ids of what it made of the rule; none when a link gives no rule.
+  Ids Add(const std::shared_ptr<const EventRule>& rule);
   [[nodiscard]] RuleTable::Rules Take() { return std::move(rules_); }
 
  private:
-  bool AddSymlink(const EventRule& rule);
-  bool Derive(const EventRule& rule, const std::string& id, const std::string& path);
+  Ids AddSymlink(const EventRule& rule);
+  void Derive(const EventRule& rule, const std::string& id, const std::string& path, Ids& derived);
   void Insert(const std::shared_ptr<const EventRule>& rule);
 
   RuleTable::Rules rules_;

@@ -30,6 +30,11 @@ class FakeRuleEngine final : public edr::EventRuleEngine {
     const std::lock_guard lock(mutex_);
     calls_.push_back({tag, std::move(rules)});
     if (!add_error_.empty()) throw edr::RuleEngineException(add_error_);
+    edr::RuleEngineException::Refusals refusals;
+    for (const auto& rule : calls_.back().rules) {
+      if (rule->GetId() == refused_id_) refusals.emplace(refused_id_, "the kernel refuses");
+    }
+    if (!refusals.empty()) throw edr::RuleEngineException("the kernel refuses", refusals);
   }
   void Invalidate() override { CallInvalidatedOfAllTags(); }
   // Every rule in force matches every event.
@@ -60,6 +65,11 @@ class FakeRuleEngine final : public edr::EventRuleEngine {
     const std::lock_guard lock(mutex_);
     add_error_ = error;
   }
+  // The following AddRules refuse this rule, with the words "the kernel refuses", and take the others.
+  void RefuseRule(const std::string& id) {
+    const std::lock_guard lock(mutex_);
+    refused_id_ = id;
+  }
   [[nodiscard]] std::vector<Call> Calls() const {
     const std::lock_guard lock(mutex_);
     return calls_;
@@ -81,6 +91,7 @@ class FakeRuleEngine final : public edr::EventRuleEngine {
   std::vector<Call> calls_;
   std::function<void()> before_next_add_;
   std::string add_error_;
+  std::string refused_id_;
 };
 
 }  // namespace zagent::fakes

@@ -86,6 +86,8 @@ InstalledRules::Replacement InstalledRules::Replace(AuditSocket& socket, const s
   ReleaseProcessNames(tag, staying);
 
   Replacement replacement;
+  std::string first_failure;
+  RuleEngineException::Refusals refusals;
   std::set<RuleKey> seen;
   Progress progress(clock_, "RuleEngine::AddRules: Added", rules.size());
   for (const auto& rule : rules) {
@@ -100,12 +102,14 @@ InstalledRules::Replacement InstalledRules::Replace(AuditSocket& socket, const s
       ZLOG_DEBUG("RuleEngine::AddRules: Added rule with ID " << rule->GetId());
     } catch (const std::runtime_error& error) {
       ZLOG_ERROR("RuleEngine::AddRules: Failed to add rule with ID " << rule->GetId() << ": " << error.what());
-      if (!replacement.failure) replacement.failure = error.what();
+      if (refusals.empty()) first_failure = error.what();
+      refusals.emplace(rule->GetId(), error.what());
     }
     progress.Step();
   }
   std::erase_if(remembered_, [&](const auto& entry) { return entry.first.tag == tag; });
   TellRulesInForce();
+  if (!refusals.empty()) replacement.failure.emplace(first_failure, std::move(refusals));
   return replacement;
 }
 

@@ -34,7 +34,7 @@ class InstalledRules {
     bool is_new;  // what is at the path now was not there when the rule was last in force, or was unheard for a while
   };
   struct Replacement {
-    std::optional<std::string> failure;  // the first one
+    std::optional<edr::RuleEngineException> failure;  // the first one, with all refusals
     std::vector<Renewed> renewed;  // whose path has come into being while they were awaited, or holds something new
   };
 

@@ -90,7 +90,7 @@ void RuleEngine::AddRules(const std::string& tag, Rules rules) {
     TellWhetherThereArePaths();
   }
   KeepFoundObjects(replacement.renewed);
-  if (replacement.failure) throw edr::RuleEngineException(*replacement.failure);
+  if (replacement.failure) throw *replacement.failure;
 }
 
 void RuleEngine::DeleteEverythingFromAudit(AuditSocket& socket) {

@@ -310,6 +310,39 @@ TEST_F(EventRuleManagerTest, TellsWhatBecameOfEachManifest) {
   EXPECT_EQ(lines[3], "4002 " + missing + " 0 manifest=failed reason=Failed to read manifest: " + missing);
 }
 
+TEST_F(EventRuleManagerTest, AManifestOfAnUnknownVersionIsToldAsFailed) {
+  const std::string manifest = WriteManifest("two.json", Rule("r1", "/etc"), false, "2.0");
+  Make({manifest});
+  EXPECT_EQ(reporter_.Lines(),
+            std::vector<std::string>{"4002 " + manifest + " 0 manifest=failed reason=unknown version 2.0"});
+}
+
+TEST_F(EventRuleManagerTest, ARefusedRuleFailsItsOwnManifestAlone) {
+  const std::string one = WriteManifest("one.json", Rule("r1", "/etc") + "," + Rule("r2", "/usr"));
+  const std::string two = WriteManifest("two.json", Rule("r3", "/srv"));
+  engine_.RefuseRule("r2");
+  Make({one, two});
+  EXPECT_EQ(reporter_.Lines(), (std::vector<std::string>{
+                                   "4002 " + one + " 0 manifest=failed reason=rule r2 not applied: the kernel refuses",
+                                   "4002 " + two + " 1 manifest=applied"}));
+  engine_.RefuseRule("");
+  engine_.Invalidate();
+  EXPECT_EQ(reporter_.Lines().back(), "4002 " + two + " 1 manifest=applied");
+  EXPECT_EQ(reporter_.Lines()[2], "4002 " + one + " 1 manifest=applied");
+}
+
+TEST_F(EventRuleManagerTest, ARefusedRuleOnALinkFailsTheManifestThatItCameFrom) {
+  std::filesystem::create_directory(folder_ / "real");
+  std::filesystem::create_symlink(folder_ / "real", folder_ / "link");
+  const std::string one = WriteManifest("one.json", Rule("r1", folder_ / "link"));
+  const std::string two = WriteManifest("two.json", Rule("r2", "/srv"));
+  engine_.RefuseRule("r1-1");
+  Make({one, two});
+  EXPECT_EQ(reporter_.Lines()[0],
+            "4002 " + one + " 0 manifest=failed reason=rule r1-1 not applied: the kernel refuses");
+  EXPECT_EQ(reporter_.Lines()[1], "4002 " + two + " 1 manifest=applied");
+}
+
 TEST_F(EventRuleManagerTest, AManifestThatTheEngineRefusedIsAppliedWhenItIsTakenLater) {
   const std::string good = WriteManifest("good.json", Rule("r1", "/etc"));
   engine_.FailAdds("no kernel");

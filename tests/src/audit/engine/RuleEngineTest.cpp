@@ -271,6 +271,18 @@ TEST_F(RuleEngineTest, InstallsTheOthersWhenOneRuleIsRefused) {
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "RuleEngine::AddRules: Failed to add rule with ID b: "));
 }
 
+TEST_F(RuleEngineTest, TellsEachRuleThatWasRefused) {
+  kernel_.refuse_add = [](const SeenRule& rule) { return rule.Key() == "b" || rule.Key() == "d" ? ENOSPC : 0; };
+  edr::RuleEngineException::Refusals refusals;
+  try {
+    engine_->AddRules("FIM", {Watch("a"), Watch("b"), Watch("c"), Watch("d")});
+  } catch (const edr::RuleEngineException& error) {
+    refusals = error.GetRefusals();
+  }
+  EXPECT_EQ(refusals, (edr::RuleEngineException::Refusals{{"b", "Failed to add rule to audit subsystem"},
+                                                          {"d", "Failed to add rule to audit subsystem"}}));
+}
+
 TEST_F(RuleEngineTest, RefusesARuleWhoseIdIsNoKey) {
   EXPECT_EQ(ErrorOf([&] {
               engine_->AddRules("FIM", {Watch("a>=b"), Watch("c")});
