@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <mutex>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 namespace zagent {
@@ -125,6 +126,13 @@ void Log::HoldUntilInit() {
   State& state = TheState();
   const std::lock_guard lock(state.held_mutex);
   state.holding = !state.initialized;
+}
+
+std::vector<Poco::Message> Log::TakeHeld() {
+  State& state = TheState();
+  const std::lock_guard lock(state.held_mutex);
+  state.holding = false;
+  return std::exchange(state.held, {});
 }
 
 void Log::Init(const std::string& name, const std::string& config_file) {

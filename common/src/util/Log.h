@@ -1,11 +1,13 @@
 #pragma once
 
 #include <Poco/Logger.h>
+#include <Poco/Message.h>
 
 #include <cstddef>
 #include <ostream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 // Logging of the whole program.
 //
@@ -35,9 +37,12 @@ class Log {
  public:
   // From here on lines of all threads are held in memory, at every level, at most kMaxHeldLines (what comes behind them
   // is lost). Init writes those whose level is enabled then, in their order and with their times, before any later
-  // line; one that fails leaves them held. Call it before the first thread that logs.
+  // line; one that fails leaves them held, for TakeHeld. Call it before the first thread that logs.
   static void HoldUntilInit();
   static constexpr std::size_t kMaxHeldLines = 1'000;
+
+  // Holds no longer, for there will be no Init: answers what was held, in its order.
+  static std::vector<Poco::Message> TakeHeld();
 
   // Reads the property file, configures Poco's loggers and creates missing log folders (mode 0700).
   // Throws std::runtime_error "Logger is already initialized" on a second call; what Poco throws on a bad file or on

@@ -29,8 +29,16 @@ void OnSignal(int /*signal*/) {
   ProcessExitFlag() = true;
 }
 
+// There will be no log: what was an error on the way goes where the cause goes.
+void TellHeldErrors() {
+  for (const Poco::Message& line : common::util::Log::TakeHeld()) {
+    if (line.getPriority() <= Poco::Message::PRIO_ERROR) syslog(LOG_CRIT, "%s", line.getText().c_str());
+  }
+}
+
 // A failure before there is a logger: the cause, the system's verdict, exit code 4.
 [[noreturn]] void FailToInitialize(const std::string& cause, int priority = LOG_CRIT) {
+  TellHeldErrors();
   syslog(priority, "%s", cause.c_str());
   syslog(LOG_CRIT, "Error: The ostrel-edr binary could not Initialize.");
   throw StartUpFailure(ExitCode::NotConfigured, cause);
@@ -117,6 +125,7 @@ void Daemon::InitLog() {
   try {
     common::util::Log::Init("edr", common_config_->GetLogConfigFile());
   } catch (const std::exception& error) {
+    TellHeldErrors();
     syslog(LOG_CRIT, "Error:ostrel-edr:log config is invalid.");
     throw StartUpFailure(ExitCode::NoLog, error.what());
   }

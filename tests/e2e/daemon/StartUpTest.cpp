@@ -118,6 +118,29 @@ TEST_F(StartUpTest, ASectionWithABadKeyEndsItWith4) {
   ExpectRefused("CommonConfig: Invalid json");
 }
 
+TEST_F(StartUpTest, AnOptionalKeyOfAnotherTypeEndsItWith4AndSyslogNamesIt) {
+  const auto expect_named = [this](const char* key, const std::string& line) {
+    SCOPED_TRACE(key);
+    rapidjson::Value& section = config_.Json()["common_config"];
+    section.AddMember(rapidjson::StringRef(key), 17, config_.Json().GetAllocator());
+    config_.Write();
+    TestAgent agent;
+    DaemonProcess daemon;
+    agent.SendConfig(config_.File());
+    EXPECT_EQ(daemon.WaitForExit(), 4);
+    section.RemoveMember(key);
+    const auto lines = syslog_->Lines();
+    ASSERT_GE(lines.size(), 3U) << syslog_->All();
+    const auto* const last = &lines.back();
+    EXPECT_TRUE(last[-2].text.ends_with("]: " + line)) << syslog_->All();
+    EXPECT_EQ(last[-2].priority, LOG_CRIT);
+    EXPECT_EQ(last[-1].text, "CommonConfig: Invalid json");
+    EXPECT_EQ(last[0].text, kCouldNot);
+  };
+  expect_named("Blackout_Events", "Invalid Blackout_Events key, it should be array");
+  expect_named("fedramp", "Invalid fedramp key, it should be boolean");
+}
+
 TEST_F(StartUpTest, AFimSectionWithoutAFileNameEndsItWith4) {
   config_.Json()["fim_config"].RemoveMember("event_file_name");
   config_.Write();

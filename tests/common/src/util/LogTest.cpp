@@ -197,6 +197,21 @@ TEST_F(LogTest, AThreadThatLogsDuringInitLosesNoLineAndNoOrder) {
   });
 }
 
+TEST_F(LogTest, WhatIsHeldCanBeTakenWhereThereIsNoInit) {
+  InOwnProcess([] {
+    Log::HoldUntilInit();
+    ZLOG_ERROR("a refusal");
+    ZLOG_DEBUG("its cause");
+    const std::vector<Poco::Message> held = Log::TakeHeld();
+    ASSERT_EQ(held.size(), 2U);
+    EXPECT_EQ(held[0].getPriority(), Poco::Message::PRIO_ERROR);
+    EXPECT_TRUE(held[0].getText().ends_with("]: a refusal"));
+    EXPECT_TRUE(held[1].getText().ends_with("]: its cause"));
+    ZLOG_ERROR("is held no more");
+    EXPECT_TRUE(Log::TakeHeld().empty());
+  });
+}
+
 TEST_F(LogTest, HoldsNoMoreThanItsBound) {
   InOwnProcess([this] {
     Log::HoldUntilInit();
