@@ -95,7 +95,12 @@ ResourceMonitor::ResourceMonitor(std::uint64_t cpu_limit, std::uint64_t memory_l
       processor_count_(sysconf(_SC_NPROCESSORS_CONF)),
       ticks_per_second_(sysconf(_SC_CLK_TCK)),
       last_cpu_sample_(clock.SteadyNow()),
-      last_memory_sample_(last_cpu_sample_) {}
+      last_memory_sample_(last_cpu_sample_) {
+  try {
+    last_cpu_ticks_ = ReadCpuTicks(stat_path_);
+  } catch (const ResourceMonitorException&) {  // NOLINT(bugprone-empty-catch): whoever asks for a reading is told
+  }
+}
 
 float ResourceMonitor::GetCpuUsagePercent() {
   const util::Clock::SteadyTime now = clock_.SteadyNow();

@@ -33,9 +33,9 @@ class ResourceMonitor {
   [[nodiscard]] std::uint64_t GetMemoryLimit() const { return memory_limit_; }
   [[nodiscard]] std::uint64_t GetTotalMemoryKb() const { return total_memory_kb_; }
 
-  // Percent of all processors since the last sample. A sample is taken at most once in 1.001 seconds; between samples
-  // the last result is returned and nothing is read. Throws ResourceMonitorException when the file cannot be read or
-  // understood.
+  // Percent of all processors since the last sample; the first one since construction. A sample is taken at most once
+  // in 1.001 seconds; between samples the last result is returned and nothing is read. Throws ResourceMonitorException
+  // when the file cannot be read or understood.
   float GetCpuUsagePercent();
 
   // Resident memory in percent of the machine's. A walk through the mappings is dear: it is done at most once in more

@@ -100,6 +100,14 @@ TEST_F(ResourceMonitorTest, MeasuresTheShareOfAllProcessorsSinceTheLastSample) {
   EXPECT_FLOAT_EQ(monitor.GetCpuUsagePercent(), Percent(100, 4000));
 }
 
+TEST_F(ResourceMonitorTest, WhatWasUsedBeforeItWasMadeDoesNotCount) {
+  SetTicks(40'000, 2'000);
+  ResourceMonitor monitor(5, 5, clock_, proc_.Path());
+  SetTicks(40'030, 2'020);
+  clock_.Advance(std::chrono::seconds(2));
+  EXPECT_FLOAT_EQ(monitor.GetCpuUsagePercent(), Percent(50, 2000));
+}
+
 TEST_F(ResourceMonitorTest, ReadsAtMostOnceInAboutASecond) {
   ResourceMonitor monitor(5, 5, clock_, proc_.Path());
   SetTicks(50, 0);
@@ -179,7 +187,8 @@ TEST_F(MemoryUsageTest, AProbeOfThisProcessTellsBoth) {
   EXPECT_EQ(probe.cpu_usage_percent(), 0);
   EXPECT_EQ(probe.memory_usage_percent(), 0);
   // Use of the processor is told from the first second on, that of memory from the first minute on.
-  while (std::clock() < CLOCKS_PER_SEC / 10) {
+  const std::clock_t start = std::clock();
+  while (std::clock() < start + CLOCKS_PER_SEC / 10) {
   }
   clock_.Advance(std::chrono::seconds(2));
   EXPECT_GT(probe.cpu_usage_percent(), 0);
