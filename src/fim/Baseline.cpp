@@ -121,4 +121,9 @@ std::size_t Baseline::GetSize() const {
   return paths_.size();
 }
 
+std::size_t Baseline::GetBytes() const {
+  const std::lock_guard lock(mutex_);
+  return path_bytes_;
+}
+
 }  // namespace zagent::fim::internal

@@ -54,6 +54,8 @@ class Baseline {
 
   // Files that are known, or whose baseline is on its way.
   [[nodiscard]] std::size_t GetSize() const;
+  // Of the paths.
+  [[nodiscard]] std::size_t GetBytes() const;
 
  private:
   struct SpooledFile {

@@ -62,9 +62,9 @@ class Component {
   // Throws std::invalid_argument "Fim::Config::Update: Invalid json" and changes nothing.
   void UpdateConfig(const rapidjson::Value& json);
 
-  // Memory that is kept by the spool's tasks, and by its cache.
+  // Memory that is kept by the spool's tasks, and by its cache and the baseline's paths.
   [[nodiscard]] std::uint64_t GetWaitingBytes() const { return storage_->GetWaitingBytes(); }
-  [[nodiscard]] std::uint64_t GetCachedBytes() const { return storage_->GetCachedBytes(); }
+  [[nodiscard]] std::uint64_t GetCachedBytes() const { return storage_->GetCachedBytes() + baseline_->GetBytes(); }
 
  private:
   void UpdateEnabled();

@@ -80,9 +80,11 @@ std::string AHSSqlDataFormatter::Count(const std::string& condition) {
 }
 
 std::string AHSSqlDataFormatter::DeleteOldest(std::int64_t rows) {
-  const std::string table = kTable;
-  return "DELETE FROM " + table + " WHERE rowid IN (SELECT rowid FROM " + table + " ORDER BY rowid LIMIT " +
-         std::to_string(rows) + ")";
+  const std::string from = std::string(" FROM ") + kTable + Condition({});
+  const std::string largest =
+      "SELECT [StatusCode] / 100" + from + " GROUP BY [StatusCode] / 100 ORDER BY count(*) DESC LIMIT 1";
+  return std::string("DELETE FROM ") + kTable + " WHERE rowid IN (SELECT rowid" + from + " AND [StatusCode] / 100 = (" +
+         largest + ") ORDER BY rowid LIMIT " + std::to_string(rows) + ")";
 }
 
 }  // namespace zagent::health

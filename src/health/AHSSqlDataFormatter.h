@@ -43,7 +43,8 @@ class AHSSqlDataFormatter final : public common::SqlDataFormatter {
   [[nodiscard]] Statements Migrate(std::int64_t version) override;
 
   [[nodiscard]] static std::string Count(const std::string& condition);
-  // Those that came first, whatever their codes.
+  // Those for upload that came first, of the component that has the most of them: its codes share their hundreds. Who
+  // reports much takes nothing from the others.
   [[nodiscard]] static std::string DeleteOldest(std::int64_t rows);
 
  private:

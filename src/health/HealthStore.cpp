@@ -61,6 +61,15 @@ std::uint64_t HealthStore::RefusedDocuments() const {
   return refused_documents_;
 }
 
+std::uint64_t HealthStore::GetWaitingBytes() const {
+  const std::lock_guard lock(mutex_);
+  std::uint64_t bytes = 0;
+  for (const AHSRecord& record : waiting_) {
+    bytes += sizeof record + record.time.size() + record.context_id.size() + record.additional_fields.size();
+  }
+  return bytes;
+}
+
 void HealthStore::Keep(HealthStatus status) {
   if (!IsNews(status)) return;
   ZLOG_DEBUG("AHS: Status " << NameOf(status.code, status.context_id) << ": "
@@ -124,7 +133,8 @@ void HealthStore::TrimRows() {
 }
 
 std::int64_t HealthStore::CountRows() {
-  const common::Bytes row = storage_->Query(AHSSqlDataFormatter::Count("")).Next();
+  const std::string for_upload = AHSSqlDataFormatter::Condition({});
+  const common::Bytes row = storage_->Query(AHSSqlDataFormatter::Count(for_upload)).Next();
   return common::Serializer(row).GetInteger();
 }
 

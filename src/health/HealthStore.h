@@ -25,8 +25,9 @@ namespace zagent::health {
 // which a delete of that batch would take along. A database that cannot be opened is no reason to do without what the
 // statuses are about: it is logged, and tried again likewise.
 //
-// Bounds: 1,000 statuses wait in memory and 5,000 rows on disk, and beyond that the oldest go, with a warning; the last
-// statuses of 1,000 contexts are known, and beyond that all of them count as new once more.
+// Bounds: 1,000 statuses wait in memory and 5,000 rows for upload on disk, and beyond that the oldest go, on disk those
+// of the component that has the most, with a warning; rows of other codes are left alone. The last statuses of 1,000
+// contexts are known, and beyond that all of them count as new once more.
 //
 // All operations from any thread; they wait for each other and for the disk.
 class HealthStore final : public HealthReporter {
@@ -48,6 +49,9 @@ class HealthStore final : public HealthReporter {
   void CountRefused(std::uint64_t documents) noexcept override;
   // Of all CountRefused so far.
   [[nodiscard]] std::uint64_t RefusedDocuments() const;
+
+  // What waits in memory. From any thread.
+  [[nodiscard]] std::uint64_t GetWaitingBytes() const;
 
   // The rows that an upload is about to take with it. While it lives, no other row reaches the database.
   class Batch {

@@ -146,6 +146,9 @@ TEST_F(BaselineTest, NamesAreNoSql) {
   EXPECT_TRUE(Wants(*baseline, "/srv/o''brien"));
   EXPECT_TRUE(Wants(*baseline, "/srv/two"));
   EXPECT_EQ(baseline->GetSize(), names.size());
+  std::size_t bytes = 0;
+  for (const std::string& name : names) bytes += name.size();
+  EXPECT_GE(baseline->GetBytes(), bytes);
 }
 
 TEST_F(BaselineTest, AFileThatIsNoDatabaseIsSetAside) {

@@ -118,7 +118,9 @@ TEST_F(HealthStoreTest, TheOldestOfTooManyWaitingStatusesIsDropped) {
     const HealthStore::Batch batch = store_->TakeBatch();
     for (std::size_t i = 0; i <= HealthStore::kMaxWaiting; ++i) store_->Report(Manifest("/" + std::to_string(i)));
     EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "More than 1000 statuses wait: the oldest is dropped"));
+    EXPECT_GT(store_->GetWaitingBytes(), HealthStore::kMaxWaiting * 20);
   }
+  EXPECT_EQ(store_->GetWaitingBytes(), 0U);
   const auto contexts = Table().Contexts();
   ASSERT_THAT(contexts, SizeIs(HealthStore::kMaxWaiting));
   EXPECT_EQ(contexts.front(), "/1");
@@ -135,6 +137,22 @@ TEST_F(HealthStoreTest, RowsThatCannotBeSentForLongDoNotFillTheDisk) {
   EXPECT_EQ(contexts.front(), "2");
   EXPECT_EQ(contexts.back(), "/a");
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "More than 5000 statuses could not be sent yet"));
+}
+
+TEST_F(HealthStoreTest, AComponentThatReportsTooMuchTakesNothingFromTheOthers) {
+  StatusTable table = Table();
+  table.Insert("of no upload", 5001);
+  table.Insert("of the other component", 4101);
+  table.Ask(
+      "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 4999) INSERT INTO AgentStatus "
+      "SELECT '2024-05-01T10:20:30Z', i, 4001, 1, '' FROM n");
+  store_->Report(Manifest("/a"));
+  const auto contexts = table.Contexts();
+  ASSERT_THAT(contexts, SizeIs(5001));  // 5000 of them for upload
+  EXPECT_EQ(contexts[0], "of no upload");
+  EXPECT_EQ(contexts[1], "of the other component");
+  EXPECT_EQ(contexts[2], "2");
+  EXPECT_EQ(contexts.back(), "/a");
 }
 
 TEST_F(HealthStoreTest, RowsSurviveTheEndOfTheProgram) {
