@@ -35,6 +35,7 @@ RuleEngine::RuleEngine(AuditNetlink& netlink, Settings settings, IntakeCounters&
       look_at_paths_(std::move(settings.look_at_paths)),
       look_at_(std::move(settings.look_at)),
       proc_root_(settings.proc_root),
+      listener_(std::move(settings.listener)),
       true_paths_(file_context_ ? file_context_->folders : nullptr, file_context_ ? file_context_->mounts : nullptr),
       processes_(
           clock, counters, [this](const edr::Event& event) { return IsContainerProcess(event); }, settings.proc_root),
@@ -136,6 +137,7 @@ void RuleEngine::UpdateExclusions(std::int32_t agent_pid, const std::string& age
 
 void RuleEngine::ProcessEvent(std::unique_ptr<edr::Event> event) {
   if (!event) throw std::runtime_error("RuleEngine::ProcessEvent: 'event' is nullptr");
+  if (listener_) listener_(*event);
   RouteFoundObjects();
   if (!FollowKernelsRules(*event)) return;
   CorrectPaths(*event);

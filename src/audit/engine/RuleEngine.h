@@ -57,6 +57,9 @@ class RuleEngine final : public edr::EventRuleEngine {
     std::function<void()> look_at_paths = {};
     // Asks the disk what stands at a path. Called without a lock.
     std::function<internal::Sight(const internal::WatchedPlace&)> look_at = internal::LookAt;
+    // Hears of each event first, whoever caused it: what the program's own family did, too. Event thread; returns at
+    // once.
+    std::function<void(const edr::Event&)> listener = {};
   };
 
   // Raises the backlog limit, removes what an earlier run left in the kernel, installs the exclusions. Throws
@@ -69,7 +72,7 @@ class RuleEngine final : public edr::EventRuleEngine {
   ~RuleEngine() override;
 
   // A rule that cannot be installed is logged and does not keep the others out; the first failure is thrown at the end
-  // as edr::RuleEngineException.
+  // as edr::RuleEngineException, with the refusals of all.
   void AddRules(const std::string& tag, Rules rules) override;
   void Invalidate() override;
   void ProcessEvent(std::unique_ptr<edr::Event> event) override;
@@ -147,6 +150,7 @@ class RuleEngine final : public edr::EventRuleEngine {
   const internal::FileEvent::Context file_context_;
   const std::function<void()> look_at_paths_;
   const std::function<internal::Sight(const internal::WatchedPlace&)> look_at_;
+  const std::function<void(const edr::Event&)> listener_;
   std::atomic<bool> has_paths_{false};
   const std::string proc_root_;
   std::vector<std::unique_ptr<edr::Event>> found_objects_;  // with the mutex; for the event thread

@@ -1,6 +1,7 @@
 #include "src/edr/host/Daemon.h"
 
 #include <magic.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -103,8 +104,11 @@ void Daemon::RunLogged() {
   scheduler_->Start();
   BuildEngine();
   BuildUploads();
+  // Whoever asked for quiet hours must not be disturbed because they cannot be read: this ends the start-up.
+  auto quiet_hours = BuildQuietHours();
   BuildHealth();
-  BuildFim();
+  BuildProofOfLife();
+  BuildFim(std::move(quiet_hours));
   health_->StartUploads();
   StartIntake();
   SignalHelper::Instance().Unblock({SIGINT, SIGTERM});
@@ -144,6 +148,10 @@ void Daemon::BuildEngine() {
       .look_at_paths =
           [this] {
             if (path_schedule_) path_schedule_->RunNow();
+          },
+      .listener =
+          [this](const Event& event) {
+            if (life_sign_ && life_sign_->IsSign(event)) proof_of_life_->Heard();
           }};
   auto engine =
       std::make_unique<audit::RuleEngine>(audit::AuditNetlink::Kernel(), std::move(settings), intake_counters_);
@@ -176,14 +184,38 @@ void Daemon::BuildHealth() {
                                             intake_counters_, audit::AuditNetlink::Kernel());
 }
 
+void Daemon::BuildProofOfLife() {
+  auto& netlink = audit::AuditNetlink::Kernel();
+  const auto own_pid = static_cast<std::uint32_t>(getpid());
+  life_sign_ = std::make_unique<LifeSign>(common_config_->GetAgentInstallPath(), *rule_engine_);
+  proof_of_life_ = std::make_unique<ProofOfLife>(
+      ProofOfLife::Ports{.touch = [this] { return life_sign_->Give(); },
+                         .is_idle = [this] { return IsIntakeIdle(); },
+                         .losses = [this] { return CountIntakeLosses(); },
+                         .install_rules = [this] { rule_engine_->Invalidate(); },
+                         .silence = [this](const std::string& why) { health_->Intake().SetSilence(why); }},
+      netlink, edr_config_->HasDispatcherSocketPath() ? 0 : own_pid);
+}
+
+// What is being worked on counts as queued: an intake that pauses holds something.
+bool Daemon::IsIntakeIdle() const {
+  return parser_ && !intake_watch_->HasEnded() && parser_->GetQueuedBytes() == 0 && parser_->GetQueuedEvents() == 0;
+}
+
+// Another run of the intake knows nothing of what the last one held.
+std::uint64_t Daemon::CountIntakeLosses() const {
+  using Reason = audit::IntakeCounters::Reason;
+  const audit::IntakeCounters::Snapshot counts = intake_counters_.Take();
+  return intake_runs_ + health_->Intake().KernelLosses() + counts.at(static_cast<std::size_t>(Reason::BytesAtBound)) +
+         counts.at(static_cast<std::size_t>(Reason::BytesAtStop));
+}
+
 std::unique_ptr<const common::BlackoutManager> Daemon::BuildQuietHours() const {
   return std::make_unique<const common::BlackoutManager>(R"({"Blackout_Events":)" +
                                                          common_config_->GetBlackoutEvents() + "}");
 }
 
-void Daemon::BuildFim() {
-  // Whoever asked for quiet hours must not be disturbed because they cannot be read: this ends the start-up.
-  auto quiet_hours = BuildQuietHours();
+void Daemon::BuildFim(std::unique_ptr<const common::BlackoutManager> quiet_hours) {
   try {
     auto uploader = uploaders_->Make(fim_config_->GetUploadUrl(), "FIM");
     fim_ = std::make_unique<fim::Component>(start_time_, std::move(fim_config_), lib_magic_, *scheduler_,
@@ -197,6 +229,7 @@ void Daemon::BuildFim() {
 }
 
 void Daemon::StartIntake() {
+  ++intake_runs_;
   // The parser first, so that no record is read without a consumer.
   parser_ = std::make_unique<audit::ParserThread>(
       *audit_channel_, MakeFileContext(), *rule_engine_, edr_config_->GetCpuLimit(), edr_config_->GetMemoryLimit(),
@@ -228,6 +261,7 @@ void Daemon::MainLoop() {
     queue_report.TellWhenDue();
     memory_check.RunFor(ProcessExitFlag());
     health_->TellWhenDue();
+    proof_of_life_->RunWhenDue();
   }
 }
 
@@ -239,6 +273,7 @@ std::vector<QueueReport::Gauge> Daemon::MakeGauges() const {
       {"resting file events", [this] { return rule_engine_->GetRestingEvents() * QueueReport::kBytesPerEvent; }},
       {"tasks", [this] { return fim_ ? fim_->GetWaitingBytes() : 0; }},
       {"components", [this] { return fim_ ? fim_->GetCachedBytes() : 0; }},
+      {"statuses", [this] { return health_->GetWaitingBytes(); }},
   };
 }
 
@@ -289,6 +324,10 @@ void Daemon::ShutDown() {
   });
   Guarded("stop the control channel", [this] { control_channel_->Stop(); });
   Guarded("end file integrity monitoring", [this] { fim_.reset(); });
+  Guarded("end the proof of life", [this] {
+    proof_of_life_.reset();
+    life_sign_.reset();
+  });
   Guarded("end the reports of health", [this] {
     if (health_) health_->Stop();
   });
@@ -310,9 +349,9 @@ void Daemon::ShutDown() {
   });
   Guarded("release the rest", [this] {
     control_channel_.reset();
-    health_.reset();
     http_service_.reset();
     scheduler_.reset();
+    health_.reset();
   });
 }
 
@@ -321,11 +360,10 @@ void Daemon::ReloadLogLevels() {
 }
 
 void Daemon::UpdateFim(const rapidjson::Value& section) {
-  if (!fim_) {
-    ZLOG_WARNING("File integrity monitoring did not start: its configuration is ignored until a restart");
-    return;
-  }
-  fim_->UpdateConfig(section);
+  if (fim_) return fim_->UpdateConfig(section);
+  // What kept it from starting may be mended by now.
+  fim_config_ = std::make_unique<fim::Config>(*common_config_, section);
+  BuildFim(BuildQuietHours());
 }
 
 void Daemon::UpdateAgentIdentity(const AgentIdentity& identity) {

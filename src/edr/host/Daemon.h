@@ -28,6 +28,8 @@
 #include "src/edr/host/HealthService.h"
 #include "src/edr/host/IntakeReport.h"
 #include "src/edr/host/IntakeWatch.h"
+#include "src/edr/host/LifeSign.h"
+#include "src/edr/host/ProofOfLife.h"
 #include "src/edr/host/QueueReport.h"
 #include "src/edr/host/UploaderFactory.h"
 #include "src/fim/Component.h"
@@ -82,10 +84,13 @@ class Daemon final : private CommandTarget {
   void BuildUploads();
   [[nodiscard]] std::unique_ptr<const common::BlackoutManager> BuildQuietHours() const;
   void BuildHealth();
-  void BuildFim();
+  void BuildProofOfLife();
+  void BuildFim(std::unique_ptr<const common::BlackoutManager> quiet_hours);
   void StartIntake();
   void MainLoop();
   [[nodiscard]] std::vector<QueueReport::Gauge> MakeGauges() const;
+  [[nodiscard]] bool IsIntakeIdle() const;
+  [[nodiscard]] std::uint64_t CountIntakeLosses() const;
   // Restarts an intake that has ended by itself, or throws when that has happened too often.
   void SeeToIntake();
   void RestartIntake();
@@ -123,6 +128,9 @@ class Daemon final : private CommandTarget {
   std::unique_ptr<common::HttpService> http_service_;
   std::unique_ptr<UploaderFactory> uploaders_;
   std::unique_ptr<HealthService> health_;
+  std::unique_ptr<LifeSign> life_sign_;  // built and released while the event thread does not run, which asks it
+  std::unique_ptr<ProofOfLife> proof_of_life_;
+  std::uint64_t intake_runs_ = 0;
   std::unique_ptr<fim::Component> fim_;
   std::unique_ptr<audit::ParserThread> parser_;
 };

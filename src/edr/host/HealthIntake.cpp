@@ -64,21 +64,25 @@ HealthIntake::HealthIntake(Sources sources, audit::AuditNetlink& netlink, health
       reporter_(reporter),
       clock_(clock),
       probe_(netlink),
-      next_ask_(clock.SteadyNow()),
-      told_since_(common::util::FormatUtc(common::util::ToNanoseconds(clock.Now()))) {}
+      told_since_(common::util::FormatUtc(common::util::ToNanoseconds(clock.Now()))) {
+  Ask();
+}
 
 void HealthIntake::TellWhenDue() {
   const common::util::Clock::SteadyTime now = clock_.SteadyNow();
-  if (now >= next_ask_) {
-    next_ask_ = now + kInterval;
-    answer_deadline_ = now + kAnswerTime;
-    probe_.Ask();
-  }
+  if (!answer_deadline_ && now >= next_ask_) Ask();
   if (!answer_deadline_) return;
   const std::optional<audit::AuditStatus> status = probe_.Poll();
   if (!status && now < *answer_deadline_) return;
   answer_deadline_.reset();
   Judge(status);
+}
+
+void HealthIntake::Ask() {
+  const common::util::Clock::SteadyTime now = clock_.SteadyNow();
+  next_ask_ = now + kInterval;
+  answer_deadline_ = now + kAnswerTime;
+  probe_.Ask();
 }
 
 void HealthIntake::TellAtEnd() {

@@ -34,7 +34,8 @@ class HealthIntake {
     std::function<std::uint64_t()> refused_documents;  // by the spools, since the start
   };
 
-  // All of them outlive this object.
+  // All of them outlive this object. Asks the kernel for its count at once: what is lost from here on is the program's
+  // loss, however late the answer is looked at. So it is made before the first rule.
   HealthIntake(Sources sources, audit::AuditNetlink& netlink, health::HealthReporter& reporter,
                common::util::Clock& clock = common::util::Clock::Real());
 
@@ -42,6 +43,9 @@ class HealthIntake {
   void TellWhenDue();
   // What is still to be told, without asking the kernel.
   void TellAtEnd();
+
+  // Records that the kernel has lost since the start, as it said last.
+  [[nodiscard]] std::uint64_t KernelLosses() const { return total_.kernel; }
 
   // Audit has stopped to speak, and why that may be; an empty text: it speaks again.
   void SetSilence(std::string why);
@@ -58,6 +62,7 @@ class HealthIntake {
     [[nodiscard]] health::Fields AsFields() const;
   };
 
+  void Ask();
   void Judge(const std::optional<audit::AuditStatus>& status);
   void AddKernelLosses(const audit::AuditStatus& status);
   void Report(health::State state);

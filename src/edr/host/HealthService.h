@@ -30,6 +30,9 @@ class HealthService {
   void StartUploads();
   // Made to be called often, by the main thread.
   void TellWhenDue() { intake_.TellWhenDue(); }
+  [[nodiscard]] std::uint64_t GetWaitingBytes() const { return store_.GetWaitingBytes(); }
+  // What the host reports of the intake; main thread.
+  [[nodiscard]] HealthIntake& Intake() { return intake_; }
   // When the intake and the components have ended: what is still to be told stays for the next start.
   void Stop();
 

@@ -15,6 +15,11 @@ void IntakeWatch::OnEnded(const std::string& cause) {
   }
 }
 
+bool IntakeWatch::HasEnded() const {
+  const std::lock_guard lock(mutex_);
+  return ended_;
+}
+
 IntakeWatch::Step IntakeWatch::NextStep() {
   const std::lock_guard lock(mutex_);
   if (!ended_ || !restarts_) return Step::Nothing;

@@ -28,6 +28,9 @@ class IntakeWatch {
   // dies of the same and is not counted again.
   void OnEnded(const std::string& cause);
 
+  // Until BeginRun.
+  [[nodiscard]] bool HasEnded() const;
+
   // What the host has to do now; made to be asked once a second.
   [[nodiscard]] Step NextStep();
   // The old intake is down, a new one is about to start.
@@ -36,7 +39,7 @@ class IntakeWatch {
  private:
   const bool restarts_;
   common::util::Clock& clock_;
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
   bool ended_ = false;
   std::deque<common::util::Clock::SteadyTime> failures_;  // those that still count; at most kMaxFailures
 };

@@ -34,11 +34,14 @@ void ProofOfLife::RunWhenDue() {
 
 void ProofOfLife::Begin(SteadyTime now) {
   next_ = now + kInterval;
+  step_ = Step::Rest;
   heard_ = false;
+  losses_ = ports_.losses();
   if (!ports_.touch()) {
     ZLOG_DEBUG("Proof of life: there is nobody to give one");
     return;
   }
+  ZLOG_DEBUG("Proof of life: waiting for the event");
   step_ = Step::Await;
   last_look_ = now;
   was_idle_ = false;
@@ -60,10 +63,11 @@ void ProofOfLife::Await(SteadyTime now) {
 void ProofOfLife::AwaitStatus(SteadyTime now) {
   if (heard_) return OnHeard();
   const std::optional<audit::AuditStatus> status = probe_.Poll();
-  if (status || now >= answer_deadline_) OnMissing(status);
+  if (status || now >= answer_deadline_) OnMissing(now, status);
 }
 
 void ProofOfLife::OnHeard() {
+  ZLOG_DEBUG("Proof of life: the event has come");
   step_ = Step::Rest;
   if (silence_.empty()) return;
   ZLOG_INFO("Proof of life: audit speaks again");
@@ -72,7 +76,8 @@ void ProofOfLife::OnHeard() {
 }
 
 // Once a silence and cause: who has been told need not be told every ten minutes.
-void ProofOfLife::OnMissing(const std::optional<audit::AuditStatus>& status) {
+void ProofOfLife::OnMissing(SteadyTime now, const std::optional<audit::AuditStatus>& status) {
+  if (ports_.losses() != losses_) return Begin(now);
   step_ = Step::Rest;
   std::string why = Explain(status);
   if (why == silence_) return;

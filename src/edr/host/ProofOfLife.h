@@ -17,7 +17,8 @@ namespace zagent::edr::host {
 // is done on purpose, by a process that no exclusion covers, and its event must come.
 //
 // An event that has not come when the intake had nothing else to do for a minute is missing. Time in which the intake
-// is busy, or paused, does not count: what is queued may be the event.
+// is busy, or paused, does not count: what is queued may be the event. Where something was lost meanwhile that may have
+// been the event nothing is known, and the deed is done once more.
 //
 // One thread, but Heard may be called from any.
 class ProofOfLife {
@@ -32,6 +33,7 @@ class ProofOfLife {
   struct Ports {
     std::function<bool()> touch;                          // does the deed; false when it cannot be done now
     std::function<bool()> is_idle;                        // nothing is queued in the intake, and nothing is paused
+    std::function<std::uint64_t()> losses;                // another number than before: events may have been lost
     std::function<void()> install_rules;                  // once more; may throw
     std::function<void(const std::string& why)> silence;  // told at its beginning, and with an empty text at its end
   };
@@ -53,7 +55,7 @@ class ProofOfLife {
   void Await(SteadyTime now);
   void AwaitStatus(SteadyTime now);
   void OnHeard();
-  void OnMissing(const std::optional<audit::AuditStatus>& status);
+  void OnMissing(SteadyTime now, const std::optional<audit::AuditStatus>& status);
   [[nodiscard]] std::string Explain(const std::optional<audit::AuditStatus>& status) const;
 
   enum class Step { Rest, Await, AwaitStatus };
@@ -67,6 +69,7 @@ class ProofOfLife {
   SteadyTime next_;
   SteadyTime last_look_;
   SteadyTime answer_deadline_;
+  std::uint64_t losses_ = 0;  // before the deed
   bool was_idle_ = false;
   std::chrono::nanoseconds idle_time_{0};
   std::string silence_;  // why; empty while audit speaks

@@ -191,6 +191,31 @@ TEST_F(CommandsTest, EveryKindOfBrokenFileLeavesTheRunningConfigurationInForce) 
   ExpectOrderlyEnd();
 }
 
+TEST_F(CommandsTest, MonitoringThatCouldNotStartIsStartedByALaterConfig) {
+  // No folder can be made below a file.
+  config_.Folder().Write("taken", "a file");
+  rapidjson::Document& json = config_.Json();
+  json["fim_config"]["event_file_path"].SetString(config_.Folder() / "taken/spool", json.GetAllocator());
+  config_.Write();
+  StartDaemon();
+  ASSERT_TRUE(LogComesToHold("Failed to start file integrity monitoring, going on without it: "));
+
+  agent_->WaitForGap(300ms);
+  agent_->SendConfig(WriteConfigWithRule("still-in-vain"));
+  EXPECT_TRUE(Within(
+      20s, [this] { return LogCount("Failed to start file integrity monitoring, going on without it: ") == 2; }));
+  EXPECT_THAT(RuleKeys(), testing::Not(HasSubstr("still-in-vain")));
+
+  std::filesystem::remove(config_.Folder() / "taken");
+  agent_->WaitForGap(300ms);
+  agent_->SendConfig(WriteConfigWithRule("now"));
+  EXPECT_TRUE(InForce("now"));
+  MakeWatchedFolder("watched-now");
+  EXPECT_TRUE(LogComesToHold("Event json written to disc successfully"));
+  agent_->Send(kExit);
+  ExpectOrderlyEnd();
+}
+
 TEST_F(CommandsTest, AConfigNeedsNoIntakeSection) {
   StartDaemon();
   ASSERT_TRUE(InForce("watched-folder"));

@@ -27,7 +27,7 @@ work() {
   echo $i >/run/written
 }
 
-sets_in_force() { [ "$(grep -cF 'Rules in force: 200 of 200' $LOG/edr.log)" -ge "$1" ]; }
+sets_in_force() { [ "$(grep -cF 'Rules in force: 201 of 201' $LOG/edr.log)" -ge "$1" ]; }
 created() { grep -c "^event Create $FOLDERS/1/file-" $LOG/receiver.log; }
 all_created() { is "$(created)" "$(cat /run/written)"; }
 

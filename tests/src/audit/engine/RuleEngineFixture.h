@@ -46,6 +46,7 @@ class RuleEngineFixture : public ::testing::Test {
     settings.look_at_paths = [this] { ++told_to_look_; };
     settings.look_at = [this](const internal::WatchedPlace& place) { return look_at_(place); };
     settings.watch_folders = [this](auto folders) { watched_ = std::move(folders); };
+    settings.listener = [this](const edr::Event& event) { came_in_.push_back(event.GetId()); };
     engine_ = std::make_unique<RuleEngine>(kernel_, std::move(settings), counters_, clock_);
   }
 
@@ -103,6 +104,7 @@ class RuleEngineFixture : public ::testing::Test {
   fakes::FakeProcFs processes_;  // the program itself, its agent as 400 and the next one as 401
   bool extended_coverage_ = false;
   std::vector<std::string> heard_, invalidated_;
+  std::vector<std::uint32_t> came_in_;  // ids of events, as the listener was told
   int told_to_look_ = 0;
   std::function<internal::Sight(const internal::WatchedPlace&)> look_at_ = internal::LookAt;
   std::vector<internal::WatchedFolder> watched_;  // as the engine told last

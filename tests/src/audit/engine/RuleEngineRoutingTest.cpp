@@ -203,6 +203,17 @@ TEST_F(RuleEngineRoutingTest, DropsWhatTheProgramAndItsFamilyDo) {
   EXPECT_EQ(heard_, (Ids{"FIM a,:4"}));
 }
 
+TEST_F(RuleEngineRoutingTest, TheListenerHearsWhatTheProgramAndItsFamilyDo) {
+  engine_->AddRules("FIM", {Watch("r1")});
+  Listen("FIM");
+  auto own = FolderEvent(1, folder_ / "sub");
+  own->pid = getpid();
+  engine_->ProcessEvent(std::move(own));
+  engine_->ProcessEvent(FolderEvent(2, "/where/no/rule/is"));
+  EXPECT_EQ(came_in_, (std::vector<std::uint32_t>{1, 2}));
+  EXPECT_TRUE(heard_.empty());
+}
+
 TEST_F(RuleEngineRoutingTest, NeverDropsAnAbnormalEndAsItsOwnAndCopesWithoutAnImage) {
   auto event = std::make_unique<FakeEvent>();
   event->type = EventType::AbnormalEnd;

@@ -69,6 +69,16 @@ TEST_F(HealthIntakeTest, EachKindOfLossHasItsField) {
             "queueDropped=1 since=2023-11-14T22:13:20Z spoolRefused=9 unplaced=5 unsupportedCall=4");
 }
 
+TEST_F(HealthIntakeTest, CountsFromItsMakingOnHoweverLateTheFirstLookIs) {
+  HealthIntake busy({.counters = counters_, .refused_documents = [] { return 0; }}, kernel_, reporter_, clock_);
+  kernel_.lost += 7;  // while rules were installed
+  clock_.Advance(3min);
+  busy.TellWhenDue();
+  clock_.Advance(1min);
+  busy.TellWhenDue();
+  EXPECT_THAT(Lines().back(), HasSubstr(" kernelLost=7 "));
+}
+
 TEST_F(HealthIntakeTest, LooksOnceAMinute) {
   refused_ = 1;
   PassTime(59s);

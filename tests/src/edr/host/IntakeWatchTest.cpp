@@ -48,6 +48,16 @@ TEST_F(IntakeWatchTest, RestartsFiveSecondsAfterTheEndWithOneErrorLine) {
   EXPECT_EQ(log_.Count("The audit intake has ended"), 1);
 }
 
+TEST_F(IntakeWatchTest, HasEndedUntilTheNextRunBegins) {
+  EXPECT_FALSE(watch_.HasEnded());
+  watch_.OnEnded("no /proc");
+  clock_.Advance(5s);
+  EXPECT_EQ(watch_.NextStep(), Step::Restart);
+  EXPECT_TRUE(watch_.HasEnded());
+  watch_.BeginRun();
+  EXPECT_FALSE(watch_.HasEnded());
+}
+
 TEST_F(IntakeWatchTest, AWallClockThatIsSetBackDoesNotDelayTheRestart) {
   watch_.OnEnded("no /proc");
   clock_.SetWall(-1h);

@@ -43,6 +43,7 @@ class ProofOfLifeTest : public testing::Test {
                   return can_touch_;
                 },
             .is_idle = [this] { return is_idle_; },
+            .losses = [this] { return losses_; },
             .install_rules =
                 [this] {
                   ++installs_;
@@ -57,6 +58,7 @@ class ProofOfLifeTest : public testing::Test {
   fakes::FakeAuditNetlink kernel_;
   bool can_touch_ = true;
   bool is_idle_ = true;
+  std::uint64_t losses_ = 5;
   int deeds_ = 0;
   int installs_ = 0;
   std::string install_error_;
@@ -188,6 +190,27 @@ TEST_F(ProofOfLifeTest, AnEventThatComesWhileTheKernelIsAskedIsInTime) {
   PassSeconds(63);
   proof_.Heard();
   PassSeconds(10);
+  EXPECT_THAT(silences_, IsEmpty());
+}
+
+TEST_F(ProofOfLifeTest, AnEventThatMayHaveBeenLostWithOthersIsAskedForOnceMore) {
+  PassToNextDeed();
+  ++losses_;  // an overload, in which the kernel or the intake dropped something
+  PassSeconds(63);
+  EXPECT_EQ(deeds_, 2);
+  EXPECT_THAT(silences_, IsEmpty());
+  PassSeconds(63);
+  EXPECT_THAT(silences_, testing::SizeIs(1)) << "nothing was lost the second time";
+  EXPECT_EQ(deeds_, 2);
+}
+
+TEST_F(ProofOfLifeTest, AnOverloadThatHidTheEventIsNoSilenceWhenTheNextOneComes) {
+  PassToNextDeed();
+  ++losses_;
+  PassSeconds(63);
+  proof_.Heard();
+  PassSeconds(500);
+  EXPECT_EQ(deeds_, 2);
   EXPECT_THAT(silences_, IsEmpty());
 }
 

@@ -1,0 +1,134 @@
+#include "src/edr/host/LifeSign.h"
+
+#include <gmock/gmock.h>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "common/src/util/UniqueFd.h"
+#include "tests/fakes/FakeEvent.h"
+#include "tests/fakes/FakeRuleEngine.h"
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/TempFolder.h"
+
+namespace zagent::edr::host {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+
+class LifeSignTest : public testing::Test {
+ protected:
+  // The rules of the sign's tag in force, id and path.
+  [[nodiscard]] std::map<std::string, std::string> Rules() const { return engine_.Installed(LifeSign::kTag); }
+
+  fakes::LogCapture log_;
+  fakes::TempFolder folder_;
+  const std::string file_ = folder_ / LifeSign::kFileName;
+  fakes::FakeRuleEngine engine_;
+};
+
+// Counts how often a file was opened for writing and closed again.
+class WriteCount {
+ public:
+  explicit WriteCount(const std::string& file) : notify_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+    inotify_add_watch(notify_.Get(), file.c_str(), IN_CLOSE_WRITE);
+  }
+  bool ComesTo(int wanted) {
+    pollfd ready{notify_.Get(), POLLIN, 0};
+    while (count_ < wanted && poll(&ready, 1, 10'000) == 1) {
+      inotify_event event{};
+      while (read(notify_.Get(), &event, sizeof event) > 0) ++count_;
+    }
+    return count_ == wanted;
+  }
+
+ private:
+  common::util::UniqueFd notify_;
+  int count_ = 0;
+};
+
+TEST_F(LifeSignTest, WatchesAFileOfItsOwnAsLongAsItLives) {
+  std::optional<LifeSign> sign(std::in_place, folder_.Path(), engine_);
+  EXPECT_THAT(Rules(), ElementsAre(Pair(LifeSign::kRuleId, file_)));
+  EXPECT_EQ(std::filesystem::status(file_).permissions(), std::filesystem::perms(0600));
+  const auto rule = engine_.Calls().front().rules.front();
+  EXPECT_EQ(rule->GetType(), ObjectType::File);
+  EXPECT_EQ(EventTypesOf(*rule), (EventTypes{EventType::Create, EventType::Write}));
+  sign.reset();
+  EXPECT_THAT(Rules(), IsEmpty());
+}
+
+TEST_F(LifeSignTest, TheRuleStaysWhenOthersAreReplacedAndComesBackWithAll) {
+  const LifeSign sign(folder_.Path(), engine_);
+  engine_.AddRules("FIM", {});
+  EXPECT_THAT(Rules(), testing::SizeIs(1));
+  const std::size_t before = engine_.Calls().size();
+  engine_.Invalidate();
+  EXPECT_EQ(engine_.Calls().size(), before + 1);
+  EXPECT_THAT(Rules(), ElementsAre(Pair(LifeSign::kRuleId, file_)));
+}
+
+TEST_F(LifeSignTest, AnotherProcessOpensTheFileForWriting) {
+  LifeSign sign(folder_.Path(), engine_);
+  WriteCount writes(file_);
+  ASSERT_TRUE(sign.Give());
+  // The program itself sees to it that there is a file; the kernel does not tell of that.
+  EXPECT_TRUE(writes.ComesTo(2));
+}
+
+TEST_F(LifeSignTest, AFileThatWasRemovedIsMadeAgain) {
+  LifeSign sign(folder_.Path(), engine_);
+  std::filesystem::remove(file_);
+  EXPECT_TRUE(sign.Give());
+  EXPECT_TRUE(std::filesystem::exists(file_));
+}
+
+TEST_F(LifeSignTest, WithoutAFolderThereIsNoSignUntilItIsThere) {
+  LifeSign sign(folder_ / "later", engine_);
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "Proof of life: Failed to make "));
+  EXPECT_FALSE(sign.Give());
+  EXPECT_THAT(Rules(), IsEmpty());
+  std::filesystem::create_directory(folder_ / "later");
+  EXPECT_TRUE(sign.Give());
+  EXPECT_THAT(Rules(), testing::SizeIs(1));
+}
+
+TEST_F(LifeSignTest, WithoutARuleThereIsNoSignUntilItIsTaken) {
+  engine_.FailAdds("the kernel refuses");
+  LifeSign sign(folder_.Path(), engine_);
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "Proof of life: Failed to watch " + file_ + ": the kernel refuses"));
+  EXPECT_FALSE(sign.Give());
+  engine_.FailAdds("");
+  EXPECT_TRUE(sign.Give());
+}
+
+TEST_F(LifeSignTest, ALinkInThePlaceOfTheFileIsNotFollowed) {
+  const std::string other = folder_.Write("other", "of somebody else");
+  std::filesystem::create_symlink(other, file_);
+  LifeSign sign(folder_.Path(), engine_);
+  EXPECT_FALSE(sign.Give());
+}
+
+TEST_F(LifeSignTest, KnowsTheFileByItsPathAndByTheKernelsKey) {
+  const LifeSign sign(folder_.Path() + "/", engine_);
+  fakes::FakeEvent by_path(EventType::Write, "Write", file_);
+  EXPECT_TRUE(sign.IsSign(by_path));
+  fakes::FakeEvent by_key(EventType::Write, "Write", "/by/another/way");
+  by_key.audit_key = LifeSign::kRuleId;
+  EXPECT_TRUE(sign.IsSign(by_key));
+  EXPECT_FALSE(sign.IsSign(fakes::FakeEvent(EventType::Write, "Write", file_ + "2")));
+  fakes::FakeEvent process;
+  process.object_type = ObjectType::Process;
+  EXPECT_FALSE(sign.IsSign(process));
+}
+
+}  // namespace
+}  // namespace zagent::edr::host
