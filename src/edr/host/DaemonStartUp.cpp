@@ -6,6 +6,7 @@
 #include <csignal>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <utility>
 
 #include "common/src/tasks/SignalHelper.h"
@@ -29,7 +30,7 @@ void OnSignal(int /*signal*/) {
   ProcessExitFlag() = true;
 }
 
-// There will be no log: what was an error on the way goes where the cause goes.
+// There will be no log: what is wrong in a section goes where the verdict on it goes.
 void TellHeldErrors() {
   for (const Poco::Message& line : common::util::Log::TakeHeld()) {
     if (line.getPriority() <= Poco::Message::PRIO_ERROR) syslog(LOG_CRIT, "%s", line.getText().c_str());
@@ -38,7 +39,6 @@ void TellHeldErrors() {
 
 // A failure before there is a logger: the cause, the system's verdict, exit code 4.
 [[noreturn]] void FailToInitialize(const std::string& cause, int priority = LOG_CRIT) {
-  TellHeldErrors();
   syslog(priority, "%s", cause.c_str());
   syslog(LOG_CRIT, "Error: The ostrel-edr binary could not Initialize.");
   throw StartUpFailure(ExitCode::NotConfigured, cause);
@@ -95,6 +95,9 @@ void Daemon::Configure(const std::string& message) {
       }
     }
     BuildConfigs(document);
+  } catch (const std::invalid_argument& error) {
+    TellHeldErrors();
+    FailToInitialize(error.what());
   } catch (const std::exception& error) {
     FailToInitialize(error.what());
   }
@@ -125,7 +128,6 @@ void Daemon::InitLog() {
   try {
     common::util::Log::Init("edr", common_config_->GetLogConfigFile());
   } catch (const std::exception& error) {
-    TellHeldErrors();
     syslog(LOG_CRIT, "Error:ostrel-edr:log config is invalid.");
     throw StartUpFailure(ExitCode::NoLog, error.what());
   }

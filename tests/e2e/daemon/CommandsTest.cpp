@@ -24,7 +24,8 @@ class CommandsTest : public DaemonTest {
   void HoldConfig() {
     std::ofstream("/run/hold").close();
     agent_->SendConfig(WriteConfigWithRule("held"));
-    ASSERT_TRUE(Within(20s, [this] { return LogCount("RuleEngine::AddRules: Adding 1 rules") == 2; }));
+    // The start adds the daemon's own rule and that of the manifest.
+    ASSERT_TRUE(Within(20s, [this] { return LogCount("RuleEngine::AddRules: Adding 1 rules") == 3; }));
   }
   static void ReleaseConfig() { std::filesystem::remove("/run/hold"); }
 

@@ -347,7 +347,7 @@ TEST_F(RunTest, AStopDuringACommandIsHonouredOnceTheCommandIsDone) {
   config_.Write();
   std::ofstream("/run/hold").close();
   agent_->SendConfig(config_.File());
-  ASSERT_TRUE(Within(20s, [this] { return LogCount("RuleEngine::AddRules: Adding 1 rules") == 2; }));
+  ASSERT_TRUE(Within(20s, [this] { return LogCount("RuleEngine::AddRules: Adding 1 rules") == 3; }));
   daemon_->Signal(SIGTERM);
   std::filesystem::remove("/run/hold");
   ExpectOrderlyEnd();
