@@ -6,15 +6,16 @@
 GUEST_CACHE="$ROOT/build/guest"
 
 # What the guest finds in /usr/local/bin, as far as the build folder has it.
-GUEST_PROGRAMS=(ostrel-edr reference-agent reference-receiver file-actor one-call process-actor audit-recorder audit-rules
+GUEST_PROGRAMS=(ostrel-edr reference-agent reference-receiver file-actor event-load one-call process-actor audit-recorder audit-rules
   kernel_rules_guest_test power-cut spool-victim process-watcher sql_crash)
 
 # The real tools of this machine, which work otherwise than busybox' applets: in /usr/local/gnu of the guest.
 GUEST_TOOLS=(rm tar cp find chmod chown mv sed ln install dpkg dpkg-deb dpkg-split)
 
-# Debian's audit daemon, for scenarios that ask for it. Installed, it would take over this machine's audit.
-GUEST_AUDITD_PACKAGES=(auditd libwrap0)
-GUEST_AUDITD_PROGRAMS=(auditd auditctl)
+# Debian's audit daemon and a plugin of it, for scenarios that ask for them. Installed, it would take over this
+# machine's audit.
+GUEST_AUDITD_PACKAGES=(auditd libwrap0 laurel)
+GUEST_AUDITD_PROGRAMS=(sbin/auditd sbin/auditctl usr/sbin/laurel)
 
 # Modules of its kernel, in /scenario/modules: disks in memory and one that records its writes.
 GUEST_MODULES=(drivers/block/brd.ko drivers/md/dm-mod.ko drivers/md/dm-log-writes.ko)
@@ -93,7 +94,8 @@ guest_auditd() {
   mkdir -p "$GUEST_CACHE"
   (
     flock 9
-    if [[ -e $folder ]]; then exit 0; fi
+    if [[ -e $folder/usr/sbin/laurel ]]; then exit 0; fi
+    rm -rf "$folder"
     scratch=$(mktemp -d "$GUEST_CACHE/download.XXXXXX")
     progress "downloading the guest's audit daemon" >&2
     guest_download "$scratch" auditd guest_auditd_packages || { rm -r "$scratch" && exit 1; }
@@ -108,7 +110,7 @@ guest_auditd() {
 guest_add_auditd() {
   local tree="$1" root programs
   root=$(guest_auditd) || return
-  programs=("${GUEST_AUDITD_PROGRAMS[@]/#/$root/sbin/}")
+  programs=("${GUEST_AUDITD_PROGRAMS[@]/#/$root/}")
   LD_LIBRARY_PATH="$root/lib/x86_64-linux-gnu:$root/usr/lib/x86_64-linux-gnu" \
     guest_add_programs "$tree" /usr/local/bin "${programs[@]}" || return
   # Where the loader of the guest looks: libraries that are not installed here were found at another place.
@@ -185,6 +187,12 @@ guest_add_programs() {
 # guest_pack: the folder that it is called in as one archive of an initramfs, on standard output.
 guest_pack() { find . -print0 | cpio --null --create --format=newc --owner=0:0 --quiet; }
 
+# The processors of a guest, for qemu. In virtual time there is one, whose clock counts its instructions, two
+# nanoseconds each, and jumps to the next timer when there is nothing to do: an idle hour passes in seconds, and what
+# something costs does not depend on what else this machine does.
+GUEST_PROCESSORS=(-smp 2)
+GUEST_VIRTUAL_TIME=(-smp 1 -icount "shift=1,sleep=off" -rtc clock=vm)
+
 # guest_boot SECONDS PLACE [WORD...]: boots PLACE/initrd with the console on this terminal and, as a copy, in
 # PLACE/console; what the guest writes to its second serial line goes to PLACE/files.tar. Ends when the guest powers
 # off or the time is over (code 124; 0 seconds are no limit). The words end up in the guest's /proc/cmdline. The kernel
@@ -195,7 +203,7 @@ guest_boot() {
   kernel=$(guest_kernel) || return
   # Ends with the script that boots it, in whatever way that one ends.
   setpriv --pdeathsig TERM timeout --foreground --kill-after=5 "$seconds" \
-    qemu-system-x86_64 -accel tcg -cpu max -m 1024 -smp 2 -display none -no-reboot -net none \
+    qemu-system-x86_64 -accel tcg -cpu max -m 1024 "${GUEST_PROCESSORS[@]}" -display none -no-reboot -net none \
     -chardev "stdio,id=console,signal=off,logfile=$place/console" -serial chardev:console \
     -serial "file:$place/files.tar" -kernel "$kernel" -initrd "$place/initrd" \
     -append "console=ttyS0 quiet audit=1 panic=-1 no_timer_check rdinit=/init $*"
