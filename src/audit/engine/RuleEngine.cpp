@@ -34,8 +34,8 @@ RuleEngine::RuleEngine(AuditNetlink& netlink, Settings settings, IntakeCounters&
       file_context_(std::move(settings.file_context)),
       look_at_paths_(std::move(settings.look_at_paths)),
       look_at_(std::move(settings.look_at)),
-      proc_root_(settings.proc_root),
       listener_(std::move(settings.listener)),
+      proc_root_(settings.proc_root),
       true_paths_(file_context_ ? file_context_->folders : nullptr, file_context_ ? file_context_->mounts : nullptr),
       processes_(
           clock, counters, [this](const edr::Event& event) { return IsContainerProcess(event); }, settings.proc_root),
