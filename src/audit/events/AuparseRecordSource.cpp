@@ -134,6 +134,7 @@ void AuparseRecordSource::Begin() {
   cursor_ = 0;
   next_ = 0;
   call_at_.reset();
+  is_call_given_ = false;
   first_type_ = auparse_get_type(state_);
   id_ = static_cast<std::uint32_t>(auparse_get_serial(state_));
   const au_event_t* stamp = auparse_get_timestamp(state_);
@@ -151,21 +152,37 @@ const Record* AuparseRecordSource::FindCall() {
   return nullptr;
 }
 
+int AuparseRecordSource::LastType() {
+  if (auparse_goto_record_num(state_, records_total_ - 1) < 1) throw std::runtime_error("Failed to parse last record");
+  cursor_ = records_total_ - 1;
+  return auparse_get_type(state_);
+}
+
+std::vector<int> AuparseRecordSource::Types() {
+  std::vector<int> types;
+  for (unsigned at = 0; at < records_total_; ++at) {
+    MoveTo(at);
+    types.push_back(auparse_get_type(state_));
+  }
+  return types;
+}
+
 void AuparseRecordSource::SetCallNumber(std::uint32_t number) {
   call_number_ = std::to_string(number);
   call_.fields.Set(RecordField::Syscall, call_number_);
 }
 
 const Record* AuparseRecordSource::Next(RecordKinds wanted) {
-  if (next_ == 0) {
+  if (next_ == 0 && !is_call_given_) {
     ZLOG_DEBUG("Parsing event with ID: " << id_ << " Timestamp: " << timestamp_ / kNanosecondsPerSecond);
+  }
+  if (call_at_ && !is_call_given_) {
+    is_call_given_ = true;
+    if ((wanted & KindOf(record_type::kSyscall)) != 0 && !call_.fields.IsEmpty()) return &call_;
   }
   while (next_ < records_total_) {
     const unsigned at = next_++;
-    if (call_at_ == at) {
-      if ((wanted & KindOf(record_type::kSyscall)) != 0 && !call_.fields.IsEmpty()) return &call_;
-      continue;
-    }
+    if (call_at_ == at) continue;
     MoveTo(at);
     const int type = auparse_get_type(state_);
     if ((wanted & KindOf(type)) == 0) continue;

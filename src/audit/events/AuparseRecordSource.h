@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "src/audit/events/RecordSource.h"
 
@@ -25,8 +26,12 @@ class AuparseRecordSource final : public RecordSource {
 
   [[nodiscard]] int FirstType() const { return first_type_; }
   // The SYSCALL record, wherever it stands in the event; null without one. Called before the first Next: the record is
-  // walked here and handed out by Next in its place.
+  // walked here and handed out by Next before all others, which are read with the caller in mind.
   [[nodiscard]] const Record* FindCall();
+
+  [[nodiscard]] int LastType();
+  // Of all records.
+  [[nodiscard]] std::vector<int> Types();
 
   // From here on the call goes by this number: a 32-bit program calls by other ones. After FindCall.
   void SetCallNumber(std::uint32_t number);
@@ -44,6 +49,7 @@ class AuparseRecordSource final : public RecordSource {
   unsigned cursor_ = 0;  // the record at which auparse stands
   unsigned next_ = 0;    // the record that Next looks at
   std::optional<unsigned> call_at_;
+  bool is_call_given_ = false;
   int first_type_ = 0;
   std::uint32_t id_ = 0;
   std::int64_t timestamp_ = 0;

@@ -89,7 +89,8 @@ bool RunningEvent::IsAt(const std::string& path, const PathRecord& record) const
 std::string RunningEvent::PathOf(const PathRecord& program) const {
   if (Syscall() == kExecveAt && !program.path.starts_with('/') && HasArgument(0)) {
     const auto fd = static_cast<std::int32_t>(Argument(0));
-    const std::string folder = fd >= 0 ? DescriptorPath(GetActorProcessId(), fd) : std::string();
+    const std::string folder =
+        fd >= 0 ? DescriptorPath(GetActorProcessId(), fd, context_ ? context_->proc_root : "/proc") : std::string();
     if (IsAt(folder, program)) return folder;
     const std::string below = folder + "/" + program.path;
     if (IsAt(below, program)) return below;

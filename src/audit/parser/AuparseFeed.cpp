@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "common/src/util/Log.h"
 #include "src/audit/events/CompatCalls.h"
@@ -31,6 +32,15 @@ std::uint64_t ParseHex(std::string_view text) {
   std::uint64_t number = 0;
   std::from_chars(text.data(), text.data() + text.size(), number, 16);
   return number;
+}
+
+// Every call has announced its paths; an address it has not.
+bool LacksAddress(const Record& call, const std::vector<int>& types) {
+  constexpr long long kConnect = 42;
+  constexpr long long kBind = 49;
+  const long long number = ParseNumber(call.fields.Find(edr::RecordField::Syscall));
+  return (number == kConnect || number == kBind) &&
+         std::find(types.begin(), types.end(), record_type::kSockaddr) == types.end();
 }
 
 auparse_state_t* InitAuparse() {
@@ -60,35 +70,50 @@ AuparseFeed::AuparseFeed(EventFactory build_events, IntakeCounters& counters)
 
 AuparseFeed::~AuparseFeed() = default;
 
-// The kernel encodes control characters, so that a carriage return is a line end of somebody else: auparse would take
-// it for a part of the last value.
 void AuparseFeed::Feed(const unsigned char* data, std::size_t size) {
   std::string_view bytes(reinterpret_cast<const char*>(data), size);
-  while (!bytes.empty()) {
-    const std::string_view part = bytes.substr(0, bytes.find('\r'));
-    FeedRecords(part);
-    bytes.remove_prefix(std::min(part.size() + 1, bytes.size()));
+  // What was joined goes between two lines.
+  const std::size_t line_end = joined_.empty() ? std::string_view::npos : bytes.find('\n');
+  if (line_end != std::string_view::npos) {
+    FeedRecords(bytes.substr(0, line_end + 1));
+    bytes.remove_prefix(line_end + 1);
+    is_at_line_end_ = true;
+    FeedJoined();
   }
-  // Behind a whole line only.
-  if (size != 0 && data[size - 1] == '\n') FeedJoined();
+  if (bytes.empty()) return;
+  FeedRecords(bytes);
+  is_at_line_end_ = bytes.back() == '\n';
+  FeedJoined();
 }
 
+// The kernel encodes control characters, so that a carriage return is a line end of somebody else: auparse would take
+// it for a part of the last value.
 void AuparseFeed::FeedRecords(std::string_view records) {
-  if (auparse_feed(state_.get(), records.data(), records.size()) < 0) {
-    throw std::runtime_error("Failed to feed to auparse");
+  while (!records.empty()) {
+    const std::string_view part = records.substr(0, records.find('\r'));
+    if (auparse_feed(state_.get(), part.data(), part.size()) < 0) {
+      throw std::runtime_error("Failed to feed to auparse");
+    }
+    records.remove_prefix(std::min(part.size() + 1, records.size()));
   }
 }
 
 void AuparseFeed::Flush() {
-  do {
-    auparse_flush_feed(state_.get());
-  } while (FeedJoined());
+  // An event that came in several parts comes to an end in as many rounds; more cannot go on for ever.
+  constexpr int kRounds = 4;
+  auparse_flush_feed(state_.get());
+  for (int round = 0; round < kRounds && FeedJoined(); ++round) auparse_flush_feed(state_.get());
 }
 
 bool AuparseFeed::FeedJoined() {
-  if (joined_.empty()) return false;
-  FeedRecords(std::exchange(joined_, {}));
+  if (joined_.empty() || !is_at_line_end_) return false;
+  const std::string records = std::exchange(joined_, {});
+  if (auparse_feed(state_.get(), records.data(), records.size()) < 0) counters_.Add(IntakeCounters::Reason::NotBuilt);
   return true;
+}
+
+void AuparseFeed::GiveUpCutEvents() {
+  cut_events_.GiveUp();
 }
 
 Events AuparseFeed::TakeEvents() {
@@ -102,7 +127,6 @@ void AuparseFeed::OnAuparseEvent(auparse_state_t* /*state*/, int kind, void* sel
   try {
     feed.OnCompleteEvent();
   } catch (const std::exception& error) {
-    if (feed.KeepIfCut(error.what())) return;
     feed.counters_.Add(IntakeCounters::Reason::NotBuilt);
     ZLOG_DEBUG("Dropping event: " << error.what());
   } catch (...) {
@@ -124,11 +148,13 @@ void AuparseFeed::OnCompleteEvent() {
   if (type == record_type::kUringOp && Build({type})) return;
   // So may the abnormal end of a process in the event of the call that killed it, which is told too.
   const bool is_abend = type == record_type::kAnomAbend && Build({type});
-  if (is_abend) source_.Begin();
   // The kernel has dropped rules, and the call that made it do so stands behind that.
-  if (type == record_type::kConfigChange && Build({type})) source_.Begin();
+  const bool is_removal = type == record_type::kConfigChange && Build({type});
+  if (is_abend || is_removal) source_.Begin();
   if (const Record* call = source_.FindCall()) {
-    BuildFromCall(*call);
+    // What was told of this event already is not told again.
+    const bool may_wait = !is_abend && !is_removal;
+    if (!may_wait || !KeepIfCut(*call)) BuildFromCall(*call);
   } else if (!is_abend) {
     OnEventWithoutCall(type);
   }
@@ -143,24 +169,28 @@ void AuparseFeed::OnEventWithoutCall(int type) {
   if ((KindOf(type) & kOfCalls) != 0) Join(false);
 }
 
-bool AuparseFeed::KeepIfCut(const char* reason) noexcept {
-  try {
-    source_.Begin();
-    if (source_.FindCall() == nullptr) return false;
-    auparse_goto_record_num(state_.get(), auparse_get_num_records(state_.get()) - 1);
-    const int last = auparse_get_type(state_.get());
-    if (last == record_type::kProctitle || last == record_type::kEndOfEvent) return false;
-    ZLOG_DEBUG("Event with ID: " << source_.Id() << " waits for other records: " << reason);
-    Join(true);
-    return true;
-  } catch (...) {
+bool AuparseFeed::KeepIfCut(const Record& call) {
+  const int last = source_.LastType();
+  if (last == record_type::kProctitle || last == record_type::kEndOfEvent) return false;
+  const std::vector<int> types = source_.Types();
+  if (std::count(types.begin(), types.end(), record_type::kPath) >=
+          ParseNumber(call.fields.Find(edr::RecordField::Items)) &&
+      !LacksAddress(call, types)) {
     return false;
   }
+  ZLOG_DEBUG("Event with ID: " << source_.Id() << " waits for the rest of its records");
+  Join(true);
+  return true;
 }
 
 void AuparseFeed::Join(bool has_call) {
   auparse_first_record(state_.get());
-  joined_ += cut_events_.Join({source_.Id(), source_.Timestamp(), has_call, EventText()});
+  std::string event;
+  if (const au_event_t* stamp = auparse_get_timestamp(state_.get())) {
+    event = std::to_string(stamp->sec) + "." + std::to_string(stamp->milli) + ":" + std::to_string(stamp->serial) +
+            " " + (stamp->host != nullptr ? stamp->host : "");
+  }
+  joined_ += cut_events_.Join({std::move(event), source_.Timestamp(), has_call, EventText()});
 }
 
 void AuparseFeed::BuildFromCall(const Record& call) {

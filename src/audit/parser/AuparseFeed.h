@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,8 +19,8 @@ namespace zagent::audit::internal {
 //
 // auparse delivers a complete event only when the next one begins, and an older incomplete event holds back all that
 // follow: Flush makes delivery prompt. An event may come in parts then: a flush has cut it, or the kernel sent its last
-// records late. One that cannot be built of its first part is built when the others have come; what is behind an event
-// that was built already is ignored.
+// records late. One that lacks what its call has announced is built when that has come. What lacks only what stands
+// behind (the command line) is built without it, and its tail is ignored.
 class AuparseFeed {
  public:
   // Throws std::runtime_error "Failed to initialize auparse".
@@ -32,6 +33,8 @@ class AuparseFeed {
   void Feed(const unsigned char* data, std::size_t size);
   // Completes what auparse still holds.
   void Flush();
+  // Counts what still waits for the rest of its records, for nothing will come any more.
+  void GiveUpCutEvents();
   // What was collected since the last call, in the order in which it was completed.
   [[nodiscard]] Events TakeEvents();
 
@@ -41,7 +44,7 @@ class AuparseFeed {
   };
   static void OnAuparseEvent(auparse_state_t* state, int kind, void* self) noexcept;
   void FeedRecords(std::string_view records);
-  // What came apart, as far as it is whole by now. False when there is nothing.
+  // What came apart, as far as it is whole by now. False when there is nothing, or half a line waits for its rest.
   bool FeedJoined();
   void OnCompleteEvent();
   void BuildFromCall(const Record& call);
@@ -50,8 +53,8 @@ class AuparseFeed {
   // Answers whether the subject meant anything.
   bool Build(const EventSubject& subject);
   void OnEventWithoutCall(int type);
-  // The event at hand has made nothing. True when it has a call but no end, and is kept until its other records come.
-  bool KeepIfCut(const char* reason) noexcept;
+  // True when records of the event at hand are still to come; it is kept until then.
+  bool KeepIfCut(const Record& call);
   void Join(bool has_call);
   [[nodiscard]] std::string EventText() const;
 
@@ -60,6 +63,7 @@ class AuparseFeed {
   Events events_;
   CutEvents cut_events_;
   std::string joined_;  // records of events that came apart and are whole now, to be fed again
+  bool is_at_line_end_ = true;
   std::unique_ptr<auparse_state_t, Destroyer> state_;  // its callback fills what stands above
   AuparseRecordSource source_;
 };

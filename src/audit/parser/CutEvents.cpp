@@ -1,16 +1,33 @@
 #include "src/audit/parser/CutEvents.h"
 
 #include <algorithm>
+#include <string_view>
 #include <utility>
 
 namespace zagent::audit::internal {
+namespace {
 
-CutEvents::~CutEvents() {
-  while (!parts_.empty()) DropOldest();
+bool EndsEvent(std::string_view record) {
+  if (record.starts_with("node=")) record.remove_prefix(std::min(record.find(' ') + 1, record.size()));
+  return record.starts_with("type=PROCTITLE ") || record.starts_with("type=EOE ");
 }
 
+// Records behind the end of an event would be another event.
+std::string WithEndsLast(std::string_view records) {
+  std::string others;
+  std::string ends;
+  while (!records.empty()) {
+    const std::string_view record = records.substr(0, std::min(records.find('\n'), records.size() - 1) + 1);
+    records.remove_prefix(record.size());
+    (EndsEvent(record) ? ends : others).append(record);
+  }
+  return others + ends;
+}
+
+}  // namespace
+
 std::string CutEvents::Join(Part part) {
-  const auto is_other = [&part](const Part& kept) { return kept.id != part.id || kept.timestamp != part.timestamp; };
+  const auto is_other = [&part](const Part& kept) { return kept.event != part.event; };
   const auto of_this_event = std::stable_partition(parts_.begin(), parts_.end(), is_other);
   bool has_call = part.has_call;
   for (auto kept = of_this_event; kept != parts_.end(); ++kept) has_call = has_call || kept->has_call;
@@ -28,33 +45,20 @@ std::string CutEvents::Join(Part part) {
   }
   append(part);
   parts_.erase(of_this_event, parts_.end());
-  if (IsProgress(part, whole.size())) return whole;
-  counters_.Add(IntakeCounters::Reason::NotBuilt);
-  return {};
-}
-
-bool CutEvents::IsProgress(const Part& part, std::size_t bytes) {
-  auto* found = std::find_if(joined_.begin(), joined_.end(), [&part](const Joined& joined) {
-    return joined.id == part.id && joined.timestamp == part.timestamp;
-  });
-  if (found == joined_.end()) {
-    found = &joined_.at(oldest_joined_);
-    oldest_joined_ = (oldest_joined_ + 1) % joined_.size();
-    *found = {part.id, part.timestamp, 0};
-  }
-  if (bytes <= found->bytes) return false;
-  found->bytes = bytes;
-  return true;
+  return WithEndsLast(whole);
 }
 
 void CutEvents::Keep(Part part) {
   bytes_ += part.records.size();
   const std::int64_t oldest = part.timestamp - kKeptTime;
   parts_.push_back(std::move(part));
-  while (parts_.size() > 1 &&
-         (parts_.size() > kMostParts || bytes_ > kMostBytes || parts_.front().timestamp < oldest)) {
+  while (!parts_.empty() && (parts_.size() > kMostParts || bytes_ > kMostBytes || parts_.front().timestamp < oldest)) {
     DropOldest();
   }
+}
+
+void CutEvents::GiveUp() {
+  while (!parts_.empty()) DropOldest();
 }
 
 void CutEvents::DropOldest() {

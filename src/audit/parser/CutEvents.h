@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -24,8 +23,8 @@ class CutEvents {
   static constexpr std::int64_t kKeptTime = 60'000'000'000;  // nanoseconds
 
   struct Part {
-    std::uint32_t id = 0;        // the event's serial number
-    std::int64_t timestamp = 0;  // the event's, in nanoseconds
+    std::string event;           // what auparse knows it by: machine, time and serial number
+    std::int64_t timestamp = 0;  // nanoseconds
     bool has_call = false;
     std::string records;  // lines
   };
@@ -33,28 +32,21 @@ class CutEvents {
   explicit CutEvents(IntakeCounters& counters) : counters_(counters) {}
   CutEvents(const CutEvents&) = delete;
   CutEvents& operator=(const CutEvents&) = delete;
-  ~CutEvents();
+  ~CutEvents() { GiveUp(); }
 
-  // All records of the event that are there by now, the call first, if they are more than those of `part` and the call
-  // is among them; then nothing is kept of it. Otherwise empty, and the part is kept. An event whose parts do not
-  // become more when it comes again is given up: records that auparse always takes apart would come for ever.
+  // All records of the event that are there by now, if they are more than those of `part` and the call is among them;
+  // then nothing is kept of it. The call comes first and what ends an event last. Otherwise empty, and the part is
+  // kept.
   std::string Join(Part part);
 
- private:
-  struct Joined {
-    std::uint32_t id = 0;
-    std::int64_t timestamp = 0;
-    std::size_t bytes = 0;
-  };
+  // Counts what still waits, and forgets it.
+  void GiveUp();
 
-  // Whether so many bytes of the event are more than ever before, as far as that is remembered.
-  bool IsProgress(const Part& part, std::size_t bytes);
+ private:
   void Keep(Part part);
   void DropOldest();
 
   IntakeCounters& counters_;
-  std::array<Joined, 16> joined_{};
-  std::size_t oldest_joined_ = 0;
   std::deque<Part> parts_;  // oldest first
   std::size_t bytes_ = 0;
 };

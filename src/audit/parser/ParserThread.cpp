@@ -176,6 +176,7 @@ void ParserThread::Close() {
   // auparse holds a complete event until the next one begins.
   ForgetLooks();
   parser_.Flush();
+  parser_.GiveUpCutEvents();
   reports_.counters.Add(IntakeCounters::Reason::LeftAtStop, parser_.TakeEvents().size());
 }
 

@@ -132,7 +132,7 @@ TEST_F(AuparseRecordSourceTest, FindsTheCallBehindARecordThatComesBeforeIt) {
     const Record* call = source.FindCall();
     ASSERT_NE(call, nullptr);
     EXPECT_EQ(call->fields.At(RecordField::Syscall), "257");
-    EXPECT_EQ(TypesOf(ReadRest(source)), (std::vector<int>{1305, 1300, 1337, 1307, 1302, 1302, 1327}));
+    EXPECT_EQ(TypesOf(ReadRest(source)), (std::vector<int>{1300, 1305, 1337, 1307, 1302, 1302, 1327}));
   });
 }
 
@@ -152,7 +152,7 @@ TEST_F(AuparseRecordSourceTest, ReadsWhichRuleTheKernelHasDropped) {
       });
 }
 
-TEST_F(AuparseRecordSourceTest, HandsOutTheRecordsBeforeALateCallToo) {
+TEST_F(AuparseRecordSourceTest, HandsOutALateCallBeforeTheRecordsThatAreReadWithItInMind) {
   std::string event = kEvent;
   const std::size_t end_of_call = event.find('\n') + 1;
   // Its SYSCALL record behind all but the title, which completes an event.
@@ -162,7 +162,7 @@ TEST_F(AuparseRecordSourceTest, HandsOutTheRecordsBeforeALateCallToo) {
     AuparseRecordSource source(state);
     source.Begin();
     ASSERT_NE(source.FindCall(), nullptr);
-    EXPECT_EQ(TypesOf(ReadRest(source)), (std::vector<int>{1337, 1307, 1302, 1302, 1300, 1327}));
+    EXPECT_EQ(TypesOf(ReadRest(source)), (std::vector<int>{1300, 1337, 1307, 1302, 1302, 1327}));
   });
 }
 

@@ -70,13 +70,13 @@ TEST_F(AuparseFeedTest, JoinsARecordThatIsSplitOverTwoReads) {
   EXPECT_THAT(factory_.syscalls, ElementsAre(83));
 }
 
-TEST_F(AuparseFeedTest, IgnoresTheTailOfAnEventThatAFlushHasCut) {
+TEST_F(AuparseFeedTest, IgnoresTheCommandLineOfAnEventThatAFlushHasCut) {
   const std::vector<std::string> records = log_.Records(AuditLog::kMkdir);
-  Feed(records[0] + records[1] + records[2]);
+  Feed(records[0] + records[1] + records[2] + records[3]);
   EXPECT_THAT(Flushed(), ElementsAre(AuditLog::kMkdir));
-  Feed(records[3] + records[4]);
+  Feed(records[4]);
   EXPECT_THAT(Flushed(), IsEmpty());
-  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_TRACE, "Ignoring event with ID: 27 record type: 1302")) << lines_.All();
+  EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_TRACE, "Ignoring event with ID: 27 record type: 1327")) << lines_.All();
 }
 
 TEST_F(AuparseFeedTest, BuildsNothingOfWhatIsNoCall) {
@@ -230,6 +230,7 @@ class TypedFeedTest : public testing::Test {
     return feed_.TakeEvents();
   }
 
+  fakes::LogCapture lines_;
   AuditLog log_;
   IntakeCounters counters_;
   AuparseFeed feed_{MakeEventFactory({}), counters_};
@@ -290,6 +291,75 @@ TEST_F(CutFeedTest, ACallThatTheKernelSendsBehindItsRecordsFindsThem) {
 TEST_F(CutFeedTest, WhatIsBuiltAlreadyIsNotBuiltAgainOfItsTail) {
   EXPECT_EQ(Feed(Some(0, 4)).size(), 1U);
   EXPECT_THAT(Feed(Rest(4)), IsEmpty());
+  EXPECT_EQ(NotBuilt(), 0U);
+}
+
+TEST_F(CutFeedTest, PartsThatAreJoinedBehindHalfALineWaitForItsEnd) {
+  EXPECT_THAT(Feed(Some(0, 2)), IsEmpty());
+  const std::string next = log_.Event(AuditLog::kRenameOver);
+  // The rest comes out of auparse while the next event has begun in mid-line.
+  EXPECT_THAT(Feed(Rest(2) + next.substr(0, 100)), IsEmpty());
+  EXPECT_THAT(Feed(next.substr(100)), testing::SizeIs(3)) << "the rename, what it replaced, and the event of two parts";
+}
+
+TEST_F(CutFeedTest, AConnectionThatIsCutBeforeItsAddressWaitsForIt) {
+  const std::string stamp = " msg=audit(1795162409.500:900): ";
+  const std::string call = "type=SYSCALL" + stamp +
+                           "arch=c000003e syscall=42 success=yes exit=0 a0=3 a1=0 a2=10 a3=0 items=0 ppid=1 pid=9 "
+                           "auid=0 uid=0 gid=0 euid=0 exe=\"/bin/x\" key=\"k\"\n";
+  const std::string address = "type=SOCKADDR" + stamp + "saddr=020000500A0000010000000000000000\n";
+  const std::string title = "type=PROCTITLE" + stamp + "proctitle=\"x\"\n";
+  EXPECT_THAT(Feed(call), IsEmpty());
+  const Events events = Feed(address + title);
+  ASSERT_EQ(events.size(), 1U) << lines_.All();
+  EXPECT_EQ(events[0]->GetType(), edr::EventType::Connect);
+  EXPECT_EQ(NotBuilt(), 0U);
+}
+
+// Two of one serial number: auparse takes records of other machines and of other milliseconds apart, however often.
+TEST_F(CutFeedTest, PartsOfOtherMachinesAndMillisecondsAreNotTakenForOneEvent) {
+  std::string text;
+  for (int event = 0; event < 40; ++event) {
+    const std::string number = std::to_string(100 + event);
+    text += "node=a " + Replaced(Some(0, 1), ".436:29)", ".436:" + number + ")");
+    text += "node=b " + Replaced(Some(3, 4), ".436:29)", ".436:" + number + ")");
+    text += "node=a " + Replaced(Some(3, 4), ".436:29)", ".437:" + number + ")");
+  }
+  EXPECT_THAT(Feed(text), IsEmpty());
+  EXPECT_THAT(Feed(""), IsEmpty());
+}
+
+TEST_F(CutFeedTest, AnEventOfANodeIsPutTogether) {
+  const auto of_node = [](const std::string& records) {
+    std::string text = "node=a ";
+    for (const char byte : records) text += byte == '\n' ? std::string("\nnode=a ") : std::string(1, byte);
+    return text.substr(0, text.size() - 7);
+  };
+  EXPECT_THAT(Feed(of_node(Some(0, 2))), IsEmpty());
+  EXPECT_EQ(Feed(of_node(Rest(2))).size(), 1U);
+}
+
+TEST_F(CutFeedTest, PartsInTheWrongOrderAreOneEventAllTheSame) {
+  EXPECT_THAT(Feed(Rest(3)), IsEmpty());
+  EXPECT_THAT(Feed(records_[2]), IsEmpty());
+  EXPECT_EQ(Feed(Some(0, 2)).size(), 1U);
+}
+
+TEST_F(CutFeedTest, WhatStillWaitsIsCountedWhenItIsGivenUp) {
+  EXPECT_THAT(Feed(Some(0, 2)), IsEmpty());
+  EXPECT_EQ(NotBuilt(), 0U);
+  feed_.GiveUpCutEvents();
+  EXPECT_EQ(NotBuilt(), 1U);
+}
+
+TEST_F(CutFeedTest, AnEventThatOthersOvertookByTwoSecondsWaitsForItsRest) {
+  std::string newer = log_.Event(AuditLog::kRenameOver);
+  for (std::size_t at = 0; (at = newer.find("1795162409.", at)) != std::string::npos; at += 11) {
+    newer.replace(at, 11, "1795162419.");
+  }
+  const std::string text = Some(0, 2) + newer + Replaced(Some(4, 5), "1795162409.436:29)", "1795162420.436:99)");
+  feed_.Feed(reinterpret_cast<const unsigned char*>(text.data()), text.size());
+  EXPECT_THAT(Feed(Rest(2)), testing::SizeIs(3));
   EXPECT_EQ(NotBuilt(), 0U);
 }
 
