@@ -191,6 +191,30 @@ TEST_F(RuleEngineLooksTest, RepeatsAFirstLookThatFailed) {
   EXPECT_EQ(kernel_.calls, (Ids{"delete below", "add below"}));
 }
 
+TEST_F(RuleEngineLooksTest, TheFirstLookAtAFolderThatIsGoneDoesNotMakeItTheOldOne) {
+  look_at_ = [](const internal::WatchedPlace& place) { return internal::Sight{.place = place, .object = {}}; };
+  engine_->AddRules("FIM", {});
+  engine_->AddRules("FIM", {rule_});
+  std::filesystem::rename(watched_, base_ + "/away");
+  Process(EventType::Rename, "Rename", watched_, base_ + "/away");
+  std::filesystem::create_directory(watched_);
+  look_at_ = internal::LookAt;
+  kernel_.calls.clear();
+  engine_->LookAtPaths();
+  EXPECT_EQ(kernel_.calls, (Ids{"delete rule", "add rule"})) << "the kernel's rule went along";
+}
+
+TEST_F(RuleEngineLooksTest, FollowsALinkOnTheWayToAFile) {
+  std::filesystem::create_directories(target_);
+  std::filesystem::create_directory_symlink(target_, base_ + "/way");
+  engine_->AddRules("FIM", {FakeRule::File("file", base_ + "/way/file", {EventType::Write})});
+  std::filesystem::rename(target_, base_ + "/away");
+  std::filesystem::create_directories(target_);
+  kernel_.calls.clear();
+  LookForAMinute();
+  EXPECT_EQ(kernel_.calls, (Ids{"delete file", "add file"}));
+}
+
 // --- an inode number that is given again
 
 TEST_F(RuleEngineLooksTest, NoticesAFolderThatWasMadeAgainUnderTheSameNumber) {

@@ -228,23 +228,15 @@ TEST_F(RuleEnginePathsTest, TellsOneLookToAllRulesOfAPlace) {
 
 TEST_F(RuleEnginePathsTest, KeepsSoManyFoundObjectsUntilTheyAreTakenAndTellsIt) {
   Poco::Logger::get("edr").setLevel(Poco::Message::PRIO_INFORMATION);
-  edr::EventRuleEngine::Rules rules;
-  for (int folder = 0; folder < 11; ++folder) {
-    const std::string path = base_ + "/" + std::to_string(folder);
-    std::filesystem::create_directory(path);
-    rules.push_back(FakeRule::Directory(std::to_string(folder), path, {EventType::Write}));
-  }
-  engine_->AddRules("FIM", rules);
-  for (const auto& rule : rules) {
-    for (int entry = 0; entry < 1'001; ++entry) {
-      std::filesystem::create_directory(rule->GetPath() + "/" + std::to_string(entry));
-    }
-    Process(EventType::Delete, "Delete", rule->GetPath());
-  }
-  DropKernelRules();
-  heard_.clear();
-  engine_->LookAtPaths();
-  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "Only the first 1000 entries of " + base_ + "/0 were looked at"));
+  for (int entry = 0; entry < 1'001; ++entry) std::filesystem::create_directory(watched_ + "/" + std::to_string(entry));
+  std::uint64_t looks = 0;
+  look_at_ = [&](const internal::WatchedPlace& place) {
+    internal::Sight sight = internal::LookAt(place);
+    sight.object.object.inode = ++looks;  // another folder each time
+    return sight;
+  };
+  while (looks < 11) engine_->LookAtPaths();
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "Only the first 1000 entries of " + watched_ + " were looked at"));
   EXPECT_EQ(log_.Count("RuleEngine: No room to report what was found at "), 1);
   engine_->OnIdle();
   EXPECT_EQ(heard_.size(), 10'000U);
