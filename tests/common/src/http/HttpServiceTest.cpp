@@ -589,6 +589,11 @@ TEST_F(HttpServiceTest, SaysWhatBrokeTheConnectionBehindAGoodStatusLine) {
   EXPECT_EQ("Failure when receiving data from the peer", request->GetResponse().GetMessage());
 }
 
+TEST_F(HttpServiceTest, SaysNothingOfAnEarlierAttempt) {
+  FakeHttpServer server({FakeHttpServer::kReset, FakeHttpServer::Answer("404 Not Found")});
+  EXPECT_EQ("Not Found", PostTo(server.Url(), Retrying(1))->GetResponse().GetMessage());
+}
+
 TEST_F(HttpServiceTest, StaysWithTheProxyWhenThePlatformItselfIsBusy) {
   FakeHttpServer proxy({FakeHttpServer::Answer("503 Busy", "z-srv: x\r\n")});
   FakeHttpServer unused({FakeHttpServer::Answer("200 OK")});

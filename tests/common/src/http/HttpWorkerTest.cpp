@@ -83,6 +83,23 @@ TEST_F(HttpWorkerTest, IsWokenFromItsSleep) {
   EXPECT_LT(ShortestSleep(1), 900ms);
 }
 
+TEST_F(HttpWorkerTest, NeitherSleepsBeforeTheNextRangeNorForgetsItAtTheEnd) {
+  FakeHttpServer server({FakeHttpServer::Answer("206 Partial Content", "Content-Range: bytes 0-3/8\r\n", "0123")});
+  HttpRequestSettings settings;
+  settings.range_size = 4;
+  const auto request =
+      std::make_shared<MutableHttpRequest>(HttpMethod::Get, server.Url(), HttpHeaders(), std::vector<unsigned char>(),
+                                           HttpInterceptors(), std::move(settings));
+  worker_.Turn({request});
+  while (request->GetState() != State::WaitingForRetry) {
+    worker_.Wait();
+    worker_.Turn({});
+  }
+  EXPECT_LT(ShortestSleep(1), 900ms);
+  worker_.AbortAll({});
+  EXPECT_EQ(State::Cancelled, request->GetState());
+}
+
 TEST(HttpServiceStopTest, AbortsWhatIsStillQueued) {
   const fakes::LogCapture log;
   FakeHttpServer server({FakeHttpServer::Answer("200 OK")});
