@@ -35,6 +35,8 @@ class AuparseFeed {
   void Flush();
   // Counts what still waits for the rest of its records, for nothing will come any more.
   void GiveUpCutEvents();
+  // In how many parts such events have come so far.
+  [[nodiscard]] std::uint64_t GetCutParts() const { return cut_events_.GetPartCount(); }
   // What was collected since the last call, in the order in which it was completed.
   [[nodiscard]] Events TakeEvents();
 

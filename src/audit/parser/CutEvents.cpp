@@ -27,6 +27,7 @@ std::string WithEndsLast(std::string_view records) {
 }  // namespace
 
 std::string CutEvents::Join(Part part) {
+  ++part_count_;
   const auto is_other = [&part](const Part& kept) { return kept.event != part.event; };
   const auto of_this_event = std::stable_partition(parts_.begin(), parts_.end(), is_other);
   bool has_call = part.has_call;

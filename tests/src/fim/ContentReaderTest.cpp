@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -38,6 +39,23 @@ TEST_F(ContentReaderTest, AFileOfOneByteMoreIsNot) {
   const FileContent content = ReadFileContent(LookedUp(folder_.Write("file", std::string(51'201, 'x'))));
   EXPECT_EQ(content.status, "MAX_SIZE_LIMIT_REACHED");
   EXPECT_TRUE(content.bytes.empty());
+}
+
+// As with a file that grows while it is read: what its size was says nothing.
+TEST_F(ContentReaderTest, AFileThatHoldsMoreThanItsSizeSaysIsNot) {
+  constexpr std::size_t kPages = 400;
+  const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  void* const memory = mmap(nullptr, kPages * page, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(memory, MAP_FAILED);
+  // Each of them is some hundred bytes of the list of the process' mappings.
+  for (std::size_t i = 0; i < kPages; i += 2) {
+    ASSERT_EQ(mprotect(static_cast<char*>(memory) + i * page, page, PROT_NONE), 0);
+  }
+  const common::ImageInfo list = LookedUp("/proc/self/smaps");
+  const FileContent content = ReadFileContent(list);
+  EXPECT_EQ(content.status, "MAX_SIZE_LIMIT_REACHED");
+  EXPECT_TRUE(content.bytes.empty());
+  EXPECT_EQ(munmap(memory, kPages * page), 0);
 }
 
 TEST_F(ContentReaderTest, AnEmptyFileIsReadSuccessfully) {

@@ -46,6 +46,26 @@ class UploadScheduleTest : public testing::Test {
     config_->Update(Json(section.Text()).Value());
   }
 
+  // Of the local time, in whose week quiet hours are told.
+  [[nodiscard]] int SecondOfDay() const {
+    const std::tm local = LocalTime();
+    return (local.tm_hour * 60 + local.tm_min) * 60 + local.tm_sec;
+  }
+  [[nodiscard]] std::tm LocalTime() const {
+    const auto now = std::chrono::system_clock::to_time_t(clock_.Now());
+    std::tm local{};
+    localtime_r(&now, &local);
+    return local;
+  }
+  // Quiet hours of a module that are the whole week but for the quarter of an hour so many behind the present one.
+  [[nodiscard]] std::string OpenForAQuarter(const std::string& module, int behind) const {
+    const auto quarter = static_cast<std::size_t>(LocalTime().tm_wday * 96 + SecondOfDay() / 900 + behind) % 672;
+    std::string week(168, '0');
+    week[quarter / 4] = "8421"[quarter % 4];
+    return R"({"Blackout_Events":[{"@ID":")" + module + R"(","@NETWORK_BLACKOUT":")" + week +
+           R"(","@ACTIVITY_BLACKOUT":")" + std::string(168, 'F') + R"("}]})";
+  }
+
   [[nodiscard]] std::int64_t SecondsToNextRun() {
     return (schedule_->NextRunTime() - common::util::ToNanoseconds(clock_.Now())) / 1'000'000'000;
   }
@@ -61,28 +81,29 @@ class UploadScheduleTest : public testing::Test {
 };
 
 TEST_F(UploadScheduleTest, ARunThatWouldBeginInQuietHoursWaitsForTheirEnd) {
-  // Closed but for one quarter of an hour: the one that begins 900 seconds after the present one, whatever the zone.
-  const auto now = std::chrono::system_clock::to_time_t(clock_.Now());
-  std::tm local{};
-  localtime_r(&now, &local);
-  const int second = (local.tm_hour * 60 + local.tm_min) * 60 + local.tm_sec;
-  const auto slot = static_cast<std::size_t>(local.tm_wday * 96 + second / 900 + 1) % 672;
-  std::string week(168, '0');
-  week[slot / 4] = "8421"[slot % 4];
-  const auto table = [&](const std::string& module) {
-    return R"({"Blackout_Events":[{"@ID":")" + module + R"(","@NETWORK_BLACKOUT":")" + week +
-           R"(","@ACTIVITY_BLACKOUT":")" + std::string(168, 'F') + R"("}]})";
-  };
-  const auto seconds_to_run = [&](const std::string& module) {
-    const common::BlackoutManager quiet_hours(table(module), clock_);
+  const std::string table = OpenForAQuarter("FIM", 1);
+  const std::string table_of_another = OpenForAQuarter("IOC", 1);
+  const auto seconds_to_run = [&](const std::string& week) {
+    const common::BlackoutManager quiet_hours(week, clock_);
     UploadSchedule schedule(*config_, storage_, std::make_unique<fakes::FakeUploader>(), &quiet_hours, health_, clock_);
     return (schedule.NextRunTime() - common::util::ToNanoseconds(clock_.Now())) / 1'000'000'000;
   };
-  const int to_window = 900 - second % 900;
-  EXPECT_EQ(seconds_to_run("FIM"), to_window);
-  EXPECT_EQ(seconds_to_run("IOC"), 0) << "they are another's";
+  const int to_window = 900 - SecondOfDay() % 900;
+  EXPECT_EQ(seconds_to_run(table), to_window);
+  EXPECT_EQ(seconds_to_run(table_of_another), 0) << "they are another's";
   clock_.Advance(seconds(to_window));
-  EXPECT_EQ(seconds_to_run("FIM"), 0);
+  EXPECT_EQ(seconds_to_run(table), 0);
+}
+
+TEST_F(UploadScheduleTest, QuietHoursCountWhenTheRunWouldBegin) {
+  // Open now, and closed by the time that the interval is over.
+  const common::BlackoutManager quiet_hours(OpenForAQuarter("FIM", 0), clock_);
+  SetInterval(900);
+  schedule_ = std::make_unique<UploadSchedule>(*config_, storage_, std::make_unique<fakes::FakeUploader>(),
+                                               &quiet_hours, health_, clock_);
+  EXPECT_EQ(SecondsToNextRun(), 0);
+  Run();
+  EXPECT_EQ(SecondsToNextRun(), 7 * 86'400 - SecondOfDay() % 900) << "the same quarter of an hour, a week later";
 }
 
 TEST_F(UploadScheduleTest, AnEmptySpoolGivesNoRequest) {
