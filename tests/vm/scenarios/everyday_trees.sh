@@ -48,7 +48,7 @@ configure max_disk_size_mb 100
 step "$(cut -d' ' -f1 /proc/uptime) s: the trees are there"
 start_configured
 # Rules are in force meanwhile, but names that start at a closed descriptor are told by the folders that are known.
-expect "all folders are known" wait_until 90 log_says "Folders known below the watched paths"
+expect "all folders are known" wait_until 90 folders_known 2000
 LOST=$(lost)
 
 # tool LABEL COMMAND...: runs it; its events are owed under LABEL. TAIL is what stands behind their paths.

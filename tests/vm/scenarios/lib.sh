@@ -70,6 +70,13 @@ wait_until() {
 # log_says TEXT [FILE]: the daemon's log, or the named one, has the text.
 log_says() { grep -qF -- "$1" "$LOG/${2:-edr.log}"; }
 
+# folders_known COUNT: a scan of the watched paths has ended that knows so many.
+folders_known() {
+  local known
+  known=$(cat $LOG/edr.log* | sed -n 's/.*Folders known below the watched paths: //p' | sort -n | tail -n 1)
+  [ "${known:-0}" -ge "$1" ]
+}
+
 # come_round PID: makes processes until the next one gets this pid, which is free. Pids end soon behind it and begin anew
 # at 300; end_of_pids NUMBER gives room again. count_above NUMBER: until pids are above the number.
 come_round() {

@@ -1,0 +1,63 @@
+# shellcheck shell=dash
+# A daemon that gets no turn for some seconds, as on a machine that is overloaded or was suspended: the kernel holds back
+# what it cannot deliver, and sends it later, in another order and in the middle of events. Every event is told all the
+# same.
+# seconds: 420
+. /scenario/lib.sh
+
+GNU=/usr/local/gnu
+
+# make_tree NAME: 510 folders.
+make_tree() {
+  awk -v name="$1" 'BEGIN {
+    for (i = 0; i < 10; i++) for (j = 0; j < 10; j++) for (k = 0; k < 4; k++) print name "/d" i "/e" j "/f" k
+  }' | (cd $WATCHED && xargs mkdir -p)
+}
+
+lost() { audit-rules status | sed 's/.* lost=\([0-9]*\).*/\1/'; }
+
+# tools ROUND: three tools, one after the other; their events are owed.
+tools() {
+  owed_of "chmod -R, $1" Change "$WATCHED/modes" $GNU/chmod -R "070$1" $WATCHED/modes
+  owed_of "chown -R, $1" Change "$WATCHED/owners" $GNU/chown -R "100$1:1000" $WATCHED/owners
+  owed_of "rm -rf, $1" Delete "$WATCHED/removed$1" $GNU/rm -rf "$WATCHED/removed$1"
+}
+
+# owed_of LABEL ACTION FOLDER COMMAND...: runs it; it does something to the folder and to all below it.
+owed_of() {
+  local label="$1" action="$2" folder="$3" listed
+  shift 3
+  listed=$(mktemp)
+  find "$folder" >"$listed"
+  "$@" &
+  owe "$label" done "$action" " actor=$1 pid=$! user=root audit-user=system-user" <"$listed"
+  wait $! || fail "$label" "the tool fails with code $?"
+  rm "$listed"
+}
+
+mkdir -p $WATCHED
+for name in modes owners removed1 removed2 removed3; do make_tree $name; done
+write_configuration
+# Some thousand events: no pause for the processor, and room for their documents.
+configure cpu_limit 100
+configure max_file_size_kb 1000
+configure max_disk_size_mb 100
+start_configured
+expect "all folders are known" wait_until 90 folders_known 2500
+LOST=$(lost)
+for round in 1 2 3; do
+  kill -STOP "$(daemon_pid)"
+  step "$(cut -d' ' -f1 /proc/uptime) s: halted"
+  # In this shell, which keeps what is owed; somebody else lets the daemon go on.
+  (sleep $((round * 2)) && kill -CONT "$(daemon_pid)") &
+  waker=$!
+  tools $round
+  wait $waker
+  step "$(cut -d' ' -f1 /proc/uptime) s: goes on"
+done
+wait_for_the_last 120
+judge
+expect "the kernel lost no record" is "$(lost)" "$LOST"
+step "events that came in parts: $(cat $LOG/edr.log* | grep -c 'waits for the rest of its records')"
+
+stop_all
