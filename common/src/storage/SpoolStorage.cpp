@@ -56,7 +56,7 @@ SpoolStorage::SpoolStorage(Scheduler& scheduler, const std::string& path, const 
   schedule_ = std::make_shared<SpoolStorageSchedule>([this] { worker_->Sync(); }, clock);
   worker_ = std::make_unique<SpoolWorker>(
       std::move(formatter), SpoolDirectory(path, prefix, max_file_count - 1, calls), *limits_,
-      [this](std::uint64_t seconds) { schedule_->ScheduleSync(seconds); }, calls);
+      [this](std::uint64_t seconds) { schedule_->ScheduleSync(seconds); }, calls, clock);
   scheduler_.RegisterSchedule(schedule_);
 }
 

@@ -1,17 +1,24 @@
 #include "common/src/storage/SpoolWorker.h"
 
+#include <chrono>
 #include <exception>
 #include <utility>
 
 #include "common/src/util/Log.h"
 
 namespace zagent::common::internal {
+namespace {
+
+constexpr std::chrono::seconds kRetryPause{1};
+
+}  // namespace
 
 SpoolWorker::SpoolWorker(std::unique_ptr<DataFormatter> formatter, SpoolDirectory directory, SpoolLimits& limits,
-                         std::function<void(std::uint64_t)> schedule_sync, FileCalls& calls)
+                         std::function<void(std::uint64_t)> schedule_sync, FileCalls& calls, util::Clock& clock)
     : formatter_(std::move(formatter)),
       limits_(limits),
       schedule_sync_(std::move(schedule_sync)),
+      clock_(clock),
       files_(std::move(directory), limits, calls) {}
 
 std::unique_ptr<StorageResult> SpoolWorker::Add(const Bytes& data) {
@@ -23,7 +30,7 @@ std::unique_ptr<StorageResult> SpoolWorker::Add(const Bytes& data) {
     if (held == 0) ScheduleSync();
     return MakeResult(StorageCode::Success);
   }
-  auto result = FlushDataCache();
+  auto result = HasJustFailed() ? MakeResult(failure_->code) : FlushDataCache();
   CountHeldBytes();
   if (formatter_->Size() != 0) {
     // An older payload still waits for the disk and the cache is full: there is no room for the item.
@@ -69,6 +76,7 @@ std::unique_ptr<StorageResult> SpoolWorker::Read() {
 
 bool SpoolWorker::Clear() {
   unwritten_ = Bytes();
+  failure_.reset();
   formatter_->Clear();
   CountHeldBytes();
   return files_.Clear();
@@ -98,10 +106,21 @@ std::unique_ptr<StorageResult> SpoolWorker::FlushDataCache() {
 }
 
 std::unique_ptr<StorageResult> SpoolWorker::StoreUnwritten() {
+  failure_ = Failure{clock_.SteadyNow(), StorageCode::Unknown};  // if it throws
   auto result = files_.Store(unwritten_);
+  if (result->code == StorageCode::Success) {
+    failure_.reset();
+  } else {
+    // The disk may have taken its time to fail.
+    failure_ = Failure{clock_.SteadyNow(), result->code};
+  }
   if (filed_ && result->code == StorageCode::Success && formatter_->Size() == 0) filed_();
   result->has_free_space = HasFreeSpace();
   return result;
+}
+
+bool SpoolWorker::HasJustFailed() const {
+  return failure_ && clock_.SteadyNow() - failure_->time < kRetryPause;
 }
 
 void SpoolWorker::ScheduleSync() {

@@ -4,12 +4,14 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include "common/src/storage/DataFormatter.h"
 #include "common/src/storage/SpoolFiles.h"
 #include "common/src/storage/SpoolLimits.h"
 #include "common/src/storage/StorageResult.h"
+#include "common/src/util/Clock.h"
 
 namespace zagent::common::internal {
 
@@ -21,16 +23,18 @@ class SpoolWorker {
  public:
   // `schedule_sync` is called with the seconds after which Sync is wanted.
   SpoolWorker(std::unique_ptr<DataFormatter> formatter, SpoolDirectory directory, SpoolLimits& limits,
-              std::function<void(std::uint64_t)> schedule_sync, FileCalls& calls = FileCalls::Real());
+              std::function<void(std::uint64_t)> schedule_sync, FileCalls& calls = FileCalls::Real(),
+              util::Clock& clock = util::Clock::Real());
 
   // Called when all that was in the cache has become a file.
   void SetFiledCallback(std::function<void()> callback) { filed_ = std::move(callback); }
 
   // Takes one item into the cache, which becomes a file first when the item would make it larger than one file.
-  // The result is that of the file, if there was one.
+  // The result is that of the file, if there was one. Within a second of a file that could not be written a full cache
+  // refuses without asking the disk, which has said why: producers may come thousands of times a second.
   std::unique_ptr<StorageResult> Add(const Bytes& data);
 
-  // Makes a file of what the cache holds.
+  // Makes a file of what the cache holds, whenever a write has failed.
   void Sync();
 
   // The oldest file. A failure is a code; an empty spool gives NotFound.
@@ -51,6 +55,7 @@ class SpoolWorker {
   [[nodiscard]] bool IsCacheEmpty() const { return unwritten_.empty() && formatter_->Size() == 0; }
   std::unique_ptr<StorageResult> FlushDataCache();
   std::unique_ptr<StorageResult> StoreUnwritten();
+  [[nodiscard]] bool HasJustFailed() const;
   void ScheduleSync();
   void CountHeldBytes() { held_bytes_ = unwritten_.size() + formatter_->Size(); }
 
@@ -58,9 +63,16 @@ class SpoolWorker {
   SpoolLimits& limits_;
   const std::function<void(std::uint64_t)> schedule_sync_;
   std::function<void()> filed_;
+  util::Clock& clock_;
   SpoolFiles files_;
   // The payload of a flush that failed: it is tried again before the next one, so there is never more than one.
   Bytes unwritten_;
+  // Its last failure.
+  struct Failure {
+    util::Clock::SteadyTime time;
+    StorageCode code;
+  };
+  std::optional<Failure> failure_;
   std::atomic<std::uint64_t> held_bytes_{0};  // of both, as the last operation left them
 };
 

@@ -1,6 +1,7 @@
 // A spool on disks that fail in the ways that real ones do.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstddef>
 #include <filesystem>
 #include <memory>
@@ -10,6 +11,7 @@
 #include "common/src/storage/SpoolStorage.h"
 #include "tests/e2e/storage/NumberedItems.h"
 #include "tests/e2e/storage/Tmpfs.h"
+#include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeDataFormatter.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
@@ -27,11 +29,11 @@ class DiskTest : public ::testing::Test {
   DiskTest() { scheduler_.Start(); }
 
   // Files of at most 16 KiB.
-  void Open() {
+  void Open() { Open(folder_.Path()); }
+  void Open(const std::string& folder) {
     spool_.reset();
-    spool_ =
-        std::make_unique<SpoolStorage>(scheduler_, folder_.Path(), "items",
-                                       std::make_unique<fakes::FakeDataFormatter>(), SpoolStorage::Limits{1, 60, 16});
+    spool_ = std::make_unique<SpoolStorage>(scheduler_, folder, "items", std::make_unique<fakes::FakeDataFormatter>(),
+                                            SpoolStorage::Limits{1, 60, 16}, SpoolStorage::kMaxFileCount, clock_);
   }
 
   // Writes the next item. False when the spool refused it, which it hands back then.
@@ -42,6 +44,9 @@ class DiskTest : public ::testing::Test {
     accepted_.push_back(next_++);
     return true;
   }
+
+  // The spool asks the disk again.
+  void LetASecondPass() { clock_.Advance(std::chrono::seconds(1)); }
 
   // Reads and deletes the oldest file. False when there is none.
   bool Take() {
@@ -64,7 +69,8 @@ class DiskTest : public ::testing::Test {
 
   const fakes::LogCapture log_;
   const fakes::TempFolder folder_;
-  Scheduler scheduler_;
+  fakes::FakeClock clock_;
+  Scheduler scheduler_{clock_};
   std::unique_ptr<SpoolStorage> spool_;
   std::uint64_t next_ = 1;
   std::vector<std::uint64_t> accepted_;
@@ -81,9 +87,12 @@ TEST_F(DiskTest, AFullDiskRefusesAndLosesNothingThatWasAccepted) {
   EXPECT_TRUE(log_.Has("No space left on device (28)"));
   for (int round = 0; round < 3; ++round) {
     ASSERT_TRUE(Take());
+    LetASecondPass();
+    const std::size_t accepted = accepted_.size();
     refused = 0;
     for (int i = 0; i < 500 && refused == 0; ++i) refused += Write() ? 0 : 1;
     EXPECT_EQ(refused, 1) << "it is full again";
+    EXPECT_GT(accepted_.size(), accepted);
   }
   ASSERT_TRUE(Take());
   ASSERT_TRUE(Take());
@@ -107,6 +116,7 @@ TEST_F(DiskTest, AReadOnlyFolderKeepsItsFilesAndTakesNewOnesLater) {
   EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "]: SpoolStorage: Failed to delete " + (folder_ / "items.0001") +
                                                 ": Read-only file system (30)"));
   disk.Remount(false);
+  LetASecondPass();
   ASSERT_TRUE(Write());
   ExpectNothingLost();
 }
@@ -115,8 +125,7 @@ TEST_F(DiskTest, AFolderThatIsRemovedWhileItRunsCostsItsFilesOnly) {
   const std::string spool_folder = folder_ / "spool";
   std::filesystem::create_directory(spool_folder);
   std::filesystem::permissions(spool_folder, std::filesystem::perms::owner_all);
-  spool_ = std::make_unique<SpoolStorage>(
-      scheduler_, spool_folder, "items", std::make_unique<fakes::FakeDataFormatter>(), SpoolStorage::Limits{1, 60, 16});
+  Open(spool_folder);
   while (!std::filesystem::exists(spool_folder + "/items.0001")) ASSERT_TRUE(Write());
   const std::uint64_t last_of_the_file = accepted_.back() - 1;
   std::filesystem::remove_all(spool_folder);
@@ -126,11 +135,11 @@ TEST_F(DiskTest, AFolderThatIsRemovedWhileItRunsCostsItsFilesOnly) {
   EXPECT_EQ(refused, 1);
   EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "]: Storage: Failed to create "));
   std::filesystem::create_directory(spool_folder);
+  LetASecondPass();
   ASSERT_TRUE(Write());
   spool_.reset();
   accepted_.erase(accepted_.begin(), accepted_.begin() + static_cast<std::ptrdiff_t>(last_of_the_file));
-  spool_ = std::make_unique<SpoolStorage>(
-      scheduler_, spool_folder, "items", std::make_unique<fakes::FakeDataFormatter>(), SpoolStorage::Limits{1, 60, 16});
+  Open(spool_folder);
   while (Take()) {
   }
   EXPECT_EQ(taken_, accepted_);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <deque>
 #include <filesystem>
@@ -31,8 +32,9 @@ using fakes::ToText;
 
 constexpr std::uint64_t kKib = 1024;
 constexpr std::uint64_t kDiskSize = 1024 * kKib;
-constexpr std::uint64_t kMaxFileCount = 31;  // thirty names
-constexpr std::chrono::seconds kAge{60};
+constexpr std::uint64_t kMaxFileCount = 31;   // thirty names
+constexpr std::chrono::seconds kAge{21'600};  // more than all rests between two syncs
+constexpr std::chrono::seconds kRetryPause{1};
 
 std::uint64_t FromEnvironment(const char* name, std::uint64_t otherwise) {
   const char* text = std::getenv(name);
@@ -45,6 +47,7 @@ class Model {
   std::uint64_t max_file_size = 64 * kKib;
   bool disk_full = false;
   std::deque<std::string> files;
+  std::chrono::milliseconds now{0};
 
   enum class Outcome { Cached, Filed, Failed, Refused };
 
@@ -53,6 +56,7 @@ class Model {
       cache_ += item;
       return Outcome::Cached;
     }
+    if (!refused_by_disk_.empty() && now - failed_at_ < kRetryPause) return Outcome::Refused;
     const bool filed = Flush();
     if (!cache_.empty()) return Outcome::Refused;
     cache_ = item;
@@ -84,7 +88,10 @@ class Model {
   bool Store() {
     const bool names_left = files.size() < kMaxFileCount - 1;
     if (!names_left) files.pop_front();
-    if (disk_full) return false;
+    if (disk_full) {
+      failed_at_ = now;
+      return false;
+    }
     files.push_back(std::move(refused_by_disk_));
     refused_by_disk_.clear();
     if (Usage() >= kDiskSize) {
@@ -97,6 +104,7 @@ class Model {
 
   std::string cache_;
   std::string refused_by_disk_;
+  std::chrono::milliseconds failed_at_{0};
 };
 
 class SpoolPropertyTest : public ::testing::Test {
@@ -192,11 +200,18 @@ class SpoolPropertyTest : public ::testing::Test {
     const std::size_t syncs = disk_.SyncCount();
     model_.Flush();
     ASSERT_TRUE(Eventually([&] { return clock_.EarliestDeadline() <= clock_.Now() + kAge; }));
-    clock_.Advance(kAge);
+    Advance(kAge);
     const auto is_synced = [&] { return Names().size() == model_.files.size() && disk_.SyncCount() != syncs; };
     EXPECT_TRUE(Eventually(is_synced)) << Names().size() << " files instead of " << model_.files.size();
     spool_->Read();  // the end of the sync
   }
+
+  void Advance(std::chrono::milliseconds duration) {
+    model_.now += duration;
+    clock_.Advance(duration);
+  }
+
+  void Rest() { Advance(std::chrono::milliseconds(1 + Below(1500))); }
 
   void FillOrFreeTheDisk() { model_.disk_full = !model_.disk_full && Below(3) == 0; }
 
@@ -287,7 +302,8 @@ class SpoolPropertyTest : public ::testing::Test {
 
   void Step() {
     const std::uint64_t dice = Below(1000);
-    if (dice < 600) return Write();
+    if (dice < 570) return Write();
+    if (dice < 600) return Rest();
     if (dice < 760) return Read();
     if (dice < 900) return Delete();
     if (dice < 930) return Sync();

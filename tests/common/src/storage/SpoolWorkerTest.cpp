@@ -3,11 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeDataFormatter.h"
 #include "tests/fakes/FaultyFiles.h"
 #include "tests/fakes/LogCapture.h"
@@ -42,6 +44,7 @@ class SpoolWorkerTest : public ::testing::Test {
   SpoolWorkerTest() {
     limits_.Apply(1, 60, 1);
     disk_.fault = [this](FaultyFiles::Call call, const std::string&) {
+      if (call == FaultyFiles::Call::Open) ++opened_;
       if (call == FaultyFiles::Call::Write && disk_full_) return ENOSPC;
       return call == FaultyFiles::Call::Read && unreadable_ ? EACCES : 0;
     };
@@ -66,10 +69,16 @@ class SpoolWorkerTest : public ::testing::Test {
   FaultyFiles disk_;
   bool disk_full_ = false;
   bool unreadable_ = false;
+  int opened_ = 0;
+  fakes::FakeClock clock_;
   SpoolLimits limits_;
   std::vector<std::uint64_t> syncs_;  // seconds asked for
-  SpoolWorker worker_{std::make_unique<FakeDataFormatter>(), SpoolDirectory(folder_.Path(), "events", 9), limits_,
-                      [this](std::uint64_t seconds) { syncs_.push_back(seconds); }, disk_};
+  SpoolWorker worker_{std::make_unique<FakeDataFormatter>(),
+                      SpoolDirectory(folder_.Path(), "events", 9),
+                      limits_,
+                      [this](std::uint64_t seconds) { syncs_.push_back(seconds); },
+                      disk_,
+                      clock_};
 };
 
 TEST_F(SpoolWorkerTest, AnItemThatFitsOnlyGoesIntoTheCache) {
@@ -207,6 +216,69 @@ TEST_F(SpoolWorkerTest, WhileTheDiskRefusesOnlyOnePayloadAndOneCacheAreHeld) {
   disk_full_ = false;
   worker_.Sync();
   EXPECT_EQ(Files(), full + " " + std::string(kKib, 'b'));
+}
+
+TEST_F(SpoolWorkerTest, AFullDiskIsAskedOnceASecondHoweverManyItemsCome) {
+  disk_full_ = true;
+  Add(std::string(kKib, 'a'));
+  Add(std::string(kKib, 'b'));  // the first waits for the disk, the second fills the cache
+  const int opened = opened_;
+  for (int i = 0; i < 1000; ++i) {
+    const auto refused = Add("c");
+    EXPECT_EQ(refused->code, StorageCode::Unknown) << "the code of the write that failed";
+    EXPECT_EQ(ToText(refused->data), "c");
+  }
+  EXPECT_EQ(opened_, opened);
+  EXPECT_EQ(log_.Count("Storage: Failed to write to "), 1);
+  clock_.Advance(std::chrono::milliseconds(999));
+  Add("d");
+  EXPECT_EQ(opened_, opened);
+  clock_.Advance(std::chrono::milliseconds(1));
+  Add("d");
+  EXPECT_EQ(opened_, opened + 1);
+  Add("d");
+  EXPECT_EQ(opened_, opened + 1) << "and a second from there";
+  disk_full_ = false;
+  clock_.Advance(std::chrono::seconds(1));
+  EXPECT_EQ(Add("e")->code, StorageCode::Success);
+  worker_.Sync();
+  EXPECT_EQ(Files(), std::string(kKib, 'a') + " " + std::string(kKib, 'b') + " e");
+}
+
+TEST_F(SpoolWorkerTest, ASyncAsksTheDiskRightAfterAFailureToo) {
+  disk_full_ = true;
+  Add(std::string(kKib, 'a'));
+  Add(std::string(kKib, 'b'));
+  disk_full_ = false;
+  EXPECT_EQ(Add("c")->code, StorageCode::Unknown);
+  worker_.Sync();
+  EXPECT_EQ(Files(), std::string(kKib, 'a') + " " + std::string(kKib, 'b'));
+  EXPECT_EQ(Add("d")->code, StorageCode::Success);
+}
+
+TEST_F(SpoolWorkerTest, AfterAClearNothingIsLeftOfAFailure) {
+  disk_full_ = true;
+  Add(std::string(kKib, 'a'));
+  Add(std::string(kKib, 'b'));
+  disk_full_ = false;
+  worker_.Clear();
+  Add(std::string(kKib, 'c'));
+  EXPECT_EQ(Add("d")->code, StorageCode::Success);
+  EXPECT_EQ(Files(), std::string(kKib, 'c'));
+}
+
+TEST_F(SpoolWorkerTest, ASpoolWithoutAnyNameIsAskedOnceASecondToo) {
+  for (int index = 1; index < 10; ++index) {
+    std::filesystem::create_directory(folder_ / ("events.000" + std::to_string(index)));
+  }
+  Add(std::string(kKib, 'a'));
+  EXPECT_THROW(Add("b"), StorageException);
+  Add(std::string(kKib, 'b'));
+  const int opened = opened_;
+  EXPECT_EQ(Add("c")->code, StorageCode::Unknown);
+  EXPECT_EQ(opened_, opened);
+  clock_.Advance(std::chrono::seconds(1));
+  EXPECT_THROW(Add("c"), StorageException);
 }
 
 TEST_F(SpoolWorkerTest, ASyncThatFailsUnforeseenIsTriedAgainToo) {
