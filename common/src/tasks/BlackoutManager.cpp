@@ -225,6 +225,7 @@ std::uint64_t BlackoutManager::GetSecondsToWindow(const std::string& module, Win
   if (week == nullptr) return 0;
   const std::time_t seconds = util::Clock::SystemTime::clock::to_time_t(time);
   std::tm local{};
+  tzset();  // localtime_r alone would keep to the zone that the process began with
   if (localtime_r(&seconds, &local) == nullptr) return 0;
   const auto own_slot = static_cast<std::size_t>(SecondOfWeek(local) / kSlotSeconds);
   std::size_t ahead = 0;

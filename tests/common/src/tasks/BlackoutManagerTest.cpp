@@ -221,6 +221,16 @@ TEST_F(BlackoutManagerTest, TheWeekIsThatOfTheClockOnTheWall) {
   EXPECT_EQ(Wait(manager, 5 * 3600), 0U);
 }
 
+TEST_F(BlackoutManagerTest, AZoneThatIsChangedWhileItRunsIsFollowed) {
+  const BlackoutManager manager(Document(OnlyOpen({0})), clock_);
+  setenv("TZ", "HERE0", 1);
+  EXPECT_EQ(Wait(manager, 0), 0U);
+  setenv("TZ", "EAST-1", 1);
+  EXPECT_EQ(Wait(manager, 0), 7 * kDay - 3600) << "it is one o'clock there";
+  setenv("TZ", "HERE0", 1);
+  EXPECT_EQ(Wait(manager, 0), 0U);
+}
+
 TEST_F(BlackoutManagerTest, SummerTimeMovesTheOpeningWithTheClockOnTheWall) {
   // The last Sunday of March 2024 has 23 hours: at two o'clock it is three.
   const TimeZone zone("CET-1CEST,M3.5.0/2,M10.5.0/3");
