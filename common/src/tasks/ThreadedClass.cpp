@@ -17,6 +17,8 @@ std::chrono::milliseconds Millis(std::uint64_t count) {
   return std::chrono::milliseconds(std::min(count, kLongest));
 }
 
+constexpr const char* kNoStdException = "no std::exception";
+
 }  // namespace
 
 ThreadedClass::ThreadedClass(std::string name, std::uint64_t cpu_limit, std::uint64_t memory_limit, util::Clock& clock,
@@ -61,6 +63,8 @@ void ThreadedClass::EndThread() {
     thread.get();
   } catch (const std::exception& error) {
     ZLOG_ERROR("Uncaught exception when stopping " << name_ << " : " << error.what());
+  } catch (...) {
+    ZLOG_ERROR("Uncaught exception when stopping " << name_ << " : " << kNoStdException);
   }
 }
 
@@ -88,14 +92,25 @@ void ThreadedClass::SetWait(std::uint64_t wait_millis, std::function<bool()> wak
 
 void ThreadedClass::Run() {
   util::NameThisThread(name_.c_str());
-  while (!stopped_) {
-    try {
-      Execute();
-    } catch (const std::exception& error) {
-      ZLOG_ERROR("Uncaught exception in " << name_ << " : " << error.what());
-    }
-    if (Wait()) CpuPause();
+  // Said when it happens: the Stop that says it again may be days away.
+  try {
+    while (!stopped_) TakeTurn();
+  } catch (const std::exception& error) {
+    ZLOG_ERROR("Uncaught exception ends " << name_ << " : " << error.what());
+    throw;
+  } catch (...) {
+    ZLOG_ERROR("Uncaught exception ends " << name_ << " : " << kNoStdException);
+    throw;
   }
+}
+
+void ThreadedClass::TakeTurn() {
+  try {
+    Execute();
+  } catch (const std::exception& error) {
+    ZLOG_ERROR("Uncaught exception in " << name_ << " : " << error.what());
+  }
+  if (Wait()) CpuPause();
 }
 
 // False when the class was stopped.

@@ -23,7 +23,8 @@ class ThreadedClass {
  protected:
   // The order of the virtual operations is part of the interface.
 
-  // One turn of the loop. What it throws (std::exception) is logged, and the loop goes on.
+  // One turn of the loop. A std::exception that it throws is logged, and the loop goes on; anything else ends the
+  // thread.
   virtual void Execute() = 0;
   // Called by Start before the thread exists. What it throws ends the Start.
   virtual void OnStart() = 0;
@@ -47,7 +48,7 @@ class ThreadedClass {
   // Throws std::runtime_error "Start called for already running <name> instance"; std::system_error without a thread.
   void Start();
   // Returns after the thread's end. Does nothing when it was never started. What ended the thread before its time (a
-  // wake predicate or a resource monitor that threw) is logged here.
+  // wake predicate or a resource monitor that threw) is logged when it happens and again here; it is not thrown on.
   void Stop();
 
   // True before Start and from Stop on.
@@ -73,6 +74,7 @@ class ThreadedClass {
 
  private:
   void Run();
+  void TakeTurn();
   bool Wait();
   void EndThread();
 

@@ -213,6 +213,25 @@ TEST_F(ThreadedClassTest, StopTellsWhatEndedTheThreadBeforeItsTime) {
   EXPECT_TRUE(TurnsReach(2));
 }
 
+TEST_F(ThreadedClassTest, WhatEndsTheThreadIsSaidWhenItHappens) {
+  loop_.SetWait(0, []() -> bool { throw std::runtime_error("bad predicate"); });
+  loop_.Start();
+  EXPECT_TRUE(Eventually([&] {
+    return log_.Has(Message::PRIO_ERROR, "]: Uncaught exception ends Loop : bad predicate");
+  })) << log_.All();
+  EXPECT_FALSE(loop_.IsStopped()) << "nobody has stopped it";
+}
+
+TEST_F(ThreadedClassTest, StopThrowsNothingWhateverEndedTheThread) {
+  loop_.SetWait(0, []() -> bool { throw 42; });  // NOLINT(hicpp-exception-baseclass)
+  loop_.Start();
+  ASSERT_TRUE(TurnsReach(1));
+  EXPECT_NO_THROW(loop_.Stop());
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "]: Uncaught exception ends Loop : no std::exception")) << log_.All();
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "]: Uncaught exception when stopping Loop : no std::exception"));
+  EXPECT_TRUE(loop_.IsStopped());
+}
+
 TEST_F(ThreadedClassTest, PausesAndSaysSoWhileTheProcessIsBusy) {
   loop_.SetWait(0, [this] { return wake_.exchange(false); });
   loop_.SetCpuCheck(ThreadedClass::CpuCheck::PauseWhileBusy, 1500);
