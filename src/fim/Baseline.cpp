@@ -68,7 +68,12 @@ void Baseline::NoteSpooled(const std::string& path, const std::string& content_s
 
 void Baseline::GiveUp(const std::string& path) {
   const std::lock_guard lock(mutex_);
-  if (paths_.erase(path) != 0) path_bytes_ -= path.size();
+  Forget(path);
+}
+
+void Baseline::GiveUpSpooled() {
+  const std::lock_guard lock(mutex_);
+  for (const SpooledFile& file : std::exchange(spooled_, {})) Forget(file.path);
 }
 
 void Baseline::KeepFiled() {
@@ -103,6 +108,10 @@ void Baseline::WriteRows(const std::vector<SpooledFile>& files) {
 void Baseline::Remember(std::string path) {
   path_bytes_ += path.size();
   paths_.insert(std::move(path));
+}
+
+void Baseline::Forget(const std::string& path) {
+  if (paths_.erase(path) != 0) path_bytes_ -= path.size();
 }
 
 bool Baseline::HasRoomFor(const std::string& path) const {

@@ -17,7 +17,8 @@ namespace zagent::fim::internal {
 // over restarts and kills. A question costs one look into memory, whatever the number of files.
 //
 // A baseline is on its way from Begin on. It is in the table once its document is in a file of the spool: a kill in
-// between takes both, and the next run takes the baseline again.
+// between takes both, and the next run takes the baseline again. Where the spool drops the document, the next event
+// does.
 //
 // Bounds: 200,000 paths and 64 MiB of them. Beyond that no path is taken any more, with one warning a day.
 //
@@ -43,7 +44,7 @@ class Baseline {
   ~Baseline() = default;
 
   // Whether a baseline of the file is to be taken: false for one that is known or on its way, and for all that come at
-  // the bound. What is to be taken is on its way from now on, until KeepFiled or GiveUp.
+  // the bound. What is to be taken is on its way from now on, until KeepFiled, GiveUp or GiveUpSpooled.
   [[nodiscard]] bool Begin(const std::string& path);
   // The spool holds the baseline of the file, whose content was read with this outcome.
   void NoteSpooled(const std::string& path, const std::string& content_status);
@@ -51,6 +52,8 @@ class Baseline {
   void GiveUp(const std::string& path);
   // What NoteSpooled was told of so far is in files of the spool.
   void KeepFiled();
+  // What NoteSpooled was told of since the last KeepFiled may be in no file and never will be: as GiveUp.
+  void GiveUpSpooled();
 
   // Files that are known, or whose baseline is on its way.
   [[nodiscard]] std::size_t GetSize() const;
@@ -69,6 +72,7 @@ class Baseline {
   void BeginAnew(const std::string& reason);
   void WriteRows(const std::vector<SpooledFile>& files);
   void Remember(std::string path);
+  void Forget(const std::string& path);
   [[nodiscard]] bool HasRoomFor(const std::string& path) const;
   void WarnOnceADay();
 

@@ -148,6 +148,10 @@ void SpoolStorage::SetFiledCallback(std::function<void()> callback) {
   worker_->SetFiledCallback(std::move(callback));
 }
 
+void SpoolStorage::SetDroppedCallback(std::function<void()> callback) {
+  worker_->SetDroppedCallback(std::move(callback));
+}
+
 void SpoolStorage::Update(const Limits& limits) {
   if (limits.max_disk_size_mib == 0) {
     ZLOG_WARNING("SpoolStorage::Update: Ignoring invalid max disk size setting");

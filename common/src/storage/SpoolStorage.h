@@ -70,8 +70,11 @@ class SpoolStorage final : public Storage {
   void WriteAsync(Bytes data, ResultCallback callback) override;
 
   // Called on the schedule's thread, or by the destructor, whenever the cache has become a file: every item whose write
-  // was answered with success before is in a file then. To be set before the first write.
+  // was answered with success before is in a file then, or was told of as dropped. To be set before the first write.
   void SetFiledCallback(std::function<void()> callback);
+  // Called likewise when items of the cache are lost (ClearAsync, or a batch that cannot be serialised): those whose
+  // write was answered with success since the last of the two callbacks may be in no file. To be set with the other.
+  void SetDroppedCallback(std::function<void()> callback);
 
   // New limits, applied as a task; a value of 0 is ignored with a warning. Never refused: limits that come while
   // others wait join them.

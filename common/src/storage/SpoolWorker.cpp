@@ -75,10 +75,12 @@ std::unique_ptr<StorageResult> SpoolWorker::Read() {
 }
 
 bool SpoolWorker::Clear() {
+  const bool drops = !IsCacheEmpty();
   unwritten_ = Bytes();
   failure_.reset();
   formatter_->Clear();
   CountHeldBytes();
+  if (drops && dropped_) dropped_();
   return files_.Clear();
 }
 
@@ -100,6 +102,7 @@ std::unique_ptr<StorageResult> SpoolWorker::FlushDataCache() {
   } catch (const DataFormatterException&) {
     ZLOG_ERROR("SpoolStorage::FlushDataCache: Failed to serialize data cache. Resetting cache.");
     formatter_->Clear();
+    if (dropped_) dropped_();
     return MakeResult(StorageCode::SerializationFailed);
   }
   return StoreUnwritten();

@@ -29,6 +29,9 @@ class SpoolWorker {
   // Called when all that was in the cache has become a file.
   void SetFiledCallback(std::function<void()> callback) { filed_ = std::move(callback); }
 
+  // Called when something of what was in the cache is lost: by Clear, or because it could not be serialised.
+  void SetDroppedCallback(std::function<void()> callback) { dropped_ = std::move(callback); }
+
   // Takes one item into the cache, which becomes a file first when the item would make it larger than one file.
   // The result is that of the file, if there was one. Within a second of a file that could not be written a full cache
   // refuses without asking the disk, which has said why: producers may come thousands of times a second.
@@ -63,6 +66,7 @@ class SpoolWorker {
   SpoolLimits& limits_;
   const std::function<void(std::uint64_t)> schedule_sync_;
   std::function<void()> filed_;
+  std::function<void()> dropped_;
   util::Clock& clock_;
   SpoolFiles files_;
   // The payload of a flush that failed: it is tried again before the next one, so there is never more than one.

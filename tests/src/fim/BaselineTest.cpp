@@ -80,6 +80,25 @@ TEST_F(BaselineTest, WhatIsGivenUpIsWantedAgainAndTakesNoRoom) {
   EXPECT_TRUE(baseline->Begin("/srv/abcde")) << "as many bytes as there are";
 }
 
+TEST_F(BaselineTest, WhatTheSpoolThrewAwayIsWantedAgain) {
+  {
+    const auto baseline = Open({.paths = 3, .bytes = 100});
+    ASSERT_TRUE(Take(*baseline, "/srv/filed"));
+    ASSERT_TRUE(baseline->Begin("/srv/dropped"));
+    baseline->NoteSpooled("/srv/dropped", "READ_SUCCESSFUL");
+    ASSERT_TRUE(baseline->Begin("/srv/on_its_way"));
+    baseline->GiveUpSpooled();
+    EXPECT_EQ(baseline->GetSize(), 2U);
+    EXPECT_EQ(baseline->GetBytes(), std::string("/srv/filed/srv/on_its_way").size());
+    EXPECT_FALSE(Wants(*baseline, "/srv/on_its_way")) << "the spool has not answered yet";
+    baseline->KeepFiled();  // of something else
+    EXPECT_TRUE(Wants(*baseline, "/srv/dropped"));
+  }
+  const auto baseline = Open();
+  EXPECT_FALSE(Wants(*baseline, "/srv/filed"));
+  EXPECT_TRUE(Wants(*baseline, "/srv/dropped")) << "it was told of as filed";
+}
+
 TEST_F(BaselineTest, OnlyWhatIsInAFileOfTheSpoolIsKnownAfterAKill) {
   const auto baseline = Open();
   for (const char* path : {"/srv/filed", "/srv/cached", "/srv/queued"}) ASSERT_TRUE(baseline->Begin(path));

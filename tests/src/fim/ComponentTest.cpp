@@ -211,6 +211,23 @@ TEST_F(ComponentTest, AFileHasOneBaselineOverARestart) {
   EXPECT_EQ(second.At("events", 1, "eventAction"), "(none)");
 }
 
+TEST_F(ComponentTest, ABaselineThatIsClearedOutOfTheCacheIsTakenAgain) {
+  TrackContent();
+  Make();
+  Deliver("/srv/watched/file");
+  const std::vector<std::string> manifests = section_.manifests;
+  section_.manifests.clear();
+  Update();
+  // Without time that passes, in which the cache would become a file.
+  ASSERT_TRUE(fakes::Eventually([&] { return log_.Has("[FIM]: Successfully cleared spool storage"); }));
+  section_.manifests = manifests;
+  Update();
+  Deliver("/srv/watched/file");
+  component_.reset();
+  ASSERT_EQ(SpoolFiles().size(), 1U);
+  EXPECT_EQ(Json(folder_.Read("fim/events/fim.0001")).At("events", 0, "eventAction"), "Baseline");
+}
+
 TEST_F(ComponentTest, AStopEndsAnUploadInFlightAndKeepsItsFile) {
   LeaveInSpool("fim.0001", R"({"events":[]})");
   hold_uploads_ = true;

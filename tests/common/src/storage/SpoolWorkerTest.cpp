@@ -121,6 +121,40 @@ TEST_F(SpoolWorkerTest, TellsNothingWhileAnythingThatItHeldIsInMemory) {
   EXPECT_EQ(filed, 1);
 }
 
+TEST_F(SpoolWorkerTest, TellsWhenAnythingThatItHeldIsThrownAway) {
+  std::string told;
+  worker_.SetFiledCallback([&] { told += "filed "; });
+  worker_.SetDroppedCallback([&] { told += "dropped "; });
+  Add("one");
+  worker_.Clear();
+  EXPECT_EQ(told, "dropped ");
+  worker_.Clear();
+  EXPECT_EQ(told, "dropped ") << "there was nothing left";
+  Add(FakeDataFormatter::kUnserialisable);
+  worker_.Sync();
+  EXPECT_EQ(told, "dropped dropped ");
+  disk_full_ = true;
+  Add("waiting");
+  worker_.Sync();
+  worker_.Clear();
+  EXPECT_EQ(told, "dropped dropped dropped ") << "a payload that waits for the disk is lost as well";
+  disk_full_ = false;
+  Add("two");
+  worker_.Sync();
+  EXPECT_EQ(told, "dropped dropped dropped filed ");
+  worker_.Clear();
+  EXPECT_EQ(told, "dropped dropped dropped filed ") << "what is in files was told of already";
+}
+
+TEST_F(SpoolWorkerTest, WhatIsDroppedIsToldBeforeTheNextItemIsTaken) {
+  std::uint64_t held = 1;
+  worker_.SetDroppedCallback([&] { held = 0; });
+  Add(FakeDataFormatter::kUnserialisable);
+  const auto result = Add(std::string(kKib, 'x'));
+  EXPECT_EQ(held, 0U);
+  EXPECT_TRUE(result->data.empty()) << "this one is in the cache";
+}
+
 TEST_F(SpoolWorkerTest, TheFirstItemOfACacheSetsTheSyncAndLaterOnesDoNotPushItBack) {
   Add("one");
   Add("two");
