@@ -35,7 +35,9 @@ class SpoolDirectory {
   // Index of a path; 0 unless it is exactly that of one of this spool's names.
   [[nodiscard]] std::uint64_t IndexOfPath(const std::string& path) const;
 
-  // The attributes of the regular file of an index, if there is one. Logs why it cannot be told.
+  // The attributes of the regular file of an index: 0, ENOENT where there is none, or the errno that has been logged.
+  int Look(std::uint64_t index, struct stat& info) const;
+  // The same, if there is such a file and they can be had.
   [[nodiscard]] std::optional<struct stat> Stat(std::uint64_t index) const;
 
   // All files in the order of their indices; one whose attributes cannot be had is among them with a size of 0. Throws
@@ -43,9 +45,6 @@ class SpoolDirectory {
   [[nodiscard]] std::vector<Entry> List(const char* operation) const;
 
  private:
-  // 0, ENOENT where there is no regular file, or the errno that has been logged.
-  int Look(std::uint64_t index, struct stat& info) const;
-
   std::string path_;
   std::string prefix_;
   std::uint64_t max_index_;

@@ -93,7 +93,13 @@ std::unique_ptr<StorageResult> SpoolFiles::ReadOldestFile() {
   bool refreshed = false;
   bool failed = false;
   for (std::uint64_t index = first_index_; index != 0 && index <= last_index_; ++index) {
-    if (!directory_.Stat(index)) {
+    struct stat info {};
+    const int error = directory_.Look(index, info);
+    if (error != 0 && error != ENOENT) {
+      failed = true;
+      continue;
+    }
+    if (error == ENOENT) {
       if (refreshed) continue;
       // Somebody else took the file, or a later one was deleted before it: the directory knows where the oldest is
       // now. Asked once a read.

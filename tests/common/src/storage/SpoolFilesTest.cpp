@@ -320,6 +320,18 @@ TEST_F(SpoolFilesTest, DefragmentationClosesTheGapsAndKeepsTheOrder) {
   EXPECT_TRUE(log_.Has(Message::PRIO_INFORMATION, "SpoolStorage: De-fragmentation completed."));
 }
 
+TEST_F(SpoolFilesTest, FilesNoneOfWhichCanBeLookedAtAreAFailureAndNoEmptySpool) {
+  Put(1, "first");
+  Put(2, "second");
+  SpoolFiles& files = Open();
+  for (const int error : {EIO, EACCES}) {
+    disk_.Fail(Call::Lstat, error);
+    EXPECT_EQ(ReadError(), "SpoolStorage::ReadOldestFile: Input/output error (5)");
+    disk_.fault = nullptr;
+    EXPECT_EQ(ToText(files.ReadOldestFile()->data), "first") << "they are there still";
+  }
+}
+
 TEST_F(SpoolFilesTest, DefragmentationLeavesAFullRangeAlone) {
   for (std::uint64_t index = 1; index <= 4; ++index) Put(index, std::to_string(index));
   std::filesystem::remove(Path(4));
