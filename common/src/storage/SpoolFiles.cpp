@@ -31,6 +31,13 @@ SpoolFiles::SpoolFiles(SpoolDirectory directory, const SpoolLimits& limits, File
 }
 
 std::unique_ptr<StorageResult> SpoolFiles::Store(Bytes& payload) {
+  RemoveTornFile();
+  if (torn_) {
+    auto refused = std::make_unique<StorageResult>();
+    refused->path = torn_->path;
+    refused->code = torn_->code;
+    return refused;
+  }
   const std::uint64_t size = payload.size();
   std::uint64_t index = last_index_ + 1;
   std::unique_ptr<StorageResult> result = WriteToFreeName(index, payload);
@@ -71,22 +78,39 @@ std::unique_ptr<StorageResult> SpoolFiles::WriteToFreeName(std::uint64_t& index,
     payload = std::move(result->data);
     // A stale file is stepped over, never overwritten.
     if (result->code == StorageCode::AlreadyExists) continue;
-    if (created) UnlinkTornFile(*result);
+    if (created) {
+      torn_ = std::make_unique<StorageResult>();
+      torn_->path = result->path;
+      if (result->stat_info) torn_->stat_info = std::make_unique<struct stat>(*result->stat_info);
+      RemoveTornFile();
+    }
     return result;
   }
   return nullptr;
 }
 
 // Makes a write that was cut short leave nothing behind: a torn file must not bear a valid name.
-void SpoolFiles::UnlinkTornFile(const StorageResult& written) {
-  // Where the attributes could not be had, the name alone has to do.
+void SpoolFiles::RemoveTornFile() {
+  if (!torn_) return;
   struct stat now {};
-  if (written.stat_info && calls_.Lstat(written.path.c_str(), &now) == 0 && now.st_ino != written.stat_info->st_ino) {
+  const bool is_known = calls_.Lstat(torn_->path.c_str(), &now) == 0;
+  const bool is_gone = is_known ? !IsTornFile(torn_->path, now) : errno == ENOENT;
+  // Where its attributes cannot be had now, the name alone has to do.
+  if (!is_gone && calls_.Unlink(torn_->path.c_str()) != 0 && errno != ENOENT) {
+    torn_->code = StorageCodeFromErrno(errno);
+    ZLOG_ERROR("SpoolStorage: Failed to delete " << torn_->path << ": " << ErrnoText(errno));
     return;
   }
-  if (calls_.Unlink(written.path.c_str()) != 0 && errno != ENOENT) {
-    ZLOG_ERROR("SpoolStorage: Failed to delete " << written.path << ": " << ErrnoText(errno));
-  }
+  const std::uint64_t index = directory_.IndexOfPath(torn_->path);
+  torn_.reset();
+  // A look at the folder in between has counted it.
+  if (index >= first_index_ && index <= last_index_) RefreshFileIndices();
+}
+
+// Where the attributes of the torn file could not be had, the name alone has to do.
+bool SpoolFiles::IsTornFile(const std::string& path, const struct stat& info) const {
+  if (!torn_ || torn_->path != path || !S_ISREG(info.st_mode)) return false;
+  return !torn_->stat_info || (torn_->stat_info->st_ino == info.st_ino && torn_->stat_info->st_dev == info.st_dev);
 }
 
 std::unique_ptr<StorageResult> SpoolFiles::ReadOldestFile() {
@@ -109,6 +133,7 @@ std::unique_ptr<StorageResult> SpoolFiles::ReadOldestFile() {
       index = first_index_ - 1;
       continue;
     }
+    if (IsTornFile(directory_.FileName(index), info)) continue;
     std::unique_ptr<StorageResult> result;
     switch (TryReadFile(index, result)) {
       case ReadOutcome::Read:
@@ -170,6 +195,7 @@ bool SpoolFiles::Delete(const StorageResult& read) {
 }
 
 bool SpoolFiles::Clear() {
+  RemoveTornFile();
   bool all_deleted = true;
   const std::uint64_t last = last_index_;
   for (std::uint64_t index = std::max<std::uint64_t>(first_index_, 1); index <= last; ++index) {

@@ -31,7 +31,9 @@ class SpoolFiles {
 
   // Writes `payload` as the newest file, safe on disk when this returns, and lets the oldest files go when the disk
   // limit is reached. On a failure, a StorageException too, `payload` is whole again and no part of it stays on disk.
-  // Throws StorageException when no name is free and none can be made free.
+  // What the disk would not remove is never read; its removal is tried again first, and while that fails nothing is
+  // written, so that there is one such file at most. Throws StorageException when no name is free and none can be made
+  // free.
   std::unique_ptr<StorageResult> Store(Bytes& payload);
 
   // What is read is a regular file of its own name and within the bound, as it was when it was opened, whoever may
@@ -60,7 +62,8 @@ class SpoolFiles {
   void CleanupAfterWrite();
   void Cleanup(CleanupGoal goal);
   bool DeleteFile(std::uint64_t index);
-  void UnlinkTornFile(const StorageResult& written);
+  void RemoveTornFile();
+  [[nodiscard]] bool IsTornFile(const std::string& path, const struct stat& info) const;
   bool SetAside(std::uint64_t index, std::uint64_t size);
   // The file of an index is not there any more.
   void Forget(std::uint64_t index, std::uint64_t size);
@@ -73,6 +76,9 @@ class SpoolFiles {
   std::uint64_t first_index_ = 0;
   std::uint64_t last_index_ = 0;
   std::atomic<std::uint64_t> disk_usage_{0};
+  // A write that was cut short, or one that is not safe, as long as its file is there: its path, its attributes if
+  // they could be had, and why it could not be removed. No data.
+  std::unique_ptr<StorageResult> torn_;
 };
 
 }  // namespace zagent::common::internal

@@ -561,6 +561,61 @@ TEST_F(SpoolFilesTest, ATornFileThatCannotBeRemovedIsSaid) {
       << log_.All();
 }
 
+TEST_F(SpoolFilesTest, ATornFileThatCouldNotBeRemovedIsNeverGivenAndGoesBeforeTheNextOneComes) {
+  bool read_only = false;
+  disk_.max_bytes = 3;
+  int writes = 0;
+  disk_.fault = [&](Call call, const std::string&) {
+    if (call == Call::Write && ++writes == 2) {
+      read_only = true;  // as file systems do when a disk fails
+      return EIO;
+    }
+    return call == Call::Unlink && read_only ? EROFS : 0;
+  };
+  SpoolFiles& files = Open();
+  Bytes payload = ToBytes("precious");
+  EXPECT_EQ(files.Store(payload)->code, StorageCode::IOError);
+  EXPECT_EQ(Content(1, 2), "pre -");
+  files.RefreshFileIndices();  // finds it under its valid name
+  EXPECT_EQ(ReadError(), "SpoolStorage::ReadOldestFile: No such file or directory (2)");
+  // Nothing is written beside it.
+  EXPECT_EQ(files.Store(payload)->code, StorageCode::Unknown);
+  EXPECT_EQ(ToText(payload), "precious");
+  EXPECT_EQ(Content(1, 2), "pre -");
+  EXPECT_FALSE(files.Clear());
+  read_only = false;
+  EXPECT_EQ(files.Store(payload)->code, StorageCode::Success);
+  EXPECT_EQ(Content(1, 2), "precious -");
+  EXPECT_EQ(files.DiskUsage(), 8U);
+  EXPECT_EQ(ToText(files.ReadOldestFile()->data), "precious");
+}
+
+TEST_F(SpoolFilesTest, ATornFileInWhosePlaceIsAnotherIsForgotten) {
+  bool stuck = true;
+  disk_.fault = [&](Call call, const std::string&) {
+    return stuck && (call == Call::Write || call == Call::Unlink) ? EIO : 0;
+  };
+  SpoolFiles& files = Open();
+  Bytes payload = ToBytes("precious");
+  EXPECT_EQ(files.Store(payload)->code, StorageCode::IOError);
+  stuck = false;
+  std::filesystem::rename(folder_.Write("stranger", "stranger"), Path(1));
+  EXPECT_EQ(files.Store(payload)->code, StorageCode::Success);
+  EXPECT_EQ(Content(1, 2), "stranger precious");
+}
+
+TEST_F(SpoolFilesTest, ClearRemovesATornFileToo) {
+  bool stuck = true;
+  disk_.fault = [&](Call call, const std::string&) {
+    return stuck && (call == Call::Write || call == Call::Unlink) ? EIO : 0;
+  };
+  SpoolFiles& files = Open();
+  EXPECT_EQ(Store("text")->code, StorageCode::IOError);
+  stuck = false;
+  EXPECT_TRUE(files.Clear());
+  EXPECT_EQ(Content(1, 1), "-");
+}
+
 TEST_F(SpoolFilesTest, AFileIsSafeOnDiskBeforeItCountsItsContentFirstThenItsName) {
   Open();
   Store("text");
