@@ -207,6 +207,16 @@ TEST_F(SpoolStorageTest, TakesItemsUpToTheLargestFile) {
   EXPECT_EQ(ErrorOf([&] { spool.Write(Bytes(1025)); }), "SpoolStorage::Write: data is larger than max file size");
   EXPECT_EQ(ErrorOf([&] { spool.WriteAsync(Bytes(1025), {}); }),
             "SpoolStorage::WriteAsync: data is larger than max file size");
+  spool_.reset();  // the cache becomes a file
+  SpoolStorage& empty = Open();
+  Gate answered;
+  empty.WriteAsync(Bytes(1024), [&](std::unique_ptr<StorageResult> result) {
+    EXPECT_EQ(result->code, StorageCode::Success);
+    EXPECT_EQ(result->path, "") << "it fits into the cache";
+    EXPECT_TRUE(result->data.empty());
+    answered.Open();
+  });
+  EXPECT_TRUE(answered.Await());
 }
 
 TEST_F(SpoolStorageTest, CannotAppend) {
@@ -253,6 +263,33 @@ TEST_F(SpoolStorageTest, TheCacheIsFlushedAtTheEnd) {
   spool_.reset();
   EXPECT_EQ(folder_.Read("events.0001"), "item");
   EXPECT_TRUE(log_.Has(Message::PRIO_INFORMATION, "]: Destroying SpoolStorage for " + folder_.Path())) << log_.All();
+}
+
+TEST_F(SpoolStorageTest, TheLastFlushOntoAFullDiskIsTriedAndSaidAndLeavesNoPartOfAFile) {
+  fakes::FaultyFiles disk;
+  std::atomic<bool> full{false};
+  std::atomic<int> tries{0};
+  disk.fault = [&](fakes::FaultyFiles::Call call, const std::string&) {
+    if (call != fakes::FaultyFiles::Call::Write || !full) return 0;
+    ++tries;
+    return ENOSPC;
+  };
+  spool_ = std::make_unique<SpoolStorage>(scheduler_, folder_.Path(), "events", std::make_unique<FakeDataFormatter>(),
+                                          SpoolStorage::Limits{1, 60, 1}, SpoolStorage::kMaxFileCount, clock_, disk);
+  int filed = 0;
+  spool_->SetFiledCallback([&] { ++filed; });
+  WriteFileOf("earlier");
+  EXPECT_EQ(filed, 1);
+  full = true;
+  spool_->Write(Bytes(1024));
+  EXPECT_EQ(spool_->Write(Bytes(1024))->code, StorageCode::Unknown);
+  EXPECT_EQ(tries, 1);
+  spool_.reset();
+  EXPECT_EQ(tries, 2) << "right after a failure too";
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "]: SpoolStorage: Failed to sync cache.")) << log_.All();
+  EXPECT_EQ(filed, 1) << "nothing more is safe";
+  EXPECT_EQ(Names(), std::vector<std::string>{"events.0001"});
+  EXPECT_EQ(folder_.Read("events.0001"), "earlier");
 }
 
 TEST_F(SpoolStorageTest, TasksThatNeverStartedRunBeforeTheLastFlush) {
@@ -547,16 +584,23 @@ TEST_F(SpoolStorageTest, UpdateChangesTheLimitsInTheirTurn) {
 }
 
 TEST_F(SpoolStorageTest, UpdateWithZeroesChangesNothingAndWarnsThreeTimes) {
-  SpoolStorage& spool = Open();
+  constexpr std::size_t kFile = 400 * 1024;
+  SpoolStorage& spool = Open({1, 60, 400});
   spool.Update({0, 0, 0});
   Drain();
-  EXPECT_EQ(spool.GetMaxFileSize(), 1024U);
+  EXPECT_EQ(spool.GetMaxFileSize(), kFile);
   EXPECT_TRUE(log_.Has(Message::PRIO_WARNING, "SpoolStorage::Update: Ignoring invalid max disk size setting"));
   EXPECT_TRUE(log_.Has(Message::PRIO_WARNING, "SpoolStorage::Update: Ignoring invalid max file age setting"));
   EXPECT_TRUE(log_.Has(Message::PRIO_WARNING, "SpoolStorage::Update: Ignoring invalid max file size setting"));
   EXPECT_EQ(log_.Count("Ignoring invalid"), 3);
   spool.Write(ToBytes("item"));
   EXPECT_TRUE(Eventually([&] { return clock_.EarliestDeadline() == clock_.Now() + seconds(60); }));
+  spool.Write(Bytes(kFile));
+  EXPECT_TRUE(Eventually([&] { return clock_.EarliestDeadline() == clock_.Now() + seconds(60); }));
+  spool.Write(Bytes(kFile));
+  EXPECT_TRUE(spool.HasFreeSpace()) << "a file of 400 KiB leaves room for another";
+  spool.Write(Bytes(kFile));
+  EXPECT_FALSE(spool.HasFreeSpace()) << "a third one is more than 1 MiB";
 }
 
 TEST_F(SpoolStorageTest, TellsWhenOneMoreFileWouldNotFit) {
