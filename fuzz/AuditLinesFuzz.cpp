@@ -1,6 +1,6 @@
-// Feeds bytes to the reader of audit lines, at once and in pieces as a socket may hand them over. The sound event behind
-// the bytes must come out, whatever they were, and both ways must find the same events with the same fields; where the
-// records of one came apart, what it has beside the announced ones depends on when they came.
+// Feeds bytes to the reader of audit lines, at once and in pieces as a socket may hand them over. The sound event
+// behind the bytes must come out, whatever they were, and both ways must find the same events with the same fields;
+// where the records of one came apart, what it has beside the announced ones depends on when they came.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>

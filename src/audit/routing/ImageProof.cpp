@@ -11,6 +11,7 @@
 
 #include "common/src/util/Log.h"
 #include "common/src/util/ProcessTimes.h"
+#include "common/src/util/RootsFile.h"
 
 namespace zagent::audit::internal {
 namespace {
@@ -25,11 +26,6 @@ void Answer(const Ask& ask) {
   } catch (const std::runtime_error& error) {
     ZLOG_TRACE(error.what());
   }
-}
-
-bool IsRootsAlone(const struct stat& file) {
-  const bool group_may_write = (file.st_mode & S_IWGRP) != 0 && file.st_gid != 0;
-  return file.st_uid == 0 && !group_may_write && (file.st_mode & S_IWOTH) == 0;
 }
 
 }  // namespace
@@ -83,7 +79,7 @@ ImageProof::Program ImageProof::LookAtProgram(const ProcessClaim& claim) const {
   if (stat(exe.c_str(), &running) != 0) return Program::None;
   struct stat named {};
   const bool is_named = stat(std::string(claim.image).c_str(), &named) == 0 && named.st_dev == running.st_dev &&
-                        named.st_ino == running.st_ino && IsRootsAlone(named);
+                        named.st_ino == running.st_ino && common::util::IsRootsAlone(named);
   return is_named ? Program::AsNamed : Program::Another;
 }
 

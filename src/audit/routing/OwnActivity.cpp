@@ -1,6 +1,7 @@
 #include "src/audit/routing/OwnActivity.h"
 
 #include <algorithm>
+#include <exception>
 #include <utility>
 #include <vector>
 
@@ -18,13 +19,24 @@ std::string AsFolder(std::string path) {
 }  // namespace
 
 OwnActivity::OwnActivity(const common::ProcessTree& process_tree, ImageProof& proof,
-                         std::set<std::string> sibling_names, std::string install_path)
+                         std::set<std::string> sibling_names, std::string install_path, std::int32_t own_pid)
     : process_tree_(process_tree),
       proof_(proof),
       sibling_names_(std::move(sibling_names)),
-      install_folder_(AsFolder(std::move(install_path))) {}
+      install_folder_(AsFolder(std::move(install_path))),
+      own_pid_(own_pid) {}
+
+// Known without the tree, which is empty when nobody asks for processes.
+bool OwnActivity::IsOfOwnChild(const edr::Event& event) const {
+  try {
+    return event.GetActorParentProcessId() == own_pid_;
+  } catch (const std::exception&) {
+    return false;  // an event without an actor
+  }
+}
 
 bool OwnActivity::IsSourceOf(const edr::Event& event, const std::set<std::int32_t>& excluded_pids) const {
+  if (IsOfOwnChild(event)) return true;
   const std::vector<ProcessClaim> claims = ClaimsOf(event, process_tree_);
   const ProcessClaim own = ClaimOf(event);
   return std::any_of(claims.begin(), claims.end(), [&](const ProcessClaim& claim) {

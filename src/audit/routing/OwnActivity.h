@@ -1,5 +1,7 @@
 #pragma once
 
+#include <unistd.h>
+
 #include <cstdint>
 #include <optional>
 #include <set>
@@ -19,11 +21,12 @@ class OwnActivity {
   // A process of the family has one of `sibling_names` as its file name, lies under `install_path`, and is not
   // disproved. Tree and proof outlive this object.
   OwnActivity(const common::ProcessTree& process_tree, ImageProof& proof, std::set<std::string> sibling_names,
-              std::string install_path);
+              std::string install_path, std::int32_t own_pid = getpid());
 
-  // True when the event's process, or one of its ancestors, is one of `excluded_pids` or of the family. A process that
-  // the tree does not know is judged by the event alone. Asked when the event comes in: later the process may be
-  // another one, or run another program, and even then the program that the event tells of counts against the tree's.
+  // True when the event's process, or one of its ancestors, is one of `excluded_pids` or of the family, or when it is a
+  // child of this process. A process that the tree does not know is judged by the event alone. Asked when the event
+  // comes in: later the process may be another one, or run another program, and even then the program that the event
+  // tells of counts against the tree's.
   [[nodiscard]] bool IsSourceOf(const edr::Event& event, const std::set<std::int32_t>& excluded_pids) const;
 
   // True when the event's process, or one of its ancestors, is one of `pids`.
@@ -44,11 +47,13 @@ class OwnActivity {
 
  private:
   [[nodiscard]] bool IsCalledSibling(std::string_view image) const;
+  [[nodiscard]] bool IsOfOwnChild(const edr::Event& event) const;
 
   const common::ProcessTree& process_tree_;
   ImageProof& proof_;
   std::set<std::string> sibling_names_;
   std::string install_folder_;  // with exactly one "/" at its end; empty when there is no folder
+  const std::int32_t own_pid_;
 };
 
 }  // namespace zagent::audit::internal

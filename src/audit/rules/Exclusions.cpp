@@ -13,6 +13,7 @@
 #include "common/src/util/ErrnoText.h"
 #include "common/src/util/Log.h"
 #include "common/src/util/ProcessTimes.h"
+#include "common/src/util/RootsFile.h"
 
 namespace zagent::audit::internal {
 namespace {
@@ -75,8 +76,14 @@ bool BuildExitRule(const std::string& name, std::int32_t pid, AuditRule& rule) {
   return true;
 }
 
-bool AddProcessRule(AuditSocket& socket, AuditRule& rule, std::int32_t pid) {
+// 0 or errno. A rule that is there already is as good as added.
+int AddInFront(AuditSocket& socket, AuditRule& rule) {
   const int error = socket.Add(rule, Position::Front);
+  return error == EEXIST ? 0 : error;
+}
+
+bool AddProcessRule(AuditSocket& socket, AuditRule& rule, std::int32_t pid) {
+  const int error = AddInFront(socket, rule);
   if (error == 0) return true;
   ZLOG_ERROR("Failed to add exclusion rule for pid " << pid << " (errno = " << error << ")");
   return false;
@@ -110,7 +117,7 @@ void AddMessageTypeExclusion(AuditSocket& socket, const char* name) {
     ZLOG_ERROR("Failed to add exclusion rule for message type: " << name);
     return;
   }
-  const int error = socket.Add(rule, Position::Front);
+  const int error = AddInFront(socket, rule);
   if (error == 0) {
     ZLOG_DEBUG("Exclusion rule for message type: " << name << " added in audit");
     return;
@@ -143,7 +150,7 @@ void AddThreadExclusion(AuditSocket& socket) {
     ZLOG_ERROR(failure);
     return;
   }
-  const int error = socket.Add(rule, Position::Front);
+  const int error = AddInFront(socket, rule);
   if (error != 0) {
     ZLOG_ERROR("Failed to add thread exclusion rule to audit: " << ErrnoText(error));
     return;
@@ -216,7 +223,8 @@ bool Exclusions::IsStill(Process& process) const {
   // An agent that was updated starts itself anew: what stands at its path for this process, too, and is root's.
   struct stat named {};
   const bool is_next_version = program->path == process.program->path && stat(program->path.c_str(), &named) == 0 &&
-                               named.st_dev == program->device && named.st_ino == program->inode && named.st_uid == 0;
+                               named.st_dev == program->device && named.st_ino == program->inode &&
+                               common::util::IsRootsAlone(named);
   if (is_next_version) process.program = program;
   return is_next_version;
 }

@@ -328,7 +328,8 @@ TEST_F(RuleEnginePathsTest, ARuleThatWaitsComesIntoForceWithTheNextSet) {
   kernel_.calls.clear();
   engine_->AddRules("FIM", {rule_});
   EXPECT_FALSE(IsWaiting());
-  EXPECT_EQ(kernel_.calls, (Ids{"delete rule", "delete rule", "add rule"})) << "the one that went along is not this one";
+  EXPECT_EQ(kernel_.calls, (Ids{"delete rule", "delete rule", "add rule"}))
+      << "the one that went along is not this one";
 }
 
 TEST_F(RuleEnginePathsTest, KeepsNoRuleOfAnotherTagThatWentAlong) {

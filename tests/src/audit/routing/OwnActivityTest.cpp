@@ -62,6 +62,17 @@ TEST_F(OwnActivityTest, MatchesNoProcessByTheTwoNamesThatRunTogether) {
   EXPECT_FALSE(IsOwn(7, "/opt/ostrel/bin/ostrel-health-check"));
 }
 
+TEST_F(OwnActivityTest, KnowsItsOwnChildrenWithoutTheTree) {
+  const OwnActivity own(tree_, proof_, {}, "", 4711);
+  fakes::FakeEvent event;
+  event.pid = 4712;
+  event.image = common::ImageInfo("/usr/bin/vi");
+  event.ppid = 4711;
+  EXPECT_TRUE(own.IsSourceOf(event, {}));
+  event.ppid = 4710;
+  EXPECT_FALSE(own.IsSourceOf(event, {}));
+}
+
 TEST_F(OwnActivityTest, KnowsTheChildrenOfAnExcludedProcess) {
   AddProcess(500, -1, "/usr/bin/anything");
   AddProcess(501, 500, "/bin/sh");

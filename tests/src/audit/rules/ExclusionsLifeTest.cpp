@@ -261,6 +261,15 @@ TEST_F(ExclusionsLifeTest, DoesNotTakeAStrangersFileForTheNextVersion) {
   EXPECT_TRUE(exclusions_.EndMissing());
 }
 
+TEST_F(ExclusionsLifeTest, DoesNotTakeAFileThatEverybodyMayWriteForTheNextVersion) {
+  Enter(folder_.Write("host-warden", "the agent"));
+  exclusions_.AddAll(socket_);
+  std::filesystem::rename(folder_ / "host-warden", folder_ / "old");
+  processes_.Start(kAgentPid, 20, folder_.Write("host-warden", "anybody's"));
+  ASSERT_EQ(chmod((folder_ / "host-warden").c_str(), 0777), 0);
+  EXPECT_TRUE(exclusions_.EndMissing());
+}
+
 TEST_F(ExclusionsLifeTest, SaysNothingOfAProgramThatCannotBeRead) {
   Enter(folder_.Write("host-warden", "the agent"));
   processes_.Start(kAgentPid, 20);

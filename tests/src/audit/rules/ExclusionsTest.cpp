@@ -127,6 +127,14 @@ TEST_F(ExclusionsTest, TellsWhenItCannotTakeTheSilenceBack) {
   EXPECT_TRUE(log_.Has("Failed to clean up exclusion rule for pid 500 (errno = 1)"));
 }
 
+// The listing may have been cut short.
+TEST_F(ExclusionsTest, TakesWhatIsThereAlreadyForAdded) {
+  kernel_.refuse_add = [](const SeenRule&) { return EEXIST; };
+  exclusions_.AddAll(socket_);
+  EXPECT_FALSE(log_.Has("Failed to")) << log_.All();
+  EXPECT_TRUE(log_.Has("Exclusion rule added for pid 500"));
+}
+
 TEST_F(ExclusionsTest, DoesNotTryTheExitRuleAfterTheSilenceFailed) {
   RefuseToAdd("ostrel_ignore_rule_ostrel-edr", EPERM);
   exclusions_.AddAll(socket_);
