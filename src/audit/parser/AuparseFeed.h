@@ -5,7 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
+#include <vector>
 
 #include "src/audit/events/AuparseRecordSource.h"
 #include "src/audit/events/IntakeCounters.h"
@@ -44,30 +44,32 @@ class AuparseFeed {
   struct Destroyer {
     void operator()(auparse_state_t* state) const;
   };
+  struct Parser {
+    Parser();
+    std::unique_ptr<auparse_state_t, Destroyer> state;  // its callback fills what stands above it in the feed
+    AuparseRecordSource source;
+  };
   static void OnAuparseEvent(auparse_state_t* state, int kind, void* self) noexcept;
-  void FeedRecords(std::string_view records);
-  // What came apart, as far as it is whole by now. False when there is nothing, or half a line waits for its rest.
-  bool FeedJoined();
-  void OnCompleteEvent();
-  void BuildFromCall(const Record& call);
+  void ReadJoined();
+  void OnCompleteEvent(Parser& parser);
+  void BuildFromCall(Parser& parser, const Record& call);
   // The x86-64 number of a call; nothing, with a trace line, for one that means nothing here.
-  std::optional<long long> NumberOf(const Record& call);
+  std::optional<long long> NumberOf(Parser& parser, const Record& call);
   // Answers whether the subject meant anything.
-  bool Build(const EventSubject& subject);
-  void OnEventWithoutCall(int type);
+  bool Build(Parser& parser, const EventSubject& subject);
+  void OnEventWithoutCall(Parser& parser, int type);
   // True when records of the event at hand are still to come; it is kept until then.
-  bool KeepIfCut(const Record& call);
-  void Join(bool has_call);
-  [[nodiscard]] std::string EventText() const;
+  bool KeepIfCut(Parser& parser, const Record& call);
+  void Join(Parser& parser, bool has_call);
+  [[nodiscard]] static std::string EventText(const Parser& parser);
 
   EventFactory build_events_;
   IntakeCounters& counters_;
   Events events_;
   CutEvents cut_events_;
-  std::string joined_;  // records of events that came apart and are whole now, to be fed again
-  bool is_at_line_end_ = true;
-  std::unique_ptr<auparse_state_t, Destroyer> state_;  // its callback fills what stands above
-  AuparseRecordSource source_;
+  std::vector<std::string> joined_;  // records of events that came in parts, each event by itself
+  Parser stream_;
+  Parser parts_;  // of those events
 };
 
 }  // namespace zagent::audit::internal

@@ -215,6 +215,7 @@ TEST_F(ForeignLogsTest, DamagedBytesCostTheirOwnEventsOnly) {
     const Lines taken = TakenOf(text + "\n" + Text(exit_));
     EXPECT_THAT(taken, testing::Contains(kExit)) << "round " << round;
     EXPECT_LE(taken.size(), 3U) << "round " << round;
+    feed_.GiveUpCutEvents();  // the same events come in each round
   }
 }
 
