@@ -273,6 +273,11 @@ TEST_F(CommandsTest, EveryThreadSaysInProcWhatItDoes) {
       names.emplace_back();
       std::getline(in, names.back());
     }
+#if defined(__SANITIZE_THREAD__)
+    // The sanitizer has a thread of its own, by the program's name.
+    const auto own = std::find(names.begin(), names.end(), "ostrel-edr-scri");
+    if (own != names.end()) names.erase(own);
+#endif
     // No thread bears the name of the one that made it for longer than it takes to start.
     return std::count(names.begin(), names.end(), "edr-main") == 1 &&
            std::count(names.begin(), names.end(), "ostrel-edr-scri") == 0;
