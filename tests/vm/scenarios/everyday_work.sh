@@ -7,21 +7,21 @@
 . /scenario/lib.sh
 
 GNU=/usr/local/gnu
-mkdir -p /run/work /srv/elsewhere
+mkdir -p /run/tool /srv/elsewhere
 
 # work NAME COMMAND...: runs it and remembers its process.
 work() {
   local name=$1
   shift
-  "$@" >/run/work/output 2>&1 &
-  echo $! >"/run/work/$name"
+  "$@" >/run/tool/output 2>&1 &
+  echo $! >"/run/tool/$name"
   step "$name"
-  wait $! || fail "$name" "the tool fails with code $?: $(tail -n 3 /run/work/output | tr '\n' ' ')"
+  wait $! || fail "$name" "the tool fails with code $?: $(tail -n 3 /run/tool/output | tr '\n' ' ')"
 }
 
 # told_by NAME: "ACTION PATH" of each event of that process, sorted.
 told_by() {
-  grep "^event .* pid=$(cat "/run/work/$1") " $LOG/receiver.log | sed "s/^event //; s/ actor=.*//; s|$WATCHED/||g
+  grep "^event .* pid=$(cat "/run/tool/$1") " $LOG/receiver.log | sed "s/^event //; s/ actor=.*//; s|$WATCHED/||g
     s|/sed[A-Za-z0-9]\{6\}|/sedXXXXXX|g; s|/Cu[A-Za-z0-9]\{6\}|/CuXXXXXX|g" |
     grep -v '^C[a-z]* [^ ]*[.]dpkg-new$' | sort
 }
