@@ -76,7 +76,7 @@ audit::internal::FileContext Context() {
 void BuildEvents(const std::string& log, const std::function<void(Events&&)>& keep) {
   audit::IntakeCounters counters;
   auto context = Context();
-  context.looks = std::make_shared<audit::internal::FolderLooks>();
+  context.looks = std::make_shared<audit::internal::DiskLooks>();
   AuparseFeed feed(audit::internal::MakeEventFactory(context), counters);
   InPieces(log, kFeed, [&](const char* data, std::size_t size) {
     context.looks->Forget();

@@ -4,8 +4,8 @@
 #include <string>
 
 #include "common/src/util/DigestCache.h"
+#include "src/audit/events/DiskLooks.h"
 #include "src/audit/events/FolderIdentities.h"
-#include "src/audit/events/FolderLooks.h"
 #include "src/audit/events/MountTable.h"
 #include "src/edr/LibMagicWrapper.h"
 
@@ -18,7 +18,7 @@ struct FileContext {
   std::shared_ptr<common::util::DigestCache> digests = nullptr;
   std::shared_ptr<FolderIdentities> folders = nullptr;  // null: nothing is known but what the disk says
   std::shared_ptr<MountTable> mounts = nullptr;         // null: the device of a stat is always the record's
-  std::shared_ptr<FolderLooks> looks = nullptr;         // null: every question is a look at the disk
+  std::shared_ptr<DiskLooks> looks = nullptr;           // null: every question is a look at the disk
   // Whether what is gone when it is looked at again is still told, and calls that no watch covers become events.
   bool extended_coverage = false;
   std::string proc_root = "/proc";

@@ -212,14 +212,14 @@ FileIdentity FileEvent::IdentityAt(const std::string& folder, const struct stat&
 }
 
 std::optional<FileIdentity> FileEvent::LookAt(const std::string& folder) const {
-  FolderLooks* looks = Services().looks.get();
+  DiskLooks* looks = Services().looks.get();
   if (looks != nullptr) {
-    if (const FolderLooks::Look* look = looks->Find(folder)) return *look;
+    if (const auto* known = looks->folders.Find(folder)) return *known;
   }
   struct stat found {};
-  FolderLooks::Look look;
+  std::optional<FileIdentity> look;
   if (stat(folder.c_str(), &found) == 0) look = IdentityAt(folder, found);
-  return looks != nullptr ? looks->Keep(folder, look) : look;
+  return looks != nullptr ? looks->folders.Keep(folder, look) : look;
 }
 
 // What is known of the folder outlasts it.
@@ -293,12 +293,20 @@ PathFinder::Start FileEvent::StartOf(std::optional<std::size_t> directory_argume
   return fd >= 0 ? PathFinder::Start(fd) : std::nullopt;
 }
 
-std::optional<struct stat> FileEvent::LstatPath(const std::string& path) {
+std::optional<struct stat> FileEvent::LstatPath(const std::string& path) const {
+  DiskLooks* looks = Services().looks.get();
+  if (looks != nullptr) {
+    if (const auto* known = looks->objects.Find(path)) return *known;
+  }
   struct stat result {};
-  if (lstat(path.c_str(), &result) == 0) return result;
-  const int error = errno;
-  ZLOG_DEBUG("Failed to lstat " << path << " (" << common::util::ErrnoText(error) << ")");
-  return std::nullopt;
+  std::optional<struct stat> look;
+  if (lstat(path.c_str(), &result) == 0) {
+    look = result;
+  } else {
+    const int error = errno;
+    ZLOG_DEBUG("Failed to lstat " << path << " (" << common::util::ErrnoText(error) << ")");
+  }
+  return looks != nullptr ? looks->objects.Keep(path, look) : look;
 }
 
 bool FileEvent::IsFile(const struct stat& result) const {

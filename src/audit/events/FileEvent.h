@@ -103,7 +103,7 @@ class FileEvent : public SyscallEvent {
   // Throws `text`; with extended coverage the event goes on without what the disk could add, and `text` is told.
   void LoseObject(const std::string& text) const;
   // Nothing, with a debug line, on failure.
-  [[nodiscard]] static std::optional<struct stat> LstatPath(const std::string& path);
+  [[nodiscard]] std::optional<struct stat> LstatPath(const std::string& path) const;
   // The folder that the disk has there; nothing when there is none.
   [[nodiscard]] std::optional<FileIdentity> LookAt(const std::string& folder) const;
   // Whether the result is that of file_.

@@ -23,7 +23,7 @@ constexpr std::chrono::seconds kCpuPause{1};
 ParserThread::Seams ThisMachine(internal::FileContext context, std::uint64_t cpu_limit, std::uint64_t memory_limit,
                                 common::util::Clock& clock) {
   if (!context.digests) context.digests = std::make_shared<common::util::DigestCache>(clock);
-  context.looks = std::make_shared<internal::FolderLooks>();
+  context.looks = std::make_shared<internal::DiskLooks>();
   return {internal::MakeEventFactory(context),
           [cpu_limit, memory_limit, &clock] { return common::MakeLoadProbe(cpu_limit, memory_limit, clock); },
           context.looks};
@@ -45,7 +45,7 @@ ParserThread::ParserThread(IOChannel& channel, edr::EventRuleEngine& rule_engine
       reports_(std::move(reports)),
       limits_(QueueLimitsFor(memory_limit * load_.total_memory_kb)),
       clock_(clock),
-      folder_looks_(std::move(seams.folder_looks)),
+      disk_looks_(std::move(seams.disk_looks)),
       parser_(std::move(seams.build_events), reports_.counters) {
   ZLOG_DEBUG("Setting parser queue size to " << limits_.max_bytes / 1024 << " KB");
   channel.SetReadCallback([this](IOChannel::Bytes&& data) { OnData(std::move(data)); });
@@ -229,7 +229,7 @@ void ParserThread::FeedPiece(const IOChannel::Bytes& piece, std::size_t& step) {
 }
 
 void ParserThread::ForgetLooks() {
-  if (folder_looks_) folder_looks_->Forget();
+  if (disk_looks_) disk_looks_->Forget();
 }
 
 void ParserThread::EndStep(std::size_t& step) {

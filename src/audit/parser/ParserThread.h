@@ -34,7 +34,7 @@ class ParserThread {
   struct Seams {
     internal::EventFactory build_events;
     std::function<common::LoadProbe()> make_load_probe;             // called once for each stage
-    std::shared_ptr<internal::FolderLooks> folder_looks = nullptr;  // of the event classes, to be renewed by the piece
+    std::shared_ptr<internal::DiskLooks> disk_looks = nullptr;  // of the event classes, to be renewed by the piece
   };
 
   // Limits in percent. Installs the read callback on the channel, which must be stopped now and when this object goes.
@@ -106,7 +106,7 @@ class ParserThread {
   std::atomic<std::uint64_t> queue_bytes_{0};
   QueueLimits limits_;
   common::util::Clock& clock_;
-  std::shared_ptr<internal::FolderLooks> folder_looks_;
+  std::shared_ptr<internal::DiskLooks> disk_looks_;
   internal::AuparseFeed parser_;
 };
 

@@ -202,7 +202,7 @@ TEST_F(PlacedEventsTest, AFolderThatIsGoneBeforeItsParentIsAskedForIsKnownStill)
 // --- calls on a descriptor
 
 TEST_F(PlacedEventsTest, AFolderIsLookedAtOnceUntilTheNextPieceOfRecords) {
-  context_->looks = std::make_shared<FolderLooks>();
+  context_->looks = std::make_shared<DiskLooks>();
   const std::string file = folder_.Write("w/sub/f", "abc");
   const auto build = [&] {
     Call(kOpenAt, {{"a2", "1"}}).Path("NORMAL", file);
@@ -216,6 +216,20 @@ TEST_F(PlacedEventsTest, AFolderIsLookedAtOnceUntilTheNextPieceOfRecords) {
   EXPECT_EQ(build(), first) << "its piece was read before";
   context_->looks->Forget();
   EXPECT_EQ(build(), IdentityOf(folder_ / "w/sub").inode);
+}
+
+TEST_F(PlacedEventsTest, AFileIsLookedAtOnceUntilTheNextPieceOfRecords) {
+  context_->looks = std::make_shared<DiskLooks>();
+  const std::string file = folder_.Write("w/sub/f", "abc");
+  const auto size = [&] {
+    Call(kOpenAt, {{"a2", "1"}}).Path("NORMAL", file);
+    return Build<ReadWriteEvent>().GetFileSize();
+  };
+  EXPECT_EQ(size(), 3);
+  folder_.Write("w/sub/f", "abcdef");
+  EXPECT_EQ(size(), 3) << "its piece was read before";
+  context_->looks->Forget();
+  EXPECT_EQ(size(), 6);
 }
 
 TEST_F(PlacedEventsTest, ACallOnADescriptorIsAboutTheFileBehindIt) {

@@ -127,7 +127,7 @@ class ParserThreadTest : public testing::Test {
   fakes::RecordingRuleEngine engine_;
   fakes::ScriptedEventFactory factory_;
   HandChannel channel_;
-  std::shared_ptr<internal::FolderLooks> looks_ = std::make_shared<internal::FolderLooks>();
+  std::shared_ptr<internal::DiskLooks> looks_ = std::make_shared<internal::DiskLooks>();
   // No allowed memory at all gives the smallest queue: 100 MiB, 50 MiB to resume.
   std::unique_ptr<ParserThread> parser_;
 };
@@ -135,8 +135,8 @@ class ParserThreadTest : public testing::Test {
 TEST_F(ParserThreadTest, WhatTheDiskSaidIsForgottenBeforeEachPieceAndEachFlush) {
   std::vector<bool> known;
   factory_.interfere = [&](int) {
-    known.push_back(looks_->Find("/w") != nullptr);
-    looks_->Keep("/w", std::nullopt);
+    known.push_back(looks_->folders.Find("/w") != nullptr);
+    looks_->folders.Keep("/w", std::nullopt);
   };
   parser_->Start();
   channel_.Deliver(log_.Event(AuditLog::kMkdir) + log_.Event(AuditLog::kRmdir) + log_.Event(AuditLog::kRenameOver));
