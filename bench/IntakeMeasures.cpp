@@ -11,6 +11,7 @@
 #include <iterator>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include "src/audit/channels/IOChannel.h"
@@ -26,6 +27,8 @@ using audit::internal::Events;
 
 constexpr std::size_t kFeed = 1'048'576;
 constexpr std::size_t kBurst = 65'536;
+// What the kernel holds back for a reader that is busy: as much as its socket has room for.
+constexpr std::uint64_t kAhead = 4'194'304;
 
 double Seconds(const timeval& time) {
   return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
@@ -149,7 +152,10 @@ std::size_t RunPipeline(const std::string& log, Reads reads, std::size_t expecte
   audit::ParserThread parser(channel, Context(), engine, kNoCpuLimit, kMemoryLimit,
                              {counters, [](const std::string&) {}});
   parser.Start();
-  const auto deliver = [&channel](const char* data, std::size_t size) { channel.Deliver(data, size); };
+  const auto deliver = [&channel, &parser](const char* data, std::size_t size) {
+    while (parser.GetQueuedBytes() > kAhead) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    channel.Deliver(data, size);
+  };
   if (reads == Reads::Records) {
     ByRecord(log, deliver);
   } else {

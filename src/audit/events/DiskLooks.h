@@ -8,6 +8,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "src/audit/events/FileIdentity.h"
 
@@ -18,7 +19,7 @@ template <typename Look, std::size_t kPlaces>
 class LookTable {
  public:
   // Null when the path was not looked at since Forget, or another took its place since.
-  [[nodiscard]] const Look* Find(const std::string& path) const {
+  [[nodiscard]] const Look* Find(std::string_view path) const {
     const Place& place = places_.at(IndexOf(path));
     return place.piece == piece_ && place.path == path ? &place.look : nullptr;
   }
@@ -40,7 +41,7 @@ class LookTable {
     Look look;
   };
 
-  static std::size_t IndexOf(const std::string& path) { return std::hash<std::string>()(path) % kPlaces; }
+  static std::size_t IndexOf(std::string_view path) { return std::hash<std::string_view>()(path) % kPlaces; }
 
   std::array<Place, kPlaces> places_;
   std::uint64_t piece_ = 1;
@@ -52,6 +53,12 @@ class LookTable {
 struct DiskLooks {
   LookTable<std::optional<FileIdentity>, 16> folders;  // what a path leads to, by links too
   LookTable<std::optional<struct stat>, 64> objects;   // what is at a path, a link itself
+
+  // The folder of the path was seen not to be there.
+  [[nodiscard]] bool LacksFolderOf(const std::string& path) const {
+    const auto* folder = folders.Find(std::string_view(path).substr(0, path.rfind('/')));
+    return folder != nullptr && !*folder;
+  }
 
   // Before each piece: what was seen may have changed.
   void Forget() {

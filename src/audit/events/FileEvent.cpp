@@ -297,6 +297,7 @@ std::optional<struct stat> FileEvent::LstatPath(const std::string& path) const {
   DiskLooks* looks = Services().looks.get();
   if (looks != nullptr) {
     if (const auto* known = looks->objects.Find(path)) return *known;
+    if (looks->LacksFolderOf(path)) return std::nullopt;
   }
   struct stat result {};
   std::optional<struct stat> look;

@@ -33,7 +33,7 @@ class ParserThread {
   // What a test puts in the place of the program's event classes and of this machine.
   struct Seams {
     internal::EventFactory build_events;
-    std::function<common::LoadProbe()> make_load_probe;             // called once for each stage
+    std::function<common::LoadProbe()> make_load_probe;         // called once for each stage
     std::shared_ptr<internal::DiskLooks> disk_looks = nullptr;  // of the event classes, to be renewed by the piece
   };
 

@@ -19,7 +19,7 @@ printf '{"data": {"fim": {"policyVersion": "1.0", "collectHashes": false, "rules
   "ruleType": "directory", "imagePath": "%s", "recursiveDepth": "all", "notify": ["create"]}]}}}' $WATCHED >$CONF/fim-manifest.json
 configure cpu_limit $LIMIT
 extended_coverage false
-sed -i 's/^\(logging.loggers.l0.level\) = .*/\1 = information/' $CONF/log.properties
+log_level information
 for file in $(seq 0 99); do : >$WATCHED/$file; done
 start_configured
 lost_before=$(lost)

@@ -1,7 +1,7 @@
 # shellcheck shell=dash
 # What people and scripts do to whole trees, with the tools that they do it with. Those name most objects relative to
 # folders that they hold open only for a moment, and are gone before anybody can ask them.
-# seconds: 420
+# seconds: 540
 . /scenario/lib.sh
 
 GNU=/usr/local/gnu
@@ -49,6 +49,7 @@ step "$(cut -d' ' -f1 /proc/uptime) s: the trees are there"
 start_configured
 # Rules are in force meanwhile, but names that start at a closed descriptor are told by the folders that are known.
 expect "all folders are known" wait_until 90 folders_known 2000
+log_less
 LOST=$(lost)
 
 # tool LABEL COMMAND...: runs it; its events are owed under LABEL. TAIL is what stands behind their paths.
@@ -108,7 +109,7 @@ each_tree "from inside" $ELSEWHERE/small $WATCHED/in ""
 tool "mv to where we are" $GNU/mv $ELSEWHERE/brought-in .
 echo "$ELSEWHERE/brought-in -> $WATCHED/in/brought-in" | owe "$LABEL" done Rename "$TAIL"
 cd /root || exit
-wait_for_the_last 120
+wait_for_the_last 240
 step "$(cut -d' ' -f1 /proc/uptime) s: the last event came"
 judge
 step "$(cut -d' ' -f1 /proc/uptime) s: all were compared"

@@ -123,7 +123,19 @@ configured() { sed -n "s/^ *\"$1\": \"\(.*\)\",*$/\1/p" /examples/edr.conf.json 
 write_configuration() {
   mkdir -p $CONF $WATCHED "$(configured agent_install_path)"
   cp /examples/edr.conf.json /examples/fim-manifest.json $CONF/
-  sed 's/^\(logging.loggers.l0.level\) = .*/\1 = debug/' /examples/log.properties >$CONF/log.properties
+  cp /examples/log.properties $CONF/
+  log_level debug
+}
+
+# log_level LEVEL: of the daemon's log, in the written configuration.
+log_level() { sed -i "s/^\(logging.loggers.l0.level\) = .*/\1 = $1/" $CONF/log.properties; }
+
+# log_less: the running daemon's log from debug to information. A line for each record and each step of an event costs
+# a guest more time than the events themselves.
+log_less() {
+  log_level information
+  reference-agent config $CONF/edr.conf.json
+  expect "the daemon logs less" wait_until 20 log_says "Updating log level to information"
 }
 
 # configure KEY VALUE: changes a key of the written configuration; the value is JSON, texts with their quotes.

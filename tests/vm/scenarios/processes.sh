@@ -30,7 +30,7 @@ pause_watcher() { kill -STOP $WATCHER; }
 resume_watcher() { kill -CONT $WATCHER; }
 
 write_configuration
-sed -i 's/^\(logging.loggers.l0.level\) = .*/\1 = trace/' $CONF/log.properties
+log_level trace
 mkfifo /run/agent /run/early /run/gone
 sh -c "while read -r name; do $ACTOR create $WATCHED/\$name; done" <>/run/agent &
 AGENT=$!

@@ -39,7 +39,7 @@ done
 write_configuration
 manifest $CONF/fim-manifest.json 0
 extended_coverage false
-sed -i 's/^\(logging.loggers.l0.level\) = .*/\1 = information/' $CONF/log.properties
+log_level information
 start_configured
 expect "two hundred rules are in force" wait_until 30 sets_in_force 1
 work &

@@ -18,7 +18,7 @@ expect "fim_status is answered" wait_until 10 log_says "Command 'fim_status' rec
 reference-agent ioc_status
 expect "ioc_status is answered" wait_until 10 log_says "Command 'ioc_status' received from agent"
 
-sed -i 's/^\(logging.loggers.l0.level\) = .*/\1 = information/' $CONF/log.properties
+log_level information
 reference-agent config $CONF/edr.conf.json
 expect "config applies changed log levels" wait_until 10 log_says "Updating log level to information"
 reference-agent config /nowhere.json

@@ -23,6 +23,16 @@ TEST(DiskLooksTest, ThatThereWasNothingIsAnAnswer) {
   EXPECT_FALSE(looks.objects.Find("/gone")->has_value());
 }
 
+TEST(DiskLooksTest, NothingIsInAFolderThatIsNotThere) {
+  DiskLooks looks;
+  looks.folders.Keep("/w", FileIdentity{1, 2});
+  looks.folders.Keep("/gone", std::nullopt);
+  EXPECT_TRUE(looks.LacksFolderOf("/gone/f"));
+  EXPECT_FALSE(looks.LacksFolderOf("/w/f"));
+  EXPECT_FALSE(looks.LacksFolderOf("/unknown/f"));
+  EXPECT_FALSE(looks.LacksFolderOf("/f"));
+}
+
 TEST(DiskLooksTest, TheLastOfTwoInOnePlaceStays) {
   LookTable<int, 1> looks;
   looks.Keep("/a", 1);
