@@ -40,6 +40,10 @@ TEST_F(LibMagicWrapperTest, IdentifiesFilesByTheirContent) {
       log_.Has(Poco::Message::PRIO_TRACE, "File type text identified by lib magic: " + *text + " for file: " + script));
 }
 
+TEST_F(LibMagicWrapperTest, TheDatabaseIsTheAgentsOwn) {
+  EXPECT_STREQ(LibMagicWrapper::kDefaultDatabase, "/etc/ostrel/host-warden/magic.mgc");
+}
+
 TEST_F(LibMagicWrapperTest, SaysWhichDatabaseItLoadsAndCountsTheLoads) {
   LibMagicWrapper magic(HostDatabase(), MAGIC_ERROR);
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "Loading magic DB from path: " + HostDatabase()));
