@@ -107,6 +107,7 @@ InstalledRules::Replacement InstalledRules::Replace(AuditSocket& socket, const s
     }
     progress.Step();
   }
+  AddAtTargetsOf(socket, tag);
   std::erase_if(remembered_, [&](const auto& entry) { return entry.first.tag == tag; });
   TellRulesInForce();
   if (!refusals.empty()) replacement.failure.emplace(first_failure, std::move(refusals));

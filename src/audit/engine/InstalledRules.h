@@ -43,7 +43,7 @@ class InstalledRules {
   [[nodiscard]] static std::vector<WatchedPlace> PlacesOf(const edr::EventRuleEngine::Rules& rules);
   // Replaces the rules of a tag. A rule that stays as it is stays in the kernel, so that nothing is missed meanwhile.
   // One that cannot be installed is logged and does not keep the others out. What an earlier rule of the same key knew
-  // of its path, its successor there knows, over Clear too.
+  // of its path, its successor there knows, over Clear too. Links are followed as by Renew, when all rules are there.
   Replacement Replace(AuditSocket& socket, const std::string& tag, edr::EventRuleEngine::Rules rules,
                       const std::vector<Sight>& sights);
   // Takes all rules out of the kernel; they stay in the table until Clear.
@@ -116,7 +116,9 @@ class InstalledRules {
   [[nodiscard]] bool IsElsewhere(const RuleAddress& address, const Sight& sight) const;
   [[nodiscard]] bool HasAnotherAt(const std::optional<std::string>& target, const RuleAddress& address) const;
   std::optional<Outcome> PutIntoForce(AuditSocket& socket, const RuleAddress& address, const Sight& sight);
-  void AddAtTarget(AuditSocket& socket, const RuleAddress& address, const Rule& rule, const WatchedObject& object);
+  void AddAtTarget(AuditSocket& socket, const RuleAddress& address, const Rule& rule, const WatchedObject& object,
+                   Poco::Message::Priority priority);
+  void AddAtTargetsOf(AuditSocket& socket, const std::string& tag);
   void DeleteFromKernel(AuditSocket& socket, const RuleAddress& address, const RuleIdentities& kept = {});
   [[nodiscard]] bool Stays(const std::string& tag, const edr::EventRule& rule, const RuleIdentities& listed) const;
   [[nodiscard]] RuleIdentities Kept(const std::string& tag, const std::set<RuleKey>& staying,

@@ -186,7 +186,7 @@ std::optional<Outcome> InstalledRules::PutIntoForce(AuditSocket& socket, const R
     std::vector<AuditRule> created = CreateRules(*rule, coverage_);
     outcome = AddRuleToAudit(socket, *rule, created, priority);
     if (outcome == Outcome::PathMissing) return std::nullopt;
-    AddAtTarget(socket, address, rule, sight.object);
+    AddAtTarget(socket, address, rule, sight.object, priority);
   } catch (const std::runtime_error& error) {
     ZLOG_AT(priority, "Failed to renew rule " << rule->GetId() << ": " << error.what());
     absent_[address].is_refusal_told = true;
@@ -198,15 +198,31 @@ std::optional<Outcome> InstalledRules::PutIntoForce(AuditSocket& socket, const R
 }
 
 void InstalledRules::AddAtTarget(AuditSocket& socket, const RuleAddress& address, const Rule& rule,
-                                 const WatchedObject& object) {
+                                 const WatchedObject& object, Poco::Message::Priority priority) {
   if (!object.target || HasAnotherAt(object.target, address)) return;
   const Rule at_target = std::make_shared<const RuleAtTarget>(rule, *object.target);
   std::vector<AuditRule> created = CreateRules(*at_target, coverage_);
   // Entered first: what the kernel has taken of it before it refused the rest goes when the rule goes.
   at_target_[address] = at_target;
-  AddRuleToAudit(socket, *at_target, created);
+  AddRuleToAudit(socket, *at_target, created, priority);
   ZLOG_INFO("Rule " << rule->GetId() << " is in force at " << *object.target << ", too: " << rule->GetPath()
                     << " is a link");
+}
+
+void InstalledRules::AddAtTargetsOf(AuditSocket& socket, const std::string& tag) {
+  const auto of_tag = table_.GetRules().find(tag);
+  if (of_tag == table_.GetRules().end()) return;
+  for (const auto& [key, rule] : of_tag->second) {
+    const RuleAddress address{tag, key};
+    const auto watched = watched_.find(address);
+    if (watched == watched_.end() || absent_.count(address) != 0 || at_target_.count(address) != 0) continue;
+    try {
+      AddAtTarget(socket, address, rule, watched->second, Poco::Message::PRIO_ERROR);
+    } catch (const std::runtime_error& error) {
+      ZLOG_ERROR("Failed to renew rule " << rule->GetId() << ": " << error.what());
+      absent_[address] = {Absence::Reason::Gone, true};
+    }
+  }
 }
 
 }  // namespace zagent::audit::internal

@@ -387,5 +387,55 @@ TEST_F(RuleEngineLooksTest, KeepsTheTargetWhenTheSameRulesComeAgain) {
   EXPECT_EQ(PathsOf("rule"), (Ids{watched_, target_}));
 }
 
+TEST_F(RuleEngineLooksTest, KeepsTheTargetWhenTheActionsOfTheRuleChange) {
+  std::filesystem::create_directories(target_);
+  PutALink(target_);
+  engine_->AddRules("FIM", {FakeRule::Directory("rule", watched_, {EventType::Write, EventType::AttributeChange})});
+  EXPECT_EQ(PathsOf("rule"), (Ids{watched_, target_}));
+  for (const fakes::SeenRule& rule : kernel_.RulesWithKey("rule")) {
+    EXPECT_EQ(rule.Permissions(), static_cast<std::uint32_t>(AUDIT_PERM_WRITE | AUDIT_PERM_ATTR)) << rule.Path();
+  }
+}
+
+TEST_F(RuleEngineLooksTest, KeepsTheTargetOverAnInvalidation) {
+  std::filesystem::create_directories(target_);
+  PutALink(target_);
+  engine_->Invalidate();
+  EXPECT_TRUE(InstalledIds().empty());
+  engine_->AddRules("FIM", {rule_});
+  EXPECT_EQ(PathsOf("rule"), (Ids{watched_, target_}));
+  EXPECT_FALSE(IsWaiting());
+  engine_->AddRules("FIM", {});
+  EXPECT_TRUE(InstalledIds().empty());
+}
+
+TEST_F(RuleEngineLooksTest, TakesTheTargetOverFromARuleThatGoes) {
+  std::filesystem::create_directories(target_);
+  const Rule there = FakeRule::Directory("there", target_, {EventType::Write});
+  engine_->AddRules("FIM", {rule_, there});
+  PutALink(target_);
+  engine_->AddRules("FIM", {there, FakeRule::Directory("rule", watched_, {EventType::Read})});
+  EXPECT_EQ(PathsOf("rule"), (Ids{watched_})) << "whichever of the two comes first";
+  engine_->AddRules("FIM", {FakeRule::Directory("rule", watched_, {EventType::Read})});
+  EXPECT_EQ(PathsOf("rule"), (Ids{watched_, target_}));
+}
+
+TEST_F(RuleEngineLooksTest, TriesATargetAgainThatTheKernelRefusesWithTheNewRules) {
+  std::filesystem::create_directories(target_);
+  PutALink(target_);
+  engine_->Invalidate();
+  kernel_.refuse_add = [this](const fakes::SeenRule& rule) { return rule.Path() == target_ ? ENOMEM : 0; };
+  engine_->AddRules("FIM", {rule_});
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "Failed to renew rule rule: Failed to add rule to audit subsystem"));
+  EXPECT_TRUE(IsWaiting());
+  const long told = RenewalErrors();
+  engine_->LookAtPaths();
+  EXPECT_EQ(RenewalErrors(), told) << "once is enough";
+  kernel_.refuse_add = nullptr;
+  engine_->LookAtPaths();
+  EXPECT_EQ(PathsOf("rule"), (Ids{watched_, target_}));
+  EXPECT_FALSE(IsWaiting());
+}
+
 }  // namespace
 }  // namespace zagent::audit
