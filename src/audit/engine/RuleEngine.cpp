@@ -28,6 +28,7 @@ constexpr std::chrono::seconds kLookInterval{60};
 
 RuleEngine::RuleEngine(AuditNetlink& netlink, Settings settings, IntakeCounters& counters, common::util::Clock& clock)
     : netlink_(netlink),
+      counters_(counters),
       watch_folders_(std::move(settings.watch_folders)),
       exclusions_(getpid(), settings.agent_pid, settings.agent_path, settings.proc_root),
       rules_(clock),
@@ -161,16 +162,28 @@ void RuleEngine::NoteDisguise(edr::Event& event) {
 }
 
 bool RuleEngine::OnIdle() {
-  RouteFoundObjects();
+  const bool more_was_found = RouteFoundObjects();
   if (clock_.SteadyNow() >= next_look_) {
     next_look_ = clock_.SteadyNow() + kLookInterval;
     LookAtExclusions();
   }
-  return router_.OnIdle();
+  return router_.OnIdle() || more_was_found;
 }
 
 void RuleEngine::OnStop(std::chrono::nanoseconds time) {
-  router_.DeliverRest(time);
+  const auto end = clock_.SteadyNow() + std::chrono::duration_cast<common::util::Clock::SteadyTime::duration>(time);
+  while (clock_.SteadyNow() < end && RouteFoundObjects()) {
+  }
+  DropFoundObjects();
+  router_.DeliverRest(std::max<std::chrono::nanoseconds>(end - clock_.SteadyNow(), {}));
+}
+
+void RuleEngine::DropFoundObjects() {
+  const std::lock_guard lock(mutex_);
+  if (found_objects_.empty()) return;
+  ZLOG_WARNING("RuleEngine: No time left to report " << found_objects_.size() << " objects that were found");
+  counters_.Add(IntakeCounters::Reason::LeftAtStop, found_objects_.size());
+  found_objects_.clear();
 }
 
 void RuleEngine::LookAtExclusions() {

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -128,7 +129,9 @@ class RuleEngine final : public edr::EventRuleEngine {
   // Event thread. Rules whose folder has gone or come are looked after. False for an event that says nothing else.
   bool FollowKernelsRules(const edr::Event& event);
   void FollowFolders(const edr::Event& event);
-  void RouteFoundObjects();
+  // A portion of them. True when more wait.
+  bool RouteFoundObjects();
+  void DropFoundObjects();
   // Any thread, without the mutex.
   [[nodiscard]] std::vector<internal::Sight> LookAtAll(const std::vector<internal::WatchedPlace>& places) const;
   void LookAtPlaces(const std::vector<internal::WatchedPlace>& places);
@@ -143,6 +146,7 @@ class RuleEngine final : public edr::EventRuleEngine {
   void TellWhetherThereArePaths();
 
   AuditNetlink& netlink_;
+  IntakeCounters& counters_;
   const std::function<void(std::vector<internal::WatchedFolder>)> watch_folders_;
   std::mutex mutex_;
   internal::Exclusions exclusions_;
@@ -153,7 +157,7 @@ class RuleEngine final : public edr::EventRuleEngine {
   const std::function<void(const edr::Event&)> listener_;
   std::atomic<bool> has_paths_{false};
   const std::string proc_root_;
-  std::vector<std::unique_ptr<edr::Event>> found_objects_;  // with the mutex; for the event thread
+  std::deque<std::unique_ptr<edr::Event>> found_objects_;  // with the mutex; for the event thread
   internal::TruePaths true_paths_;
   internal::ProcessModel processes_;  // event thread
   internal::ImageProof proof_;

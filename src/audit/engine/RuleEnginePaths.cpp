@@ -22,6 +22,8 @@ using internal::AuditSocket;
 constexpr std::size_t kMostEntries = 1'000;
 // Of all such folders, until the event thread has taken them; what is beyond that is dropped.
 constexpr std::size_t kMostFoundObjects = 10'000;
+// Of these in one go: between two of them the event thread looks whether it is to stop.
+constexpr std::size_t kMostRoutedAtOnce = 100;
 
 using IdsByTag = internal::RuleTable::IdsByTag;
 
@@ -248,13 +250,18 @@ void RuleEngine::KeepFoundObjectsOf(const edr::EventRule& rule) {
   }
 }
 
-void RuleEngine::RouteFoundObjects() {
+bool RuleEngine::RouteFoundObjects() {
   std::vector<std::unique_ptr<edr::Event>> found;
+  bool is_more_left = false;
   {
     const std::lock_guard lock(mutex_);
-    found.swap(found_objects_);
+    for (; !found_objects_.empty() && found.size() < kMostRoutedAtOnce; found_objects_.pop_front()) {
+      found.push_back(std::move(found_objects_.front()));
+    }
+    is_more_left = !found_objects_.empty();
   }
   for (auto& event : found) router_.Process(std::move(event));
+  return is_more_left;
 }
 
 }  // namespace zagent::audit

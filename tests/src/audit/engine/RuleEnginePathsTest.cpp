@@ -238,8 +238,33 @@ TEST_F(RuleEnginePathsTest, KeepsSoManyFoundObjectsUntilTheyAreTakenAndTellsIt) 
   while (looks < 11) engine_->LookAtPaths();
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "Only the first 1000 entries of " + watched_ + " were looked at"));
   EXPECT_EQ(log_.Count("RuleEngine: No room to report what was found at "), 1);
-  engine_->OnIdle();
-  EXPECT_EQ(heard_.size(), 10'000U);
+  EXPECT_TRUE(engine_->OnIdle()) << "more is due";
+  EXPECT_EQ(heard_.size(), 100U) << "a stop waits for no more of them";
+  Process(EventType::Create, "Create", watched_ + "/sub");
+  EXPECT_EQ(heard_.size(), 201U);
+  while (engine_->OnIdle()) {
+  }
+  EXPECT_EQ(heard_.size(), 10'001U);
+}
+
+TEST_F(RuleEnginePathsTest, ReportsWhatItFoundAtTheEndOrCountsIt) {
+  const auto find = [this](int entries) {
+    RemoveFolder();
+    for (int entry = 0; entry < entries; ++entry) {
+      std::filesystem::create_directories(watched_ + "/" + std::to_string(entry));
+    }
+    heard_.clear();
+    engine_->LookAtPaths();
+  };
+  find(250);
+  engine_->OnStop(std::chrono::seconds(5));
+  EXPECT_EQ(heard_.size(), 250U);
+  EXPECT_EQ(counters_.Get(IntakeCounters::Reason::LeftAtStop), 0U);
+  find(250);
+  engine_->OnStop(std::chrono::seconds(0));
+  EXPECT_TRUE(heard_.empty());
+  EXPECT_EQ(counters_.Get(IntakeCounters::Reason::LeftAtStop), 250U);
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "RuleEngine: No time left to report 250 objects that were found"));
 }
 
 // --- rules that come anew while they wait
