@@ -188,12 +188,13 @@ void RuleEngine::DropFoundObjects() {
 
 void RuleEngine::LookAtExclusions() {
   const std::lock_guard lock(mutex_);
-  if (!exclusions_.EndMissing()) return;
+  const bool has_ended = exclusions_.EndMissing();
+  if (!has_ended && exclusions_.IsComplete()) return;
   try {
     AuditSocket socket(netlink_, "RuleEngine: Failed to open audit socket");
-    exclusions_.RemoveEnded(socket);
+    exclusions_.Renew(socket);
   } catch (const edr::RuleEngineException& error) {
-    ZLOG_ERROR("RuleEngine: Failed to remove the exclusions of processes that have ended: " << error.what());
+    ZLOG_ERROR("RuleEngine: Failed to renew exclusion rules: " << error.what());
   }
 }
 

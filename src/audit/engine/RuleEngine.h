@@ -82,9 +82,9 @@ class RuleEngine final : public edr::EventRuleEngine {
 
   // The parent agent's pid or path has changed: moves its exclusion rules. Failures are logged.
   void UpdateExclusions(std::int32_t agent_pid, const std::string& agent_path);
-  // Looks whether the excluded processes are still there, and lets those be heard that have got their pids since. Done
-  // once a minute anyhow; there is a reason to do it at once when the parent agent is no longer connected. Failures are
-  // logged, and the next look tries again.
+  // Looks whether the excluded processes are still there, and lets those be heard that have got their pids since; tries
+  // again what could not be excluded. Done once a minute anyhow; there is a reason to do it at once when the parent
+  // agent is no longer connected. Failures are logged, and the next look tries again.
   void LookAtExclusions();
 
   // Looks whether something is at the paths of rules again that had to be given up, and puts these rules into force;

@@ -22,6 +22,7 @@ using common::util::ErrnoText;
 using Action = AuditRule::Action;
 using List = AuditRule::List;
 using Position = AuditSocket::Position;
+using Priority = Poco::Message::Priority;
 
 constexpr const char* kOwnName = "ostrel-edr";
 const std::string kIgnoreKeyPrefix = "ostrel_ignore_rule_";
@@ -52,25 +53,25 @@ bool IsListed(const std::vector<AuditRule>& listed, const std::string& key, std:
   return found;
 }
 
-bool BuildIgnoreRule(const std::string& name, std::int32_t pid, AuditRule& rule) {
+bool BuildIgnoreRule(const std::string& name, std::int32_t pid, AuditRule& rule, Priority priority) {
   if (!rule.AddField("arch=b64") || !rule.AddField("pid=" + std::to_string(pid)) || !rule.AddAllSyscalls()) {
-    ZLOG_ERROR("Failed to create exclusion rule for pid " << pid);
+    ZLOG_AT(priority, "Failed to create exclusion rule for pid " << pid);
     return false;
   }
   if (!rule.AddKey(kIgnoreKeyPrefix + name)) {
-    ZLOG_ERROR("Failed to add key to the exclusion rule for pid " << pid);
+    ZLOG_AT(priority, "Failed to add key to the exclusion rule for pid " << pid);
     return false;
   }
   return true;
 }
 
-bool BuildExitRule(const std::string& name, std::int32_t pid, AuditRule& rule) {
+bool BuildExitRule(const std::string& name, std::int32_t pid, AuditRule& rule, Priority priority) {
   if (!rule.AddField("arch=b64") || !rule.AddField("pid=" + std::to_string(pid)) || !rule.AddSyscall("exit_group")) {
-    ZLOG_ERROR("Failed to create exit rule for pid " << pid);
+    ZLOG_AT(priority, "Failed to create exit rule for pid " << pid);
     return false;
   }
   if (!rule.AddKey(kExitKeyPrefix + name)) {
-    ZLOG_ERROR("Failed to add key to the exit rule for pid " << pid);
+    ZLOG_AT(priority, "Failed to add key to the exit rule for pid " << pid);
     return false;
   }
   return true;
@@ -82,28 +83,28 @@ int AddInFront(AuditSocket& socket, AuditRule& rule) {
   return error == EEXIST ? 0 : error;
 }
 
-bool AddProcessRule(AuditSocket& socket, AuditRule& rule, std::int32_t pid) {
+bool AddProcessRule(AuditSocket& socket, AuditRule& rule, std::int32_t pid, Priority priority) {
   const int error = AddInFront(socket, rule);
   if (error == 0) return true;
-  ZLOG_ERROR("Failed to add exclusion rule for pid " << pid << " (errno = " << error << ")");
+  ZLOG_AT(priority, "Failed to add exclusion rule for pid " << pid << " (errno = " << error << ")");
   return false;
 }
 
 // The pair of rules of one process: silence for everything, and in front of it, since it is added later, its exit,
 // which shows when the pair is to be dropped.
 bool AddExclusionRules(AuditSocket& socket, const std::vector<AuditRule>& listed, const std::string& name,
-                       std::int32_t pid) {
+                       std::int32_t pid, Priority priority) {
   ZLOG_DEBUG("Adding exclusion rule for pid " << pid);
   AuditRule ignore(List::Exit, Action::Never);
   AuditRule exit(List::Exit, Action::Always);
-  if (!BuildIgnoreRule(name, pid, ignore) || !BuildExitRule(name, pid, exit)) return false;
+  if (!BuildIgnoreRule(name, pid, ignore, priority) || !BuildExitRule(name, pid, exit, priority)) return false;
 
   const bool adds_ignore = !IsListed(listed, kIgnoreKeyPrefix + name, pid);
-  if (adds_ignore && !AddProcessRule(socket, ignore, pid)) return false;
-  if (!IsListed(listed, kExitKeyPrefix + name, pid) && !AddProcessRule(socket, exit, pid)) {
+  if (adds_ignore && !AddProcessRule(socket, ignore, pid, priority)) return false;
+  if (!IsListed(listed, kExitKeyPrefix + name, pid) && !AddProcessRule(socket, exit, pid, priority)) {
     const int error = adds_ignore ? socket.Delete(ignore) : 0;
     if (error != 0) {
-      ZLOG_ERROR("Failed to clean up exclusion rule for pid " << pid << " (errno = " << error << ")");
+      ZLOG_AT(priority, "Failed to clean up exclusion rule for pid " << pid << " (errno = " << error << ")");
     }
     return false;
   }
@@ -111,31 +112,37 @@ bool AddExclusionRules(AuditSocket& socket, const std::vector<AuditRule>& listed
   return true;
 }
 
-void AddMessageTypeExclusion(AuditSocket& socket, const char* name) {
+bool AddMessageTypeExclusion(AuditSocket& socket, const char* name, Priority priority) {
   AuditRule rule(List::Exclude, Action::Always);
   if (!rule.AddField(std::string("msgtype=") + name)) {
-    ZLOG_ERROR("Failed to add exclusion rule for message type: " << name);
-    return;
+    ZLOG_AT(priority, "Failed to add exclusion rule for message type: " << name);
+    return false;
   }
   const int error = AddInFront(socket, rule);
   if (error == 0) {
     ZLOG_DEBUG("Exclusion rule for message type: " << name << " added in audit");
-    return;
+    return true;
   }
-  ZLOG_ERROR("Failed to add exclusion rule for message type: " << name << " (errno = " << error << ")");
+  ZLOG_AT(priority, "Failed to add exclusion rule for message type: " << name << " (errno = " << error << ")");
   // The kernel may have taken it all the same, when only its answer was lost.
   const int clean_up = socket.Delete(rule);
   if (clean_up != 0 && clean_up != ENOENT) {
-    ZLOG_ERROR("Failed to clean up exclusion rule for message type: " << name << " (errno = " << clean_up << ")");
+    ZLOG_AT(priority,
+            "Failed to clean up exclusion rule for message type: " << name << " (errno = " << clean_up << ")");
   }
+  return false;
 }
 
-void AddMessageTypeExclusions(AuditSocket& socket) {
+bool AddMessageTypeExclusions(AuditSocket& socket, Priority priority) {
   ZLOG_DEBUG("Adding exclusion message type rules");
-  for (const MessageType& type : kExcludedMessageTypes) AddMessageTypeExclusion(socket, type.name);
+  bool is_complete = true;
+  for (const MessageType& type : kExcludedMessageTypes) {
+    is_complete = AddMessageTypeExclusion(socket, type.name, priority) && is_complete;
+  }
+  return is_complete;
 }
 
-void AddThreadExclusion(AuditSocket& socket) {
+bool AddThreadExclusion(AuditSocket& socket, Priority priority) {
   using Step = std::pair<const char*, bool (*)(AuditRule&)>;
   static constexpr std::array<Step, 4> kSteps = {{
       {"Failed to add arch to the thread exclusion rule", [](AuditRule& rule) { return rule.AddField("arch=b64"); }},
@@ -147,15 +154,16 @@ void AddThreadExclusion(AuditSocket& socket) {
   AuditRule rule(List::Exit, Action::Never);
   for (const auto& [failure, add] : kSteps) {
     if (add(rule)) continue;
-    ZLOG_ERROR(failure);
-    return;
+    ZLOG_AT(priority, failure);
+    return false;
   }
   const int error = AddInFront(socket, rule);
   if (error != 0) {
-    ZLOG_ERROR("Failed to add thread exclusion rule to audit: " << ErrnoText(error));
-    return;
+    ZLOG_AT(priority, "Failed to add thread exclusion rule to audit: " << ErrnoText(error));
+    return false;
   }
   ZLOG_DEBUG("Added thread exclusion rule to audit");
+  return true;
 }
 
 // Takes away what goes by a name, apart from the pair of rules of `kept`. True when nothing of it is left.
@@ -267,17 +275,31 @@ void Exclusions::DeleteAll(AuditSocket& socket) {
 
 void Exclusions::AddAll(AuditSocket& socket) {
   for (auto& [name, process] : processes_) process.is_installed = false;
-  AddProcesses(socket);
-  AddMessageTypeExclusions(socket);
-  AddThreadExclusion(socket);
+  has_message_types_ = false;
+  has_threads_ = false;
+  AddMissing(socket, Priority::PRIO_ERROR);
 }
 
-void Exclusions::AddProcesses(AuditSocket& socket) {
+void Exclusions::AddMissing(AuditSocket& socket, Priority priority) {
   const std::vector<AuditRule> listed = socket.GetRulesFromAudit();
   for (auto& [name, process] : processes_) {
     if (process.is_installed) continue;
-    process.is_installed = AddExclusionRules(socket, listed, name, process.pid);
+    process.is_installed = AddExclusionRules(socket, listed, name, process.pid, priority);
   }
+  if (!has_message_types_) has_message_types_ = AddMessageTypeExclusions(socket, priority);
+  if (!has_threads_) has_threads_ = AddThreadExclusion(socket, priority);
+}
+
+bool Exclusions::IsComplete() const {
+  return has_message_types_ && has_threads_ &&
+         std::all_of(processes_.begin(), processes_.end(), [](const auto& entry) { return entry.second.is_installed; });
+}
+
+void Exclusions::Renew(AuditSocket& socket) {
+  RemoveEnded(socket);
+  if (IsComplete()) return;
+  AddMissing(socket, Priority::PRIO_DEBUG);
+  if (IsComplete()) ZLOG_INFO("All exclusion rules are in force now");
 }
 
 void Exclusions::Add(AuditSocket& socket, const std::string& name, std::int32_t pid, std::int64_t start) {
@@ -285,7 +307,7 @@ void Exclusions::Add(AuditSocket& socket, const std::string& name, std::int32_t 
   if (process.start != start || Contains(name)) return;
   processes_[name] = process;
   CollectPids();
-  AddProcesses(socket);
+  AddMissing(socket, Priority::PRIO_ERROR);
 }
 
 std::set<std::int32_t> Exclusions::GetAgentPids() const {
@@ -343,8 +365,7 @@ bool Exclusions::IsAgent(std::int32_t pid, const std::string& path) const {
 }
 
 bool Exclusions::NeedsUpdate(std::int32_t agent_pid, const std::string& agent_path) const {
-  return !IsAgent(agent_pid, agent_path) || std::any_of(processes_.begin(), processes_.end(),
-                                                        [](const auto& entry) { return !entry.second.is_installed; });
+  return !IsAgent(agent_pid, agent_path) || !IsComplete();
 }
 
 void Exclusions::Update(AuditSocket& socket, std::int32_t agent_pid, const std::string& agent_path) {
@@ -356,7 +377,7 @@ void Exclusions::Update(AuditSocket& socket, std::int32_t agent_pid, const std::
     SetAgent(agent_pid, AgentName(agent_path));
   }
   RemoveEnded(socket);
-  AddProcesses(socket);
+  AddMissing(socket, Priority::PRIO_ERROR);
 }
 
 }  // namespace zagent::audit::internal

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <Poco/Message.h>
+
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -59,6 +61,10 @@ class Exclusions {
   bool EndIfMissing(const std::string& name);
   // What the kernel does not give up is left for the next look.
   void RemoveEnded(AuditSocket& socket);
+  // Whether all that is to be excluded is.
+  [[nodiscard]] bool IsComplete() const;
+  // RemoveEnded, and another try at what could not be added, which has been told: a failure is logged at Debug.
+  void Renew(AuditSocket& socket);
 
  private:
   // The file that a process runs.
@@ -82,7 +88,7 @@ class Exclusions {
   [[nodiscard]] bool IsAgent(std::int32_t pid, const std::string& path) const;
   void SetAgent(std::int32_t pid, const std::string& name);
   void CollectPids();
-  void AddProcesses(AuditSocket& socket);
+  void AddMissing(AuditSocket& socket, Poco::Message::Priority priority);
 
   const std::string proc_root_;
   const std::int32_t own_pid_;
@@ -91,6 +97,8 @@ class Exclusions {
   std::int32_t agent_pid_ = 0;                // 0: it has ended
   std::string agent_name_;
   std::set<std::int32_t> excluded_pids_;
+  bool has_message_types_ = false;
+  bool has_threads_ = false;
 };
 
 }  // namespace zagent::audit::internal

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <libaudit.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <memory>
@@ -188,8 +189,8 @@ TEST_F(RuleEngineFamilyTest, TellsWhenTheLookFailsAndTriesAgain) {
   processes_.End(400);
   kernel_.open_error = EMFILE;
   engine_->LookAtExclusions();
-  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR,
-                       "RuleEngine: Failed to remove the exclusions of processes that have ended: "));
+  EXPECT_TRUE(
+      log_.Has(Poco::Message::PRIO_ERROR, "RuleEngine: Failed to renew exclusion rules: Failed to open audit socket"));
   kernel_.open_error = 0;
   engine_->LookAtExclusions();
   EXPECT_FALSE(IsExcluded("host-warden"));
@@ -204,6 +205,35 @@ TEST_F(RuleEngineFamilyTest, AFailedDeletionOfAnExclusionIsTriedAgain) {
   clock_.Advance(60s);
   engine_->OnIdle();
   EXPECT_FALSE(IsExcluded("host-warden"));
+}
+
+TEST_F(RuleEngineFamilyTest, TriesWhatCouldNotBeExcludedAgainEachMinute) {
+  engine_.reset();
+  kernel_.refuse_add = [](const fakes::SeenRule&) { return ENOBUFS; };
+  Start();
+  EXPECT_EQ(Exclusions(), 0U);
+  const auto errors = [this] {
+    const std::vector<Poco::Message> lines = log_.Lines();
+    return std::count_if(lines.begin(), lines.end(),
+                         [](const Poco::Message& line) { return line.getPriority() == Poco::Message::PRIO_ERROR; });
+  };
+  const auto told = errors();
+  clock_.Advance(60s);
+  engine_->OnIdle();
+  EXPECT_EQ(Exclusions(), 0U);
+  EXPECT_EQ(errors(), told) << "once is enough";
+  kernel_.refuse_add = nullptr;
+  clock_.Advance(59s);
+  engine_->OnIdle();
+  EXPECT_EQ(Exclusions(), 0U);
+  clock_.Advance(1s);
+  engine_->OnIdle();
+  EXPECT_EQ(Exclusions(), kAllExclusions);
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_INFORMATION, "All exclusion rules are in force now"));
+  const int asked = kernel_.OpenCount();
+  clock_.Advance(60s);
+  engine_->OnIdle();
+  EXPECT_EQ(kernel_.OpenCount(), asked) << "nothing is left to do";
 }
 
 TEST_F(RuleEngineFamilyTest, ExcludesTheAgentAgainThatComesBack) {
