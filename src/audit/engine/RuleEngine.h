@@ -114,6 +114,9 @@ class RuleEngine final : public edr::EventRuleEngine {
   // The rules that the path of the event leads to and, unless it has a twin that tells them, those that the kernel's
   // key names.
   [[nodiscard]] internal::RuleTable::IdsByTag FindRules(const edr::Event& event, bool has_twin);
+  // Whether an event whose path leads to other rules may concern those that the kernel's key names. What is removed may
+  // be the other side of a rename, which the key was for: there the object has to be a rule's.
+  [[nodiscard]] bool MayConcern(const std::vector<internal::RuleTable::Rule>& named, const edr::Event& event) const;
   // The rules that the twin concerns, without those that hear of the event itself.
   [[nodiscard]] internal::RuleTable::IdsByTag FindOtherRules(const edr::Event& twin, const edr::Event& event);
   // Event thread. Gives an event of a file the path under which rules know it, when the one that it was called by is

@@ -50,15 +50,6 @@ bool HaveCommon(const IdsByTag& left, const IdsByTag& right) {
   });
 }
 
-// Whether an event whose path leads to other rules may concern those that the kernel's key names. What is removed may
-// be the other side of a rename, which the key was for: there the object has to be a rule's.
-bool IsToldOf(const std::vector<internal::RuleTable::Rule>& named, const edr::Event& event) {
-  if (named.empty()) return false;
-  if (event.GetType() != EventType::Delete) return true;
-  return std::any_of(named.begin(), named.end(),
-                     [&](const auto& rule) { return internal::TruePaths::IsFileOf(*rule, event); });
-}
-
 // Whether one of the rules stands where `rule` does, by whatever way: the object that it is hidden from is its own.
 bool StandsWithOneOf(const std::vector<internal::RuleTable::Rule>& rules, const edr::EventRule& rule) {
   const std::optional<std::string> place = internal::CanonicalPath(rule.GetPath());
@@ -124,6 +115,12 @@ std::unique_ptr<edr::Event> RuleEngine::FindTwin(const edr::Event& event) {
   return nullptr;
 }
 
+bool RuleEngine::MayConcern(const std::vector<internal::RuleTable::Rule>& named, const edr::Event& event) const {
+  if (named.empty()) return false;
+  if (event.GetType() != EventType::Delete) return true;
+  return std::any_of(named.begin(), named.end(), [&](const auto& rule) { return true_paths_.IsFileOf(*rule, event); });
+}
+
 IdsByTag RuleEngine::FindRules(const edr::Event& event, bool has_twin) {
   IdsByTag found;
   IdsByTag named;
@@ -135,7 +132,7 @@ IdsByTag RuleEngine::FindRules(const edr::Event& event, bool has_twin) {
     named = rules_.Table().FindByAuditKey(event.GetAuditKey());
     if (!HaveCommon(found, named)) hidden = rules_.Table().RulesOfAuditKey(event.GetAuditKey());
   }
-  const bool is_told = IsToldOf(hidden, event);
+  const bool is_told = MayConcern(hidden, event);
   for (const auto& [tag, ids] : named) {
     // The kernel watches objects: one that no path of a rule leads to has another name, or was moved.
     if (found.count(tag) == 0) {

@@ -85,11 +85,11 @@ TruePaths::Names TruePaths::Within(const edr::EventRule& rule, const edr::Event&
   return names;
 }
 
-bool TruePaths::IsFileOf(const edr::EventRule& rule, const edr::Event& event) {
-  struct stat watched {};
+bool TruePaths::IsFileOf(const edr::EventRule& rule, const edr::Event& event) const {
   const common::ImageInfo* file = event.GetFile();
-  return rule.GetType() == edr::ObjectType::File && file != nullptr && file->GetInode() != 0 &&
-         stat(rule.GetPath().c_str(), &watched) == 0 && watched.st_ino == file->GetInode();
+  if (rule.GetType() != edr::ObjectType::File || file == nullptr || file->GetInode() == 0) return false;
+  const FileIdentity object{DeviceNumberOf(file->GetDevice()), file->GetInode()};
+  return LeadsTo(rule.GetPath(), object, mounts_.get()) != Leads::Nowhere;
 }
 
 std::optional<std::string> TruePaths::OfFileAt(const edr::EventRule& rule, const edr::Event& event) const {

@@ -34,7 +34,7 @@ class TruePaths {
   };
   [[nodiscard]] Names Within(const edr::EventRule& rule, const edr::Event& event) const;
   // Whether the event's file is what this rule of a file is about, under whichever name.
-  [[nodiscard]] static bool IsFileOf(const edr::EventRule& rule, const edr::Event& event);
+  [[nodiscard]] bool IsFileOf(const edr::EventRule& rule, const edr::Event& event) const;
   // Where the event's file is, if it lies right at the path of this rule of a file or folder, or in that folder; for
   // what was called by a descriptor ("/proc/17/fd/3"), where the descriptor leads while the process is there, too.
   // Nothing for a rename.

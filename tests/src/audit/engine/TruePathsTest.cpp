@@ -179,9 +179,17 @@ TEST_F(TruePathsTest, KnowsTheFileOfARuleByItsOtherLinks) {
   ASSERT_EQ(stat((base_ + "/hard").c_str(), &found), 0);
   FakeEvent event(EventType::Delete, "Delete", base_ + "/hard");
   event.file = common::ImageInfo(base_ + "/hard", found);
-  EXPECT_TRUE(TruePaths::IsFileOf(*fakes::FakeRule::File("r", real_ + "/f", {EventType::Write}), event));
-  EXPECT_FALSE(TruePaths::IsFileOf(*fakes::FakeRule::File("r", real_ + "/g", {EventType::Write}), event));
-  EXPECT_FALSE(TruePaths::IsFileOf(*fakes::FakeRule::Directory("r", real_ + "/f", {EventType::Write}), event));
+  EXPECT_TRUE(paths_.IsFileOf(*fakes::FakeRule::File("r", real_ + "/f", {EventType::Write}), event));
+  EXPECT_FALSE(paths_.IsFileOf(*fakes::FakeRule::File("r", real_ + "/g", {EventType::Write}), event));
+  EXPECT_FALSE(paths_.IsFileOf(*fakes::FakeRule::Directory("r", real_ + "/f", {EventType::Write}), event));
+
+  std::filesystem::create_symlink(real_ + "/f", base_ + "/symbolic");
+  EXPECT_TRUE(paths_.IsFileOf(*fakes::FakeRule::File("r", base_ + "/symbolic", {EventType::Write}), event));
+
+  found.st_dev += 1;
+  event.file = common::ImageInfo(base_ + "/hard", found);
+  EXPECT_FALSE(paths_.IsFileOf(*fakes::FakeRule::File("r", real_ + "/f", {EventType::Write}), event))
+      << "another device has a file of this number, too";
 }
 
 }  // namespace
