@@ -1,6 +1,7 @@
 #include "src/audit/routing/ProgramLook.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <string>
@@ -55,6 +56,49 @@ TEST_F(ProgramLookTest, AChrootWithTheSameFileProvesNothing) {
   std::filesystem::create_hard_link(program_, jail + program_);
   Start(jail + program_, jail);
   EXPECT_FALSE(IsProved(program_));
+}
+
+TEST_F(ProgramLookTest, AProgramThatWasUpdatedWhileItRunsIsWhatItIsCalled) {
+  Start(folder_.Write("updater (deleted)", "the last version"));
+  EXPECT_FALSE(IsProved(program_));
+  EXPECT_FALSE(IsProved(program_ + " (deleted)")) << "as the records call it since";
+  std::filesystem::remove(program_);
+  EXPECT_FALSE(IsProved(program_)) << "there is no next version";
+}
+
+TEST_F(ProgramLookTest, AProgramThatIsRemovedIsNoneTheLessAnotherFromAMountOfItsOwn) {
+  std::filesystem::create_symlink("/proc/version", program_ + " (deleted)");  // another device, and root's
+  Start(program_ + " (deleted)");
+  EXPECT_TRUE(IsProved(program_));
+}
+
+TEST_F(ProgramLookTest, NorIsARemovedFileThatEverybodyMayWriteWhatItIsCalled) {
+  Start(folder_.Write("updater (deleted)", "an impostor"));
+  std::filesystem::permissions(program_ + " (deleted)", std::filesystem::perms::others_write,
+                               std::filesystem::perm_options::add);
+  EXPECT_TRUE(IsProved(program_));
+}
+
+TEST_F(ProgramLookTest, NorIsARemovedFileOfSomebodyWhoMayPutNoneThere) {
+  Start(folder_.Write("updater (deleted)", "an impostor"));
+  ASSERT_EQ(chown((program_ + " (deleted)").c_str(), 4711, 4711), 0);
+  EXPECT_TRUE(IsProved(program_));
+  ASSERT_EQ(chown(folder_.Path().c_str(), 4711, 4711), 0);
+  EXPECT_FALSE(IsProved(program_)) << "the folder is his";
+}
+
+TEST_F(ProgramLookTest, ARemovedProgramOfAChrootIsAnother) {
+  const std::string jail = folder_ / "jail";
+  std::filesystem::create_directories(jail + folder_.Path());
+  Start(folder_.Write("jail" + program_ + " (deleted)", "an impostor"), jail);
+  EXPECT_TRUE(IsProved(program_));
+}
+
+TEST_F(ProgramLookTest, AFileThatBearsTheMarkInItsNameIsWhatItIsCalled) {
+  Start(folder_.Write("tool (deleted)", "of an odd name"));
+  std::filesystem::permissions(folder_ / "tool (deleted)", std::filesystem::perms::others_write,
+                               std::filesystem::perm_options::add);
+  EXPECT_FALSE(IsProved(folder_ / "tool (deleted)"));
 }
 
 TEST_F(ProgramLookTest, AProcessThatRunsAnotherProgramByNowProvesNothing) {
