@@ -164,7 +164,9 @@ TEST_F(AuditSocketTest, SaysWhetherTheListingIsComplete) {
 TEST_F(AuditSocketTest, TellsThatAListingCouldNotBeRequested) {
   kernel_.request_error = EPERM;
   EXPECT_TRUE(ListedKeys().empty());
-  EXPECT_TRUE(log_.Has("GetRulesFromAudit: Failed to request rules list from audit subsystem"));
+  EXPECT_TRUE(
+      log_.Has(Poco::Message::PRIO_ERROR,
+               "GetRulesFromAudit: Failed to request rules list from audit subsystem: Operation not permitted (1)"));
   kernel_.open_error = EMFILE;
   EXPECT_TRUE(ListedKeys().empty());
   EXPECT_TRUE(log_.Has("GetRulesFromAudit: Failed to open audit socket: Too many open files (24)"));
