@@ -237,9 +237,11 @@ class FakeAuditNetlink final : public audit::AuditNetlink {
   }
   static audit_rule_data* Data(Bytes& bytes) { return reinterpret_cast<audit_rule_data*>(bytes.data()); }
 
-  static bool IsFolder(const std::string& path) {
+  // What the kernel has against a folder; 0 for one that is there.
+  static int ErrorOf(const std::string& path) {
     struct stat found {};
-    return stat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
+    if (stat(path.c_str(), &found) != 0) return errno;
+    return S_ISDIR(found.st_mode) ? 0 : ENOTDIR;
   }
 
   // The kernel does not follow a link in the place of a folder.
@@ -259,12 +261,12 @@ class FakeAuditNetlink final : public audit::AuditNetlink {
     if (rule.Find(AUDIT_DIR)) {
       const std::string folder = rule.Text(AUDIT_DIR);
       if (folder.empty() || folder.front() != '/') return EINVAL;
-      if (!IsFolder(folder) && !IsLink(folder)) return ENOENT;
+      if (!IsLink(folder)) return ErrorOf(folder);
     }
     if (rule.Find(AUDIT_WATCH)) {
       const std::string file = rule.Text(AUDIT_WATCH);
       if (file.empty() || file.front() != '/' || file.back() == '/') return EINVAL;
-      if (!IsFolder(file.substr(0, file.rfind('/') + 1))) return ENOENT;
+      return ErrorOf(file.substr(0, file.rfind('/') + 1));
     }
     return 0;
   }

@@ -8,6 +8,7 @@
 #include <cerrno>
 
 #include "src/audit/events/PathResolution.h"
+#include "src/audit/rules/KernelRules.h"
 
 namespace zagent::audit::internal {
 namespace {
@@ -15,8 +16,7 @@ namespace {
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 
 Sight::State StateOf(int error) {
-  const bool is_gone = error == ENOENT || error == ENOTDIR || error == ELOOP || error == ENAMETOOLONG;
-  return is_gone ? Sight::State::Gone : Sight::State::Unknown;
+  return IsPathMissing(error) ? Sight::State::Gone : Sight::State::Unknown;
 }
 
 void FollowLink(const std::string& path, WatchedObject& object) {

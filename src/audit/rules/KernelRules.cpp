@@ -52,27 +52,28 @@ RuleIdentities IdentitiesOf(const edr::EventRule& rule, const Coverage& coverage
   return identities;
 }
 
+bool IsPathMissing(int error) {
+  return error == ENOENT || error == ENOTDIR || error == ELOOP || error == ENAMETOOLONG;
+}
+
 Outcome AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vector<AuditRule>& created,
                        Poco::Message::Priority priority) {
   ZLOG_TRACE("RuleEngine::AddRuleToAudit: Adding rule with ID " << rule.GetId());
   std::vector<AuditRule*> added;
   bool is_path_missing = false;
   for (AuditRule& kernel_rule : created) {
-    switch (const int error = socket.Add(kernel_rule)) {
-      case 0:
-        added.push_back(&kernel_rule);
-        break;
-      case EEXIST:
-        ZLOG_DEBUG("Rule " << rule.GetId() << " already exists");
-        break;
-      case ENOENT:
-        ZLOG_DEBUG("Ignoring rule " << rule.GetId() << " as path " << rule.GetPath() << " does not exist");
-        is_path_missing = true;
-        break;
-      default:
-        ZLOG_AT(priority, "RuleEngine::AddRuleToAudit: Failed to add rule to audit subsystem: " << ErrnoText(error));
-        TakeBack(socket, rule.GetId(), added);
-        throw edr::RuleEngineException("Failed to add rule to audit subsystem");
+    const int error = socket.Add(kernel_rule);
+    if (error == 0) {
+      added.push_back(&kernel_rule);
+    } else if (error == EEXIST) {
+      ZLOG_DEBUG("Rule " << rule.GetId() << " already exists");
+    } else if (IsPathMissing(error)) {
+      ZLOG_DEBUG("Ignoring rule " << rule.GetId() << " as path " << rule.GetPath() << " does not exist");
+      is_path_missing = true;
+    } else {
+      ZLOG_AT(priority, "RuleEngine::AddRuleToAudit: Failed to add rule to audit subsystem: " << ErrnoText(error));
+      TakeBack(socket, rule.GetId(), added);
+      throw edr::RuleEngineException("Failed to add rule to audit subsystem");
     }
   }
   if (is_path_missing) {

@@ -31,6 +31,10 @@ enum class Outcome {
   PathMissing,  // the kernel has nothing to watch: it may come later
 };
 
+// Whether this errno says that there is nothing at a path: it, or a folder on the way to it, is missing, or is another
+// kind of thing.
+bool IsPathMissing(int error);
+
 // Adds what CreateRules made of `rule`. A rule that is there already, or whose path is not, counts as done. Throws
 // edr::RuleEngineException "Failed to add rule to audit subsystem", after the kernel's reason was logged at `priority`.
 // Of a rule that cannot be added as a whole nothing stays that was not there before.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <memory>
 #include <set>
 #include <string>
@@ -16,6 +17,7 @@
 #include "src/audit/rules/AuditRule.h"
 #include "src/audit/rules/AuditSocket.h"
 #include "src/audit/rules/CreateRules.h"
+#include "src/audit/rules/KernelRules.h"
 #include "tests/fakes/FakeAuditNetlink.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeRule.h"
@@ -135,6 +137,18 @@ TEST_P(KernelRulesContract, RefusesAMissingFolderAndAMissingParent) {
   EXPECT_EQ(socket_.Add(folder), ENOENT);
   AuditRule file = File(folder_ / "missing/file", "missing");
   EXPECT_EQ(socket_.Add(file), ENOENT);
+  EXPECT_TRUE(ListedKeys().empty());
+}
+
+TEST_P(KernelRulesContract, SaysOfAPathThatLeadsNowhereThatNothingIsThere) {
+  folder_.Write("file", "x");
+  std::filesystem::create_symlink("loop", folder_ / "loop");
+  for (const std::string& way : {std::string("file"), std::string("loop"), std::string(300, 'x')}) {
+    AuditRule folder = Folder(folder_ / (way + "/sub"), "nowhere");
+    EXPECT_TRUE(IsPathMissing(socket_.Add(folder))) << way;
+    AuditRule file = File(folder_ / (way + "/sub/file"), "nowhere");
+    EXPECT_TRUE(IsPathMissing(socket_.Add(file))) << way;
+  }
   EXPECT_TRUE(ListedKeys().empty());
 }
 

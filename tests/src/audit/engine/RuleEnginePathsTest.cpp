@@ -282,6 +282,17 @@ TEST_F(RuleEnginePathsTest, TheNextRuleOfAKeyWaitsForThePathThatTheLastOneWaited
   EXPECT_EQ(heard_, (Ids{"Create " + watched_ + "/sub"}));
 }
 
+TEST_F(RuleEnginePathsTest, WaitsWhereAFileStandsOnTheWayAsWhereNothingDoes) {
+  kernel_.refuse_add = [](const fakes::SeenRule&) { return ENOTDIR; };
+  RemoveFolder();
+  engine_->AddRules("FIM", {FakeRule::Directory("rule", watched_, {EventType::Rename})});
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "Rule rule is not in force: there is no " + watched_));
+  kernel_.refuse_add = nullptr;
+  std::filesystem::create_directory(watched_);
+  engine_->LookAtPaths();
+  EXPECT_EQ(InstalledIds(), (Ids{"rule"}));
+}
+
 TEST_F(RuleEnginePathsTest, ARuleOfAnotherPathWaitsForNothing) {
   RemoveFolder();
   engine_->AddRules("FIM", {FakeRule::Directory("rule", base_ + "/other", {EventType::Write})});
