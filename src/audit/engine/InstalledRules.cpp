@@ -118,7 +118,8 @@ void InstalledRules::Remember(const RuleAddress& address, const edr::EventRule& 
   const auto watched = watched_.find(address);
   if (watched == watched_.end() && !IsLookedFor(address)) return;
   const std::optional<WatchedObject> object = watched != watched_.end() ? std::optional(watched->second) : std::nullopt;
-  remembered_[address] = {RulePaths::Tidy(rule.GetPath()), object, absent_.count(address) == 0 || is_in_kernel};
+  remembered_[address] = {RulePaths::Tidy(rule.GetPath()), object, absent_.count(address) == 0 || is_in_kernel,
+                          is_in_kernel};
 }
 
 void InstalledRules::RemoveOthers(AuditSocket& socket, const std::string& tag, const std::set<RuleKey>& staying,
@@ -147,6 +148,13 @@ void InstalledRules::ReleaseProcessNames(const std::string& tag, const std::set<
   }
 }
 
+// A birth that only one of the two sights tells says nothing.
+bool InstalledRules::IsAnotherThan(const Memory& memory, const WatchedObject& object) {
+  if (memory.object->object != object.object) return true;
+  const bool is_reborn = memory.object->born != 0 && object.born != 0 && memory.object->born != object.born;
+  return is_reborn && !memory.was_in_kernel;
+}
+
 std::optional<InstalledRules::Renewed> InstalledRules::Add(AuditSocket& socket, const std::string& tag,
                                                            const Rule& rule, const Sights& sights) {
   std::vector<AuditRule> created = CreateRules(*rule, coverage_);
@@ -171,35 +179,34 @@ std::optional<InstalledRules::Renewed> InstalledRules::Add(AuditSocket& socket, 
   const WatchedObject& object = sight->second.object;
   watched_[address] = object;
   if (memory == nullptr) return std::nullopt;
-  const bool is_another =
-      memory->object && (memory->object->object != object.object || memory->object->born != object.born);
+  const bool is_another = memory->object && IsAnotherThan(*memory, object);
   if (memory->is_heard && !is_another) return std::nullopt;
   ZLOG_INFO("Rule " << rule->GetId() << " is in force: " << rule->GetPath() << " is there now");
   return Renewed{rule, true};
 }
 
-void InstalledRules::DeleteFromKernel(AuditSocket& socket, const RuleAddress& address, const RuleIdentities& kept) {
-  if (const Rule rule = table_.Find(address.tag, address.key)) DeleteRuleFromAudit(socket, *rule, coverage_, kept);
+bool InstalledRules::DeleteFromKernel(AuditSocket& socket, const RuleAddress& address, const RuleIdentities& kept) {
+  const Rule rule = table_.Find(address.tag, address.key);
+  const bool was_there = rule && DeleteRuleFromAudit(socket, *rule, coverage_, kept);
   const auto at_target = at_target_.find(address);
-  if (at_target == at_target_.end()) return;
+  if (at_target == at_target_.end()) return was_there;
   DeleteRuleFromAudit(socket, *at_target->second, coverage_, kept);
   at_target_.erase(at_target);
+  return was_there;
 }
 
 void InstalledRules::DeleteFromAudit(AuditSocket& socket) {
   Progress progress(clock_, "RuleEngine: Removed", table_.GetSize());
   for (const auto& [tag, rules] : table_.GetRules()) {
     for (const auto& [key, rule] : rules) {
-      DeleteFromKernel(socket, {tag, key});
+      const bool was_there = DeleteFromKernel(socket, {tag, key});
+      Remember({tag, key}, *rule, was_there);
       progress.Step();
     }
   }
 }
 
 void InstalledRules::Clear() {
-  for (const auto& [tag, rules] : table_.GetRules()) {
-    for (const auto& [key, rule] : rules) Remember({tag, key}, *rule, false);
-  }
   table_.Clear();
   paths_.Clear();
   absent_.clear();

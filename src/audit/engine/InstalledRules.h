@@ -1,5 +1,7 @@
 #pragma once
 
+#include <Poco/Message.h>
+
 #include <cstddef>
 #include <map>
 #include <optional>
@@ -46,7 +48,7 @@ class InstalledRules {
   // of its path, its successor there knows, over Clear too. Links are followed as by Renew, when all rules are there.
   Replacement Replace(AuditSocket& socket, const std::string& tag, edr::EventRuleEngine::Rules rules,
                       const std::vector<Sight>& sights);
-  // Takes all rules out of the kernel; they stay in the table until Clear.
+  // Takes all rules out of the kernel; they stay in the table until Clear, which comes next if anything does.
   void DeleteFromAudit(AuditSocket& socket);
   void Clear();
 
@@ -102,7 +104,8 @@ class InstalledRules {
   struct Memory {
     std::string path;                     // tidy
     std::optional<WatchedObject> object;  // what it watched, or did when it was last in force
-    bool is_heard;                        // the kernel had the rule to the end
+    bool is_heard;                        // as far as anybody knew, the kernel had the rule to the end
+    bool was_in_kernel;                   // it did: what it watched was the same to the end, whatever its birth
   };
   using Sights = std::map<WatchedPlace, Sight>;
 
@@ -119,13 +122,15 @@ class InstalledRules {
   void AddAtTarget(AuditSocket& socket, const RuleAddress& address, const Rule& rule, const WatchedObject& object,
                    Poco::Message::Priority priority);
   void AddAtTargetsOf(AuditSocket& socket, const std::string& tag);
-  void DeleteFromKernel(AuditSocket& socket, const RuleAddress& address, const RuleIdentities& kept = {});
+  // True when the kernel had all of the rule where it is written.
+  bool DeleteFromKernel(AuditSocket& socket, const RuleAddress& address, const RuleIdentities& kept = {});
   [[nodiscard]] bool Stays(const std::string& tag, const edr::EventRule& rule, const RuleIdentities& listed) const;
   [[nodiscard]] RuleIdentities Kept(const std::string& tag, const std::set<RuleKey>& staying,
                                     const edr::EventRuleEngine::Rules& rules) const;
   void RemoveOthers(AuditSocket& socket, const std::string& tag, const std::set<RuleKey>& staying,
                     const RuleIdentities& kept, const RuleIdentities& listed);
   void ReleaseProcessNames(const std::string& tag, const std::set<RuleKey>& staying);
+  [[nodiscard]] static bool IsAnotherThan(const Memory& memory, const WatchedObject& object);
   std::optional<Renewed> Add(AuditSocket& socket, const std::string& tag, const Rule& rule, const Sights& sights);
   void TellRulesInForce() const;
 

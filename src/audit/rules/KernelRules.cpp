@@ -19,15 +19,16 @@ using common::util::ErrnoText;
 
 constexpr std::size_t kComparedLength = 36;
 
-void DeleteCreatedRule(AuditSocket& socket, const std::string& id, AuditRule& created) {
+bool DeleteCreatedRule(AuditSocket& socket, const std::string& id, AuditRule& created) {
   const int error = socket.Delete(created);
   if (error == 0) {
     ZLOG_DEBUG("RuleEngine::DeleteRuleFromAudit: Deleted rule with ID " << id);
-    return;
+    return true;
   }
   // It never went in, or the kernel has dropped it together with the watched folder: no reason for a warning.
   const auto priority = error == ENOENT ? Poco::Message::PRIO_DEBUG : Poco::Message::PRIO_WARNING;
   ZLOG_AT(priority, "RuleEngine::DeleteRuleFromAudit: Failed to delete old rule " << id << ": " << ErrnoText(error));
+  return false;
 }
 
 // What went in before the rest of the rule was refused.
@@ -100,16 +101,19 @@ bool HasInKernel(AuditSocket& socket, const edr::EventRule& rule, const Coverage
   }
 }
 
-void DeleteRuleFromAudit(AuditSocket& socket, const edr::EventRule& rule, const Coverage& coverage,
+bool DeleteRuleFromAudit(AuditSocket& socket, const edr::EventRule& rule, const Coverage& coverage,
                          const RuleIdentities& kept) {
   ZLOG_TRACE("RuleEngine::DeleteRuleFromAudit: Deleting rule with ID " << rule.GetId());
+  bool had_all = true;
   try {
     for (AuditRule& created : CreateRules(rule, coverage)) {
-      if (kept.count(created.Identity()) == 0) DeleteCreatedRule(socket, rule.GetId(), created);
+      if (kept.count(created.Identity()) == 0) had_all = DeleteCreatedRule(socket, rule.GetId(), created) && had_all;
     }
   } catch (const std::exception& error) {
     ZLOG_WARNING("RuleEngine::DeleteRuleFromAudit: Failed to delete old rule " << rule.GetId() << ": " << error.what());
+    had_all = false;
   }
+  return had_all;
 }
 
 void DeleteDuplicateRules(AuditSocket& socket, const edr::EventRuleEngine::Rules& rules, const RuleIdentities& kept,

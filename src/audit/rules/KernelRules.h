@@ -45,8 +45,8 @@ Outcome AddRuleToAudit(AuditSocket& socket, const edr::EventRule& rule, std::vec
 bool HasInKernel(AuditSocket& socket, const edr::EventRule& rule, const Coverage& coverage);
 
 // Takes a rule's kernel rules away again, with the coverage that they were made with; not those of `kept`, which stand
-// for another rule too. Failures are logged.
-void DeleteRuleFromAudit(AuditSocket& socket, const edr::EventRule& rule, const Coverage& coverage = {},
+// for another rule too. Failures are logged. True when the kernel had all that was to be taken away.
+bool DeleteRuleFromAudit(AuditSocket& socket, const edr::EventRule& rule, const Coverage& coverage = {},
                          const RuleIdentities& kept = {});
 
 // Takes away every kernel rule that carries the id of one of `rules`, whoever left it there, except for those of

@@ -274,6 +274,50 @@ TEST_F(RuleEngineLooksTest, ARuleThatTheKernelHasStillWatchesTheSameFolder) {
   EXPECT_TRUE(kernel_.calls.empty()) << "it is asked once";
 }
 
+TEST_F(RuleEngineLooksTest, ARuleThatComesAnewFindsTheSameFolderWhateverItsBirth) {
+  std::int64_t born = 1;
+  look_at_ = [&](const internal::WatchedPlace& place) {
+    internal::Sight sight = internal::LookAt(place);
+    sight.object.born = born;
+    return sight;
+  };
+  const auto rule_for = [this](EventType type) { return FakeRule::Directory("rule", watched_, {type}); };
+  engine_->AddRules("FIM", {});
+  engine_->AddRules("FIM", {rule_});
+  std::filesystem::create_directory(watched_ + "/old");
+  for (const std::int64_t next : {2, 0, 3}) {
+    born = next;
+    engine_->AddRules("FIM", {rule_for(next == 2 ? EventType::Read : EventType::Write)});
+    engine_->Invalidate();
+    ++born;
+    engine_->AddRules("FIM", {rule_for(EventType::Rename)});
+  }
+  engine_->OnIdle();
+  EXPECT_TRUE(heard_.empty()) << "the kernel had the rule to the end";
+  DropKernelRules();  // with the folder, of which no record comes
+  ++born;
+  engine_->AddRules("FIM", {rule_for(EventType::Read)});
+  engine_->OnIdle();
+  EXPECT_EQ(heard_, (Ids{"Create " + watched_ + "/old"})) << "another folder under the same number";
+}
+
+TEST_F(RuleEngineLooksTest, ARuleThatComesAnewDoesNotTakeAnUnknownBirthForAnotherFolder) {
+  std::int64_t born = 1;
+  look_at_ = [&](const internal::WatchedPlace& place) {
+    internal::Sight sight = internal::LookAt(place);
+    sight.object.born = born;
+    return sight;
+  };
+  engine_->AddRules("FIM", {});
+  engine_->AddRules("FIM", {rule_});
+  std::filesystem::create_directory(watched_ + "/old");
+  DropKernelRules();
+  born = 0;
+  engine_->AddRules("FIM", {FakeRule::Directory("rule", watched_, {EventType::Read})});
+  engine_->OnIdle();
+  EXPECT_TRUE(heard_.empty());
+}
+
 TEST_F(RuleEngineLooksTest, WhatWasSeenCountsOnlyForTheRulesThatThereAre) {
   RemoveFolder();
   std::filesystem::create_directory(watched_);

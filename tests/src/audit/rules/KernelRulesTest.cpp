@@ -62,6 +62,21 @@ TEST_F(KernelRulesTest, ARuleOnAPathThatDoesNotExistCountsAsDone) {
   EXPECT_FALSE(log_.Has("Added rule id"));
 }
 
+TEST_F(KernelRulesTest, APathThatLeadsNowhereDoesNotExistEither) {
+  for (const int error : {ENOENT, ENOTDIR, ELOOP, ENAMETOOLONG}) {
+    kernel_.refuse_add = [error](const fakes::SeenRule&) { return error; };
+    std::vector<AuditRule> created = CreateRules(*Folder("id"), {});
+    EXPECT_EQ(AddRuleToAudit(socket_, *Folder("id"), created), Outcome::PathMissing) << error;
+  }
+}
+
+TEST_F(KernelRulesTest, SaysWhetherTheKernelHadWhatItTakesAway) {
+  Add(*Folder("id"));
+  EXPECT_TRUE(DeleteRuleFromAudit(socket_, *Folder("id")));
+  EXPECT_FALSE(DeleteRuleFromAudit(socket_, *Folder("id")));
+  EXPECT_FALSE(DeleteRuleFromAudit(socket_, *FakeRule::Directory("id", "not absolute", {EventType::Write})));
+}
+
 TEST_F(KernelRulesTest, AFileMayComeLaterThanItsRule) {
   Add(*FakeRule::File("id", folder_ / "not-yet", {EventType::Write}));
   EXPECT_EQ(kernel_.RulesWithKey("id").size(), 1U);
