@@ -3,6 +3,7 @@
 #include <Poco/UUIDGenerator.h>
 
 #include <array>
+#include <atomic>
 #include <iomanip>
 #include <sstream>
 
@@ -130,7 +131,8 @@ HttpUploader::Job HttpUploader::PrepareJob(const std::string& content_type, cons
   return job;
 }
 
-std::shared_ptr<HttpRequest> HttpUploader::Submit(Job job, const std::vector<unsigned char>& payload) {
+std::shared_ptr<HttpRequest> HttpUploader::Submit(Job job, const std::vector<unsigned char>& payload,
+                                                  std::shared_ptr<std::atomic<long>> accepted) {
   HttpInterceptorBuilder chain;
   chain.AddLzma();
   if (job.settings.url_states) chain.AddUrlUpgrader(job.settings.url_states);
@@ -138,8 +140,13 @@ std::shared_ptr<HttpRequest> HttpUploader::Submit(Job job, const std::vector<uns
   HttpRequestSettings settings;
   settings.connection_timeout = job.settings.connection_timeout;
   settings.request_timeout = job.settings.request_timeout;
-  settings.retry_policy =
-      std::make_unique<DefaultHttpRetryPolicy>(job.settings.max_attempts, job.settings.retry_interval_seconds);
+  // Asked before another attempt. The table of answers alone says whether there is one.
+  HttpRetryPolicy::Predicate note = [accepted = std::move(accepted)](HttpStatus, long http_code) {
+    if (OutcomeOf(http_code) == kSuccess) *accepted = http_code;
+    return true;
+  };
+  settings.retry_policy = std::make_unique<DefaultHttpRetryPolicy>(
+      job.settings.max_attempts, job.settings.retry_interval_seconds, std::move(note));
   auto request = service_.Post(job.settings.url, std::move(job.headers), payload, chain.Build(), std::move(settings));
   const std::lock_guard lock(mutex_);
   in_flight_ = request;
@@ -153,9 +160,10 @@ std::int32_t HttpUploader::Send(Job job, const std::vector<unsigned char>& paylo
   const std::optional<UploadSource> source = std::move(job.source);
   const std::string request_id = std::move(job.request_id);
   const std::shared_ptr<UploadAlarms> alarms = job.settings.alarms;
-  const std::shared_ptr<HttpRequest> request = Submit(std::move(job), payload);
+  const auto accepted = std::make_shared<std::atomic<long>>(0);  // the code by which an earlier attempt was
+  const std::shared_ptr<HttpRequest> request = Submit(std::move(job), payload, accepted);
   const HttpResponse& response = request->GetResponse();
-  const long http_code = response.GetHttpCode();
+  const long http_code = *accepted != 0 ? accepted->load() : response.GetHttpCode();
   {
     const std::lock_guard lock(mutex_);
     last_http_status_ = http_code;
@@ -169,7 +177,7 @@ std::int32_t HttpUploader::Send(Job job, const std::vector<unsigned char>& paylo
   ZLOG_ERROR("HttpUploader: Upload failed, status code: " << static_cast<int>(response.GetStatus()));
   if (!response.GetMessage().empty()) ZLOG_ERROR("HttpUploader: Upload failed. (" << response.GetMessage() << ")");
   // The platform accepts with its status line: to send the payload again because the body behind it was reset, stalled
-  // or unreadable would only count it twice.
+  // or unreadable, or because it refused the same payload behind that, would only count it twice.
   const std::int32_t outcome = OutcomeOf(http_code);
   if (outcome == kSuccess) ZLOG_INFO("HttpUploader: The upload was accepted all the same, HTTP code " << http_code);
   return outcome;

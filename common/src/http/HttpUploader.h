@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -53,7 +54,9 @@ class HttpUploader final : public Uploader {
 
   Job PrepareJob(const std::string& content_type, const std::vector<unsigned char>& payload);
   std::int32_t Send(Job job, const std::vector<unsigned char>& payload);
-  std::shared_ptr<HttpRequest> Submit(Job job, const std::vector<unsigned char>& payload);
+  // `accepted` gets the code of an attempt that was accepted and is followed by another, because its answer broke off.
+  std::shared_ptr<HttpRequest> Submit(Job job, const std::vector<unsigned char>& payload,
+                                      std::shared_ptr<std::atomic<long>> accepted);
 
   HttpService& service_;
   std::shared_ptr<const HmacConfig> hmac_;

@@ -223,6 +223,34 @@ TEST_F(HttpUploaderTest, SaysWhatBecameOfTheConnectionBehindA200) {
   EXPECT_FALSE(log_.Has("(OK)"));
 }
 
+TEST_F(HttpUploaderTest, ForgetsNoAcceptanceOverWhatLaterAttemptsBring) {
+  const auto broken = [](const std::string& status) {
+    return "HTTP/1.1 " + status + "\r\nContent-Length: 100\r\n\r\nhalf" + FakeHttpServer::kReset;
+  };
+  for (const auto& last : {FakeHttpServer::Answer("409 Conflict"), FakeHttpServer::Answer("204 No Content"),
+                           FakeHttpServer::Answer("503 Busy"), std::string(FakeHttpServer::kReset)}) {
+    for (const auto& [status, code] : {std::pair{"200 OK", 200}, std::pair{"202 Accepted", 202}}) {
+      FakeHttpServer server({broken(status), last});
+      HttpUploader uploader = UploaderTo(server.Url());
+      EXPECT_EQ(0, uploader.Upload("application/json", payload_)) << status << " and " << last;
+      EXPECT_EQ(code, uploader.LastHttpStatus());
+      EXPECT_LT(1U, server.Requests().size()) << "the attempts go as for any answer that breaks off";
+    }
+  }
+  FakeHttpServer server({broken("201 Created"), FakeHttpServer::Answer("409 Conflict")});
+  HttpUploader uploader = UploaderTo(server.Url());
+  EXPECT_EQ(100013, uploader.Upload("application/json", payload_)) << "201 is no acceptance";
+  EXPECT_EQ(409, uploader.LastHttpStatus());
+}
+
+TEST_F(HttpUploaderTest, AnAcceptanceIsOfOneUploadOnly) {
+  FakeHttpServer server({std::string("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n") + FakeHttpServer::kReset,
+                         FakeHttpServer::Answer("409 Conflict")});
+  HttpUploader uploader = UploaderTo(server.Url());
+  EXPECT_EQ(0, uploader.Upload("application/json", payload_));
+  EXPECT_EQ(100013, uploader.Upload("application/json", payload_));
+}
+
 // Each byte comes in time, and the whole never does.
 TEST_F(HttpUploaderTest, WaitsForNoAnswerThatTricklesLongerThanForOneThatStalls) {
   const auto begin = std::chrono::steady_clock::now();
