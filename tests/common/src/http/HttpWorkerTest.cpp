@@ -1,14 +1,13 @@
 // How long the HTTP thread sleeps, and what becomes of requests that it never began.
 #include "common/src/http/HttpWorker.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
 #include <future>
 
 #include "common/src/http/DefaultHttpRetryPolicy.h"
 #include "common/src/http/HttpService.h"
+#include "tests/fakes/BlackHole.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeHttpServer.h"
 #include "tests/fakes/FakeInterceptor.h"
@@ -137,32 +136,9 @@ TEST(HttpServiceStopTest, AbortsWhatIsStillQueued) {
   EXPECT_TRUE(log.Has(Poco::Message::PRIO_INFORMATION, "Cancelling HTTP request for " + server.Url("/queued")));
 }
 
-// A host that answers no SYN: its queue of connections is full.
-class BlackHole {
- public:
-  BlackHole() : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    address_.sin_family = AF_INET;
-    address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof(address_);
-    EXPECT_EQ(0, bind(listener_.Get(), reinterpret_cast<sockaddr*>(&address_), size));
-    EXPECT_EQ(0, listen(listener_.Get(), 0));
-    EXPECT_EQ(0, getsockname(listener_.Get(), reinterpret_cast<sockaddr*>(&address_), &size));
-    for (util::UniqueFd& filler : fillers_) {
-      filler.Reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-      (void)connect(filler.Get(), reinterpret_cast<sockaddr*>(&address_), sizeof(address_));
-    }
-  }
-  [[nodiscard]] std::string Url() const { return "http://127.0.0.1:" + std::to_string(ntohs(address_.sin_port)) + "/"; }
-
- private:
-  util::UniqueFd listener_;
-  sockaddr_in address_{};
-  std::array<util::UniqueFd, 8> fillers_;
-};
-
 TEST(HttpServiceTimeTest, GivesUpAConnectionThatDoesNotCome) {
   const fakes::LogCapture log;
-  const BlackHole host;
+  const fakes::BlackHole host;
   HttpService service("");
   service.Start();
   HttpRequestSettings settings;
