@@ -1,6 +1,8 @@
 #pragma once
 
+#include <exception>
 #include <stdexcept>
+#include <string>
 
 namespace zagent::common {
 
@@ -14,5 +16,16 @@ class HttpInterceptorException : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+// The text of the exception that is being handled.
+inline std::string DescribeCurrentException() {
+  try {
+    throw;
+  } catch (const std::exception& error) {
+    return error.what();
+  } catch (...) {
+    return "unknown failure";
+  }
+}
 
 }  // namespace zagent::common

@@ -126,8 +126,8 @@ void HttpService::Run() {
   while (TakeQueue(requests)) {
     try {
       worker.Turn(requests);
-    } catch (const std::exception& error) {
-      ZLOG_FATAL("HTTP service: a turn of the worker failed: " << error.what());
+    } catch (...) {
+      ZLOG_FATAL("HTTP service: a turn of the worker failed: " << DescribeCurrentException());
     }
     requests.clear();
     worker.Wait();

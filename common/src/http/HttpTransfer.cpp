@@ -6,7 +6,6 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <new>
 
 #include "common/src/http/RequestTarget.h"
 #include "common/src/util/Log.h"
@@ -302,7 +301,7 @@ std::size_t HttpTransfer::OnWrite(char* data, std::size_t size, std::size_t coun
   if (self->LogIfCancelled()) return 0;
   try {
     return self->request_->AppendResponseData(data, size * count) ? size * count : 0;
-  } catch (const std::bad_alloc&) {  // must not pass through libcurl
+  } catch (...) {  // must not pass through libcurl
     return 0;
   }
 }
@@ -335,7 +334,7 @@ std::size_t HttpTransfer::OnHeader(char* data, std::size_t size, std::size_t cou
   if (self->LogIfCancelled()) return 0;
   try {
     self->request_->AddResponseHeader(std::string(data, size * count));
-  } catch (const std::bad_alloc&) {  // must not pass through libcurl
+  } catch (...) {  // must not pass through libcurl
     return 0;
   }
   return size * count;

@@ -11,6 +11,16 @@ namespace {
 constexpr int kTransferWaitMs = 5000;
 constexpr int kRetryWaitMs = 1000;
 
+// What goes wrong with one request ends that one: nobody waits for it for ever, and the others go on.
+template <typename Step>
+void Guard(MutableHttpRequest& request, const Step& step) {
+  try {
+    step();
+  } catch (...) {
+    request.Fail(DescribeCurrentException());
+  }
+}
+
 }  // namespace
 
 HttpWorker::HttpWorker(std::string ca_path, WakeUp& wake_up)
@@ -25,13 +35,15 @@ void HttpWorker::Turn(const HttpRequestQueue& requests) {
 }
 
 void HttpWorker::Abort(MutableHttpRequest& request) {
-  ZLOG_INFO("Cancelling HTTP request for " << request.GetUrl());
-  request.SetStatus(HttpStatus::Aborted, 0, CURLE_OK);
+  Guard(request, [&] {
+    ZLOG_INFO("Cancelling HTTP request for " << request.GetUrl());
+    request.SetStatus(HttpStatus::Aborted, 0, CURLE_OK);
+  });
 }
 
 void HttpWorker::Start(const std::shared_ptr<MutableHttpRequest>& request) {
   if (request->IsCancelled()) return Abort(*request);
-  BeginTransfer(request);
+  Guard(*request, [&] { BeginTransfer(request); });
 }
 
 // What cannot be begun ends here, with a line that says why.
@@ -44,8 +56,8 @@ void HttpWorker::BeginTransfer(const std::shared_ptr<MutableHttpRequest>& reques
     if (curl_multi_add_handle(multi_.get(), handle) == CURLM_OK) return;
     active_requests_.erase(entry);
     failure = "Failed to add curl handle for " + request->GetUrl();
-  } catch (const std::exception& error) {
-    failure = error.what();
+  } catch (...) {
+    failure = DescribeCurrentException();
   }
   ZLOG_ERROR(failure);
   request->SetErrorText(failure);
@@ -71,9 +83,9 @@ void HttpWorker::StartDueRetries() {
       Abort(*request);
     } else if (request->IsRetryDue()) {
       ZLOG_INFO("Retrying HTTP request for " << request->GetUrl());
-      BeginTransfer(request);
+      Start(request);
     } else {
-      retry_requests_.push_back(request);
+      Guard(*request, [&] { retry_requests_.push_back(request); });
     }
   }
 }
@@ -97,14 +109,16 @@ void HttpWorker::Finish(CURL* handle, CURLcode result) {
   const std::unique_ptr<HttpTransfer> transfer = std::move(entry->second);
   active_requests_.erase(entry);
   const std::shared_ptr<MutableHttpRequest> request = transfer->SharedRequest();
-  ZLOG_DEBUG("Processing response for url: " << request->GetUrl());
-  const TransferVerdict verdict = Classify(transfer->Outcome(result));
-  request->SetLocalIp(transfer->LocalIp());
-  if (result != CURLE_OK) request->SetErrorText(curl_easy_strerror(result));
-  if (curl_multi_remove_handle(multi_.get(), handle) != CURLM_OK) {
-    ZLOG_WARNING("Failed to remove curl handle for " << request->GetUrl());
-  }
-  EndAttempt(request, verdict, result);
+  Guard(*request, [&] {
+    ZLOG_DEBUG("Processing response for url: " << request->GetUrl());
+    const TransferVerdict verdict = Classify(transfer->Outcome(result));
+    request->SetLocalIp(transfer->LocalIp());
+    if (result != CURLE_OK) request->SetErrorText(curl_easy_strerror(result));
+    if (curl_multi_remove_handle(multi_.get(), handle) != CURLM_OK) {
+      ZLOG_WARNING("Failed to remove curl handle for " << request->GetUrl());
+    }
+    EndAttempt(request, verdict, result);
+  });
 }
 
 void HttpWorker::RemoveUnknown(CURL* handle) {

@@ -192,8 +192,8 @@ void MutableHttpRequest::ShowAttempt(HttpStatus status, long http_code, bool is_
   for (auto interceptor = interceptors_.rbegin(); interceptor != interceptors_.rend(); ++interceptor) {
     try {
       (*interceptor)->OnAttemptEnded(attempt);
-    } catch (const std::exception& error) {
-      ZLOG_ERROR("Failed to show an interceptor the answer for " << url_ << " " << error.what());
+    } catch (...) {
+      ZLOG_ERROR("Failed to show an interceptor the answer for " << url_ << " " << DescribeCurrentException());
     }
   }
 }
@@ -229,8 +229,8 @@ void MutableHttpRequest::ApplyStatus(HttpStatus status, long http_code) {
     }
   } catch (const HttpInterceptorException& error) {
     return FailProcessing(std::string("Response processing failed, error: ") + error.what(), http_code);
-  } catch (const std::exception& error) {
-    return FailProcessing(error.what(), http_code);
+  } catch (...) {
+    return FailProcessing(DescribeCurrentException(), http_code);
   }
   throw HttpException("Unsupported StatusCode: " + std::to_string(static_cast<int>(status)));
 }
@@ -303,12 +303,28 @@ void MutableHttpRequest::FailProcessing(const std::string& reason, long http_cod
   state_ = State::Failed;
 }
 
+void MutableHttpRequest::Fail(const std::string& reason) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (IsFinal(state_)) return;
+    state_ = State::Failed;
+    try {
+      FailProcessing(reason, 0);
+    } catch (...) {  // NOLINT(bugprone-empty-catch)
+      // The response is finalized already: it says what it says.
+    }
+  }
+  changed_.notify_all();
+  CallOnFinished();
+  CallPostProcessor();
+}
+
 void MutableHttpRequest::CallOnFinished() {
   if (!settings_.on_finished) return;
   try {
     settings_.on_finished(*this);
-  } catch (const std::exception& error) {
-    ZLOG_ERROR("Failed to finish the http response for " << url_ << " " << error.what());
+  } catch (...) {
+    ZLOG_ERROR("Failed to finish the http response for " << url_ << " " << DescribeCurrentException());
     const std::lock_guard lock(mutex_);
     if (response_) state_ = State::Failed;
   }
@@ -318,8 +334,8 @@ void MutableHttpRequest::CallPostProcessor() {
   if (!post_processor_ || !response_) return;
   try {
     post_processor_->Process(*this);
-  } catch (const std::exception& error) {
-    ZLOG_ERROR("Failed to finish the http response for " << url_ << " " << error.what());
+  } catch (...) {
+    ZLOG_ERROR("Failed to finish the http response for " << url_ << " " << DescribeCurrentException());
   }
 }
 

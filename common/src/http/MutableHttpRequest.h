@@ -98,6 +98,9 @@ class MutableHttpRequest final : public HttpRequest {
   // the latter has no wait. A download whose body has not come whole, by libcurl's code, is a network error.
   void SetStatus(HttpStatus status, long http_code, int curl_code);
   [[nodiscard]] int GetCurlCode() const;
+  // Ends a request that is not finished as Failed, whatever state it is in: what should have ended it failed itself,
+  // and nobody shall wait for it.
+  void Fail(const std::string& reason);
 
   [[nodiscard]] bool IsRetryDue() const { return retry_policy_->IsRetryDue(); }
   [[nodiscard]] std::chrono::nanoseconds GetRemainingWait() const { return retry_policy_->GetRemainingWait(); }

@@ -545,6 +545,36 @@ TEST_F(HttpServiceTest, RetriesWhatCouldNotBeBegunWhenThePolicyWantsIt) {
   EXPECT_EQ(3, log_.Count("Failed to add certificate info to HTTP request for "));
 }
 
+// What breaks while a request is begun, answered or judged ends that request, and no other.
+TEST_F(HttpServiceTest, LeavesNobodyWaitingWhateverIsThrown) {
+  FakeHttpServer server({FakeHttpServer::Answer("200 OK")});
+  std::vector<std::string> calls;
+  const auto with = [&](auto&& change) {
+    auto interceptor = std::make_unique<fakes::FakeInterceptor>("broken", calls);
+    change(*interceptor);
+    HttpInterceptors chain;
+    chain.push_back(std::move(interceptor));
+    return service_.Post(server.Url(), {}, {}, std::move(chain), Retrying(0));
+  };
+  const std::vector<std::shared_ptr<HttpRequest>> requests = {
+      with([](auto& step) { step.on_request = [](Bytes&, HttpHeaders&) { throw 42; }; }),
+      with([](auto& step) { step.on_chunk = [](const Bytes&, Bytes&) -> HttpInterceptor::ChunkResult { throw 42; }; }),
+      with([](auto& step) {
+        step.on_response = [](MutableHttpResponse& response) {
+          response.Finalize();
+          throw 42;
+        };
+      }),
+      PostTo(server.Url()),
+  };
+  for (const auto& request : requests) request->GetResponse();
+  EXPECT_EQ(State::Failed, requests[0]->GetState());
+  EXPECT_EQ(State::Failed, requests[1]->GetState());
+  EXPECT_EQ(State::Failed, requests[2]->GetState());
+  EXPECT_EQ(State::Completed, requests[3]->GetState());
+  EXPECT_EQ(3U, server.Requests().size());
+}
+
 TEST_F(HttpServiceTest, AsksTheProxyAndNotTheHost) {
   FakeHttpServer proxy({FakeHttpServer::Answer("200 OK", "Z-SRV: x\r\n")});
   const auto request = PostThrough({"http://user:secret@" + proxy.Address()}, "http://platform.invalid/v1", 0);

@@ -25,6 +25,11 @@ Bytes BytesOf(const std::string& text) {
   return {text.begin(), text.end()};
 }
 
+class ThrowingProcessor final : public HttpPostProcessor {
+ public:
+  void Process(const HttpRequest&) override { throw 42; }
+};
+
 class MutableHttpRequestTest : public ::testing::Test {
  protected:
   fakes::FakeInterceptor& AddInterceptor(const std::string& name) {
@@ -289,6 +294,54 @@ TEST_F(MutableHttpRequestTest, FailsWhenTheCallbackDoes) {
   request->SetStatus(HttpStatus::Success, 200, 0);
   EXPECT_EQ(State::Failed, request->GetState());
   EXPECT_TRUE(log_.Has("Failed to finish the http response for https://p/x callback failed"));
+}
+
+TEST_F(MutableHttpRequestTest, TakesWhatIsNoStdExceptionForAFailureToo) {
+  AddInterceptor("broken").on_chunk = [](const Bytes&, Bytes&) -> HttpInterceptor::ChunkResult { throw 42; };
+  const auto refused = Make(3);
+  refused->SetStatus(HttpStatus::Success, 200, 0);
+  EXPECT_EQ(State::Failed, refused->GetState());
+  EXPECT_EQ("unknown failure", refused->GetResponse().GetMessage());
+
+  on_finished_ = [](const HttpRequest&) { throw 42; };
+  const auto finished = Make();
+  finished->SetStatus(HttpStatus::Success, 200, 0);
+  EXPECT_EQ(State::Failed, finished->GetState());
+  on_finished_ = nullptr;
+
+  const auto processed = Make();
+  processed->SetPostProcessor(std::make_shared<ThrowingProcessor>());
+  processed->SetStatus(HttpStatus::Success, 200, 0);
+  EXPECT_EQ(State::Completed, processed->GetState()) << "the outcome is fixed by then";
+
+  AddInterceptor("curious").on_attempt_ended = [](const HttpAttempt&) { throw 42; };
+  const auto shown = Make();
+  shown->BeginAttempt();
+  shown->SetStatus(HttpStatus::Success, 200, 0);
+  EXPECT_EQ(State::Completed, shown->GetState()) << "who only looks on changes nothing";
+  EXPECT_TRUE(log_.Has("Failed to show an interceptor the answer for https://p/x unknown failure"));
+}
+
+TEST_F(MutableHttpRequestTest, IsEndedForWhoeverWaits) {
+  int calls = 0;
+  on_finished_ = [&](const HttpRequest&) { ++calls; };
+  const auto request = Make(3);
+  auto waiter = std::async(std::launch::async, [&] { return request->GetResponse().GetMessage(); });
+  request->Fail("nothing works");
+  EXPECT_EQ("nothing works", waiter.get());
+  EXPECT_EQ(State::Failed, request->GetState());
+  request->Fail("once more");
+  EXPECT_EQ("nothing works", request->GetResponse().GetMessage());
+  EXPECT_EQ(1, calls);
+
+  AddInterceptor("hasty").on_response = [](MutableHttpResponse& response) {
+    response.Finalize();
+    throw HttpInterceptorException("too late");
+  };
+  const auto finalized = Make(3);
+  EXPECT_THROW(finalized->SetStatus(HttpStatus::Success, 200, 0), HttpException);
+  finalized->Fail("cannot be told any more");
+  EXPECT_EQ(State::Failed, finalized->GetState());
 }
 
 TEST_F(MutableHttpRequestTest, MarksACancelAndWakesTheWorker) {
