@@ -46,13 +46,13 @@ bool IsObject(const std::string& text) {
   return !document.HasParseError() && document.IsObject();
 }
 
-void Parse(const std::string& text) {
-  const auto record =
-      HttpErrorParser::ParseErrorPayload(kUrl, 400, {reinterpret_cast<const unsigned char*>(text.data()), text.size()});
+void Parse(const std::string& text, long code) {
+  const auto record = HttpErrorParser::ParseErrorPayload(
+      kUrl, code, {reinterpret_cast<const unsigned char*>(text.data()), text.size()});
   Expect(record.has_value() == (text.size() <= HttpErrorParser::kMaxParsedBody && IsObject(text)));
   if (!record) return;
   Expect(record->error_text == common::LookUpErrorCode(record->error_code).text);
-  Expect(record->raw_payload == text);
+  Expect(record->raw_payload == text && record->http_status == code);
 }
 
 void Process(const std::vector<unsigned char>& body, long code) {
@@ -75,8 +75,9 @@ void Upgrade(const std::vector<unsigned char>& body, long code) {
   std::vector<unsigned char> payload;
   common::HttpHeaders headers;
   upgrader.ProcessRequest(url, payload, headers, "POST");
-  upgrader.OnAttemptEnded({url, common::HttpStatus::ClientError, code, headers, body});
-  const bool route = code == 404 || code == 405 || code == 410;
+  const auto status = code < 500 ? common::HttpStatus::ClientError : common::HttpStatus::ServerError;
+  upgrader.OnAttemptEnded({url, status, code, headers, body});
+  const bool route = code == 404 || code == 405 || code == 410 || code == 501;
   Expect((states->Get("FIM") == common::ModuleUrlStateTable::UrlState::Unauth) == route);
 }
 
@@ -85,8 +86,9 @@ void Upgrade(const std::vector<unsigned char>& body, long code) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   zagent::fuzz::SilenceLog();
   const std::vector<unsigned char> body(data, data + size);
-  const long code = 400 + (size == 0 ? 0 : data[size - 1] % 100);
-  Parse(std::string(body.begin(), body.end()));
+  // The last byte, and the length, which a JSON object may end with as it likes.
+  const long code = 400 + (size == 0 ? 0 : (data[size - 1] + size) % 200);
+  Parse(std::string(body.begin(), body.end()), code);
   Process(body, code);
   Upgrade(body, code);
   return 0;
