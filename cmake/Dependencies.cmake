@@ -3,6 +3,7 @@ find_package(Threads REQUIRED)
 find_package(OpenSSL REQUIRED)
 find_package(CURL REQUIRED)
 find_package(LibLZMA REQUIRED)
+find_package(Protobuf REQUIRED)
 find_package(Poco REQUIRED COMPONENTS Foundation Util Crypto Net NetSSL)
 
 find_package(PkgConfig REQUIRED)
