@@ -14,9 +14,9 @@
 #include "common/src/util/Clock.h"
 #include "common/src/util/Json.h"
 #include "common/src/util/Log.h"
+#include "common/src/util/Utf8.h"
 #include "src/edr/process/ImageInfo.h"
 #include "src/fim/LogPrefix.h"
-#include "src/fim/Utf8.h"
 
 namespace zagent::fim::internal {
 namespace {
@@ -197,7 +197,7 @@ class DocumentWriter {
     const common::ImageInfo* file = nullptr;
     if (!Answered("imagePathBytes", [&] { file = event_.GetFile(); }) || file == nullptr) return;
     const std::string& path = file->GetPath();
-    if (ReplaceInvalidUtf8(path) == path) return;
+    if (common::util::ReplaceInvalidUtf8(path) == path) return;
     Member("imagePathBytes", [&] { return Base64Text({path.begin(), path.end()}); });
   }
 
@@ -235,7 +235,7 @@ class DocumentWriter {
     return image->GetPath();
   }
 
-  void Value(const std::string& text) { writer_.String(ReplaceInvalidUtf8(text)); }
+  void Value(const std::string& text) { writer_.String(common::util::ReplaceInvalidUtf8(text)); }
   void Value(const char* text) { writer_.String(text); }
   void Value(std::uint32_t number) { writer_.Uint(number); }
   void Value(std::int32_t number) { writer_.Int(number); }

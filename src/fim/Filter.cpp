@@ -44,15 +44,15 @@ std::string WithoutTrailingSlashes(const std::string& path) {
   return path.substr(0, path.find_last_not_of('/') + 1);
 }
 
-bool MatchAndTrace(const PathGlob& glob, const std::string& value) {
+bool MatchAndTrace(const edr::PathGlob& glob, const std::string& value) {
   const bool matched = glob.Matches(value);
   ZLOG_TRACE("Pattern: " << glob.GetPattern() << (matched ? " matched with value: " : " not matched with value: ")
                          << value);
   return matched;
 }
 
-bool MatchesAny(const std::vector<PathGlob>& globs, const std::string& value) {
-  return std::any_of(globs.begin(), globs.end(), [&](const PathGlob& glob) { return MatchAndTrace(glob, value); });
+bool MatchesAny(const std::vector<edr::PathGlob>& globs, const std::string& value) {
+  return std::any_of(globs.begin(), globs.end(), [&](const edr::PathGlob& glob) { return MatchAndTrace(glob, value); });
 }
 
 int SecondOfDay(const std::tm& time) {
@@ -132,7 +132,7 @@ void Filter::ParseTimespan(const rapidjson::Value& json) {
 
 void Filter::CompilePatterns(const std::string& rule_path) {
   // The path is no pattern: a folder "[x]" means itself. Without its last slash, so that "/etc/" and "/etc" are one.
-  const std::string base = PathGlob::Escape(WithoutTrailingSlashes(rule_path));
+  const std::string base = edr::PathGlob::Escape(WithoutTrailingSlashes(rule_path));
   path_globs_.clear();
   for (const std::string& pattern : patterns_) path_globs_.emplace_back(base + pattern);
 }
@@ -170,7 +170,7 @@ bool Filter::MatchesObject(const edr::Event& event, Ends ends) const {
 bool Filter::MatchesPath(const std::string& path) const {
   if (*object_type_ == edr::ObjectType::File) return MatchesAny(path_globs_, path);
   const std::string parent = Poco::Path(path, Poco::Path::PATH_UNIX).parent().toString(Poco::Path::PATH_UNIX);
-  return std::any_of(path_globs_.begin(), path_globs_.end(), [&](const PathGlob& glob) {
+  return std::any_of(path_globs_.begin(), path_globs_.end(), [&](const edr::PathGlob& glob) {
     return MatchAndTrace(glob, path) || MatchAndTrace(glob, path + "/*") || MatchAndTrace(glob, parent);
   });
 }

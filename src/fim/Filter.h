@@ -9,8 +9,8 @@
 
 #include "common/src/util/Json.h"
 #include "src/edr/Event.h"
+#include "src/edr/PathGlob.h"
 #include "src/fim/ManifestMistake.h"
-#include "src/fim/PathGlob.h"
 
 namespace zagent::fim::internal {
 
@@ -60,10 +60,10 @@ class Filter {
   [[nodiscard]] bool MatchesProcess(const edr::Event& event) const;
 
   std::optional<edr::ObjectType> object_type_;
-  std::vector<std::string> patterns_;  // as the manifest has them, "*/" put before bare names
-  std::vector<PathGlob> path_globs_;   // the rule's path and each pattern
-  std::vector<PathGlob> process_globs_;
-  std::vector<PathGlob> user_globs_;
+  std::vector<std::string> patterns_;      // as the manifest has them, "*/" put before bare names
+  std::vector<edr::PathGlob> path_globs_;  // the rule's path and each pattern
+  std::vector<edr::PathGlob> process_globs_;
+  std::vector<edr::PathGlob> user_globs_;
   int start_second_ = 0;  // of the day, UTC; start and end the same: the whole day
   int end_second_ = 0;
 };

@@ -4,7 +4,7 @@
 #include <string_view>
 
 #include "common/src/util/Json.h"
-#include "src/fim/Utf8.h"
+#include "common/src/util/Utf8.h"
 
 namespace zagent::fim::internal {
 namespace {
@@ -115,7 +115,7 @@ class Copier {
 void CheckBytes(std::string_view text) {
   for (std::size_t position = 0; position < text.size();) {
     const std::size_t start = position;
-    const std::optional<char32_t> code_point = NextCodePoint(text, position);
+    const std::optional<char32_t> code_point = common::util::NextCodePoint(text, position);
     if (!code_point) throw JsonCopyException(kBadText, start);
     if (*code_point == 0) throw JsonCopyException("The document holds a NUL byte.", start);
   }

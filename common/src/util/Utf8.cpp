@@ -1,9 +1,9 @@
-#include "src/fim/Utf8.h"
+#include "common/src/util/Utf8.h"
 
 #include <array>
 #include <cstdint>
 
-namespace zagent::fim::internal {
+namespace zagent::common::util {
 namespace {
 
 // The lead bytes of sequences of two, three and four bytes, and the smallest code point that needs that many.
@@ -68,4 +68,4 @@ std::string ReplaceInvalidUtf8(std::string_view text) {
   return valid;
 }
 
-}  // namespace zagent::fim::internal
+}  // namespace zagent::common::util

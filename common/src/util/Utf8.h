@@ -6,7 +6,7 @@
 #include <string_view>
 
 // File names are bytes. These two say what they mean as text.
-namespace zagent::fim::internal {
+namespace zagent::common::util {
 
 // The code point that starts at `position` (below text.size()), and moves `position` behind it. A byte that begins no
 // well-formed UTF-8 sequence (RFC 3629: no overlong forms, no surrogates) gives nothing and is passed alone, so that
@@ -16,4 +16,4 @@ std::optional<char32_t> NextCodePoint(std::string_view text, std::size_t& positi
 // `text` with U+FFFD in the place of every such byte.
 std::string ReplaceInvalidUtf8(std::string_view text);
 
-}  // namespace zagent::fim::internal
+}  // namespace zagent::common::util

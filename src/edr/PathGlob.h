@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-namespace zagent::fim::internal {
+namespace zagent::edr {
 
 // A glob over whole texts with the meaning of Poco::Glob's default options: "*" stands for any number of characters
 // and "?" for one, "/" and leading dots included; "[a-z]" and "[!a-z]" are classes; a backslash takes the next
@@ -28,4 +28,4 @@ class PathGlob {
   std::u32string characters_;
 };
 
-}  // namespace zagent::fim::internal
+}  // namespace zagent::edr

@@ -1,4 +1,4 @@
-#include "src/fim/PathGlob.h"
+#include "src/edr/PathGlob.h"
 
 #include <Poco/Exception.h>
 #include <Poco/Glob.h>
@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace zagent::fim::internal {
+namespace zagent::edr {
 namespace {
 
 bool Matches(const std::string& pattern, const std::string& text) {
@@ -132,4 +132,4 @@ TEST(PathGlobTest, ManyStarsAgainstALongTextAreInstant) {
 }
 
 }  // namespace
-}  // namespace zagent::fim::internal
+}  // namespace zagent::edr

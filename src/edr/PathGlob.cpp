@@ -1,13 +1,13 @@
-#include "src/fim/PathGlob.h"
+#include "src/edr/PathGlob.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <utility>
 #include <vector>
 
-#include "src/fim/Utf8.h"
+#include "common/src/util/Utf8.h"
 
-namespace zagent::fim::internal {
+namespace zagent::edr {
 namespace {
 
 // Bytes that are no UTF-8 get characters of their own above the last code point.
@@ -20,7 +20,7 @@ std::u32string Decode(std::string_view text) {
   while (position < text.size()) {
     const std::size_t start = position;
     const auto stray = kFirstStrayByte + static_cast<std::uint8_t>(text[start]);
-    characters.push_back(NextCodePoint(text, position).value_or(stray));
+    characters.push_back(common::util::NextCodePoint(text, position).value_or(stray));
   }
   return characters;
 }
@@ -169,4 +169,4 @@ std::string PathGlob::Escape(std::string_view literal) {
   return escaped;
 }
 
-}  // namespace zagent::fim::internal
+}  // namespace zagent::edr

@@ -1,8 +1,8 @@
-#include "src/fim/Utf8.h"
+#include "common/src/util/Utf8.h"
 
 #include <gtest/gtest.h>
 
-namespace zagent::fim::internal {
+namespace zagent::common::util {
 namespace {
 
 constexpr const char* kReplacement = "\xEF\xBF\xBD";
@@ -45,4 +45,4 @@ TEST(Utf8Test, DecodesSequencesOfEveryLength) {
 }
 
 }  // namespace
-}  // namespace zagent::fim::internal
+}  // namespace zagent::common::util
