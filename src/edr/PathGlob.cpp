@@ -1,5 +1,8 @@
 #include "src/edr/PathGlob.h"
 
+#include <Poco/Unicode.h>
+
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <utility>
@@ -13,7 +16,14 @@ namespace {
 // Bytes that are no UTF-8 get characters of their own above the last code point.
 constexpr char32_t kFirstStrayByte = 0x110000;
 
-std::u32string Decode(std::string_view text) {
+// As Poco::Glob knows lower case; bytes that are no UTF-8 have none.
+char32_t Lower(char32_t character) {
+  if (character < 0x80) return character >= U'A' && character <= U'Z' ? character + (U'a' - U'A') : character;
+  if (character >= kFirstStrayByte) return character;
+  return static_cast<char32_t>(Poco::Unicode::toLower(static_cast<int>(character)));
+}
+
+std::u32string Decode(std::string_view text, PathGlob::Case letters) {
   std::u32string characters;
   characters.reserve(text.size());
   std::size_t position = 0;
@@ -21,6 +31,9 @@ std::u32string Decode(std::string_view text) {
     const std::size_t start = position;
     const auto stray = kFirstStrayByte + static_cast<std::uint8_t>(text[start]);
     characters.push_back(common::util::NextCodePoint(text, position).value_or(stray));
+  }
+  if (letters == PathGlob::Case::Ignored) {
+    for (char32_t& character : characters) character = Lower(character);
   }
   return characters;
 }
@@ -153,10 +166,21 @@ class Attempt {
 
 }  // namespace
 
-PathGlob::PathGlob(std::string pattern) : pattern_(std::move(pattern)), characters_(Decode(pattern_)) {}
+PathGlob::PathGlob(std::string pattern, Case letters)
+    : pattern_(std::move(pattern)), characters_(Decode(pattern_, letters)), letters_(letters) {
+  if (letters_ == Case::Ignored) return;
+  head_ = std::min(pattern_.find_first_of("*?[\\"), pattern_.size());
+  // What stands behind a class or a backslash may belong to it.
+  if (pattern_.find_first_of("[\\") == std::string::npos) tail_ = pattern_.size() - (pattern_.find_last_of("*?") + 1);
+}
 
 bool PathGlob::Matches(std::string_view text) const {
-  return Attempt(characters_, Decode(text)).Run();
+  // Most patterns do not match most texts, and tell so by their bytes.
+  const std::string_view pattern(pattern_);
+  if (!text.starts_with(pattern.substr(0, head_)) || !text.ends_with(pattern.substr(pattern.size() - tail_))) {
+    return false;
+  }
+  return Attempt(characters_, Decode(text, letters_)).Run();
 }
 
 std::string PathGlob::Escape(std::string_view literal) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -12,10 +14,14 @@ namespace zagent::edr {
 // A match costs at most (length of the pattern) x (length of the text) steps, however many stars the pattern has:
 // patterns come from manifests and texts from whoever names a file.
 //
+// Without regard to case, pattern and text are both taken in lower case.
+//
 // A pattern that is malformed where a match arrives (a class without its end, a last backslash) does not match.
 class PathGlob {
  public:
-  explicit PathGlob(std::string pattern);
+  enum class Case : std::uint8_t { Counts, Ignored };
+
+  explicit PathGlob(std::string pattern, Case letters = Case::Counts);
 
   [[nodiscard]] bool Matches(std::string_view text) const;
   [[nodiscard]] const std::string& GetPattern() const { return pattern_; }
@@ -26,6 +32,9 @@ class PathGlob {
  private:
   std::string pattern_;
   std::u32string characters_;
+  Case letters_;
+  std::size_t head_ = 0;  // bytes of the pattern that a text must begin with
+  std::size_t tail_ = 0;  // and end with
 };
 
 }  // namespace zagent::edr

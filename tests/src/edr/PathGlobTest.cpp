@@ -16,9 +16,9 @@ bool Matches(const std::string& pattern, const std::string& text) {
   return PathGlob(pattern).Matches(text);
 }
 
-bool PocoMatches(const std::string& pattern, const std::string& text) {
+bool PocoMatches(const std::string& pattern, const std::string& text, int options = Poco::Glob::GLOB_DEFAULT) {
   try {
-    return Poco::Glob(pattern).match(text);
+    return Poco::Glob(pattern, options).match(text);
   } catch (const Poco::Exception&) {
     return false;  // a pattern that only fails when it is matched counts as no match
   }
@@ -120,6 +120,30 @@ TEST(PathGlobTest, AgreesWithPocoGlobOnPatternsMadeOfStarsAndClasses) {
     ASSERT_EQ(Matches(pattern, text), PocoMatches(pattern, text))
         << "pattern '" << pattern << "' text '" << text << "'";
   }
+}
+
+TEST(PathGlobTest, CaseIsIgnoredOnDemand) {
+  const PathGlob glob("*ELF 64-bit*\xC3\x89*", PathGlob::Case::Ignored);
+  EXPECT_TRUE(glob.Matches("an elf 64-BIT object of \xC3\xA9 kind"));
+  EXPECT_FALSE(glob.Matches("an elf 32-bit object of \xC3\xA9 kind"));
+  EXPECT_FALSE(Matches("*ELF*", "elf"));
+}
+
+TEST(PathGlobTest, AgreesWithPocoGlobWhereCaseIsIgnored) {
+  constexpr std::array<const char*, 16> kPattern = {"a", "B", "c", "C", "*",  "*",        "?",        "[",
+                                                    "]", "!", "-", "/", "\\", "\xC3\xA9", "\xC3\x89", "D"};
+  constexpr std::array<const char*, 11> kText = {"a", "A", "b", "C", "/", "d", "-", "]", "!", "\xC3\xA9", "\xC3\x89"};
+  Dice dice;
+  int matched = 0;
+  for (int i = 0; i < 300'000; ++i) {
+    const std::string pattern = dice.Roll(kPattern, 9);
+    const std::string text = dice.Roll(kText, 7);
+    const bool expected = PocoMatches(pattern, text, Poco::Glob::GLOB_CASELESS);
+    ASSERT_EQ(PathGlob(pattern, PathGlob::Case::Ignored).Matches(text), expected)
+        << "pattern '" << pattern << "' text '" << text << "'";
+    matched += expected ? 1 : 0;
+  }
+  EXPECT_GT(matched, 5'000);
 }
 
 // Eight stars against sixty characters take a backtracking matcher a minute. The test's own time limit is the proof.
