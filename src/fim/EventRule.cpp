@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "common/src/util/Log.h"
+#include "src/edr/LexicalPath.h"
 #include "src/edr/process/ImageInfo.h"
-#include "src/fim/LexicalPath.h"
 #include "src/fim/LogPrefix.h"
 
 namespace zagent::fim::internal {
@@ -167,8 +167,8 @@ void EventRule::SetPath(const std::string& path) {
   if (path.empty()) throw RuleFault("Cannot create rule: Path is empty.", {"imagePath"});
   // One relative path would make the rule engine refuse the whole batch.
   if (path.front() != '/') throw RuleFault("Cannot create rule: Path is not absolute.", {"imagePath"});
-  path_ = Tidy(path);
-  normal_path_ = LexicallyNormal(path_);
+  path_ = edr::Tidy(path);
+  normal_path_ = edr::LexicallyNormal(path_);
   path_depth_ = DepthOf(normal_path_);
 }
 
@@ -254,7 +254,7 @@ bool EventRule::WantsAction(const edr::Event& event) const {
 bool EventRule::LiesElsewhere(const edr::Event& event) const {
   const std::string_view own = normal_path_ == "/" ? std::string_view() : normal_path_;
   const auto is_elsewhere = [own](const common::ImageInfo* file) {
-    const std::string path = LexicallyNormal(PathOf(file));
+    const std::string path = edr::LexicallyNormal(PathOf(file));
     return path.starts_with('/') && !(path.starts_with(own) && (path.size() == own.size() || path[own.size()] == '/'));
   };
   const bool was_elsewhere = is_elsewhere(event.GetFile());
@@ -279,13 +279,13 @@ bool EventRule::MatchFilters(const edr::Event& event) const {
 }
 
 bool EventRule::IsWithinDepth(const std::string& path) const {
-  const int depth = DepthOf(LexicallyNormal(path));
+  const int depth = DepthOf(edr::LexicallyNormal(path));
   ZLOG_TRACE("Depth of path : " << path << " is " << depth);
   return depth - path_depth_ <= recursive_depth_;
 }
 
 bool EventRule::IsBelowPath(const std::string& path) const {
-  return LexicallyNormal(path).starts_with(normal_path_);
+  return edr::LexicallyNormal(path).starts_with(normal_path_);
 }
 
 }  // namespace zagent::fim::internal

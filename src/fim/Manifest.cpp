@@ -1,7 +1,5 @@
 #include "src/fim/Manifest.h"
 
-#include <algorithm>
-
 #include "common/src/util/Log.h"
 #include "src/fim/LogPrefix.h"
 
@@ -10,20 +8,6 @@ namespace {
 
 // A well-formed manifest has nine levels. Writing a value to the log recurses, so depth is limited before.
 constexpr int kMaxNesting = 32;
-
-bool IsNestedDeeperThan(const rapidjson::Value& value, int limit) {
-  if (!value.IsObject() && !value.IsArray()) return false;
-  if (limit == 0) return true;
-  if (value.IsArray()) {
-    const auto elements = value.GetArray();
-    return std::any_of(elements.begin(), elements.end(),
-                       [&](const rapidjson::Value& element) { return IsNestedDeeperThan(element, limit - 1); });
-  }
-  const auto members = value.GetObject();
-  return std::any_of(members.begin(), members.end(), [&](const rapidjson::Value::Member& member) {
-    return IsNestedDeeperThan(member.value, limit - 1);
-  });
-}
 
 [[noreturn]] void Fail(const std::string& reason, JsonPlace place) {
   throw ManifestException(std::vector<ManifestMistake>{ManifestMistake{reason, std::move(place), ""}});
@@ -43,7 +27,7 @@ std::string IdOf(const rapidjson::Value& rule) {
 }  // namespace
 
 Manifest::Manifest(const rapidjson::Value& document) {
-  if (IsNestedDeeperThan(document, kMaxNesting)) Fail("Manifest is nested too deeply", {});
+  if (common::util::IsNestedDeeperThan(document, kMaxNesting)) Fail("Manifest is nested too deeply", {});
   const rapidjson::Value& data = Mandatory(document, "data", {});
   const rapidjson::Value& fim = Mandatory(data, "fim", {"data"});
 

@@ -21,7 +21,7 @@ Manifest ParseManifest(const std::string& path, std::string_view text, const rap
   } catch (const ManifestException& error) {
     std::vector<Fault> faults;
     for (const ManifestMistake& mistake : error.Mistakes()) {
-      faults.push_back({mistake.Text(), internal::PositionOf(text, internal::OffsetOf(text, mistake.place))});
+      faults.push_back({mistake.Text(), common::util::PositionOf(text, common::util::OffsetOf(text, mistake.place))});
     }
     const std::string more = faults.size() > 1 ? " (and " + std::to_string(faults.size() - 1) + " more)" : "";
     throw ManifestFileException("Failed to parse manifest " + path + ": " + PlaceAndText(faults.front()) + more,
@@ -42,7 +42,7 @@ ManifestFile ReadManifestFile(const std::string& path) {
   common::util::ParseJson(document, text);
   if (document.HasParseError()) {
     const Fault fault{rapidjson::GetParseError_En(document.GetParseError()),
-                      internal::PositionOf(text, document.GetErrorOffset())};
+                      common::util::PositionOf(text, document.GetErrorOffset())};
     throw ManifestFileException("Invalid manifest json format for: " + path + ": " + PlaceAndText(fault), {fault});
   }
   Manifest manifest = ParseManifest(path, text, document);

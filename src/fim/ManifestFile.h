@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "src/fim/JsonPosition.h"
+#include "common/src/util/JsonPlace.h"
 #include "src/fim/Manifest.h"
 
 namespace zagent::fim {
@@ -15,7 +15,7 @@ class ManifestFileException : public std::runtime_error {
  public:
   struct Fault {
     std::string text;
-    internal::TextPosition position;
+    common::util::TextPosition position;
   };
   ManifestFileException(const std::string& line, std::vector<Fault> faults)
       : std::runtime_error(line), faults_(std::move(faults)) {}

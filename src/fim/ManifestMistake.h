@@ -1,15 +1,13 @@
 #pragma once
 
 #include <string>
-#include <vector>
+
+#include "common/src/util/JsonPlace.h"
 
 namespace zagent::fim {
 
-// What leads to a value in a JSON document: names of members, and positions in arrays as decimal numbers.
-using JsonPlace = std::vector<std::string>;
-
-// `inner`, seen from where `outer` begins.
-JsonPlace Within(JsonPlace outer, const JsonPlace& inner);
+using common::util::JsonPlace;
+using common::util::Within;
 
 // One thing that is wrong in a manifest.
 struct ManifestMistake {

@@ -19,9 +19,9 @@
 namespace zagent::manifest_check {
 namespace {
 
+using common::util::TextPosition;
 using fim::JsonPlace;
 using fim::ManifestFile;
-using fim::internal::TextPosition;
 
 constexpr const char* kKnownVersion = "1.0";
 
@@ -63,7 +63,7 @@ JsonPlace PlaceOfRule(std::size_t position) {
 }
 
 TextPosition PositionOf(const ManifestFile& file, const JsonPlace& place) {
-  return fim::internal::PositionOf(file.text, fim::internal::OffsetOf(file.text, place));
+  return common::util::PositionOf(file.text, common::util::OffsetOf(file.text, place));
 }
 
 // Which rule has got the id beside its own; empty for the own one.

@@ -37,10 +37,10 @@ class ManifestCheck {
 
   bool CheckRules(const std::string& path, const fim::ManifestFile& file);
   bool CheckRule(const std::string& path, const fim::ManifestFile& file, std::size_t position);
-  bool CheckId(const std::string& path, const fim::internal::TextPosition& place, const KnownId& own);
+  bool CheckId(const std::string& path, const common::util::TextPosition& place, const KnownId& own);
   void WarnOfUnknownKeys(const std::string& path, const fim::ManifestFile& file);
   void WarnIfMissing(const std::string& path, const edr::EventRule& rule);
-  void PrintFault(const std::string& path, const fim::internal::TextPosition& place, const std::string& text);
+  void PrintFault(const std::string& path, const common::util::TextPosition& place, const std::string& text);
   void PrintWarning(const std::string& path, const std::string& text);
 
   std::ostream& out_;

@@ -1,5 +1,6 @@
 #include "common/src/util/Json.h"
 
+#include <algorithm>
 #include <vector>
 
 namespace zagent::common::util {
@@ -44,6 +45,20 @@ const rapidjson::Value* Next(Level& level, Writer& writer) {
 }
 
 }  // namespace
+
+bool IsNestedDeeperThan(const rapidjson::Value& value, int limit) {
+  if (!value.IsObject() && !value.IsArray()) return false;
+  if (limit == 0) return true;
+  if (value.IsArray()) {
+    const auto elements = value.GetArray();
+    return std::any_of(elements.begin(), elements.end(),
+                       [&](const rapidjson::Value& element) { return IsNestedDeeperThan(element, limit - 1); });
+  }
+  const auto members = value.GetObject();
+  return std::any_of(members.begin(), members.end(), [&](const rapidjson::Value::Member& member) {
+    return IsNestedDeeperThan(member.value, limit - 1);
+  });
+}
 
 std::string WriteJson(const rapidjson::Value& value) {
   rapidjson::StringBuffer buffer;

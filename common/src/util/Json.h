@@ -62,6 +62,10 @@ inline std::string ToString(const rapidjson::Value& value) {
   return {value.GetString(), value.GetStringLength()};
 }
 
+// Whether objects and arrays stand in each other more than `limit` deep; goes down no further. What is done with a
+// value from outside level by level, a copy for example, asks this first.
+bool IsNestedDeeperThan(const rapidjson::Value& value, int limit);
+
 // Without a blank or a line end. Iterative like the parse.
 std::string WriteJson(const rapidjson::Value& value);
 

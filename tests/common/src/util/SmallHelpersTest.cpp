@@ -58,6 +58,17 @@ TEST(JsonTest, AMillionNestedArraysAreWrittenWithoutUsingUpTheStack) {
   EXPECT_EQ(WriteJson(document), text);
 }
 
+TEST(JsonTest, NestingIsMeasuredNoDeeperThanAsked) {
+  rapidjson::Document document;
+  ParseJson(document, R"({"a":[1,{"b":2}]})");
+  EXPECT_FALSE(IsNestedDeeperThan(document, 3));
+  EXPECT_TRUE(IsNestedDeeperThan(document, 2));
+  EXPECT_FALSE(IsNestedDeeperThan(document["a"][0], 0));
+  rapidjson::Document deep;
+  ParseJson(deep, std::string(1'000'000, '[') + std::string(1'000'000, ']'));
+  EXPECT_TRUE(IsNestedDeeperThan(deep, 32));
+}
+
 TEST(JsonTest, ASecondDocumentOrANulByteIsAnErrorAndTrailingBlanksAreNot) {
   rapidjson::Document document;
   ParseJson(document, "{} {}");

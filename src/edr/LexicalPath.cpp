@@ -1,8 +1,8 @@
-#include "src/fim/LexicalPath.h"
+#include "src/edr/LexicalPath.h"
 
 #include <algorithm>
 
-namespace zagent::fim::internal {
+namespace zagent::edr {
 namespace {
 
 // Events have tidy paths nearly always.
@@ -42,4 +42,4 @@ std::string LexicallyNormal(std::string_view path) {
   return path.empty() || IsTidy(path) ? std::string(path) : Joined(path, Dots::Followed);
 }
 
-}  // namespace zagent::fim::internal
+}  // namespace zagent::edr

@@ -1,9 +1,9 @@
-#include "src/fim/JsonPosition.h"
+#include "common/src/util/JsonPlace.h"
 
 #include <algorithm>
 #include <charconv>
 
-namespace zagent::fim::internal {
+namespace zagent::common::util {
 namespace {
 
 // Walks over a well-formed text; at its end every step stays where it is.
@@ -93,6 +93,24 @@ class Walker {
 
 }  // namespace
 
+JsonPlace Within(JsonPlace outer, const JsonPlace& inner) {
+  outer.insert(outer.end(), inner.begin(), inner.end());
+  return outer;
+}
+
+std::string KeyText(const JsonPlace& place, std::size_t first) {
+  std::string text;
+  for (std::size_t i = first; i < place.size(); ++i) {
+    const std::string& step = place[i];
+    if (!step.empty() && step.find_first_not_of("0123456789") == std::string::npos) {
+      text += "[" + step + "]";
+    } else {
+      text += (text.empty() ? "" : ".") + step;
+    }
+  }
+  return text;
+}
+
 TextPosition PositionOf(std::string_view text, std::size_t offset) {
   const std::string_view before = text.substr(0, offset);
   TextPosition position;
@@ -113,4 +131,4 @@ std::size_t OffsetOf(std::string_view json, const JsonPlace& place) {
   return offset;
 }
 
-}  // namespace zagent::fim::internal
+}  // namespace zagent::common::util

@@ -1,8 +1,8 @@
-#include "src/fim/LexicalPath.h"
+#include "src/edr/LexicalPath.h"
 
 #include <gtest/gtest.h>
 
-namespace zagent::fim::internal {
+namespace zagent::edr {
 namespace {
 
 TEST(LexicalPathTest, ATidyPathStaysAsItIs) {
@@ -41,4 +41,4 @@ TEST(LexicalPathTest, NamesThatBeginWithADotAreNames) {
 }
 
 }  // namespace
-}  // namespace zagent::fim::internal
+}  // namespace zagent::edr

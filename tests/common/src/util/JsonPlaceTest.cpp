@@ -1,10 +1,10 @@
-#include "src/fim/JsonPosition.h"
+#include "common/src/util/JsonPlace.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
-namespace zagent::fim::internal {
+namespace zagent::common::util {
 namespace {
 
 // What stands at the place, to the end of the text.
@@ -12,7 +12,7 @@ std::string At(const std::string& json, const JsonPlace& place) {
   return json.substr(OffsetOf(json, place));
 }
 
-TEST(JsonPositionTest, FindsMembersAndElements) {
+TEST(JsonPlaceTest, FindsMembersAndElements) {
   const std::string json = R"( { "a" : 1, "b": [ true, {"c" : -1.5e3, "d":"x"} , null ], "e":{} } )";
   EXPECT_EQ(At(json, {}), json.substr(1));
   EXPECT_EQ(At(json, {"a"}).substr(0, 2), "1,");
@@ -23,13 +23,13 @@ TEST(JsonPositionTest, FindsMembersAndElements) {
   EXPECT_EQ(At(json, {"e"}).substr(0, 2), "{}");
 }
 
-TEST(JsonPositionTest, TextsThatLookLikeJsonAreTexts) {
+TEST(JsonPlaceTest, TextsThatLookLikeJsonAreTexts) {
   const std::string json = R"({"x":"}],\"a\":{","y":["[\\",{"z":"\\"}],"a":7})";
   EXPECT_EQ(At(json, {"a"}), "7}");
   EXPECT_EQ(At(json, {"y", "1", "z"}), R"("\\"}],"a":7})");
 }
 
-TEST(JsonPositionTest, WhatIsNotThereIsFoundAsFarAsItIs) {
+TEST(JsonPlaceTest, WhatIsNotThereIsFoundAsFarAsItIs) {
   const std::string json = R"({"a":[{"b":1}]})";
   EXPECT_EQ(At(json, {"a", "0", "missing"}), R"({"b":1}]})");
   EXPECT_EQ(At(json, {"a", "7"}), R"([{"b":1}]})");
@@ -39,12 +39,19 @@ TEST(JsonPositionTest, WhatIsNotThereIsFoundAsFarAsItIs) {
   EXPECT_EQ(At("[]", {"3"}), "[]");
 }
 
-TEST(JsonPositionTest, AMillionBracketsCostNoStack) {
+TEST(JsonPlaceTest, APlaceIsWrittenAsAKey) {
+  EXPECT_EQ(KeyText({}), "");
+  EXPECT_EQ(KeyText({"data", "rules", "0", "notify", "1"}), "data.rules[0].notify[1]");
+  EXPECT_EQ(KeyText({"data", "rules", "0", "notify", "1"}, 3), "notify[1]");
+  EXPECT_EQ(KeyText(Within({"a", "2"}, {"b"})), "a[2].b");
+}
+
+TEST(JsonPlaceTest, AMillionBracketsCostNoStack) {
   const std::string deep = std::string(1'000'000, '[') + std::string(1'000'000, ']');
   EXPECT_EQ(At(R"({"deep":)" + deep + R"(,"a":7})", {"a"}), "7}");
 }
 
-TEST(JsonPositionTest, LinesAndColumnsAreThoseOfAnEditor) {
+TEST(JsonPlaceTest, LinesAndColumnsAreThoseOfAnEditor) {
   const std::string text = "first\n\xC3\xA4\xE2\x82\xACx\nlast";
   EXPECT_EQ(PositionOf(text, 0), (TextPosition{1, 1}));
   EXPECT_EQ(PositionOf(text, 5), (TextPosition{1, 6}));
@@ -54,4 +61,4 @@ TEST(JsonPositionTest, LinesAndColumnsAreThoseOfAnEditor) {
 }
 
 }  // namespace
-}  // namespace zagent::fim::internal
+}  // namespace zagent::common::util

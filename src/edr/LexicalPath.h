@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-namespace zagent::fim::internal {
+namespace zagent::edr {
 
 // The path without doubled slashes, "." and a slash at its end: the same to whoever looks it up. "" stays empty, a
 // relative path stays relative.
@@ -13,4 +13,4 @@ namespace zagent::fim::internal {
 // leads above "/" is "/".
 [[nodiscard]] std::string LexicallyNormal(std::string_view path);
 
-}  // namespace zagent::fim::internal
+}  // namespace zagent::edr
