@@ -9,7 +9,7 @@
 set(OSTREL_FLOORS
     util:0 config:1 tasks:1 storage:2 http:2 edr:3 health:3 process:4
     audit_channels:5 audit_events:5 audit_rules:6 audit_routing:6 audit_parser:6 fim:6 audit_engine:7
-    ioc_config:5 ioc_process:5 ioc_rules:6 ioc_protobuf:6 ioc_engines:7 ioc:8
+    ioc_config:4 ioc_process:5 ioc_rules:6 ioc_protobuf:6 ioc_engines:7 ioc:8
     manifest_check:9
     host:9)
 

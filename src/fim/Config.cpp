@@ -9,56 +9,6 @@
 namespace zagent::fim {
 namespace {
 
-using common::util::FindMember;
-
-// Reads one section; every answer is "nothing" once a key was missing or of the wrong type.
-class SectionReader {
- public:
-  explicit SectionReader(const rapidjson::Value& json) : json_(json), valid_(json.IsObject()) {}
-
-  std::uint32_t Uint(const char* key) {
-    const rapidjson::Value* member = Find(key);
-    if (member != nullptr && member->IsUint()) return member->GetUint();
-    valid_ = false;
-    return 0;
-  }
-
-  std::string Text(const char* key) {
-    const rapidjson::Value* member = Find(key);
-    if (member != nullptr && member->IsString()) return common::util::ToString(*member);
-    valid_ = false;
-    return "";
-  }
-
-  std::vector<Config::ManifestEntry> Manifests(const char* key) {
-    const rapidjson::Value* member = Find(key);
-    std::vector<Config::ManifestEntry> entries;
-    if (member == nullptr || !member->IsArray()) {
-      valid_ = false;
-      return entries;
-    }
-    for (const rapidjson::Value& element : member->GetArray()) {
-      SectionReader entry(element);
-      entries.push_back({entry.Text("manifest_path"), entry.Text("manifest_type")});
-      valid_ = valid_ && entry.IsValid();
-    }
-    return entries;
-  }
-
-  [[nodiscard]] bool IsValid() const { return valid_; }
-
- private:
-  [[nodiscard]] const rapidjson::Value* Find(const char* key) const { return FindMember(json_, key); }
-
-  const rapidjson::Value& json_;
-  bool valid_;
-};
-
-// The spool puts its files right into its folder: the stem of their names is one path component.
-bool IsFileName(const std::string& name) {
-  return name.find('/') == std::string::npos && name.find('\0') == std::string::npos;
-}
-
 std::string JoinUrl(std::string base, const std::string& path) {
   while (!base.empty() && base.back() == '/') base.pop_back();
   const std::size_t start = path.find_first_not_of('/');
@@ -68,7 +18,7 @@ std::string JoinUrl(std::string base, const std::string& path) {
 }  // namespace
 
 Config::Values Config::Parse(const rapidjson::Value& json, const char* error) {
-  SectionReader section(json);
+  common::SectionReader section(json);
   Values values;
   values.upload_interval = section.Uint("upload_interval");
   values.service_url = section.Text("service_url");
@@ -77,8 +27,8 @@ Config::Values Config::Parse(const rapidjson::Value& json, const char* error) {
   values.max_disk_size_mb = section.Uint("max_disk_size_mb");
   values.manifests = section.Manifests("manifests");
   values.event_file_path = section.Text("event_file_path");
-  values.event_file_name = section.Text("event_file_name");
-  if (!section.IsValid() || !IsFileName(values.event_file_name) || common::util::HasForeignScheme(values.service_url)) {
+  values.event_file_name = section.FileName("event_file_name");
+  if (!section.IsValid() || common::util::HasForeignScheme(values.service_url)) {
     throw std::invalid_argument(error);
   }
   return values;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "common/src/config/CommonConfig.h"
+#include "common/src/config/SectionReader.h"
 #include "common/src/util/Json.h"
 
 namespace zagent::fim {
@@ -14,12 +15,7 @@ namespace zagent::fim {
 // read of one setting.
 class Config {
  public:
-  // One element of `manifests`. The type is the management side's and is passed on as it is.
-  struct ManifestEntry {
-    std::string path;
-    std::string type;
-    bool operator==(const ManifestEntry&) const = default;
-  };
+  using ManifestEntry = common::ManifestEntry;
 
   // Takes the service URL from `common`. Every key is required; throws std::invalid_argument
   // "Fim::Config: Invalid json".
