@@ -57,8 +57,16 @@ void HealthStore::CountRefused(std::uint64_t documents) noexcept {
   refused_documents_ += documents;
 }
 
+void HealthStore::CountDropped(std::uint64_t events) noexcept {
+  dropped_events_ += events;
+}
+
 std::uint64_t HealthStore::RefusedDocuments() const {
   return refused_documents_;
+}
+
+std::uint64_t HealthStore::DroppedEvents() const {
+  return dropped_events_;
 }
 
 std::uint64_t HealthStore::GetWaitingBytes() const {

@@ -47,8 +47,10 @@ class HealthStore final : public HealthReporter {
 
   void Report(HealthStatus status) noexcept override;
   void CountRefused(std::uint64_t documents) noexcept override;
-  // Of all CountRefused so far.
+  void CountDropped(std::uint64_t events) noexcept override;
+  // Of all CountRefused and CountDropped so far.
   [[nodiscard]] std::uint64_t RefusedDocuments() const;
+  [[nodiscard]] std::uint64_t DroppedEvents() const;
 
   // What waits in memory. From any thread.
   [[nodiscard]] std::uint64_t GetWaitingBytes() const;
@@ -101,6 +103,7 @@ class HealthStore final : public HealthReporter {
   bool is_batch_away_ = false;
   bool owes_delete_ = false;  // what is in the database has been sent
   std::atomic<std::uint64_t> refused_documents_{0};
+  std::atomic<std::uint64_t> dropped_events_{0};
 };
 
 }  // namespace zagent::health

@@ -22,6 +22,10 @@ class FakeHealthReporter final : public health::HealthReporter {
     const std::lock_guard lock(mutex_);
     refused_ += documents;
   }
+  void CountDropped(std::uint64_t events) noexcept override {
+    const std::lock_guard lock(mutex_);
+    dropped_ += events;
+  }
 
   [[nodiscard]] std::vector<health::HealthStatus> Statuses() const {
     const std::lock_guard lock(mutex_);
@@ -30,6 +34,10 @@ class FakeHealthReporter final : public health::HealthReporter {
   [[nodiscard]] std::uint64_t Refused() const {
     const std::lock_guard lock(mutex_);
     return refused_;
+  }
+  [[nodiscard]] std::uint64_t Dropped() const {
+    const std::lock_guard lock(mutex_);
+    return dropped_;
   }
 
   // One line each, in order: "4002 /etc/manifest.json 0 manifest=failed reason=..." with the details behind the fields.
@@ -56,6 +64,7 @@ class FakeHealthReporter final : public health::HealthReporter {
   mutable std::mutex mutex_;
   std::vector<health::HealthStatus> statuses_;
   std::uint64_t refused_ = 0;
+  std::uint64_t dropped_ = 0;
 };
 
 }  // namespace zagent::fakes

@@ -91,7 +91,7 @@ void ThreadedClass::SetWait(std::uint64_t wait_millis, std::function<bool()> wak
 }
 
 void ThreadedClass::Run() {
-  util::NameThisThread(name_.c_str());
+  util::NameThisThread(thread_name_.c_str());
   // Said when it happens: the Stop that says it again may be days away.
   try {
     while (!stopped_) TakeTurn();

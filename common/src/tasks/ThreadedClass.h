@@ -8,6 +8,7 @@
 #include <future>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "common/src/tasks/ResourceMonitor.h"
 #include "common/src/util/Clock.h"
@@ -51,6 +52,9 @@ class ThreadedClass {
   // wake predicate or a resource monitor that threw) is logged when it happens and again here; it is not thrown on.
   void Stop();
 
+  // What the loop's thread is called in /proc; its class's name otherwise. Before Start.
+  void SetThreadName(std::string name) { thread_name_ = std::move(name); }
+
   // True before Start and from Stop on.
   [[nodiscard]] bool IsStopped() const { return stopped_; }
   // Ends a wait early if the wake predicate holds.
@@ -79,6 +83,7 @@ class ThreadedClass {
   void EndThread();
 
   const std::string name_;
+  std::string thread_name_ = name_;
   util::Clock& clock_;
   ResourceMonitor monitor_;
   std::atomic<bool> stopped_{true};

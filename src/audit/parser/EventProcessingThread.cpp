@@ -11,6 +11,7 @@
 
 #include "common/src/util/Log.h"
 #include "common/src/util/ThreadName.h"
+#include "src/edr/EventQueueLimit.h"
 
 namespace zagent::audit {
 namespace {
@@ -33,7 +34,7 @@ EventProcessingThread::EventProcessingThread(edr::EventRuleEngine& rule_engine, 
 EventProcessingThread::EventProcessingThread(edr::EventRuleEngine& rule_engine, std::uint64_t cpu_limit,
                                              std::uint64_t memory_limit, IntakeReports reports,
                                              common::util::Clock& clock, common::LoadProbe load)
-    : max_queue_events_(QueueLimitFor(memory_limit * load.total_memory_kb / 100)),
+    : max_queue_events_(edr::EventQueueLimit(memory_limit * load.total_memory_kb / 100)),
       load_(std::move(load)),
       cpu_limit_(cpu_limit),
       rule_engine_(rule_engine),
@@ -48,13 +49,6 @@ EventProcessingThread::~EventProcessingThread() {
   } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
     // Whoever reads the reports has been told.
   }
-}
-
-std::uint64_t EventProcessingThread::QueueLimitFor(std::uint64_t allowed_memory_kb) {
-  const std::uint64_t share = 30 * allowed_memory_kb;
-  if (share <= 999'999) return 10'000;
-  if (share <= 10'000'099) return share / 100;
-  return 100'000;
 }
 
 void EventProcessingThread::Start() {

@@ -21,7 +21,7 @@ namespace zagent::audit {
 // processors arrive out of order) and gives each to the rule engine, after what has become due there. ProcessEvent,
 // OnIdle and OnStop are called on this stage's thread only.
 //
-// Bound: 10,000 to 100,000 events, by the allowed memory. At the bound AddEvents waits until the whole queue was taken
+// Bound: edr::EventQueueLimit. At the bound AddEvents waits until the whole queue was taken
 // and processed.
 //
 // A stage that dies of an exception is a stopped stage: its producer is woken and never waits again.
@@ -52,9 +52,6 @@ class EventProcessingThread {
 
   // Those of the batch at hand among them. From any thread.
   [[nodiscard]] std::uint64_t GetQueuedEvents() const { return queued_events_; }
-
-  // `allowed_memory_kb` is the memory limit's share of the total memory.
-  static std::uint64_t QueueLimitFor(std::uint64_t allowed_memory_kb);
 
  private:
   void Run();

@@ -19,6 +19,7 @@
 #include "common/src/util/ThreadName.h"
 #include "src/audit/channels/AuditNetlink.h"
 #include "src/audit/routing/OwnActivity.h"
+#include "src/edr/EventQueueLimit.h"
 #include "src/edr/host/MemoryCheck.h"
 #include "src/edr/host/SigningKeys.h"
 
@@ -140,7 +141,7 @@ void Daemon::BuildEngine() {
       .agent_install_path = common_config_->GetAgentInstallPath(),
       .sibling_names = audit::internal::OwnActivity::DefaultSiblingNames(),
       // As many as the event stage may hold.
-      .max_resting_events = audit::EventProcessingThread::QueueLimitFor(allowed_memory_kb),
+      .max_resting_events = EventQueueLimit(allowed_memory_kb),
       .agent_effective_uid = common_config_->GetAgentEffectiveUid(),
       .extended_coverage = edr_config_->HasExtendedCoverage(),
       .watch_folders = [this](auto folders) { folder_scan_->Watch(std::move(folders)); },

@@ -31,7 +31,9 @@ class HealthIntake {
 
   struct Sources {
     const audit::IntakeCounters& counters;
-    std::function<std::uint64_t()> refused_documents;  // by the spools, since the start
+    // Both since the start, and only growing.
+    std::function<std::uint64_t()> refused_documents;  // by the spools
+    std::function<std::uint64_t()> dropped_events;     // by the components
   };
 
   // All of them outlive this object. Asks the kernel for its count at once: what is lost from here on is the program's
@@ -55,6 +57,7 @@ class HealthIntake {
   struct Losses {
     std::uint64_t kernel = 0;
     std::uint64_t refused = 0;
+    std::uint64_t dropped = 0;
     audit::IntakeCounters::Snapshot counts{};
 
     [[nodiscard]] Losses Since(const Losses& earlier) const;

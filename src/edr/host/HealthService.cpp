@@ -12,8 +12,10 @@ HealthService::HealthService(health::AHSSettings settings, const std::string& di
                              const audit::IntakeCounters& counters, audit::AuditNetlink& netlink)
     : scheduler_(scheduler),
       store_(directory),
-      intake_({.counters = counters, .refused_documents = [this] { return store_.RefusedDocuments(); }}, netlink,
-              store_),
+      intake_({.counters = counters,
+               .refused_documents = [this] { return store_.RefusedDocuments(); },
+               .dropped_events = [this] { return store_.DroppedEvents(); }},
+              netlink, store_),
       uploads_(std::make_shared<health::AHSUploadSchedule>(std::move(settings), store_, std::move(uploader))) {}
 
 HealthService::~HealthService() {

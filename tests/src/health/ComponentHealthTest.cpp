@@ -49,10 +49,13 @@ TEST_F(ComponentHealthTest, HasCodesOfItsOwnForEachComponent) {
                                              "4103 IOC 1 httpStatus=200 correlationId=id"));
 }
 
-TEST_F(ComponentHealthTest, CountsWhatASpoolRefused) {
+TEST_F(ComponentHealthTest, CountsWhatASpoolRefusedAndWhatWasDropped) {
   fim_.CountRefused();
   ioc_.CountRefused(3);
   EXPECT_EQ(reporter_.Refused(), 4U);
+  ioc_.CountDropped();
+  ioc_.CountDropped(5);
+  EXPECT_EQ(reporter_.Dropped(), 6U);
 }
 
 }  // namespace

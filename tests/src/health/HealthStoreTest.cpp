@@ -248,10 +248,14 @@ TEST_F(HealthStoreTest, TellsAnewWhenTooManyContextsAreKnown) {
       << "/1000 was still known";
 }
 
-TEST_F(HealthStoreTest, CountsRefusedDocuments) {
+TEST_F(HealthStoreTest, CountsRefusedDocumentsAndDroppedEvents) {
   store_->CountRefused(2);
   store_->CountRefused(3);
   EXPECT_EQ(store_->RefusedDocuments(), 5U);
+  EXPECT_EQ(store_->DroppedEvents(), 0U);
+  store_->CountDropped(7);
+  store_->CountDropped(1);
+  EXPECT_EQ(store_->DroppedEvents(), 8U);
 }
 
 TEST_F(HealthStoreTest, TakesReportsOfManyThreadsWhileBatchesComeAndGo) {

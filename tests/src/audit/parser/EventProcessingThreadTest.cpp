@@ -80,16 +80,6 @@ class EventProcessingThreadTest : public testing::Test {
                                                                 [] { return 0.0F; }, 4'000'000});
 };
 
-TEST_F(EventProcessingThreadTest, QueueSizeFollowsTheAllowedMemory) {
-  EXPECT_EQ(EventProcessingThread::QueueLimitFor(0), 10'000U);
-  EXPECT_EQ(EventProcessingThread::QueueLimitFor(33'333), 10'000U);  // n = 999,990
-  EXPECT_EQ(EventProcessingThread::QueueLimitFor(33'334), 10'000U);  // n = 1,000,020
-  EXPECT_EQ(EventProcessingThread::QueueLimitFor(100'000), 30'000U);
-  EXPECT_EQ(EventProcessingThread::QueueLimitFor(333'336), 100'000U);  // n = 10,000,080
-  EXPECT_EQ(EventProcessingThread::QueueLimitFor(333'337), 100'000U);  // n = 10,000,110
-  EXPECT_EQ(EventProcessingThread::QueueLimitFor(100'000'000), 100'000U);
-}
-
 TEST_F(EventProcessingThreadTest, TakesItsShareOfTheTotalMemory) {
   // 5 percent of 4 million KB are 200,000 KB.
   const EventProcessingThread stage(engine_, kCpuLimit, 5, Reports(), clock_,

@@ -23,7 +23,9 @@ class HealthIntakeTest : public testing::Test {
  protected:
   HealthIntakeTest() {
     kernel_.lost = 100;  // before the program began
-    intake_.emplace(HealthIntake::Sources{.counters = counters_, .refused_documents = [this] { return refused_; }},
+    intake_.emplace(HealthIntake::Sources{.counters = counters_,
+                                          .refused_documents = [this] { return refused_; },
+                                          .dropped_events = [this] { return dropped_; }},
                     kernel_, reporter_, clock_);
     intake_->TellWhenDue();
   }
@@ -38,12 +40,14 @@ class HealthIntakeTest : public testing::Test {
   fakes::FakeAuditNetlink kernel_;
   audit::IntakeCounters counters_;
   std::uint64_t refused_ = 0;
+  std::uint64_t dropped_ = 0;
   fakes::FakeHealthReporter reporter_;
   std::optional<HealthIntake> intake_;
 };
 
 constexpr const char* kNothingLost =
-    "4004 EDR 1 bytesAtStop=0 eventsDropped=0 fileReplaced=0 kernelLost=0 leftAtStop=0 notBuilt=0 queueDropped=0 "
+    "4004 EDR 1 bytesAtStop=0 componentDropped=0 eventsDropped=0 fileReplaced=0 kernelLost=0 leftAtStop=0 notBuilt=0 "
+    "queueDropped=0 "
     "since=2023-11-14T22:13:20Z spoolRefused=0 unplaced=0 unsupportedCall=0";
 
 TEST_F(HealthIntakeTest, AtTheStartAllIsGoodAndStaysSoWithoutAnotherWord) {
@@ -62,15 +66,28 @@ TEST_F(HealthIntakeTest, EachKindOfLossHasItsField) {
   counters_.Add(Reason::FileReplaced, 7);
   counters_.Add(Reason::NotProcessed, 8);
   refused_ = 9;
+  dropped_ = 10;
   kernel_.lost = 110;
   PassTime(1min);
   EXPECT_EQ(Lines().back(),
-            "4004 EDR 0 bytesAtStop=2 eventsDropped=8 fileReplaced=7 kernelLost=10 leftAtStop=6 notBuilt=3 "
+            "4004 EDR 0 bytesAtStop=2 componentDropped=10 eventsDropped=8 fileReplaced=7 kernelLost=10 leftAtStop=6 "
+            "notBuilt=3 "
             "queueDropped=1 since=2023-11-14T22:13:20Z spoolRefused=9 unplaced=5 unsupportedCall=4");
 }
 
+TEST_F(HealthIntakeTest, WhatAComponentDropsIsALoss) {
+  dropped_ = 3;
+  PassTime(1min);
+  ASSERT_THAT(Lines(), SizeIs(2));
+  EXPECT_THAT(Lines()[1], HasSubstr("4004 EDR 0 bytesAtStop=0 componentDropped=3 "));
+  dropped_ = 5;
+  for (int minute = 0; minute < 5; ++minute) PassTime(1min);
+  EXPECT_THAT(Lines()[2], HasSubstr(" componentDropped=2 "));
+}
+
 TEST_F(HealthIntakeTest, CountsFromItsMakingOnHoweverLateTheFirstLookIs) {
-  HealthIntake busy({.counters = counters_, .refused_documents = [] { return 0; }}, kernel_, reporter_, clock_);
+  HealthIntake busy({.counters = counters_, .refused_documents = [] { return 0; }, .dropped_events = [] { return 0; }},
+                    kernel_, reporter_, clock_);
   kernel_.lost += 7;  // while rules were installed
   clock_.Advance(3min);
   busy.TellWhenDue();
@@ -102,7 +119,8 @@ TEST_F(HealthIntakeTest, TellsLossesThatGoOnEveryFiveMinutesEachCountOnce) {
     PassTime(1min);
   }
   ASSERT_THAT(Lines(), SizeIs(4));  // good, bad in the first minute, then in the sixth and the eleventh
-  EXPECT_THAT(Lines()[1], HasSubstr(" 0 bytesAtStop=0 eventsDropped=0 fileReplaced=0 kernelLost=1 "));
+  EXPECT_THAT(Lines()[1],
+              HasSubstr(" 0 bytesAtStop=0 componentDropped=0 eventsDropped=0 fileReplaced=0 kernelLost=1 "));
   EXPECT_THAT(Lines()[2], HasSubstr(" kernelLost=5 "));
   EXPECT_THAT(Lines()[2], HasSubstr(" since=2023-11-14T22:14:20Z "));
   EXPECT_THAT(Lines()[3], HasSubstr(" kernelLost=5 ")) << "as much again is another status";
