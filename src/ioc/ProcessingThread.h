@@ -1,0 +1,75 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "common/src/tasks/ThreadedClass.h"
+#include "common/src/util/Clock.h"
+#include "src/edr/Event.h"
+
+namespace zagent::ioc::internal {
+
+// The thread that judges events, so that whoever hands them over never waits for an engine. In a turn it processes all
+// that has come, oldest first; without any event it still calls the processor ten times a second, with none.
+//
+// Bound: as many events as the event queue in front of it holds (edr::EventQueueLimit). Beyond it events are dropped,
+// counted, and told in one warning a minute.
+class ProcessingThread final : public common::ThreadedClass {
+ public:
+  // Called on this thread alone, and once it has ended on the destroying one.
+  using Processor = std::function<void(std::unique_ptr<edr::Event>)>;
+  // Told how many events were dropped, on the thread that drops them.
+  using DropCounter = std::function<void(std::uint64_t)>;
+
+  // How long the destructor goes on with what has come before.
+  static constexpr std::chrono::seconds kLastEvents{5};
+
+  // Limits in percent.
+  ProcessingThread(Processor processor, DropCounter count_dropped, std::uint64_t cpu_limit, std::uint64_t memory_limit,
+                   common::util::Clock& clock = common::util::Clock::Real(), const std::string& proc_root = "/proc");
+  ProcessingThread(const ProcessingThread&) = delete;
+  ProcessingThread& operator=(const ProcessingThread&) = delete;
+  // Stops the thread and processes what is queued, for kLastEvents; what then remains is dropped and counted.
+  ~ProcessingThread() override;
+
+  // From any thread; never waits for an engine.
+  void Enqueue(std::unique_ptr<edr::Event> event);
+
+  // Those of the turn at hand among them. From any thread.
+  [[nodiscard]] std::uint64_t GetQueuedEvents() const { return queued_events_; }
+  [[nodiscard]] std::uint64_t GetLimit() const { return limit_; }
+
+ protected:
+  void Execute() override;
+  void OnStart() override {}
+
+ private:
+  using Events = std::deque<std::unique_ptr<edr::Event>>;
+
+  [[nodiscard]] bool HasIntake() const;
+  void TakeIntake();
+  void ProcessNext();
+  void PauseIfCpuIsHigh();
+  void TellOfDrops();
+
+  const Processor processor_;
+  const DropCounter count_dropped_;
+  common::util::Clock& clock_;
+  const std::uint64_t limit_;
+  Events active_;  // of the turn at hand
+  std::atomic<std::uint64_t> queued_events_{0};
+  std::atomic<std::uint64_t> dropped_{0};
+  std::uint64_t told_dropped_ = 0;
+  common::util::Clock::SteadyTime next_tell_;
+
+  mutable std::mutex mutex_;
+  Events intake_;
+};
+
+}  // namespace zagent::ioc::internal
