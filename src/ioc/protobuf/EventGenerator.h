@@ -1,0 +1,20 @@
+#pragma once
+
+#include "src/edr/Event.h"
+
+namespace zagent::ioc::internal {
+
+// Where an event that is to be reported goes. Called by the thread of event processing alone.
+class EventGenerator {
+ public:
+  EventGenerator() = default;
+  EventGenerator(const EventGenerator&) = delete;
+  EventGenerator& operator=(const EventGenerator&) = delete;
+  virtual ~EventGenerator() = default;
+
+  // Reports the event; with its metadata too (what libmagic says of a file) when `send_metadata` is set. Throws a
+  // std::runtime_error that says why an event cannot be reported: it is lost, the next one is not.
+  virtual void Process(const edr::Event& event, bool send_metadata) = 0;
+};
+
+}  // namespace zagent::ioc::internal
