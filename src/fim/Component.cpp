@@ -1,12 +1,9 @@
 #include "src/fim/Component.h"
 
-#include <sys/stat.h>
-
-#include <cerrno>
 #include <stdexcept>
 #include <utility>
 
-#include "common/src/util/ErrnoText.h"
+#include "common/src/storage/SpoolFolder.h"
 #include "common/src/util/Log.h"
 #include "src/fim/JsonDataFormatter.h"
 #include "src/fim/LogPrefix.h"
@@ -25,26 +22,6 @@ std::string WorkingDirectory(std::string base) {
   return base + "/fim/";
 }
 
-// Makes the folder and what is missing above it.
-void CreateFolder(const std::string& path) {
-  std::size_t slash = 0;
-  while (slash != std::string::npos) {
-    slash = path.find('/', slash + 1);
-    const std::string part = path.substr(0, slash);
-    if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
-      throw std::runtime_error("FimComponent: Failed to create " + part + ": " + common::util::ErrnoText(errno));
-    }
-  }
-}
-
-std::string PrepareSpoolFolder(const Config& config, const std::string& working_directory) {
-  std::string path = config.GetEventFilePath();
-  if (path.empty() || path.front() != '/') path = working_directory + path;
-  while (path.size() > 1 && path.back() == '/') path.pop_back();
-  CreateFolder(path);
-  return path;
-}
-
 common::SpoolStorage::Limits SpoolLimits(const Config& config) {
   return {config.GetMaxDiskSizeMb(), config.GetMaxFileAgeSec(), config.GetMaxFileSizeKb()};
 }
@@ -52,7 +29,9 @@ common::SpoolStorage::Limits SpoolLimits(const Config& config) {
 std::unique_ptr<common::SpoolStorage> OpenSpool(const Config& config, const std::string& base_directory,
                                                 common::Scheduler& scheduler, common::util::Clock& clock) {
   return std::make_unique<common::SpoolStorage>(
-      scheduler, PrepareSpoolFolder(config, WorkingDirectory(base_directory)), config.GetEventFileName(),
+      scheduler,
+      common::PrepareSpoolFolder("FimComponent", config.GetEventFilePath(), WorkingDirectory(base_directory)),
+      config.GetEventFileName(),
       std::make_unique<internal::JsonDataFormatter>(), SpoolLimits(config), common::SpoolStorage::kMaxFileCount, clock);
 }
 
