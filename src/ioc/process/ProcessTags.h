@@ -1,0 +1,16 @@
+#pragma once
+
+namespace zagent::ioc::internal::process_tag {
+
+// Tags that tell the state of a process; their value is empty. The two that the tree itself sets do not outlive the
+// run.
+inline constexpr const char* kExcluded = "Excluded";
+inline constexpr const char* kReported = "Reported";
+inline constexpr const char* kTerminated = "Terminated";  // its end was seen
+inline constexpr const char* kTtlExpired = "TtlExpired";  // it has lived for its time, and its events are judged
+
+// Tags whose value is the word of a verdict.
+inline constexpr const char* kHashMatchingVerdict = "HashMatchingVerdict";
+inline constexpr const char* kHeuristicsVerdict = "HeuristicsVerdict";
+
+}  // namespace zagent::ioc::internal::process_tag

@@ -1,0 +1,172 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "common/src/storage/SqlStorage.h"
+#include "common/src/util/Clock.h"
+#include "src/edr/Event.h"
+#include "src/edr/process/ProcessTree.h"
+#include "src/ioc/process/EventHeap.h"
+#include "src/ioc/process/LiveProcesses.h"
+#include "src/ioc/process/ProcessInfo.h"
+
+namespace zagent::ioc {
+
+class TtlProcessTreeException : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// The memory of processes: who they are, what hangs below whom, and the events that wait for a verdict. A process stays
+// until it has both ended and lived for its time (the ttl after its start), and then until its last event was taken.
+// What it knows of running processes outlives a restart in the table "TtlProcesses" of the snapshot database.
+//
+// Whoever judges asks GetExpiredEvents for what is due after every event and in quiet moments, and tells
+// DeleteStaleProcesses about once a second.
+//
+// All processes hang below process 1, which is made from procfs when the first process comes. Parents that were never
+// told of are looked up in procfs while they live; whose parent is gone hangs under process 1. Who starts another
+// program stays in his place with his children and the events that wait, but without tags and score.
+//
+// Bounds: 100,000 processes, and 512 MiB of events by an estimate of their heap. Beyond them GetExpiredEvents hands out
+// the events of the oldest processes early, and forgets as many of those as are too many at its next call, when their
+// events have been judged; later events of theirs are refused like those of any unknown process. One warning a minute
+// tells the numbers.
+//
+// One thread changes the tree. Get, Has, IsPidReused, GetChildren, GetSiblings, GetAncestors, GetSize and
+// GetCachedBytes may be called from any thread; the mutex is held for the look into the map alone.
+class TtlProcessTree {
+ public:
+  struct Bounds {
+    std::size_t processes = 100'000;
+    std::size_t bytes = std::size_t{512} * 1024 * 1024;
+  };
+
+  // `snapshot` outlives the tree; with null nothing is loaded or saved. Takes up the processes of the table that are
+  // still running, reports an end for those that are not, and empties the table. After a reboot, which is known by the
+  // start of process 1, the tree is empty. Throws std::runtime_error "Error reading TtlProcesses table while cleaning
+  // up: <code>" when the table cannot be read.
+  TtlProcessTree(common::SqlStorage* snapshot, std::chrono::seconds ttl, common::util::Clock& clock,
+                 const std::string& proc_root = "/proc");
+  TtlProcessTree(common::SqlStorage* snapshot, std::chrono::seconds ttl, common::util::Clock& clock,
+                 const std::string& proc_root, Bounds bounds);
+  TtlProcessTree(const TtlProcessTree&) = delete;
+  TtlProcessTree& operator=(const TtlProcessTree&) = delete;
+  // Saves the processes; events that wait are lost.
+  ~TtlProcessTree();
+
+  // A process start enters or replaces its process. A start that was made up for a process which is known already (the
+  // same start, the same program) joins its events, and so does every other event. Throws TtlProcessTreeException
+  // "Event id: <id> cannot be added as actor process information is not available" for a process that is not known,
+  // common::GenericProcessTreeException "Ppid: <ppid> does not exist for process: <pid>" when there is nobody to hang a
+  // new one under.
+  void AddEvent(std::unique_ptr<edr::Event> event);
+
+  // Throws common::GenericProcessTreeException "ProcessInfo for pid <pid> does not exist".
+  [[nodiscard]] std::shared_ptr<ProcessInfo> Get(std::int32_t pid) const;
+  [[nodiscard]] bool Has(std::int32_t pid) const;
+  // The event starts a process under the pid of one that has ended.
+  [[nodiscard]] bool IsPidReused(const edr::Event& event) const;
+
+  // Take out the waiting events of the process and of its children, or of everything below it. Throw as Get does.
+  [[nodiscard]] internal::EventHeap GetEventsFromCache(std::int32_t pid);
+  [[nodiscard]] internal::EventHeap GetDescendantEvents(std::int32_t pid);
+  // Takes out what is due: the events of processes whose time is over, of those with too many, of those that have ended
+  // after their time, and what is too much at the bounds.
+  [[nodiscard]] internal::EventHeap GetExpiredEvents();
+
+  // The pid belongs to another process from now on: what lives below it goes under process 1. Throws as Get does.
+  void ExpireProcess(std::int32_t pid);
+  // Forgets who has ended and lived for its time, and looks whether some of the processes that were there before this
+  // run are still there. Throws common::GenericProcessTreeException "Child process with PID: <child> not found while
+  // deleting for Process PID: <pid>" after it has deleted that process.
+  void DeleteStaleProcesses();
+
+  // Throw as Get does. Process 1 has no siblings.
+  [[nodiscard]] std::vector<std::shared_ptr<ProcessInfo>> GetChildren(std::int32_t pid) const;
+  [[nodiscard]] std::vector<std::shared_ptr<ProcessInfo>> GetSiblings(std::int32_t pid) const;
+  // Image paths by pid, of the process itself and of all above it; empty for one that is not known. Throws
+  // std::invalid_argument for a pid below 1.
+  [[nodiscard]] std::map<std::int32_t, std::string> GetAncestors(std::int32_t pid) const;
+
+  // Puts the entry in the place of the one with its pid, whose links it takes over. Throws TtlProcessTreeException
+  // "Failed to update process info: ...".
+  void Update(std::shared_ptr<ProcessInfo> process);
+
+  [[nodiscard]] std::size_t GetSize() const;
+  // Heap of all waiting events, in bytes, by estimate.
+  [[nodiscard]] std::size_t GetCachedBytes() const { return *usage_; }
+
+ private:
+  using Pointer = std::shared_ptr<ProcessInfo>;
+
+  // With or without mutex_ held by the thread that changes the tree:
+  [[nodiscard]] Pointer Find(std::int32_t pid) const;
+
+  void AddStart(std::unique_ptr<edr::Event> event, const Pointer& old);
+  void AddTo(ProcessInfo& process, std::unique_ptr<edr::Event> event);
+  void FollowToInit(ProcessInfo& process, const edr::Event& event);
+  void MoveUnderInit(ProcessInfo& process);
+  [[nodiscard]] static bool IsTheSame(const ProcessInfo& known, const edr::Event& start);
+
+  void EnsureInit(std::int32_t pid, std::int32_t ppid);
+  [[nodiscard]] std::int32_t EnsureParent(std::int32_t pid, std::int32_t ppid, std::int64_t time);
+  [[nodiscard]] bool IsBelow(std::int32_t pid, std::int32_t ancestor) const;
+  void Enter(const Pointer& process, std::int32_t parent);
+  void Replace(const Pointer& process, std::int32_t parent, ProcessInfo& old, std::int64_t time);
+  void Remember(const Pointer& process);
+  void Delete(std::int32_t pid);
+
+  void Take(ProcessInfo& process, internal::EventHeap& heap);
+  void TakeChildren(std::int32_t pid, internal::EventHeap& heap);
+  void ExpireDue();
+  void DropJudged(internal::EventHeap& heap);
+  void EnforceBounds();
+  void ForgetOldest(std::size_t count);
+  void JudgeOldest(std::size_t bytes);
+  void WarnOnceAMinute();
+  void CheckUntold();
+
+  common::SqlStorage* const snapshot_;
+  const std::chrono::seconds ttl_;
+  common::util::Clock& clock_;
+  const Bounds bounds_;
+  internal::LiveProcesses live_;
+  const ProcessInfo::OnCacheFull on_cache_full_;
+
+  mutable std::mutex mutex_;
+  common::GenericProcessTree<ProcessInfo, Pointer> processes_;  // with the links of all processes
+  const std::shared_ptr<ProcessInfo::Usage> usage_ = std::make_shared<ProcessInfo::Usage>(0);
+
+  // For the thread that changes the tree:
+  std::deque<std::pair<std::int32_t, common::util::Clock::SteadyTime>> ttl_queue_;
+  std::deque<std::int32_t> terminated_;
+  std::set<std::int32_t> expired_pids_;           // whose events are due
+  std::unordered_set<std::int32_t> with_events_;  // and perhaps some that have none any more
+  std::map<std::uint64_t, std::int32_t> by_age_;  // the oldest entry first
+  std::unordered_map<std::int32_t, std::uint64_t> ages_;
+  std::uint64_t next_age_ = 0;
+  // Nobody has told of their start in this run, so nobody may tell of their end. True where an end is to be reported.
+  std::map<std::int32_t, bool> untold_;
+  std::int32_t last_checked_ = 0;
+  std::map<std::uint64_t, std::int32_t> judged_;  // to be forgotten at the bound, by age
+  std::optional<common::util::Clock::SteadyTime> warned_;
+  std::size_t forgotten_ = 0;     // at the bound since the last warning
+  std::size_t judged_early_ = 0;  // likewise
+};
+
+}  // namespace zagent::ioc
