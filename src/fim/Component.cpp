@@ -31,8 +31,8 @@ std::unique_ptr<common::SpoolStorage> OpenSpool(const Config& config, const std:
   return std::make_unique<common::SpoolStorage>(
       scheduler,
       common::PrepareSpoolFolder("FimComponent", config.GetEventFilePath(), WorkingDirectory(base_directory)),
-      config.GetEventFileName(),
-      std::make_unique<internal::JsonDataFormatter>(), SpoolLimits(config), common::SpoolStorage::kMaxFileCount, clock);
+      config.GetEventFileName(), std::make_unique<internal::JsonDataFormatter>(), SpoolLimits(config),
+      common::SpoolStorage::kMaxFileCount, clock);
 }
 
 }  // namespace

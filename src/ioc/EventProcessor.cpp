@@ -99,8 +99,8 @@ void EventProcessor::Report(EventHeap events) {
 void EventProcessor::ReportOne(const edr::Event& event) {
   const std::int32_t pid = event.GetActorProcessId();
   const bool is_filtered = engines_.filtering->Process(event) == Verdict::Clean;
-  ZLOG_DEBUG((is_filtered ? "Filtering out " : "Reporting ") << event.GetAction() << " event for process with pid "
-                                                             << pid << " (" << ImagePathOf(pid) << ")");
+  ZLOG_DEBUG((is_filtered ? "Filtering out " : "Reporting ")
+             << event.GetAction() << " event for process with pid " << pid << " (" << ImagePathOf(pid) << ")");
   if (!is_filtered) Generate(event);
 }
 

@@ -21,8 +21,8 @@ namespace zagent::ioc::internal {
 // everything that waits there is judged at once, oldest first. What no verdict has asked for is judged when the time of
 // its process is over: of a clean process only its end and the files that it deleted are reported then.
 //
-// One thread, which alone changes the tree. A failure loses the event at hand: it is counted, and told in one Error line
-// a minute.
+// One thread, which alone changes the tree. A failure loses the event at hand: it is counted, and told in one Error
+// line a minute.
 class EventProcessor {
  public:
   struct Engines {
