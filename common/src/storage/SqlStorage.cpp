@@ -274,6 +274,21 @@ void SqlStorage::DeleteAsync(const std::string& table, const std::string& key, C
        std::move(callback), bytes);
 }
 
+void SqlStorage::DeleteAsync(const std::string& table, const std::vector<std::string>& keys, Callback callback) {
+  CheckAsync(callback, "SqlStorage: onDeleteCallback is invalid");
+  auto change = std::make_unique<Change>(cache_.get(), table);
+  std::vector<std::string> statements;
+  statements.reserve(keys.size());
+  std::uint64_t bytes = 0;
+  for (const std::string& key : keys) {
+    change->Add(key, nullptr);
+    statements.push_back(formatter_->Ask([&](SqlDataFormatter& formatter) { return formatter.Delete(table, key); }));
+    bytes += statements.back().size() + key.size() + kStatementBytes;
+  }
+  Post([this, statements = std::move(statements)](Result&) { connection_->ExecuteAll(statements); }, std::move(change),
+       std::move(callback), bytes);
+}
+
 bool SqlStorage::IsDamaged() const {
   return connection_->IsDamaged();
 }

@@ -89,6 +89,7 @@ class SqlStorage {
   void WriteAsync(const std::string& table, const Rows& rows, Callback callback);
   void ReadAsync(const std::string& table, const std::string& key, Callback callback);
   void DeleteAsync(const std::string& table, const std::string& key, Callback callback);
+  void DeleteAsync(const std::string& table, const std::vector<std::string>& keys, Callback callback);
 
   // True once SQLite has found the file torn: it should be set aside (see OpenSqlStorage). From any thread.
   [[nodiscard]] bool IsDamaged() const;
