@@ -12,8 +12,8 @@ class EventGenerator {
   EventGenerator& operator=(const EventGenerator&) = delete;
   virtual ~EventGenerator() = default;
 
-  // Reports the event; with its metadata too (what libmagic says of a file) when `send_metadata` is set. Throws a
-  // std::runtime_error that says why an event cannot be reported: it is lost, the next one is not.
+  // Reports the event. `send_metadata` is what the manifests say of metadata. Throws a std::runtime_error that says why
+  // an event cannot be reported: it is lost, the next one is not.
   virtual void Process(const edr::Event& event, bool send_metadata) = 0;
 };
 

@@ -1,0 +1,20 @@
+#include "src/ioc/protobuf/BatchItem.h"
+
+#include <google/protobuf/message_lite.h>
+
+#include <limits>
+
+#include "src/ioc/protobuf/Exception.h"
+
+namespace zagent::ioc::internal::protobuf {
+
+common::Bytes MakeItem(Kind kind, const google::protobuf::MessageLite& message) {
+  const std::size_t size = message.ByteSizeLong();
+  if (size > std::numeric_limits<int>::max()) throw Exception("Event is too large for protobuf");
+  common::Bytes item(1 + size);
+  item[0] = static_cast<unsigned char>(kind);
+  message.SerializeWithCachedSizesToArray(item.data() + 1);
+  return item;
+}
+
+}  // namespace zagent::ioc::internal::protobuf
