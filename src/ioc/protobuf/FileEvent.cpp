@@ -1,0 +1,138 @@
+#include "src/ioc/protobuf/FileEvent.h"
+
+#include <algorithm>
+
+#include "common/src/util/Digest.h"
+#include "common/src/util/Log.h"
+#include "src/ioc/config/LogPrefix.h"
+#include "src/ioc/protobuf/BatchItem.h"
+#include "src/ioc/protobuf/EventActions.h"
+#include "src/ioc/protobuf/Exception.h"
+#include "src/ioc/protobuf/FileTimes.h"
+#include "src/ioc/protobuf/Messages.h"
+#include "src/ioc/protobuf/UniqueId.h"
+
+namespace zagent::ioc::internal::protobuf {
+namespace {
+
+namespace wire = com::ostrel::ioc::model::proto::event;
+
+using edr::EventType;
+using Table = ReportedObjects::Table;
+
+std::string NameOf(const std::string& path) {
+  return path.substr(path.rfind('/') + 1);
+}
+
+// What follows the last dot of a name; the dot of a hidden file is none.
+std::string ExtensionOf(const std::string& name) {
+  const std::size_t dot = name.rfind('.');
+  return dot == std::string::npos || dot == 0 ? "" : name.substr(dot + 1);
+}
+
+// The directory of an absolute path; empty when there is none.
+std::string ParentOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  if (path.empty() || path.front() != '/' || slash + 1 == path.size()) return {};
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+bool IsRegular(const edr::Event& event) {
+  try {
+    return event.GetFileType() == edr::FileType::Regular;
+  } catch (const std::runtime_error&) {
+    return false;  // a kind of file that has no word
+  }
+}
+
+}  // namespace
+
+Report FileEvent::Build(const edr::Event& event) const {
+  const bool is_rename = event.GetType() == EventType::Rename;
+  const bool has_new = is_rename || event.GetType() == EventType::AttributeChange;
+  const common::ImageInfo* file = has_new ? event.GetNewFile() : event.GetFile();
+  const std::string path = file == nullptr ? "" : file->GetPath();
+  if (path.empty()) throw Exception("Failed to read file information: " + path);
+  LogGenerating(event, path);
+  const std::string parent = ParentOf(path);
+  if (parent.empty()) throw Exception("Failed to generate directory ID for: " + path);
+  const std::string id = UniquePathId(path);
+  const std::string parent_id = UniquePathId(parent);
+  ZLOG_DEBUG("File Parent Directory id: " << parent_id);
+
+  const bool is_gone = event.GetType() == EventType::Delete;
+  if (is_gone && !IsReported(id, path)) throw Exception("Dropping delete event for unreported file: " + path);
+  Report report;
+  if (!is_gone && event.GetFileSize() < 0) {
+    ZLOG_DEBUG("Dropping " << event.GetAction() << " for short-lived file " << path);
+    return report;
+  }
+
+  Message message;
+  message.set_eventaction(ActionOf(event.GetType()));
+  message.set_timestamp(event.GetTimestamp());
+  message.set_uniqueid(id);
+  FillActor(tree_, event, *message.mutable_actor());
+  message.set_parentdirectoryid(parent_id);
+  message.set_filename(Repaired(NameOf(path)));
+  message.set_fullpath(Repaired(path));
+  message.set_extension(Repaired(ExtensionOf(NameOf(path))));
+  message.set_securitysettings(SecuritySettings(*file));
+  common::Bytes row;
+  if (!directories_.Describe(event, parent, report)) {
+    ZLOG_DEBUG("Failed to stat parent directory for file " << path);
+  }
+  if (!is_gone) {
+    if (event.GetFileSize() > kMaxSize) ZLOG_WARNING("File size being truncated for file " << path);
+    message.set_size(std::min(event.GetFileSize(), kMaxSize));
+    const ReportedObjects::Times times = TimesOf(event, *file);
+    SetTimes(times, message);
+    ReportedObjects::Digests digests;
+    if (IsRegular(event)) SetContent(event, digests, message);
+    row = reported_.FileRow(id, parent_id, message.size(), times, digests);
+  }
+  if (is_rename && event.GetFile() != nullptr) {
+    const std::string& old_path = event.GetFile()->GetPath();
+    message.set_oldpath(Repaired(old_path));
+    report.changes.push_back({Table::File, UniquePathId(old_path), {}, old_path});
+  }
+  report.items.push_back(MakeItem(Kind::File, message));
+  report.changes.push_back({Table::File, id, std::move(row), path});
+  return report;
+}
+
+void FileEvent::SetContent(const edr::Event& event, ReportedObjects::Digests& digests, Message& message) const {
+  message.set_type(types_.Identify(event.GetFileTypeDesc()));
+  struct Hash {
+    edr::ContentHash kind;
+    const char* name;
+    std::size_t size;
+    std::string ReportedObjects::Digests::*digest;
+  };
+  static constexpr Hash kHashes[] = {{edr::ContentHash::Sha256, "sha256: ", 32, &ReportedObjects::Digests::sha256},
+                                     {edr::ContentHash::Sha1, "sha1: ", 20, &ReportedObjects::Digests::sha1},
+                                     {edr::ContentHash::Md5, "md5: ", 16, &ReportedObjects::Digests::md5}};
+  for (const Hash& hash : kHashes) {
+    const std::vector<unsigned char>& bytes = event.GetFileContentHash(hash.kind);
+    if (bytes.size() != hash.size) {
+      ZLOG_DEBUG("Ignoring content hash for event with ID " << event.GetId());
+      continue;
+    }
+    digests.*hash.digest = common::util::ToHex({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+    ZLOG_DEBUG(hash.name << digests.*hash.digest << " File: " << message.fullpath());
+  }
+  message.set_sha256(digests.sha256);
+  message.set_sha1(digests.sha1);
+  message.set_md5(digests.md5);
+}
+
+bool FileEvent::IsReported(const std::string& id, const std::string& path) const {
+  try {
+    return reported_.Has(Table::File, id);
+  } catch (const common::StorageException& error) {
+    ZLOG_ERROR("Failed to read file entry from snapshot DB for " << path << ": " << error.what());
+    return false;
+  }
+}
+
+}  // namespace zagent::ioc::internal::protobuf

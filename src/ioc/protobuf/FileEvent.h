@@ -1,0 +1,40 @@
+#pragma once
+
+#include <string>
+
+#include "src/ioc/protobuf/DirectoryEvent.h"
+#include "src/ioc/protobuf/EventBuilder.h"
+#include "src/ioc/protobuf/FileTypeIdentifier.h"
+
+namespace com::ostrel::ioc::model::proto::event {
+class FileEvent;
+}
+
+namespace zagent::ioc::internal::protobuf {
+
+// Events of files. The directory of a file is described first when the platform does not know it. The end of a file is
+// told only when the platform knows the file; nothing is told of one that was gone before it could be looked at.
+class FileEvent final : public EventBuilder {
+ public:
+  // The largest size that every reader of JSON still has exactly. Only a file with holes claims more.
+  static constexpr std::int64_t kMaxSize = (std::int64_t{1} << 53U) - 1;
+
+  // `directories` outlives the object.
+  FileEvent(const TtlProcessTree& tree, const ReportedObjects& reported, const DirectoryEvent& directories)
+      : tree_(tree), reported_(reported), directories_(directories) {}
+
+  [[nodiscard]] Report Build(const edr::Event& event) const override;
+
+ private:
+  using Message = com::ostrel::ioc::model::proto::event::FileEvent;
+
+  [[nodiscard]] bool IsReported(const std::string& id, const std::string& path) const;
+  void SetContent(const edr::Event& event, ReportedObjects::Digests& digests, Message& message) const;
+
+  const TtlProcessTree& tree_;
+  const ReportedObjects& reported_;
+  const DirectoryEvent& directories_;
+  const FileTypeIdentifier types_;
+};
+
+}  // namespace zagent::ioc::internal::protobuf

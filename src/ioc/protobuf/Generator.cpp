@@ -1,0 +1,81 @@
+#include "src/ioc/protobuf/Generator.h"
+
+#include <string>
+
+#include "common/src/storage/Storage.h"
+#include "common/src/util/Log.h"
+#include "src/health/ComponentHealth.h"
+#include "src/ioc/config/LogPrefix.h"
+#include "src/ioc/process/ProcessTags.h"
+#include "src/ioc/protobuf/DirectoryEvent.h"
+#include "src/ioc/protobuf/Exception.h"
+#include "src/ioc/protobuf/FileEvent.h"
+#include "src/ioc/protobuf/NetworkEvent.h"
+#include "src/ioc/protobuf/ProcessEvent.h"
+
+namespace zagent::ioc::internal::protobuf {
+namespace {
+
+// A code without the item tells of what the spool held before it: the item was taken.
+void TellOfWritten(const health::ComponentHealth& health, const common::StorageResult* result) {
+  const common::StorageCode code = result == nullptr ? common::StorageCode::Unknown : result->code;
+  if (code == common::StorageCode::Success) {
+    ZLOG_DEBUG("Protobuf written to spool storage successfully");
+    return;
+  }
+  ZLOG_ERROR("Failed to write protobuf to spool storage. Error code " << static_cast<int>(code));
+  if (result == nullptr || !result->data.empty()) health.CountRefused();
+}
+
+}  // namespace
+
+struct Generator::Builders {
+  Builders(const TtlProcessTree& tree, common::SqlStorage& snapshot, const Config& config)
+      : reported(snapshot),
+        directory(tree, reported),
+        file(tree, reported, directory),
+        network(tree),
+        process(tree, config) {}
+
+  [[nodiscard]] const EventBuilder& For(edr::ObjectType type) const {
+    switch (type) {
+      case edr::ObjectType::File:
+        return file;
+      case edr::ObjectType::Directory:
+        return directory;
+      case edr::ObjectType::Process:
+        return process;
+      case edr::ObjectType::Network:
+        return network;
+    }
+    throw Exception("Cannot generate protobuf for invalid event type: " + std::to_string(static_cast<unsigned>(type)));
+  }
+
+  ReportedObjects reported;
+  const DirectoryEvent directory;
+  const FileEvent file;
+  const NetworkEvent network;
+  const ProcessEvent process;
+};
+
+Generator::Generator(TtlProcessTree& tree, common::Storage& spool, common::SqlStorage& snapshot, const Config& config,
+                     const health::ComponentHealth& health)
+    : tree_(tree), spool_(spool), health_(health), builders_(std::make_unique<Builders>(tree, snapshot, config)) {}
+
+Generator::~Generator() = default;
+
+void Generator::Process(const edr::Event& event, bool /*send_metadata*/) {
+  Report report = builders_->For(event.GetObjectType()).Build(event);
+  if (report.items.empty()) return;
+  for (common::Bytes& item : report.items) Write(std::move(item));
+  tree_.Get(event.GetActorProcessId())->AddTag(process_tag::kReported);
+  for (ReportedObjects::Change& change : report.changes) builders_->reported.Apply(std::move(change));
+}
+
+void Generator::Write(common::Bytes item) {
+  spool_.WriteAsync(std::move(item), [&health = health_](std::unique_ptr<common::StorageResult> result) {
+    TellOfWritten(health, result.get());
+  });
+}
+
+}  // namespace zagent::ioc::internal::protobuf

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "src/edr/Event.h"
+#include "src/ioc/process/TtlProcessTree.h"
+#include "src/ioc/protobuf/IocEvents.pb.h"
+
+// Parts that several messages have in common.
+namespace zagent::ioc::internal::protobuf {
+
+// Names on disk are bytes, the platform refuses a whole batch for one text that is not UTF-8: every text goes through
+// here. Each byte that is none becomes U+FFFD.
+std::string Repaired(std::string_view text);
+
+// {"Uid":0,"Gid":0,"Permission":644,"OwnerName":"root","GroupName":"root"}; the permission in octal digits. Empty for
+// an image of which the path alone is known.
+std::string SecuritySettings(const common::ImageInfo& image);
+
+// The process as the one that did something. The program is the one that ran when it did: `image`, when it is known and
+// has a path; else the program of the process.
+void FillActor(const ProcessInfo& process, const common::ImageInfo* image,
+               com::ostrel::ioc::model::proto::event::Actor& actor);
+// The actor of an event. Throws common::GenericProcessTreeException when the tree does not have it.
+void FillActor(const TtlProcessTree& tree, const edr::Event& event,
+               com::ostrel::ioc::model::proto::event::Actor& actor);
+
+std::string UniqueProcessId(const ProcessInfo& process);
+
+// The image that an event answers with, null when it has none.
+const common::ImageInfo* ImageOf(const edr::Event& event);
+
+// "Generating protobuf for ...", `subject` being a path or a process.
+void LogGenerating(const edr::Event& event, const std::string& subject);
+
+}  // namespace zagent::ioc::internal::protobuf

@@ -1,0 +1,114 @@
+#include "src/ioc/protobuf/ProcessEvent.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+
+#include "common/src/util/Log.h"
+#include "src/edr/process/NameService.h"
+#include "src/edr/process/StatHelper.h"
+#include "src/ioc/config/LogPrefix.h"
+#include "src/ioc/protobuf/BatchItem.h"
+#include "src/ioc/protobuf/EventActions.h"
+#include "src/ioc/protobuf/Exception.h"
+#include "src/ioc/protobuf/Messages.h"
+#include "src/ioc/protobuf/UniqueId.h"
+
+namespace zagent::ioc::internal::protobuf {
+namespace {
+
+namespace wire = com::ostrel::ioc::model::proto::event;
+
+using edr::EventType;
+
+// Who a process is: of a start as the event tells it, for the same process may have started another program since.
+struct Identity {
+  Identity(const ProcessInfo& process, const edr::Event& event, bool is_start)
+      : image(*process.GetImage()),
+        arguments(is_start ? event.GetActorProcessArguments() : process.GetArguments()),
+        cwd(is_start ? event.GetCwd() : process.GetCwd()),
+        uid(is_start ? event.GetActorUserId() : process.GetUserId()),
+        creation_time(is_start ? event.GetTimestamp() : process.GetCreationTime()) {
+    if (!is_start) return;
+    if (const common::ImageInfo* started = ImageOf(event); started != nullptr) image = *started;
+  }
+
+  common::ImageInfo image;
+  const std::vector<std::string>& arguments;
+  const std::string& cwd;
+  std::uint32_t uid;
+  std::int64_t creation_time;
+};
+
+bool IsOnDisk(const common::ImageInfo& image) {
+  try {
+    return common::StatImage(image) != nullptr;
+  } catch (const common::StatHelperException&) {
+    return false;  // another file has its name
+  }
+}
+
+}  // namespace
+
+Report ProcessEvent::Build(const edr::Event& event) const {
+  const std::int32_t pid = event.GetActorProcessId();
+  const EventType type = event.GetType();
+  if (!tree_.Has(pid)) {
+    throw Exception("PID: " + std::to_string(pid) +
+                    " does not exist in tree for event ID: " + std::to_string(event.GetId()));
+  }
+  const bool is_start = type == EventType::ProcessStart;
+  if (!is_start && type != EventType::ProcessExit && type != EventType::AbnormalEnd) {
+    throw Exception("Invalid event action for process event with ID " + std::to_string(event.GetId()));
+  }
+  const std::shared_ptr<ProcessInfo> process = tree_.Get(pid);
+  const Identity identity(*process, event, is_start);
+  const std::string& path = identity.image.GetPath();
+  LogGenerating(event, path);
+
+  wire::ProcessEvent message;
+  message.set_eventaction(ActionOf(type));
+  message.set_timestamp(event.GetTimestamp());
+  message.set_uniqueid(UniqueProcessId(pid, identity.creation_time, path));
+  const std::int32_t ppid = process->GetParent();
+  if (tree_.Has(ppid)) {
+    FillActor(*tree_.Get(ppid), nullptr, *message.mutable_actor());
+  } else {
+    ZLOG_DEBUG("Failed to get parent process information with PID " << ppid);
+  }
+  message.set_processname(Repaired(path.substr(path.rfind('/') + 1)));
+  message.set_processid(pid);
+  message.set_creationtime(identity.creation_time);
+  if (ppid != common::ProcessInfo::kNoParent) message.set_parentprocessid(ppid);
+  message.set_arguments(ArgumentsText(identity.arguments));
+  message.set_uniqueimageid(UniquePathId(path));
+  message.set_userid(std::to_string(identity.uid));
+  message.set_username(Repaired(common::UserName(identity.uid)));
+  message.set_securitysettings(SecuritySettings(identity.image));
+  message.set_elevated(event.IsElevated());
+  message.set_currentdirectory(Repaired(identity.cwd));
+  message.set_imagepath(Repaired(path));
+  message.set_ondisk(IsOnDisk(identity.image));
+  if (!is_start) message.set_status("Stop");
+  Report report;
+  report.items.push_back(MakeItem(Kind::Process, message));
+  return report;
+}
+
+std::string ProcessEvent::ArgumentsText(const std::vector<std::string>& arguments) const {
+  // A size of 0 leaves the spool its own, which is larger than all arguments.
+  const std::size_t half_file = std::size_t{config_.GetMaxFileSizeKb()} * 1024 / 2;
+  const std::size_t max_size = half_file == 0 ? kMaxArguments : std::min(half_file, kMaxArguments);
+  std::string text;
+  for (const std::string& argument : arguments) {
+    if (!text.empty()) text += ' ';
+    text += Repaired(argument);
+    if (text.size() > max_size) break;
+  }
+  if (text.size() <= max_size) return text;
+  std::size_t end = max_size;
+  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U) --end;  // not within a character
+  return text.substr(0, end);
+}
+
+}  // namespace zagent::ioc::internal::protobuf

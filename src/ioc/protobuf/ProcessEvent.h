@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstddef>
+
+#include "src/ioc/config/Config.h"
+#include "src/ioc/process/TtlProcessTree.h"
+#include "src/ioc/protobuf/EventBuilder.h"
+
+namespace zagent::ioc::internal::protobuf {
+
+// Starts and ends of processes; who acts is the parent.
+class ProcessEvent final : public EventBuilder {
+ public:
+  // Whoever starts a process chooses its arguments, and must not make an event that the spool refuses: at most so many
+  // bytes of them are told, and no more than half a spool file holds.
+  static constexpr std::size_t kMaxArguments = 32 * 1024;
+
+  ProcessEvent(const TtlProcessTree& tree, const Config& config) : tree_(tree), config_(config) {}
+
+  [[nodiscard]] Report Build(const edr::Event& event) const override;
+
+ private:
+  [[nodiscard]] std::string ArgumentsText(const std::vector<std::string>& arguments) const;
+
+  const TtlProcessTree& tree_;
+  const Config& config_;
+};
+
+}  // namespace zagent::ioc::internal::protobuf
