@@ -95,6 +95,27 @@ TEST_F(SqlStorageAsyncTest, AListIsWrittenReadAndDeletedOnTheTasksThread) {
   EXPECT_EQ(TextOf("a"), "1");
 }
 
+TEST_F(SqlStorageAsyncTest, AListOfKeysIsDeletedAtOnceOrNotAtAll) {
+  for (const Caching caching : {Caching::Off, Caching::On}) {
+    Open(caching);
+    storage_->Write("Items", {{"a", Row("a", "1")}, {"b", Row("b", "2")}, {"c", Row("c", "3")}});
+    storage_->DeleteAsync("Items", std::vector<std::string>{"a", "b", "nobody"}, Deliver());
+    EXPECT_EQ(TextOf("a"), "(none)");
+    EXPECT_TRUE(Take().succeeded);
+    EXPECT_EQ(TextOf("b"), "(none)");
+    EXPECT_EQ(TextOf("c"), "3");
+    storage_->Write("Items", "a", Row("a", "1"));
+    storage_->Execute(
+        "CREATE TRIGGER keep BEFORE DELETE ON Items WHEN OLD.Key = 'c' BEGIN SELECT RAISE(ABORT, ''); END");
+    storage_->DeleteAsync("Items", std::vector<std::string>{"a", "c"}, Deliver());
+    EXPECT_FALSE(Take().succeeded);
+    EXPECT_EQ(TextOf("a"), "1");
+    storage_->Execute("DROP TRIGGER keep");
+  }
+  EXPECT_EQ(WhatOf([&] { storage_->DeleteAsync("Items", std::vector<std::string>{"a"}, nullptr); }),
+            "SqlStorage: onDeleteCallback is invalid");
+}
+
 TEST_F(SqlStorageAsyncTest, CallbacksComeOnOneThreadThatIsNotTheCallers) {
   Mailbox<std::thread::id> threads;
   for (int i = 0; i < 2; ++i) {
