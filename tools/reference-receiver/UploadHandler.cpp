@@ -152,12 +152,25 @@ UploadHandler::Verdict UploadHandler::Accept(const HTTPServerRequest& request, s
       return {HTTPServerResponse::HTTP_BAD_REQUEST, "document does not follow its schema: " + EscapeControls(*fault)};
     }
     for (const auto& [name, value] : request) payload.headers[Poco::toLower(name)] = value;
-    std::vector<std::string> lines = DescribeDocument(payload.text);
+    std::optional<IocBatch> batch;
+    if (IsIocTarget(request.getURI())) {
+      if (request.get("Content-Type", "") != "application/octet-stream") {
+        return {HTTPServerResponse::HTTP_UNSUPPORTEDMEDIATYPE, "a batch is application/octet-stream"};
+      }
+      batch = DecodeBatch(request, payload.text);
+      if (!batch) return {HTTPServerResponse::HTTP_BAD_REQUEST, "no batch of this agent"};
+    }
+    std::vector<std::string> lines = batch ? batch->lines : DescribeDocument(payload.text);
     if (lines.empty()) {
       lines.push_back("payload " + std::to_string(payload.text.size()) +
                       " bytes type=" + EscapeControls(request.get("Content-Type", "-")));
     }
-    if (!state_.store.Add(std::move(payload))) lines = {"repeated: " + EscapeControls(request.get("Z-REQID"))};
+    if (!state_.store.Add(std::move(payload))) {
+      lines = {"repeated: " + EscapeControls(request.get("Z-REQID"))};
+    } else if (batch) {
+      const std::optional<std::string> remark = state_.sequence.Note(batch->sequence_number);
+      if (remark) lines.insert(lines.begin(), *remark);
+    }
     for (const std::string& line : lines) state_.Print(line);
     return {HTTPServerResponse::HTTP_OK, ""};
   } catch (const common::DecompressedTooLargeException&) {
@@ -172,6 +185,14 @@ UploadHandler::Verdict UploadHandler::Accept(const HTTPServerRequest& request, s
 std::optional<std::string> UploadHandler::FindDocumentFault(const std::string& text) const {
   if (!state_.options.validate || !IsEventDocument(text)) return std::nullopt;
   return FindSchemaFault("fim-upload", text);
+}
+
+std::optional<IocBatch> UploadHandler::DecodeBatch(const HTTPServerRequest& request, const std::string& text) const {
+  const ReceiverOptions& options = state_.options;
+  if (!IsIocTargetOf(request.getURI(), options.customer_id, options.agent_id)) return std::nullopt;
+  std::optional<IocBatch> batch = IocBatch::Decode(text);
+  const bool is_own = batch && batch->customer_id == options.customer_id && batch->agent_id == options.agent_id;
+  return is_own ? std::move(batch) : std::nullopt;
 }
 
 std::string UploadHandler::FindForeignIdentity(const HTTPServerRequest& request) const {

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "tools/reference-receiver/IocBatch.h"
 #include "tools/reference-receiver/PayloadStore.h"
 #include "tools/reference-receiver/ReceiverOptions.h"
 #include "tools/reference-receiver/SignatureVerifier.h"
@@ -42,6 +43,7 @@ struct ReceiverState {
   const ReceiverOptions options;
   const SignatureVerifier verifier;
   PayloadStore store;
+  SequenceNumbers sequence;
   std::atomic<unsigned> forced_answers{0};
 
  private:
@@ -74,6 +76,9 @@ class UploadHandler final : public Poco::Net::HTTPRequestHandler {
   [[nodiscard]] std::string FindForeignIdentity(const Poco::Net::HTTPServerRequest& request) const;
   // What keeps a document of events from following its schema, if that is asked for.
   [[nodiscard]] std::optional<std::string> FindDocumentFault(const std::string& text) const;
+  // The batch of an upload to a path of indicators of compromise; nothing when it is none, or another agent's.
+  [[nodiscard]] std::optional<IocBatch> DecodeBatch(const Poco::Net::HTTPServerRequest& request,
+                                                    const std::string& text) const;
   // The status that the options force upon this request, 0 for none.
   int ForcedStatus(const std::string& target);
   void Answer(Poco::Net::HTTPServerResponse& response, const Verdict& verdict);
