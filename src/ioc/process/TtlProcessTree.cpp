@@ -47,9 +47,18 @@ TtlProcessTree::TtlProcessTree(common::SqlStorage* snapshot, std::chrono::second
       clock_(clock),
       bounds_(bounds),
       live_(clock, proc_root),
-      on_cache_full_([this](std::int32_t pid) { expired_pids_.insert(pid); }) {}
+      on_cache_full_([this](std::int32_t pid) { expired_pids_.insert(pid); }) {
+  if (snapshot_ != nullptr) Load();
+}
 
-TtlProcessTree::~TtlProcessTree() = default;
+TtlProcessTree::~TtlProcessTree() {
+  if (snapshot_ == nullptr || !Has(kInit)) return;
+  try {
+    Save();
+  } catch (const std::exception& error) {
+    ZLOG_ERROR("Failed to update 'TtlProcesses' table in snapshot DB. " << error.what());
+  }
+}
 
 void TtlProcessTree::AddEvent(std::unique_ptr<edr::Event> event) {
   const std::int32_t pid = event->GetActorProcessId();

@@ -23,6 +23,7 @@
 #include "src/ioc/process/EventHeap.h"
 #include "src/ioc/process/LiveProcesses.h"
 #include "src/ioc/process/ProcessInfo.h"
+#include "src/ioc/process/SnapshotDBTtlProcess.h"
 
 namespace zagent::ioc {
 
@@ -116,6 +117,11 @@ class TtlProcessTree {
 
   // With or without mutex_ held by the thread that changes the tree:
   [[nodiscard]] Pointer Find(std::int32_t pid) const;
+
+  void Load();
+  bool Restore(const internal::models::SnapshotDBTtlProcess& saved, std::int32_t parent);
+  void Save();
+  [[nodiscard]] std::int64_t StartToSave(const ProcessInfo& process);
 
   void AddStart(std::unique_ptr<edr::Event> event, const Pointer& old);
   void AddTo(ProcessInfo& process, std::unique_ptr<edr::Event> event);
