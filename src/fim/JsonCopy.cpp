@@ -113,7 +113,8 @@ class Copier {
 // RapidJSON takes the first NUL for the end of the text, and its own look at the encoding reads and writes beyond the
 // end of a text that ends within a sequence.
 void CheckBytes(std::string_view text) {
-  for (std::size_t position = 0; position < text.size();) {
+  for (std::size_t position = common::util::SkipAscii(text, 0); position < text.size();
+       position = common::util::SkipAscii(text, position)) {
     const std::size_t start = position;
     const std::optional<char32_t> code_point = common::util::NextCodePoint(text, position);
     if (!code_point) throw JsonCopyException(kBadText, start);

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 
 namespace zagent::common::util {
 namespace {
@@ -53,12 +54,29 @@ std::optional<char32_t> NextCodePoint(std::string_view text, std::size_t& positi
   return std::nullopt;
 }
 
+std::size_t SkipAscii(std::string_view text, std::size_t position) {
+  constexpr std::uint64_t kHighBits = 0x8080808080808080U;
+  constexpr std::uint64_t kOnes = 0x0101010101010101U;
+  std::uint64_t bytes = 0;
+  for (; text.size() - position >= sizeof(bytes); position += sizeof(bytes)) {
+    std::memcpy(&bytes, text.data() + position, sizeof(bytes));
+    // A byte of 0x00 borrows from its neighbour, and has its high bit then.
+    if ((bytes & kHighBits) != 0 || ((bytes - kOnes) & kHighBits) != 0) break;
+  }
+  while (position < text.size() && static_cast<signed char>(text[position]) > 0) ++position;
+  return position;
+}
+
 std::string ReplaceInvalidUtf8(std::string_view text) {
   std::string valid;
   valid.reserve(text.size());
   std::size_t position = 0;
   while (position < text.size()) {
-    const std::size_t start = position;
+    std::size_t start = position;
+    position = SkipAscii(text, position);
+    valid.append(text, start, position - start);
+    if (position == text.size()) break;
+    start = position;
     if (NextCodePoint(text, position)) {
       valid.append(text, start, position - start);
     } else {

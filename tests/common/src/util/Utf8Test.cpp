@@ -34,6 +34,23 @@ TEST(Utf8Test, OverlongFormsSurrogatesAndTooLargeCodePointsAreBad) {
   }
 }
 
+TEST(Utf8Test, AsciiIsSkippedUpToTheFirstOtherByteWhereverItStands) {
+  for (std::size_t length = 0; length < 40; ++length) {
+    const std::string plain(length, 'a');
+    EXPECT_EQ(SkipAscii(plain, 0), length);
+    for (std::size_t at = 0; at < length; ++at) {
+      for (const char other : {'\0', '\x80', '\xFF'}) {
+        std::string text = plain;
+        text[at] = other;
+        EXPECT_EQ(SkipAscii(text, 0), at) << length;
+        EXPECT_EQ(SkipAscii(text, at), at) << length;
+        EXPECT_EQ(SkipAscii(text, at + 1), length) << at;
+      }
+    }
+  }
+  EXPECT_EQ(SkipAscii("\x01\x7F\x01\x7F\x01\x7F\x01\x7F", 0), 8U);
+}
+
 TEST(Utf8Test, DecodesSequencesOfEveryLength) {
   const std::string text = "a\xC3\xA9\xE2\x82\xAC\xF4\x8F\xBF\xBF";
   std::size_t position = 0;
