@@ -130,14 +130,16 @@ std::string RunInPreparedRoot(const std::vector<std::string>& command, const std
   Check(pipe(ends.data()) == 0, "pipe");
   const UniqueFd output(ends[0]);
   UniqueFd input(ends[1]);
-  // The first child has the namespaces, the second is process 1 of them.
+  // The first child has the namespaces, the second is process 1 of them, the third no parent of recorded processes.
   const pid_t child = Fork([&] {
     LeaveTheMachine();
     return Await(Fork([&]() -> int {
       MoveInto(folder);
       furnish();
-      Check(dup2(input.Get(), STDOUT_FILENO) >= 0, "dup2");
-      BecomeCommand(command);
+      return Await(Fork([&]() -> int {
+        Check(dup2(input.Get(), STDOUT_FILENO) >= 0, "dup2");
+        BecomeCommand(command);
+      }));
     }));
   });
   input.Reset();

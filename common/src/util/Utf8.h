@@ -13,8 +13,8 @@ namespace zagent::common::util {
 // a stray lead byte never swallows the good characters behind it.
 std::optional<char32_t> NextCodePoint(std::string_view text, std::size_t& position);
 
-// The first position from `position` on whose byte is not one of 0x01 to 0x7F; text.size() when there is none. Most text
-// is nothing else, and is passed eight bytes at a time.
+// The first position from `position` on whose byte is not one of 0x01 to 0x7F; text.size() when there is none. Most
+// text is nothing else, and is passed eight bytes at a time.
 std::size_t SkipAscii(std::string_view text, std::size_t position);
 
 // `text` with U+FFFD in the place of every such byte.
