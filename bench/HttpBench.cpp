@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "common/src/http/CurlHandles.h"
+#include "common/src/http/HttpProxyManager.h"
 #include "common/src/http/HttpService.h"
 #include "common/src/http/HttpUploader.h"
 #include "common/src/http/interceptors/AuthHttpInterceptor.h"
@@ -140,7 +141,8 @@ void Run(const std::string& folder) {
       std::make_shared<common::HmacConfig>(kCustomer, kAgent, kActivation, false, common::HmacVersion::HmacV2);
 
   const std::set<std::string> others = Threads();
-  common::HttpService service(receiver.GetCaFile());
+  // Proxies are asked for as the daemon does, the system's settings included.
+  common::HttpService service(receiver.GetCaFile(), std::make_unique<common::HttpProxyManager>(0, false));
   service.Start();
   std::string worker;
   for (const std::string& thread : Threads()) {
