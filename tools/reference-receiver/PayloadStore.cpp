@@ -68,7 +68,8 @@ std::string PayloadStore::WriteFile(const AcceptedPayload& payload) {
   const bool json = !payload.text.empty() && payload.text.front() == '{';
   const std::string partial = folder_ + "/.payload.part";
   {
-    const UniqueFd fd(open(partial.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    unlink(partial.c_str());  // of a run that was killed; what somebody else has put there is not written through
+    const UniqueFd fd(open(partial.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     if (!fd) throw std::runtime_error("Cannot open " + partial + ": " + ErrnoText(errno));
     WriteAll(fd.Get(), payload.text, partial);
   }

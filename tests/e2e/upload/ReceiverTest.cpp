@@ -388,6 +388,21 @@ TEST(PayloadStoreTest, NeverTakesAnUploadWithoutAnIdForAnotherOne) {
   EXPECT_TRUE(store.Add({"{}", "/", {}, ""}));
 }
 
+TEST(PayloadStoreTest, WritesThroughNothingThatSomebodyHasPutInItsPlace) {
+  const fakes::TempFolder folder;
+  const std::string victim = folder.Write("victim", "mine");
+  const std::string store_folder = folder / "store";
+  std::filesystem::create_directory(store_folder);
+  std::filesystem::create_symlink(victim, store_folder + "/.payload.part");
+  tools::PayloadStore store(store_folder, false);
+  EXPECT_TRUE(store.Add({"{}", "/", {}, ""}));
+  EXPECT_EQ("mine", folder.Read("victim"));
+  EXPECT_EQ("{}", folder.Read("store/payload-000001.json"));
+  folder.Write("store/.payload.part", "half of what a killed run was to keep");
+  EXPECT_TRUE(store.Add({"{}", "/", {}, ""}));
+  EXPECT_EQ("{}", folder.Read("store/payload-000002.json"));
+}
+
 TEST(EventLinesTest, ShowsBothPathsOfARename) {
   EXPECT_THAT(
       tools::DescribeDocument(
