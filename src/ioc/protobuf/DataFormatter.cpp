@@ -16,6 +16,7 @@
 #include "common/src/util/Utf8.h"
 #include "src/ioc/config/Config.h"
 #include "src/ioc/config/LogPrefix.h"
+#include "src/ioc/process/SnapshotSqlDataFormatter.h"
 #include "src/ioc/protobuf/BatchItem.h"
 #include "src/ioc/protobuf/IocEvents.pb.h"
 
@@ -26,9 +27,9 @@ namespace wire = com::ostrel::ioc::model::proto::event;
 
 using common::DataFormatterException;
 
-constexpr const char* kClientInformation = "ClientInformation";
-constexpr const char* kBootTime = "BootTime";
-constexpr const char* kSequenceNumber = "SequenceNumber";
+constexpr const char* kClientInformation = SnapshotSqlDataFormatter::kClientInformation;
+constexpr const char* kBootTime = SnapshotSqlDataFormatter::kBootTime;
+constexpr const char* kSequenceNumber = SnapshotSqlDataFormatter::kSequenceNumber;
 
 // Adds what the bytes say to the field. Its size within the batch, with the field's number, which is below 16, and the
 // element's length in front; nothing when they say no such message.

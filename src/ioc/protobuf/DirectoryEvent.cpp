@@ -45,7 +45,7 @@ Report DirectoryEvent::Build(const edr::Event& event) const {
   Report report;
   report.items.push_back(MakeItem(Kind::Directory, message));
   report.changes.push_back({ReportedObjects::Table::Directory, id,
-                            is_gone ? common::Bytes() : reported_.DirectoryRow(id, path, times), path});
+                            is_gone ? common::Bytes() : ReportedObjects::DirectoryRow(id, path, times), path});
   return report;
 }
 
@@ -66,7 +66,8 @@ bool DirectoryEvent::Describe(const edr::Event& event, const std::string& path, 
   const ReportedObjects::Times times = TimesOf(path, found);
   SetTimes(times, message);
   report.items.push_back(MakeItem(Kind::Directory, message));
-  report.changes.push_back({ReportedObjects::Table::Directory, id, reported_.DirectoryRow(id, path, times), path});
+  report.changes.push_back(
+      {ReportedObjects::Table::Directory, id, ReportedObjects::DirectoryRow(id, path, times), path});
   return true;
 }
 

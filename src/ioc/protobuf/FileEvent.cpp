@@ -89,7 +89,7 @@ Report FileEvent::Build(const edr::Event& event) const {
     SetTimes(times, message);
     ReportedObjects::Digests digests;
     if (IsRegular(event)) SetContent(event, digests, message);
-    row = reported_.FileRow(id, parent_id, message.size(), times, digests);
+    row = ReportedObjects::FileRow(id, parent_id, message.size(), times, digests);
   }
   if (is_rename && event.GetFile() != nullptr) {
     const std::string& old_path = event.GetFile()->GetPath();

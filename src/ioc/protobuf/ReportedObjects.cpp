@@ -7,6 +7,9 @@
 #include "common/src/storage/SqlStorage.h"
 #include "common/src/util/Log.h"
 #include "src/ioc/config/LogPrefix.h"
+#include "src/ioc/process/SnapshotDBDirectory.h"
+#include "src/ioc/process/SnapshotDBFile.h"
+#include "src/ioc/process/SnapshotSqlDataFormatter.h"
 
 namespace zagent::ioc::internal::protobuf {
 namespace {
@@ -14,7 +17,15 @@ namespace {
 using Table = ReportedObjects::Table;
 
 const char* NameOf(Table table) {
-  return table == Table::Directory ? "Directory" : "File";
+  return table == Table::Directory ? SnapshotSqlDataFormatter::kDirectory : SnapshotSqlDataFormatter::kFile;
+}
+
+template <typename Row>
+void SetTimes(const ReportedObjects::Times& times, Row& row) {
+  row.creation_time = times.creation;
+  row.last_write_time = times.write;
+  row.last_access_time = times.access;
+  row.last_change_time = times.change;
 }
 
 void LogFailure(Table table, const std::string& path, std::size_t others) {
@@ -39,19 +50,18 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
 
   explicit Queue(common::SqlStorage& storage) : snapshot(storage) {}
 
-  // Hands over what waits, unless more is still under way.
+  // Hands over what waits; while something is under way only `at_once`, and then that with it, a second time.
   void Send(bool at_once) {
     {
       const std::lock_guard in_order(hand_over);
       {
         const std::lock_guard lock(mutex);
         if ((under_way != 0 && !at_once) || waiting.empty()) return;
-        sending.swap(waiting);
+        for (auto& [key, change] : waiting) sending[key] = std::move(change);
+        waiting.clear();
         under_way += 1;  // until all of it was handed over
       }
       for (const Table table : {Table::Directory, Table::File}) Send(table, sending);
-      const std::lock_guard lock(mutex);
-      sending.clear();
     }
     Done();
   }
@@ -91,6 +101,7 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
     {
       const std::lock_guard lock(mutex);
       if (--under_way != 0) return;
+      sending.clear();
     }
     Send(false);
   }
@@ -109,7 +120,7 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
   std::mutex hand_over;  // before mutex
   std::mutex mutex;
   Changes waiting;
-  Changes sending;  // changed with both mutexes held
+  Changes sending;  // until it is on disk; stays as it is while something is under way
   std::size_t under_way = 0;
 };
 
@@ -138,14 +149,25 @@ void ReportedObjects::Apply(Change change) {
   queue_->Send(false);
 }
 
-common::Bytes ReportedObjects::DirectoryRow(const std::string& id, const std::string& path, const Times& times) const {
-  return snapshot_.MakeRow(id, path, times.creation, times.write, times.access, times.change);
+common::Bytes ReportedObjects::DirectoryRow(const std::string& id, const std::string& path, const Times& times) {
+  models::SnapshotDBDirectory row;
+  row.row_id = id;
+  row.path = path;
+  SetTimes(times, row);
+  return row.ToRow();
 }
 
 common::Bytes ReportedObjects::FileRow(const std::string& id, const std::string& parent_id, std::int64_t size,
-                                       const Times& times, const Digests& digests) const {
-  return snapshot_.MakeRow(id, parent_id, size, times.creation, times.write, times.access, times.change, digests.md5,
-                           digests.sha1, digests.sha256);
+                                       const Times& times, const Digests& digests) {
+  models::SnapshotDBFile row;
+  row.row_id = id;
+  row.parent_id = parent_id;
+  row.size = size;
+  SetTimes(times, row);
+  row.md5 = digests.md5;
+  row.sha1 = digests.sha1;
+  row.sha256 = digests.sha256;
+  return row.ToRow();
 }
 
 }  // namespace zagent::ioc::internal::protobuf

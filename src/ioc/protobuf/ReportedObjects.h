@@ -57,9 +57,9 @@ class ReportedObjects {
     std::string sha1;
     std::string sha256;
   };
-  [[nodiscard]] common::Bytes DirectoryRow(const std::string& id, const std::string& path, const Times& times) const;
-  [[nodiscard]] common::Bytes FileRow(const std::string& id, const std::string& parent_id, std::int64_t size,
-                                      const Times& times, const Digests& digests) const;
+  [[nodiscard]] static common::Bytes DirectoryRow(const std::string& id, const std::string& path, const Times& times);
+  [[nodiscard]] static common::Bytes FileRow(const std::string& id, const std::string& parent_id, std::int64_t size,
+                                             const Times& times, const Digests& digests);
 
  private:
   struct Queue;

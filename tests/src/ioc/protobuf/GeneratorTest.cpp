@@ -13,6 +13,7 @@
 #include "src/ioc/protobuf/FileEvent.h"
 #include "src/ioc/protobuf/IocEvents.pb.h"
 #include "src/ioc/protobuf/ProcessEvent.h"
+#include "src/ioc/protobuf/ReportedObjects.h"
 #include "src/ioc/protobuf/UniqueId.h"
 #include "tests/fakes/FakeHealthReporter.h"
 #include "tests/fakes/MemoryStorage.h"
