@@ -42,4 +42,8 @@ std::string LexicallyNormal(std::string_view path) {
   return path.empty() || IsTidy(path) ? std::string(path) : Joined(path, Dots::Followed);
 }
 
+bool IsLexicallyNormal(std::string_view path) {
+  return path.empty() || IsTidy(path);
+}
+
 }  // namespace zagent::edr
