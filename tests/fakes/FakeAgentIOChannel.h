@@ -48,7 +48,10 @@ class FakeAgentIOChannel final : public audit::IOChannel {
       "fim_config": {
         "upload_interval": 60, "service_url": "/fim/events", "max_file_size_kb": 100, "max_file_age_sec": 600,
         "max_disk_size_mb": 10, "manifests": [], "event_file_path": "events", "event_file_name": "fim-events"},
-      "ioc_config": {},
+      "ioc_config": {
+        "upload_interval": 60, "service_url": "https://127.0.0.1:8443", "max_file_size_kb": 100, "max_file_age_sec": 600,
+        "max_disk_size_mb": 10, "manifests": [], "event_file_path": "events", "event_file_name": "ioc-events",
+        "host_quarantined": false},
       "edr_config": {"audit_backlog_limit": 8192, "cpu_limit": 100, "memory_limit": 50},
       "host_warden_pid": )" +
            std::to_string(getppid()) +

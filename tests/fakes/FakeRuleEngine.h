@@ -74,14 +74,18 @@ class FakeRuleEngine final : public edr::EventRuleEngine {
     const std::lock_guard lock(mutex_);
     return calls_;
   }
-  // Rule id -> path of the last AddRules of the tag.
+  // Rule id -> path of the last AddRules of the tag; empty for what is no rule of files.
   [[nodiscard]] std::map<std::string, std::string> Installed(const std::string& tag) const {
     const std::lock_guard lock(mutex_);
     std::map<std::string, std::string> installed;
     for (const Call& call : calls_) {
       if (call.tag != tag) continue;
       installed.clear();
-      for (const auto& rule : call.rules) installed[rule->GetId()] = rule->GetPath();
+      for (const auto& rule : call.rules) {
+        const edr::ObjectType type = rule->GetType();
+        const bool has_path = type == edr::ObjectType::File || type == edr::ObjectType::Directory;
+        installed[rule->GetId()] = has_path ? rule->GetPath() : "";
+      }
     }
     return installed;
   }

@@ -51,6 +51,7 @@ void CommandHandler::Apply(const ConfigDocument& document, const AgentIdentity& 
   try {
     target_.ReloadLogLevels();
     target_.UpdateFim(document.GetSection("fim_config"));
+    target_.UpdateIoc(document.GetSection("ioc_config"));
     target_.UpdateAgentIdentity(identity);
   } catch (const std::invalid_argument& error) {
     ZLOG_ERROR("Failed to update configuration: " << error.what());

@@ -17,6 +17,7 @@ class CommandTarget {
 
   virtual void ReloadLogLevels() = 0;
   virtual void UpdateFim(const rapidjson::Value& section) = 0;
+  virtual void UpdateIoc(const rapidjson::Value& section) = 0;
   virtual void UpdateAgentIdentity(const AgentIdentity& identity) = 0;
   virtual void Exit() = 0;
 };

@@ -110,6 +110,7 @@ void Daemon::RunLogged() {
   BuildHealth();
   BuildProofOfLife();
   BuildFim(std::move(quiet_hours));
+  BuildIoc();
   health_->StartUploads();
   StartIntake();
   SignalHelper::Instance().Unblock({SIGINT, SIGTERM});
@@ -229,6 +230,20 @@ void Daemon::BuildFim(std::unique_ptr<const common::BlackoutManager> quiet_hours
   }
 }
 
+// Whoever asked for it must not believe that it runs: a failure ends the start-up.
+void Daemon::BuildIoc() {
+  try {
+    auto uploader = uploaders_->Make(ioc_config_->GetServiceUrl(), "IOC");
+    ioc_ = std::make_unique<ioc::Component>(start_time_, std::move(ioc_config_), lib_magic_, *scheduler_,
+                                            std::move(uploader), *rule_engine_, edr_config_->GetCpuLimit(),
+                                            edr_config_->GetMemoryLimit(), BuildQuietHours(), health_->Reporter(),
+                                            WithSlash(common_config_->GetAgentInstallPath()));
+  } catch (const std::exception& error) {
+    health::ComponentHealth(health_->Reporter(), health::ComponentHealth::Kind::Ioc).Failed(error.what());
+    throw;
+  }
+}
+
 void Daemon::StartIntake() {
   ++intake_runs_;
   // The parser first, so that no record is read without a consumer.
@@ -272,8 +287,9 @@ std::vector<QueueReport::Gauge> Daemon::MakeGauges() const {
       {"parser queue", [this] { return parser_ ? parser_->GetQueuedBytes() : 0; }},
       {"events", [this] { return parser_ ? parser_->GetQueuedEvents() * QueueReport::kBytesPerEvent : 0; }},
       {"resting file events", [this] { return rule_engine_->GetRestingEvents() * QueueReport::kBytesPerEvent; }},
-      {"tasks", [this] { return fim_ ? fim_->GetWaitingBytes() : 0; }},
-      {"components", [this] { return fim_ ? fim_->GetCachedBytes() : 0; }},
+      {"IOC events", [this] { return ioc_->GetQueuedEvents() * QueueReport::kBytesPerEvent; }},
+      {"tasks", [this] { return (fim_ ? fim_->GetWaitingBytes() : 0) + ioc_->GetWaitingBytes(); }},
+      {"components", [this] { return (fim_ ? fim_->GetCachedBytes() : 0) + ioc_->GetCachedBytes(); }},
       {"statuses", [this] { return health_->GetWaitingBytes(); }},
   };
 }
@@ -325,6 +341,7 @@ void Daemon::ShutDown() {
   });
   Guarded("stop the control channel", [this] { control_channel_->Stop(); });
   Guarded("end file integrity monitoring", [this] { fim_.reset(); });
+  Guarded("end indicators of compromise", [this] { ioc_.reset(); });
   Guarded("end the proof of life", [this] {
     proof_of_life_.reset();
     life_sign_.reset();
@@ -365,6 +382,10 @@ void Daemon::UpdateFim(const rapidjson::Value& section) {
   // What kept it from starting may be mended by now.
   fim_config_ = std::make_unique<fim::Config>(*common_config_, section);
   BuildFim(BuildQuietHours());
+}
+
+void Daemon::UpdateIoc(const rapidjson::Value& section) {
+  ioc_->UpdateConfig(section);
 }
 
 void Daemon::UpdateAgentIdentity(const AgentIdentity& identity) {

@@ -34,6 +34,8 @@
 #include "src/edr/host/UploaderFactory.h"
 #include "src/fim/Component.h"
 #include "src/fim/Config.h"
+#include "src/ioc/Component.h"
+#include "src/ioc/config/Config.h"
 
 namespace zagent::edr::host {
 
@@ -86,6 +88,7 @@ class Daemon final : private CommandTarget {
   void BuildHealth();
   void BuildProofOfLife();
   void BuildFim(std::unique_ptr<const common::BlackoutManager> quiet_hours);
+  void BuildIoc();
   void StartIntake();
   void MainLoop();
   [[nodiscard]] std::vector<QueueReport::Gauge> MakeGauges() const;
@@ -100,6 +103,7 @@ class Daemon final : private CommandTarget {
 
   void ReloadLogLevels() override;
   void UpdateFim(const rapidjson::Value& section) override;
+  void UpdateIoc(const rapidjson::Value& section) override;
   void UpdateAgentIdentity(const AgentIdentity& identity) override;
   void Exit() override;
 
@@ -114,6 +118,7 @@ class Daemon final : private CommandTarget {
   std::unique_ptr<audit::IOChannel> control_channel_;
   std::unique_ptr<common::CommonConfig> common_config_;
   std::unique_ptr<fim::Config> fim_config_;
+  std::unique_ptr<ioc::Config> ioc_config_;
   std::unique_ptr<Config> edr_config_;
   AgentIdentity agent_{};
   std::unique_ptr<audit::IOChannel> audit_channel_;
@@ -132,6 +137,7 @@ class Daemon final : private CommandTarget {
   std::unique_ptr<ProofOfLife> proof_of_life_;
   std::uint64_t intake_runs_ = 0;
   std::unique_ptr<fim::Component> fim_;
+  std::unique_ptr<ioc::Component> ioc_;
   std::unique_ptr<audit::ParserThread> parser_;
 };
 

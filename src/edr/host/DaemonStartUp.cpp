@@ -106,6 +106,7 @@ void Daemon::Configure(const std::string& message) {
 void Daemon::BuildConfigs(const ConfigDocument& document) {
   common_config_ = std::make_unique<common::CommonConfig>(document.GetSection("common_config"));
   fim_config_ = std::make_unique<fim::Config>(*common_config_, document.GetSection("fim_config"));
+  ioc_config_ = std::make_unique<ioc::Config>(*common_config_, document.GetSection("ioc_config"));
   edr_config_ = std::make_unique<Config>(document.GetSection("edr_config"));
   intake_watch_ = std::make_unique<IntakeWatch>(edr_config_->HasExtendedCoverage());
   if (edr_config_->HasDispatcherSocketPath()) {

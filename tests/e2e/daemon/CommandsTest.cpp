@@ -186,6 +186,12 @@ TEST_F(CommandsTest, EveryKindOfBrokenFileLeavesTheRunningConfigurationInForce) 
   write_bent([](rapidjson::Document& json) { json["fim_config"]["manifests"].SetObject(); });
   expect_refused("Failed to update configuration: Fim::Config::Update: Invalid json");
 
+  write_bent([](rapidjson::Document& json) { json["ioc_config"].RemoveMember("upload_interval"); });
+  agent_->WaitForGap(300ms);
+  agent_->SendConfig(file);
+  EXPECT_TRUE(LogComesToHold("Failed to update configuration: Ioc::Config::Update: Invalid json"));
+  EXPECT_TRUE(InForce("broken")) << "the section in front of it was applied";
+
   MakeWatchedFolder("still-watched");
   EXPECT_TRUE(LogComesToHold("Event json written to disc successfully"));
   agent_->Send(kExit);
@@ -285,7 +291,7 @@ TEST_F(CommandsTest, EveryThreadSaysInProcWhatItDoes) {
   };
   EXPECT_TRUE(Within(20s, read_names)) << testing::PrintToString(names);
   EXPECT_THAT(names, testing::IsSupersetOf({"edr-main", "edr-control", "edr-audit", "edr-parser", "edr-events",
-                                            "edr-folders", "edr-sched", "edr-http"}));
+                                            "edr-folders", "edr-ioc", "edr-sched", "edr-http"}));
   EXPECT_THAT(names, testing::Each(testing::StartsWith("edr-")));
   agent_->Send(kExit);
   ExpectOrderlyEnd();

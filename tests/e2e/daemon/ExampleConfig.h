@@ -41,7 +41,10 @@ class ExampleConfig {
                                        Manifest() + R"(", "manifest_type": "fim"}],
         "event_file_path": ")" + (folder_ / "spool") +
                                        R"(", "event_file_name": "fim-events"},
-      "ioc_config": {},
+      "ioc_config": {
+        "upload_interval": 1, "service_url": "https://127.0.0.1:1", "max_file_size_kb": 100, "max_file_age_sec": 1,
+        "max_disk_size_mb": 1, "manifests": [], "event_file_path": "events", "event_file_name": "ioc-events",
+        "host_quarantined": false},
       "edr_config": {"audit_backlog_limit": 8192, "cpu_limit": 100, "memory_limit": 50},
       "host_warden_pid": 1, "host_warden_path": "/usr/local/ostrel/host-warden/bin/ostrel-host-warden"})");
     Write();

@@ -122,7 +122,9 @@ TEST_F(HealthTest, WhatTheDaemonTellsOfItselfReachesThePlatformOnce) {
   EXPECT_EQ(std::count(all.begin(), all.end(), manifest), 2);
   EXPECT_EQ(std::count(all.begin(), all.end(), started), 2);
   EXPECT_EQ(std::count(all.begin(), all.end(), R"(status 4001 FIM state=0 {"component":"stopped"})"), 1);
-  EXPECT_EQ(static_cast<std::ptrdiff_t>(all.size()), 5 + intakes) << testing::PrintToString(all);
+  EXPECT_EQ(std::count(all.begin(), all.end(), R"(status 4101 IOC state=0 {"component":"disabled"})"), 2);
+  EXPECT_EQ(std::count(all.begin(), all.end(), R"(status 4101 IOC state=0 {"component":"stopped"})"), 1);
+  EXPECT_EQ(static_cast<std::ptrdiff_t>(all.size()), 8 + intakes) << testing::PrintToString(all);
   ExitDaemon();
 }
 

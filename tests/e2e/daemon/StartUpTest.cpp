@@ -118,6 +118,12 @@ TEST_F(StartUpTest, ASectionWithABadKeyEndsItWith4) {
   ExpectRefused("CommonConfig: Invalid json");
 }
 
+TEST_F(StartUpTest, ASectionOfIndicatorsWithoutItsKeysEndsItWith4) {
+  config_.Json()["ioc_config"].RemoveMember("host_quarantined");
+  config_.Write();
+  ExpectRefused("Ioc::Config: Invalid json");
+}
+
 TEST_F(StartUpTest, AnOptionalKeyOfAnotherTypeEndsItWith4AndSyslogNamesIt) {
   const auto expect_named = [this](const char* key, const std::string& line) {
     SCOPED_TRACE(key);
@@ -214,6 +220,22 @@ TEST_F(StartUpTest, AQuietHoursTableThatCannotBeReadEndsItInOrder) {
     EXPECT_NE(log.find("Uncaught exception: The Blackout Settings Json is malformed"), std::string::npos) << log;
     EXPECT_NE(log.find("Shutting down EDR ..."), std::string::npos) << log;
   }
+}
+
+TEST_F(StartUpTest, IndicatorsThatCannotBeWatchedForEndItInOrder) {
+  // No folder can be made below a file.
+  config_.Folder().Write("taken", "a file");
+  config_.Set("ioc_config", "event_file_path", config_.Folder() / "taken/spool");
+  config_.Write();
+  TestAgent agent;
+  DaemonProcess daemon;
+  agent.SendConfig(config_.File());
+  EXPECT_EQ(daemon.WaitForExit(), 0);
+  const std::string log = config_.ReadLog();
+  EXPECT_NE(log.find("Uncaught exception: IocComponent: Failed to create " + (config_.Folder() / "taken/spool")),
+            std::string::npos)
+      << log;
+  EXPECT_NE(log.find("Shutting down EDR ..."), std::string::npos) << log;
 }
 
 TEST_F(StartUpTest, AFailedDetachingEndsItWith3) {

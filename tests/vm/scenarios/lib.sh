@@ -139,7 +139,13 @@ log_less() {
 }
 
 # configure KEY VALUE: changes a key of the written configuration; the value is JSON, texts with their quotes.
-configure() { sed -i "s|^\( *\"$1\": \).*[^,]\(,*\)$|\1$2\2|" $CONF/edr.conf.json; }
+# configure_ioc KEY VALUE: the same in the section of indicators of compromise, which the other leaves alone.
+configure() {
+  sed -i -e '/^  "ioc_config": {/,/^  }/b' -e "s|^\( *\"$1\": \).*[^,]\(,*\)$|\1$2\2|" $CONF/edr.conf.json
+}
+configure_ioc() {
+  sed -i "/^  \"ioc_config\": {/,/^  }/s|^\( *\"$1\": \).*[^,]\(,*\)$|\1$2\2|" $CONF/edr.conf.json
+}
 
 # extended_coverage BOOLEAN: whether the daemon sees more than by its ordinary rules.
 extended_coverage() { configure extended_coverage "$1"; }

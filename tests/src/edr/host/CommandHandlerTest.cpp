@@ -19,6 +19,7 @@ class RecordingTarget final : public CommandTarget {
 
   void ReloadLogLevels() override { Step("log"); }
   void UpdateFim(const rapidjson::Value& section) override { Step("fim " + common::util::WriteJson(section)); }
+  void UpdateIoc(const rapidjson::Value& section) override { Step("ioc " + common::util::WriteJson(section)); }
   void UpdateAgentIdentity(const AgentIdentity& identity) override {
     Step("agent " + std::to_string(identity.pid) + " " + identity.path);
   }
@@ -32,7 +33,7 @@ class RecordingTarget final : public CommandTarget {
 };
 
 constexpr const char* kComplete =
-    R"({"common_config": {}, "fim_config": {"a": 1}, "ioc_config": {}, "host_warden_pid": 77, "host_warden_path": "/w"})";
+    R"({"common_config": {}, "fim_config": {"a": 1}, "ioc_config": {"b": 2}, "host_warden_pid": 77, "host_warden_path": "/w"})";
 
 class CommandHandlerTest : public testing::Test {
  protected:
@@ -49,9 +50,9 @@ class CommandHandlerTest : public testing::Test {
 
 using Steps = std::vector<std::string>;
 
-TEST_F(CommandHandlerTest, ConfigAppliesLogLevelsThenFimThenTheAgentsIdentity) {
+TEST_F(CommandHandlerTest, ConfigAppliesLogLevelsThenTheComponentsThenTheAgentsIdentity) {
   HandleConfig(kComplete);
-  EXPECT_EQ(target_.steps, (Steps{"log", R"(fim {"a":1})", "agent 77 /w"}));
+  EXPECT_EQ(target_.steps, (Steps{"log", R"(fim {"a":1})", R"(ioc {"b":2})", "agent 77 /w"}));
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_INFORMATION, "Command 'config' received from agent"));
 }
 
@@ -134,6 +135,15 @@ TEST_F(CommandHandlerTest, ARefusedSectionSkipsTheStepsBehindItAndKeepsThoseBefo
   HandleConfig(kComplete);
   EXPECT_EQ(target_.steps, Steps{"log"});
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "Failed to update configuration: Fim::Config::Update: Invalid json"));
+}
+
+TEST_F(CommandHandlerTest, ARefusedSectionOfIndicatorsKeepsTheAgentAsItWas) {
+  target_.on_step = [](const std::string& step) {
+    if (step.rfind("ioc", 0) == 0) throw std::invalid_argument("Ioc::Config::Update: Invalid json");
+  };
+  HandleConfig(kComplete);
+  EXPECT_EQ(target_.steps, (Steps{"log", R"(fim {"a":1})"}));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "Failed to update configuration: Ioc::Config::Update: Invalid json"));
 }
 
 TEST_F(CommandHandlerTest, AnyOtherFailureLeavesTheHandler) {

@@ -1,0 +1,380 @@
+#include "src/ioc/Component.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/src/storage/Serializer.h"
+#include "common/src/storage/SqlStorage.h"
+#include "src/ioc/process/SnapshotSqlDataFormatter.h"
+#include "src/ioc/process/SnapshotStorage.h"
+#include "src/ioc/protobuf/IocEvents.pb.h"
+#include "tests/fakes/FakeClock.h"
+#include "tests/fakes/FakeEvent.h"
+#include "tests/fakes/FakeHealthReporter.h"
+#include "tests/fakes/FakeProcFs.h"
+#include "tests/fakes/FakeRuleEngine.h"
+#include "tests/fakes/FakeUploader.h"
+#include "tests/fakes/Gate.h"
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/TempFolder.h"
+#include "tests/src/ioc/config/TestConfig.h"
+
+namespace zagent::ioc {
+namespace {
+
+using com::ostrel::ioc::model::proto::event::IoCEvent;
+using fakes::Eventually;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr std::int32_t kPid = 4242;
+constexpr std::int64_t kSecond = 1'000'000'000;
+
+class IocComponentTest : public testing::Test {
+ protected:
+  IocComponentTest() {
+    proc_.Start(1, {.ppid = 0, .image = "/sbin/init", .start = 1});
+    section_.manifests = {WriteManifest("manifest.json")};
+    scheduler_.Start();
+  }
+
+  // Watches a folder and all processes.
+  std::string WriteManifest(const std::string& name, const std::string& global_settings = "{}",
+                            const std::string& rule_id = "folder") {
+    return folder_.Write(
+        name, R"({"policyVersion":"2.0.0","policyId":1,"productId":1,"globalSettings":)" + global_settings +
+                  R"(,"rules":[{"ruleId":"processes","ruleType":"Process","notify":{"process":["create","delete"]}},)"
+                  R"({"ruleId":")" +
+                  rule_id +
+                  R"(","ruleType":"Directory","imagePath":"/srv/watched","recursiveDepth":"All",)"
+                  R"("notify":{"File":["create","write"],"Directory":["create"]}}]})");
+  }
+
+  void Make() {
+    auto uploader = std::make_unique<fakes::FakeUploader>();
+    uploader_ = uploader.get();
+    component_ = Build(std::make_unique<Config>(*common_, ParsedJson(section_.Text())), std::move(uploader));
+  }
+  std::unique_ptr<Component> Build(std::unique_ptr<Config> config, std::unique_ptr<common::Uploader> uploader) {
+    return std::make_unique<Component>(clock_.Now(), std::move(config), nullptr, scheduler_, std::move(uploader),
+                                       engine_, 100, 50, nullptr, reporter_, folder_.Path(), clock_, proc_.Root());
+  }
+  void Update() { component_->UpdateConfig(ParsedJson(section_.Text())); }
+
+  // A process runs and opens a network connection's listening end, whose event needs nothing of the disk.
+  void Deliver(edr::EventType type, const std::string& action, edr::ObjectType object) {
+    fakes::FakeEvent event;
+    event.type = type;
+    event.action = action;
+    event.object_type = object;
+    event.id = ++last_id_;
+    event.pid = kPid;
+    event.timestamp = std::chrono::nanoseconds(clock_.Now().time_since_epoch()).count();
+    engine_.Deliver("IOC", {"processes"}, event);
+  }
+  void DeliverStart() { Deliver(edr::EventType::ProcessStart, "Execve", edr::ObjectType::Process); }
+  void DeliverExit() { Deliver(edr::EventType::ProcessExit, "Exit", edr::ObjectType::Process); }
+  // All that was handed over has been judged.
+  [[nodiscard]] bool Judged() {
+    return Eventually([&] { return log_.Has("Added process event to protobuf cache."); });
+  }
+
+  void LeaveInSpool(const std::string& name, const std::string& text) {
+    std::filesystem::create_directories(folder_ / "edr/events");
+    folder_.Write("edr/events/" + name, text);
+  }
+  [[nodiscard]] std::vector<std::string> SpoolFiles() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder_ / "edr/events")) {
+      names.push_back(entry.path().filename());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+  [[nodiscard]] IoCEvent Batch(const std::string& bytes) const {
+    IoCEvent batch;
+    EXPECT_TRUE(batch.ParseFromString(bytes));
+    return batch;
+  }
+  // Lets time pass until `holds` does; false when it never did.
+  [[nodiscard]] bool PassTimeUntil(const std::function<bool()>& holds) {
+    return Eventually([&] {
+      if (holds()) return true;
+      clock_.Advance(std::chrono::seconds(60));
+      return false;
+    });
+  }
+  // The value of a name in the snapshot that a component has left.
+  std::string StoredValue(const std::string& name) {
+    const auto snapshot = internal::OpenSnapshotStorage(folder_ / "edr", &scheduler_, proc_.Root());
+    const common::Bytes row = snapshot->Read(internal::SnapshotSqlDataFormatter::kClientInformation, name);
+    if (row.empty()) return "(none)";
+    common::Serializer columns(row);
+    columns.GetString();
+    return columns.GetString();
+  }
+  void StoreValue(const std::string& name, const std::string& value) {
+    const auto snapshot = internal::OpenSnapshotStorage(folder_ / "edr", &scheduler_, proc_.Root());
+    snapshot->Write(internal::SnapshotSqlDataFormatter::kClientInformation, name, snapshot->MakeRow(name, value));
+  }
+
+  [[nodiscard]] static std::string ErrorOf(const std::function<void()>& call) {
+    try {
+      call();
+      return "";
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
+  }
+
+  fakes::LogCapture log_;
+  fakes::TempFolder folder_;
+  fakes::FakeClock clock_;
+  fakes::FakeProcFs proc_;
+  std::unique_ptr<common::CommonConfig> common_ = MakeCommonConfig();
+  TestSection section_;
+  fakes::FakeRuleEngine engine_;
+  fakes::FakeHealthReporter reporter_;
+  common::Scheduler scheduler_{clock_};
+  std::uint32_t last_id_ = 0;
+  fakes::FakeUploader* uploader_ = nullptr;
+  std::unique_ptr<Component> component_;
+};
+
+TEST_F(IocComponentTest, ConfigurationAndUploaderAreNeeded) {
+  EXPECT_EQ(ErrorOf([&] { Build(nullptr, std::make_unique<fakes::FakeUploader>()); }),
+            "ioc::Component: 'config' cannot be null");
+  EXPECT_EQ(ErrorOf([&] { Build(std::make_unique<Config>(*common_, ParsedJson(section_.Text())), nullptr); }),
+            "ioc::Component: 'uploader' cannot be null");
+}
+
+TEST_F(IocComponentTest, ItsFoldersAreMadeForTheirOwnerOnly) {
+  section_.event_file_path = "deep/events/";
+  Make();
+  for (const char* folder : {"edr", "edr/deep/events"}) {
+    struct stat stat {};
+    ASSERT_EQ(::stat((folder_ / folder).c_str(), &stat), 0) << folder;
+    EXPECT_EQ(stat.st_mode & 07777U, 0700U) << folder;
+  }
+  EXPECT_TRUE(std::filesystem::exists(folder_ / "edr/SnapshotEdr.db"));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_INFORMATION, "[IOC]: Component initialized."));
+}
+
+TEST_F(IocComponentTest, AnAbsoluteEventPathIsTakenAsItIs) {
+  section_.event_file_path = folder_ / "elsewhere";
+  Make();
+  EXPECT_TRUE(std::filesystem::is_directory(folder_ / "elsewhere"));
+  EXPECT_FALSE(std::filesystem::exists(folder_ / "edr/events"));
+}
+
+TEST_F(IocComponentTest, AFolderThatCannotBeMadeLeavesNothingBehind) {
+  section_.event_file_path = folder_.Write("file", "") + "/events";
+  EXPECT_THAT(ErrorOf([&] { Make(); }), HasSubstr("IocComponent: Failed to create"));
+  EXPECT_TRUE(engine_.Calls().empty());
+}
+
+TEST_F(IocComponentTest, AnEventTravelsFromTheEngineToThePlatform) {
+  Make();
+  EXPECT_EQ(engine_.Installed("IOC").size(), 2U);
+  DeliverStart();
+  ASSERT_TRUE(Judged());
+  ASSERT_TRUE(PassTimeUntil([&] { return !uploader_->Uploads().empty(); }));
+  const auto upload = uploader_->Uploads()[0];
+  EXPECT_EQ(upload.url, "https://platform.example/linuxagentevent/v1/customer/c/agent/a");
+  const IoCEvent batch = Batch(upload.payload);
+  EXPECT_EQ(batch.sequenceno(), 1U);
+  ASSERT_EQ(batch.processevent_size(), 1);
+  EXPECT_EQ(batch.processevent(0).processid(), kPid);
+  EXPECT_EQ(batch.processevent(0).imagepath(), "/bin/actor");
+  ASSERT_TRUE(PassTimeUntil([&] { return SpoolFiles().empty(); }));
+}
+
+TEST_F(IocComponentTest, AnOrderlyStopJudgesWhatHasComeAndKeepsItOnDisk) {
+  section_.upload_interval = 0;
+  Make();
+  DeliverStart();
+  DeliverExit();
+  component_.reset();
+  ASSERT_THAT(SpoolFiles(), ElementsAre("ioc.0001"));
+  EXPECT_EQ(Batch(folder_.Read("edr/events/ioc.0001")).processevent_size(), 2);
+  EXPECT_TRUE(engine_.Installed("IOC").empty());
+  DeliverStart();  // nobody listens any more
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_INFORMATION, "[IOC]: Ioc component destroyed."));
+}
+
+TEST_F(IocComponentTest, SequenceNumbersGoOnOverARestart) {
+  section_.upload_interval = 0;
+  for (int start = 0; start < 3; ++start) {
+    Make();
+    DeliverStart();
+    component_.reset();
+  }
+  ASSERT_EQ(SpoolFiles().size(), 3U);
+  for (const unsigned number : {1U, 2U, 3U}) {
+    EXPECT_EQ(Batch(folder_.Read("edr/events/ioc.000" + std::to_string(number))).sequenceno(), number);
+  }
+  EXPECT_EQ(StoredValue("SequenceNumber"), "3");
+  EXPECT_FALSE(log_.Has("Error in reading sequence number"));
+}
+
+TEST_F(IocComponentTest, ASequenceNumberThatCannotBeReadIsZeroAndTheComponentStarts) {
+  section_.upload_interval = 0;
+  for (const char* value : {"", "12x", "x", "9223372036854775808"}) {
+    StoreValue("SequenceNumber", value);
+    const fakes::LogCapture log;
+    Make();
+    EXPECT_TRUE(log.Has(Poco::Message::PRIO_ERROR, "[IOC]: Error in reading sequence number")) << value;
+    DeliverStart();
+    component_.reset();
+    const auto files = SpoolFiles();
+    EXPECT_EQ(Batch(folder_.Read("edr/events/" + files.back())).sequenceno(), 1U) << value;
+  }
+}
+
+TEST_F(IocComponentTest, ASequenceNumberThatIsMissingIsZeroToo) {
+  Make();
+  component_.reset();
+  internal::OpenSnapshotStorage(folder_ / "edr", &scheduler_, proc_.Root())->Clear();
+  Make();
+  EXPECT_EQ(log_.Count("Error in reading sequence number"), 1);
+  EXPECT_TRUE(log_.Has("Component initialized."));
+}
+
+TEST_F(IocComponentTest, ProcessesOutliveARestart) {
+  section_.upload_interval = 0;
+  proc_.Start(kPid, {.image = "/bin/actor", .start = 100'000'000});  // the time of the fake clock
+  Make();
+  DeliverStart();
+  component_.reset();
+  Make();
+  // The end of a process that was told of in the run before is told, too.
+  DeliverExit();
+  component_.reset();
+  ASSERT_EQ(SpoolFiles().size(), 2U);
+  const IoCEvent batch = Batch(folder_.Read("edr/events/ioc.0002"));
+  ASSERT_EQ(batch.processevent_size(), 1);
+  EXPECT_EQ(batch.processevent(0).status(), "Stop");
+}
+
+TEST_F(IocComponentTest, WithoutManifestsItStandsIdleAndSaysSo) {
+  section_.manifests.clear();
+  Make();
+  EXPECT_TRUE(engine_.Installed("IOC").empty());
+  EXPECT_THAT(reporter_.Lines(), ElementsAre("4101 IOC 0 component=disabled"));
+  Update();
+  EXPECT_FALSE(log_.Has("Disabling IOC"));
+}
+
+TEST_F(IocComponentTest, FromOneManifestToNoneItForgetsWhatItHasStored) {
+  section_.upload_interval = 0;
+  Make();
+  DeliverStart();
+  ASSERT_TRUE(Judged());
+  section_.manifests.clear();
+  Update();
+  EXPECT_EQ(log_.Count("[IOC]: Disabling IOC"), 1);
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_INFORMATION, "[IOC]: Successfully cleared sql storage"));
+  ASSERT_TRUE(Eventually([&] { return log_.Has("[IOC]: Successfully cleared spool storage"); }));
+  EXPECT_TRUE(engine_.Installed("IOC").empty());
+  EXPECT_EQ(reporter_.Lines().back(), "4101 IOC 0 component=disabled");
+  Update();
+  EXPECT_EQ(log_.Count("Disabling IOC"), 1);
+  component_.reset();
+  EXPECT_THAT(SpoolFiles(), IsEmpty());
+  EXPECT_EQ(StoredValue("SequenceNumber"), "(none)");
+}
+
+TEST_F(IocComponentTest, ItCanBeSwitchedOnAgain) {
+  const std::vector<std::string> manifests = section_.manifests;
+  section_.manifests.clear();
+  Make();
+  section_.manifests = manifests;
+  Update();
+  EXPECT_EQ(engine_.Installed("IOC").size(), 2U);
+  EXPECT_EQ(reporter_.Lines().back(), "4101 IOC 1 component=started");
+  section_.manifests.clear();
+  Update();
+  EXPECT_EQ(log_.Count("Disabling IOC"), 1);
+}
+
+TEST_F(IocComponentTest, TheGatewayOfTheManifestIsWhereUploadsGoUntilAnotherManifestHasNone) {
+  section_.manifests = {WriteManifest("gateway.json", R"({"gateway_url":"https://gateway.example/"})")};
+  LeaveInSpool("ioc.0001", "1");
+  Make();
+  uploader_->AwaitUploads(1);  // no time passes
+  EXPECT_EQ(uploader_->Uploads()[0].url, "https://gateway.example/linuxagentevent/v1/customer/c/agent/a");
+  section_.manifests = {WriteManifest("plain.json")};
+  Update();
+  DeliverStart();
+  ASSERT_TRUE(Judged());
+  ASSERT_TRUE(PassTimeUntil([&] { return uploader_->Uploads().size() >= 2; }));
+  EXPECT_EQ(uploader_->Uploads()[1].url, "https://platform.example/linuxagentevent/v1/customer/c/agent/a");
+}
+
+TEST_F(IocComponentTest, NewManifestsReplaceTheRulesAndTheFilterLearnsOfThem) {
+  section_.upload_interval = 0;
+  section_.manifests = {folder_.Write(
+      "folder-alone.json", R"({"policyVersion":"2.0.0","policyId":1,"productId":1,"globalSettings":{},"rules":[]})")};
+  Make();
+  DeliverStart();  // known, but no rule wants it told
+  section_.manifests = {WriteManifest("new.json", "{}", "other")};
+  Update();
+  EXPECT_EQ(engine_.Installed("IOC").count("other"), 1U);
+  DeliverStart();
+  component_.reset();
+  ASSERT_THAT(SpoolFiles(), ElementsAre("ioc.0001"));
+  EXPECT_GE(Batch(folder_.Read("edr/events/ioc.0001")).processevent_size(), 1);
+}
+
+TEST_F(IocComponentTest, RulesThatWereLostAreInstalledAgain) {
+  Make();
+  const std::size_t calls = engine_.Calls().size();
+  engine_.Invalidate();
+  EXPECT_EQ(engine_.Calls().size(), calls + 1);
+  EXPECT_EQ(engine_.Installed("IOC").size(), 2U);
+}
+
+TEST_F(IocComponentTest, AMalformedSectionChangesNothing) {
+  Make();
+  const std::size_t calls = engine_.Calls().size();
+  EXPECT_THROW(component_->UpdateConfig(ParsedJson(R"({"manifests":[]})")), std::invalid_argument);
+  EXPECT_EQ(engine_.Calls().size(), calls);
+  EXPECT_FALSE(log_.Has("Disabling IOC"));
+}
+
+TEST_F(IocComponentTest, ANewIntervalTakesEffectAtOnce) {
+  section_.upload_interval = 0;
+  LeaveInSpool("ioc.0001", "1");
+  Make();
+  EXPECT_TRUE(uploader_->Uploads().empty());
+  section_.upload_interval = 30;
+  Update();
+  uploader_->AwaitUploads(1);  // no time passes: the first run is due at once
+}
+
+TEST_F(IocComponentTest, AnEngineWithoutAKernelDoesNotKeepItFromStarting) {
+  engine_.FailAdds("Failed to open audit socket");
+  Make();
+  EXPECT_TRUE(log_.Has("[IOC]: Component initialized."));
+}
+
+TEST_F(IocComponentTest, TellsWhetherItWorks) {
+  Make();
+  EXPECT_THAT(reporter_.Lines(),
+              ElementsAre("4102 " + section_.manifests[0] + " 1 manifest=applied", "4101 IOC 1 component=started"));
+  component_.reset();
+  EXPECT_EQ(reporter_.Lines().back(), "4101 IOC 0 component=stopped");
+}
+
+}  // namespace
+}  // namespace zagent::ioc
