@@ -107,7 +107,9 @@ bool TtlProcessTree::Restore(const SnapshotDBTtlProcess& saved, std::int32_t par
 
 void TtlProcessTree::Save() {
   ZLOG_INFO("Saving Ttl Process Tree to db");
-  common::SqlStorage::Rows rows;
+  // One transaction, and nothing of it in the storage's cache: the rows are read as a whole.
+  internal::SnapshotSqlDataFormatter formatter;
+  std::vector<std::string> statements = formatter.Clear(kTable);
   std::unordered_set<std::int32_t> seen{kInit};
   std::queue<Pointer> walk;
   walk.push(Get(kInit));
@@ -119,14 +121,13 @@ void TtlProcessTree::Save() {
     }
     SnapshotDBTtlProcess row(*process);
     row.creation_time = StartToSave(*process);
-    rows.emplace_back(std::to_string(row.process_id), row.ToRow());
+    statements.push_back(formatter.Insert(kTable, std::to_string(row.process_id), row.ToRow()));
     for (const std::int32_t child : row.children) {
       Pointer found = seen.insert(child).second ? Find(child) : nullptr;
       if (found) walk.push(std::move(found));
     }
   }
-  snapshot_->Clear(kTable);
-  snapshot_->Write(kTable, rows);
+  snapshot_->ExecuteAll(statements);
 }
 
 // The next run compares it with procfs, which tells when the process was made and not when it started its program, and
