@@ -16,17 +16,17 @@
 #include "tests/fakes/FakeProcessInfo.h"
 #include "tests/fakes/TestData.h"
 
-// A sanitizer's own heap is not counted by mallinfo2.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define OSTREL_HEAP_IS_COUNTED 0
-#else
-#define OSTREL_HEAP_IS_COUNTED 1
-#endif
-
 namespace zagent::ioc::internal {
 namespace {
 
 using audit::internal::Events;
+
+// A sanitizer's own heap is not counted by mallinfo2.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kKnowsItsHeap = false;
+#else
+constexpr bool kKnowsItsHeap = true;
+#endif
 
 // The events of a real kernel's records, all of whose files are gone.
 Events RecordedEvents() {
@@ -86,15 +86,15 @@ Sizes Measure(const edr::Event& event) {
 }
 
 TEST(EventSizeTest, TheEstimateIsTheRealHeapButForAFifth) {
-#if OSTREL_HEAP_IS_COUNTED
   std::map<std::string, int> seen;
   for (const auto& event : Samples(12)) {
     const Sizes sizes = Measure(*event);
-    EXPECT_NEAR(sizes.estimated, sizes.real, sizes.real / 5) << event->GetAction() << " " << event->GetId();
+    EXPECT_GT(sizes.estimated, sizeof(edr::PartialEvent)) << event->GetAction() << " " << event->GetId();
     ++seen[event->GetAction()];
+    if (!kKnowsItsHeap) continue;
+    EXPECT_NEAR(sizes.estimated, sizes.real, sizes.real / 5) << event->GetAction() << " " << event->GetId();
   }
   EXPECT_GE(seen.size(), 10U);  // of all classes
-#endif
 }
 
 TEST(EventSizeTest, EveryTextOfAnEventCounts) {
