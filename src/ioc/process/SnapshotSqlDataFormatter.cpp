@@ -108,7 +108,7 @@ std::string CreateTable(const std::string& name) {
   std::string columns;
   for (const Column& column : Find(name).columns) {
     if (!columns.empty()) columns += ", ";
-    columns += Bracketed(column.name) + " " + column.type;
+    columns.append(Bracketed(column.name)).append(" ").append(column.type);
   }
   return "CREATE TABLE " + Bracketed(name) + " (" + columns + ")";
 }
@@ -141,7 +141,7 @@ void FillEmptyColumns(const std::string& name, Statements& statements) {
   for (const Column& column : table.columns) {
     if (std::string_view(column.name) == table.key) continue;
     if (!values.empty()) values += ", ";
-    values += std::string(column.name) + " = ifnull(" + column.name + (column.IsText() ? ", '')" : ", 0)");
+    values.append(column.name).append(" = ifnull(").append(column.name).append(column.IsText() ? ", '')" : ", 0)");
   }
   statements.push_back("DELETE from " + name + " WHERE " + table.key + " IS NULL;");
   statements.push_back("UPDATE " + name + " SET " + values + ";");
@@ -160,9 +160,10 @@ void FlattenTables(Statements& statements) {
   for (const char* column : {"[Md5Hash] TEXT", "[SHA1] TEXT", "[SHA256] TEXT"}) {
     statements.push_back(AlterTable(SnapshotSqlDataFormatter::kFile, "ADD", column));
   }
-  for (const std::string digest : {"MD5Hash", "SHA1", "SHA256"}) {
-    statements.push_back("UPDATE File SET " + digest + "=(SELECT Hash." + digest +
-                         " from Hash WHERE File.RowID=Hash.RowID);");
+  for (const char* digest : {"MD5Hash", "SHA1", "SHA256"}) {
+    std::string update = "UPDATE File SET ";
+    update.append(digest).append("=(SELECT Hash.").append(digest);
+    statements.push_back(update.append(" from Hash WHERE File.RowID=Hash.RowID);"));
   }
   statements.push_back(DropTable("Hash"));
   for (const char* column : {"EventAction", "TimeStamp", "Inode", "DeviceId", "SecuritySettings", "FileAttribute",

@@ -425,7 +425,7 @@ std::map<std::int32_t, std::string> TtlProcessTree::GetAncestors(std::int32_t pi
   return ancestors;
 }
 
-void TtlProcessTree::Update(std::shared_ptr<ProcessInfo> process) {
+void TtlProcessTree::Update(const std::shared_ptr<ProcessInfo>& process) {
   if (!process) throw TtlProcessTreeException("Failed to update process info: there is none");
   try {
     const Pointer old = Get(process->GetPid());

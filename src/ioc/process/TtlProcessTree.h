@@ -106,7 +106,7 @@ class TtlProcessTree {
 
   // Puts the entry in the place of the one with its pid, whose links it takes over. Throws TtlProcessTreeException
   // "Failed to update process info: ...".
-  void Update(std::shared_ptr<ProcessInfo> process);
+  void Update(const std::shared_ptr<ProcessInfo>& process);
 
   [[nodiscard]] std::size_t GetSize() const;
   // Heap of all waiting events, in bytes, by estimate.

@@ -45,6 +45,15 @@ std::map<std::int32_t, SnapshotDBTtlProcess> ReadSaved(common::SqlStorage& snaps
   return saved;
 }
 
+void ClearSaved(common::SqlStorage& snapshot) {
+  try {
+    snapshot.Clear(kTable);
+    ZLOG_INFO("Successfully cleared " << kTable << " table from sql storage");
+  } catch (const std::exception& error) {
+    ZLOG_ERROR("Failed to clear " << kTable << " table: " << error.what());
+  }
+}
+
 }  // namespace
 
 void TtlProcessTree::Load() {
@@ -67,12 +76,7 @@ void TtlProcessTree::Load() {
       if (seen.insert(child).second) walk.emplace(child, pid);
     }
   }
-  try {
-    snapshot_->Clear(kTable);
-    ZLOG_INFO("Successfully cleared " << kTable << " table from sql storage");
-  } catch (const std::exception& error) {
-    ZLOG_ERROR("Failed to clear " << kTable << " table: " << error.what());
-  }
+  ClearSaved(*snapshot_);
 }
 
 // False after a reboot: none of those that were saved is there any more.

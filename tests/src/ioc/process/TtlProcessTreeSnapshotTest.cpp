@@ -341,6 +341,17 @@ TEST_F(TtlProcessTreeSnapshotTest, ATableThatCannotBeWrittenIsTold) {
       << log.All();
 }
 
+TEST_F(TtlProcessTreeSnapshotTest, ATableThatCannotBeClearedIsToldAndTheProcessesAreRestored) {
+  Run(10, 1);
+  Close();
+  storage_->Execute("CREATE TRIGGER kept BEFORE DELETE ON TtlProcesses BEGIN SELECT RAISE(ABORT, 'kept'); END");
+  const fakes::LogCapture log;
+  Open();
+  EXPECT_TRUE(log.Has(Poco::Message::PRIO_ERROR, "[IOC]: Failed to clear TtlProcesses table: ")) << log.All();
+  EXPECT_FALSE(log.Has("Successfully cleared"));
+  EXPECT_EQ(PidsOfTree(), (Set{1, 10}));
+}
+
 TEST_F(TtlProcessTreeSnapshotTest, RowsOfAnEarlierRunDoNotStay) {
   Run(10, 1);
   Change(66, [](SnapshotDBTtlProcess&) {});
