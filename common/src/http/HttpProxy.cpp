@@ -3,9 +3,22 @@
 #include <strings.h>
 
 #include "common/src/http/HttpHeaders.h"
+#include "common/src/http/ProxyText.h"
 #include "common/src/util/Log.h"
 
 namespace zagent::common {
+
+namespace {
+
+bool IsHttps(const std::string& proxy) {
+  return strncasecmp(proxy.c_str(), "https://", 8) == 0;
+}
+
+bool IsHttp(const std::string& proxy) {
+  return IsHttps(proxy) || strncasecmp(proxy.c_str(), "http://", 7) == 0;
+}
+
+}  // namespace
 
 HttpProxy::HttpProxy(const std::vector<std::string>& proxies, bool fail_open) : fail_open_(fail_open) {
   for (const std::string& proxy : proxies) {
@@ -24,7 +37,7 @@ std::string HttpProxy::GetProxy() const {
 }
 
 HttpProxyType HttpProxy::GetType() const {
-  return strncasecmp(GetProxy().c_str(), "https://", 8) == 0 ? HttpProxyType::Https : HttpProxyType::Http;
+  return IsHttps(GetProxy()) ? HttpProxyType::Https : HttpProxyType::Http;
 }
 
 void HttpProxy::SetNextProxy() {
@@ -49,10 +62,9 @@ void HttpProxy::OnSuccess() {
 std::string MaskCredentials(const std::string& proxy) {
   const std::size_t at = proxy.rfind('@');
   if (at == std::string::npos) return PrintableText(proxy);
-  // Only letters make a scheme: "://" may stand in a password.
-  const std::size_t colon = proxy.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789");
-  const bool has_scheme = colon != std::string::npos && colon < at && proxy.compare(colon, 3, "://") == 0;
-  return PrintableText(proxy.substr(0, has_scheme ? colon + 3 : 0) + "***" + proxy.substr(at));
+  // Only what is known is a scheme: "://" may stand in a password, and behind a user's name.
+  const std::size_t shown = IsHttp(proxy) || IsDirectOrSocks(proxy) ? proxy.find("://") + 3 : 0;
+  return PrintableText(proxy.substr(0, shown) + "***" + proxy.substr(at));
 }
 
 }  // namespace zagent::common

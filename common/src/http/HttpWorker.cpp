@@ -56,8 +56,8 @@ void HttpWorker::BeginTransfer(const std::shared_ptr<MutableHttpRequest>& reques
     if (curl_multi_add_handle(multi_.get(), handle) == CURLM_OK) return;
     active_requests_.erase(entry);
     failure = "Failed to add curl handle for " + request->GetUrl();
-  } catch (...) {
-    failure = DescribeCurrentException();
+  } catch (const std::exception& error) {
+    failure = error.what();
   }
   ZLOG_ERROR(failure);
   request->SetErrorText(failure);

@@ -180,7 +180,8 @@ TEST_F(HttpErrorParserTest, PassesOverWhatIsToBePassedOver) {
   Process(401, R"({"action":0})");
   EXPECT_EQ(2, log_.Count("HttpPostProcessor: Ignoring action 'none' for URL: " + std::string(kUrl)));
   EXPECT_TRUE(log_.Has(Message::PRIO_DEBUG, "HttpPostProcessor: Ignoring action 'none' for URL: " + std::string(kUrl)));
-  EXPECT_TRUE(log_.Has(Message::PRIO_DEBUG, "HttpPostProcessor: Ignoring action 'revoke' for URL: " + std::string(kUrl)));
+  EXPECT_TRUE(
+      log_.Has(Message::PRIO_DEBUG, "HttpPostProcessor: Ignoring action 'revoke' for URL: " + std::string(kUrl)));
   EXPECT_FALSE(log_.Has("No post action"));
 }
 
