@@ -1,0 +1,268 @@
+#include "src/ioc/rules/EventRuleManager.h"
+
+#include <atomic>
+#include <thread>
+
+#include "tests/fakes/FakeHealthReporter.h"
+#include "tests/fakes/FakeRuleEngine.h"
+#include "tests/fakes/TempFolder.h"
+#include "tests/src/ioc/rules/RulesFixture.h"
+
+namespace zagent::ioc::internal {
+namespace {
+
+class IocEventRuleManagerTest : public RulesFixture {
+ protected:
+  std::string WriteManifest(const std::string& name, const std::string& rules, const std::string& settings = "{}",
+                            const std::string& more = "") {
+    return folder_.Write(name, R"({"policyVersion":"2.0.0","policyId":1,"productId":1,"globalSettings":)" + settings +
+                                   more + R"(,"rules":[)" + rules + "]}");
+  }
+  static std::string Rule(const std::string& id, const std::string& path) {
+    return DirectoryRuleText().With("ruleId", "\"" + id + "\"").With("imagePath", "\"" + path + "\"").Text();
+  }
+  void SetManifests(const std::vector<std::string>& manifests) {
+    section_.manifests = manifests;
+    config_->Update(ParsedJson(section_.Text()));
+  }
+  void Make(const std::vector<std::string>& manifests) {
+    section_.manifests = manifests;
+    config_ = std::make_unique<Config>(*common_, ParsedJson(section_.Text()));
+    manager_ = std::make_unique<EventRuleManager>(*config_, engine_, *tree_, health_);
+    engine_.RegisterEventHandlers(
+        "IOC", [](const std::vector<std::string>&, const edr::Event&) {}, [this] { manager_->OnRulesInvalidated(); });
+  }
+  // Ids of the rules that the engine got last.
+  std::string InEngine() {
+    std::string ids;
+    const auto calls = engine_.Calls();
+    if (calls.empty()) return "no call";
+    for (const auto& rule : calls.back().rules) ids += rule->GetId() + " ";
+    return ids;
+  }
+  [[nodiscard]] std::string InManager() const {
+    std::string ids;
+    for (const auto& rule : manager_->GetRules()) ids += rule->GetId() + " ";
+    return ids;
+  }
+  [[nodiscard]] bool HealthSays(const std::string& path, const std::string& what) const {
+    for (const std::string& line : reporter_.Lines()) {
+      if (line.find(path) != std::string::npos && line.find(what) != std::string::npos) return true;
+    }
+    return false;
+  }
+
+  fakes::LogCapture log_;
+  fakes::TempFolder folder_;
+  fakes::FakeRuleEngine engine_;
+  fakes::FakeHealthReporter reporter_;
+  const health::ComponentHealth health_{reporter_, health::ComponentHealth::Kind::Ioc};
+  TestSection section_;
+  std::unique_ptr<common::CommonConfig> common_ = MakeCommonConfig();
+  std::unique_ptr<Config> config_;
+  std::unique_ptr<EventRuleManager> manager_;
+};
+
+TEST_F(IocEventRuleManagerTest, RulesOfAllManifestsReachTheEngineUnderTheTag) {
+  const std::string one = WriteManifest("one.json", Rule("r2", "/etc") + "," + ProcessRuleText().Text());
+  const std::string two = WriteManifest("two.json", Rule("r1", "/srv") + "," + WhitelistRuleText().Text());
+  Make({one, two});
+  ASSERT_EQ(engine_.Calls().size(), 1U);
+  EXPECT_EQ(engine_.Calls()[0].tag, "IOC");
+  EXPECT_EQ(InEngine(), "p1 r1 r2 ");
+  EXPECT_EQ(InManager(), "p1 r1 r2 ");
+  ASSERT_EQ(manager_->GetWhitelistGlobalRules().size(), 1U) << "a trusted program is no matter of the engine";
+  EXPECT_EQ(manager_->GetWhitelistGlobalRules()[0]->GetId(), "w1");
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_INFORMATION, "[IOC]: Successfully parsed manifest file " + one));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "[IOC]: Adding rule r2"));
+  EXPECT_TRUE(HealthSays(one, "manifest=applied")) << reporter_.Lines().front();
+  EXPECT_TRUE(HealthSays(two, "manifest=applied"));
+}
+
+TEST_F(IocEventRuleManagerTest, AManagerWithoutRulesIsAManager) {
+  Make({});
+  EXPECT_EQ(InEngine(), "");
+  EXPECT_TRUE(manager_->GetRules().empty());
+  EXPECT_TRUE(manager_->IsHeuristicsEnabled());
+  EXPECT_FALSE(manager_->GetSendMetadata());
+  EXPECT_TRUE(manager_->GetKnownProcessPaths().empty());
+  EXPECT_TRUE(manager_->GetTaggingSettings()->ObjectEmpty());
+  EXPECT_FALSE(manager_->HasGatewayUrl());
+  EXPECT_EQ(fakes::WhatOf<std::runtime_error>([&] { (void)manager_->GetGatewayUrl(); }),
+            "EventRuleManager: Gateway URL does not exist");
+}
+
+TEST_F(IocEventRuleManagerTest, ABadManifestIsSkippedAndTheOthersApply) {
+  const std::string missing = folder_ / "missing.json";
+  const std::string broken = folder_.Write("broken.json", "{\n  7");
+  const std::string old = folder_.Write(
+      "old.json", R"({"policyVersion":"1.9.9","policyId":1,"productId":1,"globalSettings":{},"rules":[]})");
+  const std::string typed = WriteManifest("typed.json", "", R"({"gateway_url":7})");
+  const std::string malformed = WriteManifest("malformed.json", Rule("r1", "etc"));
+  const std::string good = WriteManifest("good.json", Rule("r2", "/etc"));
+  Make({missing, broken, old, typed, malformed, good});
+  EXPECT_EQ(InEngine(), "r2 ");
+  const auto is_told = [this](const std::string& line) {
+    return log_.Has(Poco::Message::PRIO_ERROR, "[IOC]: " + line);
+  };
+  EXPECT_TRUE(is_told("Failed to read manifest: " + missing));
+  EXPECT_TRUE(is_told("Invalid manifest json format for: " + broken + ": line 2, column 3: "));
+  EXPECT_TRUE(is_told("Failed to parse manifest " + old +
+                      ": line 1, column 18: Parsing failed. Unsupported manifest version provided"));
+  EXPECT_TRUE(is_told("Failed to parse manifest " + typed +
+                      ": line 1, column 85: Invalid value in manifest for gateway_url: expected a string (key "
+                      "globalSettings.gateway_url)"));
+  EXPECT_EQ(log_.Count("gateway_url"), 1) << "one line a manifest";
+  EXPECT_TRUE(is_told("Rule Path is not absolute for id:r1 (rule r1, key imagePath)"));
+  EXPECT_TRUE(is_told("Failed to parse manifest " + malformed));
+  EXPECT_TRUE(log_.Has("Rule parsing failed: Rule Path is not absolute for id:r1 (rule r1, key imagePath)"));
+  for (const std::string& bad : {missing, broken, old, typed, malformed}) {
+    EXPECT_TRUE(HealthSays(bad, "manifest=failed")) << bad;
+  }
+  EXPECT_TRUE(HealthSays(good, "manifest=applied"));
+}
+
+TEST_F(IocEventRuleManagerTest, AHugeFileIsNotRead) {
+  const std::string huge = folder_.Write("huge.json", "");
+  ASSERT_EQ(truncate(huge.c_str(), 64LL * 1024 * 1024 + 1), 0);
+  Make({huge});
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR,
+                       "[IOC]: Failed to read manifest: " + huge + ": it has more than 67108864 bytes"));
+}
+
+TEST_F(IocEventRuleManagerTest, OfTwoRulesWithOneIdTheLaterHolds) {
+  Make({WriteManifest("one.json", Rule("r1", "/etc")), WriteManifest("two.json", Rule("r1", "/srv"))});
+  ASSERT_EQ(manager_->GetRules().size(), 1U);
+  EXPECT_EQ(manager_->GetRules()[0]->GetPath(), "/srv");
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "Rule id r1 is used more than once: the last rule holds"));
+}
+
+TEST_F(IocEventRuleManagerTest, OfSettingsThatTwoManifestsGiveTheLaterHold) {
+  const std::string one =
+      WriteManifest("one.json", "", R"({"gateway_url":"https://one","sendMetadata":true})",
+                    R"(,"knownProcessPaths":["/a"],"tags":{"thresholdScore":1},"heuristicsEnabled":false)");
+  const std::string two = WriteManifest("two.json", "", "{}", R"(,"knownProcessPaths":["/b"])");
+  Make({one});
+  EXPECT_TRUE(manager_->GetSendMetadata());
+  EXPECT_FALSE(manager_->IsHeuristicsEnabled());
+  EXPECT_EQ(manager_->GetKnownProcessPaths(), std::vector<std::string>{"/a"});
+  EXPECT_EQ(common::util::WriteJson(*manager_->GetTaggingSettings()), R"({"thresholdScore":1})");
+  Make({one, two});
+  EXPECT_FALSE(manager_->GetSendMetadata());
+  EXPECT_TRUE(manager_->IsHeuristicsEnabled());
+  EXPECT_EQ(manager_->GetKnownProcessPaths(), std::vector<std::string>{"/b"});
+  EXPECT_TRUE(manager_->GetTaggingSettings()->ObjectEmpty());
+  EXPECT_EQ(manager_->GetGatewayUrl(), "https://one") << "the last one that is given";
+}
+
+TEST_F(IocEventRuleManagerTest, AnUpdateReplacesRulesThroughTheEngine) {
+  const std::string one = WriteManifest("one.json", Rule("r1", "/etc"), R"({"gateway_url":"https://one"})");
+  Make({one});
+  EXPECT_TRUE(manager_->HasGatewayUrl());
+  SetManifests({WriteManifest("two.json", Rule("r2", "/srv"))});
+  EXPECT_TRUE(manager_->Update());
+  EXPECT_EQ(engine_.Calls().size(), 2U);
+  EXPECT_EQ(InEngine(), "r2 ");
+  EXPECT_EQ(InManager(), "r2 ");
+  EXPECT_FALSE(manager_->HasGatewayUrl());
+  SetManifests({});
+  EXPECT_TRUE(manager_->Update());
+  EXPECT_EQ(InEngine(), "");
+}
+
+TEST_F(IocEventRuleManagerTest, TheSameListChangesNothing) {
+  const std::string one = WriteManifest("one.json", Rule("r1", "/etc"));
+  const std::string two = WriteManifest("two.json", Rule("r2", "/srv"));
+  Make({one, two});
+  WriteManifest("one.json", Rule("r3", "/opt"));
+  EXPECT_FALSE(manager_->Update());
+  SetManifests({two, one});
+  EXPECT_FALSE(manager_->Update());
+  EXPECT_EQ(InEngine(), "r1 r2 ");
+  EXPECT_EQ(engine_.Calls().size(), 1U);
+}
+
+TEST_F(IocEventRuleManagerTest, ABadManifestOfAnUpdateTakesItsOldRulesAway) {
+  const std::string one = WriteManifest("one.json", Rule("r1", "/etc"));
+  Make({one});
+  folder_.Write("one.json", "{");
+  SetManifests({one, WriteManifest("two.json", Rule("r2", "/srv"))});
+  EXPECT_TRUE(manager_->Update());
+  EXPECT_EQ(InEngine(), "r2 ");
+}
+
+TEST_F(IocEventRuleManagerTest, RulesComeBackWhenTheEngineHasLostThem) {
+  Make({WriteManifest("one.json", Rule("r1", "/etc"))});
+  engine_.Invalidate();
+  EXPECT_EQ(engine_.Calls().size(), 2U);
+  EXPECT_EQ(InEngine(), "r1 ");
+}
+
+TEST_F(IocEventRuleManagerTest, ARuleWithoutAnActionStaysAwayFromTheEngine) {
+  Make({WriteManifest("one.json",
+                      NetworkRuleText().With("notify", R"({"network":["close"]})").Text() + "," + Rule("r1", "/etc"))});
+  EXPECT_EQ(InEngine(), "r1 ");
+  EXPECT_EQ(InManager(), "n1 r1 ");
+}
+
+TEST_F(IocEventRuleManagerTest, AnEngineThatFailsIsLoggedAndTheRulesStay) {
+  const std::string one = WriteManifest("one.json", Rule("r1", "/etc"));
+  engine_.FailAdds("Failed to open audit socket");
+  Make({one});
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR,
+                       "[IOC]: EventRuleManager: Failed to apply rules: Failed to open audit socket"));
+  EXPECT_EQ(InManager(), "r1 ");
+  EXPECT_TRUE(HealthSays(one, "manifest=failed"));
+  EXPECT_TRUE(HealthSays(one, "rules not applied: Failed to open audit socket"));
+  engine_.FailAdds("");
+  engine_.Invalidate();
+  EXPECT_TRUE(HealthSays(one, "manifest=applied"));
+}
+
+TEST_F(IocEventRuleManagerTest, ARefusedRuleIsAFailureOfItsManifestAlone) {
+  const std::string one = WriteManifest("one.json", Rule("r1", "/etc"));
+  const std::string two = WriteManifest("two.json", Rule("r2", "/srv"));
+  engine_.RefuseRule("r2");
+  Make({one, two});
+  EXPECT_TRUE(HealthSays(one, "manifest=applied"));
+  EXPECT_TRUE(HealthSays(two, "rule r2 not applied: the kernel refuses"));
+}
+
+// While the engine takes the rules of before, an update brings newer ones.
+TEST_F(IocEventRuleManagerTest, TheNewestRulesAreTheLastThatTheEngineGets) {
+  Make({WriteManifest("one.json", Rule("r1", "/etc"))});
+  SetManifests({WriteManifest("two.json", Rule("r2", "/srv"))});
+  engine_.BeforeNextAdd([this] { EXPECT_TRUE(manager_->Update()); });
+  manager_->OnRulesInvalidated();
+  EXPECT_EQ(InEngine(), "r2 ");
+}
+
+TEST_F(IocEventRuleManagerTest, SettingsAndRulesAreReadWhileTheyChange) {
+  const std::string one = WriteManifest("one.json", Rule("r1", "/etc"), R"({"gateway_url":"https://one"})",
+                                        R"(,"tags":{"thresholdScore":1},"knownProcessPaths":["/a"])");
+  const std::string two = WriteManifest("two.json", Rule("r2", "/srv") + "," + WhitelistRuleText().Text());
+  Make({one});
+  std::atomic<bool> ended{false};
+  std::thread reader([&] {
+    while (!ended) {
+      for (const auto& rule : manager_->GetRules()) EXPECT_FALSE(rule->GetId().empty());
+      (void)manager_->GetWhitelistGlobalRules();
+      (void)manager_->GetKnownProcessPaths();
+      EXPECT_TRUE(manager_->GetTaggingSettings()->IsObject());
+      (void)manager_->GetSendMetadata();
+      (void)manager_->IsHeuristicsEnabled();
+      (void)manager_->HasGatewayUrl();
+    }
+  });
+  for (int i = 0; i < 20; ++i) {
+    SetManifests({i % 2 == 0 ? two : one});
+    EXPECT_TRUE(manager_->Update());
+    engine_.Invalidate();
+  }
+  ended = true;
+  reader.join();
+  EXPECT_EQ(InManager(), "r1 ");
+}
+
+}  // namespace
+}  // namespace zagent::ioc::internal
