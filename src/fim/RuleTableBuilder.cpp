@@ -1,65 +1,16 @@
 #include "src/fim/RuleTableBuilder.h"
 
-#include <Poco/Exception.h>
-#include <Poco/File.h>
-
-#include <cstdlib>
 #include <optional>
 #include <utility>
 
 #include "common/src/util/Log.h"
+#include "src/edr/LinkedPath.h"
 #include "src/fim/LogPrefix.h"
 
 namespace zagent::fim::internal {
-namespace {
-
-bool IsSymlink(const std::string& path) {
-  try {
-    return Poco::File(path).isLink();
-  } catch (const Poco::Exception&) {
-    // A name that is too long is no Poco::FileException, and nothing to fall over either.
-    return false;
-  }
-}
-
-std::optional<std::string> Canonical(const std::string& path) {
-  const std::unique_ptr<char, decltype(&std::free)> resolved(canonicalize_file_name(path.c_str()), &std::free);
-  if (resolved == nullptr) return std::nullopt;
-  return std::string(resolved.get());
-}
-
-std::string Join(const std::string& folder, const std::string& name) {
-  return folder.ends_with('/') ? folder + name : folder + "/" + name;
-}
-
-// A tidy path with the links among its folders followed, as far as these exist, and the last part as it is.
-std::string WithRealFolders(const std::string& path) {
-  std::string folder = path;
-  std::string rest;
-  while (folder != "/") {
-    const std::size_t slash = folder.rfind('/');
-    rest = rest.empty() ? folder.substr(slash + 1) : Join(folder.substr(slash + 1), rest);
-    folder = slash == 0 ? "/" : folder.substr(0, slash);
-    if (const std::optional<std::string> real = Canonical(folder)) return Join(*real, rest);
-  }
-  return path;
-}
-
-bool HasLinkedFolder(const std::string& path) {
-  return WithRealFolders(path) != path;
-}
-
-// What the path means in the end; nothing for a link that leads nowhere. An object that is to come has no links.
-std::optional<std::string> ResolveLink(const std::string& path) {
-  if (std::optional<std::string> real = Canonical(path)) return real;
-  if (IsSymlink(path)) return std::nullopt;
-  return WithRealFolders(path);
-}
-
-}  // namespace
 
 RuleTableBuilder::Ids RuleTableBuilder::Add(const std::shared_ptr<const EventRule>& rule) {
-  if (!IsSymlink(rule->GetPath()) && !HasLinkedFolder(rule->GetPath())) {
+  if (!edr::LeadsThroughLink(rule->GetPath())) {
     ZLOG_INFO("Adding rule " << rule->GetId());
     Insert(rule);
     return {rule->GetId()};
@@ -77,7 +28,7 @@ RuleTableBuilder::Ids RuleTableBuilder::AddSymlink(const EventRule& rule) {
   ZLOG_INFO("Adding symlink rule " << rule.GetId());
   Ids derived;
   Derive(rule, rule.GetId() + "-1", rule.GetPath(), derived);
-  if (const std::optional<std::string> target = ResolveLink(rule.GetPath())) {
+  if (const std::optional<std::string> target = edr::ResolveLink(rule.GetPath())) {
     ZLOG_INFO("Adding resolved rule " << rule.GetId() << " with path " << *target);
     Derive(rule, rule.GetId(), *target, derived);
   } else {

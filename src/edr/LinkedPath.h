@@ -1,0 +1,15 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace zagent::edr {
+
+// Audit reports real objects only: what a rule's path means on this disk, now. Paths are absolute and tidy.
+
+// Whether the path is a symbolic link or has one among its folders.
+[[nodiscard]] bool LeadsThroughLink(const std::string& path);
+// What the path means in the end; nothing for a link that leads nowhere. An object that is to come has no links.
+[[nodiscard]] std::optional<std::string> ResolveLink(const std::string& path);
+
+}  // namespace zagent::edr
