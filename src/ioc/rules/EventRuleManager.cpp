@@ -5,6 +5,7 @@
 
 #include "common/src/util/Log.h"
 #include "src/ioc/config/LogPrefix.h"
+#include "src/ioc/rules/LinkedRules.h"
 #include "src/ioc/rules/ManifestFile.h"
 
 namespace zagent::ioc::internal {
@@ -56,12 +57,13 @@ void EventRuleManager::Load(const Manifests& manifests) {
 }
 
 void EventRuleManager::Take(const Manifest& manifest, const std::string& path, Loaded& loaded) {
-  for (const auto& rule : manifest.GetRules()) {
-    ZLOG_DEBUG("Adding rule " << rule->GetId());
-    if (!loaded.rules.insert_or_assign(rule->GetId(), rule).second) {
-      ZLOG_WARNING("Rule id " << rule->GetId() << " is used more than once: the last rule holds");
+  for (const auto& of_manifest : manifest.GetRules()) {
+    for (const auto& rule : FollowLinks(of_manifest)) {
+      if (!loaded.rules.insert_or_assign(rule->GetId(), rule).second) {
+        ZLOG_WARNING("Rule id " << rule->GetId() << " is used more than once: the last rule holds");
+      }
+      loaded.owners.insert_or_assign(rule->GetId(), path);
     }
-    loaded.owners.insert_or_assign(rule->GetId(), path);
   }
   const Manifest::WhitelistRules& whitelist = manifest.GetWhitelistGlobalRules();
   loaded.whitelist_rules.insert(loaded.whitelist_rules.end(), whitelist.begin(), whitelist.end());

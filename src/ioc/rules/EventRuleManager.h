@@ -21,6 +21,8 @@ namespace zagent::ioc::internal {
 // Each manifest is judged by itself: one that cannot be read or parsed is told in one Error line and skipped. Of two
 // rules with one id the later one holds, and of settings that two manifests give the later manifest's.
 //
+// A rule whose path leads through a symbolic link is watched as it is written and as it is meant (FollowLinks).
+//
 // A rule engine that cannot reach the kernel is logged; the rules stay here, and reach the engine with the next change
 // or when the engine says that it has lost its rules.
 //

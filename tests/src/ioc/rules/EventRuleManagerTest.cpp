@@ -1,6 +1,7 @@
 #include "src/ioc/rules/EventRuleManager.h"
 
 #include <atomic>
+#include <filesystem>
 #include <thread>
 
 #include "tests/fakes/FakeHealthReporter.h"
@@ -153,6 +154,21 @@ TEST_F(IocEventRuleManagerTest, OfSettingsThatTwoManifestsGiveTheLaterHold) {
   EXPECT_EQ(manager_->GetKnownProcessPaths(), std::vector<std::string>{"/b"});
   EXPECT_TRUE(manager_->GetTaggingSettings()->ObjectEmpty());
   EXPECT_EQ(manager_->GetGatewayUrl(), "https://one") << "the last one that is given";
+}
+
+TEST_F(IocEventRuleManagerTest, ALinkIsWatchedAsItIsWrittenAndAsItIsMeant) {
+  const std::string base = std::filesystem::canonical(folder_.Path());
+  std::filesystem::create_directory(base + "/real");
+  std::filesystem::create_directory_symlink("real", base + "/link");
+  std::filesystem::create_symlink("nowhere", base + "/dangling");
+  Make({WriteManifest("one.json", Rule("r1", base + "/link") + "," + Rule("r2", base + "/dangling") + "," +
+                                      Rule("r3", base + "/real"))});
+  EXPECT_EQ(
+      engine_.Installed("IOC"),
+      (std::map<std::string, std::string>{
+          {"r1", base + "/real"}, {"r1-1", base + "/link"}, {"r2-1", base + "/dangling"}, {"r3", base + "/real"}}));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "[IOC]: Adding resolved rule r1 with path " + base + "/real"));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "[IOC]: Cannot resolve symlink " + base + "/dangling"));
 }
 
 TEST_F(IocEventRuleManagerTest, AnUpdateReplacesRulesThroughTheEngine) {
