@@ -5,6 +5,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "common/src/util/DeviceText.h"
 #include "common/src/util/Digest.h"
 #include "src/edr/process/NameService.h"
 #include "src/health/ComponentHealth.h"
@@ -498,7 +499,13 @@ TEST_F(GeneratorTest, TheCreationIsThatOfTheFileSystemWhileThePathLeadsToTheObje
   const std::int64_t creation = File(event).creationtime();
   EXPECT_LE(std::abs(creation - found.st_ctime * kSecond), 5 * kSecond);
   EXPECT_EQ(creation % kSecond, 0);
-  event.file = Image(path);  // another inode: nobody knows when that was made
+  // Another object has been there: nobody knows when that was made.
+  const auto object = [&](const std::string& device, std::uint64_t inode) {
+    return common::ImageInfo(device, 644, inode, path, 0, "root", "root", 0, "");
+  };
+  event.file = object(common::util::DeviceText(found.st_dev), found.st_ino + 1);
+  EXPECT_EQ(File(event).creationtime(), event.change_time);
+  event.file = object("ff:ff", found.st_ino);
   EXPECT_EQ(File(event).creationtime(), event.change_time);
 }
 
