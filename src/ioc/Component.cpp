@@ -57,12 +57,19 @@ std::int64_t ReadSequenceNumber(common::SqlStorage& snapshot) {
 
 }  // namespace
 
-class Component::Handlers {
+class Component::Registration {
  public:
-  explicit Handlers(edr::EventRuleEngine& engine) : engine_(engine) {}
-  Handlers(const Handlers&) = delete;
-  Handlers& operator=(const Handlers&) = delete;
-  ~Handlers() { engine_.UnregisterEventHandlers(kTag); }
+  explicit Registration(edr::EventRuleEngine& engine) : engine_(engine) {}
+  Registration(const Registration&) = delete;
+  Registration& operator=(const Registration&) = delete;
+  ~Registration() {
+    try {
+      engine_.UnregisterEventHandlers(kTag);
+      engine_.AddRules(kTag, {});
+    } catch (const std::exception& error) {
+      ZLOG_WARNING("Component: " << error.what());
+    }
+  }
 
  private:
   edr::EventRuleEngine& engine_;
@@ -90,6 +97,7 @@ Component::Component(std::chrono::system_clock::time_point /*start_time*/, std::
                                                           proc_root),
       SpoolLimits(*config_), common::SpoolStorage::kMaxFileCount, clock);
   tree_ = std::make_unique<TtlProcessTree>(snapshot_.get(), kTimeToLive, clock, proc_root);
+  registration_ = std::make_unique<Registration>(engine);
   manager_ = std::make_unique<internal::EventRuleManager>(*config_, engine, *tree_, health_);
   generator_ = std::make_unique<internal::protobuf::Generator>(*tree_, *storage_, *snapshot_, *config_, health_);
   processor_ = MakeProcessor();
@@ -107,7 +115,7 @@ Component::Component(std::chrono::system_clock::time_point /*start_time*/, std::
 }
 
 Component::~Component() {
-  handlers_.reset();
+  registration_.reset();
   try {
     scheduler_.UnregisterSchedule(upload_schedule_);
   } catch (const std::exception& error) {
@@ -115,7 +123,6 @@ Component::~Component() {
   }
   thread_.reset();  // with what it still has
   processor_.reset();
-  TakeRulesOff();
   manager_.reset();
   generator_.reset();
   tree_.reset();     // saves itself
@@ -141,15 +148,6 @@ void Component::RegisterHandlers() {
         thread_->Enqueue(event.Clone());
       },
       [this] { manager_->OnRulesInvalidated(); });
-  handlers_ = std::make_unique<Handlers>(engine_);
-}
-
-void Component::TakeRulesOff() {
-  try {
-    engine_.AddRules(kTag, {});
-  } catch (const std::exception& error) {
-    ZLOG_WARNING("Component: " << error.what());
-  }
 }
 
 std::string Component::GetGatewayUrl() const {

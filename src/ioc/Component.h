@@ -68,12 +68,11 @@ class Component {
   [[nodiscard]] std::uint64_t GetCachedBytes() const { return storage_->GetCachedBytes() + tree_->GetCachedBytes(); }
 
  private:
-  // Takes the handlers off the engine again.
-  class Handlers;
+  // Takes handlers and rules off the engine again.
+  class Registration;
 
   [[nodiscard]] std::unique_ptr<internal::EventProcessor> MakeProcessor();
   void RegisterHandlers();
-  void TakeRulesOff();
   [[nodiscard]] std::string GetGatewayUrl() const;
   void UpdateEnabled();
   void ReportEnabled() const;
@@ -95,7 +94,7 @@ class Component {
   std::unique_ptr<internal::EventProcessor> processor_;
   std::unique_ptr<internal::ProcessingThread> thread_;
   std::shared_ptr<internal::UploadSchedule> upload_schedule_;
-  std::unique_ptr<Handlers> handlers_;
+  std::unique_ptr<Registration> registration_;
   bool enabled_ = false;  // the configuration has manifests
 };
 

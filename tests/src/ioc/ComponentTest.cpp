@@ -65,9 +65,11 @@ class IocComponentTest : public testing::Test {
     uploader_ = uploader.get();
     component_ = Build(std::make_unique<Config>(*common_, ParsedJson(section_.Text())), std::move(uploader));
   }
-  std::unique_ptr<Component> Build(std::unique_ptr<Config> config, std::unique_ptr<common::Uploader> uploader) {
+  std::unique_ptr<Component> Build(std::unique_ptr<Config> config, std::unique_ptr<common::Uploader> uploader,
+                                   std::uint64_t cpu_limit = 100) {
     return std::make_unique<Component>(clock_.Now(), std::move(config), nullptr, scheduler_, std::move(uploader),
-                                       engine_, 100, 50, nullptr, reporter_, folder_.Path(), clock_, proc_.Root());
+                                       engine_, cpu_limit, 50, nullptr, reporter_, folder_.Path(), clock_,
+                                       proc_.Root());
   }
   void Update() { component_->UpdateConfig(ParsedJson(section_.Text())); }
 
@@ -181,6 +183,14 @@ TEST_F(IocComponentTest, AFolderThatCannotBeMadeLeavesNothingBehind) {
   section_.event_file_path = folder_.Write("file", "") + "/events";
   EXPECT_THAT(ErrorOf([&] { Make(); }), HasSubstr("IocComponent: Failed to create"));
   EXPECT_TRUE(engine_.Calls().empty());
+}
+
+TEST_F(IocComponentTest, AFailureBehindItsRulesTakesThemAwayAgain) {
+  EXPECT_THROW(Build(std::make_unique<Config>(*common_, ParsedJson(section_.Text())),
+                     std::make_unique<fakes::FakeUploader>(), 101),
+               std::invalid_argument);
+  EXPECT_EQ(engine_.Calls().size(), 2U);
+  EXPECT_TRUE(engine_.Installed("IOC").empty());
 }
 
 TEST_F(IocComponentTest, AnEventTravelsFromTheEngineToThePlatform) {

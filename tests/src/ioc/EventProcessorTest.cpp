@@ -414,11 +414,14 @@ TEST_F(EventProcessorTest, APidThatComesAgainBehindItsEndClosesTheOldProcess) {
   Process(Start(2));
   Process(Start(3, 101, kPid));
   Process(Write(4, 101, kPid));
+  Process(Start(3, 102, 101));
   Process(Exit(5));
   Process(Start(6));
   EXPECT_THAT(Reported(), ElementsAre("Exit 100/5")) << "the end of the old one, judged before its time";
   EXPECT_FALSE(tree_.Get(kPid)->HasTag("Terminated"));
+  EXPECT_TRUE(log_.Has("[IOC]: DeleteStaleProcesses: Deleting ProcessInfo for PID: 100"));
   EXPECT_FALSE(tree_.Get(101)->HasEvents()) << "what waited with the children was judged too";
+  EXPECT_FALSE(tree_.Get(102)->HasEvents()) << "and with theirs";
   EXPECT_EQ(tree_.Get(101)->GetParent(), 1);
   EXPECT_EQ(WaitingEvents(), 1U);
 }
