@@ -146,7 +146,7 @@ class EventProcessorTest : public testing::Test {
   fakes::FakeProcFs proc_;
   fakes::FakeHealthReporter reporter_;
   const health::ComponentHealth health_{reporter_, health::ComponentHealth::Kind::Ioc};
-  const bool has_init_ = (proc_.Start(1), true);
+  const bool has_init_ = (proc_.Start(1, {.ppid = 0, .start = 1}), true);
   TtlProcessTree tree_{nullptr, seconds(120), clock_, proc_.Root()};
   FakeGenerator generator_;
   bool send_metadata_ = false;
