@@ -362,6 +362,14 @@ TEST_F(IocComponentTest, AMalformedSectionChangesNothing) {
   EXPECT_FALSE(log_.Has("Disabling IOC"));
 }
 
+TEST_F(IocComponentTest, NewLimitsReachTheSpool) {
+  Make();
+  section_.max_disk_size_mb = 0;
+  Update();
+  EXPECT_TRUE(Eventually([&] { return log_.Has("SpoolStorage::Update: Ignoring invalid max disk size setting"); }));
+  EXPECT_FALSE(log_.Has("Ignoring invalid max file age setting"));
+}
+
 TEST_F(IocComponentTest, ANewIntervalTakesEffectAtOnce) {
   section_.upload_interval = 0;
   LeaveInSpool("ioc.0001", "1");
