@@ -4,23 +4,29 @@
 #include <Poco/Channel.h>
 #include <Poco/Logger.h>
 #include <Poco/Message.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <utility>
 #include <vector>
 
+#include "common/src/storage/FileStorage.h"
 #include "common/src/util/Json.h"
 #include "src/audit/rules/CreateRules.h"
 #include "src/audit/rules/KernelRules.h"
 #include "src/edr/EventRuleEngine.h"
+#include "src/ioc/rules/LinkedRules.h"
 #include "src/manifest_check/KernelRuleText.h"
 #include "src/manifest_check/UnknownKeys.h"
+#include "src/manifest_check/UnreadParts.h"
 
 namespace zagent::manifest_check {
 namespace {
 
+using common::util::JsonPlace;
 using common::util::TextPosition;
-using fim::JsonPlace;
 using fim::ManifestFile;
 
 constexpr const char* kKnownVersion = "1.0";
@@ -58,12 +64,44 @@ class LogLines {
   int old_level_;
 };
 
-JsonPlace PlaceOfRule(std::size_t position) {
-  return {"data", "fim", "rules", std::to_string(position)};
+JsonPlace IdWithin(const JsonPlace& rule) {
+  return common::util::Within(rule, {"ruleId"});
 }
 
-TextPosition PositionOf(const ManifestFile& file, const JsonPlace& place) {
-  return common::util::PositionOf(file.text, common::util::OffsetOf(file.text, place));
+TextPosition PositionOf(const std::string& text, const JsonPlace& place) {
+  return common::util::PositionOf(text, common::util::OffsetOf(text, place));
+}
+
+bool IsOfPath(const edr::EventRule& rule) {
+  return rule.GetType() == edr::ObjectType::File || rule.GetType() == edr::ObjectType::Directory;
+}
+
+// What is neither is judged as a manifest of file integrity monitoring.
+bool IsOfIoc(const std::string& path) {
+  constexpr std::array<const char*, 5> kKeys = {"policyVersion", "policyId", "productId", "globalSettings", "rules"};
+  struct stat info {};
+  if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size > ioc::internal::kMaxManifestBytes) {
+    return false;
+  }
+  const std::unique_ptr<common::StorageResult> content = common::FileStorage(path).Read();
+  if (content == nullptr || content->code != common::StorageCode::Success) return false;
+  rapidjson::Document document;
+  common::util::ParseJson(document, {reinterpret_cast<const char*>(content->data.data()), content->data.size()});
+  return !document.HasParseError() && common::util::FindMember(document, "data") == nullptr &&
+         std::any_of(kKeys.begin(), kKeys.end(),
+                     [&](const char* key) { return common::util::FindMember(document, key) != nullptr; });
+}
+
+// Of the rules that become one of Manifest::GetRules, in their order.
+std::vector<JsonPlace> PlacesOfIocRules(const std::string& text) {
+  rapidjson::Document document;
+  common::util::ParseJson(document, text);
+  std::vector<JsonPlace> places;
+  const rapidjson::Value& rules = *common::util::FindMember(document, "rules");
+  for (rapidjson::SizeType i = 0; i < rules.Size(); ++i) {
+    if (IsForKernel(rules[i])) places.push_back({"rules", std::to_string(i)});
+  }
+  return places;
 }
 
 // Which rule has got the id beside its own; empty for the own one.
@@ -80,18 +118,22 @@ std::string WatchedByKernel(const edr::EventRule& rule) {
 }  // namespace
 
 bool ManifestCheck::Check(const std::string& path) {
+  return IsOfIoc(path) ? CheckIoc(path) : CheckFim(path);
+}
+
+bool ManifestCheck::CheckFim(const std::string& path) {
   LogLines log;
   try {
     const ManifestFile file = fim::ReadManifestFile(path);
     const bool is_known = file.manifest.GetPolicyVersion() == kKnownVersion;
     if (!is_known) {
-      PrintFault(path, PositionOf(file, {"data", "fim", "policyVersion"}),
+      PrintFault(path, PositionOf(file.text, {"data", "fim", "policyVersion"}),
                  "Unknown version [" + file.manifest.GetPolicyVersion() + "] of FIM manifest. Skipping.");
       return false;
     }
     for (const std::string& line : log.Take()) PrintWarning(path, line);
     WarnOfUnknownKeys(path, file);
-    if (!CheckRules(path, file)) return false;
+    if (!CheckFimRules(path, file)) return false;
   } catch (const fim::ManifestFileException& error) {
     if (error.Faults().empty()) out_ << error.what() << "\n";
     for (const auto& fault : error.Faults()) PrintFault(path, fault.position, fault.text);
@@ -101,39 +143,87 @@ bool ManifestCheck::Check(const std::string& path) {
   return true;
 }
 
-bool ManifestCheck::CheckRules(const std::string& path, const ManifestFile& file) {
-  const fim::Manifest::Rules& rules = file.manifest.GetRules();
-  kernel_rules_.clear();
-  bool is_good = true;
-  for (std::size_t i = 0; i < rules.size(); ++i) is_good = CheckRule(path, file, i) && is_good;
-  if (!is_good) return false;
-  out_ << path << ": " << rules.size() << (rules.size() == 1 ? " rule" : " rules")
-       << (file.manifest.CollectsHashes() ? ", with digests" : "") << "\n"
-       << kernel_rules_;
+bool ManifestCheck::CheckIoc(const std::string& path) {
+  LogLines log;
+  try {
+    const ioc::internal::ManifestFile file = ioc::internal::ReadManifestFile(path, tree_);
+    for (const std::string& line : log.Take()) PrintWarning(path, line);
+    WarnOfUnreadParts(path, file.text);
+    if (!CheckIocRules(path, file)) return false;
+  } catch (const ioc::internal::ManifestFileException& error) {
+    const auto& fault = error.GetFault();
+    if (fault.text.empty()) {
+      out_ << error.what() << "\n";
+    } else {
+      PrintFault(path, fault.position, fault.text);
+    }
+    return false;
+  }
+  for (const std::string& line : log.Take()) PrintWarning(path, line);
   return true;
 }
 
-bool ManifestCheck::CheckRule(const std::string& path, const ManifestFile& file, std::size_t position) {
-  const auto& rule = file.manifest.GetRules()[position];
-  const TextPosition place = PositionOf(file, PlaceOfRule(position));
-  const TextPosition place_of_id = PositionOf(file, fim::Within(PlaceOfRule(position), {"ruleId"}));
+bool ManifestCheck::CheckFimRules(const std::string& path, const ManifestFile& file) {
+  const fim::Manifest::Rules& rules = file.manifest.GetRules();
+  kernel_rules_.clear();
+  bool is_good = true;
+  for (std::size_t i = 0; i < rules.size(); ++i) {
+    const JsonPlace place = {"data", "fim", "rules", std::to_string(i)};
+    fim::internal::RuleTableBuilder builder;
+    builder.Add(rules[i]);
+    const fim::internal::RuleTable::Rules table = builder.Take();
+    Derived derived{rules[i]->GetId(), {}, PositionOf(file.text, place), PositionOf(file.text, IdWithin(place))};
+    for (const auto& [id, rule] : std::map(table.begin(), table.end())) derived.rules.push_back(rule);
+    is_good = CheckRule(path, derived) && is_good;
+  }
+  if (is_good) PrintRules(path, rules.size(), file.manifest.CollectsHashes() ? ", with digests" : "");
+  return is_good;
+}
+
+bool ManifestCheck::CheckIocRules(const std::string& path, const ioc::internal::ManifestFile& file) {
+  const ioc::internal::Manifest::Rules& rules = file.manifest.GetRules();
+  kernel_rules_.clear();
+  bool is_good = true;
+  std::size_t next = 0;
+  for (const JsonPlace& place : PlacesOfIocRules(file.text)) {
+    const auto& rule = rules[next++];
+    Derived derived{rule->GetId(), ioc::internal::FollowLinks(rule), PositionOf(file.text, place),
+                    PositionOf(file.text, IdWithin(place))};
+    std::sort(derived.rules.begin(), derived.rules.end(),
+              [](const auto& left, const auto& right) { return left->GetId() < right->GetId(); });
+    is_good = CheckRule(path, derived) && is_good;
+  }
+  if (!is_good) return false;
+  WarnOfUnknownActors(path, rules);
+  const std::size_t trusted = file.manifest.GetWhitelistGlobalRules().size();
+  const std::string more = trusted == 0 ? "" : ", " + std::to_string(trusted) + " of trusted programs";
+  PrintRules(path, rules.size(), more + (file.manifest.GetSendMetadata() ? ", with metadata" : ""));
+  return true;
+}
+
+void ManifestCheck::PrintRules(const std::string& path, std::size_t count, const std::string& more) {
+  out_ << path << ": " << count << (count == 1 ? " rule" : " rules") << more << "\n" << kernel_rules_;
+}
+
+bool ManifestCheck::CheckRule(const std::string& path, const Derived& derived) {
   ++rules_;
-  if (!CheckId(path, place_of_id, {rule->GetId(), rule->GetId(), rules_})) return false;
-  fim::internal::RuleTableBuilder builder;
-  builder.Add(rule);
-  const fim::internal::RuleTable::Rules derived = builder.Take();
-  const std::map<std::string, std::shared_ptr<const fim::internal::EventRule>> in_order(derived.begin(), derived.end());
-  for (const auto& [id, part] : in_order) {
-    if (id != rule->GetId() && !CheckId(path, place_of_id, {id, rule->GetId(), rules_})) return false;
+  if (!CheckId(path, derived.place_of_id, {derived.rule_id, derived.rule_id, rules_})) return false;
+  for (const auto& rule : derived.rules) {
+    const std::string& id = rule->GetId();
+    if (id != derived.rule_id && !CheckId(path, derived.place_of_id, {id, derived.rule_id, rules_})) return false;
+    if (edr::EventTypesOf(*rule).empty()) {
+      PrintFault(path, derived.place, "warning: Rule " + id + " has no action that anything tells of");
+      continue;
+    }
     try {
-      for (audit::internal::AuditRule& kernel_rule : audit::internal::CreateRules(*part, coverage_)) {
+      for (audit::internal::AuditRule& kernel_rule : audit::internal::CreateRules(*rule, coverage_)) {
         kernel_rules_ += "  " + id + ": " + KernelRuleText(kernel_rule) + "\n";
       }
     } catch (const edr::RuleEngineException& error) {
-      PrintFault(path, place, error.what());
+      PrintFault(path, derived.place, error.what());
       return false;
     }
-    WarnIfMissing(path, *part);
+    if (IsOfPath(*rule)) WarnIfMissing(path, *rule);
   }
   return true;
 }
@@ -162,8 +252,26 @@ void ManifestCheck::WarnOfUnknownKeys(const std::string& path, const ManifestFil
   rapidjson::Document document;
   common::util::ParseJson(document, file.text);
   for (const fim::ManifestMistake& key : FindUnknownKeys(document)) {
-    PrintFault(path, PositionOf(file, key.place), "warning: " + key.Text());
+    PrintFault(path, PositionOf(file.text, key.place), "warning: " + key.Text());
   }
+}
+
+void ManifestCheck::WarnOfUnreadParts(const std::string& path, const std::string& text) {
+  rapidjson::Document document;
+  common::util::ParseJson(document, text);
+  for (const UnreadPart& part : FindUnreadParts(document)) {
+    PrintFault(path, PositionOf(text, part.place), "warning: " + part.text);
+  }
+}
+
+// Who acted is known from the starts of processes alone, which the kernel tells of for process rules.
+void ManifestCheck::WarnOfUnknownActors(const std::string& path, const Rules& rules) {
+  const bool knows_starts = std::any_of(rules.begin(), rules.end(), [](const auto& rule) {
+    return rule->GetType() == edr::ObjectType::Process &&
+           rule->GetProcessActions().count(edr::EventType::ProcessStart) != 0;
+  });
+  if (rules.empty() || knows_starts) return;
+  PrintWarning(path, "Without a Process rule for \"create\" nobody knows who acts: nothing will be reported");
 }
 
 void ManifestCheck::WarnIfMissing(const std::string& path, const edr::EventRule& rule) {

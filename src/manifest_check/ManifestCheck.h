@@ -1,12 +1,16 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "src/audit/rules/Coverage.h"
 #include "src/fim/ManifestFile.h"
 #include "src/fim/RuleTableBuilder.h"
+#include "src/ioc/process/TtlProcessTree.h"
+#include "src/ioc/rules/ManifestFile.h"
 
 namespace zagent::manifest_check {
 
@@ -16,6 +20,9 @@ namespace zagent::manifest_check {
 //   etc.json: warning: Cannot resolve symlink /etc/nowhere            what works, but may not be meant
 //   etc.json: 2 rules, with digests                                   a good manifest, and
 //     r1: -a always,exit -F dir=/etc -F perm=wa -F key=r1             what the kernel will be asked to watch
+//
+// A document with the member "data" is taken for a manifest of file integrity monitoring, any other with a member of
+// theirs for one of indicators of compromise.
 //
 // Links are followed as they are on this machine. The kernel is not asked: nothing is read but the files, and nothing
 // changes. All files of one check are taken to be in force together: their rules' ids must differ, with those that
@@ -35,16 +42,33 @@ class ManifestCheck {
     int rule = 0;         // number of the rule, over all files
   };
 
-  bool CheckRules(const std::string& path, const fim::ManifestFile& file);
-  bool CheckRule(const std::string& path, const fim::ManifestFile& file, std::size_t position);
+  using Rules = std::vector<std::shared_ptr<const edr::EventRule>>;
+  // A rule of a manifest, and what becomes of it on this machine.
+  struct Derived {
+    std::string rule_id;
+    Rules rules;
+    common::util::TextPosition place;
+    common::util::TextPosition place_of_id;
+  };
+
+  bool CheckFim(const std::string& path);
+  bool CheckIoc(const std::string& path);
+  bool CheckFimRules(const std::string& path, const fim::ManifestFile& file);
+  bool CheckIocRules(const std::string& path, const ioc::internal::ManifestFile& file);
+  bool CheckRule(const std::string& path, const Derived& rule);
+  void PrintRules(const std::string& path, std::size_t count, const std::string& more);
   bool CheckId(const std::string& path, const common::util::TextPosition& place, const KnownId& own);
   void WarnOfUnknownKeys(const std::string& path, const fim::ManifestFile& file);
+  void WarnOfUnreadParts(const std::string& path, const std::string& text);
+  void WarnOfUnknownActors(const std::string& path, const Rules& rules);
   void WarnIfMissing(const std::string& path, const edr::EventRule& rule);
   void PrintFault(const std::string& path, const common::util::TextPosition& place, const std::string& text);
   void PrintWarning(const std::string& path, const std::string& text);
 
   std::ostream& out_;
   const audit::internal::Coverage coverage_;
+  // Nobody is in it: rules are parsed, and never asked about an event.
+  const ioc::TtlProcessTree tree_{nullptr, {}, common::util::Clock::Real()};
   std::map<std::string, KnownId> ids_;  // by the part of an id that the kernel's rules are told apart by
   int rules_ = 0;
   std::string kernel_rules_;  // of the file at hand, a line each

@@ -1,4 +1,4 @@
-// ostrel-manifest-check: says what is wrong in FIM manifests, and what the kernel will be asked to watch.
+// ostrel-manifest-check: says what is wrong in manifests, and what the kernel will be asked to watch.
 #include <iostream>
 #include <string_view>
 
@@ -7,7 +7,7 @@
 namespace {
 
 constexpr const char* kUsage = R"(Usage: ostrel-manifest-check [--extended-coverage] FILE...
-Judges FIM manifests as the daemon would. Exit code 0 when it would take all of them with every rule, else 1.
+Judges manifests of FIM and of IOC as the daemon would. Exit code 0 when it would take all of them with every rule, else 1.
 With --extended-coverage it shows what the kernel is asked to watch where the configuration has "extended_coverage".
 )";
 constexpr std::string_view kExtendedCoverage = "--extended-coverage";
