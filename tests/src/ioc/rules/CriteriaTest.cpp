@@ -199,6 +199,8 @@ TEST_F(NetworkCriteriaTest, AnAddressMatchesWhole) {
   EXPECT_FALSE(MatchesAddress("10.0.0.1$", "10.0.0.1\n"));
   EXPECT_TRUE(MatchesAddress("a|ab", "ab")) << "the longer alternative";
   EXPECT_FALSE(MatchesAddress("a|ab", "xa"));
+  EXPECT_FALSE(MatchesAddress("a|b", "ax"));
+  EXPECT_FALSE(MatchesAddress("a|b", "xb"));
   EXPECT_TRUE(MatchesAddress(R"(192\.168\..*)", "192.168.7.9"));
   EXPECT_FALSE(MatchesAddress("", "10.0.0.1"));
   EXPECT_TRUE(MatchesAddress("", ""));

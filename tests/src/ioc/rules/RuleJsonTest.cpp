@@ -368,6 +368,22 @@ TEST_F(RuleJsonTest, AWordOfAnotherKindOfRuleIsPassedOver) {
   EXPECT_TRUE(log.Has("Unsupported value: actorProcess provided in filterType"));
 }
 
+TEST_F(RuleJsonTest, AnObjectAndItsPatternsAreOneCriterion) {
+  const fakes::LogCapture log;
+  (void)File(FileRuleText().With(
+      "inclusionFilters",
+      R"([{"filterType":["patterns","objectType","patterns"],"objectType":"File","patterns":["x"]}])"));
+  EXPECT_EQ(log.Count("Setting File Patterns"), 1);
+}
+
+TEST_F(RuleJsonTest, ALocalAddressIsHeldAgainstListening) {
+  const NetworkRule rule = Network(NetworkRuleText().With(
+      "inclusionFilters", R"([{"filterType":["localIPAddress"],"localIPAddress":["0\\.0\\.0\\.0"]}])"));
+  EXPECT_EQ(rule.Match(NetworkEvent("0.0.0.0", 22, EventType::Bind)), edr::MatchResult::Matched);
+  EXPECT_EQ(rule.Match(NetworkEvent("127.0.0.1", 22, EventType::Bind)), edr::MatchResult::RefusedByFilter);
+  EXPECT_EQ(rule.Match(NetworkEvent("127.0.0.1", 22)), edr::MatchResult::Matched);
+}
+
 TEST_F(RuleJsonTest, APathIsTidiedAsTheKernelKnowsIt) {
   const auto path = [this](const char* text) {
     return File(DirectoryRuleText().With("imagePath", "\"" + std::string(text) + "\"")).GetPath();
