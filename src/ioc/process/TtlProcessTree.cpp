@@ -28,10 +28,16 @@ bool IsEnd(const edr::Event& event) {
   return event.GetType() == EventType::ProcessExit || event.GetType() == EventType::AbnormalEnd;
 }
 
-// By the file, for its path gets " (deleted)" behind it when it is replaced on disk.
+bool HasFile(const common::ImageInfo& image) {
+  return !image.GetDevice().empty();
+}
+
+// By the file, where both tell one: its path gets " (deleted)" behind it when it is replaced on disk, and another file
+// may have got its path. A file system may tell a file's device in two ways, but not at one path.
 bool IsSameProgram(const common::ImageInfo& known, const common::ImageInfo& other) {
-  if (known.GetPath() == other.GetPath()) return true;
-  return known.GetInode() == other.GetInode() && known.GetDevice() == other.GetDevice() && !known.GetDevice().empty();
+  const bool is_same_path = known.GetPath() == other.GetPath();
+  if (!HasFile(known) || !HasFile(other)) return is_same_path;
+  return known.GetInode() == other.GetInode() && (is_same_path || known.GetDevice() == other.GetDevice());
 }
 
 }  // namespace
@@ -474,14 +480,24 @@ void TtlProcessTree::EnforceBounds() {
   WarnOnceAMinute();
 }
 
-// All have the same ttl, so the oldest are those that expired first.
+// Who has ended goes first: a storm of short lives must not cost the memory of those that go on. Among the others all
+// have the same ttl, so the oldest are those that expired first.
 void TtlProcessTree::ForgetOldest(std::size_t count) {
   const std::size_t wanted = judged_.size() + count;
-  for (auto oldest = by_age_.begin(); oldest != by_age_.end() && judged_.size() < wanted; ++oldest) {
-    if (oldest->second == kInit || !judged_.insert(*oldest).second) continue;
-    expired_pids_.insert(oldest->second);
-    ++forgotten_;
+  for (; !terminated_.empty() && judged_.size() < wanted; terminated_.pop_front()) {
+    const Pointer process = Find(terminated_.front());
+    if (process && process->HasTag(process_tag::kTerminated)) Forget(ages_.at(process->GetPid()), process->GetPid());
   }
+  for (auto oldest = by_age_.begin(); oldest != by_age_.end() && judged_.size() < wanted; ++oldest) {
+    Forget(oldest->first, oldest->second);
+  }
+}
+
+// Once it is judged.
+void TtlProcessTree::Forget(std::uint64_t age, std::int32_t pid) {
+  if (pid == kInit || !judged_.emplace(age, pid).second) return;
+  expired_pids_.insert(pid);
+  ++forgotten_;
 }
 
 // An eighth more than is needed, so that not every event looks for the oldest.

@@ -143,6 +143,7 @@ class TtlProcessTree {
   void DropJudged(internal::EventHeap& heap);
   void EnforceBounds();
   void ForgetOldest(std::size_t count);
+  void Forget(std::uint64_t age, std::int32_t pid);
   void JudgeOldest(std::size_t bytes);
   void WarnOnceAMinute();
   void CheckUntold();

@@ -49,6 +49,32 @@ TEST_F(TtlProcessTreeBoundsTest, BeyondItTheOldestAreJudgedAndThenForgotten) {
   EXPECT_EQ(tree_->GetSize(), 4U);
 }
 
+TEST_F(TtlProcessTreeBoundsTest, WhoHasEndedGoesBeforeWhoGoesOn) {
+  Bound(4);
+  Exec(10, 1);
+  Exec(20, 1);
+  Exec(30, 1);
+  tree_->AddEvent(Exit(30, 1));
+  Exec(40, 1);
+  EXPECT_EQ(Expired(), (Ints{3, 4})) << "the start and the end of 30";
+  EXPECT_EQ(Expired(), Ints{});
+  EXPECT_EQ(ChildrenOf(1), (Set{10, 20, 40}));
+  Exec(50, 1);
+  EXPECT_EQ(Expired(), Ints{1}) << "nobody else has ended";
+}
+
+TEST_F(TtlProcessTreeBoundsTest, WhoGotThePidOfOneThatHasEndedGoesOn) {
+  Bound(3);
+  Exec(10, 1);
+  Exec(20, 1);
+  tree_->AddEvent(Exit(20, 1));
+  Exec(20, 1);
+  Exec(30, 1);
+  Expired();
+  EXPECT_EQ(Expired(), Ints{});
+  EXPECT_EQ(ChildrenOf(1), (Set{20, 30}));
+}
+
 TEST_F(TtlProcessTreeBoundsTest, Process1IsNotForgotten) {
   Bound(1);
   Exec(10, 1);

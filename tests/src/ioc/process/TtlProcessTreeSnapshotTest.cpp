@@ -245,6 +245,28 @@ TEST_F(TtlProcessTreeSnapshotTest, AnotherProgramThatWasStartedMeanwhileReplaces
   EXPECT_EQ(tree_->Get(10)->GetImage()->GetPath(), "/bin/evil");
 }
 
+TEST_F(TtlProcessTreeSnapshotTest, AProgramIsKnownByItsFileAndNotByThePathThatAnotherMayHaveGot) {
+  const auto start = [](const std::string& device, std::uint64_t inode, const std::string& path) {
+    fakes::FakeProcessInfo process(10, 1, path);
+    process.image = common::ImageInfo(device, 755, inode, path, 0, "root", "root", 0, "");
+    process.creation_time = kBoot + 500 * kSecond;
+    return std::make_unique<edr::PseudoRunningEvent>(process);
+  };
+  const auto keeps_its_tags = [&](const std::string& device, std::uint64_t inode, const std::string& path) {
+    tree_ = MakeTree();
+    tree_->AddEvent(start("fe:0", 5, "/bin/sh"));
+    tree_->Get(10)->AddTag(process_tag::kHashMatchingVerdict, "Clean");
+    tree_->AddEvent(start(device, inode, path));
+    return tree_->Get(10)->HasTag(process_tag::kHashMatchingVerdict);
+  };
+  EXPECT_TRUE(keeps_its_tags("fe:0", 5, "/bin/sh"));
+  EXPECT_TRUE(keeps_its_tags("fe:0", 5, "/bin/sh (deleted)"));
+  EXPECT_TRUE(keeps_its_tags("0:2a", 5, "/bin/sh")) << "a file system with two devices";
+  EXPECT_FALSE(keeps_its_tags("fe:0", 6, "/bin/sh")) << "another file at the path";
+  EXPECT_FALSE(keeps_its_tags("0:2a", 5, "/mnt/sh"));
+  EXPECT_TRUE(keeps_its_tags("", 0, "/bin/sh")) << "nothing but a path is known";
+}
+
 TEST_F(TtlProcessTreeSnapshotTest, ARestoredProcessThatEndsWithoutAWordIsReportedAsEnded) {
   Run(10, 1);
   Restart();
