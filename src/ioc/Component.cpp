@@ -147,7 +147,11 @@ void Component::RegisterHandlers() {
       [this](const std::vector<std::string>& /*rule_ids*/, const edr::Event& event) {
         thread_->Enqueue(event.Clone());
       },
-      [this] { manager_->OnRulesInvalidated(); });
+      [this] {
+        // Before the kernel has the new rules: what they bring is judged by them.
+        filtering_->OnRulesChanged();
+        manager_->OnRulesInvalidated();
+      });
 }
 
 std::string Component::GetGatewayUrl() const {

@@ -27,7 +27,9 @@ UploadSchedule::UploadSchedule(const Config& config, common::Storage& storage, s
       health_(health),
       clock_(clock),
       last_run_(clock),
+      built_(clock),
       gateway_url_prefix_(std::move(gateway_url_prefix)) {
+  built_.Set();
   uploader_->SetIndexedHeader(kProtocolVersionHeader, "1.0");
   uploader_->SetIndexedHeader(kProtocolTypeHeader, "IOC");
 }
@@ -44,18 +46,25 @@ void UploadSchedule::SetGatewayUrlPrefix(const std::string& prefix) {
 
 std::int64_t UploadSchedule::NextRunTime() {
   const std::int64_t now = common::util::ToNanoseconds(clock_.Now());
-  const std::int64_t interval = config_.GetUploadInterval() * kNanosecondsPerSecond;
-  if (interval == 0) return now + kDay;
-  const auto last_run = last_run_.Get();
-  const std::int64_t due = last_run ? std::max(now, *last_run + interval) : now;
+  const std::int64_t due = std::max(now, NextDueTime().value_or(now));
   if (quiet_hours_ == nullptr) return due;
   const auto wait = quiet_hours_->GetSecondsToWindow(kModule, common::BlackoutManager::WindowType::Network,
                                                      common::util::Clock::SystemTime(std::chrono::nanoseconds(due)));
   return due + static_cast<std::int64_t>(wait) * kNanosecondsPerSecond;
 }
 
+// Nothing for at once.
+std::optional<std::int64_t> UploadSchedule::NextDueTime() const {
+  const std::int64_t interval = config_.GetUploadInterval() * kNanosecondsPerSecond;
+  const auto last_run = last_run_.Get();
+  if (interval == 0) return (last_run ? *last_run : *built_.Get()) + kDay;
+  if (!last_run) return std::nullopt;
+  return *last_run + interval;
+}
+
 void UploadSchedule::OnClockStep(std::chrono::nanoseconds step) {
   last_run_.Move(step);
+  built_.Move(step);
 }
 
 void UploadSchedule::Reschedule() {

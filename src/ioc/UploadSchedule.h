@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "common/src/http/Uploader.h"
@@ -38,7 +39,7 @@ class UploadSchedule final : public common::Schedule {
   // From the next upload on. From any thread.
   void SetGatewayUrlPrefix(const std::string& prefix);
 
-  // An interval of 0 is always a day away.
+  // With an interval of 0 there is one run a day, the first a day after the start.
   [[nodiscard]] std::int64_t NextRunTime() override;
   void OnClockStep(std::chrono::nanoseconds step) override;
   // Makes the Scheduler ask for the next run again, after the interval has changed.
@@ -51,6 +52,7 @@ class UploadSchedule final : public common::Schedule {
  private:
   using File = std::unique_ptr<common::StorageResult>;
 
+  [[nodiscard]] std::optional<std::int64_t> NextDueTime() const;
   void UploadSome();
   // The next file to send; null when there is none or none can be read.
   File ReadNext();
@@ -67,6 +69,7 @@ class UploadSchedule final : public common::Schedule {
   const health::ComponentHealth& health_;
   common::util::Clock& clock_;
   common::RememberedTime last_run_;
+  common::RememberedTime built_;
   mutable std::mutex prefix_mutex_;
   std::string gateway_url_prefix_;
 };

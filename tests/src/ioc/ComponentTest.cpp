@@ -346,6 +346,21 @@ TEST_F(IocComponentTest, NewManifestsReplaceTheRulesAndTheFilterLearnsOfThem) {
   EXPECT_GE(Batch(folder_.Read("edr/events/ioc.0001")).processevent_size(), 1);
 }
 
+TEST_F(IocComponentTest, WhatNewRulesBringIsJudgedByThemEvenBeforeAllAreInForce) {
+  section_.upload_interval = 0;
+  section_.manifests = {folder_.Write(
+      "no-rules.json", R"({"policyVersion":"2.0.0","policyId":1,"productId":1,"globalSettings":{},"rules":[]})")};
+  Make();
+  section_.manifests = {WriteManifest("new.json")};
+  bool is_told = false;
+  engine_.BeforeNextAdd([&] {
+    DeliverStart();
+    is_told = Judged();
+  });
+  Update();
+  EXPECT_TRUE(is_told);
+}
+
 TEST_F(IocComponentTest, RulesThatWereLostAreInstalledAgain) {
   Make();
   const std::size_t calls = engine_.Calls().size();

@@ -194,11 +194,25 @@ TEST_F(IocUploadScheduleTest, AnEndedRunWakesTheScheduler) {
   EXPECT_GE(wakes, 1);
 }
 
-TEST_F(IocUploadScheduleTest, AnIntervalOfZeroIsAlwaysADayAway) {
+TEST_F(IocUploadScheduleTest, AnIntervalOfZeroIsOneRunADay) {
   SetInterval(0);
   EXPECT_EQ(SecondsToNextRun(), 86'400);
   clock_.Advance(seconds(50'000));
+  EXPECT_EQ(SecondsToNextRun(), 36'400);
+  clock_.Advance(seconds(36'400));
+  EXPECT_EQ(SecondsToNextRun(), 0);
+  Run();
   EXPECT_EQ(SecondsToNextRun(), 86'400);
+}
+
+TEST_F(IocUploadScheduleTest, AStepOfTheClockLeavesTheDayBeforeTheFirstRunAsItIs) {
+  SetInterval(0);
+  const seconds day(86'400);
+  for (const seconds step : {day, -day}) {
+    clock_.Advance(step);
+    schedule_->OnClockStep(step);
+    EXPECT_EQ(SecondsToNextRun(), 86'400);
+  }
 }
 
 TEST_F(IocUploadScheduleTest, AStepOfTheClockLeavesTheIntervalAsItIs) {
