@@ -1,5 +1,8 @@
 #include "src/ioc/process/LiveProcesses.h"
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <chrono>
 #include <fstream>
 #include <stdexcept>
@@ -31,6 +34,11 @@ bool WasThere(std::int64_t start, std::int64_t time) {
 
 std::optional<std::int64_t> LiveProcesses::FindStart(std::int32_t pid) const {
   return common::util::ReadStartSinceBoot(pid, proc_root_);
+}
+
+bool LiveProcesses::IsGone(std::int32_t pid) const {
+  const std::string folder = proc_root_ + "/" + std::to_string(pid);
+  return access(folder.c_str(), F_OK) != 0 && errno == ENOENT;
 }
 
 // The kernel adds up all interrupts for whoever reads the file of the boot time, so it is not read for every process.

@@ -15,10 +15,12 @@ class LiveProcesses {
  public:
   LiveProcesses(common::util::Clock& clock, std::string proc_root) : clock_(clock), proc_root_(std::move(proc_root)) {}
 
-  // When the kernel made the process, in ns since the boot; nothing when it is gone.
+  // When the kernel made the process, in ns since the boot; nothing when it is gone, or when nobody can be asked.
   [[nodiscard]] std::optional<std::int64_t> FindStart(std::int32_t pid) const;
   // The same moment in ns since the epoch; nothing when the machine does not say when it was started.
   [[nodiscard]] std::optional<std::int64_t> ToEpoch(std::int64_t start_since_boot);
+  // Whether procfs says that there is no such process; false when it cannot be asked.
+  [[nodiscard]] bool IsGone(std::int32_t pid) const;
   // Two readings of the start of one process differ by less than two seconds: the boot is known in whole seconds.
   [[nodiscard]] static bool IsSameStart(std::int64_t stored, std::int64_t live);
 

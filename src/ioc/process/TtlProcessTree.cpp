@@ -379,6 +379,12 @@ void TtlProcessTree::Delete(std::int32_t pid) {
   }
 }
 
+// A look that fails, as without a free descriptor, is nobody's end.
+bool TtlProcessTree::IsStillThere(const ProcessInfo& process) const {
+  const auto start = live_.FindStart(process.GetPid());
+  return start ? start == process.GetStartSinceBoot() : !live_.IsGone(process.GetPid());
+}
+
 // Some of them a turn, one after the other.
 void TtlProcessTree::CheckUntold() {
   const std::size_t count = std::min(untold_.size(), kChecksAtOnce);
@@ -388,7 +394,7 @@ void TtlProcessTree::CheckUntold() {
     const auto [pid, is_reported] = *next;
     last_checked_ = pid;
     const Pointer process = Find(pid);
-    if (process && live_.FindStart(pid) == process->GetStartSinceBoot()) continue;
+    if (process && IsStillThere(*process)) continue;
     untold_.erase(next);
     if (!process || process->HasTag(process_tag::kTerminated)) continue;
     ZLOG_DEBUG("Process with pid " << pid << " has ended without a word");

@@ -147,6 +147,7 @@ class TtlProcessTree {
   void JudgeOldest(std::size_t bytes);
   void WarnOnceAMinute();
   void CheckUntold();
+  [[nodiscard]] bool IsStillThere(const ProcessInfo& process) const;
 
   common::SqlStorage* const snapshot_;
   const std::chrono::seconds ttl_;

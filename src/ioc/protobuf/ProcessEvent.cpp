@@ -40,6 +40,13 @@ struct Identity {
   std::int64_t creation_time;
 };
 
+// Who started it: by the time that a start is told, whoever did it may have ended, and the process hangs under
+// process 1.
+std::int32_t ParentOf(const ProcessInfo& process, const edr::Event& event, bool is_start) {
+  const std::int32_t ppid = is_start ? event.GetActorParentProcessId() : 0;
+  return ppid > 0 && ppid != process.GetPid() ? ppid : process.GetParent();
+}
+
 bool IsOnDisk(const common::ImageInfo& image) {
   try {
     return common::StatImage(image) != nullptr;
@@ -70,7 +77,7 @@ Report ProcessEvent::Build(const edr::Event& event) const {
   message.set_eventaction(ActionOf(type));
   message.set_timestamp(event.GetTimestamp());
   message.set_uniqueid(UniqueProcessId(pid, identity.creation_time, path));
-  const std::int32_t ppid = process->GetParent();
+  const std::int32_t ppid = ParentOf(*process, event, is_start);
   if (tree_.Has(ppid)) {
     FillActor(*tree_.Get(ppid), nullptr, *message.mutable_actor());
   } else {

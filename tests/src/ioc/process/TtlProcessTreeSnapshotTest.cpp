@@ -277,6 +277,19 @@ TEST_F(TtlProcessTreeSnapshotTest, ARestoredProcessThatEndsWithoutAWordIsReporte
   EXPECT_EQ(PidsOfTree(), Set{1});
 }
 
+TEST_F(TtlProcessTreeSnapshotTest, ALookThatFailsIsNobodysEnd) {
+  Run(10, 1);
+  Restart();
+  const std::string stat = proc_.Root() + "/10/stat";
+  std::filesystem::remove(stat);
+  std::filesystem::create_directory(stat);  // cannot be read
+  tree_->DeleteStaleProcesses();
+  EXPECT_FALSE(tree_->Get(10)->HasTag(process_tag::kTerminated));
+  proc_.End(10);
+  tree_->DeleteStaleProcesses();
+  EXPECT_TRUE(tree_->Get(10)->HasTag(process_tag::kTerminated));
+}
+
 TEST_F(TtlProcessTreeSnapshotTest, AChildWithoutARowIsSkipped) {
   Run(10, 1);
   Close();

@@ -631,11 +631,32 @@ TEST_F(GeneratorTest, AnEndThatNobodyCanAskMuchIsTold) {
 TEST_F(GeneratorTest, AProcessWithoutAParentIsToldWithoutAnActor) {
   FakeEvent event = OfProcess(EventType::ProcessStart, "Execve");
   event.pid = 1;
+  event.ppid = 0;
   event.image = Image("/sbin/init");
   const wire::ProcessEvent message = ProcessMessage(event);
   EXPECT_FALSE(message.has_actor());
   EXPECT_EQ(message.parentprocessid(), 0);
   EXPECT_TRUE(log_.Has("[IOC]: Failed to get parent process information with PID -1"));
+}
+
+TEST_F(GeneratorTest, AStartIsThatOfItsParentThoughTheProcessHangsUnderProcess1Since) {
+  FakeEvent orphan = OfProcess(EventType::Write, "Write");
+  orphan.ppid = 1;
+  tree_->AddEvent(orphan.Clone());
+  ASSERT_EQ(tree_->Get(20)->GetParent(), 1);
+  const wire::ProcessEvent start = ProcessMessage(OfProcess(EventType::ProcessStart, "Execve"));
+  EXPECT_EQ(start.parentprocessid(), 10);
+  EXPECT_EQ(start.actor().processid(), 10);
+  EXPECT_EQ(ProcessMessage(OfProcess(EventType::ProcessExit, "Exit")).parentprocessid(), 1);
+}
+
+TEST_F(GeneratorTest, AParentThatHasGoneIsToldByItsPidAlone) {
+  FakeEvent start = OfProcess(EventType::ProcessStart, "Execve");
+  start.ppid = 99;
+  const wire::ProcessEvent message = ProcessMessage(start);
+  EXPECT_EQ(message.parentprocessid(), 99);
+  EXPECT_FALSE(message.has_actor());
+  EXPECT_TRUE(log_.Has("[IOC]: Failed to get parent process information with PID 99"));
 }
 
 TEST_F(GeneratorTest, AProgramIsOnDiskWhileItsFileIsThere) {
