@@ -323,6 +323,19 @@ TEST_F(EventProcessorTest, OfACleanProcessOnlyItsEndAndItsDeletionsAreReportedWh
       log_.Has(Poco::Message::PRIO_DEBUG, "[IOC]: Reporting Exit event for 'Clean' process with pid 100 (/bin/actor)"));
 }
 
+TEST_F(EventProcessorTest, WhatIsDueIsJudgedBehindAnEventTooButNotBehindAFailedCall) {
+  LetAllWait();
+  Process(Start(2));
+  Process(Delete(3));
+  clock_.Advance(seconds(121));
+  auto failed = Write(4);
+  failed->successful = false;
+  Process(std::move(failed));
+  EXPECT_THAT(Reported(), IsEmpty());
+  Process(Write(5));
+  EXPECT_THAT(Reported(), ElementsAre("Delete 100/3"));
+}
+
 TEST_F(EventProcessorTest, AnAbnormalEndIsAnEndToo) {
   LetAllWait();
   Process(Start(2));
