@@ -1,5 +1,9 @@
 #include "src/ioc/rules/Manifest.h"
 
+#include <fstream>
+#include <iterator>
+
+#include "tests/fakes/TestData.h"
 #include "tests/src/ioc/rules/RulesFixture.h"
 
 namespace zagent::ioc::internal {
@@ -55,6 +59,16 @@ TEST_F(IocManifestTest, WithoutRulesAManifestIsValidAndHasItsDefaults) {
     EXPECT_TRUE(log.Has(Poco::Message::PRIO_DEBUG, std::string("[IOC]: ") + line)) << line;
   }
   EXPECT_TRUE(log.Has(Poco::Message::PRIO_INFORMATION, "[IOC]: Tagging is disabled."));
+}
+
+TEST_F(IocManifestTest, TheFiltersOfThePageAreFilters) {
+  std::ifstream page(fakes::TestData("ioc/filters.json"));
+  const std::string filters{std::istreambuf_iterator<char>(page), {}};
+  ASSERT_FALSE(filters.empty());
+  const Manifest manifest = Parse(ManifestText().With(
+      "rules",
+      R"([{"ruleId":"r","ruleType":"Directory","imagePath":"/etc","notify":{"File":["write"]},)" + filters + "}]"));
+  EXPECT_EQ(manifest.GetRules().size(), 1U);
 }
 
 TEST_F(IocManifestTest, EverySettingIsRead) {
