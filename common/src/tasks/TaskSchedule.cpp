@@ -50,9 +50,13 @@ void TaskSchedule::OnClockStep(std::chrono::nanoseconds step) {
 }
 
 std::uint64_t TaskSchedule::Post(Task task, std::uint64_t bytes, std::uint64_t limit) {
+  return Enqueue(std::move(task), bytes, limit, Urgency::CanWait);
+}
+
+std::uint64_t TaskSchedule::Enqueue(Task task, std::uint64_t bytes, std::uint64_t limit, Urgency urgency) {
   std::uint64_t number = kRefused;
   bool serving = false;
-  bool asleep = false;
+  bool wake = false;
   {
     std::unique_lock lock(mutex_);
     if (stop_requested_) return kRefused;
@@ -65,9 +69,10 @@ std::uint64_t TaskSchedule::Post(Task task, std::uint64_t bytes, std::uint64_t l
     number = ++last_number_;
     waiting_bytes_ += bytes;
     serving = serving_;
-    asleep = asleep_;
+    if (napping_ && urgency == Urgency::Urgent) hurry_ = true;
+    wake = asleep_ || hurry_;
   }
-  if (asleep) wake_.notify_one();
+  if (wake) wake_.notify_one();
   // A run that serves finds the task itself; without one the Scheduler has to start the next.
   if (!serving) RunNow();
   return number;
@@ -104,13 +109,13 @@ bool TaskSchedule::Await(const Scheduler& scheduler, Task task, std::uint64_t by
     over = true;
     answered_.notify_all();
   });
-  const std::uint64_t number = Post(
+  const std::uint64_t number = Enqueue(
       // The task goes first, because an Answer in it may only be given then.
       [&ran, end = std::move(end), task = std::move(task)] {
         ran = true;
         task();
       },
-      bytes);
+      bytes, kNoLimit, Urgency::Urgent);
   std::unique_lock lock(mutex_);
   answered_.wait(lock, [&] { return over || !CanRunTasks(scheduler); });
   if (!over) {
@@ -157,13 +162,15 @@ void TaskSchedule::Serve() {
     last_to_run_.reset();
   }
   Task task;
-  for (Turn turn = AwaitTurn(task); turn != Turn::Leave; turn = AwaitTurn(task)) {
+  Turn turn = AwaitTurn(task, false);
+  while (turn != Turn::Leave) {
     if (turn == Turn::Work) {
       Guarded([this] { Work(); });
     } else {
       Guarded(task);
       task = nullptr;
     }
+    turn = AwaitTurn(task, turn == Turn::RunTask);
   }
 }
 
@@ -174,6 +181,8 @@ void TaskSchedule::EndRun() {
     const std::lock_guard lock(mutex_);
     serving_ = false;
     asleep_ = false;
+    napping_ = false;
+    hurry_ = false;
     more = !tasks_.empty();
   }
   // What this run leaves, the next one serves.
@@ -181,7 +190,7 @@ void TaskSchedule::EndRun() {
   Schedule::Execute();
 }
 
-TaskSchedule::Turn TaskSchedule::AwaitTurn(Task& task) {
+TaskSchedule::Turn TaskSchedule::AwaitTurn(Task& task, bool nap) {
   std::unique_lock lock(mutex_);
   std::optional<util::Clock::SystemTime> idle_end;
   std::uint64_t rechecks = rechecks_;
@@ -191,7 +200,11 @@ TaskSchedule::Turn TaskSchedule::AwaitTurn(Task& task) {
     if (policy_.idle && (!idle_end || rechecks != rechecks_)) idle_end = clock_.Now() + *policy_.idle;
     if (idle_end && *idle_end <= clock_.Now()) return Leave();
     rechecks = rechecks_;
-    Sleep(lock, idle_end);
+    if (std::exchange(nap, false)) {
+      Nap(lock);
+    } else {
+      Sleep(lock, idle_end);
+    }
   }
 }
 
@@ -219,6 +232,16 @@ bool TaskSchedule::MustLeave() {
 TaskSchedule::Turn TaskSchedule::Leave() {
   serving_ = false;
   return Turn::Leave;
+}
+
+void TaskSchedule::Nap(std::unique_lock<std::mutex>& lock) {
+  const std::uint64_t rechecks = rechecks_;
+  napping_ = true;
+  // By the machine's own clock: a nap is no time that a schedule keeps.
+  wake_.wait_for(lock, kNap,
+                 [this, rechecks] { return hurry_ || stop_requested_ || IsCancelling() || rechecks_ != rechecks; });
+  napping_ = false;
+  hurry_ = false;
 }
 
 void TaskSchedule::Sleep(std::unique_lock<std::mutex>& lock, std::optional<util::Clock::SystemTime> until) {

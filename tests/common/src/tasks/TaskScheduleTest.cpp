@@ -1,6 +1,7 @@
 #include "common/src/tasks/TaskSchedule.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <functional>
@@ -458,6 +459,33 @@ TEST(TaskScheduleStormTest, TwoHundredThousandTasksOfFourThreadsAreServedInTimeB
   EXPECT_LT(std::chrono::nanoseconds(longest), seconds(1));
   scheduler.Stop();
   EXPECT_LE(bystander->asked, walks + 2) << "the timer thread walks for nothing";
+}
+
+// How often the calling thread has gone to sleep so far.
+long Sleeps() {
+  rusage usage{};
+  getrusage(RUSAGE_THREAD, &usage);
+  return usage.ru_nvcsw;
+}
+
+TEST(TaskScheduleStormTest, TasksThatComeOneByOneDoNotWakeTheRunEach) {
+  constexpr int kTasks = 2'000;
+  constexpr std::chrono::microseconds kPace{20};
+  Scheduler scheduler;
+  const auto tasks = std::make_shared<TaskSchedule>(60);
+  scheduler.RegisterSchedule(tasks);
+  scheduler.Start();
+  const long before = tasks->Call(scheduler, Sleeps);
+  int served = 0;
+  for (int i = 0; i < kTasks; ++i) {
+    const auto next = std::chrono::steady_clock::now() + kPace;
+    ASSERT_TRUE(tasks->AddTask([&served] { ++served; }));
+    while (std::chrono::steady_clock::now() < next) std::this_thread::yield();
+  }
+  const long after = tasks->Call(scheduler, Sleeps);
+  EXPECT_EQ(served, kTasks);
+  EXPECT_LT(after - before, kTasks / 4);
+  scheduler.Stop();
 }
 
 }  // namespace
