@@ -18,6 +18,9 @@ template <typename Key, typename Value>
 class LRUCache {
  public:
   explicit LRUCache(std::size_t capacity) : capacity_(capacity) {}
+  LRUCache(const LRUCache&) = delete;
+  LRUCache& operator=(const LRUCache&) = delete;
+  ~LRUCache() = default;
 
   [[nodiscard]] std::size_t GetSize() const { return entries_.size(); }
   // Does not count as asking for the entry.
@@ -27,21 +30,24 @@ class LRUCache {
   void Put(const Key& key, Value value) {
     Erase(key);
     if (capacity_ == 0) return;
-    if (entries_.size() >= capacity_) {
-      entries_.erase(keys_.back());
-      keys_.pop_back();
-    }
-    keys_.push_front(key);
-    entries_.emplace(key, Entry{keys_.begin(), std::move(value)});
+    if (entries_.size() >= capacity_) Erase(*keys_.back());
+    Keys newest(1, nullptr);
+    newest.front() = &entries_.emplace(key, Entry{newest.begin(), std::move(value)}).first->first;
+    keys_.splice(keys_.begin(), newest);
   }
 
-  // Throws LRUCacheException "Accessing key failed from cache memory" for a key that is not there. The value lives
-  // until its entry goes.
-  [[nodiscard]] Value& Get(const Key& key) {
+  // Null for a key that is not there. The value lives until its entry goes.
+  [[nodiscard]] Value* Find(const Key& key) {
     const auto found = entries_.find(key);
-    if (found == entries_.end()) throw LRUCacheException("Accessing key failed from cache memory");
+    if (found == entries_.end()) return nullptr;
     keys_.splice(keys_.begin(), keys_, found->second.position);
-    return found->second.value;
+    return &found->second.value;
+  }
+  // Throws LRUCacheException "Accessing key failed from cache memory" where Find answers null.
+  [[nodiscard]] Value& Get(const Key& key) {
+    Value* const value = Find(key);
+    if (value == nullptr) throw LRUCacheException("Accessing key failed from cache memory");
+    return *value;
   }
 
   // Takes a value out; throws as Get does.
@@ -65,13 +71,15 @@ class LRUCache {
   }
 
  private:
+  // The table alone holds the keys, which may be long texts.
+  using Keys = std::list<const Key*>;
   struct Entry {
-    typename std::list<Key>::iterator position;
+    typename Keys::iterator position;
     Value value;
   };
 
   const std::size_t capacity_;
-  std::list<Key> keys_;  // the latest asked for in front
+  Keys keys_;  // the latest asked for in front
   std::unordered_map<Key, Entry> entries_;
 };
 
