@@ -101,7 +101,7 @@ const std::vector<unsigned char>& Existing(const std::vector<unsigned char>& dig
 }  // namespace
 
 HashGenerator::HashGenerator(std::string path, const std::string& device, std::uint64_t inode, HashKind kind,
-                             DigestCache* cache)
+                             DigestCache* cache, std::int64_t max_size)
     : path_(std::move(path)) {
   // Opening alone can do harm: a watchdog is armed by it. Whoever puts a link in the file's place must not get there.
   struct stat before {};
@@ -117,7 +117,7 @@ HashGenerator::HashGenerator(std::string path, const std::string& device, std::u
   if (lstat(path_.c_str(), &named) != 0) throw HashGeneratorException("Failed to lstat file at " + path_);
   if (S_ISLNK(named.st_mode)) ZLOG_DEBUG("Generating hash for source file for symlink " << path_);
   if (!device.empty() && (opened.st_ino != inode || DeviceText(opened.st_dev) != device)) return;
-  if (!S_ISREG(opened.st_mode) || IsInProcfs(fd.Get())) return;
+  if (!S_ISREG(opened.st_mode) || opened.st_size > max_size || IsInProcfs(fd.Get())) return;
   digests_ =
       cache != nullptr ? GenerateOrRecall(fd.Get(), opened, kind, *cache) : Generate(fd.Get(), opened.st_size, kind);
 }

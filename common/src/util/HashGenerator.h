@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -21,14 +22,14 @@ enum class HashKind : std::uint8_t { All = 0, Md5 = 1, Sha1 = 2, Sha256 = 3 };
 // The thread that hashes keeps a buffer of 1 MiB for its next file.
 // What is no regular file (a FIFO, a device) or lies in procfs, whose files may be endless or change by being read, has
 // no digests; neither has a file that was replaced, nor one whose size of 0 says nothing of what it holds, as with the
-// files of cgroups.
+// files of cgroups, nor one that is larger than its reader allows.
 class HashGenerator {
  public:
   // Does all the work. `device` as audit writes it ("fd:00"); without it neither device nor inode is checked. A
-  // symbolic link is followed. With a cache the file is read only if its state is not known there. Throws
-  // HashGeneratorException when the file cannot be opened or read.
+  // symbolic link is followed. With a cache the file is read only if its state is not known there. `max_size` in bytes.
+  // Throws HashGeneratorException when the file cannot be opened or read.
   HashGenerator(std::string path, const std::string& device, std::uint64_t inode, HashKind kind,
-                DigestCache* cache = nullptr);
+                DigestCache* cache = nullptr, std::int64_t max_size = std::numeric_limits<std::int64_t>::max());
 
   // The digest as bytes. Throw HashGeneratorException when it was not asked for or not computed.
   [[nodiscard]] const std::vector<unsigned char>& GetMd5() const;

@@ -210,6 +210,13 @@ TEST_F(HashGeneratorTest, GivesNoDigestOfAFolder) {
   EXPECT_THAT(ErrorOf([&] { static_cast<void>(hashes.GetMd5()); }), HasSubstr("does not exist"));
 }
 
+TEST_F(HashGeneratorTest, GivesNoDigestOfAFileThatIsLargerThanItsReaderAllows) {
+  const std::string file = folder_.Write("f", "abc");
+  EXPECT_EQ(Hex(HashGenerator(file, "", 0, HashKind::Md5, nullptr, 3).GetMd5()), kAbcMd5);
+  const HashGenerator refused(file, "", 0, HashKind::Md5, nullptr, 2);
+  EXPECT_EQ(ErrorOf([&] { static_cast<void>(refused.GetMd5()); }), "MD5 for " + file + " does not exist");
+}
+
 TEST_F(HashGeneratorTest, ClosesItsDescriptorOnEveryPath) {
   const std::string file = folder_.Write("f", "abc");
   const int before = dup(0);
