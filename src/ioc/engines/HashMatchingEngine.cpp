@@ -1,0 +1,138 @@
+#include "src/ioc/engines/HashMatchingEngine.h"
+
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "common/src/util/Digest.h"
+#include "common/src/util/HashGenerator.h"
+#include "common/src/util/Log.h"
+#include "src/edr/LexicalPath.h"
+#include "src/ioc/config/LogPrefix.h"
+#include "src/ioc/process/ProcessTags.h"
+#include "src/ioc/rules/RulePath.h"
+
+namespace zagent::ioc::internal {
+namespace {
+
+constexpr std::int32_t kInit = 1;
+
+const std::string& Tag() {
+  static const std::string kTag = process_tag::kHashMatchingVerdict;
+  return kTag;
+}
+
+std::optional<Verdict> FindVerdict(const ProcessInfo& process) {
+  const std::optional<std::string> word = process.FindTag(Tag());
+  if (!word) return std::nullopt;
+  return VerdictFromWord(*word);
+}
+
+}  // namespace
+
+HashMatchingEngine::HashMatchingEngine(TtlProcessTree& tree, const std::vector<std::string>& known_paths,
+                                       common::util::DigestCache& digests)
+    : tree_(tree), digests_(digests) {
+  SetKnownProcessPaths(known_paths);
+}
+
+void HashMatchingEngine::SetKnownProcessPaths(const std::vector<std::string>& paths) {
+  KnownPaths known;
+  for (const std::string& path : paths) {
+    // The program of some processes has no name that anybody knows.
+    if (!path.empty()) known.emplace(edr::LexicallyNormal(path), "");
+  }
+  const std::lock_guard lock(mutex_);
+  known_paths_ = std::move(known);
+}
+
+Verdict HashMatchingEngine::Process(const edr::Event& event) {
+  const std::shared_ptr<ProcessInfo> process = tree_.Get(event.GetActorProcessId());
+  if (event.GetType() != edr::EventType::ProcessStart) {
+    ForgetDigests(event);
+    return JudgeLater(*process);
+  }
+  const Verdict verdict = JudgeStart(*process);
+  ZLOG_INFO("Adding verdict '" << VerdictWord(verdict) << "' to process " << process->GetPid() << " ("
+                               << process->GetImage()->GetPath() << ")");
+  process->AddTag(Tag(), VerdictWord(verdict));
+  return verdict;
+}
+
+Verdict HashMatchingEngine::JudgeStart(ProcessInfo& process) {
+  if (process.GetPid() != kInit) {
+    const std::int32_t ppid = process.GetParent();
+    const std::optional<Verdict> inherited = FindVerdict(*tree_.Get(ppid));
+    if (inherited > Verdict::CleanWithoutHash) {
+      ZLOG_DEBUG("Adding verdict: " << VerdictWord(*inherited) << " from parent process: " << ppid);
+      return *inherited;
+    }
+  }
+  const Verdict verdict = JudgeProgram(process);
+  const std::optional<Verdict> existing = FindVerdict(process);
+  if (existing > verdict) {
+    ZLOG_DEBUG("Adding verdict: " << VerdictWord(*existing) << " from existing process");
+    return *existing;
+  }
+  return verdict;
+}
+
+Verdict HashMatchingEngine::JudgeProgram(const ProcessInfo& process) {
+  const std::string& path = process.GetImage()->GetPath();
+  {
+    const std::lock_guard lock(mutex_);
+    const auto known = known_paths_.find(path);
+    if (known == known_paths_.end()) {
+      ZLOG_DEBUG("Adding verdict: " << VerdictWord(Verdict::Unknown) << " for unknown process");
+      return Verdict::Unknown;
+    }
+    if (!known->second.empty()) {
+      ZLOG_DEBUG("Adding verdict: " << VerdictWord(Verdict::Clean) << ". Hash found for process: " << process.GetPid()
+                                    << " (" << path << ")");
+      return Verdict::Clean;
+    }
+  }
+  return JudgeNewProgram(process);
+}
+
+// Without the lock: nobody waits for the disk.
+Verdict HashMatchingEngine::JudgeNewProgram(const ProcessInfo& process) {
+  const std::string& path = process.GetImage()->GetPath();
+  std::string digest;
+  try {
+    const common::util::HashGenerator generator(path, "", 0, common::util::HashKind::Sha256, &digests_, kMaxFileSize);
+    const std::vector<unsigned char>& bytes = generator.GetSha256();
+    digest = common::util::ToHex({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+  } catch (const common::util::HashGeneratorException& error) {
+    ZLOG_DEBUG(error.what());
+    ZLOG_WARNING("Failed to generate hash for known process " << path);
+    return Verdict::Suspicious;
+  }
+  {
+    const std::lock_guard lock(mutex_);
+    const auto known = known_paths_.find(path);
+    if (known != known_paths_.end()) known->second = std::move(digest);
+  }
+  ZLOG_DEBUG("Adding verdict: " << VerdictWord(Verdict::CleanWithoutHash)
+                                << ". Hash not found for process: " << process.GetPid() << " (" << path << ")");
+  return Verdict::CleanWithoutHash;
+}
+
+Verdict HashMatchingEngine::JudgeLater(const ProcessInfo& process) {
+  if (const std::optional<Verdict> verdict = FindVerdict(process)) return *verdict;
+  const std::lock_guard lock(mutex_);
+  return known_paths_.contains(process.GetImage()->GetPath()) ? Verdict::Clean : Verdict::Unknown;
+}
+
+void HashMatchingEngine::ForgetDigests(const edr::Event& event) {
+  if (event.GetObjectType() != edr::ObjectType::File) return;
+  const bool is_rename = event.GetType() == edr::EventType::Rename;
+  const std::lock_guard lock(mutex_);
+  // What a file is renamed to has changed as well.
+  for (const common::ImageInfo* file : {event.GetFile(), is_rename ? event.GetNewFile() : nullptr}) {
+    const auto known = known_paths_.find(NormalPath(file).Get());
+    if (known != known_paths_.end()) known->second.clear();
+  }
+}
+
+}  // namespace zagent::ioc::internal

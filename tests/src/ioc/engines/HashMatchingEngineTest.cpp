@@ -1,0 +1,246 @@
+#include "src/ioc/engines/HashMatchingEngine.h"
+
+#include <filesystem>
+#include <thread>
+
+#include "common/src/util/HashGenerator.h"
+#include "tests/fakes/TempFolder.h"
+#include "tests/src/ioc/rules/RulesFixture.h"
+
+namespace zagent::ioc::internal {
+namespace {
+
+using edr::EventType;
+using Poco::Message;
+
+class HashMatchingEngineTest : public RulesFixture {
+ protected:
+  static constexpr std::int32_t kPid = 70;
+
+  HashMatchingEngineTest() {
+    clock_.SetWall(std::chrono::hours(24 * 365 * 100));  // every file counts as settled
+  }
+
+  // The process is in the tree, and its start is judged.
+  Verdict JudgeStart(const std::string& image, std::int32_t pid = kPid, std::int32_t ppid = 1) {
+    Exec(pid, ppid, image);
+    return engine_.Process(tree_->Get(pid)->GetLastEvent());
+  }
+  // The process does something to a file.
+  Verdict JudgeFile(const std::string& path, EventType type = EventType::Write, std::int32_t pid = kPid) {
+    fakes::FakeEvent event = FileEvent(path, type);
+    event.pid = pid;
+    return engine_.Process(event);
+  }
+  [[nodiscard]] std::string TagOf(std::int32_t pid) const {
+    return tree_->Get(pid)->FindTag(process_tag::kHashMatchingVerdict).value_or("(none)");
+  }
+  void SetTag(std::int32_t pid, Verdict verdict) {
+    tree_->Get(pid)->AddTag(process_tag::kHashMatchingVerdict, VerdictWord(verdict));
+  }
+
+  fakes::TempFolder folder_;
+  const std::string known_ = folder_.Write("known", "a program");
+  common::util::DigestCache digests_{clock_};
+  HashMatchingEngine engine_{*tree_, {known_}, digests_};
+};
+
+TEST_F(HashMatchingEngineTest, TheFirstStartOfAKnownProgramIsCleanWithoutHashAndTheSecondClean) {
+  {
+    const fakes::LogCapture log;
+    EXPECT_EQ(JudgeStart(known_), Verdict::CleanWithoutHash);
+    EXPECT_EQ(TagOf(kPid), "CleanWithoutHash");
+    EXPECT_TRUE(log.Has(Message::PRIO_DEBUG,
+                        "[IOC]: Adding verdict: CleanWithoutHash. Hash not found for process: 70 (" + known_ + ")"));
+    EXPECT_TRUE(
+        log.Has(Message::PRIO_INFORMATION, "[IOC]: Adding verdict 'CleanWithoutHash' to process 70 (" + known_ + ")"));
+  }
+  const fakes::LogCapture log;
+  EXPECT_EQ(JudgeStart(known_, 71), Verdict::Clean);
+  EXPECT_EQ(TagOf(71), "Clean");
+  EXPECT_TRUE(
+      log.Has(Message::PRIO_DEBUG, "[IOC]: Adding verdict: Clean. Hash found for process: 71 (" + known_ + ")"));
+  EXPECT_TRUE(log.Has(Message::PRIO_INFORMATION, "[IOC]: Adding verdict 'Clean' to process 71 (" + known_ + ")"));
+  EXPECT_FALSE(log.Has("Reading file content")) << "it is hashed once";
+}
+
+TEST_F(HashMatchingEngineTest, AnyOtherProgramIsUnknown) {
+  const fakes::LogCapture log;
+  EXPECT_EQ(JudgeStart("/bin/other"), Verdict::Unknown);
+  EXPECT_EQ(TagOf(kPid), "Unknown");
+  EXPECT_TRUE(log.Has(Message::PRIO_DEBUG, "[IOC]: Adding verdict: Unknown for unknown process"));
+  EXPECT_TRUE(log.Has(Message::PRIO_INFORMATION, "[IOC]: Adding verdict 'Unknown' to process 70 (/bin/other)"));
+}
+
+TEST_F(HashMatchingEngineTest, AnEventOfItsFileHasAKnownProgramHashedAgain) {
+  (void)JudgeStart(known_);
+  for (const EventType type :
+       {EventType::Write, EventType::Delete, EventType::AttributeChange, EventType::Create, EventType::Read}) {
+    ASSERT_EQ(JudgeStart(known_, 71), Verdict::Clean);
+    (void)JudgeFile(known_, type);
+    EXPECT_EQ(JudgeStart(known_, 71), Verdict::CleanWithoutHash) << static_cast<int>(type);
+  }
+  (void)JudgeFile(folder_ / "./sub/../known");
+  EXPECT_EQ(JudgeStart(known_, 71), Verdict::CleanWithoutHash) << "by another name of the path";
+  (void)JudgeFile(folder_ / "known2");
+  (void)JudgeFile(folder_.Path());
+  fakes::FakeEvent folder_event = DirectoryEvent(known_, EventType::Create);
+  (void)engine_.Process(folder_event);
+  EXPECT_EQ(JudgeStart(known_, 71), Verdict::Clean);
+}
+
+TEST_F(HashMatchingEngineTest, WhatIsRenamedToAKnownProgramIsHashed) {
+  (void)JudgeStart(known_);
+  (void)engine_.Process(RenameEvent(known_, "/tmp/elsewhere"));
+  EXPECT_EQ(JudgeStart(known_, 71), Verdict::CleanWithoutHash);
+  (void)engine_.Process(RenameEvent("/tmp/other", known_));
+  EXPECT_EQ(JudgeStart(known_, 71), Verdict::CleanWithoutHash);
+  EXPECT_EQ(JudgeStart(known_, 71), Verdict::Clean);
+}
+
+TEST_F(HashMatchingEngineTest, AChildIsNoBetterThanAParentThatIsWorseThanClean) {
+  (void)JudgeStart(known_, 71);
+  for (const Verdict verdict : {Verdict::Unknown, Verdict::Suspicious, Verdict::Malicious}) {
+    const fakes::LogCapture log;
+    SetTag(kCron, verdict);
+    EXPECT_EQ(JudgeStart(known_, kPid, kCron), verdict);
+    EXPECT_EQ(TagOf(kPid), VerdictWord(verdict));
+    EXPECT_TRUE(
+        log.Has(Message::PRIO_DEBUG, "[IOC]: Adding verdict: " + VerdictWord(verdict) + " from parent process: 50"));
+    EXPECT_TRUE(log.Has(Message::PRIO_INFORMATION,
+                        "[IOC]: Adding verdict '" + VerdictWord(verdict) + "' to process 70 (" + known_ + ")"));
+  }
+}
+
+TEST_F(HashMatchingEngineTest, ACleanParentHasNoSay) {
+  (void)JudgeStart(known_, 71);
+  for (const Verdict verdict : {Verdict::Clean, Verdict::CleanWithoutHash}) {
+    SetTag(kCron, verdict);
+    EXPECT_EQ(JudgeStart(known_, kPid, kCron), Verdict::Clean);
+    EXPECT_EQ(JudgeStart("/bin/other", kPid, kCron), Verdict::Unknown);
+  }
+}
+
+TEST_F(HashMatchingEngineTest, TheParentIsTheOneThatTheTreeKnows) {
+  Exec(kPid, kCron, known_);
+  SetTag(kCron, Verdict::Malicious);
+  auto event = Start(kPid, 1, known_);
+  EXPECT_EQ(engine_.Process(*event), Verdict::Malicious);
+}
+
+TEST_F(HashMatchingEngineTest, ProcessOneHasNoParentToBeAsked) {
+  auto event = Start(1, 0, known_);
+  tree_->AddEvent(Start(1, 0, known_));
+  EXPECT_EQ(engine_.Process(*event), Verdict::CleanWithoutHash);
+  EXPECT_EQ(TagOf(1), "CleanWithoutHash");
+}
+
+TEST_F(HashMatchingEngineTest, AWorseVerdictThatTheProcessHadBeforeStays) {
+  (void)JudgeStart(known_);
+  SetTag(kPid, Verdict::Suspicious);
+  const fakes::LogCapture log;
+  EXPECT_EQ(engine_.Process(tree_->Get(kPid)->GetLastEvent()), Verdict::Suspicious);
+  EXPECT_EQ(TagOf(kPid), "Suspicious");
+  EXPECT_TRUE(log.Has(Message::PRIO_DEBUG, "[IOC]: Adding verdict: Suspicious from existing process"));
+  EXPECT_TRUE(log.Has(Message::PRIO_INFORMATION, "[IOC]: Adding verdict 'Suspicious' to process 70 ("));
+  SetTag(kPid, Verdict::Clean);
+  (void)JudgeFile(known_);
+  EXPECT_EQ(engine_.Process(tree_->Get(kPid)->GetLastEvent()), Verdict::CleanWithoutHash) << "the worse one holds";
+}
+
+TEST_F(HashMatchingEngineTest, LaterEventsHaveTheVerdictOfTheProcess) {
+  (void)JudgeStart("/bin/other");
+  for (const Verdict verdict :
+       {Verdict::Clean, Verdict::CleanWithoutHash, Verdict::Unknown, Verdict::Suspicious, Verdict::Malicious}) {
+    SetTag(kPid, verdict);
+    EXPECT_EQ(JudgeFile("/etc/passwd"), verdict);
+  }
+  SetTag(kPid, Verdict::Clean);
+  auto exit = Exit(kPid, 1);
+  exit->image.reset();
+  EXPECT_EQ(engine_.Process(*exit), Verdict::Clean);
+}
+
+TEST_F(HashMatchingEngineTest, WhoWasNeverJudgedIsJudgedByItsPathAlone) {
+  const fakes::LogCapture log;
+  Exec(kPid, 1, known_);
+  EXPECT_EQ(JudgeFile("/etc/passwd"), Verdict::Clean);
+  EXPECT_EQ(JudgeFile("/etc/passwd", EventType::Write, kShell), Verdict::Unknown);
+  EXPECT_EQ(TagOf(kPid), "(none)");
+  EXPECT_FALSE(log.Has("Reading file content"));
+}
+
+TEST_F(HashMatchingEngineTest, AWordThatIsNoneIsAFailure) {
+  tree_->Get(kShell)->AddTag(process_tag::kHashMatchingVerdict, "Good");
+  EXPECT_EQ(fakes::WhatOf<std::runtime_error>([&] { (void)JudgeFile("/x", EventType::Write, kShell); }),
+            "Unknown verdict string: Good");
+}
+
+TEST_F(HashMatchingEngineTest, AProcessThatIsNotKnownIsTheTreesFailure) {
+  EXPECT_THROW((void)JudgeFile("/x", EventType::Write, 4711), common::GenericProcessTreeException);
+}
+
+TEST_F(HashMatchingEngineTest, AKnownProgramThatCannotBeHashedIsSuspicious) {
+  const std::string large = folder_.Write("large", "");
+  std::filesystem::resize_file(large, HashMatchingEngine::kMaxFileSize + 1);  // without a block on the disk
+  const std::vector<std::string> paths = {folder_ / "missing", folder_.Path(), large, "/dev/zero"};
+  engine_.SetKnownProcessPaths(paths);
+  for (const std::string& path : paths) {
+    const fakes::LogCapture log;
+    EXPECT_EQ(JudgeStart(path), Verdict::Suspicious) << path;
+    EXPECT_EQ(TagOf(kPid), "Suspicious");
+    EXPECT_TRUE(log.Has(Message::PRIO_WARNING, "[IOC]: Failed to generate hash for known process " + path));
+    EXPECT_FALSE(log.Has("Reading file content"));
+    EXPECT_EQ(JudgeStart(path), Verdict::Suspicious) << "each start tries again";
+  }
+}
+
+TEST_F(HashMatchingEngineTest, WhatCouldNotBeHashedIsHashedAsSoonAsItCan) {
+  engine_.SetKnownProcessPaths({folder_ / "late"});
+  EXPECT_EQ(JudgeStart(folder_ / "late"), Verdict::Suspicious);
+  folder_.Write("late", "x");
+  EXPECT_EQ(JudgeStart(folder_ / "late", 71), Verdict::CleanWithoutHash);
+  EXPECT_EQ(JudgeStart(folder_ / "late", 72), Verdict::Clean);
+}
+
+TEST_F(HashMatchingEngineTest, AFileWhoseDigestOthersHaveAskedForIsNotReadAgain) {
+  const common::util::HashGenerator others(known_, "", 0, common::util::HashKind::All, &digests_);
+  const fakes::LogCapture log;
+  EXPECT_EQ(JudgeStart(known_), Verdict::CleanWithoutHash);
+  EXPECT_FALSE(log.Has("Reading file content"));
+}
+
+TEST_F(HashMatchingEngineTest, NewPathsReplaceTheOldOnesAndTheirDigests) {
+  (void)JudgeStart(known_);
+  engine_.SetKnownProcessPaths({known_});
+  EXPECT_EQ(JudgeStart(known_, 71), Verdict::CleanWithoutHash);
+  engine_.SetKnownProcessPaths({});
+  EXPECT_EQ(JudgeStart(known_, 72), Verdict::Unknown);
+}
+
+TEST_F(HashMatchingEngineTest, APathIsMeantHoweverItIsWritten) {
+  engine_.SetKnownProcessPaths({folder_.Path() + "//x/../known"});
+  EXPECT_EQ(JudgeStart(known_), Verdict::CleanWithoutHash);
+}
+
+TEST_F(HashMatchingEngineTest, AnEmptyPathIsNoProgram) {
+  engine_.SetKnownProcessPaths({""});
+  EXPECT_EQ(JudgeStart(""), Verdict::Unknown);
+}
+
+// For ThreadSanitizer most of all.
+TEST_F(HashMatchingEngineTest, ThePathsMayChangeWhileEventsCome) {
+  std::atomic<bool> is_over{false};
+  std::thread control([&] {
+    while (!is_over) engine_.SetKnownProcessPaths({known_});
+  });
+  for (int at = 0; at < 300; ++at) {
+    EXPECT_LE(JudgeStart(known_), Verdict::CleanWithoutHash);
+    EXPECT_LE(JudgeFile(known_), Verdict::CleanWithoutHash);
+  }
+  is_over = true;
+  control.join();
+}
+
+}  // namespace
+}  // namespace zagent::ioc::internal
