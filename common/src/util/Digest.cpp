@@ -7,15 +7,19 @@
 namespace zagent::common::util {
 
 std::string ToHex(std::string_view bytes) {
-  static constexpr std::string_view kDigits = "0123456789abcdef";
   std::string text;
-  text.reserve(bytes.size() * 2);
+  AppendHex(bytes, text);
+  return text;
+}
+
+void AppendHex(std::string_view bytes, std::string& text) {
+  static constexpr std::string_view kDigits = "0123456789abcdef";
+  text.reserve(text.size() + bytes.size() * 2);
   for (const char c : bytes) {
     const auto byte = static_cast<unsigned char>(c);
     text.push_back(kDigits[byte >> 4]);
     text.push_back(kDigits[byte & 0x0f]);
   }
-  return text;
 }
 
 std::string Sha256Hex(std::string_view bytes) {

@@ -147,14 +147,14 @@ void ProcessInfo::AddScore(std::int64_t points) {
   }
 }
 
-std::optional<std::string> ProcessInfo::FindHeuristicsKey() const {
+const std::string* ProcessInfo::FindHeuristicsKey() const {
   const std::lock_guard lock(mutex_);
-  return heuristics_key_;
+  return heuristics_key_ ? &*heuristics_key_ : nullptr;
 }
 
 void ProcessInfo::SetHeuristicsKey(std::string key) {
   const std::lock_guard lock(mutex_);
-  heuristics_key_ = std::move(key);
+  if (!heuristics_key_) heuristics_key_ = std::move(key);
 }
 
 void ProcessInfo::Account(std::size_t bytes) {

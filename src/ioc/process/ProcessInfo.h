@@ -96,9 +96,9 @@ class ProcessInfo final : public common::ProcessInfo {
   [[nodiscard]] std::int64_t GetScore() const;
   void AddScore(std::int64_t points);
 
-  // The part of the heuristics' key that is the same for all events of this program, so that it is made once. Nothing
-  // until it was set.
-  [[nodiscard]] std::optional<std::string> FindHeuristicsKey() const;
+  // The part of the heuristics' key that is the same for all events of this program, so that it is made once: the first
+  // one that is set stays, and lives as long as the process. Null until then.
+  [[nodiscard]] const std::string* FindHeuristicsKey() const;
   void SetHeuristicsKey(std::string key);
 
  private:

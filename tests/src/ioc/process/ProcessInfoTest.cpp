@@ -219,9 +219,14 @@ TEST(ProcessInfoTest, AScoreOutOfReachStaysAtTheEnd) {
 
 TEST(ProcessInfoTest, TheKeyOfTheHeuristicsIsKeptOnceItIsSet) {
   ProcessInfo process(Start(), nullptr);
-  EXPECT_EQ(process.FindHeuristicsKey(), std::nullopt);
+  EXPECT_EQ(process.FindHeuristicsKey(), nullptr);
   process.SetHeuristicsKey("/bin/sh");
-  EXPECT_EQ(process.FindHeuristicsKey(), "/bin/sh");
+  const std::string* const key = process.FindHeuristicsKey();
+  ASSERT_NE(key, nullptr);
+  EXPECT_EQ(*key, "/bin/sh");
+  process.SetHeuristicsKey("/bin/another");
+  EXPECT_EQ(process.FindHeuristicsKey(), key);
+  EXPECT_EQ(*key, "/bin/sh");
 }
 
 TEST(ProcessInfoTest, ItIsNotUpdatedByAnEvent) {

@@ -236,7 +236,7 @@ TEST_F(TtlProcessTreePropertyTest, OthersMayReadWhileTheTreeChanges) {
     const auto process = tree_->Get(pid);
     read += process->GetArguments().size() + process->GetImage()->GetPath().size() + process->GetCachedBytes();
     read += static_cast<std::size_t>(process->GetScore()) + (process->HasTag("Terminated") ? 1 : 0);
-    read += process->FindHeuristicsKey().has_value() ? 1 : 0;
+    read += process->FindHeuristicsKey() != nullptr ? 1 : 0;
   };
   const auto read_on = [&](std::int32_t pid) {
     while (!is_over) {

@@ -143,7 +143,7 @@ TEST_F(TtlProcessTreeTest, AnotherProgramKeepsTheEventsAndTheChildrenButNoVerdic
   EXPECT_EQ(process->GetImage()->GetPath(), "/bin/evil");
   EXPECT_TRUE(process->GetTags().empty());
   EXPECT_EQ(process->GetScore(), 0);
-  EXPECT_EQ(process->FindHeuristicsKey(), std::nullopt);
+  EXPECT_EQ(process->FindHeuristicsKey(), nullptr);
   EXPECT_EQ(ChildrenOf(10), Set{20});
   EXPECT_EQ(ParentOf(20), 10);
   EXPECT_EQ(ChildrenOf(1), Set{10});

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "src/edr/Event.h"
+#include "src/ioc/process/ProcessInfo.h"
+#include "src/ioc/process/TtlProcessTree.h"
+
+namespace zagent::ioc::internal {
+
+// What makes two events of one kind: the same is done, by the same chain of processes from the actor up to the first
+// one, to the same thing. Files of one folder with one owner, group and permission are the same thing.
+//
+// Bounded whatever an attacker calls his files and programs: in the place of a longer text stands its SHA-256.
+//
+// For one thread, which makes a key for each event and keeps the memory for the next one.
+class HeuristicsKey {
+ public:
+  static constexpr std::size_t kMaxProcessPart = 512;  // bytes
+  static constexpr std::size_t kMaxText = 2'048;       // bytes
+
+  // In hexadecimal; valid until the next call. Throws what the tree throws for a process that it does not know.
+  const std::string& Of(const edr::Event& event, const TtlProcessTree& tree);
+
+ private:
+  std::string text_;
+  std::string key_;
+};
+
+// The part of the key that is the same for all events of the process. Not longer than kMaxProcessPart.
+[[nodiscard]] std::string HeuristicsPartOf(const ProcessInfo& process);
+
+}  // namespace zagent::ioc::internal
