@@ -1,7 +1,6 @@
 #include "src/ioc/rules/NetworkCriteria.h"
 
 #include <Poco/Exception.h>
-#include <Poco/RegularExpression.h>
 
 #include <algorithm>
 #include <utility>
@@ -32,11 +31,9 @@ const rapidjson::Value* FindPortArray(const rapidjson::Value& json, const char* 
   return array;
 }
 
-std::shared_ptr<const Poco::RegularExpression> Compile(const std::string& text) {
+WholeTextPattern Compile(const std::string& text) {
   try {
-    // By itself, too: "a)|(b" is none, but would become one in brackets.
-    const Poco::RegularExpression alone(text);
-    return std::make_shared<const Poco::RegularExpression>("^(?:" + text + ")\\z", 0, true);
+    return WholeTextPattern(text);
   } catch (const Poco::Exception& error) {
     throw FilterCriteriaException("Invalid IP address pattern: " + error.displayText());
   }
@@ -44,17 +41,7 @@ std::shared_ptr<const Poco::RegularExpression> Compile(const std::string& text) 
 
 }  // namespace
 
-AddressPattern::AddressPattern(std::string text) : text_(std::move(text)), expression_(Compile(text_)) {}
-
-bool AddressPattern::Matches(const std::string& address) const {
-  try {
-    Poco::RegularExpression::Match place;
-    return expression_->match(address, 0, place) > 0;
-  } catch (const Poco::Exception& error) {
-    ZLOG_DEBUG("Filter IP: " << text_ << ": " << error.displayText());
-    return false;
-  }
-}
+AddressPattern::AddressPattern(std::string text) : text_(std::move(text)), pattern_(Compile(text_)) {}
 
 NetworkCriteria::NetworkCriteria(Group group, Filters filters)
     : FilterCriteria(group, std::move(filters.programs)),

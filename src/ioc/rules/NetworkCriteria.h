@@ -1,16 +1,12 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "src/edr/FilterCriteria.h"
-
-namespace Poco {
-class RegularExpression;
-}
+#include "src/ioc/rules/WholeTextPattern.h"
 
 namespace zagent::ioc::internal {
 
@@ -20,13 +16,12 @@ class AddressPattern {
   // Throws edr::FilterCriteriaException for what is no regular expression.
   explicit AddressPattern(std::string text);
 
-  // False, too, for an expression that the library gives up on.
-  [[nodiscard]] bool Matches(const std::string& address) const;
+  [[nodiscard]] bool Matches(const std::string& address) const { return pattern_.Matches(address); }
   [[nodiscard]] const std::string& GetText() const { return text_; }
 
  private:
   std::string text_;
-  std::shared_ptr<const Poco::RegularExpression> expression_;
+  WholeTextPattern pattern_;
 };
 
 // Whether an event of the network concerns these programs, addresses and ports. "Local" filters are held against bind
