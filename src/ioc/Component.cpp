@@ -21,6 +21,8 @@ using internal::SnapshotSqlDataFormatter;
 
 constexpr const char* kTag = internal::EventRuleManager::kTag;
 constexpr std::chrono::seconds kTimeToLive{120};
+// So many events of a kind pass the heuristics.
+constexpr std::uint64_t kMaxCount = 10;
 
 template <typename T>
 std::unique_ptr<T> NotNull(std::unique_ptr<T> pointer, const char* error) {
@@ -79,14 +81,16 @@ Component::Component(std::chrono::system_clock::time_point /*start_time*/, std::
                      std::shared_ptr<edr::LibMagicWrapper> /*lib_magic*/, common::Scheduler& scheduler,
                      std::unique_ptr<common::Uploader> uploader, edr::EventRuleEngine& engine, std::uint64_t cpu_limit,
                      std::uint64_t memory_limit, std::unique_ptr<const common::BlackoutManager> quiet_hours,
-                     health::HealthReporter& health, const std::string& base_directory, common::util::Clock& clock,
+                     health::HealthReporter& health, const std::string& base_directory,
+                     std::shared_ptr<common::util::DigestCache> digests, common::util::Clock& clock,
                      const std::string& proc_root)
     : config_(NotNull(std::move(config), "ioc::Component: 'config' cannot be null")),
       quiet_hours_(std::move(quiet_hours)),
       scheduler_(scheduler),
       engine_(engine),
       clock_(clock),
-      health_(health, health::ComponentHealth::Kind::Ioc) {
+      health_(health, health::ComponentHealth::Kind::Ioc),
+      digests_(digests != nullptr ? std::move(digests) : std::make_shared<common::util::DigestCache>(clock)) {
   uploader = NotNull(std::move(uploader), "ioc::Component: 'uploader' cannot be null");
   const std::string directory = WorkingDirectory(base_directory);
   snapshot_ = internal::OpenSnapshotStorage(directory, &scheduler, proc_root);
@@ -137,6 +141,18 @@ std::unique_ptr<internal::EventProcessor> Component::MakeProcessor() {
   auto filtering = std::make_unique<internal::FilteringEngine>(*tree_, *manager_);
   filtering_ = filtering.get();
   engines.filtering = std::move(filtering);
+  auto heuristics =
+      std::make_unique<internal::HeuristicsEngine>(*tree_, kMaxCount, manager_->IsHeuristicsEnabled(), clock_);
+  heuristics_ = heuristics.get();
+  engines.heuristics = std::move(heuristics);
+  auto hash_matching =
+      std::make_unique<internal::HashMatchingEngine>(*tree_, manager_->GetKnownProcessPaths(), *digests_);
+  hash_matching_ = hash_matching.get();
+  engines.hash_matching = std::move(hash_matching);
+  auto tagging = std::make_unique<internal::TaggingEngine>(*tree_, *manager_->GetTaggingSettings());
+  tagging_ = tagging.get();
+  engines.threshold_score = [this] { return tagging_->GetThresholdScore(); };
+  engines.tagging = std::move(tagging);
   return std::make_unique<internal::EventProcessor>(
       std::move(engines), *tree_, *generator_, [this] { return manager_->GetSendMetadata(); }, health_, clock_);
 }
@@ -164,9 +180,16 @@ void Component::UpdateConfig(const rapidjson::Value& json) {
   upload_schedule_->Reschedule();
   if (manager_->Update()) {
     upload_schedule_->SetGatewayUrlPrefix(GetGatewayUrl());
-    filtering_->OnRulesChanged();
+    UpdateEngines();
   }
   UpdateEnabled();
+}
+
+void Component::UpdateEngines() {
+  hash_matching_->SetKnownProcessPaths(manager_->GetKnownProcessPaths());
+  filtering_->OnRulesChanged();
+  tagging_->Configure(*manager_->GetTaggingSettings());
+  heuristics_->Configure(kMaxCount, manager_->IsHeuristicsEnabled());
 }
 
 void Component::UpdateEnabled() {

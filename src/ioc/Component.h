@@ -11,6 +11,7 @@
 #include "common/src/tasks/BlackoutManager.h"
 #include "common/src/tasks/Scheduler.h"
 #include "common/src/util/Clock.h"
+#include "common/src/util/DigestCache.h"
 #include "common/src/util/Json.h"
 #include "src/edr/EventRuleEngine.h"
 #include "src/edr/LibMagicWrapper.h"
@@ -21,6 +22,9 @@
 #include "src/ioc/UploadSchedule.h"
 #include "src/ioc/config/Config.h"
 #include "src/ioc/engines/FilteringEngine.h"
+#include "src/ioc/engines/HashMatchingEngine.h"
+#include "src/ioc/engines/HeuristicsEngine.h"
+#include "src/ioc/engines/TaggingEngine.h"
 #include "src/ioc/process/TtlProcessTree.h"
 #include "src/ioc/protobuf/Generator.h"
 #include "src/ioc/rules/EventRuleManager.h"
@@ -41,7 +45,8 @@ class Component {
   // created (mode 0700). The snapshot of what is known lies in "<base_directory>/edr/SnapshotEdr.db". `scheduler`,
   // `engine`, `health` and `clock`, and the common configuration that `config` was made with, outlive the component.
   //
-  // `quiet_hours` may be null: uploads keep to the intervals alone then.
+  // `quiet_hours` may be null: uploads keep to the intervals alone then. `digests` is the cache that the events have;
+  // null: one of the component's own.
   //
   // Throws std::runtime_error "ioc::Component: 'uploader' cannot be null" and "ioc::Component: 'config' cannot be
   // null", and what a step throws: a folder, a spool or a snapshot that cannot be made. Nothing stays behind then.
@@ -50,6 +55,7 @@ class Component {
             std::unique_ptr<common::Uploader> uploader, edr::EventRuleEngine& engine, std::uint64_t cpu_limit,
             std::uint64_t memory_limit, std::unique_ptr<const common::BlackoutManager> quiet_hours,
             health::HealthReporter& health, const std::string& base_directory,
+            std::shared_ptr<common::util::DigestCache> digests = nullptr,
             common::util::Clock& clock = common::util::Clock::Real(), const std::string& proc_root = "/proc");
   Component(const Component&) = delete;
   Component& operator=(const Component&) = delete;
@@ -57,7 +63,8 @@ class Component {
   // known of processes.
   ~Component();
 
-  // A new section "ioc_config". Spool limits, upload interval and manifests take effect at once. Throws
+  // A new section "ioc_config". Spool limits, upload interval and manifests, with what they say to the engines, take
+  // effect at once. Throws
   // std::invalid_argument "Ioc::Config::Update: Invalid json" and changes nothing.
   void UpdateConfig(const rapidjson::Value& json);
 
@@ -74,6 +81,7 @@ class Component {
   [[nodiscard]] std::unique_ptr<internal::EventProcessor> MakeProcessor();
   void RegisterHandlers();
   [[nodiscard]] std::string GetGatewayUrl() const;
+  void UpdateEngines();
   void UpdateEnabled();
   void ReportEnabled() const;
   void ClearStoredData();
@@ -90,7 +98,12 @@ class Component {
   std::unique_ptr<TtlProcessTree> tree_;
   std::unique_ptr<internal::EventRuleManager> manager_;
   std::unique_ptr<internal::protobuf::Generator> generator_;
-  internal::FilteringEngine* filtering_ = nullptr;  // the processor's
+  const std::shared_ptr<common::util::DigestCache> digests_;
+  // The processor's:
+  internal::FilteringEngine* filtering_ = nullptr;
+  internal::HashMatchingEngine* hash_matching_ = nullptr;
+  internal::HeuristicsEngine* heuristics_ = nullptr;
+  internal::TaggingEngine* tagging_ = nullptr;
   std::unique_ptr<internal::EventProcessor> processor_;
   std::unique_ptr<internal::ProcessingThread> thread_;
   std::shared_ptr<internal::UploadSchedule> upload_schedule_;

@@ -237,7 +237,7 @@ void Daemon::BuildIoc() {
     ioc_ = std::make_unique<ioc::Component>(start_time_, std::move(ioc_config_), lib_magic_, *scheduler_,
                                             std::move(uploader), *rule_engine_, edr_config_->GetCpuLimit(),
                                             edr_config_->GetMemoryLimit(), BuildQuietHours(), health_->Reporter(),
-                                            WithSlash(common_config_->GetAgentInstallPath()));
+                                            WithSlash(common_config_->GetAgentInstallPath()), digests_);
   } catch (const std::exception& error) {
     health::ComponentHealth(health_->Reporter(), health::ComponentHealth::Kind::Ioc).Failed(error.what());
     throw;

@@ -14,6 +14,7 @@
 
 #include "common/src/storage/Serializer.h"
 #include "common/src/storage/SqlStorage.h"
+#include "common/src/util/HashGenerator.h"
 #include "src/ioc/process/SnapshotSqlDataFormatter.h"
 #include "src/ioc/process/SnapshotStorage.h"
 #include "src/ioc/protobuf/IocEvents.pb.h"
@@ -50,9 +51,10 @@ class IocComponentTest : public testing::Test {
 
   // Watches a folder and all processes.
   std::string WriteManifest(const std::string& name, const std::string& global_settings = "{}",
-                            const std::string& rule_id = "folder") {
+                            const std::string& rule_id = "folder", const std::string& more = "") {
     return folder_.Write(
-        name, R"({"policyVersion":"2.0.0","policyId":1,"productId":1,"globalSettings":)" + global_settings +
+        name, R"({"policyVersion":"2.0.0","policyId":1,"productId":1)" + more + R"(,"globalSettings":)" +
+                  global_settings +
                   R"(,"rules":[{"ruleId":"processes","ruleType":"Process","notify":{"process":["create","delete"]}},)"
                   R"({"ruleId":")" +
                   rule_id +
@@ -68,10 +70,15 @@ class IocComponentTest : public testing::Test {
   std::unique_ptr<Component> Build(std::unique_ptr<Config> config, std::unique_ptr<common::Uploader> uploader,
                                    std::uint64_t cpu_limit = 100) {
     return std::make_unique<Component>(clock_.Now(), std::move(config), nullptr, scheduler_, std::move(uploader),
-                                       engine_, cpu_limit, 50, nullptr, reporter_, folder_.Path(), clock_,
+                                       engine_, cpu_limit, 50, nullptr, reporter_, folder_.Path(), digests_, clock_,
                                        proc_.Root());
   }
   void Update() { component_->UpdateConfig(ParsedJson(section_.Text())); }
+  // A manifest with these members beside those that all have.
+  void UpdateTo(const std::string& name, const std::string& more) {
+    section_.manifests = {WriteManifest(name, "{}", "folder", more)};
+    Update();
+  }
 
   // A process runs and opens a network connection's listening end, whose event needs nothing of the disk.
   void Deliver(edr::EventType type, const std::string& action, edr::ObjectType object) {
@@ -81,10 +88,15 @@ class IocComponentTest : public testing::Test {
     event.object_type = object;
     event.id = ++last_id_;
     event.pid = kPid;
+    event.image = common::ImageInfo(image_);
     event.timestamp = std::chrono::nanoseconds(clock_.Now().time_since_epoch()).count();
     engine_.Deliver("IOC", {"processes"}, event);
   }
   void DeliverStart() { Deliver(edr::EventType::ProcessStart, "Execve", edr::ObjectType::Process); }
+  // So often the same.
+  void DeliverConnections(int count) {
+    for (int at = 0; at < count; ++at) Deliver(edr::EventType::Connect, "Connect", edr::ObjectType::Network);
+  }
   void DeliverExit() { Deliver(edr::EventType::ProcessExit, "Exit", edr::ObjectType::Process); }
   // All that was handed over has been judged.
   [[nodiscard]] bool Judged() {
@@ -148,7 +160,9 @@ class IocComponentTest : public testing::Test {
   fakes::FakeRuleEngine engine_;
   fakes::FakeHealthReporter reporter_;
   common::Scheduler scheduler_{clock_};
+  std::shared_ptr<common::util::DigestCache> digests_;
   std::uint32_t last_id_ = 0;
+  std::string image_ = "/bin/actor";
   fakes::FakeUploader* uploader_ = nullptr;
   std::unique_ptr<Component> component_;
 };
@@ -344,6 +358,99 @@ TEST_F(IocComponentTest, NewManifestsReplaceTheRulesAndTheFilterLearnsOfThem) {
   component_.reset();
   ASSERT_THAT(SpoolFiles(), ElementsAre("ioc.0001"));
   EXPECT_GE(Batch(folder_.Read("edr/events/ioc.0001")).processevent_size(), 1);
+}
+
+// The engines
+
+TEST_F(IocComponentTest, RepetitionsAreDampedUnlessTheManifestSaysNo) {
+  const auto dropped = [](std::uint32_t id) {
+    return "[IOC]: Dropping Connect event for process /bin/actor with ID " + std::to_string(id) +
+           " based on heuristics";
+  };
+  const auto taken = [](std::uint32_t id) { return "Adding Connect Event: " + std::to_string(id) + " with PID:"; };
+  Make();
+  DeliverStart();
+  DeliverConnections(11);
+  ASSERT_TRUE(Eventually([&] { return log_.Has(dropped(12)); }));
+  EXPECT_EQ(log_.Count("based on heuristics"), 1);
+  EXPECT_TRUE(log_.Has(taken(11)));
+
+  UpdateTo("quiet.json", R"(,"heuristicsEnabled":false)");
+  DeliverConnections(1);
+  ASSERT_TRUE(Eventually([&] { return log_.Has(taken(13)); }));
+
+  UpdateTo("loud.json", R"(,"heuristicsEnabled":true)");
+  DeliverConnections(11);
+  ASSERT_TRUE(Eventually([&] { return log_.Has(dropped(24)); })) << "it counts anew";
+  EXPECT_EQ(log_.Count("based on heuristics"), 2);
+
+  UpdateTo("louder.json", R"(,"heuristicsEnabled":true)");
+  DeliverConnections(1);
+  ASSERT_TRUE(Eventually([&] { return log_.Has(dropped(25)); })) << "it has not forgotten";
+}
+
+TEST_F(IocComponentTest, KnownProgramsAreThoseOfTheManifest) {
+  image_ = folder_.Write("known", "a program");
+  const auto judged = [&](const std::string& verdict, int times) {
+    return Eventually([&] {
+      return log_.Count("[IOC]: Adding verdict '" + verdict + "' to process 4242 (" + image_ + ")") == times;
+    });
+  };
+  const std::string known = R"(,"knownProcessPaths":[")" + image_ + R"("])";
+  section_.manifests = {WriteManifest("known.json", "{}", "folder", known)};
+  Make();
+  DeliverStart();
+  ASSERT_TRUE(judged("CleanWithoutHash", 1));
+  DeliverStart();
+  ASSERT_TRUE(judged("Clean", 1));
+
+  UpdateTo("nobody.json", "");
+  DeliverStart();
+  ASSERT_TRUE(judged("Unknown", 1));
+
+  UpdateTo("known-again.json", known);
+  DeliverStart();
+  ASSERT_TRUE(judged("CleanWithoutHash", 2)) << "the digest from before is forgotten";
+}
+
+TEST_F(IocComponentTest, KnownProgramsHaveTheDigestsOfTheCacheThatItWasGiven) {
+  clock_.SetWall(std::chrono::hours(24 * 365 * 100));  // every file counts as settled
+  digests_ = std::make_shared<common::util::DigestCache>(clock_);
+  image_ = folder_.Write("known", "a program");
+  const common::util::HashGenerator others(image_, "", 0, common::util::HashKind::All, digests_.get());
+  ASSERT_EQ(log_.Count("Reading file content from " + image_), 1);
+  section_.manifests = {WriteManifest("known.json", "{}", "folder", R"(,"knownProcessPaths":[")" + image_ + R"("])")};
+  Make();
+  DeliverStart();
+  ASSERT_TRUE(Eventually([&] { return log_.Has("Adding verdict 'CleanWithoutHash'"); }));
+  EXPECT_EQ(log_.Count("Reading file content from " + image_), 1);
+}
+
+TEST_F(IocComponentTest, TagsAndTheirThresholdAreThoseOfTheManifest) {
+  image_ = folder_.Write("known", "a program");
+  const auto settings = [&](int threshold) {
+    return R"(,"knownProcessPaths":[")" + image_ + R"("],"tags":{"thresholdScore":)" + std::to_string(threshold) +
+           R"(,"Exfiltration":{"score":10,"processRegex":"^.*/known$"}})";
+  };
+  section_.manifests = {WriteManifest("patient.json", "{}", "folder", settings(100))};
+  Make();
+  DeliverStart();  // to be hashed
+  DeliverStart();
+  DeliverConnections(1);
+  ASSERT_TRUE(Eventually([&] { return log_.Has("PID: 4242 Threshold: 100 Score: 10"); })) << log_.All();
+  EXPECT_FALSE(log_.Has("Connect event for process")) << "it waits";
+
+  UpdateTo("strict.json", settings(10));
+  ASSERT_TRUE(PassTimeUntil([&] { return log_.Has("Connect event for 'Clean' process with pid 4242 ("); }))
+      << "what waits is judged by the new threshold";
+  EXPECT_FALSE(log_.Has("Ignoring Connect event"));
+  DeliverConnections(1);
+  ASSERT_TRUE(Eventually([&] { return log_.Has("PID: 4242 Threshold: 10 Score: 10"); }));
+  EXPECT_TRUE(Eventually([&] { return log_.Has("Connect event for process with pid 4242 ("); })) << "at once";
+
+  UpdateTo("off.json", R"(,"tags":{"thresholdScore":0})");
+  DeliverConnections(1);
+  EXPECT_TRUE(Eventually([&] { return log_.Has(Poco::Message::PRIO_DEBUG, "[IOC]: Tagging is disabled"); }));
 }
 
 TEST_F(IocComponentTest, WhatNewRulesBringIsJudgedByThemEvenBeforeAllAreInForce) {
