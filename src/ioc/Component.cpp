@@ -163,11 +163,7 @@ void Component::RegisterHandlers() {
       [this](const std::vector<std::string>& /*rule_ids*/, const edr::Event& event) {
         thread_->Enqueue(event.Clone());
       },
-      [this] {
-        // Before the kernel has the new rules: what they bring is judged by them.
-        filtering_->OnRulesChanged();
-        manager_->OnRulesInvalidated();
-      });
+      [this] { manager_->OnRulesInvalidated(); });
 }
 
 std::string Component::GetGatewayUrl() const {
@@ -178,7 +174,8 @@ void Component::UpdateConfig(const rapidjson::Value& json) {
   config_->Update(json);
   storage_->Update(SpoolLimits(*config_));
   upload_schedule_->Reschedule();
-  if (manager_->Update()) {
+  // Before the kernel has the new rules: what they bring is judged by them.
+  if (manager_->Update([this] { filtering_->OnRulesChanged(); })) {
     upload_schedule_->SetGatewayUrlPrefix(GetGatewayUrl());
     UpdateEngines();
   }

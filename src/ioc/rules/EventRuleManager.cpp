@@ -77,7 +77,9 @@ void EventRuleManager::Take(const Manifest& manifest, const std::string& path, L
   loaded.is_heuristics_enabled = manifest.IsHeuristicsEnabled();
 }
 
-bool EventRuleManager::Update() {
+// Not by the engine's Invalidate, which takes all rules out of the kernel, those of others too: what stays in the
+// manifests would miss what happens meanwhile.
+bool EventRuleManager::Update(const std::function<void()>& on_loaded) {
   Manifests manifests = config_.GetManifests();
   {
     const std::lock_guard lock(mutex_);
@@ -85,12 +87,8 @@ bool EventRuleManager::Update() {
     manifests_ = manifests;
   }
   Load(manifests);
-  try {
-    engine_.Invalidate();
-  } catch (const std::exception& error) {
-    ZLOG_ERROR("EventRuleManager: Failed to apply rules: " << error.what());
-    Report({error.what(), {}});
-  }
+  if (on_loaded) on_loaded();
+  Apply();
   return true;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -39,9 +40,9 @@ class EventRuleManager {
   EventRuleManager& operator=(const EventRuleManager&) = delete;
   ~EventRuleManager() = default;
 
-  // Loads the manifests again if their list has changed (by path and type), and has the engine drop all rules, which
-  // then asks for them again. True if the list has changed.
-  bool Update();
+  // Loads the manifests again if their list has changed (by path and type), calls `on_loaded` if there is one, and
+  // replaces the rules of the engine, where what is in both sets stays in force. True if the list has changed.
+  bool Update(const std::function<void()>& on_loaded = {});
   // For the engine: adds the rules again.
   void OnRulesInvalidated();
 

@@ -207,6 +207,24 @@ TEST_F(IocEventRuleManagerTest, ABadManifestOfAnUpdateTakesItsOldRulesAway) {
   EXPECT_EQ(InEngine(), "r2 ");
 }
 
+TEST_F(IocEventRuleManagerTest, AnUpdateTakesNoRuleOutOfForceThatStays) {
+  int dropped = 0;
+  engine_.RegisterEventHandlers(
+      "FIM", [](const std::vector<std::string>&, const edr::Event&) {}, [&] { ++dropped; });
+  Make({WriteManifest("one.json", Rule("r1", "/etc"))});
+  SetManifests({WriteManifest("two.json", Rule("r1", "/etc") + "," + Rule("r2", "/srv"))});
+  std::string loaded;
+  std::size_t calls = 0;
+  EXPECT_TRUE(manager_->Update([&] {
+    loaded = InManager();
+    calls = engine_.Calls().size();
+  }));
+  EXPECT_EQ(dropped, 0) << "the engine has dropped everybody's rules";
+  EXPECT_EQ(InEngine(), "r1 r2 ");
+  EXPECT_EQ(loaded, "r1 r2 ");
+  EXPECT_EQ(calls, 1U) << "told before the engine has them";
+}
+
 TEST_F(IocEventRuleManagerTest, RulesComeBackWhenTheEngineHasLostThem) {
   Make({WriteManifest("one.json", Rule("r1", "/etc"))});
   engine_.Invalidate();
