@@ -75,24 +75,9 @@ audit::internal::FileContext Context() {
   return context;
 }
 
-// Builds the log's events and hands them to `keep`, those of a piece at a time.
-void BuildEvents(const std::string& log, const std::function<void(Events&&)>& keep) {
-  audit::IntakeCounters counters;
-  auto context = Context();
-  context.looks = std::make_shared<audit::internal::DiskLooks>();
-  AuparseFeed feed(audit::internal::MakeEventFactory(context), counters);
-  InPieces(log, kFeed, [&](const char* data, std::size_t size) {
-    context.looks->Forget();
-    feed.Feed(reinterpret_cast<const unsigned char*>(data), size);
-    keep(feed.TakeEvents());
-  });
-  feed.Flush();
-  keep(feed.TakeEvents());
-}
-
 std::size_t CountTypedEvents(const std::string& log) {
   std::size_t count = 0;
-  BuildEvents(log, [&count](Events&& events) { count += events.size(); });
+  BuildTypedEvents(log, [&count](Events&& events) { count += events.size(); });
   return count;
 }
 
@@ -173,6 +158,20 @@ std::size_t HeapInUse() {
 
 }  // namespace
 
+void BuildTypedEvents(const std::string& log, const std::function<void(Events&&)>& keep) {
+  audit::IntakeCounters counters;
+  auto context = Context();
+  context.looks = std::make_shared<audit::internal::DiskLooks>();
+  AuparseFeed feed(audit::internal::MakeEventFactory(context), counters);
+  InPieces(log, kFeed, [&](const char* data, std::size_t size) {
+    context.looks->Forget();
+    feed.Feed(reinterpret_cast<const unsigned char*>(data), size);
+    keep(feed.TakeEvents());
+  });
+  feed.Flush();
+  keep(feed.TakeEvents());
+}
+
 IntakeCost MeasureAuparse(const std::string& log) {
   return Measure([&log] { return FeedAuparse(log); });
 }
@@ -190,7 +189,7 @@ double HeapOfAnEvent(const std::string& log) {
   Events held;
   held.reserve(CountTypedEvents(log));
   const std::size_t before = HeapInUse();
-  BuildEvents(log, [&held](Events&& events) {
+  BuildTypedEvents(log, [&held](Events&& events) {
     held.insert(held.end(), std::make_move_iterator(events.begin()), std::make_move_iterator(events.end()));
   });
   const std::size_t after = HeapInUse();

@@ -1,7 +1,12 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
+#include <memory>
 #include <string>
+#include <vector>
+
+#include "src/edr/Event.h"
 
 namespace zagent::bench {
 
@@ -12,6 +17,10 @@ struct IntakeCost {
   std::size_t events = 0;
   [[nodiscard]] double Total() const { return user + system; }
 };
+
+// Feed to typed, validated events, a mebibyte at a time: hands those of each piece to `keep`.
+void BuildTypedEvents(const std::string& log,
+                      const std::function<void(std::vector<std::unique_ptr<edr::Event>>&&)>& keep);
 
 // Bare auparse_feed with an empty callback, a mebibyte at a time; counts audit events.
 IntakeCost MeasureAuparse(const std::string& log);

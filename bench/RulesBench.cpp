@@ -6,7 +6,6 @@
 // Times are the best of a few runs that take turns; instructions are counted by callgrind, in this program again, and
 // know no noise. Leaves callgrind's profiles in the current folder. Ends with code 1 when instructions or the heap are
 // over their targets.
-#include <libaudit.h>
 #include <malloc.h>
 
 #include <algorithm>
@@ -27,6 +26,8 @@
 #include <utility>
 #include <vector>
 
+#include "bench/Callgrind.h"
+#include "bench/PatientKernel.h"
 #include "common/src/util/Log.h"
 #include "src/audit/engine/RuleEngine.h"
 #include "tests/fakes/FakeClock.h"
@@ -52,36 +53,6 @@ constexpr int kRuns = 7;
 
 constexpr double kMostGrowth = 1.2;
 constexpr double kMostBytesPerProcess = 1024;
-
-// Takes every rule and keeps none.
-class PatientKernel final : public audit::AuditNetlink {
- public:
-  int Open() override { return 3; }
-  int Close(int) override { return 0; }
-  int SetEnabled(int, std::uint32_t) override { return 1; }
-  int SetPid(int, std::uint32_t) override { return 1; }
-  int SetBacklogLimit(int, std::uint32_t) override { return 1; }
-  int RequestStatus(int) override { return Ask(AUDIT_GET); }
-  int RequestRulesList(int) override { return Ask(NLMSG_DONE); }
-  int AddRule(int, audit_rule_data*, int, int) override { return 1; }
-  int DeleteRule(int, audit_rule_data*, int, int) override { return 1; }
-  int GetReply(int, audit_reply& reply) override {
-    reply = {};
-    reply.type = asked_;
-    reply.len = NLMSG_HDRLEN + static_cast<int>(sizeof(status_));
-    if (asked_ == AUDIT_GET) reply.status = &status_;
-    return reply.len;
-  }
-  bool WaitReadable(int, std::chrono::milliseconds) override { return true; }
-
- private:
-  int Ask(int type) {
-    asked_ = type;
-    return 1;
-  }
-  int asked_ = NLMSG_DONE;
-  audit_status status_{};
-};
 
 struct Scale {
   int rules;
@@ -182,7 +153,7 @@ class Host {
   }
 
   const fakes::TempFolder no_procfs_;
-  PatientKernel kernel_;
+  bench::PatientKernel kernel_;
   fakes::FakeClock clock_;
   audit::IntakeCounters counters_;
   audit::RuleEngine engine_;
@@ -240,23 +211,14 @@ struct Case {
 };
 
 // Instructions in user space for an event of the case.
-double CountInstructions(const std::string& program, const Case& measured) {
-  std::string arguments;
-  for (const int number : {measured.scale.rules, measured.scale.busy, measured.scale.processes}) {
-    arguments += " " + std::to_string(number);
-  }
-  std::string name = "callgrind" + arguments;
-  std::replace(name.begin(), name.end(), ' ', '.');
-  const std::string command =
-      "valgrind --tool=callgrind --vgdb=no --collect-atstart=no --toggle-collect=OstrelBenchRouted --log-file=" + name +
-      ".log --callgrind-out-file=" + name + ".out '" + program + "' count" + arguments;
-  if (std::system(command.c_str()) != 0) throw std::runtime_error("callgrind has failed, see " + name + ".log");
-  std::ifstream file(name + ".log");
-  const std::string report{std::istreambuf_iterator<char>(file), {}};
-  constexpr std::string_view kCount = "Collected : ";
-  const std::size_t at = report.find(kCount);
-  if (at == std::string::npos) throw std::runtime_error("no count in " + name + ".log");
-  return std::stod(report.substr(at + kCount.size())) / static_cast<double>(kCountedEvents);
+double InstructionsPerEvent(const std::string& program, const Case& measured) {
+  const Scale& scale = measured.scale;
+  const std::string rules = std::to_string(scale.rules);
+  const std::string busy = std::to_string(scale.busy);
+  const std::string processes = std::to_string(scale.processes);
+  return bench::CountInstructions("'" + program + "' count " + rules + " " + busy + " " + processes,
+                                  "OstrelBenchRouted", rules + "." + busy + "." + processes) /
+         static_cast<double>(kCountedEvents);
 }
 
 bool PrintTarget(const char* name, double figure, double most) {
@@ -284,7 +246,7 @@ int RunBenchmark(const std::string& program) {
   }
   std::printf("%-44s %12s %16s\n", "an event of a file", "ns, best", "instructions");
   for (Case& each : cases) {
-    each.instructions = CountInstructions(program, each);
+    each.instructions = InstructionsPerEvent(program, each);
     std::printf("%-44s %12.0f %16.0f\n", each.name.c_str(), each.nanoseconds, each.instructions);
     std::fflush(stdout);
   }

@@ -11,6 +11,7 @@ WATCHED=/srv/watched
 CONF=/etc/ostrel/host-warden
 LOG=/var/log/ostrel
 SPOOL=/var/lib/ostrel/fim-spool
+IOC_SPOOL=/var/lib/ostrel/ioc-spool
 RECEIVED=$LOG/received   # accepted payloads, one file each
 OWED=/run/owed           # a line "done ..." for each event that must come
 OWED_BY=$LOG/owed-by     # the same in two columns, for many events: see judge
@@ -195,11 +196,21 @@ agent_ends() {
 
 agent_is_over() { ! grep -q '^State:.[^Z]' "/proc/$AGENT/status"; }
 
-# stop_all: the "exit" command, and everything that must come of it.
-stop_all() {
+# stop_daemon: the "exit" command; start_again: agent and daemon, with what stands in the written configuration.
+stop_daemon() {
   reference-agent exit >>$LOG/agent.log 2>&1
   agent_ends
   expect "exit ends the daemon with code 0" is "$DAEMON_CODE" 0
+}
+
+start_again() {
+  start_agent
+  wait_for_daemon || fail "the daemon starts again" "$(tail -n 3 $LOG/agent.log $LOG/edr.log 2>&1 | tr '\n' ' ')"
+}
+
+# stop_all: the "exit" command, and everything that must come of it.
+stop_all() {
+  stop_daemon
   expect "the kernel's rule list is empty" rules_empty
   stop_receiver
 }
@@ -365,7 +376,8 @@ wait_for_the_last() {
   expect "the last event came" wait_until "$1" received "$(tail -n 1 $OWED)"
 }
 
-# judge: a verdict for each label of $OWED_BY.
+# judge [EVENTS]: a verdict for each label of $OWED_BY; EVENTS is the file that has what came, the platform's log if none is
+# named.
 judge() {
   awk -F'\t' '
     function pid_of(event) { return match(event, / pid=[0-9]+/) ? substr(event, RSTART + 5, RLENGTH - 5) : "" }
@@ -415,7 +427,7 @@ judge() {
         if (label in problems) print "FAIL " label ": " problems[label] " wrong, " owed[label] + 0 " owed" told[label]
         else print "PASS " label " (" owed[label] + 0 " owed" (label in extra ? ", " extra[label] " more that may come" : "") ")"
       }
-    }' $OWED_BY $LOG/receiver.log
+    }' $OWED_BY "${1:-$LOG/receiver.log}"
 }
 
 owed_missing() {
@@ -423,6 +435,77 @@ owed_missing() {
     received "$line" >/dev/null || echo "$line"
   done <$OWED
 }
+
+# ---- indicators of compromise
+
+# ioc_manifest FILE RULES [MORE [SETTINGS]]: MORE is further members of the manifest, each with a comma in front; SETTINGS
+# the global ones.
+ioc_manifest() {
+  printf '{"policyVersion": "2.0.0", "policyId": "guest", "productId": "guest", "globalSettings": {%s}, "rules": [%s]%s}' \
+    "${4:-}" "$2" "${3:-}" >"$1"
+}
+
+# ioc_manifests FILE...: those that the written configuration names.
+ioc_manifests() {
+  local list="" file
+  for file; do list="$list${list:+, }{\"manifest_path\": \"$file\", \"manifest_type\": \"ioc\"}"; done
+  configure_ioc manifests "[$list]"
+}
+
+# ioc_came LINE: a line of a batch at the platform begins so. ioc_owes NAME LINE: it comes soon.
+ioc_came() { grep -F -- "$1" $LOG/receiver.log | grep -q '^ioc '; }
+
+ioc_owes() { expect "$1" wait_until 60 ioc_came "$2"; }
+
+# ioc_events: what came, in the form that judge reads:
+#
+#   event ACTION file PATH actor=PROGRAM pid=NUMBER user=NAME            and so for directories and connections
+#   event ACTION process PROGRAM actor=PARENT'S parent=NUMBER pid=NUMBER user=NAME
+#
+# without the folders that are told of because a file in them is.
+ioc_events() {
+  sed -n -e '/^ioc NONE directory /d' -e '/^ioc /!d' -e 's/ size=.*//' \
+    -e 's/^ioc \([A-Z]* process .*\) pid=\([0-9]*\) user=\([^ ]*\) parent=\([0-9]*\) actor=\([^ ]*\) status=.*/event \1 actor=\5 parent=\4 pid=\2 user=\3/p' \
+    -e 's/^ioc \([A-Z]* [fdn].*\)/event \1/p' $LOG/receiver.log
+}
+
+judge_ioc() {
+  ioc_events >/run/ioc-events
+  judge /run/ioc-events
+}
+
+# owe_ioc LABEL EVENT: it comes once.
+owe_ioc() { printf '%s\tdone %s\n' "$1" "$2" >>$OWED_BY; }
+
+# owe_process LABEL PROGRAM PID USER: this shell has started it, and it ends.
+owe_process() {
+  owe_ioc "$1" "RUNNING process $2 actor=/bin/busybox parent=$$ pid=$3 user=$4"
+  owe_ioc "$1" "TERMINATED process $2 actor=/bin/busybox parent=$$ pid=$3 user=$4"
+}
+
+# in_ioc_words: what file-actor did (standard input), as it is told of an indicator of compromise.
+in_ioc_words() {
+  awk '/^done / {
+    word["Create"] = "CREATE"; word["Write"] = "WRITE"; word["Read"] = "READ"; word["Change"] = "CHANGE"
+    word["Rename"] = "RENAME"; word["Delete"] = "DELETE"
+    action = word[$2]
+    sub(/^done [A-Za-z]* /, ""); sub(/ audit-user=.*/, "")
+    print action, $0
+  }'
+}
+
+# wait_for_end_of COMMAND: until the end of a reported process with these words came, and with it all that was before.
+wait_for_end_of() {
+  expect "the last event came" wait_until 90 end_came "$1"
+  sleep 1 # a batch is told with its processes at the end
+}
+
+end_came() { grep -F -- "arguments=$1" $LOG/receiver.log | grep -q '^ioc TERMINATED '; }
+
+# last_batch: the number of the batch that came last.
+last_batch() { sed -n 's/^batch \([0-9]*\) .*/\1/p' $LOG/receiver.log | tail -n 1; }
+
+no_gaps() { ! grep '^sequence gap' $LOG/receiver.log; }
 
 mkdir -p $LOG
 : >$OWED
