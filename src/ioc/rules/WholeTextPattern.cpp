@@ -10,7 +10,7 @@ namespace zagent::ioc::internal {
 namespace {
 
 // A level of recursion takes about 500 bytes of the stack, a step some nanoseconds.
-constexpr const char* kLimits = "(*LIMIT_MATCH=100000)(*LIMIT_RECURSION=5000)";
+constexpr const char* kLimits = "(*LIMIT_MATCH=1000000)(*LIMIT_RECURSION=5000)";
 
 std::shared_ptr<const Poco::RegularExpression> Compile(const std::string& text) {
   // The library reads up to a NUL.
