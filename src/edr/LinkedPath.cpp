@@ -3,11 +3,17 @@
 #include <Poco/Exception.h>
 #include <Poco/File.h>
 
+#include <climits>
 #include <cstdlib>
 #include <memory>
 
 namespace zagent::edr {
 namespace {
+
+// Of what is too long to be the path of a file, looking for the folders one by one would take for ever.
+bool CanHaveLinks(const std::string& path) {
+  return path.starts_with('/') && path.size() < PATH_MAX;
+}
 
 bool IsSymlink(const std::string& path) {
   try {
@@ -44,10 +50,11 @@ std::string WithRealFolders(const std::string& path) {
 }  // namespace
 
 bool LeadsThroughLink(const std::string& path) {
-  return IsSymlink(path) || WithRealFolders(path) != path;
+  return CanHaveLinks(path) && (IsSymlink(path) || WithRealFolders(path) != path);
 }
 
 std::optional<std::string> ResolveLink(const std::string& path) {
+  if (!CanHaveLinks(path)) return path;
   if (std::optional<std::string> real = Canonical(path)) return real;
   if (IsSymlink(path)) return std::nullopt;
   return WithRealFolders(path);

@@ -5,7 +5,8 @@
 
 namespace zagent::edr {
 
-// Audit reports real objects only: what a rule's path means on this disk, now. Paths are absolute and tidy.
+// Audit reports real objects only: what a rule's path means on this disk, now. Paths are tidy. A relative
+// one, and one of PATH_MAX bytes or more, is the path of nothing: it has no links and means itself.
 
 // Whether the path is a symbolic link or has one among its folders.
 [[nodiscard]] bool LeadsThroughLink(const std::string& path);

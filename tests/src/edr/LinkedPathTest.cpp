@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <climits>
 #include <filesystem>
 
 #include "tests/fakes/TempFolder.h"
@@ -42,6 +43,29 @@ TEST_F(LinkedPathTest, ALinkMeansWhatItPointsToAsItselfAndAsAFolder) {
 TEST_F(LinkedPathTest, ALinkThatLeadsNowhereMeansNothing) {
   EXPECT_TRUE(LeadsThroughLink(base_ + "/dangling"));
   EXPECT_EQ(ResolveLink(base_ + "/dangling"), std::nullopt);
+}
+
+// Looked up folder by folder it would take hours.
+TEST_F(LinkedPathTest, APathThatIsTooLongForAnyFileMeansItselfAtOnce) {
+  std::string path = base_ + "/link";
+  while (path.size() < 8'000'000) path += "/x";
+  EXPECT_FALSE(LeadsThroughLink(path));
+  EXPECT_EQ(ResolveLink(path), path);
+}
+
+TEST_F(LinkedPathTest, ARelativePathMeansItself) {
+  for (const char* path : {"", "link", "etc/passwd", "."}) {
+    EXPECT_FALSE(LeadsThroughLink(path)) << path;
+    EXPECT_EQ(ResolveLink(path), path);
+  }
+}
+
+TEST_F(LinkedPathTest, APathThatIsJustShortEnoughIsFollowed) {
+  std::string path = base_ + "/link/";
+  path.append(PATH_MAX - 1 - path.size(), 'x');  // a name that no file has
+  EXPECT_TRUE(LeadsThroughLink(path));
+  path += 'x';
+  EXPECT_FALSE(LeadsThroughLink(path));
 }
 
 }  // namespace
