@@ -33,7 +33,7 @@ class EventProcessor {
     // The score at which `tagging` finds a process suspicious; 0, and null without tagging: the score says nothing.
     std::function<std::int64_t()> threshold_score;
   };
-  // Whether the manifests ask for what libmagic says of a file, at this moment.
+  // What the manifests say of metadata at this moment; given to the generator with each event.
   using SendMetadata = std::function<bool()>;
 
   // `tree`, `generator`, `health` and `clock` outlive this object.

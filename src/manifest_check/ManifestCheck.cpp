@@ -18,6 +18,7 @@
 #include "src/audit/rules/KernelRules.h"
 #include "src/edr/EventRuleEngine.h"
 #include "src/ioc/rules/LinkedRules.h"
+#include "src/ioc/rules/RulePath.h"
 #include "src/manifest_check/KernelRuleText.h"
 #include "src/manifest_check/UnknownKeys.h"
 #include "src/manifest_check/UnreadParts.h"
@@ -92,14 +93,14 @@ bool IsOfIoc(const std::string& path) {
                      [&](const char* key) { return common::util::FindMember(document, key) != nullptr; });
 }
 
-// Of the rules that become one of Manifest::GetRules, in their order.
-std::vector<JsonPlace> PlacesOfIocRules(const std::string& text) {
+// Of the rules of which `is_meant` holds, in their order.
+std::vector<JsonPlace> PlacesOfIocRules(const std::string& text, bool (*is_meant)(const rapidjson::Value&)) {
   rapidjson::Document document;
   common::util::ParseJson(document, text);
   std::vector<JsonPlace> places;
   const rapidjson::Value& rules = *common::util::FindMember(document, "rules");
   for (rapidjson::SizeType i = 0; i < rules.Size(); ++i) {
-    if (IsForKernel(rules[i])) places.push_back({"rules", std::to_string(i)});
+    if (is_meant(rules[i])) places.push_back({"rules", std::to_string(i)});
   }
   return places;
 }
@@ -185,19 +186,25 @@ bool ManifestCheck::CheckIocRules(const std::string& path, const ioc::internal::
   kernel_rules_.clear();
   bool is_good = true;
   std::size_t next = 0;
-  for (const JsonPlace& place : PlacesOfIocRules(file.text)) {
+  for (const JsonPlace& place : PlacesOfIocRules(file.text, IsForKernel)) {
     const auto& rule = rules[next++];
-    Derived derived{rule->GetId(), ioc::internal::FollowLinks(rule), PositionOf(file.text, place),
+    const auto nobody_has = [](const std::string& /*id*/) { return false; };
+    Derived derived{rule->GetId(), ioc::internal::FollowLinks(rule, nobody_has), PositionOf(file.text, place),
                     PositionOf(file.text, IdWithin(place))};
     std::sort(derived.rules.begin(), derived.rules.end(),
               [](const auto& left, const auto& right) { return left->GetId() < right->GetId(); });
     is_good = CheckRule(path, derived) && is_good;
   }
+  const ioc::internal::Manifest::WhitelistRules& trusted = file.manifest.GetWhitelistGlobalRules();
+  next = 0;
+  for (const JsonPlace& place : PlacesOfIocRules(file.text, IsOfTrustedProgram)) {
+    is_good = CheckPath(path, *trusted[next], PositionOf(file.text, place)) && is_good;
+    (void)ioc::internal::FollowLinks(trusted[next++]);  // for its warning of a link that leads nowhere
+  }
   if (!is_good) return false;
-  WarnOfUnknownActors(path, rules);
-  const std::size_t trusted = file.manifest.GetWhitelistGlobalRules().size();
-  const std::string more = trusted == 0 ? "" : ", " + std::to_string(trusted) + " of trusted programs";
-  PrintRules(path, rules.size(), more + (file.manifest.GetSendMetadata() ? ", with metadata" : ""));
+  NoteActors(path, rules);
+  const std::string more = trusted.empty() ? "" : ", " + std::to_string(trusted.size()) + " of trusted programs";
+  PrintRules(path, rules.size(), more);
   return true;
 }
 
@@ -215,6 +222,7 @@ bool ManifestCheck::CheckRule(const std::string& path, const Derived& derived) {
       PrintFault(path, derived.place, "warning: Rule " + id + " has no action that anything tells of");
       continue;
     }
+    if (IsOfPath(*rule) && !CheckPath(path, *rule, derived.place)) return false;
     try {
       for (audit::internal::AuditRule& kernel_rule : audit::internal::CreateRules(*rule, coverage_)) {
         kernel_rules_ += "  " + id + ": " + KernelRuleText(kernel_rule) + "\n";
@@ -226,6 +234,12 @@ bool ManifestCheck::CheckRule(const std::string& path, const Derived& derived) {
     if (IsOfPath(*rule)) WarnIfMissing(path, *rule);
   }
   return true;
+}
+
+bool ManifestCheck::CheckPath(const std::string& path, const edr::EventRule& rule, const TextPosition& place) {
+  const char* why = ioc::internal::WhyNobodysPath(rule.GetPath());
+  if (why != nullptr) PrintFault(path, place, "Rule " + rule.GetId() + " is never in force: its path is " + why);
+  return why == nullptr;
 }
 
 bool ManifestCheck::CheckId(const std::string& path, const TextPosition& place, const KnownId& own) {
@@ -265,13 +279,20 @@ void ManifestCheck::WarnOfUnreadParts(const std::string& path, const std::string
 }
 
 // Who acted is known from the starts of processes alone, which the kernel tells of for process rules.
-void ManifestCheck::WarnOfUnknownActors(const std::string& path, const Rules& rules) {
+void ManifestCheck::NoteActors(const std::string& path, const Rules& rules) {
   const bool knows_starts = std::any_of(rules.begin(), rules.end(), [](const auto& rule) {
     return rule->GetType() == edr::ObjectType::Process &&
            rule->GetProcessActions().count(edr::EventType::ProcessStart) != 0;
   });
-  if (rules.empty() || knows_starts) return;
-  PrintWarning(path, "Without a Process rule for \"create\" nobody knows who acts: nothing will be reported");
+  knows_starts_ = knows_starts_ || knows_starts;
+  if (!rules.empty() && !knows_starts) without_starts_.push_back(path);
+}
+
+void ManifestCheck::Finish() {
+  if (knows_starts_) return;
+  for (const std::string& path : without_starts_) {
+    PrintWarning(path, "Without a Process rule for \"create\" nobody knows who acts: nothing will be reported");
+  }
 }
 
 void ManifestCheck::WarnIfMissing(const std::string& path, const edr::EventRule& rule) {

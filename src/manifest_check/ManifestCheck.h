@@ -34,6 +34,8 @@ class ManifestCheck {
 
   // True for a file that the daemon would take, with every rule of it.
   bool Check(const std::string& path);
+  // Behind all files: warns of what they lack together.
+  void Finish();
 
  private:
   struct KnownId {
@@ -56,11 +58,13 @@ class ManifestCheck {
   bool CheckFimRules(const std::string& path, const fim::ManifestFile& file);
   bool CheckIocRules(const std::string& path, const ioc::internal::ManifestFile& file);
   bool CheckRule(const std::string& path, const Derived& rule);
+  // False, with a line, for a rule whose path nothing can have.
+  bool CheckPath(const std::string& path, const edr::EventRule& rule, const common::util::TextPosition& place);
   void PrintRules(const std::string& path, std::size_t count, const std::string& more);
   bool CheckId(const std::string& path, const common::util::TextPosition& place, const KnownId& own);
   void WarnOfUnknownKeys(const std::string& path, const fim::ManifestFile& file);
   void WarnOfUnreadParts(const std::string& path, const std::string& text);
-  void WarnOfUnknownActors(const std::string& path, const Rules& rules);
+  void NoteActors(const std::string& path, const Rules& rules);
   void WarnIfMissing(const std::string& path, const edr::EventRule& rule);
   void PrintFault(const std::string& path, const common::util::TextPosition& place, const std::string& text);
   void PrintWarning(const std::string& path, const std::string& text);
@@ -71,7 +75,9 @@ class ManifestCheck {
   const ioc::TtlProcessTree tree_{nullptr, {}, common::util::Clock::Real()};
   std::map<std::string, KnownId> ids_;  // by the part of an id that the kernel's rules are told apart by
   int rules_ = 0;
-  std::string kernel_rules_;  // of the file at hand, a line each
+  bool knows_starts_ = false;                // a rule of some file has the kernel tell of starts of processes
+  std::vector<std::string> without_starts_;  // files with other rules alone
+  std::string kernel_rules_;                 // of the file at hand, a line each
 };
 
 }  // namespace zagent::manifest_check

@@ -54,7 +54,12 @@ class Search {
  public:
   std::vector<UnreadPart> Run(const rapidjson::Value& document) {
     LookAtKeys(document, kManifestKeys, {});
-    LookAtKeys(*FindMember(document, "globalSettings"), kSettingKeys, {"globalSettings"});
+    const rapidjson::Value& settings = *FindMember(document, "globalSettings");
+    LookAtKeys(settings, kSettingKeys, {"globalSettings"});
+    const rapidjson::Value* metadata = FindMember(settings, "sendMetadata");
+    if (metadata != nullptr && metadata->GetBool()) {
+      Add("sendMetadata changes nothing: no event has a place for metadata", {"globalSettings", "sendMetadata"});
+    }
     const rapidjson::Value& rules = *FindMember(document, "rules");
     for (rapidjson::SizeType i = 0; i < rules.Size(); ++i) LookAtRule(rules[i], {"rules", std::to_string(i)});
     return std::move(found_);
@@ -133,8 +138,11 @@ std::vector<UnreadPart> FindUnreadParts(const rapidjson::Value& document) {
 }
 
 bool IsForKernel(const rapidjson::Value& rule) {
-  const std::string type = common::util::ToString(*FindMember(rule, "ruleType"));
-  return type != "EDR" && kRules.count(type) != 0;
+  return kRules.count(common::util::ToString(*FindMember(rule, "ruleType"))) != 0 && !IsOfTrustedProgram(rule);
+}
+
+bool IsOfTrustedProgram(const rapidjson::Value& rule) {
+  return common::util::ToString(*FindMember(rule, "ruleType")) == "EDR";
 }
 
 }  // namespace zagent::manifest_check

@@ -19,5 +19,6 @@ std::vector<UnreadPart> FindUnreadParts(const rapidjson::Value& document);
 
 // Whether a rule of a good manifest is one that the kernel is asked about: no trusted program, and of a known type.
 bool IsForKernel(const rapidjson::Value& rule);
+bool IsOfTrustedProgram(const rapidjson::Value& rule);
 
 }  // namespace zagent::manifest_check

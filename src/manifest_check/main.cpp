@@ -28,5 +28,6 @@ int main(int argc, char** argv) {
   zagent::manifest_check::ManifestCheck check(std::cout, {.extended = is_extended, .io_uring = is_extended});
   bool is_good = true;
   for (int i = first_file; i < argc; ++i) is_good = check.Check(argv[i]) && is_good;
+  check.Finish();
   return is_good ? 0 : 1;
 }

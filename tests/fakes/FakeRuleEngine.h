@@ -36,7 +36,15 @@ class FakeRuleEngine final : public edr::EventRuleEngine {
     }
     if (!refusals.empty()) throw edr::RuleEngineException("the kernel refuses", refusals);
   }
-  void Invalidate() override { CallInvalidatedOfAllTags(); }
+  void Invalidate() override {
+    std::string error;
+    {
+      const std::lock_guard lock(mutex_);
+      error = invalidate_error_;
+    }
+    if (!error.empty()) throw edr::RuleEngineException(error);
+    CallInvalidatedOfAllTags();
+  }
   // Every rule in force matches every event.
   void ProcessEvent(std::unique_ptr<edr::Event> event) override {
     std::map<std::string, std::vector<std::string>> ids;
@@ -64,6 +72,11 @@ class FakeRuleEngine final : public edr::EventRuleEngine {
   void FailAdds(const std::string& error) {
     const std::lock_guard lock(mutex_);
     add_error_ = error;
+  }
+  // The following Invalidate throw RuleEngineException with this text, and drop no rule; an empty one ends that.
+  void FailInvalidate(const std::string& error) {
+    const std::lock_guard lock(mutex_);
+    invalidate_error_ = error;
   }
   // The following AddRules refuse this rule, with the words "the kernel refuses", and take the others.
   void RefuseRule(const std::string& id) {
@@ -95,6 +108,7 @@ class FakeRuleEngine final : public edr::EventRuleEngine {
   std::vector<Call> calls_;
   std::function<void()> before_next_add_;
   std::string add_error_;
+  std::string invalidate_error_;
   std::string refused_id_;
 };
 

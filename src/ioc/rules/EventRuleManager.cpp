@@ -7,6 +7,7 @@
 #include "src/ioc/config/LogPrefix.h"
 #include "src/ioc/rules/LinkedRules.h"
 #include "src/ioc/rules/ManifestFile.h"
+#include "src/ioc/rules/RulePath.h"
 
 namespace zagent::ioc::internal {
 namespace {
@@ -15,6 +16,10 @@ std::shared_ptr<const rapidjson::Document> CopyOf(const rapidjson::Value& object
   auto copy = std::make_shared<rapidjson::Document>(rapidjson::kObjectType);
   copy->CopyFrom(object, copy->GetAllocator());
   return copy;
+}
+
+bool IsOfPath(const edr::EventRule& rule) {
+  return rule.GetType() == edr::ObjectType::File || rule.GetType() == edr::ObjectType::Directory;
 }
 
 std::string NotApplied(const std::string& rule_id, const std::string& why) {
@@ -40,33 +45,35 @@ void EventRuleManager::Load(const Manifests& manifests) {
   loaded.gateway_url.clear();
   loaded.verdicts.clear();
   loaded.owners.clear();
+  GivenRules given;
   for (const Config::ManifestEntry& entry : manifests) {
     std::string& fault = loaded.verdicts[entry.path];
     try {
       const ManifestFile file = ReadManifestFile(entry.path, tree_);
       ZLOG_INFO("Successfully parsed manifest file " << entry.path);
-      Take(file.manifest, entry.path, loaded);
+      Take(file.manifest, entry.path, given, loaded);
     } catch (const ManifestFileException& error) {
       ZLOG_ERROR(error.what());
       fault = error.what();
     }
   }
+  Derive(given, loaded);
   const std::lock_guard lock(mutex_);
   loaded_ = std::move(loaded);
   ++generation_;
 }
 
-void EventRuleManager::Take(const Manifest& manifest, const std::string& path, Loaded& loaded) {
-  for (const auto& of_manifest : manifest.GetRules()) {
-    for (const auto& rule : FollowLinks(of_manifest)) {
-      if (!loaded.rules.insert_or_assign(rule->GetId(), rule).second) {
-        ZLOG_WARNING("Rule id " << rule->GetId() << " is used more than once: the last rule holds");
-      }
-      loaded.owners.insert_or_assign(rule->GetId(), path);
+void EventRuleManager::Take(const Manifest& manifest, const std::string& path, GivenRules& given, Loaded& loaded) {
+  for (const auto& rule : manifest.GetRules()) {
+    ZLOG_DEBUG("Adding rule " << rule->GetId());
+    if (!given.insert_or_assign(rule->GetId(), Given{rule, path}).second) {
+      ZLOG_WARNING("Rule id " << rule->GetId() << " is used more than once: the last rule holds");
     }
   }
-  const Manifest::WhitelistRules& whitelist = manifest.GetWhitelistGlobalRules();
-  loaded.whitelist_rules.insert(loaded.whitelist_rules.end(), whitelist.begin(), whitelist.end());
+  for (const auto& of_manifest : manifest.GetWhitelistGlobalRules()) {
+    if (!HasUsablePath(*of_manifest, path, loaded)) continue;
+    for (const auto& rule : FollowLinks(of_manifest)) loaded.whitelist_rules.push_back(rule);
+  }
   if (manifest.HasGatewayUrl()) {
     loaded.has_gateway_url = true;
     loaded.gateway_url = manifest.GetGatewayUrl();
@@ -75,6 +82,27 @@ void EventRuleManager::Take(const Manifest& manifest, const std::string& path, L
   loaded.tagging_settings = CopyOf(manifest.GetTaggingSettings());
   loaded.send_metadata = manifest.GetSendMetadata();
   loaded.is_heuristics_enabled = manifest.IsHeuristicsEnabled();
+}
+
+void EventRuleManager::Derive(const GivenRules& given, Loaded& loaded) {
+  const auto is_taken = [&](const std::string& id) { return given.count(id) != 0 || loaded.rules.count(id) != 0; };
+  for (const auto& [id, of_manifest] : given) {
+    if (IsOfPath(*of_manifest.rule) && !HasUsablePath(*of_manifest.rule, of_manifest.manifest, loaded)) continue;
+    for (const auto& rule : FollowLinks(of_manifest.rule, is_taken)) {
+      loaded.rules.emplace(rule->GetId(), rule);
+      loaded.owners.emplace(rule->GetId(), of_manifest.manifest);
+    }
+  }
+}
+
+bool EventRuleManager::HasUsablePath(const edr::EventRule& rule, const std::string& manifest, Loaded& loaded) {
+  const char* why = WhyNobodysPath(rule.GetPath());
+  if (why == nullptr) return true;
+  const std::string text = NotApplied(rule.GetId(), std::string("its path is ") + why);
+  ZLOG_ERROR("EventRuleManager: " << manifest << ": " << text);
+  std::string& fault = loaded.verdicts[manifest];
+  if (fault.empty()) fault = text;
+  return false;
 }
 
 // Not by the engine's Invalidate, which takes all rules out of the kernel, those of others too: what stays in the

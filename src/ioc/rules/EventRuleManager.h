@@ -22,7 +22,8 @@ namespace zagent::ioc::internal {
 // Each manifest is judged by itself: one that cannot be read or parsed is told in one Error line and skipped. Of two
 // rules with one id the later one holds, and of settings that two manifests give the later manifest's.
 //
-// A rule whose path leads through a symbolic link is watched as it is written and as it is meant (FollowLinks).
+// A rule whose path leads through a symbolic link holds for it as it is written and as it is meant (FollowLinks). One
+// whose path nothing can have is told in one Error line and left out.
 //
 // A rule engine that cannot reach the kernel is logged; the rules stay here, and reach the engine with the next change
 // or when the engine says that it has lost its rules.
@@ -63,9 +64,15 @@ class EventRuleManager {
   using Manifests = std::vector<Config::ManifestEntry>;
   // By the path of a manifest, why it cannot be used; an empty text when it can.
   using Verdicts = std::map<std::string, std::string>;
+  // A rule as its manifest gives it.
+  struct Given {
+    std::shared_ptr<const edr::EventRule> rule;
+    std::string manifest;  // its path
+  };
+  using GivenRules = std::map<std::string, Given>;  // by id
   // What the manifests say.
   struct Loaded {
-    std::map<std::string, std::shared_ptr<const edr::EventRule>> rules;  // by id
+    std::map<std::string, std::shared_ptr<const edr::EventRule>> rules;  // by id, on this disk
     Manifest::WhitelistRules whitelist_rules;
     bool has_gateway_url = false;
     std::string gateway_url;
@@ -83,7 +90,11 @@ class EventRuleManager {
   };
 
   void Load(const Manifests& manifests);
-  static void Take(const Manifest& manifest, const std::string& path, Loaded& loaded);
+  static void Take(const Manifest& manifest, const std::string& path, GivenRules& given, Loaded& loaded);
+  // False, with an Error line, for a rule whose path nothing can have.
+  static bool HasUsablePath(const edr::EventRule& rule, const std::string& manifest, Loaded& loaded);
+  // Makes the rules of this disk of those that the manifests give, when all of them are known.
+  static void Derive(const GivenRules& given, Loaded& loaded);
   void Apply();
   EngineFailure HandToEngine(edr::EventRuleEngine::Rules rules);
   // Tells what has become of each manifest.

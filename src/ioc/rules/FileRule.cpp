@@ -151,7 +151,7 @@ const edr::EventTypes& FileRule::GetProcessActions() const {
 }
 
 const edr::EventTypes& FileRule::GetNetworkActions() const {
-  throw EventRuleException("Function not defined for file rule");
+  throw EventRuleException("Function not defined for neither file nor directory");
 }
 
 MatchResult FileRule::Match(const edr::Event& event) const {

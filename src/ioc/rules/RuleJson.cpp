@@ -24,8 +24,6 @@ std::string ParseRuleId(const rapidjson::Value& rule) {
 std::string ParseRulePath(const rapidjson::Value& rule, const std::string& id) {
   const std::string path = MandatoryText(rule, "imagePath");
   if (path.empty()) throw RuleFault("Empty Rule Path for id:" + id, {"imagePath"});
-  // One relative path would make the rule engine refuse the whole batch.
-  if (path.front() != '/') throw RuleFault("Rule Path is not absolute for id:" + id, {"imagePath"});
   return edr::Tidy(path);
 }
 

@@ -15,7 +15,7 @@ std::string MandatoryText(const rapidjson::Value& rule, const char* key);
 // `ruleId`, which is not empty.
 std::string ParseRuleId(const rapidjson::Value& rule);
 
-// The path of a rule as it is watched: absolute and tidy, without a slash at its end.
+// The path of a rule, tidy, without a slash at its end. It is not empty, but need not be one that can be watched.
 std::string ParseRulePath(const rapidjson::Value& rule, const std::string& id);
 
 // `notify` of a process or network rule: the array under `section`.

@@ -1,6 +1,7 @@
 #include "src/ioc/rules/RulePath.h"
 
 #include <algorithm>
+#include <climits>
 
 #include "src/edr/LexicalPath.h"
 
@@ -27,6 +28,11 @@ std::string_view FolderOf(std::string_view path) {
 bool IsWithin(std::string_view path, std::string_view folder) {
   if (folder == "/") return path.starts_with('/');
   return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
+}
+
+const char* WhyNobodysPath(std::string_view path) {
+  if (!path.starts_with('/')) return "not absolute";
+  return path.size() < PATH_MAX ? nullptr : "too long";
 }
 
 }  // namespace zagent::ioc::internal

@@ -31,4 +31,7 @@ class NormalPath {
 // Whether the path is the folder or lies in it.
 [[nodiscard]] bool IsWithin(std::string_view path, std::string_view folder);
 
+// Why nothing can ever have this path, behind "its path is "; null for a path that something may have.
+[[nodiscard]] const char* WhyNobodysPath(std::string_view path);
+
 }  // namespace zagent::ioc::internal

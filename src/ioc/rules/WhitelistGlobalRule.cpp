@@ -62,6 +62,13 @@ WhitelistGlobalRule::WhitelistGlobalRule(const rapidjson::Value& json, const Ttl
   exclusion_ = ParseExclusionFilters(json, RuleKind::Global, tree);
 }
 
+WhitelistGlobalRule::WhitelistGlobalRule(const WhitelistGlobalRule& other, const std::string& path)
+    : id_(other.id_),
+      path_(path),
+      normal_path_(edr::LexicallyNormal(path)),
+      apply_to_(other.apply_to_),
+      exclusion_(other.exclusion_) {}
+
 const edr::EventTypes& WhitelistGlobalRule::GetDirectoryActions() const {
   throw edr::EventRuleException(kNotDefined);
 }

@@ -17,6 +17,8 @@ class WhitelistGlobalRule final : public edr::EventRule {
   // Throws edr::EventException "Invalid ruleClass for EDR rule type", and RuleFault for everything else that is wrong
   // in the rule object. `tree` outlives the rule.
   WhitelistGlobalRule(const rapidjson::Value& json, const TtlProcessTree& tree);
+  // `other` for another path, tidy.
+  WhitelistGlobalRule(const WhitelistGlobalRule& other, const std::string& path);
 
   [[nodiscard]] const edr::EventTypes& GetDirectoryActions() const override;
   [[nodiscard]] const edr::EventTypes& GetFileActions() const override;

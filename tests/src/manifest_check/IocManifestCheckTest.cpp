@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <climits>
 #include <filesystem>
 #include <sstream>
 
@@ -51,20 +52,44 @@ TEST_F(IocManifestCheckTest, AGoodManifestIsToldWithWhatTheKernelWillBeAsked) {
   EXPECT_TRUE(Check("m.json", Manifest(R"(    {"ruleType": "EDR", "ruleId": "w1", "ruleClass": "WhitelistGlobal",
       "imagePath": "/usr/bin/dpkg", "applyTo": ["file"], "exclusionFilters": [{"filterType": []}]},)"
                                        "\n" +
-                                           kStarts + ",\n" + Directory("d1", base_ + "/watched") + R"(,
-    {"ruleId": "n1", "ruleType": "Network", "notify": {"network": ["listen"]}})",
-                                       R"({"sendMetadata": true})")));
+                                       kStarts + ",\n" + Directory("d1", base_ + "/watched") + R"(,
+    {"ruleId": "n1", "ruleType": "Network", "notify": {"network": ["listen"]}})")));
   EXPECT_EQ(Printed(),
-            "DIR/m.json: 3 rules, 1 of trusted programs, with metadata\n"
+            "DIR/m.json: 3 rules, 1 of trusted programs\n"
             "  p1: -a always,exit -F arch=b64 -S clone,fork,vfork,execve -F key=p1\n"
             "  d1: -a always,exit -F dir=DIR/watched -F perm=w -F key=d1\n"
             "  n1: -a always,exit -F arch=b64 -S bind -F key=n1\n");
 }
 
 TEST_F(IocManifestCheckTest, AMistakeIsOneLineWithItsPlaceRuleAndKey) {
-  EXPECT_FALSE(Check("m.json", Manifest(kStarts + ",\n" + Directory("d1", "etc"))));
+  EXPECT_FALSE(Check("m.json", Manifest(kStarts + ",\n" + Directory("d1", ""))));
+  EXPECT_EQ(Printed(), "DIR/m.json:6:60: Rule parsing failed: Empty Rule Path for id:d1 (rule d1, key imagePath)\n");
+}
+
+TEST_F(IocManifestCheckTest, APathThatNothingCanHaveIsAMistakeOfItsRule) {
+  EXPECT_FALSE(Check("m.json", Manifest(kStarts + ",\n" + Directory("d1", "etc") + R"(,
+    {"ruleType": "EDR", "ruleId": "w1", "ruleClass": "WhitelistGlobal", "imagePath": "apt", "applyTo": []})")));
   EXPECT_EQ(Printed(),
-            "DIR/m.json:6:60: Rule parsing failed: Rule Path is not absolute for id:d1 (rule d1, key imagePath)\n");
+            "DIR/m.json:6:5: Rule d1 is never in force: its path is not absolute\n"
+            "DIR/m.json:7:5: Rule w1 is never in force: its path is not absolute\n");
+  EXPECT_FALSE(Check("n.json", Manifest(Directory("d2", "/" + std::string(PATH_MAX, 'x')))));
+  EXPECT_TRUE(HasPrinted("DIR/n.json:5:5: Rule d2 is never in force: its path is too long\n"));
+}
+
+TEST_F(IocManifestCheckTest, ATrustedProgramBehindALinkThatLeadsNowhereIsAWarning) {
+  std::filesystem::create_symlink("nowhere", base_ + "/dangling");
+  EXPECT_TRUE(Check("m.json", Manifest(kStarts + R"(,
+    {"ruleType": "EDR", "ruleId": "w1", "ruleClass": "WhitelistGlobal", "applyTo": [], "imagePath": ")" +
+                                       base_ + R"(/dangling"})")));
+  EXPECT_TRUE(HasPrinted("DIR/m.json: warning: Cannot resolve symlink DIR/dangling\n")) << Printed();
+}
+
+TEST_F(IocManifestCheckTest, MetadataIsAWordWithoutEffect) {
+  EXPECT_TRUE(Check("m.json", Manifest(kStarts, R"({"sendMetadata": true})")));
+  EXPECT_TRUE(HasPrinted("DIR/m.json:3:38: warning: sendMetadata changes nothing: no event has a place for metadata\n"))
+      << Printed();
+  EXPECT_TRUE(Check("n.json", Manifest(Directory("d1", base_ + "/watched"), R"({"sendMetadata": false})")));
+  EXPECT_FALSE(HasPrinted("DIR/n.json:3"));
 }
 
 TEST_F(IocManifestCheckTest, AnOlderVersionWouldBeRefused) {
@@ -88,19 +113,27 @@ TEST_F(IocManifestCheckTest, WhichKindOfManifestItIsIsToldByItsKeys) {
             "Failed to read manifest: DIR/missing.json\n");
 }
 
-TEST_F(IocManifestCheckTest, RulesWithoutStartsOfProcessesAreAWarning) {
-  constexpr const char* kWarning = "warning: Without a Process rule for \"create\" nobody knows who acts";
+TEST_F(IocManifestCheckTest, RulesWithoutStartsOfProcessesInAnyFileAreAWarning) {
+  const std::string warning = R"(warning: Without a Process rule for "create" nobody knows who acts)";
   EXPECT_TRUE(Check("m.json", Manifest(Directory("d1", base_ + "/watched"))));
-  EXPECT_TRUE(HasPrinted(std::string("DIR/m.json: ") + kWarning)) << Printed();
   EXPECT_TRUE(
       Check("n.json", Manifest(Directory("d2", base_ + "/watched") + ",\n" +
                                R"({"ruleId": "e", "ruleType": "Process", "notify": {"process": ["delete"]}})")));
-  EXPECT_TRUE(HasPrinted(std::string("DIR/n.json: ") + kWarning)) << Printed();
-  EXPECT_TRUE(Check("o.json", Manifest(Directory("d3", base_ + "/watched") + ",\n" + kStarts)));
-  EXPECT_FALSE(HasPrinted(std::string("DIR/o.json: ") + kWarning));
   EXPECT_TRUE(Check("empty.json", Manifest("")));
   EXPECT_TRUE(HasPrinted("DIR/empty.json: 0 rules\n"));
-  EXPECT_FALSE(HasPrinted(std::string("DIR/empty.json: ") + kWarning));
+  EXPECT_FALSE(HasPrinted(warning)) << "another file may have it";
+  check_.Finish();
+  EXPECT_TRUE(HasPrinted("DIR/m.json: " + warning)) << Printed();
+  EXPECT_TRUE(HasPrinted("DIR/n.json: " + warning)) << Printed();
+  EXPECT_FALSE(HasPrinted("DIR/empty.json: " + warning)) << "it needs no actor";
+}
+
+TEST_F(IocManifestCheckTest, StartsOfProcessesInOneFileAreEnoughForAll) {
+  EXPECT_TRUE(Check("m.json", Manifest(Directory("d1", base_ + "/watched"))));
+  EXPECT_TRUE(Check("n.json", Manifest(kStarts)));
+  EXPECT_TRUE(Check("o.json", Manifest(Directory("d2", base_ + "/watched"))));
+  check_.Finish();
+  EXPECT_FALSE(HasPrinted("nobody knows who acts")) << Printed();
 }
 
 TEST_F(IocManifestCheckTest, WhatNobodyReadsIsAWarningWithItsPlace) {
@@ -153,7 +186,8 @@ TEST_F(IocManifestCheckTest, APathThatIsNotThereIsAWarning) {
 TEST_F(IocManifestCheckTest, TheExampleManifestIsGoodAndAllOfItIsRead) {
   const std::string example = fakes::SourceTree() / "examples/ioc-manifest.json";
   EXPECT_TRUE(check_.Check(example)) << Printed();
-  EXPECT_TRUE(HasPrinted(example + ": 5 rules, 1 of trusted programs, with metadata\n")) << Printed();
+  check_.Finish();
+  EXPECT_TRUE(HasPrinted(example + ": 5 rules, 1 of trusted programs\n")) << Printed();
   EXPECT_FALSE(HasPrinted("passed over")) << Printed();
   EXPECT_FALSE(HasPrinted("nobody knows")) << Printed();
 }

@@ -1,6 +1,7 @@
 #include "src/ioc/rules/EventRuleManager.h"
 
 #include <atomic>
+#include <climits>
 #include <filesystem>
 #include <thread>
 
@@ -99,7 +100,7 @@ TEST_F(IocEventRuleManagerTest, ABadManifestIsSkippedAndTheOthersApply) {
   const std::string old = folder_.Write(
       "old.json", R"({"policyVersion":"1.9.9","policyId":1,"productId":1,"globalSettings":{},"rules":[]})");
   const std::string typed = WriteManifest("typed.json", "", R"({"gateway_url":7})");
-  const std::string malformed = WriteManifest("malformed.json", Rule("r1", "etc"));
+  const std::string malformed = WriteManifest("malformed.json", Rule("r1", ""));
   const std::string good = WriteManifest("good.json", Rule("r2", "/etc"));
   Make({missing, broken, old, typed, malformed, good});
   EXPECT_EQ(InEngine(), "r2 ");
@@ -114,13 +115,40 @@ TEST_F(IocEventRuleManagerTest, ABadManifestIsSkippedAndTheOthersApply) {
                       ": line 1, column 85: Invalid value in manifest for gateway_url: expected a string (key "
                       "globalSettings.gateway_url)"));
   EXPECT_EQ(log_.Count("gateway_url"), 1) << "one line a manifest";
-  EXPECT_TRUE(is_told("Rule Path is not absolute for id:r1 (rule r1, key imagePath)"));
+  EXPECT_TRUE(is_told("Empty Rule Path for id:r1 (rule r1, key imagePath)"));
   EXPECT_TRUE(is_told("Failed to parse manifest " + malformed));
-  EXPECT_TRUE(log_.Has("Rule parsing failed: Rule Path is not absolute for id:r1 (rule r1, key imagePath)"));
+  EXPECT_TRUE(log_.Has("Rule parsing failed: Empty Rule Path for id:r1 (rule r1, key imagePath)"));
   for (const std::string& bad : {missing, broken, old, typed, malformed}) {
     EXPECT_TRUE(HealthSays(bad, "manifest=failed")) << bad;
   }
   EXPECT_TRUE(HealthSays(good, "manifest=applied"));
+}
+
+TEST_F(IocEventRuleManagerTest, ARuleWhosePathNothingCanHaveIsLeftOutAndTheOthersApply) {
+  const std::string too_long = "/" + std::string(PATH_MAX, 'x');
+  const std::string one = WriteManifest("one.json", Rule("r1", "etc") + "," + Rule("r2", "/etc"));
+  const std::string two = WriteManifest("two.json", Rule("r3", too_long) + "," + ProcessRuleText().Text());
+  const std::string three = WriteManifest("three.json", WhitelistRuleText().With("imagePath", R"("apt")").Text());
+  Make({one, two, three});
+  EXPECT_EQ(InEngine(), "p1 r2 ");
+  EXPECT_EQ(InManager(), "p1 r2 ");
+  EXPECT_TRUE(manager_->GetWhitelistGlobalRules().empty());
+  const auto is_told_once = [this](const std::string& manifest, const std::string& text) {
+    return log_.Has(Poco::Message::PRIO_ERROR, "[IOC]: EventRuleManager: " + manifest + ": " + text) &&
+           log_.Count(text) == 1 && HealthSays(manifest, "manifest=failed") && HealthSays(manifest, text);
+  };
+  EXPECT_TRUE(is_told_once(one, "rule r1 not applied: its path is not absolute"));
+  EXPECT_TRUE(is_told_once(two, "rule r3 not applied: its path is too long"));
+  EXPECT_TRUE(is_told_once(three, "rule w1 not applied: its path is not absolute"));
+}
+
+TEST_F(IocEventRuleManagerTest, ARuleThatIsLeftOutReplacesTheEarlierOneOfItsIdAllTheSame) {
+  const std::string one = WriteManifest("one.json", Rule("r1", "/etc"));
+  const std::string two = WriteManifest("two.json", Rule("r1", "etc"));
+  Make({one, two});
+  EXPECT_EQ(InManager(), "");
+  EXPECT_TRUE(HealthSays(one, "manifest=applied"));
+  EXPECT_TRUE(HealthSays(two, "manifest=failed"));
 }
 
 TEST_F(IocEventRuleManagerTest, AHugeFileIsNotRead) {
@@ -169,6 +197,66 @@ TEST_F(IocEventRuleManagerTest, ALinkIsWatchedAsItIsWrittenAndAsItIsMeant) {
           {"r1", base + "/real"}, {"r1-1", base + "/link"}, {"r2-1", base + "/dangling"}, {"r3", base + "/real"}}));
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "[IOC]: Adding resolved rule r1 with path " + base + "/real"));
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "[IOC]: Cannot resolve symlink " + base + "/dangling"));
+}
+
+TEST_F(IocEventRuleManagerTest, ALaterRuleLeavesNothingOfTheOneOnALinkThatItReplaces) {
+  const std::string base = std::filesystem::canonical(folder_.Path());
+  std::filesystem::create_directory(base + "/real");
+  std::filesystem::create_directory_symlink("real", base + "/link");
+  Make({WriteManifest("one.json", Rule("r1", base + "/link")), WriteManifest("two.json", Rule("r1", "/etc"))});
+  EXPECT_EQ(engine_.Installed("IOC"), (std::map<std::string, std::string>{{"r1", "/etc"}}));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "Rule id r1 is used more than once: the last rule holds"));
+}
+
+TEST_F(IocEventRuleManagerTest, ARuleOnALinkTakesTheIdOfNoOtherRule) {
+  const std::string base = std::filesystem::canonical(folder_.Path());
+  std::filesystem::create_directory(base + "/real");
+  std::filesystem::create_directory_symlink("real", base + "/link");
+  const std::string linked = WriteManifest("linked.json", Rule("r", base + "/link"));
+  const std::string other = WriteManifest("other.json", Rule("r-1", base + "/link") + "," + Rule("r-2", "/srv") + "," +
+                                                            ProcessRuleText().With("ruleId", R"("r-3")").Text());
+  const std::map<std::string, std::string> all = {{"r", base + "/real"},   {"r-4", base + "/link"},
+                                                  {"r-1", base + "/real"}, {"r-1-1", base + "/link"},
+                                                  {"r-2", "/srv"},         {"r-3", ""}};
+  Make({linked, other});
+  EXPECT_EQ(engine_.Installed("IOC"), all);
+  Make({other, linked});
+  EXPECT_EQ(engine_.Installed("IOC"), all);
+  EXPECT_FALSE(log_.Has("used more than once"));
+  // What is refused belongs to the manifest of the link's rule.
+  engine_.RefuseRule("r-4");
+  engine_.Invalidate();
+  EXPECT_TRUE(HealthSays(linked, "rule r-4 not applied: the kernel refuses"));
+}
+
+TEST_F(IocEventRuleManagerTest, ATrustedProgramBehindALinkIsTrustedAsItIsWrittenAndAsItIsMeant) {
+  const std::string base = std::filesystem::canonical(folder_.Path());
+  std::filesystem::create_directory(base + "/usr-bin");
+  folder_.Write("usr-bin/apt", "");
+  std::filesystem::create_directory_symlink("usr-bin", base + "/bin");
+  std::filesystem::create_symlink("nowhere", base + "/dangling");
+  const auto trusted = [&](const std::string& id, const std::string& path) {
+    return WhitelistRuleText()
+        .With("ruleId", "\"" + id + "\"")
+        .With("imagePath", "\"" + path + "\"")
+        .With("exclusionFilters", R"([{"filterType":[]}])")
+        .Text();
+  };
+  Make({WriteManifest("one.json", trusted("w1", base + "/bin/apt") + "," + trusted("w2", base + "/usr-bin/dpkg") + "," +
+                                      trusted("w3", base + "/dangling"))});
+  std::vector<std::pair<std::string, std::string>> rules;
+  for (const auto& rule : manager_->GetWhitelistGlobalRules()) rules.emplace_back(rule->GetId(), rule->GetPath());
+  EXPECT_EQ(rules, (std::vector<std::pair<std::string, std::string>>{{"w1", base + "/bin/apt"},
+                                                                     {"w1", base + "/usr-bin/apt"},
+                                                                     {"w2", base + "/usr-bin/dpkg"},
+                                                                     {"w3", base + "/dangling"}}));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "[IOC]: Cannot resolve symlink " + base + "/dangling"));
+  // The derived rule judges as the rule of the manifest does.
+  fakes::FakeEvent event = FileEvent("/etc/x");
+  event.image = common::ImageInfo(base + "/usr-bin/apt");
+  EXPECT_NE(manager_->GetWhitelistGlobalRules()[1]->Match(event), edr::MatchResult::Matched);
+  event.object_type = edr::ObjectType::Network;
+  EXPECT_EQ(manager_->GetWhitelistGlobalRules()[1]->Match(event), edr::MatchResult::Matched);
 }
 
 TEST_F(IocEventRuleManagerTest, AnUpdateReplacesRulesThroughTheEngine) {
@@ -251,6 +339,24 @@ TEST_F(IocEventRuleManagerTest, AnEngineThatFailsIsLoggedAndTheRulesStay) {
   engine_.FailAdds("");
   engine_.Invalidate();
   EXPECT_TRUE(HealthSays(one, "manifest=applied"));
+}
+
+TEST_F(IocEventRuleManagerTest, AnEngineThatCannotDropItsRulesIsLoggedAndTheNewRulesWait) {
+  Make({WriteManifest("one.json", Rule("r1", "/etc"))});
+  const std::string two = WriteManifest("two.json", Rule("r2", "/srv"), R"({"gateway_url":"https://two"})");
+  SetManifests({two});
+  engine_.FailInvalidate("Failed to open audit socket");
+  EXPECT_TRUE(manager_->Update()) << "what stands beside the rules holds at once";
+  EXPECT_EQ(manager_->GetGatewayUrl(), "https://two");
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR,
+                       "[IOC]: EventRuleManager: Failed to apply rules: Failed to open audit socket"));
+  EXPECT_TRUE(HealthSays(two, "rules not applied: Failed to open audit socket"));
+  EXPECT_EQ(InEngine(), "r1 ");
+  EXPECT_EQ(InManager(), "r2 ");
+  engine_.FailInvalidate("");
+  engine_.Invalidate();
+  EXPECT_EQ(InEngine(), "r2 ");
+  EXPECT_TRUE(HealthSays(two, "manifest=applied"));
 }
 
 TEST_F(IocEventRuleManagerTest, ARefusedRuleIsAFailureOfItsManifestAlone) {

@@ -1,8 +1,11 @@
 #include "src/ioc/rules/Manifest.h"
 
+#include <unistd.h>
+
 #include <fstream>
 #include <iterator>
 
+#include "tests/fakes/TempFolder.h"
 #include "tests/fakes/TestData.h"
 #include "tests/src/ioc/rules/RulesFixture.h"
 
@@ -192,6 +195,27 @@ TEST_F(IocManifestTest, TheLimitIsGivenToEveryRuleInBytes) {
   EXPECT_EQ(rule_of("3000")->Match(event), edr::MatchResult::Matched);
   EXPECT_EQ(rule_of("2999")->Match(event), edr::MatchResult::RefusedByFilter);
   EXPECT_EQ(rule_of("0")->Match(event), edr::MatchResult::Matched);
+}
+
+TEST_F(IocManifestTest, TheLimitHoldsForFilesInFoldersAndForProgramsOfProcessesAndConnections) {
+  const fakes::TempFolder folder;
+  const std::string program = folder.Write("program", "");
+  ASSERT_EQ(truncate(program.c_str(), 2LL << 20), 0);
+  fakes::FakeEvent file = FileEvent("/etc/ssh/key");
+  file.size = 2LL << 20;
+  fakes::FakeEvent start = StartEvent(program);
+  fakes::FakeEvent connection = NetworkEvent("1.2.3.4", 80);
+  connection.image = common::ImageInfo(program);
+  for (const auto& [text, event] : std::vector<std::pair<ObjectText, const edr::Event*>>{
+           {DirectoryRuleText(), &file}, {ProcessRuleText(), &start}, {NetworkRuleText(), &connection}}) {
+    const auto result = [&, rule = text.Text(), event = event](const char* limit) {
+      const Manifest manifest = Parse(WithSetting("maxFileSizeToProcess", limit).With("rules", "[" + rule + "]"));
+      return manifest.GetRules().front()->Match(*event);
+    };
+    EXPECT_EQ(result("2"), edr::MatchResult::Matched) << text.Text();
+    EXPECT_EQ(result("1"), edr::MatchResult::RefusedByFilter) << text.Text();
+    EXPECT_EQ(result("0"), edr::MatchResult::Matched) << text.Text();
+  }
 }
 
 TEST_F(IocManifestTest, RulesStandInTheOrderOfTheDocumentAndTrustedProgramsApart) {
