@@ -246,6 +246,17 @@ Statements SnapshotSqlDataFormatter::Migrate(std::int64_t version) {
   return statements;
 }
 
+std::string SnapshotSqlDataFormatter::Count(const std::string& table) {
+  return "SELECT count(*) from " + std::string(Find(table).name) + ";";
+}
+
+// A row that is replaced is a new one: SQLite numbers it behind all others. By "rowid" it would mean the column.
+std::string SnapshotSqlDataFormatter::DeleteOldest(const std::string& table, std::int64_t count) {
+  const std::string name = Find(table).name;
+  return "DELETE from " + name + " WHERE _rowid_ IN (SELECT _rowid_ from " + name + " ORDER BY _rowid_ LIMIT " +
+         std::to_string(count) + ");";
+}
+
 Statements SnapshotSqlDataFormatter::Check() {
   Statements statements;
   for (const Table& table : Tables()) {

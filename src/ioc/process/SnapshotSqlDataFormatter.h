@@ -41,6 +41,10 @@ class SnapshotSqlDataFormatter final : public common::SqlDataFormatter {
   // Throws common::SqlDataFormatterException for a version below 0.
   [[nodiscard]] Statements Migrate(std::int64_t version) override;
 
+  // How many rows a table has, and how to delete those that were written the longest ago.
+  [[nodiscard]] static std::string Count(const std::string& table);
+  [[nodiscard]] static std::string DeleteOldest(const std::string& table, std::int64_t count);
+
   // Queries that fail when the database has other tables than it says, or a process that cannot be read: that table is
   // read as a whole.
   [[nodiscard]] static Statements Check();

@@ -17,6 +17,7 @@ namespace {
 namespace wire = com::ostrel::ioc::model::proto::event;
 
 using edr::EventType;
+using Table = ReportedObjects::Table;
 
 }  // namespace
 
@@ -42,10 +43,11 @@ Report DirectoryEvent::Build(const edr::Event& event) const {
     times = TimesOf(event, *directory);
     SetTimes(times, message);
   }
+  Report::Item item{MakeItem(Kind::Directory, message)};
+  item.changes.push_back(
+      {Table::Directory, id, is_gone ? common::Bytes() : ReportedObjects::DirectoryRow(id, path, times), path});
   Report report;
-  report.items.push_back(MakeItem(Kind::Directory, message));
-  report.changes.push_back({ReportedObjects::Table::Directory, id,
-                            is_gone ? common::Bytes() : ReportedObjects::DirectoryRow(id, path, times), path});
+  report.items.push_back(std::move(item));
   return report;
 }
 
@@ -65,15 +67,14 @@ bool DirectoryEvent::Describe(const edr::Event& event, const std::string& path, 
   message.set_securitysettings(SecuritySettings(common::ImageInfo(path, found)));
   const ReportedObjects::Times times = TimesOf(path, found);
   SetTimes(times, message);
-  report.items.push_back(MakeItem(Kind::Directory, message));
-  report.changes.push_back(
-      {ReportedObjects::Table::Directory, id, ReportedObjects::DirectoryRow(id, path, times), path});
+  report.items.push_back({MakeItem(Kind::Directory, message),
+                          {{Table::Directory, id, ReportedObjects::DirectoryRow(id, path, times), path}}});
   return true;
 }
 
 bool DirectoryEvent::IsReported(const std::string& id, const std::string& path) const {
   try {
-    return reported_.Has(ReportedObjects::Table::Directory, id);
+    return reported_.Has(Table::Directory, id);
   } catch (const common::StorageException& error) {
     ZLOG_ERROR("Failed to read directory entry from snapshot DB for " << path << ": " << error.what());
     return false;

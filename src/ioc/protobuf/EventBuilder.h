@@ -10,8 +10,11 @@ namespace zagent::ioc::internal::protobuf {
 
 // What is told of an event.
 struct Report {
-  std::vector<common::Bytes> items;              // for the spool, in this order; none: nothing is told
-  std::vector<ReportedObjects::Change> changes;  // of what the platform knows once the spool has taken the items
+  struct Item {
+    common::Bytes message;                           // as MakeItem makes it
+    std::vector<ReportedObjects::Change> changes{};  // of what the platform knows once the spool has taken it
+  };
+  std::vector<Item> items;  // for the spool, in this order; none: nothing is told
 };
 
 // Makes the messages of one kind of event. For the thread that changes the tree.

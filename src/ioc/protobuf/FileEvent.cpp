@@ -91,13 +91,14 @@ Report FileEvent::Build(const edr::Event& event) const {
     if (IsRegular(event)) SetContent(event, digests, message);
     row = ReportedObjects::FileRow(id, parent_id, message.size(), times, digests);
   }
+  std::vector<ReportedObjects::Change> changes;
   if (is_rename && event.GetFile() != nullptr) {
     const std::string& old_path = event.GetFile()->GetPath();
     message.set_oldpath(Repaired(old_path));
-    report.changes.push_back({Table::File, UniquePathId(old_path), {}, old_path});
+    changes.push_back({Table::File, UniquePathId(old_path), {}, old_path});
   }
-  report.items.push_back(MakeItem(Kind::File, message));
-  report.changes.push_back({Table::File, id, std::move(row), path});
+  changes.push_back({Table::File, id, std::move(row), path});
+  report.items.push_back({MakeItem(Kind::File, message), std::move(changes)});
   return report;
 }
 

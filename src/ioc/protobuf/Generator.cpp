@@ -16,15 +16,17 @@
 namespace zagent::ioc::internal::protobuf {
 namespace {
 
-// A code without the item tells of what the spool held before it: the item was taken.
-void TellOfWritten(const health::ComponentHealth& health, const common::StorageResult* result) {
+// Whether the item was taken: a code without it tells of what the spool held before it.
+bool TellOfWritten(const health::ComponentHealth& health, const common::StorageResult* result) {
   const common::StorageCode code = result == nullptr ? common::StorageCode::Unknown : result->code;
   if (code == common::StorageCode::Success) {
     ZLOG_DEBUG("Protobuf written to spool storage successfully");
-    return;
+    return true;
   }
   ZLOG_ERROR("Failed to write protobuf to spool storage. Error code " << static_cast<int>(code));
-  if (result == nullptr || !result->data.empty()) health.CountRefused();
+  if (result != nullptr && result->data.empty()) return true;
+  health.CountRefused();
+  return false;
 }
 
 }  // namespace
@@ -67,15 +69,26 @@ Generator::~Generator() = default;
 void Generator::Process(const edr::Event& event, bool /*send_metadata*/) {
   Report report = builders_->For(event.GetObjectType()).Build(event);
   if (report.items.empty()) return;
-  for (common::Bytes& item : report.items) Write(std::move(item));
+  for (Report::Item& item : report.items) Write(std::move(item));
   tree_.Get(event.GetActorProcessId())->AddTag(process_tag::kReported);
-  for (ReportedObjects::Change& change : report.changes) builders_->reported.Apply(std::move(change));
 }
 
-void Generator::Write(common::Bytes item) {
-  spool_.WriteAsync(std::move(item), [&health = health_](std::unique_ptr<common::StorageResult> result) {
-    TellOfWritten(health, result.get());
-  });
+// The answer comes later, on another thread, and perhaps when the generator has gone.
+void Generator::Write(Report::Item item) {
+  const auto answer = builders_->reported.Expect(std::move(item.changes));
+  try {
+    spool_.WriteAsync(std::move(item.message),
+                      [&health = health_, answer](const std::unique_ptr<common::StorageResult>& result) {
+                        answer(TellOfWritten(health, result.get()));
+                      });
+  } catch (const std::exception&) {
+    answer(false);
+    throw;
+  }
+}
+
+void Generator::Clear() {
+  builders_->reported.Clear();
 }
 
 }  // namespace zagent::ioc::internal::protobuf

@@ -4,6 +4,7 @@
 
 #include "src/ioc/config/Config.h"
 #include "src/ioc/process/TtlProcessTree.h"
+#include "src/ioc/protobuf/EventBuilder.h"
 #include "src/ioc/protobuf/EventGenerator.h"
 
 namespace zagent::common {
@@ -18,8 +19,9 @@ class ComponentHealth;
 namespace zagent::ioc::internal::protobuf {
 
 // Makes messages of the events that are to be reported and gives them to the spool, which makes batches of them. What
-// the platform was told of is kept in the snapshot. When the spool has taken the messages of an event its actor gets
-// the tag "Reported"; by then the end of the process may already be on its way to be judged.
+// the platform was told of is kept in the snapshot; what the spool refuses, later too, is not, and is told again at the
+// next occasion. When the messages of an event have gone to the spool its actor gets the tag "Reported": the end of the
+// process may already be on its way to be judged.
 class Generator final : public EventGenerator {
  public:
   // All outlive the object; the snapshot runs on a Scheduler.
@@ -31,10 +33,13 @@ class Generator final : public EventGenerator {
   // and common::StorageException for a message that the spool refuses.
   void Process(const edr::Event& event, bool send_metadata) override;
 
+  // Forgets what was told and is not in the snapshot yet. To be called before the snapshot is cleared, from any thread.
+  void Clear();
+
  private:
   struct Builders;
 
-  void Write(common::Bytes item);
+  void Write(Report::Item item);
 
   TtlProcessTree& tree_;
   common::Storage& spool_;

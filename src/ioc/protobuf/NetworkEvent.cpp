@@ -43,7 +43,7 @@ Report NetworkEvent::Build(const edr::Event& event) const {
   message.set_usingtcp(true);
   message.set_uniqueprocessid(process_id);
   Report report;
-  report.items.push_back(MakeItem(Kind::Network, message));
+  report.items.push_back({MakeItem(Kind::Network, message)});
   return report;
 }
 

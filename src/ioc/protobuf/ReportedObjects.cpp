@@ -1,9 +1,13 @@
 #include "src/ioc/protobuf/ReportedObjects.h"
 
-#include <functional>
+#include <iterator>
+#include <limits>
+#include <map>
+#include <mutex>
 #include <optional>
-#include <vector>
+#include <utility>
 
+#include "common/src/storage/Serializer.h"
 #include "common/src/storage/SqlStorage.h"
 #include "common/src/util/Log.h"
 #include "src/ioc/config/LogPrefix.h"
@@ -15,6 +19,8 @@ namespace zagent::ioc::internal::protobuf {
 namespace {
 
 using Table = ReportedObjects::Table;
+
+constexpr std::size_t kCountInterval = 1'000;  // rows
 
 const char* NameOf(Table table) {
   return table == Table::Directory ? SnapshotSqlDataFormatter::kDirectory : SnapshotSqlDataFormatter::kFile;
@@ -40,18 +46,68 @@ void LogFailure(Table table, const std::string& path, std::size_t others) {
 
 }  // namespace
 
-// Waiting changes by table and id, a later one in the place of an earlier one. Thread-safe.
+// Changes by table and id, those of one id in the order in which they came. Thread-safe.
 struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
+  using Key = std::pair<Table, std::string>;
   struct Waiting {
     common::Bytes row;
     std::string path;
   };
-  using Changes = std::map<std::pair<Table, std::string>, Waiting>;
+  using Changes = std::map<Key, Waiting>;
 
-  explicit Queue(common::SqlStorage& storage) : snapshot(storage) {}
+  Queue(common::SqlStorage& storage, std::int64_t rows) : snapshot(storage), max_rows(rows) {}
+
+  std::uint64_t Expect(std::vector<Change> changes) {
+    const std::lock_guard lock(mutex);
+    const std::uint64_t number = ++last_number;
+    for (Change& change : changes) {
+      expected[{{change.table, std::move(change.id)}, number}] = {std::move(change.row), std::move(change.path)};
+    }
+    return number;
+  }
+
+  void OnAnswer(std::uint64_t number, const std::vector<Key>& keys, bool is_taken) {
+    bool is_ended = false;
+    {
+      const std::lock_guard lock(mutex);
+      for (const Key& key : keys) {
+        auto change = expected.extract({key, number});
+        if (change && is_taken) Keep(key, std::move(change.mapped()));
+      }
+      is_ended = ended;
+    }
+    if (is_taken) Send(is_ended);
+  }
+
+  // In the place of an earlier one that waits. With mutex held.
+  void Keep(const Key& key, Waiting change) {
+    if (waiting.size() >= kMaxWaiting && waiting.count(key) == 0) {
+      if (forgotten++ == 0) first_forgotten = {key.first, std::move(change.path)};
+      return;
+    }
+    waiting[key] = std::move(change);
+  }
+
+  void Clear() {
+    const std::lock_guard lock(mutex);
+    expected.clear();
+    waiting.clear();
+    forgotten = 0;
+  }
+
+  // Nobody asks any more.
+  void End() {
+    {
+      const std::lock_guard lock(mutex);
+      ended = true;
+    }
+    Send(true);
+  }
 
   // Hands over what waits; while something is under way only `at_once`, and then that with it, a second time.
   void Send(bool at_once) {
+    std::size_t too_many = 0;
+    std::pair<Table, std::string> first;
     {
       const std::lock_guard in_order(hand_over);
       {
@@ -60,9 +116,12 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
         for (auto& [key, change] : waiting) sending[key] = std::move(change);
         waiting.clear();
         under_way += 1;  // until all of it was handed over
+        too_many = std::exchange(forgotten, 0);
+        first = first_forgotten;
       }
       for (const Table table : {Table::Directory, Table::File}) Send(table, sending);
     }
+    if (too_many != 0) LogFailure(first.first, first.second, too_many - 1);
     Done();
   }
 
@@ -81,18 +140,22 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
         rows.emplace_back(key.second, change.row);
       }
     }
-    if (!rows.empty()) snapshot.WriteAsync(NameOf(table), rows, Callback(table, first_written, rows.size()));
-    if (!keys.empty()) snapshot.DeleteAsync(NameOf(table), keys, Callback(table, first_deleted, keys.size()));
+    if (!rows.empty()) snapshot.WriteAsync(NameOf(table), rows, Callback(table, first_written, rows.size(), true));
+    if (!keys.empty()) snapshot.DeleteAsync(NameOf(table), keys, Callback(table, first_deleted, keys.size(), false));
   }
 
   std::function<void(const common::SqlStorage::Result&)> Callback(Table table, const std::string& first,
-                                                                  std::size_t count) {
+                                                                  std::size_t count, bool is_written) {
     {
       const std::lock_guard lock(mutex);
       under_way += 1;
     }
-    return [self = shared_from_this(), table, first, count](const common::SqlStorage::Result& result) {
-      if (!result.succeeded) LogFailure(table, first, count - 1);
+    return [self = shared_from_this(), table, first, count, is_written](const common::SqlStorage::Result& result) {
+      if (!result.succeeded) {
+        LogFailure(table, first, count - 1);
+      } else if (is_written) {
+        self->OnWritten(table, count);
+      }
       self->Done();
     };
   }
@@ -106,29 +169,64 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
     Send(false);
   }
 
+  // On the snapshot's thread. Rows are counted now and then: SQLite walks the whole table for it.
+  void OnWritten(Table table, std::size_t count) {
+    std::size_t& written = table == Table::Directory ? written_directories : written_files;
+    if (written != 0 && written < kCountInterval) {
+      written += count;
+      return;
+    }
+    written = count;
+    try {
+      const common::Bytes answer = snapshot.Query(SnapshotSqlDataFormatter::Count(NameOf(table))).Next();
+      const std::int64_t too_many = common::Serializer(answer).GetInteger() - max_rows;
+      if (too_many <= 0) return;
+      snapshot.Execute(SnapshotSqlDataFormatter::DeleteOldest(NameOf(table), too_many));
+      ZLOG_INFO("Forgot the " << too_many << " oldest rows of '" << NameOf(table) << "' in snapshot DB: at most "
+                              << max_rows << " stay");
+    } catch (const std::exception& error) {
+      ZLOG_ERROR("Failed to bound '" << NameOf(table) << "' table in snapshot DB: " << error.what());
+    }
+  }
+
   // Nothing when the snapshot has the answer.
   std::optional<bool> Has(Table table, const std::string& id) {
     const std::lock_guard lock(mutex);
+    const Key key(table, id);
+    const auto behind = expected.upper_bound({key, std::numeric_limits<std::uint64_t>::max()});
+    if (behind != expected.begin()) {
+      const auto& [newest, change] = *std::prev(behind);
+      if (newest.first == key) return !change.row.empty();
+    }
     for (const Changes* changes : {&waiting, &sending}) {
-      const auto found = changes->find({table, id});
+      const auto found = changes->find(key);
       if (found != changes->end()) return !found->second.row.empty();
     }
     return std::nullopt;
   }
 
   common::SqlStorage& snapshot;
+  const std::int64_t max_rows;
   std::mutex hand_over;  // before mutex
   std::mutex mutex;
+  std::map<std::pair<Key, std::uint64_t>, Waiting> expected;  // until the spool answers
+  std::uint64_t last_number = 0;
   Changes waiting;
   Changes sending;  // until it is on disk; stays as it is while something is under way
   std::size_t under_way = 0;
+  std::size_t forgotten = 0;  // at the bound, since the last hand-over
+  std::pair<Table, std::string> first_forgotten;
+  bool ended = false;
+  // For the snapshot's thread: since the rows were counted; 0 when they never were.
+  std::size_t written_directories = 0;
+  std::size_t written_files = 0;
 };
 
-ReportedObjects::ReportedObjects(common::SqlStorage& snapshot)
-    : snapshot_(snapshot), queue_(std::make_shared<Queue>(snapshot)) {}
+ReportedObjects::ReportedObjects(common::SqlStorage& snapshot, std::int64_t max_rows)
+    : snapshot_(snapshot), queue_(std::make_shared<Queue>(snapshot, max_rows)) {}
 
 ReportedObjects::~ReportedObjects() {
-  queue_->Send(true);
+  queue_->End();
 }
 
 bool ReportedObjects::Has(Table table, const std::string& id) const {
@@ -136,17 +234,17 @@ bool ReportedObjects::Has(Table table, const std::string& id) const {
   return !snapshot_.Read(NameOf(table), id).empty();
 }
 
-void ReportedObjects::Apply(Change change) {
-  {
-    const std::lock_guard lock(queue_->mutex);
-    const std::pair key(change.table, change.id);
-    if (queue_->waiting.size() < kMaxWaiting || queue_->waiting.count(key) != 0) {
-      queue_->waiting[key] = {std::move(change.row), std::move(change.path)};
-      change.id.clear();
-    }
-  }
-  if (!change.id.empty()) return LogFailure(change.table, change.path, 0);
-  queue_->Send(false);
+ReportedObjects::Answer ReportedObjects::Expect(std::vector<Change> changes) {
+  if (changes.empty()) return [](bool /*is_taken*/) {};
+  std::vector<Queue::Key> keys;
+  keys.reserve(changes.size());
+  for (const Change& change : changes) keys.emplace_back(change.table, change.id);
+  const std::uint64_t number = queue_->Expect(std::move(changes));
+  return [queue = queue_, number, keys = std::move(keys)](bool is_taken) { queue->OnAnswer(number, keys, is_taken); };
+}
+
+void ReportedObjects::Clear() {
+  queue_->Clear();
 }
 
 common::Bytes ReportedObjects::DirectoryRow(const std::string& id, const std::string& path, const Times& times) {

@@ -1,11 +1,10 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
+#include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <utility>
+#include <vector>
 
 #include "common/src/storage/StorageResult.h"
 
@@ -18,13 +17,18 @@ namespace zagent::ioc::internal::protobuf {
 // The files and directories that the platform was told of, as rows of the tables "File" and "Directory" of the snapshot
 // by their unique ids.
 //
-// Changes wait in memory while others are being written, and then go together, so that many cost the disk one
-// transaction and nobody waits for it. What waits counts as written. At most kMaxWaiting changes wait; what comes
-// beyond, and what the disk refuses, is forgotten with an Error line: the platform is told of a directory again then,
-// and not of the end of a file.
+// A change counts from the moment on in which its message goes to the spool, and is forgotten again when the spool
+// refuses that. Changes wait in memory while others are being written, and then go together, so that many cost the disk
+// one transaction and nobody waits for it.
+//
+// Bounds: the changes whose messages the spool has not answered are as many as those. At most kMaxWaiting wait for the
+// disk; what comes beyond, and what the disk refuses, is forgotten with an Error line for each lot. Of each table at
+// most kMaxRows rows (and those of the last lots) stay on disk: those that were told the longest ago go first, with an
+// Information line. The platform is told of a directory again then, and not of the end of a file.
 class ReportedObjects {
  public:
   static constexpr std::size_t kMaxWaiting = 20'000;
+  static constexpr std::int64_t kMaxRows = 200'000;
 
   enum class Table : std::uint8_t { Directory, File };
   struct Change {
@@ -33,9 +37,11 @@ class ReportedObjects {
     common::Bytes row;  // empty: the object is gone
     std::string path;   // for the log
   };
+  // What has become of a message, told once, from any thread, also when the ReportedObjects have gone.
+  using Answer = std::function<void(bool is_taken)>;
 
-  // The snapshot, which runs on a Scheduler, outlives the object.
-  explicit ReportedObjects(common::SqlStorage& snapshot);
+  // The snapshot, which runs on a Scheduler, outlives the object and all answers. `max_rows` is for tests.
+  explicit ReportedObjects(common::SqlStorage& snapshot, std::int64_t max_rows = kMaxRows);
   ReportedObjects(const ReportedObjects&) = delete;
   ReportedObjects& operator=(const ReportedObjects&) = delete;
   // What waits is handed to the snapshot.
@@ -43,7 +49,10 @@ class ReportedObjects {
 
   // Whether the platform knows the object. Throws common::StorageException when the snapshot cannot say.
   [[nodiscard]] bool Has(Table table, const std::string& id) const;
-  void Apply(Change change);
+  // What the platform knows by a message that is about to go to the spool.
+  [[nodiscard]] Answer Expect(std::vector<Change> changes);
+  // Forgets what waits, and what is expected, whatever the spool answers. From any thread.
+  void Clear();
 
   // Rows: times in nanoseconds since the epoch, digests in hexadecimal.
   struct Times {
@@ -65,7 +74,7 @@ class ReportedObjects {
   struct Queue;
 
   common::SqlStorage& snapshot_;
-  const std::shared_ptr<Queue> queue_;  // what runs on the snapshot's thread shares it
+  const std::shared_ptr<Queue> queue_;  // what runs on the threads of spool and snapshot shares it
 };
 
 }  // namespace zagent::ioc::internal::protobuf

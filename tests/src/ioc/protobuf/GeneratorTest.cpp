@@ -237,6 +237,38 @@ TEST_F(GeneratorTest, AnActorWhoseMessageTheSpoolRefusesIsNotReported) {
   EXPECT_FALSE(IsKnown("File", "/srv/report.tar.gz"));
 }
 
+TEST_F(GeneratorTest, WhatTheSpoolHasRefusedIsToldAgain) {
+  const FakeEvent create = OfFile(EventType::Create, "Create", folder_ / "f");
+  spool_.write_code = common::StorageCode::Unknown;
+  Process(create);
+  EXPECT_TRUE(spool_.written.empty());
+  EXPECT_EQ(reporter_.Refused(), 2U);
+  spool_.write_code = common::StorageCode::Success;
+  EXPECT_EQ(Refusal(OfFile(EventType::Delete, "Delete", folder_ / "f")),
+            "Dropping delete event for unreported file: " + folder_ / "f");
+  Process(create);
+  ASSERT_EQ(spool_.written.size(), 2U);
+  EXPECT_EQ(spool_.written[0].front(), kDirectory);
+  EXPECT_TRUE(IsKnown("File", folder_ / "f"));
+  EXPECT_TRUE(IsKnown("Directory", folder_.Path()));
+}
+
+TEST_F(GeneratorTest, AnEndThatTheSpoolHasRefusedIsToldAtTheNextOccasion) {
+  Process(OfFile(EventType::Create, "Create"));
+  spool_.write_code = common::StorageCode::Unknown;
+  Process(OfFile(EventType::Delete, "Delete"));
+  spool_.write_code = common::StorageCode::Success;
+  EXPECT_EQ(File(OfFile(EventType::Delete, "Delete")).eventaction(), wire::DELETE);
+}
+
+TEST_F(GeneratorTest, WhatWasToldIsForgottenWithTheSnapshot) {
+  Process(OfDirectory(EventType::Create, "Create"));
+  generator_->Clear();
+  snapshot_->Clear();
+  EXPECT_EQ(Refusal(OfDirectory(EventType::Delete, "Delete")),
+            "Dropping delete event for unreported directory: /srv/new");
+}
+
 TEST_F(GeneratorTest, AnExcludedProcessIsReportedLikeAnyOther) {
   tree_->Get(20)->AddTag(process_tag::kExcluded);
   Process(OfFile(EventType::Write, "Write"));

@@ -26,10 +26,16 @@ class ReportedObjectsTest : public testing::Test, protected SnapshotFixture {
     EXPECT_TRUE(started->Await());
     return release;
   }
-  void Add(const std::string& id, std::int64_t size = 0) {
-    reported_->Apply({Table::File, id, ReportedObjects::FileRow(id, "", size, {}, {}), "/" + id});
+  // On its way to the spool.
+  ReportedObjects::Answer Expect(const std::string& id, std::int64_t size = 0) {
+    return reported_->Expect({{Table::File, id, ReportedObjects::FileRow(id, "", size, {}, {}), "/" + id}});
   }
-  void Remove(const std::string& id) { reported_->Apply({Table::File, id, {}, "/" + id}); }
+  ReportedObjects::Answer ExpectEnd(const std::string& id) {
+    return reported_->Expect({{Table::File, id, {}, "/" + id}});
+  }
+  // In the spool.
+  void Add(const std::string& id, std::int64_t size = 0) { Expect(id, size)(true); }
+  void Remove(const std::string& id) { ExpectEnd(id)(true); }
   // Waits until all that was handed over is on disk.
   void Settle() {
     reported_ = std::make_unique<ReportedObjects>(*snapshot_);
@@ -127,11 +133,126 @@ TEST_F(ReportedObjectsTest, AtTheBoundAChangeIsForgottenWithAnError) {
   Add("0", 7);  // in the place of one that waits
   EXPECT_EQ(log_.Count("Failed to update"), 0);
   Add("beyond");
-  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "[IOC]: Failed to update 'File' table in snapshot DB for file /beyond"));
+  for (int i = 0; i < 99; ++i) Add("beyond that " + std::to_string(i));
   release->Open();
   Settle();
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR,
+                       "[IOC]: Failed to update 'File' table in snapshot DB for file /beyond and 99 more"));
+  EXPECT_EQ(log_.Count("Failed to update"), 1);
   EXPECT_EQ(SizeOnDisk("0"), 7);
   EXPECT_EQ(SizeOnDisk("beyond"), -1);
+}
+
+TEST_F(ReportedObjectsTest, WhatIsOnItsWayToTheSpoolIsKnownAndNotOnDisk) {
+  const auto answer = Expect("a");
+  EXPECT_TRUE(reported_->Has(Table::File, "a"));
+  snapshot_->Vacuum();
+  EXPECT_EQ(SizeOnDisk("a"), -1);
+  answer(true);
+  Settle();
+  EXPECT_EQ(SizeOnDisk("a"), 0);
+}
+
+TEST_F(ReportedObjectsTest, WhatTheSpoolRefusesIsAsItWasBefore) {
+  Add("known", 1);
+  const auto updated = Expect("known", 2);
+  const auto removed = ExpectEnd("known");
+  const auto added = Expect("new");
+  EXPECT_FALSE(reported_->Has(Table::File, "known"));
+  EXPECT_TRUE(reported_->Has(Table::File, "new"));
+  added(false);
+  EXPECT_FALSE(reported_->Has(Table::File, "new"));
+  removed(false);
+  EXPECT_TRUE(reported_->Has(Table::File, "known"));
+  updated(false);
+  Settle();
+  EXPECT_EQ(SizeOnDisk("known"), 1);
+  EXPECT_EQ(SizeOnDisk("new"), -1);
+}
+
+TEST_F(ReportedObjectsTest, AChangeThatIsRefusedAtOnceLeavesTheOneBeforeItToItsOwnAnswer) {
+  const auto first = Expect("a", 1);
+  Expect("a", 2)(false);
+  EXPECT_TRUE(reported_->Has(Table::File, "a"));
+  first(true);
+  Settle();
+  EXPECT_EQ(SizeOnDisk("a"), 1);
+}
+
+TEST_F(ReportedObjectsTest, AllChangesOfAMessageShareItsAnswer) {
+  const auto expect = [&](const std::string& from, const std::string& to) {
+    return reported_->Expect({{Table::File, from, {}, "/" + from},
+                              {Table::File, to, ReportedObjects::FileRow(to, "", 7, {}, {}), "/" + to}});
+  };
+  Add("old");
+  expect("old", "new")(false);
+  EXPECT_TRUE(reported_->Has(Table::File, "old"));
+  EXPECT_FALSE(reported_->Has(Table::File, "new"));
+  expect("old", "new")(true);
+  Settle();
+  EXPECT_EQ(SizeOnDisk("old"), -1);
+  EXPECT_EQ(SizeOnDisk("new"), 7);
+}
+
+TEST_F(ReportedObjectsTest, AnAnswerAfterTheEndIsStillWritten) {
+  const auto taken = Expect("taken");
+  const auto refused = Expect("refused");
+  const auto release = Block();
+  reported_.reset();
+  taken(true);
+  refused(false);
+  release->Open();
+  snapshot_->Vacuum();
+  EXPECT_EQ(SizeOnDisk("taken"), 0);
+  EXPECT_EQ(SizeOnDisk("refused"), -1);
+}
+
+TEST_F(ReportedObjectsTest, WhatIsClearedIsForgottenWhateverTheSpoolAnswers) {
+  const auto expected = Expect("expected");
+  const auto release = Block();
+  Add("under way");
+  Add("waiting");
+  reported_->Clear();
+  expected(true);
+  release->Open();
+  snapshot_->Clear();
+  for (const char* id : {"expected", "under way", "waiting"}) EXPECT_FALSE(reported_->Has(Table::File, id)) << id;
+  Add("later");
+  Settle();
+  EXPECT_EQ(SizeOnDisk("expected"), -1);
+  EXPECT_EQ(SizeOnDisk("waiting"), -1);
+  EXPECT_EQ(SizeOnDisk("later"), 0);
+}
+
+TEST_F(ReportedObjectsTest, OnDiskTheOldestRowsGoFirst) {
+  for (const char* id : {"1", "2", "3", "4"}) {
+    Add(id);
+    Settle();
+  }
+  Add("1");  // told again
+  Settle();
+  reported_ = std::make_unique<ReportedObjects>(*snapshot_, 3);
+  Add("5");
+  snapshot_->Vacuum();
+  for (const char* id : {"2", "3"}) EXPECT_EQ(SizeOnDisk(id), -1) << id;
+  for (const char* id : {"4", "1", "5"}) EXPECT_EQ(SizeOnDisk(id), 0) << id;
+  EXPECT_TRUE(
+      log_.Has(Message::PRIO_INFORMATION, "[IOC]: Forgot the 2 oldest rows of 'File' in snapshot DB: at most 3 stay"));
+  EXPECT_EQ(log_.Count("Forgot the"), 1);
+}
+
+TEST_F(ReportedObjectsTest, RowsAreCountedAgainAfterEachThousand) {
+  reported_ = std::make_unique<ReportedObjects>(*snapshot_, 10);
+  Add("first");
+  const auto release = Block();
+  for (int i = 0; i < 1'000; ++i) Add(std::to_string(i));
+  release->Open();
+  snapshot_->Vacuum();  // the first of them
+  snapshot_->Vacuum();  // the others
+  EXPECT_EQ(log_.Count("Forgot the"), 0);
+  Add("last");
+  snapshot_->Vacuum();
+  EXPECT_TRUE(log_.Has("Forgot the 992 oldest rows of 'File'"));
 }
 
 TEST_F(ReportedObjectsTest, ChangesWhileOthersAreWrittenKeepTheirOrder) {
