@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "common/src/storage/DataFormatter.h"
@@ -33,6 +34,11 @@ class FakeDataFormatter final : public common::DataFormatter {
   }
   [[nodiscard]] std::size_t Size() const override { return text_.size(); }
   void Clear() override { text_.clear(); }
+  void OnStored() override {
+    if (on_stored) on_stored();
+  }
+
+  std::function<void()> on_stored;
 
  private:
   std::string text_;

@@ -27,6 +27,8 @@ class DataFormatter {
   // Bytes held; 0 exactly when nothing was appended since Clear.
   [[nodiscard]] virtual std::size_t Size() const = 0;
   virtual void Clear() = 0;
+  // What Finish has given last is on disk.
+  virtual void OnStored() {}
 };
 
 }  // namespace zagent::common

@@ -113,6 +113,7 @@ std::unique_ptr<StorageResult> SpoolWorker::StoreUnwritten() {
   auto result = files_.Store(unwritten_);
   if (result->code == StorageCode::Success) {
     failure_.reset();
+    formatter_->OnStored();
   } else {
     // The disk may have taken its time to fail.
     failure_ = Failure{clock_.SteadyNow(), result->code};

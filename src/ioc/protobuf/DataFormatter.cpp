@@ -8,6 +8,7 @@
 #include <charconv>
 #include <limits>
 #include <optional>
+#include <utility>
 
 #include "common/src/storage/Serializer.h"
 #include "common/src/storage/SqlStorage.h"
@@ -97,7 +98,9 @@ DataFormatter::DataFormatter(const Config& config, std::int64_t sequence_number,
       proc_root_(std::move(proc_root)),
       message_(std::make_unique<Message>()) {}
 
-DataFormatter::~DataFormatter() = default;
+DataFormatter::~DataFormatter() {
+  OnStored();
+}
 
 void DataFormatter::Append(const common::Bytes& data) {
   if (state_ != State::Open) throw DataFormatterException("DataFormatter::Append: Invalid state.");
@@ -123,8 +126,15 @@ common::Bytes DataFormatter::Finish() {
   if (!message->SerializeToArray(payload.data(), static_cast<int>(payload.size()))) {
     throw DataFormatterException("DataFormatter::Finish: Failed to serialize protobuf message.");
   }
-  if (message->has_agent()) SaveSequenceNumber();
+  if (message->has_agent()) {
+    finished_number_ = sequence_number_;
+    is_number_unsaved_ = true;
+  }
   return payload;
+}
+
+void DataFormatter::OnStored() {
+  if (std::exchange(is_number_unsaved_, false)) SaveSequenceNumber();
 }
 
 void DataFormatter::Clear() {
@@ -171,7 +181,7 @@ std::int64_t DataFormatter::UpdateBootTime() {
 }
 
 void DataFormatter::SaveSequenceNumber() {
-  const std::string text = std::to_string(sequence_number_);
+  const std::string text = std::to_string(finished_number_);
   snapshot_.WriteAsync(
       kClientInformation, {{kSequenceNumber, snapshot_.MakeRow(std::string(kSequenceNumber), text)}},
       [text](const common::SqlStorage::Result& result) {

@@ -23,7 +23,8 @@ namespace zagent::ioc::internal::protobuf {
 
 // The shape of the spool files of indicators of compromise: one serialised IoCEvent each, a batch. It begins at the
 // first Append with who sends it, a random id and the next sequence number, by which the platform sees that a batch
-// was lost. The number is written to the snapshot when the batch is finished, so after a kill it may come twice.
+// was lost. The number is written to the snapshot when the batch is on disk, so after a kill it may come twice but is
+// never left out. That of a batch that has not got there by the end is written then: the batch is lost.
 //
 // Between Finish and Clear there is no batch: both Append and Finish throw DataFormatterException, "Invalid state.".
 class DataFormatter final : public common::DataFormatter {
@@ -43,6 +44,7 @@ class DataFormatter final : public common::DataFormatter {
   // What Finish would give now, kept by adding.
   [[nodiscard]] std::size_t Size() const override { return size_; }
   void Clear() override;
+  void OnStored() override;
 
  private:
   enum class State { Closed, Open };
@@ -56,6 +58,8 @@ class DataFormatter final : public common::DataFormatter {
 
   const Config& config_;
   std::int64_t sequence_number_;
+  bool is_number_unsaved_ = false;  // that of the batch that was finished last
+  std::int64_t finished_number_ = 0;
   common::SqlStorage& snapshot_;
   const std::string proc_root_;
   std::unique_ptr<Message> message_;

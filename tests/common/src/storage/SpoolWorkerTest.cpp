@@ -72,14 +72,31 @@ class SpoolWorkerTest : public ::testing::Test {
   int opened_ = 0;
   fakes::FakeClock clock_;
   SpoolLimits limits_;
-  std::vector<std::uint64_t> syncs_;  // seconds asked for
-  SpoolWorker worker_{std::make_unique<FakeDataFormatter>(),
+  std::vector<std::uint64_t> syncs_;                            // seconds asked for
+  FakeDataFormatter* const formatter_ = new FakeDataFormatter;  // NOLINT: the worker's
+  SpoolWorker worker_{std::unique_ptr<DataFormatter>(formatter_),
                       SpoolDirectory(folder_.Path(), "events", 9),
                       limits_,
                       [this](std::uint64_t seconds) { syncs_.push_back(seconds); },
                       disk_,
                       clock_};
 };
+
+TEST_F(SpoolWorkerTest, TheFormatterHearsOfItsPayloadOnceThatIsAFile) {
+  std::vector<std::string> stored;
+  formatter_->on_stored = [&] { stored.push_back(Files()); };
+  Add("a");
+  EXPECT_EQ(stored, std::vector<std::string>{});
+  disk_full_ = true;
+  worker_.Sync();
+  EXPECT_EQ(stored, std::vector<std::string>{});
+  disk_full_ = false;
+  worker_.Sync();
+  EXPECT_EQ(stored, std::vector<std::string>{"a"});
+  Add("b");
+  worker_.Sync();
+  EXPECT_EQ(stored, (std::vector<std::string>{"a", "a b"}));
+}
 
 TEST_F(SpoolWorkerTest, AnItemThatFitsOnlyGoesIntoTheCache) {
   const auto result = Add("item");

@@ -40,6 +40,7 @@ class DataFormatterTest : public testing::Test, protected SnapshotFixture {
   static wire::IoCEvent Finish(DataFormatter& formatter) {
     const Bytes payload = formatter.Finish();
     formatter.Clear();
+    formatter.OnStored();
     wire::IoCEvent batch;
     EXPECT_TRUE(batch.ParseFromArray(payload.data(), static_cast<int>(payload.size())));
     return batch;
@@ -185,12 +186,27 @@ TEST_F(DataFormatterTest, EachBatchHasTheNextNumberAndAnIdOfItsOwn) {
   EXPECT_TRUE(log_.Has(Message::PRIO_DEBUG, "[IOC]: Sequence Number: 8 written to Snapshot DB successfully"));
 }
 
-TEST_F(DataFormatterTest, TheNumberIsRememberedWhenTheBatchIsFinished) {
+TEST_F(DataFormatterTest, TheNumberIsRememberedWhenTheBatchIsOnDisk) {
   const auto formatter = Make(7);
   SetInformation("SequenceNumber", "7");
   formatter->Append(File("/a"));
   EXPECT_EQ(Stored("SequenceNumber"), "7");
   formatter->Finish();
+  formatter->Clear();
+  formatter->Append(File("/the next batch"));
+  EXPECT_EQ(Stored("SequenceNumber"), "7") << "a kill now would leave the number out";
+  formatter->OnStored();
+  EXPECT_EQ(Stored("SequenceNumber"), "8");
+  formatter->OnStored();
+  EXPECT_EQ(Stored("SequenceNumber"), "8");
+  EXPECT_EQ(log_.Count("Sequence Number: "), 1);
+}
+
+TEST_F(DataFormatterTest, TheNumberOfABatchThatNeverGotToDiskIsMissing) {
+  auto formatter = Make(7);
+  formatter->Append(File("/a"));
+  formatter->Finish();
+  formatter.reset();
   EXPECT_EQ(Stored("SequenceNumber"), "8");
 }
 
@@ -221,6 +237,7 @@ TEST_F(DataFormatterTest, ANumberThatCannotBeRememberedIsAnError) {
   formatter->Append(File("/a"));
   snapshot_->Execute("DROP TABLE ClientInformation");
   formatter->Finish();
+  formatter->OnStored();
   snapshot_->Vacuum();
   EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "[IOC]: Failed to write Sequence Number: 1 to Snapshot DB. Error: "));
 }
