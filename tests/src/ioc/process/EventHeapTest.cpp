@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "tests/fakes/FakeEvent.h"
 
@@ -55,6 +58,20 @@ TEST(EventHeapTest, WithoutASerialNumberTheLowerPidLeavesFirst) {
   EXPECT_EQ(Order({{.id = 0, .pid = 30}, {.id = 5, .pid = 20}}), "ba");
   EXPECT_EQ(Order({{.id = 5, .pid = 30}, {.id = 0, .pid = 20}}), "ba");
   EXPECT_EQ(Order({{.id = 0, .pid = 20}, {.id = 5, .pid = 30}}), "ab");
+}
+
+// Two by two: b before c by the serial number, c before a and a before b by the pid.
+TEST(EventHeapTest, TheOrderDoesNotDependOnWhoCameFirst) {
+  const std::vector<std::pair<std::string, Given>> ring = {{"a", {.id = 0, .pid = 20}},
+                                                           {"b", {.id = 3, .pid = 30}},
+                                                           {"c", {.id = 5, .pid = 10}},
+                                                           {"d", {.id = 0, .pid = 40}}};
+  std::vector<std::size_t> order = {0, 1, 2, 3};
+  do {
+    EventHeap heap;
+    for (const std::size_t i : order) heap.Push(Event(ring[i].second, ring[i].first));
+    EXPECT_EQ(Order(heap), "abcd");
+  } while (std::next_permutation(order.begin(), order.end()));
 }
 
 TEST(EventHeapTest, WithTheSameSerialNumberTheLowerPidLeavesFirst) {
