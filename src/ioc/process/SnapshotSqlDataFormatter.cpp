@@ -138,13 +138,15 @@ std::string Where(const Table& table, const std::string& key) {
 void FillEmptyColumns(const std::string& name, Statements& statements) {
   const Table& table = Find(name);
   std::string values;
+  std::string empty;
   for (const Column& column : table.columns) {
     if (std::string_view(column.name) == table.key) continue;
-    if (!values.empty()) values += ", ";
-    values.append(column.name).append(" = ifnull(").append(column.name).append(column.IsText() ? ", '')" : ", 0)");
+    values.append(values.empty() ? "" : ", ").append(column.name).append(" = ifnull(").append(column.name);
+    values += column.IsText() ? ", '')" : ", 0)";
+    empty.append(empty.empty() ? "" : " OR ").append(column.name).append(" IS NULL");
   }
   statements.push_back("DELETE from " + name + " WHERE " + table.key + " IS NULL;");
-  statements.push_back("UPDATE " + name + " SET " + values + ";");
+  statements.push_back("UPDATE " + name + " SET " + values + " WHERE " + empty + ";");
 }
 
 // The digests move from a table of their own into that of the files.
@@ -170,8 +172,6 @@ void FlattenTables(Statements& statements) {
                              "ScanQualifier", "FoundEntryDuringScan", "PayloadHash"}) {
     statements.push_back(AlterTable(SnapshotSqlDataFormatter::kDirectory, "DROP", column));
   }
-  FillEmptyColumns(SnapshotSqlDataFormatter::kFile, statements);
-  FillEmptyColumns(SnapshotSqlDataFormatter::kDirectory, statements);
 }
 
 }  // namespace
@@ -242,6 +242,7 @@ Statements SnapshotSqlDataFormatter::Migrate(std::int64_t version) {
   if (version < 3) statements.push_back(InsertBootTime());
   if (version < 4) statements.push_back(CreateTable(kTtlProcesses));
   statements.push_back(DropTable("Process"));
+  for (const Table& table : Tables()) FillEmptyColumns(table.name, statements);
   statements.push_back(SetVersion());
   return statements;
 }
@@ -260,11 +261,14 @@ std::string SnapshotSqlDataFormatter::DeleteOldest(const std::string& table, std
 Statements SnapshotSqlDataFormatter::Check() {
   Statements statements;
   for (const Table& table : Tables()) {
-    std::string columns;
-    for (const Column& column : table.columns) columns += (columns.empty() ? "" : ", ") + Bracketed(column.name);
-    statements.push_back("SELECT " + columns + " from " + table.name + " LIMIT 1;");
+    std::string is_bad;
+    for (const Column& column : table.columns) {
+      is_bad.append(is_bad.empty() ? "" : " OR ").append("typeof(").append(Bracketed(column.name));
+      is_bad.append(column.IsText() ? ") <> 'text'" : ") <> 'integer'");
+    }
+    statements.push_back(std::string("SELECT '") + table.name + "' from " + table.name + " WHERE " + is_bad +
+                         " LIMIT 1;");
   }
-  statements.push_back(std::string("SELECT * from ") + kTtlProcesses + ";");
   return statements;
 }
 

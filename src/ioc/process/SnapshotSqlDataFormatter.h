@@ -45,8 +45,8 @@ class SnapshotSqlDataFormatter final : public common::SqlDataFormatter {
   [[nodiscard]] static std::string Count(const std::string& table);
   [[nodiscard]] static std::string DeleteOldest(const std::string& table, std::int64_t count);
 
-  // Queries that fail when the database has other tables than it says, or a process that cannot be read: that table is
-  // read as a whole.
+  // Queries that fail when the database has other tables than it says, and answer with the name of a table that has a
+  // row which cannot be read: a column that is empty, or not of its type.
   [[nodiscard]] static Statements Check();
 
  private:

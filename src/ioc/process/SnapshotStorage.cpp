@@ -4,6 +4,7 @@
 
 #include <stdexcept>
 
+#include "common/src/storage/Serializer.h"
 #include "common/src/storage/SqlConnection.h"
 #include "common/src/storage/SqlException.h"
 #include "common/src/storage/SqlFile.h"
@@ -29,7 +30,11 @@ std::unique_ptr<SqlStorage> Open(const std::string& directory, common::Scheduler
 void CheckTables(const std::string& path) {
   common::internal::SqlConnection connection(path, common::internal::SqlConnection::Mode::Existing);
   common::internal::SqlSharedFormatter rows(std::make_unique<SnapshotSqlDataFormatter>());
-  for (const std::string& query : SnapshotSqlDataFormatter::Check()) static_cast<void>(connection.Query(query, rows));
+  for (const std::string& query : SnapshotSqlDataFormatter::Check()) {
+    const common::Bytes table = connection.Query(query, rows).Next();
+    if (table.empty()) continue;
+    throw common::StorageException("A row of " + common::Serializer(table).GetString() + " cannot be read");
+  }
 }
 
 // What trying again would not change. A lock, a full disk or a missing right would.
@@ -56,7 +61,7 @@ std::unique_ptr<SqlStorage> OpenSnapshotStorage(const std::string& directory, co
     reason = error.what();
   } catch (const common::StorageException& error) {
     if (error.Code() != 0) throw;  // of the file system
-    reason = error.what();         // a column that is neither number nor text
+    reason = error.what();         // a row that cannot be read
   }
   const std::string aside = common::internal::SetSqlFileAside(path);
   ZLOG_ERROR("Set aside the database " << path << " as " << aside << " and made a new one: " << reason);

@@ -23,6 +23,13 @@ class SnapshotSqlDataFormatterTest : public testing::Test {
     return std::find(all.begin(), all.end(), statement) != all.end();
   }
 
+  // But for those that leave no column empty.
+  Statements SchemaChanges(std::int64_t version) {
+    Statements all = formatter_.Migrate(version);
+    std::erase_if(all, [](const std::string& statement) { return statement.find(" IS NULL") != std::string::npos; });
+    return all;
+  }
+
   fakes::FakeProcFs proc_;
   SnapshotSqlDataFormatter formatter_{proc_.Root()};
 };
@@ -129,11 +136,11 @@ TEST_F(SnapshotSqlDataFormatterTest, ThePresentVersionAndNewerOnesAreNotMigrated
 }
 
 TEST_F(SnapshotSqlDataFormatterTest, AVersion4LosesItsProcessesOnly) {
-  EXPECT_EQ(formatter_.Migrate(4), (Statements{"DROP TABLE IF EXISTS [Process]", "PRAGMA user_version = 5"}));
+  EXPECT_EQ(SchemaChanges(4), (Statements{"DROP TABLE IF EXISTS [Process]", "PRAGMA user_version = 5"}));
 }
 
 TEST_F(SnapshotSqlDataFormatterTest, AVersion3GetsTheTreeAndLosesItsProcesses) {
-  const Statements all = formatter_.Migrate(3);
+  const Statements all = SchemaChanges(3);
   ASSERT_EQ(all.size(), 3U);
   EXPECT_TRUE(all[0].starts_with("CREATE TABLE [TtlProcesses] ("));
   EXPECT_EQ(all[1], "DROP TABLE IF EXISTS [Process]");
@@ -141,9 +148,24 @@ TEST_F(SnapshotSqlDataFormatterTest, AVersion3GetsTheTreeAndLosesItsProcesses) {
 }
 
 TEST_F(SnapshotSqlDataFormatterTest, AVersion2GetsTheBootTimeAsWell) {
-  const Statements all = formatter_.Migrate(2);
+  const Statements all = SchemaChanges(2);
   ASSERT_EQ(all.size(), 4U);
   EXPECT_EQ(all[0], "INSERT or REPLACE INTO ClientInformation VALUES ('BootTime', '1600000000')");
+}
+
+TEST_F(SnapshotSqlDataFormatterTest, NoOlderVersionKeepsAnEmptyColumn) {
+  for (const std::int64_t version : {0, 1, 2, 3, 4}) {
+    EXPECT_TRUE(Migrates(version, "DELETE from ClientInformation WHERE Name IS NULL;"));
+    EXPECT_TRUE(Migrates(version, "UPDATE ClientInformation SET Value = ifnull(Value, '') WHERE Value IS NULL;"));
+    const Statements all = formatter_.Migrate(version);
+    EXPECT_TRUE(all[all.size() - 2].starts_with("UPDATE TtlProcesses SET Arguments = ifnull(Arguments, ''), Auid = "));
+  }
+}
+
+TEST_F(SnapshotSqlDataFormatterTest, TheOldestRowsAreThoseWithTheLowestNumbersOfSqlite) {
+  EXPECT_EQ(SnapshotSqlDataFormatter::Count("File"), "SELECT count(*) from File;");
+  EXPECT_EQ(SnapshotSqlDataFormatter::DeleteOldest("Directory", 7),
+            "DELETE from Directory WHERE _rowid_ IN (SELECT _rowid_ from Directory ORDER BY _rowid_ LIMIT 7);");
 }
 
 TEST_F(SnapshotSqlDataFormatterTest, AVersion1MovesTheDigestsIntoTheFiles) {

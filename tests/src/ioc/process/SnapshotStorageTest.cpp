@@ -293,6 +293,37 @@ TEST_F(SnapshotStorageTest, NoColumnIsNullAfterTheMigration) {
   EXPECT_EQ(folders.at("empty"), folder);
 }
 
+TEST_F(SnapshotStorageTest, AnEmptyColumnOfAFlatVersionIsFilledToo) {
+  for (int version = 2; version < 5; ++version) {
+    SCOPED_TRACE(version);
+    std::filesystem::remove(Database());
+    Statements all = OldTables(version);
+    all.emplace_back("INSERT INTO File (RowID) VALUES ('empty')");
+    all.emplace_back("INSERT INTO File (ParentId) VALUES ('without a key')");
+    all.emplace_back("INSERT INTO Directory (RowID, CreationTime) VALUES ('empty', 5)");
+    all.emplace_back("INSERT INTO ClientInformation (Name) VALUES ('empty')");
+    if (version == 4) all.emplace_back("INSERT INTO TtlProcesses (ProcessID, Tags) VALUES (7, 'a=b')");
+    Leave(all);
+    const auto storage = Open();
+    EXPECT_FALSE(IsSetAside()) << log_.All();
+    SnapshotDBFile file;
+    file.row_id = "empty";
+    const auto files = ReadAll<SnapshotDBFile>(*storage, "File");
+    EXPECT_EQ(files.size(), HostileNames().size() + 1);
+    EXPECT_EQ(files.at("empty"), file);
+    SnapshotDBDirectory folder;
+    folder.row_id = "empty";
+    folder.creation_time = 5;
+    EXPECT_EQ(ReadAll<SnapshotDBDirectory>(*storage, "Directory").at("empty"), folder);
+    EXPECT_EQ(Information(*storage, "empty"), "");
+    if (version < 4) continue;
+    models::SnapshotDBTtlProcess process;
+    process.process_id = 7;
+    process.tags = {{"a", "b"}};
+    EXPECT_EQ(models::SnapshotDBTtlProcess(storage->Read("TtlProcesses", "7")), process);
+  }
+}
+
 TEST_F(SnapshotStorageTest, ANulInANameOfAnOlderVersionIsKept) {
   Statements all = OldTables(1);
   all.emplace_back(
@@ -350,6 +381,27 @@ TEST_F(SnapshotStorageTest, ADatabaseWithAProcessThatCannotBeReadIsSetAside) {
   Leave({"INSERT INTO TtlProcesses (ProcessID) VALUES (7)"});  // the rest is NULL
   ExpectNew(Open());
   EXPECT_TRUE(IsSetAside());
+}
+
+TEST_F(SnapshotStorageTest, ADatabaseWithARowThatCannotBeReadIsSetAside) {
+  for (const std::string row :
+       {"File (RowID) VALUES ('later')", "Directory (RowID, Path) VALUES ('later', x'00')",
+        "ClientInformation (Name) VALUES ('later')", "File VALUES ('later', '', 'many', 0, 0, 0, 0, '', '', '')"}) {
+    SCOPED_TRACE(row);
+    std::filesystem::remove(Database() + ".damaged");
+    {
+      const auto storage = Open();
+      storage->Write("File", "first", [] {
+        SnapshotDBFile file;
+        file.row_id = "first";
+        return file.ToRow();
+      }());
+    }
+    Leave({"INSERT INTO " + row});
+    ExpectNew(Open());
+    EXPECT_TRUE(IsSetAside());
+    EXPECT_TRUE(log_.Has("made a new one: A row of " + row.substr(0, row.find(' ')) + " cannot be read")) << log_.All();
+  }
 }
 
 TEST_F(SnapshotStorageTest, AFileThatIsNoDatabaseIsSetAside) {
