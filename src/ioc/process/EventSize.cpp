@@ -20,6 +20,8 @@ std::size_t Chunk(std::size_t bytes) {
   return std::max(kSmallest, (bytes + kHeader + kStep - 1) / kStep * kStep);
 }
 
+}  // namespace
+
 std::size_t HeapOf(const std::string& text) {
   static const std::size_t kWithin = std::string().capacity();
   return text.capacity() > kWithin ? Chunk(text.capacity() + 1) : 0;
@@ -29,6 +31,14 @@ std::size_t HeapOf(const common::ImageInfo& image) {
   return HeapOf(image.GetDevice()) + HeapOf(image.GetPath()) + HeapOf(image.GetGroupName()) +
          HeapOf(image.GetOwnerName());
 }
+
+std::size_t HeapOf(const std::vector<std::string>& texts) {
+  std::size_t bytes = texts.capacity() == 0 ? 0 : Chunk(texts.capacity() * sizeof(std::string));
+  for (const std::string& text : texts) bytes += HeapOf(text);
+  return bytes;
+}
+
+namespace {
 
 // Adds up what belongs to one event. Most images are part of the event's own object.
 class Sum {
@@ -45,10 +55,7 @@ class Sum {
     const bool is_within = at >= begin_ && at < begin_ + object_bytes_;
     total_ += HeapOf(*image) + (is_within ? 0 : Chunk(sizeof(*image)));
   }
-  void Add(const std::vector<std::string>& texts) {
-    if (texts.capacity() != 0) total_ += Chunk(texts.capacity() * sizeof(std::string));
-    for (const std::string& text : texts) Add(text);
-  }
+  void Add(const std::vector<std::string>& texts) { total_ += HeapOf(texts); }
   [[nodiscard]] std::size_t Total() const { return total_; }
 
  private:

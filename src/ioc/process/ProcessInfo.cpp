@@ -33,10 +33,17 @@ ProcessInfo::ProcessInfo(std::unique_ptr<edr::Event> start, OnCacheFull callback
 ProcessInfo::ProcessInfo(Description description, OnCacheFull callback)
     : common::ProcessInfo(description.pid, description.ppid),
       known_(std::move(description)),
+      entry_bytes_(EstimateEntry(known_)),
       on_cache_full_(std::move(callback)) {}
 
 ProcessInfo::~ProcessInfo() {
-  if (usage_) *usage_ -= cached_bytes_;
+  CountOut();
+}
+
+std::size_t ProcessInfo::EstimateEntry(const Description& known) {
+  const std::size_t secondary = known.secondary_image ? internal::HeapOf(*known.secondary_image) : 0;
+  return sizeof(ProcessInfo) + internal::HeapOf(known.arguments) + internal::HeapOf(known.cwd) +
+         internal::HeapOf(known.image) + secondary;
 }
 
 void ProcessInfo::Update(const edr::Event& /*event*/) {
@@ -99,9 +106,17 @@ std::size_t ProcessInfo::GetCachedBytes() const {
 
 void ProcessInfo::CountIn(std::shared_ptr<Usage> usage) {
   const std::lock_guard lock(mutex_);
-  if (usage_) *usage_ -= cached_bytes_;
+  CountOut();
   usage_ = std::move(usage);
-  if (usage_) *usage_ += cached_bytes_;
+  if (!usage_) return;
+  usage_->events += cached_bytes_;
+  usage_->entries += entry_bytes_;
+}
+
+void ProcessInfo::CountOut() {
+  if (!usage_) return;
+  usage_->events -= cached_bytes_;
+  usage_->entries -= entry_bytes_;
 }
 
 void ProcessInfo::AddTag(const std::string& key, const std::string& value) {
@@ -159,11 +174,11 @@ void ProcessInfo::SetHeuristicsKey(std::string key) {
 
 void ProcessInfo::Account(std::size_t bytes) {
   cached_bytes_ += bytes;
-  if (usage_) *usage_ += bytes;
+  if (usage_) usage_->events += bytes;
 }
 
 std::vector<std::unique_ptr<edr::Event>> ProcessInfo::Release() {
-  if (usage_) *usage_ -= cached_bytes_;
+  if (usage_) usage_->events -= cached_bytes_;
   cached_bytes_ = 0;
   return std::exchange(events_, {});
 }

@@ -30,8 +30,11 @@ class ProcessInfo final : public common::ProcessInfo {
 
   using OnCacheFull = std::function<void(std::int32_t pid)>;
   using Tags = std::unordered_map<std::string, std::string>;
-  // Heap of all waiting events, in bytes, as EstimateHeap tells it.
-  using Usage = std::atomic<std::size_t>;
+  // Heap of many processes, in bytes, by estimate.
+  struct Usage {
+    std::atomic<std::size_t> events{0};   // those that wait
+    std::atomic<std::size_t> entries{0};  // what is known of the processes, as GetEntryBytes tells it
+  };
 
   // What is known of a process without a start event.
   struct Description {
@@ -82,7 +85,9 @@ class ProcessInfo final : public common::ProcessInfo {
   [[nodiscard]] bool HasEvents() const;
   // Heap of the events that wait, in bytes.
   [[nodiscard]] std::size_t GetCachedBytes() const;
-  // From now on the heap of its events is part of this sum.
+  // Heap of what is known of it: whoever starts a process chooses how long its arguments are.
+  [[nodiscard]] std::size_t GetEntryBytes() const { return entry_bytes_; }
+  // From now on its heap is part of this sum.
   void CountIn(std::shared_ptr<Usage> usage);
 
   // A tag that is there gets the new value.
@@ -103,10 +108,13 @@ class ProcessInfo final : public common::ProcessInfo {
 
  private:
   static Description Describe(const edr::Event& start);
+  static std::size_t EstimateEntry(const Description& known);
   void Account(std::size_t bytes);  // with mutex_ held
+  void CountOut();                  // with mutex_ held
   std::vector<std::unique_ptr<edr::Event>> Release();
 
   const Description known_;
+  const std::size_t entry_bytes_;
   const OnCacheFull on_cache_full_;
   mutable std::mutex mutex_;
   std::vector<std::unique_ptr<edr::Event>> events_;

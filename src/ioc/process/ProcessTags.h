@@ -13,4 +13,7 @@ inline constexpr const char* kTtlExpired = "TtlExpired";  // it has lived for it
 inline constexpr const char* kHashMatchingVerdict = "HashMatchingVerdict";
 inline constexpr const char* kHeuristicsVerdict = "HeuristicsVerdict";
 
+// In the snapshot alone: when the program was started, in ns since the epoch, where that is not when the process was.
+inline constexpr const char* kProgramStart = "ProgramStart";
+
 }  // namespace zagent::ioc::internal::process_tag

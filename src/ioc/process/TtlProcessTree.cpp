@@ -136,7 +136,13 @@ void TtlProcessTree::AddStart(std::unique_ptr<edr::Event> event, const Pointer& 
 // it.
 bool TtlProcessTree::IsTheSame(const ProcessInfo& known, const edr::Event& start) {
   if (start.GetId() != 0 || known.HasTag(process_tag::kTerminated)) return false;
-  if (!internal::LiveProcesses::IsSameStart(known.GetCreationTime(), start.GetTimestamp())) return false;
+  // When it started its program is not when it was made.
+  const auto start_since_boot = known.GetStartSinceBoot();
+  const auto made = start_since_boot ? live_.ToEpoch(*start_since_boot) : std::nullopt;
+  if (!internal::LiveProcesses::IsSameStart(known.GetCreationTime(), start.GetTimestamp()) &&
+      !(made && internal::LiveProcesses::IsSameStart(*made, start.GetTimestamp()))) {
+    return false;
+  }
   const common::ImageInfo* image = start.GetImage();
   return image == nullptr || IsSameProgram(*known.GetImage(), *image);
 }
@@ -200,7 +206,9 @@ void TtlProcessTree::Enter(const Pointer& process, std::int32_t parent) {
 
 void TtlProcessTree::Replace(const Pointer& process, std::int32_t parent, ProcessInfo& old, std::int64_t time) {
   // Who starts a program below a child of his own is not the process that had the pid before.
-  const bool is_another = old.HasTag(process_tag::kTerminated) || IsBelow(parent, process->GetPid());
+  // Process 1 is always itself, whatever was told of its end.
+  const bool is_another =
+      process->GetPid() != kInit && (old.HasTag(process_tag::kTerminated) || IsBelow(parent, process->GetPid()));
   process->SetParent(parent);
   process->SetStartSinceBoot(is_another ? live_.FindStartBefore(process->GetPid(), time) : old.GetStartSinceBoot());
   {
@@ -461,6 +469,7 @@ std::size_t TtlProcessTree::GetSize() const {
 // Their events were handed out at the last call. What has come since goes first.
 void TtlProcessTree::DropJudged(EventHeap& heap) {
   std::map<std::uint64_t, std::int32_t> busy;
+  judged_bytes_ = 0;
   for (const auto& [age, pid] : judged_) {
     const auto found = by_age_.find(age);
     if (found == by_age_.end()) continue;
@@ -468,6 +477,7 @@ void TtlProcessTree::DropJudged(EventHeap& heap) {
     if (process->HasEvents()) {
       Take(*process, heap);
       busy.emplace(age, pid);
+      judged_bytes_ += process->GetEntryBytes();
       continue;
     }
     try {
@@ -481,20 +491,25 @@ void TtlProcessTree::DropJudged(EventHeap& heap) {
 
 void TtlProcessTree::EnforceBounds() {
   const std::size_t processes = GetSize() - judged_.size();
-  if (processes > bounds_.processes) ForgetOldest(processes - bounds_.processes);
-  if (*usage_ > bounds_.bytes) JudgeOldest(*usage_ - bounds_.bytes / 8 * 7);
+  const std::size_t entries = usage_->entries - judged_bytes_;
+  if (processes > bounds_.processes || entries > bounds_.entry_bytes) {
+    ForgetOldest(processes - std::min(processes, bounds_.processes), entries - std::min(entries, bounds_.entry_bytes));
+  }
+  if (usage_->events > bounds_.bytes) JudgeOldest(usage_->events - bounds_.bytes / 8 * 7);
   WarnOnceAMinute();
 }
 
 // Who has ended goes first: a storm of short lives must not cost the memory of those that go on. Among the others all
 // have the same ttl, so the oldest are those that expired first.
-void TtlProcessTree::ForgetOldest(std::size_t count) {
-  const std::size_t wanted = judged_.size() + count;
-  for (; !terminated_.empty() && judged_.size() < wanted; terminated_.pop_front()) {
+void TtlProcessTree::ForgetOldest(std::size_t count, std::size_t bytes) {
+  const auto is_enough = [this, most = judged_.size() + count, most_bytes = judged_bytes_ + bytes] {
+    return judged_.size() >= most && judged_bytes_ >= most_bytes;
+  };
+  for (; !terminated_.empty() && !is_enough(); terminated_.pop_front()) {
     const Pointer process = Find(terminated_.front());
     if (process && process->HasTag(process_tag::kTerminated)) Forget(ages_.at(process->GetPid()), process->GetPid());
   }
-  for (auto oldest = by_age_.begin(); oldest != by_age_.end() && judged_.size() < wanted; ++oldest) {
+  for (auto oldest = by_age_.begin(); oldest != by_age_.end() && !is_enough(); ++oldest) {
     Forget(oldest->first, oldest->second);
   }
 }
@@ -503,6 +518,7 @@ void TtlProcessTree::ForgetOldest(std::size_t count) {
 void TtlProcessTree::Forget(std::uint64_t age, std::int32_t pid) {
   if (pid == kInit || !judged_.emplace(age, pid).second) return;
   expired_pids_.insert(pid);
+  judged_bytes_ += Find(pid)->GetEntryBytes();
   ++forgotten_;
 }
 
@@ -523,10 +539,11 @@ void TtlProcessTree::WarnOnceAMinute() {
   const auto now = clock_.SteadyNow();
   if (warned_ && now < *warned_ + kWarningPause) return;
   warned_ = now;
-  ZLOG_WARNING("TtlProcessTree: " << GetSize() << " processes and " << *usage_ / 1024
+  ZLOG_WARNING("TtlProcessTree: " << GetSize() << " processes and " << usage_->events / 1024
                                   << " KiB of cached events, at most " << bounds_.processes << " and "
                                   << bounds_.bytes / 1024 << " KiB: the oldest are judged early (" << judged_early_
-                                  << ") and forgotten (" << forgotten_ << ")");
+                                  << ") and forgotten (" << forgotten_ << "); " << usage_->entries / 1024
+                                  << " KiB are known of them, at most " << bounds_.entry_bytes / 1024 << " KiB");
   forgotten_ = 0;
   judged_early_ = 0;
 }

@@ -43,18 +43,19 @@ class TtlProcessTreeException : public std::runtime_error {
 // told of are looked up in procfs while they live; whose parent is gone hangs under process 1. Who starts another
 // program stays in his place with his children and the events that wait, but without tags and score.
 //
-// Bounds: 100,000 processes, and 512 MiB of events by an estimate of their heap. Beyond them GetExpiredEvents hands out
-// the events of the oldest processes early, and forgets as many of those as are too many at its next call, when their
-// events have been judged; later events of theirs are refused like those of any unknown process. One warning a minute
-// tells the numbers.
+// Bounds: 100,000 processes, 256 MiB of what is known of them (their arguments above all) and 512 MiB of events, by an
+// estimate of their heap. Beyond them GetExpiredEvents hands out the events of the oldest processes early, and forgets
+// as many of those as are too many at its next call, when their events have been judged; later events of theirs are
+// refused like those of any unknown process. One warning a minute tells the numbers.
 //
-// One thread changes the tree. Get, Has, IsPidReused, GetChildren, GetSiblings, GetAncestors, GetSize and
-// GetCachedBytes may be called from any thread; the mutex is held for the look into the map alone.
+// One thread changes the tree. Get, Has, IsPidReused, GetChildren, GetSiblings, GetAncestors, GetSize,
+// GetCachedBytes and GetEntryBytes may be called from any thread; the mutex is held for the look into the map alone.
 class TtlProcessTree {
  public:
   struct Bounds {
     std::size_t processes = 100'000;
-    std::size_t bytes = std::size_t{512} * 1024 * 1024;
+    std::size_t bytes = std::size_t{512} * 1024 * 1024;        // of events
+    std::size_t entry_bytes = std::size_t{256} * 1024 * 1024;  // of what is known of processes
   };
 
   // `snapshot` outlives the tree; with null nothing is loaded or saved. Takes up the processes of the table that are
@@ -110,7 +111,9 @@ class TtlProcessTree {
 
   [[nodiscard]] std::size_t GetSize() const;
   // Heap of all waiting events, in bytes, by estimate.
-  [[nodiscard]] std::size_t GetCachedBytes() const { return *usage_; }
+  [[nodiscard]] std::size_t GetCachedBytes() const { return usage_->events; }
+  // Heap of what is known of processes, likewise.
+  [[nodiscard]] std::size_t GetEntryBytes() const { return usage_->entries; }
 
  private:
   using Pointer = std::shared_ptr<ProcessInfo>;
@@ -121,13 +124,14 @@ class TtlProcessTree {
   void Load();
   bool Restore(const internal::models::SnapshotDBTtlProcess& saved, std::int32_t parent);
   void Save();
+  [[nodiscard]] std::vector<internal::models::SnapshotDBTtlProcess> RowsToSave();
   [[nodiscard]] std::int64_t StartToSave(const ProcessInfo& process);
 
   void AddStart(std::unique_ptr<edr::Event> event, const Pointer& old);
   void AddTo(ProcessInfo& process, std::unique_ptr<edr::Event> event);
   void FollowToInit(ProcessInfo& process, const edr::Event& event);
   void MoveUnderInit(ProcessInfo& process);
-  [[nodiscard]] static bool IsTheSame(const ProcessInfo& known, const edr::Event& start);
+  [[nodiscard]] bool IsTheSame(const ProcessInfo& known, const edr::Event& start);
 
   void EnsureInit(std::int32_t pid, std::int32_t ppid);
   [[nodiscard]] std::int32_t EnsureParent(std::int32_t pid, std::int32_t ppid, std::int64_t time);
@@ -142,7 +146,7 @@ class TtlProcessTree {
   void ExpireDue();
   void DropJudged(internal::EventHeap& heap);
   void EnforceBounds();
-  void ForgetOldest(std::size_t count);
+  void ForgetOldest(std::size_t count, std::size_t bytes);
   void Forget(std::uint64_t age, std::int32_t pid);
   void JudgeOldest(std::size_t bytes);
   void WarnOnceAMinute();
@@ -158,7 +162,7 @@ class TtlProcessTree {
 
   mutable std::mutex mutex_;
   common::GenericProcessTree<ProcessInfo, Pointer> processes_;  // with the links of all processes
-  const std::shared_ptr<ProcessInfo::Usage> usage_ = std::make_shared<ProcessInfo::Usage>(0);
+  const std::shared_ptr<ProcessInfo::Usage> usage_ = std::make_shared<ProcessInfo::Usage>();
 
   // For the thread that changes the tree:
   std::deque<std::pair<std::int32_t, common::util::Clock::SteadyTime>> ttl_queue_;
@@ -172,6 +176,7 @@ class TtlProcessTree {
   std::map<std::int32_t, bool> untold_;
   std::int32_t last_checked_ = 0;
   std::map<std::uint64_t, std::int32_t> judged_;  // to be forgotten at the bound, by age
+  std::size_t judged_bytes_ = 0;                  // of what is known of them
   std::optional<common::util::Clock::SteadyTime> warned_;
   std::size_t forgotten_ = 0;     // at the bound since the last warning
   std::size_t judged_early_ = 0;  // likewise

@@ -1,3 +1,4 @@
+#include <charconv>
 #include <exception>
 #include <queue>
 
@@ -43,6 +44,17 @@ std::map<std::int32_t, SnapshotDBTtlProcess> ReadSaved(common::SqlStorage& snaps
     }
   }
   return saved;
+}
+
+// When the process started its program: the row has a column for the start of the process alone.
+std::optional<std::int64_t> ProgramStartOf(const SnapshotDBTtlProcess& saved) {
+  for (const auto& [key, value] : saved.tags) {
+    if (key != process_tag::kProgramStart) continue;
+    std::int64_t start = 0;
+    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), start);
+    if (error == std::errc() && end == value.data() + value.size()) return start;
+  }
+  return std::nullopt;
 }
 
 void ClearSaved(common::SqlStorage& snapshot) {
@@ -96,8 +108,12 @@ bool TtlProcessTree::Restore(const SnapshotDBTtlProcess& saved, std::int32_t par
     ZLOG_INFO("System reboot detected. Clearing the TtlProcessTree.");
     return false;
   }
-  const auto process = std::make_shared<ProcessInfo>(saved.ToDescription(), on_cache_full_);
-  for (const auto& [key, value] : saved.tags) process->AddTag(key, value);
+  ProcessInfo::Description known = saved.ToDescription();
+  known.creation_time = ProgramStartOf(saved).value_or(known.creation_time);
+  const auto process = std::make_shared<ProcessInfo>(std::move(known), on_cache_full_);
+  for (const auto& [key, value] : saved.tags) {
+    if (key != process_tag::kProgramStart) process->AddTag(key, value);
+  }
   process->AddScore(saved.score);
   process->SetStartSinceBoot(is_alive ? start : std::nullopt);
   Enter(process, parent);
@@ -114,24 +130,44 @@ void TtlProcessTree::Save() {
   // One transaction, and nothing of it in the storage's cache: the rows are read as a whole.
   internal::SnapshotSqlDataFormatter formatter;
   std::vector<std::string> statements = formatter.Clear(kTable);
+  for (const SnapshotDBTtlProcess& row : RowsToSave()) {
+    statements.push_back(formatter.Insert(kTable, std::to_string(row.process_id), row.ToRow()));
+  }
+  snapshot_->ExecuteAll(statements);
+}
+
+// Whose end was told is left out, or the next run would tell it again; those below it go under process 1.
+std::vector<SnapshotDBTtlProcess> TtlProcessTree::RowsToSave() {
+  std::vector<SnapshotDBTtlProcess> rows;
   std::unordered_set<std::int32_t> seen{kInit};
-  std::queue<Pointer> walk;
-  walk.push(Get(kInit));
+  std::queue<std::pair<Pointer, std::size_t>> walk;  // with the parent's row
+  walk.emplace(Get(kInit), 0);
   while (!walk.empty()) {
-    const Pointer process = std::move(walk.front());
+    const auto [process, parent] = std::move(walk.front());
     walk.pop();
+    const std::int32_t pid = process->GetPid();
+    const bool is_told = pid != kInit && process->HasTag(process_tag::kTerminated) && !process->HasEvents();
     for (const char* tag : {process_tag::kTerminated, process_tag::kTtlExpired}) {
       if (process->HasTag(tag)) process->RemoveTag(tag);
     }
     SnapshotDBTtlProcess row(*process);
-    row.creation_time = StartToSave(*process);
-    statements.push_back(formatter.Insert(kTable, std::to_string(row.process_id), row.ToRow()));
-    for (const std::int32_t child : row.children) {
+    const std::size_t place = is_told ? 0 : rows.size();
+    for (const std::int32_t child : std::exchange(row.children, {})) {
       Pointer found = seen.insert(child).second ? Find(child) : nullptr;
-      if (found) walk.push(std::move(found));
+      if (found) walk.emplace(std::move(found), place);
     }
+    if (is_told) continue;
+    row.creation_time = StartToSave(*process);
+    if (row.creation_time != process->GetCreationTime()) {
+      row.tags.emplace_back(process_tag::kProgramStart, std::to_string(process->GetCreationTime()));
+    }
+    if (pid != kInit) {
+      row.parent = rows[parent].process_id;
+      rows[parent].children.push_back(pid);
+    }
+    rows.push_back(std::move(row));
   }
-  snapshot_->ExecuteAll(statements);
+  return rows;
 }
 
 // The next run compares it with procfs, which tells when the process was made and not when it started its program, and

@@ -155,26 +155,29 @@ TEST(ProcessInfoTest, APredecessorAtTheBoundHasCalledBackItself) {
 }
 
 TEST(ProcessInfoTest, TheHeapOfItsEventsIsPartOfTheSumWhileTheyWait) {
-  const auto sum = std::make_shared<ProcessInfo::Usage>(1'000);
+  const auto sum = std::make_shared<ProcessInfo::Usage>();
+  sum->events = 1'000;
   {
     ProcessInfo process(Start(), nullptr);
     process.CountIn(sum);
     const std::size_t first = process.GetCachedBytes();
     EXPECT_GT(first, sizeof(fakes::FakeEvent));
-    EXPECT_EQ(*sum, 1'000 + first);
+    EXPECT_EQ(sum->events, 1'000 + first);
     process.AddEvent(Write(2));
     EXPECT_GT(process.GetCachedBytes(), first);
-    EXPECT_EQ(*sum, 1'000 + process.GetCachedBytes());
+    EXPECT_EQ(sum->events, 1'000 + process.GetCachedBytes());
     EXPECT_EQ(process.TakeEvents().size(), 2U);
     EXPECT_EQ(process.GetCachedBytes(), 0U);
-    EXPECT_EQ(*sum, 1'000U);
+    EXPECT_EQ(sum->events, 1'000U);
     process.AddEvent(Write(3));
     ProcessInfo next(Start(), nullptr);
     next.CountIn(sum);
     next.TakeEventsOf(process);
-    EXPECT_EQ(*sum, 1'000 + next.GetCachedBytes());
+    EXPECT_EQ(sum->events, 1'000 + next.GetCachedBytes());
+    EXPECT_EQ(sum->entries, process.GetEntryBytes() + next.GetEntryBytes());
   }
-  EXPECT_EQ(*sum, 1'000U);
+  EXPECT_EQ(sum->entries, 0U);
+  EXPECT_EQ(sum->events, 1'000U);
 }
 
 TEST(ProcessInfoTest, TagsHaveAKeyAndPerhapsAValue) {

@@ -216,6 +216,50 @@ TEST_F(TtlProcessTreeBoundsTest, TheOldestEventsAreJudgedEarlyWhenThereAreTooMan
   EXPECT_EQ(Expired(), Ints{});
 }
 
+TEST_F(TtlProcessTreeBoundsTest, LongArgumentsAreBoundedAsWell) {
+  const std::size_t kibibyte = 1024;
+  tree_ = MakeTree({.entry_bytes = 64 * kibibyte});
+  const auto start = [&](std::int32_t pid, std::size_t length) {
+    auto event = Start(pid, 1);
+    event->arguments = {"sh", std::string(length, 'x')};
+    tree_->AddEvent(std::move(event));
+  };
+  start(10, 20 * kibibyte);
+  start(20, 20 * kibibyte);
+  EXPECT_EQ(Expired(), Ints{});
+  EXPECT_GE(tree_->GetEntryBytes(), 40 * kibibyte);
+  EXPECT_LE(tree_->GetEntryBytes(), 44 * kibibyte);
+  const fakes::LogCapture log;
+  start(30, 30 * kibibyte);
+  EXPECT_EQ(Expired(), Ints{1}) << "the oldest is enough";
+  EXPECT_EQ(Expired(), Ints{});
+  EXPECT_EQ(ChildrenOf(1), (Set{20, 30}));
+  EXPECT_TRUE(log.Has("judged early (0) and forgotten (1); ")) << log.All();
+  EXPECT_TRUE(log.Has(" KiB are known of them, at most 64 KiB")) << log.All();
+  EXPECT_LE(tree_->GetEntryBytes(), 64 * kibibyte);
+  tree_->AddEvent(Exit(30, 1));
+  start(40, 20 * kibibyte);
+  EXPECT_EQ(Expired(), (Ints{3, 4})) << "who has ended goes before who goes on";
+  EXPECT_EQ(Expired(), Ints{});
+  EXPECT_EQ(ChildrenOf(1), (Set{20, 40}));
+}
+
+TEST_F(TtlProcessTreeBoundsTest, WhatIsKnownOfAProcessLeavesTheSumWithIt) {
+  const auto start = [&](const std::string& argument) {
+    auto event = Start(10, 1);
+    event->arguments = {argument};
+    event->cwd = std::string(1'000, 'd');
+    event->secondary_image = common::ImageInfo(std::string(2'000, 'i'));
+    tree_->AddEvent(std::move(event));
+  };
+  start(std::string(50'000, 'x'));
+  const std::size_t with_init = tree_->GetEntryBytes();
+  EXPECT_GE(with_init, 53'000U);
+  EXPECT_LE(with_init, 55'000U);
+  start("short");  // another program
+  EXPECT_LE(tree_->GetEntryBytes(), with_init - 49'000);
+}
+
 TEST_F(TtlProcessTreeBoundsTest, EventsThatLeaveAreNoPartOfTheSum) {
   Exec(10, 1);
   Exec(20, 1);
@@ -229,10 +273,11 @@ TEST_F(TtlProcessTreeBoundsTest, EventsThatLeaveAreNoPartOfTheSum) {
   EXPECT_EQ(tree_->GetCachedBytes(), 0U);
 }
 
-TEST_F(TtlProcessTreeBoundsTest, TheBoundsAreAHundredThousandProcessesAndHalfAGigabyte) {
+TEST_F(TtlProcessTreeBoundsTest, TheBoundsAreAHundredThousandProcessesAndThreeQuartersOfAGigabyte) {
   const TtlProcessTree::Bounds bounds;
   EXPECT_EQ(bounds.processes, 100'000U);
   EXPECT_EQ(bounds.bytes, 536'870'912U);
+  EXPECT_EQ(bounds.entry_bytes, 268'435'456U);
 }
 
 }  // namespace

@@ -109,7 +109,11 @@ TEST_F(TtlProcessTreeSnapshotTest, TheStateOfThisRunIsNotSaved) {
   ASSERT_TRUE(tree_->Get(10)->HasTag(process_tag::kTtlExpired));
   const fakes::LogCapture log;
   Close();
-  for (const auto& [pid, row] : Rows()) EXPECT_TRUE(row.tags.empty()) << pid;
+  const auto rows = Rows();
+  EXPECT_EQ(rows.size(), 2U) << "nobody has heard of the end yet";
+  for (const auto& [pid, row] : rows) {
+    for (const auto& [key, value] : row.tags) EXPECT_EQ(key, process_tag::kProgramStart) << pid;
+  }
   EXPECT_FALSE(log.Has("Failed to remove tag")) << log.All();
 }
 
@@ -138,6 +142,60 @@ TEST_F(TtlProcessTreeSnapshotTest, AnotherProgramLeavesTheStartAsItIs) {
   Restart();
   EXPECT_FALSE(tree_->Get(10)->HasTag(process_tag::kTerminated));
   EXPECT_EQ(tree_->Get(10)->GetImage()->GetPath(), "/bin/cat");
+}
+
+// The platform knows a process by it.
+TEST_F(TtlProcessTreeSnapshotTest, TheStartOfTheProgramOutlivesEveryRestart) {
+  Run(10, 1);  // its program started at kLater
+  for (int i = 0; i < 3; ++i) {
+    Restart();
+    EXPECT_FALSE(tree_->Get(10)->HasTag(process_tag::kTerminated));
+    EXPECT_EQ(tree_->Get(10)->GetCreationTime(), kLater);
+    EXPECT_EQ(tree_->Get(1)->GetCreationTime(), kBoot + kSecond);
+    EXPECT_TRUE(tree_->Get(10)->GetTags().empty());
+    tree_->AddEvent(MadeUpStart(10, 1, kBoot + 500 * kSecond + kSecond / 4));
+    EXPECT_EQ(tree_->Get(10)->GetCreationTime(), kLater) << "it joins";
+  }
+}
+
+TEST_F(TtlProcessTreeSnapshotTest, AStartOfAProgramThatIsNoNumberIsLeftOut) {
+  Run(10, 1);
+  for (const char* value : {"", "soon", "17x", "99999999999999999999"}) {
+    Close();
+    Change(10, [&](SnapshotDBTtlProcess& row) { row.tags = {{process_tag::kProgramStart, value}, {"a", "b"}}; });
+    Open();
+    EXPECT_EQ(tree_->Get(10)->GetCreationTime(), kBoot + 500 * kSecond + kSecond / 4);
+    EXPECT_EQ(tree_->Get(10)->GetTags(), (ProcessInfo::Tags{{"a", "b"}}));
+  }
+}
+
+TEST_F(TtlProcessTreeSnapshotTest, AnEndThatWasToldIsNotToldAgainByTheNextRun) {
+  Run(10, 1);
+  Run(20, 10);
+  Run(30, 20);
+  tree_->AddEvent(Exit(10, 1));
+  tree_->AddEvent(Exit(20, 10));
+  EXPECT_EQ(tree_->GetEventsFromCache(10).GetSize(), 4U);  // starts and ends of 10 and 20
+  proc_.End(10);
+  proc_.End(20);
+  Close();
+  const auto rows = Rows();
+  EXPECT_EQ(rows.size(), 2U);
+  EXPECT_EQ(rows.at(1).children, std::vector<std::int32_t>{30});
+  EXPECT_EQ(rows.at(30).parent, 1);
+  Open();
+  EXPECT_EQ(PidsOfTree(), (Set{1, 30}));
+  EXPECT_EQ(ParentOf(30), 1);
+}
+
+TEST_F(TtlProcessTreeSnapshotTest, AnEndThatNobodyHasHeardOfIsToldByTheNextRun) {
+  Run(10, 1);
+  Run(20, 10);
+  tree_->AddEvent(Exit(10, 1));
+  proc_.End(10);
+  Restart();
+  EXPECT_EQ(PidsOfTree(), (Set{1, 10, 20}));
+  EXPECT_EQ(tree_->Get(10)->GetLastEvent().GetType(), edr::EventType::ProcessExit);
 }
 
 TEST_F(TtlProcessTreeSnapshotTest, AClockThatIsSetWhileTheProgramRunsEndsNobody) {

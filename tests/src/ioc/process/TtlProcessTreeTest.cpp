@@ -653,5 +653,17 @@ TEST_F(TtlProcessTreeTest, ManyAncestorsOfProcfsAreLookedForInTurns) {
   EXPECT_EQ(tree_->GetSize(), 101U);
 }
 
+TEST_F(TtlProcessTreeTest, Process1KeepsItsChildrenWhateverIsToldOfItsEnd) {
+  Exec(10, 1);
+  Exec(20, 10);
+  tree_->AddEvent(Exit(1, 0));
+  ASSERT_TRUE(tree_->Get(1)->HasTag(process_tag::kTerminated));
+  Exec(1, 0, "/sbin/init");
+  EXPECT_FALSE(tree_->Get(1)->HasTag(process_tag::kTerminated));
+  EXPECT_EQ(ChildrenOf(1), Set{10});
+  EXPECT_EQ(ParentOf(10), 1);
+  EXPECT_EQ(tree_->GetAncestors(20).size(), 3U);
+}
+
 }  // namespace
 }  // namespace zagent::ioc
