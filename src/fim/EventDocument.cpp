@@ -157,7 +157,7 @@ class DocumentWriter {
     Object("size", [&] { Member("new", [&] { return SizeText(size); }); });
   }
 
-  void WriteHash(DigestPace* pace) {
+  void WriteHash(edr::DigestPace* pace) {
     // Only files have a digest.
     if (event_.GetObjectType() != edr::ObjectType::File ||
         !IsOneOf(event_.GetType(),
@@ -175,7 +175,7 @@ class DocumentWriter {
   }
 
   // A baseline is of the file as it was looked at, and no event of audit stands behind it.
-  std::string Digest(const DigestPace* pace) const {
+  std::string Digest(const edr::DigestPace* pace) const {
     if (event_.GetType() == EventType::Baseline && event_.GetFile() != nullptr) {
       return event_.GetFile()->GetDigest(pace != nullptr ? &pace->Cache() : nullptr);
     }

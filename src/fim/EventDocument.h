@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
+#include "src/edr/DigestPace.h"
 #include "src/edr/Event.h"
 #include "src/fim/ContentReader.h"
-#include "src/fim/DigestPace.h"
 
 namespace zagent::fim::internal {
 
@@ -18,7 +18,7 @@ struct EventDocumentParts {
   // Members `fileContent` and `contentStatus`, when present.
   std::optional<FileContent> content;
   // Says whether a digest may be computed now. Null: always, and that of a baseline without a cache.
-  DigestPace* pace = nullptr;
+  edr::DigestPace* pace = nullptr;
 };
 
 // The JSON text of one reported event; docs/EVENTS.md tells every member.

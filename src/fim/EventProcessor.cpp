@@ -67,7 +67,12 @@ void TellOfWritten(const health::ComponentHealth& health, const common::StorageR
 EventProcessor::EventProcessor(const RuleTable& rules, common::Storage& storage, Baseline& baseline,
                                common::util::DigestCache& digests, const health::ComponentHealth& health,
                                const common::util::Clock& clock)
-    : rules_(rules), storage_(storage), baseline_(baseline), health_(health), clock_(clock), pace_(digests, clock) {}
+    : rules_(rules),
+      storage_(storage),
+      baseline_(baseline),
+      health_(health),
+      clock_(clock),
+      pace_(digests, clock, LogPrefix()) {}
 
 EventProcessor::~EventProcessor() {
   ZLOG_INFO("Destroying EventProcessor");

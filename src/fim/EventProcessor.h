@@ -8,9 +8,9 @@
 
 #include "common/src/storage/Storage.h"
 #include "common/src/util/Clock.h"
+#include "src/edr/DigestPace.h"
 #include "src/edr/Event.h"
 #include "src/fim/Baseline.h"
-#include "src/fim/DigestPace.h"
 #include "src/fim/RuleTable.h"
 #include "src/health/ComponentHealth.h"
 
@@ -53,7 +53,7 @@ class EventProcessor {
   Baseline& baseline_;
   const health::ComponentHealth& health_;
   const common::util::Clock& clock_;
-  DigestPace pace_;
+  edr::DigestPace pace_;
 };
 
 }  // namespace zagent::fim::internal

@@ -103,7 +103,7 @@ Component::Component(std::chrono::system_clock::time_point /*start_time*/, std::
   tree_ = std::make_unique<TtlProcessTree>(snapshot_.get(), kTimeToLive, clock, proc_root);
   registration_ = std::make_unique<Registration>(engine);
   manager_ = std::make_unique<internal::EventRuleManager>(*config_, engine, *tree_, health_);
-  generator_ = std::make_unique<internal::protobuf::Generator>(*tree_, *storage_, *snapshot_, *config_, health_);
+  generator_ = std::make_unique<internal::protobuf::Generator>(*tree_, *storage_, *snapshot_, *config_, health_, clock);
   processor_ = MakeProcessor();
   thread_ = std::make_unique<internal::ProcessingThread>(
       [this](std::unique_ptr<edr::Event> event) { processor_->Process(std::move(event)); },

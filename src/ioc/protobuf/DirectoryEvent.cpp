@@ -44,6 +44,10 @@ Report DirectoryEvent::Build(const edr::Event& event) const {
     SetTimes(times, message);
   }
   Report::Item item{MakeItem(Kind::Directory, message)};
+  if (event.GetType() == EventType::Rename && event.GetFile() != nullptr) {
+    const std::string& old_path = event.GetFile()->GetPath();
+    item.changes.push_back({Table::Directory, UniquePathId(old_path), {}, old_path});
+  }
   item.changes.push_back(
       {Table::Directory, id, is_gone ? common::Bytes() : ReportedObjects::DirectoryRow(id, path, times), path});
   Report report;

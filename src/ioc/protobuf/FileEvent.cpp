@@ -1,5 +1,7 @@
 #include "src/ioc/protobuf/FileEvent.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 
 #include "common/src/util/Digest.h"
@@ -45,6 +47,13 @@ bool IsRegular(const edr::Event& event) {
   }
 }
 
+// Whether the path leads to another file by now. What is gone is not, and neither is what nobody can tell apart; a file
+// system may tell the device in two ways.
+bool IsReplaced(const common::ImageInfo& file) {
+  struct stat found {};
+  return !file.GetDevice().empty() && lstat(file.GetPath().c_str(), &found) == 0 && found.st_ino != file.GetInode();
+}
+
 }  // namespace
 
 Report FileEvent::Build(const edr::Event& event) const {
@@ -88,7 +97,7 @@ Report FileEvent::Build(const edr::Event& event) const {
     const ReportedObjects::Times times = TimesOf(event, *file);
     SetTimes(times, message);
     ReportedObjects::Digests digests;
-    if (IsRegular(event)) SetContent(event, digests, message);
+    if (IsRegular(event)) SetContent(event, *file, digests, message);
     row = ReportedObjects::FileRow(id, parent_id, message.size(), times, digests);
   }
   std::vector<ReportedObjects::Change> changes;
@@ -102,8 +111,12 @@ Report FileEvent::Build(const edr::Event& event) const {
   return report;
 }
 
-void FileEvent::SetContent(const edr::Event& event, ReportedObjects::Digests& digests, Message& message) const {
-  message.set_type(types_.Identify(event.GetFileTypeDesc()));
+void FileEvent::SetContent(const edr::Event& event, const common::ImageInfo& file, ReportedObjects::Digests& digests,
+                           Message& message) const {
+  const std::string type = types_.Identify(event.GetFileTypeDesc());
+  // Looked at afterwards: the description is made of whatever the path leads to.
+  if (!IsReplaced(file)) message.set_type(type);
+  if (!pace_.Admits(file.GetPath())) return;
   struct Hash {
     edr::ContentHash kind;
     const char* name;

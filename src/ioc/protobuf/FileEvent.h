@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "src/edr/DigestPace.h"
 #include "src/ioc/protobuf/DirectoryEvent.h"
 #include "src/ioc/protobuf/EventBuilder.h"
 #include "src/ioc/protobuf/FileTypeIdentifier.h"
@@ -13,15 +14,17 @@ class FileEvent;
 namespace zagent::ioc::internal::protobuf {
 
 // Events of files. The directory of a file is described first when the platform does not know it. The end of a file is
-// told only when the platform knows the file; nothing is told of one that was gone before it could be looked at.
+// told only when the platform knows the file; nothing is told of one that was gone before it could be looked at. A
+// large file that is written all the time is told without digests in between, and no file with the type of another.
 class FileEvent final : public EventBuilder {
  public:
   // The largest size that every reader of JSON still has exactly. Only a file with holes claims more.
   static constexpr std::int64_t kMaxSize = (std::int64_t{1} << 53U) - 1;
 
-  // `directories` outlives the object.
-  FileEvent(const TtlProcessTree& tree, const ReportedObjects& reported, const DirectoryEvent& directories)
-      : tree_(tree), reported_(reported), directories_(directories) {}
+  // `directories` and `pace` outlive the object.
+  FileEvent(const TtlProcessTree& tree, const ReportedObjects& reported, const DirectoryEvent& directories,
+            edr::DigestPace& pace)
+      : tree_(tree), reported_(reported), directories_(directories), pace_(pace) {}
 
   [[nodiscard]] Report Build(const edr::Event& event) const override;
 
@@ -29,11 +32,13 @@ class FileEvent final : public EventBuilder {
   using Message = com::ostrel::ioc::model::proto::event::FileEvent;
 
   [[nodiscard]] bool IsReported(const std::string& id, const std::string& path) const;
-  void SetContent(const edr::Event& event, ReportedObjects::Digests& digests, Message& message) const;
+  void SetContent(const edr::Event& event, const common::ImageInfo& file, ReportedObjects::Digests& digests,
+                  Message& message) const;
 
   const TtlProcessTree& tree_;
   const ReportedObjects& reported_;
   const DirectoryEvent& directories_;
+  edr::DigestPace& pace_;
   const FileTypeIdentifier types_;
 };
 

@@ -1,6 +1,7 @@
 #include "src/ioc/protobuf/Generator.h"
 
 #include <string>
+#include <utility>
 
 #include "common/src/storage/Storage.h"
 #include "common/src/util/Log.h"
@@ -32,10 +33,13 @@ bool TellOfWritten(const health::ComponentHealth& health, const common::StorageR
 }  // namespace
 
 struct Generator::Builders {
-  Builders(const TtlProcessTree& tree, common::SqlStorage& snapshot, const Config& config)
+  Builders(const TtlProcessTree& tree, common::SqlStorage& snapshot, const Config& config, common::util::Clock& clock,
+           std::shared_ptr<common::util::DigestCache> known_digests)
       : reported(snapshot),
+        digests(known_digests ? std::move(known_digests) : std::make_shared<common::util::DigestCache>(clock)),
+        pace(*digests, clock, LogPrefix()),
         directory(tree, reported),
-        file(tree, reported, directory),
+        file(tree, reported, directory, pace),
         network(tree),
         process(tree, config) {}
 
@@ -54,6 +58,8 @@ struct Generator::Builders {
   }
 
   ReportedObjects reported;
+  const std::shared_ptr<common::util::DigestCache> digests;
+  edr::DigestPace pace;
   const DirectoryEvent directory;
   const FileEvent file;
   const NetworkEvent network;
@@ -61,8 +67,12 @@ struct Generator::Builders {
 };
 
 Generator::Generator(TtlProcessTree& tree, common::Storage& spool, common::SqlStorage& snapshot, const Config& config,
-                     const health::ComponentHealth& health)
-    : tree_(tree), spool_(spool), health_(health), builders_(std::make_unique<Builders>(tree, snapshot, config)) {}
+                     const health::ComponentHealth& health, common::util::Clock& clock,
+                     std::shared_ptr<common::util::DigestCache> digests)
+    : tree_(tree),
+      spool_(spool),
+      health_(health),
+      builders_(std::make_unique<Builders>(tree, snapshot, config, clock, std::move(digests))) {}
 
 Generator::~Generator() = default;
 

@@ -2,6 +2,8 @@
 
 #include <memory>
 
+#include "common/src/util/Clock.h"
+#include "common/src/util/DigestCache.h"
 #include "src/ioc/config/Config.h"
 #include "src/ioc/process/TtlProcessTree.h"
 #include "src/ioc/protobuf/EventBuilder.h"
@@ -24,9 +26,11 @@ namespace zagent::ioc::internal::protobuf {
 // process may already be on its way to be judged.
 class Generator final : public EventGenerator {
  public:
-  // All outlive the object; the snapshot runs on a Scheduler.
+  // All outlive the object; the snapshot runs on a Scheduler. `digests` is the cache of the events; without it a large
+  // file that is not written goes without digests as well for a while after it was read.
   Generator(TtlProcessTree& tree, common::Storage& spool, common::SqlStorage& snapshot, const Config& config,
-            const health::ComponentHealth& health);
+            const health::ComponentHealth& health, common::util::Clock& clock = common::util::Clock::Real(),
+            std::shared_ptr<common::util::DigestCache> digests = nullptr);
   ~Generator() override;
 
   // Throws what a builder throws, "Cannot generate protobuf for invalid event type: <code>" for an object of no kind,

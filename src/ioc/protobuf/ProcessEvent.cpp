@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <string_view>
 
 #include "common/src/util/Log.h"
 #include "src/edr/process/NameService.h"
@@ -21,6 +22,8 @@ namespace wire = com::ostrel::ioc::model::proto::event;
 
 using edr::EventType;
 
+constexpr std::string_view kCut = "...";  // behind arguments that are not told whole
+
 // Who a process is: of a start as the event tells it, for the same process may have started another program since.
 struct Identity {
   Identity(const ProcessInfo& process, const edr::Event& event, bool is_start)
@@ -30,7 +33,13 @@ struct Identity {
         uid(is_start ? event.GetActorUserId() : process.GetUserId()),
         creation_time(is_start ? event.GetTimestamp() : process.GetCreationTime()) {
     if (!is_start) return;
-    if (const common::ImageInfo* started = ImageOf(event); started != nullptr) image = *started;
+    const common::ImageInfo* started = ImageOf(event);
+    // A start that was made up has no serial number, and the time when the process was made: what is known of it is
+    // better.
+    if (event.GetId() == 0 && (started == nullptr || started->GetPath() == image.GetPath())) {
+      creation_time = process.GetCreationTime();
+    }
+    if (started != nullptr) image = *started;
   }
 
   common::ImageInfo image;
@@ -113,9 +122,9 @@ std::string ProcessEvent::ArgumentsText(const std::vector<std::string>& argument
     if (text.size() > max_size) break;
   }
   if (text.size() <= max_size) return text;
-  std::size_t end = max_size;
+  std::size_t end = max_size - kCut.size();
   while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U) --end;  // not within a character
-  return text.substr(0, end);
+  return text.substr(0, end).append(kCut);
 }
 
 }  // namespace zagent::ioc::internal::protobuf

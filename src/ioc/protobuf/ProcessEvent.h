@@ -12,7 +12,7 @@ namespace zagent::ioc::internal::protobuf {
 class ProcessEvent final : public EventBuilder {
  public:
   // Whoever starts a process chooses its arguments, and must not make an event that the spool refuses: at most so many
-  // bytes of them are told, and no more than half a spool file holds.
+  // bytes of them are told, and no more than half a spool file holds; "..." is the end of what is cut.
   static constexpr std::size_t kMaxArguments = 32 * 1024;
 
   ProcessEvent(const TtlProcessTree& tree, const Config& config) : tree_(tree), config_(config) {}

@@ -2,11 +2,13 @@
 
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
 #include "common/src/util/DeviceText.h"
 #include "common/src/util/Digest.h"
+#include "src/edr/DigestPace.h"
 #include "src/edr/process/NameService.h"
 #include "src/health/ComponentHealth.h"
 #include "src/ioc/protobuf/DataFormatter.h"
@@ -57,7 +59,9 @@ class GeneratorTest : public TreeFixture, protected SnapshotFixture {
     event->cwd = "/home/alice";
     tree_->AddEvent(std::move(event));
   }
-  void MakeGenerator() { generator_ = std::make_unique<Generator>(*tree_, spool_, *snapshot_, config_, health_); }
+  void MakeGenerator() {
+    generator_ = std::make_unique<Generator>(*tree_, spool_, *snapshot_, config_, health_, clock_, digests_);
+  }
 
   FakeEvent Event(EventType type, const std::string& action, ObjectType object) {
     FakeEvent event;
@@ -138,7 +142,9 @@ class GeneratorTest : public TreeFixture, protected SnapshotFixture {
   fakes::MemoryStorage spool_;
   fakes::FakeHealthReporter reporter_;
   const health::ComponentHealth health_{reporter_, health::ComponentHealth::Kind::Ioc};
-  std::unique_ptr<Generator> generator_ = std::make_unique<Generator>(*tree_, spool_, *snapshot_, config_, health_);
+  const std::shared_ptr<common::util::DigestCache> digests_ = std::make_shared<common::util::DigestCache>(clock_);
+  std::unique_ptr<Generator> generator_ =
+      std::make_unique<Generator>(*tree_, spool_, *snapshot_, config_, health_, clock_, digests_);
 };
 
 // Golden messages
@@ -501,6 +507,48 @@ TEST_F(GeneratorTest, OnlyARegularFileHasTypeAndDigests) {
   EXPECT_EQ(message.sha256(), "");
 }
 
+TEST_F(GeneratorTest, ALargeFileThatIsWrittenAllTheTimeIsToldWithoutDigestsInBetween) {
+  const std::string path = folder_.Write("large", "");
+  std::filesystem::resize_file(path, edr::DigestPace::kMaxFreeSize + 1);
+  Remember("Directory", folder_.Path());
+  FakeEvent event = OfFile(EventType::Write, "Write", path);
+  event.file->SetPath(path);
+  event.content_hash.assign(32, 1);
+  EXPECT_FALSE(File(event).sha256().empty());
+  for (int i = 0; i < 5; ++i) EXPECT_TRUE(File(event).sha256().empty());
+  EXPECT_TRUE(log_.Has(Message::PRIO_WARNING,
+                       "[IOC]: DigestPace: 1 events without a digest: " + path + " is large and written all the time"));
+  clock_.Advance(edr::DigestPace::kInterval);
+  EXPECT_FALSE(File(event).sha256().empty());
+}
+
+TEST_F(GeneratorTest, ALargeFileWhoseDigestsAreKnownIsToldWithThem) {
+  const std::string path = folder_.Write("large", "");
+  std::filesystem::resize_file(path, edr::DigestPace::kMaxFreeSize + 1);
+  struct stat found {};
+  ASSERT_EQ(stat(path.c_str(), &found), 0);
+  digests_->Keep(found, {.md5 = {}, .sha1 = {}, .sha256 = {1}});
+  FakeEvent event = OfFile(EventType::Write, "Write", path);
+  event.content_hash.assign(32, 1);
+  Remember("Directory", folder_.Path());
+  for (int i = 0; i < 3; ++i) EXPECT_FALSE(File(event).sha256().empty());
+}
+
+TEST_F(GeneratorTest, NoFileIsToldWithTheTypeOfAnother) {
+  const std::string path = folder_.Write("script", "x");
+  Remember("Directory", folder_.Path());
+  struct stat found {};
+  ASSERT_EQ(stat(path.c_str(), &found), 0);
+  FakeEvent event = OfFile(EventType::Write, "Write", path);
+  event.file = common::ImageInfo(path, found);
+  EXPECT_EQ(File(event).type(), "Python");
+  event.file =
+      common::ImageInfo(common::util::DeviceText(found.st_dev), 644, found.st_ino + 1, path, 0, "root", "root", 0, "");
+  EXPECT_EQ(File(event).type(), "") << "another file has got the path";
+  event.file = common::ImageInfo(path);
+  EXPECT_EQ(File(event).type(), "Python") << "nobody knows which file it was";
+}
+
 TEST_F(GeneratorTest, ASizeThatNotEveryReaderHasExactlyIsTruncated) {
   FakeEvent event = OfFile(EventType::Write, "Write");
   event.size = FileEvent::kMaxSize;
@@ -570,11 +618,13 @@ TEST_F(GeneratorTest, TheEndOfADirectoryIsToldOnlyWhenThePlatformKnowsIt) {
   EXPECT_FALSE(IsKnown("Directory", "/srv/new"));
 }
 
-TEST_F(GeneratorTest, ARenamedDirectoryIsKnownUnderItsNewName) {
+TEST_F(GeneratorTest, ARenamedDirectoryIsKnownUnderItsNewNameAlone) {
   FakeEvent rename = OfDirectory(EventType::Rename, "Rename", "/srv/old");
   rename.new_file = Image("/srv/new");
+  Remember("Directory", "/srv/old");
   EXPECT_EQ(Only<wire::DirectoryEvent>(rename).path(), "/srv/new");
   EXPECT_TRUE(IsKnown("Directory", "/srv/new"));
+  EXPECT_FALSE(IsKnown("Directory", "/srv/old"));
 }
 
 TEST_F(GeneratorTest, ADirectoryThatIsGoneHasNoTimes) {
@@ -649,6 +699,18 @@ TEST_F(GeneratorTest, AStartIsThatOfItsProgramNotOfOneThatTheProcessStartedSince
   EXPECT_EQ(message.uniqueid(), UniqueProcessId(20, kLater, "/bin/cat"));
 }
 
+// After a restart: what audit knows of it is when the kernel made the process.
+TEST_F(GeneratorTest, AMadeUpStartOfAKnownProcessHasTheIdentityOfItsActions) {
+  FakeEvent start = OfProcess(EventType::ProcessStart, "Execve");
+  start.id = 0;
+  start.timestamp = kLater - 600 * kSecond;
+  const wire::ProcessEvent message = ProcessMessage(start);
+  EXPECT_EQ(message.uniqueid(), File(OfFile(EventType::Write, "Write")).actor().uniqueprocessid());
+  EXPECT_EQ(message.creationtime(), kLater);
+  start.image = Image("/bin/before");
+  EXPECT_EQ(ProcessMessage(start).uniqueid(), UniqueProcessId(20, start.timestamp, "/bin/before"));
+}
+
 TEST_F(GeneratorTest, AnEndThatNobodyCanAskMuchIsTold) {
   const edr::PseudoTerminateEvent end(*tree_->Get(20), clock_);
   generator_->Process(end, false);
@@ -705,14 +767,14 @@ TEST_F(GeneratorTest, AProgramIsOnDiskWhileItsFileIsThere) {
   EXPECT_FALSE(ProcessMessage(event).ondisk());
 }
 
-TEST_F(GeneratorTest, LongArgumentsAreCutBetweenCharacters) {
+TEST_F(GeneratorTest, LongArgumentsAreCutBetweenCharactersAndSaySo) {
   FakeEvent event = OfProcess(EventType::ProcessStart, "Execve");
   event.arguments = {"x", std::string(ProcessEvent::kMaxArguments - 2, 'a')};
   EXPECT_EQ(ProcessMessage(event).arguments().size(), ProcessEvent::kMaxArguments);
   event.arguments.emplace_back("b");
-  EXPECT_EQ(ProcessMessage(event).arguments(), "x " + std::string(ProcessEvent::kMaxArguments - 2, 'a'));
-  event.arguments = {std::string(ProcessEvent::kMaxArguments - 1, 'a') + "\xC3\xA4"};
-  EXPECT_EQ(ProcessMessage(event).arguments(), std::string(ProcessEvent::kMaxArguments - 1, 'a'));
+  EXPECT_EQ(ProcessMessage(event).arguments(), "x " + std::string(ProcessEvent::kMaxArguments - 5, 'a') + "...");
+  event.arguments = {std::string(ProcessEvent::kMaxArguments - 4, 'a') + "\xC3\xA4", "bcd"};
+  EXPECT_EQ(ProcessMessage(event).arguments(), std::string(ProcessEvent::kMaxArguments - 4, 'a') + "...");
 }
 
 TEST_F(GeneratorTest, ArgumentsNeverMakeAnEventThatTheSpoolRefuses) {

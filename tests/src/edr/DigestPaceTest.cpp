@@ -1,4 +1,4 @@
-#include "src/fim/DigestPace.h"
+#include "src/edr/DigestPace.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -9,7 +9,7 @@
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
 
-namespace zagent::fim::internal {
+namespace zagent::edr {
 namespace {
 
 using namespace std::chrono_literals;
@@ -27,7 +27,7 @@ class DigestPaceTest : public testing::Test {
   fakes::TempFolder folder_;
   fakes::FakeClock clock_;
   common::util::DigestCache cache_{clock_};
-  DigestPace pace_{cache_, clock_};
+  DigestPace pace_{cache_, clock_, "[FIM]: "};
 };
 
 TEST_F(DigestPaceTest, ALargeFileIsReadOnceInThirtySeconds) {
@@ -98,4 +98,4 @@ TEST_F(DigestPaceTest, AtTheBoundTheOldestIsForgotten) {
 }
 
 }  // namespace
-}  // namespace zagent::fim::internal
+}  // namespace zagent::edr

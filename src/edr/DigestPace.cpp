@@ -1,13 +1,12 @@
-#include "src/fim/DigestPace.h"
+#include "src/edr/DigestPace.h"
 
 #include <sys/stat.h>
 
 #include <algorithm>
 
 #include "common/src/util/Log.h"
-#include "src/fim/LogPrefix.h"
 
-namespace zagent::fim::internal {
+namespace zagent::edr {
 
 bool DigestPace::Admits(const std::string& path) {
   struct stat file {};
@@ -40,4 +39,4 @@ void DigestPace::MakeRoom() {
                                     [](const auto& one, const auto& other) { return one.second < other.second; }));
 }
 
-}  // namespace zagent::fim::internal
+}  // namespace zagent::edr
