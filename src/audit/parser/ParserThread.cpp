@@ -15,8 +15,9 @@ namespace {
 
 constexpr std::uint64_t kMiB = 1'048'576;
 constexpr std::size_t kFeedStep = 1'048'576;
-// Pieces that fit into so many bytes together are joined: a piece of a few bytes costs more than it holds.
-constexpr std::size_t kJoinedPiece = 65'536;
+// What is queued lies in pieces of this size, full but for the last: what grows by doubling, or comes in a few bytes at
+// a time, takes up to twice of what counts against the bound.
+constexpr std::size_t kPiece = 65'536;
 constexpr std::chrono::milliseconds kFlushDelay{100};
 constexpr std::chrono::seconds kCpuPause{1};
 
@@ -115,7 +116,7 @@ void ParserThread::OnData(IOChannel::Bytes&& data) {
   ZLOG_DEBUG("Audit parser queue size: " << queue_bytes_ / 1024 << " KB");
   // The parser sleeps on an empty queue only.
   const bool was_empty = queue_.empty();
-  Queue(std::move(data));
+  Queue(data);
   if (was_empty) data_condition_.notify_one();
 }
 
@@ -141,11 +142,14 @@ bool ParserThread::IsTakingData(std::size_t size) {
   return true;
 }
 
-void ParserThread::Queue(IOChannel::Bytes&& data) {
-  if (!queue_.empty() && queue_.back().size() + data.size() <= kJoinedPiece) {
-    queue_.back().insert(queue_.back().end(), data.begin(), data.end());
-  } else {
-    queue_.push_back(std::move(data));
+void ParserThread::Queue(const IOChannel::Bytes& data) {
+  std::size_t queued = 0;
+  while (queued < data.size()) {
+    if (queue_.empty() || queue_.back().size() == kPiece) queue_.emplace_back().reserve(kPiece);
+    IOChannel::Bytes& last = queue_.back();
+    const std::size_t size = std::min(kPiece - last.size(), data.size() - queued);
+    last.insert(last.end(), data.data() + queued, data.data() + queued + size);
+    queued += size;
   }
 }
 
@@ -208,9 +212,13 @@ bool ParserThread::TakeData(Pieces& data) {
   return !data.empty();
 }
 
-void ParserThread::Feed(const Pieces& data) {
+void ParserThread::Feed(Pieces& data) {
   std::size_t step = 0;
-  for (const IOChannel::Bytes& piece : data) FeedPiece(piece, step);
+  for (IOChannel::Bytes& piece : data) {
+    FeedPiece(piece, step);
+    // What does not count against the bound any more takes no memory any more.
+    IOChannel::Bytes().swap(piece);
+  }
   if (step != 0) EndStep(step);
 }
 

@@ -25,7 +25,8 @@ namespace zagent::audit {
 // First stage of the intake: takes bytes from an audit channel, feeds auparse, hands typed events to the second stage.
 //
 // Bound: half of the allowed memory, between 100 MiB and 1 GiB of bytes that are not parsed yet. At the bound bytes
-// are dropped until half of it is free again; two log lines mark the gap. The channel's thread never waits.
+// are dropped until half of it is free again; two log lines mark the gap. The channel's thread never waits. The bytes
+// take no more memory than they count for, also while they are being fed.
 //
 // A stage that dies of an exception is a stopped stage: from then on what the channel reads is dropped.
 class ParserThread {
@@ -67,16 +68,16 @@ class ParserThread {
   static QueueLimits QueueLimitsFor(std::uint64_t budget);
 
  private:
-  // What the channel has read, in its pieces; small ones are joined.
+  // What the channel has read, in pieces of one size.
   using Pieces = std::vector<IOChannel::Bytes>;
 
   void OnData(IOChannel::Bytes&& data);
   bool IsTakingData(std::size_t size);
-  void Queue(IOChannel::Bytes&& data);
+  void Queue(const IOChannel::Bytes& data);
   void Run();
   void RunUntilStopped();
   bool TakeData(Pieces& data);
-  void Feed(const Pieces& data);
+  void Feed(Pieces& data);
   // Feeds one piece. `step` counts what was fed since events were passed on the last time.
   void FeedPiece(const IOChannel::Bytes& piece, std::size_t& step);
   // The disk may have changed since.

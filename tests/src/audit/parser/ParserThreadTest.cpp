@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <libaudit.h>
+#include <malloc.h>
 
 #include <atomic>
 #include <chrono>
@@ -234,6 +235,26 @@ TEST_F(ParserThreadTest, JoinsWhatArrivesByteByByte) {
   AwaitFlushWait();
   EXPECT_EQ(measured_, 1 + 1) << "one step";
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST_F(ParserThreadTest, WhatIsQueuedTakesNoMoreMemoryThanItCountsFor) {
+  const auto held = [] {
+    const struct mallinfo2 all = mallinfo2();
+    return all.uordblks + all.hblkhd;
+  };
+  constexpr std::size_t kSlack = 6 * kMiB;  // this test's log lines among it
+  const IOChannel::Bytes record = Filler(3'000);
+  const std::size_t before = held();
+  while (parser_->GetQueuedBytes() < 40 * kMiB) channel_.Deliver(record);
+  EXPECT_LT(held() - before, 40 * kMiB + kSlack);
+
+  pause_at_ = {30};
+  parser_->Start();
+  AwaitCpuPauses(1);
+  EXPECT_LT(parser_->GetQueuedBytes(), 11 * kMiB) << "30 MiB are fed";
+  EXPECT_LT(held() - before, 11 * kMiB + kSlack);
+}
+#endif
 
 TEST_F(ParserThreadTest, AWallClockThatIsSetBackHoldsNeitherTheFlushNorTheCpuPause) {
   parser_->Start();
