@@ -96,6 +96,16 @@ Trie::Values Trie::GetValues(std::string_view path) const {
   return values;
 }
 
+bool Trie::HasValuesAtOrBelow(std::string_view path) const {
+  if (!path.starts_with('/')) return false;
+  const Node* node = root_.get();
+  for (std::string_view name = TakeComponent(path); node != nullptr && !name.empty(); name = TakeComponent(path)) {
+    node = node->Child(name);
+  }
+  // Only the root may stand without any.
+  return node != nullptr && !node->IsEmpty();
+}
+
 void Trie::Delete(const std::string& value, const std::string& tag, std::string_view path) {
   struct Step {
     Node* node;

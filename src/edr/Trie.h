@@ -29,6 +29,9 @@ class Trie {
   // invalid".
   [[nodiscard]] Values GetValues(std::string_view path) const;
 
+  // Whether a value stands at this path or below it. False for a path that is not absolute.
+  [[nodiscard]] bool HasValuesAtOrBelow(std::string_view path) const;
+
   // Takes one tag off a value; value and nodes that have become empty go too. What is not there is logged only.
   void Delete(const std::string& value, const std::string& tag, std::string_view path);
 

@@ -61,6 +61,7 @@ RuleEngine::RuleEngine(AuditNetlink& netlink, Settings settings, IntakeCounters&
   internal::Exclusions::DeleteAll(socket);
   rules_.SetCoverage(internal::FindCoverage(socket, settings.extended_coverage));
   exclusions_.AddAll(socket);
+  PublishPids();
 }
 
 RuleEngine::~RuleEngine() {
@@ -87,12 +88,30 @@ void RuleEngine::AddRules(const std::string& tag, Rules rules) {
   {
     const std::lock_guard lock(mutex_);
     AuditSocket socket(netlink_, "RuleEngine::AddRules: Failed to open audit socket");
+    PublishComingRules(tag, rules);
     replacement = rules_.Replace(socket, tag, std::move(rules), sights);
+    PublishRules();
     TellWatchedFolders();
     TellWhetherThereArePaths();
   }
   KeepFoundObjects(replacement.renewed);
   if (replacement.failure) throw *replacement.failure;
+}
+
+// What the kernel refuses of them it tells nothing of.
+void RuleEngine::PublishComingRules(const std::string& tag, const Rules& rules) {
+  const std::shared_ptr<internal::RuleTable> coming = rules_.Table().CopyWithout(tag);
+  for (const auto& rule : rules) {
+    try {
+      coming->Insert(tag, rule);
+    } catch (const std::runtime_error&) {  // NOLINT(bugprone-empty-catch): told when it is added in earnest
+    }
+  }
+  known_rules_.Set(coming);
+}
+
+void RuleEngine::PublishPids() {
+  known_pids_.Set(std::make_shared<const Pids>(Pids{exclusions_.GetExcludedPids(), exclusions_.GetAgentPids()}));
 }
 
 void RuleEngine::DeleteEverythingFromAudit(AuditSocket& socket) {
@@ -117,6 +136,7 @@ void RuleEngine::Invalidate() {
     AuditSocket socket(netlink_, "RuleEngine::Invalidate: Failed to open audit socket");
     DeleteEverythingFromAudit(socket);
     rules_.Clear();
+    PublishRules();
     exclusions_.AddAll(socket);
   }
   processes_.Invalidate();
@@ -134,13 +154,26 @@ void RuleEngine::UpdateExclusions(std::int32_t agent_pid, const std::string& age
     ZLOG_ERROR("RuleEngine: Failed to refresh exclusion rules in audit with new host warden pid"
                << ": " << error.what());
   }
+  PublishPids();
 }
 
 void RuleEngine::ProcessEvent(std::unique_ptr<edr::Event> event) {
   if (!event) throw std::runtime_error("RuleEngine::ProcessEvent: 'event' is nullptr");
   if (listener_) listener_(*event);
   RouteFoundObjects();
-  if (!FollowKernelsRules(*event)) return;
+  if (event->GetType() == EventType::Delete && dynamic_cast<internal::RuleRemovedEvent*>(event.get()) != nullptr) {
+    if (removals_.size() >= kMostNews) {
+      removals_.pop_front();
+      counters_.Add(IntakeCounters::Reason::NotProcessed);
+    }
+    removals_.emplace_back(static_cast<internal::RuleRemovedEvent*>(event.release()));
+    event = nullptr;
+  }
+  CatchUp();
+  if (event) Route(std::move(event));
+}
+
+void RuleEngine::Route(std::unique_ptr<edr::Event> event) {
   CorrectPaths(*event);
   NoteDisguise(*event);
   FollowFolders(*event);
@@ -150,12 +183,9 @@ void RuleEngine::ProcessEvent(std::unique_ptr<edr::Event> event) {
 // When the event has rested the process may be gone.
 void RuleEngine::NoteDisguise(edr::Event& event) {
   if (event.GetObjectType() != edr::ObjectType::File && event.GetObjectType() != edr::ObjectType::Directory) return;
-  std::vector<internal::RuleTable::Rule> rules;
-  {
-    const std::lock_guard lock(mutex_);
-    rules = rules_.Table().RulesOf(rules_.Table().FindFor(event));
-    for (auto& rule : rules_.Table().RulesOfAuditKey(event.GetAuditKey())) rules.push_back(std::move(rule));
-  }
+  const auto known = known_rules_.Get();
+  std::vector<internal::RuleTable::Rule> rules = known->RulesOf(known->FindFor(event));
+  for (auto& rule : known->RulesOfAuditKey(event.GetAuditKey())) rules.push_back(std::move(rule));
   const bool is_trusted =
       std::any_of(rules.begin(), rules.end(), [&](const auto& rule) { return rule->TrustsProgramOf(event); });
   if (is_trusted && internal::IsImageProvedAnotherFile(event, proc_root_)) event.SetImageDisguised();
@@ -163,9 +193,13 @@ void RuleEngine::NoteDisguise(edr::Event& event) {
 
 bool RuleEngine::OnIdle() {
   const bool more_was_found = RouteFoundObjects();
+  CatchUp();
   if (clock_.SteadyNow() >= next_look_) {
-    next_look_ = clock_.SteadyNow() + kLookInterval;
-    LookAtExclusions();
+    const std::unique_lock lock(mutex_, std::try_to_lock);
+    if (lock) {
+      next_look_ = clock_.SteadyNow() + kLookInterval;
+      RenewExclusions();
+    }
   }
   return router_.OnIdle() || more_was_found;
 }
@@ -175,11 +209,14 @@ void RuleEngine::OnStop(std::chrono::nanoseconds time) {
   while (clock_.SteadyNow() < end && RouteFoundObjects()) {
   }
   DropFoundObjects();
+  CatchUp();
+  counters_.Add(IntakeCounters::Reason::LeftAtStop, removals_.size());
+  removals_.clear();
   router_.DeliverRest(std::max<std::chrono::nanoseconds>(end - clock_.SteadyNow(), {}));
 }
 
 void RuleEngine::DropFoundObjects() {
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(found_mutex_);
   if (found_objects_.empty()) return;
   ZLOG_WARNING("RuleEngine: No time left to report " << found_objects_.size() << " objects that were found");
   counters_.Add(IntakeCounters::Reason::LeftAtStop, found_objects_.size());
@@ -188,7 +225,12 @@ void RuleEngine::DropFoundObjects() {
 
 void RuleEngine::LookAtExclusions() {
   const std::lock_guard lock(mutex_);
+  RenewExclusions();
+}
+
+void RuleEngine::RenewExclusions() {
   const bool has_ended = exclusions_.EndMissing();
+  PublishPids();
   if (!has_ended && exclusions_.IsComplete()) return;
   try {
     AuditSocket socket(netlink_, "RuleEngine: Failed to open audit socket");
@@ -202,21 +244,19 @@ bool RuleEngine::IsContainerProcess(const edr::Event& event) {
   return container_check_.IsContainerProcess(event);
 }
 
-bool RuleEngine::HasProcessRules() {
-  const std::lock_guard lock(mutex_);
-  return rules_.Table().HasProcessRules();
+bool RuleEngine::HasProcessRules() const {
+  return known_rules_.Get()->HasProcessRules();
 }
 
 bool RuleEngine::ShouldProcessEvent(const edr::Event& event, internal::EventSource source) {
-  const std::lock_guard lock(mutex_);
+  const auto pids = known_pids_.Get();
   if (source == internal::EventSource::FileCache) {
     // What the process was was judged when the event came in: it may have become one of the family since.
-    return !IsDropped(event, own_activity_.IsDoneBelow(event, exclusions_.GetAgentPids()));
+    return !IsDropped(event, own_activity_.IsDoneBelow(event, pids->agents));
   }
   // Before the end of an excluded process ends its exclusion.
-  const bool is_own =
-      event.GetType() != EventType::AbnormalEnd && own_activity_.IsSourceOf(event, exclusions_.GetExcludedPids());
-  if (event.GetObjectType() == edr::ObjectType::Process) FollowFamily(event);
+  const bool is_own = event.GetType() != EventType::AbnormalEnd && own_activity_.IsSourceOf(event, pids->excluded);
+  if (event.GetObjectType() == edr::ObjectType::Process) FollowFamily(event, *pids);
   return !IsDropped(event, is_own);
 }
 
@@ -227,16 +267,48 @@ bool RuleEngine::IsDropped(const edr::Event& event, bool is_own) {
   return is_own;
 }
 
-void RuleEngine::FollowFamily(const edr::Event& event) {
+void RuleEngine::FollowFamily(const edr::Event& event, const Pids& pids) {
   const bool is_end = event.GetType() == EventType::ProcessExit || event.GetType() == EventType::AbnormalEnd;
   const std::optional<internal::ProcessClaim> sibling = own_activity_.FindSibling(event);
+  FamilyNews news;
+  if (is_end && pids.excluded.count(event.GetActorProcessId()) != 0) news.ended = event.GetActorProcessId();
+  if (sibling && event.GetType() == EventType::ProcessStart) {
+    news.started = sibling;
+    news.program = sibling->image;
+  }
+  if (!news.ended && !news.started) return;
+  if (family_news_.size() >= kMostNews) family_news_.pop_front();
+  family_news_.push_back(std::move(news));
+  CatchUpWithFamily();
+}
+
+void RuleEngine::CatchUp() {
+  CatchUpWithRemovals();
+  CatchUpWithFolders();
+  CatchUpWithFamily();
+}
+
+void RuleEngine::CatchUpWithFamily() {
+  while (!family_news_.empty()) {
+    const std::unique_lock lock(mutex_, std::try_to_lock);
+    if (!lock) return;
+    const FamilyNews news = std::move(family_news_.front());
+    family_news_.pop_front();
+    NoteFamily(news);
+    PublishPids();
+  }
+}
+
+void RuleEngine::NoteFamily(const FamilyNews& news) {
+  std::optional<internal::ProcessClaim> sibling = news.started;
   std::optional<std::int64_t> start;
   std::string name;
-  bool has_ended = is_end && exclusions_.End(event.GetActorProcessId());
-  if (sibling && event.GetType() == EventType::ProcessStart) {
-    name = sibling->image.substr(sibling->image.rfind('/') + 1);
+  bool has_ended = news.ended && exclusions_.End(*news.ended);
+  if (sibling) {
+    sibling->image = news.program;
+    name = news.program.substr(news.program.rfind('/') + 1);
     // Who was killed has sent no word of it.
-    has_ended = exclusions_.EndIfMissing(name);
+    has_ended = exclusions_.EndIfMissing(name) || has_ended;
     if (!exclusions_.Contains(name)) start = own_activity_.Prove(*sibling);
   }
   if (!start && !has_ended) return;

@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -16,10 +17,12 @@
 #include "common/src/util/Clock.h"
 #include "src/audit/channels/AuditNetlink.h"
 #include "src/audit/engine/InstalledRules.h"
+#include "src/audit/engine/Published.h"
 #include "src/audit/engine/TruePaths.h"
 #include "src/audit/engine/WatchedPlace.h"
 #include "src/audit/events/FileEvent.h"
 #include "src/audit/events/IntakeCounters.h"
+#include "src/audit/events/RuleRemovedEvent.h"
 #include "src/audit/events/WatchedFolder.h"
 #include "src/audit/routing/ContainerCheck.h"
 #include "src/audit/routing/EventRouter.h"
@@ -36,6 +39,11 @@ namespace zagent::audit {
 //
 // One mutex guards the tables, and the kernel calls run under it, which also serialises libaudit's global state. Every
 // operation that talks to the kernel opens a netlink socket of its own. Handlers are called outside the mutex.
+//
+// A change of many rules keeps the kernel busy for minutes, and the event thread does not wait for it: it judges by the
+// newest snapshot of rules and excluded processes. The rules of a change stand in it before the kernel has the first of
+// them, so that no event comes too early for its rule. What an event means for the kernel's rules is done at once when
+// the mutex is free, and otherwise with a later event or idle second.
 class RuleEngine final : public edr::EventRuleEngine {
  public:
   struct Settings {
@@ -100,12 +108,36 @@ class RuleEngine final : public edr::EventRuleEngine {
   // File events that rest until their file has settled. Takes no lock.
   [[nodiscard]] std::size_t GetRestingEvents() const { return router_.GetRestingEvents(); }
 
+  // Objects that were found when a rule came into force, and wait for the event thread. From any thread.
+  [[nodiscard]] std::size_t GetFoundObjects() const {
+    const std::lock_guard lock(found_mutex_);
+    return found_objects_.size();
+  }
+
   // Whether a container runtime has started the event's process. Event thread.
   [[nodiscard]] bool IsContainerProcess(const edr::Event& event);
 
  private:
-  // Event thread. All take the mutex, none holds it while handlers run.
-  [[nodiscard]] bool HasProcessRules();
+  static constexpr std::size_t kMostNews = 1'000;
+
+  struct Pids {
+    std::set<std::int32_t> excluded;
+    std::set<std::int32_t> agents;  // the program and its parent agent
+  };
+  // What an event says of the program's family of processes.
+  struct FamilyNews {
+    std::optional<std::int32_t> ended;
+    std::optional<internal::ProcessClaim> started;  // its program's path is `program`
+    std::string program;
+  };
+  // What an event says of folders that rules stand at or below; empty texts where it says nothing.
+  struct FolderNews {
+    std::string gone;
+    std::string come;
+  };
+
+  // Event thread. None waits for the mutex.
+  [[nodiscard]] bool HasProcessRules() const;
   [[nodiscard]] bool ShouldProcessEvent(const edr::Event& event, internal::EventSource source);
   [[nodiscard]] static bool IsDropped(const edr::Event& event, bool is_own);
   void CallHandlers(const edr::Event& event, const edr::Event* twin);
@@ -113,37 +145,48 @@ class RuleEngine final : public edr::EventRuleEngine {
                       std::exception_ptr& first_failure);
   // The rules that the path of the event leads to and, unless it has a twin that tells them, those that the kernel's
   // key names.
-  [[nodiscard]] internal::RuleTable::IdsByTag FindRules(const edr::Event& event, bool has_twin);
+  [[nodiscard]] internal::RuleTable::IdsByTag FindRules(const edr::Event& event, bool has_twin) const;
   // Whether an event whose path leads to other rules may concern those that the kernel's key names. What is removed may
   // be the other side of a rename, which the key was for: there the object has to be a rule's.
   [[nodiscard]] bool MayConcern(const std::vector<internal::RuleTable::Rule>& named, const edr::Event& event) const;
   // The rules that the twin concerns, without those that hear of the event itself.
-  [[nodiscard]] internal::RuleTable::IdsByTag FindOtherRules(const edr::Event& twin, const edr::Event& event);
+  [[nodiscard]] internal::RuleTable::IdsByTag FindOtherRules(const edr::Event& twin, const edr::Event& event) const;
   // Event thread. Gives an event of a file the path under which rules know it, when the one that it was called by is
   // known to none. What no path leads to is left to the audit key, with the true path where that is known.
   void CorrectPaths(edr::Event& event);
-  [[nodiscard]] bool HasRuleAt(const std::string& path);
   // Event thread. Looks at the program of the event's process, where a rule would believe its name.
   void NoteDisguise(edr::Event& event);
   // Event thread. Where the path of an event leads to rules of other folders than the one that the kernel has told of
   // with its key, by a link in one of them: the event under its path in the kernel's folder, for that one's rules. Null
   // when the path leads to the rule that the key names, or no path is known that does.
   [[nodiscard]] std::unique_ptr<edr::Event> FindTwin(const edr::Event& event);
-  // Event thread. Rules whose folder has gone or come are looked after. False for an event that says nothing else.
-  bool FollowKernelsRules(const edr::Event& event);
+  void Route(std::unique_ptr<edr::Event> event);
   void FollowFolders(const edr::Event& event);
+  void FollowFamily(const edr::Event& event, const Pids& pids);
+  // Does what waits for the mutex, as far as that is free.
+  void CatchUp();
+  void CatchUpWithRemovals();
+  void CatchUpWithFolders();
+  void CatchUpWithFamily();
   // A portion of them. True when more wait.
   bool RouteFoundObjects();
   void DropFoundObjects();
   // Any thread, without the mutex.
   [[nodiscard]] std::vector<internal::Sight> LookAtAll(const std::vector<internal::WatchedPlace>& places) const;
-  void LookAtPlaces(const std::vector<internal::WatchedPlace>& places);
+  // False when the mutex is not free and is not to be waited for.
+  bool LookAtPlaces(const std::vector<internal::WatchedPlace>& places, bool waits);
   void KeepFoundObjects(const std::vector<internal::InstalledRules::Renewed>& renewed);
   void KeepFoundObjectsOf(const edr::EventRule& rule);
-  // Event thread, with the mutex. The kernel's exclusions follow the family's processes.
-  void FollowFamily(const edr::Event& event);
 
   // The caller holds the mutex.
+  // True when the event says more than that the kernel has dropped rules.
+  bool NoteRemovedRules(const internal::RuleRemovedEvent& told);
+  // The kernel's exclusions follow the family's processes.
+  void NoteFamily(const FamilyNews& news);
+  void RenewExclusions();
+  void PublishRules() { known_rules_.Set(rules_.Table().Copy()); }
+  void PublishComingRules(const std::string& tag, const Rules& rules);
+  void PublishPids();
   void DeleteEverythingFromAudit(internal::AuditSocket& socket);
   void TellWatchedFolders() const;
   void TellWhetherThereArePaths();
@@ -151,16 +194,24 @@ class RuleEngine final : public edr::EventRuleEngine {
   AuditNetlink& netlink_;
   IntakeCounters& counters_;
   const std::function<void(std::vector<internal::WatchedFolder>)> watch_folders_;
-  std::mutex mutex_;
+  std::mutex mutex_;  // taken before found_mutex_
   internal::Exclusions exclusions_;
   internal::InstalledRules rules_;
+  internal::Published<internal::RuleTable> known_rules_;
+  internal::Published<Pids> known_pids_;
   const internal::FileEvent::Context file_context_;
   const std::function<void()> look_at_paths_;
   const std::function<internal::Sight(const internal::WatchedPlace&)> look_at_;
   const std::function<void(const edr::Event&)> listener_;
   std::atomic<bool> has_paths_{false};
   const std::string proc_root_;
-  std::deque<std::unique_ptr<edr::Event>> found_objects_;  // with the mutex; for the event thread
+  mutable std::mutex found_mutex_;
+  std::deque<std::unique_ptr<edr::Event>> found_objects_;  // for the event thread
+  // Event thread; they wait for the mutex. What is more than kMostNews of a kind is left to the looks that are due
+  // within a minute anyhow; an event that goes for that is counted.
+  std::deque<std::unique_ptr<internal::RuleRemovedEvent>> removals_;
+  std::deque<FolderNews> folder_news_;
+  std::deque<FamilyNews> family_news_;
   internal::TruePaths true_paths_;
   internal::ProcessModel processes_;  // event thread
   internal::ImageProof proof_;

@@ -64,20 +64,12 @@ const std::string& PathOf(const common::ImageInfo* file) {
 
 }  // namespace
 
-bool RuleEngine::HasRuleAt(const std::string& path) {
-  const std::lock_guard lock(mutex_);
-  return !rules_.Table().FindAt(path).empty();
-}
-
 void RuleEngine::CorrectPaths(edr::Event& event) {
   if (!IsOfFiles(event)) return;
-  std::vector<internal::RuleTable::Rule> named;
-  {
-    const std::lock_guard lock(mutex_);
-    if (rules_.Table().IsEmpty() || !rules_.Table().FindFor(event).empty()) return;
-    named = rules_.Table().RulesOfAuditKey(event.GetAuditKey());
-  }
-  const auto has_rule = [this](const std::string& path) { return HasRuleAt(path); };
+  const auto known = known_rules_.Get();
+  if (known->IsEmpty() || !known->FindFor(event).empty()) return;
+  const std::vector<internal::RuleTable::Rule> named = known->RulesOfAuditKey(event.GetAuditKey());
+  const auto has_rule = [&known](const std::string& path) { return !known->FindAt(path).empty(); };
   const std::vector<std::string> new_paths = true_paths_.OfNewFile(event);
   const std::vector<std::string> paths = true_paths_.OfFile(event);
   const auto new_path = std::find_if(new_paths.begin(), new_paths.end(), has_rule);
@@ -93,16 +85,11 @@ void RuleEngine::CorrectPaths(edr::Event& event) {
 }
 
 std::unique_ptr<edr::Event> RuleEngine::FindTwin(const edr::Event& event) {
-  std::vector<internal::RuleTable::Rule> found;
-  std::vector<internal::RuleTable::Rule> named;
-  {
-    const std::lock_guard lock(mutex_);
-    const IdsByTag by_path = rules_.Table().FindFor(event);
-    if (by_path.empty() || HaveCommon(by_path, rules_.Table().FindByAuditKey(event.GetAuditKey()))) return nullptr;
-    found = rules_.Table().RulesOf(by_path);
-    named = rules_.Table().RulesOfAuditKey(event.GetAuditKey());
-  }
-  for (const auto& rule : named) {
+  const auto known = known_rules_.Get();
+  const IdsByTag by_path = known->FindFor(event);
+  if (by_path.empty() || HaveCommon(by_path, known->FindByAuditKey(event.GetAuditKey()))) return nullptr;
+  const std::vector<internal::RuleTable::Rule> found = known->RulesOf(by_path);
+  for (const auto& rule : known->RulesOfAuditKey(event.GetAuditKey())) {
     // It hears of the event under the path that the other has.
     if (StandsWithOneOf(found, *rule)) return nullptr;
     const internal::TruePaths::Names names = true_paths_.Within(*rule, event);
@@ -121,17 +108,13 @@ bool RuleEngine::MayConcern(const std::vector<internal::RuleTable::Rule>& named,
   return std::any_of(named.begin(), named.end(), [&](const auto& rule) { return true_paths_.IsFileOf(*rule, event); });
 }
 
-IdsByTag RuleEngine::FindRules(const edr::Event& event, bool has_twin) {
-  IdsByTag found;
-  IdsByTag named;
+IdsByTag RuleEngine::FindRules(const edr::Event& event, bool has_twin) const {
+  const auto known = known_rules_.Get();
+  IdsByTag found = known->FindFor(event);
+  if (!IsOfFiles(event) || has_twin) return found;
+  const IdsByTag named = known->FindByAuditKey(event.GetAuditKey());
   std::vector<internal::RuleTable::Rule> hidden;  // that the key names, where the path leads to others only
-  {
-    const std::lock_guard lock(mutex_);
-    found = rules_.Table().FindFor(event);
-    if (!IsOfFiles(event) || has_twin) return found;
-    named = rules_.Table().FindByAuditKey(event.GetAuditKey());
-    if (!HaveCommon(found, named)) hidden = rules_.Table().RulesOfAuditKey(event.GetAuditKey());
-  }
+  if (!HaveCommon(found, named)) hidden = known->RulesOfAuditKey(event.GetAuditKey());
   const bool is_told = MayConcern(hidden, event);
   for (const auto& [tag, ids] : named) {
     // The kernel watches objects: one that no path of a rule leads to has another name, or was moved.
@@ -144,11 +127,11 @@ IdsByTag RuleEngine::FindRules(const edr::Event& event, bool has_twin) {
   return found;
 }
 
-IdsByTag RuleEngine::FindOtherRules(const edr::Event& twin, const edr::Event& event) {
-  const std::lock_guard lock(mutex_);
-  IdsByTag found = rules_.Table().FindFor(twin);
-  for (const auto& [tag, ids] : rules_.Table().FindByAuditKey(twin.GetAuditKey())) AddMissing(ids, found[tag]);
-  for (const auto& [tag, told] : rules_.Table().FindFor(event)) {
+IdsByTag RuleEngine::FindOtherRules(const edr::Event& twin, const edr::Event& event) const {
+  const auto known = known_rules_.Get();
+  IdsByTag found = known->FindFor(twin);
+  for (const auto& [tag, ids] : known->FindByAuditKey(twin.GetAuditKey())) AddMissing(ids, found[tag]);
+  for (const auto& [tag, told] : known->FindFor(event)) {
     const auto others = found.find(tag);
     if (others == found.end()) continue;
     std::erase_if(others->second, [&ids = told](const std::string& id) { return Has(ids, id); });
@@ -157,28 +140,62 @@ IdsByTag RuleEngine::FindOtherRules(const edr::Event& twin, const edr::Event& ev
   return found;
 }
 
-bool RuleEngine::FollowKernelsRules(const edr::Event& event) {
-  if (event.GetType() != EventType::Delete) return true;
-  const auto* told = dynamic_cast<const internal::RuleRemovedEvent*>(&event);
-  if (told == nullptr) return true;
-  const std::lock_guard lock(mutex_);
+void RuleEngine::CatchUpWithRemovals() {
+  while (!removals_.empty()) {
+    std::unique_ptr<internal::RuleRemovedEvent> told;
+    bool says_more = false;
+    {
+      const std::unique_lock lock(mutex_, std::try_to_lock);
+      if (!lock) return;
+      told = std::move(removals_.front());
+      removals_.pop_front();
+      says_more = NoteRemovedRules(*told);
+    }
+    if (says_more) Route(std::move(told));
+  }
+}
+
+bool RuleEngine::NoteRemovedRules(const internal::RuleRemovedEvent& told) {
   bool is_news = false;
-  for (const auto& [key, path] : told->RemovedRules()) is_news = rules_.NoteRuleGone(netlink_, key, path) || is_news;
-  return is_news && !told->IsToldByCall() && event.GetObjectType() == ObjectType::Directory;
+  for (const auto& [key, path] : told.RemovedRules()) is_news = rules_.NoteRuleGone(netlink_, key, path) || is_news;
+  return is_news && !told.IsToldByCall() && told.GetObjectType() == ObjectType::Directory;
 }
 
 void RuleEngine::FollowFolders(const edr::Event& event) {
   if (event.GetObjectType() != ObjectType::Directory || !event.IsSuccessful()) return;
   const EventType type = event.GetType();
   const bool is_rename = type == EventType::Rename;
-  std::vector<internal::WatchedPlace> awaited;
-  {
-    const std::lock_guard lock(mutex_);
-    if (type == EventType::Delete || is_rename) rules_.NotePathGone(PathOf(event.GetFile()));
-    if (type == EventType::Create) awaited = rules_.AwaitedPlaces(PathOf(event.GetFile()));
-    if (is_rename) awaited = rules_.AwaitedPlaces(PathOf(event.GetNewFile()));
+  const auto known = known_rules_.Get();
+  const auto concerned = [&known](const common::ImageInfo* folder) {
+    const std::string& path = PathOf(folder);
+    return known->HasAtOrBelow(path) ? path : std::string();
+  };
+  FolderNews news;
+  if (type == EventType::Delete || is_rename) news.gone = concerned(event.GetFile());
+  if (type == EventType::Create) news.come = concerned(event.GetFile());
+  if (is_rename) news.come = concerned(event.GetNewFile());
+  if (news.gone.empty() && news.come.empty()) return;
+  if (folder_news_.size() >= kMostNews) folder_news_.pop_front();
+  folder_news_.push_back(std::move(news));
+  CatchUpWithFolders();
+}
+
+void RuleEngine::CatchUpWithFolders() {
+  while (!folder_news_.empty()) {
+    FolderNews news;
+    std::vector<internal::WatchedPlace> awaited;
+    {
+      const std::unique_lock lock(mutex_, std::try_to_lock);
+      if (!lock) return;
+      news = std::move(folder_news_.front());
+      folder_news_.pop_front();
+      if (!news.gone.empty()) rules_.NotePathGone(std::exchange(news.gone, {}));
+      if (!news.come.empty()) awaited = rules_.AwaitedPlaces(news.come);
+    }
+    if (LookAtPlaces(awaited, false)) continue;
+    folder_news_.push_front(std::move(news));
+    return;
   }
-  LookAtPlaces(awaited);
 }
 
 void RuleEngine::LookAtPaths() {
@@ -188,7 +205,7 @@ void RuleEngine::LookAtPaths() {
     places = rules_.AwaitedPlaces();
     for (auto& place : rules_.NextPlaces()) places.push_back(std::move(place));
   }
-  LookAtPlaces(places);
+  LookAtPlaces(places, true);
 }
 
 std::vector<internal::Sight> RuleEngine::LookAtAll(const std::vector<internal::WatchedPlace>& places) const {
@@ -198,14 +215,16 @@ std::vector<internal::Sight> RuleEngine::LookAtAll(const std::vector<internal::W
   return sights;
 }
 
-void RuleEngine::LookAtPlaces(const std::vector<internal::WatchedPlace>& places) {
-  if (places.empty()) return;
+bool RuleEngine::LookAtPlaces(const std::vector<internal::WatchedPlace>& places, bool waits) {
+  if (places.empty()) return true;
   const std::vector<internal::Sight> sights = LookAtAll(places);
   std::vector<internal::InstalledRules::Renewed> renewed;
   {
-    const std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_, std::defer_lock);
+    if (waits) lock.lock();
+    if (!waits && !lock.try_lock()) return false;
     // The rules may be others by now: only what they are counts from here on.
-    if (!rules_.Judge(netlink_, sights)) return;
+    if (!rules_.Judge(netlink_, sights)) return true;
     try {
       AuditSocket socket(netlink_, "RuleEngine: Failed to open audit socket");
       renewed = rules_.Renew(socket, sights);
@@ -216,6 +235,7 @@ void RuleEngine::LookAtPlaces(const std::vector<internal::WatchedPlace>& places)
     if (!renewed.empty()) TellWatchedFolders();
   }
   KeepFoundObjects(renewed);
+  return true;
 }
 
 // One look a place tells all rules that stand there or above.
@@ -237,7 +257,7 @@ void RuleEngine::KeepFoundObjectsOf(const edr::EventRule& rule) {
   } else if (auto file = internal::MakeFoundObject(rule.GetPath(), rule.GetId(), now, file_context_)) {
     found.push_back(std::move(file));
   }
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(found_mutex_);
   for (auto& event : found) {
     if (found_objects_.size() >= kMostFoundObjects) {
       ZLOG_WARNING("RuleEngine: No room to report what was found at " << rule.GetPath());
@@ -251,7 +271,7 @@ bool RuleEngine::RouteFoundObjects() {
   std::vector<std::unique_ptr<edr::Event>> found;
   bool is_more_left = false;
   {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(found_mutex_);
     for (; !found_objects_.empty() && found.size() < kMostRoutedAtOnce; found_objects_.pop_front()) {
       found.push_back(std::move(found_objects_.front()));
     }

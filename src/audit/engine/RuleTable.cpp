@@ -136,6 +136,15 @@ void RuleTable::Clear() {
   process_paths_.emplace();
 }
 
+std::shared_ptr<RuleTable> RuleTable::CopyWithout(const std::string& tag) const {
+  auto copy = std::make_shared<RuleTable>();
+  for (const auto& [other_tag, rules] : rules_) {
+    if (other_tag == tag) continue;
+    for (const auto& [key, rule] : rules) copy->Insert(other_tag, rule);
+  }
+  return copy;
+}
+
 std::size_t RuleTable::GetSize() const {
   std::size_t size = 0;
   for (const auto& [tag, rules] : rules_) size += rules.size();

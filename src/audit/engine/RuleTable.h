@@ -44,6 +44,10 @@ class RuleTable {
   void Remove(const std::string& tag, const RuleKey& key);
   void Clear();
 
+  // Another table with the same rules, but for those of a tag.
+  [[nodiscard]] std::shared_ptr<RuleTable> CopyWithout(const std::string& tag) const;
+  [[nodiscard]] std::shared_ptr<RuleTable> Copy() const { return CopyWithout({}); }
+
   // Tag to rules.
   [[nodiscard]] const std::map<std::string, RulesByKey>& GetRules() const { return rules_; }
   [[nodiscard]] std::size_t GetSize() const;
@@ -60,6 +64,8 @@ class RuleTable {
   [[nodiscard]] IdsByTag FindFor(const edr::Event& event) const;
   // The rules of files and folders that stand at this path or above it.
   [[nodiscard]] IdsByTag FindAt(const std::string& path) const;
+  // Whether a rule of a file or folder stands at this path or below it.
+  [[nodiscard]] bool HasAtOrBelow(const std::string& path) const { return paths_->HasValuesAtOrBelow(path); }
   // The rules of files and folders that a key of the kernel's rules names, as the records tell it: in hexadecimal when
   // it has odd characters. What agrees in as much of its id as is compared counts when no id agrees as a whole.
   [[nodiscard]] IdsByTag FindByAuditKey(const std::string& key) const;

@@ -287,6 +287,7 @@ std::vector<QueueReport::Gauge> Daemon::MakeGauges() const {
       {"parser queue", [this] { return parser_ ? parser_->GetQueuedBytes() : 0; }},
       {"events", [this] { return parser_ ? parser_->GetQueuedEvents() * QueueReport::kBytesPerEvent : 0; }},
       {"resting file events", [this] { return rule_engine_->GetRestingEvents() * QueueReport::kBytesPerEvent; }},
+      {"found objects", [this] { return rule_engine_->GetFoundObjects() * QueueReport::kBytesPerEvent; }},
       {"IOC events", [this] { return ioc_->GetQueuedEvents() * QueueReport::kBytesPerEvent; }},
       {"tasks", [this] { return (fim_ ? fim_->GetWaitingBytes() : 0) + ioc_->GetWaitingBytes(); }},
       {"components", [this] { return (fim_ ? fim_->GetCachedBytes() : 0) + ioc_->GetCachedBytes(); }},

@@ -116,5 +116,16 @@ TEST_F(TrieTest, SurvivesAPathDeeperThanTheStack) {
   EXPECT_EQ(trie_.GetValues(path + "/file").size(), 1U);
 }
 
+TEST_F(TrieTest, KnowsWhetherAnythingStandsAtAPathOrBelow) {
+  EXPECT_FALSE(trie_.HasValuesAtOrBelow("/"));
+  trie_.Insert("rule", "FIM", "/srv/data/in");
+  for (const char* path : {"/", "/srv", "/srv//data/", "/srv/data/in"}) EXPECT_TRUE(trie_.HasValuesAtOrBelow(path));
+  for (const char* path : {"/srv/data/in/deep", "/srv/dat", "/srv/data/inn", "srv", ""}) {
+    EXPECT_FALSE(trie_.HasValuesAtOrBelow(path)) << path;
+  }
+  trie_.Delete("rule", "FIM", "/srv/data/in");
+  EXPECT_FALSE(trie_.HasValuesAtOrBelow("/srv"));
+}
+
 }  // namespace
 }  // namespace zagent::edr

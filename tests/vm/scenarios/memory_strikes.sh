@@ -36,6 +36,10 @@ sleep $LOOK
 expect "one between the limits is none" struck 4
 act create $WATCHED/before-the-end.txt
 resident 700000
+# Once a minute, by the log: the sum and its parts.
+queues='Queues and caches hold [0-9]* KB (parser queue [0-9]* KB, events [0-9]* KB, resting file events [0-9]* KB, '
+queues="${queues}found objects [0-9]* KB, IOC events [0-9]* KB, tasks [0-9]* KB, components [0-9]* KB, statuses [0-9]* KB)\$"
+expect "what the queues hold is told" grep -q "$queues" $LOG/edr.log
 agent_ended_by_itself() { wait_until $((LOOK + 20)) agent_is_over; }
 expect "the third in a row ends it" agent_ended_by_itself
 agent_ends

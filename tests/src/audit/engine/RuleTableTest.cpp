@@ -219,5 +219,23 @@ TEST_F(RuleTableTest, NamesTheFoldersThatAreWatched) {
   EXPECT_EQ(table_.WatchedFolders(), (Folders{{"/", true}, {"/etc", false}, {"/srv/data", true}}));
 }
 
+TEST_F(RuleTableTest, ACopyHasTheSameRulesAndGoesItsOwnWay) {
+  Insert("FIM", "a", "/srv");
+  Insert("IOC", "b", "/srv/data");
+  InsertNamed("IOC", "shell", "sh");
+  const std::shared_ptr<RuleTable> copy = table_.Copy();
+  table_.Clear();
+  EXPECT_EQ(copy->GetSize(), 3U);
+  EXPECT_TRUE(copy->HasProcessRules());
+  EXPECT_TRUE(copy->HasAtOrBelow("/srv/data"));
+  EXPECT_EQ(copy->FindAt("/srv/data/file"), (Ids{{"FIM", {"a"}}, {"IOC", {"b"}}}));
+  EXPECT_EQ(copy->FindByAuditKey("b"), (Ids{{"IOC", {"b"}}}));
+
+  const std::shared_ptr<RuleTable> rest = copy->CopyWithout("IOC");
+  EXPECT_EQ(rest->GetSize(), 1U);
+  EXPECT_FALSE(rest->HasProcessRules());
+  EXPECT_EQ(rest->FindAt("/srv/data/file"), (Ids{{"FIM", {"a"}}}));
+}
+
 }  // namespace
 }  // namespace zagent::audit::internal

@@ -1,0 +1,190 @@
+#include <gtest/gtest.h>
+#include <libaudit.h>
+
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "tests/fakes/Gate.h"
+#include "tests/src/audit/engine/RuleEnginePathsFixture.h"
+
+namespace zagent::audit {
+namespace {
+
+using edr::EventType;
+using edr::ObjectType;
+using fakes::FakeEvent;
+using fakes::FakeRule;
+using fakes::SeenRule;
+
+// The event thread while a change of rules waits for the kernel.
+class RuleEngineSnapshotTest : public RuleEnginePathsFixture {
+ protected:
+  ~RuleEngineSnapshotTest() override { LetGo(); }
+
+  // Another thread adds these rules, and the kernel does not answer it until LetGo.
+  void HoldChange(const std::string& tag, edr::EventRuleEngine::Rules rules) {
+    kernel_.refuse_add = [this](const SeenRule& /*rule*/) {
+      in_kernel_.Open();
+      static_cast<void>(let_go_.Await(10 * fakes::kTestPatience));
+      return 0;
+    };
+    change_ = std::async(std::launch::async, [this, tag, added = std::move(rules)] { engine_->AddRules(tag, added); });
+    ASSERT_TRUE(in_kernel_.Await());
+  }
+  void LetGo() {
+    let_go_.Open();
+    if (change_.valid()) change_.get();
+  }
+  // On a thread of its own, which an engine that waits holds up. The end of the test lets it go.
+  [[nodiscard]] bool DoesNotWait(const std::function<void()>& work) {
+    std::future<void> done = std::async(std::launch::async, work);
+    const bool is_done = done.wait_for(fakes::kTestPatience) == std::future_status::ready;
+    if (!is_done) LetGo();
+    done.get();
+    return is_done;
+  }
+  Rule Other() { return FakeRule::Directory("other", base_ + "/other", {EventType::Write}); }
+
+  fakes::Gate in_kernel_;
+  fakes::Gate let_go_;
+  std::future<void> change_;
+};
+
+TEST_F(RuleEngineSnapshotTest, EventsAreJudgedWhileARuleIsOnItsWayIntoTheKernel) {
+  HoldChange("IOC", {Other()});
+  EXPECT_TRUE(DoesNotWait([this] {
+    Process(EventType::Create, "Create", watched_ + "/new");
+    engine_->ProcessEvent(std::make_unique<FakeEvent>(EventType::Write, "Write", watched_ + "/file"));
+    Settle();
+  }));
+  EXPECT_EQ(heard_, (Ids{"Create " + watched_ + "/new", "Write " + watched_ + "/file"}));
+}
+
+TEST_F(RuleEngineSnapshotTest, AnEventThatTheFirstOfManyRulesBringsFindsItsRule) {
+  RuleEngineFixture::Listen("IOC");
+  HoldChange("IOC", {Other()});
+  EXPECT_TRUE(DoesNotWait([this] { engine_->ProcessEvent(FolderEvent(7, base_ + "/other/new")); }));
+  EXPECT_EQ(heard_, (Ids{"IOC other,:7"}));
+}
+
+TEST_F(RuleEngineSnapshotTest, AnEventOfARuleThatIsBeingTakenAwayIsNobodysAnyMore) {
+  HoldChange("FIM", {Other()});
+  EXPECT_TRUE(DoesNotWait([this] { Process(EventType::Create, "Create", watched_ + "/new"); }));
+  EXPECT_TRUE(heard_.empty());
+}
+
+TEST_F(RuleEngineSnapshotTest, ARuleThatIsRefusedInTheEndIsNotKnownAfterwards) {
+  RuleEngineFixture::Listen("IOC");
+  const auto no_permission = FakeRule::Directory("none", base_ + "/other", {});
+  EXPECT_THROW(engine_->AddRules("IOC", {no_permission}), edr::RuleEngineException);
+  engine_->ProcessEvent(FolderEvent(7, base_ + "/other/new"));
+  EXPECT_TRUE(heard_.empty());
+}
+
+TEST_F(RuleEngineSnapshotTest, AFolderThatGoesAndComesIsFollowedWhenTheKernelIsFree) {
+  HoldChange("IOC", {Other()});
+  EXPECT_TRUE(DoesNotWait([this] {
+    std::filesystem::remove_all(watched_);
+    Process(EventType::Delete, "Delete", watched_);
+    engine_->OnIdle();
+  }));
+  EXPECT_FALSE(log_.Has("Rule rule is not in force any more"));
+  LetGo();
+  engine_->OnIdle();
+  EXPECT_TRUE(log_.Has("Rule rule is not in force any more: " + watched_ + " is gone"));
+
+  std::filesystem::create_directory(watched_);
+  Process(EventType::Create, "Create", watched_);
+  EXPECT_TRUE(log_.Has("Rule rule is in force: " + watched_ + " is there now"));
+}
+
+TEST_F(RuleEngineSnapshotTest, AFolderThatComesMeanwhileIsWatchedWhenTheKernelIsFree) {
+  RemoveFolder();
+  ASSERT_TRUE(IsWaiting());
+  HoldChange("IOC", {Other()});
+  EXPECT_TRUE(DoesNotWait([this] {
+    std::filesystem::create_directory(watched_);
+    Process(EventType::Create, "Create", watched_);
+  }));
+  EXPECT_FALSE(log_.Has("Rule rule is in force: "));
+  LetGo();
+  engine_->OnIdle();
+  EXPECT_TRUE(log_.Has("Rule rule is in force: " + watched_ + " is there now"));
+}
+
+TEST_F(RuleEngineSnapshotTest, WhatTheKernelSaysOfADroppedRuleIsToldWhenItIsFree) {
+  std::filesystem::remove_all(watched_);
+  DropKernelRules();
+  HoldChange("IOC", {Other()});
+  EXPECT_TRUE(DoesNotWait([this] { TellOfDroppedRule(false); }));
+  EXPECT_TRUE(heard_.empty());
+  LetGo();
+  engine_->OnIdle();
+  EXPECT_EQ(heard_, (Ids{"Delete " + watched_}));
+}
+
+TEST_F(RuleEngineSnapshotTest, WordsOfTheKernelThatAreLeftAtTheStopAreCounted) {
+  HoldChange("IOC", {Other()});
+  EXPECT_TRUE(DoesNotWait([this] {
+    TellOfDroppedRule(false);
+    engine_->OnStop(std::chrono::seconds(1));
+  }));
+  EXPECT_EQ(counters_.Get(IntakeCounters::Reason::LeftAtStop), 1U);
+}
+
+TEST_F(RuleEngineSnapshotTest, NoMoreThanAThousandWordsOfTheKernelWait) {
+  HoldChange("IOC", {Other()});
+  EXPECT_TRUE(DoesNotWait([this] {
+    for (int i = 0; i < 1'001; ++i) TellOfDroppedRule(false);
+  }));
+  EXPECT_EQ(counters_.Get(IntakeCounters::Reason::NotProcessed), 1U);
+}
+
+TEST_F(RuleEngineSnapshotTest, ASiblingThatStartsMeanwhileIsExcludedWhenTheKernelIsFree) {
+  processes_.Start(600, 30, updated_);
+  HoldChange("IOC", {Other()});
+  const auto tell = [this](EventType type) {
+    auto event = std::make_unique<FakeEvent>();
+    event->type = type;
+    event->object_type = ObjectType::Process;
+    event->pid = 600;
+    event->uid = event->euid = 0;
+    event->image = common::ImageInfo(updated_);
+    engine_->ProcessEvent(std::move(event));
+  };
+  EXPECT_TRUE(DoesNotWait([&] { tell(EventType::ProcessStart); }));
+  LetGo();
+  EXPECT_TRUE(kernel_.RulesWithKey("ostrel_ignore_rule_updated").empty());
+  engine_->OnIdle();
+  ASSERT_EQ(kernel_.RulesWithKey("ostrel_ignore_rule_updated").size(), 1U);
+  EXPECT_EQ(kernel_.RulesWithKey("ostrel_exit_rule_updated").front().Find(AUDIT_PID)->value, 600U);
+}
+
+TEST_F(RuleEngineSnapshotTest, TheLookAtTheExcludedProcessesWaitsForAFreeKernel) {
+  HoldChange("IOC", {Other()});
+  clock_.Advance(std::chrono::seconds(61));
+  processes_.End(400);
+  EXPECT_TRUE(DoesNotWait([this] { engine_->OnIdle(); }));
+  LetGo();
+  EXPECT_FALSE(log_.Has("The excluded process host-warden (400) has ended"));
+  engine_->OnIdle();
+  EXPECT_TRUE(log_.Has("The excluded process host-warden (400) has ended"));
+}
+
+TEST_F(RuleEngineSnapshotTest, TellsHowManyFoundObjectsWaitForTheEventThread) {
+  RemoveFolder();
+  std::filesystem::create_directories(watched_ + "/one");
+  std::filesystem::create_directories(watched_ + "/two");
+  LookForAMinute();
+  EXPECT_EQ(engine_->GetFoundObjects(), 3U) << "the folder and what is in it";
+  engine_->OnIdle();
+  EXPECT_EQ(engine_->GetFoundObjects(), 0U);
+}
+
+}  // namespace
+}  // namespace zagent::audit
