@@ -17,6 +17,7 @@
 #include "src/audit/rules/CreateRules.h"
 #include "src/audit/rules/KernelRules.h"
 #include "src/edr/EventRuleEngine.h"
+#include "src/ioc/engines/TaggingEngine.h"
 #include "src/ioc/rules/LinkedRules.h"
 #include "src/ioc/rules/RulePath.h"
 #include "src/manifest_check/KernelRuleText.h"
@@ -28,9 +29,11 @@ namespace {
 
 using common::util::JsonPlace;
 using common::util::TextPosition;
+using common::util::ToString;
 using fim::ManifestFile;
 
 constexpr const char* kKnownVersion = "1.0";
+constexpr const char* kThreshold = "thresholdScore";
 
 // What the parser would tell the daemon's log, of warnings and worse.
 class LogLines {
@@ -150,7 +153,8 @@ bool ManifestCheck::CheckIoc(const std::string& path) {
     const ioc::internal::ManifestFile file = ioc::internal::ReadManifestFile(path, tree_);
     for (const std::string& line : log.Take()) PrintWarning(path, line);
     WarnOfUnreadParts(path, file.text);
-    if (!CheckIocRules(path, file)) return false;
+    const bool has_good_tags = CheckTags(path, file.text);
+    if (!CheckIocRules(path, file) || !has_good_tags) return false;
   } catch (const ioc::internal::ManifestFileException& error) {
     const auto& fault = error.GetFault();
     if (fault.text.empty()) {
@@ -276,6 +280,48 @@ void ManifestCheck::WarnOfUnreadParts(const std::string& path, const std::string
   for (const UnreadPart& part : FindUnreadParts(document)) {
     PrintFault(path, PositionOf(text, part.place), "warning: " + part.text);
   }
+}
+
+// Each tag by itself, so that a line has its place: the engine would tell the first mistake alone.
+bool ManifestCheck::CheckTags(const std::string& path, const std::string& text) {
+  rapidjson::Document document;
+  common::util::ParseJson(document, text);
+  const rapidjson::Value* tags = common::util::FindMember(document, "tags");
+  if (tags == nullptr) return true;
+  if (!tags->IsObject()) {
+    PrintFault(path, PositionOf(text, {"tags"}), "warning: Tagging is disabled.");
+    return true;
+  }
+  const rapidjson::Value* threshold = common::util::FindMember(*tags, kThreshold);
+  rapidjson::Document common_part(rapidjson::kObjectType);
+  auto& allocator = common_part.GetAllocator();
+  if (threshold != nullptr) {
+    common_part.AddMember(rapidjson::StringRef(kThreshold), rapidjson::Value(*threshold, allocator), allocator);
+  }
+  if (!CheckTagSettings(path, PositionOf(text, {"tags"}), common_part)) return false;
+  if (threshold->GetInt64() == 0) return true;
+  bool is_good = true;
+  for (const auto& tag : tags->GetObject()) {
+    if (ToString(tag.name) == kThreshold) continue;
+    rapidjson::Document settings;
+    settings.CopyFrom(common_part, settings.GetAllocator());
+    settings.AddMember(rapidjson::Value(tag.name, settings.GetAllocator()),
+                       rapidjson::Value(tag.value, settings.GetAllocator()), settings.GetAllocator());
+    is_good = CheckTagSettings(path, PositionOf(text, {"tags", ToString(tag.name)}), settings) && is_good;
+  }
+  return is_good;
+}
+
+// Settings that are refused leave an engine as it was, which a new one shows by having no threshold.
+bool ManifestCheck::CheckTagSettings(const std::string& path, const TextPosition& place,
+                                     const rapidjson::Value& settings) {
+  LogLines log;
+  const ioc::internal::TaggingEngine engine(tree_, settings);
+  const rapidjson::Value* threshold = common::util::FindMember(settings, kThreshold);
+  const bool is_off = threshold != nullptr && threshold->IsInt64() && threshold->GetInt64() == 0;
+  const bool is_good = is_off || engine.GetThresholdScore() != 0;
+  for (const std::string& line : log.Take()) PrintFault(path, place, (is_good ? "warning: " : "") + line);
+  return is_good;
 }
 
 // Who acted is known from the starts of processes alone, which the kernel tells of for process rules.

@@ -18,6 +18,7 @@ namespace zagent::manifest_check {
 //
 //   etc.json:12:9: Invalid Notify Flag (rule r1, key notify[1])       what is wrong, one line each
 //   etc.json: warning: Cannot resolve symlink /etc/nowhere            what works, but may not be meant
+//   ioc.json:9:20: Invalid setting json for Execution tag             what the engine of tags would log, likewise
 //   etc.json: 2 rules, with digests                                   a good manifest, and
 //     r1: -a always,exit -F dir=/etc -F perm=wa -F key=r1             what the kernel will be asked to watch
 //
@@ -32,7 +33,7 @@ class ManifestCheck {
   // `coverage`: what the daemon is configured for; it decides only what the kernel will be asked to watch.
   explicit ManifestCheck(std::ostream& out, audit::internal::Coverage coverage = {}) : out_(out), coverage_(coverage) {}
 
-  // True for a file that the daemon would take, with every rule of it.
+  // True for a file that the daemon would take, with every rule of it, and its settings of tags.
   bool Check(const std::string& path);
   // Behind all files: warns of what they lack together.
   void Finish();
@@ -65,14 +66,17 @@ class ManifestCheck {
   void WarnOfUnknownKeys(const std::string& path, const fim::ManifestFile& file);
   void WarnOfUnreadParts(const std::string& path, const std::string& text);
   void NoteActors(const std::string& path, const Rules& rules);
+  bool CheckTags(const std::string& path, const std::string& text);
+  bool CheckTagSettings(const std::string& path, const common::util::TextPosition& place,
+                        const rapidjson::Value& settings);
   void WarnIfMissing(const std::string& path, const edr::EventRule& rule);
   void PrintFault(const std::string& path, const common::util::TextPosition& place, const std::string& text);
   void PrintWarning(const std::string& path, const std::string& text);
 
   std::ostream& out_;
   const audit::internal::Coverage coverage_;
-  // Nobody is in it: rules are parsed, and never asked about an event.
-  const ioc::TtlProcessTree tree_{nullptr, {}, common::util::Clock::Real()};
+  // Nobody is in it: rules and tags are parsed, and never asked about an event.
+  ioc::TtlProcessTree tree_{nullptr, {}, common::util::Clock::Real()};
   std::map<std::string, KnownId> ids_;  // by the part of an id that the kernel's rules are told apart by
   int rules_ = 0;
   bool knows_starts_ = false;                // a rule of some file has the kernel tell of starts of processes

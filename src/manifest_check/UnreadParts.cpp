@@ -18,6 +18,17 @@ const Words kManifestKeys = {"policyVersion", "policyId",          "productId", 
                              "rules",         "knownProcessPaths", "tags",      "heuristicsEnabled"};
 const Words kSettingKeys = {"maxFileSizeToProcess", "gateway_url", "sendMetadata"};
 
+// What is read of each tag, beside its score and its exclusions.
+const std::map<std::string, Words> kTags = {
+    {"CredentialAccess", {"pathRegex", "processRegex"}},
+    {"DefenseEvasion", {"permissions"}},
+    {"Execution", {"pathRegex", "processRegex"}},
+    {"Exfiltration", {"processRegex"}},
+    {"Persistence", {"pathRegex"}},
+    {"PrivilegeEscalation", {}},
+};
+const Words kExclusionKeys = {"actorProcess", "patterns"};
+
 // What is read of a rule of one `ruleType`.
 struct RuleKeys {
   Words keys;
@@ -60,12 +71,36 @@ class Search {
     if (metadata != nullptr && metadata->GetBool()) {
       Add("sendMetadata changes nothing: no event has a place for metadata", {"globalSettings", "sendMetadata"});
     }
+    LookAtTags(document);
     const rapidjson::Value& rules = *FindMember(document, "rules");
     for (rapidjson::SizeType i = 0; i < rules.Size(); ++i) LookAtRule(rules[i], {"rules", std::to_string(i)});
     return std::move(found_);
   }
 
  private:
+  void LookAtTags(const rapidjson::Value& document) {
+    const rapidjson::Value* tags = FindMember(document, "tags");
+    if (tags == nullptr || !tags->IsObject()) return;
+    Words names = {"thresholdScore"};
+    for (const auto& [name, own_keys] : kTags) {
+      names.insert(name);
+      const rapidjson::Value* tag = FindMember(*tags, name.c_str());
+      if (tag != nullptr && tag->IsObject()) LookAtTag(*tag, own_keys, {"tags", name});
+    }
+    LookAtKeys(*tags, names, {"tags"});
+  }
+
+  void LookAtTag(const rapidjson::Value& tag, Words keys, const JsonPlace& place) {
+    keys.insert({"score", "exclusions"});
+    LookAtKeys(tag, keys, place);
+    const rapidjson::Value* exclusions = FindMember(tag, "exclusions");
+    if (exclusions == nullptr || !exclusions->IsArray()) return;
+    for (rapidjson::SizeType i = 0; i < exclusions->Size(); ++i) {
+      if (!(*exclusions)[i].IsObject()) continue;
+      LookAtKeys((*exclusions)[i], kExclusionKeys, Within(place, {"exclusions", std::to_string(i)}));
+    }
+  }
+
   void LookAtRule(const rapidjson::Value& rule, const JsonPlace& place) {
     const std::string type = common::util::ToString(*FindMember(rule, "ruleType"));
     const auto known = kRules.find(type);

@@ -195,8 +195,9 @@ TEST(GoldenDocumentsTest, ThePagesShowTheseDocumentsAndNoOthers) {
   EXPECT_EQ(Examples("EVENTS.md"), of_events);
   // The page tells of the manifests of indicators of compromise too.
   const auto of_others = [](const std::string& name) { return ReadText(kRoot / "tests/data/ioc" / (name + ".json")); };
-  EXPECT_EQ(Examples("MANIFESTS.md"), (std::set<std::string>{Golden("manifest"), Golden("manifest-entry"),
-                                                             of_others("manifest-entry"), of_others("filters")}));
+  EXPECT_EQ(Examples("MANIFESTS.md"),
+            (std::set<std::string>{Golden("manifest"), Golden("manifest-entry"), of_others("manifest-entry"),
+                                   of_others("filters"), of_others("tags")}));
 }
 
 bool IsTakenByTheParser(const std::string& manifest) {

@@ -4,6 +4,8 @@
 
 #include <climits>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <sstream>
 
 #include "src/manifest_check/ManifestCheck.h"
@@ -158,6 +160,64 @@ TEST_F(IocManifestCheckTest, WhatNobodyReadsIsAWarningWithItsPlace) {
   }
   EXPECT_FALSE(HasPrinted("passed over: patterns"));
   EXPECT_FALSE(HasPrinted("passed over: close"));
+}
+
+TEST_F(IocManifestCheckTest, TagsAreJudgedAsTheEngineWouldEachAtItsPlace) {
+  EXPECT_FALSE(Check("m.json", Manifest(kStarts, "{}", R"(, "tags": {"thresholdScore": 10,
+ "CredentialAccess": {"score": 1, "pathRegex": "(", "processRegex": "/bin/cat"},
+ "DefenseEvasion": {"score": 1, "permissions": [640, "x"]},
+ "Execution": {"score": "1"},
+ "Persistence": {"score": 1, "pathRegex": "/etc/x", "exclusions": [{"actorProcess": "("}]},
+ "PrivilegeEscalation": {"score": 1}})")));
+  EXPECT_EQ(Printed(),
+            "DIR/m.json:4:22: warning: pathRegex is empty or invalid. Using default regex.\n"
+            "DIR/m.json:5:20: warning: Invalid permission found at index 1 in definition of DefenseEvasion tag\n"
+            "DIR/m.json:6:15: Invalid setting for Execution tag: Score is absent or invalid for Execution tag\n"
+            "DIR/m.json:7:17: Invalid setting for Persistence tag: Invalid exclusion at index 0 for Persistence tag\n"
+            "DIR/m.json: 1 rule\n"
+            "  p1: -a always,exit -F arch=b64 -S clone,fork,vfork,execve -F key=p1\n");
+}
+
+TEST_F(IocManifestCheckTest, TagsNeedAThreshold) {
+  EXPECT_FALSE(Check("m.json", Manifest(kStarts, "{}", R"(, "tags": {"Persistence": {"score": 1}})")));
+  EXPECT_TRUE(HasPrinted("DIR/m.json:3:31: Tag settings does not have threshold score\n")) << Printed();
+  EXPECT_FALSE(HasPrinted("regex")) << "the rest is not looked at";
+  const std::string other = R"(    {"ruleId": "p2", "ruleType": "Process", "notify": {"process": ["create"]}})";
+  EXPECT_FALSE(Check("n.json", Manifest(other, "{}", R"(, "tags": {"thresholdScore": 1.5})")));
+  EXPECT_TRUE(HasPrinted("DIR/n.json:3:31: Threshold score is not an integer\n")) << Printed();
+}
+
+TEST_F(IocManifestCheckTest, TagsThatAreOffNeedNoSense) {
+  EXPECT_TRUE(Check("m.json", Manifest(kStarts, "{}", R"(, "tags": {"thresholdScore": 0, "Execution": 1})")));
+  EXPECT_FALSE(HasPrinted("Execution")) << Printed();
+  const std::string other = R"(    {"ruleId": "p2", "ruleType": "Process", "notify": {"process": ["create"]}})";
+  EXPECT_TRUE(Check("n.json", Manifest(other, "{}", R"(, "tags": [])")));
+  EXPECT_TRUE(HasPrinted("DIR/n.json:3:31: warning: Tagging is disabled.\n")) << Printed();
+}
+
+TEST_F(IocManifestCheckTest, WhatNobodyReadsOfTagsIsAWarningWithItsPlace) {
+  EXPECT_TRUE(Check("m.json", Manifest(kStarts, "{}", R"(, "tags": {"thresholdScore": 10, "treshold": 1,
+ "Discovery": {"score": 1},
+ "DefenseEvasion": {"score": 1, "permissions": [], "pathRegex": "x"},
+ "Exfiltration": {"score": 1, "processRegex": "/bin/nc", "pathRegex": "x"},
+ "Persistence": {"score": 1, "pathRegex": "x", "processRegex": "x"},
+ "PrivilegeEscalation": {"score": 1, "exclusions": [{"actorProcess": "a"}, {"actorProcess": "a", "pattern": "b"}]}})")));
+  for (const char* line : {":3:65: warning: Unknown key, which is passed over: treshold\n",
+                           ":4:15: warning: Unknown key, which is passed over: Discovery\n",
+                           ":5:65: warning: Unknown key, which is passed over: pathRegex\n",
+                           ":6:71: warning: Unknown key, which is passed over: pathRegex\n",
+                           ":7:64: warning: Unknown key, which is passed over: processRegex\n",
+                           ":8:109: warning: Unknown key, which is passed over: pattern\n"}) {
+    EXPECT_TRUE(HasPrinted(line)) << line << Printed();
+  }
+  EXPECT_FALSE(HasPrinted("empty or invalid"));
+}
+
+TEST_F(IocManifestCheckTest, TheTagsThatThePageShowsAreGood) {
+  std::ifstream in(fakes::TestData("ioc/tags.json"));
+  const std::string tags{std::istreambuf_iterator<char>(in), {}};
+  EXPECT_TRUE(Check("m.json", Manifest(kStarts, "{}", "," + tags))) << Printed();
+  EXPECT_FALSE(HasPrinted("passed over")) << Printed();
 }
 
 TEST_F(IocManifestCheckTest, IdsDifferOverManifestsOfAllKinds) {

@@ -145,7 +145,7 @@ class RecordedActs {
     audit::internal::FileContext context;
     context.extended_coverage = true;  // what is gone is told all the same
     context.proc_root = "/nowhere";
-    audit::internal::IntakeCounters counters;
+    audit::IntakeCounters counters;
     audit::internal::AuparseFeed feed(audit::internal::MakeEventFactory(std::move(context)), counters);
     feed.Feed(reinterpret_cast<const unsigned char*>(text.data()), text.size());
     feed.Flush();

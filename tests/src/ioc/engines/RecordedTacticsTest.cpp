@@ -55,7 +55,7 @@ class RecordedTacticsTest : public TagsFixture {
       "DefenseEvasion":{"score":2},"Execution":{"score":4},"Exfiltration":{"score":8},"Persistence":{"score":16},
       "PrivilegeEscalation":{"score":32}})";
 
-  const RecordedActs acts_;
+  const RecordedActs acts_{};
 };
 
 TEST_F(RecordedTacticsTest, CredentialAccess) {
