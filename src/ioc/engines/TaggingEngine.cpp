@@ -18,6 +18,8 @@ namespace {
 using common::util::FindMember;
 
 constexpr std::int32_t kInit = 1;
+// Beyond it all are forgotten: the next child of each parent asks all its siblings again.
+constexpr std::size_t kMaxHeirs = 10'000;
 
 const std::string& PathOf(const ProcessInfo& process) {
   return process.GetImage()->GetPath();
@@ -57,6 +59,7 @@ void TaggingEngine::Configure(const rapidjson::Value& settings) {
   }
   const std::lock_guard lock(mutex_);
   tags_.swap(tags);
+  heirs_.clear();
   threshold_score_ = threshold->GetInt64();
 }
 
@@ -99,7 +102,7 @@ Verdict TaggingEngine::Process(const edr::Event& event) {
     return Verdict::Clean;
   }
   const std::shared_ptr<ProcessInfo> process = tree_.Get(event.GetActorProcessId());
-  if (event.GetType() == edr::EventType::ProcessStart) Inherit(*process);
+  if (event.GetType() == edr::EventType::ProcessStart) Inherit(process);
   Judge(event, *process);
   const std::int64_t score = process->GetScore();
   const Verdict verdict = score >= threshold_score_ ? Verdict::Suspicious : Verdict::Clean;
@@ -109,20 +112,33 @@ Verdict TaggingEngine::Process(const edr::Event& event) {
   return verdict;
 }
 
-void TaggingEngine::Inherit(ProcessInfo& process) const {
-  const std::int32_t ppid = process.GetParent();
+void TaggingEngine::Inherit(const std::shared_ptr<ProcessInfo>& process) {
+  const std::int32_t ppid = process->GetParent();
   if (ppid <= kInit) return;
-  const auto add_if_missing = [&](const Tag& tag, const ProcessInfo& from, const std::string& whom) {
-    if (!from.HasTag(tag.GetName()) || process.HasTag(tag.GetName())) return;
-    Give(tag, process);
-    ZLOG_DEBUG("Adding tag '" << tag.GetName() << "' to process (" << PathOf(process) << ", " << process.GetPid()
-                              << ") from " << whom);
+  const auto take_from = [&](const ProcessInfo& from, const std::string& whom) {
+    for (const auto& [name, tag] : tags_) {
+      if (process->HasTag(name) || !from.HasTag(name)) continue;
+      Give(*tag, *process);
+      ZLOG_DEBUG("Adding tag '" << name << "' to process (" << PathOf(*process) << ", " << process->GetPid()
+                                << ") from " << whom);
+    }
   };
-  const std::shared_ptr<ProcessInfo> parent = tree_.Get(ppid);
-  for (const auto& [name, tag] : tags_) add_if_missing(*tag, *parent, "parent process (" + std::to_string(ppid) + ")");
-  for (const auto& sibling : tree_.GetSiblings(process.GetPid())) {
-    for (const auto& [name, tag] : tags_) add_if_missing(*tag, *sibling, "sibling process");
+  take_from(*tree_.Get(ppid), "parent process (" + std::to_string(ppid) + ")");
+  for (const auto& sibling : SiblingsToAsk(*process)) take_from(*sibling, "sibling process");
+  if (heirs_.size() >= kMaxHeirs) heirs_.clear();
+  heirs_.insert_or_assign(ppid, process);
+}
+
+// All of them, or the one that has what they have, as long as it is one of them.
+std::vector<std::shared_ptr<ProcessInfo>> TaggingEngine::SiblingsToAsk(const ProcessInfo& process) const {
+  const auto found = heirs_.find(process.GetParent());
+  const std::shared_ptr<const ProcessInfo> heir = found != heirs_.end() ? found->second.lock() : nullptr;
+  if (heir != nullptr && heir->GetPid() != process.GetPid() && heir->GetParent() == process.GetParent() &&
+      tree_.Has(heir->GetPid())) {
+    std::shared_ptr<ProcessInfo> known = tree_.Get(heir->GetPid());
+    if (known == heir) return {std::move(known)};
   }
+  return tree_.GetSiblings(process.GetPid());
 }
 
 void TaggingEngine::Judge(const edr::Event& event, ProcessInfo& process) const {

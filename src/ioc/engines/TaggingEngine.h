@@ -43,7 +43,8 @@ class TaggingEngine final : public Engine {
   void MakeTag(const rapidjson::Value& settings, Tags& tags) const;
 
   // With mutex_ held:
-  void Inherit(ProcessInfo& process) const;
+  void Inherit(const std::shared_ptr<ProcessInfo>& process);
+  [[nodiscard]] std::vector<std::shared_ptr<ProcessInfo>> SiblingsToAsk(const ProcessInfo& process) const;
   void Judge(const edr::Event& event, ProcessInfo& process) const;
   void Spread(const Tag& tag, const ProcessInfo& source) const;
   static void GiveToAll(const Tag& tag, const std::vector<std::shared_ptr<ProcessInfo>>& processes,
@@ -53,6 +54,9 @@ class TaggingEngine final : public Engine {
   std::mutex mutex_;
   std::atomic<std::int64_t> threshold_score_ = 0;
   Tags tags_;
+  // By the parent, the child that has inherited last. It has every tag that one of its siblings has: it got those that
+  // were there, and each that was earned since went to all of them. So thousands of children are not asked one by one.
+  std::unordered_map<std::int32_t, std::weak_ptr<const ProcessInfo>> heirs_;
 };
 
 }  // namespace zagent::ioc::internal

@@ -1,5 +1,10 @@
 #include "src/ioc/engines/TaggingEngine.h"
 
+#include <atomic>
+#include <ctime>
+#include <iterator>
+#include <map>
+#include <random>
 #include <thread>
 
 #include "tests/src/ioc/engines/TagsFixture.h"
@@ -377,6 +382,105 @@ TEST_F(TaggingEngineTest, AStartMayEarnATagItself) {
   tree_->AddEvent(std::move(start));
   EXPECT_EQ(Judge(Process(70).GetLastEvent()), Verdict::Suspicious);
   EXPECT_EQ(TagsOf(kActor), kNone) << "parents get nothing";
+}
+
+TEST_F(TaggingEngineTest, ChildrenInheritWhateverHasBecomeOfTheOneBeforeThem) {
+  Make("100", {{"Persistence", R"({"score":10})"}});
+  (void)Begin(62, kShell);
+  (void)Judge(cron_);
+  Exec(62, kShell, "/bin/other");  // of which the engine never hears: it has no tags
+  (void)Begin(63, kShell);
+  EXPECT_EQ(TagsOf(63), kPersistence);
+  tree_->AddEvent(Exit(63, kShell));
+  LetAllExpire();
+  ASSERT_FALSE(tree_->Has(63));
+  (void)Begin(64, kShell);
+  EXPECT_EQ(TagsOf(64), kPersistence);
+  tree_->AddEvent(Write(64, kInit));
+  ASSERT_EQ(ParentOf(64), kInit);
+  Process(kSibling).RemoveTag("Persistence");
+  Process(kActor).RemoveTag("Persistence");
+  (void)Begin(65, kShell);
+  EXPECT_EQ(TagsOf(65), kNone) << "who went to process 1 is no sibling any more";
+}
+
+TEST_F(TaggingEngineTest, ATagThatComesIntoForceIsInheritedFromWhoHasIt) {
+  Make("100", {{"Persistence", R"({"score":10})"}});
+  (void)Judge(cron_);
+  engine_->Configure(Settings("100", {{"Execution", R"({"score":1})"}}));
+  (void)Begin(62, kShell);
+  EXPECT_EQ(TagsOf(62), kNone);
+  engine_->Configure(Settings("100", {{"Persistence", R"({"score":10})"}}));
+  (void)Begin(63, kShell);
+  EXPECT_EQ(TagsOf(63), kPersistence);
+}
+
+// Asking all siblings of each would be 200,000,000 questions: minutes.
+TEST_F(TaggingEngineTest, ThousandsOfChildrenOfOneParentCostWhatFewDo) {
+  Make("100", {{"Persistence", R"({"score":10})"}, {"Execution", R"({"score":10})"}});
+  (void)Judge(cron_);
+  const std::clock_t begin = std::clock();
+  for (std::int32_t pid = 1'000; pid < 21'000; ++pid) (void)Begin(pid, kShell);
+  EXPECT_LT((std::clock() - begin) / CLOCKS_PER_SEC, 20);
+  EXPECT_EQ(TagsOf(20'999), kPersistence);
+}
+
+// The rules of inheritance and of spreading, by asking everybody each time.
+TEST_F(TaggingEngineTest, RelativesGetWhatTheRulesSayInAnyOrderOfLives) {
+  struct Life {
+    std::int32_t parent = kInit;
+    std::set<std::string> tags{};
+  };
+  const std::map<std::string, fakes::FakeEvent> acts = {
+      {"Persistence", cron_},
+      {"CredentialAccess", shadow_},
+      {"Exfiltration", Connection("/usr/bin/curl", "1.2.3.4")},
+  };
+  Make("1000000",
+       {{"Persistence", R"({"score":1})"}, {"CredentialAccess", R"({"score":2})"}, {"Exfiltration", R"({"score":4})"}});
+  std::mt19937 random(7);
+  const auto any = [&](std::int32_t from, std::int32_t to) {
+    return std::uniform_int_distribution<std::int32_t>(from, to)(random);
+  };
+  std::map<std::int32_t, Life> model = {{kShell, {}}, {kActor, {kShell}}, {kSibling, {kShell}}};
+  const auto one_of = [&] { return std::next(model.begin(), any(0, static_cast<int>(model.size()) - 1))->first; };
+  for (int step = 0; step < 3'000; ++step) {
+    const int what = any(0, 9);
+    const std::int32_t pid = what < 3 ? any(100, 130) : one_of();
+    const auto known = model.find(pid);
+    if (what < 3 || what == 9) {  // a start: of a child, or of another program
+      const std::int32_t parent = known != model.end() ? known->second.parent : (any(0, 5) == 0 ? kInit : one_of());
+      (void)Begin(pid, parent);
+      Life& life = model[pid] = {parent, {}};
+      if (parent != kInit) {
+        life.tags = model.at(parent).tags;
+        for (const auto& [other, sibling] : model) {
+          if (sibling.parent == parent) life.tags.insert(sibling.tags.begin(), sibling.tags.end());
+        }
+      }
+    } else if (what < 6) {  // a tag is earned
+      const auto act = std::next(acts.begin(), any(0, 2));
+      fakes::FakeEvent event = act->second;
+      event.pid = pid;
+      (void)Judge(event);
+      if (!known->second.tags.insert(act->first).second) continue;
+      for (auto& [other, relative] : model) {
+        const bool is_sibling = relative.parent == known->second.parent && relative.parent != kInit;
+        if (relative.parent == pid || is_sibling) relative.tags.insert(act->first);
+      }
+    } else if (what == 6 && known->second.parent != kInit) {  // its parent is gone
+      tree_->AddEvent(Write(pid, kInit));
+      known->second.parent = kInit;
+    } else if (what == 7 && pid >= 100) {  // the end
+      tree_->AddEvent(Exit(pid, known->second.parent));
+      LetAllExpire();
+      model.erase(known);
+      for (auto& [other, life] : model) {
+        if (life.parent == pid) life.parent = kInit;
+      }
+    }
+    for (const auto& [other, life] : model) ASSERT_EQ(TagsOf(other), life.tags) << "step " << step << ", " << other;
+  }
 }
 
 // Threads
