@@ -112,7 +112,11 @@ bool TtlProcessTree::Restore(const SnapshotDBTtlProcess& saved, std::int32_t par
   known.creation_time = ProgramStartOf(saved).value_or(known.creation_time);
   const auto process = std::make_shared<ProcessInfo>(std::move(known), on_cache_full_);
   for (const auto& [key, value] : saved.tags) {
-    if (key != process_tag::kProgramStart) process->AddTag(key, value);
+    // Those of a run, which nobody saves, would keep it for ever.
+    if (key == process_tag::kProgramStart || key == process_tag::kTerminated || key == process_tag::kTtlExpired) {
+      continue;
+    }
+    process->AddTag(key, value);
   }
   process->AddScore(saved.score);
   process->SetStartSinceBoot(is_alive ? start : std::nullopt);

@@ -399,6 +399,19 @@ TEST_F(TtlProcessTreeSnapshotTest, ADeformedTagIsToldAndTheProcessRestored) {
   EXPECT_EQ(tree_->Get(10)->GetTags(), (ProcessInfo::Tags{{"a", "b"}}));
 }
 
+TEST_F(TtlProcessTreeSnapshotTest, TagsOfARunAreNotTakenFromARow) {
+  Run(10, 1);
+  Close();
+  proc_.End(10);
+  Change(10, [](SnapshotDBTtlProcess& row) {
+    row.tags = {{process_tag::kTerminated, ""}, {process_tag::kTtlExpired, ""}};
+  });
+  Open();
+  EXPECT_FALSE(tree_->Get(10)->HasTag(process_tag::kTtlExpired));
+  LetAllExpire();
+  EXPECT_EQ(PidsOfTree(), Set{1});
+}
+
 TEST_F(TtlProcessTreeSnapshotTest, ADeformedProcessIsToldOnceAndTheOthersRestored) {
   Run(10, 1);
   Close();
