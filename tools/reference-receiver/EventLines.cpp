@@ -50,11 +50,28 @@ constexpr std::array<Kind, 2> kKinds = {{{"events", DescribeEvent}, {"status", D
 
 std::string EscapeControls(const std::string& text) {
   std::string escaped;
+  unsigned char last = 0;
   for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    const bool is_control_of_utf8 = last == 0xC2 && byte >= 0x80 && byte <= 0x9F;
+    last = byte;
+    if (is_control_of_utf8) escaped.replace(escaped.size() - 1, 1, "\\xc2");
     if (c == '\\') {
       escaped += "\\\\";
-    } else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
+    } else if (byte < 0x20 || byte == 0x7f || is_control_of_utf8) {
       escaped += "\\x" + common::util::ToHex({&c, 1});
+    } else {
+      escaped += c;
+    }
+  }
+  return escaped;
+}
+
+std::string EscapeBlanks(const std::string& text) {
+  std::string escaped;
+  for (const char c : EscapeControls(text)) {
+    if (c == ' ') {
+      escaped += "\\x20";
     } else {
       escaped += c;
     }

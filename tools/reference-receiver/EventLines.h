@@ -15,7 +15,10 @@ std::vector<std::string> DescribeDocument(const std::string& document);
 // Whether the text is a document of events at all: a JSON object with a member "events".
 bool IsEventDocument(const std::string& document);
 
-// Control bytes as \xNN and the backslash as \\, so that a name cannot fake a line.
+// Control bytes as \xNN, those of UTF-8 (U+0080 to U+009F) as well, and the backslash as \\, so that a name cannot fake
+// a line.
 std::string EscapeControls(const std::string& text);
+// The same with blanks as \x20, so that it cannot fake a part of a line.
+std::string EscapeBlanks(const std::string& text);
 
 }  // namespace zagent::tools

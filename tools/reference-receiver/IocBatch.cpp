@@ -15,7 +15,7 @@ namespace wire = com::ostrel::ioc::model::proto::event;
 constexpr const char* kTarget = "/linuxagentevent/v1/customer/";
 
 std::string Shown(const std::string& text) {
-  return text.empty() ? "-" : EscapeControls(text);
+  return text.empty() ? "-" : EscapeBlanks(text);
 }
 
 std::string NameOf(wire::EventAction action) {
@@ -55,7 +55,7 @@ std::string Describe(const wire::ProcessEvent& event) {
   return Head(event.eventaction(), "process", Shown(event.imagepath())) + " pid=" + std::to_string(event.processid()) +
          " user=" + Shown(event.username()) + " parent=" + std::to_string(event.parentprocessid()) +
          " actor=" + Shown(event.actor().imagepath()) + " status=" + Shown(event.status()) +
-         " arguments=" + Shown(event.arguments());
+         " arguments=" + (event.arguments().empty() ? "-" : EscapeControls(event.arguments()));
 }
 
 std::string Describe(const wire::LoadedModule& event) {

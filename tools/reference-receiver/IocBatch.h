@@ -21,7 +21,7 @@ struct IocBatch {
   //   ioc <action> network <address>:<port> actor=<path> pid=<n> user=<name>
   //   ioc <action> process <path> pid=<n> user=<name> parent=<n> actor=<path> status=<status> arguments=<text>
   //   ioc <action> module <name> actor=<path> pid=<n> user=<name>
-  // What there is not is "-".
+  // What there is not is "-"; blanks are \x20 but for those of the arguments, which end their line.
   std::vector<std::string> lines;
 
   // Nothing for what is no IoCEvent with an agent and a sequence number, or holds a text that is not UTF-8.

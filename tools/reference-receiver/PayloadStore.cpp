@@ -35,7 +35,7 @@ PayloadStore::PayloadStore(std::string folder, bool keep, const common::util::Cl
   std::filesystem::permissions(folder_, std::filesystem::perms::owner_all);
 }
 
-bool PayloadStore::Add(AcceptedPayload payload) {
+bool PayloadStore::Add(AcceptedPayload payload, const std::function<void()>& on_accepted) {
   const std::lock_guard lock(mutex_);
   const auto header = payload.headers.find("z-reqid");
   const std::string request_id = header == payload.headers.end() ? "" : header->second;
@@ -44,6 +44,7 @@ bool PayloadStore::Add(AcceptedPayload payload) {
   if (!folder_.empty()) payload.file = WriteFile(payload);
   if (!request_id.empty()) Remember(request_id);
   if (keep_) payloads_.push_back(std::move(payload));
+  if (on_accepted) on_accepted();
   return true;
 }
 

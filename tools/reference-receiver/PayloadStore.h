@@ -3,6 +3,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <set>
@@ -35,8 +36,9 @@ class PayloadStore {
   PayloadStore(std::string folder, bool keep, const common::util::Clock& clock = common::util::Clock::Real());
 
   // False when an upload with its "z-reqid" was accepted already: the payload is dropped. Throws std::runtime_error
-  // when the file cannot be written; the payload then counts as not accepted.
-  bool Add(AcceptedPayload payload);
+  // when the file cannot be written; the payload then counts as not accepted. `on_accepted` (may be empty) is called
+  // before the next payload is looked at: what it follows comes in the order of the payloads.
+  bool Add(AcceptedPayload payload, const std::function<void()>& on_accepted = {});
   [[nodiscard]] std::vector<AcceptedPayload> Payloads() const;
 
   void CountRequest();

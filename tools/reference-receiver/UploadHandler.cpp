@@ -165,12 +165,12 @@ UploadHandler::Verdict UploadHandler::Accept(const HTTPServerRequest& request, s
       lines.push_back("payload " + std::to_string(payload.text.size()) +
                       " bytes type=" + EscapeControls(request.get("Content-Type", "-")));
     }
-    if (!state_.store.Add(std::move(payload))) {
-      lines = {"repeated: " + EscapeControls(request.get("Z-REQID"))};
-    } else if (batch) {
-      const std::optional<std::string> remark = state_.sequence.Note(batch->sequence_number);
-      if (remark) lines.insert(lines.begin(), *remark);
-    }
+    std::optional<std::string> remark;
+    const bool is_new = state_.store.Add(std::move(payload), [&] {
+      if (batch) remark = state_.sequence.Note(batch->sequence_number);
+    });
+    if (!is_new) lines = {"repeated: " + EscapeControls(request.get("Z-REQID"))};
+    if (remark) lines.insert(lines.begin(), *remark);
     for (const std::string& line : lines) state_.Print(line);
     return {HTTPServerResponse::HTTP_OK, ""};
   } catch (const common::DecompressedTooLargeException&) {

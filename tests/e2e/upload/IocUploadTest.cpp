@@ -100,7 +100,7 @@ TEST_F(IocUploadTest, ABatchIsShownEventByEvent) {
       ElementsAre(HasSubstr("listening on"),
                   "batch 3 events=7 host=host boot=1600000000 quarantine=yes id=6f9619ff-8b86-4011-b42d-00c04fc964ff",
                   "ioc NONE directory /srv actor=/bin/cat pid=20 user=alice",
-                  "ioc WRITE file /srv/a\\x0aioc FAKE\\x1b actor=/bin/cat pid=20 user=alice size=7 type=Python "
+                  "ioc WRITE file /srv/a\\x0aioc\\x20FAKE\\x1b actor=/bin/cat pid=20 user=alice size=7 type=Python "
                   "sha256=abcd",
                   "ioc RENAME file /srv/old -> /srv/new actor=- pid=0 user=- size=0 type=- sha256=-",
                   "ioc ESTABLISHED network 192.0.2.7:443 actor=/bin/cat pid=20 user=alice",
@@ -161,6 +161,19 @@ TEST_F(IocUploadTest, AnUploadThatComesAgainIsNoBatchOfItsOwn) {
     ASSERT_EQ(uploader->Upload("application/octet-stream", BytesOf(payload)), 0);
   }
   EXPECT_THAT(Lines(), ElementsAre(HasSubstr("listening on"), HasSubstr("batch 1 "), HasSubstr("repeated: ")));
+}
+
+TEST(IocBatchTest, NoNameFakesAPartOfALine) {
+  wire::IoCEvent batch = Batch(1);
+  wire::ProcessEvent& process = *batch.add_processevent();
+  process.set_imagepath("/tmp/a pid=1\xC2\x9B\xC3\xA4\x7f\\");
+  process.set_username("eve user=root");
+  process.set_arguments("a b\tc\xC2\x85");
+  const auto decoded = tools::IocBatch::Decode(batch.SerializeAsString());
+  ASSERT_TRUE(decoded);
+  EXPECT_EQ(decoded->lines.at(1),
+            "ioc NONE process /tmp/a\\x20pid=1\\xc2\\x9b\xC3\xA4\\x7f\\\\ pid=0 user=eve\\x20user=root parent=0 "
+            "actor=- status=- arguments=a b\\x09c\\xc2\\x85");
 }
 
 TEST(SequenceNumbersTest, TheFirstNumberIsTheBeginning) {

@@ -9,6 +9,7 @@
 
 #include <ctime>
 #include <filesystem>
+#include <thread>
 
 #include "common/src/http/interceptors/AuthHttpInterceptor.h"
 #include "common/src/http/interceptors/LzmaCompression.h"
@@ -380,6 +381,25 @@ TEST(PayloadStoreTest, ForgetsAnUploadAfterAnHourAndTheOldestAtTheBound) {
   EXPECT_TRUE(add("c"));
   EXPECT_FALSE(add("b0"));
   EXPECT_TRUE(add("a")) << "it was the oldest";
+}
+
+TEST(PayloadStoreTest, WhatFollowsThePayloadsDoesSoInTheirOrder) {
+  tools::PayloadStore store("", true);
+  std::vector<std::string> followed;
+  std::vector<std::thread> senders;
+  for (int sender = 0; sender < 4; ++sender) {
+    senders.emplace_back([&, sender] {
+      for (int i = 0; i < 500; ++i) {
+        const std::string target = std::to_string(sender) + "/" + std::to_string(i);
+        store.Add({"{}", target, {}, ""}, [&] { followed.push_back(target); });
+      }
+    });
+  }
+  for (std::thread& sender : senders) sender.join();
+  std::vector<std::string> stored;
+  for (const tools::AcceptedPayload& payload : store.Payloads()) stored.push_back(payload.target);
+  EXPECT_EQ(followed.size(), 2'000U);
+  EXPECT_EQ(followed, stored);
 }
 
 TEST(PayloadStoreTest, NeverTakesAnUploadWithoutAnIdForAnotherOne) {
