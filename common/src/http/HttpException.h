@@ -1,8 +1,6 @@
 #pragma once
 
-#include <exception>
 #include <stdexcept>
-#include <string>
 
 namespace zagent::common {
 
@@ -16,16 +14,5 @@ class HttpInterceptorException : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
-
-// The text of the exception that is being handled.
-inline std::string DescribeCurrentException() {
-  try {
-    throw;
-  } catch (const std::exception& error) {
-    return error.what();
-  } catch (...) {
-    return "unknown failure";
-  }
-}
 
 }  // namespace zagent::common

@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "common/src/http/HttpErrorParser.h"
+#include "common/src/util/CurrentException.h"
 #include "common/src/util/Log.h"
 #include "common/src/util/ThreadName.h"
 
@@ -127,7 +128,7 @@ void HttpService::Run() {
     try {
       worker.Turn(requests);
     } catch (...) {
-      ZLOG_FATAL("HTTP service: a turn of the worker failed: " << DescribeCurrentException());
+      ZLOG_FATAL("HTTP service: a turn of the worker failed: " << util::DescribeCurrentException());
     }
     requests.clear();
     worker.Wait();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "common/src/util/CurrentException.h"
 #include "common/src/util/Log.h"
 
 namespace zagent::common {
@@ -17,7 +18,7 @@ void Guard(MutableHttpRequest& request, const Step& step) {
   try {
     step();
   } catch (...) {
-    request.Fail(DescribeCurrentException());
+    request.Fail(util::DescribeCurrentException());
   }
 }
 

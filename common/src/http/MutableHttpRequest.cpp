@@ -6,6 +6,7 @@
 #include "common/src/http/DefaultHttpRetryPolicy.h"
 #include "common/src/http/InMemoryHttpResponse.h"
 #include "common/src/http/OnDiskHttpResponse.h"
+#include "common/src/util/CurrentException.h"
 #include "common/src/util/Log.h"
 
 namespace zagent::common {
@@ -193,7 +194,7 @@ void MutableHttpRequest::ShowAttempt(HttpStatus status, long http_code, bool is_
     try {
       (*interceptor)->OnAttemptEnded(attempt);
     } catch (...) {
-      ZLOG_ERROR("Failed to show an interceptor the answer for " << url_ << " " << DescribeCurrentException());
+      ZLOG_ERROR("Failed to show an interceptor the answer for " << url_ << " " << util::DescribeCurrentException());
     }
   }
 }
@@ -230,7 +231,7 @@ void MutableHttpRequest::ApplyStatus(HttpStatus status, long http_code) {
   } catch (const HttpInterceptorException& error) {
     return FailProcessing(std::string("Response processing failed, error: ") + error.what(), http_code);
   } catch (...) {
-    return FailProcessing(DescribeCurrentException(), http_code);
+    return FailProcessing(util::DescribeCurrentException(), http_code);
   }
   throw HttpException("Unsupported StatusCode: " + std::to_string(static_cast<int>(status)));
 }
@@ -324,7 +325,7 @@ void MutableHttpRequest::CallOnFinished() {
   try {
     settings_.on_finished(*this);
   } catch (...) {
-    ZLOG_ERROR("Failed to finish the http response for " << url_ << " " << DescribeCurrentException());
+    ZLOG_ERROR("Failed to finish the http response for " << url_ << " " << util::DescribeCurrentException());
     const std::lock_guard lock(mutex_);
     if (response_) state_ = State::Failed;
   }
@@ -335,7 +336,7 @@ void MutableHttpRequest::CallPostProcessor() {
   try {
     post_processor_->Process(*this);
   } catch (...) {
-    ZLOG_ERROR("Failed to finish the http response for " << url_ << " " << DescribeCurrentException());
+    ZLOG_ERROR("Failed to finish the http response for " << url_ << " " << util::DescribeCurrentException());
   }
 }
 

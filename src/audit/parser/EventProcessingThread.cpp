@@ -9,6 +9,7 @@
 #include <tuple>
 #include <utility>
 
+#include "common/src/util/CurrentException.h"
 #include "common/src/util/Log.h"
 #include "common/src/util/ThreadName.h"
 #include "src/edr/EventQueueLimit.h"
@@ -106,7 +107,7 @@ void EventProcessingThread::Run() {
   try {
     RunUntilStopped();
   } catch (...) {
-    const std::string cause = "Parsed events processing thread: " + DescribeCurrentException();
+    const std::string cause = "Parsed events processing thread: " + common::util::DescribeCurrentException();
     Close();
     reports_.ended(cause);
     DeliverTheRest();
@@ -144,7 +145,7 @@ void EventProcessingThread::DeliverTheRest() {
   try {
     rule_engine_.OnStop(kLastDelivery);
   } catch (...) {
-    ZLOG_ERROR("Last delivery failed: " << DescribeCurrentException());
+    ZLOG_ERROR("Last delivery failed: " << common::util::DescribeCurrentException());
   }
 }
 
@@ -182,7 +183,7 @@ void EventProcessingThread::ProcessOne(std::unique_ptr<edr::Event> event) {
     rule_engine_.ProcessEvent(std::move(event));
   } catch (...) {
     reports_.counters.Add(IntakeCounters::Reason::NotProcessed);
-    ZLOG_ERROR("Failed to process event: " << DescribeCurrentException());
+    ZLOG_ERROR("Failed to process event: " << common::util::DescribeCurrentException());
   }
 }
 
@@ -200,7 +201,7 @@ bool EventProcessingThread::Housekeep() {
   try {
     return rule_engine_.OnIdle();
   } catch (...) {
-    ZLOG_ERROR("Idle housekeeping failed: " << DescribeCurrentException());
+    ZLOG_ERROR("Idle housekeeping failed: " << common::util::DescribeCurrentException());
     return false;
   }
 }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <exception>
 #include <functional>
 #include <string>
 
@@ -19,16 +18,5 @@ struct IntakeReports {
   // Called with the stage's queue locked; may be empty.
   std::function<void()> resumed = nullptr;
 };
-
-// The text of the exception that is being handled.
-inline std::string DescribeCurrentException() {
-  try {
-    throw;
-  } catch (const std::exception& error) {
-    return error.what();
-  } catch (...) {
-    return "unknown failure";
-  }
-}
 
 }  // namespace zagent::audit

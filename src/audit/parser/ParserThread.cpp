@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include "common/src/util/CurrentException.h"
 #include "common/src/util/Log.h"
 #include "common/src/util/ThreadName.h"
 
@@ -159,7 +160,7 @@ void ParserThread::Run() {
   try {
     RunUntilStopped();
   } catch (...) {
-    const std::string cause = "Audit Parser Thread: " + DescribeCurrentException();
+    const std::string cause = "Audit Parser Thread: " + common::util::DescribeCurrentException();
     Close();
     reports_.ended(cause);
     throw;
