@@ -29,7 +29,10 @@ class FakeProcFs {
     std::string login_uid = "";  // no file without one
   };
 
-  FakeProcFs() { SetBootTime(kBootTime); }
+  FakeProcFs() {
+    SetBootTime(kBootTime);
+    root_.Write("meminfo", "MemTotal:       1000000 kB\n");
+  }
 
   [[nodiscard]] const std::string& Root() const { return root_.Path(); }
 

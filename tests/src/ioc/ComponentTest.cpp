@@ -3,13 +3,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "common/src/storage/Serializer.h"
@@ -45,6 +49,7 @@ class IocComponentTest : public testing::Test {
  protected:
   IocComponentTest() {
     proc_.Start(1, {.ppid = 0, .image = "/sbin/init", .start = 1});
+    proc_.Start(getpid());  // whose use of the processor the thread looks at
     section_.manifests = {WriteManifest("manifest.json")};
     scheduler_.Start();
   }
@@ -207,6 +212,12 @@ TEST_F(IocComponentTest, AFailureBehindItsRulesTakesThemAwayAgain) {
   EXPECT_TRUE(engine_.Installed("IOC").empty());
 }
 
+TEST_F(IocComponentTest, TheThreadPacesItselfByTheProcfsThatItWasGiven) {
+  std::filesystem::remove(proc_.Root() + "/meminfo");
+  EXPECT_EQ(ErrorOf([&] { Make(); }), "Failed to read total system memory from proc fs");
+  EXPECT_TRUE(engine_.Installed("IOC").empty());
+}
+
 TEST_F(IocComponentTest, AnEventTravelsFromTheEngineToThePlatform) {
   Make();
   EXPECT_EQ(engine_.Installed("IOC").size(), 2U);
@@ -316,6 +327,40 @@ TEST_F(IocComponentTest, FromOneManifestToNoneItForgetsWhatItHasStored) {
   component_.reset();
   EXPECT_THAT(SpoolFiles(), IsEmpty());
   EXPECT_EQ(StoredValue("SequenceNumber"), "(none)");
+}
+
+// The daemon has lost its rights to the folder. Root has them in spite of all modes, so it becomes somebody else.
+class WithoutRights {
+ public:
+  explicit WithoutRights(std::vector<std::string> folders) : folders_(std::move(folders)) {
+    for (const std::string& folder : folders_) EXPECT_EQ(chmod(folder.c_str(), 0555), 0) << folder;
+    EXPECT_TRUE(!was_root_ || seteuid(65534) == 0);
+  }
+  WithoutRights(const WithoutRights&) = delete;
+  WithoutRights& operator=(const WithoutRights&) = delete;
+  ~WithoutRights() {
+    EXPECT_TRUE(!was_root_ || seteuid(0) == 0);
+    for (const std::string& folder : folders_) EXPECT_EQ(chmod(folder.c_str(), 0700), 0) << folder;
+  }
+
+ private:
+  const std::vector<std::string> folders_;
+  const bool was_root_ = geteuid() == 0;
+};
+
+TEST_F(IocComponentTest, ASpoolThatCannotBeClearedIsToldInTheLog) {
+  section_.upload_interval = 0;
+  LeaveInSpool("ioc.0001", "1");
+  Make();
+  {
+    const WithoutRights lost({folder_.Path(), folder_ / "edr", folder_ / "edr/events"});
+    section_.manifests.clear();
+    Update();
+    EXPECT_TRUE(Eventually([&] { return log_.Has(Poco::Message::PRIO_ERROR, "[IOC]: Failed to clear spool storage"); }))
+        << log_.All();
+  }
+  EXPECT_FALSE(log_.Has("Successfully cleared spool storage"));
+  EXPECT_THAT(SpoolFiles(), ElementsAre("ioc.0001"));
 }
 
 TEST_F(IocComponentTest, ItCanBeSwitchedOnAgain) {
@@ -506,6 +551,36 @@ TEST_F(IocComponentTest, AnEngineWithoutAKernelDoesNotKeepItFromStarting) {
   engine_.FailAdds("Failed to open audit socket");
   Make();
   EXPECT_TRUE(log_.Has("[IOC]: Component initialized."));
+}
+
+TEST_F(IocComponentTest, EventsAndReadersDoNotMindAConfigurationThatChanges) {
+  section_.upload_interval = 0;
+  const std::string one = WriteManifest("one.json", R"({"gateway_url":"https://one.example"})");
+  const std::string two = WriteManifest("two.json", "{}", "other");
+  section_.manifests = {one};
+  Make();
+  std::atomic<bool> ended{false};
+  std::thread events([&] {
+    while (!ended) DeliverStart();
+  });
+  std::thread reader([&] {
+    while (!ended) {
+      (void)component_->GetQueuedEvents();
+      (void)component_->GetWaitingBytes();
+      (void)component_->GetCachedBytes();
+    }
+  });
+  for (int i = 1; i <= 20; ++i) {
+    section_.manifests = {i % 2 == 0 ? one : two};
+    Update();
+    engine_.Invalidate();
+  }
+  ended = true;
+  events.join();
+  reader.join();
+  EXPECT_EQ(engine_.Installed("IOC").count("folder"), 1U);
+  EXPECT_TRUE(Eventually([&] { return component_->GetQueuedEvents() == 0; }));
+  EXPECT_EQ(reporter_.Dropped(), 0U);
 }
 
 TEST_F(IocComponentTest, TellsWhetherItWorks) {
