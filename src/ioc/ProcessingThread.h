@@ -18,6 +18,9 @@ namespace zagent::ioc::internal {
 // The thread that judges events, so that whoever hands them over never waits for an engine. In a turn it processes all
 // that has come, oldest first; without any event it still calls the processor ten times a second, with none.
 //
+// A stop waits for the turn at hand, to its last event: a turn holds as many as the bound at the most, and how long
+// that takes is the processor's affair. There are no pauses in it any more.
+//
 // Bound: as many events as the event queue in front of it holds (edr::EventQueueLimit). Beyond it events are dropped,
 // counted, and told in one warning a minute.
 class ProcessingThread final : public common::ThreadedClass {
@@ -27,7 +30,7 @@ class ProcessingThread final : public common::ThreadedClass {
   // Told how many events were dropped, on the thread that drops them.
   using DropCounter = std::function<void(std::uint64_t)>;
 
-  // How long the destructor goes on with what has come before.
+  // How long the destructor goes on with what came during the last turn.
   static constexpr std::chrono::seconds kLastEvents{5};
 
   // Limits in percent.
@@ -35,7 +38,8 @@ class ProcessingThread final : public common::ThreadedClass {
                    common::util::Clock& clock = common::util::Clock::Real(), const std::string& proc_root = "/proc");
   ProcessingThread(const ProcessingThread&) = delete;
   ProcessingThread& operator=(const ProcessingThread&) = delete;
-  // Stops the thread and processes what is queued, for kLastEvents; what then remains is dropped and counted.
+  // Stops the thread, which ends its turn, and processes what came during it, for kLastEvents; what then remains is
+  // dropped and counted.
   ~ProcessingThread() override;
 
   // From any thread; never waits for an engine.

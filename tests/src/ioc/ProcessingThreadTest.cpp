@@ -147,6 +147,7 @@ TEST_F(ProcessingThreadTest, BeyondItsBoundEventsAreDroppedCountedAndToldInOneWa
   Processed(10'000);
   EXPECT_EQ(dropped_, 4U);
   EXPECT_EQ(log_.Count("ProcessingThread: Dropped"), 1) << "the minute is not over";
+  clock_.AwaitWaiters(1);
   clock_.Advance(seconds(60));
   EXPECT_TRUE(Eventually([&] { return log_.Has("ProcessingThread: Dropped 1 events"); })) << log_.All();
 }
@@ -192,6 +193,35 @@ TEST_F(ProcessingThreadTest, AStopInTheMidstOfATurnEndsBehindItsLastEvent) {
   go_on.Open();
   stopping.join();
   EXPECT_THAT(Processed(3), ElementsAre(1, 2, 3));
+}
+
+// The first event of the turn waits; each of its events takes two seconds.
+TEST_F(ProcessingThreadTest, AnEndWaitsForTheTurnAtHandAndThenForASetTimeForWhatCameMeanwhile) {
+  Gate busy;
+  Gate go_on;
+  on_process_ = [&](const edr::Event* event) {
+    if (event == nullptr) return;
+    if (event->GetId() == 1) {
+      busy.Open();
+      EXPECT_TRUE(go_on.Await());
+    }
+    clock_.Advance(seconds(2));
+  };
+  for (const std::uint32_t id : {1, 2, 3, 4, 5}) Enqueue(id);
+  thread_->Start();
+  ASSERT_TRUE(busy.Await());
+  for (const std::uint32_t id : {6, 7, 8, 9, 10}) Enqueue(id);
+  std::thread ending([&] { thread_->Stop(); });
+  EXPECT_TRUE(Eventually([&] { return thread_->IsStopped(); }));
+  go_on.Open();
+  ending.join();
+  EXPECT_THAT(Processed(5), ElementsAre(1, 2, 3, 4, 5)) << "ten seconds, and none of them is lost";
+  EXPECT_EQ(thread_->GetQueuedEvents(), 5U);
+  thread_.reset();
+  EXPECT_THAT(Processed(3), ElementsAre(6, 7, 8));
+  EXPECT_TRUE(processed_.IsEmpty());
+  EXPECT_EQ(dropped_, 2U);
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "[IOC]: ProcessingThread: Left 2 events at the stop"));
 }
 
 TEST_F(ProcessingThreadTest, WhatHasComeBeforeTheEndIsProcessed) {

@@ -375,6 +375,16 @@ TEST_F(RuleJsonTest, AnObjectAndItsPatternsAreOneCriterion) {
   EXPECT_EQ(log.Count("Setting File Patterns"), 1);
 }
 
+TEST_F(RuleJsonTest, AllNetworkWordsOfAGroupAreOneCriterionToldOnce) {
+  const fakes::LogCapture log;
+  (void)Network(NetworkRuleText().With(
+      "exclusionFilters",
+      R"([{"filterType":["protocol","remotePort","actorProcess"],"protocol":["tcp"],"remotePort":{"number":[80]},
+          "actorProcess":["nc"]}])"));
+  EXPECT_TRUE(log.Has(Poco::Message::PRIO_DEBUG, "[IOC]: Parsing Network Filter"));
+  EXPECT_EQ(log.Count("Parsing Network Filter"), 1);
+}
+
 TEST_F(RuleJsonTest, ALocalAddressIsHeldAgainstListening) {
   const NetworkRule rule = Network(NetworkRuleText().With(
       "inclusionFilters", R"([{"filterType":["localIPAddress"],"localIPAddress":["0\\.0\\.0\\.0"]}])"));
