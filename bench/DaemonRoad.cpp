@@ -12,6 +12,7 @@
 #include <iterator>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "bench/PreparedRoot.h"
@@ -54,19 +55,20 @@ class NoMagic final : public edr::LibMagicWrapper {
   NoMagic() = default;
 };
 
-}  // namespace
-
-audit::internal::FileContext DaemonRoad::MakeContext() {
+audit::internal::FileContext MakeContext(std::shared_ptr<edr::LibMagicWrapper> magic) {
   audit::internal::FileContext context;
-  context.lib_magic = std::make_shared<NoMagic>();
+  context.lib_magic = magic ? std::move(magic) : std::make_shared<NoMagic>();
   context.digests = std::make_shared<common::util::DigestCache>();
   context.folders = std::make_shared<audit::internal::FolderIdentities>();
   context.mounts = std::make_shared<audit::internal::MountTable>();
   return context;
 }
 
-DaemonRoad::DaemonRoad()
-    : engine_(kernel_,
+}  // namespace
+
+DaemonRoad::DaemonRoad(std::shared_ptr<edr::LibMagicWrapper> magic)
+    : context_(MakeContext(std::move(magic))),
+      engine_(kernel_,
               {.agent_pid = 1'000'000'000,
                .agent_path = "/usr/local/bin/the-agent",
                .audit_backlog_limit = 0,

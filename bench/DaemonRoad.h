@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -38,7 +39,8 @@ class DaemonRoad {
   static constexpr std::uint64_t kCpuLimit = 100;
   static constexpr std::uint64_t kMemoryLimit = 50;
 
-  DaemonRoad();
+  // With what tells types of files; null: nobody is to ask for them.
+  explicit DaemonRoad(std::shared_ptr<edr::LibMagicWrapper> magic = nullptr);
 
   [[nodiscard]] audit::RuleEngine& Engine() { return engine_; }
   [[nodiscard]] common::Scheduler& Scheduler() { return scheduler_; }
@@ -53,9 +55,7 @@ class DaemonRoad {
   void Run(const std::string& log);
 
  private:
-  static audit::internal::FileContext MakeContext();
-
-  const audit::internal::FileContext context_ = MakeContext();
+  const audit::internal::FileContext context_;
   PatientKernel kernel_;
   Health health_;
   audit::IntakeCounters counters_;

@@ -9,7 +9,9 @@
 // they take turns, and each tells the best of its runs. laurel is the one that scripts/bench has unpacked in the
 // current folder. Instructions are counted by callgrind, in this program again, and know no noise. Ends with code 1
 // when a target is missed but for the times of saving and loading.
+#include <magic.h>
 #include <malloc.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -19,6 +21,7 @@
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <iterator>
 #include <limits>
@@ -71,6 +74,7 @@ constexpr double kMostGrowth = 1.1;
 constexpr double kMostSeconds = 2.0;
 
 constexpr const char* kLog = "/bench/audit.log";
+constexpr const char* kMagic = "/usr/lib/file/magic.mgc";
 constexpr const char* kManifest = "/bench/manifest.json";
 
 std::string ReadFile(const std::string& path) {
@@ -118,7 +122,7 @@ IntakeCost MeasureIoc(const std::string& log) {
   section.manifests = {kManifest};
   section.event_file_path = spool;
   IntakeCost cost = MeasureCost([&] {
-    DaemonRoad road;
+    DaemonRoad road(std::make_shared<edr::LibMagicWrapper>(kMagic, MAGIC_ERROR));
     {
       ioc::Component component(std::chrono::system_clock::now(),
                                std::make_unique<ioc::Config>(common, ioc::ParsedJson(section.Text())), road.Magic(),
@@ -422,7 +426,7 @@ void InitLog(const std::string& folder) {
 }
 
 int RunMeasure(const std::string& measure) {
-  InitLog("/bench");
+  InitLog(kResults);
   const std::string log = ReadFile(kLog);
   IntakeCost cost;
   if (measure == "laurel") {
