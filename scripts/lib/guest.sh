@@ -10,7 +10,7 @@ GUEST_PROGRAMS=(ostrel-edr reference-agent reference-receiver file-actor event-l
   kernel_rules_guest_test power-cut spool-victim process-watcher sql_crash)
 
 # The real tools of this machine, which work otherwise than busybox' applets: in /usr/local/gnu of the guest.
-GUEST_TOOLS=(rm tar cp find chmod chown mv sed ln install dpkg dpkg-deb dpkg-split)
+GUEST_TOOLS=(rm tar cp find chmod chown mv sed ln install dash dpkg dpkg-deb dpkg-split)
 
 # Debian's audit daemon and a plugin of it, for scenarios that ask for them. Installed, it would take over this
 # machine's audit.

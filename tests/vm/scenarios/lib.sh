@@ -284,7 +284,7 @@ tell_received() {
   local count
   count=$(grep -c . $LOG/receiver.log)
   if [ "$count" -gt "$1" ]; then
-    sed -n "$(($1 + 1)),${count}p" $LOG/receiver.log | readable | sed 's/^/road:   platform: /' >/dev/console
+    sed -n "$(($1 + 1)),${count}p" $LOG/receiver.log | sed '/^\(ioc\|batch\) /d' | readable | sed 's/^/road:   platform: /' >/dev/console
   fi
   echo "$count"
 }
@@ -501,6 +501,62 @@ wait_for_end_of() {
 }
 
 end_came() { grep -F -- "arguments=$1" $LOG/receiver.log | grep -q '^ioc TERMINATED '; }
+
+# programs_on_stage: /usr/bin and its programs, which are busybox, file-actor and process-actor by other names; each is a
+# file of its own, so that it is known by its path.
+programs_on_stage() {
+  local name
+  mkdir -p /usr/bin
+  for name in sh cat chmod cp id mkdir mv nc rm sleep tee touch; do ln /bin/busybox /usr/bin/$name; done
+  for name in logger passwd; do ln /usr/local/bin/file-actor /usr/bin/$name; done
+  ln /usr/local/bin/process-actor /usr/bin/curl
+  ln /usr/local/gnu/dash /usr/bin/dash
+}
+
+# alice SCRIPT [ARGUMENT...]: she has logged in and runs it; administrator: as root after her login; service: as root,
+# and nobody has logged in. What the change of the user tells of a process is that of a process without siblings.
+alice() { sh -c "( echo 1000 >/proc/self/loginuid && exec su alice -c 'exec /usr/bin/sh $*' ); :"; }
+administrator() { sh -c "( echo 1000 >/proc/self/loginuid && exec /usr/bin/sh $* ); :"; }
+service() { sh -c "/usr/bin/sh $*; :"; }
+
+# ioc_stories: what came, with the names of those who did it in the place of their pids, as far as their starts are told:
+#
+#   event ACTION file PATH by cp<sh<sh as USER        and so for directories and connections
+#   event ACTION process PROGRAM by sh<sh as USER
+ioc_stories() {
+  sed '/^ioc NONE directory /d' $LOG/receiver.log | awk '
+    function field(name,   at) {
+      at = match($0, " " name "=[^ ]*")
+      return at ? substr($0, RSTART + length(name) + 2, RLENGTH - length(name) - 2) : ""
+    }
+    function short(path) { sub(/.*\//, "", path); return path }
+    function chain(pid,   text, depth) {
+      for (depth = 0; (pid in program) && depth < 20; depth++) {
+        text = text (depth ? "<" : "") short(program[pid])
+        pid = parent[pid]
+      }
+      return text == "" ? "-" : text
+    }
+    !/^ioc / { next }
+    { line[++lines] = $0 }
+    /^ioc RUNNING process / { pid = field("pid"); program[pid] = $4; parent[pid] = field("parent") }
+    END {
+      for (i = 1; i <= lines; i++) {
+        $0 = line[i]
+        pid = field("pid")
+        subject = $0
+        sub(/^ioc /, "", subject)
+        sub(/ (actor|pid)=.*/, "", subject)
+        if ($3 == "process") {
+          by = chain(field("parent"))
+        } else {
+          by = short(field("actor"))
+          if (pid in program) { above = chain(parent[pid]); if (above != "-") by = by "<" above }
+        }
+        print "event " subject " by " by " as " field("user")
+      }
+    }'
+}
 
 # last_batch: the number of the batch that came last.
 last_batch() { sed -n 's/^batch \([0-9]*\) .*/\1/p' $LOG/receiver.log | tail -n 1; }
