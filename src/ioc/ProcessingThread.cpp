@@ -10,6 +10,7 @@ namespace zagent::ioc::internal {
 namespace {
 
 constexpr std::uint64_t kWaitMillis = 100;
+constexpr std::uint64_t kIdleWaitMillis = 2000;
 constexpr std::uint64_t kCpuPauseMillis = 10;
 constexpr std::chrono::minutes kTellInterval{1};
 
@@ -66,6 +67,7 @@ bool ProcessingThread::HasIntake() const {
 void ProcessingThread::Execute() {
   TellOfDrops();
   if (active_.empty()) TakeIntake();
+  SetPace(active_.empty());
   if (active_.empty()) {
     processor_(nullptr);
     return;
@@ -74,6 +76,11 @@ void ProcessingThread::Execute() {
     ProcessNext();
     PauseIfCpuIsHigh();
   }
+}
+
+void ProcessingThread::SetPace(bool is_idle) {
+  if (is_idle == std::exchange(is_idle_, is_idle)) return;
+  SetWait(is_idle ? kIdleWaitMillis : kWaitMillis, [this] { return HasIntake(); });
 }
 
 void ProcessingThread::TakeIntake() {

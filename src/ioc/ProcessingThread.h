@@ -16,7 +16,8 @@
 namespace zagent::ioc::internal {
 
 // The thread that judges events, so that whoever hands them over never waits for an engine. In a turn it processes all
-// that has come, oldest first; without any event it still calls the processor ten times a second, with none.
+// that has come, oldest first; without any event it still calls the processor, with none: ten times a second while
+// events come, and every two seconds when a turn has found none, so that an idle host is left alone.
 //
 // A stop waits for the turn at hand, to its last event: a turn holds as many as the bound at the most, and how long
 // that takes is the processor's affair. There are no pauses in it any more.
@@ -57,6 +58,8 @@ class ProcessingThread final : public common::ThreadedClass {
   using Events = std::deque<std::unique_ptr<edr::Event>>;
 
   [[nodiscard]] bool HasIntake() const;
+  // How long until the next turn, when no event comes. On this thread.
+  void SetPace(bool is_idle);
   void TakeIntake();
   void ProcessNext();
   void PauseIfCpuIsHigh();
@@ -67,6 +70,7 @@ class ProcessingThread final : public common::ThreadedClass {
   common::util::Clock& clock_;
   const std::uint64_t limit_;
   Events active_;  // of the turn at hand
+  bool is_idle_ = false;
   std::atomic<std::uint64_t> queued_events_{0};
   std::atomic<std::uint64_t> dropped_{0};
   std::uint64_t told_dropped_ = 0;

@@ -34,7 +34,7 @@ void WatchedPathSchedule::OnClockStep(std::chrono::nanoseconds step) {
 void WatchedPathSchedule::Execute() {
   look_();
   last_run_ = common::util::ToNanoseconds(clock_.Now());
-  Schedule::Execute();
+  // Once a second the Scheduler is woken when this is idle; to be woken here, too, would tell it nothing.
 }
 
 }  // namespace zagent::audit

@@ -97,14 +97,28 @@ TEST_F(ProcessingThreadTest, ProcessesWhatComesOldestFirstOnAThreadOfItsOwn) {
   EXPECT_TRUE(log_.Has("Starting EdrProcessingThread ..."));
 }
 
-TEST_F(ProcessingThreadTest, WithoutEventsItCallsTheProcessorWithNoneTenTimesASecond) {
+TEST_F(ProcessingThreadTest, WithoutEventsItCallsTheProcessorWithNoneEveryTwoSeconds) {
   thread_->Start();
   EXPECT_EQ(processed_.Take(), kNone);
   clock_.AwaitWaiters(1);
-  EXPECT_EQ(clock_.EarliestDeadline() - clock_.Now(), milliseconds(100));
+  EXPECT_EQ(clock_.EarliestDeadline() - clock_.Now(), seconds(2));
   EXPECT_TRUE(processed_.IsEmpty());
+  clock_.Advance(seconds(2));
+  EXPECT_EQ(processed_.Take(), kNone);
+}
+
+TEST_F(ProcessingThreadTest, BehindAnEventTheNextTurnComesAfterATenthOfASecond) {
+  thread_->Start();
+  EXPECT_EQ(processed_.Take(), kNone);
+  clock_.AwaitWaiters(1);
+  Enqueue(7);
+  EXPECT_EQ(processed_.Take(), 7U);
+  clock_.AwaitWaiters(1);
+  EXPECT_EQ(clock_.EarliestDeadline() - clock_.Now(), milliseconds(100));
   clock_.Advance(milliseconds(100));
   EXPECT_EQ(processed_.Take(), kNone);
+  clock_.AwaitWaiters(1);
+  EXPECT_EQ(clock_.EarliestDeadline() - clock_.Now(), seconds(2)) << "that one has found none";
 }
 
 TEST_F(ProcessingThreadTest, AnEventEndsTheWaitAtOnce) {
