@@ -184,8 +184,8 @@ void RuleEngine::Route(std::unique_ptr<edr::Event> event) {
 void RuleEngine::NoteDisguise(edr::Event& event) {
   if (event.GetObjectType() != edr::ObjectType::File && event.GetObjectType() != edr::ObjectType::Directory) return;
   const auto known = known_rules_.Get();
-  std::vector<internal::RuleTable::Rule> rules = known->RulesOf(known->FindFor(event));
-  for (auto& rule : known->RulesOfAuditKey(event.GetAuditKey())) rules.push_back(std::move(rule));
+  std::vector<internal::RuleTable::Rule> rules = known->RulesOf(FindFor(known, event));
+  for (auto& rule : known->RulesOf(FindByAuditKey(known, event.GetAuditKey()))) rules.push_back(std::move(rule));
   const bool is_trusted =
       std::any_of(rules.begin(), rules.end(), [&](const auto& rule) { return rule->TrustsProgramOf(event); });
   if (is_trusted && internal::IsImageProvedAnotherFile(event, proc_root_)) event.SetImageDisguised();

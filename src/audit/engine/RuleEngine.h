@@ -120,6 +120,23 @@ class RuleEngine final : public edr::EventRuleEngine {
  private:
   static constexpr std::size_t kMostNews = 1'000;
 
+  using Snapshot = std::shared_ptr<const internal::RuleTable>;
+
+  // What the rules were asked last: one event asks the same several times on its way.
+  struct AnswerByPath {
+    Snapshot rules;
+    edr::ObjectType type = edr::ObjectType::File;
+    bool is_rename = false;
+    std::string path;
+    std::string new_path;
+    internal::RuleTable::IdsByTag found;
+  };
+  struct AnswerByKey {
+    Snapshot rules;
+    std::string key;
+    internal::RuleTable::IdsByTag found;
+  };
+
   struct Pids {
     std::set<std::int32_t> excluded;
     std::set<std::int32_t> agents;  // the program and its parent agent
@@ -136,6 +153,10 @@ class RuleEngine final : public edr::EventRuleEngine {
     std::string come;
   };
 
+  // Event thread. RuleTable::FindFor and FindByAuditKey; the answer holds until the next question.
+  const internal::RuleTable::IdsByTag& FindFor(const Snapshot& known, const edr::Event& event);
+  const internal::RuleTable::IdsByTag& FindByAuditKey(const Snapshot& known, const std::string& key);
+
   // Event thread. None waits for the mutex.
   [[nodiscard]] bool HasProcessRules() const;
   [[nodiscard]] bool ShouldProcessEvent(const edr::Event& event, internal::EventSource source);
@@ -145,12 +166,12 @@ class RuleEngine final : public edr::EventRuleEngine {
                       std::exception_ptr& first_failure);
   // The rules that the path of the event leads to and, unless it has a twin that tells them, those that the kernel's
   // key names.
-  [[nodiscard]] internal::RuleTable::IdsByTag FindRules(const edr::Event& event, bool has_twin) const;
+  [[nodiscard]] internal::RuleTable::IdsByTag FindRules(const edr::Event& event, bool has_twin);
   // Whether an event whose path leads to other rules may concern those that the kernel's key names. What is removed may
   // be the other side of a rename, which the key was for: there the object has to be a rule's.
   [[nodiscard]] bool MayConcern(const std::vector<internal::RuleTable::Rule>& named, const edr::Event& event) const;
   // The rules that the twin concerns, without those that hear of the event itself.
-  [[nodiscard]] internal::RuleTable::IdsByTag FindOtherRules(const edr::Event& twin, const edr::Event& event) const;
+  [[nodiscard]] internal::RuleTable::IdsByTag FindOtherRules(const edr::Event& twin, const edr::Event& event);
   // Event thread. Gives an event of a file the path under which rules know it, when the one that it was called by is
   // known to none. What no path leads to is left to the audit key, with the true path where that is known.
   void CorrectPaths(edr::Event& event);
@@ -219,6 +240,8 @@ class RuleEngine final : public edr::EventRuleEngine {
   internal::ContainerCheck container_check_;
   common::util::Clock& clock_;
   common::util::Clock::SteadyTime next_look_;  // at the excluded processes; event thread
+  AnswerByPath last_by_path_;                  // event thread
+  AnswerByKey last_by_key_;                    // event thread
   internal::EventRouter router_;               // event thread
 };
 

@@ -64,10 +64,29 @@ const std::string& PathOf(const common::ImageInfo* file) {
 
 }  // namespace
 
+const IdsByTag& RuleEngine::FindFor(const Snapshot& known, const edr::Event& event) {
+  static const std::string kNone;
+  const ObjectType type = event.GetObjectType();
+  const bool is_rename = event.GetType() == EventType::Rename;
+  const std::string& path = IsOfFiles(event) ? PathOf(event.GetFile()) : kNone;
+  const std::string& new_path = IsOfFiles(event) && is_rename ? PathOf(event.GetNewFile()) : kNone;
+  AnswerByPath& last = last_by_path_;
+  const bool is_same = last.rules == known && last.type == type && last.is_rename == is_rename && last.path == path &&
+                       last.new_path == new_path;
+  if (!is_same) last = {known, type, is_rename, path, new_path, known->FindFor(event)};
+  return last.found;
+}
+
+const IdsByTag& RuleEngine::FindByAuditKey(const Snapshot& known, const std::string& key) {
+  AnswerByKey& last = last_by_key_;
+  if (last.rules != known || last.key != key) last = {known, key, known->FindByAuditKey(key)};
+  return last.found;
+}
+
 void RuleEngine::CorrectPaths(edr::Event& event) {
   if (!IsOfFiles(event)) return;
   const auto known = known_rules_.Get();
-  if (known->IsEmpty() || !known->FindFor(event).empty()) return;
+  if (known->IsEmpty() || !FindFor(known, event).empty()) return;
   const std::vector<internal::RuleTable::Rule> named = known->RulesOfAuditKey(event.GetAuditKey());
   const auto has_rule = [&known](const std::string& path) { return !known->FindAt(path).empty(); };
   const std::vector<std::string> new_paths = true_paths_.OfNewFile(event);
@@ -86,8 +105,8 @@ void RuleEngine::CorrectPaths(edr::Event& event) {
 
 std::unique_ptr<edr::Event> RuleEngine::FindTwin(const edr::Event& event) {
   const auto known = known_rules_.Get();
-  const IdsByTag by_path = known->FindFor(event);
-  if (by_path.empty() || HaveCommon(by_path, known->FindByAuditKey(event.GetAuditKey()))) return nullptr;
+  const IdsByTag& by_path = FindFor(known, event);
+  if (by_path.empty() || HaveCommon(by_path, FindByAuditKey(known, event.GetAuditKey()))) return nullptr;
   const std::vector<internal::RuleTable::Rule> found = known->RulesOf(by_path);
   for (const auto& rule : known->RulesOfAuditKey(event.GetAuditKey())) {
     // It hears of the event under the path that the other has.
@@ -108,11 +127,11 @@ bool RuleEngine::MayConcern(const std::vector<internal::RuleTable::Rule>& named,
   return std::any_of(named.begin(), named.end(), [&](const auto& rule) { return true_paths_.IsFileOf(*rule, event); });
 }
 
-IdsByTag RuleEngine::FindRules(const edr::Event& event, bool has_twin) const {
+IdsByTag RuleEngine::FindRules(const edr::Event& event, bool has_twin) {
   const auto known = known_rules_.Get();
-  IdsByTag found = known->FindFor(event);
+  IdsByTag found = FindFor(known, event);
   if (!IsOfFiles(event) || has_twin) return found;
-  const IdsByTag named = known->FindByAuditKey(event.GetAuditKey());
+  const IdsByTag& named = FindByAuditKey(known, event.GetAuditKey());
   std::vector<internal::RuleTable::Rule> hidden;  // that the key names, where the path leads to others only
   if (!HaveCommon(found, named)) hidden = known->RulesOfAuditKey(event.GetAuditKey());
   const bool is_told = MayConcern(hidden, event);
@@ -127,7 +146,7 @@ IdsByTag RuleEngine::FindRules(const edr::Event& event, bool has_twin) const {
   return found;
 }
 
-IdsByTag RuleEngine::FindOtherRules(const edr::Event& twin, const edr::Event& event) const {
+IdsByTag RuleEngine::FindOtherRules(const edr::Event& twin, const edr::Event& event) {
   const auto known = known_rules_.Get();
   IdsByTag found = known->FindFor(twin);
   for (const auto& [tag, ids] : known->FindByAuditKey(twin.GetAuditKey())) AddMissing(ids, found[tag]);
