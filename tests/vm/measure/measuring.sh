@@ -42,6 +42,15 @@ is_quiet() {
   [ $(($(spent) - before)) -le 10 ]
 }
 
+# by_thread: "name:user+system ..." of all threads that live, in ms.
+by_thread() {
+  for pid in $MEASURED; do
+    for task in "/proc/$pid"/task/*; do
+      echo "$(tr ' ' _ <"$task/comm"):$(sed 's/.*) //' "$task/stat" | awk '{ print $12 * 10 "+" $13 * 10 }')"
+    done
+  done | tr '\n' ' '
+}
+
 # measure PID...: prints the figures of these processes together.
 measure() {
   local waits_before spent_before lost_before idle idle_waits
@@ -57,6 +66,7 @@ measure() {
   expect "it is worked off" wait_until 3600 is_quiet
   echo "MEASURED idle_rss_kb=$idle idle_wakeups=$((idle_waits / 60)).$((idle_waits % 60 * 10 / 60)) \
 storm_rss_kb=$(resident) cpu_ms=$((($(spent) - spent_before) * 10)) lost=$(($(lost) - lost_before))"
+  echo "THREADS $(by_thread)"
 }
 
 # ---- the audit daemon

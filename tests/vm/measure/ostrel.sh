@@ -11,13 +11,15 @@ write_configuration
 printf '{"data": {"fim": {"policyVersion": "1.0", "collectHashes": false, "rules": [{"ruleId": "files",
   "ruleType": "directory", "imagePath": "%s", "recursiveDepth": "all", "notify": ["create"]}]}}}' $LOAD >$CONF/fim-manifest.json
 configure cpu_limit 100
+configure upload_interval 60
+configure_ioc upload_interval 60
 extended_coverage false
 sed -i 's/^\(logging.loggers.l0.level\) = .*/\1 = information/' $CONF/log.properties
 start_configured
 watch_calls
 measure "$(daemon_pid)"
 act create $LOAD/the-last
-expect "what is to be reported is" wait_until 120 received "$(cat $OWED)"
+expect "what is to be reported is" wait_until 240 received "$(cat $OWED)"
 auditctl -d always,exit -F arch=b64 -S execve -k programs
 auditctl -d always,exit -F arch=b64 -S connect -k connections
 stop_all
