@@ -7,6 +7,7 @@ namespace {
 
 constexpr std::string_view kEmptyItem = "%00";
 constexpr std::string_view kSpecial{"%:=\0", 4};
+constexpr std::string_view kNul{"\0", 1};
 constexpr std::size_t kEscapeLength = 3;
 
 }  // namespace
@@ -30,7 +31,7 @@ std::string EncodeItem(std::string_view item) {
 }
 
 std::string DecodeItem(std::string_view text) {
-  if (text == kEmptyItem) return {};
+  if (text == kEmptyItem || text == kNul) return {};
   std::string item;
   item.reserve(text.size());
   for (std::size_t at = 0; at < text.size(); ++at) {

@@ -7,7 +7,8 @@
 namespace zagent::ioc::internal {
 
 // Lists in one text of a database: the items stand between ":", with "%", ":", "=" and NUL as "%" and two hexadecimal
-// digits. An empty text is the empty list, and "%00" alone an empty item.
+// digits. An empty text is the empty list, and "%00" alone an empty item: an item of one NUL and nothing else, which no
+// argument and no tag is, comes back as that.
 //
 //   {"a:b", "", "50%"}  ->  "a%3Ab:%00:50%25"
 [[nodiscard]] std::string EncodeItem(std::string_view item);

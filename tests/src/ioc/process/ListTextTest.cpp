@@ -55,5 +55,11 @@ TEST(ListTextTest, EveryListComesBackAsItWas) {
   }
 }
 
+TEST(ListTextTest, AnItemOfOneNulIsTheEmptyItem) {
+  const std::string nul(1, '\0');
+  EXPECT_EQ(ReadList(nul), std::vector<std::string>{""});
+  EXPECT_EQ(ReadList(JoinList({nul, nul + "a"})), (std::vector<std::string>{"", nul + "a"}));
+}
+
 }  // namespace
 }  // namespace zagent::ioc::internal
