@@ -208,6 +208,7 @@ void Component::ReportEnabled() const {
 }
 
 void Component::ClearStoredData() {
+  generator_->Clear();
   try {
     snapshot_->Clear();
     ZLOG_INFO("Successfully cleared sql storage");
