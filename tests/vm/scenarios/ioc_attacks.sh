@@ -253,7 +253,7 @@ expect "all is unpacked" is "$(find /srv/unpacked -type f | wc -l)" 10000
 wait_for_all crowded
 
 ioc_stories | grep -v ' by tar as ' | grep -v '^event TERMINATED process /usr/local/gnu/tar ' >/run/ioc-events
-expect "tar was heard, too" ioc_came "actor=/usr/local/gnu/tar"
+expect "tar was heard, too" grep -q '^ioc CREATE file /srv/unpacked/.* actor=/usr/local/gnu/tar ' $LOG/receiver.log
 printf 'what nobody owes\tnone pid=\n' >>$OWED_BY
 judge /run/ioc-events
 expect "the kernel has lost nothing" grep -q ' lost=0 ' <<STATUS

@@ -250,7 +250,8 @@ act() {
 }
 
 # received LINE: the event of a "done" line came, once. The id is the daemon's, everything else was known before.
-received() { is "$(grep -cF "event ${1#done } id=" $LOG/receiver.log)" 1; }
+# Lines of processes may have such words among their arguments.
+received() { is "$(grep '^event ' $LOG/receiver.log | grep -cF "event ${1#done } id=")" 1; }
 
 all_received() {
   local line
@@ -260,7 +261,7 @@ all_received() {
 # wait_for_event ACTION PATH [TEXT]: an event that a program without a voice caused; TEXT is a further part of its line.
 wait_for_event() { wait_until "${SECONDS_TO_WAIT:-60}" event_came "$@"; }
 
-event_came() { grep -F "event $1 $2 actor=" $LOG/receiver.log | grep -qF -- "${3:-}"; }
+event_came() { grep '^event ' $LOG/receiver.log | grep -F "event $1 $2 actor=" | grep -qF -- "${3:-}"; }
 
 # wait_for_owed SECONDS: until every owed event came; says meanwhile what it waits for and what the platform receives.
 wait_for_owed() {
@@ -453,7 +454,7 @@ ioc_manifests() {
 }
 
 # ioc_came LINE: a line of a batch at the platform begins so. ioc_owes NAME LINE: it comes soon.
-ioc_came() { grep -F -- "$1" $LOG/receiver.log | grep -q '^ioc '; }
+ioc_came() { awk -v line="$1" 'index($0, line) == 1 { came = 1; exit } END { exit !came }' $LOG/receiver.log; }
 
 ioc_owes() { expect "$1" wait_until 60 ioc_came "$2"; }
 
