@@ -9,7 +9,6 @@
 // they take turns, and each tells the best of its runs. laurel is the one that scripts/bench has unpacked in the
 // current folder. Instructions are counted by callgrind, in this program again, and know no noise. Ends with code 1
 // when a target is missed but for the times of saving and loading.
-#include <magic.h>
 #include <malloc.h>
 #include <unistd.h>
 
@@ -34,16 +33,14 @@
 #include "bench/Callgrind.h"
 #include "bench/DaemonRoad.h"
 #include "bench/IntakeMeasures.h"
+#include "bench/IocRoad.h"
 #include "bench/PreparedRoot.h"
 #include "bench/RecordedHost.h"
-#include "common/src/util/Json.h"
 #include "common/src/util/Log.h"
-#include "src/ioc/Component.h"
 #include "src/ioc/EventProcessor.h"
 #include "src/ioc/engines/FilteringEngine.h"
 #include "src/ioc/process/ProcessTags.h"
 #include "src/ioc/process/SnapshotStorage.h"
-#include "src/ioc/protobuf/IocEvents.pb.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeEvent.h"
 #include "tests/fakes/FakeRuleEngine.h"
@@ -74,8 +71,6 @@ constexpr double kMostGrowth = 1.1;
 constexpr double kMostSeconds = 2.0;
 
 constexpr const char* kLog = "/bench/audit.log";
-constexpr const char* kMagic = "/usr/lib/file/magic.mgc";
-constexpr const char* kManifest = "/bench/manifest.json";
 
 std::string ReadFile(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
@@ -85,59 +80,6 @@ std::string ReadFile(const std::string& path) {
 std::size_t HeapInUse() {
   const struct mallinfo2 info = mallinfo2();
   return info.uordblks + info.hblkhd;
-}
-
-// ---- the road of the log, in the prepared root ----------------------------------------------------------------------
-
-// Everything that the log speaks of is told; what is alike is not damped.
-void WriteManifest() {
-  WriteFile(kManifest, R"({"policyVersion":"2.0.0","policyId":1,"productId":1,"globalSettings":{},
-      "heuristicsEnabled":false,"rules":[
-      {"ruleId":"srv","ruleType":"Directory","imagePath":"/srv/w","recursiveDepth":"All","notify":{
-        "File":["create","delete","rename","write","attribute","read"],"Directory":["create","delete","rename"]}},
-      {"ruleId":"processes","ruleType":"Process","notify":{"process":["create","delete"]}},
-      {"ruleId":"connections","ruleType":"Network","notify":{"network":["establish","listen"]}}]})");
-}
-
-std::size_t CountTold(const std::string& spool) {
-  std::size_t count = 0;
-  for (const auto& file : std::filesystem::directory_iterator(spool)) {
-    com::ostrel::ioc::model::proto::event::IoCEvent batch;
-    if (!batch.ParseFromString(ReadFile(file.path()))) throw std::runtime_error("no batch: " + file.path().string());
-    count += static_cast<std::size_t>(batch.directoryevent_size() + batch.fileevent_size() +
-                                      batch.networkevent_size() + batch.processevent_size());
-  }
-  return count;
-}
-
-IntakeCost MeasureIoc(const std::string& log) {
-  const std::string spool = std::string(kResults) + "/ioc-spool";
-  std::filesystem::remove_all(spool);
-  WriteManifest();
-  const common::CommonConfig common = DaemonRoad::MakeCommonConfig();
-  ioc::TestSection section;
-  section.upload_interval = 0;
-  section.max_file_size_kb = 1000;
-  section.max_disk_size_mb = 1000;
-  section.manifests = {kManifest};
-  section.event_file_path = spool;
-  IntakeCost cost = MeasureCost([&] {
-    DaemonRoad road(std::make_shared<edr::LibMagicWrapper>(kMagic, MAGIC_ERROR));
-    {
-      ioc::Component component(std::chrono::system_clock::now(),
-                               std::make_unique<ioc::Config>(common, ioc::ParsedJson(section.Text())), road.Magic(),
-                               road.Scheduler(), DaemonRoad::MakeUploader(), road.Engine(), DaemonRoad::kCpuLimit,
-                               DaemonRoad::kMemoryLimit, nullptr, road.GetHealth(), "/tmp");
-      road.Run(log);
-    }  // judges what it still has
-    if (road.GetHealth().GetLost() != 0) {
-      throw std::runtime_error(std::to_string(road.GetHealth().GetLost()) + " events were lost");
-    }
-    return std::size_t{0};
-  });
-  cost.events = CountTold(spool);
-  std::filesystem::remove_all(spool);
-  return cost;
 }
 
 // ---- the chain -------------------------------------------------------------------------------------------------------
@@ -432,7 +374,8 @@ int RunMeasure(const std::string& measure) {
   if (measure == "laurel") {
     cost = MeasureLaurel(kLog);
   } else if (measure == "ioc") {
-    cost = MeasureIoc(log);
+    // Everything that the log speaks of is told; what is alike is not damped.
+    cost = MeasureIocRoad(log, R"("heuristicsEnabled":false)");
   } else if (measure == "heap") {
     cost.events = static_cast<std::size_t>(BytesPerCachedEvent(log));
   } else {
