@@ -1,5 +1,5 @@
-// Feeds one text to the parser of manifests of indicators of compromise, asks every rule about events whose texts come
-// from the same text, and has the checker look for what nobody reads.
+// Feeds one text to the parser of manifests of indicators of compromise, asks every rule and the engine of tags about
+// events whose texts come from the same text, and has the checker look for what nobody reads.
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -11,6 +11,7 @@
 #include "common/src/util/Clock.h"
 #include "common/src/util/Json.h"
 #include "fuzz/SilentLog.h"
+#include "src/ioc/engines/TaggingEngine.h"
 #include "src/ioc/process/TtlProcessTree.h"
 #include "src/ioc/rules/LinkedRules.h"
 #include "src/ioc/rules/Manifest.h"
@@ -25,6 +26,7 @@ using zagent::edr::ObjectType;
 using zagent::fakes::FakeEvent;
 using zagent::ioc::TtlProcessTree;
 using zagent::ioc::internal::Manifest;
+using zagent::ioc::internal::TaggingEngine;
 namespace common = zagent::common;
 
 constexpr std::int32_t kActor = 100;
@@ -65,7 +67,7 @@ void Ask(const zagent::edr::EventRule& rule, const std::vector<FakeEvent>& event
   }
 }
 
-void AskRules(const Manifest& manifest, const std::string& text) {
+std::vector<FakeEvent> EventsOf(const std::string& text) {
   std::vector<FakeEvent> events;
   events.push_back(EventOf(ObjectType::File, EventType::Write, text));
   events.push_back(EventOf(ObjectType::File, EventType::Rename, text));
@@ -73,6 +75,10 @@ void AskRules(const Manifest& manifest, const std::string& text) {
   events.push_back(EventOf(ObjectType::Process, EventType::ProcessStart, text));
   events.push_back(EventOf(ObjectType::Network, EventType::Connect, text));
   events.push_back(EventOf(ObjectType::Network, EventType::Bind, text));
+  return events;
+}
+
+void AskRules(const Manifest& manifest, const std::vector<FakeEvent>& events) {
   for (const auto& rule : manifest.GetRules()) {
     Ask(*rule, events);
     for (const auto& derived : zagent::ioc::internal::FollowLinks(rule)) Ask(*derived, events);
@@ -80,27 +86,36 @@ void AskRules(const Manifest& manifest, const std::string& text) {
   for (const auto& rule : manifest.GetWhitelistGlobalRules()) {
     for (const FakeEvent& event : events) (void)rule->Match(event);
   }
+}
+
+// Only a threshold makes somebody suspicious.
+void AskTags(TtlProcessTree& tree, const Manifest& manifest, const std::vector<FakeEvent>& events) {
   if (!manifest.GetTaggingSettings().IsObject()) std::abort();
+  TaggingEngine engine(tree, manifest.GetTaggingSettings());
+  for (const FakeEvent& event : events) {
+    const bool is_clean = engine.Process(event) == zagent::ioc::Verdict::Clean;
+    const std::int64_t threshold = engine.GetThresholdScore();
+    if (is_clean != (threshold == 0 || tree.Get(kActor)->GetScore() < threshold)) std::abort();
+  }
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   zagent::fuzz::SilenceLog();
-  static TtlProcessTree& tree = [&]() -> TtlProcessTree& {
-    static TtlProcessTree processes(nullptr, std::chrono::hours(1), common::util::Clock::Real(), "/nonexistent");
-    Enter(processes, 1, 0, "/sbin/init");
-    Enter(processes, 50, 1, "/usr/sbin/cron");
-    Enter(processes, kActor, 50, "/bin/dash");
-    return processes;
-  }();
+  TtlProcessTree tree(nullptr, std::chrono::hours(1), common::util::Clock::Real(), "/nonexistent");
+  Enter(tree, 1, 0, "/sbin/init");
+  Enter(tree, 50, 1, "/usr/sbin/cron");
+  Enter(tree, kActor, 50, "/bin/dash");
   const std::string text(reinterpret_cast<const char*>(data), size);
   rapidjson::Document document;
   common::util::ParseJson(document, text);
   if (document.HasParseError()) return 0;
   try {
     const Manifest manifest(document, tree);
-    AskRules(manifest, text);
+    const std::vector<FakeEvent> events = EventsOf(text);
+    AskRules(manifest, events);
+    AskTags(tree, manifest, events);
     (void)zagent::manifest_check::FindUnreadParts(document);
   } catch (const zagent::ioc::internal::ManifestException&) {
     // A malformed manifest says so.

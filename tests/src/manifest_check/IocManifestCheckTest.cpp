@@ -180,11 +180,11 @@ TEST_F(IocManifestCheckTest, TagsAreJudgedAsTheEngineWouldEachAtItsPlace) {
 
 TEST_F(IocManifestCheckTest, TagsNeedAThreshold) {
   EXPECT_FALSE(Check("m.json", Manifest(kStarts, "{}", R"(, "tags": {"Persistence": {"score": 1}})")));
-  EXPECT_TRUE(HasPrinted("DIR/m.json:3:31: Tag settings does not have threshold score\n")) << Printed();
+  EXPECT_TRUE(HasPrinted("DIR/m.json:3:33: Tag settings does not have threshold score\n")) << Printed();
   EXPECT_FALSE(HasPrinted("regex")) << "the rest is not looked at";
   const std::string other = R"(    {"ruleId": "p2", "ruleType": "Process", "notify": {"process": ["create"]}})";
   EXPECT_FALSE(Check("n.json", Manifest(other, "{}", R"(, "tags": {"thresholdScore": 1.5})")));
-  EXPECT_TRUE(HasPrinted("DIR/n.json:3:31: Threshold score is not an integer\n")) << Printed();
+  EXPECT_TRUE(HasPrinted("DIR/n.json:3:33: Threshold score is not an integer\n")) << Printed();
 }
 
 TEST_F(IocManifestCheckTest, TagsThatAreOffNeedNoSense) {
@@ -192,7 +192,7 @@ TEST_F(IocManifestCheckTest, TagsThatAreOffNeedNoSense) {
   EXPECT_FALSE(HasPrinted("Execution")) << Printed();
   const std::string other = R"(    {"ruleId": "p2", "ruleType": "Process", "notify": {"process": ["create"]}})";
   EXPECT_TRUE(Check("n.json", Manifest(other, "{}", R"(, "tags": [])")));
-  EXPECT_TRUE(HasPrinted("DIR/n.json:3:31: warning: Tagging is disabled.\n")) << Printed();
+  EXPECT_TRUE(HasPrinted("DIR/n.json:3:33: warning: Tagging is disabled.\n")) << Printed();
 }
 
 TEST_F(IocManifestCheckTest, WhatNobodyReadsOfTagsIsAWarningWithItsPlace) {
@@ -202,7 +202,7 @@ TEST_F(IocManifestCheckTest, WhatNobodyReadsOfTagsIsAWarningWithItsPlace) {
  "Exfiltration": {"score": 1, "processRegex": "/bin/nc", "pathRegex": "x"},
  "Persistence": {"score": 1, "pathRegex": "x", "processRegex": "x"},
  "PrivilegeEscalation": {"score": 1, "exclusions": [{"actorProcess": "a"}, {"actorProcess": "a", "pattern": "b"}]}})")));
-  for (const char* line : {":3:65: warning: Unknown key, which is passed over: treshold\n",
+  for (const char* line : {":3:68: warning: Unknown key, which is passed over: treshold\n",
                            ":4:15: warning: Unknown key, which is passed over: Discovery\n",
                            ":5:65: warning: Unknown key, which is passed over: pathRegex\n",
                            ":6:71: warning: Unknown key, which is passed over: pathRegex\n",

@@ -1,8 +1,9 @@
 #pragma once
 
-#include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <stdexcept>
@@ -10,14 +11,18 @@
 #include <utility>
 #include <vector>
 
+#include "common/src/util/DeviceText.h"
 #include "src/audit/parser/AuparseFeed.h"
+#include "tests/fakes/FakeEvent.h"
+#include "tests/fakes/TempFolder.h"
 #include "tests/fakes/TestData.h"
 
 namespace zagent::ioc::internal {
 
 // What a process does, as a kernel's audit tells it: records of tests/data with the names, modes and numbers of another
-// act in them, read by auparse and built by the program's own classes of events. The objects that they name are not
-// there when they are looked at.
+// act in them, read by auparse and built by the program's own classes of events. What is started, read or written to
+// lies in a folder of the test's own while it is looked at; the events tell it without that folder. Other objects are
+// gone by then.
 class RecordedActs {
  public:
   struct Actor {
@@ -31,10 +36,10 @@ class RecordedActs {
   using Event = std::unique_ptr<edr::Event>;
 
   [[nodiscard]] Event Read(const Actor& actor, const std::string& path) const {
-    return Of(kOperations, 45, actor, {{"\"/srv/w/h\"", Quoted(path)}});
+    return Confirmed(kOperations, 45, actor, {{"\"/srv/w/h\" inode=101 dev=00:02", ObjectAt(path)}});
   }
   [[nodiscard]] Event Write(const Actor& actor, const std::string& path) const {
-    return Of(kOperations, 42, actor, {{"\"/srv/w/h\"", Quoted(path)}});
+    return Confirmed(kOperations, 42, actor, {{"\"/srv/w/h\" inode=101 dev=00:02", ObjectAt(path)}});
   }
   // The mode in octal digits, as in the record.
   [[nodiscard]] Event Create(const Actor& actor, const std::string& path, const std::string& mode = "0640") const {
@@ -62,17 +67,18 @@ class RecordedActs {
     std::snprintf(bits, sizeof bits, "a1=%x ", to);
     return Of(kOperations, 89, actor, {{"\"/srv/w/e1\"", Quoted(path)}, {"0100644", "010" + from}, {"a1=180 ", bits}});
   }
-  // `image` is the program's own file.
   [[nodiscard]] Event Start(const Actor& actor, const std::vector<std::string>& arguments,
                             const std::string& cwd = "/root") const {
-    return Of(kProcesses, 33, actor,
-              {{kStartedArguments, ArgumentsOf(arguments)},
-               {"\"/usr/local/bin/process-actor\" inode", Quoted(actor.image) + " inode"},
-               {"cwd=\"/root\"", "cwd=" + Quoted(cwd)}});
+    return Confirmed(kProcesses, 33, actor,
+                     {{kStartedArguments, ArgumentsOf(arguments)},
+                      {"\"/usr/local/bin/process-actor\" inode=25 dev=00:02", ObjectAt(actor.image)},
+                      {"cwd=\"/root\"", "cwd=" + Quoted(cwd)}});
   }
-  // The kernel starts the interpreter `image` for the script.
+  // The kernel starts the interpreter `actor.image` for the script.
   [[nodiscard]] Event StartScript(const Actor& actor, const std::string& script) const {
-    return Of(kProcesses, 34, actor, {{"\"/srv/script\" inode", Quoted(script) + " inode"}});
+    return Confirmed(kProcesses, 34, actor,
+                     {{"\"/srv/script\" inode=368 dev=00:02", ObjectAt(script)},
+                      {"\"/bin/sh\" inode=94 dev=00:02", ObjectAt(actor.image)}});
   }
   // Of the family IPv4, to port 443.
   [[nodiscard]] Event Connect(const Actor& actor, const std::string& address) const {
@@ -81,7 +87,7 @@ class RecordedActs {
   [[nodiscard]] Event Bind(const Actor& actor, const std::string& address) const {
     return Of(kProcesses, 276, actor, {{"14E90A010203", "14E9" + HexOf(address)}});
   }
-  [[nodiscard]] Event Exit(const Actor& actor) const { return Of(kProcesses, 32, actor, {}); }
+  [[nodiscard]] Event Exit(const Actor& actor) const { return Of(kProcesses, 10, actor, {}); }
   [[nodiscard]] Event Abend(const Actor& actor) const {
     return FromText(WithNumber(Text(kOperations, 176), "pid=", std::to_string(actor.pid)));
   }
@@ -141,6 +147,45 @@ class RecordedActs {
     text = WithNumber(text, "uid=", std::to_string(actor.uid));
     return FromText(WithNumber(text, "euid=", std::to_string(actor.euid)));
   }
+  // Makes the object, and answers what a record says of it.
+  [[nodiscard]] std::string ObjectAt(const std::string& path) const {
+    std::filesystem::create_directories(std::filesystem::path(root_ + path).parent_path());
+    std::ofstream(root_ + path) << "an object";
+    struct stat info {};
+    if (lstat((root_ + path).c_str(), &info) != 0) throw std::runtime_error(path);
+    return Quoted(root_ + path) + " inode=" + std::to_string(info.st_ino) +
+           " dev=" + common::util::DeviceText(info.st_dev);
+  }
+  [[nodiscard]] common::ImageInfo WithoutRoot(const common::ImageInfo& image) const {
+    common::ImageInfo bare(image);
+    bare.SetPath(image.GetPath().substr(root_.size()));
+    return bare;
+  }
+  [[nodiscard]] Event Confirmed(const char* log, unsigned serial, Actor actor, const Changes& changes) const {
+    actor.image = root_ + actor.image;
+    const Event event = Of(log, serial, actor, changes);
+    auto told = std::make_unique<fakes::FakeEvent>();
+    told->type = event->GetType();
+    told->action = event->GetAction();
+    told->object_type = event->GetObjectType();
+    told->id = event->GetId();
+    told->uid = event->GetActorUserId();
+    told->euid = event->GetActorEuid();
+    told->auid = event->GetActorAuid();
+    told->pid = event->GetActorProcessId();
+    told->ppid = event->GetActorParentProcessId();
+    told->timestamp = event->GetTimestamp();
+    told->elevated = event->IsElevated();
+    told->image = WithoutRoot(*event->GetImage());
+    if (event->GetType() == edr::EventType::ProcessStart) {
+      told->arguments = event->GetActorProcessArguments();
+      told->cwd = event->GetCwd();
+    } else {
+      told->file = WithoutRoot(*event->GetFile());
+    }
+    if (event->HasSecondaryImage()) told->secondary_image = WithoutRoot(*event->GetSecondaryImage());
+    return told;
+  }
   static Event FromText(const std::string& text) {
     audit::internal::FileContext context;
     context.extended_coverage = true;  // what is gone is told all the same
@@ -153,6 +198,9 @@ class RecordedActs {
     if (events.size() != 1) throw std::runtime_error(std::to_string(events.size()) + " events of: " + text);
     return std::move(events.front());
   }
+
+  const fakes::TempFolder folder_;
+  const std::string root_ = std::filesystem::canonical(folder_.Path());
 };
 
 }  // namespace zagent::ioc::internal
