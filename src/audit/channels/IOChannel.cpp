@@ -214,13 +214,20 @@ IOChannel::Error IOChannel::EventLoop() {
 
 // poll instead of select: it has no highest descriptor. A descriptor that is not open is an error of the wait, as it
 // is for select.
-IOChannel::Wake IOChannel::WaitForInput(bool& self_pipe_ready, bool& input_ready) const {
+IOChannel::Wake IOChannel::WaitForInput(bool& self_pipe_ready, bool& input_ready) {
+  constexpr timespec kAtOnce{0, 0};
   std::array<pollfd, 2> waiting = {pollfd{wake_read_.Get(), POLLIN, 0}, pollfd{read_fd_, POLLIN, 0}};
   timespec limit{static_cast<time_t>(timeout_seconds_), 0};
-  int ready = ppoll(waiting.data(), waiting.size(), timeout_seconds_ == 0 ? nullptr : &limit, nullptr);
+  const timespec* const wait = may_gather_ ? &kAtOnce : timeout_seconds_ == 0 ? nullptr : &limit;
+  int ready = ppoll(waiting.data(), waiting.size(), wait, nullptr);
   if (ready > 0 && ((waiting[0].revents | waiting[1].revents) & POLLNVAL) != 0) {
     errno = EBADF;
     ready = -1;
+  }
+  if (ready == 0 && may_gather_) {
+    may_gather_ = false;
+    let_gather_();
+    return Wake::Again;
   }
   if (ready == 0) return Wake::TimedOut;
   if (ready < 0) {
@@ -240,6 +247,7 @@ IOChannel::Error IOChannel::HandleTimeout() {
 IOChannel::Error IOChannel::HandleReadable() {
   Bytes data;
   const bool end_of_file = Read(data);
+  may_gather_ = static_cast<bool>(let_gather_);
   if (!data.empty()) OnRead(std::move(data));
   return end_of_file ? ReportError(OnEOF()) : Error::Success;
 }

@@ -5,9 +5,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cstddef>
 #include <cstring>
 #include <exception>
+#include <initializer_list>
 #include <string>
+#include <string_view>
+#include <thread>
 
 #include "common/src/util/ErrnoText.h"
 #include "common/src/util/Log.h"
@@ -19,19 +24,39 @@ namespace {
 using common::util::ErrnoText;
 using common::util::Log;
 
-// The text of a record up to a NUL. A privileged sender of user messages can put a line break into its text: it must
-// not begin a record of its own making.
-std::string TextOf(const audit_reply& reply) {
-  if (reply.message == nullptr || reply.len <= 0) return "";
+constexpr std::chrono::milliseconds kGatherTime{2};
+
+// The text of a record up to a NUL.
+std::string_view TextOf(const audit_reply& reply) {
+  if (reply.message == nullptr || reply.len <= 0) return {};
   const std::size_t length = std::min<std::size_t>(static_cast<std::size_t>(reply.len), MAX_AUDIT_MESSAGE_LENGTH);
-  std::string text(reply.message, strnlen(reply.message, length));
-  std::replace(text.begin(), text.end(), '\n', ' ');
-  return text;
+  return {reply.message, strnlen(reply.message, length)};
+}
+
+// A privileged sender of user messages can put a line break into its text: it must not begin a record of its own
+// making.
+void AppendLine(IOChannel::Bytes& data, std::string_view type, std::string_view text) {
+  const std::initializer_list<std::string_view> parts = {"type=", type, " msg=", text};
+  std::size_t size = 1;
+  for (const std::string_view part : parts) size += part.size();
+  data.reserve(data.size() + size);
+  for (const std::string_view part : parts) data.insert(data.end(), part.begin(), part.end());
+  // Searched for rather than replaced byte by byte: there is none in nearly every record.
+  unsigned char* const end = data.data() + data.size();
+  unsigned char* rest = end - text.size();
+  while (auto* found = static_cast<unsigned char*>(std::memchr(rest, '\n', static_cast<std::size_t>(end - rest)))) {
+    *found = ' ';
+    rest = found + 1;
+  }
+  data.push_back('\n');
 }
 
 }  // namespace
 
-KernelIOChannel::KernelIOChannel(AuditNetlink& netlink) : IOChannel(MAX_AUDIT_MESSAGE_LENGTH, 0), netlink_(netlink) {}
+KernelIOChannel::KernelIOChannel(AuditNetlink& netlink) : IOChannel(MAX_AUDIT_MESSAGE_LENGTH, 0), netlink_(netlink) {
+  // The socket holds far more than comes in that time.
+  let_gather_ = [] { std::this_thread::sleep_for(kGatherTime); };
+}
 
 KernelIOChannel::~KernelIOChannel() {
   try {
@@ -106,10 +131,8 @@ bool KernelIOChannel::Read(Bytes& data) {
   ZLOG_TRACE("KernelIOChannel: received " << reply.len << " bytes.");
   const char* type = audit_msg_type_to_name(reply.type);
   if (type == nullptr) return false;
-  std::string line("type=");
-  line.append(type).append(" msg=").append(TextOf(reply)).append("\n");
-  data.assign(line.begin(), line.end());
-  if (Log::IsEventTraceEnabled()) Log::WriteEventTrace("Audit event: " + line);
+  AppendLine(data, type, TextOf(reply));
+  if (Log::IsEventTraceEnabled()) Log::WriteEventTrace("Audit event: " + std::string(data.begin(), data.end()));
   return false;
 }
 

@@ -5,6 +5,7 @@
 #include <exception>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "common/src/util/CurrentException.h"
@@ -21,6 +22,7 @@ constexpr std::size_t kFeedStep = 1'048'576;
 constexpr std::size_t kPiece = 65'536;
 constexpr std::chrono::milliseconds kFlushDelay{100};
 constexpr std::chrono::seconds kCpuPause{1};
+constexpr std::chrono::milliseconds kGatherTime{5};
 
 ParserThread::Seams ThisMachine(internal::FileContext context, std::uint64_t cpu_limit, std::uint64_t memory_limit,
                                 common::util::Clock& clock) {
@@ -28,7 +30,7 @@ ParserThread::Seams ThisMachine(internal::FileContext context, std::uint64_t cpu
   context.looks = std::make_shared<internal::DiskLooks>();
   return {internal::MakeEventFactory(context),
           [cpu_limit, memory_limit, &clock] { return common::MakeLoadProbe(cpu_limit, memory_limit, clock); },
-          context.looks};
+          context.looks, [] { std::this_thread::sleep_for(kGatherTime); }};
 }
 
 }  // namespace
@@ -48,6 +50,7 @@ ParserThread::ParserThread(IOChannel& channel, edr::EventRuleEngine& rule_engine
       limits_(QueueLimitsFor(memory_limit * load_.total_memory_kb)),
       clock_(clock),
       disk_looks_(std::move(seams.disk_looks)),
+      let_gather_(std::move(seams.let_gather)),
       parser_(std::move(seams.build_events), reports_.counters) {
   ZLOG_DEBUG("Setting parser queue size to " << limits_.max_bytes / 1024 << " KB");
   channel.SetReadCallback([this](IOChannel::Bytes&& data) { OnData(std::move(data)); });
@@ -204,10 +207,16 @@ void ParserThread::RunUntilStopped() {
 bool ParserThread::TakeData(Pieces& data) {
   std::unique_lock lock(queue_mutex_);
   const auto ready = [this] { return !queue_.empty() || stopping_; };
+  const bool waits = !ready();
   if (idle_) {
     data_condition_.wait(lock, ready);
   } else {
     clock_.WaitFor(data_condition_, lock, kFlushDelay, ready);
+  }
+  if (waits && let_gather_ && !queue_.empty()) {
+    lock.unlock();
+    let_gather_();
+    lock.lock();
   }
   queue_.swap(data);
   return !data.empty();

@@ -36,6 +36,9 @@ class ParserThread {
     internal::EventFactory build_events;
     std::function<common::LoadProbe()> make_load_probe;         // called once for each stage
     std::shared_ptr<internal::DiskLooks> disk_looks = nullptr;  // of the event classes, to be renewed by the piece
+    // Called on the parser's thread when data came that it waited for: what follows at once is taken along, for it
+    // costs more to sleep than to parse a record. Returns soon; may be empty.
+    std::function<void()> let_gather = {};
   };
 
   // Limits in percent. Installs the read callback on the channel, which must be stopped now and when this object goes.
@@ -108,6 +111,7 @@ class ParserThread {
   QueueLimits limits_;
   common::util::Clock& clock_;
   std::shared_ptr<internal::DiskLooks> disk_looks_;
+  std::function<void()> let_gather_;
   internal::AuparseFeed parser_;
 };
 

@@ -11,13 +11,16 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "common/src/util/UniqueFd.h"
 #include "src/audit/channels/StdIOChannel.h"
 #include "tests/fakes/ChannelLog.h"
+#include "tests/fakes/Gate.h"
 #include "tests/fakes/LogCapture.h"
 
 namespace zagent::audit {
@@ -44,6 +47,8 @@ class TestChannel final : public IOChannel {
     read_fd_ = read_fd;
     write_fd_ = write_fd;
   }
+
+  void LetGather(std::function<void()> let_gather) { let_gather_ = std::move(let_gather); }
 
   std::atomic<int> timeouts{0};
   std::atomic<int> timeouts_to_forgive{0};
@@ -439,6 +444,21 @@ TEST_F(IOChannelTest, AStdChannelReadsAndWritesItsTwoDescriptors) {
 TEST_F(IOChannelTest, AStdChannelMayBeReadOnly) {
   StdIOChannel channel(peer_.Get(), -1, 16);
   EXPECT_EQ(ErrorOf([&] { channel.Send(ToBytes("x")); }), Error::InvalidState);
+}
+
+TEST_F(IOChannelTest, BehindWhatItReadItLetsMoreGatherOnceAndThenSleeps) {
+  std::atomic<int> gathered{0};
+  channel_.LetGather([&] {
+    if (++gathered == 1) PeerWrites("second");
+  });
+  channel_.Start();
+  PeerWrites("first");
+  EXPECT_EQ(log_.messages.Take(), "first");
+  EXPECT_EQ(log_.messages.Take(), "second");
+  EXPECT_TRUE(fakes::Eventually([&] { return gathered == 2; })) << "behind the second one, too";
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_EQ(gathered, 2) << "nothing came: it sleeps";
+  channel_.Stop();
 }
 
 }  // namespace

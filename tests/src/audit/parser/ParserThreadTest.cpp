@@ -256,6 +256,25 @@ TEST_F(ParserThreadTest, WhatIsQueuedTakesNoMoreMemoryThanItCountsFor) {
 }
 #endif
 
+TEST_F(ParserThreadTest, TakesAlongWhatFollowsTheDataThatItWaitedFor) {
+  std::atomic<bool> follows{false};
+  ParserThread::Seams seams{factory_.Get(), [this] { return probes_++ == 2 ? ParserProbe() : StageProbe(); }};
+  seams.let_gather = [&] {
+    if (follows.exchange(false)) channel_.Deliver(log_.Event(AuditLog::kRenameOver));
+  };
+  ParserThread parser(channel_, engine_, kCpuLimit, 0, Reports(), clock_, std::move(seams));
+  parser.Start();
+  channel_.Deliver(log_.Event(AuditLog::kMkdir));
+  AwaitFlushWait();
+  measured_ = 0;
+  follows = true;
+  channel_.Deliver(log_.Event(AuditLog::kRmdir));
+  EXPECT_THAT(Processed(2), ElementsAre(AuditLog::kMkdir, AuditLog::kRmdir));
+  AwaitFlushWait();
+  EXPECT_EQ(measured_, 1 + 1) << "one step";
+  parser.Stop();
+}
+
 TEST_F(ParserThreadTest, AWallClockThatIsSetBackHoldsNeitherTheFlushNorTheCpuPause) {
   parser_->Start();
   channel_.Deliver(log_.Event(AuditLog::kMkdir));
