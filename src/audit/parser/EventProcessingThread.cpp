@@ -13,6 +13,7 @@
 #include "common/src/util/Log.h"
 #include "common/src/util/ThreadName.h"
 #include "src/edr/EventQueueLimit.h"
+#include "src/edr/process/EventBytes.h"
 
 namespace zagent::audit {
 namespace {
@@ -78,8 +79,12 @@ void EventProcessingThread::Stop() {
 }
 
 void EventProcessingThread::AddEvents(Events&& events) {
+  std::uint64_t bytes = 0;
+  for (const auto& event : events) bytes += edr::EstimateBytes(*event);
   std::unique_lock lock(mutex_);
-  if (queue_.size() >= max_queue_events_ && !stopping_) {
+  const bool is_full =
+      queue_.size() >= max_queue_events_ || queue_bytes_ >= max_queue_events_ * edr::kOrdinaryEventBytes;
+  if (is_full && !stopping_) {
     ZLOG_WARNING("Processing queue threshold hit. Stopped adding events to que");
     space_condition_.wait(lock, [this] { return queue_.empty() || stopping_; });
     ZLOG_INFO("Enabling the processing queue");
@@ -89,6 +94,7 @@ void EventProcessingThread::AddEvents(Events&& events) {
     return;
   }
   queued_events_ += events.size();
+  queue_bytes_ += bytes;
   const bool was_empty = queue_.empty();
   if (was_empty) {
     queue_ = std::move(events);
@@ -135,6 +141,7 @@ void EventProcessingThread::Close() {
     const std::lock_guard lock(mutex_);
     stopping_ = true;
     dropped.swap(queue_);
+    queue_bytes_ = 0;
   }
   queued_events_ -= dropped.size();
   space_condition_.notify_all();
@@ -154,6 +161,7 @@ EventProcessingThread::Events EventProcessingThread::TakeBatch() {
   if (queue_.empty()) {
     clock_.WaitFor(filled_condition_, lock, kIdleInterval, [this] { return !queue_.empty() || stopping_; });
   }
+  queue_bytes_ = 0;
   return std::exchange(queue_, {});
 }
 

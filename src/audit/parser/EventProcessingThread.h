@@ -21,8 +21,8 @@ namespace zagent::audit {
 // processors arrive out of order) and gives each to the rule engine, after what has become due there. ProcessEvent,
 // OnIdle and OnStop are called on this stage's thread only.
 //
-// Bound: edr::EventQueueLimit. At the bound AddEvents waits until the whole queue was taken
-// and processed.
+// Bound: edr::EventQueueLimit, or as many bytes as so many ordinary events have (edr::EstimateBytes). At the bound
+// AddEvents waits until the whole queue was taken.
 //
 // A stage that dies of an exception is a stopped stage: its producer is woken and never waits again.
 class EventProcessingThread {
@@ -73,6 +73,7 @@ class EventProcessingThread {
   std::condition_variable filled_condition_;  // events came, or the stage is being stopped
   std::condition_variable space_condition_;
   Events queue_;
+  std::uint64_t queue_bytes_ = 0;
   std::atomic<std::uint64_t> queued_events_{0};  // in queue_ and in the batch
   std::uint64_t max_queue_events_;
   common::LoadProbe load_;

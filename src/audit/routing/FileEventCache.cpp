@@ -1,8 +1,10 @@
 #include "src/audit/routing/FileEventCache.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "common/src/util/Log.h"
+#include "src/edr/process/EventBytes.h"
 
 namespace zagent::audit::internal {
 namespace {
@@ -31,8 +33,10 @@ void FileEventCache::Leave(std::int32_t pid, const Queue& queue) {
 void FileEventCache::Add(std::unique_ptr<edr::Event> event) {
   const std::int32_t pid = event->GetActorProcessId();
   Queue& queue = queues_[pid];
-  queue.push_back({next_number_++, std::move(event)});
+  const std::uint64_t bytes = edr::EstimateBytes(*event);
+  queue.push_back({next_number_++, std::move(event), bytes});
   ++size_;
+  bytes_ += bytes;
   if (queue.size() == 1) {
     Enter(pid, queue);
   } else if (queue.size() == limits_.max_process_events + 1) {
@@ -41,12 +45,17 @@ void FileEventCache::Add(std::unique_ptr<edr::Event> event) {
   TellOfTheBound();
 }
 
+bool FileEventCache::IsAtTheBound() const {
+  return size_ > limits_.max_events || bytes_ > limits_.max_events * edr::kOrdinaryEventBytes;
+}
+
 // One line each time the bound is reached; the next one only after half of it was free again.
 void FileEventCache::TellOfTheBound() {
-  if (size_ > limits_.max_events && !bound_told_) {
-    ZLOG_WARNING("FileEventCache: " << limits_.max_events << " file events rest: the oldest are delivered early");
+  if (IsAtTheBound() && !bound_told_) {
+    ZLOG_WARNING("FileEventCache: " << std::min<std::size_t>(size_, limits_.max_events)
+                                    << " file events rest: the oldest are delivered early");
     bound_told_ = true;
-  } else if (size_ <= limits_.max_events / 2) {
+  } else if (size_ <= limits_.max_events / 2 && bytes_ <= limits_.max_events * edr::kOrdinaryEventBytes / 2) {
     bound_told_ = false;
   }
 }
@@ -55,7 +64,7 @@ const FileEventCache::Front* FileEventCache::FindDue() const {
   if (fronts_.empty()) return nullptr;
   const std::int64_t now = common::util::ToNanoseconds(clock_.Now());
   const Front& oldest = *fronts_.begin();
-  if (size_ > limits_.max_events || oldest.timestamp < now - limits_.max_age.count()) return &oldest;
+  if (IsAtTheBound() || oldest.timestamp < now - limits_.max_age.count()) return &oldest;
   if (!crowded_.empty()) return &*crowded_.begin();
   constexpr Front kLast{0, std::numeric_limits<std::uint64_t>::max(), std::numeric_limits<std::int32_t>::max()};
   const auto future = fronts_.upper_bound({now + kFutureSlack.count(), kLast.number, kLast.pid});
@@ -86,6 +95,7 @@ std::unique_ptr<edr::Event> FileEventCache::Take(Front front) {
   Queue& queue = entry->second;
   Leave(front.pid, queue);
   std::unique_ptr<edr::Event> event = std::move(queue.front().event);
+  bytes_ -= queue.front().bytes;
   queue.pop_front();
   --size_;
   if (queue.empty()) {
@@ -102,6 +112,7 @@ void FileEventCache::Clear() {
   crowded_.clear();
   queues_.clear();
   size_ = 0;
+  bytes_ = 0;
   TellOfTheBound();
 }
 
@@ -111,7 +122,10 @@ FileEventCache::Events FileEventCache::Flush(std::int32_t pid) {
   Leave(pid, entry->second);
   Events events;
   events.reserve(entry->second.size());
-  for (Entry& resting : entry->second) events.push_back(std::move(resting.event));
+  for (Entry& resting : entry->second) {
+    bytes_ -= resting.bytes;
+    events.push_back(std::move(resting.event));
+  }
   queues_.erase(entry);
   size_ -= events.size();
   TellOfTheBound();

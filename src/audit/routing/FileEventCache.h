@@ -22,9 +22,9 @@ namespace zagent::audit::internal {
 // The events of one process leave in the order in which they came, and of those that stand first the oldest leaves
 // first, in portions of any size: what happened to one object keeps its order.
 //
-// Bounds: `max_age`, `max_process_events` a process and `max_events` in all. At any of them the oldest events are due
-// early. An event from more than 5 s in the future is due as well: the wall clock was set back, and waiting for it
-// would hold the event for as long.
+// Bounds: `max_age`, `max_process_events` a process and `max_events` in all, or as many bytes as so many ordinary
+// events have (edr::EstimateBytes). At any of them the oldest events are due early. An event from more than 5 s in the
+// future is due as well: the wall clock was set back, and waiting for it would hold the event for as long.
 class FileEventCache {
  public:
   using Events = std::vector<std::unique_ptr<edr::Event>>;
@@ -61,6 +61,7 @@ class FileEventCache {
   struct Entry {
     std::uint64_t number;  // counts all events of the cache, in the order in which they came
     std::unique_ptr<edr::Event> event;
+    std::uint64_t bytes;
   };
   using Queue = std::deque<Entry>;
   // Where the first event of a process stands among those of the others.
@@ -78,6 +79,7 @@ class FileEventCache {
   std::unique_ptr<edr::Event> Take(Front front);
   void Enter(std::int32_t pid, const Queue& queue);
   void Leave(std::int32_t pid, const Queue& queue);
+  [[nodiscard]] bool IsAtTheBound() const;
   void TellOfTheBound();
 
   common::util::Clock& clock_;
@@ -86,6 +88,7 @@ class FileEventCache {
   Fronts fronts_;                                   // of all queues
   Fronts crowded_;                                  // of those that are longer than max_process_events
   std::atomic<std::size_t> size_{0};
+  std::uint64_t bytes_ = 0;
   std::uint64_t next_number_ = 0;
   bool bound_told_ = false;
 };

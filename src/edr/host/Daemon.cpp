@@ -22,6 +22,7 @@
 #include "src/edr/EventQueueLimit.h"
 #include "src/edr/host/MemoryCheck.h"
 #include "src/edr/host/SigningKeys.h"
+#include "src/edr/process/EventBytes.h"
 
 namespace zagent::edr::host {
 namespace {
@@ -285,10 +286,10 @@ std::vector<QueueReport::Gauge> Daemon::MakeGauges() const {
   // The parser is another one after a restart of the intake.
   return {
       {"parser queue", [this] { return parser_ ? parser_->GetQueuedBytes() : 0; }},
-      {"events", [this] { return parser_ ? parser_->GetQueuedEvents() * QueueReport::kBytesPerEvent : 0; }},
-      {"resting file events", [this] { return rule_engine_->GetRestingEvents() * QueueReport::kBytesPerEvent; }},
-      {"found objects", [this] { return rule_engine_->GetFoundObjects() * QueueReport::kBytesPerEvent; }},
-      {"IOC events", [this] { return ioc_->GetQueuedEvents() * QueueReport::kBytesPerEvent; }},
+      {"events", [this] { return parser_ ? parser_->GetQueuedEvents() * edr::kOrdinaryEventBytes : 0; }},
+      {"resting file events", [this] { return rule_engine_->GetRestingEvents() * edr::kOrdinaryEventBytes; }},
+      {"found objects", [this] { return rule_engine_->GetFoundObjects() * edr::kOrdinaryEventBytes; }},
+      {"IOC events", [this] { return ioc_->GetQueuedEvents() * edr::kOrdinaryEventBytes; }},
       {"tasks", [this] { return (fim_ ? fim_->GetWaitingBytes() : 0) + ioc_->GetWaitingBytes(); }},
       {"components", [this] { return (fim_ ? fim_->GetCachedBytes() : 0) + ioc_->GetCachedBytes(); }},
       {"statuses", [this] { return health_->GetWaitingBytes(); }},

@@ -16,9 +16,6 @@ class QueueReport {
  public:
   static constexpr std::chrono::minutes kInterval{1};
 
-  // What one event holds on the heap while it waits, in bytes, as the benchmark of the intake measures it.
-  static constexpr std::uint64_t kBytesPerEvent = 1'100;
-
   struct Gauge {
     std::string name;
     std::function<std::uint64_t()> bytes;

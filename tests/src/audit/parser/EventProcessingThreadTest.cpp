@@ -258,6 +258,29 @@ TEST_F(EventProcessingThreadTest, AtItsBoundTheProducerWaitsUntilTheQueueWasTake
   EXPECT_EQ(Processed(10'002).back(), 20'000U) << "nothing was lost";
 }
 
+TEST_F(EventProcessingThreadTest, FewerEventsFillTheQueueWhenTheyAreLarge) {
+  std::promise<void> open;
+  engine_.on_process = [gate = open.get_future().share()](const edr::Event& event) {
+    if (event.GetId() == 1) gate.wait();
+  };
+  stage_->Start();
+  AddOne(1);
+  while (!lines_.Has("Audit active event processing queue size: 1 events")) std::this_thread::yield();
+  // Ten times as large as an ordinary one, each.
+  std::vector<std::unique_ptr<edr::Event>> large;
+  for (int i = 0; i < 1'000; ++i) {
+    large.push_back(std::make_unique<fakes::FakeEvent>(edr::EventType::Write, "Write", "/" + std::string(5'050, 'x')));
+  }
+  Add(std::move(large));
+  auto producer = std::async(std::launch::async, [this] { AddOne(20'000); });
+  while (!lines_.Has("Processing queue threshold hit. Stopped adding events to que")) std::this_thread::yield();
+  open.set_value();
+  producer.get();
+  AddMany(30'000, 10);
+  EXPECT_EQ(Processed(1'012).back(), 30'009U);
+  EXPECT_EQ(lines_.Count("Processing queue threshold hit."), 1) << "what was taken fills it no more";
+}
+
 TEST_F(EventProcessingThreadTest, BelowItsBoundTheProducerDoesNotWaitEvenIfOneCallPassesTheBound) {
   std::promise<void> open;
   engine_.on_process = [gate = open.get_future().share()](const edr::Event&) { gate.wait(); };

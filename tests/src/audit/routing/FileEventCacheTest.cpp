@@ -172,6 +172,29 @@ TEST_F(FileEventCacheTest, BeyondItsBoundInAllTheOldestLeaveFirstAndOneLineTells
   EXPECT_EQ(log.Count(warning), 2);
 }
 
+TEST_F(FileEventCacheTest, LargeEventsReachTheBoundInAllEarlierAndLeaveIt) {
+  const fakes::LogCapture log;
+  FileEventCache cache(clock_, {.max_events = 100});
+  const auto add = [&](std::uint32_t id, std::int32_t pid) {
+    // Ten times as large as an ordinary one.
+    auto event = std::make_unique<fakes::FakeEvent>(edr::EventType::Write, "Write", "/" + std::string(5'049, 'x'));
+    event->id = id;
+    event->pid = pid;
+    event->timestamp = common::util::ToNanoseconds(clock_.Now());
+    cache.Add(std::move(event));
+  };
+  for (std::uint32_t id = 1; id <= 10; ++id) add(id, static_cast<std::int32_t>(id));
+  EXPECT_FALSE(cache.HasDue());
+  add(11, 11);
+  EXPECT_EQ(Ids(cache.Expire()), IdList{1});
+  EXPECT_TRUE(log.Has("FileEventCache: 11 file events rest: the oldest are delivered early"));
+  // However they leave, they leave their room.
+  for (const std::int32_t pid : {2, 3, 4, 5}) EXPECT_EQ(cache.Flush(pid).size(), 1U);
+  cache.Clear();
+  for (std::uint32_t id = 12; id <= 21; ++id) add(id, static_cast<std::int32_t>(id));
+  EXPECT_FALSE(cache.HasDue());
+}
+
 TEST_F(FileEventCacheTest, AnEventFromTheFutureIsDueBecauseTheClockWasSetBack) {
   Add(1, 100);
   Add(2, 200);
