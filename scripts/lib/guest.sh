@@ -7,7 +7,7 @@ GUEST_CACHE="$ROOT/build/guest"
 
 # What the guest finds in /usr/local/bin, as far as the build folder has it.
 GUEST_PROGRAMS=(ostrel-edr reference-agent reference-receiver file-actor event-load one-call process-actor audit-recorder audit-rules
-  kernel_rules_guest_test power-cut spool-victim process-watcher sql_crash)
+  lose-consumer kernel_rules_guest_test power-cut spool-victim process-watcher sql_crash)
 
 # The real tools of this machine, which work otherwise than busybox' applets: in /usr/local/gnu of the guest.
 GUEST_TOOLS=(rm tar cp find chmod chown mv sed ln install dash dpkg dpkg-deb dpkg-split)
