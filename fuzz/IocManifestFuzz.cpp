@@ -81,7 +81,8 @@ std::vector<FakeEvent> EventsOf(const std::string& text) {
 void AskRules(const Manifest& manifest, const std::vector<FakeEvent>& events) {
   for (const auto& rule : manifest.GetRules()) {
     Ask(*rule, events);
-    for (const auto& derived : zagent::ioc::internal::FollowLinks(rule)) Ask(*derived, events);
+    const auto is_taken = [&](const std::string& id) { return id == rule->GetId() + "-1"; };
+    for (const auto& derived : zagent::ioc::internal::FollowLinks(rule, is_taken)) Ask(*derived, events);
   }
   for (const auto& rule : manifest.GetWhitelistGlobalRules()) {
     for (const FakeEvent& event : events) (void)rule->Match(event);
