@@ -175,10 +175,7 @@ void Component::UpdateConfig(const rapidjson::Value& json) {
   storage_->Update(SpoolLimits(*config_));
   upload_schedule_->Reschedule();
   // Before the kernel has the new rules: what they bring is judged by them.
-  if (manager_->Update([this] { filtering_->OnRulesChanged(); })) {
-    upload_schedule_->SetGatewayUrlPrefix(GetGatewayUrl());
-    UpdateEngines();
-  }
+  if (manager_->Update([this] { UpdateEngines(); })) upload_schedule_->SetGatewayUrlPrefix(GetGatewayUrl());
   UpdateEnabled();
 }
 

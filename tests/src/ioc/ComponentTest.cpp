@@ -513,6 +513,19 @@ TEST_F(IocComponentTest, WhatNewRulesBringIsJudgedByThemEvenBeforeAllAreInForce)
   EXPECT_TRUE(is_told);
 }
 
+TEST_F(IocComponentTest, TheEnginesKnowOfANewManifestEvenBeforeItsRulesAreInForce) {
+  image_ = folder_.Write("known", "a program");
+  Make();
+  section_.manifests = {WriteManifest("known.json", "{}", "folder", R"(,"knownProcessPaths":[")" + image_ + R"("])")};
+  bool is_known = false;
+  engine_.BeforeNextAdd([&] {
+    DeliverStart();
+    is_known = Eventually([&] { return log_.Has("Adding verdict 'CleanWithoutHash' to process"); });
+  });
+  Update();
+  EXPECT_TRUE(is_known);
+}
+
 TEST_F(IocComponentTest, RulesThatWereLostAreInstalledAgain) {
   Make();
   const std::size_t calls = engine_.Calls().size();
