@@ -1,7 +1,31 @@
 # shellcheck shell=dash
-# The whole road: a platform, an agent, the daemon; work in the watched folder by root and by an unprivileged user; each
-# event at the platform with the right action, path and actor; a clean end. scripts/demo shows this scenario.
+# Both roads: a platform, an agent, the daemon; work in the watched folder by root and by an unprivileged user, each event
+# at the platform with the right action, path and actor; a small attack, each of its steps at the platform with all
+# ancestors and with the digest of the file; a clean end. scripts/demo shows this scenario.
+# seconds: 420
 . /scenario/lib.sh
+
+REMOTE=10.1.2.3
+ATTACK=/run/attack-owed # a line "EVENT by WHO as USER" for each step
+
+# told EVENT WHO: the platform is to hear of it. All of them are of the same story and the same user.
+told() { echo "$1 by $2 as root" >>$ATTACK; }
+ran() {
+  told "RUNNING process $1" "$2"
+  told "TERMINATED process $1" "$2"
+}
+
+# What came, from the story's first program on.
+stories() { ioc_stories | sed 's/^event //; s/ by busybox[^ ]* as / by - as /; s/<busybox[^ ]* as / as /'; }
+
+attack_told() {
+  local line
+  stories >/run/stories
+  while read -r line; do is "$(grep -cxF "$line" /run/stories)" "$(grep -cxF "$line" $ATTACK)" || return 1; done <$ATTACK
+}
+
+# digest_of ACTION PATH: as the platform was told it.
+digest_of() { sed -n "s|^ioc $1 file $2 actor=.* sha256=||p" $LOG/receiver.log | head -n 1; }
 
 # user_of EVENT: the real user of its line.
 user_of() { echo "$1" | sed 's/.* user=\([^ ]*\) audit-user=.*/\1/'; }
@@ -14,6 +38,12 @@ done
 chown -R alice:alice $WATCHED/alice
 
 write_configuration
+cp /examples/ioc-manifest.json $CONF/
+ioc_manifests $CONF/ioc-manifest.json
+mkdir -p /usr/bin
+for program in sh cp nc; do ln /bin/busybox /usr/bin/$program; done
+chmod 1777 /tmp
+ip addr add $REMOTE/8 dev lo
 start_receiver
 step "reference-receiver, the platform, listens on https://127.0.0.1:8443"
 start_agent
@@ -46,7 +76,30 @@ act link $WATCHED/second-name.txt $WATCHED/linked.txt
 act --loginuid 1000 --uid 1000 create $WATCHED/alice/new.txt
 act --loginuid 1000 --uid 1000 write $WATCHED/alice/notes.txt
 
+step "a small attack, after a login: a tool comes to a hidden place, runs, calls its master and leaves a script behind:"
+cat >/run/attack <<STORY
+/usr/bin/cp /usr/local/gnu/dash /tmp/.update
+/tmp/.update -c "/usr/bin/nc -w 5 $REMOTE 4444 </dev/null; :"
+/tmp/.update -c 'echo "#!/bin/sh" >/tmp/.later'
+STORY
+while read -r line; do step "  $line"; done </run/attack
+nc -l -p 4444 </dev/null >/dev/null &
+wait_until 10 grep -qi ':115C ' /proc/net/tcp
+administrator /run/attack
+: >$ATTACK
+ran /usr/bin/sh -
+ran /usr/bin/cp sh
+told "CREATE file /tmp/.update" "cp<sh"
+ran /tmp/.update sh
+ran /usr/bin/nc ".update<sh"
+told "ESTABLISHED network $REMOTE:4444" "nc<.update<sh"
+ran /tmp/.update sh
+told "CREATE file /tmp/.later" ".update<sh"
+
 wait_for_owed 60
+expect "every step of the attack came, with all ancestors" wait_until 60 attack_told
+expect "the tool's digest is the right one" is "$(digest_of CREATE /tmp/.update)" "$(sha256sum /tmp/.update | cut -d' ' -f1)"
+expect "and so is the script's" is "$(digest_of CREATE /tmp/.later)" "$(sha256sum /tmp/.later | cut -d' ' -f1)"
 expect "nothing was reported that nobody did" no_other_events
 
 step "the agent sends 'exit'"
@@ -64,6 +117,22 @@ while read -r line; do
   if received "$line" >/dev/null; then answer="yes, id $(grep -F "event $event id=" $LOG/receiver.log | sed 's/.* id=//')"; fi
   row "${event%% *}" "${path%% actor=*}" "$(basename "${actor%% *}"), $(user_of "$event")" "$answer"
 done <$OWED
+
+printf 'table: \n'
+row() { printf 'table: %-11s %-35s %-18s %s\n' "$@"; }
+row ATTACK "IN THE GUEST" "BY" "RECEIVED BY THE PLATFORM"
+while read -r line; do
+  event=${line% by *}
+  who=${line##* by }
+  answer=NO
+  if grep -qxF "$line" /run/stories; then
+    answer=yes
+    case $event in
+      *" file "*) answer="yes, sha256 $(digest_of "${event%% *}" "${event##* file }" | cut -c1-16)..." ;;
+    esac
+  fi
+  row "${event%% *}" "${event#* }" "$(echo "${who% as *}" | sed 's/</ < /g')" "$answer"
+done <$ATTACK
 
 if grep -q ostrel.shell /proc/cmdline; then
   step "starting everything once more, for the shell: see $LOG, audit-rules, reference-agent, file-actor"
