@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <libaudit.h>
 
+#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <future>
@@ -111,6 +112,21 @@ TEST_F(RuleEngineSnapshotTest, AFolderThatComesMeanwhileIsWatchedWhenTheKernelIs
     std::filesystem::create_directory(watched_);
     Process(EventType::Create, "Create", watched_);
   }));
+  EXPECT_FALSE(log_.Has("Rule rule is in force: "));
+  LetGo();
+  engine_->OnIdle();
+  EXPECT_TRUE(log_.Has("Rule rule is in force: " + watched_ + " is there now"));
+}
+
+TEST_F(RuleEngineSnapshotTest, AFolderIsLookedAtAgainWhenAChangeBeganMeanwhile) {
+  RemoveFolder();
+  std::filesystem::create_directory(watched_);
+  std::atomic<bool> is_first{true};
+  look_at_ = [&](const internal::WatchedPlace& place) {
+    if (is_first.exchange(false)) HoldChange("IOC", {Other()});
+    return internal::LookAt(place);
+  };
+  EXPECT_TRUE(DoesNotWait([this] { Process(EventType::Create, "Create", watched_); }));
   EXPECT_FALSE(log_.Has("Rule rule is in force: "));
   LetGo();
   engine_->OnIdle();
