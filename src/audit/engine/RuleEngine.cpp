@@ -100,7 +100,8 @@ void RuleEngine::AddRules(const std::string& tag, Rules rules) {
 
 // What the kernel refuses of them it tells nothing of.
 void RuleEngine::PublishComingRules(const std::string& tag, const Rules& rules) {
-  const std::shared_ptr<internal::RuleTable> coming = rules_.Table().CopyWithout(tag);
+  const internal::RuleTable& known = owners_return_ ? *known_rules_.Get() : rules_.Table();
+  const std::shared_ptr<internal::RuleTable> coming = known.CopyWithout(tag);
   for (const auto& rule : rules) {
     try {
       coming->Insert(tag, rule);
@@ -136,12 +137,20 @@ void RuleEngine::Invalidate() {
     AuditSocket socket(netlink_, "RuleEngine::Invalidate: Failed to open audit socket");
     DeleteEverythingFromAudit(socket);
     rules_.Clear();
-    PublishRules();
+    owners_return_ = true;
     exclusions_.AddAll(socket);
   }
   processes_.Invalidate();
-  // The owners come back through AddRules.
+  // The owners come back through AddRules, one after the other.
   CallInvalidatedOfAllTags();
+  const std::lock_guard lock(mutex_);
+  owners_return_ = false;
+  PublishRules();
+}
+
+// Until all owners are back, events that came before are judged by the rules that were.
+void RuleEngine::PublishRules() {
+  if (!owners_return_) known_rules_.Set(rules_.Table().Copy());
 }
 
 void RuleEngine::UpdateExclusions(std::int32_t agent_pid, const std::string& agent_path) {

@@ -205,7 +205,7 @@ class RuleEngine final : public edr::EventRuleEngine {
   // The kernel's exclusions follow the family's processes.
   void NoteFamily(const FamilyNews& news);
   void RenewExclusions();
-  void PublishRules() { known_rules_.Set(rules_.Table().Copy()); }
+  void PublishRules();
   void PublishComingRules(const std::string& tag, const Rules& rules);
   void PublishPids();
   void DeleteEverythingFromAudit(internal::AuditSocket& socket);
@@ -218,6 +218,7 @@ class RuleEngine final : public edr::EventRuleEngine {
   std::mutex mutex_;  // taken before found_mutex_
   internal::Exclusions exclusions_;
   internal::InstalledRules rules_;
+  bool owners_return_ = false;  // all rules were dropped, and not everybody has added his again; with mutex_
   internal::Published<internal::RuleTable> known_rules_;
   internal::Published<Pids> known_pids_;
   const internal::FileEvent::Context file_context_;

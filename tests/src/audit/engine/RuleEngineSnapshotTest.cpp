@@ -79,6 +79,25 @@ TEST_F(RuleEngineSnapshotTest, AnEventOfARuleThatIsBeingTakenAwayIsNobodysAnyMor
   EXPECT_TRUE(heard_.empty());
 }
 
+TEST_F(RuleEngineSnapshotTest, UntilAllOwnersAreBackEventsAreJudgedByTheRulesThatWere) {
+  const auto at_other = [this] { engine_->ProcessEvent(FolderEvent(7, base_ + "/other/new")); };
+  RuleEngineFixture::Listen("IOC");
+  engine_->AddRules("IOC", {Other()});
+  std::atomic<bool> is_first{true};
+  engine_->RegisterEventHandlers(
+      "A", [](const Ids&, const edr::Event&) {},
+      [&] {
+        if (!is_first.exchange(false)) return;
+        engine_->AddRules("A", {FakeRule::Directory("a", base_ + "/a", {EventType::Write})});
+        at_other();
+      });
+  engine_->Invalidate();
+  EXPECT_EQ(heard_, (Ids{"IOC other,:7"}));
+  heard_.clear();
+  at_other();
+  EXPECT_TRUE(heard_.empty()) << "an owner that has not come back";
+}
+
 TEST_F(RuleEngineSnapshotTest, ARuleThatIsRefusedInTheEndIsNotKnownAfterwards) {
   RuleEngineFixture::Listen("IOC");
   const auto no_permission = FakeRule::Directory("none", base_ + "/other", {});
