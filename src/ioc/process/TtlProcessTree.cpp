@@ -140,11 +140,17 @@ bool TtlProcessTree::IsTheSame(const ProcessInfo& known, const edr::Event& start
   const auto start_since_boot = known.GetStartSinceBoot();
   const auto made = start_since_boot ? live_.ToEpoch(*start_since_boot) : std::nullopt;
   if (!internal::LiveProcesses::IsSameStart(known.GetCreationTime(), start.GetTimestamp()) &&
-      !(made && internal::LiveProcesses::IsSameStart(*made, start.GetTimestamp()))) {
+      !(made && internal::LiveProcesses::IsSameStart(*made, start.GetTimestamp())) && !HasJustLeft(known, start)) {
     return false;
   }
   const common::ImageInfo* image = start.GetImage();
   return image == nullptr || IsSameProgram(*known.GetImage(), *image);
+}
+
+// Of who was gone when procfs was asked nobody knows when it started: the start carries the time of what it did last.
+bool TtlProcessTree::HasJustLeft(const ProcessInfo& known, const edr::Event& start) const {
+  return untold_.count(known.GetPid()) != 0 && start.GetTimestamp() > known.GetCreationTime() &&
+         start.GetActorParentProcessId() == known.GetParent() && live_.IsGone(known.GetPid());
 }
 
 void TtlProcessTree::EnsureInit(std::int32_t pid, std::int32_t ppid) {

@@ -132,6 +132,8 @@ class TtlProcessTree {
   void FollowToInit(ProcessInfo& process, const edr::Event& event);
   void MoveUnderInit(ProcessInfo& process);
   [[nodiscard]] bool IsTheSame(const ProcessInfo& known, const edr::Event& start);
+  // Of a process of an earlier run, or of procfs, that nobody has spoken of since.
+  [[nodiscard]] bool HasJustLeft(const ProcessInfo& known, const edr::Event& start) const;
 
   void EnsureInit(std::int32_t pid, std::int32_t ppid);
   [[nodiscard]] std::int32_t EnsureParent(std::int32_t pid, std::int32_t ppid, std::int64_t time);

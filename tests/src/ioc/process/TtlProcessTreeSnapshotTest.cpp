@@ -294,6 +294,21 @@ TEST_F(TtlProcessTreeSnapshotTest, AMadeUpStartOfARestoredProcessJoinsIt) {
   EXPECT_EQ(Ids(tree_->GetEventsFromCache(10)), Ints{0});
 }
 
+// Its last event is read when it is gone, and brings a start of that time.
+TEST_F(TtlProcessTreeSnapshotTest, ARestoredProcessIsItselfWhenItsEventsComeBehindItsEnd) {
+  const auto keeps_its_tags = [this](std::int32_t parent, std::int64_t later) {
+    Run(10, 1);
+    tree_->Get(10)->AddTag(process_tag::kReported);
+    Restart();
+    proc_.End(10);
+    tree_->AddEvent(MadeUpStart(10, parent, tree_->Get(10)->GetCreationTime() + later));
+    return tree_->Get(10)->HasTag(process_tag::kReported);
+  };
+  EXPECT_TRUE(keeps_its_tags(1, 8 * kSecond));
+  EXPECT_FALSE(keeps_its_tags(7, 8 * kSecond)) << "a child of somebody else";
+  EXPECT_FALSE(keeps_its_tags(1, -8 * kSecond)) << "before there was one";
+}
+
 TEST_F(TtlProcessTreeSnapshotTest, AnotherProgramThatWasStartedMeanwhileReplacesTheRestoredOne) {
   Run(10, 1);
   tree_->Get(10)->AddTag(process_tag::kHashMatchingVerdict, "Clean");
