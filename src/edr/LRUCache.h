@@ -28,7 +28,10 @@ class LRUCache {
 
   // Enters a value or replaces the one of the key.
   void Put(const Key& key, Value value) {
-    Erase(key);
+    if (Value* const known = Find(key)) {
+      *known = std::move(value);
+      return;
+    }
     if (capacity_ == 0) return;
     if (entries_.size() >= capacity_) Erase(*keys_.back());
     Keys newest(1, nullptr);

@@ -33,7 +33,13 @@ void AppendFileObject(std::string& text, const edr::Event& event) {
     text += ':';
   }
   const NormalPath path(file);
-  text += event.GetObjectType() == edr::ObjectType::File ? FolderOf(path.Get()) : path.Get();
+  if (event.GetObjectType() != edr::ObjectType::File) {
+    text += path.Get();
+    return;
+  }
+  text += FolderOf(path.Get());
+  // What is done to files of a folder is no more of what is done to the folder.
+  if (!text.ends_with('/')) text += '/';
 }
 
 void AppendEvent(std::string& text, const edr::Event& event) {

@@ -66,13 +66,13 @@ TEST_F(HeuristicsKeyTest, AnEventTellsWhatIsDoneToWhatAndTheChainOfProcessesTell
   for (const auto& [event, text] : {
            Case{NetworkEvent("10.1.2.3", 443), "Connect:10.1.2.3:443;"},
            {listen, "Listen:::1:65535;"},
-           {With(FileEvent(""), "/etc/ssh/sshd_config", 0, 4, 640), "Write:0:4:640:/etc/ssh;"},
-           {With(FileEvent(""), "/etc/ssh/other", 0, 4, 640), "Write:0:4:640:/etc/ssh;"},
+           {With(FileEvent(""), "/etc/ssh/sshd_config", 0, 4, 640), "Write:0:4:640:/etc/ssh/;"},
+           {With(FileEvent(""), "/etc/ssh/other", 0, 4, 640), "Write:0:4:640:/etc/ssh/;"},
            {With(FileEvent(""), "/vmlinuz", 4294967295, 4294967295, 4294967295),
             "Write:4294967295:4294967295:4294967295:/;"},
-           {With(FileEvent(""), "/etc/ssh/../x", 1, 2, 4755), "Write:1:2:4755:/etc;"},
+           {With(FileEvent(""), "/etc/ssh/../x", 1, 2, 4755), "Write:1:2:4755:/etc/;"},
            {With(folder_event, "/etc/ssh", 0, 0, 755), "Write:0:0:755:/etc/ssh;"},
-           {With(RenameEvent("", "/srv/x"), "/etc/passwd", 0, 0, 644), "Rename:0:0:644:/etc;"},
+           {With(RenameEvent("", "/srv/x"), "/etc/passwd", 0, 0, 644), "Rename:0:0:644:/etc/;"},
            {StartEvent("/usr/bin/vi"), "Execve:;"},
            {exit, "Exit:;"},
        }) {
