@@ -82,7 +82,8 @@ std::size_t HeapInUse() {
   return info.uordblks + info.hblkhd;
 }
 
-// ---- the chain -------------------------------------------------------------------------------------------------------
+// ---- the chain
+// -------------------------------------------------------------------------------------------------------
 
 constexpr std::int32_t kFirstPid = 5'000'000;  // above all that a kernel gives away
 constexpr int kServices = 20;
@@ -111,8 +112,8 @@ std::unique_ptr<fakes::FakeEvent> StartOf(int number) {
   auto start =
       ProcessEventOf(EventType::ProcessStart, "Execve", kFirstPid + number, number == 0 ? 1 : kFirstPid + parent);
   const std::string program = "/usr/lib/programs/service-" + std::to_string(number % 200);
-  start->image = common::ImageInfo("08:01", 755, 1000U + static_cast<unsigned>(number % 200), program, 0, "root",
-                                   "root", 0, "");
+  start->image =
+      common::ImageInfo("08:01", 755, 1000U + static_cast<unsigned>(number % 200), program, 0, "root", "root", 0, "");
   start->cwd = "/var/lib/service-" + std::to_string(number % 100);
   start->arguments = {program, "--config", "/etc/service-" + std::to_string(number % 100) + ".conf"};
   return start;
@@ -263,7 +264,8 @@ Growth MeasureGrowth(const std::string& program) {
   return growth;
 }
 
-// ---- memory ----------------------------------------------------------------------------------------------------------
+// ---- memory
+// ----------------------------------------------------------------------------------------------------------
 
 // Of a process whose events have been judged.
 double BytesPerProcess() {
@@ -304,7 +306,8 @@ double BytesPerCachedEvent(const std::string& log) {
   return static_cast<double>(HeapInUse() - before) / static_cast<double>(count);
 }
 
-// ---- the snapshot ----------------------------------------------------------------------------------------------------
+// ---- the snapshot
+// ----------------------------------------------------------------------------------------------------
 
 struct SnapshotTimes {
   double save;
@@ -357,7 +360,8 @@ SnapshotTimes MeasureSnapshot() {
   return times;
 }
 
-// ---- the table -------------------------------------------------------------------------------------------------------
+// ---- the table
+// -------------------------------------------------------------------------------------------------------
 
 void InitLog(const std::string& folder) {
   const std::string config = folder + "/log.properties";
@@ -433,8 +437,8 @@ int RunBenchmark(const std::string& program) {
       "best of %d runs; seconds of processor time, logged events per second of it\n\n%-36s %7s %7s %7s %9s %9s\n",
       kRuns, "", "user", "system", "total", "events/s", "out");
   for (const Road& road : roads) {
-    std::printf("%-36s %7.3f %7.3f %7.3f %9.0f %9zu\n", road.text, road.best.user, road.best.system,
-                road.best.Total(), kLoggedEvents / road.best.Total(), road.fewest);
+    std::printf("%-36s %7.3f %7.3f %7.3f %9.0f %9zu\n", road.text, road.best.user, road.best.system, road.best.Total(),
+                kLoggedEvents / road.best.Total(), road.fewest);
   }
   const Growth growth = MeasureGrowth(program);
   std::printf("\n%-36s %9s %9s %15s\n", "an event in the chain", "ns, best", "events/s", "instructions");

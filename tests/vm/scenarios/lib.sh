@@ -222,6 +222,9 @@ rules_empty() {
 }
 
 # has_rule PATTERN: a rule of the kernel matches the pattern of grep -E; lacks_rule PATTERN: none does.
+# hears: the daemon is the one that the kernel sends its records to.
+hears() { audit-rules status | grep -q " pid=$(daemon_pid) "; }
+
 has_rule() { audit-rules | grep -qE -- "$1"; }
 
 lacks_rule() {

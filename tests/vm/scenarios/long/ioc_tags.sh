@@ -268,6 +268,7 @@ sleep 3
 stop_daemon
 FIRST_RUN=$(wc -l <$LOG/edr.log)
 start_again
+expect "and hears the kernel" wait_until 20 hears
 echo go >/run/tagged
 echo go >/run/untagged
 wait $TAGGED
@@ -275,7 +276,9 @@ wait $UNTAGGED
 ran root /usr/bin/touch -
 told root "CREATE file $F/.before-the-restart" touch
 ran root /usr/bin/sleep -
-ran root /usr/bin/sh -
+# Told again when it acts: the new run was not told of its start.
+printf '%s\tsome RUNNING process /usr/bin/sh by - as root\n' "$LABEL" >>$OWED_BY
+told root "TERMINATED process /usr/bin/sh" -
 told root "CREATE file $F/after-the-restart" sh
 LABEL="an untagged process over the restart"
 nothing
