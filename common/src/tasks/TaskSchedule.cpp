@@ -222,8 +222,12 @@ std::optional<TaskSchedule::Turn> TaskSchedule::NextTurn(Task& task) {
 }
 
 bool TaskSchedule::MustLeave() {
-  // Set by OnCancel, after which no task is accepted: none can slip in behind a run that leaves.
-  if (!policy_.accept_until_close) return stop_requested_ && tasks_.empty();
+  if (!policy_.accept_until_close) {
+    // OnCancel, which is on its way then, needs the mutex: a run that stayed until it came would keep it. No task is
+    // accepted any more: none can slip in behind a run that leaves.
+    if (IsCancelling()) stop_requested_ = true;
+    return stop_requested_ && tasks_.empty();
+  }
   // What was queued before the cancel still runs; what its callbacks queue does not, or a run might never end.
   if (IsCancelling() && !last_to_run_) last_to_run_ = last_number_;
   return last_to_run_ && (tasks_.empty() || tasks_.front().number > *last_to_run_);

@@ -51,6 +51,27 @@ class TasksThatCannotLog final : public TaskSchedule {
   void LogFailure(const std::exception&) override { throw std::runtime_error("no memory for the line"); }
 };
 
+// Whose run has to see a cancel before the queue is told of it.
+class TasksThatAreToldLate final : public TaskSchedule {
+ public:
+  TasksThatAreToldLate() : TaskSchedule(10) {}
+  ~TasksThatAreToldLate() override { Cancel(); }
+
+ protected:
+  void Execute() override {
+    TaskSchedule::Execute();
+    over_ = true;
+  }
+  void OnCancel() override {
+    Recheck();
+    EXPECT_TRUE(Eventually([this] { return over_.load(); })) << "the run stays";
+    TaskSchedule::OnCancel();
+  }
+
+ private:
+  std::atomic<bool> over_{false};
+};
+
 // A log that stops whoever writes a line.
 class StopAtLine final : public Poco::Channel {
  public:
@@ -173,6 +194,15 @@ TEST_F(TaskScheduleTest, WhatWasQueuedBeforeACancelStillRuns) {
   release->Open();
   ASSERT_TRUE(IsReady(cancelled));
   EXPECT_EQ(served, 5);
+}
+
+TEST_F(TaskScheduleTest, ARunLeavesWhenItSeesTheCancelAndTakesNothingMore) {
+  const auto tasks = std::make_shared<TasksThatAreToldLate>();
+  scheduler_.RegisterSchedule(tasks);
+  ASSERT_TRUE(tasks->Await(scheduler_, [] {}));
+  tasks->Cancel();
+  EXPECT_FALSE(tasks->AddTask([] {}));
+  scheduler_.UnregisterSchedule(tasks);
 }
 
 TEST_F(TaskScheduleTest, ACancelDoesNotWaitForTheIdleTime) {
