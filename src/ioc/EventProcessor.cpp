@@ -7,6 +7,7 @@
 #include "common/src/util/Log.h"
 #include "src/ioc/config/LogPrefix.h"
 #include "src/ioc/process/ProcessInfo.h"
+#include "src/ioc/process/ProcessTags.h"
 #include "src/ioc/protobuf/Exception.h"
 
 namespace zagent::ioc::internal {
@@ -141,9 +142,9 @@ void EventProcessor::Generate(const edr::Event& event) {
 EventProcessor::Judgement EventProcessor::Judge(std::int32_t pid) const {
   const std::shared_ptr<ProcessInfo> process = tree_.Get(pid);
   Verdict verdict = Verdict::Malicious;
-  if (const auto word = process->FindTag("HeuristicsVerdict")) verdict = VerdictFromWord(*word);
+  if (const auto word = process->FindTag(process_tag::kHeuristicsVerdict)) verdict = VerdictFromWord(*word);
   if (verdict != Verdict::Clean) {
-    if (const auto word = process->FindTag("HashMatchingVerdict")) verdict = VerdictFromWord(*word);
+    if (const auto word = process->FindTag(process_tag::kHashMatchingVerdict)) verdict = VerdictFromWord(*word);
   }
   return {verdict, process->GetScore()};
 }
