@@ -37,22 +37,38 @@ bool DigestCache::IsSettled(const struct stat& file) const {
 
 FileDigests DigestCache::Find(const struct stat& file) const {
   const std::lock_guard lock(mutex_);
-  const auto known = digests_.find(StateOf(file));
-  return known != digests_.end() ? known->second : FileDigests{};
+  const auto known = known_.find(StateOf(file));
+  return known != known_.end() ? known->second.digests : FileDigests{};
+}
+
+std::string DigestCache::FindType(const struct stat& file) const {
+  const std::lock_guard lock(mutex_);
+  const auto known = known_.find(StateOf(file));
+  return known != known_.end() ? known->second.type : std::string();
 }
 
 void DigestCache::Keep(const struct stat& file, const FileDigests& digests) {
-  const State state = StateOf(file);
   const std::lock_guard lock(mutex_);
-  const auto [entry, is_new] = digests_.try_emplace(state);
-  Merge(entry->second.md5, digests.md5);
-  Merge(entry->second.sha1, digests.sha1);
-  Merge(entry->second.sha256, digests.sha256);
-  if (!is_new) return;
+  FileDigests& known = EntryOf(StateOf(file)).digests;
+  Merge(known.md5, digests.md5);
+  Merge(known.sha1, digests.sha1);
+  Merge(known.sha256, digests.sha256);
+}
+
+void DigestCache::KeepType(const struct stat& file, const std::string& type) {
+  const std::lock_guard lock(mutex_);
+  EntryOf(StateOf(file)).type = type;
+}
+
+DigestCache::Known& DigestCache::EntryOf(const State& state) {
+  const auto known = known_.find(state);
+  if (known != known_.end()) return known->second;
+  if (oldest_first_.size() == kMaxEntries) {
+    known_.erase(oldest_first_.front());
+    oldest_first_.pop_front();
+  }
   oldest_first_.push_back(state);
-  if (oldest_first_.size() <= kMaxEntries) return;
-  digests_.erase(oldest_first_.front());
-  oldest_first_.pop_front();
+  return known_[state];
 }
 
 }  // namespace zagent::common::util

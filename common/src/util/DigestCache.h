@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <deque>
 #include <mutex>
+#include <string>
 #include <unordered_map>
 #include <vector>
 
@@ -18,9 +19,9 @@ struct FileDigests {
   std::vector<unsigned char> md5, sha1, sha256;
 };
 
-// Digests of files whose state was seen before, so that a file is read once however many events name it. A state is the
-// file's device, inode, size and change time to the nanosecond. Bounded: at kMaxEntries the oldest entry goes, at about
-// 400 bytes each. Thread-safe.
+// Digests and types of files whose state was seen before, so that a file is read once however many events name it. A
+// state is the file's device, inode, size and change time to the nanosecond. Bounded: at kMaxEntries the oldest entry
+// goes, at about 500 bytes each. Thread-safe.
 //
 // A write through a mapping changes the time when its page first becomes dirty and not at each store after that: as
 // with any look at a file, such a writer is seen late.
@@ -44,8 +45,12 @@ class DigestCache {
   // What Keep was given for this state; all empty when it is not known.
   [[nodiscard]] FileDigests Find(const struct stat& file) const;
 
+  // The textual type that KeepType was given for this state; empty when it is not known.
+  [[nodiscard]] std::string FindType(const struct stat& file) const;
+
   // For a file that was settled before it was read and still has this state. Adds to what is known of it.
   void Keep(const struct stat& file, const FileDigests& digests);
+  void KeepType(const struct stat& file, const std::string& type);
 
  private:
   struct State {
@@ -59,11 +64,17 @@ class DigestCache {
   struct StateHash {
     std::size_t operator()(const State& state) const;
   };
+  struct Known {
+    FileDigests digests;
+    std::string type;
+  };
   static State StateOf(const struct stat& file);
+  // The entry of the state, made at the cost of the oldest one. Under the mutex.
+  Known& EntryOf(const State& state);
 
   Clock& clock_;
   mutable std::mutex mutex_;
-  std::unordered_map<State, FileDigests, StateHash> digests_;
+  std::unordered_map<State, Known, StateHash> known_;
   std::deque<State> oldest_first_;
 };
 

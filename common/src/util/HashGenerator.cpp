@@ -103,9 +103,18 @@ const std::vector<unsigned char>& Existing(const std::vector<unsigned char>& dig
 HashGenerator::HashGenerator(std::string path, const std::string& device, std::uint64_t inode, HashKind kind,
                              DigestCache* cache, std::int64_t max_size)
     : path_(std::move(path)) {
-  // Opening alone can do harm: a watchdog is armed by it. Whoever puts a link in the file's place must not get there.
+  const auto is_the_one_meant = [&](const struct stat& file) {
+    return device.empty() || (file.st_ino == inode && DeviceText(file.st_dev) == device);
+  };
   struct stat before {};
-  if (stat(path_.c_str(), &before) == 0 && !S_ISREG(before.st_mode)) return;
+  if (lstat(path_.c_str(), &before) == 0) {
+    const bool is_link = S_ISLNK(before.st_mode);
+    if (is_link && stat(path_.c_str(), &before) != 0) before.st_mode = S_IFREG;  // to be told by the open that fails
+    // Opening alone can do harm: a watchdog is armed by it. Whoever puts a link in the file's place must not get there.
+    if (!S_ISREG(before.st_mode)) return;
+    const bool may_be_known = cache != nullptr && !is_link && before.st_size <= max_size && is_the_one_meant(before);
+    if (may_be_known && Recall(before, kind, *cache)) return;
+  }
   // Neither an open nor a read may wait for the other end of a FIFO that stands in the file's place.
   const UniqueFd fd(open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (!fd) {
@@ -116,23 +125,28 @@ HashGenerator::HashGenerator(std::string path, const std::string& device, std::u
   if (fstat(fd.Get(), &opened) != 0) throw HashGeneratorException("Failed to fstat file at " + path_);
   if (lstat(path_.c_str(), &named) != 0) throw HashGeneratorException("Failed to lstat file at " + path_);
   if (S_ISLNK(named.st_mode)) ZLOG_DEBUG("Generating hash for source file for symlink " << path_);
-  if (!device.empty() && (opened.st_ino != inode || DeviceText(opened.st_dev) != device)) return;
+  if (!is_the_one_meant(opened)) return;
   if (!S_ISREG(opened.st_mode) || opened.st_size > max_size || IsInProcfs(fd.Get())) return;
+  if (cache != nullptr && Recall(opened, kind, *cache)) return;
   digests_ =
-      cache != nullptr ? GenerateOrRecall(fd.Get(), opened, kind, *cache) : Generate(fd.Get(), opened.st_size, kind);
+      cache != nullptr ? GenerateAndKeep(fd.Get(), opened, kind, *cache) : Generate(fd.Get(), opened.st_size, kind);
+}
+
+bool HashGenerator::Recall(const struct stat& file, HashKind kind, const DigestCache& cache) {
+  FileDigests known = cache.Find(file);
+  for (const Kind& one : kKinds) {
+    if (!Wants(kind, one)) {
+      (known.*one.digest).clear();
+    } else if ((known.*one.digest).empty()) {
+      return false;
+    }
+  }
+  digests_ = std::move(known);
+  return true;
 }
 
 // What is kept must be the digests of one state, from before the first read until after the last.
-FileDigests HashGenerator::GenerateOrRecall(int fd, const struct stat& opened, HashKind kind,
-                                            DigestCache& cache) const {
-  FileDigests known = cache.Find(opened);
-  const auto is_known = [&](const Kind& one) { return !Wants(kind, one) || !(known.*one.digest).empty(); };
-  if (std::all_of(kKinds.begin(), kKinds.end(), is_known)) {
-    for (const Kind& one : kKinds) {
-      if (!Wants(kind, one)) (known.*one.digest).clear();
-    }
-    return known;
-  }
+FileDigests HashGenerator::GenerateAndKeep(int fd, const struct stat& opened, HashKind kind, DigestCache& cache) const {
   const bool settled = cache.IsSettled(opened);
   FileDigests digests = Generate(fd, opened.st_size, kind);
   struct stat afterwards {};

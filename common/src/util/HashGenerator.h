@@ -26,8 +26,8 @@ enum class HashKind : std::uint8_t { All = 0, Md5 = 1, Sha1 = 2, Sha256 = 3 };
 class HashGenerator {
  public:
   // Does all the work. `device` as audit writes it ("fd:00"); without it neither device nor inode is checked. A
-  // symbolic link is followed. With a cache the file is read only if its state is not known there. `max_size` in bytes.
-  // Throws HashGeneratorException when the file cannot be opened or read.
+  // symbolic link is followed. With a cache the file is opened and read only if its state is not known there.
+  // `max_size` in bytes. Throws HashGeneratorException when the file cannot be opened or read.
   HashGenerator(std::string path, const std::string& device, std::uint64_t inode, HashKind kind,
                 DigestCache* cache = nullptr, std::int64_t max_size = std::numeric_limits<std::int64_t>::max());
 
@@ -38,8 +38,9 @@ class HashGenerator {
 
  private:
   [[nodiscard]] FileDigests Generate(int fd, std::int64_t size, HashKind kind) const;
-  [[nodiscard]] FileDigests GenerateOrRecall(int fd, const struct stat& opened, HashKind kind,
-                                             DigestCache& cache) const;
+  // Whether the cache has every digest of this state that is wanted.
+  [[nodiscard]] bool Recall(const struct stat& file, HashKind kind, const DigestCache& cache);
+  [[nodiscard]] FileDigests GenerateAndKeep(int fd, const struct stat& opened, HashKind kind, DigestCache& cache) const;
 
   std::string path_;
   FileDigests digests_;

@@ -151,6 +151,7 @@ class FileEvent : public SyscallEvent {
   [[nodiscard]] std::optional<std::int32_t> ObjectDescriptor() const;
   [[nodiscard]] bool FollowLink(struct stat& result);
   [[nodiscard]] Digests GenerateDigests() const;
+  [[nodiscard]] std::optional<std::string> IdentifyType() const;
   [[nodiscard]] std::string DiffersText() const;
 
   Context context_;

@@ -1,5 +1,6 @@
 // What a FileEvent answers about its file after it was built; FileEvent.cpp builds it.
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <utility>
 
@@ -75,14 +76,29 @@ edr::FileType FileEvent::GetFileType() const {
 const std::string& FileEvent::GetFileTypeDesc() const {
   std::string& description = on_demand_.Get().type_description;
   if (!description.empty()) return description;
-  std::optional<std::string> identified;
-  if (context_ && context_->lib_magic && !is_gone_) identified = context_->lib_magic->Identify(file_->GetPath());
-  if (identified) {
-    description = std::move(*identified);
-  } else {
-    ZLOG_DEBUG("Failed to find type description for " << file_->GetPath());
-  }
+  description = IdentifyType().value_or("");
+  if (description.empty()) ZLOG_DEBUG("Failed to find type description for " << file_->GetPath());
   return description;
+}
+
+// A regular file that rests is identified once however many events ask: libmagic reads a quarter of a mebibyte of it.
+std::optional<std::string> FileEvent::IdentifyType() const {
+  if (!context_ || !context_->lib_magic || is_gone_) return std::nullopt;
+  const std::string& path = file_->GetPath();
+  common::util::DigestCache* const cache = context_->digests.get();
+  struct stat before {};
+  if (cache == nullptr || lstat(path.c_str(), &before) != 0 || !S_ISREG(before.st_mode)) {
+    return context_->lib_magic->Identify(path);
+  }
+  if (std::string known = cache->FindType(before); !known.empty()) return known;
+  const bool settled = cache->IsSettled(before);
+  std::optional<std::string> type = context_->lib_magic->Identify(path);
+  struct stat afterwards {};
+  if (type && settled && lstat(path.c_str(), &afterwards) == 0 &&
+      common::util::DigestCache::IsSameState(before, afterwards)) {
+    cache->KeepType(before, *type);
+  }
+  return type;
 }
 
 const std::vector<unsigned char>& FileEvent::GetFileContentHash(edr::ContentHash kind) const {

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -97,6 +98,51 @@ TEST_F(DigestCacheTest, ReadsASettledFileOnceForAllEventsThatNameIt) {
   EXPECT_EQ(second.GetSha1(), first.GetSha1());
   EXPECT_EQ(second.GetSha256(), first.GetSha256());
   EXPECT_EQ(second.GetSha256(), HashGenerator(file, "", 0, HashKind::Sha256).GetSha256());
+}
+
+TEST_F(DigestCacheTest, DoesNotOpenAFileWhoseStateItKnows) {
+  const std::string file = folder_.Write("f", "abc");
+  const Bytes digest = Hash(file).GetSha256();
+  const UniqueFd watch(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+  ASSERT_GE(inotify_add_watch(watch.Get(), file.c_str(), IN_OPEN), 0);
+  char told[256];
+  EXPECT_EQ(Hash(file).GetSha256(), digest);
+  EXPECT_EQ(read(watch.Get(), told, sizeof told), -1);
+
+  Hash(folder_.Write("g", "abc"));  // the next one is new
+  Overwrite(file, "xyz");
+  while (read(watch.Get(), told, sizeof told) > 0) {
+  }
+  Hash(file);
+  EXPECT_GT(read(watch.Get(), told, sizeof told), 0);
+}
+
+TEST_F(DigestCacheTest, TellsOfALinkEachTimeThatItIsFollowed) {
+  const std::string file = folder_.Write("f", "abc");
+  const std::string link = folder_ / "link";
+  ASSERT_EQ(symlink(file.c_str(), link.c_str()), 0);
+  EXPECT_EQ(Hash(link).GetMd5(), Hash(link).GetMd5());
+  EXPECT_EQ(log_.Count("Generating hash for source file for symlink " + link), 2);
+  EXPECT_EQ(ReadsOf(link), 1);
+}
+
+TEST_F(DigestCacheTest, HasNoDigestsOfAKnownFileThatIsLargerThanItsReaderAllows) {
+  const std::string file = folder_.Write("f", "abc");
+  Hash(file);
+  const struct stat identity = StatOf(file);
+  const HashGenerator hashes(file, DeviceText(identity.st_dev), identity.st_ino, HashKind::All, &cache_, 2);
+  EXPECT_THROW(static_cast<void>(hashes.GetMd5()), HashGeneratorException);
+}
+
+TEST_F(DigestCacheTest, KeepsTypesBesideDigests) {
+  EXPECT_EQ(cache_.FindType(State(7)), "");
+  cache_.KeepType(State(7), "ASCII text");
+  cache_.Keep(State(7), Known(1));
+  EXPECT_EQ(cache_.FindType(State(7)), "ASCII text");
+  EXPECT_EQ(cache_.Find(State(7)).md5, Bytes{1});
+  EXPECT_EQ(cache_.FindType(State(8)), "");
+  for (ino_t inode = 100; inode < 100 + DigestCache::kMaxEntries; ++inode) cache_.KeepType(State(inode), "data");
+  EXPECT_EQ(cache_.FindType(State(7)), "") << "a type takes a place as digests do";
 }
 
 TEST_F(DigestCacheTest, ReadsAFileAgainAfterAWriteThatLeftItsSize) {

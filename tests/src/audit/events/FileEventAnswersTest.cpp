@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <functional>
+
 #include "src/audit/events/CreateEvent.h"
 #include "src/audit/events/ReadWriteEvent.h"
 #include "src/edr/process/StatHelper.h"
@@ -14,6 +16,8 @@
 
 namespace zagent::audit::internal {
 namespace {
+
+using namespace std::chrono_literals;
 
 using fakes::AuditRecords;
 
@@ -40,8 +44,10 @@ class ScriptedMagic final : public edr::LibMagicWrapper {
  public:
   [[nodiscard]] std::optional<std::string> Identify(const std::string& path) override {
     asked.push_back(path);
+    meanwhile();
     return answer;
   }
+  std::function<void()> meanwhile = [] {};
   std::vector<std::string> asked;
   std::optional<std::string> answer = "ASCII text";
 };
@@ -73,8 +79,16 @@ class FileEventAnswersTest : public ::testing::Test {
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
   }
 
+  // What is read of a file is kept from here on; a minute ahead every file that a test writes counts as settled.
+  void RememberFiles() {
+    FileContext context{magic_};
+    context.digests = std::make_shared<common::util::DigestCache>(clock_);
+    context_ = std::make_shared<const FileContext>(context);
+  }
+
   fakes::LogCapture log_;
   fakes::TempFolder folder_;
+  fakes::FakeClock clock_{std::chrono::system_clock::now() + 1min};
   std::shared_ptr<ScriptedMagic> magic_ = std::make_shared<ScriptedMagic>();
   FileEvent::Context context_ = std::make_shared<const FileContext>(FileContext{magic_});
 };
@@ -261,6 +275,38 @@ TEST_F(FileEventAnswersTest, AsksForTheTypeOfTheFileOnce) {
   EXPECT_EQ(event->GetFileTypeDesc(), "ASCII text");
   EXPECT_EQ(event->GetFileTypeDesc(), "ASCII text");
   EXPECT_EQ(magic_->asked, std::vector<std::string>{file});
+}
+
+TEST_F(FileEventAnswersTest, AsksForTheTypeOfARestingFileOnceForAllItsEvents) {
+  RememberFiles();
+  const std::string file = folder_.Write("f", "abc");
+  EXPECT_EQ(Written(file)->GetFileTypeDesc(), "ASCII text");
+  magic_->answer = "data";
+  EXPECT_EQ(Written(file)->GetFileTypeDesc(), "ASCII text");
+  EXPECT_EQ(magic_->asked, std::vector<std::string>{file});
+
+  ASSERT_EQ(chmod(file.c_str(), 04755), 0);  // the description names modes
+  EXPECT_EQ(Written(file)->GetFileTypeDesc(), "data");
+  EXPECT_EQ(magic_->asked.size(), 2U);
+}
+
+TEST_F(FileEventAnswersTest, AsksAgainForTheTypeOfAFileThatHasJustChanged) {
+  RememberFiles();
+  clock_.SetWall(-1h);
+  const std::string file = folder_.Write("f", "abc");
+  EXPECT_EQ(Written(file)->GetFileTypeDesc(), "ASCII text");
+  magic_->answer = "data";
+  EXPECT_EQ(Written(file)->GetFileTypeDesc(), "data");
+}
+
+TEST_F(FileEventAnswersTest, DoesNotKeepATypeThatWasFoundWhileTheFileChanged) {
+  RememberFiles();
+  const std::string file = folder_.Write("f", "abc");
+  magic_->meanwhile = [&] { ASSERT_EQ(chmod(file.c_str(), 0600), 0); };
+  EXPECT_EQ(Written(file)->GetFileTypeDesc(), "ASCII text");
+  magic_->meanwhile = [] {};
+  magic_->answer = "data";
+  EXPECT_EQ(Written(file)->GetFileTypeDesc(), "data");
 }
 
 TEST_F(FileEventAnswersTest, LeavesTheTypeEmptyWhenNobodyKnowsIt) {
