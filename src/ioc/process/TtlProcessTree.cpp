@@ -22,6 +22,8 @@ constexpr std::int32_t kInit = 1;
 constexpr std::size_t kMaxMissingAncestors = 1'000;
 // Looks into procfs a second for those whose end nobody may tell: 50,000 in half an hour.
 constexpr std::size_t kChecksAtOnce = 32;
+// What a process did last, its end included, is here by then: events of files rest for half a minute.
+constexpr std::chrono::seconds kLastWordsTime{45};
 constexpr std::chrono::minutes kWarningPause(1);
 
 bool IsEnd(const edr::Event& event) {
@@ -182,7 +184,7 @@ std::int32_t TtlProcessTree::EnsureParent(std::int32_t pid, std::int32_t ppid, s
   for (auto ancestor = missing.rbegin(); ancestor != missing.rend(); ++ancestor) {
     Enter(*ancestor, parent);
     parent = (*ancestor)->GetPid();
-    untold_.emplace(parent, false);
+    untold_.emplace(parent, Untold{.is_reported = false});
   }
   return parent;
 }
@@ -405,10 +407,15 @@ void TtlProcessTree::CheckUntold() {
   for (std::size_t i = 0; i < count && !untold_.empty(); ++i) {
     auto next = untold_.upper_bound(last_checked_);
     if (next == untold_.end()) next = untold_.begin();
-    const auto [pid, is_reported] = *next;
+    const std::int32_t pid = next->first;
     last_checked_ = pid;
     const Pointer process = Find(pid);
     if (process && IsStillThere(*process)) continue;
+    const auto now = clock_.SteadyNow();
+    if (!next->second.gone_since) next->second.gone_since = now;
+    // Who has got its pid is waited for by nobody: the two would be taken for one.
+    if (process && now - *next->second.gone_since < kLastWordsTime && live_.IsGone(pid)) continue;
+    const bool is_reported = next->second.is_reported;
     untold_.erase(next);
     if (!process || process->HasTag(process_tag::kTerminated)) continue;
     ZLOG_DEBUG("Process with pid " << pid << " has ended without a word");

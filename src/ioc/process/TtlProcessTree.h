@@ -174,8 +174,13 @@ class TtlProcessTree {
   std::map<std::uint64_t, std::int32_t> by_age_;  // the oldest entry first
   std::unordered_map<std::int32_t, std::uint64_t> ages_;
   std::uint64_t next_age_ = 0;
-  // Nobody has told of their start in this run, so nobody may tell of their end. True where an end is to be reported.
-  std::map<std::int32_t, bool> untold_;
+  // Nobody has told of their start in this run, so nobody may tell of their end.
+  struct Untold {
+    bool is_reported;  // whether an end is to be reported
+    // When it was first seen to be gone: what it did last may still be on its way.
+    std::optional<common::util::Clock::SteadyTime> gone_since = std::nullopt;
+  };
+  std::map<std::int32_t, Untold> untold_;
   std::int32_t last_checked_ = 0;
   std::map<std::uint64_t, std::int32_t> judged_;  // to be forgotten at the bound, by age
   std::size_t judged_bytes_ = 0;                  // of what is known of them

@@ -124,7 +124,7 @@ bool TtlProcessTree::Restore(const SnapshotDBTtlProcess& saved, std::int32_t par
   if (!is_alive) {
     AddEvent(std::make_unique<edr::PseudoTerminateEvent>(*process, clock_));
   } else if (pid != kInit) {
-    untold_.emplace(pid, true);
+    untold_.emplace(pid, Untold{.is_reported = true});
   }
   return true;
 }

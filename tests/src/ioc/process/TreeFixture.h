@@ -26,6 +26,7 @@ namespace zagent::ioc {
 class TreeFixture : public testing::Test {
  protected:
   static constexpr std::chrono::seconds kTtl{120};
+  static constexpr std::chrono::seconds kLastWordsTime{45};  // until a process that is gone has ended
   static constexpr std::int64_t kSecond = 1'000'000'000;
   static constexpr std::int64_t kBoot = fakes::FakeProcFs::kBootTime * kSecond;
   static constexpr std::int64_t kLater = kBoot + 1'000 * kSecond;  // after the start of all processes of procfs

@@ -345,9 +345,28 @@ TEST_F(TtlProcessTreeSnapshotTest, ARestoredProcessThatEndsWithoutAWordIsReporte
   Restart();
   proc_.End(10);
   tree_->DeleteStaleProcesses();
+  EXPECT_FALSE(tree_->Get(10)->HasTag(process_tag::kTerminated)) << "its end may still be on its way";
+  clock_.Advance(kLastWordsTime - std::chrono::milliseconds(1));
+  tree_->DeleteStaleProcesses();
+  EXPECT_FALSE(tree_->Get(10)->HasTag(process_tag::kTerminated));
+  clock_.Advance(std::chrono::milliseconds(1));
+  tree_->DeleteStaleProcesses();
   EXPECT_EQ(tree_->Get(10)->GetLastEvent().GetType(), edr::EventType::ProcessExit);
   LetAllExpire();
   EXPECT_EQ(PidsOfTree(), Set{1});
+}
+
+TEST_F(TtlProcessTreeSnapshotTest, TheLastWordsOfARestoredProcessThatIsGoneAreItsOwn) {
+  Run(10, 1);
+  tree_->Get(10)->AddTag(process_tag::kHashMatchingVerdict, "Clean");
+  Restart();
+  proc_.End(10);
+  tree_->DeleteStaleProcesses();
+  tree_->AddEvent(Exit(10, 1));
+  EXPECT_EQ(tree_->Get(10)->FindTag(process_tag::kHashMatchingVerdict), "Clean");
+  clock_.Advance(kLastWordsTime);
+  tree_->DeleteStaleProcesses();
+  EXPECT_EQ(tree_->GetEventsFromCache(10).GetSize(), 1U) << "one end, the real one";
 }
 
 TEST_F(TtlProcessTreeSnapshotTest, ALookThatFailsIsNobodysEnd) {
@@ -359,6 +378,8 @@ TEST_F(TtlProcessTreeSnapshotTest, ALookThatFailsIsNobodysEnd) {
   tree_->DeleteStaleProcesses();
   EXPECT_FALSE(tree_->Get(10)->HasTag(process_tag::kTerminated));
   proc_.End(10);
+  tree_->DeleteStaleProcesses();
+  clock_.Advance(kLastWordsTime);
   tree_->DeleteStaleProcesses();
   EXPECT_TRUE(tree_->Get(10)->HasTag(process_tag::kTerminated));
 }

@@ -58,7 +58,7 @@ echo tool >$F/mode
 ip addr add $REMOTE/8 dev lo
 printf '#!/usr/bin/dash\n/usr/bin/touch "$1"\n:\n' >/tmp/job
 chmod 0755 /tmp/job
-mkfifo /run/tagged /run/untagged
+mkfifo /run/tagged /run/untagged /run/before /run/acts /run/later
 chmod 0666 /run/tagged /run/untagged
 
 # Each program once: from its second start on its digest is known, and it is clean.
@@ -229,10 +229,15 @@ told root "CREATE file $F/.of-siblings" touch
 ran root /usr/bin/sleep -
 ran root /usr/bin/id -
 LABEL="never by way of process 1"
-(sh -c "sleep 2; exec /usr/bin/sleep 20" &)
-(sh -c "sleep 3; exec /usr/bin/curl connect $REMOTE 444" &)
-(sh -c "sleep 5; exec /usr/bin/id" >/dev/null &)
-sleep 8
+# They wait in a built-in, so that none of them has a child that gets the tag.
+(sh -c "read -r go; exec /usr/bin/sleep 20" <>/run/before &)
+(sh -c "read -r go; exec /usr/bin/curl connect $REMOTE 444" <>/run/acts &)
+(sh -c "read -r go; exec /usr/bin/id >/dev/null" <>/run/later &)
+for moment in before acts later; do
+  sleep 2
+  echo go >/run/$moment
+done
+sleep 2
 ran root /usr/bin/curl -
 told root "ESTABLISHED network $REMOTE:444" curl
 LABEL="a child that is there when its parent earns the tag"
@@ -269,6 +274,11 @@ stop_daemon
 FIRST_RUN=$(wc -l <$LOG/edr.log)
 start_again
 expect "and hears the kernel" wait_until 20 hears
+LABEL="the first shell of a run, whose digest is not known yet"
+/usr/bin/sh -c :
+expect "its digest is taken" wait_until 20 sh -c "tail -n +$FIRST_RUN $LOG/edr.log | grep -q 'Hash not found for process: [0-9]* (/usr/bin/sh)'"
+ran root /usr/bin/sh -
+LABEL="a tagged process over the restart"
 echo go >/run/tagged
 echo go >/run/untagged
 wait $TAGGED
