@@ -112,6 +112,7 @@ TEST_F(EventProcessingThreadTest, KeepsTheOrderOfTwoEventsOfOneSerial) {
     EXPECT_EQ(actions.Take(), "Delete " + std::to_string(i));
     EXPECT_EQ(actions.Take(), "Rename " + std::to_string(i));
   }
+  stage_->Stop();
 }
 
 TEST_F(EventProcessingThreadTest, CallsTheHousekeepingOnceASecondWithoutEvents) {
@@ -162,6 +163,7 @@ TEST_F(EventProcessingThreadTest, WhatIsDueInTheEngineComesBeforeTheNextEvent) {
   stage_->Start();
   AddOne(1);
   for (const char* call : {"due", "due", "due", "1"}) EXPECT_EQ(calls.Take(), call);
+  stage_->Stop();
 }
 
 TEST_F(EventProcessingThreadTest, DeliversAllThatIsDueWhenNoEventComesAndPausesBetweenUnderAHighLoad) {
@@ -178,6 +180,7 @@ TEST_F(EventProcessingThreadTest, DeliversAllThatIsDueWhenNoEventComesAndPausesB
     clock_.Advance(std::chrono::milliseconds(10));
   }
   EXPECT_EQ(engine_.idled.Take(), true);
+  stage_->Stop();
 }
 
 TEST_F(EventProcessingThreadTest, StopIsNoticedBetweenTwoPortionsOfWhatIsDue) {
