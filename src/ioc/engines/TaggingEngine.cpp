@@ -1,5 +1,6 @@
 #include "src/ioc/engines/TaggingEngine.h"
 
+#include <algorithm>
 #include <stdexcept>
 #include <utility>
 
@@ -18,16 +19,11 @@ namespace {
 using common::util::FindMember;
 
 constexpr std::int32_t kInit = 1;
-// Beyond it all are forgotten: the next child of each parent asks all its siblings again.
-constexpr std::size_t kMaxHeirs = 10'000;
+// Beyond them all are forgotten: the next child of each parent asks all its siblings again.
+constexpr std::size_t kMaxFamilies = 4'000;
 
 const std::string& PathOf(const ProcessInfo& process) {
   return process.GetImage()->GetPath();
-}
-
-void Give(const Tag& tag, ProcessInfo& process) {
-  process.AddTag(tag.GetName());
-  process.AddScore(tag.GetScore());
 }
 
 }  // namespace
@@ -59,7 +55,7 @@ void TaggingEngine::Configure(const rapidjson::Value& settings) {
   }
   const std::lock_guard lock(mutex_);
   tags_.swap(tags);
-  heirs_.clear();
+  families_.clear();
   threshold_score_ = threshold->GetInt64();
 }
 
@@ -103,7 +99,7 @@ Verdict TaggingEngine::Process(const edr::Event& event) {
   }
   const std::shared_ptr<ProcessInfo> process = tree_.Get(event.GetActorProcessId());
   if (event.GetType() == edr::EventType::ProcessStart) Inherit(process);
-  Judge(event, *process);
+  Judge(event, process);
   const std::int64_t score = process->GetScore();
   const Verdict verdict = score >= threshold_score_ ? Verdict::Suspicious : Verdict::Clean;
   ZLOG_DEBUG("PID: " << process->GetPid() << " Threshold: " << threshold_score_ << " Score: " << score);
@@ -112,48 +108,93 @@ Verdict TaggingEngine::Process(const edr::Event& event) {
   return verdict;
 }
 
-void TaggingEngine::Inherit(const std::shared_ptr<ProcessInfo>& process) {
+void TaggingEngine::Inherit(const Pointer& process) {
   const std::int32_t ppid = process->GetParent();
   if (ppid <= kInit) return;
-  const auto take_from = [&](const ProcessInfo& from, const std::string& whom) {
-    for (const auto& [name, tag] : tags_) {
-      if (process->HasTag(name) || !from.HasTag(name)) continue;
-      Give(*tag, *process);
-      ZLOG_DEBUG("Adding tag '" << name << "' to process (" << PathOf(*process) << ", " << process->GetPid()
-                                << ") from " << whom);
-    }
+  const auto take = [&](const Tag& tag, const std::string& whom) {
+    Give(tag, process);
+    ZLOG_DEBUG("Adding tag '" << tag.GetName() << "' to process (" << PathOf(*process) << ", " << process->GetPid()
+                              << ") from " << whom);
   };
-  take_from(*tree_.Get(ppid), "parent process (" + std::to_string(ppid) + ")");
-  for (const auto& sibling : SiblingsToAsk(*process)) take_from(*sibling, "sibling process");
-  if (heirs_.size() >= kMaxHeirs) heirs_.clear();
-  heirs_.insert_or_assign(ppid, process);
-}
-
-// All of them, or the one that has what they have, as long as it is one of them.
-std::vector<std::shared_ptr<ProcessInfo>> TaggingEngine::SiblingsToAsk(const ProcessInfo& process) const {
-  const auto found = heirs_.find(process.GetParent());
-  const std::shared_ptr<const ProcessInfo> heir = found != heirs_.end() ? found->second.lock() : nullptr;
-  if (heir != nullptr && heir->GetPid() != process.GetPid() && heir->GetParent() == process.GetParent() &&
-      tree_.Has(heir->GetPid())) {
-    std::shared_ptr<ProcessInfo> known = tree_.Get(heir->GetPid());
-    if (known == heir) return {std::move(known)};
-  }
-  return tree_.GetSiblings(process.GetPid());
-}
-
-void TaggingEngine::Judge(const edr::Event& event, ProcessInfo& process) const {
+  const Pointer parent = tree_.Get(ppid);
   for (const auto& [name, tag] : tags_) {
-    if (!process.HasTag(name) && tag->Check(event)) {
-      Give(*tag, process);
-      ZLOG_DEBUG("Added Tag: " << name << ", Updated Score: " << process.GetScore()
-                               << ", for PID: " << process.GetPid());
-      Spread(*tag, process);
-    }
-    if (process.GetScore() >= threshold_score_) return;
+    if (!process->HasTag(name) && parent->HasTag(name)) take(*tag, "parent process (" + std::to_string(ppid) + ")");
+  }
+  const Family& family = FamilyOf(*process);
+  for (const auto& [name, tag] : tags_) {
+    const auto bearers = family.find(tag.get());
+    if (bearers == family.end() || process->HasTag(name)) continue;
+    if (HasAnotherBearer(bearers->second, *tag, *process)) take(*tag, "sibling process");
   }
 }
 
-void TaggingEngine::Spread(const Tag& tag, const ProcessInfo& source) const {
+// As its siblings are at this moment.
+const TaggingEngine::Family& TaggingEngine::FamilyOf(const ProcessInfo& child) {
+  const auto known = families_.find(child.GetParent());
+  if (known != families_.end() && CanTell(known->second, child)) return known->second;
+  if (families_.size() >= kMaxFamilies) families_.clear();
+  Family& family = families_[child.GetParent()];
+  family.clear();
+  // Its own tags were given by its parent, and count with those of the siblings.
+  std::vector<Pointer> children = tree_.GetSiblings(child.GetPid());
+  children.push_back(tree_.Get(child.GetPid()));
+  for (const Pointer& one : children) {
+    for (const auto& [name, tag] : tags_) {
+      if (one->HasTag(name)) Note(family, *tag, one);
+    }
+  }
+  return family;
+}
+
+// Of a tag whose two known bearers are gone nobody knows whether there are others.
+bool TaggingEngine::CanTell(const Family& family, const ProcessInfo& child) const {
+  return std::all_of(family.begin(), family.end(), [&](const auto& entry) {
+    const auto& [tag, bearers] = entry;
+    return bearers.size() < kBearers || child.HasTag(tag->GetName()) || HasAnotherBearer(bearers, *tag, child);
+  });
+}
+
+bool TaggingEngine::HasAnotherBearer(const Bearers& bearers, const Tag& tag, const ProcessInfo& child) const {
+  return std::any_of(bearers.begin(), bearers.end(), [&](const auto& bearer) {
+    const std::shared_ptr<const ProcessInfo> process = bearer.lock();
+    return process != nullptr && process->GetPid() != child.GetPid() && IsBearer(*process, tag, child.GetParent());
+  });
+}
+
+// Not one that has ended, has started another program since or hangs under somebody else by now.
+bool TaggingEngine::IsBearer(const ProcessInfo& process, const Tag& tag, std::int32_t parent) const {
+  return process.GetParent() == parent && process.HasTag(tag.GetName()) && tree_.Has(process.GetPid()) &&
+         tree_.Get(process.GetPid()).get() == &process;
+}
+
+void TaggingEngine::Note(Family& family, const Tag& tag, const Pointer& process) const {
+  Bearers& bearers = family[&tag];
+  auto place = bearers.end();
+  for (auto bearer = bearers.begin(); bearer != bearers.end(); ++bearer) {
+    const std::shared_ptr<const ProcessInfo> known = bearer->lock();
+    if (known == process) return;
+    if (known == nullptr || !IsBearer(*known, tag, process->GetParent())) place = bearer;
+  }
+  if (place != bearers.end()) {
+    *place = process;
+  } else if (bearers.size() < kBearers) {
+    bearers.push_back(process);
+  }
+}
+
+void TaggingEngine::Judge(const edr::Event& event, const Pointer& process) {
+  for (const auto& [name, tag] : tags_) {
+    if (!process->HasTag(name) && tag->Check(event)) {
+      Give(*tag, process);
+      ZLOG_DEBUG("Added Tag: " << name << ", Updated Score: " << process->GetScore()
+                               << ", for PID: " << process->GetPid());
+      Spread(*tag, *process);
+    }
+    if (process->GetScore() >= threshold_score_) return;
+  }
+}
+
+void TaggingEngine::Spread(const Tag& tag, const ProcessInfo& source) {
   if (source.GetPid() == kInit) return;
   ZLOG_DEBUG("Applying tag '" << tag.GetName() << "' to child processes");
   GiveToAll(tag, tree_.GetChildren(source.GetPid()), source);
@@ -162,14 +203,20 @@ void TaggingEngine::Spread(const Tag& tag, const ProcessInfo& source) const {
   GiveToAll(tag, tree_.GetSiblings(source.GetPid()), source);
 }
 
-void TaggingEngine::GiveToAll(const Tag& tag, const std::vector<std::shared_ptr<ProcessInfo>>& processes,
-                              const ProcessInfo& source) {
+void TaggingEngine::GiveToAll(const Tag& tag, const std::vector<Pointer>& processes, const ProcessInfo& source) {
   for (const auto& process : processes) {
     if (process->HasTag(tag.GetName())) continue;
-    Give(tag, *process);
+    Give(tag, process);
     ZLOG_DEBUG("Adding tag '" << tag.GetName() << "' to process (" << PathOf(*process) << ", " << process->GetPid()
                               << ") from related process (" << source.GetPid() << ")");
   }
+}
+
+void TaggingEngine::Give(const Tag& tag, const Pointer& process) {
+  process->AddTag(tag.GetName());
+  process->AddScore(tag.GetScore());
+  const auto family = families_.find(process->GetParent());
+  if (family != families_.end()) Note(family->second, tag, process);
 }
 
 }  // namespace zagent::ioc::internal

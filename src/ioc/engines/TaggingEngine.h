@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -42,21 +43,33 @@ class TaggingEngine final : public Engine {
   template <typename Kind>
   void MakeTag(const rapidjson::Value& settings, Tags& tags) const;
 
+  using Pointer = std::shared_ptr<ProcessInfo>;
+  // Of the children of one parent, two that have a tag, of which one may end or start another program. Where there is
+  // one alone no other child has the tag; without an entry none has it.
+  static constexpr std::size_t kBearers = 2;
+  using Bearers = std::vector<std::weak_ptr<const ProcessInfo>>;
+  using Family = std::unordered_map<const Tag*, Bearers>;
+
   // With mutex_ held:
-  void Inherit(const std::shared_ptr<ProcessInfo>& process);
-  [[nodiscard]] std::vector<std::shared_ptr<ProcessInfo>> SiblingsToAsk(const ProcessInfo& process) const;
-  void Judge(const edr::Event& event, ProcessInfo& process) const;
-  void Spread(const Tag& tag, const ProcessInfo& source) const;
-  static void GiveToAll(const Tag& tag, const std::vector<std::shared_ptr<ProcessInfo>>& processes,
-                        const ProcessInfo& source);
+  void Inherit(const Pointer& process);
+  [[nodiscard]] const Family& FamilyOf(const ProcessInfo& child);
+  [[nodiscard]] bool CanTell(const Family& family, const ProcessInfo& child) const;
+  // Whether a sibling of the child is among them.
+  [[nodiscard]] bool HasAnotherBearer(const Bearers& bearers, const Tag& tag, const ProcessInfo& child) const;
+  [[nodiscard]] bool IsBearer(const ProcessInfo& process, const Tag& tag, std::int32_t parent) const;
+  void Note(Family& family, const Tag& tag, const Pointer& process) const;
+  void Judge(const edr::Event& event, const Pointer& process);
+  void Spread(const Tag& tag, const ProcessInfo& source);
+  void GiveToAll(const Tag& tag, const std::vector<Pointer>& processes, const ProcessInfo& source);
+  void Give(const Tag& tag, const Pointer& process);
 
   TtlProcessTree& tree_;
   std::mutex mutex_;
   std::atomic<std::int64_t> threshold_score_ = 0;
   Tags tags_;
-  // By the parent, the child that has inherited last. It has every tag that one of its siblings has: it got those that
-  // were there, and each that was earned since went to all of them. So thousands of children are not asked one by one.
-  std::unordered_map<std::int32_t, std::weak_ptr<const ProcessInfo>> heirs_;
+  // By the parent of whom a child has inherited, so that thousands of children are not asked one by one each time one
+  // starts a program.
+  std::unordered_map<std::int32_t, Family> families_;
 };
 
 }  // namespace zagent::ioc::internal

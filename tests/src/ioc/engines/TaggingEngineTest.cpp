@@ -111,16 +111,30 @@ TEST_F(TaggingEngineTest, SettingsThatCannotBeUsedAreToldAndTheOldOnesStay) {
   EXPECT_EQ(Judge(cron_), Verdict::Suspicious);
 }
 
+const std::vector<std::string> kOrder = {"Persistence", "Exfiltration",     "PrivilegeEscalation",
+                                         "Execution",   "CredentialAccess", "DefenseEvasion"};
+
 TEST_F(TaggingEngineTest, TheFirstMistakeIsTheOneThatIsTold) {
+  for (std::size_t first = 0; first < kOrder.size(); ++first) {
+    Members tags;
+    for (std::size_t at = kOrder.size(); at-- > 0;) tags.emplace_back(kOrder[at], at < first ? R"({"score":1})" : "1");
+    const fakes::LogCapture log;
+    Make("1", tags);
+    EXPECT_EQ(log.Count("Invalid setting json for"), 1);
+    EXPECT_TRUE(log.Has(Message::PRIO_ERROR, "[IOC]: Invalid setting json for " + kOrder[first] + " tag"));
+  }
+}
+
+TEST_F(TaggingEngineTest, TheTagsThatAreOffAreToldInOneOrder) {
   const fakes::LogCapture log;
-  Make("1", {{"DefenseEvasion", "1"},
-             {"CredentialAccess", "1"},
-             {"Execution", "1"},
-             {"PrivilegeEscalation", "1"},
-             {"Exfiltration", "1"},
-             {"Persistence", R"({"score":0})"}});
-  EXPECT_EQ(log.Count("Invalid setting json for"), 1);
-  EXPECT_TRUE(log.Has(Message::PRIO_ERROR, "[IOC]: Invalid setting json for Exfiltration tag"));
+  Make("1", {});
+  std::vector<std::string> told;
+  for (const Message& line : log.Lines()) {
+    for (const std::string& name : kOrder) {
+      if (line.getText() == "[IOC]: Disabling " + name + " tag as it is not configured") told.push_back(name);
+    }
+  }
+  EXPECT_EQ(told, kOrder);
 }
 
 TEST_F(TaggingEngineTest, AThresholdOf0IsTheEndOfTagging) {
@@ -423,6 +437,45 @@ TEST_F(TaggingEngineTest, ThousandsOfChildrenOfOneParentCostWhatFewDo) {
   for (std::int32_t pid = 1'000; pid < 21'000; ++pid) (void)Begin(pid, kShell);
   EXPECT_LT((std::clock() - begin) / CLOCKS_PER_SEC, 20);
   EXPECT_EQ(TagsOf(20'999), kPersistence);
+}
+
+// Asking all siblings each time would be 800,000,000 questions: minutes.
+TEST_F(TaggingEngineTest, OneOfThousandsOfChildrenMayStartProgramAfterProgram) {
+  Make("100", {{"Persistence", R"({"score":10})"}, {"Execution", R"({"score":10})"}});
+  for (std::int32_t pid = 1'000; pid < 21'000; ++pid) Exec(pid, kShell);
+  const std::clock_t begin = std::clock();
+  const auto start_programs = [&] {
+    for (const std::int32_t pid : {kActor, kSibling}) {
+      for (int at = 0; at < 10'000; ++at) {
+        (void)Begin(pid, kShell);
+        (void)tree_->GetEventsFromCache(pid);
+      }
+    }
+    EXPECT_LT((std::clock() - begin) / CLOCKS_PER_SEC, 20);
+  };
+  start_programs();
+  EXPECT_EQ(TagsOf(kActor), kNone);
+  (void)Judge(cron_);
+  start_programs();
+  EXPECT_EQ(TagsOf(kActor), kPersistence);
+}
+
+TEST_F(TaggingEngineTest, ATagThatNoSiblingHasAnyMoreIsNotInherited) {
+  Make("100", {{"Persistence", R"({"score":10})"}});
+  const auto forget = [&](std::int32_t pid) { Exec(pid, kShell, "/bin/other"); };  // of which the engine never hears
+  (void)Begin(62, kShell);
+  (void)Judge(cron_);
+  for (const std::int32_t pid : {kActor, kSibling, 62}) {
+    ASSERT_EQ(TagsOf(pid), kPersistence) << pid;
+    forget(pid);
+  }
+  (void)Begin(63, kShell);
+  EXPECT_EQ(TagsOf(63), kNone);
+  (void)Judge(cron_);
+  forget(63);
+  forget(kActor);
+  (void)Begin(63, kShell);
+  EXPECT_EQ(TagsOf(63), kPersistence) << "the third one that has had it still has it";
 }
 
 // The rules of inheritance and of spreading, by asking everybody each time.
