@@ -84,19 +84,29 @@ std::string HeuristicsPartOf(const ProcessInfo& process) {
 
 const std::string& HeuristicsKey::Of(const edr::Event& event, const TtlProcessTree& tree) {
   text_.clear();
+  is_long_ = false;
   AppendEvent(text_, event);
   for (std::int32_t pid = event.GetActorProcessId(); pid > 0;) {
     const std::shared_ptr<ProcessInfo> process = tree.Get(pid);
     text_ += PartOf(*process);
+    if (text_.size() > kMaxText) Shorten();
     pid = process->GetParent();
   }
   key_.clear();
-  if (text_.size() <= kMaxText) {
-    common::util::AppendHex(text_, key_);
+  if (is_long_ || text_.size() > kMaxText) {
+    Shorten();
+    digest_.Final(key_);
   } else {
-    key_ = common::util::Sha256Hex(text_);
+    common::util::AppendHex(text_, key_);
   }
   return key_;
+}
+
+void HeuristicsKey::Shorten() {
+  if (!is_long_) digest_.Init();
+  is_long_ = true;
+  digest_.Update(text_);
+  text_.clear();
 }
 
 }  // namespace zagent::ioc::internal

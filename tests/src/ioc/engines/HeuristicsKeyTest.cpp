@@ -1,5 +1,7 @@
 #include "src/ioc/engines/HeuristicsKey.h"
 
+#include <malloc.h>
+
 #include "common/src/util/Digest.h"
 #include "tests/src/ioc/rules/RulesFixture.h"
 
@@ -9,6 +11,18 @@ namespace {
 using edr::EventType;
 
 constexpr std::uint32_t kAlice = 1000;
+
+// A sanitizer's own heap is not counted by mallinfo2.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kKnowsItsHeap = false;
+#else
+constexpr bool kKnowsItsHeap = true;
+#endif
+
+std::size_t HeapInUse() {
+  const struct mallinfo2 info = mallinfo2();
+  return info.uordblks + info.hblkhd;
+}
 
 std::string FromHex(const std::string& hex) {
   std::string bytes;
@@ -160,6 +174,49 @@ TEST_F(HeuristicsKeyTest, ALongKeyIsShortenedAndStillTellsKindsApart) {
   EXPECT_EQ(key_of(most + 1).size(), 64U);
   EXPECT_EQ(key_of(most + 1), key_of(most + 1));
   EXPECT_NE(key_of(most + 1), key_of(most + 2));
+}
+
+TEST_F(HeuristicsKeyTest, AKeyOfAnyLengthIsTheDigestOfItsWholeText) {
+  std::string chain = "/sbin/init:4294967295:0:sh:-c:true:;";
+  std::set<std::string> keys;
+  for (std::int32_t pid = 100; pid < 160; ++pid) {
+    const std::string program = "/bin/" + std::string(static_cast<std::size_t>(pid % 7) * 20, 'p');
+    Exec(pid, pid == 100 ? 1 : pid - 1, program);
+    chain.insert(0, program + ":4294967295:0:;");
+    const std::string text = "Connect:10.1.2.3:443;" + chain;
+    const std::string key = KeyOf(NetworkEvent("10.1.2.3", 443), pid);
+    EXPECT_EQ(key, text.size() <= HeuristicsKey::kMaxText ? common::util::ToHex(text) : common::util::Sha256Hex(text));
+    EXPECT_EQ(KeyOf(NetworkEvent("10.1.2.3", 443), pid), key) << "again";
+    keys.insert(key);
+  }
+  EXPECT_EQ(keys.size(), 60U);
+  EXPECT_GT(chain.size(), 2 * HeuristicsKey::kMaxText);
+  EXPECT_EQ(KeyOf(NetworkEvent("10.1.2.3", 443), 100).find("436f6e6e656374"), 0U) << "short ones stay as they are";
+}
+
+TEST_F(HeuristicsKeyTest, AFailureInTheMiddleOfALongKeyDoesNotSpoilTheNextOne) {
+  Exec(100, 1, "/bin/" + std::string(400, 'p'));
+  for (std::int32_t pid = 101; pid < 110; ++pid) Exec(pid, pid - 1, "/bin/" + std::string(400, 'p'));
+  const std::string key = KeyOf(NetworkEvent("a", 1), 109);
+  tree_->Get(102)->SetParent(4711);
+  EXPECT_THROW((void)KeyOf(NetworkEvent("a", 1), 109), common::GenericProcessTreeException);
+  tree_->Get(102)->SetParent(101);
+  EXPECT_EQ(KeyOf(NetworkEvent("a", 1), 109), key);
+}
+
+TEST_F(HeuristicsKeyTest, HoldsNoMoreForADeepChainThanForAFlatOne) {
+  for (std::int32_t pid = 100; pid < 5'000; ++pid) {
+    Exec(pid, pid == 100 ? 1 : pid - 1, "/bin/" + std::string(400, 'p'));
+  }
+  const fakes::FakeEvent event = NetworkEvent("10.1.2.3", 443);
+  HeuristicsKey to_fill_the_parts;
+  fakes::FakeEvent deepest = event;
+  deepest.pid = 4'999;
+  (void)to_fill_the_parts.Of(deepest, *tree_);
+  const std::size_t before = HeapInUse();
+  EXPECT_EQ(KeyOf(event, 4'999).size(), 64U);
+  if (!kKnowsItsHeap) return;
+  EXPECT_LE(HeapInUse(), before + 16 * 1024) << "of two million bytes";
 }
 
 TEST_F(HeuristicsKeyTest, AProcessThatIsNotKnownIsTheTreesFailure) {
