@@ -21,6 +21,13 @@ std::uint32_t BitsOf(std::uint32_t permission) {
   return bits;
 }
 
+// In the sense of Poco::File, which copies the path piece by piece: that is left to paths that events hardly ever have.
+bool IsHiddenPath(const std::string& path) {
+  if (path.empty()) return false;
+  if (path.front() != '/' || path.back() == '/') return Poco::File(path).isHidden();
+  return path[path.rfind('/') + 1] == '.';
+}
+
 // Nothing is known of the mode of an object that no record describes.
 bool HasMode(const common::ImageInfo* file) {
   return file != nullptr && file->GetPermission() <= kLargestPermission;
@@ -96,7 +103,7 @@ bool DefenseEvasionTag::Check(const edr::Event& event) const {
 }
 
 bool DefenseEvasionTag::IsHidden(const edr::Event& event) {
-  return AnyPathOf(event, [](const std::string& path) { return !path.empty() && Poco::File(path).isHidden(); });
+  return AnyPathOf(event, IsHiddenPath);
 }
 
 bool DefenseEvasionTag::HasSuspiciousMode(const edr::Event& event) const {

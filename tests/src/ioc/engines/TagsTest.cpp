@@ -266,6 +266,23 @@ TEST_F(DefenseEvasionTagTest, AHiddenFileIsMadeOrChangedButNotRead) {
   EXPECT_FALSE(tag->Check(StartOf("/srv/.tool", {".tool"})));
 }
 
+TEST_F(DefenseEvasionTagTest, HiddenIsWhatPocoCallsHidden) {
+  const auto tag = Make<DefenseEvasionTag>();
+  const std::vector<std::string> hidden = {"/.x",       "/srv/.x",   "/srv/.x/",   "/srv/.x//", "/srv/.x/y/..",
+                                           "/srv/..",   "/srv/.",    "/srv//.x",   "/srv/...",  "/srv/x/.",
+                                           "/srv/a/..", ".x",        "srv/.x",     "..",        "../.x",
+                                           "~/.x",      "/srv/x:.x", "/.x/./../.y"};
+  const std::vector<std::string> shown = {"/",        "//",    "/srv",      "/srv/x",   "/srv/x/",  "/srv/.x/y",
+                                          "/srv/./x", "/./x",  "/srv/.x/.", "/srv/./",  "/srv/../", "/.x/../y",
+                                          "x",        "srv/x", "~/x",       "/srv/x./", "/srv/x.",  "/srv/~"};
+  for (const auto* paths : {&hidden, &shown}) {
+    for (const std::string& path : *paths) {
+      const bool is_hidden = Poco::File(path).isHidden();
+      EXPECT_EQ(tag->Check(File("/bin/x", EventType::Write, path)), is_hidden) << path;
+    }
+  }
+}
+
 TEST_F(DefenseEvasionTagTest, AFileWithoutAPathIsNotHidden) {
   EXPECT_FALSE(Make<DefenseEvasionTag>()->Check(File("/bin/x", EventType::Write, "")));
   EXPECT_THROW((void)Poco::File("").isHidden(), Poco::Exception) << "who is asked cannot tell";
