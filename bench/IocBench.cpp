@@ -134,6 +134,12 @@ class CountingGenerator final : public ioc::internal::EventGenerator {
   std::size_t told_ = 0;
 };
 
+// Of whom everything is to be told.
+class Suspecting final : public ioc::internal::Engine {
+ public:
+  ioc::Verdict Process(const edr::Event& /*event*/) override { return ioc::Verdict::Unknown; }
+};
+
 // The chain with so many processes in its tree, which have been known for longer than their time.
 class Chain {
  public:
@@ -193,6 +199,10 @@ class Chain {
   std::unique_ptr<ioc::internal::EventProcessor> MakeProcessor() {
     ioc::internal::EventProcessor::Engines engines;
     engines.filtering = std::make_unique<ioc::internal::FilteringEngine>(tree_, manager_);
+    engines.heuristics = std::make_unique<Suspecting>();
+    engines.hash_matching = std::make_unique<Suspecting>();
+    engines.tagging = std::make_unique<Suspecting>();
+    engines.threshold_score = [] { return 0; };
     return std::make_unique<ioc::internal::EventProcessor>(
         std::move(engines), tree_, generator_, [] { return false; }, health_, clock_);
   }

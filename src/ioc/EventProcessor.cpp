@@ -76,18 +76,14 @@ bool EventProcessor::Enter(std::unique_ptr<edr::Event> event, std::int32_t pid) 
 }
 
 bool EventProcessor::IsDamped(const edr::Event& event) {
-  return engines_.heuristics != nullptr && engines_.heuristics->Process(event) == Verdict::Clean;
+  return engines_.heuristics->Process(event) == Verdict::Clean;
 }
 
 bool EventProcessor::CallsForReport(const edr::Event& last) {
-  const Verdict verdict = engines_.hash_matching ? engines_.hash_matching->Process(last) : Verdict::Unknown;
-  if (verdict == Verdict::Clean) return IsTagged(last);
-  if (verdict == Verdict::CleanWithoutHash) return last.GetObjectType() == edr::ObjectType::Process || IsTagged(last);
-  return true;
-}
-
-bool EventProcessor::IsTagged(const edr::Event& event) {
-  return engines_.tagging != nullptr && engines_.tagging->Process(event) > Verdict::Clean;
+  const Verdict verdict = engines_.hash_matching->Process(last);
+  if (verdict > Verdict::CleanWithoutHash) return true;
+  if (verdict == Verdict::CleanWithoutHash && last.GetObjectType() == edr::ObjectType::Process) return true;
+  return engines_.tagging->Process(last) > Verdict::Clean;
 }
 
 void EventProcessor::Report(EventHeap events) {
@@ -150,7 +146,7 @@ EventProcessor::Judgement EventProcessor::Judge(std::int32_t pid) const {
 }
 
 bool EventProcessor::IsWorthReporting(const edr::Event& event, std::int64_t score) const {
-  const std::int64_t threshold = engines_.threshold_score ? engines_.threshold_score() : 0;
+  const std::int64_t threshold = engines_.threshold_score();
   if (threshold != 0 && score >= threshold) return true;
   const edr::EventType type = event.GetType();
   return type == edr::EventType::ProcessExit || type == edr::EventType::AbnormalEnd || type == edr::EventType::Delete;

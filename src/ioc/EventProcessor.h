@@ -25,12 +25,13 @@ namespace zagent::ioc::internal {
 // line a minute.
 class EventProcessor {
  public:
+  // None is null.
   struct Engines {
-    std::unique_ptr<Engine> filtering;      // never null: has the last word on each event
-    std::unique_ptr<Engine> hash_matching;  // null: every process is of the verdict Unknown
-    std::unique_ptr<Engine> heuristics;     // null: nothing is damped
-    std::unique_ptr<Engine> tagging;        // null: no score rises
-    // The score at which `tagging` finds a process suspicious; 0, and null without tagging: the score says nothing.
+    std::unique_ptr<Engine> filtering;  // has the last word on each event
+    std::unique_ptr<Engine> hash_matching;
+    std::unique_ptr<Engine> heuristics;
+    std::unique_ptr<Engine> tagging;
+    // The score at which `tagging` finds a process suspicious; 0: the score says nothing.
     std::function<std::int64_t()> threshold_score;
   };
   // What the manifests say of metadata at this moment; given to the generator with each event.
@@ -61,7 +62,6 @@ class EventProcessor {
   [[nodiscard]] bool IsDamped(const edr::Event& event);
   // The newest event of a process: whether everything that waits there is to be reported.
   [[nodiscard]] bool CallsForReport(const edr::Event& last);
-  [[nodiscard]] bool IsTagged(const edr::Event& event);
   void Report(EventHeap events);
   void ReportOne(const edr::Event& event);
   void Generate(const edr::Event& event);

@@ -498,6 +498,29 @@ TEST_F(IocComponentTest, TagsAndTheirThresholdAreThoseOfTheManifest) {
   EXPECT_TRUE(Eventually([&] { return log_.Has(Poco::Message::PRIO_DEBUG, "[IOC]: Tagging is disabled"); }));
 }
 
+TEST_F(IocComponentTest, AManifestWithoutTagsLeavesTheTagsOfTheOneBeforeInForce) {
+  image_ = folder_.Write("known", "a program");
+  const std::string known = R"(,"knownProcessPaths":[")" + image_ + R"("])";
+  const std::string refusal = "[IOC]: Tag settings does not have threshold score";
+  section_.manifests = {WriteManifest("none.json", "{}", "folder", known)};
+  Make();
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, refusal)) << "there are none yet";
+  DeliverStart();
+  DeliverConnections(1);
+  ASSERT_TRUE(Eventually([&] { return log_.Count("[IOC]: Tagging is disabled") == 1; }));
+
+  UpdateTo("tags.json", known + R"(,"tags":{"thresholdScore":10,)"
+                                R"("Exfiltration":{"score":10,"processRegex":"^.*/known$"}})");
+  DeliverConnections(1);
+  ASSERT_TRUE(Eventually([&] { return log_.Count("PID: 4242 Threshold: 10 Score: 10") == 1; })) << log_.All();
+
+  const int refusals = log_.Count(refusal);
+  UpdateTo("none-again.json", known);
+  EXPECT_EQ(log_.Count(refusal), refusals + 1);
+  DeliverConnections(1);
+  EXPECT_TRUE(Eventually([&] { return log_.Count("PID: 4242 Threshold: 10 Score: 10") == 2; })) << log_.All();
+}
+
 TEST_F(IocComponentTest, WhatNewRulesBringIsJudgedByThemEvenBeforeAllAreInForce) {
   section_.upload_interval = 0;
   section_.manifests = {folder_.Write(

@@ -58,17 +58,13 @@ class FakeGenerator final : public EventGenerator {
 
 class EventProcessorTest : public testing::Test {
  protected:
-  EventProcessorTest() { Make(true); }
-
-  void Make(bool with_all_engines) {
+  EventProcessorTest() {
     EventProcessor::Engines engines;
     engines.filtering = Answering(filtering_, asked_filtering_);
-    if (with_all_engines) {
-      engines.heuristics = Answering(heuristics_, asked_heuristics_);
-      engines.hash_matching = Answering(hash_, asked_hash_);
-      engines.tagging = Answering(tagging_, asked_tagging_);
-      engines.threshold_score = [this] { return threshold_; };
-    }
+    engines.heuristics = Answering(heuristics_, asked_heuristics_);
+    engines.hash_matching = Answering(hash_, asked_hash_);
+    engines.tagging = Answering(tagging_, asked_tagging_);
+    engines.threshold_score = [this] { return threshold_; };
     processor_ = std::make_unique<EventProcessor>(
         std::move(engines), tree_, generator_, [this] { return send_metadata_; }, health_, clock_);
   }
@@ -226,8 +222,7 @@ TEST_P(VerdictChainTest, DecidesWhatBecomesOfAnEvent) {
 INSTANTIATE_TEST_SUITE_P(AllVerdicts, VerdictChainTest, testing::Combine(testing::ValuesIn(kRows), testing::Bool()),
                          VerdictChainTest::NameOf);
 
-TEST_F(EventProcessorTest, WithoutEnginesEveryEventIsReportedUnlessTheFilterSaysNo) {
-  Make(false);
+TEST_F(EventProcessorTest, OfAnUnknownProgramEveryEventIsReportedUnlessTheFilterSaysNo) {
   Process(Start(1));
   Process(Write(2));
   Process(Connect(3));
