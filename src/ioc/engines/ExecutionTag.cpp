@@ -28,26 +28,28 @@ bool ExecutionTag::Check(const edr::Event& event) const {
   if (event.GetType() != edr::EventType::ProcessStart) return false;
   const std::lock_guard lock(GetMutex());
   const std::string& image = PathOf(event.GetImage());
-  if (event.HasSecondaryImage()) {
-    const std::string& script = PathOf(event.GetSecondaryImage());
+  const auto applies_to = [&](const std::string& script) {
     return !IsExcluded(image, script) && paths_.Matches(script);
-  }
+  };
+  if (event.HasSecondaryImage()) return applies_to(PathOf(event.GetSecondaryImage()));
   if (!programs_.Matches(image)) return false;
-  const std::string script = FindScript(event);
-  return !script.empty() && !IsExcluded(image, script) && paths_.Matches(script);
+  const std::string* const script = FindScript(event);
+  if (script == nullptr) return false;
+  if (script->front() == '/') return applies_to(*script);
+  return applies_to(event.GetCwd() + "/" + *script);
 }
 
-// The absolute path of what an interpreter runs; empty when it is given nothing to run.
-std::string ExecutionTag::FindScript(const edr::Event& event) const {
+// The argument that an interpreter runs; null when it is given nothing to run.
+const std::string* ExecutionTag::FindScript(const edr::Event& event) const {
   const std::vector<std::string>& arguments = event.GetActorProcessArguments();
   for (std::size_t i = 1; i < arguments.size(); ++i) {
     const std::string& argument = arguments[i];
     if (argument.empty()) continue;
     const std::string& previous = arguments[i - 1];
     if (previous != "--" && (argument.front() == '-' || startup_file_option_.Matches(previous))) continue;
-    return argument.front() == '/' ? argument : event.GetCwd() + "/" + argument;
+    return &argument;
   }
-  return {};
+  return nullptr;
 }
 
 }  // namespace zagent::ioc::internal

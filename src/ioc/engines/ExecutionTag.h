@@ -15,7 +15,7 @@ class ExecutionTag final : public Tag {
   [[nodiscard]] bool Check(const edr::Event& event) const override;
 
  private:
-  [[nodiscard]] std::string FindScript(const edr::Event& event) const;
+  [[nodiscard]] const std::string* FindScript(const edr::Event& event) const;
 
   const WholeTextPattern startup_file_option_;
   WholeTextPattern paths_;
