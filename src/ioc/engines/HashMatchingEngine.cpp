@@ -1,9 +1,12 @@
 #include "src/ioc/engines/HashMatchingEngine.h"
 
+#include <sys/stat.h>
+
 #include <memory>
 #include <optional>
 #include <utility>
 
+#include "common/src/util/DeviceText.h"
 #include "common/src/util/Digest.h"
 #include "common/src/util/HashGenerator.h"
 #include "common/src/util/Log.h"
@@ -28,6 +31,25 @@ std::optional<Verdict> FindVerdict(const ProcessInfo& process) {
   return VerdictFromWord(*word);
 }
 
+void Keep(ProcessInfo& process, Verdict verdict) {
+  ZLOG_INFO("Adding verdict '" << VerdictWord(verdict) << "' to process " << process.GetPid() << " ("
+                               << process.GetImage()->GetPath() << ")");
+  process.AddTag(Tag(), VerdictWord(verdict));
+}
+
+// Of an image of which nothing but the path is known, nothing speaks against it.
+bool IsFileOfItsName(const common::ImageInfo& image) {
+  if (image.GetDevice().empty()) return true;
+  struct stat named {};
+  return stat(image.GetPath().c_str(), &named) == 0 && named.st_ino == image.GetInode() &&
+         common::util::DeviceText(named.st_dev) == image.GetDevice();
+}
+
+Verdict Distrust(const ProcessInfo& process) {
+  ZLOG_WARNING("Failed to generate hash for known process " << process.GetImage()->GetPath());
+  return Verdict::Suspicious;
+}
+
 }  // namespace
 
 HashMatchingEngine::HashMatchingEngine(TtlProcessTree& tree, const std::vector<std::string>& known_paths,
@@ -50,16 +72,14 @@ Verdict HashMatchingEngine::Process(const edr::Event& event) {
   const std::shared_ptr<ProcessInfo> process = tree_.Get(event.GetActorProcessId());
   if (event.GetType() != edr::EventType::ProcessStart) {
     ForgetDigests(event);
-    return JudgeLater(*process);
+    return JudgeLater(event, *process);
   }
-  const Verdict verdict = JudgeStart(*process);
-  ZLOG_INFO("Adding verdict '" << VerdictWord(verdict) << "' to process " << process->GetPid() << " ("
-                               << process->GetImage()->GetPath() << ")");
-  process->AddTag(Tag(), VerdictWord(verdict));
+  const Verdict verdict = JudgeStart(event, *process);
+  Keep(*process, verdict);
   return verdict;
 }
 
-Verdict HashMatchingEngine::JudgeStart(ProcessInfo& process) {
+Verdict HashMatchingEngine::JudgeStart(const edr::Event& start, const ProcessInfo& process) {
   if (process.GetPid() != kInit) {
     const std::int32_t ppid = process.GetParent();
     const std::optional<Verdict> inherited = FindVerdict(*tree_.Get(ppid));
@@ -68,7 +88,7 @@ Verdict HashMatchingEngine::JudgeStart(ProcessInfo& process) {
       return *inherited;
     }
   }
-  const Verdict verdict = JudgeProgram(process);
+  const Verdict verdict = JudgeProgram(start, process);
   const std::optional<Verdict> existing = FindVerdict(process);
   if (existing > verdict) {
     ZLOG_DEBUG("Adding verdict: " << VerdictWord(*existing) << " from existing process");
@@ -77,36 +97,40 @@ Verdict HashMatchingEngine::JudgeStart(ProcessInfo& process) {
   return verdict;
 }
 
-Verdict HashMatchingEngine::JudgeProgram(const ProcessInfo& process) {
-  const std::string& path = process.GetImage()->GetPath();
-  {
-    const std::lock_guard lock(mutex_);
-    const auto known = known_paths_.find(path);
-    if (known == known_paths_.end()) {
-      ZLOG_DEBUG("Adding verdict: " << VerdictWord(Verdict::Unknown) << " for unknown process");
-      return Verdict::Unknown;
-    }
-    if (!known->second.empty()) {
-      ZLOG_DEBUG("Adding verdict: " << VerdictWord(Verdict::Clean) << ". Hash found for process: " << process.GetPid()
-                                    << " (" << path << ")");
-      return Verdict::Clean;
-    }
+HashMatchingEngine::Known HashMatchingEngine::Find(const std::string& path) {
+  const std::lock_guard lock(mutex_);
+  const auto known = known_paths_.find(path);
+  if (known == known_paths_.end()) return Known::No;
+  return known->second.empty() ? Known::Yes : Known::WithDigest;
+}
+
+Verdict HashMatchingEngine::JudgeProgram(const edr::Event& start, const ProcessInfo& process) {
+  const common::ImageInfo& image = *process.GetImage();
+  const Known known = Find(image.GetPath());
+  if (known == Known::No) {
+    ZLOG_DEBUG("Adding verdict: " << VerdictWord(Verdict::Unknown) << " for unknown process");
+    return Verdict::Unknown;
   }
-  return JudgeNewProgram(process);
+  if (start.IsImageDisguised() || !IsFileOfItsName(image)) return Distrust(process);
+  if (known == Known::Yes) return JudgeNewProgram(process);
+  ZLOG_DEBUG("Adding verdict: " << VerdictWord(Verdict::Clean) << ". Hash found for process: " << process.GetPid()
+                                << " (" << image.GetPath() << ")");
+  return Verdict::Clean;
 }
 
 // Without the lock: nobody waits for the disk.
 Verdict HashMatchingEngine::JudgeNewProgram(const ProcessInfo& process) {
-  const std::string& path = process.GetImage()->GetPath();
+  const common::ImageInfo& image = *process.GetImage();
+  const std::string& path = image.GetPath();
   std::string digest;
   try {
-    const common::util::HashGenerator generator(path, "", 0, common::util::HashKind::Sha256, &digests_, kMaxFileSize);
+    const common::util::HashGenerator generator(path, image.GetDevice(), image.GetInode(),
+                                                common::util::HashKind::Sha256, &digests_, kMaxFileSize);
     const std::vector<unsigned char>& bytes = generator.GetSha256();
     digest = common::util::ToHex({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
   } catch (const common::util::HashGeneratorException& error) {
     ZLOG_DEBUG(error.what());
-    ZLOG_WARNING("Failed to generate hash for known process " << path);
-    return Verdict::Suspicious;
+    return Distrust(process);
   }
   {
     const std::lock_guard lock(mutex_);
@@ -118,10 +142,16 @@ Verdict HashMatchingEngine::JudgeNewProgram(const ProcessInfo& process) {
   return Verdict::CleanWithoutHash;
 }
 
-Verdict HashMatchingEngine::JudgeLater(const ProcessInfo& process) {
-  if (const std::optional<Verdict> verdict = FindVerdict(process)) return *verdict;
-  const std::lock_guard lock(mutex_);
-  return known_paths_.contains(process.GetImage()->GetPath()) ? Verdict::Clean : Verdict::Unknown;
+// What a look has proved since weighs more than what the start was believed.
+Verdict HashMatchingEngine::JudgeLater(const edr::Event& event, ProcessInfo& process) {
+  if (const std::optional<Verdict> verdict = FindVerdict(process)) {
+    if (!event.IsImageDisguised() || *verdict > Verdict::CleanWithoutHash) return *verdict;
+    Keep(process, Verdict::Suspicious);
+    return Verdict::Suspicious;
+  }
+  const common::ImageInfo& image = *process.GetImage();
+  const bool is_known = Find(image.GetPath()) != Known::No && !event.IsImageDisguised() && IsFileOfItsName(image);
+  return is_known ? Verdict::Clean : Verdict::Unknown;
 }
 
 void HashMatchingEngine::ForgetDigests(const edr::Event& event) {

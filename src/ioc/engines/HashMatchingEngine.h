@@ -21,6 +21,11 @@ namespace zagent::ioc::internal {
 //
 // A known program is hashed at its first start, and again at the first one after an event of its file. The digests live
 // as long as the engine.
+//
+// It is the file that has the path here, on this disk: a process that lives in a mount namespace or a chroot of its own
+// may call anything by that name. Where the file of a process is known, by device and inode, it has to be that one; a
+// process of which nobody could tell more than the path is believed until a look has proved it another
+// (edr::Event::IsImageDisguised).
 class HashMatchingEngine final : public Engine {
  public:
   static constexpr std::int64_t kMaxFileSize = std::int64_t{1024} * 1024 * 1024;  // bytes; a larger file has no digest
@@ -33,8 +38,9 @@ class HashMatchingEngine final : public Engine {
   void SetKnownProcessPaths(const std::vector<std::string>& paths);
 
   // Of the newest event of a process, which is in the tree. Clean, CleanWithoutHash, when the program had to be hashed
-  // first, Unknown, Suspicious, when it could not be, or what the process or its parent had before. Throws what the
-  // tree throws for a process, or the parent of one that starts, that it does not know.
+  // first, Unknown, Suspicious, when it could not be or runs another file under that name, or what the process or its
+  // parent had before. Throws what the tree throws for a process, or the parent of one that starts, that it does not
+  // know.
   Verdict Process(const edr::Event& event) override;
 
  private:
@@ -44,10 +50,14 @@ class HashMatchingEngine final : public Engine {
   // Digests in hexadecimal by path; empty until the file has been hashed.
   using KnownPaths = std::unordered_map<std::string, std::string, PathHash, std::equal_to<>>;
 
-  [[nodiscard]] Verdict JudgeStart(ProcessInfo& process);
-  [[nodiscard]] Verdict JudgeProgram(const ProcessInfo& process);
+  // What is known of a path.
+  enum class Known : std::uint8_t { No, Yes, WithDigest };
+
+  [[nodiscard]] Known Find(const std::string& path);
+  [[nodiscard]] Verdict JudgeStart(const edr::Event& start, const ProcessInfo& process);
+  [[nodiscard]] Verdict JudgeProgram(const edr::Event& start, const ProcessInfo& process);
   [[nodiscard]] Verdict JudgeNewProgram(const ProcessInfo& process);
-  [[nodiscard]] Verdict JudgeLater(const ProcessInfo& process);
+  [[nodiscard]] Verdict JudgeLater(const edr::Event& event, ProcessInfo& process);
   void ForgetDigests(const edr::Event& event);
 
   TtlProcessTree& tree_;

@@ -1,5 +1,7 @@
 #include "src/ioc/engines/HashMatchingEngine.h"
 
+#include <sys/stat.h>
+
 #include <filesystem>
 #include <thread>
 
@@ -25,6 +27,25 @@ class HashMatchingEngineTest : public RulesFixture {
   Verdict JudgeStart(const std::string& image, std::int32_t pid = kPid, std::int32_t ppid = 1) {
     Exec(pid, ppid, image);
     return engine_.Process(tree_->Get(pid)->GetLastEvent());
+  }
+  // Of a process of which is known what file it runs.
+  Verdict JudgeStart(const common::ImageInfo& image, std::int32_t pid = kPid) {
+    auto start = Start(pid, 1);
+    start->image = image;
+    tree_->AddEvent(std::move(start));
+    return engine_.Process(tree_->Get(pid)->GetLastEvent());
+  }
+  // The file that has the path now.
+  static common::ImageInfo FileAt(const std::string& path) {
+    struct stat found {};
+    EXPECT_EQ(stat(path.c_str(), &found), 0);
+    return {path, found};
+  }
+  // Another file of this name, as a mount namespace may have it.
+  [[nodiscard]] common::ImageInfo Impostor(const std::string& path) const {
+    common::ImageInfo file = FileAt(folder_.Write("impostor", "not the program"));
+    file.SetPath(path);
+    return file;
   }
   // The process does something to a file.
   Verdict JudgeFile(const std::string& path, EventType type = EventType::Write, std::int32_t pid = kPid) {
@@ -168,6 +189,82 @@ TEST_F(HashMatchingEngineTest, WhoWasNeverJudgedIsJudgedByItsPathAlone) {
   EXPECT_EQ(JudgeFile("/etc/passwd", EventType::Write, kShell), Verdict::Unknown);
   EXPECT_EQ(TagOf(kPid), "(none)");
   EXPECT_FALSE(log.Has("Reading file content"));
+}
+
+TEST_F(HashMatchingEngineTest, AKnownProgramIsTheFileOfThatName) {
+  EXPECT_EQ(JudgeStart(FileAt(known_)), Verdict::CleanWithoutHash);
+  EXPECT_EQ(JudgeStart(FileAt(known_), 71), Verdict::Clean);
+}
+
+TEST_F(HashMatchingEngineTest, AnotherFileUnderTheNameOfAKnownProgramIsSuspicious) {
+  const common::ImageInfo real = FileAt(known_);
+  common::ImageInfo elsewhere = real;
+  elsewhere.SetDevice("ff:ff");
+  const auto expect_distrust = [&](const common::ImageInfo& image, std::int32_t pid) {
+    const fakes::LogCapture log;
+    EXPECT_EQ(JudgeStart(image, pid), Verdict::Suspicious);
+    EXPECT_EQ(TagOf(pid), "Suspicious");
+    EXPECT_TRUE(log.Has(Message::PRIO_WARNING, "[IOC]: Failed to generate hash for known process " + known_));
+    EXPECT_FALSE(log.Has("Reading file content"));
+  };
+  expect_distrust(Impostor(known_), 71);
+  expect_distrust(elsewhere, 72);
+  ASSERT_EQ(JudgeStart(real), Verdict::CleanWithoutHash) << "the impostors have not spoilt it";
+  expect_distrust(Impostor(known_), 73);
+  expect_distrust(elsewhere, 74);
+  EXPECT_EQ(JudgeStart(real, 75), Verdict::Clean);
+}
+
+TEST_F(HashMatchingEngineTest, AProgramThatIsGoneOrReplacedSinceItsStartIsSuspicious) {
+  const common::ImageInfo started = FileAt(known_);
+  ASSERT_EQ(JudgeStart(started), Verdict::CleanWithoutHash);
+  std::filesystem::rename(folder_.Write("new", "the next version"), known_);
+  EXPECT_EQ(JudgeStart(started, 71), Verdict::Suspicious);
+  EXPECT_EQ(JudgeStart(FileAt(known_), 72), Verdict::Clean);
+  std::filesystem::remove(known_);
+  EXPECT_EQ(JudgeStart(started, 73), Verdict::Suspicious);
+}
+
+TEST_F(HashMatchingEngineTest, WhoWasNeverJudgedMustRunTheFileOfItsName) {
+  const auto judge_later = [&](const common::ImageInfo& image) {
+    auto start = Start(kPid, 1);
+    start->image = image;
+    tree_->AddEvent(std::move(start));
+    return JudgeFile("/etc/passwd");
+  };
+  EXPECT_EQ(judge_later(FileAt(known_)), Verdict::Clean);
+  EXPECT_EQ(judge_later(Impostor(known_)), Verdict::Unknown);
+  EXPECT_EQ(TagOf(kPid), "(none)");
+}
+
+TEST_F(HashMatchingEngineTest, AProgramThatIsProvedToBeInDisguiseIsNotBelieved) {
+  auto start = Start(kPid, 1, known_);
+  start->SetImageDisguised();
+  tree_->AddEvent(std::move(start));
+  EXPECT_EQ(engine_.Process(tree_->Get(kPid)->GetLastEvent()), Verdict::Suspicious);
+
+  fakes::FakeEvent write = FileEvent("/etc/passwd");
+  write.SetImageDisguised();
+  const auto judge_write = [&](std::int32_t pid) {
+    write.pid = pid;
+    return engine_.Process(write);
+  };
+  Exec(71, 1, known_);
+  EXPECT_EQ(judge_write(71), Verdict::Unknown) << "never judged before";
+  EXPECT_EQ(TagOf(71), "(none)");
+  (void)JudgeStart(known_, 72);
+  for (const Verdict verdict : {Verdict::Clean, Verdict::CleanWithoutHash}) {
+    SetTag(72, verdict);
+    const fakes::LogCapture log;
+    EXPECT_EQ(judge_write(72), Verdict::Suspicious) << "its start was believed";
+    EXPECT_EQ(TagOf(72), "Suspicious");
+    EXPECT_TRUE(
+        log.Has(Message::PRIO_INFORMATION, "[IOC]: Adding verdict 'Suspicious' to process 72 (" + known_ + ")"));
+  }
+  for (const Verdict verdict : {Verdict::Unknown, Verdict::Malicious}) {
+    SetTag(72, verdict);
+    EXPECT_EQ(judge_write(72), verdict) << "which is no better";
+  }
 }
 
 TEST_F(HashMatchingEngineTest, AWordThatIsNoneIsAFailure) {
