@@ -1,6 +1,7 @@
 #include "src/ioc/engines/HashMatchingEngine.h"
 
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <memory>
 #include <optional>
@@ -37,12 +38,24 @@ void Keep(ProcessInfo& process, Verdict verdict) {
   process.AddTag(Tag(), VerdictWord(verdict));
 }
 
+// A subvolume of btrfs or an overlay has one device for stat and another one in records.
+bool IsOfNoDisk(const struct stat& file) {
+  return major(file.st_dev) == 0;
+}
+
 // Of an image of which nothing but the path is known, nothing speaks against it.
 bool IsFileOfItsName(const common::ImageInfo& image) {
   if (image.GetDevice().empty()) return true;
   struct stat named {};
-  return stat(image.GetPath().c_str(), &named) == 0 && named.st_ino == image.GetInode() &&
-         common::util::DeviceText(named.st_dev) == image.GetDevice();
+  if (stat(image.GetPath().c_str(), &named) != 0 || named.st_ino != image.GetInode()) return false;
+  return IsOfNoDisk(named) || common::util::DeviceText(named.st_dev) == image.GetDevice();
+}
+
+// For the generator, which knows a file by what stat tells of it; empty where no device is known.
+std::string DeviceToRead(const common::ImageInfo& image) {
+  struct stat named {};
+  if (image.GetDevice().empty() || stat(image.GetPath().c_str(), &named) != 0) return image.GetDevice();
+  return IsOfNoDisk(named) ? common::util::DeviceText(named.st_dev) : image.GetDevice();
 }
 
 Verdict Distrust(const ProcessInfo& process) {
@@ -124,7 +137,7 @@ Verdict HashMatchingEngine::JudgeNewProgram(const ProcessInfo& process) {
   const std::string& path = image.GetPath();
   std::string digest;
   try {
-    const common::util::HashGenerator generator(path, image.GetDevice(), image.GetInode(),
+    const common::util::HashGenerator generator(path, DeviceToRead(image), image.GetInode(),
                                                 common::util::HashKind::Sha256, &digests_, kMaxFileSize);
     const std::vector<unsigned char>& bytes = generator.GetSha256();
     digest = common::util::ToHex({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
