@@ -77,8 +77,11 @@ TEST_F(OutcomeTest, IsNoAnswerWhenNobodyAnswers) {
 }
 
 TEST_F(OutcomeTest, IsNoAnswerWithoutAFreeDescriptorAndGoodAgainWithOne) {
-  FakeHttpServer server({FakeHttpServer::Answer("200 OK")});
+  const std::string ok = FakeHttpServer::Answer("200 OK");
+  FakeHttpServer server({ok, ok});
   auto uploader = UploaderTo(server.Url());
+  // Also for sanitizers, which look at what they meet for the first time with the help of descriptors.
+  EXPECT_EQ(0, uploader.Upload("application/json", BytesOf("{}")));
   rlimit limit{};
   ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
   const rlimit none{0, limit.rlim_max};
