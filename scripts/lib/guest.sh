@@ -17,8 +17,11 @@ GUEST_TOOLS=(rm tar cp find chmod chown mv sed ln install dash dpkg dpkg-deb dpk
 GUEST_AUDITD_PACKAGES=(auditd libwrap0 laurel)
 GUEST_AUDITD_PROGRAMS=(sbin/auditd sbin/auditctl usr/sbin/laurel)
 
-# Modules of its kernel, in /scenario/modules: disks in memory and one that records its writes.
-GUEST_MODULES=(drivers/block/brd.ko drivers/md/dm-mod.ko drivers/md/dm-log-writes.ko)
+# Modules of its kernel, in /scenario/modules: disks in memory, one that records its writes, an overlay, and btrfs with
+# what it stands on.
+GUEST_MODULES=(drivers/block/brd.ko drivers/md/dm-mod.ko drivers/md/dm-log-writes.ko fs/overlayfs/overlay.ko
+  lib/libcrc32c.ko lib/raid6/raid6_pq.ko crypto/xor.ko crypto/blake2b_generic.ko crypto/xxhash_generic.ko
+  lib/zstd/zstd_compress.ko fs/btrfs/btrfs.ko)
 
 # The targets of them that a demonstration needs.
 DEMO_TARGETS=(ostrel-edr reference-agent reference-receiver file_actor audit_rules_list)
@@ -34,18 +37,28 @@ guest_kernel() {
   mkdir -p "$GUEST_CACHE/kernel"
   (
     flock 9
-    local package version folder
+    local package version folder cached
     package=$(guest_kernel_package)
     version=$(apt-cache policy "${package:-none}" 2>/dev/null | sed -n 's/^ *Candidate: //p')
     folder="$GUEST_CACHE/kernel/${package}_${version}"
     # A cached kernel of another version is as real as the newest one: stay off the network.
-    if [[ ! -e $folder/modules ]]; then
-      folder=$(ls -td "$GUEST_CACHE"/kernel/*/modules 2>/dev/null | head -n 1)
-      folder=${folder%/modules}
+    if ! guest_has_modules "$folder"; then
+      folder=
+      for cached in $(ls -td "$GUEST_CACHE"/kernel/*/modules 2>/dev/null); do
+        if guest_has_modules "${cached%/modules}"; then folder=${cached%/modules} && break; fi
+      done
     fi
     if [[ -z $folder ]]; then folder=$(guest_download_kernel) || exit 1; fi
     printf '%s\n' "${folder%/}/vmlinuz"
   ) 9>"$GUEST_CACHE/kernel.lock"
+}
+
+# guest_has_modules FOLDER: it holds a kernel with all modules that scenarios load.
+guest_has_modules() {
+  local module
+  for module in "${GUEST_MODULES[@]}"; do
+    [[ -e $1/modules/$(basename "$module") ]] || return 1
+  done
 }
 
 # guest_download FOLDER NAME COMMAND: downloads the packages that COMMAND prints, a word each, into the folder.
@@ -104,6 +117,14 @@ guest_auditd() {
     rm -r "$scratch"
   ) 9>"$GUEST_CACHE/auditd.lock" || return
   printf '%s\n' "$folder"
+}
+
+# guest_add_tools TREE TOOL...: further tools of this machine, in /usr/local/gnu of the guest.
+guest_add_tools() {
+  local tree="$1" tool programs=()
+  shift
+  for tool; do programs+=("$(PATH="$PATH:/usr/sbin:/sbin" type -P "$tool")"); done
+  guest_add_programs "$tree" /usr/local/gnu "${programs[@]}"
 }
 
 # guest_add_auditd TREE: the audit daemon and its tool, in /usr/local/bin of the guest.

@@ -8,7 +8,7 @@ PACKAGES=(
   libprotobuf-dev protobuf-compiler rapidjson-dev libgtest-dev libgmock-dev libbenchmark-dev clang-format clang-tidy
 )
 # What boots a real kernel around them.
-PACKAGES+=(qemu-system-x86 busybox-static cpio zstd libmagic-mgc e2fsprogs)
+PACKAGES+=(qemu-system-x86 busybox-static cpio zstd libmagic-mgc e2fsprogs btrfs-progs rsync)
 # What stands around the daemon in tests: proxies, an agent and a platform in another language, and what checks them.
 PACKAGES+=(tinyproxy-bin squid-openssl openssl python3 xz-utils)
 # What counts instructions for the benchmarks.

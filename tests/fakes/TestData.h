@@ -13,4 +13,7 @@ namespace zagent::fakes {
   return SourceTree() / "tests/data" / name;
 }
 
+// The records of one step of a recording: those behind its mark, up to the next one.
+[[nodiscard]] std::string RecordsOfStep(const std::string& recording, const std::string& step);
+
 }  // namespace zagent::fakes

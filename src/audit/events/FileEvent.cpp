@@ -72,7 +72,7 @@ FileEvent::FileEvent(const FileEvent& other)
 
 void FileEvent::ParseRecord(int type, const edr::RecordFields& fields) {
   if (type == record_type::kPath) {
-    ParsePath(fields);
+    if (!IsOfLayerBelow(fields)) ParsePath(fields);
   } else if (type == record_type::kProctitle) {
     process_title_ = fields.Find(edr::RecordField::Proctitle);
   } else if (type == record_type::kCwd) {
@@ -87,6 +87,13 @@ void FileEvent::ParseRecord(int type, const edr::RecordFields& fields) {
   } else {
     SyscallEvent::ParseRecord(type, fields);
   }
+}
+
+bool FileEvent::IsOfLayerBelow(const edr::RecordFields& fields) {
+  const std::string_view device = fields.Find(edr::RecordField::Dev);
+  if (!records_ || device.empty()) return false;
+  if (records_->device.empty()) records_->device = device;
+  return device != records_->device && fields.Find(edr::RecordField::Name).empty();
 }
 
 std::optional<PathRecord> FileEvent::BuildPath(const edr::RecordFields& fields) const {

@@ -75,6 +75,7 @@ class FileEvent : public SyscallEvent {
   struct Records {
     std::optional<PathRecord> object;
     std::optional<PathRecord> parent;
+    std::string device = {};  // of the event's first PATH record that has one
   };
 
   explicit FileEvent(Context context) : context_(std::move(context)), records_(std::make_unique<Records>()) {}
@@ -83,6 +84,9 @@ class FileEvent : public SyscallEvent {
   // Copies of a validated event only.
   FileEvent(const FileEvent& other);
 
+  // Whether a PATH record is the work of a file system below the one that the call was made on: an overlay creates,
+  // renames and deletes in its upper layer, on another device and without names. Called with each PATH record.
+  [[nodiscard]] bool IsOfLayerBelow(const edr::RecordFields& fields);
   // Takes over one PATH record by its type word or, on old kernels, by its item number. Answers the type word.
   TypeWord ParsePath(const edr::RecordFields& fields);
   // Takes over a record that has been built.

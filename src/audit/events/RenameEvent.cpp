@@ -61,6 +61,7 @@ void RenameEvent::ParseRecord(int type, const edr::RecordFields& fields) {
     return;
   }
   if (!destination_) throw edr::EventException("Too many PATH records in Rename event");
+  if (IsOfLayerBelow(fields)) return;
   if (fields.Find(edr::RecordField::Name).empty() && !TypeWordTextOf(fields).empty()) {
     if (std::optional<PathRecord> record = BuildPath(fields)) ParseUnnamed(std::move(*record));
     return;

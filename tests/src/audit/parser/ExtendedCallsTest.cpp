@@ -28,22 +28,7 @@ using testing::IsEmpty;
 // state and no failure.
 class ExtendedCallsTest : public testing::Test {
  protected:
-  // The records behind the mark of a step, up to the next mark.
-  static std::string Step(const std::string& name) {
-    std::ifstream in(fakes::TestData("audit-extended-6.1.log"));
-    std::string text;
-    bool within = false;
-    for (std::string line; std::getline(in, line);) {
-      if (line.find("type=TEST") == 0) {
-        if (within) break;
-        within = line.find("step: " + name + " exe=") != std::string::npos;
-      } else if (within) {
-        text += line + "\n";
-      }
-    }
-    EXPECT_FALSE(text.empty()) << name;
-    return text;
-  }
+  static std::string Step(const std::string& name) { return fakes::RecordsOfStep("audit-extended-6.1.log", name); }
   // "Rename /srv/w/a -> /srv/w/b" for each event in the records.
   std::vector<std::string> Told(const std::string& text, bool extended) {
     FileContext context;
