@@ -124,8 +124,9 @@ Verdict HashMatchingEngine::JudgeProgram(const edr::Event& start, const ProcessI
     ZLOG_DEBUG("Adding verdict: " << VerdictWord(Verdict::Unknown) << " for unknown process");
     return Verdict::Unknown;
   }
-  if (start.IsImageDisguised() || !IsFileOfItsName(image)) return Distrust(process);
+  if (start.IsImageDisguised()) return Distrust(process);
   if (known == Known::Yes) return JudgeNewProgram(process);
+  if (!IsFileOfItsName(image)) return Distrust(process);
   ZLOG_DEBUG("Adding verdict: " << VerdictWord(Verdict::Clean) << ". Hash found for process: " << process.GetPid()
                                 << " (" << image.GetPath() << ")");
   return Verdict::Clean;
