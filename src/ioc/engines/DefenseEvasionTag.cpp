@@ -24,8 +24,7 @@ std::uint32_t BitsOf(std::uint32_t permission) {
 // In the sense of Poco::File, which copies the path piece by piece: that is left to paths that events hardly ever have.
 bool IsHiddenPath(const std::string& path) {
   if (path.empty()) return false;
-  if (path.front() != '/' || path.back() == '/') return Poco::File(path).isHidden();
-  return path[path.rfind('/') + 1] == '.';
+  return path.back() == '/' ? Poco::File(path).isHidden() : path[path.rfind('/') + 1] == '.';
 }
 
 // Nothing is known of the mode of an object that no record describes.

@@ -124,7 +124,7 @@ void TaggingEngine::Inherit(const Pointer& process) {
   for (const auto& [name, tag] : tags_) {
     const auto bearers = family.find(tag.get());
     if (bearers == family.end() || process->HasTag(name)) continue;
-    if (HasAnotherBearer(bearers->second, *tag, *process)) take(*tag, "sibling process");
+    if (HasBearer(bearers->second, *tag, ppid)) take(*tag, "sibling process");
   }
 }
 
@@ -146,37 +146,32 @@ const TaggingEngine::Family& TaggingEngine::FamilyOf(const ProcessInfo& child) {
   return family;
 }
 
-// Of a tag whose two known bearers are gone nobody knows whether there are others.
-bool TaggingEngine::CanTell(const Family& family, const ProcessInfo& child) const {
+// Of a tag whose known bearers are gone nobody knows whether there are others.
+bool TaggingEngine::CanTell(const Family& family, const ProcessInfo& child) {
   return std::all_of(family.begin(), family.end(), [&](const auto& entry) {
     const auto& [tag, bearers] = entry;
-    return bearers.size() < kBearers || child.HasTag(tag->GetName()) || HasAnotherBearer(bearers, *tag, child);
+    return child.HasTag(tag->GetName()) || HasBearer(bearers, *tag, child.GetParent());
   });
 }
 
-bool TaggingEngine::HasAnotherBearer(const Bearers& bearers, const Tag& tag, const ProcessInfo& child) const {
-  return std::any_of(bearers.begin(), bearers.end(), [&](const auto& bearer) {
-    const std::shared_ptr<const ProcessInfo> process = bearer.lock();
-    return process != nullptr && process->GetPid() != child.GetPid() && IsBearer(*process, tag, child.GetParent());
-  });
+bool TaggingEngine::HasBearer(const Bearers& bearers, const Tag& tag, std::int32_t parent) {
+  return std::any_of(bearers.begin(), bearers.end(),
+                     [&](const auto& bearer) { return IsBearer(bearer.lock().get(), tag, parent); });
 }
 
-// Not one that has ended, has started another program since or hangs under somebody else by now.
-bool TaggingEngine::IsBearer(const ProcessInfo& process, const Tag& tag, std::int32_t parent) const {
-  return process.GetParent() == parent && process.HasTag(tag.GetName()) && tree_.Has(process.GetPid()) &&
-         tree_.Get(process.GetPid()).get() == &process;
+// Not one that is gone, that has started another program since or hangs under somebody else by now.
+bool TaggingEngine::IsBearer(const ProcessInfo* process, const Tag& tag, std::int32_t parent) {
+  return process != nullptr && process->GetParent() == parent && process->HasTag(tag.GetName());
 }
 
-void TaggingEngine::Note(Family& family, const Tag& tag, const Pointer& process) const {
+// One that has got the tag.
+void TaggingEngine::Note(Family& family, const Tag& tag, const Pointer& process) {
   Bearers& bearers = family[&tag];
-  auto place = bearers.end();
-  for (auto bearer = bearers.begin(); bearer != bearers.end(); ++bearer) {
-    const std::shared_ptr<const ProcessInfo> known = bearer->lock();
-    if (known == process) return;
-    if (known == nullptr || !IsBearer(*known, tag, process->GetParent())) place = bearer;
-  }
-  if (place != bearers.end()) {
-    *place = process;
+  const auto gone = std::find_if(bearers.begin(), bearers.end(), [&](const auto& bearer) {
+    return !IsBearer(bearer.lock().get(), tag, process->GetParent());
+  });
+  if (gone != bearers.end()) {
+    *gone = process;
   } else if (bearers.size() < kBearers) {
     bearers.push_back(process);
   }

@@ -44,8 +44,8 @@ class TaggingEngine final : public Engine {
   void MakeTag(const rapidjson::Value& settings, Tags& tags) const;
 
   using Pointer = std::shared_ptr<ProcessInfo>;
-  // Of the children of one parent, two that have a tag, of which one may end or start another program. Where there is
-  // one alone no other child has the tag; without an entry none has it.
+  // Of the children of one parent, two that have a tag, of which one may end or start another program. Without an entry
+  // none has it.
   static constexpr std::size_t kBearers = 2;
   using Bearers = std::vector<std::weak_ptr<const ProcessInfo>>;
   using Family = std::unordered_map<const Tag*, Bearers>;
@@ -53,11 +53,10 @@ class TaggingEngine final : public Engine {
   // With mutex_ held:
   void Inherit(const Pointer& process);
   [[nodiscard]] const Family& FamilyOf(const ProcessInfo& child);
-  [[nodiscard]] bool CanTell(const Family& family, const ProcessInfo& child) const;
-  // Whether a sibling of the child is among them.
-  [[nodiscard]] bool HasAnotherBearer(const Bearers& bearers, const Tag& tag, const ProcessInfo& child) const;
-  [[nodiscard]] bool IsBearer(const ProcessInfo& process, const Tag& tag, std::int32_t parent) const;
-  void Note(Family& family, const Tag& tag, const Pointer& process) const;
+  [[nodiscard]] static bool CanTell(const Family& family, const ProcessInfo& child);
+  [[nodiscard]] static bool HasBearer(const Bearers& bearers, const Tag& tag, std::int32_t parent);
+  [[nodiscard]] static bool IsBearer(const ProcessInfo* process, const Tag& tag, std::int32_t parent);
+  static void Note(Family& family, const Tag& tag, const Pointer& process);
   void Judge(const edr::Event& event, const Pointer& process);
   void Spread(const Tag& tag, const ProcessInfo& source);
   void GiveToAll(const Tag& tag, const std::vector<Pointer>& processes, const ProcessInfo& source);

@@ -194,6 +194,10 @@ TEST_F(HeuristicsKeyTest, AKeyOfAnyLengthIsTheDigestOfItsWholeText) {
   EXPECT_EQ(KeyOf(NetworkEvent("10.1.2.3", 443), 100).find("436f6e6e656374"), 0U) << "short ones stay as they are";
 }
 
+TEST_F(HeuristicsKeyTest, ALongTextOfNobodyIsShortenedToo) {
+  EXPECT_EQ(KeyOf(DirectoryEvent("/" + std::string(4'000, 'd'), EventType::Create), 0).size(), 64U);
+}
+
 TEST_F(HeuristicsKeyTest, AFailureInTheMiddleOfALongKeyDoesNotSpoilTheNextOne) {
   Exec(100, 1, "/bin/" + std::string(400, 'p'));
   for (std::int32_t pid = 101; pid < 110; ++pid) Exec(pid, pid - 1, "/bin/" + std::string(400, 'p'));

@@ -444,20 +444,34 @@ TEST_F(TaggingEngineTest, OneOfThousandsOfChildrenMayStartProgramAfterProgram) {
   Make("100", {{"Persistence", R"({"score":10})"}, {"Execution", R"({"score":10})"}});
   for (std::int32_t pid = 1'000; pid < 21'000; ++pid) Exec(pid, kShell);
   const std::clock_t begin = std::clock();
-  const auto start_programs = [&] {
-    for (const std::int32_t pid : {kActor, kSibling}) {
-      for (int at = 0; at < 10'000; ++at) {
+  const auto start_programs = [&](const std::vector<std::int32_t>& pids) {
+    for (int at = 0; at < 10'000; ++at) {
+      for (const std::int32_t pid : pids) {
         (void)Begin(pid, kShell);
         (void)tree_->GetEventsFromCache(pid);
       }
     }
     EXPECT_LT((std::clock() - begin) / CLOCKS_PER_SEC, 20);
   };
-  start_programs();
+  start_programs({kActor});
   EXPECT_EQ(TagsOf(kActor), kNone);
   (void)Judge(cron_);
-  start_programs();
+  start_programs({kActor});
   EXPECT_EQ(TagsOf(kActor), kPersistence);
+  for (std::int32_t pid = 1'000; pid < 21'000; ++pid) Exec(pid, kShell);  // of which the engine never hears
+  start_programs({kActor, kSibling});
+  EXPECT_EQ(TagsOf(kActor), kPersistence) << "from the only one beside it that has it";
+}
+
+TEST_F(TaggingEngineTest, WhatAChildHasFromItsParentGoesToLaterSiblingsWhenTheParentHasLostIt) {
+  Make("100", {{"Persistence", R"({"score":10})"}});
+  Process(kShell).AddTag("Persistence");
+  (void)Begin(62, kShell);
+  ASSERT_EQ(TagsOf(62), kPersistence);
+  Exec(kShell, kInit, "/bin/other");
+  ASSERT_EQ(TagsOf(kShell), kNone);
+  (void)Begin(63, kShell);
+  EXPECT_EQ(TagsOf(63), kPersistence);
 }
 
 TEST_F(TaggingEngineTest, ATagThatNoSiblingHasAnyMoreIsNotInherited) {
