@@ -131,7 +131,7 @@ void TaggingEngine::Inherit(const Pointer& process) {
 // As its siblings are at this moment.
 const TaggingEngine::Family& TaggingEngine::FamilyOf(const ProcessInfo& child) {
   const auto known = families_.find(child.GetParent());
-  if (known != families_.end() && CanTell(known->second, child)) return known->second;
+  if (known != families_.end() && CanTell(known->second, child.GetParent())) return known->second;
   if (families_.size() >= kMaxFamilies) families_.clear();
   Family& family = families_[child.GetParent()];
   family.clear();
@@ -147,11 +147,9 @@ const TaggingEngine::Family& TaggingEngine::FamilyOf(const ProcessInfo& child) {
 }
 
 // Of a tag whose known bearers are gone nobody knows whether there are others.
-bool TaggingEngine::CanTell(const Family& family, const ProcessInfo& child) {
-  return std::all_of(family.begin(), family.end(), [&](const auto& entry) {
-    const auto& [tag, bearers] = entry;
-    return child.HasTag(tag->GetName()) || HasBearer(bearers, *tag, child.GetParent());
-  });
+bool TaggingEngine::CanTell(const Family& family, std::int32_t parent) {
+  return std::all_of(family.begin(), family.end(),
+                     [&](const auto& entry) { return HasBearer(entry.second, *entry.first, parent); });
 }
 
 bool TaggingEngine::HasBearer(const Bearers& bearers, const Tag& tag, std::int32_t parent) {

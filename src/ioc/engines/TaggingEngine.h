@@ -53,7 +53,7 @@ class TaggingEngine final : public Engine {
   // With mutex_ held:
   void Inherit(const Pointer& process);
   [[nodiscard]] const Family& FamilyOf(const ProcessInfo& child);
-  [[nodiscard]] static bool CanTell(const Family& family, const ProcessInfo& child);
+  [[nodiscard]] static bool CanTell(const Family& family, std::int32_t parent);
   [[nodiscard]] static bool HasBearer(const Bearers& bearers, const Tag& tag, std::int32_t parent);
   [[nodiscard]] static bool IsBearer(const ProcessInfo* process, const Tag& tag, std::int32_t parent);
   static void Note(Family& family, const Tag& tag, const Pointer& process);
