@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <exception>
 #include <ios>
 #include <utility>
 
@@ -22,8 +23,8 @@ using internal::SpoolLimits;
 using internal::SpoolStorageSchedule;
 using internal::SpoolWorker;
 
-// What a queued task costs beside its data: the closure, its answer and the callback.
-constexpr std::uint64_t kTaskBytes = 384;
+// What a queued task costs beside its data: its place in the queue, and what its callback keeps elsewhere.
+constexpr std::uint64_t kTaskBytes = 192;
 using ResultAnswer = Answer<std::unique_ptr<StorageResult>>;
 using DoneAnswer = Answer<bool>;
 
@@ -180,57 +181,74 @@ void SpoolStorage::ApplyUpdate() {
   limits_->Apply(limits.max_disk_size_mib, limits.max_file_age_seconds, limits.max_file_size_kib);
 }
 
-// An item on its way to the cache, in one block of memory: bursts bring many.
+// An item on its way to the cache, small enough to lie in the queue itself: bursts bring many.
 class SpoolStorage::PendingWrite {
  public:
-  PendingWrite(internal::SpoolWorker& worker, Bytes item, ResultCallback callback)
-      : worker_(worker),
-        item_(std::move(item)),
-        answer_(std::move(callback), [this] { return Refuse(StorageCode::Unknown); }) {}
-
-  void Run() {
+  PendingWrite(internal::SpoolWorker& worker, Bytes&& item, ResultCallback&& callback)
+      : worker_(worker), item_(std::move(item)), callback_(std::move(callback)) {}
+  PendingWrite(PendingWrite&& other) noexcept
+      : worker_(other.worker_), item_(std::move(other.item_)), callback_(std::exchange(other.callback_, nullptr)) {}
+  PendingWrite(const PendingWrite&) = delete;
+  PendingWrite& operator=(const PendingWrite&) = delete;
+  PendingWrite& operator=(PendingWrite&&) = delete;
+  // As an Answer, which does not know of the item that it would have to give back.
+  ~PendingWrite() {
+    if (!callback_) return;
     try {
-      answer_.Give(worker_.Add(item_));
+      Refuse(StorageCode::Unknown);
+    } catch (const std::exception& error) {
+      ZLOG_ERROR("Failed to execute background task: " << error.what());
+    }
+  }
+
+  void operator()() {
+    try {
+      Give(worker_.Add(item_));
     } catch (const DataFormatterException&) {
-      answer_.Give(Refuse(StorageCode::SerializationFailed));
+      Refuse(StorageCode::SerializationFailed);
       throw;
     }
   }
 
  private:
-  std::unique_ptr<StorageResult> Refuse(StorageCode code) {
+  void Give(std::unique_ptr<StorageResult> result) {
+    const ResultCallback callback = std::exchange(callback_, nullptr);
+    if (callback) callback(std::move(result));
+  }
+  void Refuse(StorageCode code) {
     auto result = worker_.MakeResult(code);
     result->data = std::move(item_);
-    return result;
+    Give(std::move(result));
   }
 
   internal::SpoolWorker& worker_;
   Bytes item_;
-  ResultAnswer answer_;  // behind the item, which it may have to give back
+  ResultCallback callback_;
 };
 
-SpoolStorage::Task SpoolStorage::MakeWrite(Bytes data, ResultCallback callback) {
-  return [write = std::make_shared<PendingWrite>(*worker_, std::move(data), std::move(callback))] { write->Run(); };
+Task SpoolStorage::MakeWrite(Bytes&& data, ResultCallback&& callback) {
+  static_assert(sizeof(PendingWrite) <= Task::kRoom);
+  return PendingWrite(*worker_, std::move(data), std::move(callback));
 }
 
-SpoolStorage::Task SpoolStorage::MakeRead(ResultCallback callback) {
+Task SpoolStorage::MakeRead(ResultCallback callback) {
   auto answer =
       std::make_shared<ResultAnswer>(std::move(callback), [this] { return worker_->MakeResult(StorageCode::Unknown); });
   return [this, answer = std::move(answer)] { answer->Give(worker_->Read()); };
 }
 
-SpoolStorage::Task SpoolStorage::MakeDelete(std::unique_ptr<StorageResult> previous, DoneCallback callback) {
+Task SpoolStorage::MakeDelete(std::unique_ptr<StorageResult> previous, DoneCallback callback) {
   auto answer = std::make_shared<DoneAnswer>(std::move(callback), [] { return false; });
   const std::shared_ptr<StorageResult> read = std::move(previous);
   read->data = Bytes();  // not needed any more, and it must not weigh on the queue
   return [this, read, answer = std::move(answer)] { answer->Give(worker_->Delete(*read)); };
 }
 
-void SpoolStorage::Post(Task task, std::uint64_t bytes) {
+void SpoolStorage::Post(Task&& task, std::uint64_t bytes) {
   schedule_->AddTask(std::move(task), bytes + kTaskBytes, limits_->MaxWaitingBytes());
 }
 
-void SpoolStorage::Await(const char* operation, Task task) {
+void SpoolStorage::Await(const char* operation, Task&& task) {
   // A callback calls on the thread that the caller before it waits for: it has no turn to wait for.
   std::unique_lock turn(mutex_, std::defer_lock);
   if (!schedule_->IsOwnThread()) turn.lock();

@@ -11,6 +11,7 @@
 #include "common/src/storage/FileCalls.h"
 #include "common/src/storage/Storage.h"
 #include "common/src/tasks/Scheduler.h"
+#include "common/src/tasks/Task.h"
 #include "common/src/util/Clock.h"
 
 namespace zagent::common {
@@ -89,15 +90,14 @@ class SpoolStorage final : public Storage {
 
  private:
   class PendingWrite;
-  using Task = std::function<void()>;
-  Task MakeWrite(Bytes data, ResultCallback callback);
+  Task MakeWrite(Bytes&& data, ResultCallback&& callback);
   Task MakeRead(ResultCallback callback);
   Task MakeDelete(std::unique_ptr<StorageResult> previous, DoneCallback callback);
   // `bytes` of data beside the task itself.
-  void Post(Task task, std::uint64_t bytes = 0);
+  void Post(Task&& task, std::uint64_t bytes = 0);
   void ApplyUpdate();
   // Waits for a task; whoever made it has its answer then.
-  void Await(const char* operation, Task task);
+  void Await(const char* operation, Task&& task);
 
   Scheduler& scheduler_;
   std::unique_ptr<internal::SpoolLimits> limits_;

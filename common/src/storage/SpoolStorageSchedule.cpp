@@ -31,7 +31,7 @@ void SpoolStorageSchedule::OnClockStep(std::chrono::nanoseconds step) {
   TaskSchedule::OnClockStep(step);
 }
 
-std::uint64_t SpoolStorageSchedule::AddTask(Task task, std::uint64_t bytes, std::uint64_t limit) {
+std::uint64_t SpoolStorageSchedule::AddTask(Task&& task, std::uint64_t bytes, std::uint64_t limit) {
   if (!task) throw StorageException("SpoolStorageSchedule::AddTask: task cannot be empty");
   return Post(std::move(task), bytes, limit);
 }

@@ -23,7 +23,7 @@ class SpoolStorageSchedule final : public TaskSchedule {
   void OnClockStep(std::chrono::nanoseconds step) override;
 
   // Post, but throws StorageException "SpoolStorageSchedule::AddTask: task cannot be empty".
-  std::uint64_t AddTask(Task task, std::uint64_t bytes = 0, std::uint64_t limit = kNoLimit);
+  std::uint64_t AddTask(Task&& task, std::uint64_t bytes = 0, std::uint64_t limit = kNoLimit);
 
   // The next sync comes `seconds` from now.
   void ScheduleSync(std::uint64_t seconds);

@@ -16,6 +16,15 @@ constexpr std::chrono::minutes kWarningInterval{1};
 
 }  // namespace
 
+template <typename Operation>
+void TaskSchedule::Guarded(Operation&& operation) {
+  try {
+    operation();
+  } catch (const std::exception& error) {
+    LogFailure(error);
+  }
+}
+
 TaskSchedule::TaskSchedule(std::uint64_t idle_seconds, util::Clock& clock)
     : TaskSchedule(Policy{"TaskSchedule", std::chrono::seconds(std::min(idle_seconds, kLongestIdleSeconds))}, clock) {}
 
@@ -49,29 +58,35 @@ void TaskSchedule::OnClockStep(std::chrono::nanoseconds step) {
   Recheck();
 }
 
-std::uint64_t TaskSchedule::Post(Task task, std::uint64_t bytes, std::uint64_t limit) {
+std::uint64_t TaskSchedule::Post(Task&& task, std::uint64_t bytes, std::uint64_t limit) {
   return Enqueue(std::move(task), bytes, limit, Urgency::CanWait);
 }
 
-std::uint64_t TaskSchedule::Enqueue(Task task, std::uint64_t bytes, std::uint64_t limit, Urgency urgency) {
-  std::uint64_t number = kRefused;
-  bool serving = false;
-  bool wake = false;
-  {
-    std::unique_lock lock(mutex_);
-    if (stop_requested_) return kRefused;
-    if (limit != kNoLimit && waiting_bytes_ + bytes > limit) {
-      ++refused_;
-      ReportRefusals(lock);
-      return kRefused;
-    }
-    tasks_.push_back({last_number_ + 1, bytes, std::move(task)});
-    number = ++last_number_;
-    waiting_bytes_ += bytes;
-    serving = serving_;
-    if (napping_ && urgency == Urgency::Urgent) hurry_ = true;
-    wake = asleep_ || hurry_;
+std::uint64_t TaskSchedule::Enqueue(Task&& task, std::uint64_t bytes, std::uint64_t limit, Urgency urgency) {
+  Task refused;  // destroyed after the lock is gone
+  std::unique_lock lock(mutex_);
+  if (stop_requested_) {
+    refused = std::move(task);
+    return kRefused;
   }
+  if (limit != kNoLimit && waiting_bytes_ + bytes > limit) {
+    refused = std::move(task);
+    ++refused_;
+    ReportRefusals(lock);
+    return kRefused;
+  }
+  Entry& entry = tasks_.emplace_back();
+  const std::uint64_t number = ++last_number_;
+  entry.number = number;
+  entry.bytes = bytes;
+  entry.task = std::move(task);
+  waiting_bytes_ += bytes;
+  const bool serving = serving_;
+  // One wake-up, however many tasks come until the run is awake.
+  const bool ends_nap = napping_ && !hurry_ && (urgency == Urgency::Urgent || tasks_.size() >= kBatch);
+  if (ends_nap) hurry_ = true;
+  const bool wake = std::exchange(asleep_, false) || ends_nap;
+  lock.unlock();
   if (wake) wake_.notify_one();
   // A run that serves finds the task itself; without one the Scheduler has to start the next.
   if (!serving) RunNow();
@@ -96,9 +111,10 @@ bool TaskSchedule::TakeBack(std::uint64_t number) {
   return true;
 }
 
-bool TaskSchedule::Await(const Scheduler& scheduler, Task task, std::uint64_t bytes) {
+bool TaskSchedule::Await(const Scheduler& scheduler, Task&& task, std::uint64_t bytes) {
   if (IsOwnThread()) {
-    Guarded(task);
+    Task now = std::move(task);
+    Guarded(now);
     return true;
   }
   bool ran = false;
@@ -111,7 +127,7 @@ bool TaskSchedule::Await(const Scheduler& scheduler, Task task, std::uint64_t by
   });
   const std::uint64_t number = Enqueue(
       // The task goes first, because an Answer in it may only be given then.
-      [&ran, end = std::move(end), task = std::move(task)] {
+      [&ran, end = std::move(end), task = std::move(task)]() mutable {
         ran = true;
         task();
       },
@@ -253,9 +269,10 @@ void TaskSchedule::Sleep(std::unique_lock<std::mutex>& lock, std::optional<util:
   if (const auto work_time = WorkTime()) deadline = std::min(deadline, *work_time);
   if (refused_ != 0) deadline = std::min(deadline, next_warning_);
   const std::uint64_t rechecks = rechecks_;
-  asleep_ = true;
   clock_.WaitUntil(wake_, lock, deadline, [this, rechecks] {
-    return !tasks_.empty() || stop_requested_ || IsCancelling() || rechecks_ != rechecks;
+    // Said anew before each sleep: a task that woke the run may have been taken back.
+    asleep_ = tasks_.empty() && !stop_requested_ && !IsCancelling() && rechecks_ == rechecks;
+    return !asleep_;
   });
   asleep_ = false;
 }
@@ -297,14 +314,6 @@ void TaskSchedule::WakeCallers() {
 
 bool TaskSchedule::CanRunTasks(const Scheduler& scheduler) const {
   return IsRunning() || (registered_ && scheduler.IsRunning());
-}
-
-void TaskSchedule::Guarded(const std::function<void()>& work) {
-  try {
-    work();
-  } catch (const std::exception& error) {
-    LogFailure(error);
-  }
 }
 
 void TaskSchedule::LogFailure(const std::exception& error) {

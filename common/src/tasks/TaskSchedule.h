@@ -5,7 +5,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <future>
 #include <limits>
 #include <mutex>
@@ -17,6 +16,7 @@
 #include <utility>
 
 #include "common/src/tasks/Schedule.h"
+#include "common/src/tasks/Task.h"
 #include "common/src/util/Clock.h"
 
 namespace zagent::common {
@@ -31,8 +31,8 @@ class TaskNotRunException : public std::runtime_error {
 
 // A queue of tasks and the one thread that runs them in their order. The first task starts a run, which lingers for
 // more and then disappears; so a burst of tasks is served by one thread. Behind a task the run naps for kNap, in which
-// nothing wakes it but somebody who waits, and the end: tasks that come one by one cost a wake-up each nap instead of
-// one each.
+// nothing wakes it but kBatch tasks, somebody who waits, and the end: tasks that come one by one cost a wake-up each
+// nap instead of one each.
 //
 //   auto tasks = std::make_shared<TaskSchedule>(10);
 //   scheduler.RegisterSchedule(tasks);
@@ -48,10 +48,11 @@ class TaskNotRunException : public std::runtime_error {
 // queued before the cancel, and Close runs the rest.
 class TaskSchedule : public Schedule {
  public:
-  using Task = std::function<void()>;
+  using Task = common::Task;
   static constexpr std::uint64_t kNoLimit = std::numeric_limits<std::uint64_t>::max();
   static constexpr std::uint64_t kRefused = 0;  // no task has this number
   static constexpr std::chrono::milliseconds kNap{5};
+  static constexpr std::size_t kBatch = 256;
 
   // A run without tasks stays for `idle_seconds`.
   explicit TaskSchedule(std::uint64_t idle_seconds, util::Clock& clock = util::Clock::Real());
@@ -66,11 +67,11 @@ class TaskSchedule : public Schedule {
   void OnClockStep(std::chrono::nanoseconds step) override;
 
   // False when the task is refused. An empty task is one that fails when it runs.
-  bool AddTask(Task task) { return Post(std::move(task)) != kRefused; }
+  bool AddTask(Task&& task) { return Post(std::move(task)) != kRefused; }
 
   // Queues a task that keeps `bytes` of memory until it starts. Returns its number; kRefused when nothing is taken any
   // more or when more than `limit` bytes would wait. Refusals at the limit are counted into one warning a minute.
-  std::uint64_t Post(Task task, std::uint64_t bytes = 0, std::uint64_t limit = kNoLimit);
+  std::uint64_t Post(Task&& task, std::uint64_t bytes = 0, std::uint64_t limit = kNoLimit);
 
   // What Post was told of the tasks that wait. From any thread.
   [[nodiscard]] std::uint64_t GetWaitingBytes() const;
@@ -81,7 +82,7 @@ class TaskSchedule : public Schedule {
   // Runs a task, without a bound in bytes, and returns after it was destroyed. On the thread of the tasks it runs at
   // once, ahead of those that wait. False when the task was refused, or taken back because nothing would have run it:
   // the Scheduler is stopped, or does not know this schedule, and no run is under way. What the task throws is logged.
-  bool Await(const Scheduler& scheduler, Task task, std::uint64_t bytes = 0);
+  bool Await(const Scheduler& scheduler, Task&& task, std::uint64_t bytes = 0);
 
   // Await with the value of `work` or what it throws. Throws TaskNotRunException where Await is false.
   template <typename Work>
@@ -130,7 +131,7 @@ class TaskSchedule : public Schedule {
 
   // Whether somebody waits for the task.
   enum class Urgency { CanWait, Urgent };
-  std::uint64_t Enqueue(Task task, std::uint64_t bytes, std::uint64_t limit, Urgency urgency);
+  std::uint64_t Enqueue(Task&& task, std::uint64_t bytes, std::uint64_t limit, Urgency urgency);
 
   // What Execute does next.
   enum class Turn { RunTask, Work, Leave };
@@ -147,7 +148,8 @@ class TaskSchedule : public Schedule {
   // And without:
   void Serve();
   void EndRun();
-  void Guarded(const std::function<void()>& work);
+  template <typename Operation>
+  void Guarded(Operation&& operation);
   void StopAccepting();
   void WakeCallers();
   [[nodiscard]] bool CanRunTasks(const Scheduler& scheduler) const;
@@ -165,7 +167,7 @@ class TaskSchedule : public Schedule {
   std::uint64_t waiting_bytes_ = 0;
   std::uint64_t rechecks_ = 0;
   bool serving_ = false;                      // a run is there that will look at tasks_ again
-  bool asleep_ = false;                       // it waits on wake_ for the next task
+  bool asleep_ = false;                       // it waits on wake_ for the next task, and nobody has woken it
   bool napping_ = false;                      // it waits on wake_, but the next task can wait
   bool hurry_ = false;                        // set to end the nap
   bool stop_requested_ = false;               // nothing is accepted any more

@@ -34,7 +34,7 @@ class SpoolStorageScheduleTest : public ::testing::Test {
   ~SpoolStorageScheduleTest() override { scheduler_.Stop(); }
 
   // Runs a task to its end.
-  void RunTask(const TaskSchedule::Task& task) {
+  void RunTask(const std::function<void()>& task) {
     Gate done;
     schedule_->AddTask([&] {
       task();

@@ -449,7 +449,7 @@ TEST_F(SpoolStorageTest, ASynchronousCallThatWaitsEndsWithTheScheduler) {
 }
 
 TEST_F(SpoolStorageTest, WhatWaitsIsBoundedByTheDiskLimit) {
-  constexpr std::size_t kItem = kMib / 2 - 384;  // half of it, with its task
+  constexpr std::size_t kItem = kMib / 2 - 192;  // half of it, with its task
   SpoolStorage& spool = Open({1, 60, 512});
   const auto release = Block();
   std::atomic<int> stored{0};
@@ -487,7 +487,7 @@ TEST_F(SpoolStorageTest, AnItemThatKeepsMoreMemoryThanItFillsWaitsWithAllOfIt) {
   int refused = 0;
   for (int i = 0; i < 3; ++i) {
     Bytes item(1);
-    item.reserve(kMib / 2 - 384);
+    item.reserve(kMib / 2 - 192);
     spool.WriteAsync(std::move(item), [&](std::unique_ptr<StorageResult> result) {
       if (result->code != StorageCode::Success) ++refused;
     });
@@ -532,7 +532,7 @@ TEST_F(SpoolStorageTest, SmallItemsWaitWithinTheBoundToo) {
   int posted = 0;
   for (; refused == 0; ++posted) spool.WriteAsync(Bytes(1, 'x'), count);
   const std::size_t held = mallinfo2().uordblks - before;
-  EXPECT_EQ(posted - 1, static_cast<int>(kMib / 385)) << "each costs its byte and its task";
+  EXPECT_EQ(posted - 1, static_cast<int>(kMib / 193)) << "each costs its byte and its task";
   if (kKnowsItsHeap) {
     EXPECT_LE(held, kMib) << "a task costs more than it is said to";
     EXPECT_GE(held, kMib / 2) << "or much less";
@@ -563,7 +563,7 @@ TEST_F(SpoolStorageTest, NewLimitsThatWaitAreOneTaskHoweverManyCome) {
 TEST_F(SpoolStorageTest, ASynchronousCallGetsThroughAFullQueue) {
   SpoolStorage& spool = Open({1, 60, 512});
   const auto release = Block();
-  for (int i = 0; i < 5; ++i) spool.WriteAsync(Bytes(kMib / 2 - 384, 'x'), {});
+  for (int i = 0; i < 5; ++i) spool.WriteAsync(Bytes(kMib / 2 - 192, 'x'), {});
   fakes::SleepingCall<StorageCode> read([&] { return spool.Read()->code; });
   ASSERT_TRUE(read.AwaitAsleep());
   release->Open();
@@ -626,7 +626,7 @@ TEST_F(SpoolStorageTest, WhatWaitsIsNeverMoreThan64MiBHoweverLargeTheDiskLimit) 
   const auto count = [&](std::unique_ptr<StorageResult> result) {
     if (result->code != StorageCode::Success) ++refused;
   };
-  for (int i = 0; i < 4; ++i) spool.WriteAsync(Bytes(16 * kMib - 384), count);
+  for (int i = 0; i < 4; ++i) spool.WriteAsync(Bytes(16 * kMib - 192), count);
   EXPECT_EQ(refused, 0);
   spool.WriteAsync(Bytes(1), count);
   EXPECT_EQ(refused, 1);

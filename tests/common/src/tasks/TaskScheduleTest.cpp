@@ -256,6 +256,41 @@ TEST_F(TaskScheduleTest, ATaskThatIsTakenBackIsAnsweredAndMakesRoom) {
   release->Open();
 }
 
+TEST_F(TaskScheduleTest, ARunThatWasWokenForATaskThatIsTakenBackIsWokenForTheNext) {
+  for (int i = 0; i < 30; ++i) {
+    ThreadOfNextTask();
+    ASSERT_TRUE(SleepsFor(kIdle));
+    tasks_->TakeBack(tasks_->Post([] {}));
+    Gate ran;
+    EXPECT_TRUE(tasks_->AddTask([&] { ran.Open(); }));
+    ASSERT_TRUE(ran.Await());
+  }
+}
+
+TEST_F(TaskScheduleTest, ATaskThatIsRefusedMayPostAnotherAsItGoes) {
+  const auto release = Block();
+  std::vector<std::uint64_t> numbers;
+  const auto post_again = [&] {
+    return std::shared_ptr<void>(nullptr, [&](void*) { numbers.push_back(tasks_->Post([] {}, 1, 100)); });
+  };
+  EXPECT_EQ(tasks_->Post([end = post_again()] {}, 101, 100), TaskSchedule::kRefused);
+  ASSERT_EQ(numbers.size(), 1U);
+  EXPECT_NE(numbers[0], TaskSchedule::kRefused);
+  Task kept = [end = post_again()] {};
+  EXPECT_EQ(tasks_->Post(std::move(kept), 101, 100), TaskSchedule::kRefused);
+  EXPECT_EQ(numbers.size(), 2U) << "it outlives its refusal";
+  release->Open();
+}
+
+TEST_F(TaskScheduleTest, ATaskThatIsRefusedForGoodMayPostAnotherAsItGoes) {
+  scheduler_.UnregisterSchedule(tasks_);
+  bool refused = false;
+  std::shared_ptr<void> end(nullptr, [&](void*) { refused = !tasks_->AddTask([] {}); });
+  Task task = [end = std::move(end)] {};
+  EXPECT_EQ(tasks_->Post(std::move(task)), TaskSchedule::kRefused);
+  EXPECT_TRUE(refused);
+}
+
 TEST_F(TaskScheduleTest, ACallBringsBackAValueOrWhatTheWorkThrew) {
   EXPECT_EQ(tasks_->Call(scheduler_, [] { return 42; }), 42);
   bool done = false;
@@ -489,6 +524,26 @@ TEST(TaskScheduleStormTest, TwoHundredThousandTasksOfFourThreadsAreServedInTimeB
   EXPECT_LT(std::chrono::nanoseconds(longest), seconds(1));
   scheduler.Stop();
   EXPECT_LE(bystander->asked, walks + 2) << "the timer thread walks for nothing";
+}
+
+TEST(TaskScheduleStormTest, ABatchOfTasksEndsTheNap) {
+  constexpr int kRounds = 50;
+  constexpr std::size_t kTasks = 2 * TaskSchedule::kBatch;  // the first of them may come before the nap
+  Scheduler scheduler;
+  const auto tasks = std::make_shared<TaskSchedule>(60);
+  scheduler.RegisterSchedule(tasks);
+  scheduler.Start();
+  int early = 0;
+  for (int round = 0; round < kRounds; ++round) {
+    const auto before_nap = tasks->Call(scheduler, std::chrono::steady_clock::now);
+    for (std::size_t i = 1; i < kTasks; ++i) ASSERT_TRUE(tasks->AddTask([] {}));
+    std::promise<std::chrono::steady_clock::time_point> served;
+    ASSERT_TRUE(tasks->AddTask([&] { served.set_value(std::chrono::steady_clock::now()); }));
+    if (served.get_future().get() - before_nap < TaskSchedule::kNap) ++early;
+  }
+  // A machine that is busy with something else may stop any of them.
+  EXPECT_GE(early, kRounds / 5);
+  scheduler.Stop();
 }
 
 // How often the calling thread has gone to sleep so far.
