@@ -12,7 +12,7 @@ class SpoolLimits {
   static constexpr std::uint64_t kDefaultMaxDiskSize = 10'485'760;
   static constexpr std::uint64_t kDefaultMaxFileAge = 600;
   static constexpr std::uint64_t kDefaultMaxFileSize = 102'400;
-  static constexpr std::uint64_t kLargestBuffer = 64 * 1'048'576;
+  static constexpr std::uint64_t kLargestBuffer = std::uint64_t{64} * 1'048'576;
 
   SpoolLimits() = default;
 

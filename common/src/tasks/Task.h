@@ -18,9 +18,9 @@ class Task {
 
   // An empty task, as an empty std::function gives one, throws std::bad_function_call when it is called.
   Task() = default;
-  Task(std::nullptr_t) {}
+  Task(std::nullptr_t) {}  // NOLINT(google-explicit-constructor): nor is that of std::function
   template <typename Closure, typename = std::enable_if_t<!std::is_same_v<std::decay_t<Closure>, Task>>>
-  Task(Closure&& closure) {
+  Task(Closure&& closure) {  // NOLINT(google-explicit-constructor)
     using Held = std::decay_t<Closure>;
     if constexpr (std::is_same_v<Held, std::function<void()>>) {
       if (!closure) return;
@@ -85,7 +85,7 @@ class Task {
   }
 
   const Operations* operations_ = nullptr;
-  alignas(void*) unsigned char room_[kRoom];
+  alignas(void*) unsigned char room_[kRoom]{};
 };
 
 }  // namespace zagent::common

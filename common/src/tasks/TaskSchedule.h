@@ -101,7 +101,7 @@ class TaskSchedule : public Schedule {
 
  protected:
   struct Policy {
-    const char* owner;                         // named in the warning about refusals
+    const char* owner = "";                    // named in the warning about refusals
     std::optional<std::chrono::seconds> idle;  // without a value a run stays until it is cancelled
     bool accept_until_close = false;
   };
