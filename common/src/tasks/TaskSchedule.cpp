@@ -83,7 +83,8 @@ std::uint64_t TaskSchedule::Enqueue(Task&& task, std::uint64_t bytes, std::uint6
   waiting_bytes_ += bytes;
   const bool serving = serving_;
   // One wake-up, however many tasks come until the run is awake.
-  const bool ends_nap = napping_ && !hurry_ && (urgency == Urgency::Urgent || tasks_.size() >= kBatch);
+  const bool is_filling = tasks_.size() >= kBatch || (limit != kNoLimit && waiting_bytes_ > limit / 2);
+  const bool ends_nap = napping_ && !hurry_ && (urgency == Urgency::Urgent || is_filling);
   if (ends_nap) hurry_ = true;
   const bool wake = std::exchange(asleep_, false) || ends_nap;
   lock.unlock();

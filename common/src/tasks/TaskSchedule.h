@@ -31,8 +31,8 @@ class TaskNotRunException : public std::runtime_error {
 
 // A queue of tasks and the one thread that runs them in their order. The first task starts a run, which lingers for
 // more and then disappears; so a burst of tasks is served by one thread. Behind a task the run naps for kNap, in which
-// nothing wakes it but kBatch tasks, somebody who waits, and the end: tasks that come one by one cost a wake-up each
-// nap instead of one each.
+// nothing wakes it but kBatch tasks, a queue that has passed half of its bound, somebody who waits, and the end: tasks
+// that come one by one cost a wake-up each nap instead of one each.
 //
 //   auto tasks = std::make_shared<TaskSchedule>(10);
 //   scheduler.RegisterSchedule(tasks);

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <future>
 #include <memory>
@@ -571,6 +573,40 @@ TEST(TaskScheduleStormTest, TasksThatComeOneByOneDoNotWakeTheRunEach) {
   EXPECT_EQ(served, kTasks);
   EXPECT_LT(after - before, kTasks / 4);
   scheduler.Stop();
+}
+
+// How long the run leaves the second of two tasks alone when the first keeps so many of 100 bytes, in many rounds,
+// the shortest time first. The second keeps one byte.
+std::vector<std::chrono::steady_clock::duration> TimesBehindATask(std::uint64_t bytes) {
+  Scheduler scheduler;
+  const auto tasks = std::make_shared<TaskSchedule>(60);
+  scheduler.RegisterSchedule(tasks);
+  scheduler.Start();
+  std::vector<std::chrono::steady_clock::duration> times;
+  for (int round = 0; round < 40; ++round) {
+    const auto began = tasks->Call(scheduler, std::chrono::steady_clock::now);
+    auto ended = began;
+    Gate done;
+    EXPECT_TRUE(tasks->Post([] {}, bytes, 100));
+    EXPECT_TRUE(tasks->Post(
+        [&] {
+          ended = std::chrono::steady_clock::now();
+          done.Open();
+        },
+        1, 100));
+    EXPECT_TRUE(done.Await());
+    times.push_back(ended - began);
+  }
+  scheduler.Stop();
+  std::sort(times.begin(), times.end());
+  return times;
+}
+
+TEST(TaskScheduleStormTest, AQueueThatHasPassedHalfOfItsBoundEndsTheNap) {
+  const auto at_half = TimesBehindATask(49);
+  EXPECT_GE(at_half[3 * at_half.size() / 4], TaskSchedule::kNap);
+  const auto beyond = TimesBehindATask(50);
+  EXPECT_LT(beyond[beyond.size() / 4], TaskSchedule::kNap);
 }
 
 }  // namespace
