@@ -95,6 +95,7 @@ void HealthIntake::TellAtEnd() {
 void HealthIntake::SetSilence(std::string why) {
   if (why == silence_) return;
   silence_ = std::move(why);
+  if (silence_.empty()) told_silence_.clear();
   Judge(std::nullopt);
 }
 
@@ -110,7 +111,7 @@ void HealthIntake::Judge(const std::optional<audit::AuditStatus>& status) {
   const State state =
       is_trouble || (state_ == State::Bad && now < last_trouble_ + kQuietTime) ? State::Bad : State::Good;
   const bool has_more = state == State::Bad && total_.Since(told_).IsLoss() && now >= told_at_ + kQuietTime;
-  if (state_ != state || has_more) Report(state);
+  if (state_ != state || has_more || silence_ != told_silence_) Report(state);
 }
 
 // What was lost before the program began is not its loss. A number that has become smaller was set to 0 meanwhile, or
@@ -127,6 +128,7 @@ void HealthIntake::Report(State state) {
   if (!silence_.empty()) status.fields["auditSilent"] = silence_;
   reporter_.Report(std::move(status));
   state_ = state;
+  told_silence_ = silence_;
   told_ = total_;
   told_since_ = common::util::FormatUtc(common::util::ToNanoseconds(clock_.Now()));
   told_at_ = clock_.SteadyNow();

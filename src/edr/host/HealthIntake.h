@@ -18,8 +18,9 @@ namespace zagent::edr::host {
 //
 // The intake is bad when something was lost, or while audit is silent, and good again after five minutes without. A
 // status says what was lost since the one before; while the state stays the same there is one in five minutes at most,
-// so that nothing is told twice and nothing is left out. What is dropped by design (records that make no event,
-// calls that mean nothing, events of files that were replaced) is told along and makes no status bad.
+// and one for each cause of a silence, so that nothing is told twice and nothing is left out. What is dropped by design
+// (records that make no event, calls that mean nothing, events of files that were replaced) is told along and makes no
+// status bad.
 //
 // One thread.
 class HealthIntake {
@@ -82,6 +83,7 @@ class HealthIntake {
   Losses told_;  // with the last status
   std::string told_since_;
   std::string silence_;
+  std::string told_silence_;  // of this silence the last cause that a status has told
   std::optional<health::State> state_;
   common::util::Clock::SteadyTime told_at_;
   common::util::Clock::SteadyTime last_trouble_;

@@ -172,6 +172,34 @@ TEST_F(HealthIntakeTest, SilenceIsBadWhileItLastsWhateverTheCounts) {
   EXPECT_THAT(Lines()[2], Not(HasSubstr("auditSilent")));
 }
 
+TEST_F(HealthIntakeTest, ASilenceIsToldThoughTheIntakeIsBadAlready) {
+  refused_ = 1;
+  PassTime(1min);
+  ASSERT_THAT(Lines(), SizeIs(2));
+  intake_->SetSilence("nobody speaks");
+  ASSERT_THAT(Lines(), SizeIs(3));
+  EXPECT_THAT(Lines()[2], HasSubstr("4004 EDR 0 auditSilent=nobody speaks "));
+  EXPECT_THAT(Lines()[2], HasSubstr(" spoolRefused=0 ")) << "the loss was told";
+}
+
+TEST_F(HealthIntakeTest, AnotherCauseOfASilenceIsAnotherStatus) {
+  intake_->SetSilence("nobody speaks");
+  intake_->SetSilence("audit is switched off");
+  intake_->SetSilence("audit is switched off");
+  ASSERT_THAT(Lines(), SizeIs(3));
+  EXPECT_THAT(Lines()[2], HasSubstr("4004 EDR 0 auditSilent=audit is switched off "));
+}
+
+TEST_F(HealthIntakeTest, TheNextSilenceOfTheSameCauseIsToldAgain) {
+  intake_->SetSilence("nobody speaks");
+  intake_->SetSilence("");
+  PassTime(1min);
+  EXPECT_THAT(Lines(), SizeIs(2)) << "it is not good yet";
+  intake_->SetSilence("nobody speaks");
+  ASSERT_THAT(Lines(), SizeIs(3));
+  EXPECT_THAT(Lines()[2], HasSubstr("4004 EDR 0 auditSilent=nobody speaks "));
+}
+
 TEST_F(HealthIntakeTest, WhatIsStillToBeToldIsToldAtTheEnd) {
   refused_ = 1;
   PassTime(1min);
