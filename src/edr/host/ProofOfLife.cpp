@@ -14,7 +14,8 @@ ProofOfLife::ProofOfLife(Ports ports, audit::AuditNetlink& netlink, std::uint32_
       clock_(clock),
       consumer_pid_(consumer_pid),
       probe_(netlink),
-      next_(clock.SteadyNow() + kInterval) {}
+      next_(clock.SteadyNow() + kInterval),
+      next_warning_(next_) {}
 
 void ProofOfLife::RunWhenDue() {
   const SteadyTime now = clock_.SteadyNow();
@@ -38,7 +39,7 @@ void ProofOfLife::Begin(SteadyTime now) {
   heard_ = false;
   losses_ = ports_.losses();
   if (!ports_.touch()) {
-    ZLOG_DEBUG("Proof of life: there is nobody to give one");
+    TellThatThereIsNone(now);
     return;
   }
   ZLOG_DEBUG("Proof of life: waiting for the event");
@@ -46,6 +47,13 @@ void ProofOfLife::Begin(SteadyTime now) {
   last_look_ = now;
   was_idle_ = false;
   idle_time_ = std::chrono::nanoseconds::zero();
+}
+
+void ProofOfLife::TellThatThereIsNone(SteadyTime now) {
+  const bool is_news = now >= next_warning_;
+  if (is_news) next_warning_ = now + kWarningInterval;
+  ZLOG_AT(is_news ? Poco::Message::PRIO_WARNING : Poco::Message::PRIO_DEBUG,
+          "Proof of life: there is nobody to give one: audit may fall silent unnoticed");
 }
 
 void ProofOfLife::Await(SteadyTime now) {

@@ -29,6 +29,8 @@ class ProofOfLife {
   static constexpr std::chrono::seconds kMaxStep{2};
   // For the kernel, to tell its status.
   static constexpr std::chrono::seconds kAnswerTime{5};
+  // Between two warnings that the deed cannot be done.
+  static constexpr std::chrono::hours kWarningInterval{24};
 
   struct Ports {
     std::function<bool()> touch;                          // does the deed; false when it cannot be done now
@@ -52,6 +54,7 @@ class ProofOfLife {
   using SteadyTime = common::util::Clock::SteadyTime;
 
   void Begin(SteadyTime now);
+  void TellThatThereIsNone(SteadyTime now);
   void Await(SteadyTime now);
   void AwaitStatus(SteadyTime now);
   void OnHeard();
@@ -67,6 +70,7 @@ class ProofOfLife {
   std::atomic<bool> heard_{false};
   Step step_ = Step::Rest;
   SteadyTime next_;
+  SteadyTime next_warning_;
   SteadyTime last_look_;
   SteadyTime answer_deadline_;
   std::uint64_t losses_ = 0;  // before the deed

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 #include <string>
@@ -218,7 +219,24 @@ TEST_F(ProofOfLifeTest, WithoutADeedNothingIsExpected) {
   can_touch_ = false;
   PassSeconds(1300);
   EXPECT_THAT(silences_, IsEmpty());
-  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "Proof of life: there is nobody to give one"));
+}
+
+TEST_F(ProofOfLifeTest, ADeedThatCannotBeDoneIsOneWarningADay) {
+  constexpr const char* kWarning = "Proof of life: there is nobody to give one: audit may fall silent unnoticed";
+  const auto warnings = [&] {
+    const std::vector<Poco::Message> lines = log_.Lines();
+    return std::count_if(lines.begin(), lines.end(), [&](const Poco::Message& line) {
+      return line.getPriority() == Poco::Message::PRIO_WARNING && line.getText().ends_with(kWarning);
+    });
+  };
+  can_touch_ = false;
+  PassSeconds(601);
+  EXPECT_EQ(warnings(), 1);
+  PassSeconds(86'000);
+  EXPECT_EQ(warnings(), 1);
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, kWarning));
+  PassSeconds(1'000);
+  EXPECT_EQ(warnings(), 2);
 }
 
 TEST_F(ProofOfLifeTest, RulesThatCannotBeInstalledAreLogged) {
