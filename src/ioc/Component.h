@@ -68,9 +68,10 @@ class Component {
   // std::invalid_argument "Ioc::Config::Update: Invalid json" and changes nothing.
   void UpdateConfig(const rapidjson::Value& json);
 
-  // Events that wait for the thread that judges them, and memory that is kept by the tasks of the spool, and by its
-  // cache and the events that wait for a verdict.
+  // Events that wait for the thread that judges them, and memory that is kept by these, by the tasks of the spool, and
+  // by its cache and the events that wait for a verdict.
   [[nodiscard]] std::uint64_t GetQueuedEvents() const { return thread_->GetQueuedEvents(); }
+  [[nodiscard]] std::uint64_t GetQueuedBytes() const { return thread_->GetQueuedBytes(); }
   [[nodiscard]] std::uint64_t GetWaitingBytes() const { return storage_->GetWaitingBytes(); }
   [[nodiscard]] std::uint64_t GetCachedBytes() const { return storage_->GetCachedBytes() + tree_->GetCachedBytes(); }
 

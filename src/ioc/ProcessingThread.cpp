@@ -4,6 +4,7 @@
 
 #include "common/src/util/Log.h"
 #include "src/edr/EventQueueLimit.h"
+#include "src/edr/process/EventBytes.h"
 #include "src/ioc/config/LogPrefix.h"
 
 namespace zagent::ioc::internal {
@@ -43,20 +44,26 @@ ProcessingThread::~ProcessingThread() {
 }
 
 void ProcessingThread::Enqueue(std::unique_ptr<edr::Event> event) {
+  const std::uint64_t bytes = edr::EstimateBytes(*event);
   bool was_empty = false;
   {
     const std::lock_guard lock(mutex_);
-    if (queued_events_ >= limit_) {
+    if (IsFull()) {
       ++dropped_;
       count_dropped_(1);
       return;
     }
     was_empty = intake_.empty();
-    intake_.push_back(std::move(event));
+    intake_.push_back({std::move(event), bytes});
     ++queued_events_;
+    queued_bytes_ += bytes;
   }
   // The thread sleeps on an empty intake only.
   if (was_empty) Notify();
+}
+
+bool ProcessingThread::IsFull() const {
+  return queued_events_ >= limit_ || queued_bytes_ >= limit_ * edr::kOrdinaryEventBytes;
 }
 
 bool ProcessingThread::HasIntake() const {
@@ -89,15 +96,16 @@ void ProcessingThread::TakeIntake() {
     active_.swap(intake_);
     return;
   }
-  for (auto& event : intake_) active_.push_back(std::move(event));
+  for (Entry& entry : intake_) active_.push_back(std::move(entry));
   intake_.clear();
 }
 
 void ProcessingThread::ProcessNext() {
-  std::unique_ptr<edr::Event> event = std::move(active_.front());
+  Entry entry = std::move(active_.front());
   active_.pop_front();
   --queued_events_;
-  processor_(std::move(event));
+  queued_bytes_ -= entry.bytes;
+  processor_(std::move(entry.event));
 }
 
 void ProcessingThread::PauseIfCpuIsHigh() {
@@ -113,7 +121,7 @@ void ProcessingThread::TellOfDrops() {
   if (dropped == told_dropped_ || clock_.SteadyNow() < next_tell_) return;
   next_tell_ = clock_.SteadyNow() + kTellInterval;
   ZLOG_WARNING("ProcessingThread: Dropped " << dropped - told_dropped_ << " events: more than " << limit_
-                                            << " were waiting");
+                                            << " were waiting, or as many bytes");
   told_dropped_ = dropped;
 }
 

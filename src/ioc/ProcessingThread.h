@@ -22,8 +22,8 @@ namespace zagent::ioc::internal {
 // A stop waits for the turn at hand, to its last event: a turn holds as many as the bound at the most, and how long
 // that takes is the processor's affair. There are no pauses in it any more.
 //
-// Bound: as many events as the event queue in front of it holds (edr::EventQueueLimit). Beyond it events are dropped,
-// counted, and told in one warning a minute.
+// Bound: as many events as the event queue in front of it holds (edr::EventQueueLimit), or as many bytes as so many
+// ordinary events have (edr::EstimateBytes). Beyond it events are dropped, counted, and told in one warning a minute.
 class ProcessingThread final : public common::ThreadedClass {
  public:
   // Called on this thread alone, and once it has ended on the destroying one.
@@ -48,6 +48,8 @@ class ProcessingThread final : public common::ThreadedClass {
 
   // Those of the turn at hand among them. From any thread.
   [[nodiscard]] std::uint64_t GetQueuedEvents() const { return queued_events_; }
+  // What these hold, by an estimate. From any thread.
+  [[nodiscard]] std::uint64_t GetQueuedBytes() const { return queued_bytes_; }
   [[nodiscard]] std::uint64_t GetLimit() const { return limit_; }
 
  protected:
@@ -55,8 +57,13 @@ class ProcessingThread final : public common::ThreadedClass {
   void OnStart() override {}
 
  private:
-  using Events = std::deque<std::unique_ptr<edr::Event>>;
+  struct Entry {
+    std::unique_ptr<edr::Event> event;
+    std::uint64_t bytes;
+  };
+  using Events = std::deque<Entry>;
 
+  [[nodiscard]] bool IsFull() const;
   [[nodiscard]] bool HasIntake() const;
   // How long until the next turn, when no event comes. On this thread.
   void SetPace(bool is_idle);
@@ -72,6 +79,7 @@ class ProcessingThread final : public common::ThreadedClass {
   Events active_;  // of the turn at hand
   bool is_idle_ = false;
   std::atomic<std::uint64_t> queued_events_{0};
+  std::atomic<std::uint64_t> queued_bytes_{0};
   std::atomic<std::uint64_t> dropped_{0};
   std::uint64_t told_dropped_ = 0;
   common::util::Clock::SteadyTime next_tell_;

@@ -15,6 +15,7 @@
 #include <string>
 #include <thread>
 
+#include "src/edr/process/EventBytes.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeEvent.h"
 #include "tests/fakes/FakeProcess.h"
@@ -152,8 +153,8 @@ TEST_F(ProcessingThreadTest, BeyondItsBoundEventsAreDroppedCountedAndToldInOneWa
   EXPECT_EQ(thread_->GetQueuedEvents(), 10'000U);
   thread_->Start();
   EXPECT_EQ(Processed(10'000).back(), 10'000U);
-  EXPECT_TRUE(
-      log_.Has(Poco::Message::PRIO_WARNING, "[IOC]: ProcessingThread: Dropped 3 events: more than 10000 were waiting"))
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING,
+                       "[IOC]: ProcessingThread: Dropped 3 events: more than 10000 were waiting, or as many bytes"))
       << log_.All();
   thread_->Stop();
   EnqueueMany(10'001);
@@ -164,6 +165,26 @@ TEST_F(ProcessingThreadTest, BeyondItsBoundEventsAreDroppedCountedAndToldInOneWa
   clock_.AwaitWaiters(1);
   clock_.Advance(seconds(60));
   EXPECT_TRUE(Eventually([&] { return log_.Has("ProcessingThread: Dropped 1 events"); })) << log_.All();
+}
+
+TEST_F(ProcessingThreadTest, HoldsNoMoreBytesThanSoManyOrdinaryEventsHave) {
+  constexpr std::uint64_t kBytes = 110 * edr::kOrdinaryEventBytes;
+  const auto enqueue_large = [this](std::uint32_t id) {
+    const std::string path(100 + (kBytes - edr::kOrdinaryEventBytes) / 2, 'p');
+    auto event = std::make_unique<fakes::FakeEvent>(edr::EventType::Write, "Write", path);
+    event->id = id;
+    thread_->Enqueue(std::move(event));
+  };
+  for (std::uint32_t id = 1; id <= 93; ++id) enqueue_large(id);
+  EXPECT_EQ(dropped_, 2U) << "ninety of them have fewer bytes than 10,000 ordinary events, and 91 have more";
+  EXPECT_EQ(thread_->GetQueuedBytes(), 91 * kBytes);
+  thread_->Start();
+  EXPECT_EQ(Processed(91).back(), 91U);
+  thread_->Stop();
+  EXPECT_EQ(thread_->GetQueuedBytes(), 0U);
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "ProcessingThread: Dropped 2 events")) << log_.All();
+  enqueue_large(94);
+  EXPECT_EQ(thread_->GetQueuedBytes(), kBytes) << "there is room again";
 }
 
 TEST_F(ProcessingThreadTest, TheEventsOfTheTurnAtHandCountToTheBound) {
