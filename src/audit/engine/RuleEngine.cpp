@@ -9,7 +9,9 @@
 #include <utility>
 #include <vector>
 
+#include "common/src/util/CurrentException.h"
 #include "common/src/util/Log.h"
+#include "common/src/util/ProcessTimes.h"
 #include "src/audit/routing/ProgramLook.h"
 #include "src/audit/rules/AuditSocket.h"
 #include "src/audit/rules/BacklogLimit.h"
@@ -89,10 +91,17 @@ void RuleEngine::AddRules(const std::string& tag, Rules rules) {
     const std::lock_guard lock(mutex_);
     AuditSocket socket(netlink_, "RuleEngine::AddRules: Failed to open audit socket");
     PublishComingRules(tag, rules);
-    replacement = rules_.Replace(socket, tag, std::move(rules), sights);
+    std::exception_ptr cause;
+    try {
+      replacement = rules_.Replace(socket, tag, std::move(rules), sights);
+    } catch (...) {
+      cause = std::current_exception();
+    }
+    // Those that have come, however many these are.
     PublishRules();
     TellWatchedFolders();
     TellWhetherThereArePaths();
+    if (cause) std::rethrow_exception(cause);
   }
   KeepFoundObjects(replacement.renewed);
   if (replacement.failure) throw *replacement.failure;
@@ -112,7 +121,8 @@ void RuleEngine::PublishComingRules(const std::string& tag, const Rules& rules) 
 }
 
 void RuleEngine::PublishPids() {
-  known_pids_.Set(std::make_shared<const Pids>(Pids{exclusions_.GetExcludedPids(), exclusions_.GetAgentPids()}));
+  known_pids_.Set(std::make_shared<const Pids>(
+      Pids{exclusions_.GetExcludedPids(), exclusions_.GetAgentPids(), exclusions_.GetStarts()}));
 }
 
 void RuleEngine::DeleteEverythingFromAudit(AuditSocket& socket) {
@@ -138,7 +148,12 @@ void RuleEngine::Invalidate() {
     DeleteEverythingFromAudit(socket);
     rules_.Clear();
     owners_return_ = true;
-    exclusions_.AddAll(socket);
+    try {
+      exclusions_.AddAll(socket);
+    } catch (...) {
+      // The next look at them tries again; that no rule comes back would be worse.
+      ZLOG_ERROR("RuleEngine: Failed to add exclusion rules: " << common::util::DescribeCurrentException());
+    }
   }
   processes_.Invalidate();
   // The owners come back through AddRules, one after the other.
@@ -170,21 +185,19 @@ void RuleEngine::ProcessEvent(std::unique_ptr<edr::Event> event) {
   if (!event) throw std::runtime_error("RuleEngine::ProcessEvent: 'event' is nullptr");
   if (listener_) listener_(*event);
   RouteFoundObjects();
-  if (event->GetType() == EventType::Delete && dynamic_cast<internal::RuleRemovedEvent*>(event.get()) != nullptr) {
-    if (removals_.size() >= kMostNews) {
-      removals_.pop_front();
-      counters_.Add(IntakeCounters::Reason::NotProcessed);
-    }
-    removals_.emplace_back(static_cast<internal::RuleRemovedEvent*>(event.release()));
-    event = nullptr;
-  }
   CatchUp();
-  if (event) Route(std::move(event));
+  if (event->GetType() == EventType::Delete && dynamic_cast<internal::RuleRemovedEvent*>(event.get()) != nullptr) {
+    FollowRemoval(
+        std::unique_ptr<internal::RuleRemovedEvent>(static_cast<internal::RuleRemovedEvent*>(event.release())));
+    return;
+  }
+  Route(std::move(event));
 }
 
 void RuleEngine::Route(std::unique_ptr<edr::Event> event) {
   CorrectPaths(*event);
   NoteDisguise(*event);
+  TellRemovalsBefore(*event);
   FollowFolders(*event);
   router_.Process(std::move(event));
 }
@@ -202,25 +215,49 @@ void RuleEngine::NoteDisguise(edr::Event& event) {
 
 bool RuleEngine::OnIdle() {
   const bool more_was_found = RouteFoundObjects();
-  CatchUp();
-  if (clock_.SteadyNow() >= next_look_) {
-    const std::unique_lock lock(mutex_, std::try_to_lock);
-    if (lock) {
-      next_look_ = clock_.SteadyNow() + kLookInterval;
-      RenewExclusions();
-    }
+  const bool more_is_known = CatchUp();
+  LookWhenDue();
+  return router_.OnIdle() || more_was_found || more_is_known;
+}
+
+void RuleEngine::LookWhenDue() {
+  const bool is_asked = look_asked_.exchange(false);
+  const bool is_due = is_asked || clock_.SteadyNow() >= next_look_;
+  if (is_due) {
+    next_look_ = clock_.SteadyNow() + kLookInterval;
+    look_waits_ = true;
   }
-  return router_.OnIdle() || more_was_found;
+  if (!look_waits_) return;
+  const std::unique_lock lock(mutex_, std::try_to_lock);
+  if (lock) {
+    look_waits_ = false;
+    RenewExclusions();
+  } else if (is_due) {
+    for (const std::int32_t pid : FindMissing()) ForgetExcluded(pid);
+  }
+}
+
+std::vector<std::int32_t> RuleEngine::FindMissing() const {
+  if (!common::util::ReadStartSinceBoot(getpid(), proc_root_)) return {};  // it does not know us, and says nothing
+  std::vector<std::int32_t> missing;
+  for (const auto& [pid, start] : known_pids_.Get()->starts) {
+    if (common::util::ReadStartSinceBoot(pid, proc_root_) != start) missing.push_back(pid);
+  }
+  return missing;
 }
 
 void RuleEngine::OnStop(std::chrono::nanoseconds time) {
   const auto end = clock_.SteadyNow() + std::chrono::duration_cast<common::util::Clock::SteadyTime::duration>(time);
-  while (clock_.SteadyNow() < end && RouteFoundObjects()) {
+  // What is caught up with may find objects.
+  for (bool is_more = true; is_more && clock_.SteadyNow() < end;) {
+    is_more = CatchUp();
+    is_more = RouteFoundObjects() || is_more;
   }
   DropFoundObjects();
-  CatchUp();
-  counters_.Add(IntakeCounters::Reason::LeftAtStop, removals_.size());
-  removals_.clear();
+  const auto left =
+      std::count_if(news_.begin(), news_.end(), [](const News& news) { return news.removal && !news.is_removal_told; });
+  counters_.Add(IntakeCounters::Reason::LeftAtStop, static_cast<std::uint64_t>(left));
+  news_.clear();
   router_.DeliverRest(std::max<std::chrono::nanoseconds>(end - clock_.SteadyNow(), {}));
 }
 
@@ -230,11 +267,16 @@ void RuleEngine::DropFoundObjects() {
   ZLOG_WARNING("RuleEngine: No time left to report " << found_objects_.size() << " objects that were found");
   counters_.Add(IntakeCounters::Reason::LeftAtStop, found_objects_.size());
   found_objects_.clear();
+  found_bytes_ = 0;
 }
 
 void RuleEngine::LookAtExclusions() {
-  const std::lock_guard lock(mutex_);
-  RenewExclusions();
+  const std::unique_lock lock(mutex_, std::try_to_lock);
+  if (lock) {
+    RenewExclusions();
+  } else {
+    look_asked_ = true;
+  }
 }
 
 void RuleEngine::RenewExclusions() {
@@ -279,36 +321,68 @@ bool RuleEngine::IsDropped(const edr::Event& event, bool is_own) {
 void RuleEngine::FollowFamily(const edr::Event& event, const Pids& pids) {
   const bool is_end = event.GetType() == EventType::ProcessExit || event.GetType() == EventType::AbnormalEnd;
   const std::optional<internal::ProcessClaim> sibling = own_activity_.FindSibling(event);
-  FamilyNews news;
+  News news;
   if (is_end && pids.excluded.count(event.GetActorProcessId()) != 0) news.ended = event.GetActorProcessId();
   if (sibling && event.GetType() == EventType::ProcessStart) {
     news.started = sibling;
     news.program = sibling->image;
   }
   if (!news.ended && !news.started) return;
-  if (family_news_.size() >= kMostNews) family_news_.pop_front();
-  family_news_.push_back(std::move(news));
-  CatchUpWithFamily();
+  if (news.ended) ForgetExcluded(*news.ended);
+  KeepNews(std::move(news));
+  CatchUp();
 }
 
-void RuleEngine::CatchUp() {
-  CatchUpWithRemovals();
-  CatchUpWithFolders();
-  CatchUpWithFamily();
+// Whoever gets the pid must not be taken for the one that had it. The next snapshot that is made under the mutex may
+// have the pid again; once that is free, its end is noted in front of the next event.
+void RuleEngine::ForgetExcluded(std::int32_t pid) {
+  if (pid == getpid()) return;
+  Pids pids = *known_pids_.Get();
+  pids.excluded.erase(pid);
+  pids.agents.erase(pid);
+  pids.starts.erase(pid);
+  known_pids_.Set(std::make_shared<const Pids>(std::move(pids)));
 }
 
-void RuleEngine::CatchUpWithFamily() {
-  while (!family_news_.empty()) {
-    const std::unique_lock lock(mutex_, std::try_to_lock);
-    if (!lock) return;
-    const FamilyNews news = std::move(family_news_.front());
-    family_news_.pop_front();
-    NoteFamily(news);
-    PublishPids();
+void RuleEngine::KeepNews(News news) {
+  if (news_.size() >= kMostNews) {
+    const News& oldest = news_.front();
+    if (oldest.removal && !oldest.is_removal_told) counters_.Add(IntakeCounters::Reason::NotProcessed);
+    news_.pop_front();
   }
+  news_.push_back(std::move(news));
 }
 
-void RuleEngine::NoteFamily(const FamilyNews& news) {
+bool RuleEngine::CatchUp() {
+  if (news_.empty()) return false;
+  News news = std::move(news_.front());
+  news_.pop_front();
+  const bool is_removal = news.removal != nullptr;
+  try {
+    if (!Note(news)) {
+      news_.push_front(std::move(news));
+      return false;
+    }
+  } catch (...) {
+    // Not the affair of the event that is at hand.
+    if (is_removal) counters_.Add(IntakeCounters::Reason::NotProcessed);
+    ZLOG_ERROR(
+        "RuleEngine: Failed to do what an event means for the rules: " << common::util::DescribeCurrentException());
+  }
+  return !news_.empty();
+}
+
+bool RuleEngine::Note(News& news) {
+  if (news.removal) return NoteRemoval(news);
+  if (!news.gone.empty() || !news.come.empty()) return NoteFolders(news);
+  const std::unique_lock lock(mutex_, std::try_to_lock);
+  if (!lock) return false;
+  NoteFamily(news);
+  PublishPids();
+  return true;
+}
+
+void RuleEngine::NoteFamily(const News& news) {
   std::optional<internal::ProcessClaim> sibling = news.started;
   std::optional<std::int64_t> start;
   std::string name;

@@ -7,6 +7,7 @@
 #include <deque>
 #include <exception>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -43,7 +44,7 @@ namespace zagent::audit {
 // A change of many rules keeps the kernel busy for minutes, and the event thread does not wait for it: it judges by the
 // newest snapshot of rules and excluded processes. The rules of a change stand in it before the kernel has the first of
 // them, so that no event comes too early for its rule. What an event means for the kernel's rules is done at once when
-// the mutex is free, and otherwise with a later event or idle second.
+// the mutex is free, and otherwise with a later event or idle second, in the order in which it was told.
 class RuleEngine final : public edr::EventRuleEngine {
  public:
   struct Settings {
@@ -92,7 +93,8 @@ class RuleEngine final : public edr::EventRuleEngine {
   void UpdateExclusions(std::int32_t agent_pid, const std::string& agent_path);
   // Looks whether the excluded processes are still there, and lets those be heard that have got their pids since; tries
   // again what could not be excluded. Done once a minute anyhow; there is a reason to do it at once when the parent
-  // agent is no longer connected. Failures are logged, and the next look tries again.
+  // agent is no longer connected. Failures are logged, and the next look tries again. Waits for nobody: while a change
+  // of rules keeps the kernel busy the event thread looks in its place.
   void LookAtExclusions();
 
   // Looks whether something is at the paths of rules again that had to be given up, and puts these rules into force;
@@ -105,13 +107,18 @@ class RuleEngine final : public edr::EventRuleEngine {
   // Whether there are paths to look at. Takes no lock.
   [[nodiscard]] bool HasPaths() const { return has_paths_; }
 
-  // File events that rest until their file has settled. Takes no lock.
-  [[nodiscard]] std::size_t GetRestingEvents() const { return router_.GetRestingEvents(); }
+  // What the file events that rest until their file has settled hold, by an estimate. Takes no lock.
+  [[nodiscard]] std::uint64_t GetRestingBytes() const { return router_.GetRestingBytes(); }
 
-  // Objects that were found when a rule came into force, and wait for the event thread. From any thread.
+  // Objects that were found when a rule came into force, and wait for the event thread, and what these hold, by an
+  // estimate. From any thread.
   [[nodiscard]] std::size_t GetFoundObjects() const {
     const std::lock_guard lock(found_mutex_);
     return found_objects_.size();
+  }
+  [[nodiscard]] std::uint64_t GetFoundBytes() const {
+    const std::lock_guard lock(found_mutex_);
+    return found_bytes_;
   }
 
   // Whether a container runtime has started the event's process. Event thread.
@@ -137,20 +144,29 @@ class RuleEngine final : public edr::EventRuleEngine {
     internal::RuleTable::IdsByTag found;
   };
 
+  struct FoundObject {
+    std::unique_ptr<edr::Event> event;
+    std::uint64_t bytes;
+  };
   struct Pids {
     std::set<std::int32_t> excluded;
-    std::set<std::int32_t> agents;  // the program and its parent agent
+    std::set<std::int32_t> agents;                // the program and its parent agent
+    std::map<std::int32_t, std::int64_t> starts;  // of those of them that are known to have been there
   };
-  // What an event says of the program's family of processes.
-  struct FamilyNews {
+  // What an event means for the kernel's rules: one of the three.
+  struct News {
+    // Rules that the kernel has dropped.
+    std::unique_ptr<internal::RuleRemovedEvent> removal;
+    bool is_removal_told = false;  // to the components
+
+    // Folders that rules stand at or below; empty where the event says nothing of them.
+    std::string gone;
+    std::string come;
+
+    // The program's family of processes.
     std::optional<std::int32_t> ended;
     std::optional<internal::ProcessClaim> started;  // its program's path is `program`
     std::string program;
-  };
-  // What an event says of folders that rules stand at or below; empty texts where it says nothing.
-  struct FolderNews {
-    std::string gone;
-    std::string come;
   };
 
   // Event thread. RuleTable::FindFor and FindByAuditKey; the answer holds until the next question.
@@ -182,13 +198,25 @@ class RuleEngine final : public edr::EventRuleEngine {
   // when the path leads to the rule that the key names, or no path is known that does.
   [[nodiscard]] std::unique_ptr<edr::Event> FindTwin(const edr::Event& event);
   void Route(std::unique_ptr<edr::Event> event);
+  void FollowRemoval(std::unique_ptr<internal::RuleRemovedEvent> removal);
   void FollowFolders(const edr::Event& event);
   void FollowFamily(const edr::Event& event, const Pids& pids);
-  // Does what waits for the mutex, as far as that is free.
-  void CatchUp();
-  void CatchUpWithRemovals();
-  void CatchUpWithFolders();
-  void CatchUpWithFamily();
+  // What the process of this pid does is not the family's, until the next snapshot says so.
+  void ForgetExcluded(std::int32_t pid);
+  // Looks at the excluded processes when that is due or was asked for.
+  void LookWhenDue();
+  // Of the excluded processes, those whose pids are nobody's or somebody else's by now.
+  [[nodiscard]] std::vector<std::int32_t> FindMissing() const;
+  void KeepNews(News news);
+  // Does the oldest of what waits for the mutex, when that is free. True when more can be done.
+  bool CatchUp();
+  // These are false when the mutex is not free; what is left of the news stays in it.
+  bool Note(News& news);
+  bool NoteRemoval(News& news);
+  bool NoteFolders(News& news);
+  // Before the event of what comes to the place of a folder, the components hear that it went: the event is proof of
+  // that, while the kernel, which waits, can only be asked later.
+  void TellRemovalsBefore(const edr::Event& event);
   // A portion of them. True when more wait.
   bool RouteFoundObjects();
   void DropFoundObjects();
@@ -198,12 +226,14 @@ class RuleEngine final : public edr::EventRuleEngine {
   bool LookAtPlaces(const std::vector<internal::WatchedPlace>& places, bool waits);
   void KeepFoundObjects(const std::vector<internal::InstalledRules::Renewed>& renewed);
   void KeepFoundObjectsOf(const edr::EventRule& rule);
+  // With found_mutex_ held.
+  [[nodiscard]] bool IsFoundFull() const;
 
   // The caller holds the mutex.
   // True when the event says more than that the kernel has dropped rules.
   bool NoteRemovedRules(const internal::RuleRemovedEvent& told);
   // The kernel's exclusions follow the family's processes.
-  void NoteFamily(const FamilyNews& news);
+  void NoteFamily(const News& news);
   void RenewExclusions();
   void PublishRules();
   void PublishComingRules(const std::string& tag, const Rules& rules);
@@ -228,12 +258,14 @@ class RuleEngine final : public edr::EventRuleEngine {
   std::atomic<bool> has_paths_{false};
   const std::string proc_root_;
   mutable std::mutex found_mutex_;
-  std::deque<std::unique_ptr<edr::Event>> found_objects_;  // for the event thread
-  // Event thread; they wait for the mutex. What is more than kMostNews of a kind is left to the looks that are due
-  // within a minute anyhow; an event that goes for that is counted.
-  std::deque<std::unique_ptr<internal::RuleRemovedEvent>> removals_;
-  std::deque<FolderNews> folder_news_;
-  std::deque<FamilyNews> family_news_;
+  // For the event thread. At their bound, in number and in bytes, what is found is dropped and counted, and one line
+  // tells of it; the next one only after the event thread has taken all.
+  std::deque<FoundObject> found_objects_;
+  std::uint64_t found_bytes_ = 0;
+  bool found_bound_told_ = false;
+  // Event thread; they wait for the mutex. What is more than kMostNews is left to the looks that are due within a
+  // minute anyhow; an event that goes for that is counted.
+  std::deque<News> news_;
   internal::TruePaths true_paths_;
   internal::ProcessModel processes_;  // event thread
   internal::ImageProof proof_;
@@ -241,6 +273,8 @@ class RuleEngine final : public edr::EventRuleEngine {
   internal::ContainerCheck container_check_;
   common::util::Clock& clock_;
   common::util::Clock::SteadyTime next_look_;  // at the excluded processes; event thread
+  bool look_waits_ = false;                    // for the mutex; event thread
+  std::atomic<bool> look_asked_{false};        // by LookAtExclusions, for which the mutex was not free
   AnswerByPath last_by_path_;                  // event thread
   AnswerByKey last_by_key_;                    // event thread
   internal::EventRouter router_;               // event thread

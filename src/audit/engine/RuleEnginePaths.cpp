@@ -10,6 +10,7 @@
 #include "src/audit/events/PathResolution.h"
 #include "src/audit/events/RuleRemovedEvent.h"
 #include "src/audit/rules/AuditSocket.h"
+#include "src/edr/process/EventBytes.h"
 
 namespace zagent::audit {
 namespace {
@@ -60,6 +61,15 @@ bool StandsWithOneOf(const std::vector<internal::RuleTable::Rule>& rules, const 
 const std::string& PathOf(const common::ImageInfo* file) {
   static const std::string kNone;
   return file != nullptr ? file->GetPath() : kNone;
+}
+
+bool IsAtOrBelow(const std::string& path, const std::string& top) {
+  return internal::RulePaths::IsAtOrBelow(internal::RulePaths::Tidy(path), internal::RulePaths::Tidy(top));
+}
+
+// No other event tells of the removal of this folder.
+bool IsOfFolderAlone(const internal::RuleRemovedEvent& told) {
+  return !told.IsToldByCall() && told.GetObjectType() == ObjectType::Directory;
 }
 
 }  // namespace
@@ -159,25 +169,54 @@ IdsByTag RuleEngine::FindOtherRules(const edr::Event& twin, const edr::Event& ev
   return found;
 }
 
-void RuleEngine::CatchUpWithRemovals() {
-  while (!removals_.empty()) {
-    std::unique_ptr<internal::RuleRemovedEvent> told;
-    bool says_more = false;
-    {
-      const std::unique_lock lock(mutex_, std::try_to_lock);
-      if (!lock) return;
-      told = std::move(removals_.front());
-      removals_.pop_front();
-      says_more = NoteRemovedRules(*told);
-    }
-    if (says_more) Route(std::move(told));
+void RuleEngine::FollowRemoval(std::unique_ptr<internal::RuleRemovedEvent> removal) {
+  if (IsOfFolderAlone(*removal)) {
+    CorrectPaths(*removal);
+    NoteDisguise(*removal);
   }
+  News news;
+  news.removal = std::move(removal);
+  KeepNews(std::move(news));
+  CatchUp();
+}
+
+bool RuleEngine::NoteRemoval(News& news) {
+  {
+    const std::unique_lock lock(mutex_, std::try_to_lock);
+    if (!lock) return false;
+    if (!NoteRemovedRules(*news.removal)) return true;
+    rules_.NotePathGone(PathOf(news.removal->GetFile()));
+  }
+  if (!news.is_removal_told) router_.Process(std::move(news.removal));
+  return true;
+}
+
+void RuleEngine::TellRemovalsBefore(const edr::Event& event) {
+  if (news_.empty() || event.GetObjectType() != ObjectType::Directory || !event.IsSuccessful()) return;
+  const bool is_rename = event.GetType() == EventType::Rename;
+  if (!is_rename && event.GetType() != EventType::Create) return;
+  const std::string& come = PathOf(is_rename ? event.GetNewFile() : event.GetFile());
+  std::vector<std::unique_ptr<edr::Event>> told;
+  bool is_known = false;  // that it went, by an event of its own
+  for (News& news : news_) {
+    if (!news.gone.empty() && IsAtOrBelow(come, news.gone)) is_known = true;
+    if (!news.come.empty() && IsAtOrBelow(come, news.come)) is_known = false;
+    if (!news.removal || news.is_removal_told || is_known || !IsOfFolderAlone(*news.removal)) continue;
+    const std::string& gone = PathOf(news.removal->GetFile());
+    if (!IsAtOrBelow(gone, come)) continue;
+    news.is_removal_told = true;
+    // One rule may be several of the kernel's.
+    const bool is_repeated =
+        std::any_of(told.begin(), told.end(), [&](const auto& other) { return PathOf(other->GetFile()) == gone; });
+    if (!is_repeated) told.push_back(news.removal->Clone());
+  }
+  for (auto& removal : told) router_.Process(std::move(removal));
 }
 
 bool RuleEngine::NoteRemovedRules(const internal::RuleRemovedEvent& told) {
   bool is_news = false;
   for (const auto& [key, path] : told.RemovedRules()) is_news = rules_.NoteRuleGone(netlink_, key, path) || is_news;
-  return is_news && !told.IsToldByCall() && told.GetObjectType() == ObjectType::Directory;
+  return is_news && IsOfFolderAlone(told);
 }
 
 void RuleEngine::FollowFolders(const edr::Event& event) {
@@ -189,32 +228,24 @@ void RuleEngine::FollowFolders(const edr::Event& event) {
     const std::string& path = PathOf(folder);
     return known->HasAtOrBelow(path) ? path : std::string();
   };
-  FolderNews news;
+  News news;
   if (type == EventType::Delete || is_rename) news.gone = concerned(event.GetFile());
   if (type == EventType::Create) news.come = concerned(event.GetFile());
   if (is_rename) news.come = concerned(event.GetNewFile());
   if (news.gone.empty() && news.come.empty()) return;
-  if (folder_news_.size() >= kMostNews) folder_news_.pop_front();
-  folder_news_.push_back(std::move(news));
-  CatchUpWithFolders();
+  KeepNews(std::move(news));
+  CatchUp();
 }
 
-void RuleEngine::CatchUpWithFolders() {
-  while (!folder_news_.empty()) {
-    FolderNews news;
-    std::vector<internal::WatchedPlace> awaited;
-    {
-      const std::unique_lock lock(mutex_, std::try_to_lock);
-      if (!lock) return;
-      news = std::move(folder_news_.front());
-      folder_news_.pop_front();
-      if (!news.gone.empty()) rules_.NotePathGone(std::exchange(news.gone, {}));
-      if (!news.come.empty()) awaited = rules_.AwaitedPlaces(news.come);
-    }
-    if (LookAtPlaces(awaited, false)) continue;
-    folder_news_.push_front(std::move(news));
-    return;
+bool RuleEngine::NoteFolders(News& news) {
+  std::vector<internal::WatchedPlace> awaited;
+  {
+    const std::unique_lock lock(mutex_, std::try_to_lock);
+    if (!lock) return false;
+    if (!news.gone.empty()) rules_.NotePathGone(std::exchange(news.gone, {}));
+    if (!news.come.empty()) awaited = rules_.AwaitedPlaces(news.come);
   }
+  return LookAtPlaces(awaited, false);
 }
 
 void RuleEngine::LookAtPaths() {
@@ -277,13 +308,21 @@ void RuleEngine::KeepFoundObjectsOf(const edr::EventRule& rule) {
     found.push_back(std::move(file));
   }
   const std::lock_guard lock(found_mutex_);
-  for (auto& event : found) {
-    if (found_objects_.size() >= kMostFoundObjects) {
-      ZLOG_WARNING("RuleEngine: No room to report what was found at " << rule.GetPath());
-      break;
-    }
-    found_objects_.push_back(std::move(event));
+  std::size_t kept = 0;
+  for (; kept < found.size() && !IsFoundFull(); ++kept) {
+    const std::uint64_t bytes = edr::EstimateBytes(*found[kept]);
+    found_objects_.push_back({std::move(found[kept]), bytes});
+    found_bytes_ += bytes;
   }
+  if (kept == found.size()) return;
+  counters_.Add(IntakeCounters::Reason::NotProcessed, found.size() - kept);
+  if (std::exchange(found_bound_told_, true)) return;
+  ZLOG_WARNING("RuleEngine: No room to report what was found at " << rule.GetPath() << ": " << found_objects_.size()
+                                                                  << " objects wait");
+}
+
+bool RuleEngine::IsFoundFull() const {
+  return found_objects_.size() >= kMostFoundObjects || found_bytes_ >= kMostFoundObjects * edr::kOrdinaryEventBytes;
 }
 
 bool RuleEngine::RouteFoundObjects() {
@@ -292,9 +331,11 @@ bool RuleEngine::RouteFoundObjects() {
   {
     const std::lock_guard lock(found_mutex_);
     for (; !found_objects_.empty() && found.size() < kMostRoutedAtOnce; found_objects_.pop_front()) {
-      found.push_back(std::move(found_objects_.front()));
+      found_bytes_ -= found_objects_.front().bytes;
+      found.push_back(std::move(found_objects_.front().event));
     }
     is_more_left = !found_objects_.empty();
+    if (!is_more_left) found_bound_told_ = false;
   }
   for (auto& event : found) router_.Process(std::move(event));
   return is_more_left;

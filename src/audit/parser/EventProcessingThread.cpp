@@ -95,6 +95,7 @@ void EventProcessingThread::AddEvents(Events&& events) {
   }
   queued_events_ += events.size();
   queue_bytes_ += bytes;
+  held_bytes_ += bytes;
   const bool was_empty = queue_.empty();
   if (was_empty) {
     queue_ = std::move(events);
@@ -141,7 +142,7 @@ void EventProcessingThread::Close() {
     const std::lock_guard lock(mutex_);
     stopping_ = true;
     dropped.swap(queue_);
-    queue_bytes_ = 0;
+    held_bytes_ -= std::exchange(queue_bytes_, 0);
   }
   queued_events_ -= dropped.size();
   space_condition_.notify_all();
@@ -170,6 +171,7 @@ void EventProcessingThread::Process(Events& batch) {
   const auto count_the_left = [&](const Events* left) {
     reports_.counters.Add(IntakeCounters::Reason::LeftAtStop, left->size() - processed);
     queued_events_ -= left->size() - processed;
+    for (std::size_t i = processed; i < left->size(); ++i) held_bytes_ -= edr::EstimateBytes(*(*left)[i]);
   };
   // At the end, whether a stop or an exception is it.
   const std::unique_ptr<const Events, decltype(count_the_left)> counted(&batch, count_the_left);
@@ -180,8 +182,10 @@ void EventProcessingThread::Process(Events& batch) {
     DeliverWhatIsDue();
     if (stopping_) return;
     ++processed;
+    const std::uint64_t bytes = edr::EstimateBytes(*event);
     ProcessOne(std::move(event));
     --queued_events_;
+    held_bytes_ -= bytes;
     PauseIfCpuIsHigh();
   }
 }

@@ -52,6 +52,8 @@ class EventProcessingThread {
 
   // Those of the batch at hand among them. From any thread.
   [[nodiscard]] std::uint64_t GetQueuedEvents() const { return queued_events_; }
+  // What these hold, by an estimate. From any thread.
+  [[nodiscard]] std::uint64_t GetHeldBytes() const { return held_bytes_; }
 
  private:
   void Run();
@@ -75,6 +77,7 @@ class EventProcessingThread {
   Events queue_;
   std::uint64_t queue_bytes_ = 0;
   std::atomic<std::uint64_t> queued_events_{0};  // in queue_ and in the batch
+  std::atomic<std::uint64_t> held_bytes_{0};     // by these
   std::uint64_t max_queue_events_;
   common::LoadProbe load_;
   std::uint64_t cpu_limit_;

@@ -61,6 +61,7 @@ class ParserThread {
   // What waits in the two stages, those that are being worked on among them. From any thread.
   [[nodiscard]] std::uint64_t GetQueuedBytes() const { return queue_bytes_; }
   [[nodiscard]] std::uint64_t GetQueuedEvents() const { return event_processing_thread_.GetQueuedEvents(); }
+  [[nodiscard]] std::uint64_t GetEventBytes() const { return event_processing_thread_.GetHeldBytes(); }
 
   struct QueueLimits {
     std::uint64_t max_bytes;

@@ -19,7 +19,7 @@ namespace zagent::audit::internal {
 // else goes on at once. What goes wrong with one event is logged, counted and ends that event only.
 //
 // No call but DeliverRest takes longer than a few events take; the end of a process takes its resting events with it.
-// Belongs to the event-processing thread, but for GetRestingEvents.
+// Belongs to the event-processing thread, but for GetRestingBytes.
 class EventRouter final : private ProcessModel::Road {
  public:
   struct Stops {
@@ -48,8 +48,8 @@ class EventRouter final : private ProcessModel::Road {
   // Delivers what rests, due or not, oldest first, until `time` has passed. What then remains is dropped, with one line
   // that counts it.
   void DeliverRest(std::chrono::nanoseconds time);
-  // Events that rest. From any thread.
-  [[nodiscard]] std::size_t GetRestingEvents() const { return file_events_.GetSize(); }
+  // What the events that rest hold, by an estimate. From any thread.
+  [[nodiscard]] std::uint64_t GetRestingBytes() const { return file_events_.GetBytes(); }
 
  private:
   void PassOn(std::unique_ptr<edr::Event> event, EventSource source) override;

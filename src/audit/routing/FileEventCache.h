@@ -17,7 +17,7 @@
 
 namespace zagent::audit::internal {
 
-// Lets file events rest until the file has settled. One thread, but for GetSize.
+// Lets file events rest until the file has settled. One thread, but for GetSize and GetBytes.
 //
 // The events of one process leave in the order in which they came, and of those that stand first the oldest leaves
 // first, in portions of any size: what happened to one object keeps its order.
@@ -55,6 +55,8 @@ class FileEventCache {
 
   // Events in the cache. From any thread.
   [[nodiscard]] std::size_t GetSize() const { return size_; }
+  // What they hold (edr::EstimateBytes). From any thread.
+  [[nodiscard]] std::uint64_t GetBytes() const { return bytes_; }
   [[nodiscard]] std::size_t GetProcessCount() const { return queues_.size(); }
 
  private:
@@ -88,7 +90,7 @@ class FileEventCache {
   Fronts fronts_;                                   // of all queues
   Fronts crowded_;                                  // of those that are longer than max_process_events
   std::atomic<std::size_t> size_{0};
-  std::uint64_t bytes_ = 0;
+  std::atomic<std::uint64_t> bytes_{0};
   std::uint64_t next_number_ = 0;
   bool bound_told_ = false;
 };

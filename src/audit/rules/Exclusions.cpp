@@ -316,6 +316,14 @@ std::set<std::int32_t> Exclusions::GetAgentPids() const {
   return pids;
 }
 
+std::map<std::int32_t, std::int64_t> Exclusions::GetStarts() const {
+  std::map<std::int32_t, std::int64_t> starts;
+  for (const auto& [name, process] : processes_) {
+    if (process.pid != own_pid_ && process.start) starts.emplace(process.pid, *process.start);
+  }
+  return starts;
+}
+
 bool Exclusions::End(std::int32_t pid) {
   if (pid == own_pid_ || excluded_pids_.count(pid) == 0) return false;
   for (auto entry = processes_.begin(); entry != processes_.end();) {

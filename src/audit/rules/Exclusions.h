@@ -33,6 +33,9 @@ class Exclusions {
   [[nodiscard]] const std::set<std::int32_t>& GetExcludedPids() const { return excluded_pids_; }
   // The program and its parent agent.
   [[nodiscard]] std::set<std::int32_t> GetAgentPids() const;
+  // When the excluded processes but the program itself were started, as ReadStartSinceBoot tells, by pid; without those
+  // that were not there.
+  [[nodiscard]] std::map<std::int32_t, std::int64_t> GetStarts() const;
 
   // True for the keys of exclusion rules: a manifest's rule of that id would be taken for one.
   [[nodiscard]] static bool IsReservedKey(const std::string& key);

@@ -22,7 +22,6 @@
 #include "src/edr/EventQueueLimit.h"
 #include "src/edr/host/MemoryCheck.h"
 #include "src/edr/host/SigningKeys.h"
-#include "src/edr/process/EventBytes.h"
 
 namespace zagent::edr::host {
 namespace {
@@ -195,7 +194,12 @@ void Daemon::BuildProofOfLife() {
       ProofOfLife::Ports{.touch = [this] { return life_sign_->Give(); },
                          .is_idle = [this] { return IsIntakeIdle(); },
                          .losses = [this] { return CountIntakeLosses(); },
-                         .install_rules = [this] { rule_engine_->Invalidate(); },
+                         .install_rules =
+                             [this] {
+                               // The audit channel's reconnection hook does the same on its own thread, under it.
+                               const auto lock = link_.Lock();
+                               rule_engine_->Invalidate();
+                             },
                          .silence = [this](const std::string& why) { health_->Intake().SetSilence(why); }},
       netlink, edr_config_->HasDispatcherSocketPath() ? 0 : own_pid);
 }
@@ -286,10 +290,10 @@ std::vector<QueueReport::Gauge> Daemon::MakeGauges() const {
   // The parser is another one after a restart of the intake.
   return {
       {"parser queue", [this] { return parser_ ? parser_->GetQueuedBytes() : 0; }},
-      {"events", [this] { return parser_ ? parser_->GetQueuedEvents() * edr::kOrdinaryEventBytes : 0; }},
-      {"resting file events", [this] { return rule_engine_->GetRestingEvents() * edr::kOrdinaryEventBytes; }},
-      {"found objects", [this] { return rule_engine_->GetFoundObjects() * edr::kOrdinaryEventBytes; }},
-      {"IOC events", [this] { return ioc_->GetQueuedEvents() * edr::kOrdinaryEventBytes; }},
+      {"events", [this] { return parser_ ? parser_->GetEventBytes() : 0; }},
+      {"resting file events", [this] { return rule_engine_->GetRestingBytes(); }},
+      {"found objects", [this] { return rule_engine_->GetFoundBytes(); }},
+      {"IOC events", [this] { return ioc_->GetQueuedBytes(); }},
       {"tasks", [this] { return (fim_ ? fim_->GetWaitingBytes() : 0) + ioc_->GetWaitingBytes(); }},
       {"components", [this] { return (fim_ ? fim_->GetCachedBytes() : 0) + ioc_->GetCachedBytes(); }},
       {"statuses", [this] { return health_->GetWaitingBytes(); }},

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "src/audit/events/RuleRemovedEvent.h"
+#include "src/edr/process/EventBytes.h"
 #include "tests/fakes/AuditRecords.h"
 #include "tests/src/audit/engine/RuleEnginePathsFixture.h"
 
@@ -235,9 +236,10 @@ TEST_F(RuleEnginePathsTest, KeepsSoManyFoundObjectsUntilTheyAreTakenAndTellsIt) 
     sight.object.object.inode = ++looks;  // another folder each time
     return sight;
   };
-  while (looks < 11) engine_->LookAtPaths();
+  while (looks < 13) engine_->LookAtPaths();
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "Only the first 1000 entries of " + watched_ + " were looked at"));
-  EXPECT_EQ(log_.Count("RuleEngine: No room to report what was found at "), 1);
+  EXPECT_EQ(log_.Count("RuleEngine: No room to report what was found at "), 1) << "one line until they are taken";
+  EXPECT_EQ(counters_.Get(IntakeCounters::Reason::NotProcessed), 3'000U);
   EXPECT_TRUE(engine_->OnIdle()) << "more is due";
   EXPECT_EQ(heard_.size(), 100U) << "a stop waits for no more of them";
   Process(EventType::Create, "Create", watched_ + "/sub");
@@ -245,6 +247,28 @@ TEST_F(RuleEnginePathsTest, KeepsSoManyFoundObjectsUntilTheyAreTakenAndTellsIt) 
   while (engine_->OnIdle()) {
   }
   EXPECT_EQ(heard_.size(), 10'001U);
+  while (looks < 24) engine_->LookAtPaths();
+  EXPECT_EQ(log_.Count("RuleEngine: No room to report what was found at "), 2);
+}
+
+TEST_F(RuleEnginePathsTest, KeepsNoMoreBytesOfFoundObjectsThanSoManyOrdinaryOnesHave) {
+  Poco::Logger::get("edr").setLevel(Poco::Message::PRIO_INFORMATION);
+  std::string deep = watched_;
+  for (int level = 0; level < 14; ++level) deep += "/" + std::string(240, 'd');
+  for (int entry = 0; entry < 1'000; ++entry) std::filesystem::create_directories(deep + "/" + std::to_string(entry));
+  engine_->AddRules("FIM", {FakeRule::Directory("deep", deep, {EventType::Write})});
+  std::uint64_t looks = 0;
+  look_at_ = [&](const internal::WatchedPlace& place) {
+    internal::Sight sight = internal::LookAt(place);
+    sight.object.object.inode = ++looks;
+    return sight;
+  };
+  while (looks < 3) engine_->LookAtPaths();
+  EXPECT_GE(engine_->GetFoundBytes(), 10'000 * edr::kOrdinaryEventBytes);
+  EXPECT_LE(engine_->GetFoundBytes(), 10'010 * edr::kOrdinaryEventBytes);
+  EXPECT_LT(engine_->GetFoundObjects(), 2'000U);
+  EXPECT_EQ(engine_->GetFoundObjects() + counters_.Get(IntakeCounters::Reason::NotProcessed), 3'000U);
+  EXPECT_EQ(log_.Count("RuleEngine: No room to report what was found at "), 1);
 }
 
 TEST_F(RuleEnginePathsTest, ReportsWhatItFoundAtTheEndOrCountsIt) {

@@ -1,15 +1,19 @@
 #include <gtest/gtest.h>
 #include <libaudit.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <future>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
 
+#include "src/edr/process/EventBytes.h"
 #include "tests/fakes/Gate.h"
 #include "tests/src/audit/engine/RuleEnginePathsFixture.h"
 
@@ -211,14 +215,240 @@ TEST_F(RuleEngineSnapshotTest, TheLookAtTheExcludedProcessesWaitsForAFreeKernel)
   EXPECT_TRUE(log_.Has("The excluded process host-warden (400) has ended"));
 }
 
+TEST_F(RuleEngineSnapshotTest, TheParentAgentIsLookedAtOnceTheKernelIsFreeAndNobodyWaitsForThat) {
+  HoldChange("IOC", {Other()});
+  processes_.End(400);
+  EXPECT_TRUE(DoesNotWait([this] { engine_->LookAtExclusions(); }));
+  LetGo();
+  EXPECT_FALSE(log_.Has("The excluded process host-warden (400) has ended"));
+  engine_->OnIdle();
+  EXPECT_TRUE(log_.Has("The excluded process host-warden (400) has ended"));
+}
+
+TEST_F(RuleEngineSnapshotTest, WhoeverHasThePidOfAnExcludedProcessIsHeardThoughTheKernelIsBusy) {
+  const auto is_heard = [this] {
+    heard_.clear();
+    auto event = FolderEvent(7, watched_ + "/new");
+    event->pid = 400;
+    engine_->ProcessEvent(std::move(event));
+    return !heard_.empty();
+  };
+  HoldChange("IOC", {Other()});
+  EXPECT_TRUE(DoesNotWait([&] {
+    clock_.Advance(std::chrono::seconds(61));
+    engine_->OnIdle();
+    EXPECT_FALSE(is_heard()) << "it is the agent";
+    processes_.Start(400, 9'000);
+    EXPECT_FALSE(is_heard()) << "nobody has looked";
+    clock_.Advance(std::chrono::seconds(59));
+    engine_->OnIdle();
+    EXPECT_FALSE(is_heard());
+    clock_.Advance(std::chrono::seconds(2));
+    processes_.End(getpid());
+    engine_->OnIdle();
+    EXPECT_FALSE(is_heard()) << "a procfs that does not know the program says nothing";
+    processes_.Start(getpid(), 10);
+    engine_->LookAtExclusions();
+    engine_->OnIdle();
+    EXPECT_TRUE(is_heard());
+  }));
+  LetGo();
+  engine_->OnIdle();
+  EXPECT_TRUE(is_heard());
+}
+
+TEST_F(RuleEngineSnapshotTest, TheEndOfAnExcludedProcessCountsThoughTheKernelIsBusy) {
+  HoldChange("IOC", {Other()});
+  EXPECT_TRUE(DoesNotWait([this] {
+    auto end = std::make_unique<FakeEvent>();
+    end->type = EventType::ProcessExit;
+    end->object_type = ObjectType::Process;
+    end->pid = 400;
+    engine_->ProcessEvent(std::move(end));
+    auto event = FolderEvent(7, watched_ + "/new");
+    event->pid = 400;
+    engine_->ProcessEvent(std::move(event));
+  }));
+  EXPECT_EQ(heard_, (Ids{"Create " + watched_ + "/new"}));
+}
+
+// --- catching up
+
+TEST_F(RuleEngineSnapshotTest, CatchesUpOnePieceACallAndSaysThatMoreIsDue) {
+  HoldChange("IOC", {Other()});
+  EXPECT_TRUE(DoesNotWait([this] {
+    for (int i = 0; i < 5; ++i) TellOfDroppedRule(false);
+    EXPECT_FALSE(engine_->OnIdle()) << "nothing can be done now";
+  }));
+  LetGo();
+  const int before = kernel_.OpenCount();
+  EXPECT_TRUE(engine_->OnIdle());
+  const int one = kernel_.OpenCount() - before;
+  ASSERT_GT(one, 0) << "the kernel is asked for the rule";
+  while (engine_->OnIdle()) {
+  }
+  EXPECT_EQ(kernel_.OpenCount() - before, 5 * one);
+}
+
+TEST_F(RuleEngineSnapshotTest, AStopCatchesUpForItsTimeOnly) {
+  RemoveFolder();
+  HoldChange("IOC", {Other()});
+  std::filesystem::create_directory(watched_);
+  EXPECT_TRUE(DoesNotWait([this] {
+    for (int i = 0; i < 5; ++i) Process(EventType::Create, "Create", watched_);
+  }));
+  LetGo();
+  kernel_.refuse_add = [](const SeenRule& /*rule*/) { return EACCES; };
+  int looks = 0;
+  look_at_ = [&](const internal::WatchedPlace& place) {
+    ++looks;
+    clock_.Advance(std::chrono::seconds(2));
+    return internal::LookAt(place);
+  };
+  engine_->OnStop(std::chrono::seconds(5));
+  EXPECT_EQ(looks, 3);
+  engine_->OnIdle();
+  EXPECT_EQ(looks, 3) << "what is left at a stop is left";
+}
+
+TEST_F(RuleEngineSnapshotTest, WhatCatchingUpFindsAtAStopIsReported) {
+  RemoveFolder();
+  HoldChange("IOC", {Other()});
+  std::filesystem::create_directories(watched_ + "/one");
+  EXPECT_TRUE(DoesNotWait([this] { Process(EventType::Create, "Create", watched_); }));
+  LetGo();
+  heard_.clear();
+  engine_->OnStop(std::chrono::seconds(5));
+  EXPECT_EQ(heard_, (Ids{"Create " + watched_ + "/one"}));
+  EXPECT_EQ(engine_->GetFoundObjects(), 0U);
+}
+
+TEST_F(RuleEngineSnapshotTest, AFailureToCatchUpLosesNoOtherEvent) {
+  RemoveFolder();
+  HoldChange("IOC", {Other()});
+  std::filesystem::create_directory(watched_);
+  EXPECT_TRUE(DoesNotWait([this] { Process(EventType::Create, "Create", watched_); }));
+  LetGo();
+  look_at_ = [](const internal::WatchedPlace& /*place*/) -> internal::Sight { throw std::runtime_error("no memory"); };
+  heard_.clear();
+  Process(EventType::Create, "Create", watched_ + "/new");
+  EXPECT_EQ(heard_, (Ids{"Create " + watched_ + "/new"}));
+  EXPECT_TRUE(
+      log_.Has(Poco::Message::PRIO_ERROR, "RuleEngine: Failed to do what an event means for the rules: no memory"));
+}
+
+TEST_F(RuleEngineSnapshotTest, AFolderThatIsMadeAnewIsToldBehindItsRemoval) {
+  std::filesystem::remove_all(watched_);
+  DropKernelRules();
+  HoldChange("IOC", {Other()});
+  const Ids told = {"Delete " + watched_, "Create " + watched_};
+  EXPECT_TRUE(DoesNotWait([this] {
+    TellOfDroppedRule(false);
+    TellOfDroppedRule(false);  // a rule of the manifest may be several of the kernel's
+    std::filesystem::create_directory(watched_);
+    Process(EventType::Create, "Create", watched_);
+  }));
+  EXPECT_EQ(heard_, told);
+  LetGo();
+  while (engine_->OnIdle()) {
+  }
+  EXPECT_EQ(heard_, told) << "once is enough";
+  EXPECT_TRUE(log_.Has("Rule rule is in force: " + watched_ + " is there now"));
+  EXPECT_EQ(InstalledIds(), (Ids{"rule"}));
+  EXPECT_EQ(counters_.Get(IntakeCounters::Reason::LeftAtStop), 0U);
+}
+
+TEST_F(RuleEngineSnapshotTest, AFolderThatIsMovedToThePlaceIsToldBehindTheRemovalOfAllBelow) {
+  engine_->AddRules("IOC", {FakeRule::Directory("parent", base_, {EventType::Write})});
+  std::filesystem::remove_all(watched_);
+  DropKernelRules();
+  HoldChange("IOC", {Other()});
+  EXPECT_TRUE(DoesNotWait([this] {
+    TellOfDroppedRule(false);
+    Process(EventType::Create, "Create", watched_ + "/sub");
+    Process(EventType::Rename, "Rename", base_, "/elsewhere");
+    Process(EventType::Rename, "Rename", "/elsewhere", base_);
+  }));
+  EXPECT_EQ(heard_.size(), 2U) << "that it went with its parent was told";
+  EXPECT_EQ(heard_.front(), "Create " + watched_ + "/sub");
+  heard_.clear();
+  EXPECT_TRUE(DoesNotWait([this] {
+    TellOfDroppedRule(false);
+    Process(EventType::Rename, "Rename", "/elsewhere", base_);
+  }));
+  EXPECT_EQ(heard_, (Ids{"Delete " + watched_}));
+}
+
+TEST_F(RuleEngineSnapshotTest, ARemovalThatACallHasToldOfIsNotToldAgain) {
+  std::filesystem::remove_all(watched_);
+  DropKernelRules();
+  HoldChange("IOC", {Other()});
+  const Ids told = {"Delete " + watched_, "Create " + watched_};
+  EXPECT_TRUE(DoesNotWait([this] {
+    Process(EventType::Delete, "Delete", watched_);
+    TellOfDroppedRule(false);
+    TellOfDroppedRule(true);
+    std::filesystem::create_directory(watched_);
+    Process(EventType::Create, "Create", watched_);
+  }));
+  EXPECT_EQ(heard_, told);
+  LetGo();
+  while (engine_->OnIdle()) {
+  }
+  EXPECT_EQ(heard_, told) << "the removal was in front of the kernel's word";
+  EXPECT_EQ(InstalledIds(), (Ids{"rule"}));
+}
+
+// --- changes that fail
+
+TEST_F(RuleEngineSnapshotTest, OfAChangeThatFailsMidwayOnlyTheRulesThatHaveComeAreKnown) {
+  RuleEngineFixture::Listen("IOC");
+  kernel_.refuse_add = [](const SeenRule& rule) -> int {
+    if (rule.Key() == "b") throw std::logic_error("no memory");
+    return 0;
+  };
+  edr::EventRuleEngine::Rules rules;
+  for (const std::string id : {"a", "b", "c"}) {
+    std::filesystem::create_directory(base_ + "/" + id);
+    rules.push_back(FakeRule::Directory(id, base_ + "/" + id, {EventType::Write}));
+  }
+  RuleEngineFixture::watched_.clear();
+  EXPECT_THROW(engine_->AddRules("IOC", rules), std::logic_error);
+  engine_->ProcessEvent(FolderEvent(1, base_ + "/a/new"));
+  engine_->ProcessEvent(FolderEvent(3, base_ + "/c/new"));
+  EXPECT_EQ(heard_, (Ids{"IOC a,:1"}));
+  EXPECT_EQ(RuleEngineFixture::watched_.size(), 3U) << "these two and the folder of the other tag";
+}
+
+TEST_F(RuleEngineSnapshotTest, ExclusionsThatFailKeepNoOwnerFromComingBack) {
+  kernel_.refuse_add = [](const SeenRule& rule) -> int {
+    if (rule.Key().starts_with("ostrel_")) throw std::logic_error("no memory");
+    return 0;
+  };
+  engine_->RegisterEventHandlers(
+      "FIM", [this](const Ids&, const edr::Event& event) { heard_.push_back(event.GetFile()->GetPath()); },
+      [this] { engine_->AddRules("FIM", {rule_}); });
+  engine_->Invalidate();
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "RuleEngine: Failed to add exclusion rules: no memory"));
+  EXPECT_EQ(InstalledIds(), (Ids{"rule"}));
+  Process(EventType::Create, "Create", watched_ + "/new");
+  EXPECT_EQ(heard_, (Ids{watched_ + "/new"}));
+  kernel_.refuse_add = nullptr;
+  clock_.Advance(std::chrono::seconds(61));
+  engine_->OnIdle();
+  EXPECT_EQ(Exclusions(), kAllExclusions) << "the next look adds them";
+}
+
 TEST_F(RuleEngineSnapshotTest, TellsHowManyFoundObjectsWaitForTheEventThread) {
   RemoveFolder();
   std::filesystem::create_directories(watched_ + "/one");
   std::filesystem::create_directories(watched_ + "/two");
   LookForAMinute();
   EXPECT_EQ(engine_->GetFoundObjects(), 2U) << "what is in it";
+  EXPECT_EQ(engine_->GetFoundBytes(), 2 * edr::kOrdinaryEventBytes);
   engine_->OnIdle();
   EXPECT_EQ(engine_->GetFoundObjects(), 0U);
+  EXPECT_EQ(engine_->GetFoundBytes(), 0U);
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "src/edr/process/EventBytes.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeEvent.h"
 #include "tests/fakes/Gate.h"
@@ -343,12 +344,18 @@ TEST_F(EventProcessingThreadTest, KnowsHowManyEventsItHolds) {
   AddMany(1, 5);
   ASSERT_TRUE(in_second_event.Await());
   EXPECT_EQ(stage_->GetQueuedEvents(), 4U) << "the one at hand and those behind it";
+  EXPECT_EQ(stage_->GetHeldBytes(), 4 * edr::kOrdinaryEventBytes);
   AddMany(6, 3);
   EXPECT_EQ(stage_->GetQueuedEvents(), 7U) << "and those that wait for the next batch";
+  std::vector<std::unique_ptr<edr::Event>> large;
+  large.push_back(std::make_unique<fakes::FakeEvent>(edr::EventType::Write, "Write", std::string(1'100, 'p')));
+  Add(std::move(large));
+  EXPECT_EQ(stage_->GetHeldBytes(), 8 * edr::kOrdinaryEventBytes + 2'000);
   go_on.Open();
-  EXPECT_THAT(Processed(8), testing::SizeIs(8));
+  EXPECT_THAT(Processed(9), testing::SizeIs(9));
   stage_->Stop();
   EXPECT_EQ(stage_->GetQueuedEvents(), 0U);
+  EXPECT_EQ(stage_->GetHeldBytes(), 0U);
 }
 
 TEST_F(EventProcessingThreadTest, HoldsNoEventAfterAStopInTheMiddleOfABatch) {
@@ -363,6 +370,7 @@ TEST_F(EventProcessingThreadTest, HoldsNoEventAfterAStopInTheMiddleOfABatch) {
   open.set_value();
   stopping.get();
   EXPECT_EQ(stage_->GetQueuedEvents(), 0U);
+  EXPECT_EQ(stage_->GetHeldBytes(), 0U);
 }
 
 TEST_F(EventProcessingThreadTest, AtTheStopTheEngineDeliversWhatStillWaitsInIt) {

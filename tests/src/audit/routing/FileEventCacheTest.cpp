@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "src/edr/process/EventBytes.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeEvent.h"
 #include "tests/fakes/LogCapture.h"
@@ -61,6 +62,19 @@ TEST_F(FileEventCacheTest, GivesTheOldestEventFirstAcrossProcesses) {
   Add(1, 200, seconds(33));
   Add(2, 300, seconds(32));
   EXPECT_EQ(Ids(cache_.Expire()), (IdList{1, 2, 3, 4}));
+}
+
+TEST_F(FileEventCacheTest, KnowsHowManyBytesItHolds) {
+  Add(1, 100, seconds(31));
+  Add(2, 200);
+  Add(3, 300);
+  EXPECT_EQ(cache_.GetBytes(), 3 * edr::kOrdinaryEventBytes);
+  (void)cache_.Expire();
+  EXPECT_EQ(cache_.GetBytes(), 2 * edr::kOrdinaryEventBytes);
+  (void)cache_.Flush(200);
+  EXPECT_EQ(cache_.GetBytes(), edr::kOrdinaryEventBytes);
+  cache_.Clear();
+  EXPECT_EQ(cache_.GetBytes(), 0U);
 }
 
 TEST_F(FileEventCacheTest, LetsYoungerEventsOfTheSameProcessStay) {
