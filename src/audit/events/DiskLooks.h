@@ -53,6 +53,7 @@ class LookTable {
 struct DiskLooks {
   LookTable<std::optional<FileIdentity>, 16> folders;  // what a path leads to, by links too
   LookTable<std::optional<struct stat>, 64> objects;   // what is at a path, a link itself
+  LookTable<std::optional<std::string>, 16> programs;  // the path without links that the name of a program leads to
 
   // The folder of the path was seen not to be there.
   [[nodiscard]] bool LacksFolderOf(const std::string& path) const {
@@ -64,6 +65,7 @@ struct DiskLooks {
   void Forget() {
     folders.Forget();
     objects.Forget();
+    programs.Forget();
   }
 };
 

@@ -81,6 +81,10 @@ MountTable* RunningEvent::Mounts() const {
   return context_ ? context_->mounts.get() : nullptr;
 }
 
+DiskLooks* RunningEvent::Looks() const {
+  return context_ ? context_->looks.get() : nullptr;
+}
+
 bool RunningEvent::IsAt(const std::string& path, const PathRecord& record) const {
   return LeadsTo(path, record.Identity(), Mounts()) != Leads::Nowhere;
 }
@@ -99,12 +103,19 @@ std::string RunningEvent::PathOf(const PathRecord& program) const {
   return ResolvePath(cwd_, "", program.path);
 }
 
+std::optional<std::string> RunningEvent::CanonicalPathOf(const std::string& program) const {
+  DiskLooks* looks = Looks();
+  if (looks == nullptr) return CanonicalPath(program);
+  if (const auto* known = looks->programs.Find(program)) return *known;
+  return looks->programs.Keep(program, CanonicalPath(program));
+}
+
 // The first record is the program that the call named. If the image is another file, that program was a script, and the
 // image is its interpreter. A name may mean another file to this process than it meant to the caller
 // ("/proc/self/exe"), so the record of the image itself is no script, whatever its name.
 void RunningEvent::SetImages() {
   const PathRecord& program = records_.front();
-  const std::optional<std::string> canonical = CanonicalPath(PathOf(program));
+  const std::optional<std::string> canonical = CanonicalPathOf(PathOf(program));
   const bool is_image = !canonical || ProcessPath() == *canonical || IsAt(ProcessPath(), program);
   if (is_image) {
     image_ = ImageOf(program, ProcessPath());
@@ -129,14 +140,24 @@ const PathRecord& RunningEvent::InterpreterRecord() const {
   return *first;
 }
 
-void RunningEvent::ConfirmImage() {
-  // Later looks at the image meet the device that a stat tells, where that is not the record's.
-  struct stat named {};
+void RunningEvent::TakeDeviceOf(const struct stat& found) {
   const FileIdentity identity{DeviceNumberOf(image_->GetDevice()), image_->GetInode()};
-  if (Mounts() != nullptr && lstat(image_->GetPath().c_str(), &named) == 0 && named.st_dev != identity.device &&
-      IsSame(named, image_->GetPath(), identity, Mounts())) {
-    image_->SetDevice(common::util::DeviceText(named.st_dev));
+  if (found.st_dev == identity.device || !IsSame(found, image_->GetPath(), identity, Mounts())) return;
+  image_->SetDevice(common::util::DeviceText(found.st_dev));
+}
+
+bool RunningEvent::IsImage(const struct stat& found) const {
+  return found.st_ino == image_->GetInode() && common::util::DeviceText(found.st_dev) == image_->GetDevice();
+}
+
+void RunningEvent::ConfirmImage() {
+  DiskLooks* looks = Looks();
+  if (const auto* known = looks != nullptr ? looks->objects.Find(image_->GetPath()) : nullptr; known && *known) {
+    TakeDeviceOf(**known);
+    if (IsImage(**known)) return;
   }
+  struct stat named {};
+  if (Mounts() != nullptr && lstat(image_->GetPath().c_str(), &named) == 0) TakeDeviceOf(named);
   const std::string text = "Process image path " + image_->GetPath() + " differs from the object of the audit event";
   std::unique_ptr<struct stat> found;
   try {
@@ -145,7 +166,11 @@ void RunningEvent::ConfirmImage() {
     Refuse(text + ": " + error.what());
     return;
   }
-  if (!found) Refuse(text + ".");
+  if (!found) {
+    Refuse(text + ".");
+    return;
+  }
+  if (looks != nullptr) looks->objects.Keep(image_->GetPath(), *found);
 }
 
 }  // namespace zagent::audit::internal

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,10 +40,15 @@ class RunningEvent final : public SyscallEvent {
 
   void ParseArguments(const edr::RecordFields& fields);
   [[nodiscard]] MountTable* Mounts() const;
+  [[nodiscard]] DiskLooks* Looks() const;
   [[nodiscard]] bool IsAt(const std::string& path, const PathRecord& record) const;
   [[nodiscard]] std::string PathOf(const PathRecord& program) const;
+  [[nodiscard]] std::optional<std::string> CanonicalPathOf(const std::string& program) const;
   [[nodiscard]] const PathRecord& InterpreterRecord() const;
   void SetImages();
+  // Later looks at the image meet the device that a stat tells, where that is not the record's.
+  void TakeDeviceOf(const struct stat& found);
+  [[nodiscard]] bool IsImage(const struct stat& found) const;
   void ConfirmImage();
 
   std::shared_ptr<const FileContext> context_;

@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <deque>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -48,6 +49,11 @@ class RunningEventTest : public ::testing::Test {
   static AuditRecords::Fields Announcing(std::size_t count, AuditRecords::Fields fields) {
     fields["argc"] = std::to_string(count);
     return fields;
+  }
+  static std::shared_ptr<FileContext> ContextWithLooks() {
+    auto context = std::make_shared<FileContext>();
+    context->looks = std::make_shared<DiskLooks>();
+    return context;
   }
   static std::string ErrorOf(AuditRecords& records) {
     try {
@@ -128,6 +134,29 @@ TEST_F(RunningEventTest, FindsTheInterpreterBehindAScriptThatIsRecordedTwice) {
   const RunningEvent event(records);
   EXPECT_EQ(event.GetImage()->GetPath(), shell_);
   EXPECT_EQ(event.GetSecondaryImage()->GetPath(), script_);
+}
+
+TEST_F(RunningEventTest, AProgramIsLookedAtOnceUntilTheNextPieceOfRecords) {
+  const auto context = ContextWithLooks();
+  AuditRecords& first = CallAndFolder(program_).Path("NORMAL", program_);
+  AuditRecords& second = CallAndFolder(program_).Path("NORMAL", program_);
+  AuditRecords& third = CallAndFolder(program_).Path("NORMAL", program_);
+  EXPECT_EQ(RunningEvent(first, context).Refusal(), nullptr);
+  ASSERT_EQ(unlink(program_.c_str()), 0);
+  EXPECT_EQ(RunningEvent(second, context).Refusal(), nullptr) << "its piece was read before";
+  context->looks->Forget();
+  EXPECT_NE(RunningEvent(third, context).Refusal(), nullptr);
+}
+
+TEST_F(RunningEventTest, AProgramThatIsAnotherThanTheOneThatWasSeenIsLookedAtAgain) {
+  const auto context = ContextWithLooks();
+  AuditRecords& first = CallAndFolder(program_).Path("NORMAL", program_);
+  AuditRecords& late = CallAndFolder(program_).Path("NORMAL", program_);
+  EXPECT_EQ(RunningEvent(first, context).Refusal(), nullptr);
+  ASSERT_EQ(std::rename(shell_.c_str(), program_.c_str()), 0);
+  AuditRecords& second = CallAndFolder(program_).Path("NORMAL", program_);
+  EXPECT_EQ(RunningEvent(second, context).Refusal(), nullptr);
+  EXPECT_NE(RunningEvent(late, context).Refusal(), nullptr) << "the one that is gone is no longer what was seen";
 }
 
 TEST_F(RunningEventTest, FindsTheInterpreterUnderTheNameOfALink) {
