@@ -120,7 +120,7 @@ void ParserThread::OnData(IOChannel::Bytes&& data) {
   ZLOG_DEBUG("Audit parser queue size: " << queue_bytes_ / 1024 << " KB");
   // The parser sleeps on an empty queue only.
   const bool was_empty = queue_.empty();
-  Queue(data);
+  Queue(std::move(data));
   if (was_empty) data_condition_.notify_one();
 }
 
@@ -146,7 +146,13 @@ bool ParserThread::IsTakingData(std::size_t size) {
   return true;
 }
 
-void ParserThread::Queue(const IOChannel::Bytes& data) {
+void ParserThread::Queue(IOChannel::Bytes&& data) {
+  // A full burst is a piece as it is.
+  if (data.size() == kPiece && data.capacity() == kPiece) {
+    if (!queue_.empty()) queue_.back().shrink_to_fit();
+    queue_.push_back(std::move(data));
+    return;
+  }
   std::size_t queued = 0;
   while (queued < data.size()) {
     if (queue_.empty() || queue_.back().size() == kPiece) queue_.emplace_back().reserve(kPiece);

@@ -77,7 +77,7 @@ class ParserThread {
 
   void OnData(IOChannel::Bytes&& data);
   bool IsTakingData(std::size_t size);
-  void Queue(const IOChannel::Bytes& data);
+  void Queue(IOChannel::Bytes&& data);
   void Run();
   void RunUntilStopped();
   bool TakeData(Pieces& data);

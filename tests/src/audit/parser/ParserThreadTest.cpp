@@ -34,6 +34,7 @@ using testing::ElementsAre;
 using Reason = IntakeCounters::Reason;
 
 constexpr std::size_t kMiB = 1'048'576;
+constexpr std::size_t kBurst = 65'536;
 constexpr std::chrono::milliseconds kFlushDelay{100};
 
 // A channel without a thread: a test reads from it by hand.
@@ -43,6 +44,13 @@ class HandChannel final : public IOChannel {
   void Deliver(Bytes data) { OnRead(std::move(data)); }
   void Deliver(const std::string& text) { OnRead(ToBytes(text)); }
 };
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+std::size_t HeldHeap() {
+  const struct mallinfo2 all = mallinfo2();
+  return all.uordblks + all.hblkhd;
+}
+#endif
 
 // Lines that are no records.
 IOChannel::Bytes Filler(std::size_t size) {
@@ -236,23 +244,44 @@ TEST_F(ParserThreadTest, JoinsWhatArrivesByteByByte) {
   EXPECT_EQ(measured_, 1 + 1) << "one step";
 }
 
+TEST_F(ParserThreadTest, JoinsFullBurstsAndWhatComesBetweenThem) {
+  const std::string events = ManyEvents(1'000);
+  ASSERT_GT(events.size(), 5 * kBurst);
+  std::size_t at = 0;
+  for (const std::size_t size : {std::size_t{1'000}, kBurst, kBurst, std::size_t{1}, kBurst, events.size()}) {
+    const std::string read = events.substr(at, size);
+    channel_.Deliver(read);
+    at += read.size();
+  }
+  parser_->Start();
+  const std::vector<std::uint32_t> ids = Processed(999);
+  for (std::uint32_t id = 1; id < 1'000; ++id) ASSERT_EQ(ids[id - 1], id);
+}
+
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 TEST_F(ParserThreadTest, WhatIsQueuedTakesNoMoreMemoryThanItCountsFor) {
-  const auto held = [] {
-    const struct mallinfo2 all = mallinfo2();
-    return all.uordblks + all.hblkhd;
-  };
   constexpr std::size_t kSlack = 6 * kMiB;  // this test's log lines among it
   const IOChannel::Bytes record = Filler(3'000);
-  const std::size_t before = held();
+  const std::size_t before = HeldHeap();
   while (parser_->GetQueuedBytes() < 40 * kMiB) channel_.Deliver(record);
-  EXPECT_LT(held() - before, 40 * kMiB + kSlack);
+  EXPECT_LT(HeldHeap() - before, 40 * kMiB + kSlack);
 
   pause_at_ = {30};
   parser_->Start();
   AwaitCpuPauses(1);
   EXPECT_LT(parser_->GetQueuedBytes(), 11 * kMiB) << "30 MiB are fed";
-  EXPECT_LT(held() - before, 11 * kMiB + kSlack);
+  EXPECT_LT(HeldHeap() - before, 11 * kMiB + kSlack);
+}
+
+TEST_F(ParserThreadTest, FullBurstsBetweenRecordsTakeNoMoreMemoryThanTheyCountFor) {
+  constexpr std::size_t kSlack = 6 * kMiB;
+  const IOChannel::Bytes record = Filler(3'000);
+  const std::size_t before = HeldHeap();
+  while (parser_->GetQueuedBytes() < 40 * kMiB) {
+    channel_.Deliver(record);
+    channel_.Deliver(Filler(kBurst));
+  }
+  EXPECT_LT(HeldHeap() - before, 40 * kMiB + kSlack);
 }
 #endif
 
