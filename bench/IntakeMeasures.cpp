@@ -102,7 +102,7 @@ class CountingEngine final : public edr::EventRuleEngine {
   void Invalidate() override {}
   bool OnIdle() override { return false; }
   void OnStop(std::chrono::nanoseconds /*time*/) override {}
-  void ProcessEvent(std::unique_ptr<edr::Event>) override {
+  void ProcessEvent(std::unique_ptr<edr::Event>&&) override {
     const std::lock_guard lock(mutex_);
     if (++count_ == expected_) complete_.notify_one();
   }

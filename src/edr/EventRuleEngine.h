@@ -55,8 +55,9 @@ class EventRuleEngine {
   virtual void AddRules(const std::string& tag, Rules rules) = 0;
   // Drops and re-installs everything, after the kernel's rules were lost.
   virtual void Invalidate() = 0;
-  // A failure of one event never leaves this call, apart from the null pointer's std::runtime_error.
-  virtual void ProcessEvent(std::unique_ptr<Event> event) = 0;
+  // Takes the event over if it keeps it for later; what it is done with stays with the caller. A failure of one event
+  // never leaves this call, apart from the null pointer's std::runtime_error.
+  virtual void ProcessEvent(std::unique_ptr<Event>&& event) = 0;
   // Housekeeping, between two events and about once a second when none comes: one portion of what is due, no longer
   // than one event takes. True when more is due; the caller then sees to its own duties and calls again.
   virtual bool OnIdle() = 0;

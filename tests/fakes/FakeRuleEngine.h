@@ -46,7 +46,7 @@ class FakeRuleEngine final : public edr::EventRuleEngine {
     CallInvalidatedOfAllTags();
   }
   // Every rule in force matches every event.
-  void ProcessEvent(std::unique_ptr<edr::Event> event) override {
+  void ProcessEvent(std::unique_ptr<edr::Event>&& event) override {
     std::map<std::string, std::vector<std::string>> ids;
     for (const Call& call : Calls()) {
       ids[call.tag].clear();

@@ -4,6 +4,8 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "src/edr/EventRuleEngine.h"
 #include "tests/fakes/Mailbox.h"
@@ -18,14 +20,17 @@ class RecordingRuleEngine final : public edr::EventRuleEngine {
   Mailbox<std::chrono::nanoseconds> stopped;  // the time that OnStop was given
   // Run on the calling thread before a call is remembered; may throw or block.
   std::function<void(const edr::Event&)> on_process;
-  std::function<bool()> on_idle;  // answers whether more is due
+  std::function<bool(const edr::Event&)> keep;  // answers whether the event is taken over
+  std::function<bool()> on_idle;                // answers whether more is due
   std::function<void()> on_stop;
 
   void AddRules(const std::string&, Rules) override {}
   void Invalidate() override {}
-  void ProcessEvent(std::unique_ptr<edr::Event> event) override {
+  void ProcessEvent(std::unique_ptr<edr::Event>&& event) override {
     if (on_process) on_process(*event);
-    processed.Put(event->GetId());
+    const std::uint32_t id = event->GetId();
+    if (keep && keep(*event)) kept_.push_back(std::move(event));
+    processed.Put(id);
   }
   bool OnIdle() override {
     idled.Put(true);
@@ -35,6 +40,9 @@ class RecordingRuleEngine final : public edr::EventRuleEngine {
     if (on_stop) on_stop();
     stopped.Put(time);
   }
+
+ private:
+  std::vector<std::unique_ptr<edr::Event>> kept_;
 };
 
 }  // namespace zagent::fakes

@@ -181,7 +181,7 @@ void RuleEngine::UpdateExclusions(std::int32_t agent_pid, const std::string& age
   PublishPids();
 }
 
-void RuleEngine::ProcessEvent(std::unique_ptr<edr::Event> event) {
+void RuleEngine::ProcessEvent(std::unique_ptr<edr::Event>&& event) {
   if (!event) throw std::runtime_error("RuleEngine::ProcessEvent: 'event' is nullptr");
   if (listener_) listener_(*event);
   RouteFoundObjects();
@@ -194,7 +194,7 @@ void RuleEngine::ProcessEvent(std::unique_ptr<edr::Event> event) {
   Route(std::move(event));
 }
 
-void RuleEngine::Route(std::unique_ptr<edr::Event> event) {
+void RuleEngine::Route(std::unique_ptr<edr::Event>&& event) {
   CorrectPaths(*event);
   NoteDisguise(*event);
   TellRemovalsBefore(*event);

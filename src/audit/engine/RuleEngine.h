@@ -85,7 +85,7 @@ class RuleEngine final : public edr::EventRuleEngine {
   // as edr::RuleEngineException, with the refusals of all.
   void AddRules(const std::string& tag, Rules rules) override;
   void Invalidate() override;
-  void ProcessEvent(std::unique_ptr<edr::Event> event) override;
+  void ProcessEvent(std::unique_ptr<edr::Event>&& event) override;
   bool OnIdle() override;
   void OnStop(std::chrono::nanoseconds time) override;
 
@@ -197,7 +197,7 @@ class RuleEngine final : public edr::EventRuleEngine {
   // with its key, by a link in one of them: the event under its path in the kernel's folder, for that one's rules. Null
   // when the path leads to the rule that the key names, or no path is known that does.
   [[nodiscard]] std::unique_ptr<edr::Event> FindTwin(const edr::Event& event);
-  void Route(std::unique_ptr<edr::Event> event);
+  void Route(std::unique_ptr<edr::Event>&& event);
   void FollowRemoval(std::unique_ptr<internal::RuleRemovedEvent> removal);
   void FollowFolders(const edr::Event& event);
   void FollowFamily(const edr::Event& event, const Pids& pids);

@@ -20,6 +20,8 @@ namespace {
 
 constexpr std::chrono::seconds kIdleInterval{1};
 constexpr std::chrono::milliseconds kCpuPause{10};
+// What is done with counts against no bound, so that it must be little.
+constexpr std::uint64_t kMostHandedBack = 4'194'304;
 
 bool HappenedBefore(const std::unique_ptr<edr::Event>& left, const std::unique_ptr<edr::Event>& right) {
   return std::make_tuple(left->GetTimestamp(), left->GetId()) < std::make_tuple(right->GetTimestamp(), right->GetId());
@@ -102,6 +104,7 @@ void EventProcessingThread::AddEvents(Events&& events) {
   } else {
     queue_.insert(queue_.end(), std::make_move_iterator(events.begin()), std::make_move_iterator(events.end()));
   }
+  events = std::exchange(done_, {});
   ZLOG_DEBUG("Audit event processing buffer queue size: " << queue_.size() << " events");
   lock.unlock();
   // The other thread sleeps on an empty queue only.
@@ -126,22 +129,25 @@ void EventProcessingThread::Run() {
 
 void EventProcessingThread::RunUntilStopped() {
   while (!stopping_) {
-    Events batch = TakeBatch();
-    if (batch.empty()) {
+    Batch batch = TakeBatch();
+    if (batch.events.empty()) {
       DeliverWhatIsDue();
     } else {
       Process(batch);
       space_condition_.notify_all();
+      HandBack(std::move(batch));
     }
   }
 }
 
 void EventProcessingThread::Close() {
   Events dropped;
+  Events done;
   {
     const std::lock_guard lock(mutex_);
     stopping_ = true;
     dropped.swap(queue_);
+    done.swap(done_);
     held_bytes_ -= std::exchange(queue_bytes_, 0);
   }
   queued_events_ -= dropped.size();
@@ -157,16 +163,25 @@ void EventProcessingThread::DeliverTheRest() {
   }
 }
 
-EventProcessingThread::Events EventProcessingThread::TakeBatch() {
+EventProcessingThread::Batch EventProcessingThread::TakeBatch() {
+  Events done;
   std::unique_lock lock(mutex_);
   if (queue_.empty()) {
     clock_.WaitFor(filled_condition_, lock, kIdleInterval, [this] { return !queue_.empty() || stopping_; });
   }
-  queue_bytes_ = 0;
-  return std::exchange(queue_, {});
+  // In a quiet second nobody comes for them.
+  if (queue_.empty()) done.swap(done_);
+  return {std::exchange(queue_, {}), std::exchange(queue_bytes_, 0)};
 }
 
-void EventProcessingThread::Process(Events& batch) {
+void EventProcessingThread::HandBack(Batch batch) {
+  if (batch.bytes > kMostHandedBack) return;
+  const std::lock_guard lock(mutex_);
+  if (done_.empty()) done_ = std::move(batch.events);
+}
+
+void EventProcessingThread::Process(Batch& batch) {
+  Events& events = batch.events;
   std::size_t processed = 0;
   const auto count_the_left = [&](const Events* left) {
     reports_.counters.Add(IntakeCounters::Reason::LeftAtStop, left->size() - processed);
@@ -174,23 +189,27 @@ void EventProcessingThread::Process(Events& batch) {
     for (std::size_t i = processed; i < left->size(); ++i) held_bytes_ -= edr::EstimateBytes(*(*left)[i]);
   };
   // At the end, whether a stop or an exception is it.
-  const std::unique_ptr<const Events, decltype(count_the_left)> counted(&batch, count_the_left);
-  // Stable: a rename over a file is two events of one serial, the delete first.
-  std::stable_sort(batch.begin(), batch.end(), HappenedBefore);
-  ZLOG_DEBUG("Audit active event processing queue size: " << batch.size() << " events");
-  for (std::unique_ptr<edr::Event>& event : batch) {
+  const std::unique_ptr<const Events, decltype(count_the_left)> counted(&events, count_the_left);
+  // Nearly every batch is in order. Stable: a rename over a file is two events of one serial, the delete first.
+  if (!std::is_sorted(events.begin(), events.end(), HappenedBefore)) {
+    std::stable_sort(events.begin(), events.end(), HappenedBefore);
+  }
+  ZLOG_DEBUG("Audit active event processing queue size: " << events.size() << " events");
+  for (std::unique_ptr<edr::Event>& event : events) {
     DeliverWhatIsDue();
     if (stopping_) return;
     ++processed;
     const std::uint64_t bytes = edr::EstimateBytes(*event);
     ProcessOne(std::move(event));
+    // What many events hold is free as soon as it counts no more.
+    if (batch.bytes > kMostHandedBack) event.reset();
     --queued_events_;
     held_bytes_ -= bytes;
     PauseIfCpuIsHigh();
   }
 }
 
-void EventProcessingThread::ProcessOne(std::unique_ptr<edr::Event> event) {
+void EventProcessingThread::ProcessOne(std::unique_ptr<edr::Event>&& event) {
   try {
     rule_engine_.ProcessEvent(std::move(event));
   } catch (...) {

@@ -22,7 +22,8 @@ namespace zagent::audit {
 // OnIdle and OnStop are called on this stage's thread only.
 //
 // Bound: edr::EventQueueLimit, or as many bytes as so many ordinary events have (edr::EstimateBytes). At the bound
-// AddEvents waits until the whole queue was taken.
+// AddEvents waits until the whole queue was taken. On top of it come one small batch of events that are done with and
+// wait for the thread that made them, and the small batch at hand, which keeps its own until its end.
 //
 // A stage that dies of an exception is a stopped stage: its producer is woken and never waits again.
 class EventProcessingThread {
@@ -47,7 +48,9 @@ class EventProcessingThread {
   // thread died of. Harmless when stopped.
   void Stop();
 
-  // Called by one other thread. Never blocks on a stopped or dead stage, which drops the events.
+  // Called by one other thread. Never blocks on a stopped or dead stage, which drops the events. Leaves in `events`
+  // some that the rule engine is done with: to destroy what another thread has made takes a lock from that thread's
+  // allocator.
   void AddEvents(Events&& events);
 
   // Those of the batch at hand among them. From any thread.
@@ -58,9 +61,16 @@ class EventProcessingThread {
  private:
   void Run();
   void RunUntilStopped();
-  Events TakeBatch();
-  void Process(Events& batch);
-  void ProcessOne(std::unique_ptr<edr::Event> event);
+  struct Batch {
+    Events events;
+    std::uint64_t bytes;
+  };
+
+  Batch TakeBatch();
+  void Process(Batch& batch);
+  void ProcessOne(std::unique_ptr<edr::Event>&& event);
+  // What is left of a small batch waits for AddEvents, unless another does.
+  void HandBack(Batch batch);
   void PauseIfCpuIsHigh();
   // Until nothing is due in the rule engine any more, or the stage is to stop.
   void DeliverWhatIsDue();
@@ -76,6 +86,7 @@ class EventProcessingThread {
   std::condition_variable space_condition_;
   Events queue_;
   std::uint64_t queue_bytes_ = 0;
+  Events done_;
   std::atomic<std::uint64_t> queued_events_{0};  // in queue_ and in the batch
   std::atomic<std::uint64_t> held_bytes_{0};     // by these
   std::uint64_t max_queue_events_;

@@ -25,7 +25,7 @@ EventRouter::EventRouter(common::util::Clock& clock, std::size_t max_resting, In
       stops_(std::move(stops)),
       file_events_(clock, {.max_events = max_resting}) {}
 
-void EventRouter::Process(std::unique_ptr<edr::Event> event) {
+void EventRouter::Process(std::unique_ptr<edr::Event>&& event) {
   const std::uint32_t id = event->GetId();
   ZLOG_DEBUG("RuleEngine::ProcessEvent: Procesing event with ID " << id);
   DeliverDue();
@@ -91,7 +91,7 @@ void EventRouter::FlushFileEvents(std::int32_t pid) {
   for (std::unique_ptr<edr::Event>& event : file_events_.Flush(pid)) DeliverCached(std::move(event));
 }
 
-void EventRouter::Handle(std::unique_ptr<edr::Event> event, EventSource source) {
+void EventRouter::Handle(std::unique_ptr<edr::Event>&& event, EventSource source) {
   if (WantsProcesses()) {
     processes_.Handle(std::move(event), source, *this);
   } else {
@@ -99,7 +99,7 @@ void EventRouter::Handle(std::unique_ptr<edr::Event> event, EventSource source) 
   }
 }
 
-void EventRouter::PassOn(std::unique_ptr<edr::Event> event, EventSource source) {
+void EventRouter::PassOn(std::unique_ptr<edr::Event>&& event, EventSource source) {
   if (!stops_.should_process(*event, source)) return;
   if (source == EventSource::FileCache) {
     const std::unique_ptr<edr::Event> twin = TakeTwin(event.get());

@@ -40,8 +40,9 @@ class EventRouter final : private ProcessModel::Road {
   EventRouter(common::util::Clock& clock, std::size_t max_resting, IntakeCounters& counters, ProcessModel& processes,
               Stops stops);
 
-  // Takes an event in, after one that has become due, and looks for processes that are gone. The event is not null.
-  void Process(std::unique_ptr<edr::Event> event);
+  // Takes an event in, after one that has become due, and looks for processes that are gone. The event is not null, and
+  // stays with the caller when it goes no further.
+  void Process(std::unique_ptr<edr::Event>&& event);
   // For when no event comes: delivers the oldest event that is due, if there is one, and looks for processes that are
   // gone. True when another event is due.
   bool OnIdle();
@@ -52,11 +53,11 @@ class EventRouter final : private ProcessModel::Road {
   [[nodiscard]] std::uint64_t GetRestingBytes() const { return file_events_.GetBytes(); }
 
  private:
-  void PassOn(std::unique_ptr<edr::Event> event, EventSource source) override;
+  void PassOn(std::unique_ptr<edr::Event>&& event, EventSource source) override;
   void PassOver(const edr::Event& event) override;
   void FlushFileEvents(std::int32_t pid) override;
 
-  void Handle(std::unique_ptr<edr::Event> event, EventSource source);
+  void Handle(std::unique_ptr<edr::Event>&& event, EventSource source);
   bool DeliverDue();
   void DeliverCached(std::unique_ptr<edr::Event> event);
   std::unique_ptr<edr::Event> TakeTwin(const edr::Event* event);

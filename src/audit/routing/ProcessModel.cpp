@@ -59,7 +59,7 @@ ProcessModel::ProcessModel(common::util::Clock& clock, IntakeCounters& counters,
       proc_root_(std::move(proc_root)),
       cleaner_(tree_, clock, proc_root_) {}
 
-void ProcessModel::Handle(std::unique_ptr<edr::Event> event, EventSource source, Road& road) {
+void ProcessModel::Handle(std::unique_ptr<edr::Event>&& event, EventSource source, Road& road) {
   ConsumeInvalidation();
   switch (event->GetType()) {
     case EventType::ProcessClone:
@@ -80,7 +80,7 @@ void ProcessModel::Handle(std::unique_ptr<edr::Event> event, EventSource source,
   road.PassOn(std::move(event), source);
 }
 
-void ProcessModel::HandleEnd(std::unique_ptr<edr::Event> event, EventSource source, Road& road) {
+void ProcessModel::HandleEnd(std::unique_ptr<edr::Event>&& event, EventSource source, Road& road) {
   const std::int32_t pid = event->GetActorProcessId();
   if (pid < 1 || !tree_.Contains(pid)) {
     road.PassOver(*event);

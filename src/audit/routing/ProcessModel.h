@@ -36,8 +36,8 @@ class ProcessModel {
     Road& operator=(const Road&) = delete;
     virtual ~Road() = default;
 
-    // The next stop of an event whose actor is known as well as can be.
-    virtual void PassOn(std::unique_ptr<edr::Event> event, EventSource source) = 0;
+    // The next stop of an event whose actor is known as well as can be. Takes it over if it is to rest there.
+    virtual void PassOn(std::unique_ptr<edr::Event>&& event, EventSource source) = 0;
     // An event that goes no further.
     virtual void PassOver(const edr::Event& event) = 0;
     // The process ends: its file events that still rest are delivered now. Throws nothing.
@@ -54,7 +54,7 @@ class ProcessModel {
 
   // Takes an event in and lets it go on by `road`, after the starts that it needed. Clones go no further, and neither
   // does the end of a process that nobody knows. Throws what `road` throws at this event.
-  void Handle(std::unique_ptr<edr::Event> event, EventSource source, Road& road);
+  void Handle(std::unique_ptr<edr::Event>&& event, EventSource source, Road& road);
 
   // Reports the processes that have gone without a word, when it is time to look for them.
   void Clean(Road& road);
@@ -72,7 +72,7 @@ class ProcessModel {
  private:
   using Starts = std::vector<std::unique_ptr<edr::Event>>;
 
-  void HandleEnd(std::unique_ptr<edr::Event> event, EventSource source, Road& road);
+  void HandleEnd(std::unique_ptr<edr::Event>&& event, EventSource source, Road& road);
   // A pid that came again before anybody heard of the end of the process that had it: reports that end.
   void EndPredecessor(const edr::Event& start_or_clone, Road& road);
   void EnsureActor(edr::Event& event, Road& road);

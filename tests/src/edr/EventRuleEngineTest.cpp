@@ -23,7 +23,7 @@ class BareEngine final : public EventRuleEngine {
  public:
   void AddRules(const std::string&, Rules) override {}
   void Invalidate() override { CallInvalidatedOfAllTags(); }
-  void ProcessEvent(std::unique_ptr<Event>) override {}
+  void ProcessEvent(std::unique_ptr<Event>&&) override {}
   bool OnIdle() override { return false; }
   void OnStop(std::chrono::nanoseconds) override {}
   using EventRuleEngine::CallRuleMatched;

@@ -13,7 +13,9 @@
 #include <thread>
 #include <vector>
 
+#include "src/edr/PartialEvent.h"
 #include "src/edr/process/EventBytes.h"
+#include "src/edr/process/ImageInfo.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeEvent.h"
 #include "tests/fakes/Gate.h"
@@ -36,6 +38,31 @@ std::unique_ptr<fakes::FakeEvent> MakeEvent(std::uint32_t id, std::int64_t secon
   return event;
 }
 
+// Tells where it is destroyed.
+class MourningEvent final : public edr::PartialEvent {
+ public:
+  using Deaths = fakes::Mailbox<std::thread::id>;
+
+  MourningEvent(Deaths& deaths, std::uint32_t id, std::size_t path_length)
+      : deaths_(deaths), id_(id), file_("/" + std::string(path_length, 'x')) {}
+  ~MourningEvent() override { deaths_.Put(std::this_thread::get_id()); }
+
+  [[nodiscard]] edr::EventType GetType() const override { return edr::EventType::Write; }
+  [[nodiscard]] std::string GetAction() const override { return "Write"; }
+  [[nodiscard]] edr::ObjectType GetObjectType() const override { return edr::ObjectType::File; }
+  [[nodiscard]] std::uint32_t GetId() const override { return id_; }
+  [[nodiscard]] std::int64_t GetTimestamp() const override { return kSecond; }
+  [[nodiscard]] const common::ImageInfo* GetFile() const override { return &file_; }
+  [[nodiscard]] const std::string& GetAuditKey() const override { return key_; }
+  void Validate() override {}
+
+ private:
+  Deaths& deaths_;
+  std::uint32_t id_;
+  common::ImageInfo file_;
+  std::string key_;
+};
+
 class EventProcessingThreadTest : public testing::Test {
  protected:
   // Threads first: what they use stands below.
@@ -52,6 +79,16 @@ class EventProcessingThreadTest : public testing::Test {
     for (std::size_t i = 0; i < count; ++i) events.push_back(MakeEvent(first + static_cast<std::uint32_t>(i), 1));
     Add(std::move(events));
   }
+  // What AddEvents gave back.
+  std::vector<std::unique_ptr<edr::Event>> AddMourning(std::uint32_t first, std::size_t count,
+                                                       std::size_t path_length = 10) {
+    std::vector<std::unique_ptr<edr::Event>> events;
+    for (std::size_t i = 0; i < count; ++i) {
+      events.push_back(std::make_unique<MourningEvent>(deaths_, first + static_cast<std::uint32_t>(i), path_length));
+    }
+    stage_->AddEvents(std::move(events));
+    return events;  // NOLINT(bugprone-use-after-move): what AddEvents left there
+  }
   std::vector<std::uint32_t> Processed(std::size_t count) {
     std::vector<std::uint32_t> ids;
     for (std::size_t i = 0; i < count; ++i) ids.push_back(engine_.processed.Take().value_or(0));
@@ -63,6 +100,7 @@ class EventProcessingThreadTest : public testing::Test {
   }
   [[nodiscard]] std::uint64_t Left() const { return counters_.Get(IntakeCounters::Reason::LeftAtStop); }
 
+  MourningEvent::Deaths deaths_;
   fakes::LogCapture lines_;
   fakes::FakeClock clock_;
   IntakeCounters counters_;
@@ -239,6 +277,73 @@ TEST_F(EventProcessingThreadTest, ALoadAtTheLimitIsNotAboveIt) {
   stage_->Start();
   AddMany(1, 3);
   EXPECT_THAT(Processed(3), ElementsAre(1, 2, 3));  // the clock stands still
+}
+
+TEST_F(EventProcessingThreadTest, WhatTheEngineIsDoneWithGoesBackToTheThreadThatMadeIt) {
+  stage_->Start();
+  EXPECT_THAT(AddMourning(1, 3), IsEmpty());
+  EXPECT_THAT(Processed(3), ElementsAre(1, 2, 3));
+  clock_.AwaitWaiters(1);  // for the next batch
+  EXPECT_TRUE(deaths_.IsEmpty());
+  auto done = AddMourning(4, 1);
+  EXPECT_THAT(done, testing::SizeIs(3));
+  done.clear();
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(deaths_.Take(), std::this_thread::get_id());
+}
+
+TEST_F(EventProcessingThreadTest, WhatTheEngineKeepsIsNotGivenBack) {
+  engine_.keep = [](const edr::Event& event) { return event.GetId() == 2; };
+  stage_->Start();
+  (void)AddMourning(1, 3);
+  EXPECT_THAT(Processed(3), ElementsAre(1, 2, 3));
+  clock_.AwaitWaiters(1);
+  std::vector<std::uint32_t> ids;
+  for (const auto& event : AddMourning(4, 1)) {
+    if (event) ids.push_back(event->GetId());
+  }
+  EXPECT_THAT(ids, ElementsAre(1, 3));
+}
+
+TEST_F(EventProcessingThreadTest, WhatNobodyComesForIsGoneAfterAQuietSecond) {
+  stage_->Start();
+  (void)AddMourning(1, 3);
+  EXPECT_THAT(Processed(3), ElementsAre(1, 2, 3));
+  clock_.AwaitWaiters(1);
+  EXPECT_TRUE(deaths_.IsEmpty());
+  clock_.Advance(std::chrono::seconds(1));
+  for (int i = 0; i < 3; ++i) EXPECT_NE(deaths_.Take(), std::this_thread::get_id());
+  clock_.AwaitWaiters(1);
+  EXPECT_THAT(AddMourning(4, 1), IsEmpty());
+}
+
+TEST_F(EventProcessingThreadTest, WhatALargeBatchHoldsIsFreeAsSoonAsItCountsNoMore) {
+  fakes::Gate in_last_event;
+  fakes::Gate go_on;
+  engine_.on_process = [&](const edr::Event& event) {
+    if (event.GetId() != 1'000) return;
+    in_last_event.Open();
+    EXPECT_TRUE(go_on.Await());
+  };
+  stage_->Start();
+  (void)AddMourning(1, 1'000, 5'149);
+  ASSERT_TRUE(in_last_event.Await());
+  for (int i = 0; i < 999; ++i)
+    ASSERT_NE(deaths_.Take().value_or(std::this_thread::get_id()), std::this_thread::get_id());
+  EXPECT_TRUE(deaths_.IsEmpty());
+  go_on.Open();
+  EXPECT_TRUE(deaths_.Take().has_value());
+  clock_.AwaitWaiters(1);
+  EXPECT_THAT(AddMourning(2'000, 1), IsEmpty());
+}
+
+TEST_F(EventProcessingThreadTest, AStopKeepsNothingForTheThreadThatMadeIt) {
+  stage_->Start();
+  (void)AddMourning(1, 3);
+  EXPECT_THAT(Processed(3), ElementsAre(1, 2, 3));
+  clock_.AwaitWaiters(1);
+  EXPECT_TRUE(deaths_.IsEmpty());
+  stage_->Stop();
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(deaths_.Take().has_value());
 }
 
 TEST_F(EventProcessingThreadTest, AtItsBoundTheProducerWaitsUntilTheQueueWasTaken) {

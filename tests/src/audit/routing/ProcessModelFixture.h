@@ -69,7 +69,7 @@ class ProcessModelFixture : public testing::Test, protected ProcessModel::Road {
   }
 
   // The road: what goes on as "<action> <actor>", after "flush <pid>" for what rested.
-  void PassOn(std::unique_ptr<edr::Event> event, EventSource /*source*/) override {
+  void PassOn(std::unique_ptr<edr::Event>&& event, EventSource /*source*/) override {
     const std::int32_t pid = event->GetActorProcessId();
     lines_.push_back(event->GetAction() + " " + std::to_string(pid));
     passed_.push_back(std::move(event));
