@@ -17,6 +17,9 @@ namespace {
 
 constexpr std::uint64_t kMiB = 1'048'576;
 constexpr std::size_t kFeedStep = 1'048'576;
+// Events are passed on more often than the load is measured: what comes of so many bytes still lies in the processor's
+// cache when it comes back to be freed.
+constexpr std::size_t kPassOnStep = 262'144;
 // What is queued lies in pieces of this size, full but for the last: what grows by doubling, or comes in a few bytes at
 // a time, takes up to twice of what counts against the bound.
 constexpr std::size_t kPiece = 65'536;
@@ -247,8 +250,13 @@ void ParserThread::FeedPiece(const IOChannel::Bytes& piece, std::size_t& step) {
     fed += size;
     step += size;
     queue_bytes_ -= size;
+    fed_since_passed_on_ += size;
     // After each step, so that a long queue does not pile up events outside of every bound.
-    if (step == kFeedStep) EndStep(step);
+    if (step == kFeedStep) {
+      EndStep(step);
+    } else if (fed_since_passed_on_ >= kPassOnStep) {
+      PassEventsOn();
+    }
   }
 }
 
@@ -263,6 +271,7 @@ void ParserThread::EndStep(std::size_t& step) {
 }
 
 void ParserThread::PassEventsOn() {
+  fed_since_passed_on_ = 0;
   internal::Events events = parser_.TakeEvents();
   if (!events.empty()) event_processing_thread_.AddEvents(std::move(events));
 }

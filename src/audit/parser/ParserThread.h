@@ -82,7 +82,7 @@ class ParserThread {
   void RunUntilStopped();
   bool TakeData(Pieces& data);
   void Feed(Pieces& data);
-  // Feeds one piece. `step` counts what was fed since events were passed on the last time.
+  // Feeds one piece. `step` counts what was fed since the load was measured the last time.
   void FeedPiece(const IOChannel::Bytes& piece, std::size_t& step);
   // The disk may have changed since.
   void ForgetLooks();
@@ -101,6 +101,7 @@ class ParserThread {
   std::mutex queue_mutex_;
   std::condition_variable data_condition_;
   bool idle_ = true;  // nothing is buffered in auparse
+  std::size_t fed_since_passed_on_ = 0;
   std::uint64_t cpu_limit_;
   common::LoadProbe load_;
   EventProcessingThread event_processing_thread_;

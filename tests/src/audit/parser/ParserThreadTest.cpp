@@ -227,6 +227,18 @@ TEST_F(ParserThreadTest, FeedsInStepsOfOneMiBAndMeasuresTheLoadAfterEach) {
   EXPECT_EQ(measured_, 6 + 1) << "six steps and once more at the end";
 }
 
+TEST_F(ParserThreadTest, PassesEventsOnFourTimesAStep) {
+  constexpr std::size_t kQuarter = 262'144;
+  const std::string events = ManyEvents(2'300);
+  ASSERT_GT(events.size(), 3 * kQuarter);
+  ASSERT_LT(events.size(), kMiB);
+  channel_.Deliver(events);
+  parser_->Start();
+  AwaitFlushWait();
+  EXPECT_EQ(lines_.Count("Audit event processing buffer queue size: "), 3 + 1) << "and once more at the end";
+  EXPECT_EQ(measured_, 1 + 1) << "one step";
+}
+
 TEST_F(ParserThreadTest, FeedsManyPiecesInTheSameSteps) {
   for (int i = 0; i < 300; ++i) channel_.Deliver(Filler(65'536));
   parser_->Start();
