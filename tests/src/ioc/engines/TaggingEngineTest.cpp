@@ -461,6 +461,9 @@ TEST_F(TaggingEngineTest, OneOfThousandsOfChildrenMayStartProgramAfterProgram) {
   for (std::int32_t pid = 1'000; pid < 41'000; ++pid) Exec(pid, kShell);  // of which the engine never hears
   start_programs({kActor, kSibling});
   EXPECT_EQ(TagsOf(kActor), kPersistence) << "from the only one beside it that has it";
+  for (const std::int32_t pid : {kActor, kSibling}) Exec(pid, kShell);
+  start_programs({62});
+  EXPECT_EQ(TagsOf(62), kNone);
 }
 
 TEST_F(TaggingEngineTest, WhatAChildHasFromItsParentGoesToLaterSiblingsWhenTheParentHasLostIt) {
