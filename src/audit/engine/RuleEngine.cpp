@@ -340,7 +340,6 @@ void RuleEngine::ForgetExcluded(std::int32_t pid) {
   Pids pids = *known_pids_.Get();
   pids.excluded.erase(pid);
   pids.agents.erase(pid);
-  pids.starts.erase(pid);
   known_pids_.Set(std::make_shared<const Pids>(std::move(pids)));
 }
 

@@ -4,7 +4,10 @@
 
 #include <filesystem>
 #include <optional>
+#include <stdexcept>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/LogCapture.h"
@@ -209,6 +212,24 @@ TEST_F(HealthStoreTest, ATornDatabaseIsSetAside) {
   store_->Report(Manifest("/a"));
   EXPECT_THAT(Table().Contexts(), ElementsAre("/a"));
   EXPECT_TRUE(std::filesystem::exists(folder_ / "EDRStatus.db.damaged"));
+}
+
+TEST_F(HealthStoreTest, ADatabaseThatIsTornWhileItIsOpenIsSetAsideToo) {
+  store_->Report(Manifest("/a"));
+  folder_.Write(HealthStore::kFileName, std::string(16'384, 'x'));
+  store_->Report(Manifest("/b"));
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "AHS: Failed to write 1 statuses: ")) << log_.All();
+  store_->Report(Manifest("/c"));
+  EXPECT_THAT(Table().Contexts(), ElementsAre("/b", "/c"));
+}
+
+TEST_F(HealthStoreTest, NoBatchIsTakenWhileOneIsAway) {
+  store_->Report(Manifest("/a"));
+  {
+    const HealthStore::Batch batch = store_->TakeBatch();
+    EXPECT_THROW((void)store_->TakeBatch(), std::logic_error);
+  }
+  EXPECT_THAT(Contexts(store_->TakeBatch()), ElementsAre("/a"));
 }
 
 TEST_F(HealthStoreTest, ATableOfALowerVersionIsMadeAnew) {

@@ -288,7 +288,38 @@ TEST_F(RuleEnginePathsTest, ReportsWhatItFoundAtTheEndOrCountsIt) {
   engine_->OnStop(std::chrono::seconds(0));
   EXPECT_TRUE(heard_.empty());
   EXPECT_EQ(counters_.Get(IntakeCounters::Reason::LeftAtStop), 250U);
+  EXPECT_EQ(engine_->GetFoundBytes(), 0U);
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, "RuleEngine: No time left to report 250 objects that were found"));
+}
+
+TEST_F(RuleEnginePathsTest, WhatRestsAtAStopHasTheTimeThatFoundObjectsLeave) {
+  for (int i = 0; i < 3; ++i) {
+    engine_->ProcessEvent(std::make_unique<FakeEvent>(EventType::Write, "Write", watched_ + "/file"));
+  }
+  RemoveFolder();
+  std::filesystem::create_directories(watched_ + "/later");
+  engine_->LookAtPaths();
+  ASSERT_EQ(engine_->GetFoundObjects(), 1U);
+  heard_.clear();
+  engine_->RegisterEventHandlers(
+      "FIM",
+      [this](const Ids&, const edr::Event& event) {
+        heard_.push_back(event.GetAction());
+        clock_.Advance(event.GetAction() == "Create" ? 4s : 1s);
+      },
+      [] {});
+  engine_->OnStop(5s);
+  EXPECT_EQ(heard_, (Ids{"Create", "Write"}));
+  EXPECT_EQ(counters_.Get(IntakeCounters::Reason::LeftAtStop), 2U);
+}
+
+TEST_F(RuleEnginePathsTest, WhatTheKernelSaysOfOneFolderHoldsForThoseBelow) {
+  std::filesystem::create_directory(watched_ + "/sub");
+  engine_->AddRules("FIM", {rule_, FakeRule::Directory("below", watched_ + "/sub", {EventType::Write})});
+  std::filesystem::remove_all(watched_);
+  DropKernelRules();
+  TellOfDroppedRule(false);
+  EXPECT_TRUE(log_.Has("Rules in force: 0 of 2")) << log_.All();
 }
 
 // --- rules that come anew while they wait

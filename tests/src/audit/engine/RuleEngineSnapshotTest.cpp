@@ -268,8 +268,27 @@ TEST_F(RuleEngineSnapshotTest, TheEndOfAnExcludedProcessCountsThoughTheKernelIsB
     auto event = FolderEvent(7, watched_ + "/new");
     event->pid = 400;
     engine_->ProcessEvent(std::move(event));
+    auto rests = std::make_unique<FakeEvent>(EventType::Write, "Write", watched_ + "/file");
+    rests->pid = 400;
+    engine_->ProcessEvent(std::move(rests));
+    Settle();
   }));
-  EXPECT_EQ(heard_, (Ids{"Create " + watched_ + "/new"}));
+  EXPECT_EQ(heard_, (Ids{"Create " + watched_ + "/new", "Write " + watched_ + "/file"}));
+}
+
+TEST_F(RuleEngineSnapshotTest, TheProgramItselfStaysExcludedWhateverAnEventSays) {
+  auto end = std::make_unique<FakeEvent>();
+  end->type = EventType::ProcessExit;
+  end->object_type = ObjectType::Process;
+  end->pid = getpid();
+  HoldChange("IOC", {Other()});
+  EXPECT_TRUE(DoesNotWait([&] {
+    engine_->ProcessEvent(std::move(end));
+    auto event = FolderEvent(7, watched_ + "/new");
+    event->pid = getpid();
+    engine_->ProcessEvent(std::move(event));
+  }));
+  EXPECT_TRUE(heard_.empty());
 }
 
 // --- catching up
@@ -335,6 +354,54 @@ TEST_F(RuleEngineSnapshotTest, AFailureToCatchUpLosesNoOtherEvent) {
   EXPECT_EQ(heard_, (Ids{"Create " + watched_ + "/new"}));
   EXPECT_TRUE(
       log_.Has(Poco::Message::PRIO_ERROR, "RuleEngine: Failed to do what an event means for the rules: no memory"));
+}
+
+TEST_F(RuleEngineSnapshotTest, AWordOfTheKernelThatCannotBeJudgedIsCounted) {
+  const auto fragile =
+      std::make_shared<FakeRule>("rule", ObjectType::Directory, watched_, edr::EventTypes{EventType::Write});
+  engine_->AddRules("FIM", {fragile});
+  fragile->path_error = "no memory";
+  TellOfDroppedRule(false);
+  fragile->path_error.clear();
+  EXPECT_EQ(counters_.Get(IntakeCounters::Reason::NotProcessed), 1U);
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "RuleEngine: Failed to do what an event means for the rules: "));
+}
+
+TEST_F(RuleEngineSnapshotTest, AWordOfTheKernelThatWasToldEarlyIsNotLostWhenItIsDropped) {
+  std::filesystem::remove_all(watched_);
+  DropKernelRules();
+  HoldChange("IOC", {Other()});
+  EXPECT_TRUE(DoesNotWait([this] {
+    TellOfDroppedRule(false);
+    Process(EventType::Create, "Create", watched_);
+    for (int i = 0; i < 1'000; ++i) TellOfDroppedRule(true);
+  }));
+  EXPECT_EQ(counters_.Get(IntakeCounters::Reason::NotProcessed), 0U) << "it and the new folder had to go";
+  EXPECT_TRUE(DoesNotWait([this] { TellOfDroppedRule(true); }));
+  EXPECT_EQ(counters_.Get(IntakeCounters::Reason::NotProcessed), 1U);
+}
+
+TEST_F(RuleEngineSnapshotTest, AWordOfTheKernelThatWasToldEarlyIsNotLeftAtAStop) {
+  std::filesystem::remove_all(watched_);
+  DropKernelRules();
+  HoldChange("IOC", {Other()});
+  EXPECT_TRUE(DoesNotWait([this] {
+    TellOfDroppedRule(false);
+    Process(EventType::Create, "Create", watched_);
+    engine_->OnStop(std::chrono::seconds(1));
+  }));
+  EXPECT_EQ(counters_.Get(IntakeCounters::Reason::LeftAtStop), 0U);
+}
+
+TEST_F(RuleEngineSnapshotTest, AFolderThatCouldNotBeMadeIsNoSignThatTheOldOneWent) {
+  HoldChange("IOC", {Other()});
+  EXPECT_TRUE(DoesNotWait([this] {
+    TellOfDroppedRule(false);
+    auto event = FolderEvent(7, watched_);
+    event->successful = false;
+    engine_->ProcessEvent(std::move(event));
+  }));
+  EXPECT_EQ(heard_, (Ids{"Create " + watched_}));
 }
 
 TEST_F(RuleEngineSnapshotTest, AFolderThatIsMadeAnewIsToldBehindItsRemoval) {
