@@ -45,9 +45,10 @@ class FileRule final : public edr::EventRule {
   const edr::EventTypes actions_{edr::EventType::Create, edr::EventType::Write};
 };
 
-// Between fork and _exit nothing may be called that takes a lock: another thread may have held it.
+// Between fork and _exit nothing may be called that takes a lock: another thread may have held it. A pipe in the place
+// of the file must not hold up who opens it.
 int OpenForWriting(const char* path) {
-  return open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kFileMode);
+  return open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kFileMode);
 }
 
 }  // namespace

@@ -1,19 +1,24 @@
 #include "src/edr/host/LifeSign.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <poll.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <map>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "common/src/util/UniqueFd.h"
 #include "tests/fakes/FakeEvent.h"
 #include "tests/fakes/FakeRuleEngine.h"
+#include "tests/fakes/Gate.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
 
@@ -115,6 +120,21 @@ TEST_F(LifeSignTest, ALinkInThePlaceOfTheFileIsNotFollowed) {
   std::filesystem::create_symlink(other, file_);
   LifeSign sign(folder_.Path(), engine_);
   EXPECT_FALSE(sign.Give());
+}
+
+TEST_F(LifeSignTest, APipeInThePlaceOfTheFileHoldsNobodyUp) {
+  ASSERT_EQ(mkfifo(file_.c_str(), 0600), 0);
+  std::atomic<bool> is_given{true};
+  fakes::Gate done;
+  std::thread giving([&] {
+    LifeSign sign(folder_.Path(), engine_);
+    is_given = sign.Give();
+    done.Open();
+  });
+  EXPECT_TRUE(done.Await());
+  const common::util::UniqueFd reader(open(file_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));  // lets go who waits
+  giving.join();
+  EXPECT_FALSE(is_given);
 }
 
 TEST_F(LifeSignTest, KnowsTheFileByItsPathAndByTheKernelsKey) {
