@@ -369,6 +369,16 @@ TEST_F(RuleEngineLooksTest, BelievesTheKernelsWordWhenItCannotBeAsked) {
 
 // --- links
 
+TEST_F(RuleEngineLooksTest, ALinkIsNotLookedAtAnewForWhatTheKernelSaysOfAnotherFolder) {
+  std::filesystem::create_directory(target_);
+  PutALink(target_);
+  ASSERT_EQ(InstalledIds().size(), 2U) << "for the link and for the folder that it leads to";
+  kernel_.calls.clear();
+  TellOfDroppedRule(false);
+  LookForAMinute();
+  EXPECT_EQ(kernel_.calls, (Ids{"add rule"})) << "which asks whether it is there still";
+}
+
 TEST_F(RuleEngineLooksTest, WatchesALinkInThePlaceOfAFolderAndWhereItLeads) {
   std::filesystem::create_directories(target_ + "/sub");
   PutALink(target_);

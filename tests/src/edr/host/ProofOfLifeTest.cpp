@@ -135,6 +135,17 @@ TEST_F(ProofOfLifeTest, TimeInWhichTheIntakeIsBusyDoesNotCount) {
   EXPECT_THAT(silences_, testing::SizeIs(1));
 }
 
+TEST_F(ProofOfLifeTest, TheTimeOfTheNextDeedBeginsWithItsFirstLook) {
+  PassToNextDeed();
+  PassSeconds(5);
+  proof_.Heard();
+  PassToNextDeed();
+  PassSeconds(60);
+  EXPECT_EQ(kernel_.OpenCount(), 0) << "59 seconds lie between these looks";
+  PassSeconds(1);
+  EXPECT_EQ(kernel_.OpenCount(), 1);
+}
+
 TEST_F(ProofOfLifeTest, TimeThatNobodyWatchedHardlyCounts) {
   PassToNextDeed();
   PassSeconds(1);
