@@ -400,6 +400,7 @@ TEST_F(SpoolFilesTest, NeverDeletesAnotherFileThatGotTheNameOrTheInode) {
   struct stat other {};
   ASSERT_EQ(stat(Path(1).c_str(), &other), 0);
   read->stat_info->st_ino = other.st_ino;
+  read->stat_info->st_size = other.st_size;
   read->stat_info->st_mtim.tv_sec = other.st_mtim.tv_sec - 1;
   EXPECT_FALSE(files.Delete(*read));
   read->stat_info->st_mtim = other.st_mtim;

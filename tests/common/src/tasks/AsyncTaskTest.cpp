@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <future>
 #include <mutex>
@@ -63,6 +64,27 @@ TEST(AsyncTaskTest, RunsOnAThreadOfItsOwnAndIsIdleAgainAfterwards) {
   release.Open();
   ASSERT_TRUE(Eventually([&] { return !task.IsRunning(); }));
   EXPECT_NE(runner, std::this_thread::get_id());
+}
+
+TEST(AsyncTaskTest, ACancelWaitsForTheRunThatItCancelledAndNotForTheNext) {
+  // Who comes first when a run has ended is a matter of chance.
+  for (int i = 0; i < 30 && !::testing::Test::HasFailure(); ++i) {
+    Gate release;
+    std::atomic<bool> first{true};
+    ScriptedTask task([&](ScriptedTask& self) {
+      if (first.exchange(false)) {
+        EXPECT_TRUE(Eventually([&] { return self.IsCancelling(); }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      } else {
+        EXPECT_TRUE(release.Await());
+      }
+    });
+    task.Start();
+    auto next = std::async(std::launch::async, [&] { task.Start(); });
+    auto cancel = std::async(std::launch::async, [&] { task.Cancel(); });
+    EXPECT_EQ(cancel.wait_for(kTestPatience / 4), std::future_status::ready);
+    release.Open();
+  }
 }
 
 TEST(AsyncTaskTest, ASecondStartWaitsForTheRunUnderWay) {
