@@ -225,11 +225,14 @@ void SpoolFiles::Cleanup(CleanupGoal goal) {
   const std::uint64_t first = std::max<std::uint64_t>(first_index_, 1);
   // The file just written is never the one that makes room for itself.
   const std::uint64_t end = goal == CleanupGoal::FreeName ? last_index_ + 1 : last_index_;
+  // While all names are taken each write costs one file, whatever their sizes.
+  const bool one_is_enough =
+      goal == CleanupGoal::FreeName || (first_index_ == 1 && last_index_ == directory_.MaxIndex());
   bool deleted = false;
   for (std::uint64_t index = first; index < end; ++index) {
     if (!directory_.Stat(index) || !DeleteFile(index)) continue;
     deleted = true;
-    if (goal == CleanupGoal::FreeName || HasFreeSpace()) break;
+    if (one_is_enough || HasFreeSpace()) break;
   }
   if (!deleted) throw StorageException("SpoolStorage::Cleanup: Failed to clean up spool files");
   ZLOG_INFO("SpoolStorage: Cleanup completed. [Disk usage: " << disk_usage_ << " / " << limits_.MaxDiskSize() << " ]");

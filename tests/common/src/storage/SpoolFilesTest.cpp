@@ -467,6 +467,20 @@ TEST_F(SpoolFilesTest, WithEveryNameTakenTheOldestFileGoes) {
       << log_.All();
 }
 
+TEST_F(SpoolFilesTest, WithEveryNameTakenTheDiskLimitCostsOneFileAWriteToo) {
+  SpoolFiles& files = Open(4);
+  limits_.Apply(1, 600, 100);
+  const std::string chunk(600 * 1024, 'x');
+  for (const std::string& text : {std::string("a"), std::string("b"), chunk, chunk}) Store(text);
+  EXPECT_EQ(files.FirstIndex(), 2U);
+  EXPECT_EQ(files.DiskUsage(), 1U + 2 * 600 * 1024) << "above the limit until a later write";
+  Store("c");
+  EXPECT_EQ(files.DiskUsage(), 1U + 2 * 600 * 1024) << "'b' went";
+  Store("d");
+  EXPECT_EQ(files.DiskUsage(), 2U + 600 * 1024);
+  EXPECT_TRUE(files.HasFreeSpace());
+}
+
 TEST_F(SpoolFilesTest, OneNameIsEnough) {
   Open(1);
   EXPECT_EQ(Store("a")->path, Path(1));

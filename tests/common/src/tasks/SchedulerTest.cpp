@@ -273,6 +273,7 @@ TEST_F(SchedulerTest, ARunningScheduleIsToldOfAStepWithoutTheSchedulersLock) {
   scheduler_.OnClockStep(hours(-1));
   EXPECT_TRUE(told.IsOpen());
   EXPECT_EQ(other->registered, 1);
+  scheduler_.Stop();  // the run may still be on its way to the gate
 }
 
 TEST_F(SchedulerTest, ADestroyedScheduleDisappears) {
