@@ -38,24 +38,20 @@ void Keep(ProcessInfo& process, Verdict verdict) {
   process.AddTag(Tag(), VerdictWord(verdict));
 }
 
-// A subvolume of btrfs or an overlay has one device for stat and another one in records.
-bool IsOfNoDisk(const struct stat& file) {
-  return major(file.st_dev) == 0;
-}
-
-// Of an image of which nothing but the path is known, nothing speaks against it.
-bool IsFileOfItsName(const common::ImageInfo& image) {
-  if (image.GetDevice().empty()) return true;
+// Whether nothing proves that the process runs another file than the one that has its program's path here. Of a file
+// that has come to the path since the process started nothing can be said, as after an upgrade; a subvolume of btrfs or
+// an overlay has one device for stat and another one in records.
+bool MayBeFileOfItsName(const ProcessInfo& process) {
+  const common::ImageInfo& image = *process.GetImage();
   struct stat named {};
-  if (stat(image.GetPath().c_str(), &named) != 0 || named.st_ino != image.GetInode()) return false;
-  return IsOfNoDisk(named) || common::util::DeviceText(named.st_dev) == image.GetDevice();
-}
-
-// For the generator, which knows a file by what stat tells of it; empty where no device is known.
-std::string DeviceToRead(const common::ImageInfo& image) {
-  struct stat named {};
-  if (image.GetDevice().empty() || stat(image.GetPath().c_str(), &named) != 0) return image.GetDevice();
-  return IsOfNoDisk(named) ? common::util::DeviceText(named.st_dev) : image.GetDevice();
+  if (image.GetDevice().empty() || stat(image.GetPath().c_str(), &named) != 0) return true;
+  const bool is_of_no_disk = major(named.st_dev) == 0;
+  if (named.st_ino == image.GetInode() &&
+      (is_of_no_disk || common::util::DeviceText(named.st_dev) == image.GetDevice())) {
+    return true;
+  }
+  constexpr std::int64_t kNanoseconds = 1'000'000'000;
+  return named.st_ctim.tv_sec * kNanoseconds + named.st_ctim.tv_nsec > process.GetCreationTime();
 }
 
 Verdict Distrust(const ProcessInfo& process) {
@@ -118,28 +114,25 @@ HashMatchingEngine::Known HashMatchingEngine::Find(const std::string& path) {
 }
 
 Verdict HashMatchingEngine::JudgeProgram(const edr::Event& start, const ProcessInfo& process) {
-  const common::ImageInfo& image = *process.GetImage();
-  const Known known = Find(image.GetPath());
+  const std::string& path = process.GetImage()->GetPath();
+  const Known known = Find(path);
   if (known == Known::No) {
     ZLOG_DEBUG("Adding verdict: " << VerdictWord(Verdict::Unknown) << " for unknown process");
     return Verdict::Unknown;
   }
-  if (start.IsImageDisguised()) return Distrust(process);
+  if (start.IsImageDisguised() || !MayBeFileOfItsName(process)) return Distrust(process);
   if (known == Known::Yes) return JudgeNewProgram(process);
-  if (!IsFileOfItsName(image)) return Distrust(process);
   ZLOG_DEBUG("Adding verdict: " << VerdictWord(Verdict::Clean) << ". Hash found for process: " << process.GetPid()
-                                << " (" << image.GetPath() << ")");
+                                << " (" << path << ")");
   return Verdict::Clean;
 }
 
 // Without the lock: nobody waits for the disk.
 Verdict HashMatchingEngine::JudgeNewProgram(const ProcessInfo& process) {
-  const common::ImageInfo& image = *process.GetImage();
-  const std::string& path = image.GetPath();
+  const std::string& path = process.GetImage()->GetPath();
   std::string digest;
   try {
-    const common::util::HashGenerator generator(path, DeviceToRead(image), image.GetInode(),
-                                                common::util::HashKind::Sha256, &digests_, kMaxFileSize);
+    const common::util::HashGenerator generator(path, "", 0, common::util::HashKind::Sha256, &digests_, kMaxFileSize);
     const std::vector<unsigned char>& bytes = generator.GetSha256();
     digest = common::util::ToHex({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
   } catch (const common::util::HashGeneratorException& error) {
@@ -163,8 +156,8 @@ Verdict HashMatchingEngine::JudgeLater(const edr::Event& event, ProcessInfo& pro
     Keep(process, Verdict::Suspicious);
     return Verdict::Suspicious;
   }
-  const common::ImageInfo& image = *process.GetImage();
-  const bool is_known = Find(image.GetPath()) != Known::No && !event.IsImageDisguised() && IsFileOfItsName(image);
+  const bool is_known =
+      Find(process.GetImage()->GetPath()) != Known::No && !event.IsImageDisguised() && MayBeFileOfItsName(process);
   return is_known ? Verdict::Clean : Verdict::Unknown;
 }
 

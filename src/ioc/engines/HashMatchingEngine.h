@@ -23,9 +23,9 @@ namespace zagent::ioc::internal {
 // as long as the engine.
 //
 // It is the file that has the path here, on this disk: a process that lives in a mount namespace or a chroot of its own
-// may call anything by that name. Where the file of a process is known, by device and inode, it has to be that one; a
-// process of which nobody could tell more than the path is believed until a look has proved it another
-// (edr::Event::IsImageDisguised).
+// may call anything by that name. Where the file of a process is known, by device and inode, it has to be that one,
+// unless another one has come to the path since the process started; a process of which nobody could tell more than the
+// path is believed until a look has proved it another (edr::Event::IsImageDisguised).
 class HashMatchingEngine final : public Engine {
  public:
   static constexpr std::int64_t kMaxFileSize = std::int64_t{1024} * 1024 * 1024;  // bytes; a larger file has no digest

@@ -16,7 +16,10 @@ void PrivilegeEscalationTag::Configure(const rapidjson::Value& settings) {
 
 bool PrivilegeEscalationTag::Check(const edr::Event& event) const {
   ZLOG_DEBUG("Checking for " << GetName() << " tag");
-  return !HasTag(event) && !IsExcluded(PathOf(event.GetImage()), "") && event.IsElevated();
+  if (HasTag(event) || !event.IsElevated()) return false;
+  if (const common::ImageInfo* image = event.GetImage(); image != nullptr) return !IsExcluded(image->GetPath(), "");
+  // An abnormal end does not name the program.
+  return !IsExcluded(PathOf(GetTree().Get(event.GetActorProcessId())->GetImage()), "");
 }
 
 }  // namespace zagent::ioc::internal

@@ -244,12 +244,22 @@ attack alone
 wait_for_all alone
 
 step "the same while tar unpacks beside them"
-/usr/local/gnu/tar -C /srv/unpacked -xf /srv/packed.tar &
+# Once is over too soon on a fast machine: again and again until the attacks are over.
+unpack() {
+  local round=0
+  until [ -e /run/attacks-are-over ]; do
+    /usr/local/gnu/tar --one-top-level=/srv/unpacked/$round -xf /srv/packed.tar || return
+    round=$((round + 1))
+    echo $round >/run/rounds
+  done
+}
+unpack &
 TAR=$!
+wait_until 20 test -d /srv/unpacked/0/packed/0
 attack crowded
-if kill -0 $TAR 2>/dev/null; then pass "tar was at work all the time"; else step "tar was through first"; fi
+: >/run/attacks-are-over
 wait $TAR
-expect "all is unpacked" is "$(find /srv/unpacked -type f | wc -l)" 10000
+expect "all is unpacked" is "$(find /srv/unpacked -type f | wc -l)" $(($(cat /run/rounds) * 10000))
 wait_for_all crowded
 
 ioc_stories | grep -v ' by tar as ' | grep -v '^event TERMINATED process /usr/local/gnu/tar ' >/run/ioc-events

@@ -51,13 +51,17 @@ chmod 1777 $F /tmp
 chmod 0777 /etc/cron.d
 echo 'root:*:19000:0:99999:7:::' >/etc/shadow
 for name in head install; do ln /bin/busybox /usr/bin/$name; done
-cp /usr/local/bin/file-actor $F/setuid
-chmod 4755 $F/setuid
+for name in setuid trusted; do
+  cp /usr/local/bin/file-actor $F/$name
+  chmod 4755 $F/$name
+done
 echo tool >$F/tool
+echo tool >$F/allowed
 echo tool >$F/mode
 ip addr add $REMOTE/8 dev lo
 printf '#!/usr/bin/dash\n/usr/bin/touch "$1"\n:\n' >/tmp/job
-chmod 0755 /tmp/job
+cp /tmp/job /tmp/allowed
+chmod 0755 /tmp/job /tmp/allowed
 mkfifo /run/tagged /run/untagged /run/before /run/acts /run/later
 chmod 0666 /run/tagged /run/untagged
 
@@ -75,6 +79,7 @@ story warm-up <<WARM
 /usr/bin/sleep 0
 /usr/bin/sh -c :
 $F/setuid read /etc/hosts >/dev/null
+$F/trusted read /etc/hosts >/dev/null
 WARM
 story read-by-cat <<'STORY'
 /usr/bin/cat /etc/shadow >/dev/null
@@ -90,6 +95,18 @@ story script <<'STORY'
 STORY
 story script-argument <<'STORY'
 /usr/bin/dash /tmp/job /etc/cron.d/by-argument
+STORY
+story allowed-script <<'STORY'
+/tmp/allowed /etc/cron.d/by-allowed-shebang
+STORY
+story allowed-script-argument <<'STORY'
+/usr/bin/dash /tmp/allowed /etc/cron.d/by-allowed-argument
+STORY
+story allowed-cron <<'STORY'
+/tmp/job /etc/cron.d/allowed
+STORY
+story allowed-setuid-bit <<STORY
+/usr/bin/chmod 4755 $F/allowed
 STORY
 story setuid-bit <<STORY
 /usr/bin/chmod 4755 $F/tool
@@ -114,6 +131,9 @@ story excluded-address <<'STORY'
 STORY
 story elevated <<STORY
 $F/setuid read /etc/hosts >/dev/null
+STORY
+story trusted <<STORY
+$F/trusted read /etc/hosts >/dev/null
 STORY
 story siblings <<STORY
 /usr/bin/sleep 15 &
@@ -145,7 +165,7 @@ folder() {
   printf '{"ruleId": "%s", "ruleType": "Directory", "imagePath": "%s", "recursiveDepth": "All",
     "notify": {"File": ["create", "write", "delete", "rename", "attribute"]}},' "$1" "$1"
 }
-KNOWN='"/bin/busybox", "'$F'/setuid"'
+KNOWN='"/bin/busybox", "'$F'/setuid", "'$F'/trusted"'
 for name in sh cat chmod id sleep touch head install passwd curl dash; do KNOWN="$KNOWN, \"/usr/bin/$name\""; done
 ioc_manifest $CONF/ioc-manifest.json "$(folder $F)$(folder /etc/cron.d)$(cat <<RULES
   {"ruleId": "shadow", "ruleType": "File", "imagePath": "/etc/shadow", "notify": {"File": ["read"]}},
@@ -155,11 +175,12 @@ ioc_manifest $CONF/ioc-manifest.json "$(folder $F)$(folder /etc/cron.d)$(cat <<R
 RULES
 )" ", \"heuristicsEnabled\": false, \"knownProcessPaths\": [$KNOWN], \"tags\": {\"thresholdScore\": 30,
   \"CredentialAccess\": {\"score\": 30, \"exclusions\": [{\"actorProcess\": \"/usr/bin/head\", \"patterns\": \"/etc/shadow\"}]},
-  \"DefenseEvasion\": {\"score\": 30, \"permissions\": [4755], \"exclusions\": [{\"actorProcess\": \".*/install\"}]},
-  \"Execution\": {\"score\": 15},
+  \"DefenseEvasion\": {\"score\": 30, \"permissions\": [4755], \"exclusions\": [{\"actorProcess\": \".*/install\"},
+    {\"actorProcess\": \"/usr/bin/chmod\", \"patterns\": \"$F/allowed\"}]},
+  \"Execution\": {\"score\": 15, \"exclusions\": [{\"actorProcess\": \"/usr/bin/dash\", \"patterns\": \"/tmp/allowed\"}]},
   \"Exfiltration\": {\"score\": 30, \"exclusions\": [{\"actorProcess\": \"/usr/bin/curl\", \"patterns\": \"10[.]9[.].*\"}]},
-  \"Persistence\": {\"score\": 15},
-  \"PrivilegeEscalation\": {\"score\": 30}}"
+  \"Persistence\": {\"score\": 15, \"exclusions\": [{\"actorProcess\": \"/usr/bin/touch\", \"patterns\": \"/etc/cron[.]d/allowed\"}]},
+  \"PrivilegeEscalation\": {\"score\": 30, \"exclusions\": [{\"actorProcess\": \"$F/trusted\"}]}}"
 ioc_manifests $CONF/ioc-manifest.json
 start_configured
 expect "the manifest is read" log_says "[IOC]: Successfully parsed manifest file $CONF/ioc-manifest.json"
@@ -191,6 +212,17 @@ for way in shebang argument; do
   ran alice /usr/bin/touch -
   told alice "CREATE file /etc/cron.d/by-$way" touch
 done
+for way in script script-argument; do
+  LABEL="an excluded $way, whose child's file of cron is not enough"
+  alice $STORIES/allowed-$way
+  nothing
+done
+LABEL="a script in /tmp, whose child's file of cron is excluded"
+alice $STORIES/allowed-cron
+nothing
+LABEL="chmod u+s of an excluded file"
+service $STORIES/allowed-setuid-bit
+nothing
 LABEL="chmod u+s"
 service $STORIES/setuid-bit
 ran root /usr/bin/chmod -
@@ -218,6 +250,9 @@ nothing
 LABEL="a setuid program by a login user"
 alice $STORIES/elevated
 ran alice $F/setuid -
+LABEL="an excluded setuid program by a login user"
+alice $STORIES/trusted
+nothing
 
 step "relatives"
 LABEL="siblings"

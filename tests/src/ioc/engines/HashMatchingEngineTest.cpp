@@ -19,6 +19,7 @@ using Poco::Message;
 class HashMatchingEngineTest : public RulesFixture {
  protected:
   static constexpr std::int32_t kPid = 70;
+  static constexpr std::int64_t kFarInTheFuture = std::int64_t{4'000'000'000} * kSecond;
 
   HashMatchingEngineTest() {
     clock_.SetWall(std::chrono::hours(24 * 365 * 100));  // every file counts as settled
@@ -29,10 +30,11 @@ class HashMatchingEngineTest : public RulesFixture {
     Exec(pid, ppid, image);
     return engine_.Process(tree_->Get(pid)->GetLastEvent());
   }
-  // Of a process of which is known what file it runs.
+  // Of a process of which is known what file it runs. It has started after all that happens to files.
   Verdict JudgeStart(const common::ImageInfo& image, std::int32_t pid = kPid) {
     auto start = Start(pid, 1);
     start->image = image;
+    start->timestamp = kFarInTheFuture;
     tree_->AddEvent(std::move(start));
     return engine_.Process(tree_->Get(pid)->GetLastEvent());
   }
@@ -230,25 +232,32 @@ TEST_F(HashMatchingEngineTest, ARecordNamesTheDeviceOfAFileOnADiskAlone) {
   EXPECT_EQ(judge_elsewhere(program, 72), has_disk ? Verdict::Suspicious : Verdict::CleanWithoutHash);
 }
 
-TEST_F(HashMatchingEngineTest, AProgramThatIsGoneOrReplacedSinceItsStartIsSuspicious) {
-  const common::ImageInfo started = FileAt(known_);
-  ASSERT_EQ(JudgeStart(started), Verdict::CleanWithoutHash);
+// As an upgrade does it.
+TEST_F(HashMatchingEngineTest, AProgramThatIsReplacedOrGoneSinceItsStartIsBelieved) {
+  auto start = Start(kPid, 1);
+  start->image = FileAt(known_);
+  start->timestamp = kLater;
   std::filesystem::rename(folder_.Write("new", "the next version"), known_);
-  EXPECT_EQ(JudgeStart(started, 71), Verdict::Suspicious);
-  EXPECT_EQ(JudgeStart(FileAt(known_), 72), Verdict::Clean);
+  tree_->AddEvent(std::move(start));
+  const edr::Event& last = tree_->Get(kPid)->GetLastEvent();
+  EXPECT_EQ(engine_.Process(last), Verdict::CleanWithoutHash);
+  EXPECT_EQ(JudgeStart(FileAt(known_), 71), Verdict::Clean);
+  const common::ImageInfo before = FileAt(known_);
   std::filesystem::remove(known_);
-  EXPECT_EQ(JudgeStart(started, 73), Verdict::Suspicious);
+  EXPECT_EQ(JudgeStart(before, 72), Verdict::Clean);
 }
 
 TEST_F(HashMatchingEngineTest, WhoWasNeverJudgedMustRunTheFileOfItsName) {
-  const auto judge_later = [&](const common::ImageInfo& image) {
+  const auto judge_later = [&](const common::ImageInfo& image, std::int64_t time = kFarInTheFuture) {
     auto start = Start(kPid, 1);
     start->image = image;
+    start->timestamp = time;
     tree_->AddEvent(std::move(start));
     return JudgeFile("/etc/passwd");
   };
   EXPECT_EQ(judge_later(FileAt(known_)), Verdict::Clean);
   EXPECT_EQ(judge_later(Impostor(known_)), Verdict::Unknown);
+  EXPECT_EQ(judge_later(Impostor(known_), kLater), Verdict::Clean) << "another file may have come since";
   EXPECT_EQ(TagOf(kPid), "(none)");
 }
 

@@ -608,5 +608,17 @@ TEST_F(PrivilegeEscalationTagTest, AnExclusionOfTheProgramHoldsWhateverItsPatter
   EXPECT_TRUE(tag->Check(event));
 }
 
+TEST_F(PrivilegeEscalationTagTest, AnAbnormalEndIsOfTheProgramThatTheTreeKnows) {
+  fakes::FakeEvent end;
+  end.type = EventType::AbnormalEnd;
+  end.object_type = edr::ObjectType::Process;
+  end.pid = kActor;
+  end.image.reset();
+  end.elevated = true;
+  const std::string program = Process(kActor).GetImage()->GetPath();
+  EXPECT_TRUE(Make<PrivilegeEscalationTag>(Excluding("/usr/bin/sudo", ""))->Check(end));
+  EXPECT_FALSE(Make<PrivilegeEscalationTag>(Excluding(program, ""))->Check(end));
+}
+
 }  // namespace
 }  // namespace zagent::ioc::internal
