@@ -179,6 +179,7 @@ void RuleEngine::UpdateExclusions(std::int32_t agent_pid, const std::string& age
                << ": " << error.what());
   }
   PublishPids();
+  look_asked_ = true;  // the agent may have the pid of a process whose end is not noted yet
 }
 
 void RuleEngine::ProcessEvent(std::unique_ptr<edr::Event>&& event) {
@@ -232,6 +233,7 @@ void RuleEngine::LookWhenDue() {
   if (lock) {
     look_waits_ = false;
     RenewExclusions();
+    ended_pids_.clear();
   } else if (is_due) {
     for (const std::int32_t pid : FindMissing()) ForgetExcluded(pid);
   }
@@ -240,7 +242,7 @@ void RuleEngine::LookWhenDue() {
 std::vector<std::int32_t> RuleEngine::FindMissing() const {
   if (!common::util::ReadStartSinceBoot(getpid(), proc_root_)) return {};  // it does not know us, and says nothing
   std::vector<std::int32_t> missing;
-  for (const auto& [pid, start] : known_pids_.Get()->starts) {
+  for (const auto& [pid, start] : KnownPids()->starts) {
     if (common::util::ReadStartSinceBoot(pid, proc_root_) != start) missing.push_back(pid);
   }
   return missing;
@@ -300,7 +302,7 @@ bool RuleEngine::HasProcessRules() const {
 }
 
 bool RuleEngine::ShouldProcessEvent(const edr::Event& event, internal::EventSource source) {
-  const auto pids = known_pids_.Get();
+  const auto pids = KnownPids();
   if (source == internal::EventSource::FileCache) {
     // What the process was was judged when the event came in: it may have become one of the family since.
     return !IsDropped(event, own_activity_.IsDoneBelow(event, pids->agents));
@@ -333,14 +335,20 @@ void RuleEngine::FollowFamily(const edr::Event& event, const Pids& pids) {
   CatchUp();
 }
 
-// Whoever gets the pid must not be taken for the one that had it. The next snapshot that is made under the mutex may
-// have the pid again; once that is free, its end is noted in front of the next event.
+// Whoever gets the pid must not be taken for the one that had it, whatever snapshot is made before its end is noted.
 void RuleEngine::ForgetExcluded(std::int32_t pid) {
-  if (pid == getpid()) return;
-  Pids pids = *known_pids_.Get();
-  pids.excluded.erase(pid);
-  pids.agents.erase(pid);
-  known_pids_.Set(std::make_shared<const Pids>(std::move(pids)));
+  if (pid != getpid()) ended_pids_.insert(pid);
+}
+
+std::shared_ptr<const RuleEngine::Pids> RuleEngine::KnownPids() const {
+  std::shared_ptr<const Pids> known = known_pids_.Get();
+  const auto has_ended = [this](std::int32_t pid) { return ended_pids_.count(pid) != 0; };
+  if (std::none_of(known->excluded.begin(), known->excluded.end(), has_ended)) return known;
+  Pids pids = *known;
+  std::erase_if(pids.excluded, has_ended);
+  std::erase_if(pids.agents, has_ended);
+  std::erase_if(pids.starts, [&](const auto& start) { return has_ended(start.first); });
+  return std::make_shared<const Pids>(std::move(pids));
 }
 
 void RuleEngine::KeepNews(News news) {
@@ -378,6 +386,8 @@ bool RuleEngine::Note(News& news) {
   if (!lock) return false;
   NoteFamily(news);
   PublishPids();
+  if (news.ended) ended_pids_.erase(*news.ended);
+  if (news.started) ended_pids_.erase(news.started->pid);
   return true;
 }
 

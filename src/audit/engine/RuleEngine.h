@@ -201,8 +201,10 @@ class RuleEngine final : public edr::EventRuleEngine {
   void FollowRemoval(std::unique_ptr<internal::RuleRemovedEvent> removal);
   void FollowFolders(const edr::Event& event);
   void FollowFamily(const edr::Event& event, const Pids& pids);
-  // What the process of this pid does is not the family's, until the next snapshot says so.
+  // What the process of this pid does is not the family's any more. Event thread.
   void ForgetExcluded(std::int32_t pid);
+  // The newest snapshot without those. Event thread.
+  [[nodiscard]] std::shared_ptr<const Pids> KnownPids() const;
   // Looks at the excluded processes when that is due or was asked for.
   void LookWhenDue();
   // Of the excluded processes, those whose pids are nobody's or somebody else's by now.
@@ -217,6 +219,7 @@ class RuleEngine final : public edr::EventRuleEngine {
   // Before the event of what comes to the place of a folder, the components hear that it went: the event is proof of
   // that, while the kernel, which waits, can only be asked later.
   void TellRemovalsBefore(const edr::Event& event);
+  void NoteGone(const std::string& folder);
   // A portion of them. True when more wait.
   bool RouteFoundObjects();
   void DropFoundObjects();
@@ -266,6 +269,8 @@ class RuleEngine final : public edr::EventRuleEngine {
   // Event thread; they wait for the mutex. What is more than kMostNews is left to the looks that are due within a
   // minute anyhow; an event that goes for that is counted.
   std::deque<News> news_;
+  std::set<std::int32_t> ended_pids_;   // of excluded processes whose end is not noted yet
+  std::set<std::string> gone_folders_;  // whose going the components have heard of, and whose coming not
   internal::TruePaths true_paths_;
   internal::ProcessModel processes_;  // event thread
   internal::ImageProof proof_;

@@ -187,7 +187,9 @@ bool RuleEngine::NoteRemoval(News& news) {
     if (!NoteRemovedRules(*news.removal)) return true;
     rules_.NotePathGone(PathOf(news.removal->GetFile()));
   }
-  if (!news.is_removal_told) router_.Process(std::move(news.removal));
+  if (news.is_removal_told) return true;
+  NoteGone(PathOf(news.removal->GetFile()));
+  router_.Process(std::move(news.removal));
   return true;
 }
 
@@ -205,12 +207,17 @@ void RuleEngine::TellRemovalsBefore(const edr::Event& event) {
     const std::string& gone = PathOf(news.removal->GetFile());
     if (!IsAtOrBelow(gone, come)) continue;
     news.is_removal_told = true;
-    // One rule may be several of the kernel's.
-    const bool is_repeated =
-        std::any_of(told.begin(), told.end(), [&](const auto& other) { return PathOf(other->GetFile()) == gone; });
-    if (!is_repeated) told.push_back(news.removal->Clone());
+    // It may have been told before the kernel was busy; and a rule may be several of the kernel's.
+    if (gone_folders_.count(gone) != 0) continue;
+    NoteGone(gone);
+    told.push_back(news.removal->Clone());
   }
   for (auto& removal : told) router_.Process(std::move(removal));
+}
+
+void RuleEngine::NoteGone(const std::string& folder) {
+  if (gone_folders_.size() >= kMostNews) gone_folders_.clear();
+  gone_folders_.insert(folder);
 }
 
 bool RuleEngine::NoteRemovedRules(const internal::RuleRemovedEvent& told) {
@@ -233,6 +240,8 @@ void RuleEngine::FollowFolders(const edr::Event& event) {
   if (type == EventType::Create) news.come = concerned(event.GetFile());
   if (is_rename) news.come = concerned(event.GetNewFile());
   if (news.gone.empty() && news.come.empty()) return;
+  if (!news.come.empty()) std::erase_if(gone_folders_, [&](const auto& gone) { return IsAtOrBelow(gone, news.come); });
+  if (!news.gone.empty()) NoteGone(news.gone);
   KeepNews(std::move(news));
   CatchUp();
 }

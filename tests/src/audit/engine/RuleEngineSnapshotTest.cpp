@@ -466,6 +466,20 @@ TEST_F(RuleEngineSnapshotTest, ARemovalThatACallHasToldOfIsNotToldAgain) {
   EXPECT_EQ(InstalledIds(), (Ids{"rule"}));
 }
 
+TEST_F(RuleEngineSnapshotTest, ARemovalThatWasDoneBeforeTheKernelWasBusyIsNotToldAgain) {
+  std::filesystem::remove_all(watched_);
+  DropKernelRules();
+  Process(EventType::Delete, "Delete", watched_);
+  HoldChange("IOC", {Other()});
+  const Ids told = {"Delete " + watched_, "Create " + watched_};
+  EXPECT_TRUE(DoesNotWait([this] {
+    TellOfDroppedRule(false);
+    std::filesystem::create_directory(watched_);
+    Process(EventType::Create, "Create", watched_);
+  }));
+  EXPECT_EQ(heard_, told);
+}
+
 // --- changes that fail
 
 TEST_F(RuleEngineSnapshotTest, OfAChangeThatFailsMidwayOnlyTheRulesThatHaveComeAreKnown) {

@@ -1,7 +1,6 @@
 #include "src/ioc/engines/TaggingEngine.h"
 
 #include <atomic>
-#include <ctime>
 #include <iterator>
 #include <map>
 #include <random>
@@ -429,21 +428,19 @@ TEST_F(TaggingEngineTest, ATagThatComesIntoForceIsInheritedFromWhoHasIt) {
   EXPECT_EQ(TagsOf(63), kPersistence);
 }
 
-// Asking all siblings of each would be 200,000,000 questions: minutes.
+// Asking all siblings of each would be 200,000,000 questions: this would not come to its end.
 TEST_F(TaggingEngineTest, ThousandsOfChildrenOfOneParentCostWhatFewDo) {
   Make("100", {{"Persistence", R"({"score":10})"}, {"Execution", R"({"score":10})"}});
   (void)Judge(cron_);
-  const std::clock_t begin = std::clock();
   for (std::int32_t pid = 1'000; pid < 21'000; ++pid) (void)Begin(pid, kShell);
-  EXPECT_LT((std::clock() - begin) / CLOCKS_PER_SEC, 20);
   EXPECT_EQ(TagsOf(20'999), kPersistence);
 }
 
-// Asking all siblings each time, or every other time, would be hundreds of millions of questions: minutes.
+// Asking all siblings each time, or every other time, would be hundreds of millions of questions: this would not
+// come to its end.
 TEST_F(TaggingEngineTest, OneOfThousandsOfChildrenMayStartProgramAfterProgram) {
   Make("100", {{"Persistence", R"({"score":10})"}, {"Execution", R"({"score":10})"}});
   for (std::int32_t pid = 1'000; pid < 41'000; ++pid) Exec(pid, kShell);
-  const std::clock_t begin = std::clock();
   const auto start_programs = [&](const std::vector<std::int32_t>& pids) {
     for (int at = 0; at < 15'000; ++at) {
       for (const std::int32_t pid : pids) {
@@ -451,7 +448,6 @@ TEST_F(TaggingEngineTest, OneOfThousandsOfChildrenMayStartProgramAfterProgram) {
         (void)tree_->GetEventsFromCache(pid);
       }
     }
-    EXPECT_LT((std::clock() - begin) / CLOCKS_PER_SEC, 20);
   };
   start_programs({kActor});
   EXPECT_EQ(TagsOf(kActor), kNone);
