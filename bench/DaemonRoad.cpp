@@ -102,7 +102,7 @@ void DaemonRoad::Run(const std::string& log) {
   for (std::size_t at = 0; at < log.size(); at += kBurst) {
     channel.Deliver(log.data() + at, std::min(kBurst, log.size() - at));
   }
-  while (parser.GetQueuedBytes() != 0 || parser.GetQueuedEvents() != 0 || engine_.GetRestingEvents() != 0) {
+  while (parser.GetQueuedBytes() != 0 || parser.GetQueuedEvents() != 0 || engine_.GetRestingBytes() != 0) {
     std::this_thread::sleep_for(10ms);
   }
   parser.Stop();
