@@ -19,6 +19,8 @@ class LiveProcesses {
   [[nodiscard]] std::optional<std::int64_t> FindStart(std::int32_t pid) const;
   // The same moment in ns since the epoch; nothing when the machine does not say when it was started.
   [[nodiscard]] std::optional<std::int64_t> ToEpoch(std::int64_t start_since_boot);
+  // The next question looks at the clock anew: it may have been set a moment ago.
+  void ForgetBootTime() { boot_time_.reset(); }
   // Whether procfs says that there is no such process; false when it cannot be asked.
   [[nodiscard]] bool IsGone(std::int32_t pid) const;
   // Two readings of the start of one process differ by less than two seconds: the boot is known in whole seconds.

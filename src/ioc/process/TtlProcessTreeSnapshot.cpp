@@ -131,6 +131,7 @@ bool TtlProcessTree::Restore(const SnapshotDBTtlProcess& saved, std::int32_t par
 
 void TtlProcessTree::Save() {
   ZLOG_INFO("Saving Ttl Process Tree to db");
+  live_.ForgetBootTime();
   // One transaction, and nothing of it in the storage's cache: the rows are read as a whole.
   internal::SnapshotSqlDataFormatter formatter;
   std::vector<std::string> statements = formatter.Clear(kTable);

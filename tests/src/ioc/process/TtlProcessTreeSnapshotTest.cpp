@@ -369,6 +369,15 @@ TEST_F(TtlProcessTreeSnapshotTest, TheLastWordsOfARestoredProcessThatIsGoneAreIt
   EXPECT_EQ(tree_->GetEventsFromCache(10).GetSize(), 1U) << "one end, the real one";
 }
 
+TEST_F(TtlProcessTreeSnapshotTest, AClockThatIsSetRightBeforeTheEndIsNoReboot) {
+  Run(10, 1);
+  proc_.SetBootTime(fakes::FakeProcFs::kBootTime - 7'200);  // as the kernel tells it from then on
+  const fakes::LogCapture log;
+  Restart();
+  EXPECT_FALSE(log.Has("System reboot detected")) << log.All();
+  EXPECT_EQ(PidsOfTree(), (Set{1, 10}));
+}
+
 TEST_F(TtlProcessTreeSnapshotTest, ALookThatFailsIsNobodysEnd) {
   Run(10, 1);
   Restart();
