@@ -233,6 +233,13 @@ done)$(cat <<RULES
   {"ruleId": "connections", "ruleType": "Network", "notify": {"network": ["establish"]},
     "exclusionFilters": [{"filterType": ["actorProcess"], "actorProcess": ["/bin/*"]}]}
 RULES
+)" "$(cat <<ENGINES
+, "heuristicsEnabled": true, "knownProcessPaths": ["/usr/bin/chmod", "/usr/bin/dash", "/usr/bin/rm"], "tags": {
+    "thresholdScore": 40,
+    "CredentialAccess": {"score": 40}, "DefenseEvasion": {"score": 20, "permissions": [777, 4755]},
+    "Execution": {"score": 30}, "Exfiltration": {"score": 30}, "Persistence": {"score": 40},
+    "PrivilegeEscalation": {"score": 20}}
+ENGINES
 )"
 ioc_manifests $CONF/ioc-manifest.json
 echo '{"data": {"fim": {"policyVersion": "1.0", "rules": []}}}' >$CONF/fim-manifest.json

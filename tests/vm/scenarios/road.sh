@@ -7,6 +7,7 @@
 
 REMOTE=10.1.2.3
 ATTACK=/run/attack-owed # a line "EVENT by WHO as USER" for each step
+OF_ATTACK='(file /tmp/[^ ]*|network [^ ]*|process (/usr/bin/|/tmp/)[^ ]*)'
 
 # told EVENT WHO: the platform is to hear of it. All of them are of the same story and the same user.
 told() { echo "$1 by $2 as root" >>$ATTACK; }
@@ -23,6 +24,11 @@ attack_told() {
   stories >/run/stories
   while read -r line; do is "$(grep -cxF "$line" /run/stories)" "$(grep -cxF "$line" $ATTACK)" || return 1; done <$ATTACK
 }
+
+# attack_lines: the platform's own lines of the story, as it prints them.
+attack_lines() { grep -E "^ioc [A-Z]+ $OF_ATTACK " $LOG/receiver.log; }
+
+nothing_but_the_attack() { is "$(grep -E "^[A-Z]+ $OF_ATTACK " /run/stories | sort)" "$(sort $ATTACK)"; }
 
 # digest_of ACTION PATH: as the platform was told it.
 digest_of() { sed -n "s|^ioc $1 file $2 actor=.* sha256=||p" $LOG/receiver.log | head -n 1; }
@@ -98,6 +104,9 @@ told "CREATE file /tmp/.later" ".update<sh"
 
 wait_for_owed 60
 expect "every step of the attack came, with all ancestors" wait_until 60 attack_told
+expect "and nothing else of it" nothing_but_the_attack
+step "what the platform prints of it:"
+attack_lines | while read -r line; do step "  $line"; done
 expect "the tool's digest is the right one" is "$(digest_of CREATE /tmp/.update)" "$(sha256sum /tmp/.update | cut -d' ' -f1)"
 expect "and so is the script's" is "$(digest_of CREATE /tmp/.later)" "$(sha256sum /tmp/.later | cut -d' ' -f1)"
 expect "nothing was reported that nobody did" no_other_events
