@@ -9,9 +9,10 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <sstream>
+#include <string>
 #include <system_error>
+#include <utility>
 
 namespace zagent::reference_agent {
 namespace {
@@ -22,10 +23,12 @@ int ExitCode(int status) {
   return WIFSIGNALED(status) ? kSignalCode + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-// The parent of a process, from /proc/<pid>/stat: "pid (name) state ppid ...", where the name may hold anything.
+// The parent of a process, from /proc/<pid>/stat: "pid (name) state ppid ...", where the name may hold anything. -1 for
+// one that ends meanwhile: reading fails then, even behind an open file.
 pid_t ParentOf(const std::filesystem::path& process) {
   std::ifstream in(process / "stat");
-  const std::string text{std::istreambuf_iterator<char>(in), {}};
+  std::string text;
+  std::getline(in, text, '\0');
   const std::size_t name_end = text.rfind(')');
   if (name_end == std::string::npos) return -1;
   std::istringstream rest(text.substr(name_end + 1));
@@ -36,9 +39,9 @@ pid_t ParentOf(const std::filesystem::path& process) {
 }
 
 // A child of this process; -1 without one.
-pid_t FindChild() {
+pid_t FindChild(const std::string& proc_root) {
   std::error_code ignored;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc", ignored)) {
+  for (const auto& entry : std::filesystem::directory_iterator(proc_root, ignored)) {
     const std::string name = entry.path().filename();
     if (name.find_first_not_of("0123456789") == std::string::npos && ParentOf(entry.path()) == getpid()) {
       return static_cast<pid_t>(std::stol(name));
@@ -49,7 +52,7 @@ pid_t FindChild() {
 
 }  // namespace
 
-DaemonProcess::DaemonProcess() {
+DaemonProcess::DaemonProcess(std::string proc_root) : proc_root_(std::move(proc_root)) {
   if (prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) != 0) {
     throw std::system_error(errno, std::generic_category(), "PR_SET_CHILD_SUBREAPER");
   }
@@ -81,7 +84,7 @@ std::optional<int> DaemonProcess::Reap() {
     if (pid == started_) {
       started_ = kNone;
       // The kernel gave its child to this process before it told of its end.
-      detached_ = FindChild();
+      detached_ = FindChild(proc_root_);
       if (detached_ == kNone) return unclaimed_code_.value_or(ExitCode(status));
     } else if (pid == detached_) {
       detached_ = kNone;

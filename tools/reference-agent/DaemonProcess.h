@@ -13,8 +13,8 @@ namespace zagent::reference_agent {
 // One a process: Reap collects every child. Used by one thread.
 class DaemonProcess {
  public:
-  // Throws std::system_error.
-  DaemonProcess();
+  // Processes and their parents are read in proc_root. Throws std::system_error.
+  explicit DaemonProcess(std::string proc_root = "/proc");
 
   // Starts the program without arguments, with default signals and the environment of this process. Throws
   // std::system_error when it cannot be started.
@@ -31,6 +31,7 @@ class DaemonProcess {
 
  private:
   static constexpr pid_t kNone = -1;
+  const std::string proc_root_;
   pid_t started_ = kNone;
   pid_t detached_ = kNone;
   std::optional<int> unclaimed_code_;  // of a child that ended before it was known as the detached one

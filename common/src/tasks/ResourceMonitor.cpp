@@ -4,7 +4,6 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 
 namespace zagent::common {
@@ -44,8 +43,8 @@ std::uint64_t CpuTicks(const std::string& line) {
 
 std::uint64_t ReadCpuTicks(const std::string& path) {
   std::ifstream in(path);
-  const std::string text{std::istreambuf_iterator<char>(in), {}};
-  if (!in.is_open() || in.bad() || text.empty()) {
+  std::string text;
+  if (!std::getline(in, text, '\0')) {
     throw ResourceMonitorException("Failed to read CPU usage info from /proc/stat");
   }
   try {

@@ -141,6 +141,8 @@ TEST_F(ResourceMonitorTest, SaysWhyTheCpuUseCannotBeHad) {
   EXPECT_EQ(error(), "Failed to parse /proc/stat for CPU usage");
   std::filesystem::remove(proc_ / (pid_ + "/stat"));
   EXPECT_EQ(error(), "Failed to read CPU usage info from /proc/stat");
+  std::filesystem::create_directory(proc_ / (pid_ + "/stat"));  // opens, and cannot be read
+  EXPECT_EQ(error(), "Failed to read CPU usage info from /proc/stat");
 }
 
 // Memory is looked at seldom, for the walk is dear.
