@@ -35,7 +35,7 @@ bool TellOfWritten(const health::ComponentHealth& health, const common::StorageR
 struct Generator::Builders {
   Builders(const TtlProcessTree& tree, common::SqlStorage& snapshot, const Config& config, common::util::Clock& clock,
            std::shared_ptr<common::util::DigestCache> known_digests)
-      : reported(snapshot),
+      : reported(snapshot, ReportedObjects::kMaxRows, clock),
         digests(known_digests ? std::move(known_digests) : std::make_shared<common::util::DigestCache>(clock)),
         pace(*digests, clock, LogPrefix()),
         directory(tree, reported),

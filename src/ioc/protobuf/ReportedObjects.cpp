@@ -55,7 +55,8 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
   };
   using Changes = std::map<Key, Waiting>;
 
-  Queue(common::SqlStorage& storage, std::int64_t rows) : snapshot(storage), max_rows(rows) {}
+  Queue(common::SqlStorage& storage, std::int64_t rows, const common::util::Clock& of_waits)
+      : snapshot(storage), max_rows(rows), clock(of_waits), handed_over(clock.SteadyNow()) {}
 
   std::uint64_t Expect(std::vector<Change> changes) {
     const std::lock_guard lock(mutex);
@@ -67,16 +68,14 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
   }
 
   void OnAnswer(std::uint64_t number, const std::vector<Key>& keys, bool is_taken) {
-    bool is_ended = false;
     {
       const std::lock_guard lock(mutex);
       for (const Key& key : keys) {
         auto change = expected.extract({key, number});
         if (change && is_taken) Keep(key, std::move(change.mapped()));
       }
-      is_ended = ended;
     }
-    if (is_taken) Send(is_ended);
+    Send();
   }
 
   // In the place of an earlier one that waits. With mutex held.
@@ -101,25 +100,36 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
       const std::lock_guard lock(mutex);
       ended = true;
     }
-    Send(true);
+    Send();
   }
 
-  // Hands over what waits; while something is under way only `at_once`, and then that with it, a second time.
-  void Send(bool at_once) {
+  // Whether what waits goes now. While something is under way only at the end, when nobody may be left to send the rest
+  // behind it. With mutex held.
+  [[nodiscard]] bool IsDue() const {
+    if (waiting.empty() || (under_way != 0 && !ended)) return false;
+    // Each further answer asks again.
+    if (expected.empty() || waiting.size() >= kLot) return true;
+    return under_way == 0 && clock.SteadyNow() - handed_over >= kLongestWait;
+  }
+
+  // Hands over what waits, when it is due.
+  void Send() {
+    Changes behind;  // what is under way
     std::size_t too_many = 0;
     std::pair<Table, std::string> first;
     {
       const std::lock_guard in_order(hand_over);
       {
         const std::lock_guard lock(mutex);
-        if ((under_way != 0 && !at_once) || waiting.empty()) return;
-        for (auto& [key, change] : waiting) sending[key] = std::move(change);
-        waiting.clear();
+        if (!IsDue()) return;
+        (under_way == 0 ? sending : behind).swap(waiting);
         under_way += 1;  // until all of it was handed over
+        handed_over = clock.SteadyNow();
         too_many = std::exchange(forgotten, 0);
         first = first_forgotten;
       }
-      for (const Table table : {Table::Directory, Table::File}) Send(table, sending);
+      const Changes& changes = behind.empty() ? sending : behind;
+      for (const Table table : {Table::Directory, Table::File}) Send(table, changes);
     }
     if (too_many != 0) LogFailure(first.first, first.second, too_many - 1);
     Done();
@@ -166,7 +176,7 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
       if (--under_way != 0) return;
       sending.clear();
     }
-    Send(false);
+    Send();
   }
 
   // On the snapshot's thread. Rows are counted now and then: SQLite walks the whole table for it.
@@ -209,6 +219,8 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
   const std::int64_t max_rows;
   std::mutex hand_over;  // before mutex
   std::mutex mutex;
+  const common::util::Clock& clock;
+  common::util::Clock::SteadyTime handed_over;
   std::map<std::pair<Key, std::uint64_t>, Waiting> expected;  // until the spool answers
   std::uint64_t last_number = 0;
   Changes waiting;
@@ -222,8 +234,8 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
   std::size_t written_files = 0;
 };
 
-ReportedObjects::ReportedObjects(common::SqlStorage& snapshot, std::int64_t max_rows)
-    : snapshot_(snapshot), queue_(std::make_shared<Queue>(snapshot, max_rows)) {}
+ReportedObjects::ReportedObjects(common::SqlStorage& snapshot, std::int64_t max_rows, const common::util::Clock& clock)
+    : snapshot_(snapshot), queue_(std::make_shared<Queue>(snapshot, max_rows, clock)) {}
 
 ReportedObjects::~ReportedObjects() {
   queue_->End();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -7,6 +9,7 @@
 #include <vector>
 
 #include "common/src/storage/StorageResult.h"
+#include "common/src/util/Clock.h"
 
 namespace zagent::common {
 class SqlStorage;
@@ -18,8 +21,9 @@ namespace zagent::ioc::internal::protobuf {
 // by their unique ids.
 //
 // A change counts from the moment on in which its message goes to the spool, and is forgotten again when the spool
-// refuses that. Changes wait in memory while others are being written, and then go together, so that many cost the disk
-// one transaction and nobody waits for it.
+// refuses that. Changes wait in memory while others are being written, and in a burst for the spool's next answers, a
+// second at the most, and then go together: many cost the disk one transaction, the same object of a burst costs it one
+// row, and nobody waits for it.
 //
 // Bounds: the changes whose messages the spool has not answered are as many as those. At most kMaxWaiting wait for the
 // disk; what comes beyond, and what the disk refuses, is forgotten with an Error line for each lot. Of each table at
@@ -29,6 +33,8 @@ class ReportedObjects {
  public:
   static constexpr std::size_t kMaxWaiting = 20'000;
   static constexpr std::int64_t kMaxRows = 200'000;
+  static constexpr std::size_t kLot = 5'000;  // changes that wait for no further answers
+  static constexpr std::chrono::seconds kLongestWait{1};
 
   enum class Table : std::uint8_t { Directory, File };
   struct Change {
@@ -40,11 +46,12 @@ class ReportedObjects {
   // What has become of a message, told once, from any thread, also when the ReportedObjects have gone.
   using Answer = std::function<void(bool is_taken)>;
 
-  // The snapshot, which runs on a Scheduler, outlives the object and all answers. `max_rows` is for tests.
-  explicit ReportedObjects(common::SqlStorage& snapshot, std::int64_t max_rows = kMaxRows);
+  // The snapshot, which runs on a Scheduler, and the clock outlive the object and all answers. `max_rows` is for tests.
+  explicit ReportedObjects(common::SqlStorage& snapshot, std::int64_t max_rows = kMaxRows,
+                           const common::util::Clock& clock = common::util::Clock::Real());
   ReportedObjects(const ReportedObjects&) = delete;
   ReportedObjects& operator=(const ReportedObjects&) = delete;
-  // What waits is handed to the snapshot.
+  // What waits is handed to the snapshot, with the spool's last answer at the latest.
   ~ReportedObjects();
 
   // Whether the platform knows the object. Throws common::StorageException when the snapshot cannot say.

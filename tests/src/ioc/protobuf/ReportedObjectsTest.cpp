@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "src/ioc/process/SnapshotDBFile.h"
+#include "tests/fakes/FakeClock.h"
 #include "tests/fakes/Gate.h"
 #include "tests/src/ioc/protobuf/SnapshotFixture.h"
 
@@ -205,6 +206,69 @@ TEST_F(ReportedObjectsTest, AnAnswerAfterTheEndIsStillWritten) {
   snapshot_->Vacuum();
   EXPECT_EQ(SizeOnDisk("taken"), 0);
   EXPECT_EQ(SizeOnDisk("refused"), -1);
+}
+
+TEST_F(ReportedObjectsTest, ManyAnswersAfterTheEndAreWrittenOnceEach) {
+  std::vector<ReportedObjects::Answer> answers;
+  for (int i = 0; i < 300; ++i) answers.push_back(Expect(std::to_string(i)));
+  const auto release = Block();
+  Add("under way");
+  reported_.reset();
+  for (const auto& answer : answers) answer(true);
+  release->Open();
+  snapshot_->Vacuum();
+  EXPECT_EQ(log_.Count("INSERT or REPLACE INTO File"), 301);
+  for (const char* id : {"under way", "0", "299"}) EXPECT_EQ(SizeOnDisk(id), 0) << id;
+}
+
+TEST_F(ReportedObjectsTest, InABurstAnObjectThatIsToldManyTimesCostsTheDiskOneRow) {
+  const fakes::FakeClock clock;
+  reported_ = std::make_unique<ReportedObjects>(*snapshot_, ReportedObjects::kMaxRows, clock);
+  const auto last = Expect("last");
+  for (int i = 0; i < 100; ++i) {
+    Add("a", i);
+    snapshot_->Vacuum();
+  }
+  EXPECT_EQ(SizeOnDisk("a"), -1) << "the spool has more to answer";
+  EXPECT_TRUE(reported_->Has(Table::File, "a"));
+  last(false);
+  snapshot_->Vacuum();
+  EXPECT_EQ(SizeOnDisk("a"), 99);
+  EXPECT_EQ(log_.Count("INSERT or REPLACE INTO File"), 1);
+  reported_.reset();
+}
+
+TEST_F(ReportedObjectsTest, ABurstThatDoesNotEndIsWrittenOnceASecond) {
+  fakes::FakeClock clock;
+  reported_ = std::make_unique<ReportedObjects>(*snapshot_, ReportedObjects::kMaxRows, clock);
+  const auto never = Expect("never");
+  Add("a", 1);
+  clock.Advance(ReportedObjects::kLongestWait - std::chrono::milliseconds(1));
+  Add("a", 2);
+  snapshot_->Vacuum();
+  EXPECT_EQ(SizeOnDisk("a"), -1);
+  clock.Advance(std::chrono::milliseconds(1));
+  Add("b", 3);
+  snapshot_->Vacuum();
+  EXPECT_EQ(SizeOnDisk("a"), 2);
+  EXPECT_EQ(SizeOnDisk("b"), 3);
+  never(false);
+  reported_.reset();
+}
+
+TEST_F(ReportedObjectsTest, ALotIsWrittenInTheMidstOfABurst) {
+  const fakes::FakeClock clock;
+  reported_ = std::make_unique<ReportedObjects>(*snapshot_, ReportedObjects::kMaxRows, clock);
+  const auto never = Expect("never");
+  for (std::size_t i = 1; i < ReportedObjects::kLot; ++i) Add(std::to_string(i));
+  snapshot_->Vacuum();
+  EXPECT_EQ(SizeOnDisk("1"), -1);
+  Add("last", 7);
+  snapshot_->Vacuum();
+  EXPECT_EQ(SizeOnDisk("1"), 0);
+  EXPECT_EQ(SizeOnDisk("last"), 7);
+  never(false);
+  reported_.reset();
 }
 
 TEST_F(ReportedObjectsTest, WhatIsClearedIsForgottenWhateverTheSpoolAnswers) {
