@@ -1,14 +1,32 @@
 #include "src/ioc/protobuf/UniqueId.h"
 
 #include "common/src/util/Digest.h"
+#include "src/edr/LRUCache.h"
 
 namespace zagent::ioc::internal::protobuf {
+namespace {
+
+constexpr std::size_t kMaxKnown = 4'096;
+// Longer texts are not remembered.
+constexpr std::size_t kMaxKnownText = 512;
+
+// What a burst tells of is told of again and again: a few files, their folders, and who works on them.
+std::string DigestOf(const std::string& text) {
+  thread_local edr::LRUCache<std::string, std::string> known(kMaxKnown);
+  if (text.size() > kMaxKnownText) return common::util::Sha256Hex(text);
+  if (const std::string* const digest = known.Find(text)) return *digest;
+  std::string digest = common::util::Sha256Hex(text);
+  known.Put(text, digest);
+  return digest;
+}
+
+}  // namespace
 
 std::string UniqueId(std::initializer_list<std::string_view> parts) {
   std::string joined;
   for (const std::string_view part : parts) (joined += part) += '\0';
   if (!joined.empty()) joined.pop_back();
-  return common::util::Sha256Hex(joined);
+  return DigestOf(joined);
 }
 
 std::string UniquePathId(std::string_view path) {

@@ -7,6 +7,8 @@
 
 // Names of objects that are the same in every event of this host: 64 lower-case hexadecimal digits. They are made of
 // the bytes as they are, also where a text is repaired before it is told.
+//
+// Each thread that asks remembers the ids of 4,096 texts of up to 512 bytes.
 namespace zagent::ioc::internal::protobuf {
 
 // SHA-256 of the parts, joined by NUL bytes.
