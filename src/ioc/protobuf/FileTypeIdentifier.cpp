@@ -36,12 +36,20 @@ FileTypeIdentifier::FileTypeIdentifier(const Patterns& patterns) {
 }
 
 std::string FileTypeIdentifier::Identify(const std::string& description) const {
+  const std::string* type = known_.Find(description);
+  if (type == nullptr) {
+    known_.Put(description, Match(description));
+    type = known_.Find(description);
+  }
+  if (!type->empty()) ZLOG_DEBUG("Matched Type: " << *type);
+  return *type;
+}
+
+std::string FileTypeIdentifier::Match(const std::string& description) const {
   try {
     for (const Type& type : types_) {
       Poco::RegularExpression::Match match;
-      if (type.pattern->match(description, match) == 0) continue;
-      ZLOG_DEBUG("Matched Type: " << type.name);
-      return type.name;
+      if (type.pattern->match(description, match) != 0) return type.name;
     }
   } catch (const Poco::Exception& error) {
     ZLOG_ERROR("FileTypeIdentifier: Failed to match: " << error.displayText());

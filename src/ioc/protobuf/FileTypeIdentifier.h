@@ -7,9 +7,12 @@
 #include <utility>
 #include <vector>
 
+#include "src/edr/LRUCache.h"
+
 namespace zagent::ioc::internal::protobuf {
 
-// The name by which the platform knows a type of file, from what libmagic says of it. Immutable; for any thread.
+// The name by which the platform knows a type of file, from what libmagic says of it. What has been found in the
+// latest 256 descriptions is remembered. For one thread.
 class FileTypeIdentifier {
  public:
   // Regular expressions and names: the first that is found anywhere in a description decides. Upper and lower case are
@@ -29,7 +32,10 @@ class FileTypeIdentifier {
     std::unique_ptr<Poco::RegularExpression> pattern;
     std::string name;
   };
+  [[nodiscard]] std::string Match(const std::string& description) const;
+
   std::vector<Type> types_;
+  mutable edr::LRUCache<std::string, std::string> known_{256};
 };
 
 }  // namespace zagent::ioc::internal::protobuf

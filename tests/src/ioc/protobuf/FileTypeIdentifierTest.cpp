@@ -48,6 +48,20 @@ TEST(FileTypeIdentifierTest, AMatchIsTold) {
   EXPECT_TRUE(log.Has(Poco::Message::PRIO_DEBUG, "[IOC]: Matched Type: Ruby"));
 }
 
+TEST(FileTypeIdentifierTest, ADescriptionThatComesAgainIsTheSameTypeAndIsToldAgain) {
+  const fakes::LogCapture log;
+  const FileTypeIdentifier types;
+  for (int round = 0; round < 2; ++round) {
+    for (int i = 0; i < 300; ++i) {
+      const std::string number = std::to_string(i);
+      EXPECT_EQ(types.Identify("Ruby script " + number), "Ruby");
+      EXPECT_EQ(types.Identify("words " + number), "");
+    }
+    EXPECT_EQ(types.Identify("Ruby script 299"), "Ruby");
+  }
+  EXPECT_EQ(log.Count("[IOC]: Matched Type: Ruby"), 602);
+}
+
 TEST(FileTypeIdentifierTest, APatternThatDoesNotCompileIsLeftOutAndTheOthersAreNot) {
   const fakes::LogCapture log;
   const FileTypeIdentifier types(FileTypeIdentifier::Patterns{{"(", "Broken"}, {"HTML", "HTML"}});
