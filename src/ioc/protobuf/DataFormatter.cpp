@@ -2,12 +2,14 @@
 
 #include <Poco/Environment.h>
 #include <Poco/UUIDGenerator.h>
-#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/message_lite.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <limits>
 #include <optional>
+#include <tuple>
 #include <utility>
 
 #include "common/src/storage/Serializer.h"
@@ -32,34 +34,32 @@ constexpr const char* kClientInformation = SnapshotSqlDataFormatter::kClientInfo
 constexpr const char* kBootTime = SnapshotSqlDataFormatter::kBootTime;
 constexpr const char* kSequenceNumber = SnapshotSqlDataFormatter::kSequenceNumber;
 
-// Adds what the bytes say to the field. Its size within the batch, with the field's number, which is below 16, and the
-// element's length in front; nothing when they say no such message.
-template <typename Element>
-std::optional<std::size_t> AddElement(google::protobuf::RepeatedPtrField<Element>& field, const common::Bytes& data) {
-  const std::size_t size = data.size() - 1;
-  Element* element = field.Add();
-  if (size > std::numeric_limits<int>::max() || !element->ParseFromArray(data.data() + 1, static_cast<int>(size))) {
-    field.RemoveLast();
-    return std::nullopt;
-  }
-  const std::size_t length = element->ByteSizeLong();
-  return 1 + google::protobuf::io::CodedOutputStream::VarintSize64(length) + length;
-}
-
-struct KindOfEvent {
+// One kind of elements in a batch. They are kept as they came; the message that reads them lends its memory to the next
+// one.
+struct Elements {
   const char* name;
-  std::optional<std::size_t> (*add)(wire::IoCEvent& batch, const common::Bytes& data);
+  std::uint32_t field;
+  std::unique_ptr<google::protobuf::MessageLite> reader;
+  std::string bytes{};
 };
 
-// By Kind.
-constexpr std::array<KindOfEvent, 5> kKinds = {{
-    {"directory", [](wire::IoCEvent& b, const common::Bytes& d) { return AddElement(*b.mutable_directoryevent(), d); }},
-    {"file", [](wire::IoCEvent& b, const common::Bytes& d) { return AddElement(*b.mutable_fileevent(), d); }},
-    {"loaded-module",
-     [](wire::IoCEvent& b, const common::Bytes& d) { return AddElement(*b.mutable_loadedmodule(), d); }},
-    {"network", [](wire::IoCEvent& b, const common::Bytes& d) { return AddElement(*b.mutable_networkevent(), d); }},
-    {"process", [](wire::IoCEvent& b, const common::Bytes& d) { return AddElement(*b.mutable_processevent(), d); }},
-}};
+void WriteLength(std::uint64_t length, std::string& bytes) {
+  for (; length >= 0x80; length >>= 7U) bytes += static_cast<char>(length | 0x80U);
+  bytes += static_cast<char>(length);
+}
+
+// Adds what the item says behind its kind; its size within the batch. Nothing when that is no such message.
+std::optional<std::size_t> AddElement(Elements& elements, const common::Bytes& item) {
+  constexpr std::uint32_t kLengthDelimited = 2;
+  const std::size_t size = item.size() - 1;
+  if (size > std::numeric_limits<int>::max()) return std::nullopt;
+  if (!elements.reader->ParseFromArray(item.data() + 1, static_cast<int>(size))) return std::nullopt;
+  const std::size_t before = elements.bytes.size();
+  WriteLength(elements.field << 3U | kLengthDelimited, elements.bytes);
+  WriteLength(size, elements.bytes);
+  elements.bytes.append(reinterpret_cast<const char*>(item.data()) + 1, size);
+  return elements.bytes.size() - before;
+}
 
 std::int64_t ParseBootTime(const std::string& text) {
   std::int64_t value = 0;
@@ -90,13 +90,26 @@ std::optional<std::int64_t> ReadStoredBootTime(common::SqlStorage& snapshot) {
 
 }  // namespace
 
+struct DataFormatter::Batch {
+  // By Kind.
+  std::array<Elements, 5> kinds = {{
+      {"directory", wire::IoCEvent::kDirectoryEventFieldNumber, std::make_unique<wire::DirectoryEvent>()},
+      {"file", wire::IoCEvent::kFileEventFieldNumber, std::make_unique<wire::FileEvent>()},
+      {"loaded-module", wire::IoCEvent::kLoadedModuleFieldNumber, std::make_unique<wire::LoadedModule>()},
+      {"network", wire::IoCEvent::kNetworkEventFieldNumber, std::make_unique<wire::NetworkEvent>()},
+      {"process", wire::IoCEvent::kProcessEventFieldNumber, std::make_unique<wire::ProcessEvent>()},
+  }};
+  std::string header{};  // empty until the first Append
+  std::string number{};
+};
+
 DataFormatter::DataFormatter(const Config& config, std::int64_t sequence_number, common::SqlStorage& snapshot,
                              std::string proc_root)
     : config_(config),
       sequence_number_(sequence_number),
       snapshot_(snapshot),
       proc_root_(std::move(proc_root)),
-      message_(std::make_unique<Message>()) {}
+      batch_(std::make_unique<Batch>()) {}
 
 DataFormatter::~DataFormatter() {
   OnStored();
@@ -104,13 +117,13 @@ DataFormatter::~DataFormatter() {
 
 void DataFormatter::Append(const common::Bytes& data) {
   if (state_ != State::Open) throw DataFormatterException("DataFormatter::Append: Invalid state.");
-  if (!message_->has_agent()) AddHeader();
-  if (data.empty() || data[0] >= kKinds.size()) {
+  if (batch_->header.empty()) AddHeader();
+  if (data.empty() || data[0] >= batch_->kinds.size()) {
     ZLOG_ERROR("DataFormatter::Append: Ignoring unknown type of event.");
     return;
   }
-  const KindOfEvent& kind = kKinds.at(data[0]);
-  const std::optional<std::size_t> added = kind.add(*message_, data);
+  Elements& kind = batch_->kinds.at(data[0]);
+  const std::optional<std::size_t> added = AddElement(kind, data);
   if (!added) throw DataFormatterException(std::string("Failed to add ") + kind.name + " event to protobuf cache.");
   size_ += *added;
   ZLOG_DEBUG("Added " << kind.name << " event to protobuf cache.");
@@ -119,14 +132,22 @@ void DataFormatter::Append(const common::Bytes& data) {
 common::Bytes DataFormatter::Finish() {
   if (state_ != State::Open) throw DataFormatterException("DataFormatter::Finish: Invalid state.");
   state_ = State::Closed;
-  const std::unique_ptr<Message> message = std::move(message_);
-  size_ = 0;
-  const std::size_t size = message->ByteSizeLong();
-  common::Bytes payload(size > std::numeric_limits<int>::max() ? 0 : size);
-  if (!message->SerializeToArray(payload.data(), static_cast<int>(payload.size()))) {
+  const std::unique_ptr<Batch> batch = std::move(batch_);
+  const std::size_t size = std::exchange(size_, 0);
+  if (size > std::numeric_limits<int>::max()) {
     throw DataFormatterException("DataFormatter::Finish: Failed to serialize protobuf message.");
   }
-  if (message->has_agent()) {
+  common::Bytes payload;
+  payload.reserve(size);
+  const auto add = [&payload](const std::string& bytes) { payload.insert(payload.end(), bytes.begin(), bytes.end()); };
+  // In the order of the fields' numbers, as a message is serialised.
+  add(batch->header);
+  std::array<const Elements*, std::tuple_size_v<decltype(batch->kinds)>> kinds{};
+  std::transform(batch->kinds.begin(), batch->kinds.end(), kinds.begin(), [](const Elements& kind) { return &kind; });
+  std::sort(kinds.begin(), kinds.end(), [](const auto* one, const auto* other) { return one->field < other->field; });
+  for (const Elements* kind : kinds) add(kind->bytes);
+  add(batch->number);
+  if (!batch->header.empty()) {
     finished_number_ = sequence_number_;
     is_number_unsaved_ = true;
   }
@@ -138,7 +159,7 @@ void DataFormatter::OnStored() {
 }
 
 void DataFormatter::Clear() {
-  message_ = std::make_unique<Message>();
+  batch_ = std::make_unique<Batch>();
   size_ = 0;
   state_ = State::Open;
 }
@@ -146,16 +167,20 @@ void DataFormatter::Clear() {
 void DataFormatter::AddHeader() {
   const std::int64_t boot_time = UpdateBootTime();
   const common::CommonConfig& common = config_.GetCommon();
-  wire::Agent& agent = *message_->mutable_agent();
+  wire::IoCEvent header;
+  wire::Agent& agent = *header.mutable_agent();
   agent.set_customerid(common::util::ReplaceInvalidUtf8(common.GetCustomerId()));
   agent.set_agentid(common::util::ReplaceInvalidUtf8(common.GetAgentId()));
   agent.set_computername(common::util::ReplaceInvalidUtf8(Poco::Environment::nodeName()));
   agent.set_platform("LINUX");
   agent.set_isquarantine(config_.IsHostQuarantined());
   agent.set_boottime(boot_time);
-  message_->set_sequenceno(static_cast<std::uint64_t>(++sequence_number_));
-  message_->set_protofileid(Poco::UUIDGenerator::defaultGenerator().createRandom().toString());
-  size_ = message_->ByteSizeLong();
+  header.set_protofileid(Poco::UUIDGenerator::defaultGenerator().createRandom().toString());
+  batch_->header = header.SerializeAsString();
+  wire::IoCEvent number;
+  number.set_sequenceno(static_cast<std::uint64_t>(++sequence_number_));
+  batch_->number = number.SerializeAsString();
+  size_ = batch_->header.size() + batch_->number.size();
 }
 
 std::int64_t DataFormatter::UpdateBootTime() {

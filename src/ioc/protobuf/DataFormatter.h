@@ -7,10 +7,6 @@
 
 #include "common/src/storage/DataFormatter.h"
 
-namespace com::ostrel::ioc::model::proto::event {
-class IoCEvent;
-}
-
 namespace zagent::common {
 class SqlStorage;
 }
@@ -48,7 +44,7 @@ class DataFormatter final : public common::DataFormatter {
 
  private:
   enum class State { Closed, Open };
-  using Message = com::ostrel::ioc::model::proto::event::IoCEvent;
+  struct Batch;
 
   void AddHeader();
   // When the machine was started, in seconds since the epoch. Remembered in the snapshot when it is another one than
@@ -62,7 +58,7 @@ class DataFormatter final : public common::DataFormatter {
   std::int64_t finished_number_ = 0;
   common::SqlStorage& snapshot_;
   const std::string proc_root_;
-  std::unique_ptr<Message> message_;
+  std::unique_ptr<Batch> batch_;
   std::size_t size_ = 0;
   State state_ = State::Open;
 };
