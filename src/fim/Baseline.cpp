@@ -46,15 +46,15 @@ void Baseline::Load() {
   for (common::Bytes row = rows.Next(); !row.empty(); row = rows.Next()) {
     common::Serializer columns(row);
     std::string path = columns.GetString();
-    if (HasRoomFor(path)) Remember(std::move(path));
+    if (HasRoomFor(path)) Remember(known_, std::move(path));
   }
 }
 
 bool Baseline::Begin(const std::string& path) {
   const std::lock_guard lock(mutex_);
-  if (paths_.count(path) != 0) return false;
+  if (known_.count(path) != 0 || begun_.count(path) != 0) return false;
   if (HasRoomFor(path)) {
-    Remember(path);
+    Remember(begun_, path);
     return true;
   }
   WarnOnceADay();
@@ -63,17 +63,30 @@ bool Baseline::Begin(const std::string& path) {
 
 void Baseline::NoteSpooled(const std::string& path, const std::string& content_status) {
   const std::lock_guard lock(mutex_);
+  known_.insert(begun_.extract(path));
   spooled_.push_back({path, content_status});
 }
 
 void Baseline::GiveUp(const std::string& path) {
   const std::lock_guard lock(mutex_);
-  Forget(path);
+  Forget(begun_, path);
 }
 
 void Baseline::GiveUpSpooled() {
   const std::lock_guard lock(mutex_);
-  for (const SpooledFile& file : std::exchange(spooled_, {})) Forget(file.path);
+  for (const SpooledFile& file : std::exchange(spooled_, {})) Forget(known_, file.path);
+}
+
+void Baseline::ForgetFiled() {
+  const std::lock_guard lock(mutex_);
+  for (const std::string& path : known_) path_bytes_ -= path.size();
+  known_ = {};
+  spooled_ = {};
+  try {
+    ChangeTable([this] { storage_->Clear(); });
+  } catch (const std::exception& error) {
+    ZLOG_ERROR("Baseline: Failed to forget the files: " << error.what());
+  }
 }
 
 void Baseline::KeepFiled() {
@@ -81,8 +94,7 @@ void Baseline::KeepFiled() {
   if (spooled_.empty()) return;
   const std::vector<SpooledFile> files = std::exchange(spooled_, {});
   try {
-    if (storage_ == nullptr) Open();
-    WriteRows(files);
+    ChangeTable([&] { WriteRows(files); });
     ZLOG_DEBUG("Baseline: Remembered " << files.size() << " files");
   } catch (const std::exception& error) {
     ZLOG_ERROR("Baseline: Failed to remember " << files.size() << " files, the first of them " << files.front().path
@@ -90,44 +102,46 @@ void Baseline::KeepFiled() {
   }
 }
 
-void Baseline::WriteRows(const std::vector<SpooledFile>& files) {
-  const auto write = [&] {
-    common::SqlStorage::Rows rows;
-    for (const auto& [path, status] : files) rows.emplace_back(path, storage_->MakeRow(path, status));
-    storage_->Write(BaselineEventSqlDataFormatter::kTable, rows);
-  };
+void Baseline::ChangeTable(const std::function<void()>& change) {
+  if (storage_ == nullptr) Open();
   try {
-    write();
+    change();
   } catch (const common::StorageException& error) {
     if (!storage_->IsDamaged()) throw;
     BeginAnew(error.what());
-    write();
+    change();
   }
 }
 
-void Baseline::Remember(std::string path) {
-  path_bytes_ += path.size();
-  paths_.insert(std::move(path));
+void Baseline::WriteRows(const std::vector<SpooledFile>& files) {
+  common::SqlStorage::Rows rows;
+  for (const auto& [path, status] : files) rows.emplace_back(path, storage_->MakeRow(path, status));
+  storage_->Write(BaselineEventSqlDataFormatter::kTable, rows);
 }
 
-void Baseline::Forget(const std::string& path) {
-  if (paths_.erase(path) != 0) path_bytes_ -= path.size();
+void Baseline::Remember(std::unordered_set<std::string>& paths, std::string path) {
+  path_bytes_ += path.size();
+  paths.insert(std::move(path));
+}
+
+void Baseline::Forget(std::unordered_set<std::string>& paths, const std::string& path) {
+  if (paths.erase(path) != 0) path_bytes_ -= path.size();
 }
 
 bool Baseline::HasRoomFor(const std::string& path) const {
-  return paths_.size() < bounds_.paths && path_bytes_ + path.size() <= bounds_.bytes;
+  return begun_.size() + known_.size() < bounds_.paths && path_bytes_ + path.size() <= bounds_.bytes;
 }
 
 void Baseline::WarnOnceADay() {
   const common::util::Clock::SteadyTime now = clock_.SteadyNow();
   if (warned_ && now < *warned_ + std::chrono::hours(24)) return;
   warned_ = now;
-  ZLOG_WARNING("Baseline: " << paths_.size() << " files are known, no further baseline is taken");
+  ZLOG_WARNING("Baseline: " << begun_.size() + known_.size() << " files are known, no further baseline is taken");
 }
 
 std::size_t Baseline::GetSize() const {
   const std::lock_guard lock(mutex_);
-  return paths_.size();
+  return begun_.size() + known_.size();
 }
 
 std::size_t Baseline::GetBytes() const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -18,7 +19,8 @@ namespace zagent::fim::internal {
 //
 // A baseline is on its way from Begin on. It is in the table once its document is in a file of the spool: a kill in
 // between takes both, and the next run takes the baseline again. Where the spool drops the document, the next event
-// does.
+// does. When the spool's files are cleared, nobody knows which documents were in them and which were sent: all
+// baselines are taken again. What a full spool drops stays known: to take all again would fill it further.
 //
 // Bounds: 200,000 paths and 64 MiB of them. Beyond that no path is taken any more, with one warning a day.
 //
@@ -54,6 +56,9 @@ class Baseline {
   void KeepFiled();
   // What NoteSpooled was told of since the last KeepFiled may be in no file and never will be: as GiveUp.
   void GiveUpSpooled();
+  // The spool's files are about to go: what KeepFiled was told of, by earlier runs too, is wanted again. Where the rows
+  // cannot be deleted, the next start counts it as known.
+  void ForgetFiled();
 
   // Files that are known, or whose baseline is on its way.
   [[nodiscard]] std::size_t GetSize() const;
@@ -71,8 +76,10 @@ class Baseline {
   void Load();
   void BeginAnew(const std::string& reason);
   void WriteRows(const std::vector<SpooledFile>& files);
-  void Remember(std::string path);
-  void Forget(const std::string& path);
+  // Makes a change of the table, in a new one when this one turns out to be damaged.
+  void ChangeTable(const std::function<void()>& change);
+  void Remember(std::unordered_set<std::string>& paths, std::string path);
+  void Forget(std::unordered_set<std::string>& paths, const std::string& path);
   [[nodiscard]] bool HasRoomFor(const std::string& path) const;
   void WarnOnceADay();
 
@@ -81,9 +88,10 @@ class Baseline {
   const Bounds bounds_;
   mutable std::mutex mutex_;
   std::unique_ptr<common::SqlStorage> storage_;  // null once a damaged one could not be replaced
-  std::unordered_set<std::string> paths_;        // known, or on their way
-  std::size_t path_bytes_ = 0;
-  std::vector<SpooledFile> spooled_;  // no more than the spool's cache holds
+  std::unordered_set<std::string> begun_;        // on their way to the spool
+  std::unordered_set<std::string> known_;        // in the spool, or in the table
+  std::size_t path_bytes_ = 0;                   // of both
+  std::vector<SpooledFile> spooled_;             // no more than the spool's cache holds
   std::optional<common::util::Clock::SteadyTime> warned_;
 };
 

@@ -56,6 +56,7 @@ Component::Component(std::chrono::system_clock::time_point /*start_time*/, std::
   baseline_ = std::make_unique<internal::Baseline>(WorkingDirectory(base_directory), clock);
   storage_->SetFiledCallback([this] { baseline_->KeepFiled(); });
   storage_->SetDroppedCallback([this] { baseline_->GiveUpSpooled(); });
+  storage_->SetClearingCallback([this] { baseline_->ForgetFiled(); });
   processor_ = std::make_unique<internal::EventProcessor>(rules_, *storage_, *baseline_, *digests_, health_, clock);
   manager_ = std::make_unique<internal::EventRuleManager>(
       *config_, engine, rules_, health_,

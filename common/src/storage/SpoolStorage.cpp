@@ -153,6 +153,10 @@ void SpoolStorage::SetDroppedCallback(std::function<void()> callback) {
   worker_->SetDroppedCallback(std::move(callback));
 }
 
+void SpoolStorage::SetClearingCallback(std::function<void()> callback) {
+  worker_->SetClearingCallback(std::move(callback));
+}
+
 void SpoolStorage::Update(const Limits& limits) {
   if (limits.max_disk_size_mib == 0) {
     ZLOG_WARNING("SpoolStorage::Update: Ignoring invalid max disk size setting");

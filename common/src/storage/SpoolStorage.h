@@ -76,6 +76,9 @@ class SpoolStorage final : public Storage {
   // Called likewise when items of the cache are lost (ClearAsync, or a batch that cannot be serialised): those whose
   // write was answered with success since the last of the two callbacks may be in no file. To be set with the other.
   void SetDroppedCallback(std::function<void()> callback);
+  // Called likewise when ClearAsync is about to delete files, those of earlier runs too: what was told of as filed may
+  // be in none from then on. A kill before the call has returned leaves the files. To be set with the others.
+  void SetClearingCallback(std::function<void()> callback);
 
   // New limits, applied as a task; a value of 0 is ignored with a warning. Never refused: limits that come while
   // others wait join them.

@@ -81,6 +81,7 @@ bool SpoolWorker::Clear() {
   formatter_->Clear();
   CountHeldBytes();
   if (drops && dropped_) dropped_();
+  if (files_.FirstIndex() != 0 && clearing_) clearing_();
   return files_.Clear();
 }
 

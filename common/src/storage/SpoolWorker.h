@@ -32,6 +32,9 @@ class SpoolWorker {
   // Called when something of what was in the cache is lost: by Clear, or because it could not be serialised.
   void SetDroppedCallback(std::function<void()> callback) { dropped_ = std::move(callback); }
 
+  // Called by Clear before it deletes files.
+  void SetClearingCallback(std::function<void()> callback) { clearing_ = std::move(callback); }
+
   // Takes one item into the cache, which becomes a file first when the item would make it larger than one file.
   // The result is that of the file, if there was one. Within a second of a file that could not be written a full cache
   // refuses without asking the disk, which has said why: producers may come thousands of times a second.
@@ -67,6 +70,7 @@ class SpoolWorker {
   const std::function<void(std::uint64_t)> schedule_sync_;
   std::function<void()> filed_;
   std::function<void()> dropped_;
+  std::function<void()> clearing_;
   util::Clock& clock_;
   SpoolFiles files_;
   // The payload of a flush that failed: it is tried again before the next one, so there is never more than one.

@@ -99,6 +99,39 @@ TEST_F(BaselineTest, WhatTheSpoolThrewAwayIsWantedAgain) {
   EXPECT_TRUE(Wants(*baseline, "/srv/dropped")) << "it was told of as filed";
 }
 
+TEST_F(BaselineTest, WhatWasInTheSpoolsFilesIsWantedAgainWhenTheyAreCleared) {
+  Take(*Open(), "/srv/earlier");
+  {
+    const auto baseline = Open({.paths = 3, .bytes = 100});
+    Take(*baseline, "/srv/filed");
+    ASSERT_TRUE(baseline->Begin("/srv/on_its_way"));
+    baseline->ForgetFiled();
+    EXPECT_EQ(baseline->GetSize(), 1U);
+    EXPECT_EQ(baseline->GetBytes(), std::string("/srv/on_its_way").size());
+    EXPECT_TRUE(Wants(*baseline, "/srv/earlier"));
+    EXPECT_TRUE(Wants(*baseline, "/srv/filed"));
+    EXPECT_FALSE(Wants(*baseline, "/srv/on_its_way")) << "it comes to the spool behind the clearing";
+    baseline->NoteSpooled("/srv/on_its_way", "READ_SUCCESSFUL");
+    baseline->KeepFiled();
+    EXPECT_FALSE(Wants(*baseline, "/srv/on_its_way"));
+  }
+  const auto baseline = Open();
+  EXPECT_TRUE(Wants(*baseline, "/srv/earlier"));
+  EXPECT_TRUE(Wants(*baseline, "/srv/filed"));
+  EXPECT_FALSE(Wants(*baseline, "/srv/on_its_way"));
+}
+
+TEST_F(BaselineTest, ATableThatIsDamagedWhenItIsToBeForgottenBeginsAnew) {
+  {
+    const auto baseline = Open();
+    Take(*baseline, "/srv/a");
+    Overwrite(0, std::filesystem::file_size(Database()));
+    baseline->ForgetFiled();
+  }
+  EXPECT_TRUE(std::filesystem::exists(Database() + ".damaged"));
+  EXPECT_EQ(Open()->GetSize(), 0U);
+}
+
 TEST_F(BaselineTest, OnlyWhatIsInAFileOfTheSpoolIsKnownAfterAKill) {
   const auto baseline = Open();
   for (const char* path : {"/srv/filed", "/srv/cached", "/srv/queued"}) ASSERT_TRUE(baseline->Begin(path));

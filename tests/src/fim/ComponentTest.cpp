@@ -233,6 +233,43 @@ TEST_F(ComponentTest, ABaselineThatIsClearedOutOfTheCacheIsTakenAgain) {
   EXPECT_EQ(Json(folder_.Read("fim/events/fim.0001")).At("events", 0, "eventAction"), "Baseline");
 }
 
+TEST_F(ComponentTest, ABaselineThatIsClearedWithTheSpoolsFilesIsTakenAgain) {
+  TrackContent();
+  Make();
+  Deliver("/srv/watched/file");
+  ASSERT_TRUE(PassTimeUntil([&] { return !SpoolFiles().empty(); }));
+  const std::vector<std::string> manifests = section_.manifests;
+  section_.manifests.clear();
+  Update();
+  ASSERT_TRUE(PassTimeUntil([&] { return log_.Has("[FIM]: Successfully cleared spool storage"); }));
+  ASSERT_TRUE(SpoolFiles().empty());
+  section_.manifests = manifests;
+  Update();
+  Deliver("/srv/watched/file");
+  component_.reset();
+  ASSERT_EQ(SpoolFiles().size(), 1U);
+  EXPECT_EQ(Json(folder_.Read("fim/events/fim.0001")).At("events", 0, "eventAction"), "Baseline");
+}
+
+TEST_F(ComponentTest, ABaselineThatWasSentBeforeTheSpoolIsClearedIsNotTakenAgain) {
+  TrackContent();
+  section_.upload_interval = 30;
+  Make();
+  Deliver("/srv/watched/file");
+  ASSERT_TRUE(PassTimeUntilUploads(1));
+  ASSERT_TRUE(PassTimeUntil([&] { return SpoolFiles().empty(); }));
+  const std::vector<std::string> manifests = section_.manifests;
+  section_.manifests.clear();
+  Update();
+  ASSERT_TRUE(PassTimeUntil([&] { return log_.Has("[FIM]: Successfully cleared spool storage"); }));
+  section_.manifests = manifests;
+  Update();
+  Deliver("/srv/watched/file");
+  component_.reset();
+  ASSERT_EQ(SpoolFiles().size(), 1U);
+  EXPECT_EQ(Json(folder_.Read("fim/events/fim.0001")).At("events", 0, "eventAction"), "Create");
+}
+
 TEST_F(ComponentTest, AStopEndsAnUploadInFlightAndKeepsItsFile) {
   LeaveInSpool("fim.0001", R"({"events":[]})");
   hold_uploads_ = true;

@@ -163,6 +163,21 @@ TEST_F(SpoolWorkerTest, TellsWhenAnythingThatItHeldIsThrownAway) {
   EXPECT_EQ(told, "dropped dropped dropped filed ") << "what is in files was told of already";
 }
 
+TEST_F(SpoolWorkerTest, TellsThatItsFilesAreClearedWhileTheyAreStillThere) {
+  std::vector<std::string> told;
+  worker_.SetClearingCallback([&] { told.push_back(Files()); });
+  Add("one");
+  worker_.Clear();
+  EXPECT_TRUE(told.empty()) << "there was no file";
+  Add("two");
+  worker_.Sync();
+  EXPECT_TRUE(worker_.Clear());
+  EXPECT_EQ(told, std::vector<std::string>{"two"});
+  EXPECT_EQ(Files(), "");
+  worker_.Clear();
+  EXPECT_EQ(told.size(), 1U);
+}
+
 TEST_F(SpoolWorkerTest, WhatIsDroppedIsToldBeforeTheNextItemIsTaken) {
   std::uint64_t held = 1;
   worker_.SetDroppedCallback([&] { held = 0; });
