@@ -1,18 +1,18 @@
-// Random operations against a model of the spool that knows no indices: a queue of payloads, a cache, a payload that
-// the disk refused. OSTREL_PROPERTY_STEPS is the number of operations (scripts/soak spool: 100,000).
+// Random operations against a model of the spool: numbered payloads, a cache, a payload that the disk refused.
+// OSTREL_PROPERTY_STEPS is the number of operations (scripts/soak spool: 100,000).
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <deque>
 #include <filesystem>
 #include <map>
 #include <memory>
 #include <random>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/src/storage/SpoolStorage.h"
@@ -32,7 +32,8 @@ using fakes::ToText;
 
 constexpr std::uint64_t kKib = 1024;
 constexpr std::uint64_t kDiskSize = 1024 * kKib;
-constexpr std::uint64_t kMaxFileCount = 31;   // thirty names
+constexpr std::uint64_t kMaxFileCount = 31;
+constexpr std::uint64_t kNames = kMaxFileCount - 1;
 constexpr std::chrono::seconds kAge{21'600};  // more than all rests between two syncs
 constexpr std::chrono::seconds kRetryPause{1};
 
@@ -46,7 +47,7 @@ class Model {
  public:
   std::uint64_t max_file_size = 64 * kKib;
   bool disk_full = false;
-  std::deque<std::string> files;
+  std::map<std::uint64_t, std::string> files;  // by index
   std::chrono::milliseconds now{0};
 
   enum class Outcome { Cached, Filed, Failed, Refused };
@@ -69,6 +70,8 @@ class Model {
     return Store();
   }
 
+  void DropOldest() { files.erase(files.begin()); }
+
   void Clear() {
     files.clear();
     cache_.clear();
@@ -78,7 +81,7 @@ class Model {
   [[nodiscard]] bool HasUnfiled() const { return !cache_.empty() || !refused_by_disk_.empty(); }
   [[nodiscard]] std::uint64_t Usage() const {
     std::uint64_t usage = 0;
-    for (const std::string& file : files) usage += file.size();
+    for (const auto& [index, text] : files) usage += text.size();
     return usage;
   }
   [[nodiscard]] bool HasFreeSpace() const { return max_file_size + Usage() < kDiskSize; }
@@ -86,20 +89,29 @@ class Model {
  private:
   // Makes a file of refused_by_disk_.
   bool Store() {
-    const bool names_left = files.size() < kMaxFileCount - 1;
-    if (!names_left) files.pop_front();
+    if (LastIndex() == kNames) CloseGaps();
+    if (LastIndex() == kNames) {
+      DropOldest();
+      CloseGaps();
+    }
     if (disk_full) {
       failed_at_ = now;
       return false;
     }
-    files.push_back(std::move(refused_by_disk_));
-    refused_by_disk_.clear();
-    if (Usage() >= kDiskSize) {
-      do {
-        files.pop_front();
-      } while (files.size() > 1 && !HasFreeSpace());
-    }
+    files[LastIndex() + 1] = std::exchange(refused_by_disk_, "");
+    if (Usage() < kDiskSize) return true;
+    const bool all_names_taken = files.begin()->first == 1 && LastIndex() == kNames;
+    do {
+      DropOldest();
+    } while (!all_names_taken && files.size() > 1 && !HasFreeSpace());
     return true;
+  }
+
+  [[nodiscard]] std::uint64_t LastIndex() const { return files.empty() ? 0 : files.rbegin()->first; }
+  void CloseGaps() {
+    std::map<std::uint64_t, std::string> dense;
+    for (auto& [index, text] : files) dense[dense.size() + 1] = std::move(text);
+    files = std::move(dense);
   }
 
   std::string cache_;
@@ -163,7 +175,7 @@ class SpoolPropertyTest : public ::testing::Test {
     if (model_.files.empty()) {
       EXPECT_EQ(result->code, StorageCode::NotFound);
     } else {
-      EXPECT_EQ(ToText(result->data), model_.files.front());
+      EXPECT_EQ(ToText(result->data), model_.files.begin()->second);
       read_ = std::move(result);
     }
   }
@@ -171,9 +183,9 @@ class SpoolPropertyTest : public ::testing::Test {
   // Deletes what was read last, which may be gone by now.
   void Delete() {
     if (!read_) return;
-    const bool there = !model_.files.empty() && model_.files.front() == ToText(read_->data);
+    const bool there = !model_.files.empty() && model_.files.begin()->second == ToText(read_->data);
     EXPECT_EQ(spool_->Delete(std::move(read_)), there);
-    if (there) model_.files.pop_front();
+    if (there) model_.DropOldest();
   }
 
   void Clear() {
@@ -252,13 +264,16 @@ class SpoolPropertyTest : public ::testing::Test {
     }
     spool_.reset();
     model_.files.clear();
-    for (const auto& [path, text] : Content()) model_.files.push_back(text);
+    const std::map<std::string, std::string> content = Content();
+    for (std::uint64_t index = 1; index <= kNames; ++index) {
+      if (const auto file = content.find(PathOf(index)); file != content.end()) model_.files[index] = file->second;
+    }
     Open();
   }
 
   void MeddleOnce() {
     const std::vector<std::string> names = Names();
-    const std::string new_name = PathOf(1 + Below(kMaxFileCount - 1));
+    const std::string new_name = PathOf(1 + Below(kNames));
     const bool is_free = !std::filesystem::exists(new_name);
     switch (Below(3)) {
       case 0:
@@ -278,7 +293,7 @@ class SpoolPropertyTest : public ::testing::Test {
   }
   [[nodiscard]] std::vector<std::string> Names() const {
     std::vector<std::string> names;
-    for (std::uint64_t index = 1; index < kMaxFileCount; ++index) {
+    for (std::uint64_t index = 1; index <= kNames; ++index) {
       if (std::filesystem::exists(PathOf(index))) names.push_back(PathOf(index));
     }
     return names;
@@ -290,13 +305,15 @@ class SpoolPropertyTest : public ::testing::Test {
   }
 
   void Check() {
-    std::deque<std::string> files;
-    for (const auto& [path, text] : Content()) files.push_back(text);
-    EXPECT_EQ(files.size(), model_.files.size());
-    const auto [file, expected] = std::mismatch(files.begin(), files.end(), model_.files.begin(), model_.files.end());
-    EXPECT_TRUE(files == model_.files) << "file " << file - files.begin() << " of " << files.size() << " begins with '"
-                                       << (file != files.end() ? file->substr(0, 20) : "") << "' instead of '"
-                                       << (expected != model_.files.end() ? expected->substr(0, 20) : "") << "'";
+    std::map<std::string, std::string> expected;
+    for (const auto& [index, text] : model_.files) expected[PathOf(index)] = text;
+    const std::map<std::string, std::string> files = Content();
+    EXPECT_EQ(files.size(), expected.size());
+    const auto [file, wanted] = std::mismatch(files.begin(), files.end(), expected.begin(), expected.end());
+    const auto tell = [](const auto& entry, const auto& end) {
+      return entry == end ? "nothing" : entry->first + " that begins with '" + entry->second.substr(0, 20) + "'";
+    };
+    EXPECT_TRUE(files == expected) << tell(file, files.end()) << " instead of " << tell(wanted, expected.end());
     for (const std::string& name : foreign_) EXPECT_EQ(folder_.Read(name), "foreign " + name);
   }
 
