@@ -45,18 +45,19 @@ class FileRule final : public edr::EventRule {
   const edr::EventTypes actions_{edr::EventType::Create, edr::EventType::Write};
 };
 
+}  // namespace
+
 // Between fork and _exit nothing may be called that takes a lock: another thread may have held it. A pipe in the place
 // of the file must not hold up who opens it.
-int OpenForWriting(const char* path) {
+int LifeSign::OpenForWriting(const char* path) {
   return open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kFileMode);
 }
 
-}  // namespace
-
-LifeSign::LifeSign(const std::string& directory, edr::EventRuleEngine& engine)
+LifeSign::LifeSign(const std::string& directory, edr::EventRuleEngine& engine, Open open)
     : path_((directory.ends_with('/') ? directory : directory + "/") + kFileName),
       engine_(engine),
-      rule_(std::make_shared<const FileRule>(path_)) {
+      rule_(std::make_shared<const FileRule>(path_)),
+      open_in_child_(open) {
   engine_.RegisterEventHandlers(
       kTag, [](const auto&, const edr::Event&) {}, [this] { AddRule(); });
   AddRule();
@@ -99,7 +100,7 @@ bool LifeSign::Give() {
   if (!has_rule_) AddRule();
   if (!has_rule_ || !MakeFile()) return false;
   const pid_t child = fork();
-  if (child == 0) _exit(OpenForWriting(path_.c_str()) < 0 ? 1 : 0);
+  if (child == 0) _exit(open_in_child_(path_.c_str()) < 0 ? 1 : 0);
   if (child < 0) {
     ZLOG_DEBUG("Proof of life: Failed to make a process: " << ErrnoText(errno));
     return false;

@@ -25,11 +25,12 @@ class LifeSign {
   static constexpr const char* kFileName = "edr-proof-of-life";
 
   // Makes the file in `directory` and adds the rule. A failure is logged, and tried again by Give. `engine` outlives
-  // this object.
-  LifeSign(const std::string& directory, edr::EventRuleEngine& engine);
+  // this object. `open` is what the child does, between fork and _exit: the descriptor, or -1.
+  using Open = int (*)(const char* path);
+  LifeSign(const std::string& directory, edr::EventRuleEngine& engine, Open open = OpenForWriting);
   LifeSign(const LifeSign&) = delete;
   LifeSign& operator=(const LifeSign&) = delete;
-  // Takes the rule away; the file stays.
+  // Takes the rule away, and ends a child that hangs; the file stays.
   ~LifeSign();
 
   // Does the deed, without waiting for it to be done. False when there is no file or no rule on it, no child is to be
@@ -39,6 +40,7 @@ class LifeSign {
   [[nodiscard]] bool IsSign(const edr::Event& event) const;
 
  private:
+  static int OpenForWriting(const char* path);
   [[nodiscard]] bool MakeFile() const;
   void AddRule();
   bool HasChild();
@@ -46,6 +48,7 @@ class LifeSign {
   const std::string path_;
   edr::EventRuleEngine& engine_;
   const std::shared_ptr<const edr::EventRule> rule_;
+  const Open open_in_child_;
   std::atomic<bool> has_rule_{false};
   pid_t child_ = 0;  // 0: none
 };

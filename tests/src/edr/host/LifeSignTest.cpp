@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -136,6 +137,17 @@ TEST_F(LifeSignTest, APipeInThePlaceOfTheFileHoldsNobodyUp) {
   const common::util::UniqueFd reader(open(file_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));  // lets go who waits
   giving.join();
   EXPECT_FALSE(is_given);
+}
+
+TEST_F(LifeSignTest, AChildThatHangsIsNotAskedAgainAndEndsWithTheSign) {
+  std::optional<LifeSign> sign(std::in_place, folder_.Path(), engine_, [](const char*) { return pause(); });
+  ASSERT_TRUE(sign->Give());
+  EXPECT_FALSE(sign->Give());
+  sign.reset();
+  int status = 0;
+  bool is_killed = false;
+  while (waitpid(-1, &status, 0) > 0) is_killed = is_killed || (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+  EXPECT_TRUE(is_killed);
 }
 
 TEST_F(LifeSignTest, KnowsTheFileByItsPathAndByTheKernelsKey) {
