@@ -4,6 +4,7 @@
 
 #include "common/src/util/Log.h"
 #include "src/audit/routing/EventGuard.h"
+#include "src/edr/process/EventBytes.h"
 
 namespace zagent::audit::internal {
 namespace {
@@ -112,8 +113,9 @@ void EventRouter::PassOn(std::unique_ptr<edr::Event>&& event, EventSource source
     stops_.deliver(*event, twin.get());
     return;
   }
+  const std::uint64_t twin_bytes = twin ? edr::EstimateBytes(*twin) : 0;
   if (twin) twins_[event.get()] = std::move(twin);
-  file_events_.Add(std::move(event));
+  file_events_.Add(std::move(event), twin_bytes);
 }
 
 // The kernel's exclusions end with a process of the program's own family, which the tree need not know.

@@ -30,10 +30,10 @@ void FileEventCache::Leave(std::int32_t pid, const Queue& queue) {
   crowded_.erase(front);
 }
 
-void FileEventCache::Add(std::unique_ptr<edr::Event> event) {
+void FileEventCache::Add(std::unique_ptr<edr::Event> event, std::uint64_t more_bytes) {
   const std::int32_t pid = event->GetActorProcessId();
   Queue& queue = queues_[pid];
-  const std::uint64_t bytes = edr::EstimateBytes(*event);
+  const std::uint64_t bytes = edr::EstimateBytes(*event) + more_bytes;
   queue.push_back({next_number_++, std::move(event), bytes});
   ++size_;
   bytes_ += bytes;

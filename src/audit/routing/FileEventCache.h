@@ -37,8 +37,9 @@ class FileEventCache {
 
   FileEventCache(common::util::Clock& clock, Limits limits) : clock_(clock), limits_(limits) {}
 
-  // Appends to the queue of the event's process. The event must not be null.
-  void Add(std::unique_ptr<edr::Event> event);
+  // Appends to the queue of the event's process. The event must not be null. `more_bytes` are held elsewhere as long as
+  // it rests, and count as its own.
+  void Add(std::unique_ptr<edr::Event> event, std::uint64_t more_bytes = 0);
 
   // Takes out what is due, oldest first, at most `portion` events. Cheap while nothing is due: made to be called for
   // every event.

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "src/edr/EventRuleEngine.h"
+#include "src/edr/process/EventBytes.h"
 #include "src/edr/process/StatHelper.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeEvent.h"
@@ -156,6 +157,16 @@ TEST_F(EventRouterTest, DropsTheProgramsOwnActivityByWhatItWasOnItsWayIn) {
 }
 
 // --- an event of two paths: its twin has the id plus 100
+
+TEST_F(EventRouterTest, ATwinCountsAmongWhatRests) {
+  find_twin_ = [this](const edr::Event& event) { return event.GetId() == 1 ? Event(101) : nullptr; };
+  router_.Process(Event(1));
+  EXPECT_EQ(router_.GetRestingBytes(), 2 * edr::kOrdinaryEventBytes);
+  router_.Process(Event(2));
+  EXPECT_EQ(router_.GetRestingBytes(), 3 * edr::kOrdinaryEventBytes);
+  router_.DeliverRest(1s);
+  EXPECT_EQ(router_.GetRestingBytes(), 0U);
+}
 
 TEST_F(EventRouterTest, DeliversATwinTogetherWithItsEvent) {
   find_twin_ = [this](const edr::Event& event) { return Event(event.GetId() + 100, event.GetObjectType()); };
