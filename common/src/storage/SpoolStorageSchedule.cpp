@@ -38,8 +38,11 @@ std::uint64_t SpoolStorageSchedule::AddTask(Task&& task, std::uint64_t bytes, st
 
 void SpoolStorageSchedule::ScheduleSync(std::uint64_t seconds) {
   next_sync_.Set(std::chrono::seconds(seconds));
-  Recheck();
-  FireOnFinished();
+  // A run looks at the time before it sleeps, and the Scheduler hears of it when the run ends.
+  if (!IsOwnThread()) {
+    Recheck();
+    FireOnFinished();
+  }
   ZLOG_DEBUG("SpoolStorageSchedule: Cache sync scheduled after " << seconds << " seconds.");
 }
 

@@ -1,7 +1,9 @@
 #include "common/src/tasks/TaskSchedule.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <exception>
+#include <iterator>
 #include <memory>
 
 #include "common/src/tasks/Scheduler.h"
@@ -23,6 +25,11 @@ void TaskSchedule::Guarded(Operation&& operation) {
   } catch (const std::exception& error) {
     LogFailure(error);
   }
+}
+
+void TaskSchedule::Run(Task& task) {
+  Guarded(task);
+  task = nullptr;
 }
 
 TaskSchedule::TaskSchedule(std::uint64_t idle_seconds, util::Clock& clock)
@@ -75,15 +82,16 @@ std::uint64_t TaskSchedule::Enqueue(Task&& task, std::uint64_t bytes, std::uint6
     ReportRefusals(lock);
     return kRefused;
   }
-  Entry& entry = tasks_.emplace_back();
   const std::uint64_t number = ++last_number_;
+  Entry& entry = BlockForNext().emplace_back();
   entry.number = number;
   entry.bytes = bytes;
   entry.task = std::move(task);
+  ++queued_tasks_;
   waiting_bytes_ += bytes;
   const bool serving = serving_;
   // One wake-up, however many tasks come until the run is awake.
-  const bool is_filling = tasks_.size() >= kBatch || (limit != kNoLimit && waiting_bytes_ > limit / 2);
+  const bool is_filling = queued_tasks_ >= kBatch || (limit != kNoLimit && waiting_bytes_ > limit / 2);
   const bool ends_nap = napping_ && !hurry_ && (urgency == Urgency::Urgent || is_filling);
   if (ends_nap) hurry_ = true;
   const bool wake = std::exchange(asleep_, false) || ends_nap;
@@ -94,20 +102,31 @@ std::uint64_t TaskSchedule::Enqueue(Task&& task, std::uint64_t bytes, std::uint6
   return number;
 }
 
-std::uint64_t TaskSchedule::GetWaitingBytes() const {
-  const std::lock_guard lock(mutex_);
-  return waiting_bytes_;
+TaskSchedule::Block& TaskSchedule::BlockForNext() {
+  if (!queue_.empty()) {
+    Block& last = queue_.back();
+    // What a cancelled run still serves shares no block with what comes behind it.
+    const bool is_served = last_to_run_ && last.back().number <= *last_to_run_;
+    if (last.size() < kBlock && !is_served) return last;
+  }
+  Block& block = queue_.emplace_back(std::exchange(spare_, {}));
+  block.reserve(kBlock);
+  return block;
 }
 
 bool TaskSchedule::TakeBack(std::uint64_t number) {
   Entry removed;  // destroyed after the lock is gone
   const std::lock_guard lock(mutex_);
+  const auto block =
+      std::find_if(queue_.begin(), queue_.end(), [&](const Block& tasks) { return tasks.back().number >= number; });
+  if (block == queue_.end()) return false;
   const auto entry =
-      std::lower_bound(tasks_.begin(), tasks_.end(), number,
-                       [](const Entry& waiting, std::uint64_t wanted) { return waiting.number < wanted; });
-  if (entry == tasks_.end() || entry->number != number) return false;
+      std::find_if(block->begin(), block->end(), [&](const Entry& task) { return task.number == number; });
+  if (entry == block->end()) return false;
   removed = std::move(*entry);
-  tasks_.erase(entry);
+  block->erase(entry);
+  if (block->empty()) queue_.erase(block);
+  --queued_tasks_;
   waiting_bytes_ -= removed.bytes;
   return true;
 }
@@ -146,17 +165,20 @@ bool TaskSchedule::Await(const Scheduler& scheduler, Task&& task, std::uint64_t 
 }
 
 void TaskSchedule::Close() {
-  std::deque<Entry> left;
+  std::deque<Block> left;
   {
     std::unique_lock lock(mutex_);
     stop_requested_ = true;
-    left.swap(tasks_);
+    left.swap(queue_);
+    queued_tasks_ = 0;
     waiting_bytes_ = 0;
     next_warning_ = util::Clock::SystemTime::min();
     ReportRefusals(lock);
   }
   runner_ = std::this_thread::get_id();
-  for (; !left.empty(); left.pop_front()) Guarded(left.front().task);
+  for (; !left.empty(); left.pop_front()) {
+    for (Entry& entry : left.front()) Run(entry.task);
+  }
   runner_ = std::thread::id();
 }
 
@@ -178,16 +200,26 @@ void TaskSchedule::Serve() {
     serving_ = true;
     last_to_run_.reset();
   }
-  Task task;
-  Turn turn = AwaitTurn(task, false);
+  Turn turn = AwaitTurn(false);
   while (turn != Turn::Leave) {
     if (turn == Turn::Work) {
       Guarded([this] { Work(); });
     } else {
-      Guarded(task);
-      task = nullptr;
+      RunTaken();
     }
-    turn = AwaitTurn(task, turn == Turn::RunTask);
+    turn = AwaitTurn(turn == Turn::RunTasks);
+  }
+}
+
+void TaskSchedule::RunTaken() {
+  while (started_ < taken_.size()) {
+    if (IsCancelling()) {
+      const std::lock_guard lock(mutex_);
+      NoteCancel();
+    }
+    Entry& entry = taken_[started_++];
+    waiting_bytes_ -= entry.bytes;
+    Run(entry.task);
   }
 }
 
@@ -200,20 +232,28 @@ void TaskSchedule::EndRun() {
     asleep_ = false;
     napping_ = false;
     hurry_ = false;
-    more = !tasks_.empty();
+    if (started_ < taken_.size()) {
+      // A failure has left the run in the middle of them.
+      const auto rest = taken_.begin() + static_cast<std::ptrdiff_t>(started_);
+      queued_tasks_ += taken_.size() - started_;
+      queue_.emplace_front(std::make_move_iterator(rest), std::make_move_iterator(taken_.end()));
+    }
+    more = !queue_.empty();
   }
+  taken_.clear();
+  started_ = 0;
   // What this run leaves, the next one serves.
   if (more) RunNow();
   Schedule::Execute();
 }
 
-TaskSchedule::Turn TaskSchedule::AwaitTurn(Task& task, bool nap) {
+TaskSchedule::Turn TaskSchedule::AwaitTurn(bool nap) {
   std::unique_lock lock(mutex_);
   std::optional<util::Clock::SystemTime> idle_end;
   std::uint64_t rechecks = rechecks_;
   for (;;) {
     ReportRefusals(lock);
-    if (const std::optional<Turn> turn = NextTurn(task)) return *turn;
+    if (const std::optional<Turn> turn = NextTurn()) return *turn;
     if (policy_.idle && (!idle_end || rechecks != rechecks_)) idle_end = clock_.Now() + *policy_.idle;
     if (idle_end && *idle_end <= clock_.Now()) return Leave();
     rechecks = rechecks_;
@@ -225,29 +265,42 @@ TaskSchedule::Turn TaskSchedule::AwaitTurn(Task& task, bool nap) {
   }
 }
 
-std::optional<TaskSchedule::Turn> TaskSchedule::NextTurn(Task& task) {
+std::optional<TaskSchedule::Turn> TaskSchedule::NextTurn() {
   if (MustLeave()) return Leave();
-  if (!tasks_.empty()) {
-    task = std::move(tasks_.front().task);
-    waiting_bytes_ -= tasks_.front().bytes;
-    tasks_.pop_front();
-    return Turn::RunTask;
+  if (!queue_.empty()) {
+    TakeBlock();
+    return Turn::RunTasks;
   }
   const auto work_time = WorkTime();
   if (work_time && *work_time <= clock_.Now()) return Turn::Work;
   return std::nullopt;
 }
 
-bool TaskSchedule::MustLeave() {
-  if (!policy_.accept_until_close) {
+void TaskSchedule::TakeBlock() {
+  taken_.clear();
+  started_ = 0;
+  if (spare_.capacity() == 0) spare_.swap(taken_);
+  taken_.swap(queue_.front());
+  queue_.pop_front();
+  queued_tasks_ -= taken_.size();
+}
+
+void TaskSchedule::NoteCancel() {
+  if (!IsCancelling()) return;
+  if (policy_.accept_until_close) {
+    // What was queued before the cancel still runs; what its callbacks queue does not, or a run might never end.
+    if (!last_to_run_) last_to_run_ = last_number_;
+  } else {
     // OnCancel, which is on its way then, needs the mutex: a run that stayed until it came would keep it. No task is
     // accepted any more: none can slip in behind a run that leaves.
-    if (IsCancelling()) stop_requested_ = true;
-    return stop_requested_ && tasks_.empty();
+    stop_requested_ = true;
   }
-  // What was queued before the cancel still runs; what its callbacks queue does not, or a run might never end.
-  if (IsCancelling() && !last_to_run_) last_to_run_ = last_number_;
-  return last_to_run_ && (tasks_.empty() || tasks_.front().number > *last_to_run_);
+}
+
+bool TaskSchedule::MustLeave() {
+  NoteCancel();
+  if (!policy_.accept_until_close) return stop_requested_ && queue_.empty();
+  return last_to_run_ && (queue_.empty() || queue_.front().front().number > *last_to_run_);
 }
 
 TaskSchedule::Turn TaskSchedule::Leave() {
@@ -272,7 +325,7 @@ void TaskSchedule::Sleep(std::unique_lock<std::mutex>& lock, std::optional<util:
   const std::uint64_t rechecks = rechecks_;
   clock_.WaitUntil(wake_, lock, deadline, [this, rechecks] {
     // Said anew before each sleep: a task that woke the run may have been taken back.
-    asleep_ = tasks_.empty() && !stop_requested_ && !IsCancelling() && rechecks_ == rechecks;
+    asleep_ = queue_.empty() && !stop_requested_ && !IsCancelling() && rechecks_ == rechecks;
     return !asleep_;
   });
   asleep_ = false;

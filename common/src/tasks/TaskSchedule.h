@@ -14,6 +14,7 @@
 #include <thread>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "common/src/tasks/Schedule.h"
 #include "common/src/tasks/Task.h"
@@ -41,7 +42,8 @@ class TaskNotRunException : public std::runtime_error {
 //
 // Tasks are added, taken back and waited for from any thread. A task is destroyed right after it ran, or when it is
 // refused, taken back or left over at the end, never with a lock held: what it owns (an Answer) hears of each. What a
-// task throws (std::exception) is logged, and the next one runs.
+// task throws (std::exception) is logged, and the next one runs. The run takes tasks from the queue by the block, so
+// that a burst costs it a lock each kBlock tasks instead of one each.
 //
 // After Cancel every further task is refused; what was queued before still runs before the run under way ends. A base
 // of a class that must lose nothing chooses the other policy: it accepts until Close, a cancelled run serves what was
@@ -53,6 +55,7 @@ class TaskSchedule : public Schedule {
   static constexpr std::uint64_t kRefused = 0;  // no task has this number
   static constexpr std::chrono::milliseconds kNap{5};
   static constexpr std::size_t kBatch = 256;
+  static constexpr std::size_t kBlock = 32;
 
   // A run without tasks stays for `idle_seconds`.
   explicit TaskSchedule(std::uint64_t idle_seconds, util::Clock& clock = util::Clock::Real());
@@ -73,10 +76,10 @@ class TaskSchedule : public Schedule {
   // more or when more than `limit` bytes would wait. Refusals at the limit are counted into one warning a minute.
   std::uint64_t Post(Task&& task, std::uint64_t bytes = 0, std::uint64_t limit = kNoLimit);
 
-  // What Post was told of the tasks that wait. From any thread.
-  [[nodiscard]] std::uint64_t GetWaitingBytes() const;
+  // What Post was told of the tasks that have not started. From any thread.
+  [[nodiscard]] std::uint64_t GetWaitingBytes() const { return waiting_bytes_; }
 
-  // Takes back a task that has not started and destroys it. False when it has.
+  // Takes back a task that is still in the queue and destroys it. False when the run has taken it.
   bool TakeBack(std::uint64_t number);
 
   // Runs a task, without a bound in bytes, and returns after it was destroyed. On the thread of the tasks it runs at
@@ -128,17 +131,22 @@ class TaskSchedule : public Schedule {
     std::uint64_t bytes = 0;
     Task task;
   };
+  using Block = std::vector<Entry>;  // never more than kBlock, in their order
 
   // Whether somebody waits for the task.
   enum class Urgency { CanWait, Urgent };
   std::uint64_t Enqueue(Task&& task, std::uint64_t bytes, std::uint64_t limit, Urgency urgency);
 
   // What Execute does next.
-  enum class Turn { RunTask, Work, Leave };
+  enum class Turn { RunTasks, Work, Leave };
   // `nap`: before it sleeps it naps.
-  Turn AwaitTurn(Task& task, bool nap);
+  Turn AwaitTurn(bool nap);
+  void RunTaken();
   // With mutex_ held:
-  std::optional<Turn> NextTurn(Task& task);
+  Block& BlockForNext();
+  std::optional<Turn> NextTurn();
+  void TakeBlock();
+  void NoteCancel();
   bool MustLeave();
   Turn Leave();
   void Nap(std::unique_lock<std::mutex>& lock);
@@ -150,6 +158,7 @@ class TaskSchedule : public Schedule {
   void EndRun();
   template <typename Operation>
   void Guarded(Operation&& operation);
+  void Run(Task& task);
   void StopAccepting();
   void WakeCallers();
   [[nodiscard]] bool CanRunTasks(const Scheduler& scheduler) const;
@@ -162,11 +171,13 @@ class TaskSchedule : public Schedule {
   mutable std::mutex mutex_;
   std::condition_variable wake_;      // the run sleeps here
   std::condition_variable answered_;  // synchronous callers wait here
-  std::deque<Entry> tasks_;
+  std::deque<Block> queue_;           // none is empty
+  std::size_t queued_tasks_ = 0;
+  Block spare_;  // the room of a block that has run, for the next one
   std::uint64_t last_number_ = 0;
-  std::uint64_t waiting_bytes_ = 0;
+  std::atomic<std::uint64_t> waiting_bytes_{0};  // of the queue, and of what the run has taken and not started
   std::uint64_t rechecks_ = 0;
-  bool serving_ = false;                      // a run is there that will look at tasks_ again
+  bool serving_ = false;                      // a run is there that will look at queue_ again
   bool asleep_ = false;                       // it waits on wake_ for the next task, and nobody has woken it
   bool napping_ = false;                      // it waits on wake_, but the next task can wait
   bool hurry_ = false;                        // set to end the nap
@@ -174,6 +185,10 @@ class TaskSchedule : public Schedule {
   std::optional<std::uint64_t> last_to_run_;  // set once a run saw its cancel
   std::uint64_t refused_ = 0;                 // since the last warning
   util::Clock::SystemTime next_warning_ = util::Clock::SystemTime::min();
+
+  // Of the run's thread alone:
+  Block taken_;
+  std::size_t started_ = 0;  // so many of taken_
 };
 
 }  // namespace zagent::common

@@ -12,6 +12,7 @@
 #include "common/src/storage/StorageResult.h"
 #include "common/src/tasks/Scheduler.h"
 #include "tests/fakes/FakeClock.h"
+#include "tests/fakes/FakeSchedule.h"
 #include "tests/fakes/Gate.h"
 #include "tests/fakes/LogCapture.h"
 
@@ -118,6 +119,26 @@ TEST_F(SpoolStorageScheduleTest, ATaskBringsTheSyncForward) {
   EXPECT_TRUE(Eventually([&] { return syncs_ == 1; }));
 }
 
+TEST_F(SpoolStorageScheduleTest, ATaskThatSetsTheSyncLeavesTheTimerThreadAlone) {
+  RunTask([] {});
+  const auto bystander = std::make_shared<fakes::FakeSchedule>();  // is asked once at each walk of the timer thread
+  scheduler_.RegisterSchedule(bystander);
+  ASSERT_TRUE(Eventually([&] { return bystander->asked != 0; }));
+  const int walks = bystander->asked;
+  for (std::uint64_t age = 1'000; age > 900; --age) RunTask([&] { schedule_->ScheduleSync(age); });
+  scheduler_.Stop();
+  EXPECT_LE(bystander->asked, walks + 2) << "the timer thread walks for nothing";
+}
+
+TEST_F(SpoolStorageScheduleTest, ASyncIsKeptWhenTheRunThatSetItEnds) {
+  RunTask([&] { schedule_->ScheduleSync(60); });
+  schedule_->Cancel();  // but the Scheduler still knows it
+  ASSERT_FALSE(schedule_->IsRunning());
+  ASSERT_TRUE(Eventually([&] { return clock_.EarliestDeadline() == clock_.Now() + seconds(60); }));
+  clock_.Advance(seconds(60));
+  EXPECT_TRUE(Eventually([&] { return syncs_ == 1; }));
+}
+
 TEST_F(SpoolStorageScheduleTest, ASyncThatIsBroughtForwardFromOutsideWakesTheRun) {
   RunTask([] {});
   ASSERT_TRUE(Eventually([&] { return clock_.EarliestDeadline() == clock_.Now() + kDay; }));
@@ -163,8 +184,9 @@ TEST_F(SpoolStorageScheduleTest, ARunServesWhatWasQueuedBeforeItsCancelAndLeaves
   scheduler_.UnregisterSchedule(schedule_);
   EXPECT_EQ(served, 2);
   endless = false;
+  schedule_->AddTask([&] { ++served; });
   schedule_->Close();
-  EXPECT_EQ(served, 3);
+  EXPECT_EQ(served, 4);
 }
 
 TEST_F(SpoolStorageScheduleTest, TasksThatACancelLeftAreServedByTheNextRun) {

@@ -258,6 +258,56 @@ TEST_F(TaskScheduleTest, ATaskThatIsTakenBackIsAnsweredAndMakesRoom) {
   release->Open();
 }
 
+TEST_F(TaskScheduleTest, TasksAreTakenBackFromAnywhereInALongQueueAndTheOthersKeepTheirOrder) {
+  constexpr int kBlock = TaskSchedule::kBlock;
+  constexpr int kTasks = 3 * kBlock + 1;
+  const auto release = Block();
+  std::vector<int> order;
+  std::vector<int> expected;
+  std::vector<std::uint64_t> numbers;
+  for (int i = 0; i < kTasks; ++i) {
+    numbers.push_back(tasks_->Post([&order, i] { order.push_back(i); }, 1));
+  }
+  for (int i = 0; i < kTasks; ++i) {
+    // One block as a whole, the ends of the others, and the last one, which stands alone.
+    if (i / kBlock == 1 || i % kBlock == 0 || i % kBlock == kBlock - 1) {
+      EXPECT_TRUE(tasks_->TakeBack(numbers[static_cast<std::size_t>(i)]));
+    } else {
+      expected.push_back(i);
+    }
+  }
+  EXPECT_FALSE(tasks_->TakeBack(numbers.front()));
+  EXPECT_FALSE(tasks_->TakeBack(numbers.back() + 1));
+  EXPECT_EQ(tasks_->GetWaitingBytes(), expected.size());
+  tasks_->AddTask([&] { order.push_back(kTasks); });
+  expected.push_back(kTasks);
+  release->Open();
+  ThreadOfNextTask();
+  EXPECT_EQ(order, expected);
+  EXPECT_EQ(tasks_->GetWaitingBytes(), 0U);
+}
+
+TEST_F(TaskScheduleTest, EachTaskMakesRoomWhenItStartsThoughManyAreTakenTogether) {
+  const auto release = Block();
+  std::vector<std::uint64_t> waiting;
+  for (int i = 0; i < 3; ++i) tasks_->Post([&] { waiting.push_back(tasks_->GetWaitingBytes()); }, 100);
+  release->Open();
+  ThreadOfNextTask();
+  EXPECT_EQ(waiting, (std::vector<std::uint64_t>{200, 100, 0}));
+}
+
+TEST_F(TaskScheduleTest, EachTaskIsDestroyedBeforeTheNextOneStartsThoughManyAreTakenTogether) {
+  const auto release = Block();
+  std::vector<std::string> order;
+  for (const char* name : {"first", "second"}) {
+    std::shared_ptr<void> end(nullptr, [&order](void*) { order.emplace_back("destroyed"); });
+    tasks_->AddTask([&order, name, end = std::move(end)] { order.emplace_back(name); });
+  }
+  release->Open();
+  ThreadOfNextTask();
+  EXPECT_EQ(order, (std::vector<std::string>{"first", "destroyed", "second", "destroyed"}));
+}
+
 TEST_F(TaskScheduleTest, ARunThatWasWokenForATaskThatIsTakenBackIsWokenForTheNext) {
   for (int i = 0; i < 30; ++i) {
     ThreadOfNextTask();
@@ -409,11 +459,17 @@ TEST_F(TaskScheduleTest, AFailureThatLeavesTheRunLeavesNoDeadQueue) {
 
 TEST_F(TaskScheduleTest, WhatWaitsBehindAFailureThatLeavesTheRunIsServed) {
   const auto tasks = std::make_shared<TasksThatCannotLog>();
+  std::vector<int> order;
   Gate ran;
-  tasks->AddTask([] { throw std::runtime_error("broken task"); });
+  tasks->Post([] { throw std::runtime_error("broken task"); }, 1);
+  tasks->Post([&] { order.push_back(1); }, 10);
+  for (int i = 2; i < 50; ++i) tasks->Post([&, i] { order.push_back(i); }, 100);
   tasks->AddTask([&] { ran.Open(); });
   scheduler_.RegisterSchedule(tasks);
-  EXPECT_TRUE(ran.Await());
+  ASSERT_TRUE(ran.Await());
+  ASSERT_EQ(order.size(), 49U);
+  for (int i = 1; i < 50; ++i) EXPECT_EQ(order[static_cast<std::size_t>(i - 1)], i);
+  EXPECT_EQ(tasks->GetWaitingBytes(), 0U);
 }
 
 TEST_F(TaskScheduleTest, TheWarningAboutRefusalsHoldsNobodyUp) {
