@@ -14,11 +14,12 @@ std::string ToHex(std::string_view bytes) {
 
 void AppendHex(std::string_view bytes, std::string& text) {
   static constexpr std::string_view kDigits = "0123456789abcdef";
-  text.reserve(text.size() + bytes.size() * 2);
+  std::size_t at = text.size();
+  text.resize(at + bytes.size() * 2);
   for (const char c : bytes) {
     const auto byte = static_cast<unsigned char>(c);
-    text.push_back(kDigits[byte >> 4]);
-    text.push_back(kDigits[byte & 0x0f]);
+    text[at++] = kDigits[byte >> 4];
+    text[at++] = kDigits[byte & 0x0f];
   }
 }
 

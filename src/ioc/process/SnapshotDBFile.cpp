@@ -21,7 +21,9 @@ SnapshotDBFile::SnapshotDBFile(const common::Bytes& row) {
 }
 
 common::Bytes SnapshotDBFile::ToRow() const {
+  constexpr std::size_t kOrdinary = 512;
   common::Bytes row;
+  row.reserve(kOrdinary);
   Serializer::Put(row, row_id);
   Serializer::Put(row, parent_id);
   Serializer::Put(row, size);

@@ -139,7 +139,10 @@ common::Bytes DataFormatter::Finish() {
   }
   common::Bytes payload;
   payload.reserve(size);
-  const auto add = [&payload](const std::string& bytes) { payload.insert(payload.end(), bytes.begin(), bytes.end()); };
+  const auto add = [&payload](const std::string& text) {
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(text.data());
+    payload.insert(payload.end(), bytes, bytes + text.size());
+  };
   // In the order of the fields' numbers, as a message is serialised.
   add(batch->header);
   std::array<const Elements*, std::tuple_size_v<decltype(batch->kinds)>> kinds{};
