@@ -40,7 +40,7 @@ Report DirectoryEvent::Build(const edr::Event& event) const {
   message.set_securitysettings(SecuritySettings(*directory));
   ReportedObjects::Times times;
   if (!is_gone && event.GetFileSize() >= 0) {
-    times = TimesOf(event, *directory);
+    times = TimesOf(event, *directory, LookAt(path));
     SetTimes(times, message);
   }
   Report::Item item{MakeItem(Kind::Directory, message)};

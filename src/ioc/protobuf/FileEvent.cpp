@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <optional>
 
 #include "common/src/util/Digest.h"
 #include "common/src/util/Log.h"
@@ -49,12 +50,22 @@ bool IsRegular(const edr::Event& event) {
 
 // Whether the path leads to another file by now. What is gone is not, and neither is what nobody can tell apart; a file
 // system may tell the device in two ways.
-bool IsReplaced(const common::ImageInfo& file) {
-  struct stat found {};
-  return !file.GetDevice().empty() && lstat(file.GetPath().c_str(), &found) == 0 && found.st_ino != file.GetInode();
+bool IsReplaced(const common::ImageInfo& file, const std::optional<FoundObject>& found) {
+  return !file.GetDevice().empty() && found && found->inode != file.GetInode();
+}
+
+// A link may lead to a large one.
+bool IsSmall(const std::optional<FoundObject>& found) {
+  return found && S_ISREG(found->mode) && found->size <= edr::DigestPace::kMaxFreeSize;
 }
 
 }  // namespace
+
+FileEvent::FileEvent(const TtlProcessTree& tree, const ReportedObjects& reported, const DirectoryEvent& directories,
+                     edr::DigestPace& pace)
+    : tree_(tree), reported_(reported), directories_(directories), pace_(pace), message_(std::make_unique<Message>()) {}
+
+FileEvent::~FileEvent() = default;
 
 Report FileEvent::Build(const edr::Event& event) const {
   const bool is_rename = event.GetType() == EventType::Rename;
@@ -77,11 +88,11 @@ Report FileEvent::Build(const edr::Event& event) const {
     return report;
   }
 
-  Message message;
+  Message& message = ClearedMessage();
   message.set_eventaction(ActionOf(event.GetType()));
   message.set_timestamp(event.GetTimestamp());
   message.set_uniqueid(id);
-  FillActor(tree_, event, *message.mutable_actor());
+  actors_.Fill(tree_, event, *message.mutable_actor());
   message.set_parentdirectoryid(parent_id);
   message.set_filename(Repaired(NameOf(path)));
   message.set_fullpath(Repaired(path));
@@ -94,10 +105,15 @@ Report FileEvent::Build(const edr::Event& event) const {
   if (!is_gone) {
     if (event.GetFileSize() > kMaxSize) ZLOG_WARNING("File size being truncated for file " << path);
     message.set_size(std::min(event.GetFileSize(), kMaxSize));
-    const ReportedObjects::Times times = TimesOf(event, *file);
+    const bool is_regular = IsRegular(event);
+    // Before the look: the description is made of whatever the path leads to.
+    const std::string type = is_regular ? types_.Identify(event.GetFileTypeDesc()) : "";
+    const std::optional<FoundObject> found = LookAt(path);
+    const ReportedObjects::Times times = TimesOf(event, *file, found);
     SetTimes(times, message);
+    if (!IsReplaced(*file, found)) message.set_type(type);
     ReportedObjects::Digests digests;
-    if (IsRegular(event)) SetContent(event, *file, digests, message);
+    if (is_regular && (IsSmall(found) || pace_.Admits(path))) SetDigests(event, digests, message);
     row = ReportedObjects::FileRow(id, parent_id, message.size(), times, digests);
   }
   std::vector<ReportedObjects::Change> changes;
@@ -111,12 +127,15 @@ Report FileEvent::Build(const edr::Event& event) const {
   return report;
 }
 
-void FileEvent::SetContent(const edr::Event& event, const common::ImageInfo& file, ReportedObjects::Digests& digests,
-                           Message& message) const {
-  const std::string type = types_.Identify(event.GetFileTypeDesc());
-  // Looked at afterwards: the description is made of whatever the path leads to.
-  if (!IsReplaced(file)) message.set_type(type);
-  if (!pace_.Admits(file.GetPath())) return;
+// The actor's memory serves again: most events have the same one as the event before.
+FileEvent::Message& FileEvent::ClearedMessage() const {
+  wire::Actor* const actor = message_->release_actor();
+  message_->Clear();
+  message_->set_allocated_actor(actor);
+  return *message_;
+}
+
+void FileEvent::SetDigests(const edr::Event& event, ReportedObjects::Digests& digests, Message& message) {
   struct Hash {
     edr::ContentHash kind;
     const char* name;

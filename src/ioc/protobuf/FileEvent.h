@@ -1,15 +1,13 @@
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "src/edr/DigestPace.h"
 #include "src/ioc/protobuf/DirectoryEvent.h"
 #include "src/ioc/protobuf/EventBuilder.h"
 #include "src/ioc/protobuf/FileTypeIdentifier.h"
-
-namespace com::ostrel::ioc::model::proto::event {
-class FileEvent;
-}
+#include "src/ioc/protobuf/Messages.h"
 
 namespace zagent::ioc::internal::protobuf {
 
@@ -23,8 +21,8 @@ class FileEvent final : public EventBuilder {
 
   // `directories` and `pace` outlive the object.
   FileEvent(const TtlProcessTree& tree, const ReportedObjects& reported, const DirectoryEvent& directories,
-            edr::DigestPace& pace)
-      : tree_(tree), reported_(reported), directories_(directories), pace_(pace) {}
+            edr::DigestPace& pace);
+  ~FileEvent() override;
 
   [[nodiscard]] Report Build(const edr::Event& event) const override;
 
@@ -32,14 +30,16 @@ class FileEvent final : public EventBuilder {
   using Message = com::ostrel::ioc::model::proto::event::FileEvent;
 
   [[nodiscard]] bool IsReported(const std::string& id, const std::string& path) const;
-  void SetContent(const edr::Event& event, const common::ImageInfo& file, ReportedObjects::Digests& digests,
-                  Message& message) const;
+  [[nodiscard]] Message& ClearedMessage() const;
+  static void SetDigests(const edr::Event& event, ReportedObjects::Digests& digests, Message& message);
 
   const TtlProcessTree& tree_;
   const ReportedObjects& reported_;
   const DirectoryEvent& directories_;
   edr::DigestPace& pace_;
   const FileTypeIdentifier types_;
+  mutable KnownActors actors_;
+  const std::unique_ptr<Message> message_;  // that of the event at hand
 };
 
 }  // namespace zagent::ioc::internal::protobuf

@@ -1,10 +1,12 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
 #include "src/edr/Event.h"
+#include "src/edr/LRUCache.h"
 #include "src/ioc/process/TtlProcessTree.h"
 #include "src/ioc/protobuf/IocEvents.pb.h"
 
@@ -26,6 +28,21 @@ void FillActor(const ProcessInfo& process, const common::ImageInfo* image,
 // The actor of an event. Throws common::GenericProcessTreeException when the tree does not have it.
 void FillActor(const TtlProcessTree& tree, const edr::Event& event,
                com::ostrel::ioc::model::proto::event::Actor& actor);
+
+// The actors of the latest events, as FillActor makes them: most of a burst is the work of few processes. An actor
+// whose names nobody knows yet is made anew each time. For one thread.
+class KnownActors {
+ public:
+  // Throws what FillActor throws.
+  void Fill(const TtlProcessTree& tree, const edr::Event& event, com::ostrel::ioc::model::proto::event::Actor& actor);
+
+ private:
+  struct Known {
+    std::weak_ptr<const ProcessInfo> process;
+    com::ostrel::ioc::model::proto::event::Actor actor;
+  };
+  edr::LRUCache<std::int32_t, Known> known_{256};
+};
 
 std::string UniqueProcessId(const ProcessInfo& process);
 

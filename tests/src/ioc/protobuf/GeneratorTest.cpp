@@ -359,6 +359,45 @@ TEST_F(GeneratorTest, TheActorsProgramIsTheOneThatActedNotOneThatItStartedSince)
   EXPECT_EQ(actor.uniqueprocessid(), UniqueProcessId(20, kLater, "/bin/true"));
 }
 
+TEST_F(GeneratorTest, AllEventsOfAProcessHaveOneActorAndThoseOfItsSuccessorAnother) {
+  const auto actor_of = [this](const std::string& path) {
+    return File(OfFile(EventType::Write, "Write", "/srv/" + path)).actor().SerializeAsString();
+  };
+  const std::string first = actor_of("a");
+  EXPECT_EQ(actor_of("b"), first);
+  // The same program in the same second, for another user.
+  auto start = Start(20, 10, "/bin/cat");
+  start->image = Image("/bin/cat");
+  start->uid = 4'000'000'001U;
+  tree_->AddEvent(std::move(start));
+  for (int round = 0; round < 2; ++round) {
+    const wire::Actor second = File(OfFile(EventType::Write, "Write")).actor();
+    EXPECT_EQ(second.userid(), "4000000001");
+    EXPECT_EQ(second.imagepath(), "/bin/cat");
+  }
+  EXPECT_EQ(log_.Count("User name not found for uid 4000000001"), 4) << "who has no name is asked for each time";
+}
+
+TEST_F(GeneratorTest, AMessageHasNothingOfTheOneBeforeIt) {
+  FakeEvent rename = OfFile(EventType::Rename, "Rename", "/srv/old.txt");
+  rename.new_file = Image("/srv/new.txt", 644);
+  EXPECT_EQ(File(rename).oldpath(), "/srv/old.txt");
+  const wire::FileEvent gone = File(OfFile(EventType::Delete, "Delete", "/srv/new.txt"));
+  EXPECT_EQ(gone.oldpath(), "");
+  EXPECT_EQ(gone.type(), "");
+  EXPECT_EQ(gone.size(), 0);
+  EXPECT_EQ(gone.lastwritetime(), 0);
+  EXPECT_EQ(gone.actor().imagepath(), "/bin/cat");
+}
+
+TEST_F(GeneratorTest, AnOwnersNameIsAJsonTextWhateverItHolds) {
+  FakeEvent event = OfFile(EventType::Write, "Write");
+  event.file = common::ImageInfo("fd:00", 640, 42, "/srv/report.tar.gz", 7, "a\"b\\c\n", "caf\xc3\xa9\xff", 8, "");
+  EXPECT_EQ(File(event).securitysettings(),
+            "{\"Uid\":8,\"Gid\":7,\"Permission\":640,\"OwnerName\":\"caf\xc3\xa9\xef\xbf\xbd\","
+            "\"GroupName\":\"a\\\"b\\\\c\\n\"}");
+}
+
 TEST_F(GeneratorTest, AnEventWithoutAProgramHasThatOfItsProcess) {
   FakeEvent event = OfFile(EventType::Write, "Write");
   event.image.reset();
