@@ -94,8 +94,13 @@ void TtlProcessTree::AddTo(ProcessInfo& process, std::unique_ptr<edr::Event> eve
     process.AddTag(process_tag::kTerminated);
     terminated_.push_back(pid);
   }
-  // Nothing else will come that lets its last events out.
-  if (process.HasTag(process_tag::kTerminated) && process.HasTag(process_tag::kTtlExpired)) expired_pids_.insert(pid);
+  if (!process.HasTag(process_tag::kTtlExpired)) return;
+  // Nothing else will come that lets these events out.
+  if (process.HasTag(process_tag::kTerminated)) {
+    expired_pids_.insert(pid);
+  } else if (late_.insert(pid).second) {
+    late_queue_.emplace_back(pid, clock_.SteadyNow());
+  }
 }
 
 void TtlProcessTree::FollowToInit(ProcessInfo& process, const edr::Event& event) {
@@ -326,14 +331,18 @@ EventHeap TtlProcessTree::GetExpiredEvents() {
 
 void TtlProcessTree::ExpireDue() {
   const auto now = clock_.SteadyNow();
-  while (!ttl_queue_.empty() &&
-         std::chrono::duration_cast<std::chrono::seconds>(now - ttl_queue_.front().second) >= ttl_) {
-    const std::int32_t pid = ttl_queue_.front().first;
-    ttl_queue_.pop_front();
-    const Pointer process = Find(pid);
+  const auto is_due = [&](const TtlQueue& queue) {
+    return !queue.empty() && std::chrono::duration_cast<std::chrono::seconds>(now - queue.front().second) >= ttl_;
+  };
+  for (; is_due(ttl_queue_); ttl_queue_.pop_front()) {
+    const Pointer process = Find(ttl_queue_.front().first);
     if (!process) continue;
-    expired_pids_.insert(pid);
+    expired_pids_.insert(process->GetPid());
     process->AddTag(process_tag::kTtlExpired);
+  }
+  for (; is_due(late_queue_); late_queue_.pop_front()) {
+    expired_pids_.insert(late_queue_.front().first);
+    late_.erase(late_queue_.front().first);
   }
 }
 

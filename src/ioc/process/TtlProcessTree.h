@@ -33,7 +33,8 @@ class TtlProcessTreeException : public std::runtime_error {
 };
 
 // The memory of processes: who they are, what hangs below whom, and the events that wait for a verdict. A process stays
-// until it has both ended and lived for its time (the ttl after its start), and then until its last event was taken.
+// until it has both ended and lived for its time (the ttl after its start), and then until its last event was taken. No
+// event waits longer than the ttl.
 // What it knows of running processes outlives a restart in the table "TtlProcesses" of the snapshot database.
 //
 // Whoever judges asks GetExpiredEvents for what is due after every event and in quiet moments, and tells
@@ -87,8 +88,9 @@ class TtlProcessTree {
   // Take out the waiting events of the process and of its children, or of everything below it. Throw as Get does.
   [[nodiscard]] internal::EventHeap GetEventsFromCache(std::int32_t pid);
   [[nodiscard]] internal::EventHeap GetDescendantEvents(std::int32_t pid);
-  // Takes out what is due: the events of processes whose time is over, of those with too many, of those that have ended
-  // after their time, and what is too much at the bounds.
+  // Takes out what is due: the events of processes whose time is over, or was over when the first of these events came
+  // and has passed once more, of those with too many, of those that have ended after their time, and what is too much
+  // at the bounds.
   [[nodiscard]] internal::EventHeap GetExpiredEvents();
 
   // The pid belongs to another process from now on: what lives below it goes under process 1. Throws as Get does.
@@ -167,7 +169,11 @@ class TtlProcessTree {
   const std::shared_ptr<ProcessInfo::Usage> usage_ = std::make_shared<ProcessInfo::Usage>();
 
   // For the thread that changes the tree:
-  std::deque<std::pair<std::int32_t, common::util::Clock::SteadyTime>> ttl_queue_;
+  using TtlQueue = std::deque<std::pair<std::int32_t, common::util::Clock::SteadyTime>>;
+  TtlQueue ttl_queue_;
+  // Processes whose time is over, with the first event that came after that.
+  TtlQueue late_queue_;
+  std::unordered_set<std::int32_t> late_;  // who is in it
   std::deque<std::int32_t> terminated_;
   std::set<std::int32_t> expired_pids_;           // whose events are due
   std::unordered_set<std::int32_t> with_events_;  // and perhaps some that have none any more

@@ -46,12 +46,13 @@ class Model {
     process.waiting.insert(id);
     arrivals.emplace_back(pid, now);
   }
-  void Add(std::int32_t pid, std::int32_t ppid, std::uint32_t id, bool is_end) {
+  void Add(std::int32_t pid, std::int32_t ppid, std::uint32_t id, bool is_end, seconds now) {
     Process& process = processes.at(pid);
     if (ppid == 1) process.parent = 1;
     process.waiting.insert(id);
     process.has_ended = process.has_ended || is_end;
-    if (process.has_ended && process.has_expired) due.insert(pid);
+    if (process.has_expired && process.has_ended) due.insert(pid);
+    if (process.has_expired && !process.has_ended && late.count(pid) == 0) late.emplace(pid, now);
   }
   std::set<std::uint32_t> Take(std::int32_t pid) { return std::exchange(processes.at(pid).waiting, {}); }
   std::set<std::uint32_t> TakeBelow(std::int32_t pid) {
@@ -65,6 +66,11 @@ class Model {
       if (!Has(arrivals.front().first)) continue;
       processes.at(arrivals.front().first).has_expired = true;
       due.insert(arrivals.front().first);
+    }
+    for (auto at = late.begin(); at != late.end();) {
+      const bool is_due = now - at->second >= seconds(120);
+      if (is_due) due.insert(at->first);
+      at = is_due ? late.erase(at) : std::next(at);
     }
     for (const std::int32_t pid : std::exchange(due, {})) {
       if (Has(pid)) taken.merge(Take(pid));
@@ -97,6 +103,7 @@ class Model {
   std::map<std::int32_t, Process> processes;
   std::deque<std::pair<std::int32_t, seconds>> arrivals;
   std::set<std::int32_t> due;
+  std::map<std::int32_t, seconds> late;
 
  private:
   void Orphan(std::int32_t pid) {
@@ -144,7 +151,7 @@ class TtlProcessTreePropertyTest : public TreeFixture {
     }
     const std::int32_t ppid = Any(3) == 0 ? 1 : model_.processes.at(pid).parent;
     auto event = is_end ? Exit(pid, ppid) : Write(pid, ppid);
-    model_.Add(pid, ppid, event->GetId(), is_end);
+    model_.Add(pid, ppid, event->GetId(), is_end, Now());
     tree_->AddEvent(std::move(event));
   }
   void DoTake() {
@@ -197,7 +204,7 @@ class TtlProcessTreePropertyTest : public TreeFixture {
     for (std::int32_t pid = 2; pid < 2 + kPids; ++pid) {
       if (!model_.Has(pid)) continue;
       auto end = Exit(pid, 1);
-      model_.Add(pid, 1, end->GetId(), true);
+      model_.Add(pid, 1, end->GetId(), true, Now());
       tree_->AddEvent(std::move(end));
     }
     Wait(seconds(120));

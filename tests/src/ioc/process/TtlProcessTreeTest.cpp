@@ -374,6 +374,36 @@ TEST_F(TtlProcessTreeTest, ABusyProcessIsJudgedBeforeItsTime) {
   EXPECT_FALSE(tree_->Get(10)->HasTag(process_tag::kTtlExpired));
 }
 
+TEST_F(TtlProcessTreeTest, WhatALivingProcessDoesAfterItsTimeWaitsOnceMoreAsLong) {
+  Exec(10, 1);
+  LetAllExpire();
+  clock_.Advance(seconds(1000));
+  EXPECT_EQ(Expired(), Ints{});
+  tree_->AddEvent(Write(10, 1));
+  clock_.Advance(seconds(100));
+  tree_->AddEvent(Write(10, 1));
+  clock_.Advance(seconds(19));
+  EXPECT_EQ(Expired(), Ints{});
+  clock_.Advance(seconds(1));
+  EXPECT_EQ(Expired(), (Ints{2, 3}));
+  tree_->AddEvent(Write(10, 1));
+  clock_.Advance(seconds(119));
+  EXPECT_EQ(Expired(), Ints{});
+  clock_.Advance(seconds(1));
+  EXPECT_EQ(Expired(), Ints{4});
+}
+
+TEST_F(TtlProcessTreeTest, ALateEventCutsNoTimeOffTheNextProgram) {
+  Exec(10, 1);
+  LetAllExpire();
+  tree_->AddEvent(Write(10, 1));
+  clock_.Advance(seconds(60));
+  Exec(10, 1);
+  clock_.Advance(seconds(60));
+  Expired();
+  EXPECT_FALSE(tree_->Get(10)->HasTag(process_tag::kTtlExpired));
+}
+
 TEST_F(TtlProcessTreeTest, AnEndAfterItsTimeIsDueAtOnce) {
   Exec(10, 1);
   LetAllExpire();
