@@ -11,7 +11,7 @@ namespace zagent::ioc::internal {
 namespace {
 
 constexpr std::uint64_t kWaitMillis = 100;
-constexpr std::uint64_t kIdleWaitMillis = 2000;
+constexpr std::uint64_t kIdleWaitMillis = 1000;
 constexpr std::uint64_t kCpuPauseMillis = 10;
 constexpr std::chrono::minutes kTellInterval{1};
 

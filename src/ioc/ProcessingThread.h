@@ -17,7 +17,7 @@ namespace zagent::ioc::internal {
 
 // The thread that judges events, so that whoever hands them over never waits for an engine. In a turn it processes all
 // that has come, oldest first; without any event it still calls the processor, with none: ten times a second while
-// events come, and every two seconds when a turn has found none, so that an idle host is left alone.
+// events come, and every second when a turn has found none, so that an idle host is left alone.
 //
 // A stop waits for the turn at hand, to its last event: a turn holds as many as the bound at the most, and how long
 // that takes is the processor's affair. There are no pauses in it any more.
