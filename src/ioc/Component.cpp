@@ -1,6 +1,7 @@
 #include "src/ioc/Component.h"
 
 #include <charconv>
+#include <limits>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -49,7 +50,8 @@ std::int64_t ReadSequenceNumber(common::SqlStorage& snapshot) {
     const std::string text = columns.GetString();
     std::int64_t number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error == std::errc() && end == text.data() + text.size()) return number;
+    const bool is_number = error == std::errc() && end == text.data() + text.size();
+    if (is_number && number >= 0 && number < std::numeric_limits<std::int64_t>::max()) return number;
   } catch (const std::exception& error) {
     ZLOG_DEBUG("Component: " << error.what());
   }
@@ -103,7 +105,9 @@ Component::Component(std::chrono::system_clock::time_point /*start_time*/, std::
   tree_ = std::make_unique<TtlProcessTree>(snapshot_.get(), kTimeToLive, clock, proc_root);
   registration_ = std::make_unique<Registration>(engine);
   manager_ = std::make_unique<internal::EventRuleManager>(*config_, engine, *tree_, health_);
+  enabled_ = !config_->GetManifests().empty();
   generator_ = std::make_unique<internal::protobuf::Generator>(*tree_, *storage_, *snapshot_, *config_, health_, clock);
+  generator_->Enable(enabled_);
   processor_ = MakeProcessor();
   thread_ = std::make_unique<internal::ProcessingThread>(
       [this](std::unique_ptr<edr::Event> event) { processor_->Process(std::move(event)); },
@@ -113,7 +117,6 @@ Component::Component(std::chrono::system_clock::time_point /*start_time*/, std::
   upload_schedule_ = std::make_shared<internal::UploadSchedule>(
       *config_, *storage_, GetGatewayUrl(), std::move(uploader), quiet_hours_.get(), health_, clock);
   scheduler_.RegisterSchedule(upload_schedule_);
-  enabled_ = !config_->GetManifests().empty();
   ZLOG_INFO("Component initialized.");
   ReportEnabled();
 }
@@ -188,10 +191,10 @@ void Component::UpdateEngines() {
 
 void Component::UpdateEnabled() {
   const bool has_manifests = !config_->GetManifests().empty();
-  if (enabled_ && !has_manifests) {
-    ZLOG_INFO("Disabling IOC");
-    ClearStoredData();
-  }
+  if (enabled_ && !has_manifests) ZLOG_INFO("Disabling IOC");
+  // What still waits for a verdict, or ends, is nobody's business from here on.
+  generator_->Enable(has_manifests);
+  if (enabled_ && !has_manifests) ClearStoredData();
   enabled_ = has_manifests;
   ReportEnabled();
 }
@@ -205,7 +208,6 @@ void Component::ReportEnabled() const {
 }
 
 void Component::ClearStoredData() {
-  generator_->Clear();
   try {
     snapshot_->Clear();
     ZLOG_INFO("Successfully cleared sql storage");

@@ -79,6 +79,8 @@ Generator::~Generator() = default;
 void Generator::Process(const edr::Event& event, bool /*send_metadata*/) {
   Report report = builders_->For(event.GetObjectType()).Build(event);
   if (report.items.empty()) return;
+  const std::lock_guard lock(mutex_);
+  if (!is_enabled_) return;
   for (Report::Item& item : report.items) Write(std::move(item));
   tree_.Get(event.GetActorProcessId())->AddTag(process_tag::kReported);
 }
@@ -97,8 +99,10 @@ void Generator::Write(Report::Item item) {
   }
 }
 
-void Generator::Clear() {
-  builders_->reported.Clear();
+void Generator::Enable(bool enabled) {
+  const std::lock_guard lock(mutex_);
+  is_enabled_ = enabled;
+  if (!enabled) builders_->reported.Clear();
 }
 
 }  // namespace zagent::ioc::internal::protobuf

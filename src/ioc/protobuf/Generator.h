@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 
 #include "common/src/util/Clock.h"
 #include "common/src/util/DigestCache.h"
@@ -37,8 +38,9 @@ class Generator final : public EventGenerator {
   // and common::StorageException for a message that the spool refuses.
   void Process(const edr::Event& event, bool send_metadata) override;
 
-  // Forgets what was told and is not in the snapshot yet. To be called before the snapshot is cleared, from any thread.
-  void Clear();
+  // From any thread. Whoever is disabled tells nothing, from the return of the call on, and forgets what was told and
+  // is not in the snapshot yet: to be called before the snapshot and the spool are cleared.
+  void Enable(bool enabled);
 
  private:
   struct Builders;
@@ -49,6 +51,8 @@ class Generator final : public EventGenerator {
   common::Storage& spool_;
   const health::ComponentHealth& health_;
   const std::unique_ptr<Builders> builders_;
+  std::mutex mutex_;  // held while the messages of an event go to the spool
+  bool is_enabled_ = true;
 };
 
 }  // namespace zagent::ioc::internal::protobuf

@@ -264,7 +264,7 @@ TEST_F(IocComponentTest, SequenceNumbersGoOnOverARestart) {
 
 TEST_F(IocComponentTest, ASequenceNumberThatCannotBeReadIsZeroAndTheComponentStarts) {
   section_.upload_interval = 0;
-  for (const char* value : {"", "12x", "x", "9223372036854775808"}) {
+  for (const char* value : {"", "12x", "x", "9223372036854775808", "9223372036854775807", "-1"}) {
     StoreValue("SequenceNumber", value);
     const fakes::LogCapture log;
     Make();
@@ -327,6 +327,33 @@ TEST_F(IocComponentTest, FromOneManifestToNoneItForgetsWhatItHasStored) {
   component_.reset();
   EXPECT_THAT(SpoolFiles(), IsEmpty());
   EXPECT_EQ(StoredValue("SequenceNumber"), "(none)");
+}
+
+TEST_F(IocComponentTest, SwitchedOffItTellsNoEndOfWhatItToldBefore) {
+  section_.upload_interval = 0;
+  Make();
+  DeliverStart();
+  ASSERT_TRUE(Judged());
+  section_.manifests.clear();
+  Update();
+  ASSERT_TRUE(Eventually([&] { return log_.Has("[IOC]: Successfully cleared spool storage"); }));
+  DeliverExit();
+  component_.reset();
+  EXPECT_THAT(SpoolFiles(), IsEmpty());
+}
+
+TEST_F(IocComponentTest, StartedWithoutManifestsItTellsNoEndOfAnEarlierRunEither) {
+  section_.upload_interval = 0;
+  proc_.Start(kPid, {.image = "/bin/actor", .start = 100'000'000});  // the time of the fake clock
+  Make();
+  DeliverStart();
+  component_.reset();
+  ASSERT_EQ(SpoolFiles().size(), 1U);
+  section_.manifests.clear();
+  Make();
+  DeliverExit();
+  component_.reset();
+  EXPECT_EQ(SpoolFiles().size(), 1U);
 }
 
 // The daemon has lost its rights to the folder. Root has them in spite of all modes, so it becomes somebody else.

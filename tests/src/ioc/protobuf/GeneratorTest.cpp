@@ -269,10 +269,21 @@ TEST_F(GeneratorTest, AnEndThatTheSpoolHasRefusedIsToldAtTheNextOccasion) {
 
 TEST_F(GeneratorTest, WhatWasToldIsForgottenWithTheSnapshot) {
   Process(OfDirectory(EventType::Create, "Create"));
-  generator_->Clear();
+  generator_->Enable(false);
   snapshot_->Clear();
   EXPECT_EQ(Refusal(OfDirectory(EventType::Delete, "Delete")),
             "Dropping delete event for unreported directory: /srv/new");
+}
+
+TEST_F(GeneratorTest, WhoeverIsDisabledTellsNothingUntilHeIsEnabledAgain) {
+  generator_->Enable(false);
+  Process(OfFile(EventType::Create, "Create"));
+  EXPECT_TRUE(spool_.written.empty());
+  EXPECT_FALSE(tree_->Get(20)->HasTag(process_tag::kReported));
+  EXPECT_FALSE(IsKnown("File", "/srv/new"));
+  generator_->Enable(true);
+  Process(OfFile(EventType::Create, "Create"));
+  EXPECT_FALSE(spool_.written.empty());
 }
 
 TEST_F(GeneratorTest, AnExcludedProcessIsReportedLikeAnyOther) {
