@@ -224,7 +224,7 @@ guest_boot() {
   kernel=$(guest_kernel) || return
   # Ends with the script that boots it, in whatever way that one ends.
   setpriv --pdeathsig TERM timeout --foreground --kill-after=5 "$seconds" \
-    qemu-system-x86_64 -accel tcg -cpu max -m 1024 "${GUEST_PROCESSORS[@]}" -display none -no-reboot -net none \
+    qemu-system-x86_64 -accel tcg -cpu max -m "${GUEST_MEMORY:-1024}" "${GUEST_PROCESSORS[@]}" -display none -no-reboot -net none \
     -chardev "stdio,id=console,signal=off,logfile=$place/console" -serial chardev:console \
     -serial "file:$place/files.tar" -kernel "$kernel" -initrd "$place/initrd" \
     -append "console=ttyS0 quiet audit=1 panic=-1 no_timer_check rdinit=/init $*"

@@ -11,6 +11,8 @@ PACKAGES=(
 PACKAGES+=(qemu-system-x86 busybox-static cpio zstd libmagic-mgc e2fsprogs btrfs-progs rsync)
 # What stands around the daemon in tests: proxies, an agent and a platform in another language, and what checks them.
 PACKAGES+=(tinyproxy-bin squid-openssl openssl python3 xz-utils)
+# What makes the package and its manual pages, judges it, and makes a fresh Debian to install it in.
+PACKAGES+=(debhelper pandoc lintian debootstrap)
 # What counts instructions for the benchmarks.
 PACKAGES+=(valgrind)
 
