@@ -26,39 +26,74 @@ GUEST_MODULES=(drivers/block/brd.ko drivers/md/dm-mod.ko drivers/md/dm-log-write
 # The targets of them that a demonstration needs.
 DEMO_TARGETS=(ostrel-edr reference-agent reference-receiver file_actor audit_rules_list)
 
-# The package that linux-image-cloud-amd64 stands for on this machine; nothing without package lists.
-guest_kernel_package() {
-  apt-cache depends linux-image-cloud-amd64 2>/dev/null | sed -n 's/^ *Depends: \(linux-image-.*\)/\1/p'
+# The kernels that scenarios run on, and the suites of Debian that they come from.
+declare -A GUEST_SUITES=([5.10]=bullseye [6.1]=bookworm [6.12]=trixie)
+GUEST_KERNEL=${OSTREL_GUEST_KERNEL:-6.1}
+
+# guest_choose_kernel VERSION: from here on guests run on it.
+guest_choose_kernel() {
+  [[ -n ${GUEST_SUITES[$1]:-} ]] || die "no such kernel: $1 (there are: $(printf '%s\n' "${!GUEST_SUITES[@]}" | sort -V | tr '\n' ' '))"
+  GUEST_KERNEL=$1
 }
 
 # guest_kernel: prints the path of a kernel image. Downloads its package when no kernel is cached; the package is
-# unpacked, never installed.
+# unpacked, never installed. A cached kernel that is not the newest is as real as that one: stay off the network.
 guest_kernel() {
   mkdir -p "$GUEST_CACHE/kernel"
   (
     flock 9
-    local package version folder cached
-    package=$(guest_kernel_package)
-    version=$(apt-cache policy "${package:-none}" 2>/dev/null | sed -n 's/^ *Candidate: //p')
-    folder="$GUEST_CACHE/kernel/${package}_${version}"
-    # A cached kernel of another version is as real as the newest one: stay off the network.
-    if ! guest_has_modules "$folder"; then
-      folder=
-      for cached in $(ls -td "$GUEST_CACHE"/kernel/*/modules 2>/dev/null); do
-        if guest_has_modules "${cached%/modules}"; then folder=${cached%/modules} && break; fi
-      done
-    fi
+    folder=
+    for cached in $(ls -td "$GUEST_CACHE/kernel/linux-image-$GUEST_KERNEL".*/modules 2>/dev/null); do
+      if guest_has_modules "${cached%/modules}"; then folder=${cached%/modules} && break; fi
+    done
     if [[ -z $folder ]]; then folder=$(guest_download_kernel) || exit 1; fi
     printf '%s\n' "${folder%/}/vmlinuz"
   ) 9>"$GUEST_CACHE/kernel.lock"
 }
 
-# guest_has_modules FOLDER: it holds a kernel with all modules that scenarios load.
+# guest_has_modules FOLDER: it holds a kernel with all modules that scenarios load, but for those that are built in.
 guest_has_modules() {
-  local module
+  local module name
   for module in "${GUEST_MODULES[@]}"; do
-    [[ -e $1/modules/$(basename "$module") ]] || return 1
+    name=$(basename "$module" .ko)
+    [[ -e $1/modules/$name.ko || -e $1/modules/$name.builtin ]] || return 1
   done
+}
+
+# guest_apt PROGRAM ARGUMENT...: apt-get or apt-cache with folders of the project's own, which know the kernel's suite and
+# nothing else. What this machine's apt knows and does stays as it is.
+guest_apt() {
+  local folder="$GUEST_CACHE/apt/${GUEST_SUITES[$GUEST_KERNEL]}" program="$1"
+  shift
+  "$program" -o Dir::Etc::SourceList="$folder/sources.list" -o Dir::Etc::SourceParts=/dev/null -o Dir::State="$folder" \
+    -o Dir::State::Lists="$folder/lists" -o Dir::State::status="$folder/status" -o Dir::Cache="$folder/cache" \
+    -o APT::Sandbox::User=root -o Acquire::Languages=none -o APT::Update::Post-Invoke-Success= "$@"
+}
+
+# guest_site SUITE: where this machine gets packages of the suite from, as far as it gets any.
+guest_site() {
+  local site
+  site=$(apt-get indextargets --format '$(SITE) $(RELEASE)' 'Created-By: Packages' |
+    awk -v suite="$1" '$2 == suite { print $1; exit }')
+  echo "${site:-$2}"
+}
+
+# guest_update: the lists of the kernel's suite.
+guest_update() {
+  local suite=${GUEST_SUITES[$GUEST_KERNEL]} own site signed="[signed-by=/usr/share/keyrings/debian-archive-keyring.gpg]"
+  local folder="$GUEST_CACHE/apt/$suite"
+  own=$(. /etc/os-release && echo "${VERSION_CODENAME:-}")
+  mkdir -p "$folder"/{lists/partial,cache/archives/partial}
+  : >"$folder/status"
+  site=$(guest_site "$own" http://deb.debian.org/debian)
+  printf 'deb %s %s %s main\n' "$signed" "$site" "$suite" "$signed" \
+    "$(guest_site "$own-security" http://deb.debian.org/debian-security)" "$suite-security" >"$folder/sources.list"
+  guest_apt apt-get -qq update >&2
+}
+
+# The package that linux-image-cloud-amd64 stands for in the kernel's suite; nothing without package lists.
+guest_kernel_package() {
+  guest_apt apt-cache depends linux-image-cloud-amd64 2>/dev/null | sed -n 's/^ *Depends: \(linux-image-.*\)/\1/p' | head -n 1
 }
 
 # guest_download FOLDER NAME COMMAND: downloads the packages that COMMAND prints, a word each, into the folder.
@@ -79,24 +114,49 @@ guest_download() {
 }
 
 guest_download_kernel() {
-  local scratch folder module
+  local scratch folder module package
   scratch=$(mktemp -d "$GUEST_CACHE/download.XXXXXX")
-  progress "downloading the guest's kernel" >&2
-  guest_download "$scratch" linux-image-cloud-amd64 guest_kernel_package || { rm -r "$scratch" && return 1; }
-  dpkg-deb --fsys-tarfile "$scratch"/*.deb |
-    tar -x -C "$scratch" --wildcards --transform 's,.*/vmlinuz-.*,vmlinuz,' './boot/vmlinuz-*' || return
+  progress "downloading the guest's kernel $GUEST_KERNEL" >&2
+  { guest_update && package=$(guest_kernel_package) && [[ -n $package ]] &&
+    (cd "$scratch" && guest_apt apt-get -qq download "$package" >&2); } || {
+    echo "Cannot download a kernel $GUEST_KERNEL of Debian's ${GUEST_SUITES[$GUEST_KERNEL]}" >&2
+    rm -r "$scratch"
+    return 1
+  }
+  dpkg-deb -x "$scratch"/*.deb "$scratch/files" || return
   folder="$GUEST_CACHE/kernel/$(dpkg-deb -W --showformat='${Package}_${Version}' "$scratch"/*.deb)"
   mkdir -p "$folder" "$scratch/modules"
   for module in "${GUEST_MODULES[@]}"; do
-    dpkg-deb --fsys-tarfile "$scratch"/*.deb | tar -xO --wildcards "./lib/modules/*/kernel/$module" \
-      >"$scratch/modules/$(basename "$module")" || return
+    guest_take_module "$scratch/files" "$module" "$scratch/modules" || return
   done
-  mv "$scratch/vmlinuz" "$folder/vmlinuz"
+  mv "$scratch"/files/boot/vmlinuz-* "$folder/vmlinuz"
   # The last thing to come: a folder that has it has everything.
   rm -rf "$folder/modules"
   mv "$scratch/modules" "$folder/modules"
   rm -r "$scratch"
   printf '%s\n' "$folder"
+}
+
+# guest_take_module FILES MODULE FOLDER: the module of an unpacked kernel, uncompressed; an empty NAME.builtin for one that
+# is part of the kernel.
+guest_take_module() {
+  local lib name found
+  name=$(basename "$2" .ko)
+  for lib in "$1"/lib/modules/* "$1"/usr/lib/modules/*; do
+    found="$lib/kernel/$2"
+    if [[ -e $found ]]; then
+      cp "$found" "$3/$name.ko"
+    elif [[ -e $found.xz ]]; then
+      xz -dc "$found.xz" >"$3/$name.ko"
+    elif grep -qsxF "kernel/$2" "$lib/modules.builtin"; then
+      : >"$3/$name.builtin"
+    else
+      continue
+    fi
+    return
+  done
+  echo "The kernel has no module $2" >&2
+  return 1
 }
 
 guest_auditd_packages() { echo "${GUEST_AUDITD_PACKAGES[@]}"; }
@@ -221,6 +281,8 @@ GUEST_VIRTUAL_TIME=(-smp 1 -icount "shift=1,sleep=off" -rtc clock=vm)
 guest_boot() {
   local seconds="$1" place="$2" kernel
   shift 2
+  # Two emulated processors are what this one panics about most.
+  if [[ $GUEST_KERNEL == 6.12 && ${GUEST_PROCESSORS[0]} == -smp ]]; then GUEST_PROCESSORS[1]=1; fi
   kernel=$(guest_kernel) || return
   # Ends with the script that boots it, in whatever way that one ends.
   setpriv --pdeathsig TERM timeout --foreground --kill-after=5 "$seconds" \
@@ -228,4 +290,30 @@ guest_boot() {
     -chardev "stdio,id=console,signal=off,logfile=$place/console" -serial chardev:console \
     -serial "file:$place/files.tar" -kernel "$kernel" -initrd "$place/initrd" \
     -append "console=ttyS0 quiet audit=1 panic=-1 no_timer_check rdinit=/init $*"
+}
+
+# guest_died_of_emulation PLACE: the kernel ended as 6.12 now and then does in the emulation of its first seconds, whatever
+# runs in it.
+guest_died_of_emulation() {
+  [[ $GUEST_KERNEL == 6.12 ]] && grep -q 'double fault\|Kernel panic' "$1/console" &&
+    grep -q '__kmalloc_noprof\|do_sync_core' "$1/console" && ! grep -q '^PASS \|^FAIL ' "$1/console"
+}
+
+# guest_add_file TREE FILE[:PATH]: a file of this machine in the guest, at the path or under its own name in
+# /usr/local/bin; a program without its debug information, and with its libraries.
+guest_add_file() {
+  local tree="$1" file="${2%%:*}" path
+  path=/usr/local/bin/$(basename "$file")
+  if [[ $2 == *:* ]]; then path=${2#*:}; fi
+  [[ -f $file ]] || die "--add: no such file: $file"
+  [[ $path == /* ]] || die "--add: no absolute path: $path"
+  mkdir -p "$tree$(dirname "$path")"
+  if [[ $(head -c 4 "$file" | tail -c 3) == ELF ]]; then
+    local scratch="$tree/.added"
+    guest_add_programs "$tree" /.added "$file" || return
+    mv "$scratch/$(basename "$file")" "$tree$path"
+    rmdir "$scratch"
+  else
+    cp -L --preserve=mode "$file" "$tree$path"
+  fi
 }

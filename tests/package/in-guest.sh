@@ -64,6 +64,7 @@ expect "every event of before and after the upgrade reaches the platform" wait_u
 expect "each once" once_each
 journalctl -u ostrel-receiver -o cat | grep '^event Create /etc/\(before\|after\)-1' | sed 's/^/table: /'
 
+sed "s/^/log: /" /var/log/ostrel/edr.log; journalctl -u ostrel-agent -o cat | sed "s/^/agent: /"
 kill -KILL "$(daemon_pid)"
 expect "a killed daemon is started again" wait_until 60 hears
 expect "the service ends" systemctl stop ostrel-agent

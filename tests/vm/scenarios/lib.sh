@@ -54,6 +54,13 @@ is() {
 
 not() { ! "$@"; }
 
+# load_module NAME [PARAMETER...]: unless it is a part of the kernel.
+load_module() {
+  local name="$1"
+  shift
+  [ -e "/scenario/modules/$name.builtin" ] || insmod "/scenario/modules/$name.ko" "$@"
+}
+
 # wait_until SECONDS COMMAND...: tries it five times a second.
 wait_until() {
   local tries=$(($1 * 5))

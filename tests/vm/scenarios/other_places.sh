@@ -69,7 +69,7 @@ mkdir -p $WATCHED/rsync $WATCHED/git $WATCHED/socket $WATCHED/large $WATCHED/bou
 fill $WATCHED/bound
 mount --bind $WATCHED/bound /srv/bind
 
-insmod /scenario/modules/overlay.ko
+load_module overlay
 mkdir -p /srv/layers
 mount -t tmpfs layers /srv/layers
 mkdir -p /srv/layers/upper /srv/layers/work
@@ -77,9 +77,9 @@ fill /srv/layers/lower
 expect "an overlay is mounted" mount -t overlay overlay \
   -o lowerdir=/srv/layers/lower,upperdir=/srv/layers/upper,workdir=/srv/layers/work $WATCHED/overlay
 
-insmod /scenario/modules/brd.ko rd_nr=1 rd_size=262144
+load_module brd rd_nr=1 rd_size=262144
 for module in libcrc32c raid6_pq xor blake2b_generic xxhash_generic zstd_compress btrfs; do
-  insmod /scenario/modules/$module.ko || fail "btrfs is there" "$module"
+  load_module $module || fail "btrfs is there" "$module"
 done
 expect "btrfs is made" $GNU/mkfs.btrfs -q /dev/ram0
 expect "btrfs is mounted" mount -t btrfs /dev/ram0 $WATCHED/btrfs

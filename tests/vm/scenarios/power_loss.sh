@@ -10,8 +10,8 @@ SEED=$(date +%s)
 
 for module in brd dm-mod dm-log-writes; do
   case $module in
-    brd) insmod /scenario/modules/brd.ko rd_nr=3 rd_size=65536 ;;
-    *) insmod "/scenario/modules/$module.ko" ;;
+    brd) load_module brd rd_nr=3 rd_size=65536 ;;
+    *) load_module "$module" ;;
   esac || fail "module" "$module"
 done
 mkdir -p /mnt/disk /mnt/cut
