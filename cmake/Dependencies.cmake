@@ -1,4 +1,4 @@
-# Every library that the daemon stands on, each as one imported target.
+# Every library that the daemon and the tools stand on, each as one imported target. libnats is the tools' alone.
 find_package(Threads REQUIRED)
 find_package(OpenSSL REQUIRED)
 find_package(CURL REQUIRED)
@@ -12,6 +12,7 @@ pkg_check_modules(AUPARSE REQUIRED IMPORTED_TARGET auparse)
 pkg_check_modules(MAGIC REQUIRED IMPORTED_TARGET libmagic)
 pkg_check_modules(SQLITE REQUIRED IMPORTED_TARGET sqlite3)
 pkg_check_modules(PROXY REQUIRED IMPORTED_TARGET libproxy-1.0)
+pkg_check_modules(NATS REQUIRED IMPORTED_TARGET libnats)
 
 find_path(RAPIDJSON_INCLUDE_DIR rapidjson/document.h REQUIRED)
 

@@ -5,7 +5,7 @@
 PACKAGES=(
   build-essential cmake ninja-build ccache mold pkg-config git
   libaudit-dev libauparse-dev libcurl4-openssl-dev libssl-dev liblzma-dev libmagic-dev libpoco-dev libproxy-dev libsqlite3-dev
-  libprotobuf-dev protobuf-compiler rapidjson-dev libgtest-dev libgmock-dev libbenchmark-dev clang-format clang-tidy
+  libprotobuf-dev libnats-dev protobuf-compiler rapidjson-dev libgtest-dev libgmock-dev libbenchmark-dev clang-format clang-tidy
 )
 # What boots a real kernel around them.
 PACKAGES+=(qemu-system-x86 busybox-static cpio zstd libmagic-mgc e2fsprogs btrfs-progs rsync)
@@ -13,6 +13,8 @@ PACKAGES+=(qemu-system-x86 busybox-static cpio zstd libmagic-mgc e2fsprogs btrfs
 PACKAGES+=(tinyproxy-bin squid-openssl openssl python3 xz-utils)
 # What makes the package and its manual pages, judges it, and makes a fresh Debian to install it in.
 PACKAGES+=(debhelper pandoc lintian debootstrap)
+# The engine and the balancer of a fleet, which tests start by themselves on loopback.
+PACKAGES+=(nats-server haproxy)
 # What counts instructions for the benchmarks.
 PACKAGES+=(valgrind)
 

@@ -98,4 +98,12 @@ std::vector<std::string> DescribeDocument(const std::string& document) {
   return lines;
 }
 
+std::vector<std::string> DescribePayload(const std::string& text, const std::string& content_type) {
+  std::vector<std::string> lines = DescribeDocument(text);
+  if (lines.empty()) {
+    lines.push_back("payload " + std::to_string(text.size()) + " bytes type=" + EscapeControls(content_type));
+  }
+  return lines;
+}
+
 }  // namespace zagent::tools

@@ -12,6 +12,9 @@ namespace zagent::tools {
 // What there is not is "-". Empty for a text that is no such document.
 std::vector<std::string> DescribeDocument(const std::string& document);
 
+// The same, and for a text that is no such document one line: payload <n> bytes type=<content type>
+std::vector<std::string> DescribePayload(const std::string& text, const std::string& content_type);
+
 // Whether the text is a document of events at all: a JSON object with a member "events".
 bool IsEventDocument(const std::string& document);
 

@@ -2,6 +2,7 @@
 
 #include <google/protobuf/stubs/logging.h>
 
+#include <algorithm>
 #include <limits>
 
 #include "src/ioc/protobuf/IocEvents.pb.h"
@@ -104,13 +105,15 @@ bool IsIocTargetOf(const std::string& target, const std::string& customer_id, co
   return path.size() >= end.size() && path.compare(path.size() - end.size(), end.size(), end) == 0;
 }
 
-std::optional<std::string> SequenceNumbers::Note(std::uint64_t number) {
+std::optional<std::string> SequenceNumbers::Note(std::uint64_t number, const std::string& agent_id) {
   const std::lock_guard lock(mutex_);
-  const std::optional<std::uint64_t> last = last_;
-  if (!last || number > *last) last_ = number;
-  if (!last || number == *last + 1) return std::nullopt;
-  if (number <= *last) return "sequence back: " + std::to_string(number) + " after " + std::to_string(*last);
-  return "sequence gap: " + std::to_string(*last + 1) + " to " + std::to_string(number - 1) + " missing before " +
+  const auto [place, is_first] = last_.try_emplace(agent_id, number);
+  if (is_first) return std::nullopt;
+  const std::uint64_t last = place->second;
+  place->second = std::max(last, number);
+  if (number == last + 1) return std::nullopt;
+  if (number <= last) return "sequence back: " + std::to_string(number) + " after " + std::to_string(last);
+  return "sequence gap: " + std::to_string(last + 1) + " to " + std::to_string(number - 1) + " missing before " +
          std::to_string(number);
 }
 

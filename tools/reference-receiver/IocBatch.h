@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -34,16 +35,17 @@ bool IsIocTarget(const std::string& target);
 // The same of this customer and agent.
 bool IsIocTargetOf(const std::string& target, const std::string& customer_id, const std::string& agent_id);
 
-// Follows the sequence numbers of one agent's batches, from the first that comes. Thread-safe.
+// Follows the sequence numbers of each agent's batches, from the first that comes. Thread-safe. It knows as many agents
+// as have sent one: only those with a good signature are to come here.
 class SequenceNumbers {
  public:
-  // What is to be said of a batch that is not the one behind the last: "sequence gap: 8 to 9 missing before 10", or
-  // "sequence back: 7 after 10", which a batch after a kill may have.
-  std::optional<std::string> Note(std::uint64_t number);
+  // What is to be said of a batch that is not the one behind the agent's last: "sequence gap: 8 to 9 missing before
+  // 10", or "sequence back: 7 after 10", which a batch after a kill may have.
+  std::optional<std::string> Note(std::uint64_t number, const std::string& agent_id = "");
 
  private:
   std::mutex mutex_;
-  std::optional<std::uint64_t> last_;
+  std::map<std::string, std::uint64_t> last_;
 };
 
 }  // namespace zagent::tools

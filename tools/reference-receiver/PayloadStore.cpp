@@ -35,15 +35,15 @@ PayloadStore::PayloadStore(std::string folder, bool keep, const common::util::Cl
   std::filesystem::permissions(folder_, std::filesystem::perms::owner_all);
 }
 
-bool PayloadStore::Add(AcceptedPayload payload, const std::function<void()>& on_accepted) {
+bool PayloadStore::Add(const AcceptedPayload& payload, const std::function<void()>& on_accepted) {
   const std::lock_guard lock(mutex_);
   const auto header = payload.headers.find("z-reqid");
   const std::string request_id = header == payload.headers.end() ? "" : header->second;
   ForgetOld();
   if (known_ids_.contains(request_id)) return false;
-  if (!folder_.empty()) payload.file = WriteFile(payload);
+  const std::string file = folder_.empty() ? "" : WriteFile(payload);
   if (!request_id.empty()) Remember(request_id);
-  if (keep_) payloads_.push_back(std::move(payload));
+  if (keep_) payloads_.emplace_back(payload).file = file;
   if (on_accepted) on_accepted();
   return true;
 }
@@ -89,22 +89,6 @@ std::string PayloadStore::WriteFile(const AcceptedPayload& payload) {
 std::vector<AcceptedPayload> PayloadStore::Payloads() const {
   const std::lock_guard lock(mutex_);
   return payloads_;
-}
-
-void PayloadStore::CountRequest() {
-  const std::lock_guard lock(mutex_);
-  ++requests_;
-  arrived_.notify_all();
-}
-
-unsigned PayloadStore::RequestCount() const {
-  const std::lock_guard lock(mutex_);
-  return requests_;
-}
-
-bool PayloadStore::WaitForRequests(unsigned count, std::chrono::milliseconds timeout) const {
-  std::unique_lock lock(mutex_);
-  return arrived_.wait_for(lock, timeout, [&] { return requests_ >= count; });
 }
 
 }  // namespace zagent::tools

@@ -6,22 +6,30 @@
 #include <optional>
 #include <string>
 
+#include "tools/event-stream/StreamOptions.h"
+
 namespace zagent::tools {
 
 struct ReceiverOptions {
-  // Whose uploads are accepted.
+  // Whose uploads are accepted: one agent, those of a file (AgentKeys), or both.
   std::string customer_id;
   std::string agent_id;
   std::string activation_id;
+  std::string keys_file;
   std::string hmac_v3_file;  // the keys of version 3 of the signature, as JSON; empty: refuse it
 
-  std::uint16_t port = 0;   // 0: a free one
+  std::string address = "127.0.0.1";  // where it listens
+  std::uint16_t port = 0;             // 0: a free one
+  // Requests at the same time. A kept connection holds a thread as long as nobody waits for one.
+  unsigned max_threads = 32;
   std::string ca_file;      // where to write the certificate; empty: nowhere
   std::string cert_folder;  // where certificate and key are kept over a restart; empty: made anew every time
   std::string cert_names = "IP:127.0.0.1,DNS:localhost";  // whose certificate it is
   int cert_days = 365;                                    // from yesterday; negative: expired so long ago
   std::string client_ca_file;  // clients must prove themselves by a certificate that leads to this one; empty: no need
-  std::string store_folder;    // where to write accepted payloads; empty: nowhere
+  // Where to write accepted payloads; empty: nowhere. Not with a stream.
+  std::string store_folder;
+  std::optional<StreamOptions> stream;  // publish accepted payloads there
   // A larger body is refused, compressed or not. A spool file of 64 MiB fits with its envelope; agents that make larger
   // ones (`max_file_size_kb`) need more.
   std::size_t max_body_size = 128UL * 1024 * 1024;

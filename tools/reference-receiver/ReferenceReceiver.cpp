@@ -15,7 +15,9 @@
 namespace zagent::tools {
 namespace {
 
-constexpr int kMaxThreads = 32;
+// Connections that wait for a thread; more are refused.
+constexpr int kMaxWaiting = 4'096;
+constexpr int kBacklog = 512;
 
 class HandlerFactory final : public Poco::Net::HTTPRequestHandlerFactory {
  public:
@@ -43,10 +45,12 @@ Poco::Net::Context::Ptr MakeContext(const ServerCertificate& certificate, const 
   return context;
 }
 
-Poco::Net::HTTPServerParams::Ptr MakeParams() {
+Poco::Net::HTTPServerParams::Ptr MakeParams(unsigned max_threads) {
   Poco::Net::HTTPServerParams::Ptr params(new Poco::Net::HTTPServerParams);
-  params->setMaxThreads(kMaxThreads);
+  params->setMaxThreads(static_cast<int>(max_threads));
+  params->setMaxQueued(kMaxWaiting);
   params->setKeepAlive(true);
+  params->setKeepAliveTimeout(Poco::Timespan(5, 0));
   params->setTimeout(Poco::Timespan(10, 0));
   return params;
 }
@@ -57,10 +61,11 @@ struct ReferenceReceiver::Impl {
   explicit Impl(ReceiverOptions options)
       : state(std::move(options)),
         certificate(state.options.cert_folder, {state.options.cert_names, state.options.cert_days}),
-        socket(Poco::Net::SocketAddress("127.0.0.1", state.options.port), 64,
+        socket(Poco::Net::SocketAddress(state.options.address, state.options.port), kBacklog,
                MakeContext(certificate, state.options.client_ca_file)),
-        threads(2, kMaxThreads),
-        server(new HandlerFactory(state), threads, socket, MakeParams()) {
+        threads(2, static_cast<int>(state.options.max_threads)),
+        server(new HandlerFactory(state), threads, socket, MakeParams(state.options.max_threads)) {
+    state.is_pressed = [this] { return server.queuedConnections() > 0; };
     if (!state.options.ca_file.empty()) certificate.WriteTo(state.options.ca_file);
     if (state.options.proxy_port) {
       proxy = std::make_unique<TunnelProxy>(*state.options.proxy_port, state.options.proxy_status);
@@ -79,7 +84,9 @@ struct ReferenceReceiver::Impl {
     threads.joinAll();
   }
 
-  [[nodiscard]] std::string Url() const { return "https://127.0.0.1:" + std::to_string(server.port()); }
+  [[nodiscard]] std::string Url() const {
+    return "https://" + Poco::Net::SocketAddress(state.options.address, server.port()).toString();
+  }
   [[nodiscard]] std::string ProxyUrl() const {
     return proxy ? "http://127.0.0.1:" + std::to_string(proxy->GetPort()) : "";
   }
@@ -109,15 +116,15 @@ std::string ReferenceReceiver::GetProxyUrl() const {
 }
 
 std::vector<AcceptedPayload> ReferenceReceiver::GetPayloads() const {
-  return impl_->state.store.Payloads();
+  return impl_->state.store == nullptr ? std::vector<AcceptedPayload>{} : impl_->state.store->Payloads();
 }
 
 unsigned ReferenceReceiver::GetRequestCount() const {
-  return impl_->state.store.RequestCount();
+  return impl_->state.RequestCount();
 }
 
 bool ReferenceReceiver::WaitForRequests(unsigned count, std::chrono::milliseconds timeout) const {
-  return impl_->state.store.WaitForRequests(count, timeout);
+  return impl_->state.WaitForRequests(count, timeout);
 }
 
 unsigned ReferenceReceiver::GetConnectionCount() const {

@@ -10,15 +10,17 @@
 
 namespace zagent::tools {
 
-// The platform's side of an upload on 127.0.0.1, over TLS with a certificate of its own: verifies signatures, undoes
-// the compression, keeps what it accepted. Answers from construction to destruction; see docs/PROTOCOL.md.
+// The platform's side of an upload, over TLS with a certificate of its own: verifies signatures, undoes the
+// compression, hands what it accepted to an UploadSink. Listens on 127.0.0.1 unless told otherwise. Answers from
+// construction to destruction; see docs/PROTOCOL.md.
 //
 //   ReferenceReceiver receiver({.customer_id = "c", .agent_id = "a", .activation_id = "x", .ca_file = "/tmp/ca.pem"});
 //   ... upload to receiver.GetUrl() + "/fim", trusting receiver.GetCaFile() ...
 //   receiver.GetPayloads().at(0).text;
 class ReferenceReceiver {
  public:
-  // Throws std::exception for an empty id, a port that is taken or a file that cannot be written.
+  // Throws std::exception for nobody whose uploads to accept, a broken keys file, a port that is taken or a file that
+  // cannot be written.
   explicit ReferenceReceiver(ReceiverOptions options);
   ReferenceReceiver(const ReferenceReceiver&) = delete;
   ReferenceReceiver& operator=(const ReferenceReceiver&) = delete;

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "common/src/util/Clock.h"
-#include "common/src/util/KeyStore.h"
+#include "tools/reference-receiver/AgentKeys.h"
 #include "tools/reference-receiver/HmacV3Verifier.h"
 
 namespace zagent::tools {
@@ -22,13 +22,22 @@ struct SignedRequest {
   std::optional<std::string> timestamp;
 };
 
-// The platform's half of docs/PROTOCOL.md, "Signature", for one agent.
+// The platform's half of docs/PROTOCOL.md, "Signature". Thread-safe.
 class SignatureVerifier {
  public:
-  // `v3_file`: the keys of version 3 (HmacV3Keys), which is refused without. Throws std::invalid_argument for an empty
-  // id, and what HmacV3Keys::ReadFile throws.
-  SignatureVerifier(const std::string& customer_id, const std::string& agent_id, const std::string& activation_id,
-                    const common::util::Clock& clock = common::util::Clock::Real(), const std::string& v3_file = "");
+  // `agents`: lives as long as this. `v3_file`: the keys of version 3 (HmacV3Keys) of the single agent; version 3 is
+  // refused without. Throws std::invalid_argument for such a file without a single agent, and what
+  // HmacV3Keys::ReadFile throws.
+  explicit SignatureVerifier(const AgentKeys& agents, const common::util::Clock& clock = common::util::Clock::Real(),
+                             const std::string& v3_file = "");
+
+  // Whom a request claims to come from, by its head alone: what it costs does not depend on the body. Without a fault
+  // the agent is known, and nothing is proven yet.
+  struct Claim {
+    std::string fault;  // why the request must be refused; empty for none
+    AgentIdentity sender;
+  };
+  [[nodiscard]] Claim ReadHead(const SignedRequest& request) const;
 
   // Why the request must be refused; none when its signature is good.
   [[nodiscard]] std::optional<std::string> FindFault(const SignedRequest& request) const;
@@ -37,9 +46,13 @@ class SignatureVerifier {
                                                                             const std::string& body) const;
 
  private:
-  [[nodiscard]] static bool IsV3(const SignedRequest& request);
+  struct Authorization;
+  struct Head;
 
-  std::unique_ptr<common::util::KeyStore> keys_;
+  [[nodiscard]] bool IsV3(const SignedRequest& request) const;
+  [[nodiscard]] Head Read(const SignedRequest& request) const;
+
+  const AgentKeys& agents_;
   const common::util::Clock& clock_;
   std::unique_ptr<const HmacV3Verifier> v3_;
 };

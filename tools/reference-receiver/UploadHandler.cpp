@@ -11,11 +11,13 @@
 #include <istream>
 #include <ostream>
 #include <sstream>
+#include <stdexcept>
 
 #include "common/src/http/interceptors/LzmaCompression.h"
 #include "common/src/util/Fnv.h"
 #include "tools/json-schema/JsonSchema.h"
 #include "tools/reference-receiver/EventLines.h"
+#include "tools/reference-receiver/StreamSink.h"
 
 namespace zagent::tools {
 namespace {
@@ -28,14 +30,20 @@ std::optional<std::string> HeaderOf(const HTTPServerRequest& request, const std:
   return request.get(name);
 }
 
-// False when the body is larger than allowed; reads no more than that.
-bool ReadBody(HTTPServerRequest& request, std::size_t max_size, std::string& body) {
+// Of a body that is not kept so much is read, so that an honest sender gets its answer: one who still sends when the
+// connection ends may not see it.
+constexpr std::size_t kMaxDiscarded = 1UL << 20U;
+
+// False when the body is larger than allowed; reads no more than that. `keep` gets it, or nobody; `size` is what was
+// read.
+bool ReadBody(HTTPServerRequest& request, std::size_t max_size, std::string* keep, std::size_t& size) {
   if (request.hasContentLength() && request.getContentLength64() > static_cast<Poco::Int64>(max_size)) return false;
   std::istream& in = request.stream();
   char buffer[16384];
   while (in.read(buffer, sizeof(buffer)) || in.gcount() > 0) {
-    body.append(buffer, static_cast<std::size_t>(in.gcount()));
-    if (body.size() > max_size) return false;
+    size += static_cast<std::size_t>(in.gcount());
+    if (size > max_size) return false;
+    if (keep != nullptr) keep->append(buffer, static_cast<std::size_t>(in.gcount()));
   }
   return true;
 }
@@ -55,12 +63,59 @@ void ResetConnection(HTTPServerRequest& request) {
   (void)connect(accepted.socket().impl()->sockfd(), &nothing, sizeof(nothing));
 }
 
+std::unique_ptr<UploadSink> MakeSink(const ReceiverOptions& options, std::function<void(const std::string&)> say) {
+  if (!options.stream) return std::make_unique<PayloadStore>(options.store_folder, options.keep_payloads);
+  if (!options.store_folder.empty()) throw std::invalid_argument("Uploads go to files or to a stream, not to both");
+  return std::make_unique<StreamSink>(*options.stream, std::move(say));
+}
+
 }  // namespace
+
+std::vector<std::string> RefusalLines::LinesFor(const std::string& reason) {
+  const std::lock_guard lock(mutex_);
+  std::vector<std::string> lines;
+  const auto now = clock_.SteadyNow();
+  if (now - second_ >= std::chrono::seconds(1)) {
+    if (count_ > kMaxPerSecond) lines.push_back("rejected: " + std::to_string(count_ - kMaxPerSecond) + " more");
+    second_ = now;
+    count_ = 0;
+  }
+  if (++count_ <= kMaxPerSecond) lines.push_back("rejected: " + reason);
+  return lines;
+}
+
+ReceiverState::ReceiverState(ReceiverOptions given)
+    : options(std::move(given)),
+      agents({{options.customer_id, options.agent_id}, options.activation_id}, options.keys_file,
+             [this](const std::string& line) { Print(line); }),
+      verifier(agents, common::util::Clock::Real(), options.hmac_v3_file),
+      sink(MakeSink(options, [this](const std::string& line) { Print(line); })),
+      store(dynamic_cast<PayloadStore*>(sink.get())) {}
 
 void ReceiverState::Print(const std::string& line) {
   if (!options.print) return;
   const std::lock_guard lock(print_mutex_);
   options.print(line);
+}
+
+void ReceiverState::PrintRefusal(const std::string& reason) {
+  for (const std::string& line : refusals_.LinesFor(reason)) Print(line);
+}
+
+void ReceiverState::CountRequest() {
+  const std::lock_guard lock(requests_mutex_);
+  ++requests_;
+  arrived_.notify_all();
+}
+
+unsigned ReceiverState::RequestCount() const {
+  const std::lock_guard lock(requests_mutex_);
+  return requests_;
+}
+
+bool ReceiverState::WaitForRequests(unsigned count, std::chrono::milliseconds timeout) const {
+  std::unique_lock lock(requests_mutex_);
+  return arrived_.wait_for(lock, timeout, [&] { return requests_ >= count; });
 }
 
 void ReceiverState::Delay() {
@@ -75,6 +130,7 @@ void ReceiverState::AwaitStop() {
 }
 
 void ReceiverState::Stop() {
+  sink->Stop();
   const std::lock_guard lock(stop_mutex_);
   stopped_ = true;
   stopping_.notify_all();
@@ -82,7 +138,7 @@ void ReceiverState::Stop() {
 
 void UploadHandler::handleRequest(HTTPServerRequest& request, HTTPServerResponse& response) {
   const Verdict verdict = Judge(request);
-  if (!verdict.reason.empty()) state_.Print("rejected: " + verdict.reason);
+  if (!verdict.reason.empty()) state_.PrintRefusal(verdict.reason);
   state_.Delay();
   if (state_.options.reset) {
     state_.Print("answered: reset");
@@ -100,12 +156,23 @@ void UploadHandler::handleRequest(HTTPServerRequest& request, HTTPServerResponse
 }
 
 UploadHandler::Verdict UploadHandler::Judge(HTTPServerRequest& request) {
-  std::string body;
-  const bool fits = ReadBody(request, state_.options.max_body_size, body);
-  state_.store.CountRequest();
-  if (!fits) return {HTTPServerResponse::HTTP_REQUEST_ENTITY_TOO_LARGE, "body too large"};
+  SignedRequest signed_request{request.getMethod(),
+                               request.getURI(),
+                               "",
+                               HeaderOf(request, "Content-Type"),
+                               HeaderOf(request, "X-OSTL-Authorization"),
+                               HeaderOf(request, "X-OSTL-Timestamp")};
+  const SignatureVerifier::Claim claim = state_.verifier.ReadHead(signed_request);
+  const bool is_claimed = claim.fault.empty();
+  const std::size_t max_size = state_.MaxBodySize();
+  std::size_t size = 0;
+  const bool fits = ReadBody(request, is_claimed ? max_size : std::min(max_size, kMaxDiscarded),
+                             is_claimed ? &signed_request.body : nullptr, size);
+  state_.CountRequest();
+  if (!fits && is_claimed) return {HTTPServerResponse::HTTP_REQUEST_ENTITY_TOO_LARGE, "body too large", {}, true};
+  if (!fits) return {HTTPServerResponse::HTTP_UNAUTHORIZED, claim.fault, {}, true};
   // The client has gone or been too slow; under V2 no signature would tell.
-  if (request.hasContentLength() && static_cast<Poco::Int64>(body.size()) != request.getContentLength64()) {
+  if (request.hasContentLength() && static_cast<Poco::Int64>(size) != request.getContentLength64()) {
     return {HTTPServerResponse::HTTP_BAD_REQUEST, "body incomplete"};
   }
   if (const int forced = ForcedStatus(request.getURI()); forced != 0) {
@@ -114,35 +181,32 @@ UploadHandler::Verdict UploadHandler::Judge(HTTPServerRequest& request) {
   }
   if (state_.options.reset) return {0, ""};
   if (request.getMethod() != "POST") return {HTTPServerResponse::HTTP_METHOD_NOT_ALLOWED, "not a POST"};
-  SignedRequest signed_request{request.getMethod(),
-                               request.getURI(),
-                               std::move(body),
-                               HeaderOf(request, "Content-Type"),
-                               HeaderOf(request, "X-OSTL-Authorization"),
-                               HeaderOf(request, "X-OSTL-Timestamp")};
+  if (!is_claimed) return {HTTPServerResponse::HTTP_UNAUTHORIZED, claim.fault};
   if (const auto fault = state_.verifier.FindFault(signed_request)) {
     return {HTTPServerResponse::HTTP_UNAUTHORIZED, *fault};
   }
-  if (const std::string foreign = FindForeignIdentity(request); !foreign.empty()) {
+  if (const std::string foreign = FindForeignIdentity(request, claim.sender); !foreign.empty()) {
     return {HTTPServerResponse::HTTP_UNAUTHORIZED, foreign};
   }
   auto answer_headers = state_.verifier.SignAnswer(signed_request, "");
-  Verdict verdict = Accept(request, std::move(signed_request.body));
+  Verdict verdict = Accept(request, claim.sender, std::move(signed_request.body));
   if (verdict.status == HTTPServerResponse::HTTP_OK) verdict.headers = std::move(answer_headers);
   return verdict;
 }
 
-UploadHandler::Verdict UploadHandler::Accept(const HTTPServerRequest& request, std::string body) {
+UploadHandler::Verdict UploadHandler::Accept(const HTTPServerRequest& request, const AgentIdentity& sender,
+                                             std::string body) {
   const std::string encoding = request.get("Content-Encoding", "");
   if (!encoding.empty() && encoding != "LZMA") {
     return {HTTPServerResponse::HTTP_UNSUPPORTEDMEDIATYPE, "unknown content encoding"};
   }
   try {
-    AcceptedPayload payload{std::move(body), request.getURI(), {}, ""};
+    AcceptedPayload payload{std::move(body), request.getURI(), {}};
+    payload.sender = sender;
+    payload.kind = KindOfTarget(payload.target);
     if (!encoding.empty()) {
-      const auto plain =
-          common::LzmaCompression(common::LzmaCompression::Container::Alone, state_.options.max_body_size)
-              .Decompress({payload.text.begin(), payload.text.end()});
+      const auto plain = common::LzmaCompression(common::LzmaCompression::Container::Alone, state_.MaxBodySize())
+                             .Decompress({payload.text.begin(), payload.text.end()});
       payload.text.assign(plain.begin(), plain.end());
     }
     if (request.has("Z-PAYLOADHASH") && request.get("Z-PAYLOADHASH") != HashText(payload.text)) {
@@ -153,28 +217,34 @@ UploadHandler::Verdict UploadHandler::Accept(const HTTPServerRequest& request, s
     }
     for (const auto& [name, value] : request) payload.headers[Poco::toLower(name)] = value;
     std::optional<IocBatch> batch;
-    if (IsIocTarget(request.getURI())) {
+    if (payload.kind == UploadKind::Ioc) {
       if (request.get("Content-Type", "") != "application/octet-stream") {
         return {HTTPServerResponse::HTTP_UNSUPPORTEDMEDIATYPE, "a batch is application/octet-stream"};
       }
-      batch = DecodeBatch(request, payload.text);
+      batch = DecodeBatch(payload);
       if (!batch) return {HTTPServerResponse::HTTP_BAD_REQUEST, "no batch of this agent"};
     }
-    std::vector<std::string> lines = batch ? batch->lines : DescribeDocument(payload.text);
-    if (lines.empty()) {
-      lines.push_back("payload " + std::to_string(payload.text.size()) +
-                      " bytes type=" + EscapeControls(request.get("Content-Type", "-")));
-    }
     std::optional<std::string> remark;
-    const bool is_new = state_.store.Add(std::move(payload), [&] {
-      if (batch) remark = state_.sequence.Note(batch->sequence_number);
+    const bool is_new = state_.sink->Add(payload, [&] {
+      if (batch) remark = state_.sequence.Note(batch->sequence_number, sender.agent_id);
     });
-    if (!is_new) lines = {"repeated: " + EscapeControls(request.get("Z-REQID"))};
-    if (remark) lines.insert(lines.begin(), *remark);
-    for (const std::string& line : lines) state_.Print(line);
+    if (remark) state_.Print(*remark);
+    if (!is_new) {
+      state_.Print("repeated: " + EscapeControls(request.get("Z-REQID")));
+    } else if (batch) {
+      for (const std::string& line : batch->lines) state_.Print(line);
+    } else {
+      for (const std::string& line : DescribePayload(payload.text, request.get("Content-Type", "-"))) {
+        state_.Print(line);
+      }
+    }
     return {HTTPServerResponse::HTTP_OK, ""};
   } catch (const common::DecompressedTooLargeException&) {
     return {HTTPServerResponse::HTTP_REQUEST_ENTITY_TOO_LARGE, "body too large"};
+  } catch (const PayloadTooLargeException& error) {
+    return {HTTPServerResponse::HTTP_REQUEST_ENTITY_TOO_LARGE, error.what()};
+  } catch (const UnfitPayloadException& error) {
+    return {HTTPServerResponse::HTTP_BAD_REQUEST, error.what()};
   } catch (const common::CompressionException& error) {
     return {HTTPServerResponse::HTTP_BAD_REQUEST, std::string("payload is not LZMA: ") + error.what()};
   } catch (const std::exception& error) {
@@ -187,17 +257,17 @@ std::optional<std::string> UploadHandler::FindDocumentFault(const std::string& t
   return FindSchemaFault("fim-upload", text);
 }
 
-std::optional<IocBatch> UploadHandler::DecodeBatch(const HTTPServerRequest& request, const std::string& text) const {
-  const ReceiverOptions& options = state_.options;
-  if (!IsIocTargetOf(request.getURI(), options.customer_id, options.agent_id)) return std::nullopt;
-  std::optional<IocBatch> batch = IocBatch::Decode(text);
-  const bool is_own = batch && batch->customer_id == options.customer_id && batch->agent_id == options.agent_id;
+std::optional<IocBatch> UploadHandler::DecodeBatch(const AcceptedPayload& payload) {
+  const AgentIdentity& sender = payload.sender;
+  if (!IsIocTargetOf(payload.target, sender.customer_id, sender.agent_id)) return std::nullopt;
+  std::optional<IocBatch> batch = IocBatch::Decode(payload.text);
+  const bool is_own = batch && batch->customer_id == sender.customer_id && batch->agent_id == sender.agent_id;
   return is_own ? std::move(batch) : std::nullopt;
 }
 
-std::string UploadHandler::FindForeignIdentity(const HTTPServerRequest& request) const {
-  const std::pair<const char*, const std::string&> owner[] = {{"Z-CUSTID", state_.options.customer_id},
-                                                              {"Z-CLNTID", state_.options.agent_id}};
+std::string UploadHandler::FindForeignIdentity(const HTTPServerRequest& request, const AgentIdentity& sender) {
+  const std::pair<const char*, const std::string&> owner[] = {{"Z-CUSTID", sender.customer_id},
+                                                              {"Z-CLNTID", sender.agent_id}};
   for (const auto& [name, id] : owner) {
     if (request.has(name) && request.get(name) != id) return std::string(name) + " is not that of the key id";
   }
@@ -214,8 +284,8 @@ void UploadHandler::Answer(HTTPServerResponse& response, const Verdict& verdict)
   response.setStatusAndReason(static_cast<HTTPServerResponse::HTTPStatus>(verdict.status));
   for (const auto& [name, value] : verdict.headers) response.set(name, value);
   if (state_.options.z_srv) response.set("Z-SRV", "reference-receiver");
-  // What was refused for its size has not been read: the connection is of no more use.
-  if (verdict.status == HTTPServerResponse::HTTP_REQUEST_ENTITY_TOO_LARGE) response.setKeepAlive(false);
+  // A connection that was not read to the end is of no more use; one that is kept would keep others waiting.
+  if (verdict.ends_connection || state_.is_pressed()) response.setKeepAlive(false);
   response.setContentLength(0);
   response.send();
 }

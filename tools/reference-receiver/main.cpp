@@ -8,6 +8,7 @@
 #include <iostream>
 #include <stdexcept>
 #include <string_view>
+#include <vector>
 
 #include "tools/reference-receiver/ReferenceReceiver.h"
 
@@ -15,8 +16,12 @@ namespace zagent::tools {
 namespace {
 
 constexpr const char* kUsage = R"(Usage: reference-receiver --customer ID --agent ID --activation ID [switches]
+       reference-receiver --keys FILE [switches]
+  --keys FILE         take the uploads of many agents: a line each of customer id, agent id and activation id
   --hmac-v3 FILE      take version 3 of the signature with these keys
-  --port N            listen on this port of 127.0.0.1 (default: a free one)
+  --listen ADDRESS    listen on this address (default: 127.0.0.1)
+  --port N            listen on this port (default: a free one)
+  --threads N         answer so many requests at the same time (default: 32)
   --ca-out FILE       write the certificate that clients must trust
   --cert-store DIR    keep certificate and key there, so that a restart changes neither
   --client-ca FILE    accept only clients with a certificate that leads to this one
@@ -34,7 +39,13 @@ constexpr const char* kUsage = R"(Usage: reference-receiver --customer ID --agen
   --no-z-srv          leave out the header Z-SRV
   --proxy PORT        be an HTTP proxy on this port, too (0: a free one)
   --proxy-status CODE let the proxy answer everything with this status
+Publish accepted payloads to a stream instead of files:
 )";
+
+void PrintUsage() {
+  std::cerr << kUsage;
+  for (const StreamSwitch& entry : kStreamSwitches) std::cerr << "  --" << entry.name << " " << entry.help << "\n";
+}
 
 class UsageError : public std::runtime_error {
  public:
@@ -67,7 +78,10 @@ struct Switch {
   void (*apply)(ReceiverOptions& options, const std::string& value);
 };
 
-constexpr std::array<Switch, 23> kSwitches = {{
+constexpr std::array<Switch, 26> kSwitches = {{
+    {"keys", true, [](ReceiverOptions& o, const std::string& v) { o.keys_file = v; }},
+    {"listen", true, [](ReceiverOptions& o, const std::string& v) { o.address = v; }},
+    {"threads", true, [](ReceiverOptions& o, const std::string& v) { o.max_threads = Number(v, 2, 4'096); }},
     {"customer", true, [](ReceiverOptions& o, const std::string& v) { o.customer_id = v; }},
     {"agent", true, [](ReceiverOptions& o, const std::string& v) { o.agent_id = v; }},
     {"activation", true, [](ReceiverOptions& o, const std::string& v) { o.activation_id = v; }},
@@ -101,20 +115,38 @@ constexpr std::array<Switch, 23> kSwitches = {{
 }};
 
 ReceiverOptions ParseArguments(int argc, char** argv) {
-  std::array<option, kSwitches.size() + 1> long_options{};
-  for (std::size_t i = 0; i < kSwitches.size(); ++i) {
-    long_options[i] = {kSwitches[i].name, kSwitches[i].has_value ? required_argument : no_argument, nullptr,
-                       static_cast<int>(i)};
-  }
+  std::vector<option> long_options;
+  const auto add = [&](const char* name, bool has_value) {
+    long_options.push_back({name, has_value ? required_argument : no_argument, nullptr, 0});
+  };
+  for (const Switch& entry : kSwitches) add(entry.name, entry.has_value);
+  for (const StreamSwitch& entry : kStreamSwitches) add(entry.name, true);
+  long_options.push_back({});
   ReceiverOptions options;
+  StreamOptions stream;
+  bool has_stream_switch = false;
   int index = 0;
+  int found = 0;
   opterr = 0;
   // No other thread exists yet. NOLINTNEXTLINE(concurrency-mt-unsafe)
-  while ((index = getopt_long(argc, argv, "", long_options.data(), nullptr)) != -1) {
-    if (index == '?') throw UsageError(std::string("Not a switch, or without its value: ") + argv[optind - 1]);
-    kSwitches.at(static_cast<std::size_t>(index)).apply(options, optarg == nullptr ? "" : optarg);
+  while ((found = getopt_long(argc, argv, "", long_options.data(), &index)) != -1) {
+    if (found == '?') throw UsageError(std::string("Not a switch, or without its value: ") + argv[optind - 1]);
+    const std::string value = optarg == nullptr ? "" : optarg;
+    const auto place = static_cast<std::size_t>(index);
+    if (place < kSwitches.size()) {
+      kSwitches.at(place).apply(options, value);
+      continue;
+    }
+    try {
+      ApplyStreamSwitch(stream, long_options[place].name, value);
+    } catch (const std::invalid_argument& error) {
+      throw UsageError(error.what());
+    }
+    has_stream_switch = true;
   }
   if (optind < argc) throw UsageError(std::string("Not a switch: ") + argv[optind]);
+  if (has_stream_switch && stream.urls.empty()) throw UsageError("A switch of a stream without --stream");
+  if (has_stream_switch) options.stream = stream;
   return options;
 }
 
@@ -137,7 +169,8 @@ int Run(int argc, char** argv) {
     sigwait(&signals, &signal);
     return 0;
   } catch (const UsageError& error) {
-    std::cerr << error.what() << (*error.what() == '\0' ? "" : "\n") << kUsage;
+    std::cerr << error.what() << (*error.what() == '\0' ? "" : "\n");
+    PrintUsage();
     return 2;
   } catch (const std::exception& error) {
     std::cerr << "reference-receiver: " << error.what() << "\n";
