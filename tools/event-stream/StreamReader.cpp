@@ -78,6 +78,11 @@ bool StreamReader::Acknowledge(const std::vector<Message>& messages) {
   return is_well && natsConnection_FlushTimeout(session_->Connection(), kFlushTimeoutMs) == NATS_OK;
 }
 
+void StreamReader::GiveBack(const std::vector<Message>& messages) {
+  for (const Message& message : messages) (void)natsMsg_Nak(message.owned.get(), nullptr);
+  if (session_) (void)natsConnection_FlushTimeout(session_->Connection(), kFlushTimeoutMs);
+}
+
 void StreamReader::Forget() {
   is_stale_ = true;
   if (!session_) return;

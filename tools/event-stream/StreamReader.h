@@ -38,6 +38,8 @@ class StreamReader {
   std::vector<Message> Read(int count, std::chrono::milliseconds patience);
   // Of messages of the last Read. False when the session is lost: they will come again.
   bool Acknowledge(const std::vector<Message>& messages);
+  // Of messages of the last Read: they come again at once, to this reader or another of the name.
+  void GiveBack(const std::vector<Message>& messages);
   // Lets the engine forget the name.
   void Forget();
 

@@ -141,7 +141,10 @@ void Consume(const Options& options) {
     if (messages.empty()) continue;
     for (const StreamReader::Message& message : messages) PrintMessage(options, message);
     std::cout.flush();
-    if (!std::cout) throw std::runtime_error("Cannot write the output");
+    if (!std::cout) {
+      reader.GiveBack(messages);
+      throw std::runtime_error("Cannot write the output");
+    }
     (void)reader.Acknowledge(messages);  // what is not comes again
   }
 }

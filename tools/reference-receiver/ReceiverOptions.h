@@ -35,6 +35,7 @@ struct ReceiverOptions {
   std::size_t max_body_size = 128UL * 1024 * 1024;
   bool keep_payloads = false;  // keep accepted payloads in memory, for GetPayloads: without end, so for tests
   bool validate = false;       // refuse documents of events that do not follow docs/schema
+  bool quiet = false;          // print no lines for what is accepted
 
   // How to misbehave. The first `status_requests` requests (0: all) are answered with `status` and nothing else
   // happens to them.

@@ -229,12 +229,12 @@ UploadHandler::Verdict UploadHandler::Accept(const HTTPServerRequest& request, c
       if (batch) remark = state_.sequence.Note(batch->sequence_number, sender.agent_id);
     });
     if (remark) state_.Print(*remark);
+    if (state_.options.quiet) return {HTTPServerResponse::HTTP_OK, ""};
     if (!is_new) {
       state_.Print("repeated: " + EscapeControls(request.get("Z-REQID")));
-    } else if (batch) {
-      for (const std::string& line : batch->lines) state_.Print(line);
     } else {
-      for (const std::string& line : DescribePayload(payload.text, request.get("Content-Type", "-"))) {
+      for (const std::string& line :
+           batch ? batch->lines : DescribePayload(payload.text, request.get("Content-Type", "-"))) {
         state_.Print(line);
       }
     }

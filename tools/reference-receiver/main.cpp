@@ -28,6 +28,7 @@ constexpr const char* kUsage = R"(Usage: reference-receiver --customer ID --agen
   --store DIR         write every accepted payload to a file
   --max-body MIB      refuse larger bodies, compressed or not (default: 128)
   --validate          refuse documents of events that do not follow their schema
+  --quiet             print no lines for what is accepted
   --status CODE[xN]   answer the first N requests (default: all) with this status
   --only-for TEXT     force a status, or cut a body, of requests whose path holds this text only
   --delay MS          wait before every answer
@@ -78,7 +79,7 @@ struct Switch {
   void (*apply)(ReceiverOptions& options, const std::string& value);
 };
 
-constexpr std::array<Switch, 26> kSwitches = {{
+constexpr std::array<Switch, 27> kSwitches = {{
     {"keys", true, [](ReceiverOptions& o, const std::string& v) { o.keys_file = v; }},
     {"listen", true, [](ReceiverOptions& o, const std::string& v) { o.address = v; }},
     {"threads", true, [](ReceiverOptions& o, const std::string& v) { o.max_threads = Number(v, 2, 4'096); }},
@@ -93,6 +94,7 @@ constexpr std::array<Switch, 26> kSwitches = {{
     {"max-body", true,
      [](ReceiverOptions& o, const std::string& v) { o.max_body_size = std::size_t{Number(v, 1, 65'536)} << 20U; }},
     {"validate", false, [](ReceiverOptions& o, const std::string&) { o.validate = true; }},
+    {"quiet", false, [](ReceiverOptions& o, const std::string&) { o.quiet = true; }},
     {"status", true, [](ReceiverOptions& o, const std::string& v) { SetStatus(o, v); }},
     {"only-for", true, [](ReceiverOptions& o, const std::string& v) { o.only_for = v; }},
     {"delay", true,

@@ -186,5 +186,13 @@ TEST(SequenceNumbersTest, TheFirstNumberIsTheBeginning) {
   EXPECT_EQ(numbers.Note(505), std::nullopt);
 }
 
+TEST(SequenceNumbersTest, EachAgentHasItsOwn) {
+  SequenceNumbers numbers;
+  EXPECT_EQ(numbers.Note(500, "a"), std::nullopt);
+  EXPECT_EQ(numbers.Note(7, "b"), std::nullopt);
+  EXPECT_EQ(numbers.Note(501, "a"), std::nullopt);
+  EXPECT_EQ(numbers.Note(9, "b"), "sequence gap: 8 to 8 missing before 9");
+}
+
 }  // namespace
 }  // namespace zagent::e2e

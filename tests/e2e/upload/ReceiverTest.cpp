@@ -118,6 +118,17 @@ TEST_F(ReceiverTest, RefusesAChangedPathUnderV2) {
   ExpectRefused(request, 401, "signature does not match");
 }
 
+TEST_F(ReceiverTest, AnswersAStrangerWithoutWaitingForItsBody) {
+  RawRequest request = Signed(HmacVersion::HmacV2);
+  std::string& authorization = request.headers["X-OSTL-Authorization"];
+  authorization.replace(authorization.find(kAgent), std::string(kAgent).size(), "stranger");
+  EXPECT_EQ(401, SendAnnouncing(request, 100'000'000));
+  EXPECT_THAT(Lines(), Contains("rejected: unknown key id"));
+  // A body of a usual size is read to its end, so that the sender is there for the answer.
+  request.body.resize(500'000);
+  ExpectRefused(request, 401, "unknown key id");
+}
+
 TEST_F(ReceiverTest, RefusesAnAddedQueryUnderBothVersions) {
   for (const HmacVersion version : {HmacVersion::HmacV1, HmacVersion::HmacV2}) {
     RawRequest request = Signed(version);

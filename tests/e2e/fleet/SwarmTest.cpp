@@ -1,0 +1,106 @@
+// The swarm's own honesty: its documents are those of the daemon, and its account tells lost and doubled ones.
+#include <gmock/gmock.h>
+
+#include <filesystem>
+#include <set>
+
+#include "tests/e2e/fleet/StreamFixture.h"
+#include "tools/agent-swarm/SpoolDocument.h"
+#include "tools/agent-swarm/Swarm.h"
+#include "tools/json-schema/JsonSchema.h"
+
+namespace zagent::e2e {
+namespace {
+
+using std::chrono::microseconds;
+using ::testing::SizeIs;
+
+TEST(SpoolDocumentTest, IsADocumentAsTheDaemonSendsThem) {
+  std::mt19937_64 random(7);
+  for (const std::size_t size : {std::size_t{0}, std::size_t{2'048}, std::size_t{102'400}}) {
+    const auto document = tools::MakeSpoolDocument(size, random);
+    EXPECT_GE(document.size(), size);
+    EXPECT_LT(document.size(), size + 1'000);
+    EXPECT_EQ(std::nullopt, tools::FindSchemaFault("fim-upload", std::string(document.begin(), document.end())));
+  }
+  EXPECT_NE(tools::MakeSpoolDocument(0, random), tools::MakeSpoolDocument(0, random));
+}
+
+TEST(SwarmAccountTest, CountsWhatIsLostAndWhatIsDoubled) {
+  std::vector<tools::SwarmUpload> uploads(4);
+  for (std::size_t i = 0; i < uploads.size(); ++i) uploads[i].id = std::to_string(i);
+  const auto account = tools::Account(uploads, {"0", "2", "2", "somebody else's", "2", "", "3"});
+  EXPECT_EQ(3U, account.stored);
+  EXPECT_EQ(1U, account.lost);
+  EXPECT_EQ(2U, account.doubled);
+}
+
+TEST(PercentileTest, IsTheValueThatSoManyDoNotExceed) {
+  std::vector<microseconds> values;
+  for (int i = 100; i >= 1; --i) values.emplace_back(i);
+  EXPECT_EQ(microseconds(50), tools::Percentile(values, 50));
+  EXPECT_EQ(microseconds(99), tools::Percentile(values, 99));
+  EXPECT_EQ(microseconds(100), tools::Percentile(values, 100));
+  EXPECT_EQ(microseconds(7), tools::Percentile({microseconds(7)}, 1));
+  EXPECT_EQ(microseconds(0), tools::Percentile({}, 50));
+}
+
+class SwarmTest : public StreamFixture {
+ protected:
+  tools::SwarmOptions Swarm(unsigned agents) {
+    tools::WriteSwarmKeys(folder_ / "keys", agents);
+    tools::SwarmOptions swarm;
+    swarm.agents = tools::ReadSwarmKeys(folder_ / "keys");
+    swarm.ca_file = folder_ / "ca.pem";
+    swarm.duration = std::chrono::seconds(2);
+    swarm.patience = std::chrono::seconds(10);
+    swarm.senders = 4;
+    return swarm;
+  }
+};
+
+TEST_F(SwarmTest, EveryUploadOfManyAgentsIsInTheStreamOnce) {
+  NatsServer server("max_payload: 8388608\n");
+  server.Start();
+  tools::SwarmOptions swarm = Swarm(7);
+  swarm.repeated_percent = 50;
+  tools::ReceiverOptions options = PublishingTo(StreamAt(server));
+  options.keys_file = folder_ / "keys";
+  StartReceiver(options);
+  ASSERT_TRUE(AwaitLine("stream: connected to "));
+  swarm.url = receiver_->GetUrl();
+  const auto result = tools::RunSwarm(swarm);
+  ASSERT_GT(result.uploads.size(), 20U);
+  EXPECT_EQ(0U, result.refused_repeats);
+  const auto account = tools::CountInStream(StreamAt(server), result.uploads);
+  EXPECT_EQ(result.uploads.size(), account.stored);
+  EXPECT_EQ(0U, account.lost);
+  EXPECT_EQ(0U, account.doubled);
+  EXPECT_GT(CountLines("repeated: "), 0U);
+  EXPECT_LE(receiver_->GetConnectionCount(), swarm.senders) << "connections are kept";
+  std::set<std::string> subjects;
+  for (const auto& message : ReadAll(StreamAt(server))) subjects.insert(message.subject);
+  EXPECT_THAT(subjects, SizeIs(7)) << "every agent has sent, by either version";
+}
+
+TEST_F(SwarmTest, MoreConnectionsThanThreadsAllHaveTheirTurn) {
+  tools::SwarmOptions swarm = Swarm(16);
+  tools::ReceiverOptions options = Options();
+  options.keys_file = folder_ / "keys";
+  options.max_threads = 2;
+  StartReceiver(options);
+  swarm.url = receiver_->GetUrl();
+  swarm.senders = 16;
+  swarm.small_percent = 100;
+  const auto result = tools::RunSwarm(swarm);
+  std::vector<microseconds> latencies;
+  for (const auto& upload : result.uploads) {
+    EXPECT_TRUE(upload.is_accepted);
+    latencies.push_back(upload.latency);
+  }
+  ASSERT_GE(result.uploads.size(), 16U);
+  EXPECT_LT(tools::Percentile(latencies, 100), std::chrono::seconds(10));
+}
+
+}  // namespace
+}  // namespace zagent::e2e
