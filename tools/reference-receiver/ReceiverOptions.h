@@ -56,6 +56,10 @@ struct ReceiverOptions {
   std::optional<std::uint16_t> proxy_port;  // 0: a free one
   int proxy_status = 0;
 
+  // A page that shows what comes, with the token that its address has. Empty: none.
+  std::optional<std::uint16_t> page_port;  // 0: a free one
+  std::string page_address = "127.0.0.1";
+
   // Gets every line that the receiver has to say, one call at a time, first "listening on <url>". May be empty.
   std::function<void(const std::string& line)> print;
 };

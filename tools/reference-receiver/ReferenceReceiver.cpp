@@ -8,6 +8,7 @@
 
 #include <stdexcept>
 
+#include "tools/reference-receiver/PageServer.h"
 #include "tools/reference-receiver/ServerCertificate.h"
 #include "tools/reference-receiver/TunnelProxy.h"
 #include "tools/reference-receiver/UploadHandler.h"
@@ -70,8 +71,13 @@ struct ReferenceReceiver::Impl {
     if (state.options.proxy_port) {
       proxy = std::make_unique<TunnelProxy>(*state.options.proxy_port, state.options.proxy_status);
     }
+    if (state.page) {
+      page = std::make_unique<PageServer>(*state.page,
+                                          PageServer::Settings{state.options.page_address, *state.options.page_port});
+    }
     state.Print("listening on " + Url());
     if (proxy) state.Print("proxy on " + ProxyUrl());
+    if (page) state.Print("page on " + page->GetUrl());
     server.start();
   }
   Impl(const Impl&) = delete;
@@ -97,6 +103,7 @@ struct ReferenceReceiver::Impl {
   Poco::ThreadPool threads;
   Poco::Net::HTTPServer server;
   std::unique_ptr<TunnelProxy> proxy;
+  std::unique_ptr<PageServer> page;
 };
 
 ReferenceReceiver::ReferenceReceiver(ReceiverOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}
@@ -113,6 +120,10 @@ const std::string& ReferenceReceiver::GetCaFile() const {
 
 std::string ReferenceReceiver::GetProxyUrl() const {
   return impl_->ProxyUrl();
+}
+
+std::string ReferenceReceiver::GetPageUrl() const {
+  return impl_->page ? impl_->page->GetUrl() : "";
 }
 
 std::vector<AcceptedPayload> ReferenceReceiver::GetPayloads() const {

@@ -32,6 +32,9 @@ class ReferenceReceiver {
   // "http://127.0.0.1:<port>"; empty without a proxy.
   [[nodiscard]] std::string GetProxyUrl() const;
 
+  // "http://127.0.0.1:<port>/<token>/"; empty without a page.
+  [[nodiscard]] std::string GetPageUrl() const;
+
   // With `keep_payloads` only.
   [[nodiscard]] std::vector<AcceptedPayload> GetPayloads() const;
   // Requests that have come whole, whatever became of them.

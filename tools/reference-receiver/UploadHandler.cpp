@@ -90,7 +90,8 @@ ReceiverState::ReceiverState(ReceiverOptions given)
              [this](const std::string& line) { Print(line); }),
       verifier(agents, common::util::Clock::Real(), options.hmac_v3_file),
       sink(MakeSink(options, [this](const std::string& line) { Print(line); })),
-      store(dynamic_cast<PayloadStore*>(sink.get())) {}
+      store(dynamic_cast<PayloadStore*>(sink.get())),
+      page(options.page_port ? std::make_unique<PageFeed>() : nullptr) {}
 
 void ReceiverState::Print(const std::string& line) {
   if (!options.print) return;
@@ -138,7 +139,10 @@ void ReceiverState::Stop() {
 
 void UploadHandler::handleRequest(HTTPServerRequest& request, HTTPServerResponse& response) {
   const Verdict verdict = Judge(request);
-  if (!verdict.reason.empty()) state_.PrintRefusal(verdict.reason);
+  if (!verdict.reason.empty()) {
+    state_.PrintRefusal(verdict.reason);
+    if (state_.page) state_.page->OnRefused(verdict.reason);
+  }
   state_.Delay();
   if (state_.options.reset) {
     state_.Print("answered: reset");
@@ -228,6 +232,8 @@ UploadHandler::Verdict UploadHandler::Accept(const HTTPServerRequest& request, c
     const bool is_new = state_.sink->Add(payload, [&] {
       if (batch) remark = state_.sequence.Note(batch->sequence_number, sender.agent_id);
     });
+    if (state_.page && is_new) state_.page->OnUpload(sender.agent_id, request.getURI(), payload.text);
+    if (state_.page && !is_new) state_.page->OnRepeated();
     if (remark) state_.Print(*remark);
     if (state_.options.quiet) return {HTTPServerResponse::HTTP_OK, ""};
     if (!is_new) {

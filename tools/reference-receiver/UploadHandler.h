@@ -17,6 +17,7 @@
 #include "common/src/util/Clock.h"
 #include "tools/reference-receiver/AgentKeys.h"
 #include "tools/reference-receiver/IocBatch.h"
+#include "tools/reference-receiver/PageFeed.h"
 #include "tools/reference-receiver/PayloadStore.h"
 #include "tools/reference-receiver/ReceiverOptions.h"
 #include "tools/reference-receiver/SignatureVerifier.h"
@@ -81,6 +82,7 @@ struct ReceiverState {
   const std::unique_ptr<UploadSink> sink;
   PayloadStore* const store;  // the sink, when it is one of files
   SequenceNumbers sequence;
+  const std::unique_ptr<PageFeed> page;  // none without a page
   std::atomic<unsigned> forced_answers{0};
   // Whether connections wait for a thread.
   std::function<bool()> is_pressed = [] { return false; };

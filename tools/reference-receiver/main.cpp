@@ -38,6 +38,8 @@ constexpr const char* kUsage = R"(Usage: reference-receiver --customer ID --agen
   --reset-body        accept, but reset the connection in the body of the answer
   --stall-body        accept, but send no more than the beginning of the answer's body
   --no-z-srv          leave out the header Z-SRV
+  --page PORT         show what comes on a page on this port (0: a free one), with a token in its address
+  --page-address IP   serve the page there (default: 127.0.0.1); it is plain HTTP
   --proxy PORT        be an HTTP proxy on this port, too (0: a free one)
   --proxy-status CODE let the proxy answer everything with this status
 Publish accepted payloads to a stream instead of files:
@@ -79,7 +81,7 @@ struct Switch {
   void (*apply)(ReceiverOptions& options, const std::string& value);
 };
 
-constexpr std::array<Switch, 27> kSwitches = {{
+constexpr std::array<Switch, 29> kSwitches = {{
     {"keys", true, [](ReceiverOptions& o, const std::string& v) { o.keys_file = v; }},
     {"listen", true, [](ReceiverOptions& o, const std::string& v) { o.address = v; }},
     {"threads", true, [](ReceiverOptions& o, const std::string& v) { o.max_threads = Number(v, 2, 4'096); }},
@@ -110,6 +112,9 @@ constexpr std::array<Switch, 27> kSwitches = {{
     {"stall-body", false,
      [](ReceiverOptions& o, const std::string&) { o.body_fault = ReceiverOptions::BodyFault::Stall; }},
     {"no-z-srv", false, [](ReceiverOptions& o, const std::string&) { o.z_srv = false; }},
+    {"page", true,
+     [](ReceiverOptions& o, const std::string& v) { o.page_port = static_cast<std::uint16_t>(Number(v, 0, 65535)); }},
+    {"page-address", true, [](ReceiverOptions& o, const std::string& v) { o.page_address = v; }},
     {"proxy", true,
      [](ReceiverOptions& o, const std::string& v) { o.proxy_port = static_cast<std::uint16_t>(Number(v, 0, 65535)); }},
     {"proxy-status", true, [](ReceiverOptions& o, const std::string& v) { o.proxy_status = StatusCode(v); }},
