@@ -31,7 +31,7 @@ arguments = argparse.Namespace()
 def start_browser():
     options = webdriver.ChromeOptions()
     options.binary_location = "/usr/bin/chromium"
-    for switch in ("--headless=new", "--disable-dev-shm-usage", "--disable-gpu", "--no-first-run", "--window-size=1440,900"):
+    for switch in ("--headless=new", "--disable-dev-shm-usage", "--disable-gpu", "--no-first-run"):
         options.add_argument(switch)
     if os.geteuid() == 0:
         options.add_argument("--no-sandbox")  # chromium refuses to run as root with one
@@ -51,6 +51,7 @@ class PageTest(unittest.TestCase):
     def setUp(self):
         self.may_complain = False
         self.receiver = Receiver(arguments.receiver)
+        self.size(1440, 900)
         self.appearance("light")
         self.browser.get_log("browser")  # of the test before
         self.browser.get(self.receiver.page)
@@ -106,6 +107,10 @@ class PageTest(unittest.TestCase):
     def appearance(self, scheme):
         features = [{"name": "prefers-color-scheme", "value": scheme}]
         self.browser.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": features})
+
+    def size(self, width, height):
+        metrics = {"width": width, "height": height, "deviceScaleFactor": 1, "mobile": False}
+        self.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", metrics)
 
     def upload_real_events(self):
         for file in sorted(glob.glob(os.path.join(arguments.data, "payload-*"))):
@@ -374,8 +379,8 @@ class PageTest(unittest.TestCase):
         self.assertGreaterEqual(len(chain), 4)
         self.find("#filter-clear").click()
         self.choose("#filter-kind", "indicators")
-        self.type_into("#filter-actor", "update")
-        self.wait_for("its events", lambda: len(self.rows()) > 2)
+        self.wait_for("what was before and behind it", lambda: "/tmp/.later" in self.rows() and "Connect" in self.rows("action"))
+        self.wait_for("the books", lambda: self.text("#tile-health") == "Good")
         self.screenshot("page-ioc.png")
 
 

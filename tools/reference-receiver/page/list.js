@@ -86,7 +86,10 @@ export class EventList {
   filter(passes) {
     this.#passes = passes;
     this.#visible = this.#events.filter(passes);
-    this.#place.scrollTop = 0;
+    this.#resize();
+    // What is selected stays in sight if it passes.
+    const middle = (this.#place.clientHeight - ROW) / 2;
+    this.#place.scrollTop = Math.max(0, this.#indexOfSelected() * ROW - middle);
     this.#later();
   }
 

@@ -150,7 +150,10 @@ function applyFilters() {
   );
 }
 
-for (const name of filters) at(`filter-${name}`).addEventListener("input", applyFilters);
+for (const name of filters) {
+  const field = at(`filter-${name}`);
+  field.addEventListener(field.tagName === "SELECT" ? "change" : "input", applyFilters);
+}
 at("filters").addEventListener("submit", (event) => event.preventDefault());
 at("filter-clear").addEventListener("click", () => {
   at("filters").reset();

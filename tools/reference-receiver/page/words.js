@@ -46,7 +46,7 @@ export function health(row) {
     case 1:
       return { subject: part, says: `${fields.component ?? "–"}${why}` };
     case 2:
-      return { subject: `${part}, manifest ${row.context ?? ""}`, says: `${fields.manifest ?? "–"}${why}` };
+      return { subject: `${part}, manifest`, says: `${fields.manifest ?? "–"}: ${row.context ?? ""}${why}` };
     case 3:
       return {
         subject: `${part}, upload`,
