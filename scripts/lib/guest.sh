@@ -17,11 +17,11 @@ GUEST_TOOLS=(rm tar cp find chmod chown mv sed ln install dash dpkg dpkg-deb dpk
 GUEST_AUDITD_PACKAGES=(auditd libwrap0 laurel)
 GUEST_AUDITD_PROGRAMS=(sbin/auditd sbin/auditctl usr/sbin/laurel)
 
-# Modules of its kernel, in /scenario/modules: disks in memory, one that records its writes, an overlay, and btrfs with
-# what it stands on.
+# Modules of its kernel, in /scenario/modules: disks in memory, one that records its writes, an overlay, btrfs with what it
+# stands on, and a network card.
 GUEST_MODULES=(drivers/block/brd.ko drivers/md/dm-mod.ko drivers/md/dm-log-writes.ko fs/overlayfs/overlay.ko
   lib/libcrc32c.ko lib/raid6/raid6_pq.ko crypto/xor.ko crypto/blake2b_generic.ko crypto/xxhash_generic.ko
-  lib/zstd/zstd_compress.ko fs/btrfs/btrfs.ko)
+  lib/zstd/zstd_compress.ko fs/btrfs/btrfs.ko drivers/net/vmxnet3/vmxnet3.ko)
 
 # The targets of them that a demonstration needs.
 DEMO_TARGETS=(ostrel-edr reference-agent reference-receiver file_actor audit_rules_list)
@@ -274,6 +274,13 @@ guest_pack() { find . -print0 | cpio --null --create --format=newc --owner=0:0 -
 GUEST_PROCESSORS=(-smp 2)
 GUEST_VIRTUAL_TIME=(-smp 1 -icount "shift=1,sleep=off" -rtc clock=vm)
 
+# The network of a guest, for qemu: none. guest_page PORT: a network card that leads nowhere; what comes to this port of
+# the machine's loopback goes to port 8080 of the guest.
+GUEST_NETWORK=(-net none)
+guest_page() {
+  GUEST_NETWORK=(-nic "user,model=vmxnet3,restrict=on,ipv6=off,hostfwd=tcp:127.0.0.1:$1-10.0.2.15:8080")
+}
+
 # guest_boot SECONDS PLACE [WORD...]: boots PLACE/initrd with the console on this terminal and, as a copy, in
 # PLACE/console; what the guest writes to its second serial line goes to PLACE/files.tar. Ends when the guest powers
 # off or the time is over (code 124; 0 seconds are no limit). The words end up in the guest's /proc/cmdline. The kernel
@@ -286,7 +293,8 @@ guest_boot() {
   kernel=$(guest_kernel) || return
   # Ends with the script that boots it, in whatever way that one ends.
   setpriv --pdeathsig TERM timeout --foreground --kill-after=5 "$seconds" \
-    qemu-system-x86_64 -accel tcg -cpu max -m "${GUEST_MEMORY:-1024}" "${GUEST_PROCESSORS[@]}" -display none -no-reboot -net none \
+    qemu-system-x86_64 -accel tcg -cpu max -m "${GUEST_MEMORY:-1024}" "${GUEST_PROCESSORS[@]}" -display none -no-reboot \
+    "${GUEST_NETWORK[@]}" \
     -chardev "stdio,id=console,signal=off,logfile=$place/console" -serial chardev:console \
     -serial "file:$place/files.tar" -kernel "$kernel" -initrd "$place/initrd" \
     -append "console=ttyS0 quiet audit=1 panic=-1 no_timer_check rdinit=/init $*"

@@ -15,6 +15,8 @@ PACKAGES+=(tinyproxy-bin squid-openssl openssl python3 xz-utils)
 PACKAGES+=(debhelper pandoc lintian debootstrap)
 # The engine and the balancer of a fleet, which tests start by themselves on loopback.
 PACKAGES+=(nats-server haproxy)
+# What opens the receiver's page as a person does.
+PACKAGES+=(chromium chromium-driver python3-selenium fonts-dejavu-core)
 # What counts instructions for the benchmarks.
 PACKAGES+=(valgrind)
 

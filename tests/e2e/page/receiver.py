@@ -1,5 +1,6 @@
 """The reference receiver with its page as a process, and an agent that uploads to it, written from docs/PROTOCOL.md."""
 
+import atexit
 import base64
 import hashlib
 import hmac
@@ -38,6 +39,7 @@ class Receiver:
         arguments = ["--customer", CUSTOMER, "--agent", AGENT, "--activation", ACTIVATION]
         arguments += ["--ca-out", ca, "--port", str(port), "--page", str(page)]
         self.process = subprocess.Popen([program, *arguments], stdout=subprocess.PIPE, text=True, errors="replace")
+        atexit.register(self.process.kill)  # nothing of a test that could not begin stays
         threading.Thread(target=self._read, daemon=True).start()
         self.url = self.await_line("listening on ")
         self.page = self.await_line("page on ")

@@ -143,9 +143,41 @@ while read -r line; do
   row "${event%% *}" "${event#* }" "$(echo "${who% as *}" | sed 's/</ < /g')" "$answer"
 done <$ATTACK
 
+# One round of everyday work and, in every third one, the attack.
+work_on() {
+  local file=$WATCHED/alice/round-$1
+  by_alice create "$file.txt"
+  by_alice write "$WATCHED/alice/notes.txt"
+  by_alice rename "$file.txt" "$file.done"
+  file-actor chmod "$WATCHED/script.sh" "075$(($1 % 8))"
+  if [ $(($1 % 4)) -eq 0 ]; then file-actor unlink "$WATCHED/alice/round-$(($1 - 2)).done"; fi
+  if [ $(($1 % 3)) -eq 0 ]; then
+    timeout 10 nc -l -p 4444 </dev/null >/dev/null &
+    wait_until 10 grep -qi ':115C ' /proc/net/tcp
+    administrator /run/attack
+    rm -f /tmp/.update /tmp/.later
+  fi
+}
+by_alice() { file-actor --loginuid 1000 --uid 1000 "$@"; }
+
 if grep -q ostrel.shell /proc/cmdline; then
   step "starting everything once more, for the shell: see $LOG, audit-rules, reference-agent, file-actor"
   start_receiver
   start_agent
   wait_for_daemon
+elif grep -q ostrel.page /proc/cmdline; then
+  step "starting everything once more, for the page"
+  insmod /scenario/modules/vmxnet3.ko
+  ip addr add 10.0.2.15/24 dev eth0
+  ip link set eth0 up
+  start_receiver --page 8080 --page-address 10.0.2.15
+  start_agent
+  wait_for_daemon
+  sed -n 's|^page on http://[^/]*|page: |p' $LOG/receiver.log
+  round=0
+  while true; do
+    round=$((round + 1))
+    work_on $round >/dev/null 2>&1
+    sleep 4
+  done
 fi

@@ -4,7 +4,7 @@ const ACTIONS = {
   RUNNING: "Start",
   TERMINATED: "End",
   ESTABLISHED: "Connect",
-  NONE: "Described",
+  NONE: "Seen",
 };
 
 // Both kinds of events have the same words for the same thing: "Create" and "CREATE" are one.
