@@ -179,7 +179,11 @@ std::string StreamSession::LastError() const {
 }
 
 StreamConnection::StreamConnection(StreamOptions options, Stream stream, std::function<void(const std::string&)> say)
-    : options_(std::move(options)), stream_(stream), say_(std::move(say)), thread_([this] { Keep(); }) {}
+    : options_(std::move(options)), stream_(stream), say_(std::move(say)) {
+  // The first use makes what all threads of the library share: nobody may come while another one is at it.
+  Require(nats_Open(-1), "libnats");
+  thread_ = std::thread([this] { Keep(); });
+}
 
 StreamConnection::~StreamConnection() {
   Stop();
