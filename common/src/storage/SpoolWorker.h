@@ -63,7 +63,8 @@ class SpoolWorker {
   std::unique_ptr<StorageResult> StoreUnwritten();
   [[nodiscard]] bool HasJustFailed() const;
   void ScheduleSync();
-  void CountHeldBytes() { held_bytes_ = unwritten_.size() + formatter_->Size(); }
+  // Nothing is published with it, and each item comes by: a plain store will do.
+  void CountHeldBytes() { held_bytes_.store(unwritten_.size() + formatter_->Size(), std::memory_order_relaxed); }
 
   const std::unique_ptr<DataFormatter> formatter_;
   SpoolLimits& limits_;

@@ -140,9 +140,17 @@ TEST_F(SpoolStorageScheduleTest, ASyncIsKeptWhenTheRunThatSetItEnds) {
 }
 
 TEST_F(SpoolStorageScheduleTest, ASyncThatIsBroughtForwardFromOutsideWakesTheRun) {
-  RunTask([] {});
-  ASSERT_TRUE(Eventually([&] { return clock_.EarliestDeadline() == clock_.Now() + kDay; }));
+  RunTask([&] { schedule_->ScheduleSync(60); });
+  ASSERT_TRUE(Eventually([&] { return clock_.EarliestDeadline() == clock_.Now() + seconds(60); }));
   schedule_->ScheduleSync(0);
+  EXPECT_TRUE(Eventually([&] { return syncs_ == 1; }));
+}
+
+TEST_F(SpoolStorageScheduleTest, ASyncThatIsBroughtForwardFromOutsideWakesTheSchedulerWhereThereIsNoRun) {
+  ASSERT_TRUE(Eventually([&] { return clock_.EarliestDeadline() == clock_.Now() + kDay; }));
+  schedule_->ScheduleSync(60);
+  ASSERT_TRUE(Eventually([&] { return clock_.EarliestDeadline() == clock_.Now() + seconds(60); }));
+  clock_.Advance(seconds(60));
   EXPECT_TRUE(Eventually([&] { return syncs_ == 1; }));
 }
 
