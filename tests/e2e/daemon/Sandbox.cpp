@@ -21,6 +21,7 @@
 
 #include "src/edr/LibMagicWrapper.h"
 #include "src/edr/host/ControlLink.h"
+#include "tests/e2e/PrivateMounts.h"
 
 namespace zagent::e2e {
 namespace {
@@ -62,7 +63,7 @@ void EnterSandbox() {
   const gid_t gid = getgid();
   Require(unshare(uid == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) == 0, "unshare");
   if (uid != 0) MapThisUserToRoot(uid, gid);
-  Mount("none", "/", nullptr, MS_REC | MS_PRIVATE);
+  Require(MakeMountsPrivate(), "making the mounts private");
   Mount("tmpfs", "/run", "tmpfs", 0);
 
   // A /dev of its own, because /dev/log must not be the machine's.

@@ -1,13 +1,14 @@
 // The tests mount disks of their own: in a mount namespace that nobody else sees.
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <iostream>
+
+#include "tests/e2e/PrivateMounts.h"
 
 namespace {
 
@@ -20,7 +21,7 @@ bool EnterPrivateNamespace() {
     std::ofstream("/proc/self/uid_map") << "0 " << uid << " 1";
     std::ofstream("/proc/self/gid_map") << "0 " << gid << " 1";
   }
-  return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+  return zagent::e2e::MakeMountsPrivate();
 }
 
 }  // namespace

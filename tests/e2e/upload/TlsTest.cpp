@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "common/src/http/DefaultHttpRetryPolicy.h"
+#include "tests/e2e/PrivateMounts.h"
 #include "tests/e2e/upload/UploadFixture.h"
 
 namespace zagent::e2e {
@@ -76,7 +77,7 @@ TEST_F(TlsTest, TrustsTheGivenCertificatesAndNotTheSystems) {
   // In a view of the file system of this thread's own, and of those that it starts, the system trusts the receiver.
   std::thread([&] {
     ASSERT_EQ(0, unshare(CLONE_NEWNS));
-    ASSERT_EQ(0, mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr));
+    ASSERT_TRUE(e2e::MakeMountsPrivate());
     ASSERT_EQ(0, mount("none", "/etc/ssl/certs", "tmpfs", 0, nullptr));
     std::filesystem::copy_file(receiver_->GetCaFile(), std::string("/etc/ssl/certs/") + hash_name);
     std::filesystem::copy_file(receiver_->GetCaFile(), "/etc/ssl/certs/ca-certificates.crt");
