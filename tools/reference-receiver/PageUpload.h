@@ -43,8 +43,8 @@ struct PageUpload {
   std::vector<std::string> health;            // rows of a status document, a JSON object each
   std::map<std::string, std::uint64_t> lost;  // what the rows say was lost, by field
 
-  // `target` is the path that it came to. What is no document and no batch has no events and is `Other`. Takes a few times
-  // the size of the payload while it lasts.
+  // `target` is the path that it came to. What is no document and no batch has no events and is `Other`. Takes a few
+  // times the size of the payload while it lasts.
   static PageUpload Read(const std::string& target, const std::string& payload);
 };
 

@@ -227,7 +227,7 @@ function takeBooks(books) {
   if (lost.loss || lost.bytes) {
     figure("lost", count(lost.loss || lost.bytes), shown(worst ? loss(worst[0]).words : "batches missing"), "bad");
   } else {
-    figure("lost", "0", "as agents report it", "good");
+    figure("lost", "0", "as agents report it", books.agentCount ? "good" : "");
   }
   showBooks(at("books-body"), books);
 }
