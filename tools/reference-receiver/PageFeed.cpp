@@ -55,8 +55,10 @@ std::string MembersOf(const std::string& agent_id, const std::string& host, std:
   return "\"agent\":" + Quoted(agent_id) + ",\"host\":" + Quoted(host) + ",\"received\":" + std::to_string(received);
 }
 
+using Iterator = std::deque<std::string>::const_iterator;
+
 // An array of objects as they stand.
-std::string Join(std::deque<std::string>::const_iterator begin, std::deque<std::string>::const_iterator end) {
+std::string Join(const Iterator& begin, const Iterator& end) {
   std::string json = "[";
   for (auto item = begin; item != end; ++item) {
     if (item != begin) json += ',';
