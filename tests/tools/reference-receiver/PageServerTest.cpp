@@ -272,6 +272,25 @@ TEST_F(PageServerTest, ManyReadersAreServedAndOneTooManyIsToldSo) {
   EXPECT_TRUE(fakes::Eventually([&] { return Reader()->Until("event: books").starts_with("HTTP/1.1 200"); }));
 }
 
+TEST_F(PageServerTest, UploadsOfManyThreadsReachReadersWholeOnceAndInOrder) {
+  const auto reader = Reader();
+  std::vector<std::thread> agents;
+  for (int agent = 0; agent < 4; ++agent) {
+    agents.emplace_back([this, agent] {
+      for (int i = 0; i < 50; ++i) feed_.OnUpload("agent-" + std::to_string(agent), kFim, Document(5));
+    });
+  }
+  for (std::thread& agent : agents) agent.join();
+  const std::string got = reader->Until("\"n\":1000,");
+  std::size_t position = 0;
+  for (int number = 1; number <= 1000; ++number) {
+    const std::string text = "{\"n\":" + std::to_string(number) + ",";
+    position = got.find(text, position);
+    ASSERT_NE(std::string::npos, position) << text;
+    EXPECT_EQ(std::string::npos, got.find(text, position + 1)) << text;
+  }
+}
+
 TEST_F(PageServerTest, NamesCannotEndAMessage) {
   feed_.OnUpload("a", kFim, Document(1, "/w/x\\n\\nevent: start\\ndata: {}\\n\\n\\r\\u2028"));
   const std::string got = Reader()->Until("event: books");
