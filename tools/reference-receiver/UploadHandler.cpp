@@ -34,6 +34,11 @@ std::optional<std::string> HeaderOf(const HTTPServerRequest& request, const std:
 // connection ends may not see it.
 constexpr std::size_t kMaxDiscarded = 1UL << 20U;
 
+// Encoders name a dictionary of this size whatever they are given: a body with it need not be large.
+constexpr std::size_t kUsualDictionary = 8UL << 20U;
+
+constexpr const char* kTooLarge = "body too large";
+
 // False when the body is larger than allowed; reads no more than that. `keep` gets it, or nobody; `size` is what was
 // read.
 bool ReadBody(HTTPServerRequest& request, std::size_t max_size, std::string* keep, std::size_t& size) {
@@ -173,7 +178,7 @@ UploadHandler::Verdict UploadHandler::Judge(HTTPServerRequest& request) {
   const bool fits = ReadBody(request, is_claimed ? max_size : std::min(max_size, kMaxDiscarded),
                              is_claimed ? &signed_request.body : nullptr, size);
   state_.CountRequest();
-  if (!fits && is_claimed) return {HTTPServerResponse::HTTP_REQUEST_ENTITY_TOO_LARGE, "body too large", {}, true};
+  if (!fits && is_claimed) return {HTTPServerResponse::HTTP_REQUEST_ENTITY_TOO_LARGE, kTooLarge, {}, true};
   if (!fits) return {HTTPServerResponse::HTTP_UNAUTHORIZED, claim.fault, {}, true};
   // The client has gone or been too slow; under V2 no signature would tell.
   if (request.hasContentLength() && static_cast<Poco::Int64>(size) != request.getContentLength64()) {
@@ -209,8 +214,10 @@ UploadHandler::Verdict UploadHandler::Accept(const HTTPServerRequest& request, c
     payload.sender = sender;
     payload.kind = KindOfTarget(payload.target);
     if (!encoding.empty()) {
-      const auto plain = common::LzmaCompression(common::LzmaCompression::Container::Alone, state_.MaxBodySize())
+      const auto plain = common::LzmaCompression(common::LzmaCompression::Container::Alone,
+                                                 std::max(state_.MaxBodySize(), kUsualDictionary))
                              .Decompress({payload.text.begin(), payload.text.end()});
+      if (plain.size() > state_.MaxBodySize()) return {HTTPServerResponse::HTTP_REQUEST_ENTITY_TOO_LARGE, kTooLarge};
       payload.text.assign(plain.begin(), plain.end());
     }
     if (request.has("Z-PAYLOADHASH") && request.get("Z-PAYLOADHASH") != HashText(payload.text)) {
@@ -246,7 +253,7 @@ UploadHandler::Verdict UploadHandler::Accept(const HTTPServerRequest& request, c
     }
     return {HTTPServerResponse::HTTP_OK, ""};
   } catch (const common::DecompressedTooLargeException&) {
-    return {HTTPServerResponse::HTTP_REQUEST_ENTITY_TOO_LARGE, "body too large"};
+    return {HTTPServerResponse::HTTP_REQUEST_ENTITY_TOO_LARGE, kTooLarge};
   } catch (const PayloadTooLargeException& error) {
     return {HTTPServerResponse::HTTP_REQUEST_ENTITY_TOO_LARGE, error.what()};
   } catch (const UnfitPayloadException& error) {

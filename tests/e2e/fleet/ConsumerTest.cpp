@@ -17,7 +17,8 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::SizeIs;
 
-constexpr const char* kDocument = R"({"events":[{"eventAction":"Write","imagePath":"/a","eventId":1}],"timestamp":"x"})";
+constexpr const char* kDocument =
+    R"({"events":[{"eventAction":"Write","imagePath":"/a","eventId":1}],"timestamp":"x"})";
 
 class ConsumerTest : public StreamFixture {
  protected:
@@ -133,8 +134,9 @@ TEST_F(ConsumerTest, ReadsOneCustomerAlone) {
 TEST_F(ConsumerTest, AcknowledgesOnlyWhatItHasPrinted) {
   server_.Start();
   Sink()->Add(Payload("{}", "id-1"), {});
-  fakes::LineProcess full({"/bin/sh", "-c", std::string("exec ") + REFERENCE_CONSUMER + " --json --stream " +
-                                                server_.Url() + " > /dev/full"});
+  fakes::LineProcess full(
+      {"/bin/sh", "-c",
+       std::string("exec ") + REFERENCE_CONSUMER + " --json --stream " + server_.Url() + " > /dev/full"});
   full.AwaitLine("reference-consumer: Cannot write the output");
   EXPECT_EQ(1, full.AwaitExit());
   EXPECT_THAT(PrintedBy(*Consume({"--json"})), ElementsAre(HasSubstr(R"("id":"id-1")")));

@@ -17,7 +17,8 @@ using ::testing::SizeIs;
 using ::testing::StartsWith;
 using tools::StreamSink;
 
-constexpr const char* kDocument = R"({"events":[{"eventAction":"Write","imagePath":"/a","eventId":1}],"timestamp":"x"})";
+constexpr const char* kDocument =
+    R"({"events":[{"eventAction":"Write","imagePath":"/a","eventId":1}],"timestamp":"x"})";
 
 class StreamTest : public StreamFixture {
  protected:
@@ -276,8 +277,12 @@ TEST(StreamOptionsTest, SaysWhatIsWrongWithAValue) {
   EXPECT_TRUE(tools::ApplyStreamSwitch(options, "stream-full", "drop-oldest"));
   EXPECT_TRUE(options.drop_oldest);
   EXPECT_FALSE(tools::ApplyStreamSwitch(options, "port", "1"));
-  for (const auto& [name, value] : {std::pair{"stream-size", "0"}, {"stream-replicas", "6"}, {"stream-age", "1h"},
-                                    {"stream-full", "x"}, {"stream-name", "A.B"}, {"stream-ack", ""}}) {
+  for (const auto& [name, value] : {std::pair{"stream-size", "0"},
+                                    {"stream-replicas", "6"},
+                                    {"stream-age", "1h"},
+                                    {"stream-full", "x"},
+                                    {"stream-name", "A.B"},
+                                    {"stream-ack", ""}}) {
     EXPECT_THROW(tools::ApplyStreamSwitch(options, name, value), std::invalid_argument) << name;
   }
   for (const tools::StreamSwitch& entry : tools::kStreamSwitches) {
