@@ -301,7 +301,9 @@ std::vector<QueueReport::Gauge> Daemon::MakeGauges() const {
 }
 
 void Daemon::SeeToIntake() {
-  switch (intake_watch_->NextStep()) {
+  const IntakeWatch::Step step = intake_watch_->NextStep();
+  health_->Intake().SetEnd(intake_watch_->EndCause());  // the daemon's own end is told of, too
+  switch (step) {
     case IntakeWatch::Step::Nothing:
       break;
     case IntakeWatch::Step::Restart:
@@ -319,6 +321,7 @@ void Daemon::RestartIntake() {
   ZLOG_INFO("Starting the audit intake anew");
   folder_scan_->StartAgain();
   intake_watch_->BeginRun();
+  health_->Intake().SetEnd("");
   try {
     StartIntake();
     // Nobody was there to hear of an audit daemon that restarted and lost the rules.

@@ -93,9 +93,17 @@ void HealthIntake::TellAtEnd() {
 }
 
 void HealthIntake::SetSilence(std::string why) {
-  if (why == silence_) return;
-  silence_ = std::move(why);
-  if (silence_.empty()) told_silence_.clear();
+  Set(silence_, std::move(why));
+}
+
+void HealthIntake::SetEnd(std::string cause) {
+  Set(end_, std::move(cause));
+}
+
+void HealthIntake::Set(Condition& condition, std::string why) {
+  if (why == condition.why) return;
+  condition.why = std::move(why);
+  if (condition.why.empty()) condition.told.clear();
   Judge(std::nullopt);
 }
 
@@ -105,13 +113,14 @@ void HealthIntake::Judge(const std::optional<audit::AuditStatus>& status) {
   total_.dropped = sources_.dropped_events();
   total_.counts = sources_.counters.Take();
   const common::util::Clock::SteadyTime now = clock_.SteadyNow();
-  const bool is_trouble = !silence_.empty() || total_.Since(seen_).IsLoss();
+  const bool is_trouble = !silence_.why.empty() || !end_.why.empty() || total_.Since(seen_).IsLoss();
   seen_ = total_;
   if (is_trouble) last_trouble_ = now;
   const State state =
       is_trouble || (state_ == State::Bad && now < last_trouble_ + kQuietTime) ? State::Bad : State::Good;
   const bool has_more = state == State::Bad && total_.Since(told_).IsLoss() && now >= told_at_ + kQuietTime;
-  if (state_ != state || has_more || silence_ != told_silence_) Report(state);
+  const bool has_cause = silence_.why != silence_.told || end_.why != end_.told;
+  if (state_ != state || has_more || has_cause) Report(state);
 }
 
 // What was lost before the program began is not its loss. A number that has become smaller was set to 0 meanwhile, or
@@ -125,10 +134,12 @@ void HealthIntake::AddKernelLosses(const audit::AuditStatus& status) {
 void HealthIntake::Report(State state) {
   health::HealthStatus status{health::StatusCode::Intake, "EDR", state, total_.Since(told_).AsFields(), {}};
   status.fields["since"] = told_since_;  // no status is like the one before, even if as much was lost again
-  if (!silence_.empty()) status.fields["auditSilent"] = silence_;
+  if (!silence_.why.empty()) status.fields["auditSilent"] = silence_.why;
+  if (!end_.why.empty()) status.fields["intakeEnded"] = end_.why;
   reporter_.Report(std::move(status));
   state_ = state;
-  told_silence_ = silence_;
+  silence_.told = silence_.why;
+  end_.told = end_.why;
   told_ = total_;
   told_since_ = common::util::FormatUtc(common::util::ToNanoseconds(clock_.Now()));
   told_at_ = clock_.SteadyNow();

@@ -16,11 +16,11 @@ namespace zagent::edr::host {
 // Reports how the intake of events does: once a minute it adds up what was lost since its last status, the kernel's own
 // losses included.
 //
-// The intake is bad when something was lost, or while audit is silent, and good again after five minutes without. A
-// status says what was lost since the one before; while the state stays the same there is one in five minutes at most,
-// and one for each cause of a silence, so that nothing is told twice and nothing is left out. What is dropped by design
-// (records that make no event, calls that mean nothing, events of files that were replaced) is told along and makes no
-// status bad.
+// The intake is bad when something was lost, while it is dead, and while audit is silent, and good again after five
+// minutes without. A status says what was lost since the one before; while the state stays the same there is one in
+// five minutes at most, and one for each cause of a death or a silence, so that nothing is told twice and nothing is
+// left out. What is dropped by design (records that make no event, calls that mean nothing, events of files that were
+// replaced) is told along and makes no status bad.
 //
 // One thread.
 class HealthIntake {
@@ -52,6 +52,8 @@ class HealthIntake {
 
   // Audit has stopped to speak, and why that may be; an empty text: it speaks again.
   void SetSilence(std::string why);
+  // The intake has ended, and of what; an empty text: it has begun anew.
+  void SetEnd(std::string cause);
 
  private:
   // What is lost, since the start or since a status.
@@ -66,7 +68,14 @@ class HealthIntake {
     [[nodiscard]] health::Fields AsFields() const;
   };
 
+  // What makes the intake bad as long as it lasts.
+  struct Condition {
+    std::string why;   // empty: it does not last
+    std::string told;  // while it lasts, the last cause that a status has told
+  };
+
   void Ask();
+  void Set(Condition& condition, std::string why);
   void Judge(const std::optional<audit::AuditStatus>& status);
   void AddKernelLosses(const audit::AuditStatus& status);
   void Report(health::State state);
@@ -82,8 +91,8 @@ class HealthIntake {
   Losses seen_;  // at the last look
   Losses told_;  // with the last status
   std::string told_since_;
-  std::string silence_;
-  std::string told_silence_;  // of this silence the last cause that a status has told
+  Condition silence_;
+  Condition end_;
   std::optional<health::State> state_;
   common::util::Clock::SteadyTime told_at_;
   common::util::Clock::SteadyTime last_trouble_;

@@ -8,6 +8,7 @@ void IntakeWatch::OnEnded(const std::string& cause) {
   const std::lock_guard lock(mutex_);
   if (ended_) return;
   ended_ = true;
+  cause_ = cause;
   ZLOG_ERROR("The audit intake has ended: " << cause);
   failures_.push_back(clock_.SteadyNow());
   while (failures_.size() > kMaxFailures || failures_.back() - failures_.front() >= kFailuresCountFor) {
@@ -20,6 +21,11 @@ bool IntakeWatch::HasEnded() const {
   return ended_;
 }
 
+std::string IntakeWatch::EndCause() const {
+  const std::lock_guard lock(mutex_);
+  return cause_;
+}
+
 IntakeWatch::Step IntakeWatch::NextStep() {
   const std::lock_guard lock(mutex_);
   if (!ended_ || !restarts_) return Step::Nothing;
@@ -30,6 +36,7 @@ IntakeWatch::Step IntakeWatch::NextStep() {
 void IntakeWatch::BeginRun() {
   const std::lock_guard lock(mutex_);
   ended_ = false;
+  cause_.clear();
 }
 
 }  // namespace zagent::edr::host

@@ -30,6 +30,8 @@ class IntakeWatch {
 
   // Until BeginRun.
   [[nodiscard]] bool HasEnded() const;
+  // What it has died of; empty while it runs.
+  [[nodiscard]] std::string EndCause() const;
 
   // What the host has to do now; made to be asked once a second.
   [[nodiscard]] Step NextStep();
@@ -41,6 +43,7 @@ class IntakeWatch {
   common::util::Clock& clock_;
   mutable std::mutex mutex_;
   bool ended_ = false;
+  std::string cause_;                                     // of the end
   std::deque<common::util::Clock::SteadyTime> failures_;  // those that still count; at most kMaxFailures
 };
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -111,6 +112,21 @@ class DaemonTest : public testing::Test {
     return static_cast<std::size_t>(std::distance(begin(files), end(files)));
   }
 
+  // What waits to be told of the daemon's health, as code and fields; to be asked while it does not run.
+  [[nodiscard]] std::vector<std::string> StatusRows() const {
+    sqlite3* database = nullptr;
+    EXPECT_EQ(sqlite3_open((config_.Folder() / "EDRStatus.db").c_str(), &database), SQLITE_OK);
+    std::vector<std::string> rows;
+    const auto add = [](void* all, int, char** values, char**) {
+      static_cast<std::vector<std::string>*>(all)->push_back(std::string(values[0]) + " " + values[1]);
+      return 0;
+    };
+    EXPECT_EQ(sqlite3_exec(database, "SELECT StatusCode, AdditionalFields FROM AgentStatus ORDER BY rowid", add, &rows,
+                           nullptr),
+              SQLITE_OK);
+    sqlite3_close(database);
+    return rows;
+  }
   ExampleConfig config_;
   std::unique_ptr<SyslogCapture> syslog_;
   std::unique_ptr<ScriptedAudit> audit_;

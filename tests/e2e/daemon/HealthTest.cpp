@@ -66,20 +66,6 @@ class HealthTest : public DaemonTest {
     agent_.reset();
   }
 
-  std::vector<std::string> Rows() {
-    sqlite3* database = nullptr;
-    EXPECT_EQ(sqlite3_open((config_.Folder() / "EDRStatus.db").c_str(), &database), SQLITE_OK);
-    std::vector<std::string> rows;
-    const auto add = [](void* all, int, char** values, char**) {
-      static_cast<std::vector<std::string>*>(all)->push_back(std::string(values[0]) + " " + values[1]);
-      return 0;
-    };
-    EXPECT_EQ(sqlite3_exec(database, "SELECT StatusCode, AdditionalFields FROM AgentStatus ORDER BY rowid", add, &rows,
-                           nullptr),
-              SQLITE_OK);
-    sqlite3_close(database);
-    return rows;
-  }
   void Sql(const std::string& statement) {
     sqlite3* database = nullptr;
     EXPECT_EQ(sqlite3_open((config_.Folder() / "EDRStatus.db").c_str(), &database), SQLITE_OK);
@@ -144,7 +130,7 @@ TEST_F(HealthTest, AnOutageLosesNothingAndRepeatsNothing) {
                                  R"(status 4001 FIM state=0 {"component":"stopped"})",
                                  R"(status 4001 FIM state=1 {"component":"started"})"));
   ExitDaemon();
-  for (const std::string& row : Rows()) EXPECT_THAT(row, Not(HasSubstr("started")));
+  for (const std::string& row : StatusRows()) EXPECT_THAT(row, Not(HasSubstr("started")));
 }
 
 TEST_F(HealthTest, FieldsThatCannotBeReadAreLeftOutAndOtherCodesStay) {
@@ -162,7 +148,7 @@ TEST_F(HealthTest, FieldsThatCannotBeReadAreLeftOutAndOtherCodesStay) {
   EXPECT_THAT(Lines("status 5001"), IsEmpty());
   EXPECT_EQ(LogCount("Error in parsing Extra fields column from AgentStatus table"), 1);
   ExitDaemon();
-  EXPECT_THAT(Rows(), testing::Contains(StartsWith("5001")));
+  EXPECT_THAT(StatusRows(), testing::Contains(StartsWith("5001")));
 }
 
 TEST_F(HealthTest, ABrokenManifestAndARefusedUploadAreTold) {
@@ -186,8 +172,8 @@ TEST_F(HealthTest, ABrokenManifestAndARefusedUploadAreTold) {
   MakeWatchedFolder("refused");
   ASSERT_TRUE(LogComesToHold("UploadSchedule: Failed to upload data. The next upload will be tried 1 seconds later."));
   ExitDaemon();
-  EXPECT_THAT(Rows(), testing::Contains(AllOf(StartsWith("4003 "), HasSubstr(R"("httpStatus":"404")"),
-                                              HasSubstr(R"("correlationId":")"))));
+  EXPECT_THAT(StatusRows(), testing::Contains(AllOf(StartsWith("4003 "), HasSubstr(R"("httpStatus":"404")"),
+                                                    HasSubstr(R"("correlationId":")"))));
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "tests/e2e/daemon/DaemonTest.h"
 #include "tools/reference-receiver/ReferenceReceiver.h"
@@ -20,6 +21,8 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::HasSubstr;
+
+constexpr const char* kIntakeEnded = R"("intakeEnded":"audit channel: the scripted kernel has gone")";
 
 class RunTest : public DaemonTest {
  protected:
@@ -44,6 +47,13 @@ class RunTest : public DaemonTest {
   [[nodiscard]] bool PlatformComesToHold(const std::string& text, std::chrono::seconds time = 30s) const {
     return Within(time, [&] { return Received().find(text) != std::string::npos; });
   }
+  // What is told of the intake's health, oldest first.
+  [[nodiscard]] std::vector<std::string> IntakeStatuses() const {
+    std::vector<std::string> rows = StatusRows();
+    std::erase_if(rows, [](const std::string& row) { return !row.starts_with("4004 "); });
+    return rows;
+  }
+
   std::unique_ptr<tools::ReferenceReceiver> platform_;
 };
 
@@ -211,6 +221,7 @@ TEST_F(RunTest, AnIntakeThatDiedIsStartedAnewWhenCoverageIsExtended) {
   EXPECT_EQ(LogCount("The audit intake has ended"), 1);
   agent_->Send(R"({"command": "exit"})");
   ExpectOrderlyEnd();
+  EXPECT_THAT(IntakeStatuses(), testing::Contains(HasSubstr(kIntakeEnded)).Times(1)) << "the gap is told";
 }
 
 TEST_F(RunTest, AnIntakeThatKeepsDyingEndsTheDaemonInOrder) {
@@ -224,6 +235,8 @@ TEST_F(RunTest, AnIntakeThatKeepsDyingEndsTheDaemonInOrder) {
   ExpectOrderlyEnd();
   EXPECT_EQ(LogCount("The audit intake has ended: "), 3);
   EXPECT_EQ(LogCount("Uncaught exception: The audit intake has ended three times within ten minutes"), 1);
+  ASSERT_FALSE(IntakeStatuses().empty());
+  EXPECT_THAT(IntakeStatuses().back(), HasSubstr(kIntakeEnded));
 }
 
 TEST_F(RunTest, WithoutExtendedCoverageADeadIntakeLeavesTheDaemonRunningWithoutEvents) {
@@ -236,6 +249,9 @@ TEST_F(RunTest, WithoutExtendedCoverageADeadIntakeLeavesTheDaemonRunningWithoutE
   EXPECT_TRUE(LogComesToHold("Command 'fim_status' received from agent"));
   agent_->Send(R"({"command": "exit"})");
   ExpectOrderlyEnd();
+  ASSERT_FALSE(IntakeStatuses().empty());
+  EXPECT_THAT(IntakeStatuses().back(), HasSubstr(kIntakeEnded));
+  EXPECT_THAT(IntakeStatuses(), testing::Contains(HasSubstr(kIntakeEnded)).Times(1)) << "once is enough";
 }
 
 TEST_F(RunTest, AMalformedManifestIsNamedAndTheDaemonGoesOn) {

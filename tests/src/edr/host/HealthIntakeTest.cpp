@@ -200,6 +200,49 @@ TEST_F(HealthIntakeTest, TheNextSilenceOfTheSameCauseIsToldAgain) {
   EXPECT_THAT(Lines()[2], HasSubstr("4004 EDR 0 auditSilent=nobody speaks "));
 }
 
+TEST_F(HealthIntakeTest, AnIntakeThatHasEndedIsBadUntilItBeginsAnewWhateverTheCounts) {
+  intake_->SetEnd("audit channel: no kernel");
+  ASSERT_THAT(Lines(), SizeIs(2));
+  EXPECT_THAT(Lines()[1], HasSubstr("4004 EDR 0 "));
+  EXPECT_THAT(Lines()[1], HasSubstr(" intakeEnded=audit channel: no kernel "));
+  for (int minute = 0; minute < 20; ++minute) {
+    intake_->SetEnd("audit channel: no kernel");  // as the host says every second
+    PassTime(1min);
+  }
+  EXPECT_THAT(Lines(), SizeIs(2)) << "once is enough";
+  intake_->SetEnd("");
+  for (int minute = 0; minute < 5; ++minute) PassTime(1min);
+  ASSERT_THAT(Lines(), SizeIs(3));
+  EXPECT_THAT(Lines()[2], HasSubstr("4004 EDR 1 "));
+  EXPECT_THAT(Lines()[2], Not(HasSubstr("intakeEnded")));
+}
+
+TEST_F(HealthIntakeTest, AnEndIsToldThoughTheIntakeIsBadAlreadyAndAgainWhenItEndsAgain) {
+  refused_ = 1;
+  PassTime(1min);
+  ASSERT_THAT(Lines(), SizeIs(2));
+  intake_->SetEnd("no kernel");
+  ASSERT_THAT(Lines(), SizeIs(3));
+  EXPECT_THAT(Lines()[2], HasSubstr(" intakeEnded=no kernel "));
+  EXPECT_THAT(Lines()[2], HasSubstr(" spoolRefused=0 ")) << "the loss was told";
+  intake_->SetEnd("");
+  PassTime(1min);
+  EXPECT_THAT(Lines(), SizeIs(3)) << "it is not good yet";
+  intake_->SetEnd("no kernel");
+  EXPECT_THAT(Lines(), SizeIs(4));
+}
+
+TEST_F(HealthIntakeTest, ASilenceAndAnEndAreToldBesideEachOther) {
+  intake_->SetSilence("nobody speaks");
+  intake_->SetEnd("no kernel");
+  ASSERT_THAT(Lines(), SizeIs(3));
+  EXPECT_THAT(Lines()[2], HasSubstr("4004 EDR 0 auditSilent=nobody speaks "));
+  EXPECT_THAT(Lines()[2], HasSubstr(" intakeEnded=no kernel "));
+  intake_->SetEnd("");
+  for (int minute = 0; minute < 10; ++minute) PassTime(1min);
+  EXPECT_THAT(Lines(), SizeIs(3)) << "the silence lasts";
+}
+
 TEST_F(HealthIntakeTest, WhatIsStillToBeToldIsToldAtTheEnd) {
   refused_ = 1;
   PassTime(1min);

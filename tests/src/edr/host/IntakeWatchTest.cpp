@@ -58,6 +58,17 @@ TEST_F(IntakeWatchTest, HasEndedUntilTheNextRunBegins) {
   EXPECT_FALSE(watch_.HasEnded());
 }
 
+TEST_F(IntakeWatchTest, TellsWhatItHasDiedOfUntilTheNextRunBegins) {
+  EXPECT_EQ(watch_.EndCause(), "");
+  watch_.OnEnded("no /proc");
+  watch_.OnEnded("what died with it");
+  EXPECT_EQ(watch_.EndCause(), "no /proc");
+  watch_.BeginRun();
+  EXPECT_EQ(watch_.EndCause(), "");
+  watch_.OnEnded("no kernel");
+  EXPECT_EQ(watch_.EndCause(), "no kernel");
+}
+
 TEST_F(IntakeWatchTest, AWallClockThatIsSetBackDoesNotDelayTheRestart) {
   watch_.OnEnded("no /proc");
   clock_.SetWall(-1h);
