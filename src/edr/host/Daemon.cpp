@@ -283,6 +283,7 @@ void Daemon::MainLoop() {
     memory_check.RunFor(ProcessExitFlag());
     health_->TellWhenDue();
     proof_of_life_->RunWhenDue();
+    life_sign_->Reap();
   }
 }
 

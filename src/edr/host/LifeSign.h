@@ -17,7 +17,7 @@ namespace zagent::edr::host {
 // The child is too short-lived to be excluded, and what it does concerns no component: the event counts for having
 // come in.
 //
-// The constructor, Give and the destructor belong to one thread; IsSign may be called from any other.
+// The constructor, Give, Reap and the destructor belong to one thread; IsSign may be called from any other.
 class LifeSign {
  public:
   static constexpr const char* kTag = "HOST";
@@ -36,6 +36,8 @@ class LifeSign {
   // Does the deed, without waiting for it to be done. False when there is no file or no rule on it, no child is to be
   // had, or the last one has not come to its end.
   bool Give();
+  // Lets go of a child that has come to its end, without waiting for it; made to be called about once a second.
+  void Reap() { (void)HasChild(); }
   // Whether an event tells of the file, whoever touched it.
   [[nodiscard]] bool IsSign(const edr::Event& event) const;
 

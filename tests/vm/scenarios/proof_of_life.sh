@@ -16,6 +16,9 @@ said() { is "$(grep -cF -- "$1" $LOG/edr.log)" "$2"; }
 # pass_round: until the next proof is due and its minute is over.
 pass_round() { sleep $((ROUND + 90)); }
 
+# Children that have ended and that the daemon has not let go of.
+no_zombies() { ! cat /proc/[0-9]*/stat 2>/dev/null | grep -q ") Z $(daemon_pid) "; }
+
 reported_silent() { grep '^status 4004 EDR state=0 ' $LOG/receiver.log | grep -qF "\"auditSilent\":\"$1"; }
 
 mkdir -p $WATCHED
@@ -27,6 +30,7 @@ sleep $((ROUND + 10))
 expect "a proof was asked for" said "Proof of life: waiting for the event" 1
 expect "and given" said "Proof of life: the event has come" 1
 expect "nobody is told" said "$SILENT" 0
+expect "who gave it is gone" no_zombies
 
 step "a rule in front: no task is audited"
 auditctl -a never,task
@@ -51,6 +55,7 @@ auditctl -e 1
 pass_round
 expect "it speaks again (2)" said "Proof of life: audit speaks again" 2
 expect "nothing was told twice" said "$SILENT" 2
+expect "all who were asked are gone" no_zombies
 
 act create $WATCHED/after.txt
 wait_for_owed 60

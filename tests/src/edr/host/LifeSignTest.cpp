@@ -91,6 +91,24 @@ TEST_F(LifeSignTest, AnotherProcessOpensTheFileForWriting) {
   EXPECT_TRUE(writes.ComesTo(2));
 }
 
+TEST_F(LifeSignTest, AChildThatHasEndedIsLetGoOfAtTheNextLook) {
+  while (waitpid(-1, nullptr, 0) > 0) continue;  // of earlier signs
+  LifeSign sign(folder_.Path(), engine_);
+  ASSERT_TRUE(sign.Give());
+  siginfo_t ended{};
+  ASSERT_EQ(waitid(P_ALL, 0, &ended, WEXITED | WNOWAIT), 0);
+  sign.Reap();
+  EXPECT_EQ(waitid(P_ALL, 0, &ended, WEXITED | WNOWAIT | WNOHANG), -1) << "it is there no more";
+  EXPECT_TRUE(sign.Give());
+}
+
+TEST_F(LifeSignTest, ALookDoesNotWaitForAChildThatHangs) {
+  LifeSign sign(folder_.Path(), engine_, [](const char*) { return pause(); });
+  ASSERT_TRUE(sign.Give());
+  sign.Reap();
+  EXPECT_FALSE(sign.Give());
+}
+
 TEST_F(LifeSignTest, AFileThatWasRemovedIsMadeAgain) {
   LifeSign sign(folder_.Path(), engine_);
   std::filesystem::remove(file_);
