@@ -71,10 +71,15 @@ void UploadSchedule::OnCancel() {
 }
 
 void UploadSchedule::UploadAll() {
-  while (!IsCancelling()) {
+  while (!IsCancelling() && !IsQuiet()) {
     File file = ReadNext();
     if (file == nullptr || !UploadOne(std::move(file))) return;
   }
+}
+
+// The hours may have begun since the run did.
+bool UploadSchedule::IsQuiet() const {
+  return quiet_hours_ != nullptr && quiet_hours_->IsNetworkBlackoutNow(kModule);
 }
 
 UploadSchedule::File UploadSchedule::ReadNext() {

@@ -23,7 +23,7 @@ namespace zagent::fim::internal {
 //
 // The first run is due at once. From then on the end of the last run counts, whether it succeeded or not: a failing
 // upload waits its interval like any other. A run that would begin in the quiet hours of the module "FIM" waits for
-// their end; one under way goes on.
+// their end; one under way when they begin ends with the file that it is sending.
 class UploadSchedule final : public common::Schedule {
  public:
   // Outcome of the last attempt: "httpStatus" and "correlationId".
@@ -55,6 +55,7 @@ class UploadSchedule final : public common::Schedule {
   using File = std::unique_ptr<common::StorageResult>;
 
   void UploadAll();
+  [[nodiscard]] bool IsQuiet() const;
   // The next file to send; null when there is none or none can be read.
   File ReadNext();
   // True when the file has been dealt with and the next one may come.

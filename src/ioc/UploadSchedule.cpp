@@ -86,10 +86,15 @@ void UploadSchedule::OnCancel() {
 }
 
 void UploadSchedule::UploadSome() {
-  for (int i = 0; i < kFilesPerRun && !IsCancelling(); ++i) {
+  for (int i = 0; i < kFilesPerRun && !IsCancelling() && !IsQuiet(); ++i) {
     File file = ReadNext();
     if (file == nullptr || !UploadOne(std::move(file))) return;
   }
+}
+
+// The hours may have begun since the run did.
+bool UploadSchedule::IsQuiet() const {
+  return quiet_hours_ != nullptr && quiet_hours_->IsNetworkBlackoutNow(kModule);
 }
 
 UploadSchedule::File UploadSchedule::ReadNext() {

@@ -22,7 +22,8 @@ namespace zagent::ioc::internal {
 // spool is empty or an upload fails. A file is deleted when the platform has accepted it.
 //
 // The first run is due at once. From then on the end of the last run counts, whether it succeeded or not. A run that
-// would begin in the quiet hours of the module "IOC" waits for their end; one under way goes on.
+// would begin in the quiet hours of the module "IOC" waits for their end; one under way when they begin ends with the
+// file that it is sending.
 class UploadSchedule final : public common::Schedule {
  public:
   static constexpr int kFilesPerRun = 3;
@@ -54,6 +55,7 @@ class UploadSchedule final : public common::Schedule {
 
   [[nodiscard]] std::optional<std::int64_t> NextDueTime() const;
   void UploadSome();
+  [[nodiscard]] bool IsQuiet() const;
   // The next file to send; null when there is none or none can be read.
   File ReadNext();
   // True when the file has been dealt with and the next one may come.

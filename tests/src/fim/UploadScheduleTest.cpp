@@ -23,10 +23,12 @@ constexpr const char* kFile = R"({"events":[{"timestamp":"2024-05-01T10:20:30Z",
 
 class UploadScheduleTest : public testing::Test {
  protected:
-  UploadScheduleTest() {
+  UploadScheduleTest() { MakeSchedule(nullptr); }
+
+  void MakeSchedule(const common::BlackoutManager* quiet_hours) {
     auto uploader = std::make_unique<fakes::FakeUploader>();
     uploader_ = uploader.get();
-    schedule_ = std::make_unique<UploadSchedule>(*config_, storage_, std::move(uploader), nullptr, health_, clock_);
+    schedule_ = std::make_unique<UploadSchedule>(*config_, storage_, std::move(uploader), quiet_hours, health_, clock_);
   }
 
   // One run from its start to its end, on its own thread.
@@ -99,11 +101,29 @@ TEST_F(UploadScheduleTest, QuietHoursCountWhenTheRunWouldBegin) {
   // Open now, and closed by the time that the interval is over.
   const common::BlackoutManager quiet_hours(OpenForAQuarter("FIM", 0), clock_);
   SetInterval(900);
-  schedule_ = std::make_unique<UploadSchedule>(*config_, storage_, std::make_unique<fakes::FakeUploader>(),
-                                               &quiet_hours, health_, clock_);
+  MakeSchedule(&quiet_hours);
   EXPECT_EQ(SecondsToNextRun(), 0);
   Run();
   EXPECT_EQ(SecondsToNextRun(), 7 * 86'400 - SecondOfDay() % 900) << "the same quarter of an hour, a week later";
+}
+
+TEST_F(UploadScheduleTest, QuietHoursThatBeginDuringARunLeaveTheFurtherFilesToTheNextWindow) {
+  const common::BlackoutManager quiet_hours(OpenForAQuarter("FIM", 0), clock_);
+  MakeSchedule(&quiet_hours);
+  storage_.AddFile("/spool/fim.0001", R"({"events":[1]})");
+  storage_.AddFile("/spool/fim.0002", R"({"events":[2]})");
+  uploader_->Hold();
+  schedule_->Start();
+  uploader_->AwaitUploads(1);
+  clock_.Advance(seconds(900 - SecondOfDay() % 900));
+  uploader_->Release();
+  AwaitEnd();
+  EXPECT_EQ(uploader_->Uploads().size(), 1U);
+  EXPECT_EQ(storage_.FileNames(), std::vector<std::string>{"/spool/fim.0002"}) << "the first was under way";
+  EXPECT_EQ(SecondsToNextRun(), 7 * 86'400 - 900) << "a week from the quarter of an hour that is over";
+  clock_.Advance(seconds(7 * 86'400 - 900));
+  Run();
+  EXPECT_TRUE(storage_.FileNames().empty());
 }
 
 TEST_F(UploadScheduleTest, AnEmptySpoolGivesNoRequest) {

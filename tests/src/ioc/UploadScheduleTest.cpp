@@ -33,6 +33,9 @@ class IocUploadScheduleTest : public testing::Test {
   // One run from its start to its end, on its own thread.
   void Run() {
     schedule_->Start();
+    AwaitEnd();
+  }
+  void AwaitEnd() {
     // A second Start waits for the first run; cancelling an ended run does nothing but join it.
     EXPECT_TRUE(fakes::Eventually([&] { return !schedule_->IsRunning(); }));
     schedule_->Cancel();
@@ -233,6 +236,28 @@ TEST_F(IocUploadScheduleTest, ARunThatWouldBeginInQuietHoursWaitsForTheirEnd) {
   EXPECT_EQ(SecondsToNextRun(), 900 - (local.tm_min % 15 * 60 + local.tm_sec));
   Make("", &of_another);
   EXPECT_EQ(SecondsToNextRun(), 0);
+}
+
+TEST_F(IocUploadScheduleTest, QuietHoursThatBeginDuringARunLeaveTheFurtherFilesToTheNextWindow) {
+  const std::tm local = LocalTime();
+  const seconds to_window(900 - (local.tm_min % 15 * 60 + local.tm_sec));
+  const common::BlackoutManager quiet_hours(OpenInTheNextQuarter("IOC"), clock_);
+  Make("", &quiet_hours);
+  storage_.AddFile("/spool/ioc.0001", "1");
+  storage_.AddFile("/spool/ioc.0002", "2");
+  clock_.Advance(to_window);
+  uploader_->Hold();
+  schedule_->Start();
+  uploader_->AwaitUploads(1);
+  clock_.Advance(seconds(900));
+  uploader_->Release();
+  AwaitEnd();
+  EXPECT_EQ(uploader_->Uploads().size(), 1U);
+  EXPECT_EQ(storage_.FileNames(), std::vector<std::string>{"/spool/ioc.0002"}) << "the first was under way";
+  EXPECT_EQ(SecondsToNextRun(), 7 * 86'400 - 900);
+  clock_.Advance(seconds(7 * 86'400 - 900));
+  Run();
+  EXPECT_TRUE(storage_.FileNames().empty());
 }
 
 TEST_F(IocUploadScheduleTest, CancellingEndsAnUploadInFlightKeepsItsFileAndSaysNothingOfThePlatform) {
