@@ -9,7 +9,6 @@
 #include "src/edr/process/ImageInfo.h"
 #include "src/fim/BaselineEventInfo.h"
 #include "src/fim/ContentReader.h"
-#include "src/fim/EventDocument.h"
 #include "src/fim/LogPrefix.h"
 
 namespace zagent::fim::internal {
@@ -133,10 +132,10 @@ void EventProcessor::TakeBaseline(const std::shared_ptr<const EventRule>& rule, 
   try {
     const BaselineEventInfo baseline(event_id, edr::EventType::Baseline, path, clock_);
     // The answer may come when the processor has gone.
-    const bool queued = WriteJsonDoc({rule}, baseline,
-                                     [&known = baseline_, path, status = baseline.GetFileReadStatus()](bool is_taken) {
-                                       is_taken ? known.NoteSpooled(path, status) : known.GiveUp(path);
-                                     });
+    const bool queued =
+        WriteJsonDoc({rule}, baseline, [&known = baseline_, path](bool is_taken, const std::string& content_status) {
+          is_taken ? known.NoteSpooled(path, content_status) : known.GiveUp(path);
+        });
     if (!queued) baseline_.GiveUp(path);
   } catch (...) {
     baseline_.GiveUp(path);
@@ -151,7 +150,7 @@ bool EventProcessor::WriteJsonDoc(const MatchedRules& rules, const edr::Event& e
   parts.content = ContentOf(rules, event);
   parts.pace = &pace_;
   try {
-    QueueToStorage(BuildEventDocument(event, parts), on_spooled);
+    QueueToStorage(event, parts, on_spooled);
     return true;
   } catch (const common::StorageException& error) {
     if (!parts.content || parts.content->bytes.empty()) {
@@ -162,7 +161,7 @@ bool EventProcessor::WriteJsonDoc(const MatchedRules& rules, const edr::Event& e
   // The content made the document larger than a spool file may be: the event itself must not be lost with it.
   parts.content = FileContent{FileContent::kMaxSizeLimitReached, {}};
   try {
-    QueueToStorage(BuildEventDocument(event, parts), on_spooled);
+    QueueToStorage(event, parts, on_spooled);
     return true;
   } catch (const common::StorageException& error) {
     TellOfRefused(health_, error.what());
@@ -170,11 +169,14 @@ bool EventProcessor::WriteJsonDoc(const MatchedRules& rules, const edr::Event& e
   }
 }
 
-void EventProcessor::QueueToStorage(const std::string& document, const OnSpooled& on_spooled) {
+void EventProcessor::QueueToStorage(const edr::Event& event, const EventDocumentParts& parts,
+                                    const OnSpooled& on_spooled) {
+  const std::string document = BuildEventDocument(event, parts);
+  const std::string content_status = parts.content ? parts.content->status : "";
   storage_.WriteAsync(common::Bytes(document.begin(), document.end()),
-                      [&health = health_, on_spooled](std::unique_ptr<common::StorageResult> result) {
+                      [&health = health_, on_spooled, content_status](std::unique_ptr<common::StorageResult> result) {
                         TellOfWritten(health, result.get());
-                        if (on_spooled) on_spooled(IsTaken(result.get()));
+                        if (on_spooled) on_spooled(IsTaken(result.get()), content_status);
                       });
 }
 

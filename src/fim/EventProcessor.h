@@ -11,6 +11,7 @@
 #include "src/edr/DigestPace.h"
 #include "src/edr/Event.h"
 #include "src/fim/Baseline.h"
+#include "src/fim/EventDocument.h"
 #include "src/fim/RuleTable.h"
 #include "src/health/ComponentHealth.h"
 
@@ -37,8 +38,9 @@ class EventProcessor {
 
  private:
   using MatchedRules = std::vector<std::shared_ptr<const EventRule>>;
-  // The storage's answer, on any thread, when the processor may have gone. May be empty.
-  using OnSpooled = std::function<void(bool is_taken)>;
+  // The storage's answer, on any thread, when the processor may have gone, with the content status that the document
+  // has. May be empty.
+  using OnSpooled = std::function<void(bool is_taken, const std::string& content_status)>;
 
   [[nodiscard]] MatchedRules FindRules(const std::vector<std::string>& rule_ids) const;
   [[nodiscard]] MatchedRules FindMatchingRules(const std::vector<std::string>& rule_ids, const edr::Event& event) const;
@@ -46,7 +48,7 @@ class EventProcessor {
   void TakeBaseline(const std::shared_ptr<const EventRule>& rule, std::uint32_t event_id, const std::string& path);
   // False when the storage has refused the document at once: `on_spooled` is not called then.
   bool WriteJsonDoc(const MatchedRules& rules, const edr::Event& event, const OnSpooled& on_spooled = {});
-  void QueueToStorage(const std::string& document, const OnSpooled& on_spooled);
+  void QueueToStorage(const edr::Event& event, const EventDocumentParts& parts, const OnSpooled& on_spooled);
 
   const RuleTable& rules_;
   common::Storage& storage_;

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "common/src/storage/Serializer.h"
+#include "common/src/storage/SqlStorageFactory.h"
+#include "src/fim/BaselineEventSqlDataFormatter.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeEvent.h"
 #include "tests/fakes/FakeHealthReporter.h"
@@ -48,6 +51,17 @@ class EventProcessorTest : public testing::Test {
       stories.push_back(json.At("eventAction") + " " + json.At("imagePath").substr(folder_.Path().size() + 1));
     }
     return stories;
+  }
+
+  // What the database says of the content of a file whose baseline is in it.
+  std::string RememberedStatus(const std::string& name) {
+    const auto storage = common::OpenSqlStorage(
+        database_.Path(), Baseline::kFileName, [] { return std::make_unique<BaselineEventSqlDataFormatter>(); },
+        nullptr, common::SqlStorage::Caching::Off);
+    const common::Bytes row = storage->Read(BaselineEventSqlDataFormatter::kTable, folder_ / name);
+    common::Serializer columns(row);
+    EXPECT_EQ(columns.GetString(), folder_ / name);
+    return columns.GetString();
   }
 
   // The only document that was written.
@@ -163,15 +177,23 @@ TEST_F(EventProcessorTest, ATooLargeFileIsReportedWithoutContent) {
 
 TEST_F(EventProcessorTest, ADocumentTooLargeForASpoolFileIsSentAgainWithoutContent) {
   AddRule("r1", R"(,"trackContentChange":true)");
-  HasBaseline("file");
   storage_.max_item_size = 2'000;
   folder_.Write("file", std::string(3'000, 'x'));
+  folder_.Write("small", "text");
   processor_.PostProcess({"r1"}, Event(EventType::Write, "file"));
-  const Json json = Written();
-  EXPECT_EQ(json.At("contentStatus"), "MAX_SIZE_LIMIT_REACHED");
-  EXPECT_EQ(json.At("fileContent"), "");
-  EXPECT_EQ(json.At("imagePath"), folder_ / "file");
+  ASSERT_EQ(Stories(), (std::vector<std::string>{"Baseline file", "action file"}));
+  for (const std::string& document : storage_.written) {
+    const Json json(document);
+    EXPECT_EQ(json.At("contentStatus"), "MAX_SIZE_LIMIT_REACHED");
+    EXPECT_EQ(json.At("fileContent"), "");
+    EXPECT_EQ(json.At("imagePath"), folder_ / "file");
+  }
   EXPECT_FALSE(log_.Has("Failed to write Event json to disc"));
+  EXPECT_EQ(reporter_.Refused(), 0U);
+  processor_.PostProcess({"r1"}, Event(EventType::Write, "small"));
+  baseline_.KeepFiled();
+  EXPECT_EQ(RememberedStatus("file"), "MAX_SIZE_LIMIT_REACHED") << "what the document says";
+  EXPECT_EQ(RememberedStatus("small"), "READ_SUCCESSFUL");
 }
 
 TEST_F(EventProcessorTest, ADocumentThatNoSpoolFileTakesIsLogged) {
