@@ -1,5 +1,7 @@
 #include "src/fim/ManifestFile.h"
 
+#include <sys/stat.h>
+
 #include <string_view>
 
 #include "common/src/storage/FileStorage.h"
@@ -13,6 +15,18 @@ using Fault = ManifestFileException::Fault;
 std::string PlaceAndText(const Fault& fault) {
   return "line " + std::to_string(fault.position.line) + ", column " + std::to_string(fault.position.column) + ": " +
          fault.text;
+}
+
+std::string ReadText(const std::string& path) {
+  const std::string failed = "Failed to read manifest: " + path;
+  struct stat info {};
+  if (stat(path.c_str(), &info) == 0 && info.st_size > kMaxManifestBytes) {
+    throw ManifestFileException(failed + ": it has more than " + std::to_string(kMaxManifestBytes) + " bytes", {});
+  }
+  common::FileStorage file(path);
+  const std::unique_ptr<common::StorageResult> content = file.Read();
+  if (content == nullptr || content->code != common::StorageCode::Success) throw ManifestFileException(failed, {});
+  return {content->data.begin(), content->data.end()};
 }
 
 Manifest ParseManifest(const std::string& path, std::string_view text, const rapidjson::Value& document) {
@@ -32,12 +46,7 @@ Manifest ParseManifest(const std::string& path, std::string_view text, const rap
 }  // namespace
 
 ManifestFile ReadManifestFile(const std::string& path) {
-  common::FileStorage file(path);
-  const std::unique_ptr<common::StorageResult> content = file.Read();
-  if (content == nullptr || content->code != common::StorageCode::Success) {
-    throw ManifestFileException("Failed to read manifest: " + path, {});
-  }
-  std::string text(content->data.begin(), content->data.end());
+  std::string text = ReadText(path);
   rapidjson::Document document;
   common::util::ParseJson(document, text);
   if (document.HasParseError()) {

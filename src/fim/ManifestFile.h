@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -31,6 +32,9 @@ struct ManifestFile {
   Manifest manifest;
   std::string text;
 };
+
+// Nobody writes manifests of this size; whoever names another file by mistake costs no memory.
+inline constexpr std::int64_t kMaxManifestBytes = 64LL * 1024 * 1024;
 
 // Reads a manifest and judges it by itself. Throws ManifestFileException.
 ManifestFile ReadManifestFile(const std::string& path);

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 
 #include "tests/fakes/FakeEvent.h"
 #include "tests/fakes/FakeHealthReporter.h"
@@ -142,6 +143,20 @@ TEST_F(EventRuleManagerTest, AManifestOfAMillionBracketsIsOnlyABadManifest) {
   const std::string deep = folder_.Write("deep.json", std::string(1'000'000, '['));
   Make({deep});
   EXPECT_TRUE(log_.Has("Invalid manifest json format for: " + deep));
+}
+
+TEST_F(EventRuleManagerTest, AManifestMayBeLargeButNotWithoutAnEnd) {
+  const std::string path = WriteManifest("m.json", Rule("r1", "/etc"));
+  std::ofstream(path, std::ios::app) << std::string(64 * 1024 * 1024 - std::filesystem::file_size(path), ' ');
+  Make({path});
+  EXPECT_EQ(InEngine(), (Installed{{"r1", "/etc"}}));
+  manager_.reset();
+  std::ofstream(path, std::ios::app) << ' ';
+  Make({path});
+  EXPECT_TRUE(InEngine().empty());
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR,
+                       "[FIM]: Failed to read manifest: " + path + ": it has more than 67108864 bytes"));
+  EXPECT_EQ(log_.Count("Failed to read manifest"), 1);
 }
 
 TEST_F(EventRuleManagerTest, AManifestOfAnotherVersionYieldsNoRules) {
