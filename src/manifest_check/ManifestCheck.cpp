@@ -20,6 +20,7 @@
 #include "src/ioc/engines/TaggingEngine.h"
 #include "src/ioc/rules/LinkedRules.h"
 #include "src/ioc/rules/RulePath.h"
+#include "src/manifest_check/DoubtfulFilters.h"
 #include "src/manifest_check/KernelRuleText.h"
 #include "src/manifest_check/UnknownKeys.h"
 #include "src/manifest_check/UnreadParts.h"
@@ -136,7 +137,7 @@ bool ManifestCheck::CheckFim(const std::string& path) {
       return false;
     }
     for (const std::string& line : log.Take()) PrintWarning(path, line);
-    WarnOfUnknownKeys(path, file);
+    WarnOfDoubts(path, file);
     if (!CheckFimRules(path, file)) return false;
   } catch (const fim::ManifestFileException& error) {
     if (error.Faults().empty()) out_ << error.what() << "\n";
@@ -266,11 +267,13 @@ bool ManifestCheck::CheckId(const std::string& path, const TextPosition& place, 
   return false;
 }
 
-void ManifestCheck::WarnOfUnknownKeys(const std::string& path, const ManifestFile& file) {
+void ManifestCheck::WarnOfDoubts(const std::string& path, const ManifestFile& file) {
   rapidjson::Document document;
   common::util::ParseJson(document, file.text);
-  for (const fim::ManifestMistake& key : FindUnknownKeys(document)) {
-    PrintFault(path, PositionOf(file.text, key.place), "warning: " + key.Text());
+  for (const auto& doubts : {FindUnknownKeys(document), FindDoubtfulFilters(document)}) {
+    for (const fim::ManifestMistake& doubt : doubts) {
+      PrintFault(path, PositionOf(file.text, doubt.place), "warning: " + doubt.Text());
+    }
   }
 }
 

@@ -17,6 +17,7 @@ namespace zagent::manifest_check {
 // Judges manifests as the daemon would, with the same parser, and prints
 //
 //   etc.json:12:9: Invalid Notify Flag (rule r1, key notify[1])       what is wrong, one line each
+//   etc.json:9:30: warning: Unknown key, which is passed over (rule r1, key notfy)
 //   etc.json: warning: Cannot resolve symlink /etc/nowhere            what works, but may not be meant
 //   ioc.json:9:20: Invalid setting json for Execution tag             what the engine of tags would log, likewise
 //   etc.json: 2 rules, with digests                                   a good manifest, and
@@ -63,7 +64,7 @@ class ManifestCheck {
   bool CheckPath(const std::string& path, const edr::EventRule& rule, const common::util::TextPosition& place);
   void PrintRules(const std::string& path, std::size_t count, const std::string& more);
   bool CheckId(const std::string& path, const common::util::TextPosition& place, const KnownId& own);
-  void WarnOfUnknownKeys(const std::string& path, const fim::ManifestFile& file);
+  void WarnOfDoubts(const std::string& path, const fim::ManifestFile& file);
   void WarnOfUnreadParts(const std::string& path, const std::string& text);
   void NoteActors(const std::string& path, const Rules& rules);
   bool CheckTags(const std::string& path, const std::string& text);

@@ -41,6 +41,18 @@ class ManifestCheckTest : public testing::Test {
     return text;
   }
 
+  // The lines of what was printed that warn of a place in the file.
+  std::string WarningsOf(const std::string& name) {
+    std::istringstream printed(Printed());
+    std::string warnings;
+    for (std::string line; std::getline(printed, line);) {
+      if (line.rfind("DIR/" + name + ":", 0) == 0 && line.find(": warning: ") != std::string::npos) {
+        warnings += line + "\n";
+      }
+    }
+    return warnings;
+  }
+
   fakes::TempFolder folder_;
   std::string base_;
   std::ostringstream out_;
@@ -200,6 +212,60 @@ TEST_F(ManifestCheckTest, AKeyThatNobodyReadsIsAWarning) {
   }
   EXPECT_EQ(printed.find("key actorProcess"), std::string::npos);
   EXPECT_EQ(printed.find("DIR/m.json:5:"), 0U) << "a warning of a key has its place";
+}
+
+TEST_F(ManifestCheckTest, ExclusionsBesideInclusionsAreAWarning) {
+  const std::string both =
+      R"(,
+     "inclusionFilters": [{"actorUsername": ["alice"]}],
+     "exclusionFilters": [{"actorProcess": []}])";
+  const std::string one = R"(, "inclusionFilters": [], "exclusionFilters": [{"actorProcess": ["vi"]}])";
+  EXPECT_TRUE(
+      Check("m.json", Manifest(Rule("r1", base_ + "/watched", both) + ",\n" + Rule("r2", base_ + "/watched", one))));
+  EXPECT_EQ(WarningsOf("m.json"),
+            "DIR/m.json:7:26: warning: Not looked at, because the rule has inclusion filters "
+            "(rule r1, key exclusionFilters)\n");
+}
+
+TEST_F(ManifestCheckTest, AnExclusionWithoutAConditionIsAWarning) {
+  const std::string filters =
+      R"(, "exclusionFilters": [
+{"actorProcess": [], "actorUsername": []},
+{"exclusionFilter": {"objectType": "file", "patterns": []}},
+{"objectType": "directory", "patterns": [], "timespanStart": "01:00:00", "timespanEnd": "01:00:00"},
+{"actorProcess": [], "actorUsername": ["root"]},
+{"patterns": [], "objectType": "file", "timespanStart": "01:00:00", "timespanEnd": "02:00:00"}])";
+  const std::string inclusion = R"(, "inclusionFilters": [{"actorProcess": []}])";
+  EXPECT_TRUE(Check(
+      "m.json", Manifest(Rule("r1", base_ + "/watched", filters) + ",\n" + Rule("r2", base_ + "/watched", inclusion))));
+  EXPECT_EQ(WarningsOf("m.json"),
+            "DIR/m.json:6:1: warning: Filter without a condition: it drops everything (rule r1, key "
+            "exclusionFilters[0])\n"
+            "DIR/m.json:7:21: warning: Filter without a condition: it drops everything that happens to files (rule r1, "
+            "key exclusionFilters[1].exclusionFilter)\n"
+            "DIR/m.json:8:1: warning: Filter without a condition: it drops everything (rule r1, key "
+            "exclusionFilters[2])\n");
+}
+
+TEST_F(ManifestCheckTest, AMalformedGlobIsAWarning) {
+  const std::string filters =
+      R"(, "inclusionFilters": [
+{"objectType": "file", "patterns": ["[abc]", "[!a-z]*", "\\[abc", "*]", "[\\]]", "[abc"]},
+{"inclusionFilter": {"actorProcess": ["vi\\", "a\\\\"]}},
+{"actorUsername": ["ali[ce-]"]}])";
+  EXPECT_TRUE(Check("m.json", Manifest(Rule("r1", base_ + "/watched", filters))));
+  const std::string warning = ": warning: Malformed glob, which does not match what it seems to (rule r1, key ";
+  EXPECT_EQ(WarningsOf("m.json"), "DIR/m.json:6:82" + warning + "inclusionFilters[0].patterns[5])\n" +
+                                      "DIR/m.json:7:39" + warning +
+                                      "inclusionFilters[1].inclusionFilter.actorProcess[0])\n" + "DIR/m.json:8:20" +
+                                      warning + "inclusionFilters[2].actorUsername[0])\n");
+}
+
+TEST_F(ManifestCheckTest, AFileThatIsTooLargeForAManifestIsNotRead) {
+  const std::string path = folder_.Write("m.json", "");
+  ASSERT_EQ(truncate(path.c_str(), 64L * 1024 * 1024 + 1), 0);
+  EXPECT_FALSE(check_.Check(path));
+  EXPECT_EQ(Printed(), "Failed to read manifest: DIR/m.json: it has more than 67108864 bytes\n");
 }
 
 TEST_F(ManifestCheckTest, TheExampleManifestIsGood) {
