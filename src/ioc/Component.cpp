@@ -106,7 +106,8 @@ Component::Component(std::chrono::system_clock::time_point /*start_time*/, std::
   registration_ = std::make_unique<Registration>(engine);
   manager_ = std::make_unique<internal::EventRuleManager>(*config_, engine, *tree_, health_);
   enabled_ = !config_->GetManifests().empty();
-  generator_ = std::make_unique<internal::protobuf::Generator>(*tree_, *storage_, *snapshot_, *config_, health_, clock);
+  generator_ = std::make_unique<internal::protobuf::Generator>(*tree_, *storage_, *snapshot_, *config_, health_, clock,
+                                                               digests_);
   generator_->Enable(enabled_);
   processor_ = MakeProcessor();
   thread_ = std::make_unique<internal::ProcessingThread>(

@@ -18,7 +18,9 @@
 
 #include "common/src/storage/Serializer.h"
 #include "common/src/storage/SqlStorage.h"
+#include "common/src/util/Digest.h"
 #include "common/src/util/HashGenerator.h"
+#include "src/edr/DigestPace.h"
 #include "src/ioc/process/SnapshotSqlDataFormatter.h"
 #include "src/ioc/process/SnapshotStorage.h"
 #include "src/ioc/protobuf/IocEvents.pb.h"
@@ -496,6 +498,29 @@ TEST_F(IocComponentTest, KnownProgramsHaveTheDigestsOfTheCacheThatItWasGiven) {
   DeliverStart();
   ASSERT_TRUE(Eventually([&] { return log_.Has("Adding verdict 'CleanWithoutHash'"); }));
   EXPECT_EQ(log_.Count("Reading file content from " + image_), 1);
+}
+
+TEST_F(IocComponentTest, ALargeFileWhoseDigestsTheCacheHasIsToldWithThemEachTime) {
+  digests_ = std::make_shared<common::util::DigestCache>(clock_);
+  const std::string path = folder_.Write("large", "");
+  std::filesystem::resize_file(path, edr::DigestPace::kMaxFreeSize + 1);
+  struct stat found {};
+  ASSERT_EQ(stat(path.c_str(), &found), 0);
+  digests_->Keep(found, {.md5 = {}, .sha1 = {}, .sha256 = std::vector<unsigned char>(32, 1)});
+  section_.manifests = {
+      folder_.Write("folder.json", R"({"policyVersion":"2.0.0","policyId":1,"productId":1,"globalSettings":{},
+          "heuristicsEnabled":false,"rules":[{"ruleId":"f","ruleType":"Directory","imagePath":")" +
+                                       folder_.Path() + R"(","recursiveDepth":"All","notify":{"File":["write"]}}]})")};
+  Make();
+  DeliverStart();
+  fakes::FakeEvent write(edr::EventType::Write, "Write", path);
+  write.pid = kPid;
+  write.image = common::ImageInfo(image_);
+  write.size = found.st_size;
+  write.content_hash = std::vector<unsigned char>(32, 1);
+  for (int at = 0; at < 3; ++at) engine_.Deliver("IOC", {"f"}, write);
+  ASSERT_TRUE(Eventually([&] { return log_.Count("Added file event to protobuf cache.") == 3; })) << log_.All();
+  EXPECT_EQ(log_.Count("[IOC]: sha256: " + common::util::ToHex(std::string(32, 1)) + " File: " + path), 3);
 }
 
 TEST_F(IocComponentTest, TagsAndTheirThresholdAreThoseOfTheManifest) {
