@@ -61,7 +61,9 @@ std::string SecuritySettings(const common::ImageInfo& image) {
   const auto name_of = [](const std::string& known, std::uint32_t id, std::string (*look_up)(std::uint32_t)) {
     return Repaired(known.empty() ? look_up(id) : known);
   };
+  constexpr std::size_t kOrdinary = 128;
   std::string settings = "{";
+  settings.reserve(kOrdinary);
   const auto add = [&settings](const char* key) -> std::string& {
     if (settings.size() > 1) settings += ',';
     return ((settings += '"') += key) += "\":";
