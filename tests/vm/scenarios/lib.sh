@@ -54,6 +54,9 @@ is() {
 
 not() { ! "$@"; }
 
+# kernel_has_uring_list: the kernel takes rules for operations of io_uring, which came with 5.16.
+kernel_has_uring_list() { uname -r | awk -F. '{ exit !($1 > 5 || ($1 == 5 && $2 >= 16)) }'; }
+
 # load_module NAME [PARAMETER...]: unless it is a part of the kernel.
 load_module() {
   local name="$1"
