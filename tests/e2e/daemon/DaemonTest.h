@@ -63,6 +63,33 @@ class DaemonTest : public testing::Test {
     EXPECT_EQ(RuleKeys(), "") << "rules left in the kernel";
   }
 
+  using Seconds = std::chrono::duration<double>;
+  // From the wish to the end of the process.
+  template <typename Wish>
+  Seconds TimeToEnd(const Wish& wish) {
+    const auto start = std::chrono::steady_clock::now();
+    wish();
+    ExpectOrderlyEnd();
+    return std::chrono::steady_clock::now() - start;
+  }
+
+  // Has indicators of compromise of the watched folder, and of processes, reported. Answers the manifest's path.
+  std::string UseIndicatorsOfCompromise() {
+    const std::string manifest = config_.Folder().Write("ioc-manifest.json", R"({
+        "policyVersion": "2.0.0", "policyId": "p", "productId": "p", "globalSettings": {}, "rules": [
+        {"ruleId": "ioc-programs", "ruleType": "Process", "notify": {"process": ["create", "delete"]}},
+        {"ruleId": "ioc-files", "ruleType": "Directory", "imagePath": ")" + config_.Watched() +
+                                                                                 R"(",
+         "recursiveDepth": "All", "notify": {"File": ["create", "write", "delete"]}}]})");
+    rapidjson::Document& json = config_.Json();
+    rapidjson::Value entry(rapidjson::kObjectType);
+    entry.AddMember("manifest_path", rapidjson::Value(manifest, json.GetAllocator()), json.GetAllocator());
+    entry.AddMember("manifest_type", "ioc", json.GetAllocator());
+    json["ioc_config"]["manifests"].PushBack(entry, json.GetAllocator());
+    config_.Write();
+    return manifest;
+  }
+
   void MakeWatchedFolder(const std::string& name) {
     const std::string path = config_.Watched() + "/" + name;
     std::filesystem::create_directory(path);

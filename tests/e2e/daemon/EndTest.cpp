@@ -21,17 +21,6 @@ int NumberBehind(const std::string& text, const std::string& in) {
 
 class EndTest : public DaemonTest {
  protected:
-  using Seconds = std::chrono::duration<double>;
-
-  // From the wish to the end of the process.
-  template <typename Wish>
-  Seconds TimeToEnd(const Wish& wish) {
-    const auto start = std::chrono::steady_clock::now();
-    wish();
-    ExpectOrderlyEnd();
-    return std::chrono::steady_clock::now() - start;
-  }
-
   void StartAnew() {
     daemon_.reset();
     agent_.reset();
@@ -58,6 +47,14 @@ TEST_F(EndTest, ASignalOrAnExitEndsItWithinTwoSeconds) {
   EXPECT_LT(TimeToEnd([this] { daemon_->Signal(SIGINT); }), 2s);
   StartAnew();
   EXPECT_LT(TimeToEnd([this] { agent_->Send(kExit); }), 2s);
+}
+
+TEST_F(EndTest, WithIndicatorsOfCompromiseInForceASignalEndsItWithinTwoSecondsToo) {
+  UseIndicatorsOfCompromise();
+  StartAnew();
+  ASSERT_TRUE(LogComesToHold("Added rule with ID ioc-files"));
+  EXPECT_LT(TimeToEnd([this] { daemon_->Signal(SIGTERM); }), 2s);
+  EXPECT_EQ(LogCount("[IOC]: Ioc component destroyed."), 1);
 }
 
 TEST_F(EndTest, AHangUpEndsNothing) {

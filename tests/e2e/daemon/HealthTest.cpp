@@ -114,6 +114,27 @@ TEST_F(HealthTest, WhatTheDaemonTellsOfItselfReachesThePlatformOnce) {
   ExitDaemon();
 }
 
+TEST_F(HealthTest, IndicatorsOfCompromiseTellOfTheirWorkAndTheirManifests) {
+  const std::string manifest = UseIndicatorsOfCompromise();
+  OpenPlatform();
+  StartDaemon();
+  ASSERT_TRUE(LogComesToHold("AHSUploadSchedule: EDR status successfully uploaded."));
+  EXPECT_THAT(Lines("status 4101"), ElementsAre(R"(status 4101 IOC state=1 {"component":"started"})"));
+  EXPECT_THAT(Lines("status 4102"), ElementsAre("status 4102 " + manifest + R"( state=1 {"manifest":"applied"})"));
+  ExitDaemon();
+
+  config_.Folder().Write("ioc-manifest.json", "{ no json");
+  OpenPlatform();
+  StartDaemon();
+  ASSERT_TRUE(Within(20s, [this] { return LogCount("AHSUploadSchedule: EDR status successfully uploaded.") == 2; }));
+  EXPECT_THAT(Lines("status 4101"), ElementsAre(R"(status 4101 IOC state=0 {"component":"stopped"})",
+                                                R"(status 4101 IOC state=1 {"component":"started"})"));
+  const auto manifests = Lines("status 4102");
+  ASSERT_EQ(manifests.size(), 1U);
+  EXPECT_THAT(manifests[0], StartsWith("status 4102 " + manifest + R"( state=0 {"manifest":"failed","reason":")"));
+  ExitDaemon();
+}
+
 TEST_F(HealthTest, AnOutageLosesNothingAndRepeatsNothing) {
   OpenPlatform("/status");
   StartDaemon();

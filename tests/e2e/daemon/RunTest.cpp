@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "src/ioc/protobuf/IocEvents.pb.h"
 #include "tests/e2e/daemon/DaemonTest.h"
 #include "tools/reference-receiver/ReferenceReceiver.h"
 
@@ -52,6 +53,50 @@ class RunTest : public DaemonTest {
     std::vector<std::string> rows = StatusRows();
     std::erase_if(rows, [](const std::string& row) { return !row.starts_with("4004 "); });
     return rows;
+  }
+
+  [[nodiscard]] int CountReceived(const std::string& path) const {
+    int count = 0;
+    for (const auto& payload : platform_->GetPayloads())
+      count += payload.target.find(path) == std::string::npos ? 0 : 1;
+    return count;
+  }
+
+  // The whole week of each module.
+  static constexpr char kOpen = 'F';
+  static constexpr char kClosed = '0';
+  void SetQuietHours(char fim, char ioc) {
+    const auto entry = [](const std::string& module, char network) {
+      return R"({"@ID":")" + module + R"(","@NETWORK_BLACKOUT":")" + std::string(168, network) +
+             R"(","@ACTIVITY_BLACKOUT":")" + std::string(168, kOpen) + R"("})";
+    };
+    rapidjson::Document& json = config_.Json();
+    rapidjson::Document table(&json.GetAllocator());
+    common::util::ParseJson(table, "[" + entry("FIM", fim) + "," + entry("IOC", ioc) + "]");
+    json["common_config"].AddMember("Blackout_Events", table, json.GetAllocator());
+    config_.Write();
+  }
+
+  // What an earlier run has left to be uploaded: a batch without events.
+  void SpoolIocBatch() {
+    com::ostrel::ioc::model::proto::event::IoCEvent batch;
+    const rapidjson::Value& common = config_.Json()["common_config"];
+    batch.mutable_agent()->set_customerid(common["customer_id"].GetString());
+    batch.mutable_agent()->set_agentid(common["agent_id"].GetString());
+    batch.mutable_agent()->set_computername("host");
+    batch.mutable_agent()->set_boottime(1'600'000'000);
+    batch.set_protofileid("6f9619ff-8b86-4011-b42d-00c04fc964ff");
+    batch.set_sequenceno(1);
+    std::filesystem::create_directory(IocSpool());
+    std::filesystem::permissions(IocSpool(), std::filesystem::perms(0700));
+    config_.Folder().Write("ioc-spool/ioc-events.0001", batch.SerializeAsString());
+    config_.Set("ioc_config", "event_file_path", IocSpool());
+    config_.Write();
+  }
+  [[nodiscard]] std::string IocSpool() const { return config_.Folder() / "ioc-spool"; }
+  [[nodiscard]] std::size_t IocSpoolFiles() const {
+    const std::filesystem::directory_iterator files(IocSpool());
+    return static_cast<std::size_t>(std::distance(begin(files), end(files)));
   }
 
   std::unique_ptr<tools::ReferenceReceiver> platform_;
@@ -405,9 +450,58 @@ TEST_F(RunTest, AnUploadThatHangsDoesNotDelayTheEnd) {
   StartDaemon();
   MakeWatchedFolder("stuck");
   ASSERT_TRUE(LogComesToHold(" to: " + platform_->GetUrl() + "/fim/"));
-  agent_->Send(R"({"command": "exit"})");
-  EXPECT_EQ(daemon_->WaitForExit(10s), 0);
+  EXPECT_LT(TimeToEnd([this] { agent_->Send(R"({"command": "exit"})"); }), 2s);
   EXPECT_EQ(SpoolFiles(), 1U);
+}
+
+TEST_F(RunTest, UploadsGoThroughTheProxyThatTheConfigurationNames) {
+  tools::ReceiverOptions options;
+  options.proxy_port = 0;
+  OpenPlatform(std::move(options));
+  rapidjson::Document& json = config_.Json();
+  json["common_config"]["environment_variables"].AddMember(
+      "ostrel_https_proxy", rapidjson::Value(platform_->GetProxyUrl(), json.GetAllocator()), json.GetAllocator());
+  config_.Write();
+  StartDaemon();
+  MakeWatchedFolder("by-proxy");
+  EXPECT_TRUE(PlatformComesToHold(config_.Watched() + "/by-proxy"));
+  agent_->Send(R"({"command": "exit"})");
+  ExpectOrderlyEnd();
+  EXPECT_GE(platform_->GetTunnelCount(), 1U);
+  EXPECT_GE(platform_->GetTunnelCount(), platform_->GetConnectionCount()) << "none came another way";
+}
+
+TEST_F(RunTest, QuietHoursOfFileIntegrityMonitoringLeaveIndicatorsOfCompromiseAlone) {
+  SetQuietHours(kClosed, kOpen);
+  SpoolIocBatch();
+  OpenPlatform();
+  StartDaemon();
+  MakeWatchedFolder("kept");
+  ASSERT_TRUE(Within(20s, [this] { return SpoolFiles() == 1; }));
+  EXPECT_TRUE(Within(20s, [this] { return IocSpoolFiles() == 0; }));
+  EXPECT_EQ(CountReceived("/linuxagentevent/"), 1);
+  EXPECT_FALSE(Within(3s, [this] { return SpoolFiles() == 0; })) << "three times its interval";
+  EXPECT_EQ(CountReceived("/fim/"), 0);
+  EXPECT_EQ(LogCount("RAP: Module FIM has no open Network slot in the whole week."), 1);
+  agent_->Send(R"({"command": "exit"})");
+  ExpectOrderlyEnd();
+  EXPECT_EQ(SpoolFiles(), 1U);
+}
+
+TEST_F(RunTest, QuietHoursOfIndicatorsOfCompromiseLeaveFileIntegrityMonitoringAlone) {
+  SetQuietHours(kOpen, kClosed);
+  SpoolIocBatch();
+  OpenPlatform();
+  StartDaemon();
+  MakeWatchedFolder("sent");
+  EXPECT_TRUE(PlatformComesToHold(config_.Watched() + "/sent"));
+  EXPECT_TRUE(Within(10s, [this] { return SpoolFiles() == 0; }));
+  EXPECT_FALSE(Within(3s, [this] { return IocSpoolFiles() == 0; })) << "three times its interval";
+  EXPECT_EQ(CountReceived("/linuxagentevent/"), 0);
+  EXPECT_EQ(LogCount("RAP: Module IOC has no open Network slot in the whole week."), 1);
+  agent_->Send(R"({"command": "exit"})");
+  ExpectOrderlyEnd();
+  EXPECT_EQ(IocSpoolFiles(), 1U);
 }
 
 }  // namespace
