@@ -37,6 +37,7 @@ for task in /proc/"$(daemon_pid)"/task/*; do
   step "  $(cat "$task/comm"): $(awk '{ print $14 + $15 }' "$task/stat") hundredths of a second in all"
 done
 expect "near its limit" [ $((used * 1000 / took)) -le $((LIMIT * 15)) ]
+expect "which it makes use of" [ $((used * 1000 / took)) -ge $((LIMIT * 5)) ]
 expect "the kernel lost nothing" is "$(lost)" "$lost_before"
 expect "no byte was dropped" not log_says "Audit parser queue threshold hit"
 stop_all
