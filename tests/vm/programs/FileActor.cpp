@@ -83,6 +83,18 @@ void Chown(const Options& options) {
   Check(fchownat(options.dirfd, options.name.c_str(), owner, owner, 0), "chown " + options.name);
 }
 
+// Of a link itself.
+void Lchown(const Options& options) {
+  const auto owner = static_cast<uid_t>(std::stoul(options.argument));
+  Check(fchownat(options.dirfd, options.name.c_str(), owner, owner, AT_SYMLINK_NOFOLLOW), "lchown " + options.name);
+}
+
+void List(const Options& options) {
+  const int fd = openat(options.dirfd, options.name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  Check(fd, "open " + options.name);
+  close(fd);
+}
+
 void Rename(const Options& options) {
   Check(renameat(options.dirfd, options.name.c_str(), options.dirfd, options.argument.c_str()), "rename");
 }
@@ -102,8 +114,10 @@ const std::map<std::string, Operation>& Operations() {
       {"create", {false, [](const Options& o) { OpenOnce(o, O_WRONLY | O_CREAT | O_EXCL); }, {"Create"}}},
       {"write", {false, [](const Options& o) { OpenOnce(o, O_WRONLY | O_APPEND); }, {"Write"}}},
       {"read", {false, [](const Options& o) { OpenOnce(o, O_RDONLY); }, {"Read"}}},
+      {"list", {false, List, {"Read"}}},
       {"chmod", {true, Chmod, {"Change"}}},
       {"chown", {true, Chown, {"Change"}}},
+      {"lchown", {true, Lchown, {"Change"}}},
       {"rename", {true, Rename, {"Rename"}}},
       {"rename-over", {true, Rename, {"Rename", "Delete"}}},
       {"unlink", {false, [](const Options& o) { Check(unlinkat(o.dirfd, o.name.c_str(), 0), "unlink"); }, {"Delete"}}},
@@ -163,7 +177,8 @@ int Usage() {
                "                  OPERATION NAME [ARGUMENT]\n"
                "operations:";
   for (const auto& [name, operation] : Operations()) std::cerr << " " << name;
-  std::cerr << "\nARGUMENT: chmod octal mode, chown uid, rename new name, symlink target, link existing name\n";
+  std::cerr
+      << "\nARGUMENT: chmod octal mode, chown and lchown uid, rename new name, symlink target, link existing name\n";
   return 2;
 }
 

@@ -1,6 +1,6 @@
 # shellcheck shell=dash
-# What a manifest asks for and what it does not: every operation by root, by a user who logged in and by a daemon's
-# user, on every depth, for every word of notify, through every filter. All rules are in force at once, each on a folder
+# What a manifest asks for and what it does not: every operation on files, folders, symbolic and hard links by root, by a
+# user who logged in and by a daemon's user, on every depth, for every word of notify, through every filter. All rules are in force at once, each on a folder
 # of its own, and what the platform receives is what they ask for, no more and no less.
 # seconds: 420
 . /scenario/lib.sh
@@ -22,43 +22,89 @@ rule() {
 WORDS="read create delete rename modifyContent modifyMetadata modifySecuritySettings"
 EVERY='"read", "create", "delete", "rename", "modifyContent", "modifyMetadata"'
 
-# as WHO: the options of file-actor.
-as() {
+# run WHO PROGRAM ARGUMENT...: file-actor, by another name perhaps, as that user.
+run() {
+  local who="$1"
+  shift
+  case $who in
+    alice) sh -c "echo 1000 >/proc/self/loginuid && exec su alice -c 'exec $*'" ;; # who came in by su
+    sudo) run_with --loginuid 1000 "$@" ;;
+    daemon) run_with --uid 2 "$@" ;;
+    root) "$@" ;;
+  esac
+}
+run_with() {
+  local option="$1" value="$2" program="$3"
+  shift 3
+  "$program" "$option" "$value" "$@"
+}
+
+# id_of WHO: whose the objects are.
+id_of() {
   case $1 in
-    root) echo "" ;;
-    alice) echo "--loginuid 1000 --uid 1000" ;;
-    sudo) echo "--loginuid 1000" ;;
-    daemon) echo "--uid 2" ;;
+    alice) echo 1000 ;;
+    daemon) echo 2 ;;
+    *) echo 0 ;;
   esac
 }
 
-# prepare FOLDER WHO: the objects that every_operation works on.
+# prepare FOLDER WHO: the objects that every_operation works on. prepare_kinds: those that every_kind works on.
 prepare() {
   for name in write read chmod rename unlink target; do echo here >"$1/$2.$name"; done
   mkdir "$1/$2.rmdir"
-  case $2 in
-    alice) chown 1000:1000 "$1/$2".* ;;
-    daemon) chown 2:2 "$1/$2".* ;;
-  esac
+  chown -h "$(id_of "$2"):$(id_of "$2")" "$1/$2".*
+}
+prepare_kinds() {
+  prepare "$1" "$2"
+  mkdir "$1/$2.list" "$1/$2.folder-chmod" "$1/$2.folder-rename"
+  for name in rename unlink lchown; do ln -s "$2.target" "$1/$2.link-$name"; done
+  for name in write chmod rename unlink; do
+    echo here >"$1/$2.hard-$name"
+    ln "$1/$2.hard-$name" "$1/$2.hard-$name.second"
+  done
+  chown -h "$(id_of "$2"):$(id_of "$2")" "$1/$2".*
 }
 
-# every_operation FOLDER WHO [PROGRAM]: does each once, on an object of its own, and prints what was done.
-every_operation() {
-  local folder="$1" who="$2" program="${3:-$ACTOR}"
+# operate FOLDER WHO PROGRAM: does each of the operations on standard input, on an object of its own, and prints what was
+# done.
+operate() {
+  local folder="$1" who="$2" program="$3"
   while read -r operation name argument; do
-    # shellcheck disable=SC2046,SC2086 # words
-    $program $(as "$who") "$operation" "$folder/$who.$name" $argument || echo "fails: $operation $folder/$who.$name"
-  done <<END
+    # shellcheck disable=SC2086 # no argument is none
+    run "$who" "$program" "$operation" "$folder/$who.$name" $argument </dev/null || echo "fails: $operation $folder/$who.$name"
+  done
+}
+
+# every_operation FOLDER WHO [PROGRAM]
+every_operation() {
+  operate "$1" "$2" "${3:-$ACTOR}" <<END
 create create
 write write
 read read
 chmod chmod 0600
-rename rename $folder/$who.renamed
+rename rename $1/$2.renamed
 unlink unlink
 mkdir mkdir
 rmdir rmdir
 symlink symlink target
-link link $folder/$who.target
+link link $1/$2.target
+END
+}
+
+# every_kind FOLDER WHO: those, and what can be done to folders, symbolic links and files with a second name.
+every_kind() {
+  every_operation "$1" "$2"
+  operate "$1" "$2" $ACTOR <<END
+list list
+chmod folder-chmod 0700
+rename folder-rename $1/$2.folder-renamed
+rename link-rename $1/$2.link-renamed
+unlink link-unlink
+lchown link-lchown $(id_of "$2")
+write hard-write
+chmod hard-chmod 0600
+rename hard-rename $1/$2.hard-renamed
+unlink hard-unlink
 END
 }
 
@@ -93,10 +139,10 @@ RULES=$(echo "$RULES" | sed "s|$M/untidy\"|$M/./untidy//\"|")
 
 for who in root alice daemon; do
   for depth in none 1 all; do
-    for folder in "" /sub /sub/deep; do prepare "$M/depth-$depth$folder" $who; done
+    for folder in "" /sub /sub/deep; do prepare_kinds "$M/depth-$depth$folder" $who; done
   done
 done
-for word in $WORDS; do prepare "$M/notify-$word" sudo; done
+for word in $WORDS; do prepare_kinds "$M/notify-$word" sudo; done
 for folder in include-pattern exclude-pattern include-folder untidy; do
   prepare $M/$folder root
   prepare $M/$folder/sub root
@@ -125,7 +171,7 @@ for who in root alice daemon; do
         1: | all:*) wanted=$(by_sessions $who) ;;
         *) wanted='^$' ;;
       esac
-      every_operation "$M/depth-$depth$folder" $who | owed "$wanted"
+      every_kind "$M/depth-$depth$folder" $who | owed "$wanted"
     done
   done
 done
@@ -143,7 +189,7 @@ for word in $WORDS; do
     modifyContent) wanted='^done Write' ;;
     *) wanted='^done Change' ;;
   esac
-  every_operation "$M/notify-$word" sudo | owed "$wanted"
+  every_kind "$M/notify-$word" sudo | owed "$wanted"
 done
 
 step "filters"
