@@ -107,13 +107,14 @@ last_pid() { exec cat /proc/sys/kernel/ns_last_pid; }
 
 # ---- the platform
 
-# start_receiver [SWITCH...]: with the customer and the agent of the configuration.
+# start_receiver [SWITCH...]: with the customer and the agent of the configuration. A document that does not follow its
+# schema is refused, and so missing.
 start_receiver() {
   local before
   mkdir -p "$RECEIVED"
   before=$(grep -c '^listening on' $LOG/receiver.log 2>/dev/null)
-  reference-receiver --port 8443 --store $RECEIVED --ca-out $CONF/platform-ca.pem --customer "$(configured customer_id)" \
-    --agent "$(configured agent_id)" --activation "$(configured activation_id)" "$@" >>$LOG/receiver.log 2>&1 &
+  reference-receiver --port 8443 --store $RECEIVED --validate --ca-out $CONF/platform-ca.pem \
+    --customer "$(configured customer_id)" --agent "$(configured agent_id)" --activation "$(configured activation_id)" "$@" >>$LOG/receiver.log 2>&1 &
   RECEIVER=$!
   wait_until 20 receiver_listens $((${before:-0} + 1)) || fail "receiver starts" "$(tail -n 3 $LOG/receiver.log)"
 }
