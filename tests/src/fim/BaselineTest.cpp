@@ -10,6 +10,7 @@
 #include "common/src/storage/SqlStorageFactory.h"
 #include "src/fim/BaselineEventSqlDataFormatter.h"
 #include "tests/fakes/FakeClock.h"
+#include "tests/fakes/FaultySqlite.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
 
@@ -252,6 +253,51 @@ TEST_F(BaselineTest, ARowOfAnotherShapeIsDamageToo) {
   EXPECT_TRUE(std::filesystem::exists(Database() + ".damaged"));
 }
 
+int FullDisk(fakes::FaultySqlite::Call call) {
+  return call == fakes::FaultySqlite::Call::Write ? SQLITE_FULL : SQLITE_OK;
+}
+
+TEST_F(BaselineTest, RowsThatADiskDoesNotTakeCostASecondBaselineAfterTheNextStart) {
+  fakes::FaultySqlite disk;
+  {
+    const auto baseline = Open();
+    disk.fault = FullDisk;
+    for (const char* path : {"/srv/a", "/srv/b"}) {
+      ASSERT_TRUE(baseline->Begin(path));
+      baseline->NoteSpooled(path, "READ_SUCCESSFUL");
+    }
+    baseline->KeepFiled();
+    EXPECT_TRUE(
+        log_.Has(Poco::Message::PRIO_ERROR, "[FIM]: Baseline: Failed to remember 2 files, the first of them /srv/a: "));
+    EXPECT_FALSE(Wants(*baseline, "/srv/a")) << "its document is in the spool";
+    EXPECT_FALSE(Wants(*baseline, "/srv/b"));
+    disk.fault = nullptr;
+    Take(*baseline, "/srv/c");
+    EXPECT_EQ(log_.Count("Failed to remember"), 1) << "the disk has room again";
+  }
+  const auto baseline = Open();
+  EXPECT_TRUE(Wants(*baseline, "/srv/a"));
+  EXPECT_TRUE(Wants(*baseline, "/srv/b"));
+  EXPECT_FALSE(Wants(*baseline, "/srv/c"));
+  EXPECT_FALSE(std::filesystem::exists(Database() + ".damaged")) << "a full disk is no damage";
+}
+
+TEST_F(BaselineTest, RowsThatCannotBeForgottenAreKnownAgainAtTheNextStartOnly) {
+  fakes::FaultySqlite disk;
+  {
+    const auto baseline = Open();
+    Take(*baseline, "/srv/a");
+    disk.fault = FullDisk;
+    baseline->ForgetFiled();
+    EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "[FIM]: Baseline: Failed to forget the files: "));
+    EXPECT_EQ(baseline->GetSize(), 0U);
+    EXPECT_EQ(baseline->GetBytes(), 0U);
+    EXPECT_TRUE(Wants(*baseline, "/srv/a"));
+    disk.fault = nullptr;
+  }
+  EXPECT_FALSE(Wants(*Open(), "/srv/a"));
+}
+
 TEST_F(BaselineTest, AFolderThatCannotBeMadeEndsTheConstruction) {
   folder_.Write("fim", "a file");
   EXPECT_THROW(Open(), std::runtime_error);
@@ -276,6 +322,11 @@ TEST_F(BaselineTest, AtTheBoundNoneIsTakenAnyMoreWithOneWarningADay) {
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING, kWarning));
   EXPECT_FALSE(Wants(*baseline, "/srv/a"));
   EXPECT_EQ(log_.Count(kWarning), 2) << "a known file is no reason to warn";
+}
+
+TEST_F(BaselineTest, TheBoundsAreThoseThatThePagesTell) {
+  EXPECT_EQ(Baseline::Bounds{}.paths, 200'000U);
+  EXPECT_EQ(Baseline::Bounds{}.bytes, 64U * 1024 * 1024);
 }
 
 TEST_F(BaselineTest, LongNamesCountByTheirLength) {

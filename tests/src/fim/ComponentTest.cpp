@@ -7,6 +7,7 @@
 #include <optional>
 #include <system_error>
 
+#include "common/src/util/Log.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeEvent.h"
 #include "tests/fakes/FakeHealthReporter.h"
@@ -277,6 +278,32 @@ TEST_F(ComponentTest, AStopEndsAnUploadInFlightAndKeepsItsFile) {
   uploader_->AwaitUploads(1);
   component_.reset();
   EXPECT_EQ(SpoolFiles(), std::vector<std::string>{"fim.0001"});
+}
+
+TEST_F(ComponentTest, AStopGoesFromWhereEventsComeFromToWhereTheyLie) {
+  LeaveInSpool("fim.0001", R"({"events":[]})");
+  hold_uploads_ = true;
+  Make();
+  uploader_->AwaitUploads(1);
+  Deliver("/srv/watched/file");
+  engine_.BeforeNextAdd([] { ZLOG_INFO("the rules go"); });
+  component_.reset();
+  const std::vector<std::string> steps = {
+      "EventRuleEngine::UnregisterEventHandlers: Removing event handlers for 'FIM'",
+      "UploadSchedule: Failed to upload data.",  // the upload in flight ends with its schedule
+      "the rules go",
+      "Destroying EventProcessor",
+      "Destroying SpoolStorage for ",
+      "Component destroyed.",
+  };
+  std::vector<std::string> seen;
+  for (const Poco::Message& line : log_.Lines()) {
+    for (const std::string& step : steps) {
+      if (line.getText().find(step) != std::string::npos) seen.push_back(step);
+    }
+  }
+  EXPECT_EQ(seen, steps) << log_.All();
+  EXPECT_EQ(SpoolFiles().size(), 2U) << "the event that came before is on disk";
 }
 
 TEST_F(ComponentTest, AnUnchangedSectionChangesNothing) {
