@@ -312,7 +312,7 @@ void TaskSchedule::Nap(std::unique_lock<std::mutex>& lock) {
   const std::uint64_t rechecks = rechecks_;
   napping_ = true;
   // By the machine's own clock: a nap is no time that a schedule keeps.
-  wake_.wait_for(lock, kNap,
+  wake_.wait_for(lock, policy_.nap,
                  [this, rechecks] { return hurry_ || stop_requested_ || IsCancelling() || rechecks_ != rechecks; });
   napping_ = false;
   hurry_ = false;

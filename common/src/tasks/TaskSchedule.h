@@ -107,6 +107,7 @@ class TaskSchedule : public Schedule {
     const char* owner = "";                    // named in the warning about refusals
     std::optional<std::chrono::seconds> idle;  // without a value a run stays until it is cancelled
     bool accept_until_close = false;
+    std::chrono::milliseconds nap = kNap;  // another one for tests
   };
   TaskSchedule(const Policy& policy, util::Clock& clock);
 

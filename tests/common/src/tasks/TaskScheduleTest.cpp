@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -9,6 +10,7 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -631,38 +633,31 @@ TEST(TaskScheduleStormTest, TasksThatComeOneByOneDoNotWakeTheRunEach) {
   scheduler.Stop();
 }
 
-// How long the run leaves the second of two tasks alone when the first keeps so many of 100 bytes, in many rounds,
-// the shortest time first. The second keeps one byte.
-std::vector<std::chrono::steady_clock::duration> TimesBehindATask(std::uint64_t bytes) {
+// Naps until somebody wakes it.
+class TasksThatNapLong final : public TaskSchedule {
+ public:
+  TasksThatNapLong()
+      : TaskSchedule({"TasksThatNapLong", std::nullopt, false, std::chrono::hours(1)}, util::Clock::Real()) {}
+  ~TasksThatNapLong() override { Cancel(); }
+};
+
+TEST(TaskScheduleNapTest, AQueueThatHasPassedHalfOfItsBoundEndsTheNap) {
   Scheduler scheduler;
-  const auto tasks = std::make_shared<TaskSchedule>(60);
+  const auto tasks = std::make_shared<TasksThatNapLong>();
   scheduler.RegisterSchedule(tasks);
   scheduler.Start();
-  std::vector<std::chrono::steady_clock::duration> times;
-  for (int round = 0; round < 40; ++round) {
-    const auto began = tasks->Call(scheduler, std::chrono::steady_clock::now);
-    auto ended = began;
-    Gate done;
-    EXPECT_TRUE(tasks->Post([] {}, bytes, 100));
-    EXPECT_TRUE(tasks->Post(
-        [&] {
-          ended = std::chrono::steady_clock::now();
-          done.Open();
-        },
-        1, 100));
-    EXPECT_TRUE(done.Await());
-    times.push_back(ended - began);
-  }
+  const pid_t thread = tasks->Call(scheduler, gettid);
+  fakes::SleepWatch watch;
+  ASSERT_TRUE(Eventually([&] { return watch.IsAsleep(thread); }));
+  std::atomic<bool> ran{false};
+  ASSERT_TRUE(tasks->Post([&] { ran = true; }, 50, 100));
+  for (int i = 0; i < 100; ++i) std::this_thread::yield();
+  EXPECT_FALSE(ran) << "half of it is no reason";
+  Gate done;
+  ASSERT_TRUE(tasks->Post([&] { done.Open(); }, 1, 100));
+  EXPECT_TRUE(done.Await());
+  EXPECT_TRUE(ran);
   scheduler.Stop();
-  std::sort(times.begin(), times.end());
-  return times;
-}
-
-TEST(TaskScheduleStormTest, AQueueThatHasPassedHalfOfItsBoundEndsTheNap) {
-  const auto at_half = TimesBehindATask(49);
-  EXPECT_GE(at_half[3 * at_half.size() / 4], TaskSchedule::kNap);
-  const auto beyond = TimesBehindATask(50);
-  EXPECT_LT(beyond[beyond.size() / 4], TaskSchedule::kNap);
 }
 
 }  // namespace
