@@ -74,7 +74,10 @@ expect "some with a digest" at_least "$(documents | grep -c fileContentHash)" 1
 # Once nobody writes any more, the digest is known without reading.
 digests() { documents | grep -o '"fileContentHash":"[0-9a-f]*' | sort -u | wc -l; }
 expect "two in a minute" at_most "$(digests)" 3
-expect "the log tells of the others" log_says "is large and written all the time"
+# Where a digest takes longer than the writing, all events have the last one.
+if documents | grep -qv fileContentHash; then
+  expect "the log tells of the others" log_says "is large and written all the time"
+fi
 stop_all
 # The end of the log has the last count. A record that the kernel has lost may be any of the five that an event has.
 step "$(reported) reported, $(counted events) counted by the daemon"
