@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -58,8 +59,81 @@ constexpr RecordFieldSet SetOf(RecordField first, Fields... rest) {
   return SetOf(first) | SetOf(rest...);
 }
 
-// The field that goes by this name; nothing for a name that no event reads.
-[[nodiscard]] std::optional<RecordField> FieldNamed(std::string_view name);
+// The first eight bytes of a field's name, the first one lowest, and its length: most fields of a record are read by
+// nobody, and are told apart by it.
+struct FieldNameKey {
+  std::uint64_t bytes = 0;
+  std::size_t length = 0;
+
+  static constexpr FieldNameKey Of(std::string_view name) {
+    FieldNameKey key{0, name.size()};
+    for (std::size_t at = 0; at < std::min(name.size(), sizeof(key.bytes)); ++at) {
+      key.bytes |= static_cast<std::uint64_t>(static_cast<unsigned char>(name[at])) << (8 * at);
+    }
+    return key;
+  }
+  constexpr bool operator==(const FieldNameKey&) const = default;
+};
+
+// The fields by their names.
+class FieldNames {
+ public:
+  // The field that goes by this name; nothing for a name that no event reads.
+  [[nodiscard]] static std::optional<RecordField> Find(std::string_view name) {
+    return Find(name, FieldNameKey::Of(name));
+  }
+  // The same for a name whose key is known.
+  [[nodiscard]] static std::optional<RecordField> Find(std::string_view name, const FieldNameKey& key);
+
+ private:
+  static constexpr std::array<std::string_view, static_cast<std::size_t>(RecordField::Count)> kNames = {
+      "arch", "argc",  "auid", "cwd",  "dev",       "dir",      "euid",    "exe",     "exit", "inode",
+      "item", "items", "key",  "mode", "name",      "nametype", "objtype", "oflag",   "ogid", "op",
+      "ouid", "path",  "pid",  "ppid", "proctitle", "saddr",    "success", "syscall", "uid",  "uring_op",
+  };
+  struct Slot {
+    FieldNameKey key;
+    RecordField field = RecordField::Count;
+  };
+  // Each name in a slot of its own.
+  struct Table {
+    std::uint64_t factor = 1;
+    std::array<Slot, 128> slots{};
+
+    [[nodiscard]] constexpr std::size_t SlotOf(const FieldNameKey& key) const { return key.bytes * factor >> 57; }
+    constexpr bool Fill();
+  };
+  static constexpr Table MakeTable();
+  static const Table kTable;
+};
+
+constexpr bool FieldNames::Table::Fill() {
+  for (std::size_t field = 0; field < kNames.size(); ++field) {
+    const FieldNameKey key = FieldNameKey::Of(kNames[field]);
+    Slot& slot = slots[SlotOf(key)];
+    if (slot.key.length != 0) return false;
+    slot = {key, static_cast<RecordField>(field)};
+  }
+  return true;
+}
+
+// Looks for a factor that gives each name its slot, when it is compiled.
+constexpr FieldNames::Table FieldNames::MakeTable() {
+  for (std::uint64_t factor = 1;; factor = factor * 6364136223846793005U + 1442695040888963407U) {
+    Table table{factor | 1};
+    if (table.Fill()) return table;
+  }
+}
+
+inline constexpr FieldNames::Table FieldNames::kTable = MakeTable();
+
+inline std::optional<RecordField> FieldNames::Find(std::string_view name, const FieldNameKey& key) {
+  const Slot& slot = kTable.slots[kTable.SlotOf(key)];
+  if (slot.field == RecordField::Count || slot.key != key) return std::nullopt;
+  // Of a longer name the key has the beginning only.
+  if (key.length > sizeof(key.bytes) && kNames[static_cast<std::size_t>(slot.field)] != name) return std::nullopt;
+  return slot.field;
+}
 
 // Which argument a name like "a12" counts; nothing for other names and for those that are beyond kMaxArguments.
 [[nodiscard]] std::optional<std::size_t> ArgumentNamed(std::string_view name);

@@ -89,7 +89,7 @@ class AuditRecords final : public audit::internal::RecordSource {
     edr::RecordFields view;
     for (const auto& [name, value] : fields) {
       if (const auto argument = edr::ArgumentNamed(name)) view.SetArgument(*argument, value);
-      const auto field = edr::FieldNamed(name);
+      const auto field = edr::FieldNames::Find(name);
       if (field) view.Set(*field, name == "name" && value == "(null)" ? std::string_view("") : value);
     }
     return view;

@@ -2,87 +2,27 @@
 
 #include <auparse.h>
 
-#include <algorithm>
-#include <array>
 #include <limits>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
 #include "common/src/util/Log.h"
+#include "src/audit/events/PlainRecord.h"
+#include "src/audit/events/RecordRendering.h"
 
 namespace zagent::audit::internal {
 namespace {
 
 using edr::RecordField;
-using edr::RecordFieldSet;
 using edr::SetOf;
 
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
-
-// The kernel writes a name in hexadecimal when it holds a blank or a quote: these two are always decoded.
-constexpr RecordFieldSet kNames = SetOf(RecordField::Name, RecordField::Exe);
-// One of them is the last field of a PATH record that anybody reads: old kernels wrote the first, no kernel writes
-// both.
-constexpr RecordFieldSet kTypeWords = SetOf(RecordField::NameType, RecordField::ObjType);
-
-// What is read of a record: as the kernel wrote it, or decoded.
-struct Rendering {
-  int type;
-  RecordFieldSet wanted;
-  bool arguments;           // a0, a1 and so on
-  RecordFieldSet decoded;   // of the wanted ones
-  RecordFieldSet complete;  // the walk ends behind them; none: a later field of the same name may come
-};
-
-constexpr RecordFieldSet kPathFields = SetOf(RecordField::Item, RecordField::Name, RecordField::Inode, RecordField::Dev,
-                                             RecordField::Mode, RecordField::OUid, RecordField::OGid);
-
-constexpr std::array kRenderings = {
-    // A call that several rules watch has a key for each, and the last one counts.
-    Rendering{record_type::kSyscall,
-              SetOf(RecordField::Arch, RecordField::Syscall, RecordField::Success, RecordField::Exit,
-                    RecordField::Items, RecordField::PPid, RecordField::Pid, RecordField::Auid, RecordField::Uid,
-                    RecordField::Euid, RecordField::Exe, RecordField::Key),
-              true, kNames, 0},
-    Rendering{record_type::kPath, kPathFields | kTypeWords, false, kNames, kPathFields},
-    Rendering{record_type::kAnomAbend, SetOf(RecordField::Auid, RecordField::Uid, RecordField::Pid, RecordField::Exe),
-              false, kNames, 0},
-    Rendering{record_type::kSockaddr, SetOf(RecordField::Saddr), false, SetOf(RecordField::Saddr),
-              SetOf(RecordField::Saddr)},
-    Rendering{record_type::kCwd, SetOf(RecordField::Cwd), false, SetOf(RecordField::Cwd), SetOf(RecordField::Cwd)},
-    Rendering{record_type::kExecve, SetOf(RecordField::Argc), true, SetOf(RecordField::Argc), 0},
-    Rendering{record_type::kProctitle, SetOf(RecordField::Proctitle), false, SetOf(RecordField::Proctitle),
-              SetOf(RecordField::Proctitle)},
-    Rendering{record_type::kOpenAt2, SetOf(RecordField::OFlag, RecordField::Mode), false, 0, 0},
-    Rendering{record_type::kConfigChange, SetOf(RecordField::Op, RecordField::Dir, RecordField::Path, RecordField::Key),
-              false, SetOf(RecordField::Dir, RecordField::Path), 0},
-    Rendering{record_type::kUringOp,
-              SetOf(RecordField::UringOp, RecordField::Success, RecordField::Exit, RecordField::Items,
-                    RecordField::PPid, RecordField::Pid, RecordField::Uid, RecordField::Euid, RecordField::Key),
-              false, 0, 0},
-};
-
-const Rendering* FindRendering(int type) {
-  const auto* found = std::find_if(kRenderings.begin(), kRenderings.end(),
-                                   [type](const Rendering& rendering) { return rendering.type == type; });
-  return found != kRenderings.end() ? found : nullptr;
-}
 
 // 0, which no event has, for a stamp that was damaged on its way: it may hold any number.
 std::int64_t NanosecondsOf(std::int64_t seconds) {
   constexpr std::int64_t kLast = std::numeric_limits<std::int64_t>::max() / kNanosecondsPerSecond;
   return seconds >= 0 && seconds <= kLast ? seconds * kNanosecondsPerSecond : 0;
-}
-
-// Of the EXECVE record everything is decoded.
-bool DecodesArguments(const Rendering& rendering) {
-  return rendering.type == record_type::kExecve;
-}
-
-bool IsComplete(const Rendering& rendering, RecordFieldSet present) {
-  if (rendering.complete == 0 || (present & rendering.complete) != rendering.complete) return false;
-  return rendering.type != record_type::kPath || (present & kTypeWords) != 0;
 }
 
 std::string_view ValueAt(auparse_state_t* state, bool decoded) {
@@ -96,21 +36,25 @@ std::string_view NameAt(auparse_state_t* state) {
   return ValueAt(state, false) == "(null)" ? std::string_view("") : ValueAt(state, true);
 }
 
-void ReadField(auparse_state_t* state, const Rendering& rendering, std::string_view name, edr::RecordFields& fields) {
+void ReadField(auparse_state_t* state, const RecordRendering& rendering, std::string_view name,
+               edr::RecordFields& fields) {
   if (rendering.arguments) {
     if (const std::optional<std::size_t> index = edr::ArgumentNamed(name)) {
       fields.SetArgument(*index, ValueAt(state, DecodesArguments(rendering)));
       return;
     }
   }
-  const std::optional<RecordField> field = edr::FieldNamed(name);
+  const std::optional<RecordField> field = edr::FieldNames::Find(name);
   if (!field || (rendering.wanted & SetOf(*field)) == 0) return;
   fields.Set(*field,
              *field == RecordField::Name ? NameAt(state) : ValueAt(state, (rendering.decoded & SetOf(*field)) != 0));
 }
 
-void ReadFields(auparse_state_t* state, const Rendering& rendering, Record& record) {
+void ReadFields(auparse_state_t* state, const RecordRendering& rendering, Record& record) {
   record.type = rendering.type;
+  record.fields.Clear();
+  const char* text = auparse_get_record_text(state);
+  if (text != nullptr && ReadPlainRecord(text, rendering, record.fields)) return;
   record.fields.Clear();
   // An earlier walk leaves the cursor where it stopped: moving to a record does not bring it back.
   if (auparse_first_field(state) < 1) return;
@@ -145,7 +89,7 @@ const Record* AuparseRecordSource::FindCall() {
   for (unsigned at = 0; at < records_total_; ++at) {
     MoveTo(at);
     if (auparse_get_type(state_) != record_type::kSyscall) continue;
-    ReadFields(state_, kRenderings.front(), call_);
+    ReadFields(state_, *FindRendering(record_type::kSyscall), call_);
     call_at_ = at;
     return &call_;
   }
