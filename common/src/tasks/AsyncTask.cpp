@@ -24,8 +24,6 @@ void AsyncTask::Start() {
     thread_ = std::move(previous_thread_);
     --runs_started_;
     state_ = State::Idle;
-    lock.unlock();
-    idle_.notify_all();
     throw;
   }
 }

@@ -15,6 +15,7 @@
 #include "tests/fakes/FakeSchedule.h"
 #include "tests/fakes/Gate.h"
 #include "tests/fakes/LogCapture.h"
+#include "tests/fakes/SleepingCall.h"
 
 namespace zagent::common::internal {
 namespace {
@@ -195,6 +196,49 @@ TEST_F(SpoolStorageScheduleTest, ARunServesWhatWasQueuedBeforeItsCancelAndLeaves
   schedule_->AddTask([&] { ++served; });
   schedule_->Close();
   EXPECT_EQ(served, 4);
+}
+
+TEST_F(SpoolStorageScheduleTest, ACancelledRunLeavesWhatComesBehindItsCancelHoweverManyWereThereBefore) {
+  Gate started;
+  schedule_->AddTask([&] {
+    started.Open();
+    EXPECT_TRUE(Eventually([&] { return schedule_->IsCancelling(); }));
+  });
+  ASSERT_TRUE(started.Await());
+  std::size_t served = 0;
+  bool late_one_ran = false;
+  schedule_->AddTask([&] {
+    ++served;
+    schedule_->AddTask([&] { late_one_ran = true; });
+  });
+  // More than the run takes at once: a few of them still wait when the late one comes.
+  for (std::size_t i = 0; i < SpoolStorageSchedule::kBlock; ++i) schedule_->AddTask([&] { ++served; });
+  scheduler_.UnregisterSchedule(schedule_);
+  EXPECT_EQ(served, SpoolStorageSchedule::kBlock + 1);
+  EXPECT_FALSE(late_one_ran);
+  schedule_->Close();
+  EXPECT_TRUE(late_one_ran);
+}
+
+TEST_F(SpoolStorageScheduleTest, ACallThatComesDuringTheLastRunIsServedByIt) {
+  Gate started;
+  Gate release;
+  schedule_->AddTask([&] {
+    started.Open();
+    EXPECT_TRUE(release.Await());
+  });
+  ASSERT_TRUE(started.Await());
+  fakes::SleepingCall<bool> stop([&] {
+    scheduler_.Stop();
+    return true;
+  });
+  EXPECT_TRUE(Eventually([&] { return schedule_->IsCancelling(); }));
+  fakes::SleepingCall<bool> call([&] { return schedule_->Await(scheduler_, [] {}); });
+  EXPECT_TRUE(call.AwaitAsleep()) << "it gives up though somebody will run it";
+  release.Open();
+  ASSERT_TRUE(call.AwaitEnd());
+  EXPECT_TRUE(call.Get());
+  EXPECT_TRUE(stop.AwaitEnd());
 }
 
 TEST_F(SpoolStorageScheduleTest, TasksThatACancelLeftAreServedByTheNextRun) {

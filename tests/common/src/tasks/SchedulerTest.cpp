@@ -8,6 +8,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -16,6 +17,7 @@
 #include "tests/fakes/FakeSchedule.h"
 #include "tests/fakes/Gate.h"
 #include "tests/fakes/LogCapture.h"
+#include "tests/fakes/NoMoreThreads.h"
 
 namespace zagent::common {
 namespace {
@@ -393,6 +395,18 @@ TEST_F(SchedulerTest, RefusesASecondStart) {
   scheduler_.Start();
   EXPECT_EQ(ErrorOf([&] { scheduler_.Start(); }), "Start: Start cannot be called when the Scheduler is running");
   EXPECT_TRUE(scheduler_.IsRunning());
+}
+
+TEST_F(SchedulerTest, IsStoppedWhenNoThreadCouldBeMadeAndMayBeStartedAgain) {
+  const auto schedule = Register();
+  {
+    const fakes::NoMoreThreads no_more_threads;
+    EXPECT_THROW(scheduler_.Start(), std::system_error);
+  }
+  EXPECT_FALSE(scheduler_.IsRunning());
+  scheduler_.Start();
+  schedule->RunNow();
+  EXPECT_TRUE(Eventually([&] { return schedule->ended == 1; }));
 }
 
 TEST_F(SchedulerTest, StopOfAStoppedSchedulerDoesNothing) {

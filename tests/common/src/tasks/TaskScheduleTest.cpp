@@ -7,8 +7,11 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <future>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <set>
@@ -160,6 +163,44 @@ TEST_F(TaskScheduleTest, ARunLingersForMoreAndThenDisappears) {
   EXPECT_TRUE(SleepsFor(kIdle)) << "the next task starts no run";
 }
 
+TEST_F(TaskScheduleTest, ARunWithoutTasksStaysADayAtMost) {
+  const auto tasks = std::make_shared<TaskSchedule>(std::numeric_limits<std::uint64_t>::max(), clock_);
+  scheduler_.RegisterSchedule(tasks);
+  const pid_t thread = tasks->Call(scheduler_, gettid);
+  fakes::SleepWatch watch;
+  ASSERT_TRUE(Eventually([&] { return watch.IsAsleep(thread); })) << "it does not stay";
+  clock_.Advance(kDay);
+  EXPECT_TRUE(Eventually([&] { return !tasks->IsRunning(); }));
+  scheduler_.UnregisterSchedule(tasks);
+}
+
+TEST_F(TaskScheduleTest, ACallWakesARunThatSleeps) {
+  const pid_t thread = tasks_->Call(scheduler_, gettid);
+  fakes::SleepWatch watch;
+  ASSERT_TRUE(SleepsFor(kIdle));
+  ASSERT_TRUE(Eventually([&] { return watch.IsAsleep(thread); }));
+  SleepingCall<pid_t> call([&] { return tasks_->Call(scheduler_, gettid); });
+  const bool ended = call.AwaitEnd();
+  scheduler_.Stop();
+  ASSERT_TRUE(ended);
+  EXPECT_EQ(call.Get(), thread);
+}
+
+TEST_F(TaskScheduleTest, AThreadThatRunsTheTasksNoMoreIsNotTheirOwn) {
+  TaskSchedule tasks(0, clock_);
+  std::atomic<int> told{0};
+  std::atomic<bool> own{false};
+  // Told on the thread of the run, at its end.
+  tasks.SetOnFinished([&] {
+    ++told;
+    if (tasks.IsOwnThread()) own = true;
+  });
+  tasks.Start();
+  EXPECT_TRUE(Eventually([&] { return told == 2; }));
+  tasks.Cancel();
+  EXPECT_FALSE(own);
+}
+
 TEST_F(TaskScheduleTest, NeverFallsDueByTheClock) {
   EXPECT_EQ(tasks_->NextRunTime(), util::ToNanoseconds(clock_.Now() + kDay));
   ASSERT_TRUE(SleepsFor(kDay));
@@ -226,7 +267,16 @@ TEST_F(TaskScheduleTest, CloseRunsWhatNeverStartedOnItsCallersThread) {
   tasks->Close();
   EXPECT_EQ(threads, (std::vector<std::thread::id>{std::this_thread::get_id()}));
   EXPECT_TRUE(own);
+  EXPECT_FALSE(tasks->IsOwnThread()) << "it runs them no more";
   EXPECT_FALSE(tasks->AddTask([] {}));
+}
+
+TEST_F(TaskScheduleTest, CloseTellsOfRefusalsThatWereNotSaidYet) {
+  const auto tasks = std::make_shared<TaskSchedule>(10, clock_);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(tasks->Post([] {}, 2, 1), TaskSchedule::kRefused);
+  EXPECT_EQ(log_.Count("Refused "), 1);
+  tasks->Close();
+  EXPECT_EQ(log_.Count("Refused 2 operations"), 1) << log_.All();
 }
 
 TEST_F(TaskScheduleTest, ARefusedTaskIsDestroyedAtOnceAndItsAnswerGiven) {
@@ -633,13 +683,22 @@ TEST(TaskScheduleStormTest, TasksThatComeOneByOneDoNotWakeTheRunEach) {
   scheduler.Stop();
 }
 
-// Naps until somebody wakes it.
+// Naps until somebody wakes it. A task that fails leaves the run.
 class TasksThatNapLong final : public TaskSchedule {
  public:
   TasksThatNapLong()
       : TaskSchedule({"TasksThatNapLong", std::nullopt, false, std::chrono::hours(1)}, util::Clock::Real()) {}
   ~TasksThatNapLong() override { Cancel(); }
+
+ protected:
+  void LogFailure(const std::exception&) override { throw std::runtime_error("no memory for the line"); }
 };
+
+// True when nothing runs though there was time for it.
+bool StaysUnchanged(const std::atomic<bool>& ran) {
+  for (int i = 0; i < 100; ++i) std::this_thread::yield();
+  return !ran;
+}
 
 TEST(TaskScheduleNapTest, AQueueThatHasPassedHalfOfItsBoundEndsTheNap) {
   Scheduler scheduler;
@@ -651,11 +710,49 @@ TEST(TaskScheduleNapTest, AQueueThatHasPassedHalfOfItsBoundEndsTheNap) {
   ASSERT_TRUE(Eventually([&] { return watch.IsAsleep(thread); }));
   std::atomic<bool> ran{false};
   ASSERT_TRUE(tasks->Post([&] { ran = true; }, 50, 100));
-  for (int i = 0; i < 100; ++i) std::this_thread::yield();
-  EXPECT_FALSE(ran) << "half of it is no reason";
+  EXPECT_TRUE(StaysUnchanged(ran)) << "half of it is no reason";
   Gate done;
   ASSERT_TRUE(tasks->Post([&] { done.Open(); }, 1, 100));
   EXPECT_TRUE(done.Await());
+  EXPECT_TRUE(ran);
+  scheduler.Stop();
+}
+
+TEST(TaskScheduleNapTest, ATaskThatWasTakenBackIsNoPartOfTheBatchThatEndsTheNap) {
+  Scheduler scheduler;
+  const auto tasks = std::make_shared<TasksThatNapLong>();
+  scheduler.RegisterSchedule(tasks);
+  scheduler.Start();
+  const pid_t thread = tasks->Call(scheduler, gettid);
+  fakes::SleepWatch watch;
+  ASSERT_TRUE(Eventually([&] { return watch.IsAsleep(thread); }));
+  std::atomic<bool> ran{false};
+  std::uint64_t last = 0;
+  for (std::size_t i = 1; i < TaskSchedule::kBatch; ++i) last = tasks->Post([&] { ran = true; });
+  ASSERT_TRUE(tasks->TakeBack(last));
+  ASSERT_TRUE(tasks->AddTask([&] { ran = true; }));
+  EXPECT_TRUE(StaysUnchanged(ran)) << "there is one too few";
+  Gate done;
+  ASSERT_TRUE(tasks->AddTask([&] { done.Open(); }));
+  EXPECT_TRUE(done.Await());
+  scheduler.Stop();
+}
+
+TEST(TaskScheduleNapTest, WhatAFailureLeftBehindIsCountedAsBefore) {
+  Scheduler scheduler;
+  const auto tasks = std::make_shared<TasksThatNapLong>();
+  std::promise<pid_t> thread;
+  ASSERT_TRUE(tasks->AddTask([] { throw std::runtime_error("broken task"); }));
+  ASSERT_TRUE(tasks->AddTask([&] { thread.set_value(gettid()); }));
+  scheduler.RegisterSchedule(tasks);
+  scheduler.Start();
+  fakes::SleepWatch watch;
+  const pid_t runner = thread.get_future().get();
+  ASSERT_TRUE(Eventually([&] { return watch.IsAsleep(runner); }));
+  std::atomic<bool> ran{false};
+  ASSERT_TRUE(tasks->AddTask([&] { ran = true; }));
+  EXPECT_TRUE(StaysUnchanged(ran)) << "one task ends the nap";
+  EXPECT_TRUE(tasks->Await(scheduler, [] {}));
   EXPECT_TRUE(ran);
   scheduler.Stop();
 }

@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <future>
+#include <limits>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -152,6 +154,28 @@ TEST_F(ThreadedClassTest, ALimitedWaitEndsEarlyWhenThePredicateHolds) {
   wake_ = true;
   loop_.Notify();
   EXPECT_TRUE(TurnsReach(2));
+}
+
+TEST_F(ThreadedClassTest, AWaitLongerThanAClockCanHoldIsALongOne) {
+  loop_.SetWait(std::numeric_limits<std::uint64_t>::max(), nullptr);
+  loop_.Start();
+  ASSERT_TRUE(TurnsReach(1));
+  clock_.AwaitWaiters(1);
+  clock_.Advance(std::chrono::hours(24 * 300));
+  for (int i = 0; i < 100; ++i) std::this_thread::yield();
+  EXPECT_EQ(loop_.turns, 1);
+}
+
+TEST_F(ThreadedClassTest, ANewPredicateIsAskedAtOnce) {
+  Gate asked;
+  loop_.SetWait(0, [&] {
+    asked.Open();
+    return false;
+  });
+  loop_.Start();
+  ASSERT_TRUE(asked.Await());
+  loop_.SetWait(0, [this] { return loop_.turns == 1; });
+  EXPECT_TRUE(TurnsReach(2)) << "it sleeps by the old one";
 }
 
 TEST_F(ThreadedClassTest, ThePredicateThatIsReplacedIsDestroyedWithoutALock) {
