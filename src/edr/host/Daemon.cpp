@@ -3,9 +3,7 @@
 #include <magic.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <functional>
 #include <utility>
 
@@ -14,13 +12,13 @@
 #include "common/src/storage/FileStorage.h"
 #include "common/src/tasks/ResourceMonitor.h"
 #include "common/src/tasks/SignalHelper.h"
-#include "common/src/util/ErrnoText.h"
 #include "common/src/util/Log.h"
 #include "common/src/util/ThreadName.h"
 #include "src/audit/channels/AuditNetlink.h"
 #include "src/audit/routing/OwnActivity.h"
 #include "src/edr/EventQueueLimit.h"
 #include "src/edr/host/MemoryCheck.h"
+#include "src/edr/host/ProxyEnvironment.h"
 #include "src/edr/host/SigningKeys.h"
 
 namespace zagent::edr::host {
@@ -30,17 +28,6 @@ using namespace std::chrono_literals;
 using common::SignalHelper;
 
 constexpr auto kMainLoopTime = 1s;
-
-void SetProxyEnvironment(const common::CommonConfig& config) {
-  ZLOG_INFO("Setting the proxy environment variables");
-  for (const char* name : {"ostrel_https_tls_proxy", "ostrel_https_proxy", "https_proxy", "http_proxy"}) {
-    if (!config.HasEnvironmentVariable(name)) continue;
-    // No other thread reads the environment yet: libcurl and its resolver start behind this step.
-    if (setenv(name, config.GetEnvironmentVariable(name).c_str(), 1) != 0) {  // NOLINT(concurrency-mt-unsafe)
-      ZLOG_ERROR("Failed to set the environment variable " << name << ": " << common::util::ErrnoText(errno));
-    }
-  }
-}
 
 std::string WithSlash(const std::string& folder) {
   return folder.empty() || folder.back() != '/' ? folder + "/" : folder;

@@ -75,6 +75,17 @@ TEST_F(HealthIntakeTest, EachKindOfLossHasItsField) {
             "queueDropped=1 since=2023-11-14T22:13:20Z spoolRefused=9 unplaced=5 unsupportedCall=4");
 }
 
+TEST_F(HealthIntakeTest, EachReasonThatIsNotByDesignIsBadByItself) {
+  for (const Reason reason :
+       {Reason::BytesAtBound, Reason::BytesAtStop, Reason::Unplaced, Reason::LeftAtStop, Reason::NotProcessed}) {
+    counters_.Add(reason);
+    PassTime(1min);
+    EXPECT_EQ(reporter_.Statuses().back().state, health::State::Bad) << static_cast<int>(reason);
+    for (int minute = 0; minute < 5; ++minute) PassTime(1min);
+    ASSERT_EQ(reporter_.Statuses().back().state, health::State::Good);
+  }
+}
+
 TEST_F(HealthIntakeTest, WhatAComponentDropsIsALoss) {
   dropped_ = 3;
   PassTime(1min);
