@@ -117,6 +117,15 @@ TEST_F(SpoolFilesTest, IgnoresForeignFiles) {
   EXPECT_EQ(folder_.Read("events.123"), "foreign");
 }
 
+TEST_F(SpoolFilesTest, AnEmptySpoolBeginsAtOneWhateverNameItsFirstFileGets) {
+  SpoolFiles& files = Open();
+  std::filesystem::create_directory(Path(1));
+  EXPECT_EQ(Store("text")->path, Path(2));
+  EXPECT_EQ(files.FirstIndex(), 1U);
+  EXPECT_EQ(files.LastIndex(), 2U);
+  EXPECT_EQ(ToText(files.ReadOldestFile()->data), "text");
+}
+
 TEST_F(SpoolFilesTest, GivesTheOldestFileFirst) {
   SpoolFiles& files = Open();
   Store("first");
@@ -209,6 +218,27 @@ TEST_F(SpoolFilesTest, AFileThatMayNotBeReadIsPassedAndStays) {
   SpoolFiles& files = Open();
   EXPECT_EQ(ToText(files.ReadOldestFile()->data), "open");
   EXPECT_EQ(Content(1, 2), "secret open");
+}
+
+TEST_F(SpoolFilesTest, AGapBehindAFileThatMayNotBeReadIsPassedToo) {
+  disk_.fault = [this](Call call, const std::string& path) {
+    return call == Call::Open && path == Path(1) ? EACCES : 0;
+  };
+  Put(1, "secret");
+  Put(3, "open");
+  SpoolFiles& files = Open();
+  EXPECT_EQ(ToText(files.ReadOldestFile()->data), "open");
+}
+
+TEST_F(SpoolFilesTest, AFileThatGrewBehindItsBackTakesNoMoreFromTheUsageThanThereIs) {
+  Put(1, "a");
+  Put(2, "b");
+  SpoolFiles& files = Open();
+  Put(1, "much longer");
+  EXPECT_TRUE(files.Delete(*files.ReadOldestFile()));
+  EXPECT_EQ(files.FirstIndex(), 2U);
+  EXPECT_EQ(files.DiskUsage(), 0U);
+  EXPECT_TRUE(files.HasFreeSpace());
 }
 
 TEST_F(SpoolFilesTest, NeverReadsWhatIsNoRegularFile) {
@@ -343,6 +373,14 @@ TEST_F(SpoolFilesTest, DefragmentationLeavesAFullRangeAlone) {
   EXPECT_EQ(files.LastIndex(), 5U);
 }
 
+TEST_F(SpoolFilesTest, ANameThatCannotBeLookedAtIsNoGap) {
+  disk_.fault = [this](Call call, const std::string& path) { return call == Call::Lstat && path == Path(2) ? EIO : 0; };
+  Put(1, "a");
+  Put(3, "b");
+  Open().DefragFileIndices();
+  EXPECT_EQ(Content(1, 3), "a - b");
+}
+
 TEST_F(SpoolFilesTest, ARenameThatFailsIsSaidAndTheNextGapIsTried) {
   disk_.fault = [this](Call call, const std::string& path) {
     return call == Call::Rename && path == Path(1) ? EACCES : 0;
@@ -412,6 +450,10 @@ TEST_F(SpoolFilesTest, NeverDeletesAnotherFileThatGotTheNameOrTheInode) {
   EXPECT_FALSE(files.Delete(*read));
   EXPECT_EQ(Content(1, 1), "other");
   read->stat_info->st_size = other.st_size;
+  // A copy with all its times and its size is another file.
+  read->stat_info->st_ino = other.st_ino + 1;
+  EXPECT_FALSE(files.Delete(*read));
+  read->stat_info->st_ino = other.st_ino;
   // Another file system, mounted in the place of the first, has inode numbers of its own.
   read->stat_info->st_dev = other.st_dev + 1;
   EXPECT_FALSE(files.Delete(*read));
@@ -547,6 +589,44 @@ TEST_F(SpoolFilesTest, ATornFileGoesThoughItsAttributesCannotBeHad) {
   EXPECT_FALSE(std::filesystem::exists(Path(1)));
 }
 
+TEST_F(SpoolFilesTest, ATornFileGoesThoughNobodyCanLookAtIt) {
+  disk_.fault = [](Call call, const std::string&) { return call == Call::Write || call == Call::Lstat ? EIO : 0; };
+  Open();
+  EXPECT_EQ(Store("text")->code, StorageCode::IOError);
+  EXPECT_FALSE(std::filesystem::exists(Path(1))) << "part of a file bears a valid name";
+}
+
+TEST_F(SpoolFilesTest, ATornFileThatSomebodyElseRemovesIsNoFailure) {
+  bool fails = true;
+  disk_.fault = [&](Call call, const std::string& path) {
+    if (call == Call::Unlink) std::filesystem::remove(path);
+    return fails && call == Call::Write ? EIO : 0;
+  };
+  Open();
+  EXPECT_EQ(Store("text")->code, StorageCode::IOError);
+  EXPECT_FALSE(log_.Has("SpoolStorage: Failed to delete ")) << log_.All();
+  fails = false;
+  EXPECT_EQ(Store("text")->path, Path(1));
+}
+
+TEST_F(SpoolFilesTest, ATornFileThatIsKnownByItsNameAloneIsTakenForNoOther) {
+  bool fails = true;
+  disk_.fault = [&](Call call, const std::string&) {
+    if (fails && (call == Call::Write || call == Call::Fstat)) return EIO;
+    return call == Call::Unlink ? EROFS : 0;
+  };
+  Put(1, "older");
+  SpoolFiles& files = Open();
+  EXPECT_EQ(Store("text")->code, StorageCode::IOError);
+  ASSERT_TRUE(std::filesystem::exists(Path(2)));
+  fails = false;
+  EXPECT_EQ(ToText(files.ReadOldestFile()->data), "older");
+  // A folder in its place is not it.
+  std::filesystem::remove(Path(2));
+  std::filesystem::create_directory(Path(2));
+  EXPECT_EQ(Store("text")->path, Path(3));
+}
+
 TEST_F(SpoolFilesTest, AFileThatCouldNotBeMadeCostsNobodyElseHis) {
   SpoolFiles& files = Open();
   Put(1, "stale");
@@ -655,9 +735,11 @@ TEST_F(SpoolFilesTest, AFileThatIsNotSafeOnDiskDoesNotCount) {
 }
 
 TEST_F(SpoolFilesTest, AFileSystemWithoutASyncIsGoodEnough) {
-  disk_.Fail(Call::Fsync, EINVAL);
-  Open();
-  EXPECT_EQ(Store("text")->code, StorageCode::Success);
+  for (const int error : {EINVAL, ENOSYS}) {
+    disk_.Fail(Call::Fsync, error);
+    Open();
+    EXPECT_EQ(Store("text")->code, StorageCode::Success);
+  }
 }
 
 TEST_F(SpoolFilesTest, SignalsAndShortWritesTearNothing) {

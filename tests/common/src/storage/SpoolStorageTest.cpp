@@ -407,13 +407,12 @@ TEST_F(SpoolStorageTest, ACallbackMayCallSynchronouslyWhileAnotherThreadWaits) {
     done.Open();
   });
   ASSERT_TRUE(in_callback.Await());
-  auto read = std::async(std::launch::async, [&] {
-    waiting.Open();
-    return spool.Read()->code;
-  });
+  fakes::SleepingCall<StorageCode> read([&] { return spool.Read()->code; });
+  ASSERT_TRUE(read.AwaitAsleep());
+  waiting.Open();
   ASSERT_TRUE(done.Await()) << "the callback waits for its own thread";
-  ASSERT_EQ(read.wait_for(kTestPatience), std::future_status::ready);
-  EXPECT_EQ(read.get(), StorageCode::NotFound);
+  ASSERT_TRUE(read.AwaitEnd());
+  EXPECT_EQ(read.Get(), StorageCode::NotFound);
 }
 
 TEST_F(SpoolStorageTest, ASynchronousCallFailsWhenNoSchedulerRuns) {
@@ -643,6 +642,13 @@ TEST_F(SpoolStorageTest, AFolderThatOthersCanChangeIsOneWarning) {
                                                   "). It should have mode 0700 and user " + std::to_string(geteuid())))
       << log_.All();
   EXPECT_EQ(log_.Count("Others can change"), 1);
+  // Its group, or the rest of the world, is enough.
+  for (const unsigned mode : {0720U, 0702U}) {
+    std::filesystem::permissions(folder_.Path(), std::filesystem::perms(mode));
+    Open();
+  }
+  EXPECT_EQ(log_.Count("(mode 720, "), 1);
+  EXPECT_EQ(log_.Count("(mode 702, "), 1);
 }
 
 TEST_F(SpoolStorageTest, AFolderOfSomebodyElseIsOneWarning) {

@@ -148,6 +148,11 @@ TEST_F(SqlCacheTest, ClearForgetsOneTableOrAll) {
   cache_.StoreWritten("File", "c", Row(2));
   EXPECT_TRUE(Has("b"));
   EXPECT_TRUE(Has("c"));
+  // So is its memory of who was asked for last.
+  cache_.StoreWritten("File", "d", Row(3));
+  EXPECT_FALSE(Has("b"));
+  EXPECT_TRUE(Has("c"));
+  EXPECT_TRUE(Has("d"));
 }
 
 }  // namespace

@@ -109,7 +109,10 @@ TEST_F(SqlStorageOpeningTest, AFileOfLengthZeroIsNew) {
 
 TEST_F(SqlStorageOpeningTest, WhereNoFileCanBeTheOpeningSaysSo) {
   std::filesystem::create_directory(folder_ / kName);
+  std::filesystem::permissions(folder_ / kName, std::filesystem::perms(0755));
   EXPECT_EQ(WhatOf([&] { Open(); }), "SqlStorage: Error opening DB: unable to open database file");
+  EXPECT_EQ(std::filesystem::status(folder_ / kName).permissions(), std::filesystem::perms(0755))
+      << "it is no database";
   const std::string file = folder_.Write("file", "");
   EXPECT_EQ(WhatOf([&] { SqlStorage(file, kName, std::make_unique<FakeSqlFormatter>(), nullptr, Caching::Off); }),
             "SqlStorage: Failed to create folder " + file + ": File exists (17)");

@@ -1,6 +1,7 @@
 #include "common/src/storage/SqlStorage.h"
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <chrono>
 #include <filesystem>
@@ -167,6 +168,13 @@ TEST_F(SqlStorageTest, FailuresCarryTheExtendedCodeOfSqlite) {
     EXPECT_EQ(error.Code(), 0);
     EXPECT_FALSE(error.IsDamage());
   }
+}
+
+TEST_F(SqlStorageTest, DamageIsDamageWhateverMoreTheCodeSays) {
+  EXPECT_TRUE(SqlException("torn", SQLITE_CORRUPT).IsDamage());
+  EXPECT_TRUE(SqlException("a torn index", SQLITE_CORRUPT | (3 << 8)).IsDamage());
+  EXPECT_TRUE(SqlException("no database", SQLITE_NOTADB).IsDamage());
+  EXPECT_FALSE(SqlException("a full disk", SQLITE_FULL).IsDamage());
 }
 
 TEST_F(SqlStorageTest, OnlyIntegersAndTextsTravel) {
