@@ -131,6 +131,19 @@ class DaemonTest : public testing::Test {
     for (std::size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++count;
     return count;
   }
+  // The log tells of these in this order, whatever else stands between them.
+  void ExpectInOrder(const std::vector<std::string>& texts) const {
+    const std::string log = config_.ReadLog();
+    std::size_t at = 0;
+    for (const std::string& text : texts) {
+      const std::size_t found = log.find(text, at);
+      if (found == std::string::npos) {
+        ADD_FAILURE() << "not behind the one before it: " << text;
+        return;
+      }
+      at = found + text.size();
+    }
+  }
   [[nodiscard]] bool LogComesToHold(const std::string& text, std::chrono::seconds time = 20s) const {
     return Within(time, [&] { return config_.ReadLog().find(text) != std::string::npos; });
   }

@@ -49,6 +49,17 @@ TEST_F(EndTest, ASignalOrAnExitEndsItWithinTwoSeconds) {
   EXPECT_LT(TimeToEnd([this] { agent_->Send(kExit); }), 2s);
 }
 
+TEST_F(EndTest, EachPartEndsBeforeWhatItStandsOn) {
+  StartAnew();
+  agent_->Send(kExit);
+  ExpectOrderlyEnd();
+  ExpectInOrder({"Command 'exit' received from agent.", "IOChannel: Exiting the event loop.",
+                 "Stopping parsed events processing thread", "Stopping Audit Parser Thread",
+                 "UnixClientStreamSockIOChannel: Stopping...", "UnixClientStreamSockIOChannel: Stopped.",
+                 "[FIM]: Component destroyed.", "[IOC]: Ioc component destroyed.", "Scheduler: Stopping.",
+                 "HTTP service stopped", "Destroying RuleEngine", "Scheduler: Removing all schedules."});
+}
+
 TEST_F(EndTest, WithIndicatorsOfCompromiseInForceASignalEndsItWithinTwoSecondsToo) {
   UseIndicatorsOfCompromise();
   StartAnew();

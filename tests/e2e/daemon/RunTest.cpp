@@ -441,6 +441,23 @@ TEST_F(RunTest, StartUpReportsItsQuietStepsInTheLog) {
   ExpectOrderlyEnd();
 }
 
+TEST_F(RunTest, EachPartStartsBehindWhatItStandsOn) {
+  config_.Json()["common_config"].AddMember("hmac_version", "V3", config_.Json().GetAllocator());
+  config_.Write();
+  StartDaemon();
+  EXPECT_TRUE(LogComesToHold("Memory threshold: softLimit: "));
+  EXPECT_TRUE(LogComesToHold("AHSUploadSchedule:Execute() triggered"));
+  agent_->Send(R"({"command": "exit"})");
+  ExpectOrderlyEnd();
+  const std::string quiet_hours = "Reduced Activity Period(RAP) Window settings populated successfully.";
+  ExpectInOrder({"M_MMAP_THRESHOLD: 4MB", "Scheduler: Starting.", "EDR subprocess only supports HmacV1/V2",
+                 "Setting the proxy environment variables", quiet_hours,
+                 "SqlStorage: Opening " + (config_.Folder() / "EDRStatus.db"), "[FIM]: Component initialized.",
+                 quiet_hours, "[IOC]: Component initialized.", "[EDR]: AHSUploadSchedule:Execute() triggered .. "});
+  ExpectInOrder({"[IOC]: Component initialized.", "KernelIOChannel: Starting...", "KernelIOChannel: Started.",
+                 "Memory threshold: softLimit: "});
+}
+
 TEST_F(RunTest, AnUploadThatHangsDoesNotDelayTheEnd) {
   tools::ReceiverOptions options;
   options.delay = 60s;
