@@ -260,6 +260,28 @@ TEST_F(SqlStorageAsyncTest, BeyondTheBoundOfTheQueueAWriteIsRefusedAtOnce) {
   storage_->Delete("Items", "a");
 }
 
+TEST_F(SqlStorageAsyncTest, BeyondTheBoundOfTheQueueADeletionIsRefusedToo) {
+  Poco::Logger::get("edr").setLevel(Message::PRIO_ERROR);  // the statements are large
+  const std::string key(12 * 1024 * 1024, 'x');            // it weighs itself and in its statement
+  for (const bool as_list : {false, true}) {
+    const auto release = Block();
+    int refused = 0;
+    const auto count = [&](const Result& result) {
+      if (!result.succeeded) ++refused;
+    };
+    for (int i = 0; i < 3; ++i) {
+      if (as_list) {
+        storage_->DeleteAsync("Items", std::vector<std::string>{key}, count);
+      } else {
+        storage_->DeleteAsync("Items", key, count);
+      }
+    }
+    EXPECT_EQ(refused, 1) << "two of them fit into 64 MiB";
+    release->Open();
+    storage_->Delete("Items", "a");
+  }
+}
+
 TEST_F(SqlStorageAsyncTest, TheCacheKnowsAWriteBeforeTheDatabaseDoes) {
   Open(Caching::On);
   const auto release = Block();

@@ -87,6 +87,17 @@ TEST_F(PacedUsageTest, WhatIsOwedIsAMinuteOfRestAtMost) {
   EXPECT_LE(pause, 61);
 }
 
+TEST_F(PacedUsageTest, WhileSomethingIsOwedItIsTheMeanSinceThenOrTheUseIfThatIsMore) {
+  Use(0, 1h);
+  EXPECT_EQ(paced_->GetPercent(), 0);
+  Use(30, 2s);
+  EXPECT_NEAR(paced_->GetPercent(), 30, 1);
+  Use(80, 2s);
+  EXPECT_NEAR(paced_->GetPercent(), 80, 1);
+  Use(0, 2s);
+  EXPECT_NEAR(paced_->GetPercent(), (30 + 80) / 3.0, 1) << "the hour before counts";
+}
+
 TEST_F(PacedUsageTest, IdleTimeBeforehandIsNoCredit) {
   Use(0, 1h);
   EXPECT_EQ(paced_->GetPercent(), 0);

@@ -29,8 +29,8 @@ class ResourceMonitorTest : public ::testing::Test {
     SetStat(std::to_string(utime) + " " + std::to_string(stime));
   }
   void SetStat(const std::string& times) {
-    // A command name may hold blanks and parentheses.
-    proc_.Write(pid_ + "/stat", pid_ + " (a (b) 1 2) S 1 2 3 4 5 6 7 8 9 10 " + times + " 0 0 20 0 1 0 100\n");
+    // A command name may hold blanks, parentheses and line ends.
+    proc_.Write(pid_ + "/stat", pid_ + " (a (b)\n1 2) S 1 2 3 4 5 6 7 8 9 10 " + times + " 0 0 20 0 1 0 100\n");
   }
 
   // The percentage of one second's `ticks` within `milliseconds`.
