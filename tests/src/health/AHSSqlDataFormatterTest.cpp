@@ -104,6 +104,10 @@ TEST_F(AHSSqlDataFormatterTest, NamesTheRowsByARangeOfCodes) {
   range.descending = true;
   EXPECT_EQ(AHSSqlDataFormatter::Condition(range),
             " WHERE [StatusCode] >= 1 AND [StatusCode] <= 2 ORDER BY Time DESC LIMIT 3");
+  range.limit = 0;
+  EXPECT_EQ(AHSSqlDataFormatter::Condition(range),
+            " WHERE [StatusCode] >= 1 AND [StatusCode] <= 2 ORDER BY Time DESC LIMIT 0")
+      << "only -1 is no limit";
 }
 
 TEST_F(AHSSqlDataFormatterTest, DeletesCountsAndSelectsByACondition) {

@@ -193,6 +193,20 @@ TEST_F(HealthStoreTest, ADeleteThatWasRefusedIsMadeGoodBeforeAnythingElseIsRead)
   EXPECT_THAT(Contexts(store_->TakeBatch()), ElementsAre("/b"));
 }
 
+TEST_F(HealthStoreTest, WhatWasSentComesInNoOtherBatchThoughItsDeleteWasRefused) {
+  store_->Report(Manifest("/a"));
+  {
+    HealthStore::Batch batch = store_->TakeBatch();
+    StatusTable other = Table();
+    other.Ask("BEGIN EXCLUSIVE");
+    batch.Delete();
+    other.Ask("ROLLBACK");
+  }
+  EXPECT_THAT(Table().Contexts(), ElementsAre("/a")) << "nothing has come since that would have been written";
+  EXPECT_THAT(Contexts(store_->TakeBatch()), IsEmpty());
+  EXPECT_THAT(Table().Contexts(), IsEmpty());
+}
+
 TEST_F(HealthStoreTest, ADatabaseThatCannotBeOpenedIsTriedAgain) {
   store_.reset();
   std::filesystem::remove(folder_ / HealthStore::kFileName);

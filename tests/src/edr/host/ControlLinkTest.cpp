@@ -1,12 +1,19 @@
 #include "src/edr/host/ControlLink.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <future>
+#include <string>
 #include <thread>
 
+#include "common/src/util/UniqueFd.h"
 #include "tests/fakes/FakeClock.h"
+#include "tests/fakes/Gate.h"
 #include "tests/fakes/LogCapture.h"
+#include "tests/fakes/TempFolder.h"
 
 namespace zagent::edr::host {
 namespace {
@@ -54,6 +61,60 @@ TEST_F(ControlLinkTest, RemembersThatTheAgentMayBeAnotherOne) {
   link_.OnConnected(true);
   EXPECT_TRUE(link_.MayHaveLostAgent());
   EXPECT_FALSE(link_.MayHaveLostAgent());
+}
+
+// The agent's end of the link.
+class AgentSocket {
+ public:
+  explicit AgentSocket(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    EXPECT_EQ(bind(listener_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    EXPECT_EQ(listen(listener_.Get(), 1), 0);
+  }
+  void Accept() { peer_ = common::util::UniqueFd(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC)); }
+  void Send(const std::string& text) const {
+    EXPECT_EQ(write(peer_.Get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  }
+  void HangUp() { peer_ = common::util::UniqueFd(); }
+  void GoAway() {
+    listener_ = common::util::UniqueFd();
+    HangUp();
+  }
+
+ private:
+  common::util::UniqueFd listener_{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+  common::util::UniqueFd peer_;
+};
+
+TEST_F(ControlLinkTest, ItsChannelBringsCommandsAndTellsWhenTheAgentHangsUpAndComesBack) {
+  const fakes::TempFolder folder;
+  AgentSocket agent(folder / "agent.sock");
+  const auto channel = CreateAgentChannel(link_, folder / "agent.sock");
+  agent.Accept();
+  EXPECT_FALSE(link_.MayHaveLostAgent());
+  const auto has_message = [this] {
+    const auto lock = link_.Lock();
+    return link_.HasMessage();
+  };
+  agent.Send("first");
+  EXPECT_TRUE(fakes::Eventually(has_message));
+  EXPECT_EQ(Take(), "first");
+
+  agent.HangUp();
+  agent.Accept();
+  EXPECT_TRUE(fakes::Eventually([this] { return link_.MayHaveLostAgent(); }));
+  EXPECT_TRUE(fakes::Eventually([this] { return !link_.MayHaveLostAgent(); })) << "it is there again";
+  agent.Send("second");
+  EXPECT_TRUE(fakes::Eventually(has_message));
+  EXPECT_EQ(Take(), "second");
+
+  agent.GoAway();
+  EXPECT_TRUE(fakes::Eventually([this] { return link_.MayHaveLostAgent(); }));
+  EXPECT_TRUE(link_.MayHaveLostAgent()) << "as long as it is away";
+  EXPECT_FALSE(exit_flag_) << "it has not given up";
+  channel->Stop();
 }
 
 TEST_F(ControlLinkTest, LogsTheWholeCommand) {

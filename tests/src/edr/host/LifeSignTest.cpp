@@ -83,6 +83,23 @@ TEST_F(LifeSignTest, TheRuleStaysWhenOthersAreReplacedAndComesBackWithAll) {
   EXPECT_THAT(Rules(), ElementsAre(Pair(LifeSign::kRuleId, file_)));
 }
 
+TEST_F(LifeSignTest, NothingComesBackWhenItIsGone) {
+  std::optional<LifeSign> sign(std::in_place, folder_.Path(), engine_);
+  sign.reset();
+  const std::size_t before = engine_.Calls().size();
+  engine_.Invalidate();
+  EXPECT_EQ(engine_.Calls().size(), before);
+}
+
+TEST_F(LifeSignTest, WithoutTheRuleThatWasToComeBackThereIsNoSign) {
+  LifeSign sign(folder_.Path(), engine_);
+  engine_.FailAdds("the kernel refuses");
+  engine_.Invalidate();
+  EXPECT_FALSE(sign.Give()) << "it would be missed";
+  engine_.FailAdds("");
+  EXPECT_TRUE(sign.Give());
+}
+
 TEST_F(LifeSignTest, AnotherProcessOpensTheFileForWriting) {
   LifeSign sign(folder_.Path(), engine_);
   WriteCount writes(file_);
@@ -178,6 +195,7 @@ TEST_F(LifeSignTest, KnowsTheFileByItsPathAndByTheKernelsKey) {
   EXPECT_FALSE(sign.IsSign(fakes::FakeEvent(EventType::Write, "Write", file_ + "2")));
   fakes::FakeEvent process;
   process.object_type = ObjectType::Process;
+  process.audit_key = LifeSign::kRuleId;
   EXPECT_FALSE(sign.IsSign(process));
 }
 

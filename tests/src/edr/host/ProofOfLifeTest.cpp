@@ -77,6 +77,7 @@ TEST_F(ProofOfLifeTest, AsksOnceInTenMinutesAndIsContentWithAnAnswer) {
   EXPECT_EQ(deeds_, 6);
   PassSeconds(599);
   EXPECT_EQ(deeds_, 6);
+  EXPECT_EQ(log_.Count("Proof of life: the event has come"), 6);
   EXPECT_THAT(silences_, IsEmpty());
   EXPECT_EQ(kernel_.OpenCount(), 0) << "the kernel is asked only when the event is missing";
 }
