@@ -38,6 +38,13 @@ TEST_F(SqlCacheTest, CountsWhatItWasAskedAndGiven) {
   (void)Has("c");
   EXPECT_TRUE(log_.Has(Message::PRIO_DEBUG, "SqlStorage Cache: hits: 2, misses: 1, writes: 1, not founds: 1"))
       << log_.All();
+  // A change that is queued counts as a write, too, if it is one.
+  const Bytes row = Row(4);
+  cache_.BeginChange("File", "d", &row);
+  cache_.BeginChange("File", "e", nullptr);
+  EXPECT_TRUE(Has("d"));
+  EXPECT_TRUE(log_.Has(Message::PRIO_DEBUG, "SqlStorage Cache: hits: 3, misses: 1, writes: 2, not founds: 1"))
+      << log_.All();
 }
 
 TEST_F(SqlCacheTest, TellsEachChangeWithTheSumOfTheRows) {

@@ -79,6 +79,21 @@ TEST_F(SqlStorageOpeningTest, ADatabaseWithoutAVersionQueryIsNeverMigrated) {
   EXPECT_EQ(CountItems(), 0);
 }
 
+// Whose version nobody has written down yet.
+class FormatterWithoutAVersion final : public FakeSqlFormatter {
+ public:
+  [[nodiscard]] std::string GetVersion() override { return "SELECT Number from Items WHERE Key = 'version'"; }
+  [[nodiscard]] Statements Migrate(std::int64_t /*version*/) override { return {"DROP TABLE Items"}; }
+};
+
+TEST_F(SqlStorageOpeningTest, AVersionQueryWithoutAnAnswerLeavesTheDatabaseAsItIs) {
+  Open();
+  storage_.reset();
+  storage_ = std::make_unique<SqlStorage>(folder_.Path(), kName, std::make_unique<FormatterWithoutAVersion>(), nullptr,
+                                          Caching::Off);
+  EXPECT_EQ(CountItems(), 0);
+}
+
 TEST_F(SqlStorageOpeningTest, AFailedMigrationLeavesTheDatabaseAsItWas) {
   Open({1, {}, {"Items"}});
   Write("a", "1");
