@@ -1,6 +1,7 @@
 # shellcheck shell=bash
 # A guest with a real kernel: Debian's cloud kernel in QEMU's software emulation, on an initramfs with busybox, the
-# programs of one build folder and the libraries they need. No disk, no root file system, no KVM, nothing installed.
+# programs of one build folder and the libraries they need. No disk unless one is asked for, no root file system, no KVM,
+# nothing installed.
 # Source after common.sh.
 
 GUEST_CACHE="$ROOT/build/guest"
@@ -281,6 +282,14 @@ guest_page() {
   GUEST_NETWORK=(-nic "user,model=vmxnet3,restrict=on,ipv6=off,hostfwd=tcp:127.0.0.1:$1-10.0.2.15:8080")
 }
 
+# The disk of a guest, for qemu: none. guest_disk FILE MEGABYTES: an empty one, /dev/nvme0n1, which lies in the file and so
+# outlives a guest.
+GUEST_DISK=()
+guest_disk() {
+  truncate -s "$2M" "$1"
+  GUEST_DISK=(-drive "if=none,id=disk,format=raw,file=$1" -device nvme,serial=disk,drive=disk)
+}
+
 # guest_boot SECONDS PLACE [WORD...]: boots PLACE/initrd with the console on this terminal and, as a copy, in
 # PLACE/console; what the guest writes to its second serial line goes to PLACE/files.tar. Ends when the guest powers
 # off or the time is over (code 124; 0 seconds are no limit). The words end up in the guest's /proc/cmdline. The kernel
@@ -294,7 +303,7 @@ guest_boot() {
   # Ends with the script that boots it, in whatever way that one ends.
   setpriv --pdeathsig TERM timeout --foreground --kill-after=5 "$seconds" \
     qemu-system-x86_64 -accel tcg -cpu max -m "${GUEST_MEMORY:-1024}" "${GUEST_PROCESSORS[@]}" -display none -no-reboot \
-    "${GUEST_NETWORK[@]}" \
+    "${GUEST_NETWORK[@]}" "${GUEST_DISK[@]}" \
     -chardev "stdio,id=console,signal=off,logfile=$place/console" -serial chardev:console \
     -serial "file:$place/files.tar" -kernel "$kernel" -initrd "$place/initrd" \
     -append "console=ttyS0 quiet audit=1 panic=-1 no_timer_check rdinit=/init $*"

@@ -576,6 +576,18 @@ ioc_stories() {
 # last_batch: the number of the batch that came last.
 last_batch() { sed -n 's/^batch \([0-9]*\) .*/\1/p' $LOG/receiver.log | tail -n 1; }
 
+# numbers_are_whole TWICE: of the batches none is missing, and at most so many came twice.
+numbers_are_whole() {
+  sed -n 's/^batch \([0-9]*\) .*/\1/p' $LOG/receiver.log | sort -n | awk -v twice="$1" '
+    $1 == last { again++; next }
+    $1 != last + 1 { print "after " last " comes " $1; wrong = 1 }
+    { last = $1 }
+    END { if (again > twice) { print again " came twice"; wrong = 1 } exit wrong }'
+}
+
+# boot_time: as the last batch tells it.
+boot_time() { sed -n 's/^batch .* boot=\([0-9]*\) .*/\1/p' $LOG/receiver.log | tail -n 1; }
+
 no_gaps() { ! grep '^sequence gap' $LOG/receiver.log; }
 
 mkdir -p $LOG

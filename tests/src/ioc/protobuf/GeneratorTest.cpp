@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -158,10 +159,12 @@ class GoldenMessagesTest : public GeneratorTest {
     if (spool_.written.size() != 1) return std::to_string(spool_.written.size()) + " messages";
     return Schema().ItemText(message, spool_.written.front());
   }
-  void Check(const std::string& name, const std::string& message, const FakeEvent& event) {
+  static std::string GoldenText(const std::string& name) {
     std::ifstream file(fakes::TestData("ioc/" + name + ".txt"));
-    const std::string expected{std::istreambuf_iterator<char>(file), {}};
-    EXPECT_EQ(TextOf(message, event), expected) << name;
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+  void Check(const std::string& name, const std::string& message, const FakeEvent& event) {
+    EXPECT_EQ(TextOf(message, event), GoldenText(name)) << name;
   }
 };
 
@@ -183,6 +186,39 @@ TEST_F(GoldenMessagesTest, FilesAreToldAsInTheirGoldenTexts) {
 TEST_F(GoldenMessagesTest, DirectoriesAreToldAsInTheirGoldenTexts) {
   Check("directory-create", "DirectoryEvent", OfDirectory(EventType::Create, "Create"));
   Check("directory-delete", "DirectoryEvent", OfDirectory(EventType::Delete, "Delete"));
+  FakeEvent change = OfDirectory(EventType::AttributeChange, "Change");
+  change.new_file = common::ImageInfo("fd:00", 2770, 42, "/srv/new", 100, "users", "alice", 1000, "");
+  Check("directory-change", "DirectoryEvent", change);
+  FakeEvent rename = OfDirectory(EventType::Rename, "Rename");
+  rename.new_file = Image("/srv/by-another-name");
+  Check("directory-rename", "DirectoryEvent", rename);
+}
+
+// It is that of this machine, so the golden text has names in the places of what is known of it.
+TEST_F(GoldenMessagesTest, ADirectoryThatIsToldBecauseOfAFileHasNoAction) {
+  Process(OfFile(EventType::Create, "Create", folder_ / "new.txt"));
+  ASSERT_EQ(spool_.written.size(), 2U);
+  struct stat found {};
+  ASSERT_EQ(stat(folder_.Path().c_str(), &found), 0);
+  wire::DirectoryEvent directory;
+  ASSERT_TRUE(directory.ParseFromString(spool_.written[0].substr(1)));
+  const std::string settings = R"({\"Uid\":)" + std::to_string(found.st_uid) + R"(,\"Gid\":)" +
+                               std::to_string(found.st_gid) + R"(,\"Permission\":700,\"OwnerName\":\")" +
+                               common::UserName(found.st_uid) + R"(\",\"GroupName\":\")" +
+                               common::GroupName(found.st_gid) + R"(\"})";
+  const std::pair<const char*, std::string> known[] = {{"ID OF FOLDER", UniquePathId(folder_.Path())},
+                                                       {"FOLDER", folder_.Path()},
+                                                       {"SETTINGS", settings},
+                                                       {"CREATION", std::to_string(directory.creationtime())},
+                                                       {"WRITE", std::to_string(found.st_mtime * kSecond)},
+                                                       {"ACCESS", std::to_string(found.st_atime * kSecond)},
+                                                       {"CHANGE", std::to_string(found.st_ctime * kSecond)}};
+  std::string golden = GoldenText("directory-of-a-file");
+  for (const auto& [name, value] : known) {
+    ASSERT_NE(golden.find(name), std::string::npos) << name;
+    golden.replace(golden.find(name), std::strlen(name), value);
+  }
+  EXPECT_EQ(Schema().ItemText("DirectoryEvent", spool_.written[0]), golden);
 }
 
 TEST_F(GoldenMessagesTest, ConnectionsAreToldAsInTheirGoldenTexts) {
