@@ -161,22 +161,24 @@ guest_take_module() {
 }
 
 guest_auditd_packages() { echo "${GUEST_AUDITD_PACKAGES[@]}"; }
+guest_sudo_packages() { echo sudo; }
 
-# guest_auditd: prints the folder in which the audit daemon's packages are unpacked; downloads them once.
-guest_auditd() {
-  local folder="$GUEST_CACHE/auditd" scratch package
+# guest_unpacked NAME FILE: prints the folder in which the packages of guest_NAME_packages are unpacked, and with them the
+# file; downloads them once.
+guest_unpacked() {
+  local folder="$GUEST_CACHE/$1" scratch package
   mkdir -p "$GUEST_CACHE"
   (
     flock 9
-    if [[ -e $folder/usr/sbin/laurel ]]; then exit 0; fi
+    if [[ -e $folder/$2 ]]; then exit 0; fi
     rm -rf "$folder"
     scratch=$(mktemp -d "$GUEST_CACHE/download.XXXXXX")
-    progress "downloading the guest's audit daemon" >&2
-    guest_download "$scratch" auditd guest_auditd_packages || { rm -r "$scratch" && exit 1; }
+    progress "downloading the guest's $1" >&2
+    guest_download "$scratch" "$1" "guest_$1_packages" || { rm -r "$scratch" && exit 1; }
     for package in "$scratch"/*.deb; do dpkg-deb -x "$package" "$scratch/root" || exit 1; done
     mv "$scratch/root" "$folder"
     rm -r "$scratch"
-  ) 9>"$GUEST_CACHE/auditd.lock" || return
+  ) 9>"$GUEST_CACHE/$1.lock" || return
   printf '%s\n' "$folder"
 }
 
@@ -191,14 +193,33 @@ guest_add_tools() {
 # guest_add_auditd TREE: the audit daemon and its tool, in /usr/local/bin of the guest.
 guest_add_auditd() {
   local tree="$1" root programs
-  root=$(guest_auditd) || return
+  root=$(guest_unpacked auditd usr/sbin/laurel) || return
   programs=("${GUEST_AUDITD_PROGRAMS[@]/#/$root/}")
   LD_LIBRARY_PATH="$root/lib/x86_64-linux-gnu:$root/usr/lib/x86_64-linux-gnu" \
     guest_add_programs "$tree" /usr/local/bin "${programs[@]}" || return
-  # Where the loader of the guest looks: libraries that are not installed here were found at another place.
-  if [[ -e $tree$root ]]; then
-    cp -r "$tree$root/." "$tree/"
-    rm -r "$tree${root:?}"
+  guest_settle_libraries "$tree" "$root"
+}
+
+# guest_add_sudo TREE: sudo with its plugin, where Debian has them, and a module of PAM that asks nobody anything. Whom it
+# trusts is left to the scenario: /etc/sudoers and /etc/pam.d/sudo.
+guest_add_sudo() {
+  local tree="$1" root modules=/lib/x86_64-linux-gnu/security
+  root=$(guest_unpacked sudo usr/bin/sudo) || return
+  {
+    LD_LIBRARY_PATH="$root/usr/libexec/sudo" guest_add_programs "$tree" /usr/bin "$root/usr/bin/sudo" &&
+      LD_LIBRARY_PATH="$root/usr/libexec/sudo" guest_add_programs "$tree" /usr/libexec/sudo "$root/usr/libexec/sudo/sudoers.so" &&
+      guest_add_programs "$tree" $modules $modules/pam_permit.so
+  } || return
+  guest_settle_libraries "$tree" "$root"
+  chmod 4755 "$tree/usr/bin/sudo"
+}
+
+# guest_settle_libraries TREE ROOT: libraries that are not installed here were found below ROOT; in the guest they lie where
+# its loader looks.
+guest_settle_libraries() {
+  if [[ -e $1$2 ]]; then
+    cp -r "$1$2/." "$1/"
+    rm -r "$1${2:?}"
   fi
 }
 

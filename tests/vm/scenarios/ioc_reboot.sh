@@ -40,19 +40,16 @@ all_told() {
 
 batches_wait() { [ "$(find $IOC_SPOOL -type f | wc -l)" -ge "$1" ]; }
 
-# lines_since_boot FILE: those that a log has got in this boot.
-lines_since_boot() { tail -n +$(($(cat "/run/$1.lines") + 1)) "$LOG/$1"; }
-
-# told_since_boot PATTERN: how many lines of the platform.
-told_since_boot() { lines_since_boot receiver.log | grep -cE "$1"; }
+# told_since_boot PATTERN: how many lines of the platform, in this boot.
+told_since_boot() { tail -n +$((LINES_BEFORE + 1)) $LOG/receiver.log | grep -cE "$1"; }
 
 is_told() { [ "$(told_since_boot "$1")" -ge 1 ]; }
 
-# stays NAME [PID]: a program of the stage that outlives the daemon, of this pid. Sets STAYS to its pid.
+# stays NAME [PID]: a program of the stage, of this pid, that makes a file when it is told to go. Sets STAYS to its pid.
 stays() {
   mkfifo "/run/$1"
   if [ -n "${2:-}" ]; then come_round "$2"; fi
-  $S/sh -c 'read -r go' <>"/run/$1" &
+  $S/sh -c "read -r go; : >$F/$1" <>"/run/$1" &
   STAYS=$!
   end_of_pids 32768
   expect "the start of the $1 one is told" wait_until 60 is_told "^ioc RUNNING process $S/sh pid=$STAYS "
@@ -73,7 +70,8 @@ for folder in /etc/ostrel /var/lib/ostrel /var/log/ostrel "$INSTALLED" /srv; do
   fi
   mount -o bind "$DISK$folder" "$folder"
 done
-for log in edr.log receiver.log; do wc -l <$LOG/$log >/run/$log.lines 2>/dev/null || echo 0 >/run/$log.lines; done
+touch $LOG/receiver.log
+LINES_BEFORE=$(wc -l <$LOG/receiver.log)
 
 case $(cat $DISK/boot) in
   1)
@@ -133,7 +131,7 @@ RULES
     wait "$STAYS"
     expect "its end is told after a restart" wait_until 60 is_told "^ioc TERMINATED process $S/sh pid=$OLD "
     expect "once, and nothing of its forerunner's" is "$(told_since_boot "^ioc TERMINATED process $S/sh pid=$OLD ")" 1
-    expect "the restart was no reboot" is "$(lines_since_boot edr.log | grep -c 'System reboot detected')" 1
+    expect "the restart was no reboot" is "$(cat $LOG/edr.log* | grep -c 'System reboot detected')" 1
 
     step "the power fails while the daemon works and batches wait"
     stays third

@@ -492,10 +492,11 @@ judge_ioc() {
 # owe_ioc LABEL EVENT: it comes once.
 owe_ioc() { printf '%s\tdone %s\n' "$1" "$2" >>$OWED_BY; }
 
-# owe_process LABEL PROGRAM PID USER: this shell has started it, and it ends.
+# owe_process LABEL PROGRAM PID USER [PARENT]: this shell has started it, or a part of it that runs in the background, and it
+# ends.
 owe_process() {
-  owe_ioc "$1" "RUNNING process $2 actor=/bin/busybox parent=$$ pid=$3 user=$4"
-  owe_ioc "$1" "TERMINATED process $2 actor=/bin/busybox parent=$$ pid=$3 user=$4"
+  owe_ioc "$1" "RUNNING process $2 actor=/bin/busybox parent=${5:-$$} pid=$3 user=$4"
+  owe_ioc "$1" "TERMINATED process $2 actor=/bin/busybox parent=${5:-$$} pid=$3 user=$4"
 }
 
 # in_ioc_words: what file-actor did (standard input), as it is told of an indicator of compromise.
