@@ -2,7 +2,8 @@
 # What tags of tactics do: all programs here are known and clean, so that nothing is told of them but what their tags
 # make suspicious. Each technique once, near misses and excluded programs beside it; tags that go on to relatives, and
 # never by way of process 1; tags and scores over a restart.
-# seconds: 540
+# with: sudo
+# seconds: 570
 . /scenario/lib.sh
 
 F=/srv/ioc
@@ -58,6 +59,10 @@ done
 echo tool >$F/tool
 echo tool >$F/allowed
 echo tool >$F/mode
+mkdir -p /etc/pam.d
+for kind in auth account session; do echo "$kind required pam_permit.so"; done >/etc/pam.d/sudo
+printf '%s ALL=(ALL) NOPASSWD: ALL\n' alice root >/etc/sudoers
+chmod 0440 /etc/sudoers
 ip addr add $REMOTE/8 dev lo
 printf '#!/usr/bin/dash\n/usr/bin/touch "$1"\n:\n' >/tmp/job
 cp /tmp/job /tmp/allowed
@@ -80,6 +85,7 @@ story warm-up <<WARM
 /usr/bin/sh -c :
 $F/setuid read /etc/hosts >/dev/null
 $F/trusted read /etc/hosts >/dev/null
+/usr/bin/sudo /usr/bin/id >/dev/null
 WARM
 story read-by-cat <<'STORY'
 /usr/bin/cat /etc/shadow >/dev/null
@@ -135,6 +141,9 @@ STORY
 story trusted <<STORY
 $F/trusted read /etc/hosts >/dev/null
 STORY
+story sudo <<'STORY'
+/usr/bin/sudo /usr/bin/id >/dev/null
+STORY
 story siblings <<STORY
 /usr/bin/sleep 15 &
 /bin/sleep 1
@@ -166,7 +175,7 @@ folder() {
     "notify": {"File": ["create", "write", "delete", "rename", "attribute"]}},' "$1" "$1"
 }
 KNOWN='"/bin/busybox", "'$F'/setuid", "'$F'/trusted"'
-for name in sh cat chmod id sleep touch head install passwd curl dash; do KNOWN="$KNOWN, \"/usr/bin/$name\""; done
+for name in sh cat chmod id sleep touch head install passwd curl dash sudo; do KNOWN="$KNOWN, \"/usr/bin/$name\""; done
 ioc_manifest $CONF/ioc-manifest.json "$(folder $F)$(folder /etc/cron.d)$(cat <<RULES
   {"ruleId": "shadow", "ruleType": "File", "imagePath": "/etc/shadow", "notify": {"File": ["read"]}},
   {"ruleId": "programs", "ruleType": "Process", "notify": {"process": ["create", "delete"]},
@@ -254,6 +263,14 @@ LABEL="an excluded setuid program by a login user"
 alice $STORIES/trusted
 nothing
 
+LABEL="sudo by a login user, and what it runs"
+alice $STORIES/sudo
+ran alice /usr/bin/sudo -
+ran root /usr/bin/id sudo
+LABEL="sudo by a service of root's"
+service $STORIES/sudo
+nothing
+
 step "relatives"
 LABEL="siblings"
 service $STORIES/siblings
@@ -290,6 +307,8 @@ tagged "touch has DefenseEvasion" /usr/bin/touch DefenseEvasion 30
 tagged "touch has Persistence" /usr/bin/touch Persistence 15
 tagged "curl has Exfiltration" /usr/bin/curl Exfiltration 30
 tagged "the setuid program has PrivilegeEscalation" $F/setuid PrivilegeEscalation 30
+tagged "sudo has PrivilegeEscalation" /usr/bin/sudo PrivilegeEscalation 30
+inherited "what sudo runs has its tag" PrivilegeEscalation /usr/bin/id "parent process"
 inherited "the child of a script has its tag" Execution /usr/bin/touch "parent process"
 inherited "who was there gets the tag of a sibling" DefenseEvasion /usr/bin/sleep "related process"
 inherited "who comes later as well" DefenseEvasion /usr/bin/id "sibling process"
