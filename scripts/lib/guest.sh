@@ -308,7 +308,7 @@ guest_page() {
 GUEST_DISK=()
 guest_disk() {
   truncate -s "$2M" "$1"
-  GUEST_DISK=(-drive "if=none,id=disk,format=raw,file=$1" -device nvme,serial=disk,drive=disk)
+  GUEST_DISK=(-drive "if=none,id=disk,format=raw,file=$1" -device "nvme,serial=disk,drive=disk")
 }
 
 # guest_boot SECONDS PLACE [WORD...]: boots PLACE/initrd with the console on this terminal and, as a copy, in
