@@ -54,7 +54,7 @@ do_round() {
   does unlink $folder/unlink
   does mkdir $folder/folder
   does rmdir $folder/rmdir
-  does read $folder/read
+  does --loginuid 1000 read $folder/read
   if [ $((ROUND % 10)) -eq 0 ]; then burst 200 20 10; fi
 }
 
