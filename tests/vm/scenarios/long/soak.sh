@@ -72,10 +72,12 @@ work() {
 
 # ---- what the daemon holds
 
-resident() { sed -n 's/^VmRSS:[^0-9]*\([0-9]*\) kB/\1/p' "/proc/$(daemon_pid)/status"; }
+# kilobytes LINE: of the daemon's status.
+kilobytes() { sed -n "s/^$1:[^0-9]*\([0-9]*\) kB/\1/p" "/proc/$(daemon_pid)/status"; }
+resident() { kilobytes VmRSS; }
 held() { find "/proc/$(daemon_pid)/$1" -mindepth 1 -maxdepth 1 | wc -l; }
 rules() { audit-rules | wc -l; }
-sample() { echo "$(resident) kB resident, $(held fd) descriptors, $(held task) threads, $(rules) rules"; }
+sample() { echo "$(resident) kB resident, $(kilobytes RssAnon) of them its own data, $(held fd) descriptors, $(held task) threads, $(rules) rules"; }
 
 # least fd|task: the fewest in ten seconds; an upload has some for a moment.
 least() {
