@@ -1,8 +1,10 @@
 // How the Daemon starts up to its log and its group; Daemon.cpp has the rest.
 #include <malloc.h>
+#include <sys/prctl.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <memory>
 #include <optional>
@@ -149,6 +151,10 @@ void Daemon::SetMallocThreshold() {
     throw StartUpFailure(ExitCode::NoMallocThreshold, kText);
   }
   ZLOG_DEBUG("M_MMAP_THRESHOLD: 4MB");
+  // Huge pages would make the gaps between what is allocated resident, minutes after a storm and while nothing happens.
+  if (prctl(PR_SET_THP_DISABLE, 1, 0, 0, 0) != 0) {
+    ZLOG_WARNING("Unable to do without huge pages: " << common::util::ErrnoText(errno));
+  }
 }
 
 }  // namespace zagent::edr::host

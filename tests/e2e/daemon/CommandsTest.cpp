@@ -3,7 +3,9 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <fstream>
 #include <functional>
+#include <iterator>
 
 #include "tests/e2e/daemon/DaemonTest.h"
 
@@ -264,6 +266,16 @@ TEST_F(CommandsTest, WhatTheControlChannelSaidBeforeThereWasALogStandsAtItsBegin
   EXPECT_LT(connected, received) << log;
   EXPECT_LT(received, log.find("M_MMAP_THRESHOLD: 4MB")) << log;
   EXPECT_LT(log.find("M_MMAP_THRESHOLD: 4MB"), log.size()) << log;
+  agent_->Send(kExit);
+  ExpectOrderlyEnd();
+}
+
+TEST_F(CommandsTest, TheKernelMakesNoHugePagesOfWhatTheAllocatorHoldsHereAndThere) {
+  StartDaemon();
+  ASSERT_TRUE(LogComesToHold("KernelIOChannel: Started."));
+  std::ifstream in("/proc/" + std::to_string(daemon_->Pid()) + "/status");
+  const std::string status{std::istreambuf_iterator<char>(in), {}};
+  EXPECT_THAT(status, HasSubstr("\nTHP_enabled:\t0\n"));
   agent_->Send(kExit);
   ExpectOrderlyEnd();
 }

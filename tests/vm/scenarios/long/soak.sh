@@ -190,7 +190,7 @@ full_disk() {
 short_memory() {
   mkdir -p /run/hog
   mount -t tmpfs -o size=90% hog /run/hog
-  dd if=/dev/zero of=/run/hog/fill bs=1M count=$(awk '/^MemAvailable/ { print int($2 / 1024) - 64 }' /proc/meminfo) 2>/dev/null
+  dd if=/dev/zero of=/run/hog/fill bs=1M count="$(awk '/^MemAvailable/ { print int($2 / 1024) - 64 }' /proc/meminfo)" 2>/dev/null
   burst 500 50 10
   work 20
   umount /run/hog
