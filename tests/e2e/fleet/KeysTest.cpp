@@ -183,6 +183,26 @@ TEST_F(KeysTest, AReceiverTakesEachAgentsUploadsByItsOwnKeys) {
   EXPECT_EQ((tools::AgentIdentity{kCustomer, kAgent}), payloads[2].sender);
 }
 
+TEST_F(KeysTest, AReceiverGoesOnWithItsAgentsWhileTheFileIsBroken) {
+  tools::ReceiverOptions options = Options();
+  options.keys_file = WriteKeys("c1 a1 x1\n");
+  StartReceiver(options);
+  EXPECT_EQ(0, UploadOf("c1", "a1", "x1"));
+  WriteKeys("c1 a1 x1\nc2 a2\n");
+  const std::string error = "error: keys file: line 2: not a customer id, an agent id and an activation id";
+  const auto errors = [&] {
+    const auto lines = Lines();
+    return std::count_if(lines.begin(), lines.end(), [](const std::string& l) { return l.starts_with("error: "); });
+  };
+  // It looks at the file by an upload.
+  EXPECT_TRUE(fakes::Eventually([&] { return UploadOf("c1", "a1", "x1") == 0 && errors() > 0; }));
+  EXPECT_THAT(Lines(), testing::Contains(testing::StartsWith(error)));
+  WriteKeys("c1 a1 x1\nc2 a2 x2\n");
+  EXPECT_TRUE(fakes::Eventually([&] { return UploadOf("c2", "a2", "x2") == 0; }));
+  EXPECT_EQ(0, UploadOf("c1", "a1", "x1"));
+  EXPECT_EQ(1, errors());
+}
+
 TEST_F(KeysTest, TwoReceiversShareOneFile) {
   tools::ReceiverOptions options = Options();
   options.keys_file = WriteKeys("c1 a1 x1\n");

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "tests/e2e/fleet/EngineAccount.h"
 #include "tests/e2e/fleet/StreamFixture.h"
 #include "tools/event-stream/StreamMessage.h"
 
@@ -31,6 +32,25 @@ class StreamTest : public StreamFixture {
     const std::size_t unknown = std::numeric_limits<std::size_t>::max();
     EXPECT_TRUE(fakes::Eventually([&] { return sink->MaxSize() != unknown; }));
     return sink;
+  }
+  // A file that nobody else can read.
+  std::string WriteSecret(const std::string& name, const std::string& text) {
+    const std::string file = folder_.Write(name, text);
+    using std::filesystem::perms;
+    std::filesystem::permissions(file, perms::owner_read | perms::owner_write);
+    return file;
+  }
+  // Makes <name>.key and <name>.pem, a certificate of 127.0.0.1 that signs itself, for each of the names.
+  void MakeCertificates(const std::string& names) {
+    const std::string make = "cd " + folder_.Path() + " && for name in " + names +
+                             "; do openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=$name "
+                             "-addext subjectAltName=IP:127.0.0.1 -keyout $name.key -out $name.pem 2>/dev/null; done";
+    ASSERT_EQ(0, std::system(make.c_str()));  // NOLINT(concurrency-mt-unsafe)
+  }
+  // For nats.conf.
+  std::string TlsOf(const std::string& name, const std::string& more = "") const {
+    return "tls { cert_file: \"" + (folder_ / (name + ".pem")) + "\", key_file: \"" + (folder_ / (name + ".key")) +
+           "\"" + more + " }\n";
   }
 
   NatsServer server_;
@@ -183,9 +203,7 @@ TEST_F(StreamTest, SaysOnceThatItsLoginIsWrongAndTakesTheRightOne) {
   closed.Start();
   tools::StreamOptions stream = StreamAt(closed);
   stream.ack_wait = std::chrono::milliseconds(300);
-  stream.login_file = folder_.Write("login", "receiver wrong\n");
-  using std::filesystem::perms;
-  std::filesystem::permissions(stream.login_file, perms::owner_read | perms::owner_write);
+  stream.login_file = WriteSecret("login", "receiver wrong\n");
   StartPublishing(stream);
   ASSERT_TRUE(AwaitLine("error: stream: "));
   EXPECT_EQ(503, StatusOf(kDocument));
@@ -208,13 +226,8 @@ TEST_F(StreamTest, UsesNoLoginThatOthersCanRead) {
 }
 
 TEST_F(StreamTest, TrustsOnlyAnEngineOfItsCertificate) {
-  const std::string make = "cd " + folder_.Path() +
-                           " && for name in engine other; do openssl req -x509 -newkey rsa:2048 -nodes -days 2 "
-                           "-subj /CN=$name -addext subjectAltName=IP:127.0.0.1 -keyout $name.key -out $name.pem "
-                           "2>/dev/null; done";
-  ASSERT_EQ(0, std::system(make.c_str()));  // NOLINT(concurrency-mt-unsafe)
-  NatsServer secret("tls { cert_file: \"" + (folder_ / "engine.pem") + "\", key_file: \"" + (folder_ / "engine.key") +
-                    "\" }\n");
+  MakeCertificates("engine other");
+  NatsServer secret(TlsOf("engine"));
   secret.Start();
   tools::StreamOptions stream = StreamAt(secret);
   stream.ca_file = folder_ / "other.pem";
@@ -226,6 +239,80 @@ TEST_F(StreamTest, TrustsOnlyAnEngineOfItsCertificate) {
   StartPublishing(stream);
   ASSERT_TRUE(AwaitLine("stream: connected to "));
   EXPECT_EQ(200, StatusOf(kDocument));
+}
+
+TEST_F(StreamTest, ShowsItsCertificateToAnEngineThatAsksForOne) {
+  MakeCertificates("engine receiver stranger");
+  NatsServer strict(TlsOf("engine", ", verify: true, ca_file: \"" + (folder_ / "receiver.pem") + "\""));
+  strict.Start();
+  tools::StreamOptions stream = StreamAt(strict);
+  stream.ca_file = folder_ / "engine.pem";
+  stream.ack_wait = std::chrono::milliseconds(300);
+  stream.certificate_file = folder_ / "stranger.pem";
+  stream.key_file = folder_ / "stranger.key";
+  StartPublishing(stream);
+  ASSERT_TRUE(AwaitLine("error: stream: "));
+  EXPECT_EQ(503, StatusOf(kDocument));
+  EXPECT_EQ(0U, CountLines("stream: connected"));
+
+  // A key that is not the certificate's, or is missing, is said by the name of the file.
+  stream.certificate_file = folder_ / "receiver.pem";
+  for (const std::string& key : {folder_ / "stranger.key", folder_ / "none.key", std::string()}) {
+    stream.key_file = key;
+    StartPublishing(stream);
+    ASSERT_TRUE(AwaitLine("error: stream: " + stream.certificate_file)) << key;
+  }
+
+  stream.key_file = folder_ / "receiver.key";
+  StartPublishing(stream);
+  ASSERT_TRUE(AwaitLine("stream: connected to "));
+  EXPECT_EQ(200, StatusOf(kDocument));
+}
+
+TEST_F(StreamTest, ProvesItselfByACredentialsFile) {
+  const EngineAccount account;
+  NatsServer closed(account.Configuration());
+  closed.Start();
+  tools::StreamOptions stream = StreamAt(closed);
+  stream.ack_wait = std::chrono::milliseconds(300);
+  stream.credentials_file = WriteSecret("user.creds", account.ForeignCredentials());
+  StartPublishing(stream);
+  ASSERT_TRUE(AwaitLine("error: stream: "));
+  EXPECT_EQ(503, StatusOf(kDocument));
+  EXPECT_THAT(Lines(), Contains(HasSubstr("uthorization")));
+  EXPECT_EQ(1U, CountLines("error: "));
+  WriteSecret("user.creds", account.Credentials());
+  ASSERT_TRUE(AwaitLine("stream: connected to ")) << "the file is read again at each try";
+  EXPECT_EQ(200, StatusOf(kDocument));
+  EXPECT_THAT(ReadAll(stream), SizeIs(1));
+}
+
+TEST_F(StreamTest, SaysWhatIsWrongWithItsCredentialsFile) {
+  server_.Start();
+  tools::StreamOptions stream = StreamAt(server_);
+  stream.credentials_file = folder_.Write("user.creds", EngineAccount().Credentials());
+  std::filesystem::permissions(stream.credentials_file, static_cast<std::filesystem::perms>(0644));
+  StartPublishing(stream);
+  ASSERT_TRUE(AwaitLine("error: stream: " + stream.credentials_file + ": open to others than its owner"));
+  std::filesystem::remove(stream.credentials_file);
+  ASSERT_TRUE(AwaitLine("error: stream: " + stream.credentials_file + ": No such file"));
+}
+
+TEST_F(StreamTest, AnswersWith503WhatAFullStreamCannotTakeAndTakesItWhenThereIsRoom) {
+  server_.Start();
+  tools::StreamOptions stream = StreamAt(server_);
+  stream.max_bytes = 64 * 1024;
+  StartPublishing(stream);
+  ASSERT_TRUE(AwaitLine("stream: connected to "));
+  const std::string large(40'000, 'x');
+  EXPECT_EQ(200, StatusOf(large));
+  EXPECT_EQ(503, StatusOf(large));
+  EXPECT_THAT(Lines(), Contains(StartsWith("rejected: not kept: the stream is full")));
+  EXPECT_EQ(200, StatusOf(kDocument)) << "what still fits is taken";
+  const tools::StreamSession session(stream);
+  jsErrCode code{};
+  ASSERT_EQ(NATS_OK, js_PurgeStream(session.JetStream(), "EDR", nullptr, &code));
+  EXPECT_EQ(200, StatusOf(large));
 }
 
 TEST_F(StreamTest, AsksForNoMoreReplicasThanThereAreServers) {
