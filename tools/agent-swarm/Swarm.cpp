@@ -1,5 +1,6 @@
 #include "tools/agent-swarm/Swarm.h"
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +15,7 @@
 
 #include "common/src/http/HttpService.h"
 #include "common/src/http/HttpUploader.h"
+#include "tools/agent-swarm/PreparedDocuments.h"
 #include "tools/agent-swarm/SpoolDocument.h"
 #include "tools/event-stream/StreamMessage.h"
 #include "tools/event-stream/StreamReader.h"
@@ -35,8 +37,9 @@ constexpr int kSilentReads = 3;
 // The agents of one sender, and what became of their uploads.
 class Sender {
  public:
-  Sender(const SwarmOptions& options, common::HttpService& service, unsigned number)
-      : options_(options), random_(std::random_device{}()), number_(number) {
+  Sender(const SwarmOptions& options, common::HttpService& service, std::shared_ptr<const PreparedDocuments> prepared,
+         unsigned number)
+      : options_(options), prepared_(std::move(prepared)), random_(std::random_device{}()), number_(number) {
     for (std::size_t i = number; i < options.agents.size(); i += options.senders) {
       const SwarmAgent& agent = options.agents[i];
       common::HttpUploader::Settings settings;
@@ -46,6 +49,7 @@ class Sender {
       settings.agent_version = "1.0.0";
       settings.connection_timeout = 10;
       settings.request_timeout = 60;
+      settings.compression = prepared_;
       const auto version = i % 2 == 1 ? common::HmacVersion::HmacV1 : common::HmacVersion::HmacV2;
       auto keys = std::make_shared<const common::HmacConfig>(agent.customer_id, agent.agent_id, agent.activation_id,
                                                              false, version);
@@ -85,46 +89,75 @@ class Sender {
   void Send(Agent& agent, steady_clock::time_point start, steady_clock::time_point give_up) {
     SwarmUpload upload;
     upload.is_large = random_() % 100 >= options_.small_percent;
-    const auto document = MakeSpoolDocument(upload.is_large ? options_.large_size : options_.small_size, random_);
+    const std::size_t size = upload.is_large ? options_.large_size : options_.small_size;
+    const auto document = prepared_ ? prepared_->OneOf(size, random_) : MakeSpoolDocument(size, random_);
     const common::UploadSource source{"", "swarm", random_(), static_cast<std::int64_t>(random_() >> 1U),
                                       document.size()};
     upload.id = source.MakeRequestId(agent.id);
     const auto begin = steady_clock::now();
     upload.since_start = duration_cast<microseconds>(begin - start);
-    do {
-      if (upload.tries++ > 0) std::this_thread::sleep_for(kBeforeNextTry);
-      upload.is_accepted = UploadOnce(agent, source, document);
-    } while (!upload.is_accepted && steady_clock::now() < give_up);
+    upload.is_accepted = UploadUntilAccepted(agent, source, document, give_up, upload.tries);
     upload.latency = duration_cast<microseconds>(steady_clock::now() - begin);
     upload.is_repeated = upload.is_accepted && random_() % 100 < options_.repeated_percent;
-    if (upload.is_repeated && !UploadOnce(agent, source, document)) ++refused_repeats;
+    unsigned tries = 0;
+    if (upload.is_repeated && !UploadUntilAccepted(agent, source, document, give_up, tries)) ++refused_repeats;
     uploads.push_back(std::move(upload));
   }
 
-  static bool UploadOnce(Agent& agent, const common::UploadSource& source, const std::vector<unsigned char>& document) {
-    agent.uploader->SetSource(source);
-    return agent.uploader->Upload("application/json", document) == common::Uploader::kSuccess;
+  static bool UploadUntilAccepted(Agent& agent, const common::UploadSource& source,
+                                  const std::vector<unsigned char>& document, steady_clock::time_point give_up,
+                                  unsigned& tries) {
+    do {
+      if (tries++ > 0) std::this_thread::sleep_for(kBeforeNextTry);
+      agent.uploader->SetSource(source);
+      if (agent.uploader->Upload("application/json", document) == common::Uploader::kSuccess) return true;
+    } while (steady_clock::now() < give_up);
+    return false;
   }
 
   const SwarmOptions& options_;
+  const std::shared_ptr<const PreparedDocuments> prepared_;  // none: each upload makes its own
   std::mt19937_64 random_;
   const unsigned number_;
   std::vector<Agent> agents_;
 };
 
+std::shared_ptr<const PreparedDocuments> Prepare(const SwarmOptions& options) {
+  if (options.documents == 0) return nullptr;
+  auto prepared = std::make_shared<PreparedDocuments>();
+  std::mt19937_64 random(std::random_device{}());
+  for (const std::size_t size : {options.large_size, options.small_size}) {
+    prepared->Add(size, options.documents, random);
+  }
+  return prepared;
+}
+
+microseconds ProcessorTime() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  const auto time = [](const timeval& t) { return std::chrono::seconds(t.tv_sec) + microseconds(t.tv_usec); };
+  return time(usage.ru_utime) + time(usage.ru_stime);
+}
+
 }  // namespace
 
 SwarmResult RunSwarm(const SwarmOptions& options) {
+  const auto prepared = Prepare(options);
   common::HttpService service(options.ca_file);
   service.Start();
   std::vector<std::unique_ptr<Sender>> senders;
-  for (unsigned i = 0; i < options.senders; ++i) senders.push_back(std::make_unique<Sender>(options, service, i));
+  for (unsigned i = 0; i < options.senders; ++i) {
+    senders.push_back(std::make_unique<Sender>(options, service, prepared, i));
+  }
+  if (options.on_begin) options.on_begin();
+  const auto processor = ProcessorTime();
   const auto start = steady_clock::now();
   std::vector<std::thread> threads;
   for (const auto& sender : senders) threads.emplace_back([&sender, start] { sender->Run(start); });
   for (std::thread& thread : threads) thread.join();
   service.Stop();
   SwarmResult result;
+  result.processor = ProcessorTime() - processor;
   auto end = start;
   for (const auto& sender : senders) {
     result.uploads.insert(result.uploads.end(), sender->uploads.begin(), sender->uploads.end());

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -14,7 +15,7 @@ namespace zagent::tools {
 // Uploads of many agents, each with keys of its own and one upload at a time, over connections that are kept and that
 // all share. Agents take turns; odd ones sign by version 1, even ones by version 2. An upload that fails comes again
 // under its own Z-REQID, as a spool file does, until it is accepted or the time for that is over; some that were
-// accepted come again as well, as after an answer that was lost.
+// accepted come again as well, as after an answer that was lost, and in the same way.
 struct SwarmOptions {
   std::string url;  // "https://host:port"
   std::string ca_file;
@@ -27,6 +28,10 @@ struct SwarmOptions {
   std::size_t small_size = 2UL * 1024;
   unsigned small_percent = 20;
   unsigned repeated_percent = 5;
+  // So many of each size are made and compressed before the first upload, which then takes one of them. 0: each upload
+  // has a document of its own, compressed when it is sent.
+  unsigned documents = 128;
+  std::function<void()> on_begin;  // called before the first upload; may be empty
 };
 
 // One upload, and what its sender knows of it.
@@ -42,8 +47,9 @@ struct SwarmUpload {
 
 struct SwarmResult {
   std::vector<SwarmUpload> uploads;
-  unsigned refused_repeats = 0;          // were not answered with success
-  std::chrono::duration<double> took{};  // from the first upload to the end of the last that began in time
+  unsigned refused_repeats = 0;           // were not answered with success until the time was over
+  std::chrono::duration<double> took{};   // from the first upload to the end of the last that began in time
+  std::chrono::microseconds processor{};  // time of this process in it, user's and system's
 };
 
 // Blocks until the last upload has ended.

@@ -19,6 +19,8 @@ constexpr const char* kUsage = R"(Usage: agent-swarm --url URL --ca FILE --keys 
   --seconds N         begin uploads for so long (default: 60)
   --senders N         uploads at the same time (default: 32)
   --rate N            uploads a second of all agents (default: as many as go)
+  --documents N       make and compress so many of each size before the first upload (default: 128);
+                      0: one for each upload, compressed when it is sent
   --stream nats://A,B count in the stream what became of them (with the switches --stream-...)
   --make-keys N       write a keys file with so many agents, and do nothing else
 )";
@@ -57,6 +59,7 @@ constexpr Switch kSwitches[] = {
      [](Options& o, const std::string& v) { o.swarm.duration = std::chrono::seconds(Number(v, 1, 86'400)); }},
     {"senders", [](Options& o, const std::string& v) { o.swarm.senders = Number(v, 1, 1'000); }},
     {"rate", [](Options& o, const std::string& v) { o.swarm.per_second = Number(v, 1, 1'000'000); }},
+    {"documents", [](Options& o, const std::string& v) { o.swarm.documents = Number(v, 0, 10'000); }},
     {"make-keys", [](Options& o, const std::string& v) { o.make_keys = Number(v, 1, 1'000'000); }},
 };
 
@@ -121,9 +124,11 @@ bool Report(const SwarmResult& result, const SwarmAccount* account) {
   const std::size_t lost = account == nullptr ? result.uploads.size() - accepted : account->lost;
   const std::size_t doubled = account == nullptr ? 0 : account->doubled;
   std::printf(
-      "uploads=%zu uploads_per_second=%.1f all_per_second=%.1f lost=%zu doubled=%zu median_ms=%.1f p99_ms=%.1f\n",
+      "uploads=%zu uploads_per_second=%.1f all_per_second=%.1f lost=%zu doubled=%zu median_ms=%.1f p99_ms=%.1f "
+      "processor_ms=%.2f\n",
       accepted, static_cast<double>(large) / seconds, static_cast<double>(accepted) / seconds, lost, doubled,
-      milliseconds(50), milliseconds(99));
+      milliseconds(50), milliseconds(99),
+      accepted == 0 ? 0 : static_cast<double>(result.processor.count()) / 1'000 / static_cast<double>(accepted));
   return accepted == result.uploads.size() && lost == 0 && doubled == 0 && result.refused_repeats == 0 && accepted > 0;
 }
 
@@ -135,6 +140,7 @@ int Run(int argc, char** argv) {
       return 0;
     }
     options.swarm.agents = ReadSwarmKeys(options.keys_file);
+    options.swarm.on_begin = [] { std::cerr << "uploads begin" << std::endl; };
     const SwarmResult result = RunSwarm(options.swarm);
     if (options.stream.urls.empty()) return Report(result, nullptr) ? 0 : 1;
     const SwarmAccount account = CountInStream(options.stream, result.uploads);

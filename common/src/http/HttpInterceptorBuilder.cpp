@@ -9,8 +9,9 @@
 
 namespace zagent::common {
 
-HttpInterceptorBuilder& HttpInterceptorBuilder::AddLzma() {
-  interceptors_.push_back(std::make_unique<LzmaHttpInterceptor>());
+HttpInterceptorBuilder& HttpInterceptorBuilder::AddLzma(std::shared_ptr<const Compression> compression) {
+  interceptors_.push_back(compression ? std::make_unique<LzmaHttpInterceptor>(std::move(compression))
+                                      : std::make_unique<LzmaHttpInterceptor>());
   return *this;
 }
 

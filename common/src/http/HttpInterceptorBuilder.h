@@ -9,6 +9,7 @@
 #include "common/src/http/ModuleUrlStateTable.h"
 #include "common/src/http/interceptors/AuthTag.h"
 #include "common/src/http/interceptors/BlockCipherHttpInterceptor.h"
+#include "common/src/http/interceptors/Compression.h"
 
 namespace zagent::common {
 
@@ -20,7 +21,8 @@ class HttpInterceptorBuilderException : public std::runtime_error {
 // Puts together the chain of one request, in the order of the calls.
 class HttpInterceptorBuilder {
  public:
-  HttpInterceptorBuilder& AddLzma();
+  // `compression`: null for the usual one.
+  HttpInterceptorBuilder& AddLzma(std::shared_ptr<const Compression> compression = nullptr);
   // With the rows of FIM, IOC and AHS.
   HttpInterceptorBuilder& AddUrlUpgrader(std::shared_ptr<ModuleUrlStateTable> states);
   // Throws HttpInterceptorException for a version or tags that cannot be.

@@ -134,7 +134,7 @@ HttpUploader::Job HttpUploader::PrepareJob(const std::string& content_type, cons
 std::shared_ptr<HttpRequest> HttpUploader::Submit(Job job, const std::vector<unsigned char>& payload,
                                                   std::shared_ptr<std::atomic<long>> accepted) {
   HttpInterceptorBuilder chain;
-  chain.AddLzma();
+  chain.AddLzma(job.settings.compression);
   if (job.settings.url_states) chain.AddUrlUpgrader(job.settings.url_states);
   chain.AddAuth(hmac_, AuthTag::Tag4, AuthTag::None);
   HttpRequestSettings settings;

@@ -10,6 +10,7 @@
 #include "common/src/http/ModuleUrlStateTable.h"
 #include "common/src/http/UploadAlarms.h"
 #include "common/src/http/Uploader.h"
+#include "common/src/http/interceptors/Compression.h"
 
 namespace zagent::common {
 
@@ -32,6 +33,8 @@ class HttpUploader final : public Uploader {
     std::shared_ptr<UploadAlarms> alarms;  // none: one of its own
     // Which modules go to their authenticated URLs; shared by all uploaders. None: the URL is used as it stands.
     std::shared_ptr<ModuleUrlStateTable> url_states;
+    // Of what goes out, in the format LZMA; none: the usual one.
+    std::shared_ptr<const Compression> compression;
   };
 
   HttpUploader(HttpService& service, std::shared_ptr<const HmacConfig> hmac, Settings settings);

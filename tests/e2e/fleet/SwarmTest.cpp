@@ -5,6 +5,7 @@
 #include <set>
 
 #include "tests/e2e/fleet/StreamFixture.h"
+#include "tools/agent-swarm/PreparedDocuments.h"
 #include "tools/agent-swarm/SpoolDocument.h"
 #include "tools/agent-swarm/Swarm.h"
 #include "tools/json-schema/JsonSchema.h"
@@ -24,6 +25,24 @@ TEST(SpoolDocumentTest, IsADocumentAsTheDaemonSendsThem) {
     EXPECT_EQ(std::nullopt, tools::FindSchemaFault("fim-upload", std::string(document.begin(), document.end())));
   }
   EXPECT_NE(tools::MakeSpoolDocument(0, random), tools::MakeSpoolDocument(0, random));
+}
+
+TEST(PreparedDocumentsTest, GiveWhatTheDaemonsOwnCompressionMakesOfThem) {
+  std::mt19937_64 random(7);
+  tools::PreparedDocuments prepared;
+  prepared.Add(2'048, 20, random);
+  prepared.Add(4'096, 3, random);
+  std::set<std::vector<unsigned char>> different;
+  for (int i = 0; i < 500; ++i) different.insert(prepared.OneOf(2'048, random));
+  EXPECT_THAT(different, SizeIs(20));
+  for (const auto& document : different) {
+    EXPECT_LT(document.size(), 4'000U);
+    EXPECT_EQ(common::LzmaCompression().Compress(document), prepared.Compress(document));
+  }
+  EXPECT_EQ(prepared.OneOf(4'096, random).size() / 4'096, 1U);
+  const std::vector<unsigned char> foreign = {'{', '}'};
+  EXPECT_EQ(foreign, prepared.Decompress(prepared.Compress(foreign)));
+  EXPECT_THROW((void)prepared.OneOf(1, random), std::out_of_range);
 }
 
 TEST(SwarmAccountTest, CountsWhatIsLostAndWhatIsDoubled) {
@@ -55,6 +74,7 @@ class SwarmTest : public StreamFixture {
     swarm.duration = std::chrono::seconds(3);
     swarm.patience = std::chrono::seconds(10);
     swarm.senders = 4;
+    swarm.documents = 8;
     return swarm;
   }
 };

@@ -1,7 +1,6 @@
 #include "common/src/http/interceptors/LzmaHttpInterceptor.h"
 
 #include "common/src/http/MutableHttpResponse.h"
-#include "common/src/http/interceptors/LzmaCompression.h"
 
 namespace zagent::common {
 namespace {
@@ -11,11 +10,11 @@ constexpr const char* kEncoding = "LZMA";
 
 }  // namespace
 
-LzmaHttpInterceptor::Prepared LzmaHttpInterceptor::Compress(const std::vector<unsigned char>& payload) {
+LzmaHttpInterceptor::Prepared LzmaHttpInterceptor::Compress(const std::vector<unsigned char>& payload) const {
   Prepared prepared;
   if (payload.empty()) return prepared;
   try {
-    prepared.body = LzmaCompression().Compress(payload);
+    prepared.body = compression_->Compress(payload);
   } catch (const std::exception& error) {
     prepared.failure = error.what();
   }
@@ -51,7 +50,7 @@ void LzmaHttpInterceptor::ProcessResponse(const std::string&, MutableHttpRespons
   const auto encoding = response.GetHeaders().find(kEncodingHeader);
   if (encoding == response.GetHeaders().end() || encoding->second != kEncoding) return;
   try {
-    response.UpdatePayload(LzmaCompression().Decompress(response.GetPayload()));
+    response.UpdatePayload(compression_->Decompress(response.GetPayload()));
   } catch (const CompressionException& error) {
     throw HttpInterceptorException(std::string("LzmaHttpInterceptor failed to decompress response payload: ") +
                                    error.what());

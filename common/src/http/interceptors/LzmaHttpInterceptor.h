@@ -1,8 +1,10 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 
 #include "common/src/http/HttpInterceptor.h"
+#include "common/src/http/interceptors/LzmaCompression.h"
 
 namespace zagent::common {
 
@@ -10,6 +12,11 @@ namespace zagent::common {
 // An empty payload is neither compressed nor marked.
 class LzmaHttpInterceptor final : public HttpInterceptor {
  public:
+  // `compression`: how, for requests and responses; of the format LZMA, and safe to be used by several threads.
+  explicit LzmaHttpInterceptor(
+      std::shared_ptr<const Compression> compression = std::make_shared<const LzmaCompression>())
+      : compression_(std::move(compression)) {}
+
   [[nodiscard]] std::unique_ptr<HttpInterceptor> Clone() const override;
   // Compresses once for all attempts, which only put the result in place; keeps a failure for them.
   void PrepareRequest(const std::vector<unsigned char>& payload) override;
@@ -26,8 +33,9 @@ class LzmaHttpInterceptor final : public HttpInterceptor {
     std::vector<unsigned char> body;
     std::string failure;  // empty when the body is good
   };
-  static Prepared Compress(const std::vector<unsigned char>& payload);
+  [[nodiscard]] Prepared Compress(const std::vector<unsigned char>& payload) const;
 
+  std::shared_ptr<const Compression> compression_;
   std::optional<Prepared> prepared_;
 };
 
