@@ -35,7 +35,7 @@ bool StreamReader::Subscribe(std::chrono::milliseconds patience) {
   jsSubOptions_Init(&options);
   options.Stream = connection_.Options().name.c_str();
   options.Config.AckPolicy = js_AckExplicit;
-  options.Config.AckWait = std::chrono::nanoseconds(kAckWait).count();
+  options.Config.AckWait = std::chrono::nanoseconds(options_.ack_wait).count();
   options.Config.MaxAckPending = kMaxUnacknowledged;
   options.Config.HeadersOnly = options_.only_headers;
   natsSubscription* subscription = nullptr;

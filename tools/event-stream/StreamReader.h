@@ -25,10 +25,9 @@ class StreamReader {
     std::string name;               // of the reader
     bool only_headers = false;      // leave the texts out
     std::string subject = "edr.>";  // read these only
+    // What was read and is neither acknowledged nor given back comes again after so long. The first of a name decides.
+    std::chrono::milliseconds ack_wait = std::chrono::seconds(30);
   };
-
-  // A message that is neither acknowledged nor given up by a lost connection comes again after so long.
-  static constexpr std::chrono::seconds kAckWait{30};
 
   // `connection`: lives as long as this.
   StreamReader(const StreamConnection& connection, Options options);

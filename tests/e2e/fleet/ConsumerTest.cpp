@@ -7,6 +7,7 @@
 #include "common/src/util/Json.h"
 #include "src/ioc/protobuf/IocEvents.pb.h"
 #include "tests/e2e/fleet/StreamFixture.h"
+#include "tools/event-stream/StreamMessage.h"
 #include "tools/reference-consumer/MessageLines.h"
 
 namespace zagent::e2e {
@@ -140,6 +141,33 @@ TEST_F(ConsumerTest, AcknowledgesOnlyWhatItHasPrinted) {
   full.AwaitLine("reference-consumer: Cannot write the output");
   EXPECT_EQ(1, full.AwaitExit());
   EXPECT_THAT(PrintedBy(*Consume({"--json"})), ElementsAre(HasSubstr(R"("id":"id-1")")));
+}
+
+TEST_F(ConsumerTest, WhatOneThatDiedHasNotAcknowledgedComesToAnotherOfItsName) {
+  server_.Start();
+  const auto sink = Sink();
+  for (int i = 0; i < 3; ++i) sink->Add(Payload("{}", "id-" + std::to_string(i)), {});
+  const tools::StreamReader::Options shared{"shared", false, "edr.>", std::chrono::seconds(1)};
+  {
+    const tools::StreamConnection connection(StreamAt(server_), tools::StreamConnection::Stream::Require, {});
+    ASSERT_NE(nullptr, connection.Await(fakes::kTestPatience));
+    tools::StreamReader reader(connection, shared);
+    const auto read = reader.Read(2, fakes::kTestPatience);
+    ASSERT_THAT(read, SizeIs(2));
+    ASSERT_EQ("id-1", read[1].Header(tools::kIdHeader)) << "it goes with both of them";
+  }
+  const tools::StreamConnection connection(StreamAt(server_), tools::StreamConnection::Stream::Require, {});
+  ASSERT_NE(nullptr, connection.Await(fakes::kTestPatience));
+  tools::StreamReader reader(connection, shared);
+  std::multiset<std::string> ids;
+  EXPECT_TRUE(fakes::Eventually([&] {
+    const auto messages = reader.Read(10, std::chrono::milliseconds(200));
+    for (const auto& message : messages) ids.insert(message.Header(tools::kIdHeader));
+    EXPECT_TRUE(messages.empty() || reader.Acknowledge(messages));
+    return ids.size() >= 3;
+  }));
+  EXPECT_THAT(ids, ElementsAre("id-0", "id-1", "id-2"));
+  EXPECT_THAT(reader.Read(10, std::chrono::milliseconds(1'500)), SizeIs(0)) << "acknowledged is done with";
 }
 
 TEST_F(ConsumerTest, WaitsForAnEngineAndAStreamThatAreNotThereYet) {
