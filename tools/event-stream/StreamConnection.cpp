@@ -258,7 +258,8 @@ void StreamConnection::Keep() {
         if (is_connected) told_.clear();
         lock.lock();
       }
-      current_.reset();
+      // One whose stream does not answer stays: another server may lead it the next moment.
+      if (stopped_ || session->IsClosed()) current_.reset();
       if (stopped_) return;
     } catch (const std::exception& error) {
       Fail(error.what());

@@ -152,6 +152,7 @@ TEST_F(StreamTest, MakesAStreamAgainThatSomebodyHasDeleted) {
   ASSERT_EQ(NATS_OK, js_DeleteStream(session.JetStream(), "EDR", nullptr, &code));
   EXPECT_THROW(sink->Add(Payload("{}", "1"), {}), std::runtime_error);
   EXPECT_TRUE(fakes::Eventually([&] {
+    EXPECT_NE(std::numeric_limits<std::size_t>::max(), sink->MaxSize()) << "it stays with its server meanwhile";
     try {
       return sink->Add(Payload("{}", "1"), {});
     } catch (const std::runtime_error&) {
