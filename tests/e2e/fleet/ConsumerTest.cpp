@@ -188,7 +188,11 @@ TEST_F(ConsumerTest, WaitsForAnEngineAndAStreamThatAreNotThereYet) {
       return false;
     }
   }));
-  EXPECT_THAT(PrintedBy(*consumer), ElementsAre(HasSubstr("id-1"), HasSubstr("id-2")));
+  const auto lines = PrintedBy(*consumer);
+  // What it had printed comes twice when its acknowledgement was on the way to the server that was killed.
+  const std::set<std::string> different(lines.begin(), lines.end());
+  EXPECT_THAT(different, ElementsAre(HasSubstr("id-1"), HasSubstr("id-2")));
+  EXPECT_LE(lines.size(), 3U);
 }
 
 TEST_F(ConsumerTest, SaysHowItIsUsed) {
