@@ -49,6 +49,7 @@ class Sender {
       settings.agent_version = "1.0.0";
       settings.connection_timeout = 10;
       settings.request_timeout = 60;
+      settings.max_attempts = options.further_attempts;
       settings.compression = prepared_;
       const auto version = i % 2 == 1 ? common::HmacVersion::HmacV1 : common::HmacVersion::HmacV2;
       auto keys = std::make_shared<const common::HmacConfig>(agent.customer_id, agent.agent_id, agent.activation_id,

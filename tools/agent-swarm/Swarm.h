@@ -22,6 +22,7 @@ struct SwarmOptions {
   std::vector<SwarmAgent> agents;
   std::chrono::seconds duration{60};
   std::chrono::seconds patience{120};  // behind it, for uploads that were not accepted yet
+  unsigned further_attempts = 3;       // of each call of Upload, five seconds apart as the daemon's
   unsigned senders = 32;               // uploads at the same time
   double per_second = 0;               // of all agents; 0: as many as go
   std::size_t large_size = 100UL * 1024;

@@ -103,6 +103,32 @@ TEST_F(SwarmTest, EveryUploadOfManyAgentsIsInTheStreamOnce) {
   EXPECT_THAT(subjects, SizeIs(7)) << "every agent has sent, by either version";
 }
 
+TEST_F(SwarmTest, AnUploadComesUntilItIsAccepted) {
+  tools::SwarmOptions swarm = Swarm(1);
+  tools::ReceiverOptions options = Options();
+  options.keys_file = folder_ / "keys";
+  options.status = 503;
+  options.status_requests = 2;
+  StartReceiver(options);
+  swarm.url = receiver_->GetUrl();
+  swarm.senders = 1;
+  swarm.further_attempts = 0;
+  swarm.small_percent = 100;
+  swarm.repeated_percent = 100;
+  swarm.documents = 0;
+  unsigned begun = 0;
+  swarm.on_begin = [&] { ++begun; };
+  swarm.duration = std::chrono::seconds(1);
+  const auto result = tools::RunSwarm(swarm);
+  ASSERT_FALSE(result.uploads.empty());
+  EXPECT_EQ(3U, result.uploads[0].tries);
+  EXPECT_EQ(0U, result.refused_repeats);
+  for (const auto& upload : result.uploads) EXPECT_TRUE(upload.is_accepted && upload.is_repeated);
+  EXPECT_EQ(result.uploads.size(), receiver_->GetPayloads().size()) << "each is kept once";
+  EXPECT_EQ(1U, begun);
+  EXPECT_GT(result.processor.count(), 0);
+}
+
 TEST_F(SwarmTest, MoreConnectionsThanThreadsAllHaveTheirTurn) {
   tools::SwarmOptions swarm = Swarm(16);
   tools::ReceiverOptions options = Options();

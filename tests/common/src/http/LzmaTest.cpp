@@ -149,6 +149,23 @@ TEST_F(LzmaHttpInterceptorTest, PutsInPlaceWhatWasPrepared) {
   }
 }
 
+TEST_F(LzmaHttpInterceptorTest, UsesTheCompressionThatItIsGiven) {
+  struct Known final : Compression {
+    [[nodiscard]] Bytes Compress(const Bytes&) const override { return BytesOf("known"); }
+    [[nodiscard]] Bytes Decompress(const Bytes&) const override { return BytesOf("unfolded"); }
+  };
+  LzmaHttpInterceptor interceptor(std::make_shared<const Known>());
+  interceptor.PrepareRequest(BytesOf("a document"));
+  Bytes payload = BytesOf("a document");
+  interceptor.Clone()->ProcessRequest(url_, payload, headers_, "POST");
+  EXPECT_EQ(BytesOf("known"), payload);
+  EXPECT_EQ("LZMA", headers_["Content-Encoding"]);
+  InMemoryHttpResponse response;
+  response.AddHeader("content-encoding", "LZMA");
+  interceptor.ProcessResponse(url_, response);
+  EXPECT_EQ(BytesOf("unfolded"), response.GetPayload());
+}
+
 TEST_F(LzmaHttpInterceptorTest, CompressesWhatAnEarlierStepMadeOfEachAttempt) {
   for (const char* text : {"first", "second"}) {
     Bytes payload = BytesOf(text);
