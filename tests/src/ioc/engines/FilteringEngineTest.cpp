@@ -24,8 +24,8 @@ class FilteringEngineTest : public RulesFixture {
     manager_ = std::make_unique<EventRuleManager>(*config_, rule_engine_, *tree_, health_);
     engine_ = std::make_unique<FilteringEngine>(*tree_, *manager_);
   }
-  void Update(const std::vector<ObjectText>& rules) {
-    section_.manifests = {WriteManifest("n.json", rules)};
+  void Update(const std::vector<ObjectText>& rules, const std::string& name = "n.json") {
+    section_.manifests = {WriteManifest(name, rules)};
     config_->Update(ParsedJson(section_.Text()));
     ASSERT_TRUE(manager_->Update());
   }
@@ -193,6 +193,14 @@ TEST_F(FilteringEngineTest, ChangedRulesAreSeenByTheFirstEventAfterTheWordAndNot
   fakes::FakeEvent trusted = FileEvent("/etc/group");
   trusted.image = common::ImageInfo("/bin/trusted");
   EXPECT_EQ(Judge(trusted), Verdict::Clean);
+  Update({FileRuleText().With("imagePath", R"("/etc/group")")}, "o.json");
+  engine_->OnRulesChanged();
+  EXPECT_EQ(Judge(trusted), Verdict::Unknown) << "nobody is trusted any more";
+}
+
+TEST_F(FilteringEngineTest, APathIsMeantHoweverARuleWritesIt) {
+  Make({FileRuleText().With("imagePath", R"("/etc/apt/../passwd")")});
+  EXPECT_EQ(Judge(FileEvent("/etc/passwd")), Verdict::Unknown);
 }
 
 TEST_F(FilteringEngineTest, AnUnknownProcessIsTheTreesFailure) {

@@ -94,6 +94,15 @@ TEST_F(HeuristicsKeyTest, AnEventTellsWhatIsDoneToWhatAndTheChainOfProcessesTell
   }
 }
 
+TEST_F(HeuristicsKeyTest, WhoHasLoggedInAndWithWhoseRightsHeActsBelongToAProcess) {
+  auto start = Start(90, kShell, "/usr/bin/id");
+  start->auid = kAlice;
+  start->uid = 1001;
+  start->euid = 1002;
+  tree_->AddEvent(std::move(start));
+  EXPECT_EQ(HeuristicsPartOf(*tree_->Get(90)), "/usr/bin/id:1000:1002:;");
+}
+
 TEST_F(HeuristicsKeyTest, AFileThatNobodyDescribesIsLeftOut) {
   fakes::FakeEvent event = FileEvent("");
   event.file.reset();

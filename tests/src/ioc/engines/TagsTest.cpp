@@ -243,6 +243,14 @@ TEST_F(CredentialAccessTagTest, WhoHasNoParentDoesNotEarnItByAStart) {
   EXPECT_FALSE(Make<CredentialAccessTag>()->Check(start));
 }
 
+TEST_F(CredentialAccessTagTest, AChildOfProcess1EarnsItByAStart) {
+  Exec(95, kInit, "/bin/cat");
+  fakes::FakeEvent start = StartOf("/bin/cat", {"cat", "/etc/shadow"});
+  start.pid = 95;
+  start.ppid = kInit;
+  EXPECT_TRUE(Make<CredentialAccessTag>()->Check(start));
+}
+
 // DefenseEvasion
 
 using DefenseEvasionTagTest = TagsFixture;
