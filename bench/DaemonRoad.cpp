@@ -47,7 +47,11 @@ class NoUploader final : public common::Uploader {
 class ReplayChannel final : public audit::IOChannel {
  public:
   ReplayChannel() : IOChannel(1, 0) {}
-  void Deliver(const char* data, std::size_t size) { OnRead(Bytes(data, data + size)); }
+  void Deliver(const char* data, std::size_t size) {
+    // Of its own type, which is copied at once instead of byte by byte.
+    const auto* bytes = reinterpret_cast<const Bytes::value_type*>(data);
+    OnRead(Bytes(bytes, bytes + size));
+  }
 };
 
 class NoMagic final : public edr::LibMagicWrapper {
