@@ -9,6 +9,14 @@
 #include "common/src/util/Json.h"
 #include "common/src/util/Log.h"
 
+#ifdef __SANITIZE_THREAD__
+// The C library reads the time zone under a lock of its own, which ThreadSanitizer does not see.
+extern "C" const char* __tsan_default_suppressions();  // NOLINT(bugprone-reserved-identifier): the sanitizer's name
+extern "C" const char* __tsan_default_suppressions() {  // NOLINT(bugprone-reserved-identifier)
+  return "race:tzset_internal\n";
+}
+#endif
+
 namespace zagent::common {
 namespace {
 
