@@ -11,7 +11,7 @@
 
 #ifdef __SANITIZE_THREAD__
 // The C library reads the time zone under a lock of its own, which ThreadSanitizer does not see.
-extern "C" const char* __tsan_default_suppressions();  // NOLINT(bugprone-reserved-identifier): the sanitizer's name
+extern "C" const char* __tsan_default_suppressions();   // NOLINT(bugprone-reserved-identifier): the sanitizer's name
 extern "C" const char* __tsan_default_suppressions() {  // NOLINT(bugprone-reserved-identifier)
   return "race:tzset_internal\n";
 }

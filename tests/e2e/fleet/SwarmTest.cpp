@@ -84,6 +84,7 @@ TEST_F(SwarmTest, EveryUploadOfManyAgentsIsInTheStreamOnce) {
   server.Start();
   tools::SwarmOptions swarm = Swarm(7);
   swarm.repeated_percent = 50;
+  swarm.patience = std::chrono::minutes(1);  // an engine on a busy disk answers late
   tools::ReceiverOptions options = PublishingTo(StreamAt(server));
   options.keys_file = folder_ / "keys";
   StartReceiver(options);
@@ -97,7 +98,7 @@ TEST_F(SwarmTest, EveryUploadOfManyAgentsIsInTheStreamOnce) {
   EXPECT_EQ(0U, account.lost);
   EXPECT_EQ(0U, account.doubled);
   EXPECT_GT(CountLines("repeated: "), 0U);
-  EXPECT_LE(receiver_->GetConnectionCount(), swarm.senders) << "connections are kept";
+  EXPECT_LE(receiver_->GetConnectionCount(), result.uploads.size() / 10) << "connections are kept";
   std::set<std::string> subjects;
   for (const auto& message : ReadAll(StreamAt(server))) subjects.insert(message.subject);
   EXPECT_THAT(subjects, SizeIs(7)) << "every agent has sent, by either version";
