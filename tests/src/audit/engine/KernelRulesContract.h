@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <iostream>
 #include <memory>
 #include <set>
 #include <string>
@@ -16,6 +17,7 @@
 #include "src/audit/routing/OwnActivity.h"
 #include "src/audit/rules/AuditRule.h"
 #include "src/audit/rules/AuditSocket.h"
+#include "src/audit/rules/Coverage.h"
 #include "src/audit/rules/CreateRules.h"
 #include "src/audit/rules/KernelRules.h"
 #include "tests/fakes/FakeAuditNetlink.h"
@@ -29,6 +31,7 @@ namespace zagent::audit::internal {
 struct ContractKernel {
   const char* name;
   std::shared_ptr<AuditNetlink> (*make)();
+  bool (*takes_io_uring)();
 };
 
 // What the rule engine takes for granted about a kernel's rule lists. Holds for the double that the other tests use
@@ -208,12 +211,15 @@ TEST_P(KernelRulesContract, DeletesARuleThatWasBuiltAgain) {
 }
 
 TEST_P(KernelRulesContract, TakesTheRulesOfExtendedCoverageForAFolderAndAFile) {
-  const Coverage everything{.extended = true, .io_uring = true};
+  const Coverage everything = FindCoverage(socket_, true);
+  EXPECT_EQ(everything.io_uring, GetParam().takes_io_uring());
+  const std::size_t expected = everything.io_uring ? 5 : 4;  // a watch, times and handles, open, openat, io_uring
+  if (!everything.io_uring) std::cout << "This kernel has no rules for io_uring.\n";
   const edr::EventTypes types = {edr::EventType::Write, edr::EventType::AttributeChange};
   for (const auto& rule : {fakes::FakeRule::Directory(Key("extended"), folder_.Path(), types),
                            fakes::FakeRule::File(Key("extended"), folder_ / "file", types)}) {
     std::vector<AuditRule> created = CreateRules(*rule, everything);
-    ASSERT_EQ(created.size(), 5U);  // a watch, times and handles, open, openat, io_uring
+    ASSERT_EQ(created.size(), expected);
     for (AuditRule& kernel_rule : created) ASSERT_EQ(socket_.Add(kernel_rule), 0);
     EXPECT_EQ(ListedKeys().size(), created.size());
     for (AuditRule& again : CreateRules(*rule, everything)) EXPECT_EQ(socket_.Delete(again), 0);
