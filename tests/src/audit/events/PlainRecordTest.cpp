@@ -170,7 +170,10 @@ TEST(PlainRecord, LeavesToAuparseWhatIsMoreThanItsWord) {
   EXPECT_TRUE(leaves("\"/bin/ops\"", "\"/bin\"ops\"")) << "a quote within";
   EXPECT_TRUE(leaves("\"ops\"", "\"two words\"")) << "a blank in a value that nobody reads";
   EXPECT_TRUE(leaves("unconfined", "/usr/bin/man (complain)")) << "a word without a value";
-  EXPECT_TRUE(leaves("unconfined", "'a pid=1'")) << "fields within a value";
+  EXPECT_TRUE(leaves("unconfined", "'a=1 pid=1 b=1'")) << "fields within a value";
+  EXPECT_TRUE(leaves("unconfined", "{a=1 pid=1 b=1}")) << "fields within brackets";
+  EXPECT_TRUE(leaves("tty=(none)", "a_name_that_is_long=1")) << "a name longer than all that are read";
+  EXPECT_TRUE(leaves("unconfined", "a_word_that_is_long b_word_that_is_long")) << "a long word without a value";
   EXPECT_TRUE(leaves("\"fimrule-1111\"", "6669727374017365636F6E64")) << "several keys";
   EXPECT_TRUE(leaves("uid=0", "uid=0,")) << "a sign behind a number";
   EXPECT_TRUE(leaves(" pid=103", " (pid=103")) << "a sign before a name";
@@ -187,8 +190,14 @@ TEST(PlainRecord, IsReadUpToWhatTheAuditDaemonHasAddedForPeople) {
   EXPECT_EQ(seen.plain, 2U);
 }
 
+TEST(PlainRecord, EndsWithTheLastFieldThatIsWanted) {
+  const auto path = ReadPlain(std::string(kPath) + " inode=5 word", record_type::kPath);
+  ASSERT_TRUE(path);
+  EXPECT_EQ(path->named.at(RecordField::Inode), "91");
+}
+
 TEST(PlainRecord, LeavesTheArgumentsOfAProgramToAuparse) {
-  EXPECT_FALSE(ReadPlain("type=EXECVE msg=audit(1.1:1): argc=1 a0=\"sh\"", record_type::kExecve));
+  EXPECT_FALSE(ReadPlain("type=EXECVE msg=audit(1.1:1): a10=7368", record_type::kExecve));
 }
 
 TEST(PlainRecord, TellsOfRealRecordsWhatAuparseTells) {
