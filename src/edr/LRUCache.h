@@ -1,8 +1,12 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <list>
 #include <stdexcept>
+#include <string>
+#include <string_view>
+#include <type_traits>
 #include <unordered_map>
 #include <utility>
 
@@ -12,6 +16,13 @@ class LRUCacheException : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+// Texts are found by any view of them.
+struct TextHash : std::hash<std::string_view> {
+  using is_transparent = void;
+};
+template <typename Key>
+using LRUHash = std::conditional_t<std::is_same_v<Key, std::string>, TextHash, std::hash<Key>>;
 
 // Holds at most `capacity` entries: a new one takes the place of the one that nobody asked for the longest. One thread.
 template <typename Key, typename Value>
@@ -40,7 +51,8 @@ class LRUCache {
   }
 
   // Null for a key that is not there. The value lives until its entry goes.
-  [[nodiscard]] Value* Find(const Key& key) {
+  template <typename Asked>
+  [[nodiscard]] Value* Find(const Asked& key) {
     const auto found = entries_.find(key);
     if (found == entries_.end()) return nullptr;
     keys_.splice(keys_.begin(), keys_, found->second.position);
@@ -83,7 +95,7 @@ class LRUCache {
 
   const std::size_t capacity_;
   Keys keys_;  // the latest asked for in front
-  std::unordered_map<Key, Entry> entries_;
+  std::unordered_map<Key, Entry, LRUHash<Key>, std::equal_to<>> entries_;
 };
 
 }  // namespace zagent::edr

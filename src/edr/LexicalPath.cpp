@@ -7,8 +7,11 @@ namespace {
 
 // Events have tidy paths nearly always.
 bool IsTidy(std::string_view path) {
-  return path.find("//") == std::string_view::npos && path.find("/.") == std::string_view::npos &&
-         !path.starts_with('.') && (path.size() == 1 || !path.ends_with('/'));
+  if (path.starts_with('.') || (path.size() != 1 && path.ends_with('/'))) return false;
+  for (std::size_t slash = path.find('/'); slash != std::string_view::npos; slash = path.find('/', slash + 1)) {
+    if (slash + 1 < path.size() && (path[slash + 1] == '/' || path[slash + 1] == '.')) return false;
+  }
+  return true;
 }
 
 enum class Dots { Kept, Followed };  // ".."

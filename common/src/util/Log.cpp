@@ -28,13 +28,14 @@ const std::string& LogPrefix() {
 namespace common::util {
 namespace {
 
+// What every line asks for, told or not: there from the beginning, so that nobody asks first whether it is.
+constinit std::atomic<bool> is_holding{false};  // changes under held_mutex
+// The logger named at Init. Loggers live until the process ends, so the look-up in Poco's locked registry is paid once.
+constinit std::atomic<Poco::Logger*> named_logger{nullptr};
+
 struct State {
   std::atomic<bool> initialized{false};
-  // The logger named at Init. Loggers live until the process ends, so the look-up in Poco's locked registry is paid
-  // once.
-  std::atomic<Poco::Logger*> logger{nullptr};
   Poco::Util::LoggingConfigurator configurator;
-  std::atomic<bool> holding{false};  // changes under held_mutex
   std::mutex held_mutex;
   std::vector<Poco::Message> held;
 };
@@ -97,7 +98,7 @@ std::string Escaped(const std::string& text) {
 // False when nothing is held any more: the line is the caller's to write.
 bool Hold(State& state, const std::string& text, Poco::Message::Priority priority) {
   const std::lock_guard lock(state.held_mutex);
-  if (!state.holding) return false;
+  if (!is_holding) return false;
   if (state.held.size() < Log::kMaxHeldLines) state.held.emplace_back("", Escaped(text), priority);
   return true;
 }
@@ -112,7 +113,7 @@ void WriteHeld(State& state, Poco::Logger& logger) {
     }
   }
   state.held = {};
-  state.holding = false;
+  is_holding = false;
 }
 
 Poco::Logger& EventLogger() {
@@ -125,13 +126,13 @@ Poco::Logger& EventLogger() {
 void Log::HoldUntilInit() {
   State& state = TheState();
   const std::lock_guard lock(state.held_mutex);
-  state.holding = !state.initialized;
+  is_holding = !state.initialized;
 }
 
 std::vector<Poco::Message> Log::TakeHeld() {
   State& state = TheState();
   const std::lock_guard lock(state.held_mutex);
-  state.holding = false;
+  is_holding = false;
   return std::exchange(state.held, {});
 }
 
@@ -143,7 +144,7 @@ void Log::Init(const std::string& name, const std::string& config_file) {
   state.configurator.configure(config);
   for (const std::string& logger : LoggerNames()) CreateFolderOf(Poco::Logger::get(logger).getChannel());
   Poco::Logger& logger = Poco::Logger::get(name);
-  state.logger = &logger;
+  named_logger = &logger;
   state.initialized = true;
   WriteHeld(state, logger);
 }
@@ -167,7 +168,7 @@ void Log::Reload(const std::string& config_file) {
 }
 
 Poco::Logger& Log::Get() {
-  Poco::Logger* const logger = TheState().logger;
+  Poco::Logger* const logger = named_logger;
   return logger != nullptr ? *logger : Poco::Logger::get("edr");
 }
 
@@ -185,13 +186,12 @@ void Log::WriteEventTrace(const std::string& text) {
 
 bool Log::IsEnabled(Poco::Message::Priority priority) {
   // Before there is a configuration nobody knows what is wanted.
-  return TheState().holding || Get().is(priority);
+  return is_holding || Get().is(priority);
 }
 
 void Log::Write(Poco::Message::Priority priority, const std::string& text) noexcept {
   try {
-    State& state = TheState();
-    if (state.holding && Hold(state, text, priority)) return;
+    if (is_holding && Hold(TheState(), text, priority)) return;
     Poco::Logger& logger = Get();
     logger.log(Poco::Message(logger.name(), Escaped(text), priority));
   } catch (...) {  // NOLINT(bugprone-empty-catch)

@@ -26,6 +26,13 @@ struct ProcessClaim {
 // The process of an event and everything above it as the tree knows them, nearest first; of a process that the tree
 // does not know, what the event says of it.
 [[nodiscard]] std::vector<ProcessClaim> ClaimsOf(const edr::Event& event, const common::ProcessTree& tree);
+// Whether one of these claims fulfils a condition; without memory for a list, for who asks at every event.
+template <typename Condition>
+[[nodiscard]] bool AnyClaimOf(const edr::Event& event, const common::ProcessTree& tree, Condition condition) {
+  const std::int32_t pid = event.GetActorProcessId();
+  if (pid <= 0 || !tree.Contains(pid)) return condition(ClaimOf(event));
+  return tree.AnyAncestor(pid, [&](const common::ProcessInfo& process) { return condition(ClaimOf(process)); });
+}
 
 // Whether a process really runs the file that its path names. A path says nothing by itself: who may make a mount
 // namespace puts a program of his own wherever he likes in it.

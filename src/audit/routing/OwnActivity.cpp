@@ -1,9 +1,7 @@
 #include "src/audit/routing/OwnActivity.h"
 
-#include <algorithm>
 #include <exception>
 #include <utility>
-#include <vector>
 
 #include "common/src/util/Log.h"
 
@@ -37,11 +35,10 @@ bool OwnActivity::IsOfOwnChild(const edr::Event& event) const {
 
 bool OwnActivity::IsSourceOf(const edr::Event& event, const std::set<std::int32_t>& excluded_pids) const {
   if (IsOfOwnChild(event)) return true;
-  const std::vector<ProcessClaim> claims = ClaimsOf(event, process_tree_);
-  const ProcessClaim own = ClaimOf(event);
-  return std::any_of(claims.begin(), claims.end(), [&](const ProcessClaim& claim) {
+  return AnyClaimOf(event, process_tree_, [&](const ProcessClaim& claim) {
     if (excluded_pids.count(claim.pid) != 0) return true;
     if (!IsCalledSibling(claim.image)) return false;
+    const ProcessClaim own = ClaimOf(event);
     // It became another program, and nobody heard of that.
     if (claim.pid == own.pid && !own.image.empty() && !IsCalledSibling(own.image)) return false;
     return !proof_.IsDisproved(claim);
@@ -49,9 +46,7 @@ bool OwnActivity::IsSourceOf(const edr::Event& event, const std::set<std::int32_
 }
 
 bool OwnActivity::IsDoneBelow(const edr::Event& event, const std::set<std::int32_t>& pids) const {
-  const std::vector<ProcessClaim> claims = ClaimsOf(event, process_tree_);
-  return std::any_of(claims.begin(), claims.end(),
-                     [&](const ProcessClaim& claim) { return pids.count(claim.pid) != 0; });
+  return AnyClaimOf(event, process_tree_, [&](const ProcessClaim& claim) { return pids.count(claim.pid) != 0; });
 }
 
 std::optional<ProcessClaim> OwnActivity::FindSibling(const edr::Event& event) const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -45,6 +46,9 @@ class GenericProcessTree {
   // The process itself and everything above it, nearest first; empty when the pid is not in the tree. A pid below 1
   // throws std::invalid_argument. A loop in the parent links ends the walk.
   [[nodiscard]] std::vector<const Info*> GetAncestors(std::int32_t pid) const;
+  // Whether one of them fulfils a condition, which is asked of one after the other; without memory for a list.
+  template <typename Condition>
+  [[nodiscard]] bool AnyAncestor(std::int32_t pid, Condition condition) const;
 
  private:
   void AdoptChildren(Info& info);
@@ -137,6 +141,26 @@ std::vector<const Info*> GenericProcessTree<Info, Pointer>::GetAncestors(std::in
     ancestors.push_back(found->second.get());
   }
   return ancestors;
+}
+
+template <typename Info, typename Pointer>
+template <typename Condition>
+bool GenericProcessTree<Info, Pointer>::AnyAncestor(std::int32_t pid, Condition condition) const {
+  // Who walks in a loop comes to a mark again, once it is set within the loop and the loop is not longer than the way
+  // to the next one.
+  const Info* mark = nullptr;
+  std::size_t next_mark = 1;
+  std::size_t steps = 0;
+  for (auto found = processes_.find(pid); found != processes_.end();
+       found = processes_.find(found->second->GetParent())) {
+    const Info* const info = found->second.get();
+    if (info == mark) return false;
+    if (condition(*info)) return true;
+    if (++steps < next_mark) continue;
+    mark = info;
+    next_mark *= 2;
+  }
+  return false;
 }
 
 }  // namespace zagent::common

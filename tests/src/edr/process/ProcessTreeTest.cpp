@@ -54,6 +54,36 @@ TEST_F(ProcessTreeTest, WalksFromTheProcessUpToTheLastKnownOne) {
   EXPECT_EQ(Ancestors(99), Pids{});
 }
 
+TEST_F(ProcessTreeTest, AsksOneAfterTheOtherUpToTheOneThatIsMeant) {
+  Add(1, 0);
+  for (int pid = 2; pid <= 20; ++pid) Add(pid, pid - 1);
+  Pids asked;
+  const auto is = [&](std::int32_t pid) {
+    return [&asked, pid](const ProcessInfo& info) {
+      asked.push_back(info.GetPid());
+      return info.GetPid() == pid;
+    };
+  };
+  EXPECT_TRUE(tree_.AnyAncestor(20, is(17)));
+  EXPECT_EQ(asked, (Pids{20, 19, 18, 17}));
+  asked.clear();
+  EXPECT_FALSE(tree_.AnyAncestor(20, is(99)));
+  EXPECT_EQ(asked, Ancestors(20));
+  asked.clear();
+  EXPECT_FALSE(tree_.AnyAncestor(99, is(99)));
+  EXPECT_TRUE(asked.empty());
+}
+
+TEST_F(ProcessTreeTest, ALoopInTheLinksEndsTheQuestion) {
+  Add(1, 0);
+  for (int pid = 2; pid <= 20; ++pid) Add(pid, pid - 1);
+  tree_.Get(5).SetParent(11);
+  EXPECT_FALSE(tree_.AnyAncestor(20, [](const ProcessInfo& info) { return info.GetPid() < 5; }));
+  EXPECT_TRUE(tree_.AnyAncestor(20, [](const ProcessInfo& info) { return info.GetPid() == 5; }));
+  tree_.Get(5).SetParent(6);
+  EXPECT_FALSE(tree_.AnyAncestor(20, [](const ProcessInfo& info) { return info.GetPid() < 5; }));
+}
+
 TEST_F(ProcessTreeTest, RefusesPidsThatNoProcessHas) {
   const auto error_of = [](const auto& call) -> std::string {
     try {
