@@ -117,7 +117,12 @@ void RuleEngine::PublishComingRules(const std::string& tag, const Rules& rules) 
     } catch (const std::runtime_error&) {  // NOLINT(bugprone-empty-catch): told when it is added in earnest
     }
   }
-  known_rules_.Set(coming);
+  PublishKnown(coming);
+}
+
+void RuleEngine::PublishKnown(const Snapshot& known) {
+  known_rules_.Set(known);
+  has_process_rules_ = known->HasProcessRules();
 }
 
 void RuleEngine::PublishPids() {
@@ -165,7 +170,7 @@ void RuleEngine::Invalidate() {
 
 // Until all owners are back, events that came before are judged by the rules that were.
 void RuleEngine::PublishRules() {
-  if (!owners_return_) known_rules_.Set(rules_.Table().Copy());
+  if (!owners_return_) PublishKnown(rules_.Table().Copy());
 }
 
 void RuleEngine::UpdateExclusions(std::int32_t agent_pid, const std::string& agent_path) {
@@ -207,10 +212,12 @@ void RuleEngine::Route(std::unique_ptr<edr::Event>&& event) {
 void RuleEngine::NoteDisguise(edr::Event& event) {
   if (event.GetObjectType() != edr::ObjectType::File && event.GetObjectType() != edr::ObjectType::Directory) return;
   const auto known = known_rules_.Get();
-  std::vector<internal::RuleTable::Rule> rules = known->RulesOf(FindFor(known, event));
-  for (auto& rule : known->RulesOf(FindByAuditKey(known, event.GetAuditKey()))) rules.push_back(std::move(rule));
-  const bool is_trusted =
-      std::any_of(rules.begin(), rules.end(), [&](const auto& rule) { return rule->TrustsProgramOf(event); });
+  FindFor(known, event);
+  FindByAuditKey(known, event.GetAuditKey());
+  const auto trust = [&event](const std::vector<internal::RuleTable::Rule>& rules) {
+    return std::any_of(rules.begin(), rules.end(), [&](const auto& rule) { return rule->TrustsProgramOf(event); });
+  };
+  const bool is_trusted = trust(last_by_path_.of_files) || trust(last_by_key_.of_files);
   if (is_trusted && internal::IsImageProvedAnotherFile(event, proc_root_)) event.SetImageDisguised();
 }
 
@@ -242,7 +249,8 @@ void RuleEngine::LookWhenDue() {
 std::vector<std::int32_t> RuleEngine::FindMissing() const {
   if (!common::util::ReadStartSinceBoot(getpid(), proc_root_)) return {};  // it does not know us, and says nothing
   std::vector<std::int32_t> missing;
-  for (const auto& [pid, start] : KnownPids()->starts) {
+  const auto pids = KnownPids();
+  for (const auto& [pid, start] : pids->starts) {
     if (common::util::ReadStartSinceBoot(pid, proc_root_) != start) missing.push_back(pid);
   }
   return missing;
@@ -298,7 +306,7 @@ bool RuleEngine::IsContainerProcess(const edr::Event& event) {
 }
 
 bool RuleEngine::HasProcessRules() const {
-  return known_rules_.Get()->HasProcessRules();
+  return has_process_rules_;
 }
 
 bool RuleEngine::ShouldProcessEvent(const edr::Event& event, internal::EventSource source) {

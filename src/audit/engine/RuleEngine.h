@@ -137,11 +137,13 @@ class RuleEngine final : public edr::EventRuleEngine {
     std::string path;
     std::string new_path;
     internal::RuleTable::IdsByTag found;
+    std::vector<internal::RuleTable::Rule> of_files;  // of files and folders, among the found ones
   };
   struct AnswerByKey {
     Snapshot rules;
     std::string key;
     internal::RuleTable::IdsByTag found;
+    std::vector<internal::RuleTable::Rule> of_files;
   };
 
   struct FoundObject {
@@ -172,6 +174,7 @@ class RuleEngine final : public edr::EventRuleEngine {
   // Event thread. RuleTable::FindFor and FindByAuditKey; the answer holds until the next question.
   const internal::RuleTable::IdsByTag& FindFor(const Snapshot& known, const edr::Event& event);
   const internal::RuleTable::IdsByTag& FindByAuditKey(const Snapshot& known, const std::string& key);
+  void PublishKnown(const Snapshot& known);
 
   // Event thread. None waits for the mutex.
   [[nodiscard]] bool HasProcessRules() const;
@@ -182,7 +185,8 @@ class RuleEngine final : public edr::EventRuleEngine {
                       std::exception_ptr& first_failure);
   // The rules that the path of the event leads to and, unless it has a twin that tells them, those that the kernel's
   // key names.
-  [[nodiscard]] internal::RuleTable::IdsByTag FindRules(const edr::Event& event, bool has_twin);
+  // The answer holds until the next question of any kind.
+  [[nodiscard]] const internal::RuleTable::IdsByTag& FindRules(const edr::Event& event, bool has_twin);
   // Whether an event whose path leads to other rules may concern those that the kernel's key names. What is removed may
   // be the other side of a rename, which the key was for: there the object has to be a rule's.
   [[nodiscard]] bool MayConcern(const std::vector<internal::RuleTable::Rule>& named, const edr::Event& event) const;
@@ -253,6 +257,7 @@ class RuleEngine final : public edr::EventRuleEngine {
   internal::InstalledRules rules_;
   bool owners_return_ = false;  // all rules were dropped, and not everybody has added his again; with mutex_
   internal::Published<internal::RuleTable> known_rules_;
+  std::atomic<bool> has_process_rules_{false};  // among them; the event thread asks several times an event
   internal::Published<Pids> known_pids_;
   const internal::FileEvent::Context file_context_;
   const std::function<void()> look_at_paths_;
@@ -277,12 +282,13 @@ class RuleEngine final : public edr::EventRuleEngine {
   internal::OwnActivity own_activity_;
   internal::ContainerCheck container_check_;
   common::util::Clock& clock_;
-  common::util::Clock::SteadyTime next_look_;  // at the excluded processes; event thread
-  bool look_waits_ = false;                    // for the mutex; event thread
-  std::atomic<bool> look_asked_{false};        // by LookAtExclusions, for which the mutex was not free
-  AnswerByPath last_by_path_;                  // event thread
-  AnswerByKey last_by_key_;                    // event thread
-  internal::EventRouter router_;               // event thread
+  common::util::Clock::SteadyTime next_look_;   // at the excluded processes; event thread
+  bool look_waits_ = false;                     // for the mutex; event thread
+  std::atomic<bool> look_asked_{false};         // by LookAtExclusions, for which the mutex was not free
+  AnswerByPath last_by_path_;                   // event thread
+  AnswerByKey last_by_key_;                     // event thread
+  internal::RuleTable::IdsByTag told_by_both_;  // event thread; by path and by key
+  internal::EventRouter router_;                // event thread
 };
 
 }  // namespace zagent::audit

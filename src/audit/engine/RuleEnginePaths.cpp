@@ -83,13 +83,17 @@ const IdsByTag& RuleEngine::FindFor(const Snapshot& known, const edr::Event& eve
   AnswerByPath& last = last_by_path_;
   const bool is_same = last.rules == known && last.type == type && last.is_rename == is_rename && last.path == path &&
                        last.new_path == new_path;
-  if (!is_same) last = {known, type, is_rename, path, new_path, known->FindFor(event)};
+  if (is_same) return last.found;
+  last = {known, type, is_rename, path, new_path, known->FindFor(event), {}};
+  last.of_files = known->RulesOf(last.found);
   return last.found;
 }
 
 const IdsByTag& RuleEngine::FindByAuditKey(const Snapshot& known, const std::string& key) {
   AnswerByKey& last = last_by_key_;
-  if (last.rules != known || last.key != key) last = {known, key, known->FindByAuditKey(key)};
+  if (last.rules == known && last.key == key) return last.found;
+  last = {known, key, known->FindByAuditKey(key), {}};
+  last.of_files = known->RulesOf(last.found);
   return last.found;
 }
 
@@ -117,10 +121,9 @@ std::unique_ptr<edr::Event> RuleEngine::FindTwin(const edr::Event& event) {
   const auto known = known_rules_.Get();
   const IdsByTag& by_path = FindFor(known, event);
   if (by_path.empty() || HaveCommon(by_path, FindByAuditKey(known, event.GetAuditKey()))) return nullptr;
-  const std::vector<internal::RuleTable::Rule> found = known->RulesOf(by_path);
-  for (const auto& rule : known->RulesOfAuditKey(event.GetAuditKey())) {
+  for (const auto& rule : last_by_key_.of_files) {
     // It hears of the event under the path that the other has.
-    if (StandsWithOneOf(found, *rule)) return nullptr;
+    if (StandsWithOneOf(last_by_path_.of_files, *rule)) return nullptr;
     const internal::TruePaths::Names names = true_paths_.Within(*rule, event);
     if (!names.file && !names.new_file) continue;
     std::unique_ptr<edr::Event> twin = event.Clone();
@@ -137,23 +140,25 @@ bool RuleEngine::MayConcern(const std::vector<internal::RuleTable::Rule>& named,
   return std::any_of(named.begin(), named.end(), [&](const auto& rule) { return true_paths_.IsFileOf(*rule, event); });
 }
 
-IdsByTag RuleEngine::FindRules(const edr::Event& event, bool has_twin) {
+const IdsByTag& RuleEngine::FindRules(const edr::Event& event, bool has_twin) {
   const auto known = known_rules_.Get();
-  IdsByTag found = FindFor(known, event);
+  const IdsByTag& found = FindFor(known, event);
   if (!IsOfFiles(event) || has_twin) return found;
   const IdsByTag& named = FindByAuditKey(known, event.GetAuditKey());
-  std::vector<internal::RuleTable::Rule> hidden;  // that the key names, where the path leads to others only
-  if (!HaveCommon(found, named)) hidden = known->RulesOfAuditKey(event.GetAuditKey());
-  const bool is_told = MayConcern(hidden, event);
+  // Whether those that the key names are to be told as well, where the path leads to others only.
+  const bool is_told = !HaveCommon(found, named) && MayConcern(last_by_key_.of_files, event);
+  const auto adds_nothing = [&](const auto& of_tag) { return !is_told && found.count(of_tag.first) != 0; };
+  if (std::all_of(named.begin(), named.end(), adds_nothing)) return found;
+  told_by_both_ = found;
   for (const auto& [tag, ids] : named) {
     // The kernel watches objects: one that no path of a rule leads to has another name, or was moved.
-    if (found.count(tag) == 0) {
-      found[tag] = ids;
+    if (told_by_both_.count(tag) == 0) {
+      told_by_both_[tag] = ids;
     } else if (is_told) {
-      AddMissing(ids, found[tag]);
+      AddMissing(ids, told_by_both_[tag]);
     }
   }
-  return found;
+  return told_by_both_;
 }
 
 IdsByTag RuleEngine::FindOtherRules(const edr::Event& twin, const edr::Event& event) {

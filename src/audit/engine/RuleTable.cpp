@@ -192,7 +192,8 @@ RuleTable::IdsByTag RuleTable::FindAllOf(ObjectType type) const {
 
 RuleTable::IdsByTag RuleTable::FindByPathOf(const edr::Event& event) const {
   edr::Trie::Values values;
-  MergeValues(*paths_, event.GetFile(), values);
+  const common::ImageInfo* const file = event.GetFile();
+  if (file != nullptr && file->GetPath().starts_with('/')) values = paths_->GetValues(file->GetPath());
   if (event.GetType() == edr::EventType::Rename) MergeValues(*paths_, event.GetNewFile(), values);
   return ByTag(values);
 }

@@ -97,6 +97,30 @@ TEST_F(RuleEngineRoutingTest, LooksAtAProgramWhoseNameARuleTrustsWhenItsEventCom
   EXPECT_EQ(disguised, std::vector<bool>{false}) << "no rule trusts the name: nobody looks";
 }
 
+TEST_F(RuleEngineRoutingTest, LooksAtAProgramAlsoWhereTheKernelsKeyAloneNamesTheRuleThatTrustsIt) {
+  std::vector<bool> disguised;
+  engine_->RegisterEventHandlers(
+      "FIM", [&](const Ids&, const edr::Event& event) { disguised.push_back(event.IsImageDisguised()); }, [] {});
+  const std::string program = folder_.Write("updater", "the real one");
+  const std::string jail = folder_ / "jail";
+  std::filesystem::create_directories(jail + folder_.Path());
+  folder_.Write("jail" + program, "an impostor");
+  FakeRule rule("a", ObjectType::Directory, folder_.Path(), {EventType::Write});
+  rule.trusts_programs = true;
+  engine_->AddRules("FIM", {std::make_shared<const FakeRule>(std::move(rule))});
+  processes_.Start(501, 31, jail + program);
+  std::filesystem::create_symlink(jail, processes_.Root() + "/501/root");
+
+  auto event = std::make_unique<FakeEvent>(EventType::Write, "Write", "/elsewhere/file");
+  event->pid = 501;
+  event->image = common::ImageInfo(program);
+  event->audit_key = "a";
+  engine_->ProcessEvent(std::move(event));
+  clock_.Advance(31s);
+  engine_->OnIdle();
+  EXPECT_EQ(disguised, std::vector<bool>{true});
+}
+
 TEST_F(RuleEngineRoutingTest, SaysWhetherMoreIsDueAndDeliversTheRestAtTheEnd) {
   Listen("FIM");
   engine_->AddRules("FIM", {Watch("a")});
@@ -155,7 +179,7 @@ TEST_F(RuleEngineRoutingTest, TakesNewRulesFromSeveralThreadsWhileEventsFlow) {
     for (int i = 0; i < 50; ++i) engine_->AddRules("FIM", {first, second});
   });
   std::thread agent([&] {
-    for (int i = 0; i < 50; ++i) {
+    for (int i = 0; i < 1'000; ++i) {
       engine_->UpdateExclusions(400 + i % 2, "/opt/ostrel/bin/host-warden");
       engine_->LookAtExclusions();
       engine_->LookAtPaths();
@@ -164,7 +188,7 @@ TEST_F(RuleEngineRoutingTest, TakesNewRulesFromSeveralThreadsWhileEventsFlow) {
   std::thread channel([&] {
     for (int i = 0; i < 50; ++i) engine_->Invalidate();
   });
-  for (std::uint32_t id = 1; id <= 500; ++id) {
+  for (std::uint32_t id = 1; id <= 2'000; ++id) {
     auto event = FolderEvent(id, folder_ / "sub");
     // Now and then the watched folder itself seems to go.
     if (id % 10 == 0) event = FolderEvent(id, folder_.Path());
@@ -177,8 +201,8 @@ TEST_F(RuleEngineRoutingTest, TakesNewRulesFromSeveralThreadsWhileEventsFlow) {
   channel.join();
   engine_->AddRules("FIM", {first});
   heard_.clear();
-  engine_->ProcessEvent(FolderEvent(501, folder_ / "sub"));
-  EXPECT_EQ(heard_, (Ids{"FIM a,:501"}));
+  engine_->ProcessEvent(FolderEvent(2'001, folder_ / "sub"));
+  EXPECT_EQ(heard_, (Ids{"FIM a,:2001"}));
 }
 
 TEST_F(RuleEngineRoutingTest, DropsWhatTheProgramAndItsFamilyDo) {
