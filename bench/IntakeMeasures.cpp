@@ -15,15 +15,15 @@
 #include <vector>
 
 #include "src/audit/channels/IOChannel.h"
-#include "src/audit/parser/AuparseFeed.h"
 #include "src/audit/parser/ParserThread.h"
+#include "src/audit/parser/RecordFeed.h"
 
 namespace zagent::bench {
 namespace {
 
 using audit::IOChannel;
-using audit::internal::AuparseFeed;
 using audit::internal::Events;
+using audit::internal::RecordFeed;
 
 constexpr std::size_t kFeed = 1'048'576;
 constexpr std::size_t kBurst = 65'536;
@@ -166,7 +166,7 @@ void BuildTypedEvents(const std::string& log, const std::function<void(Events&&)
   audit::IntakeCounters counters;
   auto context = Context();
   context.looks = std::make_shared<audit::internal::DiskLooks>();
-  AuparseFeed feed(audit::internal::MakeEventFactory(context), counters);
+  RecordFeed feed(audit::internal::MakeEventFactory(context), counters);
   InPieces(log, kFeed, [&](const char* data, std::size_t size) {
     context.looks->Forget();
     feed.Feed(reinterpret_cast<const unsigned char*>(data), size);

@@ -9,15 +9,15 @@
 #include <vector>
 
 #include "fuzz/SilentLog.h"
-#include "src/audit/parser/AuparseFeed.h"
+#include "src/audit/parser/RecordFeed.h"
 
 namespace {
 
-using zagent::audit::internal::AuparseFeed;
 using zagent::audit::internal::BuildResult;
 using zagent::audit::internal::Events;
 using zagent::audit::internal::EventSubject;
 using zagent::audit::internal::Record;
+using zagent::audit::internal::RecordFeed;
 using zagent::audit::internal::RecordKinds;
 using zagent::audit::internal::RecordSource;
 using zagent::edr::RecordField;
@@ -73,8 +73,8 @@ class Reader {
 
   std::vector<std::string> events_;
   zagent::audit::IntakeCounters counters_;
-  AuparseFeed feed_{
-      [this](const EventSubject& subject, RecordSource& source, Events&) { return Note(subject, source); }, counters_};
+  RecordFeed feed_{[this](const EventSubject& subject, RecordSource& source, Events&) { return Note(subject, source); },
+                   counters_};
 };
 
 }  // namespace

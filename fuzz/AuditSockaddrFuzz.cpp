@@ -18,14 +18,14 @@
 #include "fuzz/RecordedTree.h"
 #include "fuzz/SilentLog.h"
 #include "src/audit/events/NetworkEvent.h"
-#include "src/audit/parser/AuparseFeed.h"
+#include "src/audit/parser/RecordFeed.h"
 #include "tests/fakes/AuditRecords.h"
 
 namespace {
 
-using zagent::audit::internal::AuparseFeed;
 using zagent::audit::internal::Events;
 using zagent::audit::internal::NetworkEvent;
+using zagent::audit::internal::RecordFeed;
 using zagent::fakes::AuditRecords;
 namespace record_type = zagent::audit::internal::record_type;
 
@@ -71,7 +71,7 @@ void ConnectByBytes(const std::uint8_t* data, std::size_t size) {
   const std::uint8_t choice = size != 0 ? data[size - 1] : 0;
   const auto factory = zagent::audit::internal::MakeEventFactory(zagent::fuzz::RecordedTree::Get().ContextOf(choice));
   zagent::audit::IntakeCounters counters;
-  AuparseFeed feed(factory, counters);
+  RecordFeed feed(factory, counters);
   const std::string mark = " msg=audit(1700000000.123:900): ";
   const std::string text = "type=SYSCALL" + mark +
                            "arch=c000003e syscall=42 success=yes exit=0 a0=3 a1=7ffd a2=10 a3=0 items=0 ppid=1 "

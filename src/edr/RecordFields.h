@@ -171,6 +171,8 @@ class RecordFields {
     if (!Has(field)) ThrowMissing();
     return values_[static_cast<std::size_t>(field)];
   }
+  // One more than the last argument's number.
+  [[nodiscard]] std::size_t ArgumentCount() const { return arguments_.size(); }
   // Nothing when the record has no such argument, or lost it.
   [[nodiscard]] std::optional<std::string_view> Argument(std::size_t index) const {
     if (index >= arguments_.size() || arguments_[index].data() == nullptr) return std::nullopt;

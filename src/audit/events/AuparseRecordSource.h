@@ -1,8 +1,6 @@
 #pragma once
 
-#include <optional>
-#include <string>
-#include <vector>
+#include <cstdint>
 
 #include "src/audit/events/RecordSource.h"
 
@@ -24,18 +22,6 @@ class AuparseRecordSource final : public RecordSource {
   // records" or "Failed to parse first record".
   void Begin();
 
-  [[nodiscard]] int FirstType() const { return first_type_; }
-  // The SYSCALL record, wherever it stands in the event; null without one. Called before the first Next: the record is
-  // walked here and handed out by Next before all others, which are read with the caller in mind.
-  [[nodiscard]] const Record* FindCall();
-
-  [[nodiscard]] int LastType();
-  // Of all records.
-  [[nodiscard]] std::vector<int> Types();
-
-  // From here on the call goes by this number: a 32-bit program calls by other ones. After FindCall.
-  void SetCallNumber(std::uint32_t number);
-
   // Throws std::runtime_error "Failed to parse record number <n>".
   const Record* Next(RecordKinds wanted) override;
   [[nodiscard]] std::uint32_t Id() const override { return id_; }
@@ -48,14 +34,9 @@ class AuparseRecordSource final : public RecordSource {
   unsigned records_total_ = 0;
   unsigned cursor_ = 0;  // the record at which auparse stands
   unsigned next_ = 0;    // the record that Next looks at
-  std::optional<unsigned> call_at_;
-  bool is_call_given_ = false;
-  int first_type_ = 0;
   std::uint32_t id_ = 0;
   std::int64_t timestamp_ = 0;
   Record record_;
-  Record call_;
-  std::string call_number_;  // a value of call_
 };
 
 }  // namespace zagent::audit::internal

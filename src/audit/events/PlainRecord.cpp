@@ -2,6 +2,7 @@
 
 #include <emmintrin.h>
 
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -28,15 +29,54 @@ bool IsOpen(std::string_view value) {
   return value.front() == '"' && (value.size() < 3 || value.find('"', 1) != value.size() - 1);
 }
 
-std::optional<std::string_view> PlainValue(RecordField field, std::string_view value, bool decoded) {
+constexpr std::uint8_t kNoDigit = 0xff;
+
+// What the kernel's digits of hexadecimal numbers stand for.
+constexpr std::array<std::uint8_t, 256> MakeDigits() {
+  std::array<std::uint8_t, 256> digits{};
+  for (std::uint8_t& digit : digits) digit = kNoDigit;
+  for (std::size_t value = 0; value < 10; ++value) digits['0' + value] = static_cast<std::uint8_t>(value);
+  for (std::size_t value = 10; value < 16; ++value) digits['A' + value - 10] = static_cast<std::uint8_t>(value);
+  return digits;
+}
+constexpr std::array<std::uint8_t, 256> kDigits = MakeDigits();
+
+std::uint8_t DigitOf(char character) {
+  return kDigits[static_cast<unsigned char>(character)];
+}
+
+// The text that the kernel wrote in hexadecimal, for a blank, a quote or a sign that cannot be printed is in it. The
+// words of a command line are separated by NULs there, and by blanks here; no other text has one.
+std::optional<std::string_view> Decode(std::string_view value, bool is_command_line, ValueStore& values) {
+  constexpr std::string_view kAbstract = "00";  // of a socket's name
+  if (value.size() % 2 != 0 || (value.starts_with(kAbstract) && !is_command_line)) return std::nullopt;
+  char* const text = values.Allocate(value.size() / 2);
+  for (std::size_t at = 0; at < value.size(); at += 2) {
+    const std::uint8_t high = DigitOf(value[at]);
+    const std::uint8_t low = DigitOf(value[at + 1]);
+    if (high == kNoDigit || low == kNoDigit) return std::nullopt;
+    const auto byte = static_cast<char>(high << 4 | low);
+    if (byte == '\0' && !is_command_line) return std::nullopt;
+    text[at / 2] = byte != '\0' ? byte : ' ';
+  }
+  return std::string_view(text, value.size() / 2);
+}
+
+std::optional<std::string_view> PlainValue(RecordField field, std::string_view value, bool decoded,
+                                           ValueStore& values) {
   if (value.front() == '"') return decoded ? value.substr(1, value.size() - 2) : value;
   if (value == kNull) {
     // A file may really be called "(null)", which the kernel then quotes.
     if (field == RecordField::Name) return std::string_view("");
-    if (!decoded) return value;
+    if (!decoded || field == RecordField::Proctitle) return value;
+  }
+  if (decoded) {
+    // An address is more than a text.
+    if (field == RecordField::Saddr) return std::nullopt;
+    return Decode(value, field == RecordField::Proctitle, values);
   }
   // A key in hexadecimal may be several.
-  if (decoded || field == RecordField::Key || !IsLetterOrDigit(value.back())) return std::nullopt;
+  if (field == RecordField::Key || !IsLetterOrDigit(value.back())) return std::nullopt;
   return value;
 }
 
@@ -111,20 +151,30 @@ bool IsArgument(std::string_view name) {
 
 enum class Outcome { NotPlain, Passed, Set };
 
-Outcome ReadWord(const Word& word, const RecordRendering& rendering, edr::RecordFields& fields) {
+Outcome ReadArgument(const Word& word, bool decoded, ValueStore& values, edr::RecordFields& fields) {
+  const std::optional<std::size_t> index = edr::ArgumentNamed(word.name);
+  if (!index) return Outcome::NotPlain;
+  const bool is_quoted = word.value.front() == '"';
+  if (!decoded && !IsLetterOrDigit(word.value.back())) return Outcome::NotPlain;
+  const auto value = !decoded    ? std::optional(word.value)
+                     : is_quoted ? std::optional(word.value.substr(1, word.value.size() - 2))
+                                 : Decode(word.value, false, values);
+  if (!value) return Outcome::NotPlain;
+  fields.SetArgument(*index, *value);
+  return Outcome::Set;
+}
+
+Outcome ReadWord(const Word& word, const RecordRendering& rendering, ValueStore& values, edr::RecordFields& fields) {
   if (IsOpen(word.value)) return Outcome::NotPlain;
   if (rendering.arguments && IsArgument(word.name)) {
-    const std::optional<std::size_t> index = edr::ArgumentNamed(word.name);
-    if (!index || !IsLetterOrDigit(word.value.back())) return Outcome::NotPlain;
-    fields.SetArgument(*index, word.value);
-    return Outcome::Set;
+    return ReadArgument(word, DecodesArguments(rendering), values, fields);
   }
   const std::optional<RecordField> field = edr::FieldNames::Find(word.name, word.key);
   if (!field || (rendering.wanted & SetOf(*field)) == 0) {
     // auparse passes over signs before a name, which may then be another.
     return !word.name.empty() && IsLetterOrDigit(word.name.front()) ? Outcome::Passed : Outcome::NotPlain;
   }
-  const auto plain = PlainValue(*field, word.value, (rendering.decoded & SetOf(*field)) != 0);
+  const auto plain = PlainValue(*field, word.value, (rendering.decoded & SetOf(*field)) != 0, values);
   if (!plain) return Outcome::NotPlain;
   fields.Set(*field, *plain);
   return Outcome::Set;
@@ -132,12 +182,12 @@ Outcome ReadWord(const Word& word, const RecordRendering& rendering, edr::Record
 
 }  // namespace
 
-bool ReadPlainRecord(std::string_view text, const RecordRendering& rendering, edr::RecordFields& fields) {
-  if (DecodesArguments(rendering)) return false;
+bool ReadPlainRecord(std::string_view text, const RecordRendering& rendering, ValueStore& values,
+                     edr::RecordFields& fields) {
   Word word;
   while (!text.empty()) {
     if (!TakeWord(text, word)) return false;
-    const Outcome outcome = ReadWord(word, rendering, fields);
+    const Outcome outcome = ReadWord(word, rendering, values, fields);
     if (outcome == Outcome::NotPlain) return false;
     if (outcome == Outcome::Set && IsComplete(rendering, fields.Present())) return true;
   }

@@ -35,7 +35,7 @@ constexpr std::array kRenderings = {
                     SetOf(RecordField::Saddr)},
     RecordRendering{record_type::kCwd, SetOf(RecordField::Cwd), false, SetOf(RecordField::Cwd),
                     SetOf(RecordField::Cwd)},
-    RecordRendering{record_type::kExecve, SetOf(RecordField::Argc), true, SetOf(RecordField::Argc), 0},
+    RecordRendering{record_type::kExecve, SetOf(RecordField::Argc), true, 0, 0},
     RecordRendering{record_type::kProctitle, SetOf(RecordField::Proctitle), false, SetOf(RecordField::Proctitle),
                     SetOf(RecordField::Proctitle)},
     RecordRendering{record_type::kOpenAt2, SetOf(RecordField::OFlag, RecordField::Mode), false, 0, 0},

@@ -1,6 +1,7 @@
 #include "src/audit/parser/CutEvents.h"
 
 #include <algorithm>
+#include <iterator>
 #include <string_view>
 #include <utility>
 
@@ -28,11 +29,11 @@ std::string WithEndsLast(std::string_view records) {
 
 std::string CutEvents::Join(Part part) {
   ++part_count_;
-  const auto is_other = [&part](const Part& kept) { return kept.event != part.event; };
-  const auto of_this_event = std::stable_partition(parts_.begin(), parts_.end(), is_other);
-  bool has_call = part.has_call;
-  for (auto kept = of_this_event; kept != parts_.end(); ++kept) has_call = has_call || kept->has_call;
-  if (!has_call || of_this_event == parts_.end()) {
+  std::vector<Part> others = TakeOf(part.event);
+  const bool has_call =
+      part.has_call || std::any_of(others.begin(), others.end(), [](const Part& kept) { return kept.has_call; });
+  if (!has_call || others.empty()) {
+    std::move(others.begin(), others.end(), std::back_inserter(parts_));
     Keep(std::move(part));
     return {};
   }
@@ -40,13 +41,25 @@ std::string CutEvents::Join(Part part) {
   const auto append = [&whole](const Part& joined) {
     joined.has_call ? whole.insert(0, joined.records) : whole.append(joined.records);
   };
-  for (auto kept = of_this_event; kept != parts_.end(); ++kept) {
-    bytes_ -= kept->records.size();
-    append(*kept);
+  for (const Part& kept : others) {
+    bytes_ -= kept.records.size();
+    append(kept);
   }
   append(part);
-  parts_.erase(of_this_event, parts_.end());
   return WithEndsLast(whole);
+}
+
+std::vector<CutEvents::Part> CutEvents::TakeOf(const std::string& event) {
+  std::vector<Part> taken;
+  for (auto kept = parts_.begin(); kept != parts_.end();) {
+    if (kept->event != event) {
+      ++kept;
+      continue;
+    }
+    taken.push_back(std::move(*kept));
+    kept = parts_.erase(kept);
+  }
+  return taken;
 }
 
 void CutEvents::Keep(Part part) {

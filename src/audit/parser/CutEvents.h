@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <deque>
 #include <string>
+#include <vector>
 
 #include "src/audit/events/IntakeCounters.h"
 
@@ -11,19 +12,19 @@ namespace zagent::audit::internal {
 
 // Audit events that came apart. The kernel sends an event record by record, and when the daemon had no turn for half a
 // second it sends the rest of a queue later, behind newer events; a flush cuts an event whose other records are still
-// to come. auparse gives such an event out in parts: one with the call, but without the records that an event of it
+// to come. The assembler tells such an event in parts: one with the call, but without the records that an event of it
 // needs, and others with those.
 //
 // Keeps parts until one of the same event comes. Bounds: kMostParts, kMostBytes, and a minute of the kernel's time;
 // beyond them the oldest go, and calls among them are counted as events that could not be built. One thread at a time.
 class CutEvents {
  public:
-  static constexpr std::size_t kMostParts = 256;
-  static constexpr std::size_t kMostBytes = 1'048'576;
+  static constexpr std::size_t kMostParts = 1024;
+  static constexpr std::size_t kMostBytes = 8'388'608;
   static constexpr std::int64_t kKeptTime = 60'000'000'000;  // nanoseconds
 
   struct Part {
-    std::string event;           // what auparse knows it by: machine, time and serial number
+    std::string event;           // what it is known by: time, serial number and machine
     std::int64_t timestamp = 0;  // nanoseconds
     bool has_call = false;
     std::string records;  // lines
@@ -46,6 +47,8 @@ class CutEvents {
   [[nodiscard]] std::uint64_t GetPartCount() const { return part_count_; }
 
  private:
+  // The parts of an event that wait; their bytes still count.
+  std::vector<Part> TakeOf(const std::string& event);
   void Keep(Part part);
   void DropOldest();
 

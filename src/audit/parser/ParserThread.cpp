@@ -190,7 +190,7 @@ void ParserThread::Close() {
     // What was still to be fed when the loop ended is among the bytes.
     reports_.counters.Add(IntakeCounters::Reason::BytesAtStop, queue_bytes_.exchange(0));
   }
-  // auparse holds a complete event until the next one begins.
+  // What came of an event may be all that it has.
   ForgetLooks();
   parser_.Flush();
   parser_.GiveUpCutEvents();

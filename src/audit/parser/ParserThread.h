@@ -14,15 +14,15 @@
 #include "common/src/util/Clock.h"
 #include "src/audit/channels/IOChannel.h"
 #include "src/audit/events/FileContext.h"
-#include "src/audit/parser/AuparseFeed.h"
 #include "src/audit/parser/EventProcessingThread.h"
 #include "src/audit/parser/IntakeReports.h"
+#include "src/audit/parser/RecordFeed.h"
 #include "src/edr/EventRuleEngine.h"
 #include "src/edr/LibMagicWrapper.h"
 
 namespace zagent::audit {
 
-// First stage of the intake: takes bytes from an audit channel, feeds auparse, hands typed events to the second stage.
+// First stage of the intake: takes bytes from an audit channel, builds typed events, hands them to the second stage.
 //
 // Bound: half of the allowed memory, between 100 MiB and 1 GiB of bytes that are not parsed yet. At the bound bytes
 // are dropped until half of it is free again; two log lines mark the gap. The channel's thread never waits. The bytes
@@ -100,7 +100,7 @@ class ParserThread {
   Pieces queue_;
   std::mutex queue_mutex_;
   std::condition_variable data_condition_;
-  bool idle_ = true;  // nothing is buffered in auparse
+  bool idle_ = true;  // no event waits for more of its records
   std::size_t fed_since_passed_on_ = 0;
   std::uint64_t cpu_limit_;
   common::LoadProbe load_;
@@ -114,7 +114,7 @@ class ParserThread {
   common::util::Clock& clock_;
   std::shared_ptr<internal::DiskLooks> disk_looks_;
   std::function<void()> let_gather_;
-  internal::AuparseFeed parser_;
+  internal::RecordFeed parser_;
 };
 
 }  // namespace zagent::audit

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "src/audit/parser/AuparseFeed.h"
+#include "src/audit/parser/RecordFeed.h"
 #include "tests/fakes/AuditLog.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/ScriptedEventFactory.h"
@@ -51,37 +51,57 @@ using fakes::AuditLog;
 class AuparseFailuresTest : public testing::Test {
  protected:
   ~AuparseFailuresTest() override { failing_call = {}; }
+  // An event whose call is more than plain words: auparse reads it.
+  [[nodiscard]] std::string Event(unsigned serial) const {
+    return fakes::Replaced(log_.Event(serial), " exe=\"", " exe=\"a b\" was=\"");
+  }
   void Feed(const std::string& text) { feed_.Feed(reinterpret_cast<const unsigned char*>(text.data()), text.size()); }
 
   fakes::LogCapture lines_;
   AuditLog log_;
   fakes::ScriptedEventFactory factory_;
   IntakeCounters counters_;
-  AuparseFeed feed_{factory_.Get(), counters_};
+  RecordFeed feed_{factory_.Get(), counters_};
 };
 
 TEST_F(AuparseFailuresTest, AnEventWithoutRecordsIsCountedAndTheNextOneIsBuilt) {
   failing_call = "auparse_first_record";
-  Feed(log_.Event(AuditLog::kMkdir));
+  Feed(Event(AuditLog::kMkdir));
   feed_.Flush();
   EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_INFORMATION, "Failed to fetch first record from event")) << lines_.All();
   EXPECT_EQ(counters_.Get(IntakeCounters::Reason::NotBuilt), 1U);
   EXPECT_TRUE(feed_.TakeEvents().empty());
   failing_call = {};
-  Feed(log_.Event(AuditLog::kRmdir));
+  Feed(Event(AuditLog::kRmdir));
   feed_.Flush();
   EXPECT_EQ(feed_.TakeEvents().size(), 1U);
 }
 
 TEST_F(AuparseFailuresTest, RecordsThatAreNotTakenAreAFailureOfTheStage) {
   failing_call = "auparse_feed";
-  EXPECT_EQ(fakes::WhatOf<std::runtime_error>([this] { Feed(log_.Event(AuditLog::kMkdir)); }),
-            "Failed to feed to auparse");
+  EXPECT_EQ(fakes::WhatOf<std::runtime_error>([this] { Feed(Event(AuditLog::kMkdir)); }), "Failed to feed to auparse");
+}
+
+TEST_F(AuparseFailuresTest, AtAFlushTheyAreCounted) {
+  for (const unsigned serial : {AuditLog::kMkdir, AuditLog::kRmdir}) {
+    const std::string event = Event(serial);
+    Feed(event.substr(0, event.find("type=PROCTITLE")));
+  }
+  failing_call = "auparse_feed";
+  feed_.Flush();
+  EXPECT_EQ(counters_.Get(IntakeCounters::Reason::NotBuilt), 2U);
+  EXPECT_TRUE(feed_.TakeEvents().empty());
+}
+
+TEST_F(AuparseFailuresTest, APlainEventNeedsNoLibrary) {
+  failing_call = "auparse_feed";
+  Feed(log_.Event(AuditLog::kMkdir));
+  EXPECT_EQ(feed_.TakeEvents().size(), 1U);
 }
 
 TEST_F(AuparseFailuresTest, WithoutALibraryThereIsNoFeed) {
   failing_call = "auparse_init";
-  EXPECT_EQ(fakes::WhatOf<std::runtime_error>([this] { const AuparseFeed feed(factory_.Get(), counters_); }),
+  EXPECT_EQ(fakes::WhatOf<std::runtime_error>([this] { const RecordFeed feed(factory_.Get(), counters_); }),
             "Failed to initialize auparse");
 }
 

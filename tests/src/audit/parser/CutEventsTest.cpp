@@ -84,6 +84,14 @@ TEST_F(CutEventsTest, SoItIsAtTheBoundOfBytes) {
   EXPECT_NE(Path(2), "");
 }
 
+TEST_F(CutEventsTest, WhatWasJoinedCountsNoMore) {
+  for (int id = 1; id <= 8; ++id) {
+    Join(id, kTime, true, std::string(CutEvents::kMostBytes / 4, 'x'));
+    EXPECT_NE(Path(id), "") << id;
+  }
+  EXPECT_EQ(NotBuilt(), 0U);
+}
+
 TEST_F(CutEventsTest, AndWhenNewerEventsAreAMinuteAhead) {
   Call(1);
   Call(2, kTime + CutEvents::kKeptTime);

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "common/src/util/DeviceText.h"
-#include "src/audit/parser/AuparseFeed.h"
+#include "src/audit/parser/RecordFeed.h"
 #include "src/edr/process/ImageInfo.h"
 #include "tests/fakes/AuditRecords.h"
 #include "tests/fakes/LogCapture.h"
@@ -58,7 +58,7 @@ class EventFactoryTest : public testing::Test {
     items_ = 0;
     FileContext context{std::make_shared<NoMagic>()};
     context.extended_coverage = extended_coverage_;
-    AuparseFeed feed(MakeEventFactory(std::move(context)), counters_);
+    RecordFeed feed(MakeEventFactory(std::move(context)), counters_);
     const std::string bytes = text.str();
     feed.Feed(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
     feed.Flush();

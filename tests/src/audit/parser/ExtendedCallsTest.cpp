@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "common/src/util/DeviceText.h"
-#include "src/audit/parser/AuparseFeed.h"
+#include "src/audit/parser/RecordFeed.h"
 #include "src/edr/process/ImageInfo.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
@@ -33,7 +33,7 @@ class ExtendedCallsTest : public testing::Test {
   std::vector<std::string> Told(const std::string& text, bool extended) {
     FileContext context;
     context.extended_coverage = extended;
-    AuparseFeed feed(MakeEventFactory(context), counters_);
+    RecordFeed feed(MakeEventFactory(context), counters_);
     feed.Feed(reinterpret_cast<const unsigned char*>(text.data()), text.size());
     feed.Flush();
     std::vector<std::string> lines;

@@ -17,8 +17,8 @@
 
 #include "common/src/util/DeviceText.h"
 #include "src/audit/events/FolderWalk.h"
-#include "src/audit/parser/AuparseFeed.h"
 #include "src/audit/parser/EventFactory.h"
+#include "src/audit/parser/RecordFeed.h"
 #include "src/edr/process/ImageInfo.h"
 #include "tests/fakes/TempFolder.h"
 #include "tests/fakes/TestData.h"
@@ -106,7 +106,7 @@ class ExtendedRecordsTest : public ::testing::Test {
     folders->Learn({device_, InodeOf(510)}, folder_ / "w/slashed-rmdir");
     folders->Learn({device_, InodeOf(512)}, folder_ / "w/slashed-rename");
 
-    AuparseFeed feed(MakeEventFactory(std::move(context)), counters_);
+    RecordFeed feed(MakeEventFactory(std::move(context)), counters_);
     const std::string text = Records(extended_coverage);
     feed.Feed(reinterpret_cast<const unsigned char*>(text.data()), text.size());
     feed.Flush();

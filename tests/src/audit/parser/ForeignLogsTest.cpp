@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "src/audit/parser/AuparseFeed.h"
+#include "src/audit/parser/RecordFeed.h"
 #include "tests/fakes/AuditLog.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TestData.h"
@@ -93,7 +93,7 @@ class ForeignLogsTest : public testing::Test {
   Lines connect6_;  // likewise
   Lines exit_;      // SYSCALL, PROCTITLE, EOE
   IntakeCounters counters_;
-  AuparseFeed feed_{MakeEventFactory({}), counters_};
+  RecordFeed feed_{MakeEventFactory({}), counters_};
 };
 
 TEST_F(ForeignLogsTest, TheRecordsAsTheyAre) {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "src/audit/parser/AuparseFeed.h"
+#include "src/audit/parser/RecordFeed.h"
 #include "src/edr/process/ImageInfo.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
@@ -30,7 +30,7 @@ class OverlayTest : public testing::Test {
     const std::string text = Replaced(kRecorded, overlay, fakes::RecordsOfStep("audit-overlay-6.1.log", step));
     FileContext context;
     context.extended_coverage = true;  // none of the files is here
-    AuparseFeed feed(MakeEventFactory(context), counters_);
+    RecordFeed feed(MakeEventFactory(context), counters_);
     feed.Feed(reinterpret_cast<const unsigned char*>(text.data()), text.size());
     feed.Flush();
     std::vector<std::string> lines;

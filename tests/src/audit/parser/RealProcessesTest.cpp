@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "common/src/util/DeviceText.h"
-#include "src/audit/parser/AuparseFeed.h"
+#include "src/audit/parser/RecordFeed.h"
 #include "src/edr/process/ImageInfo.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempFolder.h"
@@ -132,7 +132,7 @@ class RealProcessesTest : public ::testing::Test {
     std::map<std::string, Outcome> outcome;
     FileContext context;
     context.extended_coverage = extended_coverage;
-    AuparseFeed feed(MakeEventFactory(std::move(context)), counters_);
+    RecordFeed feed(MakeEventFactory(std::move(context)), counters_);
     for (const AuditEvent& event : AuditEvents()) {
       const fakes::LogCapture log;
       const Outcome lines = Feed(feed, event.records);
@@ -149,7 +149,7 @@ class RealProcessesTest : public ::testing::Test {
     return outcome;
   }
 
-  Outcome Feed(AuparseFeed& feed, const std::string& text) const {
+  Outcome Feed(RecordFeed& feed, const std::string& text) const {
     feed.Feed(reinterpret_cast<const unsigned char*>(text.data()), text.size());
     feed.Flush();
     Outcome lines;
@@ -301,7 +301,7 @@ TEST_F(RealProcessesTest, WithExtendedCoverageExecveatStartsAProgramLikeExecve) 
 
 // Events arrive interleaved and out of order, as the kernel wrote them, and in pieces as the socket gives them.
 TEST_F(RealProcessesTest, TheLogAsAWholeHoldsTheSameEvents) {
-  AuparseFeed one_by_one(MakeEventFactory({}), counters_);
+  RecordFeed one_by_one(MakeEventFactory({}), counters_);
   Outcome expected;
   for (const AuditEvent& event : AuditEvents()) {
     for (const std::string& line : Feed(one_by_one, event.records)) expected.push_back(line);
@@ -309,7 +309,7 @@ TEST_F(RealProcessesTest, TheLogAsAWholeHoldsTheSameEvents) {
   ASSERT_GT(expected.size(), 200U);
 
   const std::string text = Records();
-  AuparseFeed feed(MakeEventFactory({}), counters_);
+  RecordFeed feed(MakeEventFactory({}), counters_);
   for (std::size_t at = 0, piece = 1; at < text.size(); at += piece, piece = piece % 8191 + 1) {
     const std::string part = text.substr(at, piece);
     feed.Feed(reinterpret_cast<const unsigned char*>(part.data()), part.size());

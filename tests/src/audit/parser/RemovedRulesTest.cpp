@@ -4,8 +4,8 @@
 #include <string>
 
 #include "src/audit/events/RuleRemovedEvent.h"
-#include "src/audit/parser/AuparseFeed.h"
 #include "src/audit/parser/EventFactory.h"
+#include "src/audit/parser/RecordFeed.h"
 #include "src/edr/process/ImageInfo.h"
 
 namespace zagent::audit::internal {
@@ -20,7 +20,7 @@ class RemovedRulesTest : public testing::Test {
   }
 
   IntakeCounters counters_;
-  AuparseFeed feed_{MakeEventFactory({}), counters_};
+  RecordFeed feed_{MakeEventFactory({}), counters_};
 };
 
 TEST_F(RemovedRulesTest, ARemovalIsToldByTheKernelAndByTheCall) {

@@ -1,4 +1,4 @@
-#include "src/audit/parser/AuparseFeed.h"
+#include "src/audit/parser/RecordFeed.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -6,6 +6,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "src/edr/process/ImageInfo.h"
@@ -22,7 +23,7 @@ using fakes::Replaced;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class AuparseFeedTest : public testing::Test {
+class RecordFeedTest : public testing::Test {
  protected:
   void Feed(const std::string& text) { feed_.Feed(reinterpret_cast<const unsigned char*>(text.data()), text.size()); }
   // Serials of what was completed.
@@ -40,10 +41,10 @@ class AuparseFeedTest : public testing::Test {
   AuditLog log_;
   fakes::ScriptedEventFactory factory_;
   IntakeCounters counters_;
-  AuparseFeed feed_{factory_.Get(), counters_};
+  RecordFeed feed_{factory_.Get(), counters_};
 };
 
-TEST_F(AuparseFeedTest, MakesATypedEventOfACompleteAuditEvent) {
+TEST_F(RecordFeedTest, MakesATypedEventOfACompleteAuditEvent) {
   Feed(log_.Event(AuditLog::kMkdir));
   feed_.Flush();
   const Events events = feed_.TakeEvents();
@@ -54,23 +55,28 @@ TEST_F(AuparseFeedTest, MakesATypedEventOfACompleteAuditEvent) {
   EXPECT_THAT(Taken(), IsEmpty()) << "taken once";
 }
 
-// Why the parser flushes: a complete event waits in auparse for its successor.
-TEST_F(AuparseFeedTest, DeliversACompleteEventWhenTheNextOneBegins) {
+TEST_F(RecordFeedTest, DeliversACompleteEventAtOnce) {
   Feed(log_.Event(AuditLog::kMkdir));
-  EXPECT_THAT(Taken(), IsEmpty());
-  Feed(log_.Event(AuditLog::kRmdir));
   EXPECT_THAT(Taken(), ElementsAre(AuditLog::kMkdir));
-  EXPECT_THAT(Flushed(), ElementsAre(AuditLog::kRmdir));
+  EXPECT_THAT(Flushed(), IsEmpty());
 }
 
-TEST_F(AuparseFeedTest, JoinsARecordThatIsSplitOverTwoReads) {
+// Why the parser flushes: an incomplete event waits for more.
+TEST_F(RecordFeedTest, HoldsBackWhatBeganBehindAnIncompleteEvent) {
+  const std::string event = log_.Event(AuditLog::kMkdir);
+  Feed(event.substr(0, event.find("type=PROCTITLE")) + log_.Event(AuditLog::kRmdir));
+  EXPECT_THAT(Taken(), IsEmpty());
+  EXPECT_THAT(Flushed(), ElementsAre(AuditLog::kMkdir, AuditLog::kRmdir));
+}
+
+TEST_F(RecordFeedTest, JoinsARecordThatIsSplitOverTwoReads) {
   const std::string event = log_.Event(AuditLog::kMkdir);
   for (const char byte : event) Feed(std::string(1, byte));
   EXPECT_THAT(Flushed(), ElementsAre(AuditLog::kMkdir));
   EXPECT_THAT(factory_.syscalls, ElementsAre(83));
 }
 
-TEST_F(AuparseFeedTest, IgnoresTheCommandLineOfAnEventThatAFlushHasCut) {
+TEST_F(RecordFeedTest, IgnoresTheCommandLineOfAnEventThatAFlushHasCut) {
   const std::vector<std::string> records = log_.Records(AuditLog::kMkdir);
   Feed(records[0] + records[1] + records[2] + records[3]);
   EXPECT_THAT(Flushed(), ElementsAre(AuditLog::kMkdir));
@@ -79,7 +85,7 @@ TEST_F(AuparseFeedTest, IgnoresTheCommandLineOfAnEventThatAFlushHasCut) {
   EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_TRACE, "Ignoring event with ID: 27 record type: 1327")) << lines_.All();
 }
 
-TEST_F(AuparseFeedTest, BuildsNothingOfWhatIsNoCall) {
+TEST_F(RecordFeedTest, BuildsNothingOfWhatIsNoCall) {
   const std::string event = log_.Event(AuditLog::kMkdir);
   for (const char* number : {"-1", "4294967296", "99999999999999999999", "mkdir", "83x"}) {
     Feed(Replaced(event, "syscall=83", std::string("syscall=") + number));
@@ -90,7 +96,7 @@ TEST_F(AuparseFeedTest, BuildsNothingOfWhatIsNoCall) {
   EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_TRACE, "Unsupported syscall in event: 4294967296"));
 }
 
-TEST_F(AuparseFeedTest, AsksWhetherACallMeansAnythingToTheFactory) {
+TEST_F(RecordFeedTest, AsksWhetherACallMeansAnythingToTheFactory) {
   factory_.unknown = {317};
   for (const char* number : {"316", "317"}) {
     Feed(Replaced(log_.Event(AuditLog::kMkdir), "syscall=83", std::string("syscall=") + number));
@@ -101,7 +107,7 @@ TEST_F(AuparseFeedTest, AsksWhetherACallMeansAnythingToTheFactory) {
   EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_TRACE, "Unsupported syscall in event: 317"));
 }
 
-TEST_F(AuparseFeedTest, SaysWhichCallMeansNothingToIt) {
+TEST_F(RecordFeedTest, SaysWhichCallMeansNothingToIt) {
   factory_.unknown = {83};
   Feed(log_.Event(AuditLog::kMkdir));
   EXPECT_THAT(Flushed(), IsEmpty());
@@ -109,13 +115,13 @@ TEST_F(AuparseFeedTest, SaysWhichCallMeansNothingToIt) {
   EXPECT_EQ(counters_.Get(IntakeCounters::Reason::UnsupportedCall), 1U);
 }
 
-TEST_F(AuparseFeedTest, DropsASyscallRecordWithoutItsNumber) {
+TEST_F(RecordFeedTest, DropsASyscallRecordWithoutItsNumber) {
   Feed(Replaced(log_.Event(AuditLog::kMkdir), "syscall=83 ", ""));
   EXPECT_THAT(Flushed(), IsEmpty());
   EXPECT_THAT(factory_.syscalls, IsEmpty());
 }
 
-TEST_F(AuparseFeedTest, TakesTheCallOfA32BitProgramForTheOneItMeans) {
+TEST_F(RecordFeedTest, TakesTheCallOfA32BitProgramForTheOneItMeans) {
   // 39 is the mkdir of i386.
   const std::string event = Replaced(log_.Event(AuditLog::kMkdir), "arch=c000003e", "arch=40000003");
   Feed(Replaced(event, "syscall=83", "syscall=39"));
@@ -123,7 +129,7 @@ TEST_F(AuparseFeedTest, TakesTheCallOfA32BitProgramForTheOneItMeans) {
   EXPECT_THAT(factory_.syscalls, ElementsAre(83));
 }
 
-TEST_F(AuparseFeedTest, IgnoresCallsOfAnotherArchitecture) {
+TEST_F(RecordFeedTest, IgnoresCallsOfAnotherArchitecture) {
   Feed(Replaced(log_.Event(AuditLog::kMkdir), "arch=c000003e", "arch=c00000b7"));
   EXPECT_THAT(Flushed(), IsEmpty());
   EXPECT_THAT(factory_.syscalls, IsEmpty());
@@ -134,7 +140,7 @@ TEST_F(AuparseFeedTest, IgnoresCallsOfAnotherArchitecture) {
   EXPECT_THAT(Flushed(), ElementsAre(AuditLog::kMkdir)) << "a record without the field is taken as it is";
 }
 
-TEST_F(AuparseFeedTest, CountsWhatHasNoTrustedPath) {
+TEST_F(RecordFeedTest, CountsWhatHasNoTrustedPath) {
   factory_.results = {BuildResult::Unplaced, BuildResult::Dropped};
   for (int i = 0; i < 2; ++i) {
     Feed(log_.Event(AuditLog::kMkdir));
@@ -145,20 +151,20 @@ TEST_F(AuparseFeedTest, CountsWhatHasNoTrustedPath) {
   EXPECT_EQ(counters_.Get(IntakeCounters::Reason::UnsupportedCall), 0U);
 }
 
-TEST_F(AuparseFeedTest, PassesOverTheEndOfEventRecordsInSilence) {
+TEST_F(RecordFeedTest, PassesOverTheEndOfEventRecordsInSilence) {
   Feed("type=EOE msg=audit(1795162409.432:27): \n");
   EXPECT_THAT(Flushed(), IsEmpty());
   EXPECT_FALSE(lines_.Has("Ignoring event")) << lines_.All();
 }
 
-TEST_F(AuparseFeedTest, AsksForAnAbnormalEndWhichIsNoCall) {
+TEST_F(RecordFeedTest, AsksForAnAbnormalEndWhichIsNoCall) {
   factory_.builds_abends = true;
   Feed(log_.Event(AuditLog::kAbend));
   EXPECT_THAT(Flushed(), ElementsAre(AuditLog::kAbend));
   EXPECT_THAT(factory_.syscalls, IsEmpty());
 }
 
-TEST_F(AuparseFeedTest, AsksForTheCallBesideAnAbnormalEndToo) {
+TEST_F(RecordFeedTest, AsksForTheCallBesideAnAbnormalEndToo) {
   factory_.builds_abends = true;
   const std::string abend = fakes::Replaced(log_.Event(AuditLog::kAbend), ":176): ", ":27): ");
   const std::string stamp = log_.Event(AuditLog::kMkdir);
@@ -169,20 +175,20 @@ TEST_F(AuparseFeedTest, AsksForTheCallBesideAnAbnormalEndToo) {
   EXPECT_THAT(factory_.syscalls, ElementsAre(83));
 }
 
-TEST_F(AuparseFeedTest, IgnoresEventsThatAreNeither) {
+TEST_F(RecordFeedTest, IgnoresEventsThatAreNeither) {
   Feed(log_.Event(AuditLog::kAbend));
   EXPECT_THAT(Flushed(), IsEmpty());
   EXPECT_TRUE(lines_.Has(Poco::Message::PRIO_TRACE, "Ignoring event with ID: 176 record type: 1701"));
 }
 
-TEST_F(AuparseFeedTest, FindsTheCallBehindARecordThatComesBeforeIt) {
+TEST_F(RecordFeedTest, FindsTheCallBehindARecordThatComesBeforeIt) {
   Feed("type=CONFIG_CHANGE msg=audit(1795162409.432:27): op=remove_rule key=\"k\" list=4 res=1\n" +
        log_.Event(AuditLog::kMkdir));
   EXPECT_THAT(Flushed(), ElementsAre(AuditLog::kMkdir));
   EXPECT_THAT(factory_.syscalls, ElementsAre(83));
 }
 
-TEST_F(AuparseFeedTest, AnEventThatCannotBeBuiltCostsNoOther) {
+TEST_F(RecordFeedTest, AnEventThatCannotBeBuiltCostsNoOther) {
   factory_.interfere = [](int syscall) {
     if (syscall == 84) throw edr::EventException("Missing path for child");
     if (syscall == 82) throw 42;
@@ -194,10 +200,10 @@ TEST_F(AuparseFeedTest, AnEventThatCannotBeBuiltCostsNoOther) {
   EXPECT_EQ(counters_.Get(IntakeCounters::Reason::NotBuilt), 2U);
 }
 
-TEST_F(AuparseFeedTest, WritesEveryRecordOfAnEventToTheTrace) {
+TEST_F(RecordFeedTest, WritesEveryRecordOfAnEventToTheTrace) {
   const fakes::EventTrace trace;
   int records_left = 0;
-  AuparseFeed feed(
+  RecordFeed feed(
       [&](const EventSubject&, RecordSource& source, Events&) {
         constexpr RecordKinds kAll = 0xffff;
         while (source.Next(kAll) != nullptr) ++records_left;
@@ -212,7 +218,7 @@ TEST_F(AuparseFeedTest, WritesEveryRecordOfAnEventToTheTrace) {
   for (const std::string& record : log_.Records(AuditLog::kMkdir)) EXPECT_TRUE(trace.Has(record)) << trace.All();
 }
 
-TEST_F(AuparseFeedTest, FindsTheNextEventBehindBytesThatAreNoRecords) {
+TEST_F(RecordFeedTest, FindsTheNextEventBehindBytesThatAreNoRecords) {
   Feed(std::string("0\n\n\0\xff\xfe type=SYSCALL msg=audit(\ntype=SYSCALL msg=audit(1.2:3\n", 56));
   Feed("type=SYSCALL msg=audit(99999999999999999999.999:99999999999999999999): syscall=1\n");
   Feed(std::string(300'000, 'x') + "\n");
@@ -233,7 +239,7 @@ class TypedFeedTest : public testing::Test {
   fakes::LogCapture lines_;
   AuditLog log_;
   IntakeCounters counters_;
-  AuparseFeed feed_{MakeEventFactory({}), counters_};
+  RecordFeed feed_{MakeEventFactory({}), counters_};
 };
 
 TEST_F(TypedFeedTest, TheCallBesideAnAbnormalEndHasAllItsRecords) {
@@ -243,6 +249,152 @@ TEST_F(TypedFeedTest, TheCallBesideAnAbnormalEndHasAllItsRecords) {
   EXPECT_EQ(events[0]->GetActorProcessId(), 111);
   EXPECT_EQ(events[1]->GetType(), edr::EventType::Delete);
   EXPECT_EQ(events[1]->GetFile()->GetPath(), "/srv/w/MARK-01-rel-create");
+}
+
+// When the kernel's queue is full, every process that works waits within the records of its event.
+TEST_F(TypedFeedTest, AThousandProcessesMayStandWithinTheirEventsAtOnce) {
+  constexpr int kProcesses = 1'500;
+  std::string text;
+  for (const std::string& record : log_.Records(AuditLog::kRmdir)) {
+    for (int process = 0; process < kProcesses; ++process) {
+      text += Replaced(record, ":29)", ":" + std::to_string(10'000 + process) + ")");
+    }
+  }
+  EXPECT_THAT(Feed(text), testing::SizeIs(kProcesses));
+  EXPECT_EQ(counters_.Get(IntakeCounters::Reason::NotBuilt), 0U);
+  EXPECT_EQ(feed_.GetCutParts(), 0U);
+}
+
+// The kernel writes all arguments of a program down, in records of some thousand bytes each: up to six megabytes, and
+// twice as much text.
+class LongArgumentsTest : public RecordFeedTest {
+ protected:
+  static constexpr unsigned kLongArgument = 185;  // serial of a call with such a list
+  static constexpr std::size_t kRecord = 7'400;
+
+  // Records of the call with these arguments ("a0=..."), in the kernel's order.
+  std::vector<std::string> RecordsOf(const std::vector<std::string>& arguments) const {
+    std::vector<std::string> records;
+    for (const std::string& record : log_.Records(kLongArgument)) {
+      if (!record.starts_with("type=EXECVE")) records.push_back(record);
+    }
+    const std::string head = "type=EXECVE msg=audit(1795162409.532:185): ";
+    std::string list = head + "argc=" + std::to_string(arguments.size());
+    std::vector<std::string> lists;
+    for (const std::string& argument : arguments) {
+      if (list.size() + argument.size() > kRecord) lists.push_back(std::exchange(list, head) + "\n");
+      list += " " + argument;
+    }
+    lists.push_back(list + "\n");
+    records.insert(records.begin() + 1, lists.begin(), lists.end());
+    return records;
+  }
+  // What was there to build an event of.
+  struct Program {
+    int paths = 0;
+    std::string argument_count;
+    std::vector<std::string> arguments;
+  };
+  std::vector<Program> ProgramsOf(const std::vector<std::string>& records) {
+    std::vector<Program> programs;
+    RecordFeed feed(
+        [&programs](const EventSubject& subject, RecordSource& source, Events& /*events*/) {
+          if (subject.record_type == record_type::kSyscall) programs.push_back(Read(source));
+          return BuildResult::Built;
+        },
+        counters_);
+    std::string text;
+    for (const std::string& record : records) text += record;
+    constexpr std::size_t kPiece = 65'536;
+    for (std::size_t at = 0; at < text.size(); at += kPiece) {
+      const std::string piece = text.substr(at, kPiece);
+      feed.Feed(reinterpret_cast<const unsigned char*>(piece.data()), piece.size());
+    }
+    feed.Flush();
+    return programs;
+  }
+  static Program Read(RecordSource& source) {
+    Program program;
+    while (const Record* record = source.Next(KindsOf(record_type::kExecve, record_type::kPath))) {
+      if (record->type == record_type::kPath) ++program.paths;
+      if (record->fields.Has(edr::RecordField::Argc)) {
+        program.argument_count = record->fields.Find(edr::RecordField::Argc);
+      }
+      for (std::size_t at = 0; at < record->fields.ArgumentCount(); ++at) {
+        if (const auto argument = record->fields.Argument(at)) program.arguments.emplace_back(*argument);
+      }
+    }
+    return program;
+  }
+  static std::vector<std::string> ManyArguments() {
+    std::vector<std::string> arguments{"a0=\"true\"", "a1=\"first\""};
+    while (arguments.size() < 600'000) arguments.push_back("a" + std::to_string(arguments.size()) + "=01");
+    return arguments;
+  }
+  std::uint64_t NotBuilt() { return counters_.Get(IntakeCounters::Reason::NotBuilt); }
+};
+
+TEST_F(LongArgumentsTest, AProgramThatIsCalledWithMegabytesOfThemIsBuilt) {
+  const std::vector<Program> programs = ProgramsOf(RecordsOf(ManyArguments()));
+  ASSERT_EQ(programs.size(), 1U);
+  EXPECT_EQ(programs[0].paths, 2);
+  EXPECT_EQ(programs[0].argument_count, "600000");
+  ASSERT_EQ(programs[0].arguments.size(), edr::RecordFields::kMaxArguments);
+  EXPECT_EQ(programs[0].arguments[0], "true");
+  EXPECT_EQ(programs[0].arguments[1], "first");
+  EXPECT_EQ(NotBuilt(), 0U);
+}
+
+TEST_F(LongArgumentsTest, SoAreManyAtTheSameTime) {
+  constexpr std::size_t kPrograms = 40;
+  constexpr std::size_t kRecords = 60;
+  std::vector<std::string> records = RecordsOf(ManyArguments());
+  records.erase(records.begin() + kRecords / 2, records.end() - kRecords / 2);
+  std::vector<std::string> mixed;
+  for (const std::string& record : records) {
+    for (std::size_t program = 0; program < kPrograms; ++program) {
+      mixed.push_back(Replaced(record, ":185)", ":" + std::to_string(1'000 + program) + ")"));
+    }
+  }
+  const std::vector<Program> programs = ProgramsOf(mixed);
+  EXPECT_EQ(programs.size(), kPrograms);
+  for (const Program& program : programs) EXPECT_EQ(program.paths, 2);
+  EXPECT_EQ(NotBuilt(), 0U);
+}
+
+TEST_F(LongArgumentsTest, SoAreSomeWithAsMuchAsCanBeRead) {
+  constexpr std::size_t kPrograms = 6;
+  std::vector<std::string> arguments;
+  while (arguments.size() < edr::RecordFields::kMaxArguments) {
+    arguments.push_back("a" + std::to_string(arguments.size()) + "=" + std::string(7'200, '4'));
+  }
+  std::vector<std::string> mixed;
+  for (const std::string& record : RecordsOf(arguments)) {
+    for (std::size_t program = 0; program < kPrograms; ++program) {
+      mixed.push_back(Replaced(record, ":185)", ":" + std::to_string(1'000 + program) + ")"));
+    }
+  }
+  const std::vector<Program> programs = ProgramsOf(mixed);
+  EXPECT_EQ(programs.size(), kPrograms);
+  for (const Program& program : programs) EXPECT_THAT(program.arguments, testing::Not(IsEmpty()));
+  EXPECT_EQ(NotBuilt(), 0U);
+}
+
+TEST_F(LongArgumentsTest, OneBehindLongOnesIsKept) {
+  std::vector<std::string> arguments{"a0=\"true\""};
+  for (int longs = 1; longs <= 40; ++longs) {
+    const std::string name = "a" + std::to_string(longs);
+    arguments.push_back(name + "_len=131000");
+    for (int part = 0; part < 36; ++part) {
+      arguments.push_back(name + "[" + std::to_string(part) + "]=" + std::string(7'300, '4'));
+    }
+  }
+  arguments.emplace_back("a41=\"last\"");
+  const std::vector<Program> programs = ProgramsOf(RecordsOf(arguments));
+  ASSERT_EQ(programs.size(), 1U);
+  EXPECT_THAT(programs[0].arguments, ElementsAre("true", "last"));
+  EXPECT_EQ(programs[0].paths, 2);
+  EXPECT_EQ(NotBuilt(), 0U);
 }
 
 class CutFeedTest : public TypedFeedTest {
@@ -301,17 +453,20 @@ TEST_F(CutFeedTest, HalfALineBehindTheLastPartIsLeftAlone) {
   EXPECT_THAT(Feed(next.substr(100)), testing::SizeIs(2)) << "the rename, and what it replaced";
 }
 
-TEST_F(CutFeedTest, AConnectionThatIsCutBeforeItsAddressWaitsForIt) {
-  const std::string stamp = " msg=audit(1795162409.500:900): ";
-  const std::string call = "type=SYSCALL" + stamp +
-                           "arch=c000003e syscall=42 success=yes exit=0 a0=3 a1=0 a2=10 a3=0 items=0 ppid=1 pid=9 "
-                           "auid=0 uid=0 gid=0 euid=0 exe=\"/bin/x\" key=\"k\"\n";
-  const std::string address = "type=SOCKADDR" + stamp + "saddr=020000500A0000010000000000000000\n";
-  const std::string title = "type=PROCTITLE" + stamp + "proctitle=\"x\"\n";
-  EXPECT_THAT(Feed(call), IsEmpty());
-  const Events events = Feed(address + title);
-  ASSERT_EQ(events.size(), 1U) << lines_.All();
-  EXPECT_EQ(events[0]->GetType(), edr::EventType::Connect);
+TEST_F(CutFeedTest, ConnectAndBindWaitForTheirAddress) {
+  for (const auto& [number, type] : {std::pair{"42", edr::EventType::Connect}, std::pair{"49", edr::EventType::Bind}}) {
+    SCOPED_TRACE(number);
+    const std::string stamp = " msg=audit(1795162409.500:9" + std::string(number) + "): ";
+    const std::string call = "type=SYSCALL" + stamp + "arch=c000003e syscall=" + number +
+                             " success=yes exit=0 a0=3 a1=0 a2=10 a3=0 items=0 ppid=1 pid=9 "
+                             "auid=0 uid=0 gid=0 euid=0 exe=\"/bin/x\" key=\"k\"\n";
+    const std::string address = "type=SOCKADDR" + stamp + "saddr=020000500A0000010000000000000000\n";
+    const std::string title = "type=PROCTITLE" + stamp + "proctitle=\"x\"\n";
+    EXPECT_THAT(Feed(call), IsEmpty());
+    const Events events = Feed(address + title);
+    ASSERT_EQ(events.size(), 1U) << lines_.All();
+    EXPECT_EQ(events[0]->GetType(), type);
+  }
   EXPECT_EQ(NotBuilt(), 0U);
 }
 
@@ -326,6 +481,11 @@ TEST_F(CutFeedTest, PartsOfOtherMachinesAndMillisecondsAreNotTakenForOneEvent) {
   }
   EXPECT_THAT(Feed(text), IsEmpty());
   EXPECT_THAT(Feed(""), IsEmpty());
+}
+
+TEST_F(CutFeedTest, TheRestOfAnotherMachinesEventIsNotTaken) {
+  EXPECT_THAT(Feed("node=a " + records_[0]), IsEmpty());
+  EXPECT_THAT(Feed("node=b " + records_[1] + "node=b " + records_[2] + "node=b " + records_[3]), IsEmpty());
 }
 
 TEST_F(CutFeedTest, AnEventOfANodeIsPutTogether) {
@@ -389,10 +549,12 @@ TEST_F(CutFeedTest, RecordsOfAnotherTimeWithTheSameSerialAreOfAnotherEvent) {
 TEST_F(CutFeedTest, AnEventWithAnEndThatCannotBeBuiltIsCountedAtOnce) {
   EXPECT_THAT(Feed(records_.front() + records_.back()), IsEmpty());
   EXPECT_EQ(NotBuilt(), 1U);
+  EXPECT_THAT(Feed(records_.front() + "type=EOE msg=audit(1795162409.436:29): \n"), IsEmpty());
+  EXPECT_EQ(NotBuilt(), 2U);
 }
 
 // Every event of the log that has a SYSCALL record, and nothing else, arrives in the order of the log.
-TEST_F(AuparseFeedTest, TakesTheWholeLogOfARealKernel) {
+TEST_F(RecordFeedTest, TakesTheWholeLogOfARealKernel) {
   std::vector<unsigned> expected;
   std::set<unsigned> seen;
   std::istringstream all(log_.All());
