@@ -100,8 +100,10 @@ std::string PathFinder::NameUnnamedIn(const std::string& folder, const PathRecor
 std::optional<std::string> PathFinder::ResolveAlone(const PathRecord& object, const Start& start,
                                                     std::optional<std::int32_t> descriptor) const {
   if (object.path.empty()) return ResolveUnnamed(object, descriptor);
-  // The name of a descriptor that its process has closed since.
-  if (object.path.starts_with("/proc/") && FolderText(object.path).ends_with("/fd/") && !IsAt(object.path, object)) {
+  // The name of a descriptor: its process may close it any moment, so that one look has to tell.
+  if (object.path.starts_with("/proc/") && FolderText(object.path).ends_with("/fd/")) {
+    auto target = CanonicalPath(object.path);
+    if (target && IsAt(*target, object)) return target;
     if (auto known = KnownPathOf(object)) return known;
   }
   if (start && !object.path.starts_with('/')) return ResolveFromDescriptor(object, *start);

@@ -1,5 +1,6 @@
 #include "src/audit/events/PathFinder.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -9,6 +10,7 @@
 #include <string>
 
 #include "common/src/util/DeviceText.h"
+#include "common/src/util/UniqueFd.h"
 #include "src/audit/events/PathResolution.h"
 #include "src/edr/Event.h"
 #include "tests/fakes/AuditRecords.h"
@@ -258,6 +260,14 @@ TEST_F(PathFinderTest, KnowsAFolderBehindADescriptorThatIsClosed) {
   Know(folder_ / "watched/sub");
   EXPECT_EQ(Alone(Record("NORMAL", "(null)", folder_ / "watched/sub"), kWorkingFolder, kFd), folder_ / "watched/sub");
   EXPECT_EQ(Alone(Record("NORMAL", "sub", folder_ / "watched/sub"), kDescriptor), folder_ / "watched/sub");
+}
+
+// Its process may close it between this look and the next one.
+TEST_F(PathFinderTest, GoesThroughTheNameOfAnOpenDescriptorAtOnce) {
+  const common::util::UniqueFd fd(open((folder_ / "watched/sub").c_str(), O_PATH));
+  const std::string name = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(fd.Get());
+  EXPECT_EQ(Alone(Record("NORMAL", name, folder_ / "watched/sub")), folder_ / "watched/sub");
+  EXPECT_EQ(Alone(Record("NORMAL", name, file_)), name) << "it leads to another object";
 }
 
 TEST_F(PathFinderTest, FindsANameBelowAnOpenFolder) {
