@@ -28,6 +28,7 @@ class DaemonRoad {
    public:
     void Report(health::HealthStatus) noexcept override {}
     void CountRefused(std::uint64_t documents) noexcept override { lost_ += documents; }
+    void CountRemovedFile(std::uint64_t /*bytes*/) noexcept override { ++lost_; }
     void CountDropped(std::uint64_t events) noexcept override { lost_ += events; }
     [[nodiscard]] std::uint64_t GetLost() const { return lost_; }
 

@@ -57,6 +57,7 @@ Component::Component(std::chrono::system_clock::time_point /*start_time*/, std::
   storage_->SetFiledCallback([this] { baseline_->KeepFiled(); });
   storage_->SetDroppedCallback([this] { baseline_->GiveUpSpooled(); });
   storage_->SetClearingCallback([this] { baseline_->ForgetFiled(); });
+  storage_->SetRemovedCallback([this](std::uint64_t bytes) { health_.CountRemovedFile(bytes); });
   processor_ = std::make_unique<internal::EventProcessor>(rules_, *storage_, *baseline_, *digests_, health_, clock);
   manager_ = std::make_unique<internal::EventRuleManager>(
       *config_, engine, rules_, health_,

@@ -33,6 +33,7 @@ class ComponentHealth {
   void Uploaded(bool succeeded, const std::string& http_status, const std::string& correlation_id) const;
 
   void CountRefused(std::uint64_t documents = 1) const noexcept { reporter_.CountRefused(documents); }
+  void CountRemovedFile(std::uint64_t bytes) const noexcept { reporter_.CountRemovedFile(bytes); }
   void CountDropped(std::uint64_t events = 1) const noexcept { reporter_.CountDropped(events); }
 
  private:

@@ -22,6 +22,9 @@ class HealthReporter {
   // Documents of events that a spool did not take; they appear in the next status of the intake. Only counts.
   virtual void CountRefused(std::uint64_t documents) noexcept = 0;
 
+  // A file of a spool that went before it was sent, and its bytes; they appear there too. Only counts.
+  virtual void CountRemovedFile(std::uint64_t bytes) noexcept = 0;
+
   // Events that a component could not take or not process; they appear there too. Only counts.
   virtual void CountDropped(std::uint64_t events) noexcept = 0;
 };

@@ -57,12 +57,25 @@ void HealthStore::CountRefused(std::uint64_t documents) noexcept {
   refused_documents_ += documents;
 }
 
+void HealthStore::CountRemovedFile(std::uint64_t bytes) noexcept {
+  ++removed_files_;
+  removed_bytes_ += bytes;
+}
+
 void HealthStore::CountDropped(std::uint64_t events) noexcept {
   dropped_events_ += events;
 }
 
 std::uint64_t HealthStore::RefusedDocuments() const {
   return refused_documents_;
+}
+
+std::uint64_t HealthStore::RemovedFiles() const {
+  return removed_files_;
+}
+
+std::uint64_t HealthStore::RemovedBytes() const {
+  return removed_bytes_;
 }
 
 std::uint64_t HealthStore::DroppedEvents() const {

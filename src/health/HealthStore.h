@@ -47,9 +47,12 @@ class HealthStore final : public HealthReporter {
 
   void Report(HealthStatus status) noexcept override;
   void CountRefused(std::uint64_t documents) noexcept override;
+  void CountRemovedFile(std::uint64_t bytes) noexcept override;
   void CountDropped(std::uint64_t events) noexcept override;
-  // Of all CountRefused and CountDropped so far.
+  // Of all CountRefused, CountRemovedFile and CountDropped so far.
   [[nodiscard]] std::uint64_t RefusedDocuments() const;
+  [[nodiscard]] std::uint64_t RemovedFiles() const;
+  [[nodiscard]] std::uint64_t RemovedBytes() const;
   [[nodiscard]] std::uint64_t DroppedEvents() const;
 
   // What waits in memory. From any thread.
@@ -103,6 +106,8 @@ class HealthStore final : public HealthReporter {
   bool is_batch_away_ = false;
   bool owes_delete_ = false;  // what is in the database has been sent
   std::atomic<std::uint64_t> refused_documents_{0};
+  std::atomic<std::uint64_t> removed_files_{0};
+  std::atomic<std::uint64_t> removed_bytes_{0};
   std::atomic<std::uint64_t> dropped_events_{0};
 };
 

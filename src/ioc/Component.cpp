@@ -102,6 +102,7 @@ Component::Component(std::chrono::system_clock::time_point /*start_time*/, std::
       std::make_unique<internal::protobuf::DataFormatter>(*config_, ReadSequenceNumber(*snapshot_), *snapshot_,
                                                           proc_root),
       SpoolLimits(*config_), common::SpoolStorage::kMaxFileCount, clock);
+  storage_->SetRemovedCallback([this](std::uint64_t bytes) { health_.CountRemovedFile(bytes); });
   tree_ = std::make_unique<TtlProcessTree>(snapshot_.get(), kTimeToLive, clock, proc_root);
   registration_ = std::make_unique<Registration>(engine);
   manager_ = std::make_unique<internal::EventRuleManager>(*config_, engine, *tree_, health_);

@@ -22,6 +22,10 @@ class FakeHealthReporter final : public health::HealthReporter {
     const std::lock_guard lock(mutex_);
     refused_ += documents;
   }
+  void CountRemovedFile(std::uint64_t bytes) noexcept override {
+    const std::lock_guard lock(mutex_);
+    removed_files_.push_back(bytes);
+  }
   void CountDropped(std::uint64_t events) noexcept override {
     const std::lock_guard lock(mutex_);
     dropped_ += events;
@@ -34,6 +38,11 @@ class FakeHealthReporter final : public health::HealthReporter {
   [[nodiscard]] std::uint64_t Refused() const {
     const std::lock_guard lock(mutex_);
     return refused_;
+  }
+  // The bytes of each.
+  [[nodiscard]] std::vector<std::uint64_t> RemovedFiles() const {
+    const std::lock_guard lock(mutex_);
+    return removed_files_;
   }
   [[nodiscard]] std::uint64_t Dropped() const {
     const std::lock_guard lock(mutex_);
@@ -64,6 +73,7 @@ class FakeHealthReporter final : public health::HealthReporter {
   mutable std::mutex mutex_;
   std::vector<health::HealthStatus> statuses_;
   std::uint64_t refused_ = 0;
+  std::vector<std::uint64_t> removed_files_;
   std::uint64_t dropped_ = 0;
 };
 

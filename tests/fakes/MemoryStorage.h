@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,8 @@ class MemoryStorage final : public common::Storage {
   // only the flush of what came before it has failed.
   common::StorageCode write_code = common::StorageCode::Success;
   bool only_flush_fails = false;
+  // Write and Read throw this, unless it is empty: what no storage is meant to throw.
+  std::string error;
   // Read answers this instead of a file, unless it is Success.
   common::StorageCode read_code = common::StorageCode::Success;
   // Names of files that cannot be deleted.
@@ -58,6 +61,7 @@ class MemoryStorage final : public common::Storage {
     callback(Delete(std::move(previous)));
   }
   std::unique_ptr<common::StorageResult> Read() override {
+    if (!error.empty()) throw std::runtime_error(error);
     auto result = std::make_unique<common::StorageResult>();
     result->code = read_code;
     if (read_code != common::StorageCode::Success) return result;
@@ -74,6 +78,7 @@ class MemoryStorage final : public common::Storage {
   }
   void ReadAsync(ResultCallback callback) override { callback(Read()); }
   std::unique_ptr<common::StorageResult> Write(common::Bytes data) override {
+    if (!error.empty()) throw std::runtime_error(error);
     if (data.size() > max_item_size) {
       throw common::StorageException("SpoolStorage::WriteAsync: data is larger than max file size");
     }

@@ -10,7 +10,6 @@
 
 #include "common/src/util/ErrnoText.h"
 #include "common/src/util/Log.h"
-#include "common/src/util/UniqueFd.h"
 
 namespace zagent::common {
 namespace {
@@ -26,7 +25,7 @@ auto RetryOnInterrupt(Call call) {
   return result;
 }
 
-UniqueFd Open(FileCalls& calls, const std::string& path, int flags) {
+UniqueFd OpenFile(FileCalls& calls, const std::string& path, int flags) {
   constexpr mode_t kMode = 0600;
   return UniqueFd(RetryOnInterrupt([&] { return calls.Open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK, kMode); }));
 }
@@ -77,7 +76,7 @@ void WriteAll(FileCalls& calls, int fd, Durability durability, StorageResult& re
 
 // Opens the file and notes its attributes in `result`. A failure is a code, with its log line.
 UniqueFd OpenToRead(FileCalls& calls, int flags, const char* stat_failure, StorageResult& result) {
-  UniqueFd fd = Open(calls, result.path, O_RDONLY | flags);
+  UniqueFd fd = OpenFile(calls, result.path, O_RDONLY | flags);
   if (!fd) {
     Fail(result, "Storage: Failed to open ");
     return fd;
@@ -102,7 +101,7 @@ std::unique_ptr<StorageResult> OpenAndRead(FileCalls& calls, const std::string& 
 std::unique_ptr<StorageResult> WriteFile(const std::string& path, Bytes data, FileCalls& calls, Durability durability,
                                          bool* created) {
   auto result = MakeResult(path, std::move(data));
-  const UniqueFd fd = Open(calls, path, O_WRONLY | O_CREAT | O_EXCL);
+  const UniqueFd fd = OpenFile(calls, path, O_WRONLY | O_CREAT | O_EXCL);
   if (!fd) {
     Fail(*result, "Storage: Failed to create ");
     return result;
@@ -112,18 +111,35 @@ std::unique_ptr<StorageResult> WriteFile(const std::string& path, Bytes data, Fi
   return result;
 }
 
-int SyncFolder(const std::string& path, FileCalls& calls) {
-  const UniqueFd fd = Open(calls, path, O_RDONLY | O_DIRECTORY);
-  if (fd && Sync(calls, fd.Get())) return 0;
+FolderSync::FolderSync(std::string path, FileCalls& calls) : path_(std::move(path)), calls_(calls) {}
+
+int FolderSync::operator()() {
+  if (!IsAtPath()) Open();
+  if (folder_ && Sync(calls_, folder_.Get())) return 0;
   const int error = errno;
-  ZLOG_ERROR("Storage: Failed to sync " << path << ": " << util::ErrnoText(error));
+  folder_.Reset();
+  ZLOG_ERROR("Storage: Failed to sync " << path_ << ": " << util::ErrnoText(error));
   return error;
+}
+
+// While the folder is open no other one has its number.
+bool FolderSync::IsAtPath() const {
+  struct stat now {};
+  return folder_ && calls_.Stat(path_.c_str(), &now) == 0 && now.st_ino == opened_.st_ino &&
+         now.st_dev == opened_.st_dev;
+}
+
+void FolderSync::Open() {
+  folder_.Reset();
+  folder_ = OpenFile(calls_, path_, O_RDONLY | O_DIRECTORY);
+  // What is not known is opened again the next time.
+  if (folder_ && calls_.Fstat(folder_.Get(), &opened_) != 0) opened_ = {};
 }
 
 std::unique_ptr<StorageResult> AppendFile(const std::string& path, Bytes data, const StorageResult& previous,
                                           FileCalls& calls) {
   auto result = MakeResult(path, std::move(data));
-  const UniqueFd fd = Open(calls, path, O_WRONLY | O_EXCL | O_APPEND);
+  const UniqueFd fd = OpenFile(calls, path, O_WRONLY | O_EXCL | O_APPEND);
   if (!fd) {
     Fail(*result, "Storage: Failed to append data to ");
     return result;

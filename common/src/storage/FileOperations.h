@@ -9,6 +9,7 @@
 
 #include "common/src/storage/FileCalls.h"
 #include "common/src/storage/StorageResult.h"
+#include "common/src/util/UniqueFd.h"
 
 // Low-level file operations of every storage. They never throw on a file failure: the failure is a code and one log
 // line at error level. All open with O_CLOEXEC | O_NONBLOCK, so that a FIFO put in a file's place never blocks, and go
@@ -17,7 +18,7 @@ namespace zagent::common {
 
 enum class Durability {
   Cached,  // the kernel has it
-  OnDisk,  // the disk has it: the content, not yet the name (SyncFolder)
+  OnDisk,  // the disk has it: the content, not yet the name (FolderSync)
 };
 
 // Creates the file (mode 0600) and writes `data`; an existing file is never overwritten (AlreadyExists). After a
@@ -26,8 +27,23 @@ enum class Durability {
 std::unique_ptr<StorageResult> WriteFile(const std::string& path, Bytes data, FileCalls& calls = FileCalls::Real(),
                                          Durability durability = Durability::Cached, bool* created = nullptr);
 
-// Makes the names in a folder safe on disk. Returns errno, 0 where the file system has no such operation.
-int SyncFolder(const std::string& path, FileCalls& calls = FileCalls::Real());
+// Makes the names in a folder safe on disk, time and again. The folder stays open in between, which spares a sync the
+// way there; whoever bears the path at a sync is synced. Used by one thread at a time.
+class FolderSync {
+ public:
+  explicit FolderSync(std::string path, FileCalls& calls = FileCalls::Real());
+  // Returns errno, with its log line at error level; 0 where the file system has no such operation.
+  int operator()();
+
+ private:
+  [[nodiscard]] bool IsAtPath() const;
+  void Open();
+
+  const std::string path_;
+  FileCalls& calls_;
+  util::UniqueFd folder_;
+  struct stat opened_ {};
+};
 
 // Appends to an existing file, only if its inode is that of previous.stat_info (else FileReplaced).
 std::unique_ptr<StorageResult> AppendFile(const std::string& path, Bytes data, const StorageResult& previous,

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <utility>
 
-#include "common/src/storage/FileOperations.h"
 #include "common/src/util/ErrnoText.h"
 #include "common/src/util/Log.h"
 
@@ -26,7 +25,7 @@ bool IsSameFile(const struct stat& a, const struct stat& b) {
 }  // namespace
 
 SpoolFiles::SpoolFiles(SpoolDirectory directory, const SpoolLimits& limits, FileCalls& calls)
-    : directory_(std::move(directory)), limits_(limits), calls_(calls) {
+    : directory_(std::move(directory)), limits_(limits), calls_(calls), sync_names_(directory_.Path(), calls) {
   RefreshFileIndices();
 }
 
@@ -71,7 +70,7 @@ std::unique_ptr<StorageResult> SpoolFiles::WriteToFreeName(std::uint64_t& index,
     auto result = WriteFile(directory_.FileName(index), std::move(payload), calls_, Durability::OnDisk, &created);
     if (result->code == StorageCode::Success) {
       // A file without its name on disk would be lost with the power.
-      const int error = SyncFolder(directory_.Path(), calls_);
+      const int error = sync_names_();
       if (error == 0) return result;
       result->code = StorageCodeFromErrno(error);
     }
@@ -158,7 +157,7 @@ SpoolFiles::ReadOutcome SpoolFiles::TryReadFile(std::uint64_t index, std::unique
     case StorageCode::IOError:
       // It would be the oldest for ever.
       ZLOG_ERROR("SpoolStorage: Failed to read file: " << name);
-      DeleteFile(index);
+      RemoveUnsent(index);
       return ReadOutcome::Failed;
     default:
       break;
@@ -230,7 +229,7 @@ void SpoolFiles::Cleanup(CleanupGoal goal) {
       goal == CleanupGoal::FreeName || (first_index_ == 1 && last_index_ == directory_.MaxIndex());
   bool deleted = false;
   for (std::uint64_t index = first; index < end; ++index) {
-    if (!directory_.Stat(index) || !DeleteFile(index)) continue;
+    if (!directory_.Stat(index) || !RemoveUnsent(index)) continue;
     deleted = true;
     if (one_is_enough || HasFreeSpace()) break;
   }
@@ -239,6 +238,14 @@ void SpoolFiles::Cleanup(CleanupGoal goal) {
 }
 
 bool SpoolFiles::DeleteFile(std::uint64_t index) {
+  return Unlink(index, nullptr);
+}
+
+bool SpoolFiles::RemoveUnsent(std::uint64_t index) {
+  return Unlink(index, removed_);
+}
+
+bool SpoolFiles::Unlink(std::uint64_t index, const std::function<void(std::uint64_t)>& tell) {
   const std::string name = directory_.FileName(index);
   std::uint64_t size = 0;
   struct stat info {};
@@ -252,6 +259,7 @@ bool SpoolFiles::DeleteFile(std::uint64_t index) {
     return false;
   }
   ZLOG_DEBUG("Deleted file: " << name << " [" << first_index_ << ", " << last_index_ << "]");
+  if (tell) tell(size);
   Forget(index, size);
   return true;
 }

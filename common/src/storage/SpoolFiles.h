@@ -4,10 +4,13 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "common/src/storage/FileCalls.h"
+#include "common/src/storage/FileOperations.h"
 #include "common/src/storage/SpoolDirectory.h"
 #include "common/src/storage/SpoolLimits.h"
 #include "common/src/storage/StorageResult.h"
@@ -28,6 +31,10 @@ class SpoolFiles {
   [[nodiscard]] std::uint64_t LastIndex() const { return last_index_; }
   [[nodiscard]] std::uint64_t DiskUsage() const { return disk_usage_; }
   [[nodiscard]] bool HasFreeSpace() const { return limits_.HasFreeSpace(disk_usage_); }
+
+  // Called for each file that goes though nobody has asked for that, with its bytes: an old one that makes room for a
+  // new one, and one that cannot be read.
+  void SetRemovedCallback(std::function<void(std::uint64_t)> callback) { removed_ = std::move(callback); }
 
   // Writes `payload` as the newest file, safe on disk when this returns, and lets the oldest files go when the disk
   // limit is reached. On a failure, a StorageException too, `payload` is whole again and no part of it stays on disk.
@@ -62,6 +69,9 @@ class SpoolFiles {
   void CleanupAfterWrite();
   void Cleanup(CleanupGoal goal);
   bool DeleteFile(std::uint64_t index);
+  // Deletes what is not sent yet.
+  bool RemoveUnsent(std::uint64_t index);
+  bool Unlink(std::uint64_t index, const std::function<void(std::uint64_t)>& tell);
   void RemoveTornFile();
   [[nodiscard]] bool IsTornFile(const std::string& path, const struct stat& info) const;
   bool SetAside(std::uint64_t index, std::uint64_t size);
@@ -73,6 +83,8 @@ class SpoolFiles {
   const SpoolDirectory directory_;
   const SpoolLimits& limits_;
   FileCalls& calls_;
+  std::function<void(std::uint64_t)> removed_;
+  FolderSync sync_names_;
   std::uint64_t first_index_ = 0;
   std::uint64_t last_index_ = 0;
   std::atomic<std::uint64_t> disk_usage_{0};

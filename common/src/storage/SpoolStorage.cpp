@@ -157,6 +157,10 @@ void SpoolStorage::SetClearingCallback(std::function<void()> callback) {
   worker_->SetClearingCallback(std::move(callback));
 }
 
+void SpoolStorage::SetRemovedCallback(std::function<void(std::uint64_t)> callback) {
+  worker_->SetRemovedCallback(std::move(callback));
+}
+
 void SpoolStorage::Update(const Limits& limits) {
   if (limits.max_disk_size_mib == 0) {
     ZLOG_WARNING("SpoolStorage::Update: Ignoring invalid max disk size setting");

@@ -79,6 +79,9 @@ class SpoolStorage final : public Storage {
   // Called likewise when ClearAsync is about to delete files, those of earlier runs too: what was told of as filed may
   // be in none from then on. A kill before the call has returned leaves the files. To be set with the others.
   void SetClearingCallback(std::function<void()> callback);
+  // Called likewise for each file that goes before anybody has asked to delete it, with its bytes: the oldest, when the
+  // disk limit is reached or no name is free, and one that cannot be read. To be set with the others.
+  void SetRemovedCallback(std::function<void(std::uint64_t)> callback);
 
   // New limits, applied as a task; a value of 0 is ignored with a warning. Never refused: limits that come while
   // others wait join them.

@@ -35,6 +35,11 @@ class SpoolWorker {
   // Called by Clear before it deletes files.
   void SetClearingCallback(std::function<void()> callback) { clearing_ = std::move(callback); }
 
+  // Called for each file that goes before it was sent (SpoolFiles), with its bytes.
+  void SetRemovedCallback(std::function<void(std::uint64_t)> callback) {
+    files_.SetRemovedCallback(std::move(callback));
+  }
+
   // Takes one item into the cache, which becomes a file first when the item would make it larger than one file.
   // The result is that of the file, if there was one. Within a second of a file that could not be written a full cache
   // refuses without asking the disk, which has said why: producers may come thousands of times a second.

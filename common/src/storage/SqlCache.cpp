@@ -16,6 +16,7 @@ struct SqlCache::Line {
   std::size_t total_kib = 0;
 
   void Write(const std::string& table) const {
+    if (!util::Log::IsEnabled(Poco::Message::PRIO_DEBUG)) return;
     std::ostringstream tail;
     tail << table << ". #Rows = " << rows << ". Total cached data size = " << total_kib << " KB";
     if (kind == Kind::Added) ZLOG_DEBUG("SqlStorage Cache: Adding " << bytes << " bytes to table " << tail.str());

@@ -81,12 +81,33 @@ void SqlConnection::Execute(const std::string& statement) {
 
 void SqlConnection::ExecuteAll(const std::vector<std::string>& statements) {
   if (statements.empty()) return;
+  InTransaction([&] {
+    for (const std::string& statement : statements) Execute(statement);
+  });
+}
+
+void SqlConnection::ExecuteForAll(const std::string& statement, const std::vector<std::string>& texts) {
+  if (texts.empty()) return;
+  InTransaction([&] {
+    const StatementHandle prepared = Prepare(statement);
+    for (std::string text : texts) {
+      std::erase(text, '\0');
+      int code = sqlite3_bind_text(prepared.get(), 1, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
+      if (code == SQLITE_OK) code = sqlite3_step(prepared.get());
+      if (code != SQLITE_DONE) FailToExecute(statement, code);
+      sqlite3_reset(prepared.get());
+    }
+  });
+}
+
+template <typename Work>
+void SqlConnection::InTransaction(const Work& work) {
   const std::string failure = Control("BEGIN");
   if (!failure.empty()) {
     throw MakeException("Failed to start trasaction: " + failure, sqlite3_extended_errcode(database_.get()));
   }
   try {
-    for (const std::string& statement : statements) Execute(statement);
+    work();
     Commit();
   } catch (...) {
     Rollback();

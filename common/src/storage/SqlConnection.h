@@ -37,6 +37,9 @@ class SqlConnection {
   void Execute(const std::string& statement);
   // All of the statements or, when it throws, none.
   void ExecuteAll(const std::vector<std::string>& statements);
+  // The statement with its only parameter bound to each of the texts, of which NULs are left out as of a literal: all
+  // of that or, when it throws, none.
+  void ExecuteForAll(const std::string& statement, const std::vector<std::string>& texts);
   // One statement with its rows; columns are integers or texts, or it throws StorageException.
   SqlRowIterator Query(const std::string& statement, SqlSharedFormatter& formatter);
   void Vacuum();
@@ -45,6 +48,8 @@ class SqlConnection {
   [[nodiscard]] bool IsDamaged() const { return damaged_; }
 
  private:
+  template <typename Work>
+  void InTransaction(const Work& work);
   StatementHandle Prepare(const std::string& statement);
   // Runs a fixed text that changes the state of the transaction; returns SQLite's words, empty on success.
   std::string Control(const char* text);

@@ -50,6 +50,9 @@ class SqlDataFormatter {
   virtual void Start();
   // Bring a database of this version to the present one; nothing for the present one and for newer ones.
   [[nodiscard]] virtual Statements Migrate(std::int64_t version) = 0;
+  // Deletes the row whose key is bound to its only parameter, so that it is compiled once for many keys. Empty: each
+  // key has a statement of its own.
+  [[nodiscard]] virtual std::string DeleteBound(const std::string& /*table*/) { return {}; }
 
   // `text` as a literal of SQL: in single quotes, each single quote in it doubled. NUL bytes are left out, for they
   // would end the statement; no other byte means anything within the quotes.

@@ -277,16 +277,28 @@ void SqlStorage::DeleteAsync(const std::string& table, const std::string& key, C
 void SqlStorage::DeleteAsync(const std::string& table, const std::vector<std::string>& keys, Callback callback) {
   CheckAsync(callback, "SqlStorage: onDeleteCallback is invalid");
   auto change = std::make_unique<Change>(cache_.get(), table);
-  std::vector<std::string> statements;
-  statements.reserve(keys.size());
   std::uint64_t bytes = 0;
   for (const std::string& key : keys) {
     change->Add(key, nullptr);
-    statements.push_back(formatter_->Ask([&](SqlDataFormatter& formatter) { return formatter.Delete(table, key); }));
-    bytes += statements.back().size() + key.size() + kStatementBytes;
+    bytes += key.size() + kStatementBytes;
   }
-  Post([this, statements = std::move(statements)](Result&) { connection_->ExecuteAll(statements); }, std::move(change),
-       std::move(callback), bytes);
+  const auto delete_each = [&](SqlDataFormatter& formatter) {
+    std::vector<std::string> statements;
+    statements.reserve(keys.size());
+    for (const std::string& key : keys) statements.push_back(formatter.Delete(table, key));
+    return statements;
+  };
+  std::string bound = formatter_->Ask([&](SqlDataFormatter& formatter) { return formatter.DeleteBound(table); });
+  auto texts = bound.empty() ? formatter_->Ask(delete_each) : keys;
+  for (const std::string& text : texts) bytes += text.size();
+  const auto work = [this, bound = std::move(bound), texts = std::move(texts)](Result&) {
+    if (bound.empty()) {
+      connection_->ExecuteAll(texts);
+    } else {
+      connection_->ExecuteForAll(bound, texts);
+    }
+  };
+  Post(work, std::move(change), std::move(callback), bytes);
 }
 
 bool SqlStorage::IsDamaged() const {

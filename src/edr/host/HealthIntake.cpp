@@ -37,13 +37,15 @@ HealthIntake::Losses HealthIntake::Losses::Since(const Losses& earlier) const {
   Losses since;
   since.kernel = kernel - earlier.kernel;
   since.refused = refused - earlier.refused;
+  since.removed_files = removed_files - earlier.removed_files;
+  since.removed_bytes = removed_bytes - earlier.removed_bytes;
   since.dropped = dropped - earlier.dropped;
   for (std::size_t i = 0; i < counts.size(); ++i) since.counts[i] = counts[i] - earlier.counts[i];
   return since;
 }
 
 bool HealthIntake::Losses::IsLoss() const {
-  if (kernel != 0 || refused != 0 || dropped != 0) return true;
+  if (kernel != 0 || refused != 0 || removed_files != 0 || dropped != 0) return true;
   for (const FieldOf& field : kFields) {
     if (field.is_loss && CountOf(counts, field.reason) != 0) return true;
   }
@@ -53,6 +55,8 @@ bool HealthIntake::Losses::IsLoss() const {
 health::Fields HealthIntake::Losses::AsFields() const {
   health::Fields fields{{"kernelLost", static_cast<std::int64_t>(kernel)},
                         {"spoolRefused", static_cast<std::int64_t>(refused)},
+                        {"spoolRemovedFiles", static_cast<std::int64_t>(removed_files)},
+                        {"spoolRemovedBytes", static_cast<std::int64_t>(removed_bytes)},
                         {"componentDropped", static_cast<std::int64_t>(dropped)}};
   for (const FieldOf& field : kFields) {
     fields[field.name] = static_cast<std::int64_t>(CountOf(counts, field.reason));
@@ -110,6 +114,8 @@ void HealthIntake::Set(Condition& condition, std::string why) {
 void HealthIntake::Judge(const std::optional<audit::AuditStatus>& status) {
   if (status) AddKernelLosses(*status);
   total_.refused = sources_.refused_documents();
+  total_.removed_files = sources_.removed_files();
+  total_.removed_bytes = sources_.removed_bytes();
   total_.dropped = sources_.dropped_events();
   total_.counts = sources_.counters.Take();
   const common::util::Clock::SteadyTime now = clock_.SteadyNow();

@@ -32,8 +32,10 @@ class HealthIntake {
 
   struct Sources {
     const audit::IntakeCounters& counters;
-    // Both since the start, and only growing.
+    // All since the start, and only growing.
     std::function<std::uint64_t()> refused_documents;  // by the spools
+    std::function<std::uint64_t()> removed_files;      // of the spools, before they were sent
+    std::function<std::uint64_t()> removed_bytes;      // of these files
     std::function<std::uint64_t()> dropped_events;     // by the components
   };
 
@@ -60,6 +62,8 @@ class HealthIntake {
   struct Losses {
     std::uint64_t kernel = 0;
     std::uint64_t refused = 0;
+    std::uint64_t removed_files = 0;
+    std::uint64_t removed_bytes = 0;
     std::uint64_t dropped = 0;
     audit::IntakeCounters::Snapshot counts{};
 

@@ -14,6 +14,8 @@ HealthService::HealthService(health::AHSSettings settings, const std::string& di
       store_(directory),
       intake_({.counters = counters,
                .refused_documents = [this] { return store_.RefusedDocuments(); },
+               .removed_files = [this] { return store_.RemovedFiles(); },
+               .removed_bytes = [this] { return store_.RemovedBytes(); },
                .dropped_events = [this] { return store_.DroppedEvents(); }},
               netlink, store_),
       uploads_(std::make_shared<health::AHSUploadSchedule>(std::move(settings), store_, std::move(uploader))) {}

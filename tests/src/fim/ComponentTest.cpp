@@ -178,6 +178,18 @@ TEST_F(ComponentTest, WhatAnEarlierRunLeftIsUploadedAtOnceAndWhatIsCorruptGoes) 
   EXPECT_TRUE(log_.Has("UploadSchedule: Deleting corrupt file: " + (folder_ / "fim/events/fim.0003")));
 }
 
+TEST_F(ComponentTest, AFileThatTheSpoolRemovesForWantOfRoomIsCounted) {
+  section_.max_disk_size_mb = 1;
+  section_.upload_interval = 0;
+  LeaveInSpool("fim.0001", std::string(700 * 1024, 'x'));
+  LeaveInSpool("fim.0002", std::string(400 * 1024, 'x'));
+  Make();
+  Deliver("/srv/watched/file");
+  component_.reset();
+  EXPECT_EQ(SpoolFiles().size(), 2U);
+  EXPECT_EQ(reporter_.RemovedFiles(), std::vector<std::uint64_t>{700 * 1024});
+}
+
 TEST_F(ComponentTest, AnOrderlyStopKeepsTheCacheOnDiskAndTakesTheRulesAway) {
   Make();
   Deliver("/srv/watched/file");
@@ -342,6 +354,17 @@ TEST_F(ComponentTest, ANewServiceUrlIsWhereTheNextUploadGoes) {
   Deliver("/srv/watched/file");
   ASSERT_TRUE(PassTimeUntilUploads(1));
   EXPECT_EQ(uploader_->Uploads()[0].url, "https://elsewhere.example/fim");
+}
+
+TEST_F(ComponentTest, NewLimitsOfTheSpoolHoldFromTheUpdateOn) {
+  section_.upload_interval = 0;
+  Make();
+  section_.max_file_age_sec = 5;
+  Update();
+  Deliver("/srv/watched/file");
+  ASSERT_TRUE(fakes::Eventually([&] { return log_.Has("Event json written to disc successfully"); }));
+  clock_.Advance(std::chrono::seconds(60));  // a tenth of the age that was in force before
+  EXPECT_TRUE(fakes::Eventually([&] { return !SpoolFiles().empty(); }));
 }
 
 TEST_F(ComponentTest, NewManifestsReplaceTheRules) {

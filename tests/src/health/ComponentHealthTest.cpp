@@ -49,10 +49,13 @@ TEST_F(ComponentHealthTest, HasCodesOfItsOwnForEachComponent) {
                                              "4103 IOC 1 httpStatus=200 correlationId=id"));
 }
 
-TEST_F(ComponentHealthTest, CountsWhatASpoolRefusedAndWhatWasDropped) {
+TEST_F(ComponentHealthTest, CountsWhatASpoolRefusedOrRemovedAndWhatWasDropped) {
   fim_.CountRefused();
   ioc_.CountRefused(3);
   EXPECT_EQ(reporter_.Refused(), 4U);
+  fim_.CountRemovedFile(100);
+  ioc_.CountRemovedFile(23);
+  EXPECT_THAT(reporter_.RemovedFiles(), ElementsAre(100, 23));
   ioc_.CountDropped();
   ioc_.CountDropped(5);
   EXPECT_EQ(reporter_.Dropped(), 6U);

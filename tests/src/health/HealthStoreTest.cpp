@@ -293,6 +293,14 @@ TEST_F(HealthStoreTest, CountsRefusedDocumentsAndDroppedEvents) {
   EXPECT_EQ(store_->DroppedEvents(), 8U);
 }
 
+TEST_F(HealthStoreTest, CountsRemovedFilesWithTheirBytes) {
+  EXPECT_EQ(store_->RemovedFiles(), 0U);
+  store_->CountRemovedFile(100);
+  store_->CountRemovedFile(23);
+  EXPECT_EQ(store_->RemovedFiles(), 2U);
+  EXPECT_EQ(store_->RemovedBytes(), 123U);
+}
+
 TEST_F(HealthStoreTest, TakesReportsOfManyThreadsWhileBatchesComeAndGo) {
   constexpr int kThreads = 4;
   constexpr int kReports = 20;

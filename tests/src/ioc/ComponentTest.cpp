@@ -392,6 +392,19 @@ TEST_F(IocComponentTest, ASpoolThatCannotBeClearedIsToldInTheLog) {
   EXPECT_THAT(SpoolFiles(), ElementsAre("ioc.0001"));
 }
 
+TEST_F(IocComponentTest, AFileThatTheSpoolRemovesForWantOfRoomIsCounted) {
+  section_.max_disk_size_mb = 1;
+  section_.upload_interval = 0;
+  LeaveInSpool("ioc.0001", std::string(700 * 1024, 'x'));
+  LeaveInSpool("ioc.0002", std::string(400 * 1024, 'x'));
+  Make();
+  DeliverStart();
+  ASSERT_TRUE(Judged());
+  component_.reset();
+  EXPECT_THAT(SpoolFiles(), ElementsAre("ioc.0002", "ioc.0003"));
+  EXPECT_THAT(reporter_.RemovedFiles(), ElementsAre(700 * 1024));
+}
+
 TEST_F(IocComponentTest, ItCanBeSwitchedOnAgain) {
   const std::vector<std::string> manifests = section_.manifests;
   section_.manifests.clear();

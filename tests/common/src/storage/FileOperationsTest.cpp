@@ -251,7 +251,7 @@ TEST_F(FaultyFileOperationsTest, ASignalInTheMiddleIsNoFailure) {
   EXPECT_EQ(written->code, StorageCode::Success);
   EXPECT_EQ(AppendFile(path_, ToBytes(" and more"), *written, disk_)->code, StorageCode::Success);
   EXPECT_EQ(ToText(ReadFile(path_, disk_)->data), "some text and more");
-  EXPECT_EQ(SyncFolder(folder_.Path(), disk_), 0);
+  EXPECT_EQ(FolderSync(folder_.Path(), disk_)(), 0);
   EXPECT_EQ(disk_.Synced(), (std::vector<std::string>{path_, folder_.Path()}));
 }
 
@@ -285,7 +285,7 @@ TEST_F(FaultyFileOperationsTest, NoProgramThatIsStartedMeanwhileInheritsAFile) {
   EXPECT_GT(std::exchange(looked, 0), 0);
   EXPECT_EQ(ToText(ReadFile(path_, disk_)->data), "textmore");
   EXPECT_GT(std::exchange(looked, 0), 0);
-  EXPECT_EQ(SyncFolder(folder_.Path(), disk_), 0);
+  EXPECT_EQ(FolderSync(folder_.Path(), disk_)(), 0);
   EXPECT_GT(looked, 0);
 }
 
@@ -295,6 +295,120 @@ TEST_F(FaultyFileOperationsTest, OnlyAWriteThatIsToBeOnDiskIsSynced) {
   std::filesystem::remove(path_);
   WriteFile(path_, ToBytes("text"), disk_, Durability::OnDisk);
   EXPECT_EQ(disk_.Synced(), (std::vector<std::string>{path_}));
+}
+
+// A folder whose names are synced again and again, and which folder that was each time.
+class FolderSyncTest : public ::testing::Test {
+ protected:
+  class Disk final : public FileCalls {
+   public:
+    int Open(const char* path, int flags, mode_t mode) override {
+      opened.emplace_back(path);
+      return FileCalls::Open(path, flags, mode);
+    }
+    int Fstat(int fd, struct stat* info) override {
+      if (fstat_error == 0) return FileCalls::Fstat(fd, info);
+      errno = fstat_error;
+      return -1;
+    }
+    int Stat(const char* path, struct stat* info) override {
+      const int result = FileCalls::Stat(path, info);
+      if (mounted_over) ++info->st_dev;
+      return result;
+    }
+    int Fsync(int fd) override {
+      struct stat info {};
+      EXPECT_EQ(fstat(fd, &info), 0);
+      synced.push_back(info.st_ino);
+      errno = fsync_error;
+      return fsync_error == 0 ? 0 : -1;
+    }
+    std::vector<std::string> opened;
+    std::vector<ino_t> synced;
+    int fstat_error = 0;
+    int fsync_error = 0;
+    bool mounted_over = false;  // another file system's folder bears the same number at the path
+  };
+
+  FolderSyncTest() { std::filesystem::create_directory(path_); }
+  [[nodiscard]] ino_t Inode() const {
+    struct stat info {};
+    EXPECT_EQ(stat(path_.c_str(), &info), 0);
+    return info.st_ino;
+  }
+
+  const fakes::TempFolder folder_;
+  const std::string path_ = folder_ / "spool";
+  Disk disk_;
+  FolderSync sync_{path_, disk_};
+  const fakes::LogCapture log_;
+};
+
+TEST_F(FolderSyncTest, OpensAFolderOnceForManySyncs) {
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(sync_(), 0);
+  EXPECT_EQ(disk_.opened, (std::vector<std::string>{path_}));
+  EXPECT_EQ(disk_.synced, std::vector<ino_t>(3, Inode()));
+}
+
+TEST_F(FolderSyncTest, SyncsTheFolderThatHasTakenTheOthersPlace) {
+  EXPECT_EQ(sync_(), 0);
+  const ino_t first = Inode();
+  std::filesystem::rename(path_, folder_ / "away");
+  std::filesystem::create_directory(path_);
+  EXPECT_EQ(sync_(), 0);
+  EXPECT_EQ(disk_.synced, (std::vector<ino_t>{first, Inode()}));
+  // Removed, a folder gives its number to the next one, but not while it is open here.
+  std::filesystem::remove(path_);
+  std::filesystem::create_directory(path_);
+  EXPECT_EQ(sync_(), 0);
+  EXPECT_EQ(disk_.synced.back(), Inode());
+  EXPECT_EQ(disk_.opened.size(), 3U);
+}
+
+TEST_F(FolderSyncTest, AFolderThatIsGoneFailsAndOneThatIsBackIsSynced) {
+  EXPECT_EQ(sync_(), 0);
+  std::filesystem::rename(path_, folder_ / "away");
+  EXPECT_EQ(sync_(), ENOENT);
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "Storage: Failed to sync " + path_ + ": No such file or directory (2)"))
+      << log_.All();
+  std::filesystem::rename(folder_ / "away", path_);
+  EXPECT_EQ(sync_(), 0);
+  EXPECT_EQ(disk_.synced, std::vector<ino_t>(2, Inode()));
+}
+
+TEST_F(FolderSyncTest, AFailedSyncIsToldAndTheNextOneOpensTheFolderAnew) {
+  disk_.fsync_error = EIO;
+  EXPECT_EQ(sync_(), EIO);
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "Storage: Failed to sync " + path_ + ": Input/output error (5)"))
+      << log_.All();
+  disk_.fsync_error = 0;
+  EXPECT_EQ(sync_(), 0);
+  EXPECT_EQ(disk_.opened.size(), 2U);
+}
+
+TEST_F(FolderSyncTest, AFileSystemThatSyncsNoFoldersIsNoFailure) {
+  disk_.fsync_error = EINVAL;
+  EXPECT_EQ(sync_(), 0);
+  EXPECT_EQ(sync_(), 0);
+  EXPECT_EQ(disk_.opened.size(), 1U);
+}
+
+TEST_F(FolderSyncTest, AFolderOfAnotherFileSystemIsAnotherOneWhateverItsNumber) {
+  EXPECT_EQ(sync_(), 0);
+  disk_.mounted_over = true;
+  EXPECT_EQ(sync_(), 0);
+  EXPECT_EQ(disk_.opened.size(), 2U);
+}
+
+TEST_F(FolderSyncTest, AFolderThatCannotBeKnownAgainIsOpenedForEachSync) {
+  disk_.fsync_error = EIO;
+  EXPECT_EQ(sync_(), EIO);
+  disk_.fsync_error = 0;
+  disk_.fstat_error = EIO;
+  EXPECT_EQ(sync_(), 0);
+  EXPECT_EQ(sync_(), 0);
+  EXPECT_EQ(disk_.opened.size(), 3U);
+  EXPECT_EQ(disk_.synced, std::vector<ino_t>(3, Inode()));
 }
 
 TEST(StorageCodeTest, MapsErrnoToCodes) {

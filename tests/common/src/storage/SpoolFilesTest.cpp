@@ -489,6 +489,46 @@ TEST_F(SpoolFilesTest, OldFilesGoWhenTheDiskLimitIsReached) {
       << log_.All();
 }
 
+TEST_F(SpoolFilesTest, TellsOfEachFileThatMakesRoomForANewOne) {
+  SpoolFiles& files = Open();
+  std::vector<std::uint64_t> removed;
+  files.SetRemovedCallback([&](std::uint64_t bytes) { removed.push_back(bytes); });
+  limits_.Apply(1, 600, 300);
+  Store(std::string(300 * 1024, 'x'));
+  Store(std::string(299 * 1024, 'x'));
+  Store(std::string(300 * 1024, 'x'));
+  EXPECT_TRUE(files.Delete(*files.ReadOldestFile()));
+  EXPECT_TRUE(removed.empty()) << "it was read, and somebody asked for its end";
+  for (int i = 0; i < 2; ++i) Store(std::string(300 * 1024, 'x'));
+  EXPECT_EQ(removed, (std::vector<std::uint64_t>{299 * 1024, 300 * 1024}));
+  EXPECT_TRUE(files.Clear());
+  EXPECT_EQ(removed.size(), 2U) << "a spool that is cleared loses nothing";
+}
+
+TEST_F(SpoolFilesTest, TellsOfTheFileThatGivesItsName) {
+  Put(1, "four");
+  Put(2, "b");
+  Put(3, "c");
+  SpoolFiles& files = Open(3);
+  std::vector<std::uint64_t> removed;
+  files.SetRemovedCallback([&](std::uint64_t bytes) { removed.push_back(bytes); });
+  Store("d");
+  EXPECT_EQ(removed, (std::vector<std::uint64_t>{4}));
+}
+
+TEST_F(SpoolFilesTest, TellsOfAFileThatCannotBeReadAndOfNoneThatStays) {
+  disk_.fault = [](Call call, const std::string&) { return call == Call::Read || call == Call::Unlink ? EIO : 0; };
+  Put(1, "bad");
+  SpoolFiles& files = Open();
+  std::vector<std::uint64_t> removed;
+  files.SetRemovedCallback([&](std::uint64_t bytes) { removed.push_back(bytes); });
+  EXPECT_NE(ReadError(), "");
+  EXPECT_TRUE(removed.empty());
+  disk_.fault = [](Call call, const std::string&) { return call == Call::Read ? EIO : 0; };
+  EXPECT_NE(ReadError(), "");
+  EXPECT_EQ(removed, (std::vector<std::uint64_t>{3}));
+}
+
 TEST_F(SpoolFilesTest, TheNewestFileNeverGoesForItself) {
   SpoolFiles& files = Open();
   limits_.Apply(1, 600, 600);

@@ -33,6 +33,14 @@ using Poco::Message;
 using Caching = SqlStorage::Caching;
 using Result = SqlStorage::Result;
 
+// Has one statement for many keys.
+class BindingFormatter final : public FakeSqlFormatter {
+ public:
+  [[nodiscard]] std::string DeleteBound(const std::string& table) override {
+    return "DELETE from " + table + " WHERE Key = ?1;";
+  }
+};
+
 class SqlStorageAsyncTest : public ::testing::Test {
  protected:
   SqlStorageAsyncTest() {
@@ -114,6 +122,30 @@ TEST_F(SqlStorageAsyncTest, AListOfKeysIsDeletedAtOnceOrNotAtAll) {
   }
   EXPECT_EQ(WhatOf([&] { storage_->DeleteAsync("Items", std::vector<std::string>{"a"}, nullptr); }),
             "SqlStorage: onDeleteCallback is invalid");
+}
+
+TEST_F(SqlStorageAsyncTest, AListOfKeysIsDeletedByOneStatementWhereTheFormatterHasOne) {
+  storage_.reset();
+  storage_ = std::make_unique<SqlStorage>(folder_.Path(), "Test.db", std::make_unique<BindingFormatter>(), &scheduler_,
+                                          Caching::Off);
+  const std::string with_nul("n\0ul", 5);
+  storage_->Write(
+      "Items", {{"a", Row("a", "1")}, {"it's", Row("it's", "2")}, {"nul", Row(with_nul, "3")}, {"c", Row("c", "4")}});
+  EXPECT_EQ(TextOf("nul"), "3");
+  storage_->DeleteAsync("Items", std::vector<std::string>{"a", "nobody", "it's", with_nul}, Deliver());
+  EXPECT_TRUE(Take().succeeded);
+  for (const char* key : {"a", "it's", "nul"}) EXPECT_EQ(TextOf(key), "(none)") << key;
+  EXPECT_EQ(TextOf("c"), "4");
+  EXPECT_EQ(log_.Count("Executing query 'DELETE from Items"), 1);
+
+  storage_->Write("Items", "a", Row("a", "1"));
+  storage_->Execute("CREATE TRIGGER keep BEFORE DELETE ON Items WHEN OLD.Key = 'c' BEGIN SELECT RAISE(ABORT, ''); END");
+  storage_->DeleteAsync("Items", std::vector<std::string>{"a", "c"}, Deliver());
+  EXPECT_FALSE(Take().succeeded);
+  EXPECT_EQ(TextOf("a"), "1") << "all or nothing";
+  storage_->Execute("DROP TRIGGER keep");
+  storage_->DeleteAsync("Items", std::vector<std::string>{"a", "c"}, Deliver());
+  EXPECT_TRUE(Take().succeeded) << "what has failed leaves nothing open";
 }
 
 TEST_F(SqlStorageAsyncTest, CallbacksComeOnOneThreadThatIsNotTheCallers) {

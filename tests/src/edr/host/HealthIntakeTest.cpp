@@ -25,6 +25,8 @@ class HealthIntakeTest : public testing::Test {
     kernel_.lost = 100;  // before the program began
     intake_.emplace(HealthIntake::Sources{.counters = counters_,
                                           .refused_documents = [this] { return refused_; },
+                                          .removed_files = [this] { return removed_files_; },
+                                          .removed_bytes = [this] { return removed_bytes_; },
                                           .dropped_events = [this] { return dropped_; }},
                     kernel_, reporter_, clock_);
     intake_->TellWhenDue();
@@ -40,6 +42,8 @@ class HealthIntakeTest : public testing::Test {
   fakes::FakeAuditNetlink kernel_;
   audit::IntakeCounters counters_;
   std::uint64_t refused_ = 0;
+  std::uint64_t removed_files_ = 0;
+  std::uint64_t removed_bytes_ = 0;
   std::uint64_t dropped_ = 0;
   fakes::FakeHealthReporter reporter_;
   std::optional<HealthIntake> intake_;
@@ -48,7 +52,7 @@ class HealthIntakeTest : public testing::Test {
 constexpr const char* kNothingLost =
     "4004 EDR 1 bytesAtStop=0 componentDropped=0 eventsDropped=0 fileReplaced=0 kernelLost=0 leftAtStop=0 notBuilt=0 "
     "queueDropped=0 "
-    "since=2023-11-14T22:13:20Z spoolRefused=0 unplaced=0 unsupportedCall=0";
+    "since=2023-11-14T22:13:20Z spoolRefused=0 spoolRemovedBytes=0 spoolRemovedFiles=0 unplaced=0 unsupportedCall=0";
 
 TEST_F(HealthIntakeTest, AtTheStartAllIsGoodAndStaysSoWithoutAnotherWord) {
   EXPECT_EQ(Lines(), std::vector<std::string>{kNothingLost});
@@ -67,12 +71,16 @@ TEST_F(HealthIntakeTest, EachKindOfLossHasItsField) {
   counters_.Add(Reason::NotProcessed, 8);
   refused_ = 9;
   dropped_ = 10;
+  removed_files_ = 11;
+  removed_bytes_ = 12;
   kernel_.lost = 110;
   PassTime(1min);
-  EXPECT_EQ(Lines().back(),
-            "4004 EDR 0 bytesAtStop=2 componentDropped=10 eventsDropped=8 fileReplaced=7 kernelLost=10 leftAtStop=6 "
-            "notBuilt=3 "
-            "queueDropped=1 since=2023-11-14T22:13:20Z spoolRefused=9 unplaced=5 unsupportedCall=4");
+  EXPECT_EQ(
+      Lines().back(),
+      "4004 EDR 0 bytesAtStop=2 componentDropped=10 eventsDropped=8 fileReplaced=7 kernelLost=10 leftAtStop=6 "
+      "notBuilt=3 "
+      "queueDropped=1 since=2023-11-14T22:13:20Z spoolRefused=9 spoolRemovedBytes=12 spoolRemovedFiles=11 unplaced=5 "
+      "unsupportedCall=4");
 }
 
 TEST_F(HealthIntakeTest, EachReasonThatIsNotByDesignIsBadByItself) {
@@ -96,8 +104,25 @@ TEST_F(HealthIntakeTest, WhatAComponentDropsIsALoss) {
   EXPECT_THAT(Lines()[2], HasSubstr(" componentDropped=2 "));
 }
 
+TEST_F(HealthIntakeTest, AFileThatASpoolRemovesIsALoss) {
+  removed_files_ = 2;
+  removed_bytes_ = 300;
+  PassTime(1min);
+  ASSERT_THAT(Lines(), SizeIs(2));
+  EXPECT_THAT(Lines()[1], HasSubstr("4004 EDR 0 "));
+  removed_files_ = 3;
+  removed_bytes_ = 400;
+  for (int minute = 0; minute < 5; ++minute) PassTime(1min);
+  EXPECT_THAT(Lines()[2], HasSubstr(" spoolRemovedBytes=100 spoolRemovedFiles=1 "));
+}
+
 TEST_F(HealthIntakeTest, CountsFromItsMakingOnHoweverLateTheFirstLookIs) {
-  HealthIntake busy({.counters = counters_, .refused_documents = [] { return 0; }, .dropped_events = [] { return 0; }},
+  const auto none = [] { return 0; };
+  HealthIntake busy({.counters = counters_,
+                     .refused_documents = none,
+                     .removed_files = none,
+                     .removed_bytes = none,
+                     .dropped_events = none},
                     kernel_, reporter_, clock_);
   kernel_.lost += 7;  // while rules were installed
   clock_.Advance(3min);
