@@ -21,19 +21,24 @@ SnapshotDBFile::SnapshotDBFile(const common::Bytes& row) {
 }
 
 common::Bytes SnapshotDBFile::ToRow() const {
+  return ToRow(
+      {row_id, parent_id, size, creation_time, last_write_time, last_access_time, last_change_time, md5, sha1, sha256});
+}
+
+common::Bytes SnapshotDBFile::ToRow(const View& file) {
   constexpr std::size_t kOrdinary = 512;
   common::Bytes row;
   row.reserve(kOrdinary);
-  Serializer::Put(row, row_id);
-  Serializer::Put(row, parent_id);
-  Serializer::Put(row, size);
-  Serializer::Put(row, creation_time);
-  Serializer::Put(row, last_write_time);
-  Serializer::Put(row, last_access_time);
-  Serializer::Put(row, last_change_time);
-  Serializer::Put(row, md5);
-  Serializer::Put(row, sha1);
-  Serializer::Put(row, sha256);
+  Serializer::Put(row, file.row_id);
+  Serializer::Put(row, file.parent_id);
+  Serializer::Put(row, file.size);
+  Serializer::Put(row, file.creation_time);
+  Serializer::Put(row, file.last_write_time);
+  Serializer::Put(row, file.last_access_time);
+  Serializer::Put(row, file.last_change_time);
+  Serializer::Put(row, file.md5);
+  Serializer::Put(row, file.sha1);
+  Serializer::Put(row, file.sha256);
   return row;
 }
 

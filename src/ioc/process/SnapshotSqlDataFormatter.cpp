@@ -209,6 +209,10 @@ std::string SnapshotSqlDataFormatter::Delete(const std::string& table, const std
   return "DELETE from " + table + Where(Find(table), key);
 }
 
+std::string SnapshotSqlDataFormatter::DeleteBound(const std::string& table) {
+  return "DELETE from " + table + " WHERE " + Find(table).key + " = ?1;";
+}
+
 std::string SnapshotSqlDataFormatter::Insert(const std::string& table, const std::string& /*key*/,
                                              const common::Bytes& row) {
   common::Serializer columns(row);

@@ -276,8 +276,8 @@ void TtlProcessTree::Take(ProcessInfo& process, EventHeap& heap) {
 }
 
 // A process may have thousands of children that wait for nothing.
-void TtlProcessTree::TakeChildren(std::int32_t pid, EventHeap& heap) {
-  const auto& children = Get(pid)->GetChildren();
+void TtlProcessTree::TakeChildren(const ProcessInfo& process, EventHeap& heap) {
+  const auto& children = process.GetChildren();
   std::vector<Pointer> found;
   if (children.size() <= with_events_.size()) {
     for (const std::int32_t child : children) {
@@ -295,8 +295,9 @@ void TtlProcessTree::TakeChildren(std::int32_t pid, EventHeap& heap) {
 
 EventHeap TtlProcessTree::GetEventsFromCache(std::int32_t pid) {
   EventHeap heap;
-  Take(*Get(pid), heap);
-  TakeChildren(pid, heap);
+  const Pointer process = Get(pid);
+  Take(*process, heap);
+  TakeChildren(*process, heap);
   return heap;
 }
 

@@ -146,7 +146,7 @@ class TtlProcessTree {
   void Delete(std::int32_t pid);
 
   void Take(ProcessInfo& process, internal::EventHeap& heap);
-  void TakeChildren(std::int32_t pid, internal::EventHeap& heap);
+  void TakeChildren(const ProcessInfo& process, internal::EventHeap& heap);
   void ExpireDue();
   void DropJudged(internal::EventHeap& heap);
   void EnforceBounds();

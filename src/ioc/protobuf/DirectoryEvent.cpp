@@ -55,8 +55,8 @@ Report DirectoryEvent::Build(const edr::Event& event) const {
   return report;
 }
 
-bool DirectoryEvent::Describe(const edr::Event& event, const std::string& path, Report& report) const {
-  const std::string id = UniquePathId(path);
+bool DirectoryEvent::Describe(const edr::Event& event, const std::string& path, const std::string& id,
+                              Report& report) const {
   if (IsReported(id, path)) return true;
   struct stat found {};
   if (stat(path.c_str(), &found) != 0 || !S_ISDIR(found.st_mode)) {

@@ -15,8 +15,9 @@ class DirectoryEvent final : public EventBuilder {
   [[nodiscard]] Report Build(const edr::Event& event) const override;
 
   // Adds a message that describes a directory as it is on disk now, without an action, because of an event in it: when
-  // the platform does not know it. False when it is not there any more; nothing is added then.
-  bool Describe(const edr::Event& event, const std::string& path, Report& report) const;
+  // the platform does not know it. False when it is not there any more; nothing is added then. `id` is that of the
+  // path.
+  bool Describe(const edr::Event& event, const std::string& path, const std::string& id, Report& report) const;
 
  private:
   [[nodiscard]] bool IsReported(const std::string& id, const std::string& path) const;

@@ -23,14 +23,14 @@ namespace wire = com::ostrel::ioc::model::proto::event;
 using edr::EventType;
 using Table = ReportedObjects::Table;
 
-std::string NameOf(const std::string& path) {
+std::string_view NameOf(std::string_view path) {
   return path.substr(path.rfind('/') + 1);
 }
 
 // What follows the last dot of a name; the dot of a hidden file is none.
-std::string ExtensionOf(const std::string& name) {
+std::string_view ExtensionOf(std::string_view name) {
   const std::size_t dot = name.rfind('.');
-  return dot == std::string::npos || dot == 0 ? "" : name.substr(dot + 1);
+  return dot == std::string_view::npos || dot == 0 ? std::string_view() : name.substr(dot + 1);
 }
 
 // The directory of an absolute path; empty when there is none.
@@ -71,7 +71,8 @@ Report FileEvent::Build(const edr::Event& event) const {
   const bool is_rename = event.GetType() == EventType::Rename;
   const bool has_new = is_rename || event.GetType() == EventType::AttributeChange;
   const common::ImageInfo* file = has_new ? event.GetNewFile() : event.GetFile();
-  const std::string path = file == nullptr ? "" : file->GetPath();
+  static const std::string kNone;
+  const std::string& path = file == nullptr ? kNone : file->GetPath();
   if (path.empty()) throw Exception("Failed to read file information: " + path);
   LogGenerating(event, path);
   const std::string parent = ParentOf(path);
@@ -88,18 +89,18 @@ Report FileEvent::Build(const edr::Event& event) const {
     return report;
   }
 
-  Message& message = ClearedMessage();
+  Message& message = *message_;
+  message.Clear();
   message.set_eventaction(ActionOf(event.GetType()));
   message.set_timestamp(event.GetTimestamp());
   message.set_uniqueid(id);
-  actors_.Fill(tree_, event, *message.mutable_actor());
   message.set_parentdirectoryid(parent_id);
-  message.set_filename(Repaired(NameOf(path)));
-  message.set_fullpath(Repaired(path));
-  message.set_extension(Repaired(ExtensionOf(NameOf(path))));
-  message.set_securitysettings(SecuritySettings(*file));
+  SetRepaired(NameOf(path), *message.mutable_filename());
+  SetRepaired(path, *message.mutable_fullpath());
+  SetRepaired(ExtensionOf(NameOf(path)), *message.mutable_extension());
+  message.set_securitysettings(settings_.Of(*file));
   common::Bytes row;
-  if (!directories_.Describe(event, parent, report)) {
+  if (!directories_.Describe(event, parent, parent_id, report)) {
     ZLOG_DEBUG("Failed to stat parent directory for file " << path);
   }
   if (!is_gone) {
@@ -111,52 +112,43 @@ Report FileEvent::Build(const edr::Event& event) const {
     const std::optional<FoundObject> found = LookAt(path);
     const ReportedObjects::Times times = TimesOf(event, *file, found);
     SetTimes(times, message);
-    if (!IsReplaced(*file, found)) message.set_type(type);
-    ReportedObjects::Digests digests;
-    if (is_regular && (IsSmall(found) || pace_.Admits(path))) SetDigests(event, digests, message);
-    row = ReportedObjects::FileRow(id, parent_id, message.size(), times, digests);
+    if (!type.empty() && !IsReplaced(*file, found)) message.set_type(type);
+    if (is_regular && (IsSmall(found) || pace_.Admits(path))) SetDigests(event, message);
+    row = ReportedObjects::FileRow(id, parent_id, message.size(), times,
+                                   {message.md5(), message.sha1(), message.sha256()});
   }
   std::vector<ReportedObjects::Change> changes;
+  changes.reserve(is_rename ? 2 : 1);
   if (is_rename && event.GetFile() != nullptr) {
     const std::string& old_path = event.GetFile()->GetPath();
-    message.set_oldpath(Repaired(old_path));
+    SetRepaired(old_path, *message.mutable_oldpath());
     changes.push_back({Table::File, UniquePathId(old_path), {}, old_path});
   }
   changes.push_back({Table::File, id, std::move(row), path});
-  report.items.push_back({MakeItem(Kind::File, message), std::move(changes)});
+  report.items.push_back({MakeItem(Kind::File, message, actors_.FieldOf(tree_, event)), std::move(changes)});
   return report;
 }
 
-// The actor's memory serves again: most events have the same one as the event before.
-FileEvent::Message& FileEvent::ClearedMessage() const {
-  wire::Actor* const actor = message_->release_actor();
-  message_->Clear();
-  message_->set_allocated_actor(actor);
-  return *message_;
-}
-
-void FileEvent::SetDigests(const edr::Event& event, ReportedObjects::Digests& digests, Message& message) {
+void FileEvent::SetDigests(const edr::Event& event, Message& message) {
   struct Hash {
     edr::ContentHash kind;
     const char* name;
     std::size_t size;
-    std::string ReportedObjects::Digests::*digest;
+    std::string* (Message::*digest)();
   };
-  static constexpr Hash kHashes[] = {{edr::ContentHash::Sha256, "sha256: ", 32, &ReportedObjects::Digests::sha256},
-                                     {edr::ContentHash::Sha1, "sha1: ", 20, &ReportedObjects::Digests::sha1},
-                                     {edr::ContentHash::Md5, "md5: ", 16, &ReportedObjects::Digests::md5}};
+  static constexpr Hash kHashes[] = {{edr::ContentHash::Sha256, "sha256: ", 32, &Message::mutable_sha256},
+                                     {edr::ContentHash::Sha1, "sha1: ", 20, &Message::mutable_sha1},
+                                     {edr::ContentHash::Md5, "md5: ", 16, &Message::mutable_md5}};
   for (const Hash& hash : kHashes) {
     const std::vector<unsigned char>& bytes = event.GetFileContentHash(hash.kind);
     if (bytes.size() != hash.size) {
       ZLOG_DEBUG("Ignoring content hash for event with ID " << event.GetId());
       continue;
     }
-    digests.*hash.digest = common::util::ToHex({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
-    ZLOG_DEBUG(hash.name << digests.*hash.digest << " File: " << message.fullpath());
+    std::string& digest = *(message.*hash.digest)();
+    common::util::AppendHex({reinterpret_cast<const char*>(bytes.data()), bytes.size()}, digest);
+    ZLOG_DEBUG(hash.name << digest << " File: " << message.fullpath());
   }
-  message.set_sha256(digests.sha256);
-  message.set_sha1(digests.sha1);
-  message.set_md5(digests.md5);
 }
 
 bool FileEvent::IsReported(const std::string& id, const std::string& path) const {

@@ -30,8 +30,7 @@ class FileEvent final : public EventBuilder {
   using Message = com::ostrel::ioc::model::proto::event::FileEvent;
 
   [[nodiscard]] bool IsReported(const std::string& id, const std::string& path) const;
-  [[nodiscard]] Message& ClearedMessage() const;
-  static void SetDigests(const edr::Event& event, ReportedObjects::Digests& digests, Message& message);
+  static void SetDigests(const edr::Event& event, Message& message);
 
   const TtlProcessTree& tree_;
   const ReportedObjects& reported_;
@@ -39,7 +38,8 @@ class FileEvent final : public EventBuilder {
   edr::DigestPace& pace_;
   const FileTypeIdentifier types_;
   mutable KnownActors actors_;
-  const std::unique_ptr<Message> message_;  // that of the event at hand
+  mutable LatestSettings settings_;
+  const std::unique_ptr<Message> message_;  // that of the event at hand, in the memory of the one before
 };
 
 }  // namespace zagent::ioc::internal::protobuf

@@ -34,6 +34,31 @@ const common::ImageInfo& ProgramOf(const ProcessInfo& process, const common::Ima
   return image == nullptr || image->GetPath().empty() || image->GetPath() == own.GetPath() ? own : *image;
 }
 
+// As it is in the record, else as it is in the system's database.
+std::string OwnerNameOf(const common::ImageInfo& image) {
+  return image.GetOwnerName().empty() ? common::UserName(image.GetOwnerId()) : image.GetOwnerName();
+}
+
+std::string GroupNameOf(const common::ImageInfo& image) {
+  return image.GetGroupName().empty() ? common::GroupName(image.GetGroupId()) : image.GetGroupName();
+}
+
+std::string SettingsText(const common::ImageInfo& image, const std::string& owner_name, const std::string& group_name) {
+  constexpr std::size_t kOrdinary = 128;
+  std::string settings = "{";
+  settings.reserve(kOrdinary);
+  const auto add = [&settings](const char* key) -> std::string& {
+    if (settings.size() > 1) settings += ',';
+    return ((settings += '"') += key) += "\":";
+  };
+  add("Uid") += std::to_string(image.GetOwnerId());
+  add("Gid") += std::to_string(image.GetGroupId());
+  add("Permission") += std::to_string(image.GetPermission());
+  AppendQuoted(Repaired(owner_name), add("OwnerName"));
+  AppendQuoted(Repaired(group_name), add("GroupName"));
+  return settings += '}';
+}
+
 // Whether more than its path is known.
 bool HasSettings(const common::ImageInfo& image) {
   return image.GetOwnerId() != kUnknown || image.GetPermission() != kUnknown;
@@ -56,24 +81,32 @@ std::string Repaired(std::string_view text) {
   return common::util::ReplaceInvalidUtf8(text);
 }
 
+void SetRepaired(std::string_view text, std::string& to) {
+  if (common::util::SkipAscii(text, 0) == text.size()) {
+    to.assign(text);
+  } else {
+    to = Repaired(text);
+  }
+}
+
 std::string SecuritySettings(const common::ImageInfo& image) {
-  if (!HasSettings(image)) return {};
-  const auto name_of = [](const std::string& known, std::uint32_t id, std::string (*look_up)(std::uint32_t)) {
-    return Repaired(known.empty() ? look_up(id) : known);
-  };
-  constexpr std::size_t kOrdinary = 128;
-  std::string settings = "{";
-  settings.reserve(kOrdinary);
-  const auto add = [&settings](const char* key) -> std::string& {
-    if (settings.size() > 1) settings += ',';
-    return ((settings += '"') += key) += "\":";
-  };
-  add("Uid") += std::to_string(image.GetOwnerId());
-  add("Gid") += std::to_string(image.GetGroupId());
-  add("Permission") += std::to_string(image.GetPermission());
-  AppendQuoted(name_of(image.GetOwnerName(), image.GetOwnerId(), common::UserName), add("OwnerName"));
-  AppendQuoted(name_of(image.GetGroupName(), image.GetGroupId(), common::GroupName), add("GroupName"));
-  return settings += '}';
+  return HasSettings(image) ? SettingsText(image, OwnerNameOf(image), GroupNameOf(image)) : std::string();
+}
+
+const std::string& LatestSettings::Of(const common::ImageInfo& image) {
+  static const std::string kNone;
+  if (!HasSettings(image)) return kNone;
+  std::string owner_name = OwnerNameOf(image);
+  std::string group_name = GroupNameOf(image);
+  Known& known = known_[(image.GetOwnerId() + image.GetGroupId() + image.GetPermission()) % known_.size()];
+  const bool is_same = !known.settings.empty() && image.GetOwnerId() == known.owner_id &&
+                       image.GetGroupId() == known.group_id && image.GetPermission() == known.permission &&
+                       owner_name == known.owner_name && group_name == known.group_name;
+  if (is_same) return known.settings;
+  std::string settings = SettingsText(image, owner_name, group_name);
+  known = {image.GetOwnerId(),    image.GetGroupId(),    image.GetPermission(),
+           std::move(owner_name), std::move(group_name), std::move(settings)};
+  return known.settings;
 }
 
 void FillActor(const ProcessInfo& process, const common::ImageInfo* image,
@@ -96,21 +129,24 @@ void FillActor(const TtlProcessTree& tree, const edr::Event& event,
   FillActor(*tree.Get(event.GetActorProcessId()), ImageOf(event), actor);
 }
 
-void KnownActors::Fill(const TtlProcessTree& tree, const edr::Event& event,
-                       com::ostrel::ioc::model::proto::event::Actor& actor) {
+const std::string& KnownActors::FieldOf(const TtlProcessTree& tree, const edr::Event& event) {
   const std::int32_t pid = event.GetActorProcessId();
   const std::shared_ptr<const ProcessInfo> process = tree.Get(pid);
   const common::ImageInfo* const image = ImageOf(event);
-  if (&ProgramOf(*process, image) != process->GetImage()) {
-    FillActor(*process, image, actor);
-    return;
-  }
+  if (&ProgramOf(*process, image) != process->GetImage()) return Make(*process, image);
   if (const Known* const known = known_.Find(pid); known != nullptr && known->process.lock() == process) {
-    actor.CopyFrom(known->actor);
-    return;
+    return known->field;
   }
-  FillActor(*process, nullptr, actor);
-  if (HasNames(*process)) known_.Put(pid, {process, actor});
+  const std::string& field = Make(*process, nullptr);
+  if (HasNames(*process)) known_.Put(pid, {process, field});
+  return field;
+}
+
+const std::string& KnownActors::Make(const ProcessInfo& process, const common::ImageInfo* image) {
+  com::ostrel::ioc::model::proto::event::FileEvent actor_alone;
+  FillActor(process, image, *actor_alone.mutable_actor());
+  made_ = actor_alone.SerializeAsString();
+  return made_;
 }
 
 std::string UniqueProcessId(const ProcessInfo& process) {

@@ -1,15 +1,17 @@
 #include "src/ioc/protobuf/ReportedObjects.h"
 
-#include <iterator>
-#include <limits>
-#include <map>
+#include <algorithm>
+#include <array>
+#include <functional>
 #include <mutex>
 #include <optional>
+#include <unordered_map>
 #include <utility>
 
 #include "common/src/storage/Serializer.h"
 #include "common/src/storage/SqlStorage.h"
 #include "common/src/util/Log.h"
+#include "src/edr/LRUCache.h"
 #include "src/ioc/config/LogPrefix.h"
 #include "src/ioc/process/SnapshotDBDirectory.h"
 #include "src/ioc/process/SnapshotDBFile.h"
@@ -26,14 +28,6 @@ const char* NameOf(Table table) {
   return table == Table::Directory ? SnapshotSqlDataFormatter::kDirectory : SnapshotSqlDataFormatter::kFile;
 }
 
-template <typename Row>
-void SetTimes(const ReportedObjects::Times& times, Row& row) {
-  row.creation_time = times.creation;
-  row.last_write_time = times.write;
-  row.last_access_time = times.access;
-  row.last_change_time = times.change;
-}
-
 void LogFailure(Table table, const std::string& path, std::size_t others) {
   std::string more;
   if (others != 0) more = " and " + std::to_string(others) + " more";
@@ -48,50 +42,95 @@ void LogFailure(Table table, const std::string& path, std::size_t others) {
 
 // Changes by table and id, those of one id in the order in which they came. Thread-safe.
 struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
-  using Key = std::pair<Table, std::string>;
+  struct Expected {
+    std::uint64_t number;  // of the message
+    common::Bytes row;
+    std::string path;
+  };
   struct Waiting {
     common::Bytes row;
     std::string path;
   };
-  using Changes = std::map<Key, Waiting>;
+  // What is not on disk yet of one object. There is none without anything of it.
+  struct Pending {
+    Table table;
+    std::vector<Expected> expected{};  // until the spool answers, in the order in which they came
+    std::optional<Waiting> waiting{};  // what the spool has taken since
+    std::optional<bool> sending{};     // until it is on disk: whether the object is there
+    [[nodiscard]] bool IsEmpty() const { return expected.empty() && !waiting && !sending; }
+  };
+  using Objects = std::unordered_map<std::string, Pending, edr::TextHash, std::equal_to<>>;  // by id
+  using Object = Objects::value_type;
 
   Queue(common::SqlStorage& storage, std::int64_t rows, const common::util::Clock& of_waits)
       : snapshot(storage), max_rows(rows), clock(of_waits), handed_over(clock.SteadyNow()) {}
+
+  Objects& ObjectsOf(Table table) { return table == Table::Directory ? directories : files; }
 
   std::uint64_t Expect(std::vector<Change> changes) {
     const std::lock_guard lock(mutex);
     const std::uint64_t number = ++last_number;
     for (Change& change : changes) {
-      expected[{{change.table, std::move(change.id)}, number}] = {std::move(change.row), std::move(change.path)};
+      Object& object = *ObjectsOf(change.table).try_emplace(std::move(change.id), Pending{change.table}).first;
+      object.second.expected.push_back({number, std::move(change.row), std::move(change.path)});
+      expected.emplace(number, &object);
     }
     return number;
   }
 
-  void OnAnswer(std::uint64_t number, const std::vector<Key>& keys, bool is_taken) {
+  void OnAnswer(std::uint64_t number, bool is_taken) {
     {
       const std::lock_guard lock(mutex);
-      for (const Key& key : keys) {
-        auto change = expected.extract({key, number});
-        if (change && is_taken) Keep(key, std::move(change.mapped()));
-      }
+      const auto [first, last] = expected.equal_range(number);
+      for (auto entry = first; entry != last; ++entry) Take(number, *entry->second, is_taken);
+      expected.erase(first, last);
+      if (!IsDue()) return;
     }
     Send();
   }
 
-  // In the place of an earlier one that waits. With mutex held.
-  void Keep(const Key& key, Waiting change) {
-    if (waiting.size() >= kMaxWaiting && waiting.count(key) == 0) {
-      if (forgotten++ == 0) first_forgotten = {key.first, std::move(change.path)};
-      return;
-    }
-    waiting[key] = std::move(change);
+  // With mutex held.
+  void Take(std::uint64_t number, Object& object, bool is_taken) {
+    std::vector<Expected>& changes = object.second.expected;
+    const auto change =
+        std::find_if(changes.begin(), changes.end(), [&](const Expected& one) { return one.number == number; });
+    if (is_taken) Keep(object, {std::move(change->row), std::move(change->path)});
+    changes.erase(change);
+    EraseIfEmpty(object);
   }
 
+  // In the place of an earlier one that waits. With mutex held.
+  void Keep(Object& object, Waiting change) {
+    if (!object.second.waiting) {
+      if (waiting.size() >= kMaxWaiting) {
+        if (forgotten++ == 0) first_forgotten = {object.second.table, std::move(change.path)};
+        return;
+      }
+      waiting.push_back(&object);
+    }
+    object.second.waiting = std::move(change);
+  }
+
+  // With mutex held.
+  void EraseIfEmpty(const Object& object) {
+    if (!object.second.IsEmpty()) return;
+    Objects& objects = ObjectsOf(object.second.table);
+    objects.erase(objects.find(object.first));
+  }
+
+  // What is under way stays until it is on disk.
   void Clear() {
     const std::lock_guard lock(mutex);
     expected.clear();
     waiting.clear();
     forgotten = 0;
+    for (Objects* const objects : {&directories, &files}) {
+      for (auto& [id, pending] : *objects) {
+        pending.expected.clear();
+        pending.waiting.reset();
+      }
+      std::erase_if(*objects, [](const Object& object) { return object.second.IsEmpty(); });
+    }
   }
 
   // Nobody asks any more.
@@ -112,9 +151,17 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
     return under_way == 0 && clock.SteadyNow() - handed_over >= kLongestWait;
   }
 
+  // Changes of one table that go to the disk together, in the order in which the objects came.
+  struct Lot {
+    common::SqlStorage::Rows rows;
+    std::string first_written;  // its path
+    std::vector<std::string> keys;
+    std::string first_deleted;  // likewise
+  };
+
   // Hands over what waits, when it is due.
   void Send() {
-    Changes behind;  // what is under way
+    std::array<Lot, 2> lots;
     std::size_t too_many = 0;
     std::pair<Table, std::string> first;
     {
@@ -122,36 +169,50 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
       {
         const std::lock_guard lock(mutex);
         if (!IsDue()) return;
-        (under_way == 0 ? sending : behind).swap(waiting);
+        TakeWaiting(lots);
         under_way += 1;  // until all of it was handed over
         handed_over = clock.SteadyNow();
         too_many = std::exchange(forgotten, 0);
         first = first_forgotten;
       }
-      const Changes& changes = behind.empty() ? sending : behind;
-      for (const Table table : {Table::Directory, Table::File}) Send(table, changes);
+      Send(Table::Directory, lots[0]);
+      Send(Table::File, lots[1]);
     }
     if (too_many != 0) LogFailure(first.first, first.second, too_many - 1);
     Done();
   }
 
-  void Send(Table table, const Changes& changes) {
-    common::SqlStorage::Rows rows;
-    std::vector<std::string> keys;
-    std::string first_written;
-    std::string first_deleted;
-    for (const auto& [key, change] : changes) {
-      if (key.first != table) continue;
-      if (change.row.empty()) {
-        if (keys.empty()) first_deleted = change.path;
-        keys.push_back(key.second);
+  // Behind another lot nobody asks any more. With mutex held.
+  void TakeWaiting(std::array<Lot, 2>& lots) {
+    for (Object* const object : waiting) {
+      auto& [id, pending] = *object;
+      Waiting change = std::move(*pending.waiting);
+      pending.waiting.reset();
+      Lot& lot = lots[pending.table == Table::Directory ? 0 : 1];
+      const bool is_there = !change.row.empty();
+      if (is_there) {
+        if (lot.rows.empty()) lot.first_written = std::move(change.path);
+        lot.rows.emplace_back(id, std::move(change.row));
       } else {
-        if (rows.empty()) first_written = change.path;
-        rows.emplace_back(key.second, change.row);
+        if (lot.keys.empty()) lot.first_deleted = std::move(change.path);
+        lot.keys.push_back(id);
       }
+      if (under_way == 0) {
+        pending.sending = is_there;
+        sending.push_back(object);
+      }
+      EraseIfEmpty(*object);
     }
-    if (!rows.empty()) snapshot.WriteAsync(NameOf(table), rows, Callback(table, first_written, rows.size(), true));
-    if (!keys.empty()) snapshot.DeleteAsync(NameOf(table), keys, Callback(table, first_deleted, keys.size(), false));
+    waiting.clear();
+  }
+
+  void Send(Table table, const Lot& lot) {
+    if (!lot.rows.empty()) {
+      snapshot.WriteAsync(NameOf(table), lot.rows, Callback(table, lot.first_written, lot.rows.size(), true));
+    }
+    if (!lot.keys.empty()) {
+      snapshot.DeleteAsync(NameOf(table), lot.keys, Callback(table, lot.first_deleted, lot.keys.size(), false));
+    }
   }
 
   std::function<void(const common::SqlStorage::Result&)> Callback(Table table, const std::string& first,
@@ -174,6 +235,10 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
     {
       const std::lock_guard lock(mutex);
       if (--under_way != 0) return;
+      for (Object* const object : sending) {
+        object->second.sending.reset();
+        EraseIfEmpty(*object);
+      }
       sending.clear();
     }
     Send();
@@ -202,17 +267,12 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
   // Nothing when the snapshot has the answer.
   std::optional<bool> Has(Table table, const std::string& id) {
     const std::lock_guard lock(mutex);
-    const Key key(table, id);
-    const auto behind = expected.upper_bound({key, std::numeric_limits<std::uint64_t>::max()});
-    if (behind != expected.begin()) {
-      const auto& [newest, change] = *std::prev(behind);
-      if (newest.first == key) return !change.row.empty();
-    }
-    for (const Changes* changes : {&waiting, &sending}) {
-      const auto found = changes->find(key);
-      if (found != changes->end()) return !found->second.row.empty();
-    }
-    return std::nullopt;
+    const Objects& objects = ObjectsOf(table);
+    const auto found = objects.find(id);
+    if (found == objects.end()) return std::nullopt;
+    const Pending& pending = found->second;
+    if (!pending.expected.empty()) return !pending.expected.back().row.empty();
+    return pending.waiting ? !pending.waiting->row.empty() : *pending.sending;
   }
 
   common::SqlStorage& snapshot;
@@ -221,10 +281,12 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
   std::mutex mutex;
   const common::util::Clock& clock;
   common::util::Clock::SteadyTime handed_over;
-  std::map<std::pair<Key, std::uint64_t>, Waiting> expected;  // until the spool answers
+  Objects directories;
+  Objects files;
+  std::unordered_multimap<std::uint64_t, Object*> expected;  // by the message that the spool has not answered
   std::uint64_t last_number = 0;
-  Changes waiting;
-  Changes sending;  // until it is on disk; stays as it is while something is under way
+  std::vector<Object*> waiting;  // in the order in which they came
+  std::vector<Object*> sending;  // stays as it is while something is under way
   std::size_t under_way = 0;
   std::size_t forgotten = 0;  // at the bound, since the last hand-over
   std::pair<Table, std::string> first_forgotten;
@@ -247,12 +309,13 @@ bool ReportedObjects::Has(Table table, const std::string& id) const {
 }
 
 ReportedObjects::Answer ReportedObjects::Expect(std::vector<Change> changes) {
-  if (changes.empty()) return [](bool /*is_taken*/) {};
-  std::vector<Queue::Key> keys;
-  keys.reserve(changes.size());
-  for (const Change& change : changes) keys.emplace_back(change.table, change.id);
+  if (changes.empty()) return {};
   const std::uint64_t number = queue_->Expect(std::move(changes));
-  return [queue = queue_, number, keys = std::move(keys)](bool is_taken) { queue->OnAnswer(number, keys, is_taken); };
+  return {queue_, number};
+}
+
+void ReportedObjects::Answer::operator()(bool is_taken) const {
+  if (queue_ != nullptr) queue_->OnAnswer(number_, is_taken);
 }
 
 void ReportedObjects::Clear() {
@@ -263,21 +326,17 @@ common::Bytes ReportedObjects::DirectoryRow(const std::string& id, const std::st
   models::SnapshotDBDirectory row;
   row.row_id = id;
   row.path = path;
-  SetTimes(times, row);
+  row.creation_time = times.creation;
+  row.last_write_time = times.write;
+  row.last_access_time = times.access;
+  row.last_change_time = times.change;
   return row.ToRow();
 }
 
 common::Bytes ReportedObjects::FileRow(const std::string& id, const std::string& parent_id, std::int64_t size,
                                        const Times& times, const Digests& digests) {
-  models::SnapshotDBFile row;
-  row.row_id = id;
-  row.parent_id = parent_id;
-  row.size = size;
-  SetTimes(times, row);
-  row.md5 = digests.md5;
-  row.sha1 = digests.sha1;
-  row.sha256 = digests.sha256;
-  return row.ToRow();
+  return models::SnapshotDBFile::ToRow({id, parent_id, size, times.creation, times.write, times.access, times.change,
+                                        digests.md5, digests.sha1, digests.sha256});
 }
 
 }  // namespace zagent::ioc::internal::protobuf

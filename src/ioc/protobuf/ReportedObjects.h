@@ -3,9 +3,10 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "common/src/storage/StorageResult.h"
@@ -44,7 +45,7 @@ class ReportedObjects {
     std::string path;   // for the log
   };
   // What has become of a message, told once, from any thread, also when the ReportedObjects have gone.
-  using Answer = std::function<void(bool is_taken)>;
+  class Answer;
 
   // The snapshot, which runs on a Scheduler, and the clock outlive the object and all answers. `max_rows` is for tests.
   explicit ReportedObjects(common::SqlStorage& snapshot, std::int64_t max_rows = kMaxRows,
@@ -69,9 +70,9 @@ class ReportedObjects {
     std::int64_t change = 0;
   };
   struct Digests {
-    std::string md5;
-    std::string sha1;
-    std::string sha256;
+    std::string_view md5;
+    std::string_view sha1;
+    std::string_view sha256;
   };
   [[nodiscard]] static common::Bytes DirectoryRow(const std::string& id, const std::string& path, const Times& times);
   [[nodiscard]] static common::Bytes FileRow(const std::string& id, const std::string& parent_id, std::int64_t size,
@@ -82,6 +83,17 @@ class ReportedObjects {
 
   common::SqlStorage& snapshot_;
   const std::shared_ptr<Queue> queue_;  // what runs on the threads of spool and snapshot shares it
+};
+
+class ReportedObjects::Answer {
+ public:
+  Answer() = default;  // of a message by which nothing is known
+  Answer(std::shared_ptr<Queue> queue, std::uint64_t number) : queue_(std::move(queue)), number_(number) {}
+  void operator()(bool is_taken) const;
+
+ private:
+  std::shared_ptr<Queue> queue_;
+  std::uint64_t number_ = 0;
 };
 
 }  // namespace zagent::ioc::internal::protobuf

@@ -11,12 +11,12 @@ constexpr std::size_t kMaxKnown = 4'096;
 constexpr std::size_t kMaxKnownText = 512;
 
 // What a burst tells of is told of again and again: a few files, their folders, and who works on them.
-std::string DigestOf(const std::string& text) {
+std::string DigestOf(std::string_view text) {
   thread_local edr::LRUCache<std::string, std::string> known(kMaxKnown);
   if (text.size() > kMaxKnownText) return common::util::Sha256Hex(text);
   if (const std::string* const digest = known.Find(text)) return *digest;
   std::string digest = common::util::Sha256Hex(text);
-  known.Put(text, digest);
+  known.Put(std::string(text), digest);
   return digest;
 }
 
@@ -30,7 +30,7 @@ std::string UniqueId(std::initializer_list<std::string_view> parts) {
 }
 
 std::string UniquePathId(std::string_view path) {
-  return UniqueId({path});
+  return DigestOf(path);
 }
 
 std::string UniqueProcessId(std::int32_t pid, std::int64_t creation_time, std::string_view image_path) {

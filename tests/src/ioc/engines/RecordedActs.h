@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "common/src/util/DeviceText.h"
-#include "src/audit/parser/AuparseFeed.h"
+#include "src/audit/parser/RecordFeed.h"
 #include "tests/fakes/FakeEvent.h"
 #include "tests/fakes/TempFolder.h"
 #include "tests/fakes/TestData.h"
@@ -191,7 +191,7 @@ class RecordedActs {
     context.extended_coverage = true;  // what is gone is told all the same
     context.proc_root = "/nowhere";
     audit::IntakeCounters counters;
-    audit::internal::AuparseFeed feed(audit::internal::MakeEventFactory(std::move(context)), counters);
+    audit::internal::RecordFeed feed(audit::internal::MakeEventFactory(std::move(context)), counters);
     feed.Feed(reinterpret_cast<const unsigned char*>(text.data()), text.size());
     feed.Flush();
     audit::internal::Events events = feed.TakeEvents();

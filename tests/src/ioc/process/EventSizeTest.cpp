@@ -8,8 +8,8 @@
 #include <map>
 
 #include "src/audit/events/IntakeCounters.h"
-#include "src/audit/parser/AuparseFeed.h"
 #include "src/audit/parser/EventFactory.h"
+#include "src/audit/parser/RecordFeed.h"
 #include "src/edr/process/PseudoRunningEvent.h"
 #include "src/edr/process/PseudoTerminateEvent.h"
 #include "tests/fakes/FakeEvent.h"
@@ -35,7 +35,7 @@ Events RecordedEvents() {
     audit::IntakeCounters counters;
     audit::internal::FileContext context;
     context.extended_coverage = true;
-    audit::internal::AuparseFeed feed(audit::internal::MakeEventFactory(std::move(context)), counters);
+    audit::internal::RecordFeed feed(audit::internal::MakeEventFactory(std::move(context)), counters);
     std::ifstream in(fakes::TestData(log), std::ios::binary);
     const std::string text{std::istreambuf_iterator<char>(in), {}};
     feed.Feed(reinterpret_cast<const unsigned char*>(text.data()), text.size());

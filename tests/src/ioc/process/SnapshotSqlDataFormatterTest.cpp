@@ -115,6 +115,11 @@ TEST_F(SnapshotSqlDataFormatterTest, ARowThatIsCutShortIsNotInserted) {
             "Serializer: Insufficient bytes to get string");
 }
 
+TEST_F(SnapshotSqlDataFormatterTest, ManyRowsAreDeletedByOneStatement) {
+  EXPECT_EQ(formatter_.DeleteBound("File"), "DELETE from File WHERE RowID = ?1;");
+  EXPECT_EQ(formatter_.DeleteBound("ClientInformation"), "DELETE from ClientInformation WHERE Name = ?1;");
+}
+
 TEST_F(SnapshotSqlDataFormatterTest, ATableOfOlderVersionsIsKnownByItsNumberAlone) {
   const std::string text = "SnapshotSqlDataFormatter::Select: Invalid table type: ";
   const auto select = [&](const std::string& table) {
