@@ -122,6 +122,19 @@ TEST_F(BaselineTest, WhatWasInTheSpoolsFilesIsWantedAgainWhenTheyAreCleared) {
   EXPECT_FALSE(Wants(*baseline, "/srv/on_its_way"));
 }
 
+TEST_F(BaselineTest, WhatTheClearingTookIsNotRememberedWithTheNextFile) {
+  {
+    const auto baseline = Open();
+    ASSERT_TRUE(baseline->Begin("/srv/cleared"));
+    baseline->NoteSpooled("/srv/cleared", "READ_SUCCESSFUL");
+    baseline->ForgetFiled();
+    Take(*baseline, "/srv/later");
+  }
+  const auto baseline = Open();
+  EXPECT_TRUE(Wants(*baseline, "/srv/cleared"));
+  EXPECT_FALSE(Wants(*baseline, "/srv/later"));
+}
+
 TEST_F(BaselineTest, ATableThatIsDamagedWhenItIsToBeForgottenBeginsAnew) {
   {
     const auto baseline = Open();

@@ -86,6 +86,12 @@ TEST_F(ContentReaderTest, AFileOfTheSameInodeOnAnotherDeviceIsAReadFailure) {
   EXPECT_EQ(ReadFileContent(elsewhere).status, "READ_FAILURE");
 }
 
+TEST_F(ContentReaderTest, AFileWhoseDeviceNobodyToldIsKnownByItsInode) {
+  const common::ImageInfo here = LookedUp(folder_.Write("file", "text"));
+  const common::ImageInfo anywhere("", 644, here.GetInode(), here.GetPath(), 0, "", "", 0, "");
+  EXPECT_EQ(ReadFileContent(anywhere).status, "READ_SUCCESSFUL");
+}
+
 TEST_F(ContentReaderTest, ALinkInTheFilesPlaceIsNotFollowedToAnotherFile) {
   const std::string path = folder_.Write("file", "text");
   const common::ImageInfo object = LookedUp(path);

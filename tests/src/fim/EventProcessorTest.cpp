@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <stdexcept>
+
 #include "common/src/storage/Serializer.h"
 #include "common/src/storage/SqlStorageFactory.h"
 #include "src/fim/BaselineEventSqlDataFormatter.h"
@@ -401,6 +403,17 @@ TEST_F(EventProcessorTest, ABaselineThatTheSpoolCouldNotWriteIsTakenWithTheNextE
   EXPECT_TRUE(storage_.written.empty());
   EXPECT_EQ(baseline_.GetSize(), 0U);
   storage_.write_code = common::StorageCode::Success;
+  processor_.PostProcess({"r1"}, Event(EventType::Delete, "file"));
+  EXPECT_EQ(Stories(), (std::vector<std::string>{"Baseline file", "action file"}));
+}
+
+TEST_F(EventProcessorTest, ABaselineThatAnythingElseKeptFromTheSpoolIsTakenWithTheNextEvent) {
+  AddRule("r1", kTracking);
+  folder_.Write("file", "text");
+  storage_.error = "no memory";
+  EXPECT_THROW(processor_.PostProcess({"r1"}, Event(EventType::Delete, "file")), std::runtime_error);
+  EXPECT_EQ(baseline_.GetSize(), 0U);
+  storage_.error.clear();
   processor_.PostProcess({"r1"}, Event(EventType::Delete, "file"));
   EXPECT_EQ(Stories(), (std::vector<std::string>{"Baseline file", "action file"}));
 }

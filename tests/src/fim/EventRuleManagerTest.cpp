@@ -88,6 +88,25 @@ TEST_F(EventRuleManagerTest, ABadManifestIsSkippedAndTheOthersApply) {
                                                       ": line 1, column 9: Missing mandatory element: fim (key data)"));
 }
 
+TEST_F(EventRuleManagerTest, OfManyMistakesOneLineTellsTheFirstAndHowManyMoreThereAre) {
+  const std::string bad = WriteManifest("bad.json", "{}, " + Rule("r1", "etc"));
+  Make({bad});
+  EXPECT_EQ(log_.Count("Failed to parse manifest " + bad), 1);
+  EXPECT_TRUE(
+      log_.Has(Poco::Message::PRIO_ERROR, ": Missing mandatory element: ruleId (key data.fim.rules[0]) (and 1 more)"))
+      << log_.All();
+}
+
+// Whatever stands behind it in the list.
+TEST_F(EventRuleManagerTest, OneManifestWithRulesIsEnoughToKeepThoseOfABadOne) {
+  const std::string one = WriteManifest("one.json", Rule("r1", "/etc"));
+  Make({one});
+  folder_.Write("one.json", "{");
+  const std::string good = WriteManifest("good.json", Rule("r2", "/srv"));
+  manager_->Update(*ConfigOf({good, WriteManifest("empty.json", ""), one}));
+  EXPECT_EQ(InEngine(), (Installed{{"r1", "/etc"}, {"r2", "/srv"}}));
+}
+
 TEST_F(EventRuleManagerTest, AManifestThatTurnsBadKeepsTheRulesThatItHad) {
   const std::string one = WriteManifest("one.json", Rule("r1", "/etc"), true);
   const std::string two = WriteManifest("two.json", Rule("r2", "/srv"));
@@ -366,6 +385,17 @@ TEST_F(EventRuleManagerTest, AManifestThatTheEngineRefusedIsAppliedWhenItIsTaken
   engine_.FailAdds("");
   engine_.Invalidate();
   EXPECT_EQ(reporter_.Lines().back(), "4002 " + good + " 1 manifest=applied");
+}
+
+TEST_F(EventRuleManagerTest, WhatIsWrongInAManifestIsToldWhenTheEngineFailsToo) {
+  const std::string good = WriteManifest("good.json", Rule("r1", "/etc"));
+  const std::string missing = folder_ / "missing.json";
+  engine_.FailAdds("no kernel");
+  Make({good, missing});
+  EXPECT_EQ(
+      reporter_.Lines(),
+      (std::vector<std::string>{"4002 " + good + " 0 manifest=failed reason=rules not applied: no kernel",
+                                "4002 " + missing + " 0 manifest=failed reason=Failed to read manifest: " + missing}));
 }
 
 }  // namespace

@@ -223,6 +223,7 @@ TEST(EventRuleTest, JudgesWhatLiesElsewhereByItsActionAlone) {
   EXPECT_EQ(rule.Match(Event(EventType::Delete, "/srv/a/b/c")), MatchResult::Matched);
   EXPECT_EQ(rule.Match(Event(EventType::Delete, "/etcetera/a/b")), MatchResult::Matched);
   EXPECT_EQ(rule.Match(Event(EventType::Write, "/srv/a/b/c")), MatchResult::OutOfScope);
+  EXPECT_EQ(rule.Match(Event(EventType::Delete, "a/b/c")), MatchResult::OutOfScope) << "nobody knows where it lies";
   EXPECT_EQ(rule.Match(Event(EventType::Delete, "/etc/passwd")), MatchResult::OutOfScope) << "too deep";
   EXPECT_EQ(rule.Match(Rename("/srv/a", "/srv/b")), MatchResult::Matched);
   EXPECT_EQ(rule.Match(Rename("/srv/a", "/etc/b")), MatchResult::OutOfScope) << "one end is here, and too deep";

@@ -222,6 +222,17 @@ TEST_F(UploadScheduleTest, AStorageThatCannotBeReadEndsTheRun) {
   EXPECT_EQ(SecondsToNextRun(), 60);
 }
 
+TEST_F(UploadScheduleTest, AStorageThatFailsOtherwiseCostsThisRunOnly) {
+  storage_.AddFile("/spool/fim.0001", kFile);
+  storage_.error = "no memory";
+  Run();
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_ERROR, "[FIM]: UploadSchedule: no memory"));
+  EXPECT_EQ(SecondsToNextRun(), 60);
+  storage_.error.clear();
+  Run();
+  EXPECT_EQ(uploader_->Uploads().size(), 1U);
+}
+
 TEST_F(UploadScheduleTest, TheStatusOfTheLastAttemptIsKept) {
   EXPECT_TRUE(schedule_->GetStatus().empty());
   storage_.AddFile("/spool/fim.0001", kFile);

@@ -182,6 +182,15 @@ TEST_F(ManifestCheckTest, ALinkIsWatchedAsItselfAndAsWhatItLeadsTo) {
   EXPECT_NE(printed.find("  r1-1: -a always,exit -F dir=DIR/link -F perm=wa -F key=r1-1\n"), std::string::npos);
 }
 
+TEST_F(ManifestCheckTest, ALinkThatLeadsNowhereIsAWarning) {
+  ASSERT_EQ(symlink("nowhere", (base_ + "/link").c_str()), 0);
+  EXPECT_TRUE(Check("m.json", Manifest(Rule("r1", base_ + "/link"))));
+  const std::string printed = Printed();
+  EXPECT_NE(printed.find("DIR/m.json: warning: Cannot resolve symlink DIR/link\n"), std::string::npos) << printed;
+  EXPECT_NE(printed.find("  r1-1: -a always,exit -F dir=DIR/link -F perm=wa -F key=r1-1\n"), std::string::npos);
+  EXPECT_EQ(printed.find("  r1: "), std::string::npos) << "there is nothing to watch behind it";
+}
+
 TEST_F(ManifestCheckTest, WhatWorksButMayNotBeMeantIsAWarning) {
   EXPECT_TRUE(Check("m.json", Manifest(Rule("r1", base_ + "/not yet") + ",\n" +
                                        R"({"ruleId": "r2", "ruleType": "file", "imagePath": ")" + base_ +
