@@ -81,14 +81,7 @@ case $(cat $DISK/boot) in
     cp /usr/local/bin/file-actor $S/
     write_configuration
     configure cpu_limit 100
-    ioc_manifest $CONF/ioc-manifest.json "$(cat <<RULES
-      {"ruleId": "programs", "ruleType": "Process", "notify": {"process": ["create", "delete"]},
-        "inclusionFilters": [{"filterType": ["patterns"], "patterns": ["$S/*"]}]},
-      {"ruleId": "files", "ruleType": "Directory", "imagePath": "$F", "recursiveDepth": "All",
-        "notify": {"File": ["create", "delete"]}}
-RULES
-    )" ', "heuristicsEnabled": false'
-    ioc_manifests $CONF/ioc-manifest.json
+    watch_programs_and_files $S $F
     start_configured
     # Above all that a start of the machine needs, so that it can come again.
     count_above 1500

@@ -467,6 +467,17 @@ ioc_manifests() {
   configure_ioc manifests "[$list]"
 }
 
+# watch_programs_and_files PROGRAMS FILES: two rules are in force, for the programs of the one folder and for files that come
+# and go in the other; nothing is damped.
+watch_programs_and_files() {
+  ioc_manifest $CONF/ioc-manifest.json "
+    {\"ruleId\": \"programs\", \"ruleType\": \"Process\", \"notify\": {\"process\": [\"create\", \"delete\"]},
+      \"inclusionFilters\": [{\"filterType\": [\"patterns\"], \"patterns\": [\"$1/*\"]}]},
+    {\"ruleId\": \"files\", \"ruleType\": \"Directory\", \"imagePath\": \"$2\", \"recursiveDepth\": \"All\",
+      \"notify\": {\"File\": [\"create\", \"delete\"]}}" ', "heuristicsEnabled": false'
+  ioc_manifests $CONF/ioc-manifest.json
+}
+
 # ioc_came LINE: a line of a batch at the platform begins so. ioc_owes NAME LINE: it comes soon.
 ioc_came() { awk -v line="$1" 'index($0, line) == 1 { came = 1; exit } END { exit !came }' $LOG/receiver.log; }
 

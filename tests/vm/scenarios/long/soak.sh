@@ -390,7 +390,7 @@ expect "and as many rules are in force" is "$(rules)" "$FIRST_RULES"
 stop_all
 
 close_books
-for field in kernelLost queueDropped bytesAtStop eventsDropped leftAtStop unplaced componentDropped spoolRefused notBuilt unsupportedCall fileReplaced; do
+for field in kernelLost queueDropped bytesAtStop eventsDropped leftAtStop unplaced componentDropped spoolRefused spoolRemovedFiles spoolRemovedBytes notBuilt unsupportedCall fileReplaced; do
   echo "$field=$(counted $field)"
 done >/run/counts
 line "counted by the daemons: $(tr '\n' ' ' </run/counts)"
@@ -398,5 +398,6 @@ expect "much was done" [ "$(book done-FIM)" -ge $((MINUTES * 100)) ]
 expect "FIM: what did not come is explained" is "$(book unexplained-FIM)" 0
 expect "IOC: what did not come is explained" is "$(book unexplained-IOC)" 0
 expect "what the full disk has cost is counted" at_most $(($(book refused-FIM) + $(book refused-IOC))) "$(counted spoolRefused)"
+expect "no spool has removed a file to make room" is "$(counted spoolRemovedFiles)" 0
 expect "what came again was under way when somebody died" is "$(book doubled)" 0
 expect "nothing came that nobody did" is "$(book strange)" 0
