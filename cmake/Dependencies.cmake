@@ -1,4 +1,5 @@
-# Every library that the daemon and the tools stand on, each as one imported target. libnats is the tools' alone.
+# Every library that the daemon and the tools stand on, each as one imported target. libnats and d3
+# are the tools' alone.
 find_package(Threads REQUIRED)
 find_package(OpenSSL REQUIRED)
 find_package(CURL REQUIRED)
@@ -15,6 +16,7 @@ pkg_check_modules(PROXY REQUIRED IMPORTED_TARGET libproxy-1.0)
 pkg_check_modules(NATS REQUIRED IMPORTED_TARGET libnats)
 
 find_path(RAPIDJSON_INCLUDE_DIR rapidjson/document.h REQUIRED)
+find_file(D3_SCRIPT d3.min.js PATHS /usr/share/javascript/d3 NO_DEFAULT_PATH REQUIRED)
 
 if(OSTREL_TESTS)
   find_package(GTest REQUIRED)

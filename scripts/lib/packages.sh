@@ -5,7 +5,8 @@
 PACKAGES=(
   build-essential cmake ninja-build ccache mold pkg-config git
   libaudit-dev libauparse-dev libcurl4-openssl-dev libssl-dev liblzma-dev libmagic-dev libpoco-dev libproxy-dev libsqlite3-dev
-  libprotobuf-dev libnats-dev protobuf-compiler rapidjson-dev libgtest-dev libgmock-dev libbenchmark-dev clang-format clang-tidy
+  libprotobuf-dev libnats-dev protobuf-compiler rapidjson-dev libjs-d3 libgtest-dev libgmock-dev libbenchmark-dev
+  clang-format clang-tidy
 )
 # What boots a real kernel around them.
 PACKAGES+=(qemu-system-x86 busybox-static cpio zstd libmagic-mgc e2fsprogs btrfs-progs rsync)

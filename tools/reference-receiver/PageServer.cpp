@@ -33,6 +33,7 @@ using Time = std::chrono::steady_clock::time_point;
 constexpr milliseconds kBetweenPortions{100};
 constexpr milliseconds kBetweenBooks{1000};
 constexpr milliseconds kBooksAtLatest{5000};
+constexpr int kMaxReads = 16;  // of a connection in a turn
 
 std::string RandomText(std::size_t bytes) {
   std::string random(bytes, '\0');
@@ -235,9 +236,11 @@ class PageServer::Loop {
     if (waits_for_it && now >= connection.deadline) connection.state = State::Closed;
   }
 
+  // Of whoever sends without an end so much is taken as leaves the others their turn, and time to see its deadline.
   void Receive(Connection& connection, Time now) {
     std::array<char, 4096> buffer{};
-    while (connection.state != State::Closed && connection.state != State::Answer) {
+    for (int reads = 0; reads < kMaxReads; ++reads) {
+      if (connection.state == State::Closed || connection.state == State::Answer) return;
       const ssize_t count = recv(connection.fd.Get(), buffer.data(), buffer.size(), 0);
       if (count < 0 && errno == EINTR) continue;
       if (count < 0 && errno == EAGAIN) return;

@@ -21,6 +21,7 @@ using common::util::FindMember;
 constexpr std::size_t kMaxText = 4096;      // bytes of a name, of a command line
 constexpr std::size_t kMaxContent = 8192;   // characters of base64
 constexpr std::size_t kMaxArguments = 256;  // of an ancestor
+constexpr std::size_t kMaxId = 128;         // of a process; the daemon's have 64
 constexpr std::size_t kMaxRules = 32;
 constexpr std::size_t kMaxFields = 32;
 
@@ -218,12 +219,17 @@ void Begin(ObjectWriter& out, const Message& message, const char* what, const st
   WriteActor(out, message.actor());
 }
 
+// An id that is too long to be kept is none: its process is known by its pid.
+std::string IdOf(const std::string& id) {
+  return id.size() > kMaxId ? "" : id;
+}
+
 template <typename Message>
 Placed End(const Message& message, ObjectWriter& out, int rank) {
   const wire::Actor& actor = message.actor();
   return {message.timestamp(),
           rank,
-          {out.Take(), actor.uniqueprocessid(), actor.processid(), Cut(actor.imagepath(), kMaxText),
+          {out.Take(), IdOf(actor.uniqueprocessid()), actor.processid(), Cut(actor.imagepath(), kMaxText),
            Cut(actor.username(), kMaxArguments), std::nullopt}};
 }
 
@@ -271,8 +277,8 @@ Placed IocEvent(const wire::ProcessEvent& event) {
   // An end may have lost its parent by now; its pid is still told.
   if (placed.event.actor_pid == 0) placed.event.actor_pid = event.parentprocessid();
   if (is_start) {
-    placed.event.start = {event.uniqueid(),
-                          event.actor().uniqueprocessid(),
+    placed.event.start = {IdOf(event.uniqueid()),
+                          IdOf(event.actor().uniqueprocessid()),
                           event.processid(),
                           event.parentprocessid(),
                           Cut(event.imagepath(), kMaxText),

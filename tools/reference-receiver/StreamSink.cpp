@@ -124,6 +124,12 @@ StreamSink::Outcome StreamSink::Publish(const StreamSession& session, natsMsg* m
   jsErrCode code{};
   const natsStatus status = js_PublishMsg(&raw, session.JetStream(), message, &options, &code);
   const NatsPtr<jsPubAck> ack(raw);
+  // The engine knows an id from the moment it comes. Without a place in the stream nothing is stored under it yet, and
+  // may never be: its leader can go first.
+  if (status == NATS_OK && ack && ack->Sequence == 0) {
+    why = "the engine has not stored it yet";
+    return Outcome::Failed;
+  }
   if (status == NATS_OK) return ack && ack->Duplicate ? Outcome::Repeated : Outcome::Kept;
   why = NatsErrorText(status);
   if (status == NATS_MAX_PAYLOAD || code == JSStreamMessageExceedsMaximumErr) {

@@ -1,6 +1,7 @@
 // What comes behind the stream: the consumer as a program, alone, several of one name, and with everything away.
 #include <gmock/gmock.h>
 
+#include <array>
 #include <set>
 #include <sstream>
 
@@ -130,6 +131,44 @@ TEST_F(ConsumerTest, ReadsOneCustomerAlone) {
   sink->Add(Payload("{}", "id-2"), {});
   EXPECT_THAT(PrintedBy(*Consume({"--name", "others", "--customer", "other", "--json"})),
               ElementsAre(HasSubstr(R"("id":"id-1")")));
+}
+
+TEST_F(ConsumerTest, ReadsAStreamOfSomeCustomersThatSomebodyElseHasMade) {
+  server_.Start();
+  tools::StreamOptions stream = StreamAt(server_);
+  stream.name = "NORTH";
+  {
+    const tools::StreamSession session(stream);
+    const std::string one = std::string("edr.") + kCustomer + ".>";
+    std::array<const char*, 2> subjects{one.c_str(), "edr.other.>"};
+    jsStreamConfig config;
+    jsStreamConfig_Init(&config);
+    config.Name = "NORTH";
+    config.Subjects = subjects.data();
+    config.SubjectsLen = subjects.size();
+    jsStreamInfo* info = nullptr;
+    jsErrCode code{};
+    ASSERT_EQ(NATS_OK, js_AddStream(&info, session.JetStream(), &config, nullptr, &code));
+    const tools::NatsPtr<jsStreamInfo> owned(info);
+  }
+  tools::StreamSink sink(stream, [](const std::string&) {});
+  sink.Add(Payload("{}", "id-1"), {});
+  EXPECT_THAT(PrintedBy(*Consume({"--stream-name", "NORTH", "--json"})), ElementsAre(HasSubstr(R"("id":"id-1")")));
+}
+
+TEST_F(ConsumerTest, AcknowledgesEverythingThatItHasPrinted) {
+  server_.Start();
+  const auto sink = Sink();
+  for (int i = 0; i < 20; ++i) sink->Add(Payload("{}", "id-" + std::to_string(i)), {});
+  EXPECT_THAT(PrintedBy(*Consume()), SizeIs(20));
+  const tools::StreamSession session(StreamAt(server_));
+  jsConsumerInfo* info = nullptr;
+  jsErrCode code{};
+  ASSERT_EQ(NATS_OK, js_GetConsumerInfo(&info, session.JetStream(), "EDR", "reference-consumer", nullptr, &code));
+  EXPECT_EQ(js_AckExplicit, info->Config->AckPolicy);
+  EXPECT_EQ(0, info->NumAckPending) << "nothing would come again";
+  EXPECT_EQ(20U, info->AckFloor.Stream);
+  jsConsumerInfo_Destroy(info);
 }
 
 TEST_F(ConsumerTest, AcknowledgesOnlyWhatItHasPrinted) {

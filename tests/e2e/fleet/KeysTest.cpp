@@ -128,9 +128,17 @@ TEST_F(KeysTest, KeepsTheAgentsThatItHasWhenTheFileBreaksAndSaysSoOnce) {
   EXPECT_THAT(said_, ElementsAre("error: keys file: line 1: not a customer id, an agent id and an activation id; the "
                                  "agents read before stay"));
   std::filesystem::remove(folder_ / "keys");
-  clock_.Advance(AgentKeys::kLookInterval);
-  EXPECT_TRUE(keys->Find("a1"));
+  for (int i = 0; i < 5; ++i) {
+    clock_.Advance(AgentKeys::kLookInterval);
+    EXPECT_TRUE(keys->Find("a1"));
+  }
   EXPECT_THAT(said_, SizeIs(2));
+  WriteKeys("c1 a2 x2\n", 0644);
+  for (int i = 0; i < 5; ++i) {
+    clock_.Advance(AgentKeys::kLookInterval);
+    EXPECT_TRUE(keys->Find("a1"));
+  }
+  EXPECT_THAT(said_, SizeIs(3)) << "one line for each way in which it is broken";
   WriteKeys("c1 a2 x2\n");
   clock_.Advance(AgentKeys::kLookInterval);
   EXPECT_TRUE(keys->Find("a2"));
@@ -162,7 +170,9 @@ TEST_F(KeysTest, HoldsAHundredThousandAgentsInAHundredMegabytes) {
   const std::size_t after = ResidentBytes();
   const std::size_t grown = after > before ? after - before : 0;
   RecordProperty("bytes_per_agent", static_cast<int>(grown / 100'000));
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they keep what was freed, and books of it
   EXPECT_LT(grown, 100'000'000U);
+#endif
 }
 
 TEST_F(KeysTest, AReceiverTakesEachAgentsUploadsByItsOwnKeys) {

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <sys/wait.h>
+
+#include <csignal>
 #include <memory>
 #include <string>
 
@@ -26,6 +29,12 @@ class NatsServer {
     }
   }
   void Kill() { process_.reset(); }
+  // It neither takes nor answers anything, and nobody is told so.
+  void Halt() const {
+    kill(process_->Pid(), SIGSTOP);
+    waitpid(process_->Pid(), nullptr, WUNTRACED);  // until each of its threads has halted
+  }
+  void GoOn() const { kill(process_->Pid(), SIGCONT); }
 
   [[nodiscard]] std::string Address() const { return "127.0.0.1:" + std::to_string(port_); }
   [[nodiscard]] std::string Url() const { return "nats://" + Address(); }

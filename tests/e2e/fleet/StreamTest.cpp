@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <future>
 
 #include "tests/e2e/fleet/EngineAccount.h"
 #include "tests/e2e/fleet/StreamFixture.h"
@@ -110,13 +111,27 @@ TEST_F(StreamTest, KnowsAnUploadAgainWhicheverReceiverItComesTo) {
   EXPECT_THAT(ReadAll(StreamAt(server_)), SizeIs(4));
 }
 
+TEST_F(StreamTest, AnUploadWhoseFirstTryWasAnsweredTooLateIsNewAndThereOnce) {
+  server_.Start();
+  tools::StreamOptions stream = StreamAt(server_);
+  stream.ack_wait = std::chrono::seconds(30);
+  const auto sink = Sink(stream);
+  server_.Halt();
+  auto added = std::async(std::launch::async, [&] { return sink->Add(Payload("{}", "id-1"), {}); });
+  EXPECT_EQ(std::future_status::timeout, added.wait_for(std::chrono::seconds(2))) << "its first try has ended";
+  server_.GoOn();
+  EXPECT_TRUE(added.get());
+  EXPECT_FALSE(sink->Add(Payload("{}", "id-1"), {}));
+  EXPECT_THAT(ReadAll(stream), SizeIs(1));
+}
+
 TEST_F(StreamTest, RefusesWithout503NothingThatTheEngineHasNotTaken) {
   tools::StreamOptions stream = StreamAt(server_);
   stream.ack_wait = std::chrono::milliseconds(300);
   StartPublishing(stream);
   ASSERT_TRUE(AwaitLine("error: stream: cannot connect"));
-  EXPECT_EQ(503, StatusOf(kDocument));
-  EXPECT_EQ(503, StatusOf(kDocument));
+  // Meanwhile the engine is looked for again and again, each second.
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(503, StatusOf(kDocument));
   EXPECT_THAT(Lines(), Contains("rejected: not kept: the engine is away"));
   EXPECT_EQ(1U, CountLines("error: ")) << "one line for an outage, whatever comes";
   server_.Start();
@@ -177,6 +192,44 @@ TEST_F(StreamTest, RefusesWhatAFullStreamCannotTake) {
   EXPECT_THAT(ReadAll(stream), SizeIs(3)) << "what is there stays";
 }
 
+TEST_F(StreamTest, MakesTheStreamThatItIsToldToAndUsesOneThatIsThereAsItIs) {
+  using std::chrono::nanoseconds;
+  server_.Start();
+  tools::StreamOptions stream = StreamAt(server_);
+  stream.name = "FIRST";
+  Sink(stream);
+  const tools::StreamSession session(stream);
+  const auto made = [&](const char* name) {
+    jsStreamInfo* info = nullptr;
+    jsErrCode code{};
+    EXPECT_EQ(NATS_OK, js_GetStreamInfo(&info, session.JetStream(), name, nullptr, &code));
+    return tools::NatsPtr<jsStreamInfo>(info);
+  };
+  auto info = made("FIRST");
+  ASSERT_EQ(1, info->Config->SubjectsLen);
+  EXPECT_STREQ("edr.>", info->Config->Subjects[0]);
+  EXPECT_EQ(js_FileStorage, info->Config->Storage);
+  EXPECT_EQ(js_LimitsPolicy, info->Config->Retention) << "what was read stays for others";
+  EXPECT_EQ(js_DiscardNew, info->Config->Discard);
+  EXPECT_EQ(64LL << 20U, info->Config->MaxBytes);
+  EXPECT_EQ(nanoseconds(std::chrono::days(7)).count(), info->Config->MaxAge);
+  EXPECT_EQ(nanoseconds(std::chrono::hours(1)).count(), info->Config->Duplicates);
+
+  stream.max_age = std::chrono::hours(2);
+  Sink(stream);
+  EXPECT_EQ(nanoseconds(std::chrono::days(7)).count(), made("FIRST")->Config->MaxAge) << "it was there";
+  jsErrCode code{};
+  ASSERT_EQ(NATS_OK, js_DeleteStream(session.JetStream(), "FIRST", nullptr, &code));
+
+  // A window cannot be longer than what the stream keeps.
+  stream.name = "SECOND";
+  stream.duplicate_window = std::chrono::hours(3);
+  Sink(stream);
+  info = made("SECOND");
+  EXPECT_EQ(nanoseconds(std::chrono::hours(2)).count(), info->Config->MaxAge);
+  EXPECT_EQ(nanoseconds(std::chrono::hours(2)).count(), info->Config->Duplicates);
+}
+
 TEST_F(StreamTest, LetsTheOldestGiveWayWhenAskedTo) {
   server_.Start();
   tools::StreamOptions stream = StreamAt(server_);
@@ -214,6 +267,17 @@ TEST_F(StreamTest, SaysOnceThatItsLoginIsWrongAndTakesTheRightOne) {
   folder_.Write("login", "receiver secret\n");
   ASSERT_TRUE(AwaitLine("stream: connected to "));
   EXPECT_EQ(200, StatusOf(kDocument));
+}
+
+TEST_F(StreamTest, NeverShowsThePasswordOfAnAddress) {
+  NatsServer closed("authorization { user: receiver, password: secret }\n");
+  closed.Start();
+  tools::StreamOptions stream = StreamAt(closed);
+  stream.urls = "nats://receiver:secret@" + closed.Address();
+  StartPublishing(stream);
+  ASSERT_TRUE(AwaitLine("stream: connected to "));
+  EXPECT_THAT(Lines(), Contains(StartsWith("stream: connected to ")));
+  EXPECT_THAT(Lines(), Not(Contains(HasSubstr("secret"))));
 }
 
 TEST_F(StreamTest, UsesNoLoginThatOthersCanRead) {
@@ -356,6 +420,47 @@ TEST_F(StreamTest, GoesToFilesOrToAStream) {
   tools::ReceiverOptions options = PublishingTo(StreamAt(server_));
   options.store_folder = folder_ / "store";
   EXPECT_THROW(StartReceiver(options), std::invalid_argument);
+}
+
+TEST(StreamOptionsTest, AreAsDocumentedWhenNothingIsSaid) {
+  const tools::StreamOptions options;
+  EXPECT_EQ("EDR", options.name);
+  EXPECT_EQ(3U, options.replicas);
+  EXPECT_EQ(10LL << 30U, options.max_bytes);
+  EXPECT_EQ(std::chrono::days(7), options.max_age);
+  EXPECT_EQ(std::chrono::hours(1), options.duplicate_window);
+  EXPECT_FALSE(options.drop_oldest);
+  EXPECT_EQ(std::chrono::seconds(5), options.ack_wait);
+}
+
+TEST(StreamOptionsTest, TakeEachSwitchInItsUnit) {
+  tools::StreamOptions options;
+  for (const auto& [name, value] : {std::pair{"stream", "nats://a,b"},
+                                    {"stream-name", "N"},
+                                    {"stream-login", "login"},
+                                    {"stream-credentials", "credentials"},
+                                    {"stream-ca", "ca"},
+                                    {"stream-cert", "certificate"},
+                                    {"stream-key", "key"},
+                                    {"stream-replicas", "5"},
+                                    {"stream-size", "2"},
+                                    {"stream-age", "3"},
+                                    {"stream-window", "4"},
+                                    {"stream-ack", "700"}}) {
+    EXPECT_TRUE(tools::ApplyStreamSwitch(options, name, value)) << name;
+  }
+  EXPECT_EQ("nats://a,b", options.urls);
+  EXPECT_EQ("N", options.name);
+  EXPECT_EQ("login", options.login_file);
+  EXPECT_EQ("credentials", options.credentials_file);
+  EXPECT_EQ("ca", options.ca_file);
+  EXPECT_EQ("certificate", options.certificate_file);
+  EXPECT_EQ("key", options.key_file);
+  EXPECT_EQ(5U, options.replicas);
+  EXPECT_EQ(2LL << 20U, options.max_bytes);
+  EXPECT_EQ(std::chrono::hours(3), options.max_age);
+  EXPECT_EQ(std::chrono::minutes(4), options.duplicate_window);
+  EXPECT_EQ(std::chrono::milliseconds(700), options.ack_wait);
 }
 
 TEST(StreamOptionsTest, SaysWhatIsWrongWithAValue) {

@@ -5,6 +5,7 @@
 #include <set>
 
 #include "tests/e2e/fleet/StreamFixture.h"
+#include "tests/fakes/FakeHttpServer.h"
 #include "tools/agent-swarm/PreparedDocuments.h"
 #include "tools/agent-swarm/SpoolDocument.h"
 #include "tools/agent-swarm/Swarm.h"
@@ -85,6 +86,7 @@ TEST_F(SwarmTest, EveryUploadOfManyAgentsIsInTheStreamOnce) {
   tools::SwarmOptions swarm = Swarm(7);
   swarm.repeated_percent = 50;
   swarm.patience = std::chrono::minutes(1);  // an engine on a busy disk answers late
+  swarm.per_second = 100;                    // a stream has room for so many
   tools::ReceiverOptions options = PublishingTo(StreamAt(server));
   options.keys_file = folder_ / "keys";
   StartReceiver(options);
@@ -98,10 +100,11 @@ TEST_F(SwarmTest, EveryUploadOfManyAgentsIsInTheStreamOnce) {
   EXPECT_EQ(0U, account.lost);
   EXPECT_EQ(0U, account.doubled);
   EXPECT_GT(CountLines("repeated: "), 0U);
-  EXPECT_LE(receiver_->GetConnectionCount(), result.uploads.size() / 10) << "connections are kept";
+  EXPECT_LE(receiver_->GetConnectionCount(), std::max<std::size_t>(swarm.senders, result.uploads.size() / 10))
+      << "connections are kept";
   std::set<std::string> subjects;
   for (const auto& message : ReadAll(StreamAt(server))) subjects.insert(message.subject);
-  EXPECT_THAT(subjects, SizeIs(7)) << "every agent has sent, by either version";
+  EXPECT_THAT(subjects, SizeIs(7)) << "every agent has sent";
 }
 
 TEST_F(SwarmTest, AnUploadComesUntilItIsAccepted) {
@@ -128,6 +131,42 @@ TEST_F(SwarmTest, AnUploadComesUntilItIsAccepted) {
   EXPECT_EQ(result.uploads.size(), receiver_->GetPayloads().size()) << "each is kept once";
   EXPECT_EQ(1U, begun);
   EXPECT_GT(result.processor.count(), 0);
+}
+
+TEST_F(SwarmTest, EachAgentSignsByItsOwnKeyIdAndEverySecondByTheOtherVersion) {
+  tools::SwarmOptions swarm = Swarm(4);
+  fakes::FakeHttpServer platform({fakes::FakeHttpServer::Answer("200 OK")});
+  swarm.url = platform.Url("");
+  swarm.ca_file = "";
+  swarm.per_second = 20;
+  swarm.duration = std::chrono::seconds(1);
+  ASSERT_GE(tools::RunSwarm(swarm).uploads.size(), 4U);
+  std::set<std::string> who;
+  for (const auto& request : platform.Requests()) {
+    const std::string authorization = request.Header("X-OSTL-Authorization");
+    who.insert(authorization.substr(0, authorization.rfind(':')));
+  }
+  std::set<std::string> expected;
+  for (std::size_t i = 0; i < swarm.agents.size(); ++i) {
+    expected.insert((i % 2 == 0 ? "ZHmacV2Auth " : "ZHmacV1Auth ") + swarm.agents[i].agent_id);
+  }
+  EXPECT_EQ(expected, who);
+}
+
+TEST_F(SwarmTest, ARepeatThatIsRefusedIsCounted) {
+  tools::SwarmOptions swarm = Swarm(1);
+  fakes::FakeHttpServer platform({fakes::FakeHttpServer::Answer("200 OK"), fakes::FakeHttpServer::Answer("503 Busy")});
+  swarm.url = platform.Url("");
+  swarm.ca_file = "";
+  swarm.senders = 1;
+  swarm.further_attempts = 0;
+  swarm.repeated_percent = 100;
+  swarm.duration = std::chrono::seconds(1);
+  swarm.patience = std::chrono::seconds(0);
+  const auto result = tools::RunSwarm(swarm);
+  ASSERT_THAT(result.uploads, SizeIs(1));
+  EXPECT_TRUE(result.uploads[0].is_accepted && result.uploads[0].is_repeated);
+  EXPECT_EQ(1U, result.refused_repeats);
 }
 
 TEST_F(SwarmTest, MoreConnectionsThanThreadsAllHaveTheirTurn) {

@@ -9,10 +9,13 @@ FOLDER of the data has payloads of a guest with a real kernel, as the receiver h
 import argparse
 import glob
 import os
+import signal
+import socket
 import sys
 import threading
 import time
 import unittest
+import urllib.parse
 
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
@@ -20,7 +23,7 @@ from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.support.ui import Select, WebDriverWait
 
-from receiver import PATIENCE, STATUS, Receiver, event
+from receiver import AGENT, OTHER_AGENT, PATIENCE, STATUS, Receiver, event
 
 MARKUP = "/srv/watched/<img src=x onerror=alert(1)>"
 TURNED = "/srv/watched/harmless-\u202egpj.sh"
@@ -165,22 +168,27 @@ class PageTest(unittest.TestCase):
         self.await_count("0 of 3 shown")
         self.choose("#filter-kind", "file integrity")
         self.await_count("3 shown")
+        self.receiver.upload_events([event("/srv/watched/elsewhere")], agent=OTHER_AGENT)
+        self.await_count("4 shown")
         agents = [option.text for option in Select(self.find("#filter-agent")).options]
-        self.assertEqual(2, len(agents))
-        self.choose("#filter-agent", agents[1])
-        self.await_count("3 shown")
+        self.assertEqual(["all", OTHER_AGENT, AGENT], agents)
+        self.choose("#filter-agent", OTHER_AGENT)
+        self.await_count("1 of 4 shown")
+        self.assertEqual(["/srv/watched/elsewhere"], self.rows())
+        self.choose("#filter-agent", AGENT)
+        self.await_count("3 of 4 shown")
         # What comes later is filtered as well.
         self.type_into("#filter-path", "later")
         self.receiver.upload_events([event("/srv/watched/later"), event("/srv/watched/other")])
-        self.await_count("1 of 5 shown")
+        self.await_count("1 of 6 shown")
 
     def test_names_are_text_whatever_they_hold(self):
-        control = "/srv/watched/line\nend\x1b[31m\x9b\u200b\\x"
+        control = "/srv/watched/line\nend\x1b[31m\x9b\u200b\u034f\ufe0f\\x"
         self.receiver.upload_events([event(MARKUP), event(TURNED), event(control, user="<b>eve</b>")])
         self.await_count("3 shown")
         self.assertEqual(
             [
-                r"/srv/watched/line\x0aend\x1b[31m\x9b\u{200b}\\x",
+                r"/srv/watched/line\x0aend\x1b[31m\x9b\u{200b}\u{34f}\u{fe0f}\\x",
                 r"/srv/watched/harmless-\u{202e}gpj.sh",
                 MARKUP,
             ],
@@ -196,7 +204,7 @@ class PageTest(unittest.TestCase):
         marked = self.browser.execute_script(
             "return [...document.querySelectorAll('#details-title .escape')].map((escape) => escape.textContent)"
         )
-        self.assertEqual(["\\x0a", "\\x1b", "\\x9b", "\\u{200b}", "\\\\"], marked)
+        self.assertEqual(["\\x0a", "\\x1b", "\\x9b", "\\u{200b}", "\\u{34f}", "\\u{fe0f}", "\\\\"], marked)
         # What one sees is what one can look for.
         self.type_into("#filter-path", r"\u{202e}")
         self.await_count("1 of 3 shown")
@@ -316,12 +324,18 @@ class PageTest(unittest.TestCase):
             self.assertIn(name, reached)
         self.find("#list").send_keys(Keys.ARROW_DOWN, Keys.ARROW_DOWN)
         self.wait_for("the second", lambda: self.text("#details-title") == "Write: /srv/watched/48")
+        for keys, number in ((Keys.PAGE_DOWN, 38), (Keys.ARROW_UP, 39), (Keys.PAGE_UP, 49), (Keys.END, 0), (Keys.HOME, 49)):
+            self.find("#list").send_keys(keys)
+            self.wait_for(number, lambda number=number: self.text("#details-title") == f"Write: /srv/watched/{number}")
         self.find("#list").send_keys(Keys.END)
         self.wait_for("the last", lambda: self.text("#details-title") == "Write: /srv/watched/0")
         active = self.find("#list").get_attribute("aria-activedescendant")
         self.assertEqual("true", self.find(f"#{active}").get_attribute("aria-selected"))
         self.find("#list").send_keys(Keys.ENTER)
         self.assertEqual("details-title", self.browser.switch_to.active_element.get_attribute("id"))
+        chain.reset_actions()
+        chain.send_keys(Keys.TAB).perform()
+        self.assertEqual("details-close", self.browser.switch_to.active_element.get_attribute("id"))
         self.browser.switch_to.active_element.send_keys(Keys.ESCAPE)
         self.wait_for("it to close", lambda: not self.find("#details").is_displayed())
         self.assertEqual("list", self.browser.switch_to.active_element.get_attribute("id"))
@@ -339,6 +353,89 @@ class PageTest(unittest.TestCase):
         self.assertEqual("1 bad", self.text("#tile-health"))
         self.assertIn("17 records that the kernel dropped", self.text("#health-body"))
 
+    def test_an_upload_that_comes_again_is_in_the_list_once(self):
+        for _ in range(2):
+            self.receiver.upload_events([event("/srv/watched/one")], request_id="7c1f0a52-93be-4d08-a6e4-51b2c8d97f30")
+        self.wait_for("the books", lambda: "Uploads accepted1" in self.text("#books-body"))
+        self.wait_for("the repeat", lambda: "Came again1" in self.text("#books-body"))
+        self.await_count("1 shown")
+
+    def test_what_is_bad_is_said_in_words(self):
+        row = b'{"status":[{"dateTime":"2024-05-01T10:20:30Z","contextId":"EDR","statusCode":4004,"state":0,"additionalFields":'
+        self.receiver.upload(row + b'{"kernelLost":0,"auditSilent":"audit is switched off"}}]}', STATUS)
+        self.wait_for("silence", lambda: "audit is silent: audit is switched off" in self.text("#health-body"))
+        self.receiver.upload(row + b'{"kernelLost":0,"intakeEnded":"audit channel: no kernel"}}]}', STATUS)
+        self.wait_for("the end", lambda: "the intake has ended: audit channel: no kernel" in self.text("#health-body"))
+        self.assertNotIn("nothing lost", self.text("#health-body"))
+
+    def test_the_chart_shows_the_rate_of_each_kind(self):
+        self.receiver.upload_events([event(f"/srv/watched/{number}") for number in range(300)])
+        label = "return document.querySelector('#chart svg')?.getAttribute('aria-label') ?? ''"
+        self.wait_for("the rate", lambda: "File integrity: 5 a second" in self.browser.execute_script(label))
+        self.assertIn("Indicators: 0 a second, Health: 0 a second in the last minute", self.browser.execute_script(label))
+        self.assertEqual("File integrity 5Indicators 0Health 0in the last minute", self.text("#legend"))
+        self.assertEqual("5.0", self.text("#tile-rate"))
+        heights = """return ['fim', 'ioc', 'health'].map(
+                       (kind) => document.querySelector(`#chart .line.${kind}`).getBBox().height)"""
+        of_files, *of_others = self.browser.execute_script(heights)
+        self.assertGreater(of_files, 50, "300 in five seconds are a peak of 60 a second")
+        self.assertEqual([0, 0], of_others)
+        scale = self.browser.execute_script("return [...document.querySelectorAll('#chart text')].map((text) => text.textContent)")
+        for text in ("0", "60", "now", "15 min ago"):
+            self.assertIn(text, scale)
+        chart = self.find("#chart")
+        webdriver.ActionChains(self.browser).move_to_element_with_offset(chart, 20 - chart.size["width"] // 2, 0).perform()
+        self.wait_for("the time under the pointer", lambda: self.text("#legend").endswith("14.9 min ago"))
+        self.assertEqual("File integrity 0", self.text("#legend li"))
+
+    def test_choices_that_have_no_room_are_said_to_be_missing(self):
+        self.receiver.upload_events([event("/srv/watched/one", f"Action-{number:03}") for number in range(201)])
+        self.await_count("201 shown")
+        actions = [option.text for option in Select(self.find("#filter-action")).options]
+        self.assertEqual(["all", "Action-000"], actions[:2])
+        self.assertEqual(["Action-199", "more are not listed"], actions[-2:])
+        self.assertEqual(202, len(actions))
+
+    def test_texts_can_be_read_in_light_and_in_dark(self):
+        # Contrast as WCAG reckons it, of each text against the first ground behind it: 4.5 is what small texts need.
+        contrasts = """
+            const canvas = document.createElement('canvas').getContext('2d', { willReadFrequently: true });
+            const rgb = (color) => {
+              canvas.fillStyle = color;
+              canvas.fillRect(0, 0, 1, 1);
+              return [...canvas.getImageData(0, 0, 1, 1).data].slice(0, 3);
+            };
+            const luminance = (color) => {
+              const [r, g, b] = rgb(color).map((x) => x / 255).map((x) => x <= 0.03928 ? x / 12.92 : ((x + 0.055) / 1.055) ** 2.4);
+              return 0.2126 * r + 0.7152 * g + 0.0722 * b;
+            };
+            const ground = (element) => {
+              const color = getComputedStyle(element).backgroundColor;
+              return color === 'rgba(0, 0, 0, 0)' ? ground(element.parentElement) : color;
+            };
+            const found = {};
+            for (const element of document.querySelectorAll('body *')) {
+              const says = [...element.childNodes].some((node) => node.nodeType === Node.TEXT_NODE && node.data.trim());
+              if (!says || element.disabled || !element.checkVisibility()) continue;
+              const style = getComputedStyle(element);
+              const of = [element instanceof SVGElement ? style.fill : style.color, ground(element)].map(luminance);
+              found[`${element.tagName} ${element.className} ${element.textContent.slice(0, 20)}`] =
+                (Math.max(...of) + 0.05) / (Math.min(...of) + 0.05);
+            }
+            return [luminance(getComputedStyle(document.body).backgroundColor), found];"""
+        losses = b'{"status":[{"contextId":"EDR","statusCode":4004,"state":0,"additionalFields":{"kernelLost":17}}]}'
+        self.upload_real_events()
+        self.receiver.upload(losses, STATUS)
+        self.receiver.upload_events([event(TURNED)])
+        self.click_row("harmless")
+        self.wait_for("the losses", lambda: self.text("#tile-lost") == "17")
+        for scheme in ("light", "dark"):
+            self.appearance(scheme)
+            ground, found = self.browser.execute_script(contrasts)
+            self.assertEqual(scheme, "light" if ground > 0.5 else "dark")
+            self.assertGreater(len(found), 50)
+            self.assertEqual({}, {text: contrast for text, contrast in found.items() if contrast < 4.5}, scheme)
+
     def test_a_receiver_that_goes_away_and_comes_back_is_told_in_words(self):
         self.may_complain = True
         self.receiver.upload_events([event("/srv/watched/one")])
@@ -349,6 +446,35 @@ class PageTest(unittest.TestCase):
         self.assertEqual(["/srv/watched/one"], self.rows(), "what was there is still shown")
         self.receiver = Receiver(arguments.receiver, page=port)
         self.await_link("The receiver was started anew: open the address that it prints now.")
+
+    def test_a_receiver_that_says_nothing_any_more_is_told_in_words(self):
+        self.receiver.process.send_signal(signal.SIGSTOP)
+        self.await_link("No word from the receiver. Trying again…")
+        self.receiver.process.send_signal(signal.SIGCONT)
+        self.await_link("Live")
+
+    def test_a_receiver_without_room_for_one_more_page_is_told_in_words(self):
+        self.may_complain = True
+        page = urllib.parse.urlsplit(self.receiver.page)
+        request = f"GET {page.path}events HTTP/1.1\r\nHost: {page.netloc}\r\n\r\n".encode()
+        self.browser.get("about:blank")
+        others = []
+
+        def others_after_one_more():
+            other = socket.create_connection((page.hostname, page.port))
+            other.sendall(request)
+            if other.recv(15) == b"HTTP/1.1 200 OK":
+                others.append(other)
+            else:
+                other.close()
+            return len(others)
+
+        self.wait_for("no more room", lambda: others_after_one_more() == 32)
+        self.browser.get(self.receiver.page)
+        self.await_link("The receiver has no room for one more page. Trying again…")
+        for other in others:
+            other.close()
+        self.await_link("Live")
 
     def test_real_file_events_look_like_this(self):
         self.upload_real_events()

@@ -20,6 +20,8 @@ import uuid
 CUSTOMER = "0f6c2d4e-9a51-4f5e-8a4e-5a1d3c7b9e20"
 AGENT = "7d1b8f2c-3e64-4c0a-b1f7-2c9e5d8a6b41"
 ACTIVATION = "c3a9e5d1-6b28-47f0-9d3c-8e1f4a7b2c65"
+OTHER_AGENT = "2e5f9a17-40c8-4d63-b7a9-6f1c0d8e3b52"  # of a keys file beside it
+OTHER_ACTIVATION = "9b4e7c20-15d3-4a8f-8e62-d07c3f5a1b94"
 CONSTANT = b"12f76251f53ba76746e0c6112777014cce0e7c876efa86cc"
 
 FIM = "/v1/fim/events"
@@ -36,7 +38,10 @@ class Receiver:
         self.folder = tempfile.TemporaryDirectory()
         ca = os.path.join(self.folder.name, "ca.pem")
         self.lines = queue.Queue()
-        arguments = ["--customer", CUSTOMER, "--agent", AGENT, "--activation", ACTIVATION]
+        keys = os.path.join(self.folder.name, "keys")
+        with open(os.open(keys, os.O_WRONLY | os.O_CREAT, 0o600), "w", encoding="ascii") as file:
+            file.write(f"{CUSTOMER} {OTHER_AGENT} {OTHER_ACTIVATION}\n")
+        arguments = ["--customer", CUSTOMER, "--agent", AGENT, "--activation", ACTIVATION, "--keys", keys]
         arguments += ["--ca-out", ca, "--port", str(port), "--page", str(page)]
         self.process = subprocess.Popen([program, *arguments], stdout=subprocess.PIPE, text=True, errors="replace")
         atexit.register(self.process.kill)  # nothing of a test that could not begin stays
@@ -45,8 +50,10 @@ class Receiver:
         self.page = self.await_line("page on ")
         self.context = ssl.create_default_context(cafile=ca)
         self.connection = None
-        message = f"HmacV2;{CUSTOMER};{AGENT};{ACTIVATION}".encode()
-        self.secret = hmac.new(CONSTANT, message, hashlib.sha256).hexdigest().encode()
+        self.secrets = {}
+        for agent, activation in ((AGENT, ACTIVATION), (OTHER_AGENT, OTHER_ACTIVATION)):
+            message = f"HmacV2;{CUSTOMER};{agent};{activation}".encode()
+            self.secrets[agent] = hmac.new(CONSTANT, message, hashlib.sha256).hexdigest().encode()
 
     def _read(self):
         for line in self.process.stdout:
@@ -73,18 +80,18 @@ class Receiver:
         self.folder.cleanup()
         return code
 
-    def upload(self, payload, target=FIM, content_type="application/json", break_signature=False):
+    def upload(self, payload, target=FIM, content_type="application/json", break_signature=False, agent=AGENT, request_id=None):
         """One upload; the status of its answer."""
         stamp = time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime())
-        signature = hmac.new(self.secret, f"POST;{stamp};{AGENT};{target}".encode(), hashlib.sha256).digest()
+        signature = hmac.new(self.secrets[agent], f"POST;{stamp};{agent};{target}".encode(), hashlib.sha256).digest()
         if break_signature:
             signature = signature[::-1]
         headers = {
             "Content-Type": content_type,
             "Content-Encoding": "LZMA",
-            "Z-REQID": str(uuid.uuid4()),
+            "Z-REQID": request_id or str(uuid.uuid4()),
             "X-OSTL-Timestamp": stamp,
-            "X-OSTL-Authorization": f"ZHmacV2Auth {AGENT}:{base64.b64encode(signature).decode()}",
+            "X-OSTL-Authorization": f"ZHmacV2Auth {agent}:{base64.b64encode(signature).decode()}",
         }
         body = lzma.compress(payload, format=lzma.FORMAT_ALONE, preset=0)
         if self.connection is None:
@@ -95,9 +102,9 @@ class Receiver:
         answer.read()
         return answer.status
 
-    def upload_events(self, events):
+    def upload_events(self, events, **how):
         document = {"events": events, "timestamp": time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime())}
-        status = self.upload(json.dumps(document).encode())
+        status = self.upload(json.dumps(document).encode(), **how)
         if status != 200:
             raise AssertionError(f"the upload was answered {status}")
 

@@ -213,6 +213,43 @@ TEST_F(PageFeedTest, OldStartsAreForgottenAtTheBound) {
   EXPECT_EQ("2 /bin/p", Ancestry());
 }
 
+TEST_F(PageFeedTest, AnIdThatIsTooLongToBeKeptIsThatOfNobody) {
+  const std::string longest(128, 'x');
+  const std::string too_long(129, 'x');
+  wire::IoCEvent batch;
+  Start(batch, {longest, 20, "", 0, "/bin/known"});
+  Start(batch, {too_long, 21, longest, 20, "/bin/unknown"});
+  Send(batch);
+  File(batch, "/tmp/file", {"", 21, "", 0, "/bin/cat"});
+  Send(batch);
+  EXPECT_EQ("21 /bin/cat", Ancestry());
+  Start(batch, {"child", 22, too_long, 20, "/bin/child"});
+  File(batch, "/tmp/file", {"child", 22, "", 0, ""});
+  Send(batch);
+  EXPECT_EQ("22 /bin/child < 20 /bin/known", Ancestry()) << "its pid still tells who it was";
+}
+
+TEST_F(PageFeedTest, AProcessThatIsItsOwnParentEndsTheAncestry) {
+  wire::IoCEvent batch;
+  Start(batch, {"strange", 20, "strange", 20, "/bin/strange"});
+  File(batch, "/tmp/file", {"strange", 20, "", 0, "/bin/strange"});
+  Send(batch);
+  EXPECT_EQ("20 /bin/strange", Ancestry());
+}
+
+TEST_F(PageFeedTest, AForgottenStartLeavesItsPidToWhoHasItNow) {
+  wire::IoCEvent batch;
+  Start(batch, {"oldest", 20, "", 0, "/bin/oldest"});
+  Start(batch, {"newer", 20, "", 0, "/bin/newer"});
+  for (std::size_t i = 1; i < PageFeed::kMaxProcesses; ++i) {
+    Start(batch, {"p" + std::to_string(i), static_cast<int>(i) + 20, "", 0, "/bin/p"});
+  }
+  Send(batch);
+  File(batch, "/tmp/file", {"", 20, "", 0, ""});
+  Send(batch);
+  EXPECT_EQ("20 /bin/newer", Ancestry());
+}
+
 TEST_F(PageFeedTest, FileEventsOfAnAgentHaveTheNameOfItsMachineOnceABatchHasToldIt) {
   wire::IoCEvent batch;
   Send(batch, "a");
@@ -243,6 +280,12 @@ TEST_F(PageFeedTest, LossesAreAddedUpByReason) {
   EXPECT_EQ("2", Book("health"));
 }
 
+TEST_F(PageFeedTest, ASumThatHasNoRoomStaysAtItsMost) {
+  const std::string most = R"({"status":[{"statusCode":4004,"additionalFields":{"kernelLost":18446744073709551615}}]})";
+  for (int i = 0; i < 2; ++i) feed_.OnUpload("a", kStatus, most);
+  EXPECT_EQ(R"({"kernelLost":18446744073709551615})", Book("lost"));
+}
+
 TEST_F(PageFeedTest, ReasonsBeyondTheBoundAreTheOthers) {
   for (std::size_t i = 0; i < PageFeed::kMaxReasons + 5; ++i) feed_.OnRefused("reason " + std::to_string(i));
   EXPECT_THAT(Book("refused"), HasSubstr(R"("other":5)"));
@@ -256,6 +299,15 @@ TEST_F(PageFeedTest, MissingSequenceNumbersAreLostBatches) {
   sequence_ = 0;  // an agent that begins anew has lost nothing
   Send(batch);
   EXPECT_EQ("3", Book("lostBatches"));
+}
+
+TEST_F(PageFeedTest, ABatchThatComesLateIsCountedAsMissingOnceAtTheMost) {
+  wire::IoCEvent batch;
+  for (const std::uint64_t number : {1, 3, 2, 4}) {
+    sequence_ = number - 1;
+    Send(batch);
+  }
+  EXPECT_EQ("1", Book("lostBatches")) << "2 was missing when 3 came";
 }
 
 TEST_F(PageFeedTest, TheAgentThatWasSilentForLongestIsForgottenAtTheBound) {

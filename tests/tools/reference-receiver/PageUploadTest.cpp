@@ -80,6 +80,22 @@ TEST(PageUpload, ALongTextEndsEarlyBetweenTwoCharactersAndSaysSo) {
   EXPECT_THAT(json, AllOf(HasSubstr("\u20ac\""), HasSubstr(R"("cut":true)"), Not(HasSubstr("\uFFFD"))));
 }
 
+TEST(PageUpload, ManyRulesEndEarlyAndSaySo) {
+  std::string rules = "\"rule-0\"";
+  for (int i = 1; i < 33; ++i) rules += ",\"rule-" + std::to_string(i) + "\"";
+  EXPECT_THAT(Jsons(Fim(R"({"associatedRules":[)" + rules + "]}")),
+              ElementsAre(AllOf(HasSubstr("\"rule-31\"]"), HasSubstr(R"("cut":true)"))));
+}
+
+TEST(PageUpload, ARowOfHealthHasThirtyTwoFieldsAtTheMost) {
+  std::string fields = "\"field-0\":1";
+  for (int i = 1; i < 33; ++i) fields += ",\"field-" + std::to_string(i) + "\":1";
+  const PageUpload upload =
+      PageUpload::Read("/v1/status", R"({"status":[{"statusCode":4004,"additionalFields":{)" + fields + "}}]}");
+  EXPECT_THAT(upload.health, ElementsAre(AllOf(HasSubstr(R"("field-31":"1"})"), Not(HasSubstr("field-32")))));
+  EXPECT_THAT(upload.lost, SizeIs(32));
+}
+
 TEST(PageUpload, MembersOfTheWrongTypeAreLeftOut) {
   EXPECT_THAT(
       Jsons(Fim(R"({"imagePath":{"a":[]},"actor":7,"operation":[],"size":"x","associatedRules":{}},3,null)")),

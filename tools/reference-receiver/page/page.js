@@ -91,15 +91,26 @@ function offer(select, value, text) {
   select.insertBefore(option, before ?? null);
 }
 
+// What has no room among the choices is said to be missing there; other filters find it.
+function hasRoom(known, select) {
+  if (known.size < MAX_CHOICES) return true;
+  if (!select.lastElementChild.disabled) {
+    const option = select.appendChild(document.createElement("option"));
+    option.textContent = "more are not listed";
+    option.disabled = true;
+  }
+  return false;
+}
+
 function takeEvents(events) {
   unread += list.add(events);
   for (const event of events) {
-    if (!choices.action.has(event.label) && choices.action.size < MAX_CHOICES) {
+    if (!choices.action.has(event.label) && hasRoom(choices.action, at("filter-action"))) {
       choices.action.add(event.label);
       offer(at("filter-action"), event.label, shown(event.label));
     }
-    if (choices.agent.get(event.agent) !== event.host && choices.agent.size < MAX_CHOICES) {
-      const known = choices.agent.has(event.agent);
+    const known = choices.agent.has(event.agent);
+    if (choices.agent.get(event.agent) !== event.host && (known || hasRoom(choices.agent, at("filter-agent")))) {
       choices.agent.set(event.agent, event.host);
       const text = event.host ? `${shown(event.host)} (${shown(event.agent).slice(0, 8)})` : shown(event.agent);
       const option = known && [...at("filter-agent").options].find((one) => one.value === event.agent);

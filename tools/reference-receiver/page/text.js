@@ -1,9 +1,10 @@
 // Names come from whoever made a file, so nothing of them is ever markup: all that is shown goes through this file into
 // text nodes, and what cannot be seen, or would turn the text around it, is shown as an escape.
 
-// Controls, format characters (bidirectional ones among them), separators and blanks but the plain one, fillers that look
-// like nothing, private and lone surrogate code points, and the backslash, which begins an escape.
-const HIDDEN = /[\\\p{Cc}\p{Cf}\p{Zl}\p{Zp}\p{Cs}\p{Co}\u115F\u1160\u2800\u3164\uFFA0]|[^\S ]/gu;
+// Controls, format characters (bidirectional ones among them), separators and blanks but the plain one, what is shown as
+// nothing (joiners, fillers, selectors of a variation), private and lone surrogate code points, and the backslash, which
+// begins an escape.
+const HIDDEN = /[\\\p{Cc}\p{Cf}\p{Zl}\p{Zp}\p{Cs}\p{Co}\p{DI}\u2800]|[^\S ]/gu;
 
 function escapeOf(character) {
   if (character === "\\") return "\\\\";

@@ -26,6 +26,8 @@ const LOSSES = {
   unplaced: ["events whose path cannot be trusted", "loss"],
   componentDropped: ["events that a component dropped", "loss"],
   spoolRefused: ["documents that the spool refused", "loss"],
+  spoolRemovedFiles: ["spool files removed before they were sent", "loss"],
+  spoolRemovedBytes: ["bytes of these files", "bytes"],
   notBuilt: ["records of no event, by design", "design"],
   unsupportedCall: ["calls that are not followed, by design", "design"],
   fileReplaced: ["events of replaced files, by design", "design"],
@@ -66,6 +68,7 @@ function statusOf(status) {
 function lossesOf(fields) {
   const parts = [];
   if (fields.auditSilent) parts.push(`audit is silent: ${fields.auditSilent}`);
+  if (fields.intakeEnded) parts.push(`the intake has ended: ${fields.intakeEnded}`);
   for (const [name, value] of Object.entries(fields)) {
     if (Number(value) > 0 && loss(name).kind !== "design") parts.push(`${value} ${loss(name).words}`);
   }
