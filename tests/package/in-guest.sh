@@ -33,6 +33,12 @@ received() { journalctl -u ostrel-receiver -o cat | grep -qF -- "event $1 actor=
 all_received() { for number in 1 2 3 4 5 6; do received "Create /etc/before-$number" && received "Create /etc/after-$number" || return 1; done; }
 once_each() { is "$(journalctl -u ostrel-receiver -o cat | grep -c '^event Create /etc/\(before\|after\)-')" 12; }
 
+# nowhere_on_command_lines TEXT
+nowhere_on_command_lines() {
+  [ -n "$1" ] && echo "$1" >/tmp/text || return 1
+  ! grep -laFf /tmp/text /proc/[0-9]*/cmdline 2>/dev/null
+}
+
 echo "table: $(uname -r), $(systemctl --version | head -n 1)"
 expect "the older version installs" sh -c 'dpkg -i /root/old/*.deb'
 expect "nothing runs by itself" is "$(systemctl is-active ostrel-agent ostrel-receiver | sort -u)" inactive
@@ -60,6 +66,8 @@ expect "by the daemon" wait_until 20 grep -q "Command 'config' received from age
 expect "which goes on" hears
 for number in 1 2 3 4 5 6; do echo x >/etc/after-$number; done
 expect "the platform starts" systemctl start ostrel-receiver
+expect "nobody sees the secret on a command line" nowhere_on_command_lines "$(sed -n 's/^activation_id=//p' /etc/ostrel/identity)"
+expect "and it is the receiver's alone" is "$(stat -L -c %a /run/ostrel-receiver/keys)" 600
 expect "every event of before and after the upgrade reaches the platform" wait_until 120 all_received
 expect "each once" once_each
 journalctl -u ostrel-receiver -o cat | grep '^event Create /etc/\(before\|after\)-1' | sed 's/^/table: /'
