@@ -22,7 +22,7 @@ namespace zagent::edr {
 // For one thread.
 class DigestPace {
  public:
-  static constexpr std::int64_t kMaxFreeSize = 1024 * 1024;  // bytes
+  static constexpr std::int64_t kMaxFreeSize = std::int64_t{1024} * 1024;  // bytes
   static constexpr std::chrono::seconds kInterval{30};
   static constexpr std::chrono::minutes kWarningInterval{1};
   static constexpr std::size_t kMaxFiles = 1'024;

@@ -165,9 +165,9 @@ HealthStore::Batch HealthStore::TakeBatch() {
   Open();
   if (owes_delete_) DeleteSent();
   Flush();
-  Batch batch(*this, ReadRows());
+  std::vector<AHSRecord> rows = ReadRows();
   is_batch_away_ = true;
-  return batch;
+  return {*this, std::move(rows)};
 }
 
 std::vector<AHSRecord> HealthStore::ReadRows() {
@@ -185,20 +185,19 @@ void HealthStore::DeleteSent() {
 }
 
 void HealthStore::Batch::Delete() {
-  const std::lock_guard lock(store_->mutex_);
-  store_->owes_delete_ = true;
+  const std::lock_guard lock(store_.mutex_);
+  store_.owes_delete_ = true;
   try {
-    store_->DeleteSent();
+    store_.DeleteSent();
   } catch (const std::exception& error) {
     ZLOG_ERROR("AHS: Failed to delete the statuses that were sent: " << error.what());
   }
 }
 
 HealthStore::Batch::~Batch() {
-  if (store_ == nullptr) return;
-  const std::lock_guard lock(store_->mutex_);
-  store_->is_batch_away_ = false;
-  store_->Flush();
+  const std::lock_guard lock(store_.mutex_);
+  store_.is_batch_away_ = false;
+  store_.Flush();
 }
 
 }  // namespace zagent::health

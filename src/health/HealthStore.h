@@ -61,8 +61,6 @@ class HealthStore final : public HealthReporter {
   // The rows that an upload is about to take with it. While it lives, no other row reaches the database.
   class Batch {
    public:
-    Batch(Batch&& other) noexcept : records(std::move(other.records)), store_(std::exchange(other.store_, nullptr)) {}
-    Batch& operator=(Batch&&) = delete;
     Batch(const Batch&) = delete;
     Batch& operator=(const Batch&) = delete;
     ~Batch();
@@ -75,8 +73,8 @@ class HealthStore final : public HealthReporter {
 
    private:
     friend class HealthStore;
-    Batch(HealthStore& store, std::vector<AHSRecord> taken) : records(std::move(taken)), store_(&store) {}
-    HealthStore* store_;
+    Batch(HealthStore& store, std::vector<AHSRecord> taken) : records(std::move(taken)), store_(store) {}
+    HealthStore& store_;
   };
   // One batch at a time. Throws std::exception when the database cannot be read.
   Batch TakeBatch();

@@ -26,6 +26,7 @@ class IntakeCounters {
   using Snapshot = std::array<std::uint64_t, kReasonCount>;  // by the reason's number
 
   IntakeCounters() = default;
+  ~IntakeCounters() = default;
   IntakeCounters(const IntakeCounters&) = delete;
   IntakeCounters& operator=(const IntakeCounters&) = delete;
 

@@ -182,7 +182,7 @@ class TtlProcessTree {
   std::uint64_t next_age_ = 0;
   // Nobody has told of their start in this run, so nobody may tell of their end.
   struct Untold {
-    bool is_reported;  // whether an end is to be reported
+    bool is_reported = false;  // whether an end is to be reported
     // When it was first seen to be gone: what it did last may still be on its way.
     std::optional<common::util::Clock::SteadyTime> gone_since = std::nullopt;
   };

@@ -29,6 +29,8 @@ class DataFormatter final : public common::DataFormatter {
   // the object.
   DataFormatter(const Config& config, std::int64_t sequence_number, common::SqlStorage& snapshot,
                 std::string proc_root = "/proc");
+  DataFormatter(const DataFormatter&) = delete;
+  DataFormatter& operator=(const DataFormatter&) = delete;
   ~DataFormatter() override;
 
   // An item of MakeItem. One of an unknown kind is logged and left out. Throws DataFormatterException for a message

@@ -32,6 +32,8 @@ class Generator final : public EventGenerator {
   Generator(TtlProcessTree& tree, common::Storage& spool, common::SqlStorage& snapshot, const Config& config,
             const health::ComponentHealth& health, common::util::Clock& clock = common::util::Clock::Real(),
             std::shared_ptr<common::util::DigestCache> digests = nullptr);
+  Generator(const Generator&) = delete;
+  Generator& operator=(const Generator&) = delete;
   ~Generator() override;
 
   // Throws what a builder throws, "Cannot generate protobuf for invalid event type: <code>" for an object of no kind,
