@@ -80,7 +80,7 @@ class Component::Registration {
 };
 
 Component::Component(std::chrono::system_clock::time_point /*start_time*/, std::unique_ptr<Config> config,
-                     std::shared_ptr<edr::LibMagicWrapper> /*lib_magic*/, common::Scheduler& scheduler,
+                     const std::shared_ptr<edr::LibMagicWrapper>& /*lib_magic*/, common::Scheduler& scheduler,
                      std::unique_ptr<common::Uploader> uploader, edr::EventRuleEngine& engine, std::uint64_t cpu_limit,
                      std::uint64_t memory_limit, std::unique_ptr<const common::BlackoutManager> quiet_hours,
                      health::HealthReporter& health, const std::string& base_directory,

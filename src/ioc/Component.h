@@ -51,7 +51,7 @@ class Component {
   // Throws std::runtime_error "ioc::Component: 'uploader' cannot be null" and "ioc::Component: 'config' cannot be
   // null", and what a step throws: a folder, a spool or a snapshot that cannot be made. Nothing stays behind then.
   Component(std::chrono::system_clock::time_point start_time, std::unique_ptr<Config> config,
-            std::shared_ptr<edr::LibMagicWrapper> lib_magic, common::Scheduler& scheduler,
+            const std::shared_ptr<edr::LibMagicWrapper>& lib_magic, common::Scheduler& scheduler,
             std::unique_ptr<common::Uploader> uploader, edr::EventRuleEngine& engine, std::uint64_t cpu_limit,
             std::uint64_t memory_limit, std::unique_ptr<const common::BlackoutManager> quiet_hours,
             health::HealthReporter& health, const std::string& base_directory,

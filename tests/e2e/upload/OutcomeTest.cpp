@@ -35,6 +35,8 @@ class OutcomeTest : public UploadFixture {
     return {*service_, Keys(common::HmacVersion::HmacV2), settings};
   }
 
+  static std::string UrlOfNobody() { return FakeHttpServer({""}).Url(); }
+
   std::int32_t OutcomeOf(const std::vector<std::string>& script, std::uint64_t max_attempts = 0) {
     FakeHttpServer server(script);
     return UploaderTo(server.Url("/v1/fim"), max_attempts).Upload("application/json", BytesOf("{}"));
@@ -68,20 +70,17 @@ TEST_F(OutcomeTest, IsNoAnswerWhenNobodyAnswers) {
   EXPECT_EQ(100022, OutcomeOf({""}, 1));
   EXPECT_EQ(100022, OutcomeOf({FakeHttpServer::kHang}));
   EXPECT_EQ(100022, UploaderTo("http://no.such.host.invalid/").Upload("application/json", BytesOf("{}")));
-  std::string gone;
-  {
-    FakeHttpServer server({""});
-    gone = server.Url();
-  }
-  EXPECT_EQ(100022, UploaderTo(gone).Upload("application/json", BytesOf("{}")));
+  EXPECT_EQ(100022, UploaderTo(UrlOfNobody()).Upload("application/json", BytesOf("{}")));
 }
 
 TEST_F(OutcomeTest, IsNoAnswerWithoutAFreeDescriptorAndGoodAgainWithOne) {
   const std::string ok = FakeHttpServer::Answer("200 OK");
   FakeHttpServer server({ok, ok});
   auto uploader = UploaderTo(server.Url());
-  // Also for sanitizers, which look at what they meet for the first time with the help of descriptors.
+  // An upload and a failure also for sanitizers, which look at what they meet for the first time with the help of
+  // descriptors.
   EXPECT_EQ(0, uploader.Upload("application/json", BytesOf("{}")));
+  EXPECT_EQ(100022, UploaderTo(UrlOfNobody()).Upload("application/json", BytesOf("{}")));
   rlimit limit{};
   ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
   const rlimit none{0, limit.rlim_max};
