@@ -14,6 +14,9 @@ expect() {
 
 is() { [ "$1" = "$2" ] || { echo "is '$1' instead of '$2'"; return 1; }; }
 
+# later THEN NOW: both have happened, in this order.
+later() { [ "$1" -gt 0 ] && [ "$2" -ge "$1" ] || { echo "$2 is not behind $1"; return 1; }; }
+
 # wait_until SECONDS COMMAND...
 wait_until() {
   end=$(($(cut -d. -f1 /proc/uptime) + $1))
@@ -42,9 +45,21 @@ nowhere_on_command_lines() {
 echo "table: $(uname -r), $(systemctl --version | head -n 1)"
 expect "the older version installs" sh -c 'dpkg -i /root/old/*.deb'
 expect "nothing runs by itself" is "$(systemctl is-active ostrel-agent ostrel-receiver | sort -u)" inactive
+# An audit daemon that takes its time to go.
+cat >/etc/systemd/system/auditd.service <<'UNIT'
+[Unit]
+RefuseManualStop=yes
+[Service]
+ExecStart=/bin/sleep infinity
+ExecStop=/bin/sleep 5
+UNIT
+expect "an audit daemon is there" systemctl start auditd
 # What is reported leaves early here; everything else is as delivered.
 sed -i -e 's/"upload_interval": 30/"upload_interval": 3/' -e 's/"max_file_age_sec": 20/"max_file_age_sec": 2/' /etc/ostrel/ostrel-edr.conf
 expect "the service is enabled" systemctl enable --now ostrel-agent
+expect "which ends the audit daemon" is "$(systemctl is-active auditd)" inactive
+expect "and begins when that has left" later "$(systemctl show -P InactiveEnterTimestampMonotonic auditd)" \
+  "$(systemctl show -P ExecMainStartTimestampMonotonic ostrel-agent)"
 expect "the daemon receives the kernel's records" wait_until 60 hears
 expect "the manifest's rules are in the kernel" wait_until 30 has_rule 'key=etc'
 expect "the daemon's rights are the service's" is "$(grep CapBnd /proc/"$(daemon_pid)"/status | cut -f2)" "$(grep CapEff /proc/"$(daemon_pid)"/status | cut -f2)"
