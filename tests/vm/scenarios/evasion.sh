@@ -79,7 +79,8 @@ mkdir -p /srv/jail/proc /srv/jail/watched
 mount --bind $WATCHED /srv/jail/watched
 mount --bind /proc /srv/jail/proc
 cp /usr/local/bin/one-call /srv/jail/
-calls >/run/calls
+tell_what_the_kernel_lacks
+calls | for_this_kernel >/run/calls
 expect "the objects of the calls are made" one-call prepare </run/calls
 
 write_configuration

@@ -44,7 +44,7 @@ open-read $WATCHED/b
 unlink $WATCHED/none
 renameat2-exchange $WATCHED/exchanged
 --extended renameat2-exchange $WATCHED/exchanged
-uring-mkdirat $WATCHED/four
+uring-openat $WATCHED/four
 REQUESTS
 )
 one-call prepare renameat2-exchange $WATCHED/exchanged
