@@ -27,7 +27,8 @@ pass() { echo "PASS $1"; }
 fail() {
   local name="$1"
   shift
-  echo "FAIL $name: $*"
+  # At the begin of a line, whatever somebody else has left on the console.
+  printf '\nFAIL %s: %s\n' "$name" "$*"
 }
 
 # An event's line as people read it: "Create /srv/watched/a by file-actor, process 143, alice".
@@ -463,7 +464,7 @@ judge() {
       }
       for (i = 1; i <= labels; i++) {
         label = order[i]
-        if (label in problems) print "FAIL " label ": " problems[label] " wrong, " owed[label] + 0 " owed" told[label]
+        if (label in problems) print "\nFAIL " label ": " problems[label] " wrong, " owed[label] + 0 " owed" told[label]
         else print "PASS " label " (" owed[label] + 0 " owed" (label in extra ? ", " extra[label] " more that may come" : "") ")"
       }
     }' $OWED_BY "${1:-$LOG/receiver.log}"

@@ -73,7 +73,7 @@ kill "$(pidof one-call)"
 mkdir /run/judged
 judged() { (
   LOG=/run/judged OWED_BY=/run/judged/owed-by
-  judge
+  judge | grep .
 ); }
 cat >/run/judged/owed-by <<JUDGED
 good	done Create /a actor=/x pid=1 user=root audit-user=system-user
