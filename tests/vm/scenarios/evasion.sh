@@ -26,6 +26,7 @@ write_manifest() {
 
 # The seven of the manifest and one of the daemon's own.
 in_force() { log_says "Rules in force: $1 of 8"; }
+in_force_by_now() { grep -F 'Rules in force: ' $LOG/edr.log | tail -n 1 | grep -qF ": $1 of 8"; }
 
 # truly LABEL SEEN TRUE COMMAND...: the command tells what it did by the names that it used; SEEN stands for TRUE in them.
 truly() {
@@ -199,7 +200,7 @@ plainly "below a parent that was renamed away" $ACTOR create $FOLDERS/elsewhere/
 sleep 1
 mv $FOLDERS/elsewhere $FOLDERS/parent
 plainly "below it when it was back" $ACTOR create $FOLDERS/parent/away/and-back
-expect "every rule is in force again" is "$(grep -F 'Rules in force: ' $LOG/edr.log | tail -n 1 | sed 's/.*: //')" "8 of 8"
+expect "every rule is in force again" wait_until 10 in_force_by_now 8
 
 wait_for_the_last 60
 judge
