@@ -56,6 +56,7 @@ RefuseManualStop=yes
 ExecStart=/bin/sleep infinity
 ExecStop=/bin/sleep 5
 UNIT
+systemctl daemon-reload
 expect "an audit daemon is there" systemctl start auditd
 # What is reported leaves early here; everything else is as delivered.
 sed -i -e 's/"upload_interval": 30/"upload_interval": 3/' -e 's/"max_file_age_sec": 20/"max_file_age_sec": 2/' /etc/ostrel/ostrel-edr.conf
