@@ -87,6 +87,7 @@ expect "by the daemon" wait_until 20 grep -q "Command 'config' received from age
 expect "which goes on" hears
 for number in 1 2 3 4 5 6; do echo x >/etc/after-$number; done
 expect "the platform starts" systemctl start ostrel-receiver
+expect "and knows whom it serves" wait_until 30 test -s /run/ostrel-receiver/keys
 expect "nobody sees the secret on a command line" nowhere_on_command_lines "$(sed -n 's/^activation_id=//p' /etc/ostrel/identity)"
 expect "and it is the receiver's alone" is "$(stat -L -c %a /run/ostrel-receiver/keys)" 600
 expect "every event of before and after the upgrade reaches the platform" wait_until 120 all_received
