@@ -99,6 +99,10 @@ void Generator::Write(Report::Item item) {
   }
 }
 
+void Generator::KeepHouse() {
+  builders_->reported.HandOverWhatIsDue();
+}
+
 void Generator::Enable(bool enabled) {
   const std::lock_guard lock(mutex_);
   is_enabled_ = enabled;

@@ -40,6 +40,8 @@ class Generator final : public EventGenerator {
   // and common::StorageException for a message that the spool refuses.
   void Process(const edr::Event& event, bool send_metadata) override;
 
+  void KeepHouse() override;
+
   // From any thread. Whoever is disabled tells nothing, from the return of the call on, and forgets what was told and
   // is not in the snapshot yet: to be called before the snapshot and the spool are cleared.
   void Enable(bool enabled);

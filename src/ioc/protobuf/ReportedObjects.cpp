@@ -146,9 +146,11 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
   // behind it. With mutex held.
   [[nodiscard]] bool IsDue() const {
     if (waiting.empty() || (under_way != 0 && !ended)) return false;
+    if (waiting.size() >= kLot || (ended && expected.empty())) return true;
     // Each further answer asks again.
-    if (expected.empty() || waiting.size() >= kLot) return true;
-    return under_way == 0 && clock.SteadyNow() - handed_over >= kLongestWait;
+    const auto now = clock.SteadyNow();
+    if (expected.empty()) return now + kLongestWait >= paid_until;
+    return under_way == 0 && now - handed_over >= kLongestWait;
   }
 
   // Changes of one table that go to the disk together, in the order in which the objects came.
@@ -172,6 +174,7 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
         TakeWaiting(lots);
         under_way += 1;  // until all of it was handed over
         handed_over = clock.SteadyNow();
+        paid_until = std::max(paid_until, handed_over) + kPause;
         too_many = std::exchange(forgotten, 0);
         first = first_forgotten;
       }
@@ -281,6 +284,7 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
   std::mutex mutex;
   const common::util::Clock& clock;
   common::util::Clock::SteadyTime handed_over;
+  common::util::Clock::SteadyTime paid_until{};  // each lot pays for a pause, and may do so a while behind
   Objects directories;
   Objects files;
   std::unordered_multimap<std::uint64_t, Object*> expected;  // by the message that the spool has not answered
@@ -316,6 +320,10 @@ ReportedObjects::Answer ReportedObjects::Expect(std::vector<Change> changes) {
 
 void ReportedObjects::Answer::operator()(bool is_taken) const {
   if (queue_ != nullptr) queue_->OnAnswer(number_, is_taken);
+}
+
+void ReportedObjects::HandOverWhatIsDue() {
+  queue_->Send();
 }
 
 void ReportedObjects::Clear() {

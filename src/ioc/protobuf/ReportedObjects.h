@@ -24,7 +24,8 @@ namespace zagent::ioc::internal::protobuf {
 // A change counts from the moment on in which its message goes to the spool, and is forgotten again when the spool
 // refuses that. Changes wait in memory while others are being written, and in a burst for the spool's next answers, a
 // second at the most, and then go together: many cost the disk one transaction, the same object of a burst costs it one
-// row, and nobody waits for it.
+// row, and nobody waits for it. Behind ten lots in a row there are ten a second: what comes then waits for a later
+// answer or for HandOverWhatIsDue.
 //
 // Bounds: the changes whose messages the spool has not answered are as many as those. At most kMaxWaiting wait for the
 // disk; what comes beyond, and what the disk refuses, is forgotten with an Error line for each lot. Of each table at
@@ -36,6 +37,7 @@ class ReportedObjects {
   static constexpr std::int64_t kMaxRows = 200'000;
   static constexpr std::size_t kLot = 5'000;  // changes that wait for no further answers
   static constexpr std::chrono::seconds kLongestWait{1};
+  static constexpr std::chrono::milliseconds kPause{100};  // between lots, but for the first that follow each other
 
   enum class Table : std::uint8_t { Directory, File };
   struct Change {
@@ -59,6 +61,8 @@ class ReportedObjects {
   [[nodiscard]] bool Has(Table table, const std::string& id) const;
   // What the platform knows by a message that is about to go to the spool.
   [[nodiscard]] Answer Expect(std::vector<Change> changes);
+  // To be called again and again: what waits goes when its time has come and no answer has seen to it.
+  void HandOverWhatIsDue();
   // Forgets what waits, and what is expected, whatever the spool answers. From any thread.
   void Clear();
 

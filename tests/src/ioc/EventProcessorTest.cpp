@@ -51,7 +51,10 @@ class FakeGenerator final : public EventGenerator {
                     std::to_string(event.GetId()) + (send_metadata ? " with metadata" : ""));
   }
 
+  void KeepHouse() override { ++house_kept; }
+
   std::vector<std::string> lines;
+  int house_kept = 0;
   std::uint32_t failing_id = 0;
   std::uint32_t pointless_id = 0;
 };
@@ -513,6 +516,17 @@ TEST_F(EventProcessorTest, AnEventThatTheGeneratorLeavesOutIsNoLoss) {
   EXPECT_EQ(reporter_.Dropped(), 0U);
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "[IOC]: nobody knows of it"));
   EXPECT_FALSE(log_.Has("EventProcessor: Failed"));
+}
+
+TEST_F(EventProcessorTest, TheGeneratorKeepsHouseEachSecondWithoutAnyEvent) {
+  Process(nullptr);
+  EXPECT_EQ(generator_.house_kept, 0);
+  for (int second = 0; second < 3; ++second) {
+    clock_.Advance(milliseconds(1001));
+    Process(nullptr);
+    Process(nullptr);
+  }
+  EXPECT_EQ(generator_.house_kept, 3);
 }
 
 TEST_F(EventProcessorTest, ItsEndIsLogged) {

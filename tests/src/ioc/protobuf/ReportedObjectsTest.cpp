@@ -271,6 +271,54 @@ TEST_F(ReportedObjectsTest, ALotIsWrittenInTheMidstOfABurst) {
   reported_.reset();
 }
 
+TEST_F(ReportedObjectsTest, BehindTenLotsInARowTheDiskGetsOneAPause) {
+  fakes::FakeClock clock;
+  reported_ = std::make_unique<ReportedObjects>(*snapshot_, ReportedObjects::kMaxRows, clock);
+  const auto add_one_by_one = [&](int from, int to) {
+    for (int i = from; i < to; ++i) {
+      Add(std::to_string(i));
+      snapshot_->Vacuum();
+    }
+  };
+  add_one_by_one(0, 10);
+  EXPECT_EQ(SizeOnDisk("9"), 0) << "what comes now and then does not wait";
+  add_one_by_one(10, 30);
+  EXPECT_LE(log_.Count("INSERT or REPLACE INTO File"), 12);
+  EXPECT_EQ(SizeOnDisk("29"), -1);
+  EXPECT_TRUE(reported_->Has(Table::File, "29"));
+
+  reported_->HandOverWhatIsDue();
+  snapshot_->Vacuum();
+  EXPECT_EQ(SizeOnDisk("29"), -1) << "its time has not come";
+  clock.Advance(ReportedObjects::kPause);
+  reported_->HandOverWhatIsDue();
+  snapshot_->Vacuum();
+  EXPECT_EQ(SizeOnDisk("29"), 0);
+  add_one_by_one(30, 40);
+  EXPECT_EQ(SizeOnDisk("39"), -1);
+
+  clock.Advance(ReportedObjects::kLongestWait + ReportedObjects::kPause);
+  add_one_by_one(40, 45);
+  EXPECT_EQ(SizeOnDisk("39"), 0);
+  EXPECT_EQ(SizeOnDisk("44"), 0) << "it has been quiet for long enough";
+  reported_.reset();
+}
+
+TEST_F(ReportedObjectsTest, AtTheEndNothingWaitsForAPause) {
+  const fakes::FakeClock clock;
+  reported_ = std::make_unique<ReportedObjects>(*snapshot_, ReportedObjects::kMaxRows, clock);
+  for (int i = 0; i < 30; ++i) {
+    Add(std::to_string(i));
+    snapshot_->Vacuum();
+  }
+  const auto last = Expect("last");
+  reported_.reset();
+  last(true);
+  snapshot_->Vacuum();
+  EXPECT_EQ(SizeOnDisk("29"), 0);
+  EXPECT_EQ(SizeOnDisk("last"), 0);
+}
+
 TEST_F(ReportedObjectsTest, WhatIsClearedIsForgottenWhateverTheSpoolAnswers) {
   const auto expected = Expect("expected");
   const auto release = Block();
