@@ -54,6 +54,20 @@ bool IsReplaced(const common::ImageInfo& file, const std::optional<FoundObject>&
   return !file.GetDevice().empty() && found && found->inode != file.GetInode();
 }
 
+// What was kept of the very state of the file that was found; nothing of another file.
+struct KnownContent {
+  std::string description;
+  common::util::FileDigests digests;
+};
+
+KnownContent Recall(const common::ImageInfo& file, const std::optional<FoundObject>& found,
+                    const common::util::DigestCache& digests) {
+  const bool is_file =
+      found && S_ISREG(found->mode) && found->inode == file.GetInode() && found->device == file.GetDevice();
+  if (!is_file) return {};
+  return {digests.FindType(found->state), digests.Find(found->state)};
+}
+
 // A link may lead to a large one.
 bool IsSmall(const std::optional<FoundObject>& found) {
   return found && S_ISREG(found->mode) && found->size <= edr::DigestPace::kMaxFreeSize;
@@ -62,8 +76,13 @@ bool IsSmall(const std::optional<FoundObject>& found) {
 }  // namespace
 
 FileEvent::FileEvent(const TtlProcessTree& tree, const ReportedObjects& reported, const DirectoryEvent& directories,
-                     edr::DigestPace& pace)
-    : tree_(tree), reported_(reported), directories_(directories), pace_(pace), message_(std::make_unique<Message>()) {}
+                     edr::DigestPace& pace, const common::util::DigestCache& digests)
+    : tree_(tree),
+      reported_(reported),
+      directories_(directories),
+      pace_(pace),
+      digests_(digests),
+      message_(std::make_unique<Message>()) {}
 
 FileEvent::~FileEvent() = default;
 
@@ -107,13 +126,20 @@ Report FileEvent::Build(const edr::Event& event) const {
     if (event.GetFileSize() > kMaxSize) ZLOG_WARNING("File size being truncated for file " << path);
     message.set_size(std::min(event.GetFileSize(), kMaxSize));
     const bool is_regular = IsRegular(event);
-    // Before the look: the description is made of whatever the path leads to.
-    const std::string type = is_regular ? types_.Identify(event.GetFileTypeDesc()) : "";
-    const std::optional<FoundObject> found = LookAt(path);
+    std::optional<FoundObject> found = LookAt(path);
+    const KnownContent known = is_regular ? Recall(*file, found, digests_) : KnownContent();
+    std::string type;
+    if (!known.description.empty()) {
+      type = types_.Identify(known.description);
+    } else if (is_regular) {
+      // Before another look: the description is made of whatever the path leads to.
+      type = types_.Identify(event.GetFileTypeDesc());
+      found = LookAt(path);
+    }
     const ReportedObjects::Times times = TimesOf(event, *file, found);
     SetTimes(times, message);
     if (!type.empty() && !IsReplaced(*file, found)) message.set_type(type);
-    if (is_regular && (IsSmall(found) || pace_.Admits(path))) SetDigests(event, message);
+    if (is_regular && (IsSmall(found) || pace_.Admits(path))) SetDigests(event, known.digests, message);
     row = ReportedObjects::FileRow(id, parent_id, message.size(), times,
                                    {message.md5(), message.sha1(), message.sha256()});
   }
@@ -129,18 +155,22 @@ Report FileEvent::Build(const edr::Event& event) const {
   return report;
 }
 
-void FileEvent::SetDigests(const edr::Event& event, Message& message) {
+void FileEvent::SetDigests(const edr::Event& event, const common::util::FileDigests& known, Message& message) {
   struct Hash {
     edr::ContentHash kind;
+    std::vector<unsigned char> common::util::FileDigests::*known;
     const char* name;
     std::size_t size;
     std::string* (Message::*digest)();
   };
-  static constexpr Hash kHashes[] = {{edr::ContentHash::Sha256, "sha256: ", 32, &Message::mutable_sha256},
-                                     {edr::ContentHash::Sha1, "sha1: ", 20, &Message::mutable_sha1},
-                                     {edr::ContentHash::Md5, "md5: ", 16, &Message::mutable_md5}};
+  using Known = common::util::FileDigests;
+  static constexpr Hash kHashes[] = {
+      {edr::ContentHash::Sha256, &Known::sha256, "sha256: ", 32, &Message::mutable_sha256},
+      {edr::ContentHash::Sha1, &Known::sha1, "sha1: ", 20, &Message::mutable_sha1},
+      {edr::ContentHash::Md5, &Known::md5, "md5: ", 16, &Message::mutable_md5}};
+  const bool all_known = !known.sha256.empty() && !known.sha1.empty() && !known.md5.empty();
   for (const Hash& hash : kHashes) {
-    const std::vector<unsigned char>& bytes = event.GetFileContentHash(hash.kind);
+    const std::vector<unsigned char>& bytes = all_known ? known.*hash.known : event.GetFileContentHash(hash.kind);
     if (bytes.size() != hash.size) {
       ZLOG_DEBUG("Ignoring content hash for event with ID " << event.GetId());
       continue;

@@ -19,9 +19,9 @@ class FileEvent final : public EventBuilder {
   // The largest size that every reader of JSON still has exactly. Only a file with holes claims more.
   static constexpr std::int64_t kMaxSize = (std::int64_t{1} << 53U) - 1;
 
-  // `directories` and `pace` outlive the object.
+  // All outlive the object; `digests` is the cache of the events.
   FileEvent(const TtlProcessTree& tree, const ReportedObjects& reported, const DirectoryEvent& directories,
-            edr::DigestPace& pace);
+            edr::DigestPace& pace, const common::util::DigestCache& digests);
   ~FileEvent() override;
 
   [[nodiscard]] Report Build(const edr::Event& event) const override;
@@ -30,12 +30,13 @@ class FileEvent final : public EventBuilder {
   using Message = com::ostrel::ioc::model::proto::event::FileEvent;
 
   [[nodiscard]] bool IsReported(const std::string& id, const std::string& path) const;
-  static void SetDigests(const edr::Event& event, Message& message);
+  static void SetDigests(const edr::Event& event, const common::util::FileDigests& known, Message& message);
 
   const TtlProcessTree& tree_;
   const ReportedObjects& reported_;
   const DirectoryEvent& directories_;
   edr::DigestPace& pace_;
+  const common::util::DigestCache& digests_;
   const FileTypeIdentifier types_;
   mutable KnownActors actors_;
   mutable LatestSettings settings_;

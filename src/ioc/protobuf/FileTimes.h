@@ -19,6 +19,7 @@ struct FoundObject {
   std::uint32_t mode = 0;
   std::int64_t size = 0;                      // bytes
   std::optional<std::int64_t> creation = {};  // ns since the epoch, whole seconds
+  struct stat state {};                       // what of it a DigestCache asks for
 };
 // Nothing when there is nothing.
 std::optional<FoundObject> LookAt(const std::string& path);

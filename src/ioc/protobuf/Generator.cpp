@@ -39,7 +39,7 @@ struct Generator::Builders {
         digests(known_digests ? std::move(known_digests) : std::make_shared<common::util::DigestCache>(clock)),
         pace(*digests, clock, LogPrefix()),
         directory(tree, reported),
-        file(tree, reported, directory, pace),
+        file(tree, reported, directory, pace, *digests),
         network(tree),
         process(tree, config) {}
 

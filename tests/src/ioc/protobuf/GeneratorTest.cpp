@@ -620,6 +620,61 @@ TEST_F(GeneratorTest, ALargeFileWhoseDigestsAreKnownIsToldWithThem) {
   for (int i = 0; i < 3; ++i) EXPECT_FALSE(File(event).sha256().empty());
 }
 
+TEST_F(GeneratorTest, AFileInAStateThatIsKnownIsToldByOneLookAtIt) {
+  const std::string path = folder_.Write("script", "x");
+  Remember("Directory", folder_.Path());
+  struct stat found {};
+  ASSERT_EQ(stat(path.c_str(), &found), 0);
+  const auto hex = [](std::size_t size) { return common::util::ToHex(std::string(size, '\x01')); };
+  const auto bytes = [](std::size_t size) { return std::vector<unsigned char>(size, 1); };
+  FakeEvent event = OfFile(EventType::Write, "Write", path);
+  event.file = common::ImageInfo(path, found);
+  event.content_hash.assign(32, 2);
+
+  digests_->KeepType(found, "Perl script text executable");
+  EXPECT_EQ(File(event).type(), "PERL");
+  EXPECT_EQ(File(event).sha256(), common::util::ToHex(std::string(32, '\x02'))) << "no digest is known";
+  digests_->Keep(found, {.md5 = {}, .sha1 = bytes(20), .sha256 = bytes(32)});
+  EXPECT_EQ(File(event).sha256(), common::util::ToHex(std::string(32, '\x02'))) << "not all of them are";
+  digests_->Keep(found, {.md5 = bytes(16), .sha1 = {}, .sha256 = {}});
+  const wire::FileEvent known = File(event);
+  EXPECT_EQ(known.type(), "PERL");
+  EXPECT_EQ(known.sha256(), hex(32));
+  EXPECT_EQ(known.sha1(), hex(20));
+  EXPECT_EQ(known.md5(), hex(16));
+
+  event.file_type = edr::FileType::SymbolicLink;
+  EXPECT_EQ(File(event).type() + File(event).sha256(), "");
+  event.file_type = edr::FileType::Regular;
+  event.file =
+      common::ImageInfo(common::util::DeviceText(found.st_dev), 644, found.st_ino + 1, path, 0, "root", "root", 0, "");
+  EXPECT_EQ(File(event).type(), "") << "another file has got the path";
+  EXPECT_NE(File(event).sha256(), hex(32));
+  event.file = common::ImageInfo("ff:fe", 644, found.st_ino, path, 0, "root", "root", 0, "");
+  EXPECT_NE(File(event).sha256(), hex(32)) << "one of another file system";
+
+  event.file = common::ImageInfo(path, found);
+  folder_.Write("script", "y, and more of it");
+  const wire::FileEvent changed = File(event);
+  EXPECT_EQ(changed.type(), "Python") << "the file has been written to";
+  EXPECT_NE(changed.sha256(), hex(32));
+}
+
+TEST_F(GeneratorTest, KeepingHouseRemembersWhatABurstHasLeft) {
+  Process(OfFile(EventType::Create, "Create"));
+  for (int i = 0; i < 30; ++i) {
+    Process(OfFile(EventType::Create, "Create", "/srv/" + std::to_string(i)));
+    snapshot_->Vacuum();
+  }
+  const auto is_on_disk = [&] {
+    return !snapshot_->Query("SELECT * from File WHERE RowID = '" + UniquePathId("/srv/29") + "'").Next().empty();
+  };
+  EXPECT_FALSE(is_on_disk());
+  clock_.Advance(std::chrono::seconds(1));
+  generator_->KeepHouse();
+  EXPECT_TRUE(is_on_disk());
+}
+
 TEST_F(GeneratorTest, NoFileIsToldWithTheTypeOfAnother) {
   const std::string path = folder_.Write("script", "x");
   Remember("Directory", folder_.Path());
