@@ -113,7 +113,8 @@ Component::Component(std::chrono::system_clock::time_point /*start_time*/, std::
   processor_ = MakeProcessor();
   thread_ = std::make_unique<internal::ProcessingThread>(
       [this](std::unique_ptr<edr::Event> event) { processor_->Process(std::move(event)); },
-      [this](std::uint64_t events) { health_.CountDropped(events); }, cpu_limit, memory_limit, clock, proc_root);
+      [this](std::uint64_t events) { health_.CountDropped(events); }, cpu_limit, memory_limit, clock, proc_root,
+      [this] { generator_->BeginTurn(); });
   thread_->Start();
   RegisterHandlers();
   upload_schedule_ = std::make_shared<internal::UploadSchedule>(

@@ -18,10 +18,12 @@ constexpr std::chrono::minutes kTellInterval{1};
 }  // namespace
 
 ProcessingThread::ProcessingThread(Processor processor, DropCounter count_dropped, std::uint64_t cpu_limit,
-                                   std::uint64_t memory_limit, common::util::Clock& clock, const std::string& proc_root)
+                                   std::uint64_t memory_limit, common::util::Clock& clock, const std::string& proc_root,
+                                   TurnBeginner begin_turn)
     : ThreadedClass("EdrProcessingThread", cpu_limit, memory_limit, clock, proc_root),
       processor_(std::move(processor)),
       count_dropped_(std::move(count_dropped)),
+      begin_turn_(std::move(begin_turn)),
       clock_(clock),
       limit_(edr::EventQueueLimit(memory_limit * GetResourceMonitor().GetTotalMemoryKb() / 100)),
       next_tell_(clock.SteadyNow()) {
@@ -34,6 +36,7 @@ ProcessingThread::~ProcessingThread() {
   Stop();
   const common::util::Clock::SteadyTime deadline = clock_.SteadyNow() + kLastEvents;
   TakeIntake();
+  begin_turn_();
   while (!active_.empty() && clock_.SteadyNow() < deadline) ProcessNext();
   if (!active_.empty()) {
     ZLOG_WARNING("ProcessingThread: Left " << active_.size() << " events at the stop");
@@ -79,6 +82,7 @@ void ProcessingThread::Execute() {
     processor_(nullptr);
     return;
   }
+  begin_turn_();
   while (!active_.empty()) {
     ProcessNext();
     PauseIfCpuIsHigh();

@@ -28,6 +28,8 @@ class ProcessingThread final : public common::ThreadedClass {
  public:
   // Called on this thread alone, and once it has ended on the destroying one.
   using Processor = std::function<void(std::unique_ptr<edr::Event>)>;
+  // Called where a Processor is, before what has been enqueued by then goes to it.
+  using TurnBeginner = std::function<void()>;
   // Told how many events were dropped, on the thread that drops them.
   using DropCounter = std::function<void(std::uint64_t)>;
 
@@ -35,8 +37,10 @@ class ProcessingThread final : public common::ThreadedClass {
   static constexpr std::chrono::seconds kLastEvents{5};
 
   // Limits in percent.
-  ProcessingThread(Processor processor, DropCounter count_dropped, std::uint64_t cpu_limit, std::uint64_t memory_limit,
-                   common::util::Clock& clock = common::util::Clock::Real(), const std::string& proc_root = "/proc");
+  ProcessingThread(
+      Processor processor, DropCounter count_dropped, std::uint64_t cpu_limit, std::uint64_t memory_limit,
+      common::util::Clock& clock = common::util::Clock::Real(), const std::string& proc_root = "/proc",
+      TurnBeginner begin_turn = [] {});
   ProcessingThread(const ProcessingThread&) = delete;
   ProcessingThread& operator=(const ProcessingThread&) = delete;
   // Stops the thread, which ends its turn, and processes what came during it, for kLastEvents; what then remains is
@@ -74,6 +78,7 @@ class ProcessingThread final : public common::ThreadedClass {
 
   const Processor processor_;
   const DropCounter count_dropped_;
+  const TurnBeginner begin_turn_;
   common::util::Clock& clock_;
   const std::uint64_t limit_;
   Events active_;  // of the turn at hand

@@ -15,6 +15,8 @@ class EventGenerator {
   // Reports the event. `send_metadata` is what the manifests say of metadata. Throws a std::runtime_error that says why
   // an event cannot be reported: it is lost, the next one is not.
   virtual void Process(const edr::Event& event, bool send_metadata) = 0;
+  // All events of before the next call have happened by now.
+  virtual void BeginTurn() {}
   // Called about once a second, with or without events.
   virtual void KeepHouse() {}
 };

@@ -54,18 +54,12 @@ bool IsReplaced(const common::ImageInfo& file, const std::optional<FoundObject>&
   return !file.GetDevice().empty() && found && found->inode != file.GetInode();
 }
 
-// What was kept of the very state of the file that was found; nothing of another file.
-struct KnownContent {
-  std::string description;
-  common::util::FileDigests digests;
-};
+bool IsTheFile(const FoundObject& found, const common::ImageInfo& file) {
+  return S_ISREG(found.mode) && found.inode == file.GetInode() && found.device == file.GetDevice();
+}
 
-KnownContent Recall(const common::ImageInfo& file, const std::optional<FoundObject>& found,
-                    const common::util::DigestCache& digests) {
-  const bool is_file =
-      found && S_ISREG(found->mode) && found->inode == file.GetInode() && found->device == file.GetDevice();
-  if (!is_file) return {};
-  return {digests.FindType(found->state), digests.Find(found->state)};
+std::string HexOf(const std::vector<unsigned char>& digest) {
+  return common::util::ToHex({reinterpret_cast<const char*>(digest.data()), digest.size()});
 }
 
 // A link may lead to a large one.
@@ -76,12 +70,14 @@ bool IsSmall(const std::optional<FoundObject>& found) {
 }  // namespace
 
 FileEvent::FileEvent(const TtlProcessTree& tree, const ReportedObjects& reported, const DirectoryEvent& directories,
-                     edr::DigestPace& pace, const common::util::DigestCache& digests)
+                     edr::DigestPace& pace, const common::util::DigestCache& digests, const common::util::Clock& clock)
     : tree_(tree),
       reported_(reported),
       directories_(directories),
       pace_(pace),
       digests_(digests),
+      clock_(clock),
+      looks_(clock),
       message_(std::make_unique<Message>()) {}
 
 FileEvent::~FileEvent() = default;
@@ -126,20 +122,20 @@ Report FileEvent::Build(const edr::Event& event) const {
     if (event.GetFileSize() > kMaxSize) ZLOG_WARNING("File size being truncated for file " << path);
     message.set_size(std::min(event.GetFileSize(), kMaxSize));
     const bool is_regular = IsRegular(event);
-    std::optional<FoundObject> found = LookAt(path);
-    const KnownContent known = is_regular ? Recall(*file, found, digests_) : KnownContent();
-    std::string type;
-    if (!known.description.empty()) {
-      type = types_.Identify(known.description);
-    } else if (is_regular) {
-      // Before another look: the description is made of whatever the path leads to.
-      type = types_.Identify(event.GetFileTypeDesc());
-      found = LookAt(path);
+    ReportedObjects::Times times;
+    if (const FileLooks::Look* const look = is_regular ? FindKnown(*file, path) : nullptr) {
+      times = TimesOf(event, *file, look->found);
+      if (!look->type.empty()) message.set_type(look->type);
+      SetDigests(*look, message);
+    } else {
+      // Before the look: the description is made of whatever the path leads to.
+      const std::string type = is_regular ? types_.Identify(event.GetFileTypeDesc()) : "";
+      const std::optional<FoundObject> found = LookAt(path);
+      times = TimesOf(event, *file, found);
+      if (!type.empty() && !IsReplaced(*file, found)) message.set_type(type);
+      if (is_regular && (IsSmall(found) || pace_.Admits(path))) SetDigests(event, message);
     }
-    const ReportedObjects::Times times = TimesOf(event, *file, found);
     SetTimes(times, message);
-    if (!type.empty() && !IsReplaced(*file, found)) message.set_type(type);
-    if (is_regular && (IsSmall(found) || pace_.Admits(path))) SetDigests(event, known.digests, message);
     row = ReportedObjects::FileRow(id, parent_id, message.size(), times,
                                    {message.md5(), message.sha1(), message.sha256()});
   }
@@ -155,22 +151,41 @@ Report FileEvent::Build(const edr::Event& event) const {
   return report;
 }
 
-void FileEvent::SetDigests(const edr::Event& event, const common::util::FileDigests& known, Message& message) {
+// What is kept of the very state that the file is in.
+const FileLooks::Look* FileEvent::FindKnown(const common::ImageInfo& file, const std::string& path) const {
+  const FileLooks::Look* const seen = looks_.Find(path);
+  if (seen != nullptr && IsTheFile(seen->found, file)) return seen;
+  const common::util::Clock::SteadyTime time = clock_.SteadyNow();
+  const std::optional<FoundObject> found = LookAt(path);
+  if (!found || !IsTheFile(*found, file)) return nullptr;
+  const std::string description = digests_.FindType(found->state);
+  const common::util::FileDigests digests = digests_.Find(found->state);
+  if (description.empty() || digests.sha256.empty() || digests.sha1.empty() || digests.md5.empty()) return nullptr;
+  return &looks_.Keep(
+      path, time,
+      {*found, types_.Identify(description), HexOf(digests.sha256), HexOf(digests.sha1), HexOf(digests.md5)});
+}
+
+void FileEvent::SetDigests(const FileLooks::Look& look, Message& message) {
+  message.set_sha256(look.sha256);
+  message.set_sha1(look.sha1);
+  message.set_md5(look.md5);
+  ZLOG_DEBUG("sha256: " << look.sha256 << ", sha1: " << look.sha1 << ", md5: " << look.md5
+                        << " File: " << message.fullpath());
+}
+
+void FileEvent::SetDigests(const edr::Event& event, Message& message) {
   struct Hash {
     edr::ContentHash kind;
-    std::vector<unsigned char> common::util::FileDigests::*known;
     const char* name;
     std::size_t size;
     std::string* (Message::*digest)();
   };
-  using Known = common::util::FileDigests;
-  static constexpr Hash kHashes[] = {
-      {edr::ContentHash::Sha256, &Known::sha256, "sha256: ", 32, &Message::mutable_sha256},
-      {edr::ContentHash::Sha1, &Known::sha1, "sha1: ", 20, &Message::mutable_sha1},
-      {edr::ContentHash::Md5, &Known::md5, "md5: ", 16, &Message::mutable_md5}};
-  const bool all_known = !known.sha256.empty() && !known.sha1.empty() && !known.md5.empty();
+  static constexpr Hash kHashes[] = {{edr::ContentHash::Sha256, "sha256: ", 32, &Message::mutable_sha256},
+                                     {edr::ContentHash::Sha1, "sha1: ", 20, &Message::mutable_sha1},
+                                     {edr::ContentHash::Md5, "md5: ", 16, &Message::mutable_md5}};
   for (const Hash& hash : kHashes) {
-    const std::vector<unsigned char>& bytes = all_known ? known.*hash.known : event.GetFileContentHash(hash.kind);
+    const std::vector<unsigned char>& bytes = event.GetFileContentHash(hash.kind);
     if (bytes.size() != hash.size) {
       ZLOG_DEBUG("Ignoring content hash for event with ID " << event.GetId());
       continue;

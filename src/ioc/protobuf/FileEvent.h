@@ -6,6 +6,7 @@
 #include "src/edr/DigestPace.h"
 #include "src/ioc/protobuf/DirectoryEvent.h"
 #include "src/ioc/protobuf/EventBuilder.h"
+#include "src/ioc/protobuf/FileLooks.h"
 #include "src/ioc/protobuf/FileTypeIdentifier.h"
 #include "src/ioc/protobuf/Messages.h"
 
@@ -21,22 +22,28 @@ class FileEvent final : public EventBuilder {
 
   // All outlive the object; `digests` is the cache of the events.
   FileEvent(const TtlProcessTree& tree, const ReportedObjects& reported, const DirectoryEvent& directories,
-            edr::DigestPace& pace, const common::util::DigestCache& digests);
+            edr::DigestPace& pace, const common::util::DigestCache& digests, const common::util::Clock& clock);
   ~FileEvent() override;
 
   [[nodiscard]] Report Build(const edr::Event& event) const override;
+  // All events that come from here on until the next call have happened by now.
+  void BeginTurn() { looks_.Forget(); }
 
  private:
   using Message = com::ostrel::ioc::model::proto::event::FileEvent;
 
   [[nodiscard]] bool IsReported(const std::string& id, const std::string& path) const;
-  static void SetDigests(const edr::Event& event, const common::util::FileDigests& known, Message& message);
+  [[nodiscard]] const FileLooks::Look* FindKnown(const common::ImageInfo& file, const std::string& path) const;
+  static void SetDigests(const FileLooks::Look& look, Message& message);
+  static void SetDigests(const edr::Event& event, Message& message);
 
   const TtlProcessTree& tree_;
   const ReportedObjects& reported_;
   const DirectoryEvent& directories_;
   edr::DigestPace& pace_;
   const common::util::DigestCache& digests_;
+  const common::util::Clock& clock_;
+  mutable FileLooks looks_;
   const FileTypeIdentifier types_;
   mutable KnownActors actors_;
   mutable LatestSettings settings_;

@@ -39,7 +39,7 @@ struct Generator::Builders {
         digests(known_digests ? std::move(known_digests) : std::make_shared<common::util::DigestCache>(clock)),
         pace(*digests, clock, LogPrefix()),
         directory(tree, reported),
-        file(tree, reported, directory, pace, *digests),
+        file(tree, reported, directory, pace, *digests, clock),
         network(tree),
         process(tree, config) {}
 
@@ -61,7 +61,7 @@ struct Generator::Builders {
   const std::shared_ptr<common::util::DigestCache> digests;
   edr::DigestPace pace;
   const DirectoryEvent directory;
-  const FileEvent file;
+  FileEvent file;
   const NetworkEvent network;
   const ProcessEvent process;
 };
@@ -97,6 +97,10 @@ void Generator::Write(Report::Item item) {
     answer(false);
     throw;
   }
+}
+
+void Generator::BeginTurn() {
+  builders_->file.BeginTurn();
 }
 
 void Generator::KeepHouse() {

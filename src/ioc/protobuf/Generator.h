@@ -40,6 +40,7 @@ class Generator final : public EventGenerator {
   // and common::StorageException for a message that the spool refuses.
   void Process(const edr::Event& event, bool send_metadata) override;
 
+  void BeginTurn() override;
   void KeepHouse() override;
 
   // From any thread. Whoever is disabled tells nothing, from the return of the call on, and forgets what was told and

@@ -98,6 +98,33 @@ TEST_F(ProcessingThreadTest, ProcessesWhatComesOldestFirstOnAThreadOfItsOwn) {
   EXPECT_TRUE(log_.Has("Starting EdrProcessingThread ..."));
 }
 
+TEST_F(ProcessingThreadTest, ATurnBeginsBeforeWhatHasComeByThen) {
+  constexpr std::uint32_t kTurn = 1'000'000;
+  const auto make = [&] {
+    return std::make_unique<ProcessingThread>(
+        [this](std::unique_ptr<edr::Event> event) {
+          on_process_(event.get());
+          processed_.Put(event ? event->GetId() : kNone);
+        },
+        [](std::uint64_t) {}, 20, 0, clock_, process_.ProcRoot(), [this] { processed_.Put(kTurn); });
+  };
+  thread_ = make();
+  on_process_ = [this](const edr::Event* event) {
+    if (event != nullptr && event->GetId() == 1) Enqueue(3);
+  };
+  Enqueue(1);
+  Enqueue(2);
+  thread_->Start();
+  EXPECT_THAT(Processed(5), ElementsAre(kTurn, 1, 2, kTurn, 3));
+  thread_.reset();
+  while (!processed_.IsEmpty()) (void)processed_.Take();
+
+  thread_ = make();
+  Enqueue(4);
+  thread_.reset();
+  EXPECT_THAT(Processed(2), ElementsAre(kTurn, 4)) << "the last one, at the end";
+}
+
 TEST_F(ProcessingThreadTest, WithoutEventsItCallsTheProcessorWithNoneEverySecond) {
   thread_->Start();
   EXPECT_EQ(processed_.Take(), kNone);

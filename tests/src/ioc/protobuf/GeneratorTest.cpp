@@ -15,6 +15,7 @@
 #include "src/ioc/protobuf/DataFormatter.h"
 #include "src/ioc/protobuf/Exception.h"
 #include "src/ioc/protobuf/FileEvent.h"
+#include "src/ioc/protobuf/FileLooks.h"
 #include "src/ioc/protobuf/IocEvents.pb.h"
 #include "src/ioc/protobuf/ProcessEvent.h"
 #include "src/ioc/protobuf/ReportedObjects.h"
@@ -620,44 +621,126 @@ TEST_F(GeneratorTest, ALargeFileWhoseDigestsAreKnownIsToldWithThem) {
   for (int i = 0; i < 3; ++i) EXPECT_FALSE(File(event).sha256().empty());
 }
 
-TEST_F(GeneratorTest, AFileInAStateThatIsKnownIsToldByOneLookAtIt) {
-  const std::string path = folder_.Write("script", "x");
-  Remember("Directory", folder_.Path());
-  struct stat found {};
-  ASSERT_EQ(stat(path.c_str(), &found), 0);
-  const auto hex = [](std::size_t size) { return common::util::ToHex(std::string(size, '\x01')); };
-  const auto bytes = [](std::size_t size) { return std::vector<unsigned char>(size, 1); };
-  FakeEvent event = OfFile(EventType::Write, "Write", path);
-  event.file = common::ImageInfo(path, found);
-  event.content_hash.assign(32, 2);
+// A file on disk, of which the cache of digests knows another content than its events tell.
+class GeneratorOfKnownFilesTest : public GeneratorTest {
+ protected:
+  GeneratorOfKnownFilesTest() { Remember("Directory", folder_.Path()); }
 
-  digests_->KeepType(found, "Perl script text executable");
-  EXPECT_EQ(File(event).type(), "PERL");
-  EXPECT_EQ(File(event).sha256(), common::util::ToHex(std::string(32, '\x02'))) << "no digest is known";
-  digests_->Keep(found, {.md5 = {}, .sha1 = bytes(20), .sha256 = bytes(32)});
-  EXPECT_EQ(File(event).sha256(), common::util::ToHex(std::string(32, '\x02'))) << "not all of them are";
-  digests_->Keep(found, {.md5 = bytes(16), .sha1 = {}, .sha256 = {}});
-  const wire::FileEvent known = File(event);
-  EXPECT_EQ(known.type(), "PERL");
-  EXPECT_EQ(known.sha256(), hex(32));
-  EXPECT_EQ(known.sha1(), hex(20));
-  EXPECT_EQ(known.md5(), hex(16));
+  FakeEvent OfFileOnDisk(const std::string& name) {
+    const std::string path = folder_ / name;
+    FakeEvent event = OfFile(EventType::Write, "Write", path);
+    event.file = common::ImageInfo(path, StateOf(name));
+    event.content_hash.assign(32, 2);
+    return event;
+  }
+  struct stat StateOf(const std::string& name) {
+    struct stat found {};
+    EXPECT_EQ(stat((folder_ / name).c_str(), &found), 0);
+    return found;
+  }
+  void KeepContentOf(const std::string& name) {
+    const auto bytes = [](std::size_t size) { return std::vector<unsigned char>(size, 1); };
+    digests_->KeepType(StateOf(name), "Perl script text executable");
+    digests_->Keep(StateOf(name), {.md5 = bytes(16), .sha1 = bytes(20), .sha256 = bytes(32)});
+  }
+  // By which of the two the file is told, its type and digests alike.
+  std::string ToldBy(const FakeEvent& event) {
+    const wire::FileEvent message = File(event);
+    const auto hex = [](std::size_t size, char byte) { return common::util::ToHex(std::string(size, byte)); };
+    const bool by_cache = message.sha256() == hex(32, 1) && message.sha1() == hex(20, 1) && message.md5() == hex(16, 1);
+    if (by_cache && message.type() == "PERL") return "cache";
+    const bool by_event = message.sha256() == hex(32, 2) && message.sha1().empty() && message.md5().empty();
+    return by_event ? "event, " + message.type() : "both";
+  }
+};
 
-  event.file_type = edr::FileType::SymbolicLink;
-  EXPECT_EQ(File(event).type() + File(event).sha256(), "");
-  event.file_type = edr::FileType::Regular;
-  event.file =
-      common::ImageInfo(common::util::DeviceText(found.st_dev), 644, found.st_ino + 1, path, 0, "root", "root", 0, "");
-  EXPECT_EQ(File(event).type(), "") << "another file has got the path";
-  EXPECT_NE(File(event).sha256(), hex(32));
-  event.file = common::ImageInfo("ff:fe", 644, found.st_ino, path, 0, "root", "root", 0, "");
-  EXPECT_NE(File(event).sha256(), hex(32)) << "one of another file system";
-
-  event.file = common::ImageInfo(path, found);
+TEST_F(GeneratorOfKnownFilesTest, AFileInAStateThatIsKnownIsToldByTheLookAtIt) {
+  folder_.Write("script", "x");
+  const FakeEvent event = OfFileOnDisk("script");
+  EXPECT_EQ(ToldBy(event), "event, Python");
+  digests_->KeepType(StateOf("script"), "Perl script text executable");
+  EXPECT_EQ(ToldBy(event), "event, Python") << "no digest is known";
+  KeepContentOf("script");
+  EXPECT_EQ(ToldBy(event), "cache");
   folder_.Write("script", "y, and more of it");
-  const wire::FileEvent changed = File(event);
-  EXPECT_EQ(changed.type(), "Python") << "the file has been written to";
-  EXPECT_NE(changed.sha256(), hex(32));
+  generator_->BeginTurn();
+  EXPECT_EQ(ToldBy(event), "event, Python") << "the file has been written to";
+}
+
+TEST_F(GeneratorOfKnownFilesTest, AFileOfWhichOneDigestIsMissingIsNotKnown) {
+  using common::util::FileDigests;
+  for (const auto missing : {&FileDigests::md5, &FileDigests::sha1, &FileDigests::sha256}) {
+    const std::string name = std::to_string(folder_.Read("script").size());
+    folder_.Write("script", folder_.Read("script") + "x");
+    FileDigests digests{.md5 = {1}, .sha1 = {1}, .sha256 = {1}};
+    (digests.*missing).clear();
+    digests_->KeepType(StateOf("script"), "Perl script text executable");
+    digests_->Keep(StateOf("script"), digests);
+    EXPECT_EQ(ToldBy(OfFileOnDisk("script")), "event, Python") << name;
+  }
+}
+
+TEST_F(GeneratorOfKnownFilesTest, AnotherFileIsNotToldByWhatIsKnown) {
+  folder_.Write("script", "x");
+  KeepContentOf("script");
+  FakeEvent event = OfFileOnDisk("script");
+  const struct stat found = StateOf("script");
+  const std::string path = folder_ / "script";
+  const auto be = [&](const std::string& device, std::uint64_t inode) {
+    event.file = common::ImageInfo(device, 644, inode, path, 0, "root", "root", 0, "");
+    return ToldBy(event);
+  };
+  EXPECT_EQ(be(common::util::DeviceText(found.st_dev), found.st_ino), "cache");
+  for (const bool is_seen : {true, false}) {
+    EXPECT_EQ(be(common::util::DeviceText(found.st_dev), found.st_ino + 1), "event, ") << "it has got the path";
+    EXPECT_EQ(be("ff:fe", found.st_ino), "event, Python") << "it may be one of another file system";
+    EXPECT_EQ(be("", 0), "event, Python") << "nobody knows which one it was";
+    if (is_seen) generator_->BeginTurn();
+  }
+  FakeEvent link = OfFileOnDisk("script");
+  link.file_type = edr::FileType::SymbolicLink;
+  EXPECT_EQ(File(link).type() + File(link).sha256(), "");
+}
+
+TEST_F(GeneratorOfKnownFilesTest, ALookAnswersForTheWholeTurn) {
+  folder_.Write("script", "x");
+  KeepContentOf("script");
+  const FakeEvent event = OfFileOnDisk("script");
+  EXPECT_EQ(ToldBy(event), "cache");
+  folder_.Write("script", "written after all events of the turn");
+  EXPECT_EQ(ToldBy(event), "cache");
+  generator_->BeginTurn();
+  EXPECT_EQ(ToldBy(event), "event, Python");
+}
+
+TEST_F(GeneratorOfKnownFilesTest, InALongTurnALookAnswersForATime) {
+  folder_.Write("script", "x");
+  KeepContentOf("script");
+  const FakeEvent event = OfFileOnDisk("script");
+  EXPECT_EQ(ToldBy(event), "cache");
+  folder_.Write("script", "written in the midst of the turn");
+  clock_.Advance(FileLooks::kLongest - std::chrono::milliseconds(1));
+  EXPECT_EQ(ToldBy(event), "cache");
+  clock_.Advance(std::chrono::milliseconds(1));
+  EXPECT_EQ(ToldBy(event), "event, Python");
+}
+
+TEST_F(GeneratorOfKnownFilesTest, OfManyFilesTheLatestAreRemembered) {
+  const auto tell_of = [&](std::size_t first, std::size_t last) {
+    for (std::size_t i = first; i <= last; ++i) {
+      folder_.Write(std::to_string(i), "x");
+      KeepContentOf(std::to_string(i));
+      EXPECT_EQ(ToldBy(OfFileOnDisk(std::to_string(i))), "cache");
+    }
+  };
+  tell_of(1, FileLooks::kMaxFiles);
+  const FakeEvent first = OfFileOnDisk("1");
+  const FakeEvent second = OfFileOnDisk("2");
+  for (const char* name : {"1", "2"}) folder_.Write(name, "written in the midst of the turn");
+  EXPECT_EQ(ToldBy(first), "cache");
+  tell_of(FileLooks::kMaxFiles + 1, FileLooks::kMaxFiles + 1);
+  EXPECT_EQ(ToldBy(first), "cache");
+  EXPECT_EQ(ToldBy(second), "event, Python") << "its place was taken";
 }
 
 TEST_F(GeneratorTest, KeepingHouseRemembersWhatABurstHasLeft) {
