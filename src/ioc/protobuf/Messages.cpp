@@ -130,10 +130,13 @@ void FillActor(const TtlProcessTree& tree, const edr::Event& event,
 }
 
 const std::string& KnownActors::FieldOf(const TtlProcessTree& tree, const edr::Event& event) {
-  const std::int32_t pid = event.GetActorProcessId();
-  const std::shared_ptr<const ProcessInfo> process = tree.Get(pid);
+  const std::shared_ptr<const ProcessInfo> process = tree.Get(event.GetActorProcessId());
   const common::ImageInfo* const image = ImageOf(event);
-  if (&ProgramOf(*process, image) != process->GetImage()) return Make(*process, image);
+  return &ProgramOf(*process, image) == process->GetImage() ? FieldOf(process) : Make(*process, image);
+}
+
+const std::string& KnownActors::FieldOf(const std::shared_ptr<const ProcessInfo>& process) {
+  const std::int32_t pid = process->GetPid();
   if (const Known* const known = known_.Find(pid); known != nullptr && known->process.lock() == process) {
     return known->field;
   }
@@ -143,7 +146,10 @@ const std::string& KnownActors::FieldOf(const TtlProcessTree& tree, const edr::E
 }
 
 const std::string& KnownActors::Make(const ProcessInfo& process, const common::ImageInfo* image) {
-  com::ostrel::ioc::model::proto::event::FileEvent actor_alone;
+  using com::ostrel::ioc::model::proto::event::FileEvent;
+  using com::ostrel::ioc::model::proto::event::ProcessEvent;
+  static_assert(int{FileEvent::kActorFieldNumber} == int{ProcessEvent::kActorFieldNumber});
+  FileEvent actor_alone;
   FillActor(process, image, *actor_alone.mutable_actor());
   made_ = actor_alone.SerializeAsString();
   return made_;

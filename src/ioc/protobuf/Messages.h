@@ -51,12 +51,14 @@ void FillActor(const ProcessInfo& process, const common::ImageInfo* image,
 void FillActor(const TtlProcessTree& tree, const edr::Event& event,
                com::ostrel::ioc::model::proto::event::Actor& actor);
 
-// The actors of the latest events, as FillActor makes them, serialised as the field of a file's event: most of a burst
-// is the work of few processes. An actor whose names nobody knows yet is made anew each time. For one thread.
+// The actors of the latest events, as FillActor makes them, serialised as the field of the event of a file or a
+// process: most of a burst is the work of few processes. An actor whose names nobody knows yet is made anew each time.
+// For one thread.
 class KnownActors {
  public:
   // Valid until the next call. Throws what FillActor throws.
   const std::string& FieldOf(const TtlProcessTree& tree, const edr::Event& event);
+  const std::string& FieldOf(const std::shared_ptr<const ProcessInfo>& process);
 
  private:
   struct Known {

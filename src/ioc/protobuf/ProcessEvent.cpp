@@ -18,8 +18,6 @@
 namespace zagent::ioc::internal::protobuf {
 namespace {
 
-namespace wire = com::ostrel::ioc::model::proto::event;
-
 using edr::EventType;
 
 constexpr std::string_view kCut = "...";  // behind arguments that are not told whole
@@ -66,6 +64,11 @@ bool IsOnDisk(const common::ImageInfo& image) {
 
 }  // namespace
 
+ProcessEvent::ProcessEvent(const TtlProcessTree& tree, const Config& config)
+    : tree_(tree), config_(config), message_(std::make_unique<Message>()) {}
+
+ProcessEvent::~ProcessEvent() = default;
+
 Report ProcessEvent::Build(const edr::Event& event) const {
   const std::int32_t pid = event.GetActorProcessId();
   const EventType type = event.GetType();
@@ -82,13 +85,15 @@ Report ProcessEvent::Build(const edr::Event& event) const {
   const std::string& path = identity.image.GetPath();
   LogGenerating(event, path);
 
-  wire::ProcessEvent message;
+  Message& message = *message_;
+  message.Clear();
   message.set_eventaction(ActionOf(type));
   message.set_timestamp(event.GetTimestamp());
   message.set_uniqueid(UniqueProcessId(pid, identity.creation_time, path));
   const std::int32_t ppid = ParentOf(*process, event, is_start);
+  std::string_view actor;
   if (tree_.Has(ppid)) {
-    FillActor(*tree_.Get(ppid), nullptr, *message.mutable_actor());
+    actor = actors_.FieldOf(tree_.Get(ppid));
   } else {
     ZLOG_DEBUG("Failed to get parent process information with PID " << ppid);
   }
@@ -100,14 +105,14 @@ Report ProcessEvent::Build(const edr::Event& event) const {
   message.set_uniqueimageid(UniquePathId(path));
   message.set_userid(std::to_string(identity.uid));
   message.set_username(Repaired(common::UserName(identity.uid)));
-  message.set_securitysettings(SecuritySettings(identity.image));
+  message.set_securitysettings(settings_.Of(identity.image));
   message.set_elevated(event.IsElevated());
   message.set_currentdirectory(Repaired(identity.cwd));
   message.set_imagepath(Repaired(path));
   message.set_ondisk(IsOnDisk(identity.image));
   if (!is_start) message.set_status("Stop");
   Report report;
-  report.items.push_back({MakeItem(Kind::Process, message)});
+  report.items.push_back({MakeItem(Kind::Process, message, actor)});
   return report;
 }
 

@@ -1,10 +1,14 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
 
 #include "src/ioc/config/Config.h"
 #include "src/ioc/process/TtlProcessTree.h"
 #include "src/ioc/protobuf/EventBuilder.h"
+#include "src/ioc/protobuf/Messages.h"
 
 namespace zagent::ioc::internal::protobuf {
 
@@ -15,15 +19,21 @@ class ProcessEvent final : public EventBuilder {
   // bytes of them are told, and no more than half a spool file holds; "..." is the end of what is cut.
   static constexpr std::size_t kMaxArguments = 32 * 1024;
 
-  ProcessEvent(const TtlProcessTree& tree, const Config& config) : tree_(tree), config_(config) {}
+  ProcessEvent(const TtlProcessTree& tree, const Config& config);
+  ~ProcessEvent() override;
 
   [[nodiscard]] Report Build(const edr::Event& event) const override;
 
  private:
+  using Message = com::ostrel::ioc::model::proto::event::ProcessEvent;
+
   [[nodiscard]] std::string ArgumentsText(const std::vector<std::string>& arguments) const;
 
   const TtlProcessTree& tree_;
   const Config& config_;
+  mutable KnownActors actors_;
+  mutable LatestSettings settings_;
+  const std::unique_ptr<Message> message_;  // that of the event at hand, in the memory of the one before
 };
 
 }  // namespace zagent::ioc::internal::protobuf

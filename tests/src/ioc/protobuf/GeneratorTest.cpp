@@ -621,6 +621,24 @@ TEST_F(GeneratorTest, ALargeFileWhoseDigestsAreKnownIsToldWithThem) {
   for (int i = 0; i < 3; ++i) EXPECT_FALSE(File(event).sha256().empty());
 }
 
+TEST_F(GeneratorTest, TheParentOfAProcessIsToldAsWhatItRunsByNow) {
+  const FakeEvent start = OfProcess(EventType::ProcessStart, "Execve");
+  for (int time = 0; time < 2; ++time) EXPECT_EQ(ProcessMessage(start).actor().imagepath(), "/bin/sh");
+  Enter(10, 1, "/bin/bash", {"bash"});
+  EXPECT_EQ(ProcessMessage(start).actor().imagepath(), "/bin/bash");
+  EXPECT_EQ(ProcessMessage(start).actor().processid(), 10);
+}
+
+TEST_F(GeneratorTest, NothingOfAProcessIsToldOfTheNext) {
+  FakeEvent other = OfProcess(EventType::ProcessStart, "Execve");
+  const std::string alone = ProcessMessage(other).SerializeAsString();
+  FakeEvent end = OfProcess(EventType::ProcessExit, "Exit");
+  EXPECT_EQ(ProcessMessage(end).status(), "Stop");
+  EXPECT_EQ(ProcessMessage(other).SerializeAsString(), alone);
+  other.ppid = 999;  // has ended, and nobody knows it
+  EXPECT_FALSE(ProcessMessage(other).has_actor());
+}
+
 // A file on disk, of which the cache of digests knows another content than its events tell.
 class GeneratorOfKnownFilesTest : public GeneratorTest {
  protected:
