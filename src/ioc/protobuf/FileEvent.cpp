@@ -170,8 +170,9 @@ void FileEvent::SetDigests(const FileLooks::Look& look, Message& message) {
   message.set_sha256(look.sha256);
   message.set_sha1(look.sha1);
   message.set_md5(look.md5);
-  ZLOG_DEBUG("sha256: " << look.sha256 << ", sha1: " << look.sha1 << ", md5: " << look.md5
-                        << " File: " << message.fullpath());
+  ZLOG_DEBUG("sha256: " << look.sha256 << " File: " << message.fullpath());
+  ZLOG_DEBUG("sha1: " << look.sha1 << " File: " << message.fullpath());
+  ZLOG_DEBUG("md5: " << look.md5 << " File: " << message.fullpath());
 }
 
 void FileEvent::SetDigests(const edr::Event& event, Message& message) {

@@ -536,6 +536,39 @@ TEST_F(IocComponentTest, ALargeFileWhoseDigestsTheCacheHasIsToldWithThemEachTime
   EXPECT_EQ(log_.Count("[IOC]: sha256: " + common::util::ToHex(std::string(32, 1)) + " File: " + path), 3);
 }
 
+TEST_F(IocComponentTest, WhatWasSeenOfAFileIsNotToldOfWhatHappenedToItLater) {
+  digests_ = std::make_shared<common::util::DigestCache>(clock_);
+  const std::string path = folder_.Write("watched", "x");
+  const auto content = [&](unsigned char byte) {
+    struct stat found {};
+    ASSERT_EQ(stat(path.c_str(), &found), 0);
+    const auto bytes = [byte](std::size_t size) { return std::vector<unsigned char>(size, byte); };
+    digests_->KeepType(found, "data");
+    digests_->Keep(found, {.md5 = bytes(16), .sha1 = bytes(20), .sha256 = bytes(32)});
+  };
+  section_.manifests = {
+      folder_.Write("folder.json", R"({"policyVersion":"2.0.0","policyId":1,"productId":1,"globalSettings":{},
+          "heuristicsEnabled":false,"rules":[{"ruleId":"f","ruleType":"Directory","imagePath":")" +
+                                       folder_.Path() + R"(","recursiveDepth":"All","notify":{"File":["write"]}}]})")};
+  Make();
+  DeliverStart();
+  for (const unsigned char byte : {1, 2}) {
+    folder_.Write("watched", std::string(byte, 'x'));
+    content(byte);
+    struct stat found {};
+    ASSERT_EQ(stat(path.c_str(), &found), 0);
+    fakes::FakeEvent event(edr::EventType::Write, "Write", path);
+    event.id = ++last_id_;
+    event.pid = kPid;
+    event.image = common::ImageInfo(image_);
+    event.file = common::ImageInfo(path, found);
+    event.size = byte;
+    engine_.Deliver("IOC", {"f"}, event);
+    const std::string hex = common::util::ToHex(std::string(32, static_cast<char>(byte)));
+    EXPECT_TRUE(Eventually([&] { return log_.Has("sha256: " + hex + " File: " + path); })) << hex;
+  }
+}
+
 TEST_F(IocComponentTest, TagsAndTheirThresholdAreThoseOfTheManifest) {
   image_ = folder_.Write("known", "a program");
   const auto settings = [&](int threshold) {
