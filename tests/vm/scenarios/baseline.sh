@@ -1,7 +1,6 @@
 # shellcheck shell=dash
 # How a tracked file was when it was first met: one document for each name, before its first event, with content and
 # digest as far as there are any; none again for a second event, after a restart or after a kill.
-# seconds: 300
 . /scenario/lib.sh
 
 TRACKED=$WATCHED/tracked

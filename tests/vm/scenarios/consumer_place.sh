@@ -1,7 +1,6 @@
 # shellcheck shell=dash
 # with: auditd
 # time: virtual
-# seconds: 570
 # Somebody else takes the daemon's place as the kernel's consumer, which ends nothing and tells nobody: the daemon
 # notices by its proof of life, and tells who has the place, that nobody has it, and that audit is off, apart.
 . /scenario/lib.sh

@@ -1,6 +1,5 @@
 # shellcheck shell=dash
 # time: virtual
-# seconds: 570
 # Fifty thousand file events on a machine with one processor, of which the daemon may have a twentieth: it takes its time,
 # loses nothing and reports what is to be reported in the end.
 . /scenario/lib.sh

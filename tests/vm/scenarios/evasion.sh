@@ -2,7 +2,6 @@
 # Ways around a watched path: another name for what is watched, a place where names mean something else, calls that name
 # nothing or are hardly known, a watched folder that is taken away, and a program that pretends to be one of the family.
 # Each of them is to be reported once, where it really happened and by whom, and nothing else.
-# seconds: 240
 . /scenario/lib.sh
 
 REAL=/srv/real      # watched through a link among its folders

@@ -1,7 +1,6 @@
 # shellcheck shell=dash
 # What people and scripts do to whole trees, with the tools that they do it with. Those name most objects relative to
 # folders that they hold open only for a moment, and are gone before anybody can ask them.
-# seconds: 540
 . /scenario/lib.sh
 
 GNU=/usr/local/gnu

@@ -3,7 +3,6 @@
 # in full. Temporary names are random: "XXXXXX" stands for them. What was at a temporary name is gone when its event has
 # rested, so that without extended coverage only the rename tells of it; of a folder, which does not rest, its making may
 # be told or not.
-# seconds: 300
 . /scenario/lib.sh
 
 GNU=/usr/local/gnu

@@ -2,7 +2,7 @@
 # What a manifest asks for and what it does not: every operation on files, folders, symbolic and hard links by root, by a
 # user who logged in and by a daemon's user, on every depth, for every word of notify, through every filter. All rules are in force at once, each on a folder
 # of its own, and what the platform receives is what they ask for, no more and no less.
-# seconds: 420
+# seconds: 900
 . /scenario/lib.sh
 
 M=/srv/matrix

@@ -2,7 +2,6 @@
 # A daemon that gets no turn for some seconds, as on a machine that is overloaded or was suspended: the kernel holds back
 # what it cannot deliver, and sends it later, in another order and in the middle of events. Every event is told or
 # counted all the same.
-# seconds: 540
 . /scenario/lib.sh
 
 GNU=/usr/local/gnu

@@ -3,7 +3,7 @@
 # is known with his parents, who ended meanwhile has ended, and no batch is missing. Of a reboot the
 # daemon is shown what it would see: the clock is set while it is down, so that process 1 and the machine have started at
 # another time than was stored. ioc_reboot.sh has real ones.
-# seconds: 420
+# seconds: 900
 . /scenario/lib.sh
 
 S=/srv/stage

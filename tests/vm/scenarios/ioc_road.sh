@@ -1,7 +1,6 @@
 # shellcheck shell=dash
 # Indicators of compromise, from a manifest to the platform: a program that is started, the file that it changes and its
 # end come as one story; what is known of processes and the numbers of the batches outlive a restart.
-# seconds: 540
 . /scenario/lib.sh
 
 ACTOR=/usr/local/bin/file-actor

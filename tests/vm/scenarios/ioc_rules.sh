@@ -2,7 +2,6 @@
 # What rules of indicators of compromise ask for and what they do not: files, folders, processes, connections and trusted
 # programs, by root and by a user who has logged in. Then the manifests change in the middle of a storm, and pids come again.
 # What the platform receives is what the rules ask for, no more and no less.
-# seconds: 540
 . /scenario/lib.sh
 
 S=/srv/stage # whose programs' starts are asked for

@@ -3,7 +3,6 @@
 # make suspicious. Each technique once, near misses and excluded programs beside it; tags that go on to relatives, and
 # never by way of process 1; tags and scores over a restart.
 # with: sudo
-# seconds: 570
 . /scenario/lib.sh
 
 F=/srv/ioc

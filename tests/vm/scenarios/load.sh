@@ -2,7 +2,6 @@
 # Much at once: 2,000 changes by 20 processes, each of them reported or counted as lost, within the memory that the
 # daemon may have; and a large file that is written all the time, which is read for its digest now and then only.
 # long/fim_load.sh does ten times as much.
-# seconds: 540
 . /scenario/lib.sh
 
 PROCESSES=20

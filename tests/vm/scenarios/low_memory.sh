@@ -1,6 +1,5 @@
 # shellcheck shell=dash
 # time: virtual
-# seconds: 540
 # As little memory as can be had, and more bytes than it holds: the parser's queue drops and says so, the daemon stays
 # small, and afterwards everything is reported as before.
 . /scenario/lib.sh

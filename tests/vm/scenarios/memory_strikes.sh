@@ -1,6 +1,5 @@
 # shellcheck shell=dash
 # time: virtual
-# seconds: 300
 # What is resident is looked at every three minutes: the third look above the hard limit in a row ends the daemon in
 # order. What it finds is put in the place of the kernel's word.
 . /scenario/lib.sh

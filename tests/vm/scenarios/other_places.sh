@@ -3,7 +3,7 @@
 # kind: through a bind mount, on an overlay and on btrfs, whose files have another device for stat than in records. Which
 # documents come of each, in full; of what has a temporary name only the rename is told, as everyday_work says.
 # tools: git rsync mkfs.btrfs
-# seconds: 420
+# seconds: 900
 . /scenario/lib.sh
 
 GNU=/usr/local/gnu

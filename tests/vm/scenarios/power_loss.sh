@@ -2,7 +2,7 @@
 # The power fails while a spool and a database are written to. The disk is a recorded one: each write lies in the record
 # in the order in which it became safe, with a mark behind each file or list that had been called safe. So the disk can
 # be made as it would have been at any moment, and what had been called safe by then must be on it.
-# seconds: 420
+# seconds: 900
 . /scenario/lib.sh
 
 CUTS=6

@@ -1,7 +1,6 @@
 # shellcheck shell=dash
 # with: auditd
 # time: virtual
-# seconds: 570
 # An administrator silences audit, which tells nobody: the daemon notices within eleven minutes, says why and goes on as
 # soon as audit speaks again. Its own file is the proof, and concerns nobody else.
 . /scenario/lib.sh

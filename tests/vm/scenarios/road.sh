@@ -2,7 +2,6 @@
 # Both roads: a platform, an agent, the daemon; work in the watched folder by root and by an unprivileged user, each event
 # at the platform with the right action, path and actor; a small attack, each of its steps at the platform with all
 # ancestors and with the digest of the file; a clean end. scripts/demo shows this scenario.
-# seconds: 420
 . /scenario/lib.sh
 
 REMOTE=10.1.2.3
