@@ -41,8 +41,12 @@ auditd_wrote() { grep -qE -- "$1" $RAW; }
 
 # ---- the daemon beside it
 
-connected() { is "$(grep -c 'UnixClientStreamSockIOChannel: Connected\.$' $LOG/edr.log)" "$1"; }
-is_disconnected() { is "$(grep -c 'UnixClientStreamSockIOChannel: EOF Received\.' $LOG/edr.log)" "$1"; }
+# The agent's socket is told by the same words: it is the first to connect, and stays.
+disconnections() { grep -c 'UnixClientStreamSockIOChannel: EOF Received\.' $LOG/edr.log; }
+disconnected() { [ "$(disconnections)" -gt "$1" ]; }
+is_connected() {
+  grep -E 'UnixClientStreamSockIOChannel: (Connected|EOF Received)\.' $LOG/edr.log | tail -n 1 | grep -q 'Connected\.$'
+}
 invalidated() { is "$(grep -c 'RuleEngine::Invalidate: Cleaning up all rules$' $LOG/edr.log)" "$1"; }
 # all_in_force COUNT: of the manifests; the daemon has one of its own.
 all_in_force() { grep -F 'Rules in force: ' $LOG/edr.log | tail -n 1 | grep -q "Rules in force: $(($1 + 1)) of $(($1 + 1))\$"; }
@@ -63,7 +67,7 @@ take_manifest() {
 
 start_beside() {
   start_agent
-  expect "the daemon reads what auditd forwards" wait_until 30 connected "$1"
+  expect "the daemon reads what auditd forwards" wait_until 30 log_says "DispatcherIOChannel: Started."
   expect "its rules are in force" wait_until 20 all_in_force 1
 }
 
@@ -85,7 +89,7 @@ configure event_file_path "\"$SPOOL\""
 extended_coverage false
 manifest "$(rule rule-one $WATCHED)" fim-manifest.json
 start_receiver
-start_beside 1
+start_beside
 expect "the rule is there" has_rule "^exit always .*dir=$WATCHED perm=wa.* key=rule-one\$"
 killed=$(daemon_pid)
 reference-agent kill >>$LOG/agent.log 2>&1
@@ -93,7 +97,7 @@ agent_ends
 expect "it was killed" is "$DAEMON_CODE" 137
 expect "its rules are still there" has_rule "pid=$killed .*key=ostrel_ignore_rule_ostrel-edr\$"
 : >$LOG/edr.log
-start_beside 1
+start_beside
 expect "no rule names the killed process" lacks_rule "pid=$killed "
 expect "each rule stands once" each_rule_once
 expect "the others' rules are untouched" theirs_are "$their_first"
@@ -143,10 +147,11 @@ expect "there is nothing to complain about" not grep -E '^[^ ]* [EW] .*Failed to
 step "auditd restarts, twice"
 expect "so far nothing had to be built anew" invalidated 0
 for time in 1 2; do
+  before=$(disconnections)
   stop_auditd
-  expect "the daemon notices ($time)" wait_until 10 is_disconnected $time
+  expect "the daemon notices ($time)" wait_until 10 disconnected "$before"
   start_auditd
-  expect "it comes back ($time)" wait_until 10 connected $((time + 1))
+  expect "it comes back ($time)" wait_until 10 is_connected
   expect "its rules are built anew, once ($time)" wait_until 10 invalidated $time
   expect "they are in force ($time)" wait_until 10 has_rule "key=rule-one\$"
   expect "and stand once ($time)" each_rule_once

@@ -203,7 +203,7 @@ mv $FOLDERS/elsewhere $FOLDERS/parent
 plainly "below it when it was back" $ACTOR create $FOLDERS/parent/away/and-back
 expect "every rule is in force again" wait_until 10 in_force_by_now 8
 
-wait_for_the_last 60
+wait_for_the_last 120
 judge
 expect "who was killed, which no record tells, is looked for once a minute" wait_until 70 lacks_rule "pid=$KILLED"
 

@@ -69,9 +69,11 @@ work "vi: backup goes" $GNU/rm $WATCHED/vi/text~
 work "nano" sh -c "echo more >>$WATCHED/nano/text"
 work "mkfifo" mkfifo $WATCHED/fifo/pipe
 work "dpkg -i" $GNU/dpkg --force-bad-path -i /srv/small.deb
-sleep 33 # what is removed within its rest is told as removed alone
+# What is removed within its rest is told as removed alone.
+data=$WATCHED/package/share/data
+expect "the package's files have rested" wait_for_event Rename "$data.dpkg-new -> $data"
 work "dpkg -r" $GNU/dpkg --force-bad-path -r small
-wait_for_the_last 60
+wait_for_the_last 120
 
 tells "sed -i" <<END
 Delete sed/config

@@ -123,6 +123,6 @@ once "a way through a link" chmod $WORK/link-to-folder/file
 owed_as "a link with a slash behind it" $WORK/real chmod-folder $WORK/link-to-folder/
 once "a link of a symbolic link" link $WORK/link-of-link
 
-wait_for_the_last 60
+wait_for_the_last 120
 judge
 stop_all

@@ -3,7 +3,7 @@
 # kind: through a bind mount, on an overlay and on btrfs, whose files have another device for stat than in records. Which
 # documents come of each, in full; of what has a temporary name only the rename is told, as everyday_work says.
 # tools: git rsync mkfs.btrfs
-# seconds: 900
+# seconds: 1200
 . /scenario/lib.sh
 
 GNU=/usr/local/gnu
@@ -132,7 +132,7 @@ everyday overlay
 everyday btrfs
 step "a bind mount, worked on by its other path"
 (WATCHED=/srv everyday bind)
-wait_for_the_last 240
+wait_for_the_last 600 # a digest of 2 GiB takes four minutes in here
 
 # rsync changes owner and mode of files by descriptors, whose names are known as long as it has them open: twice for each
 # file at the most.
