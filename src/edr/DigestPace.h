@@ -13,17 +13,21 @@
 
 namespace zagent::edr {
 
-// Keeps a large file that is written all the time from being read for each of its events: it is read for its digest
-// once in 30 seconds, and the events in between go without one, with one warning a minute that counts them. Files of up
-// to 1 MiB, and those whose digest is known as they are, have one in every event.
+// Keeps large files from taking up a component's time, or a disk's, for their digests. A file that is written all the
+// time is read once in 30 seconds, and one above 4 GiB never. A hole costs nothing to make, but as much as data to
+// read: of holes 4 GiB are read in a minute, over all files. Events beyond that go without a digest, with one warning a
+// minute that counts them. Files of up to 1 MiB, and those whose digest is known as they are, have one in every event.
 //
 // At most 1,024 files are remembered; beyond that the one that was read the longest ago is forgotten.
 //
 // For one thread.
 class DigestPace {
  public:
-  static constexpr std::int64_t kMaxFreeSize = std::int64_t{1024} * 1024;  // bytes
+  static constexpr std::int64_t kMaxFreeSize = std::int64_t{1024} * 1024;          // bytes
+  static constexpr std::int64_t kMaxSize = std::int64_t{4} * 1024 * 1024 * 1024;   // bytes
+  static constexpr std::int64_t kMaxHoles = std::int64_t{4} * 1024 * 1024 * 1024;  // bytes, in kHolesInterval
   static constexpr std::chrono::seconds kInterval{30};
+  static constexpr std::chrono::minutes kHolesInterval{1};
   static constexpr std::chrono::minutes kWarningInterval{1};
   static constexpr std::size_t kMaxFiles = 1'024;
 
@@ -44,13 +48,16 @@ class DigestPace {
 
   // The first words of its lines.
   [[nodiscard]] const std::string& LogPrefix() const { return log_prefix_; }
-  void Refuse(const std::string& path, Time now);
+  bool Refuse(const std::string& path, const char* why);
+  [[nodiscard]] bool AdmitsHoles(std::int64_t bytes);
   void MakeRoom();
 
   common::util::DigestCache& cache_;
   const common::util::Clock& clock_;
   const std::string log_prefix_;
   std::map<File, Time> last_read_;
+  std::int64_t holes_ = 0;  // bytes, since holes_began_
+  std::optional<Time> holes_began_;
   std::uint64_t refused_ = 0;  // since the last warning
   std::optional<Time> warned_;
 };

@@ -9,6 +9,7 @@
 #include "common/src/util/Log.h"
 #include "common/src/util/UniqueFd.h"
 #include "src/audit/events/FileEvent.h"
+#include "src/edr/DigestPace.h"
 #include "src/edr/process/StatHelper.h"
 
 namespace zagent::audit::internal {
@@ -87,9 +88,9 @@ std::optional<std::string> FileEvent::IdentifyType() const {
   const std::string& path = file_->GetPath();
   common::util::DigestCache* const cache = context_->digests.get();
   struct stat before {};
-  if (cache == nullptr || lstat(path.c_str(), &before) != 0 || !S_ISREG(before.st_mode)) {
-    return context_->lib_magic->Identify(path);
-  }
+  // libmagic would call each file that went while its event rested an error.
+  if (lstat(path.c_str(), &before) != 0) return std::nullopt;
+  if (cache == nullptr || !S_ISREG(before.st_mode)) return context_->lib_magic->Identify(path);
   if (std::string known = cache->FindType(before); !known.empty()) return known;
   const bool settled = cache->IsSettled(before);
   std::optional<std::string> type = context_->lib_magic->Identify(path);
@@ -121,9 +122,10 @@ const std::vector<unsigned char>& FileEvent::GetFileContentHash(edr::ContentHash
 FileEvent::Digests FileEvent::GenerateDigests() const {
   Digests digests;
   if (is_gone_) return digests;
+  // Whoever asks has looked at the size before; the file may have grown since.
   try {
     const HashGenerator generator(file_->GetPath(), file_->GetDevice(), file_->GetInode(), common::util::HashKind::All,
-                                  context_ ? context_->digests.get() : nullptr);
+                                  context_ ? context_->digests.get() : nullptr, edr::DigestPace::kMaxSize);
     digests.md5 = DigestOrNothing(generator, &HashGenerator::GetMd5);
     digests.sha1 = DigestOrNothing(generator, &HashGenerator::GetSha1);
     digests.sha256 = DigestOrNothing(generator, &HashGenerator::GetSha256);

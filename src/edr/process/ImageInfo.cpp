@@ -5,6 +5,7 @@
 #include "common/src/util/DeviceText.h"
 #include "common/src/util/Digest.h"
 #include "common/src/util/HashGenerator.h"
+#include "src/edr/DigestPace.h"
 
 namespace zagent::common {
 
@@ -57,7 +58,8 @@ const std::string& ImageInfo::GetDigest(util::DigestCache* cache) const {
   std::string& digest = rare_.Get().digest;
   if (digest.empty()) {
     const util::HashGenerator generator(path_, device_, inode_,
-                                        cache != nullptr ? util::HashKind::All : util::HashKind::Sha256, cache);
+                                        cache != nullptr ? util::HashKind::All : util::HashKind::Sha256, cache,
+                                        edr::DigestPace::kMaxSize);
     const std::vector<unsigned char>& bytes = generator.GetSha256();
     digest = util::ToHex({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
   }

@@ -83,6 +83,34 @@ TEST_F(DigestPaceTest, OneWarningAMinuteCountsWhatGoesWithout) {
   EXPECT_TRUE(log_.Has("DigestPace: 5" + text));
 }
 
+TEST_F(DigestPaceTest, AFileAboveFourGiBIsNeverRead) {
+  const std::string largest = File("largest", DigestPace::kMaxSize);
+  EXPECT_TRUE(pace_.Admits(largest));
+  const std::string too_large = File("too large", DigestPace::kMaxSize + 1);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_FALSE(pace_.Admits(too_large));
+    clock_.Advance(1h);
+  }
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_WARNING,
+                       "DigestPace: 1 events without a digest: " + too_large + " is larger than 4 GiB"));
+}
+
+TEST_F(DigestPaceTest, OfHolesFourGiBAreReadInAMinuteOverAllFiles) {
+  constexpr std::int64_t kGiB = std::int64_t{1} << 30;
+  EXPECT_TRUE(pace_.Admits(File("first", 3 * kGiB)));
+  const std::string second = File("second", 2 * kGiB);
+  EXPECT_FALSE(pace_.Admits(second));
+  EXPECT_TRUE(
+      log_.Has("DigestPace: 1 events without a digest: " + second + " has holes, of which 4 GiB a minute are read"));
+  EXPECT_TRUE(pace_.Admits(File("third", kGiB))) << "what is refused is not counted as read";
+  EXPECT_FALSE(pace_.Admits(File("fourth", DigestPace::kMaxFreeSize + 1)));
+  EXPECT_TRUE(pace_.Admits(folder_.Write("data", std::string(DigestPace::kMaxFreeSize + 1, 'x')))) << "without a hole";
+  clock_.Advance(59s);
+  EXPECT_FALSE(pace_.Admits(second));
+  clock_.Advance(1s);
+  EXPECT_TRUE(pace_.Admits(second));
+}
+
 TEST_F(DigestPaceTest, AtTheBoundTheOldestIsForgotten) {
   const std::string oldest = File("oldest", DigestPace::kMaxFreeSize + 1);
   EXPECT_TRUE(pace_.Admits(oldest));

@@ -227,6 +227,13 @@ TEST_F(FileEventAnswersTest, EventsThatShareDigestsReadAFileOnceUntilItIsWritten
   EXPECT_NE(Hex(Written(file)->GetFileContentHash(edr::ContentHash::Sha256)), kAbcSha256);
 }
 
+TEST_F(FileEventAnswersTest, HasNoDigestOfAFileAboveFourGiB) {
+  const std::string file = folder_.Write("f", "abc");
+  std::filesystem::resize_file(file, (std::uintmax_t{4} << 30) + 1);
+  EXPECT_TRUE(Written(file)->GetFileContentHash(edr::ContentHash::Sha256).empty());
+  EXPECT_EQ(log_.Count("Reading file content from " + file), 0);
+}
+
 TEST_F(FileEventAnswersTest, HasNoDigestOfAFileThatWasReplacedAndTriesOnlyOnce) {
   const std::string file = folder_.Write("f", "abc");
   const auto event = Written(file);
@@ -347,10 +354,18 @@ TEST_F(FileEventAnswersTest, RefusesToRefreshWhatIsGoneOrReplaced) {
   }
 }
 
+TEST_F(FileEventAnswersTest, DoesNotAskLibmagicForAFileThatWentWhileTheEventRested) {
+  const std::string file = folder_.Write("f", "abc");
+  const auto event = Written(file);
+  ASSERT_EQ(unlink(file.c_str()), 0);
+  EXPECT_EQ(event->GetFileTypeDesc(), "");
+}
+
 TEST_F(FileEventAnswersTest, ClonesWithEverythingThatItKnows) {
   const std::string file = folder_.Write("f", "abc");
   const auto event = Written(file);
   EXPECT_EQ(Text(event->GetFileContent()), "abc");
+  EXPECT_EQ(event->GetFileTypeDesc(), "ASCII text");
   const std::unique_ptr<edr::Event> copy = event->Clone();
   ASSERT_EQ(unlink(file.c_str()), 0);
   EXPECT_EQ(copy->GetType(), edr::EventType::Write);

@@ -129,6 +129,11 @@ TEST_F(ImageDigestTest, IsNoneOfAFileThatReplacedTheImage) {
   }
 }
 
+TEST_F(ImageDigestTest, IsNoneOfAFileAboveFourGiB) {
+  std::filesystem::resize_file(file_, (std::uintmax_t{4} << 30) + 1);
+  EXPECT_THROW(static_cast<void>(ImageOf(file_).GetDigest()), util::HashGeneratorException);
+}
+
 TEST_F(ImageDigestTest, KeepsItsTextBesideTheDigest) {
   struct stat result {};
   ASSERT_EQ(stat(file_.c_str(), &result), 0);
