@@ -42,9 +42,12 @@ std::optional<FileContent> ContentOf(const std::vector<std::shared_ptr<const Eve
   return ReadFileContent(*event.GetFile());
 }
 
-void TellOfRefused(const health::ComponentHealth& health, const std::string& reason) {
-  ZLOG_ERROR("Failed to write Event json to disc" << (reason.empty() ? "" : ": ") << reason);
+void TellOfRefused(const health::ComponentHealth& health, common::util::LinePace& refusals, const std::string& reason) {
   health.CountRefused();
+  const std::uint64_t times = refusals.Take();
+  if (times == 0) return;
+  ZLOG_ERROR("Failed to write Event json to disc" << (reason.empty() ? "" : ": ") << reason
+                                                  << common::util::LinePace::Times(times));
 }
 
 // Whether the spool has taken the document. A code without the document tells of what the spool held before it, and the
@@ -53,9 +56,10 @@ bool IsTaken(const common::StorageResult* result) {
   return result != nullptr && (result->code == common::StorageCode::Success || result->data.empty());
 }
 
-void TellOfWritten(const health::ComponentHealth& health, const common::StorageResult* result) {
+void TellOfWritten(const health::ComponentHealth& health, common::util::LinePace& refusals,
+                   const common::StorageResult* result) {
   if (!IsTaken(result)) {
-    TellOfRefused(health, "");
+    TellOfRefused(health, refusals, "");
   } else if (result->code == common::StorageCode::Success) {
     ZLOG_DEBUG("Event json written to disc successfully");
   }
@@ -71,6 +75,7 @@ EventProcessor::EventProcessor(const RuleTable& rules, common::Storage& storage,
       baseline_(baseline),
       health_(health),
       clock_(clock),
+      refusals_(std::make_shared<common::util::LinePace>(clock)),
       pace_(digests, clock, LogPrefix()) {}
 
 EventProcessor::~EventProcessor() {
@@ -154,7 +159,7 @@ bool EventProcessor::WriteJsonDoc(const MatchedRules& rules, const edr::Event& e
     return true;
   } catch (const common::StorageException& error) {
     if (!parts.content || parts.content->bytes.empty()) {
-      TellOfRefused(health_, error.what());
+      TellOfRefused(health_, *refusals_, error.what());
       return false;
     }
   }
@@ -164,7 +169,7 @@ bool EventProcessor::WriteJsonDoc(const MatchedRules& rules, const edr::Event& e
     QueueToStorage(event, parts, on_spooled);
     return true;
   } catch (const common::StorageException& error) {
-    TellOfRefused(health_, error.what());
+    TellOfRefused(health_, *refusals_, error.what());
     return false;
   }
 }
@@ -174,8 +179,9 @@ void EventProcessor::QueueToStorage(const edr::Event& event, const EventDocument
   const std::string document = BuildEventDocument(event, parts);
   const std::string content_status = parts.content ? parts.content->status : "";
   storage_.WriteAsync(common::Bytes(document.begin(), document.end()),
-                      [&health = health_, on_spooled, content_status](std::unique_ptr<common::StorageResult> result) {
-                        TellOfWritten(health, result.get());
+                      [&health = health_, refusals = refusals_, on_spooled,
+                       content_status](std::unique_ptr<common::StorageResult> result) {
+                        TellOfWritten(health, *refusals, result.get());
                         if (on_spooled) on_spooled(IsTaken(result.get()), content_status);
                       });
 }

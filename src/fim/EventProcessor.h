@@ -8,6 +8,7 @@
 
 #include "common/src/storage/Storage.h"
 #include "common/src/util/Clock.h"
+#include "common/src/util/LinePace.h"
 #include "src/edr/DigestPace.h"
 #include "src/edr/Event.h"
 #include "src/fim/Baseline.h"
@@ -55,6 +56,7 @@ class EventProcessor {
   Baseline& baseline_;
   const health::ComponentHealth& health_;
   const common::util::Clock& clock_;
+  const std::shared_ptr<common::util::LinePace> refusals_;
   edr::DigestPace pace_;
 };
 

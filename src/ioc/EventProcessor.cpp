@@ -158,6 +158,7 @@ void EventProcessor::KeepHouse() {
   if (now - last_stale_check_ <= kStaleCheckInterval) return;
   last_stale_check_ = now;
   tree_.DeleteStaleProcesses();
+  tree_.EndUntold();
   generator_.KeepHouse();
 }
 

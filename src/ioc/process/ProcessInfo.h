@@ -101,6 +101,13 @@ class ProcessInfo final : public common::ProcessInfo {
   [[nodiscard]] std::int64_t GetScore() const;
   void AddScore(std::int64_t points);
 
+  // Which process it is, whatever program it runs: pids come again. That of the process that started its program; 0 is
+  // nobody. Set by the tree before it shows the process to anybody.
+  [[nodiscard]] std::uint64_t GetSerial() const { return serial_; }
+  void SetSerial(std::uint64_t serial) { serial_ = serial; }
+  [[nodiscard]] std::uint64_t GetStarter() const { return starter_; }
+  void SetStarter(std::uint64_t serial) { starter_ = serial; }
+
   // The part of the heuristics' key that is the same for all events of this program, so that it is made once: the first
   // one that is set stays, and lives as long as the process. Null until then.
   [[nodiscard]] const std::string* FindHeuristicsKey() const;
@@ -122,6 +129,8 @@ class ProcessInfo final : public common::ProcessInfo {
   std::shared_ptr<Usage> usage_;
   Tags tags_;
   std::int64_t score_ = 0;
+  std::uint64_t serial_ = 0;
+  std::uint64_t starter_ = 0;
   std::optional<std::string> heuristics_key_;
 };
 

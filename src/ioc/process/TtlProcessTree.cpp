@@ -90,10 +90,7 @@ void TtlProcessTree::AddTo(ProcessInfo& process, std::unique_ptr<edr::Event> eve
   const bool is_end = IsEnd(*event);
   with_events_.insert(pid);
   process.AddEvent(std::move(event));
-  if (is_end && !process.HasTag(process_tag::kTerminated)) {
-    process.AddTag(process_tag::kTerminated);
-    terminated_.push_back(pid);
-  }
+  if (is_end) MarkEnded(process);
   if (!process.HasTag(process_tag::kTtlExpired)) return;
   // Nothing else will come that lets these events out.
   if (process.HasTag(process_tag::kTerminated)) {
@@ -101,6 +98,19 @@ void TtlProcessTree::AddTo(ProcessInfo& process, std::unique_ptr<edr::Event> eve
   } else if (late_.insert(pid).second) {
     late_queue_.emplace_back(pid, clock_.SteadyNow());
   }
+}
+
+void TtlProcessTree::MarkEnded(ProcessInfo& process) {
+  if (process.HasTag(process_tag::kTerminated)) return;
+  process.AddTag(process_tag::kTerminated);
+  terminated_.push_back(process.GetPid());
+  if (process.HasTag(process_tag::kTtlExpired)) stale_.push_back(process.GetPid());
+}
+
+void TtlProcessTree::MarkExpired(ProcessInfo& process) {
+  if (process.HasTag(process_tag::kTtlExpired)) return;
+  process.AddTag(process_tag::kTtlExpired);
+  if (process.HasTag(process_tag::kTerminated)) stale_.push_back(process.GetPid());
 }
 
 void TtlProcessTree::FollowToInit(ProcessInfo& process, const edr::Event& event) {
@@ -210,6 +220,8 @@ void TtlProcessTree::Enter(const Pointer& process, std::int32_t parent) {
                                               " does not exist for process: " + pid);
   }
   process->SetParent(parent);
+  process->SetSerial(++last_serial_);
+  process->SetStarter(SerialOf(parent));
   {
     const std::lock_guard lock(mutex_);
     processes_.Add(process);
@@ -223,6 +235,8 @@ void TtlProcessTree::Replace(const Pointer& process, std::int32_t parent, Proces
   const bool is_another =
       process->GetPid() != kInit && (old.HasTag(process_tag::kTerminated) || IsBelow(parent, process->GetPid()));
   process->SetParent(parent);
+  process->SetSerial(is_another ? ++last_serial_ : old.GetSerial());
+  process->SetStarter(SerialOf(parent));
   process->SetStartSinceBoot(is_another ? live_.FindStartBefore(process->GetPid(), time) : old.GetStartSinceBoot());
   {
     const std::lock_guard lock(mutex_);
@@ -233,6 +247,11 @@ void TtlProcessTree::Replace(const Pointer& process, std::int32_t parent, Proces
   }
   process->TakeEventsOf(old);
   Remember(process);
+}
+
+std::uint64_t TtlProcessTree::SerialOf(std::int32_t pid) const {
+  const Pointer process = Find(pid);
+  return process ? process->GetSerial() : 0;
 }
 
 void TtlProcessTree::Remember(const Pointer& process) {
@@ -267,6 +286,14 @@ bool TtlProcessTree::IsPidReused(const edr::Event& event) const {
   if (event.GetType() != EventType::ProcessStart) return false;
   const Pointer process = Find(event.GetActorProcessId());
   return process && process->HasTag(process_tag::kTerminated);
+}
+
+// Who was there when the process started has the serial; the time is for a parent of whom was told later.
+std::shared_ptr<ProcessInfo> TtlProcessTree::FindParent(const edr::Event& event) const {
+  Pointer parent = Find(event.GetActorParentProcessId());
+  if (!parent || parent->GetCreationTime() <= event.GetTimestamp()) return parent;
+  const Pointer process = Find(event.GetActorProcessId());
+  return process && process->GetStarter() == parent->GetSerial() ? parent : nullptr;
 }
 
 void TtlProcessTree::Take(ProcessInfo& process, EventHeap& heap) {
@@ -339,7 +366,7 @@ void TtlProcessTree::ExpireDue() {
     const Pointer process = Find(ttl_queue_.front().first);
     if (!process) continue;
     expired_pids_.insert(process->GetPid());
-    process->AddTag(process_tag::kTtlExpired);
+    MarkExpired(*process);
   }
   for (; is_due(late_queue_); late_queue_.pop_front()) {
     expired_pids_.insert(late_queue_.front().first);
@@ -362,26 +389,33 @@ void TtlProcessTree::ExpireProcess(std::int32_t pid) {
     } else if (process->GetPid() != kInit) {
       MoveUnderInit(*process);
     }
-    process->AddTag(process_tag::kTtlExpired);
+    MarkExpired(*process);
     if (process->HasEvents()) expired_pids_.insert(process->GetPid());
   }
 }
 
 void TtlProcessTree::DeleteStaleProcesses() {
-  for (std::size_t left = terminated_.size(); left > 0; --left) {
-    const std::int32_t pid = terminated_.front();
-    terminated_.pop_front();
+  const auto is_gone = [this](std::int32_t pid) {
+    const Pointer process = Find(pid);
+    return !process || pid == kInit || !process->HasTag(process_tag::kTerminated);
+  };
+  while (!terminated_.empty() && is_gone(terminated_.front())) terminated_.pop_front();
+  for (std::size_t left = stale_.size(); left > 0; --left) {
+    const std::int32_t pid = stale_.front();
+    stale_.pop_front();
     const Pointer process = Find(pid);
     // Process 1 stays, and so does who has got the pid meanwhile.
-    if (!process || pid == kInit || !process->HasTag(process_tag::kTerminated)) continue;
-    if (process->HasTag(process_tag::kTtlExpired) && !process->HasEvents()) {
-      ZLOG_DEBUG("DeleteStaleProcesses: Deleting ProcessInfo for PID: " << pid);
-      Delete(pid);
-    } else {
-      terminated_.push_back(pid);
+    if (!process || pid == kInit || !process->HasTag(process_tag::kTerminated) ||
+        !process->HasTag(process_tag::kTtlExpired)) {
+      continue;
     }
+    if (process->HasEvents()) {
+      stale_.push_back(pid);
+      continue;
+    }
+    ZLOG_DEBUG("DeleteStaleProcesses: Deleting ProcessInfo for PID: " << pid);
+    Delete(pid);
   }
-  CheckUntold();
 }
 
 void TtlProcessTree::Delete(std::int32_t pid) {
@@ -412,7 +446,7 @@ bool TtlProcessTree::IsStillThere(const ProcessInfo& process) const {
 }
 
 // Some of them a turn, one after the other.
-void TtlProcessTree::CheckUntold() {
+void TtlProcessTree::EndUntold() {
   const std::size_t count = std::min(untold_.size(), kChecksAtOnce);
   for (std::size_t i = 0; i < count && !untold_.empty(); ++i) {
     auto next = untold_.upper_bound(last_checked_);
@@ -433,8 +467,7 @@ void TtlProcessTree::CheckUntold() {
       AddEvent(std::make_unique<edr::PseudoTerminateEvent>(*process, clock_));
       continue;
     }
-    process->AddTag(process_tag::kTerminated);
-    terminated_.push_back(pid);
+    MarkEnded(*process);
   }
 }
 
@@ -474,6 +507,8 @@ void TtlProcessTree::Update(const std::shared_ptr<ProcessInfo>& process) {
     const Pointer old = Get(process->GetPid());
     if (old == process) return;
     process->SetParent(old->GetParent());
+    process->SetSerial(old->GetSerial());
+    process->SetStarter(old->GetStarter());
     process->CountIn(usage_);
     const std::lock_guard lock(mutex_);
     for (const std::int32_t child : old->GetChildren()) process->AddChild(child);

@@ -38,7 +38,7 @@ class TtlProcessTreeException : public std::runtime_error {
 // What it knows of running processes outlives a restart in the table "TtlProcesses" of the snapshot database.
 //
 // Whoever judges asks GetExpiredEvents for what is due after every event and in quiet moments, and tells
-// DeleteStaleProcesses about once a second.
+// DeleteStaleProcesses and EndUntold about once a second.
 //
 // All processes hang below process 1, which is made from procfs when the first process comes. Parents that were never
 // told of are looked up in procfs while they live; whose parent is gone hangs under process 1. Who starts another
@@ -49,8 +49,9 @@ class TtlProcessTreeException : public std::runtime_error {
 // as many of those as are too many at its next call, when their events have been judged; later events of theirs are
 // refused like those of any unknown process. One warning a minute tells the numbers.
 //
-// One thread changes the tree. Get, Has, IsPidReused, GetChildren, GetSiblings, GetAncestors, GetSize,
-// GetCachedBytes and GetEntryBytes may be called from any thread; the mutex is held for the look into the map alone.
+// One thread changes the tree. Get, Has, IsPidReused, FindParent, GetChildren, GetSiblings, GetAncestors,
+// GetSize, GetCachedBytes and GetEntryBytes may be called from any thread; the mutex is held for the look into the map
+// alone.
 class TtlProcessTree {
  public:
   struct Bounds {
@@ -84,6 +85,9 @@ class TtlProcessTree {
   [[nodiscard]] bool Has(std::int32_t pid) const;
   // The event starts a process under the pid of one that has ended.
   [[nodiscard]] bool IsPidReused(const edr::Event& event) const;
+  // The parent that a process event names, while it is known. Null as well when its pid belongs to a process that has
+  // started since: the event may have waited.
+  [[nodiscard]] std::shared_ptr<ProcessInfo> FindParent(const edr::Event& event) const;
 
   // Take out the waiting events of the process and of its children, or of everything below it. Throw as Get does.
   [[nodiscard]] internal::EventHeap GetEventsFromCache(std::int32_t pid);
@@ -95,10 +99,12 @@ class TtlProcessTree {
 
   // The pid belongs to another process from now on: what lives below it goes under process 1. Throws as Get does.
   void ExpireProcess(std::int32_t pid);
-  // Forgets who has ended and lived for its time, and looks whether some of the processes that were there before this
-  // run are still there. Throws common::GenericProcessTreeException "Child process with PID: <child> not found while
-  // deleting for Process PID: <pid>" after it has deleted that process.
+  // Forgets who has ended and lived for its time, in a time that does not grow with those who have ended alone: it is
+  // called for each pid that comes again. Throws common::GenericProcessTreeException "Child process with PID: <child>
+  // not found while deleting for Process PID: <pid>" after it has deleted that process.
   void DeleteStaleProcesses();
+  // Looks whether some of the processes that were there before this run are still there.
+  void EndUntold();
 
   // Throw as Get does. Process 1 has no siblings.
   [[nodiscard]] std::vector<std::shared_ptr<ProcessInfo>> GetChildren(std::int32_t pid) const;
@@ -142,8 +148,11 @@ class TtlProcessTree {
   [[nodiscard]] bool IsBelow(std::int32_t pid, std::int32_t ancestor) const;
   void Enter(const Pointer& process, std::int32_t parent);
   void Replace(const Pointer& process, std::int32_t parent, ProcessInfo& old, std::int64_t time);
+  [[nodiscard]] std::uint64_t SerialOf(std::int32_t pid) const;
   void Remember(const Pointer& process);
   void Delete(std::int32_t pid);
+  void MarkEnded(ProcessInfo& process);
+  void MarkExpired(ProcessInfo& process);
 
   void Take(ProcessInfo& process, internal::EventHeap& heap);
   void TakeChildren(const ProcessInfo& process, internal::EventHeap& heap);
@@ -154,7 +163,6 @@ class TtlProcessTree {
   void Forget(std::uint64_t age, std::int32_t pid);
   void JudgeOldest(std::size_t bytes);
   void WarnOnceAMinute();
-  void CheckUntold();
   [[nodiscard]] bool IsStillThere(const ProcessInfo& process) const;
 
   common::SqlStorage* const snapshot_;
@@ -173,13 +181,15 @@ class TtlProcessTree {
   TtlQueue ttl_queue_;
   // Processes whose time is over, with the first event that came after that.
   TtlQueue late_queue_;
-  std::unordered_set<std::int32_t> late_;  // who is in it
-  std::deque<std::int32_t> terminated_;
+  std::unordered_set<std::int32_t> late_;         // who is in it
+  std::deque<std::int32_t> terminated_;           // and perhaps some that are forgotten by now
+  std::deque<std::int32_t> stale_;                // those that have lived for their time, too
   std::set<std::int32_t> expired_pids_;           // whose events are due
   std::unordered_set<std::int32_t> with_events_;  // and perhaps some that have none any more
   std::map<std::uint64_t, std::int32_t> by_age_;  // the oldest entry first
   std::unordered_map<std::int32_t, std::uint64_t> ages_;
   std::uint64_t next_age_ = 0;
+  std::uint64_t last_serial_ = 0;
   // Nobody has told of their start in this run, so nobody may tell of their end.
   struct Untold {
     bool is_reported = false;  // whether an end is to be reported

@@ -18,13 +18,17 @@ namespace zagent::ioc::internal::protobuf {
 namespace {
 
 // Whether the item was taken: a code without it tells of what the spool held before it.
-bool TellOfWritten(const health::ComponentHealth& health, const common::StorageResult* result) {
+bool TellOfWritten(const health::ComponentHealth& health, common::util::LinePace& failures,
+                   const common::StorageResult* result) {
   const common::StorageCode code = result == nullptr ? common::StorageCode::Unknown : result->code;
   if (code == common::StorageCode::Success) {
     ZLOG_DEBUG("Protobuf written to spool storage successfully");
     return true;
   }
-  ZLOG_ERROR("Failed to write protobuf to spool storage. Error code " << static_cast<int>(code));
+  if (const std::uint64_t times = failures.Take()) {
+    ZLOG_ERROR("Failed to write protobuf to spool storage. Error code " << static_cast<int>(code)
+                                                                        << common::util::LinePace::Times(times));
+  }
   if (result != nullptr && result->data.empty()) return true;
   health.CountRefused();
   return false;
@@ -72,6 +76,7 @@ Generator::Generator(TtlProcessTree& tree, common::Storage& spool, common::SqlSt
     : tree_(tree),
       spool_(spool),
       health_(health),
+      failures_(std::make_shared<common::util::LinePace>(clock)),
       builders_(std::make_unique<Builders>(tree, snapshot, config, clock, std::move(digests))) {}
 
 Generator::~Generator() = default;
@@ -89,10 +94,10 @@ void Generator::Process(const edr::Event& event, bool /*send_metadata*/) {
 void Generator::Write(Report::Item item) {
   const auto answer = builders_->reported.Expect(std::move(item.changes));
   try {
-    spool_.WriteAsync(std::move(item.message),
-                      [&health = health_, answer](const std::unique_ptr<common::StorageResult>& result) {
-                        answer(TellOfWritten(health, result.get()));
-                      });
+    spool_.WriteAsync(std::move(item.message), [&health = health_, failures = failures_,
+                                                answer](const std::unique_ptr<common::StorageResult>& result) {
+      answer(TellOfWritten(health, *failures, result.get()));
+    });
   } catch (const std::exception&) {
     answer(false);
     throw;

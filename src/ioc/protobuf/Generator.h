@@ -5,6 +5,7 @@
 
 #include "common/src/util/Clock.h"
 #include "common/src/util/DigestCache.h"
+#include "common/src/util/LinePace.h"
 #include "src/ioc/config/Config.h"
 #include "src/ioc/process/TtlProcessTree.h"
 #include "src/ioc/protobuf/EventBuilder.h"
@@ -55,6 +56,7 @@ class Generator final : public EventGenerator {
   TtlProcessTree& tree_;
   common::Storage& spool_;
   const health::ComponentHealth& health_;
+  const std::shared_ptr<common::util::LinePace> failures_;
   const std::unique_ptr<Builders> builders_;
   std::mutex mutex_;  // held while the messages of an event go to the spool
   bool is_enabled_ = true;

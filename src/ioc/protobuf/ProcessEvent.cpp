@@ -47,11 +47,11 @@ struct Identity {
   std::int64_t creation_time;
 };
 
-// Who started it: by the time that a start is told, whoever did it may have ended, and the process hangs under
-// process 1.
-std::int32_t ParentOf(const ProcessInfo& process, const edr::Event& event, bool is_start) {
+// Whether the event tells who started the process: by the time that a start is told, whoever did it may have ended, and
+// the process hangs under process 1.
+bool TellsParent(const edr::Event& event, bool is_start) {
   const std::int32_t ppid = is_start ? event.GetActorParentProcessId() : 0;
-  return ppid > 0 && ppid != process.GetPid() ? ppid : process.GetParent();
+  return ppid > 0 && ppid != event.GetActorProcessId();
 }
 
 bool IsOnDisk(const common::ImageInfo& image) {
@@ -90,10 +90,11 @@ Report ProcessEvent::Build(const edr::Event& event) const {
   message.set_eventaction(ActionOf(type));
   message.set_timestamp(event.GetTimestamp());
   message.set_uniqueid(UniqueProcessId(pid, identity.creation_time, path));
-  const std::int32_t ppid = ParentOf(*process, event, is_start);
+  const bool tells_parent = TellsParent(event, is_start);
+  const std::int32_t ppid = tells_parent ? event.GetActorParentProcessId() : process->GetParent();
   std::string_view actor;
-  if (tree_.Has(ppid)) {
-    actor = actors_.FieldOf(tree_.Get(ppid));
+  if (const auto parent = tells_parent ? tree_.FindParent(event) : tree_.Has(ppid) ? tree_.Get(ppid) : nullptr) {
+    actor = actors_.FieldOf(parent);
   } else {
     ZLOG_DEBUG("Failed to get parent process information with PID " << ppid);
   }

@@ -28,7 +28,7 @@ bool ProcessCriteria::Match(const edr::Event& event) const {
   if (GetPatterns().empty()) return !IsExclusion();
   const bool is_about_process = event.GetObjectType() == edr::ObjectType::Process;
   const std::shared_ptr<ProcessInfo> actor =
-      Find(tree_, is_about_process ? event.GetActorParentProcessId() : event.GetActorProcessId());
+      is_about_process ? tree_.FindParent(event) : Find(tree_, event.GetActorProcessId());
   if (actor == nullptr) return false;
   return MatchesAny(actor->GetImage()->GetPath()) ||
          (actor->HasSecondaryImage() && MatchesAny(actor->GetSecondaryImage()->GetPath()));

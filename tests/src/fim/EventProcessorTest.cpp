@@ -216,6 +216,20 @@ TEST_F(EventProcessorTest, AFailedWriteIsLoggedByItsCallback) {
   EXPECT_EQ(reporter_.Refused(), 1U);
 }
 
+TEST_F(EventProcessorTest, ASpoolThatRefusesEverythingIsToldOnceAMinute) {
+  AddRule("r1");
+  storage_.write_code = common::StorageCode::IOError;
+  for (int i = 0; i < 3; ++i) processor_.PostProcess({"r1"}, Event(EventType::Delete, "file"));
+  storage_.max_item_size = 10;
+  for (int i = 0; i < 3; ++i) processor_.PostProcess({"r1"}, Event(EventType::Delete, "file"));
+  EXPECT_EQ(log_.Count("Failed to write Event json to disc"), 1);
+  EXPECT_EQ(reporter_.Refused(), 6U);
+  clock_.Advance(common::util::LinePace::kInterval);
+  processor_.PostProcess({"r1"}, Event(EventType::Delete, "file"));
+  EXPECT_EQ(log_.Count("Failed to write Event json to disc: "), 1);
+  EXPECT_TRUE(log_.Has(" (6 times since the last line)"));
+}
+
 TEST_F(EventProcessorTest, AFlushThatFailsIsNoLossOfTheEventThatMetIt) {
   AddRule("r1");
   storage_.write_code = common::StorageCode::IOError;

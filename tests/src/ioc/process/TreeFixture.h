@@ -92,7 +92,12 @@ class TreeFixture : public testing::Test {
   void LetAllExpire() {
     clock_.Advance(kTtl);
     while (!tree_->GetExpiredEvents().IsEmpty()) continue;
+    KeepHouse();
+  }
+  // What is done once a second.
+  void KeepHouse() {
     tree_->DeleteStaleProcesses();
+    tree_->EndUntold();
   }
   std::int32_t ParentOf(std::int32_t pid) { return tree_->Get(pid)->GetParent(); }
   std::set<std::int32_t> ChildrenOf(std::int32_t pid) { return Pids(tree_->GetChildren(pid)); }

@@ -96,7 +96,7 @@ TEST_F(TtlProcessTreeSnapshotTest, ARestoredProcessLivesForItsTimeAgain) {
   EXPECT_TRUE(tree_->Get(10)->HasTag(process_tag::kTtlExpired));
   tree_->AddEvent(Exit(10, 1));
   EXPECT_EQ(Expired(), Ints{2});
-  tree_->DeleteStaleProcesses();
+  KeepHouse();
   EXPECT_EQ(PidsOfTree(), Set{1});
 }
 
@@ -344,13 +344,13 @@ TEST_F(TtlProcessTreeSnapshotTest, ARestoredProcessThatEndsWithoutAWordIsReporte
   Run(10, 1);
   Restart();
   proc_.End(10);
-  tree_->DeleteStaleProcesses();
+  KeepHouse();
   EXPECT_FALSE(tree_->Get(10)->HasTag(process_tag::kTerminated)) << "its end may still be on its way";
   clock_.Advance(kLastWordsTime - std::chrono::milliseconds(1));
-  tree_->DeleteStaleProcesses();
+  KeepHouse();
   EXPECT_FALSE(tree_->Get(10)->HasTag(process_tag::kTerminated));
   clock_.Advance(std::chrono::milliseconds(1));
-  tree_->DeleteStaleProcesses();
+  KeepHouse();
   EXPECT_EQ(tree_->Get(10)->GetLastEvent().GetType(), edr::EventType::ProcessExit);
   LetAllExpire();
   EXPECT_EQ(PidsOfTree(), Set{1});
@@ -361,11 +361,11 @@ TEST_F(TtlProcessTreeSnapshotTest, TheLastWordsOfARestoredProcessThatIsGoneAreIt
   tree_->Get(10)->AddTag(process_tag::kHashMatchingVerdict, "Clean");
   Restart();
   proc_.End(10);
-  tree_->DeleteStaleProcesses();
+  KeepHouse();
   tree_->AddEvent(Exit(10, 1));
   EXPECT_EQ(tree_->Get(10)->FindTag(process_tag::kHashMatchingVerdict), "Clean");
   clock_.Advance(kLastWordsTime);
-  tree_->DeleteStaleProcesses();
+  KeepHouse();
   EXPECT_EQ(tree_->GetEventsFromCache(10).GetSize(), 1U) << "one end, the real one";
 }
 
@@ -384,12 +384,12 @@ TEST_F(TtlProcessTreeSnapshotTest, ALookThatFailsIsNobodysEnd) {
   const std::string stat = proc_.Root() + "/10/stat";
   std::filesystem::remove(stat);
   std::filesystem::create_directory(stat);  // cannot be read
-  tree_->DeleteStaleProcesses();
+  KeepHouse();
   EXPECT_FALSE(tree_->Get(10)->HasTag(process_tag::kTerminated));
   proc_.End(10);
-  tree_->DeleteStaleProcesses();
+  KeepHouse();
   clock_.Advance(kLastWordsTime);
-  tree_->DeleteStaleProcesses();
+  KeepHouse();
   EXPECT_TRUE(tree_->Get(10)->HasTag(process_tag::kTerminated));
 }
 

@@ -639,6 +639,48 @@ TEST_F(TtlProcessTreeTest, AnUpdateNeedsAnEntry) {
             "Failed to update process info: there is none");
 }
 
+// Parents
+
+TEST_F(TtlProcessTreeTest, FindsTheParentThatAnEventNamesUntilItsPidComesAgain) {
+  Exec(10, 1);
+  const auto start = Start(20, 10);
+  tree_->AddEvent(start->Clone());
+  ASSERT_NE(tree_->FindParent(*start), nullptr);
+  EXPECT_EQ(tree_->FindParent(*start), tree_->Get(10));
+  auto exec = Start(10, 1, "/bin/other");
+  exec->timestamp = kLater + kSecond;
+  tree_->AddEvent(std::move(exec));
+  EXPECT_EQ(tree_->FindParent(*start), tree_->Get(10)) << "another program, but the same process";
+  tree_->AddEvent(Exit(10, 1));
+  tree_->AddEvent(Write(20, 1));
+  EXPECT_EQ(tree_->FindParent(*start), tree_->Get(10)) << "ended, but known";
+  auto again = Start(10, 1, "/bin/harmless");
+  again->timestamp = kLater + 2 * kSecond;
+  tree_->AddEvent(std::move(again));
+  EXPECT_EQ(tree_->FindParent(*start), nullptr);
+}
+
+TEST_F(TtlProcessTreeTest, FindsAParentOfWhomWasToldLater) {
+  const auto start = Start(20, 10);
+  tree_->AddEvent(start->Clone());
+  EXPECT_EQ(tree_->FindParent(*start), nullptr);
+  EXPECT_EQ(ParentOf(20), 1);
+  Exec(10, 1);
+  EXPECT_EQ(tree_->FindParent(*start), tree_->Get(10));
+}
+
+TEST_F(TtlProcessTreeTest, AnEntryThatIsPutInAnothersPlaceIsTheSameProcess) {
+  Exec(10, 1);
+  const auto start = Start(20, 10);
+  tree_->AddEvent(start->Clone());
+  for (const std::int32_t pid : {10, 20}) {
+    auto newer = Start(pid, pid == 10 ? 1 : 10);
+    newer->timestamp = kLater + kSecond;
+    tree_->Update(std::make_shared<ProcessInfo>(std::move(newer), nullptr));
+  }
+  EXPECT_EQ(tree_->FindParent(*start), tree_->Get(10));
+}
+
 // Whose end nobody tells of
 
 TEST_F(TtlProcessTreeTest, AnAncestorOfProcfsThatHasGoneLeavesSilently) {
@@ -647,10 +689,10 @@ TEST_F(TtlProcessTreeTest, AnAncestorOfProcfsThatHasGoneLeavesSilently) {
   LetAllExpire();
   EXPECT_TRUE(tree_->Has(5));
   proc_.End(5);
-  tree_->DeleteStaleProcesses();
+  KeepHouse();
   EXPECT_TRUE(tree_->Has(5));  // what it did last may still be on its way
   clock_.Advance(kLastWordsTime);
-  tree_->DeleteStaleProcesses();
+  KeepHouse();
   LetAllExpire();
   EXPECT_FALSE(tree_->Has(5));
   EXPECT_EQ(ParentOf(10), 1);
@@ -660,7 +702,7 @@ TEST_F(TtlProcessTreeTest, AnAncestorOfProcfsWhosePidCameAgainHasGone) {
   proc_.Start(5, {.start = 10});
   Exec(10, 5);
   proc_.Start(5, {.start = 20});
-  tree_->DeleteStaleProcesses();
+  KeepHouse();
   LetAllExpire();
   EXPECT_FALSE(tree_->Has(5));
 }
@@ -681,11 +723,11 @@ TEST_F(TtlProcessTreeTest, ManyAncestorsOfProcfsAreLookedForInTurns) {
   }
   LetAllExpire();
   for (std::int32_t pid = 100; pid < 200; ++pid) proc_.End(pid);
-  for (int turn = 0; turn < 4; ++turn) tree_->DeleteStaleProcesses();
+  for (int turn = 0; turn < 4; ++turn) KeepHouse();
   clock_.Advance(kLastWordsTime);
-  for (int turn = 0; turn < 3; ++turn) tree_->DeleteStaleProcesses();
+  for (int turn = 0; turn < 3; ++turn) KeepHouse();
   EXPECT_GT(tree_->GetSize(), 101U);
-  for (int turn = 0; turn < 2; ++turn) tree_->DeleteStaleProcesses();
+  for (int turn = 0; turn < 2; ++turn) KeepHouse();
   EXPECT_EQ(tree_->GetSize(), 101U);
 }
 

@@ -337,6 +337,16 @@ TEST_F(GeneratorTest, WhatTheManifestsSayOfMetadataChangesNothing) {
   EXPECT_EQ(spool_.written[0], spool_.written[1]);
 }
 
+TEST_F(GeneratorTest, ASpoolThatRefusesEverythingIsToldOnceAMinute) {
+  spool_.write_code = common::StorageCode::IOError;
+  for (int i = 0; i < 12; ++i) Process(OfFile(EventType::Write, "Write"));
+  EXPECT_EQ(log_.Count("Failed to write protobuf"), 1);
+  EXPECT_EQ(reporter_.Refused(), 12U);
+  clock_.Advance(common::util::LinePace::kInterval);
+  Process(OfFile(EventType::Write, "Write"));
+  EXPECT_TRUE(log_.Has("Failed to write protobuf to spool storage. Error code 3 (12 times since the last line)"));
+}
+
 TEST_F(GeneratorTest, TheSpoolsAnswerIsTold) {
   Process(OfFile(EventType::Write, "Write"));
   EXPECT_TRUE(log_.Has(Message::PRIO_DEBUG, "[IOC]: Protobuf written to spool storage successfully"));
@@ -345,6 +355,7 @@ TEST_F(GeneratorTest, TheSpoolsAnswerIsTold) {
   EXPECT_TRUE(log_.Has(Message::PRIO_ERROR, "[IOC]: Failed to write protobuf to spool storage. Error code 3"));
   EXPECT_EQ(reporter_.Refused(), 1U);
   spool_.only_flush_fails = true;
+  clock_.Advance(common::util::LinePace::kInterval);
   Process(OfFile(EventType::Write, "Write"));
   EXPECT_EQ(log_.Count("Failed to write protobuf to spool storage. Error code 3"), 2);
   EXPECT_EQ(reporter_.Refused(), 1U) << "the message was taken";
@@ -984,6 +995,22 @@ TEST_F(GeneratorTest, AStartIsThatOfItsParentThoughTheProcessHangsUnderProcess1S
   EXPECT_EQ(start.parentprocessid(), 10);
   EXPECT_EQ(start.actor().processid(), 10);
   EXPECT_EQ(ProcessMessage(OfProcess(EventType::ProcessExit, "Exit")).parentprocessid(), 1);
+}
+
+TEST_F(GeneratorTest, WhoHasGotTheParentsPidSinceIsNotTheActor) {
+  FakeEvent end = OfProcess(EventType::ProcessExit, "Exit");
+  end.pid = 10;
+  end.ppid = 1;
+  tree_->AddEvent(end.Clone());
+  FakeEvent again = OfProcess(EventType::ProcessStart, "Execve");
+  again.pid = 10;
+  again.ppid = 1;
+  again.timestamp = kLater + 1;
+  tree_->AddEvent(again.Clone());
+  const wire::ProcessEvent message = ProcessMessage(OfProcess(EventType::ProcessStart, "Execve"));
+  EXPECT_EQ(message.parentprocessid(), 10);
+  EXPECT_FALSE(message.has_actor());
+  EXPECT_TRUE(log_.Has("[IOC]: Failed to get parent process information with PID 10"));
 }
 
 TEST_F(GeneratorTest, AParentThatHasGoneIsToldByItsPidAlone) {

@@ -154,6 +154,14 @@ TEST_F(CriteriaTest, TheActorOfAProcessEventIsTheParent) {
   EXPECT_FALSE(ProcessCriteria(kIn, Patterns(R"(["ls"])"), *tree_).Match(StartEvent("/bin/ls")));
 }
 
+TEST_F(CriteriaTest, WhoHasGotTheParentsPidSinceIsNotTheActor) {
+  fakes::FakeEvent start = StartEvent("/bin/ls");
+  start.timestamp = tree_->Get(start.ppid)->GetCreationTime();
+  EXPECT_TRUE(ProcessCriteria(kOut, Patterns(R"(["dash"])"), *tree_).Match(start));
+  start.timestamp -= 1;
+  EXPECT_FALSE(ProcessCriteria(kOut, Patterns(R"(["dash"])"), *tree_).Match(start));
+}
+
 TEST_F(CriteriaTest, AnActorWhomTheTreeDoesNotKnowMatchesNothing) {
   fakes::FakeEvent event = FileEvent("/etc/x");
   event.pid = 4711;
@@ -214,6 +222,19 @@ TEST_F(NetworkCriteriaTest, WhatIsNoExpressionIsRefused) {
   for (const char* pattern : {"(", "[", "a)|(b", R"(\Qabc)", "(?x)a#"}) {
     EXPECT_THROW(AddressPattern{pattern}, edr::FilterCriteriaException) << pattern;
   }
+}
+
+TEST_F(NetworkCriteriaTest, AnAddressIsMeantAsPeopleWriteItToo) {
+  NetworkCriteria::Filters filters;
+  filters.remote.addresses = Addresses(R"(["10\\.0\\.0\\.1","fe80::1","::ffff:192\\..*"])");
+  const NetworkCriteria criteria(kIn, std::move(filters));
+  EXPECT_TRUE(criteria.Match(NetworkEvent("10.0.0.1", 80)));
+  EXPECT_TRUE(criteria.Match(NetworkEvent("::ffff:10.0.0.1", 80))) << "from a socket of IPv6";
+  EXPECT_TRUE(criteria.Match(NetworkEvent("::ffff:192.168.0.1", 80))) << "as it is told";
+  EXPECT_TRUE(criteria.Match(NetworkEvent("fe80::1%eth0", 80)));
+  EXPECT_FALSE(criteria.Match(NetworkEvent("::ffff:110.0.0.1", 80)));
+  EXPECT_FALSE(criteria.Match(NetworkEvent("192.168.0.1", 80)));
+  EXPECT_FALSE(criteria.Match(NetworkEvent("fe80::12%eth0", 80)));
 }
 
 TEST_F(NetworkCriteriaTest, ABindIsHeldAgainstLocalFiltersAndAllElseAgainstRemoteOnes) {
