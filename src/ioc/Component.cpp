@@ -181,7 +181,11 @@ void Component::UpdateConfig(const rapidjson::Value& json) {
   storage_->Update(SpoolLimits(*config_));
   upload_schedule_->Reschedule();
   // Before the kernel has the new rules: what they bring is judged by them.
-  if (manager_->Update([this] { UpdateEngines(); })) upload_schedule_->SetGatewayUrlPrefix(GetGatewayUrl());
+  const auto on_loaded = [this] {
+    UpdateEngines();
+    if (!config_->GetManifests().empty()) generator_->Enable(true);
+  };
+  if (manager_->Update(on_loaded)) upload_schedule_->SetGatewayUrlPrefix(GetGatewayUrl());
   UpdateEnabled();
 }
 

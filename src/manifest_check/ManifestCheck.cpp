@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -190,12 +191,14 @@ bool ManifestCheck::CheckIocRules(const std::string& path, const ioc::internal::
   const ioc::internal::Manifest::Rules& rules = file.manifest.GetRules();
   kernel_rules_.clear();
   bool is_good = true;
+  std::set<std::string> ids;
+  for (const auto& rule : rules) ids.insert(rule->GetId());
   std::size_t next = 0;
   for (const JsonPlace& place : PlacesOfIocRules(file.text, IsForKernel)) {
     const auto& rule = rules[next++];
-    const auto nobody_has = [](const std::string& /*id*/) { return false; };
-    Derived derived{rule->GetId(), ioc::internal::FollowLinks(rule, nobody_has), PositionOf(file.text, place),
-                    PositionOf(file.text, IdWithin(place))};
+    Derived derived{rule->GetId(), {}, PositionOf(file.text, place), PositionOf(file.text, IdWithin(place))};
+    derived.rules = ioc::internal::FollowLinks(rule, [&ids](const std::string& id) { return ids.count(id) != 0; });
+    for (const auto& one : derived.rules) ids.insert(one->GetId());
     std::sort(derived.rules.begin(), derived.rules.end(),
               [](const auto& left, const auto& right) { return left->GetId() < right->GetId(); });
     is_good = CheckRule(path, derived) && is_good;

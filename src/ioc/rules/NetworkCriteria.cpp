@@ -3,6 +3,7 @@
 #include <Poco/Exception.h>
 
 #include <algorithm>
+#include <string_view>
 #include <utility>
 
 #include "common/src/util/Log.h"
@@ -37,6 +38,17 @@ WholeTextPattern Compile(const std::string& text) {
   } catch (const Poco::Exception& error) {
     throw FilterCriteriaException("Invalid IP address pattern: " + error.displayText());
   }
+}
+
+// As people write it: an IPv4 address that an IPv6 socket uses is that address, and the interface of a link-local one
+// is no part of it.
+std::string PlainAddress(const std::string& address) {
+  constexpr std::string_view kMapped = "::ffff:";
+  std::string_view plain(address);
+  plain = plain.substr(0, plain.find('%'));
+  const bool is_mapped = plain.substr(0, kMapped.size()) == kMapped && plain.find('.') != std::string_view::npos;
+  if (is_mapped) plain.remove_prefix(kMapped.size());
+  return std::string(plain);
 }
 
 }  // namespace
@@ -113,9 +125,10 @@ NetworkCriteria::Answer NetworkCriteria::MatchAddress(const std::vector<AddressP
                                                       const edr::Event& event) {
   if (addresses.empty()) return Answer::NoFilter;
   const std::string& address = event.GetNetworkAddress();
+  const std::string plain = PlainAddress(address);
   const bool matched = std::any_of(addresses.begin(), addresses.end(), [&](const AddressPattern& pattern) {
     ZLOG_DEBUG("Matching Event IP: " << address << " with Filter IP: " << pattern.GetText());
-    return pattern.Matches(address);
+    return pattern.Matches(address) || (plain != address && pattern.Matches(plain));
   });
   return matched ? Answer::Matched : Answer::NotMatched;
 }

@@ -407,10 +407,17 @@ TEST_F(IocComponentTest, AFileThatTheSpoolRemovesForWantOfRoomIsCounted) {
 
 TEST_F(IocComponentTest, ItCanBeSwitchedOnAgain) {
   const std::vector<std::string> manifests = section_.manifests;
+  section_.upload_interval = 0;
   section_.manifests.clear();
   Make();
   section_.manifests = manifests;
+  bool is_told = false;
+  engine_.BeforeNextAdd([&] {
+    DeliverStart();
+    is_told = Judged();
+  });
   Update();
+  EXPECT_TRUE(is_told) << "what a rule brings while the others are not yet in force";
   EXPECT_EQ(engine_.Installed("IOC").size(), 2U);
   EXPECT_EQ(reporter_.Lines().back(), "4101 IOC 1 component=started");
   section_.manifests.clear();

@@ -238,6 +238,14 @@ TEST_F(IocManifestCheckTest, ALinkIsWatchedAsItselfAndAsWhatItLeadsTo) {
       << Printed();
 }
 
+TEST_F(IocManifestCheckTest, ARuleOnALinkTakesTheIdOfNoOtherRule) {
+  std::filesystem::create_directory_symlink("watched", base_ + "/link");
+  EXPECT_TRUE(Check("m.json", Manifest(kStarts + ",\n" + Directory("d1", base_ + "/link") + ",\n" +
+                                       Directory("d1-1", base_ + "/watched/below"))))
+      << Printed();
+  EXPECT_TRUE(HasPrinted("  d1-2: -a always,exit -F dir=DIR/link -F perm=w -F key=d1-2\n")) << Printed();
+}
+
 TEST_F(IocManifestCheckTest, APathThatIsNotThereIsAWarning) {
   EXPECT_TRUE(Check("m.json", Manifest(kStarts + ",\n" + Directory("d1", base_ + "/not/yet"))));
   EXPECT_TRUE(HasPrinted("DIR/m.json: warning: Rule d1 is not in force here: there is no DIR/not/yet\n")) << Printed();
