@@ -1,6 +1,7 @@
 # shellcheck shell=dash
 # Ten attacks, each a story of several processes, first alone and then while tar unpacks ten thousand files beside them:
 # what the platform hears of them is the whole story, with everybody's ancestors, and nothing else.
+# seconds: 1200
 . /scenario/lib.sh
 
 STORIES=/srv/stories

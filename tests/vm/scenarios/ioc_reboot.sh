@@ -2,6 +2,7 @@
 # The machine reboots, once in order and once because its power fails, and has its disk again: nobody who ran before is
 # known any more, what was told of files is, and the numbers of the batches go on, those that waited on the disk included.
 # disk: 64
+# seconds: 900
 . /scenario/lib.sh
 
 S=/srv/stage

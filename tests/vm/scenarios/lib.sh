@@ -91,9 +91,10 @@ folders_known() {
 }
 
 # come_round PID: makes processes until the next one gets this pid, which is free. Pids end soon behind it and begin anew
-# at 300; end_of_pids NUMBER gives room again. count_above NUMBER: until pids are above the number.
+# at 300; end_of_pids NUMBER gives room again. Who else begins just then takes the number before away: there are ten rounds
+# for it. count_above NUMBER: until pids are above the number.
 come_round() {
-  local tries=2000
+  local tries=$((($1 + 20) * 10))
   end_of_pids $(($1 + 20))
   until [ "$(last_pid)" = $(($1 - 1)) ] || [ $tries -eq 0 ]; do tries=$((tries - 1)); done
 }
