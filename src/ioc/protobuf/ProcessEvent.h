@@ -17,9 +17,11 @@ class ProcessEvent final : public EventBuilder {
  public:
   // Whoever starts a process chooses its arguments, and must not make an event that the spool refuses: at most so many
   // bytes of them are told, and no more than half a spool file holds; "..." is the end of what is cut.
-  static constexpr std::size_t kMaxArguments = 32 * 1024;
+  static constexpr std::size_t kMaxArguments = std::size_t{32} * 1024;
 
   ProcessEvent(const TtlProcessTree& tree, const Config& config);
+  ProcessEvent(const ProcessEvent&) = delete;
+  ProcessEvent& operator=(const ProcessEvent&) = delete;
   ~ProcessEvent() override;
 
   [[nodiscard]] Report Build(const edr::Event& event) const override;

@@ -15,6 +15,7 @@ class NormalPath {
   explicit NormalPath(const common::ImageInfo* file);
   NormalPath(const NormalPath&) = delete;
   NormalPath& operator=(const NormalPath&) = delete;
+  ~NormalPath() = default;
 
   [[nodiscard]] std::string_view Get() const { return path_; }
 
