@@ -46,12 +46,9 @@ bool DigestPace::AdmitsHoles(std::int64_t bytes) {
 
 // Answers false.
 bool DigestPace::Refuse(const std::string& path, const char* why) {
-  ++refused_;
-  const Time now = clock_.SteadyNow();
-  if (warned_ && now < *warned_ + kWarningInterval) return false;
-  ZLOG_WARNING("DigestPace: " << refused_ << " events without a digest: " << path << ' ' << why);
-  warned_ = now;
-  refused_ = 0;
+  if (const std::uint64_t refused = refusals_.Take()) {
+    ZLOG_WARNING("DigestPace: " << refused << " events without a digest: " << path << ' ' << why);
+  }
   return false;
 }
 

@@ -14,7 +14,6 @@ namespace zagent::ioc::internal {
 namespace {
 
 constexpr std::chrono::seconds kStaleCheckInterval{1};
-constexpr std::chrono::minutes kComplaintInterval{1};
 
 }  // namespace
 
@@ -28,7 +27,7 @@ EventProcessor::EventProcessor(Engines engines, TtlProcessTree& tree, EventGener
       health_(health),
       clock_(clock),
       last_stale_check_(clock.SteadyNow()),
-      next_complaint_(clock.SteadyNow()) {}
+      failures_(clock) {}
 
 EventProcessor::~EventProcessor() {
   ZLOG_INFO("Destroying EventProcessor");
@@ -179,12 +178,9 @@ void EventProcessor::LoseOnFailure(Action action) {
 
 void EventProcessor::OnFailure(const std::exception& error) {
   ZLOG_DEBUG("EventProcessor: " << error.what());
-  ++failures_;
-  const common::util::Clock::SteadyTime now = clock_.SteadyNow();
-  if (now < next_complaint_) return;
-  next_complaint_ = now + kComplaintInterval;
-  ZLOG_ERROR("EventProcessor: Failed " << failures_ << " times, at last: " << error.what());
-  failures_ = 0;
+  if (const std::uint64_t failures = failures_.Take()) {
+    ZLOG_ERROR("EventProcessor: Failed " << failures << " times, at last: " << error.what());
+  }
 }
 
 }  // namespace zagent::ioc::internal

@@ -7,6 +7,7 @@
 #include <unordered_map>
 
 #include "common/src/util/Clock.h"
+#include "common/src/util/LinePace.h"
 #include "src/edr/Event.h"
 #include "src/health/ComponentHealth.h"
 #include "src/ioc/config/Verdict.h"
@@ -83,8 +84,7 @@ class EventProcessor {
   const health::ComponentHealth& health_;
   common::util::Clock& clock_;
   common::util::Clock::SteadyTime last_stale_check_;
-  common::util::Clock::SteadyTime next_complaint_;
-  std::uint64_t failures_ = 0;  // since the last line about them
+  common::util::LinePace failures_;
 };
 
 }  // namespace zagent::ioc::internal
