@@ -50,6 +50,7 @@ FileEvent::State::State(const struct stat& result)
 FileEvent::FileEvent(PathRecord object, PathRecord parent, const FileEvent& rename)
     : SyscallEvent(rename),
       context_(rename.context_),
+      piece_(rename.piece_),
       cwd_(rename.cwd_),
       process_title_(rename.process_title_),
       records_(std::make_unique<Records>(Records{std::move(object), std::move(parent)})) {}
@@ -63,6 +64,7 @@ FileEvent::FileEvent(const FileEvent& other)
       parent_device_(other.parent_device_),
       parent_inode_(other.parent_inode_),
       context_(other.context_),
+      piece_(other.piece_),
       is_gone_(other.is_gone_),
       has_cwd_(other.has_cwd_),
       cwd_(other.cwd_),

@@ -78,7 +78,8 @@ class FileEvent : public SyscallEvent {
     std::string device = {};  // of the event's first PATH record that has one
   };
 
-  explicit FileEvent(Context context) : context_(std::move(context)), records_(std::make_unique<Records>()) {}
+  explicit FileEvent(Context context)
+      : context_(std::move(context)), piece_(NewestPiece()), records_(std::make_unique<Records>()) {}
   // For the delete that a rename over an existing file implies: the rename's actor and folder, but another object.
   FileEvent(PathRecord object, PathRecord parent, const FileEvent& rename);
   // Copies of a validated event only.
@@ -157,9 +158,12 @@ class FileEvent : public SyscallEvent {
   [[nodiscard]] Digests GenerateDigests() const;
   [[nodiscard]] std::optional<std::string> IdentifyType() const;
   [[nodiscard]] std::string DiffersText() const;
+  [[nodiscard]] std::uint64_t NewestPiece() const;
+  [[nodiscard]] struct stat LookAgain() const;
 
   Context context_;
-  bool is_gone_ = false;  // as Refresh found
+  std::uint64_t piece_ = 0;  // of records, with which the last of the event's had been read
+  bool is_gone_ = false;     // as Refresh found
   bool has_cwd_ = false;
   std::string cwd_;
   std::string process_title_;

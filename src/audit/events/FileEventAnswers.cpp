@@ -166,12 +166,28 @@ const std::vector<unsigned char>& FileEvent::GetFileContent() const {
   return content;
 }
 
+std::uint64_t FileEvent::NewestPiece() const {
+  return Services().looks ? Services().looks->Piece() : 0;
+}
+
+// What is kept counts for the very file alone: where something else was seen, the disk is asked again.
+struct stat FileEvent::LookAgain() const {
+  DiskLooks* const looks = Services().looks.get();
+  if (looks != nullptr) {
+    const struct stat* const seen = looks->rested.Find(file_->GetPath(), piece_);
+    if (seen != nullptr && common::IsOf(*seen, *file_)) return *seen;
+  }
+  const auto beginning = looks != nullptr ? looks->rested.Begin(looks->Piece()) : RestedLooks::Beginning{};
+  const std::unique_ptr<struct stat> result = common::StatImage(*file_);
+  if (!result) throw edr::EventException(DiffersText());
+  if (looks != nullptr) looks->rested.Keep(file_->GetPath(), beginning, *result);
+  return *result;
+}
+
 void FileEvent::Refresh() {
   on_demand_.Reset();
   try {
-    const std::unique_ptr<struct stat> result = common::StatImage(*file_);
-    if (!result) throw edr::EventException(DiffersText());
-    state_.emplace(*result);
+    state_.emplace(LookAgain());
   } catch (const std::runtime_error& error) {
     if (!context_ || !context_->extended_coverage) throw;
     // What happened is worth telling without a file to show for it.

@@ -8,6 +8,10 @@
 
 namespace zagent::common {
 
+bool IsOf(const struct stat& result, const ImageInfo& image) {
+  return result.st_ino == image.GetInode() && util::DeviceText(result.st_dev) == image.GetDevice();
+}
+
 std::unique_ptr<struct stat> StatImage(const ImageInfo& image) {
   auto result = std::make_unique<struct stat>();
   if (lstat(image.GetPath().c_str(), result.get()) != 0) {
@@ -15,7 +19,7 @@ std::unique_ptr<struct stat> StatImage(const ImageInfo& image) {
     ZLOG_DEBUG("Failed to stat " << image.GetPath() << " (" << util::ErrnoText(error) << ")");
     return nullptr;
   }
-  if (result->st_ino != image.GetInode() || util::DeviceText(result->st_dev) != image.GetDevice()) {
+  if (!IsOf(*result, image)) {
     throw StatHelperException("Actual file path " + image.GetPath() + " differs from the ImageInfo.");
   }
   return result;

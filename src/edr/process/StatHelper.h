@@ -14,6 +14,9 @@ class StatHelperException : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// Whether this is a look at the image's object, by inode and device.
+bool IsOf(const struct stat& result, const ImageInfo& image);
+
 // lstat of the image's path. Nothing when it is not there; throws StatHelperException "Actual file path <path> differs
 // from the ImageInfo." when another object (inode or device) is in its place.
 std::unique_ptr<struct stat> StatImage(const ImageInfo& image);

@@ -4,8 +4,12 @@
 
 #include <string>
 
+#include "tests/fakes/FakeClock.h"
+
 namespace zagent::audit::internal {
 namespace {
+
+using namespace std::chrono_literals;
 
 TEST(DiskLooksTest, AnswersWhatWasSeen) {
   DiskLooks looks;
@@ -51,9 +55,64 @@ TEST(DiskLooksTest, KnowsNothingAfterForgetting) {
   EXPECT_EQ(looks.objects.Find("/a"), nullptr);
 }
 
+TEST(DiskLooksTest, NumbersThePieces) {
+  DiskLooks looks;
+  const std::uint64_t first = looks.Piece();
+  looks.Forget();
+  EXPECT_EQ(looks.Piece(), first + 1);
+}
+
 TEST(DiskLooksTest, APathWithoutCharactersWasNotSeenEither) {
   const DiskLooks looks;
   EXPECT_EQ(looks.folders.Find(""), nullptr);
+}
+
+class RestedLooksTest : public ::testing::Test {
+ protected:
+  // A look at the path that begins now, while the newest piece is this one.
+  void LookAt(const std::string& path, std::uint64_t newest_piece, off_t size = 1) {
+    const auto beginning = looks_.Begin(newest_piece);
+    clock_.Advance(1ms);
+    struct stat result {};
+    result.st_size = size;
+    looks_.Keep(path, beginning, result);
+  }
+
+  fakes::FakeClock clock_;
+  RestedLooks looks_{clock_};
+};
+
+TEST_F(RestedLooksTest, ALookAnswersForWhatHadBeenReadBeforeIt) {
+  EXPECT_EQ(looks_.Find("/a", 0), nullptr);
+  LookAt("/a", 7, 3);
+  ASSERT_NE(looks_.Find("/a", 7), nullptr);
+  EXPECT_EQ(looks_.Find("/a", 7)->st_size, 3);
+  EXPECT_NE(looks_.Find("/a", 2), nullptr);
+  EXPECT_EQ(looks_.Find("/b", 2), nullptr);
+}
+
+TEST_F(RestedLooksTest, WhatWasReadLaterMayHaveHappenedBehindTheLook) {
+  LookAt("/a", 7, 3);
+  EXPECT_EQ(looks_.Find("/a", 8), nullptr);
+  LookAt("/a", 8, 4);
+  ASSERT_NE(looks_.Find("/a", 8), nullptr);
+  EXPECT_EQ(looks_.Find("/a", 7)->st_size, 4) << "the newer look is as good for older events";
+}
+
+TEST_F(RestedLooksTest, ALookAnswersForATenthOfASecondFromItsBeginning) {
+  LookAt("/a", 7);
+  clock_.Advance(98ms);
+  EXPECT_NE(looks_.Find("/a", 7), nullptr);
+  clock_.Advance(1ms);
+  EXPECT_EQ(looks_.Find("/a", 7), nullptr);
+}
+
+TEST_F(RestedLooksTest, HoldsNoMoreThanItsPlaces) {
+  for (int file = 0; file < 1'000; ++file) looks_.Keep("/" + std::to_string(file), looks_.Begin(0), {});
+  std::size_t held = 0;
+  for (int file = 0; file < 1'000; ++file) held += looks_.Find("/" + std::to_string(file), 0) != nullptr ? 1U : 0U;
+  EXPECT_GT(held, 0U);
+  EXPECT_LE(held, 64U);
 }
 
 }  // namespace

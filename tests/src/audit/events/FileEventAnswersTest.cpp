@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <functional>
 
 #include "src/audit/events/CreateEvent.h"
@@ -86,9 +87,22 @@ class FileEventAnswersTest : public ::testing::Test {
     context_ = std::make_shared<const FileContext>(context);
   }
 
+  // Looks at the disk are shared from here on.
+  void ShareLooks() {
+    FileContext context{magic_};
+    context.looks = looks_;
+    context_ = std::make_shared<const FileContext>(context);
+  }
+  static void Append(const std::string& path) { std::ofstream(path, std::ios::app) << "."; }
+  static std::int64_t RefreshedSize(ReadWriteEvent& event) {
+    event.Refresh();
+    return event.GetFileSize();
+  }
+
   fakes::LogCapture log_;
   fakes::TempFolder folder_;
   fakes::FakeClock clock_{std::chrono::system_clock::now() + 1min};
+  const std::shared_ptr<DiskLooks> looks_ = std::make_shared<DiskLooks>(clock_);
   std::shared_ptr<ScriptedMagic> magic_ = std::make_shared<ScriptedMagic>();
   FileEvent::Context context_ = std::make_shared<const FileContext>(FileContext{magic_});
 };
@@ -359,6 +373,67 @@ TEST_F(FileEventAnswersTest, DoesNotAskLibmagicForAFileThatWentWhileTheEventRest
   const auto event = Written(file);
   ASSERT_EQ(unlink(file.c_str()), 0);
   EXPECT_EQ(event->GetFileTypeDesc(), "");
+}
+
+TEST_F(FileEventAnswersTest, EventsOfABurstShareTheLookAtTheSettledFile) {
+  ShareLooks();
+  const std::string file = folder_.Write("f", "abc");
+  const auto first = Written(file);
+  looks_->Forget();
+  const auto second = Written(file);  // of the next piece, but read before the look as well
+  const auto clone = second->Clone();
+  EXPECT_EQ(RefreshedSize(*first), 3);
+  Append(file);
+  EXPECT_EQ(RefreshedSize(*second), 3);
+  clone->Refresh();
+  EXPECT_EQ(clone->GetFileSize(), 3);
+  clock_.Advance(RestedLooks::kLongest);
+  EXPECT_EQ(RefreshedSize(*second), 4);
+}
+
+TEST_F(FileEventAnswersTest, ALookDoesNotAnswerForWhatWasReadBehindIt) {
+  ShareLooks();
+  const std::string file = folder_.Write("f", "abc");
+  const auto first = Written(file);
+  EXPECT_EQ(RefreshedSize(*first), 3);
+  Append(file);
+  looks_->Forget();  // the next piece, which tells of it
+  const auto second = Written(file);
+  const auto clone = second->Clone();
+  clone->Refresh();
+  EXPECT_EQ(clone->GetFileSize(), 4);
+  EXPECT_EQ(RefreshedSize(*second), 4);
+  Append(file);
+  EXPECT_EQ(RefreshedSize(*first), 4) << "the newer look is as good for the older event";
+}
+
+TEST_F(FileEventAnswersTest, TheLookAtAFileIsNotTakenForAnotherInItsPlace) {
+  ShareLooks();
+  const std::string file = folder_.Write("f", "abc");
+  const std::string aside = folder_.Write("aside", "another");
+  const auto exchange = [&] {
+    ASSERT_EQ(renameat2(AT_FDCWD, file.c_str(), AT_FDCWD, aside.c_str(), RENAME_EXCHANGE), 0);
+  };
+  const auto of_file = Written(file);
+  exchange();
+  looks_->Forget();
+  const auto of_other = Written(file);
+  exchange();
+  EXPECT_EQ(RefreshedSize(*of_file), 3);
+  exchange();
+  EXPECT_EQ(RefreshedSize(*of_other), 7);
+  EXPECT_THROW(of_file->Refresh(), common::StatHelperException) << "the newest look is at the other one";
+}
+
+TEST_F(FileEventAnswersTest, ThatAFileIsGoneIsLookedAtEachTime) {
+  ShareLooks();
+  const std::string file = folder_.Write("f", "abc");
+  const auto event = Written(file);
+  const std::string aside = folder_ / "aside";
+  ASSERT_EQ(rename(file.c_str(), aside.c_str()), 0);
+  EXPECT_THROW(event->Refresh(), edr::EventException);
+  ASSERT_EQ(rename(aside.c_str(), file.c_str()), 0);
+  EXPECT_EQ(RefreshedSize(*event), 3);
 }
 
 TEST_F(FileEventAnswersTest, ClonesWithEverythingThatItKnows) {
