@@ -18,21 +18,34 @@ FileEventCache::Front FileEventCache::FrontOf(std::int32_t pid, const Queue& que
   return {queue.front().event->GetTimestamp(), queue.front().number, pid};
 }
 
+FileEventCache::Queue& FileEventCache::QueueOf(std::int32_t pid) {
+  if (!spare_queue_) return queues_[pid];
+  spare_queue_.key() = pid;
+  auto entered = queues_.insert(std::move(spare_queue_));
+  spare_queue_ = std::move(entered.node);  // of a process that has one
+  return entered.position->second;
+}
+
 void FileEventCache::Enter(std::int32_t pid, const Queue& queue) {
   const Front front = FrontOf(pid, queue);
-  fronts_.insert(front);
+  if (spare_front_) {
+    spare_front_.value() = front;
+    fronts_.insert(std::move(spare_front_));
+  } else {
+    fronts_.insert(front);
+  }
   if (queue.size() > limits_.max_process_events) crowded_.insert(front);
 }
 
 void FileEventCache::Leave(std::int32_t pid, const Queue& queue) {
   const Front front = FrontOf(pid, queue);
-  fronts_.erase(front);
+  spare_front_ = fronts_.extract(front);
   crowded_.erase(front);
 }
 
 void FileEventCache::Add(std::unique_ptr<edr::Event> event, std::uint64_t more_bytes) {
   const std::int32_t pid = event->GetActorProcessId();
-  Queue& queue = queues_[pid];
+  Queue& queue = QueueOf(pid);
   const std::uint64_t bytes = edr::EstimateBytes(*event) + more_bytes;
   queue.push_back({next_number_++, std::move(event), bytes});
   ++size_;
@@ -99,7 +112,7 @@ std::unique_ptr<edr::Event> FileEventCache::Take(Front front) {
   queue.pop_front();
   --size_;
   if (queue.empty()) {
-    queues_.erase(entry);
+    spare_queue_ = queues_.extract(entry);
   } else {
     Enter(front.pid, queue);
   }

@@ -80,6 +80,7 @@ class FileEventCache {
   // The front that leaves next; null when none is due.
   [[nodiscard]] const Front* FindDue() const;
   std::unique_ptr<edr::Event> Take(Front front);
+  Queue& QueueOf(std::int32_t pid);
   void Enter(std::int32_t pid, const Queue& queue);
   void Leave(std::int32_t pid, const Queue& queue);
   [[nodiscard]] bool IsAtTheBound() const;
@@ -87,9 +88,15 @@ class FileEventCache {
 
   common::util::Clock& clock_;
   Limits limits_;
-  std::unordered_map<std::int32_t, Queue> queues_;  // none is empty
-  Fronts fronts_;                                   // of all queues
-  Fronts crowded_;                                  // of those that are longer than max_process_events
+  using Queues = std::unordered_map<std::int32_t, Queue>;
+
+  Queues queues_;  // none is empty
+  Fronts fronts_;  // of all queues
+  // The memory of the one that left last, for the next: a process that does one thing at a time has none most of the
+  // time.
+  Queues::node_type spare_queue_;
+  Fronts::node_type spare_front_;
+  Fronts crowded_;  // of those that are longer than max_process_events
   std::atomic<std::size_t> size_{0};
   std::atomic<std::uint64_t> bytes_{0};
   std::uint64_t next_number_ = 0;

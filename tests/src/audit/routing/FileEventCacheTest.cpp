@@ -107,6 +107,21 @@ TEST_F(FileEventCacheTest, FlushesAllEventsOfOneProcessInOrder) {
   EXPECT_TRUE(cache_.Flush(100).empty());
 }
 
+TEST_F(FileEventCacheTest, WhoeverComesBehindAProcessWithoutEventsHasItsOwnOnly) {
+  Add(1, 100, seconds(31));
+  EXPECT_EQ(Ids(cache_.Expire()), IdList{1});
+  Add(2, 200, seconds(20));
+  Add(3, 100, seconds(31));
+  Add(4, 200, seconds(10));
+  EXPECT_EQ(cache_.GetProcessCount(), 2U);
+  EXPECT_TRUE(cache_.Flush(300).empty());
+  EXPECT_EQ(Ids(cache_.Expire()), IdList{3});
+  Add(5, 200, seconds(5));
+  EXPECT_EQ(cache_.GetProcessCount(), 1U);
+  EXPECT_EQ(Ids(cache_.Flush(200)), (IdList{2, 4, 5}));
+  EXPECT_EQ(cache_.GetProcessCount(), 0U);
+}
+
 TEST_F(FileEventCacheTest, StillExpiresWhatIsLeftAfterAFlushOfTheOldest) {
   Add(1, 100, seconds(20));
   Add(2, 200, seconds(10));
