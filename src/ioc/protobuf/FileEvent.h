@@ -23,6 +23,8 @@ class FileEvent final : public EventBuilder {
   // All outlive the object; `digests` is the cache of the events.
   FileEvent(const TtlProcessTree& tree, const ReportedObjects& reported, const DirectoryEvent& directories,
             edr::DigestPace& pace, const common::util::DigestCache& digests, const common::util::Clock& clock);
+  FileEvent(const FileEvent&) = delete;
+  FileEvent& operator=(const FileEvent&) = delete;
   ~FileEvent() override;
 
   [[nodiscard]] Report Build(const edr::Event& event) const override;

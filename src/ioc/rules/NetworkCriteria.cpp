@@ -137,23 +137,28 @@ NetworkCriteria::Answer NetworkCriteria::MatchPort(const Ports& ports, const edr
   if (ports.numbers.empty() && ports.ranges.empty()) return Answer::NoFilter;
   ZLOG_DEBUG("Matching port criteria");
   const std::uint32_t port = event.GetNetworkPort();
-  for (const std::uint32_t number : ports.numbers) {
+  const bool matched = HasNumber(ports.numbers, port) || HasRange(ports.ranges, port);
+  ZLOG_DEBUG("Port criteria " << (matched ? "matched" : "not matched"));
+  return matched ? Answer::Matched : Answer::NotMatched;
+}
+
+bool NetworkCriteria::HasNumber(const std::vector<std::uint32_t>& numbers, std::uint32_t port) {
+  const bool matched = std::any_of(numbers.begin(), numbers.end(), [port](std::uint32_t number) {
     ZLOG_DEBUG("Matching event Port value: " << port << " with filter port value: " << number);
-    if (port != number) continue;
-    ZLOG_DEBUG("Matched Event port with filter port value");
-    ZLOG_DEBUG("Port criteria matched");
-    return Answer::Matched;
-  }
-  for (const PortRange& range : ports.ranges) {
+    return port == number;
+  });
+  if (matched) ZLOG_DEBUG("Matched Event port with filter port value");
+  return matched;
+}
+
+bool NetworkCriteria::HasRange(const std::vector<PortRange>& ranges, std::uint32_t port) {
+  const bool matched = std::any_of(ranges.begin(), ranges.end(), [port](const PortRange& range) {
     ZLOG_DEBUG("Matching event Port value: " << port << " with filter port range: [" << range.min << ", " << range.max
                                              << "]");
-    if (port < range.min || port > range.max) continue;
-    ZLOG_DEBUG("Matched Event port with filter port range");
-    ZLOG_DEBUG("Port criteria matched");
-    return Answer::Matched;
-  }
-  ZLOG_DEBUG("Port criteria not matched");
-  return Answer::NotMatched;
+    return port >= range.min && port <= range.max;
+  });
+  if (matched) ZLOG_DEBUG("Matched Event port with filter port range");
+  return matched;
 }
 
 }  // namespace zagent::ioc::internal

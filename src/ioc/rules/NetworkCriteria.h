@@ -66,6 +66,8 @@ class NetworkCriteria final : public edr::FilterCriteria {
   [[nodiscard]] Answer MatchSide(const edr::Event& event) const;
   [[nodiscard]] static Answer MatchAddress(const std::vector<AddressPattern>& addresses, const edr::Event& event);
   [[nodiscard]] static Answer MatchPort(const Ports& ports, const edr::Event& event);
+  [[nodiscard]] static bool HasNumber(const std::vector<std::uint32_t>& numbers, std::uint32_t port);
+  [[nodiscard]] static bool HasRange(const std::vector<PortRange>& ranges, std::uint32_t port);
 
   const std::vector<std::string> protocols_;
   const Side local_;
