@@ -24,7 +24,7 @@ namespace zagent::common::internal {
 // From any thread; the mutex is held for the map only, neither for a database call nor for a log line.
 class SqlCache {
  public:
-  static constexpr std::size_t kMaxBytes = std::size_t{32} * 1024 * 1024;
+  static constexpr std::size_t kMaxBytes = std::size_t{2} * 1024 * 1024;
   // What an entry costs beside its row and key.
   static constexpr std::size_t kEntryBytes = 256;
 

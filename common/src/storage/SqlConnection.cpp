@@ -65,6 +65,13 @@ void SqlConnection::SyncCommits() {
   if (!failure.empty()) ZLOG_WARNING("SqlStorage: The journal cannot be truncated: " << failure);
 }
 
+void SqlConnection::BoundPages() {
+  for (const char* pragma : {"PRAGMA cache_size = -256", "PRAGMA cache_spill = OFF"}) {
+    const std::string failure = Control(pragma);
+    if (!failure.empty()) ZLOG_WARNING("SqlStorage: The pages in memory cannot be bounded: " << failure);
+  }
+}
+
 bool SqlConnection::IsEmpty() {
   static const std::string kPages = "PRAGMA page_count";
   const StatementHandle pages = Prepare(kPages);

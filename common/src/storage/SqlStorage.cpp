@@ -125,6 +125,7 @@ void SqlStorage::Open(const std::string& directory, const std::string& path) {
 
 void SqlStorage::Create() {
   connection_->SyncCommits();
+  connection_->BoundPages();
   try {
     connection_->ExecuteAll(formatter_->Ask([](SqlDataFormatter& formatter) { return formatter.Create(); }));
   } catch (const StorageException&) {
@@ -136,6 +137,7 @@ bool SqlStorage::SetUp() {
   try {
     if (connection_->IsEmpty()) return false;
     connection_->SyncCommits();
+    connection_->BoundPages();
     Migrate();
     return true;
   } catch (const StorageException&) {

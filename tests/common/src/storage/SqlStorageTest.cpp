@@ -251,6 +251,20 @@ TEST_F(SqlStorageTest, AFullDatabaseLosesOnlyTheListThatDidNotFit) {
   EXPECT_EQ(TextOf("b"), "2");
 }
 
+// Changed pages wait in memory for the end of their transaction, and go then.
+TEST_F(SqlStorageTest, ALargeDatabaseTakesLittleMemory) {
+  constexpr std::int64_t kBound = 700'000;
+  const auto kilobyte = std::string(1'000, 'x');
+  Open();
+  SqlStorage::Rows rows;
+  for (int i = 0; i < 5'000; ++i) rows.emplace_back("", Row(std::to_string(i), i, kilobyte));
+  storage_->Write("Items", rows);
+  EXPECT_LT(sqlite3_memory_used(), kBound);
+  Open();
+  for (int i = 0; i < 5'000; i += 3) EXPECT_EQ(TextOf(std::to_string(i)), kilobyte);
+  EXPECT_LT(sqlite3_memory_used(), kBound);
+}
+
 TEST_F(SqlStorageTest, AFolderThatIsGoneFailsTheWriteAndNothingElse) {
   Open();
   Write("a", "1");
