@@ -15,6 +15,7 @@ class FakeSqlFormatter : public common::SqlDataFormatter {
     std::int64_t version = 0;
     Statements migration{};  // for every older version
     Statements tables{"Items", "Others"};
+    bool inserts_are_bound = false;
   };
   FakeSqlFormatter() : FakeSqlFormatter(Schema{}) {}
   explicit FakeSqlFormatter(Schema schema) : schema_(std::move(schema)) {}
@@ -45,6 +46,11 @@ class FakeSqlFormatter : public common::SqlDataFormatter {
     std::string statement = "INSERT or REPLACE INTO ";
     statement.append(table).append(" VALUES (").append(Quote(key)).append(", ").append(std::to_string(number));
     return statement.append(", ").append(Quote(columns.GetString())).append(")");
+  }
+  [[nodiscard]] BoundInsert InsertBound(const std::string& table) override {
+    if (!schema_.inserts_are_bound) return {};
+    return {"INSERT or REPLACE INTO " + table + " VALUES (?1, ?2, ?3)",
+            {ColumnType::Text, ColumnType::Integer, ColumnType::Text}};
   }
   [[nodiscard]] std::string Select(const std::string& table, const std::string& key) override {
     return "SELECT * from " + table + (key.empty() ? ";" : Where(key));

@@ -3,6 +3,7 @@
 #include <climits>
 #include <new>
 
+#include "common/src/storage/Serializer.h"
 #include "common/src/util/Log.h"
 
 namespace zagent::common {
@@ -31,6 +32,25 @@ void AddColumn(sqlite3_stmt* row, int column, SqlDataFormatter& to) {
       throw StorageException("Unsupported data type in table " + std::string(table != nullptr ? table : ""));
     }
   }
+}
+
+int BindText(sqlite3_stmt* statement, int parameter, std::string text) {
+  std::erase(text, '\0');
+  return sqlite3_bind_text(statement, parameter, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
+}
+
+int BindRow(sqlite3_stmt* statement, const std::vector<SqlDataFormatter::ColumnType>& columns, const Bytes& row) {
+  Serializer values(row);
+  int parameter = 0;
+  int code = SQLITE_OK;
+  for (const SqlDataFormatter::ColumnType type : columns) {
+    ++parameter;
+    const int bound = type == SqlDataFormatter::ColumnType::Text
+                          ? BindText(statement, parameter, values.GetString())
+                          : sqlite3_bind_int64(statement, parameter, values.GetInteger());
+    if (code == SQLITE_OK) code = bound;
+  }
+  return code;
 }
 
 }  // namespace
@@ -97,14 +117,25 @@ void SqlConnection::ExecuteForAll(const std::string& statement, const std::vecto
   if (texts.empty()) return;
   InTransaction([&] {
     const StatementHandle prepared = Prepare(statement);
-    for (std::string text : texts) {
-      std::erase(text, '\0');
-      int code = sqlite3_bind_text(prepared.get(), 1, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
-      if (code == SQLITE_OK) code = sqlite3_step(prepared.get());
-      if (code != SQLITE_DONE) FailToExecute(statement, code);
-      sqlite3_reset(prepared.get());
+    for (const std::string& text : texts) RunBound(prepared.get(), statement, BindText(prepared.get(), 1, text));
+  });
+}
+
+void SqlConnection::InsertAll(const std::vector<std::string>& before, const SqlDataFormatter::BoundInsert& insert,
+                              const std::vector<std::pair<std::string, Bytes>>& rows) {
+  InTransaction([&] {
+    for (const std::string& statement : before) Execute(statement);
+    const StatementHandle prepared = Prepare(insert.statement);
+    for (const auto& row : rows) {
+      RunBound(prepared.get(), insert.statement, BindRow(prepared.get(), insert.columns, row.second));
     }
   });
+}
+
+void SqlConnection::RunBound(sqlite3_stmt* prepared, const std::string& statement, int code) {
+  if (code == SQLITE_OK) code = sqlite3_step(prepared);
+  if (code != SQLITE_DONE) FailToExecute(statement, code);
+  sqlite3_reset(prepared);
 }
 
 template <typename Work>

@@ -2,8 +2,10 @@
 
 #include <atomic>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "common/src/storage/SqlDataFormatter.h"
 #include "common/src/storage/SqlException.h"
 #include "common/src/storage/SqlHandles.h"
 #include "common/src/storage/SqlRowIterator.h"
@@ -43,6 +45,10 @@ class SqlConnection {
   // The statement with its only parameter bound to each of the texts, of which NULs are left out as of a literal: all
   // of that or, when it throws, none.
   void ExecuteForAll(const std::string& statement, const std::vector<std::string>& texts);
+  // The statements, and then the insertion of each of the rows (keys and columns), of which NULs are left out as of a
+  // literal: all of that or, when it throws, none. Throws std::out_of_range for a row that is cut short.
+  void InsertAll(const std::vector<std::string>& before, const SqlDataFormatter::BoundInsert& insert,
+                 const std::vector<std::pair<std::string, Bytes>>& rows);
   // One statement with its rows; columns are integers or texts, or it throws StorageException.
   SqlRowIterator Query(const std::string& statement, SqlSharedFormatter& formatter);
   void Vacuum();
@@ -53,6 +59,8 @@ class SqlConnection {
  private:
   template <typename Work>
   void InTransaction(const Work& work);
+  // Once, with what was bound to it by this code of SQLite's.
+  void RunBound(sqlite3_stmt* prepared, const std::string& statement, int code);
   StatementHandle Prepare(const std::string& statement);
   // Runs a fixed text that changes the state of the transaction; returns SQLite's words, empty on success.
   std::string Control(const char* text);

@@ -54,6 +54,15 @@ class SqlDataFormatter {
   // key has a statement of its own.
   [[nodiscard]] virtual std::string DeleteBound(const std::string& /*table*/) { return {}; }
 
+  enum class ColumnType : std::uint8_t { Integer, Text };
+  // What Insert gives, with a parameter for each column of the row, so that it is compiled once for many rows.
+  struct BoundInsert {
+    std::string statement;
+    std::vector<ColumnType> columns;
+  };
+  // Without columns: each row has a statement of its own.
+  [[nodiscard]] virtual BoundInsert InsertBound(const std::string& /*table*/) { return {}; }
+
   // `text` as a literal of SQL: in single quotes, each single quote in it doubled. NUL bytes are left out, for they
   // would end the statement; no other byte means anything within the quotes.
   [[nodiscard]] static std::string Quote(std::string_view text);

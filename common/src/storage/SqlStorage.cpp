@@ -203,6 +203,22 @@ void SqlStorage::Write(const std::string& table, const Rows& rows) {
   });
 }
 
+void SqlStorage::Replace(const std::string& table, const Rows& rows) {
+  auto clear = formatter_->Ask([&](SqlDataFormatter& formatter) { return formatter.Clear(table); });
+  const auto insert = formatter_->Ask([&](SqlDataFormatter& formatter) { return formatter.InsertBound(table); });
+  if (insert.columns.empty()) {
+    for (const auto& [key, row] : rows) clear.push_back(Insert(table, key, row));
+  }
+  Run([&] {
+    if (insert.columns.empty()) {
+      connection_->ExecuteAll(clear);
+    } else {
+      connection_->InsertAll(clear, insert, rows);
+    }
+    if (cache_) cache_->Clear(table);
+  });
+}
+
 Bytes SqlStorage::Read(const std::string& table, const std::string& key) {
   CheckKey(key);
   // A row that is known costs no turn on the tasks' thread.

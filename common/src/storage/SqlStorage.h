@@ -75,6 +75,8 @@ class SqlStorage {
 
   void Write(const std::string& table, const std::string& key, const Bytes& row);
   void Write(const std::string& table, const Rows& rows);
+  // The rows of the table from now on, in the place of all that it had. They are not put into the cache.
+  void Replace(const std::string& table, const Rows& rows);
   // The row of a key, empty when it is not there. Throws StorageException for an empty key.
   Bytes Read(const std::string& table, const std::string& key);
   // Past the cache.

@@ -213,6 +213,17 @@ std::string SnapshotSqlDataFormatter::DeleteBound(const std::string& table) {
   return "DELETE from " + table + " WHERE " + Find(table).key + " = ?1;";
 }
 
+SnapshotSqlDataFormatter::BoundInsert SnapshotSqlDataFormatter::InsertBound(const std::string& table) {
+  BoundInsert insert;
+  std::string values;
+  for (const Column& column : Find(table).columns) {
+    insert.columns.push_back(column.IsText() ? ColumnType::Text : ColumnType::Integer);
+    values.append(values.empty() ? "?" : ", ?").append(std::to_string(insert.columns.size()));
+  }
+  insert.statement = "INSERT or REPLACE INTO " + table + " VALUES (" + values + ")";
+  return insert;
+}
+
 std::string SnapshotSqlDataFormatter::Insert(const std::string& table, const std::string& /*key*/,
                                              const common::Bytes& row) {
   common::Serializer columns(row);

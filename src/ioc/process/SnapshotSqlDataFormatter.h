@@ -35,8 +35,9 @@ class SnapshotSqlDataFormatter final : public common::SqlDataFormatter {
   [[nodiscard]] Statements Create() override;
   [[nodiscard]] std::string Delete(const std::string& table, const std::string& key) override;
   [[nodiscard]] std::string GetVersion() override { return "PRAGMA user_version"; }
-  // Throws std::out_of_range for a row that is cut short.
   [[nodiscard]] std::string DeleteBound(const std::string& table) override;
+  [[nodiscard]] BoundInsert InsertBound(const std::string& table) override;
+  // Throws std::out_of_range for a row that is cut short.
   [[nodiscard]] std::string Insert(const std::string& table, const std::string& key, const common::Bytes& row) override;
   [[nodiscard]] std::string Select(const std::string& table, const std::string& key) override;
   // Throws common::SqlDataFormatterException for a version below 0.

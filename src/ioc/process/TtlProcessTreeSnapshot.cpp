@@ -132,13 +132,14 @@ bool TtlProcessTree::Restore(const SnapshotDBTtlProcess& saved, std::int32_t par
 void TtlProcessTree::Save() {
   ZLOG_INFO("Saving Ttl Process Tree to db");
   live_.ForgetBootTime();
-  // One transaction, and nothing of it in the storage's cache: the rows are read as a whole.
-  internal::SnapshotSqlDataFormatter formatter;
-  std::vector<std::string> statements = formatter.Clear(kTable);
-  for (const SnapshotDBTtlProcess& row : RowsToSave()) {
-    statements.push_back(formatter.Insert(kTable, std::to_string(row.process_id), row.ToRow()));
+  std::vector<SnapshotDBTtlProcess> processes = RowsToSave();
+  common::SqlStorage::Rows rows;
+  rows.reserve(processes.size());
+  for (SnapshotDBTtlProcess& process : processes) {
+    rows.emplace_back(std::to_string(process.process_id), process.ToRow());
+    process = {};  // there may be many
   }
-  snapshot_->ExecuteAll(statements);
+  snapshot_->Replace(kTable, rows);
 }
 
 // Whose end was told is left out, or the next run would tell it again; those below it go under process 1.

@@ -251,6 +251,61 @@ TEST_F(SqlStorageTest, AFullDatabaseLosesOnlyTheListThatDidNotFit) {
   EXPECT_EQ(TextOf("b"), "2");
 }
 
+TEST_F(SqlStorageTest, ATableIsReplacedByOtherRows) {
+  for (const bool is_bound : {false, true}) {
+    SCOPED_TRACE(is_bound);
+    Open({.inserts_are_bound = is_bound}, Caching::On);
+    storage_->Clear();
+    Write("old", "text");
+    Write("kept", "text");
+    storage_->Write("Others", "other", Row("other"));
+    const std::string hostile = "it's\n?1 \xff";
+    storage_->Replace("Items", {{"kept", Row("kept", -7, hostile)},
+                                {"nul", Row("nul", 1, std::string("a\0b", 3))},
+                                {"twice", Row("twice", 1, "first")},
+                                {"twice", Row("twice", 2, "last")}});
+    EXPECT_EQ(CountItems(), 3);
+    EXPECT_EQ(TextOf("old"), "(none)");
+    EXPECT_EQ(TextOf("kept"), hostile);
+    EXPECT_EQ(Number("SELECT Number from Items WHERE Key = 'kept'"), -7);
+    EXPECT_EQ(TextOf("nul"), "ab");
+    EXPECT_EQ(TextOf("twice"), "last");
+    EXPECT_EQ(Number("SELECT count(*) from Others"), 1);
+    storage_->Replace("Items", {});
+    EXPECT_EQ(CountItems(), 0);
+  }
+}
+
+TEST_F(SqlStorageTest, ATableIsReplacedWholeOrNotAtAll) {
+  for (const bool is_bound : {false, true}) {
+    SCOPED_TRACE(is_bound);
+    Open({.inserts_are_bound = is_bound});
+    Write("old", "text");
+    Bytes cut_short = Row("cut", 1, "text");
+    cut_short.resize(cut_short.size() - 1);
+    EXPECT_EQ(WhatOf<std::out_of_range>([&] {
+                storage_->Replace("Items", {{"new", Row("new")}, {"cut", cut_short}});
+              }),
+              "Serializer: Insufficient bytes to get string");
+    EXPECT_THROW(storage_->Replace("None", {{"new", Row("new")}}), StorageException);
+    EXPECT_EQ(CountItems(), 1);
+    EXPECT_EQ(TextOf("old"), "text");
+  }
+}
+
+TEST_F(SqlStorageTest, ABoundRowThatTheDatabaseRefusesIsToldWithItsStatement) {
+  Open({.inserts_are_bound = true});
+  storage_->Execute(
+      "CREATE TRIGGER refuse BEFORE INSERT ON Items WHEN new.Number = 13 BEGIN SELECT RAISE(ABORT, 'no'); END");
+  Write("old", "text");
+  EXPECT_THROW(storage_->Replace("Items", {{"new", Row("new")}, {"bad", Row("bad", 13)}}), SqlException);
+  EXPECT_TRUE(log_.Has(Message::PRIO_ERROR,
+                       "SqlStorage: Failed to execute 'INSERT or REPLACE INTO Items VALUES (?1, ?2, ?3)': no"))
+      << log_.All();
+  EXPECT_EQ(CountItems(), 1);
+  EXPECT_EQ(TextOf("old"), "text");
+}
+
 // Changed pages wait in memory for the end of their transaction, and go then.
 TEST_F(SqlStorageTest, ALargeDatabaseTakesLittleMemory) {
   constexpr std::int64_t kBound = 700'000;

@@ -120,6 +120,16 @@ TEST_F(SnapshotSqlDataFormatterTest, ManyRowsAreDeletedByOneStatement) {
   EXPECT_EQ(formatter_.DeleteBound("ClientInformation"), "DELETE from ClientInformation WHERE Name = ?1;");
 }
 
+TEST_F(SnapshotSqlDataFormatterTest, ManyRowsAreInsertedByOneStatement) {
+  using Type = common::SqlDataFormatter::ColumnType;
+  const auto folders = formatter_.InsertBound("Directory");
+  EXPECT_EQ(folders.statement, "INSERT or REPLACE INTO Directory VALUES (?1, ?2, ?3, ?4, ?5, ?6)");
+  EXPECT_EQ(folders.columns,
+            (std::vector{Type::Text, Type::Text, Type::Integer, Type::Integer, Type::Integer, Type::Integer}));
+  EXPECT_EQ(formatter_.InsertBound("TtlProcesses").columns.size(), 29U);
+  EXPECT_EQ(formatter_.InsertBound("TtlProcesses").columns.front(), Type::Integer);
+}
+
 TEST_F(SnapshotSqlDataFormatterTest, ATableOfOlderVersionsIsKnownByItsNumberAlone) {
   const std::string text = "SnapshotSqlDataFormatter::Select: Invalid table type: ";
   const auto select = [&](const std::string& table) {
