@@ -11,6 +11,10 @@ namespace zagent::common {
 // the last proxy and a download ends with its last range. With no attempts at all the first failure is the last one,
 // whatever proxies there are.
 class CountingHttpRetryPolicy : public HttpRetryPolicy {
+ public:
+  CountingHttpRetryPolicy& operator=(const CountingHttpRetryPolicy&) = delete;
+  ~CountingHttpRetryPolicy() override = default;
+
  protected:
   // `name`: the class, as its log lines begin; it outlives the policy. `max_attempts`: beside the first one; none: no
   // limit. Throws std::invalid_argument for an interval above 3600 seconds.

@@ -25,7 +25,7 @@ void LogAction(const HttpErrorRecord& record) {
 
 }  // namespace
 
-bool ConfigureDefaultHttpPostProcessor(HttpService& service, HttpPostProcessor::ActionHandler recovery) {
+bool ConfigureDefaultHttpPostProcessor(HttpService& service, const HttpPostProcessor::ActionHandler& recovery) {
   if (!recovery) {
     ZLOG_ERROR("ConfigureDefaultHttpPostProcessor: Mandatory Http Error Recovery Handler not provided");
     return false;

@@ -35,6 +35,8 @@ class HttpPostProcessor {
   void ExecuteAction(const HttpErrorRecord& record) const noexcept;
 
  private:
+  void CallHandler(const HttpErrorRecord& record) const;
+
   std::map<std::string, ActionHandler> handlers_;
 };
 

@@ -21,7 +21,8 @@ HttpService::HttpService(std::string ca_path, std::unique_ptr<ProxyManager> prox
   if (curl_global_init(CURL_GLOBAL_ALL) != CURLE_OK) throw HttpException("Failed to initialize libcurl");
 }
 
-HttpService::~HttpService() {
+// What is ended on its own thread ends the process: nobody could wait for that thread.
+HttpService::~HttpService() {  // NOLINT(bugprone-exception-escape)
   Stop();
   curl_global_cleanup();
 }

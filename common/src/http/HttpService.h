@@ -26,7 +26,7 @@ class HttpService {
   explicit HttpService(std::string ca_path, std::unique_ptr<ProxyManager> proxies = nullptr);
   HttpService(const HttpService&) = delete;
   HttpService& operator=(const HttpService&) = delete;
-  ~HttpService();
+  ~HttpService();  // NOLINT(bugprone-exception-escape)
 
   // Gets every finished request; an HttpErrorParser does until then. Throws HttpException "PostProcessor is null", and
   // "HttpService is already running" unless stopped.
