@@ -17,9 +17,9 @@ std::string PrepareSpoolFolder(const std::string& owner, std::string path, const
   while (slash != std::string::npos) {
     slash = path.find('/', slash + 1);
     const std::string part = path.substr(0, slash);
-    if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
-      throw std::runtime_error(owner + ": Failed to create " + part + ": " + util::ErrnoText(errno));
-    }
+    if (mkdir(part.c_str(), 0700) == 0 || errno == EEXIST) continue;
+    const std::string reason = util::ErrnoText(errno);
+    throw std::runtime_error(std::string(owner).append(": Failed to create ").append(part).append(": ").append(reason));
   }
   return path;
 }
