@@ -10,11 +10,11 @@
 
 namespace zagent::edr {
 
-// The two functions of one registration, and who is inside one of them. Whoever holds this object may try to enter;
+// The functions of one registration, and who is inside one of them. Whoever holds this object may try to enter;
 // once it is retired nobody gets in any more.
 struct EventRuleEngine::Handlers {
-  Handlers(RuleMatchedEventHandler matched, InvalidatedEventHandler dropped)
-      : rule_matched(std::move(matched)), invalidated(std::move(dropped)) {}
+  Handlers(RuleMatchedEventHandler matched, EventKeeper keeper, InvalidatedEventHandler dropped)
+      : rule_matched(std::move(matched)), keep(std::move(keeper)), invalidated(std::move(dropped)) {}
 
   bool Enter() {
     const std::lock_guard lock(mutex_);
@@ -47,7 +47,9 @@ struct EventRuleEngine::Handlers {
     call();
   }
 
+  // One of the two is empty.
   const RuleMatchedEventHandler rule_matched;
+  const EventKeeper keep;
   const InvalidatedEventHandler invalidated;
 
  private:
@@ -66,7 +68,20 @@ void EventRuleEngine::RegisterEventHandlers(const std::string& tag, RuleMatchedE
   if (!invalidated) {
     throw std::runtime_error("EventRuleEngine::RegisterEventHandlers: 'invalidatedEventHandler' is invalid");
   }
-  auto fresh = std::make_shared<Handlers>(std::move(rule_matched), std::move(invalidated));
+  Register(tag, std::make_shared<Handlers>(std::move(rule_matched), nullptr, std::move(invalidated)));
+}
+
+void EventRuleEngine::RegisterEventKeeper(const std::string& tag, EventKeeper keeper,
+                                          InvalidatedEventHandler invalidated) {
+  if (tag.empty()) throw std::runtime_error("EventRuleEngine::RegisterEventKeeper: 'tag' is empty");
+  if (!keeper) throw std::runtime_error("EventRuleEngine::RegisterEventKeeper: 'eventKeeper' is invalid");
+  if (!invalidated) {
+    throw std::runtime_error("EventRuleEngine::RegisterEventKeeper: 'invalidatedEventHandler' is invalid");
+  }
+  Register(tag, std::make_shared<Handlers>(nullptr, std::move(keeper), std::move(invalidated)));
+}
+
+void EventRuleEngine::Register(const std::string& tag, std::shared_ptr<Handlers> fresh) {
   {
     const std::lock_guard lock(handlers_mutex_);
     std::shared_ptr<Handlers>& current = handlers_[tag];
@@ -99,14 +114,34 @@ void EventRuleEngine::UnregisterEventHandlers(const std::string& tag) {
 
 void EventRuleEngine::CallRuleMatched(const std::string& tag, const std::vector<std::string>& rule_ids,
                                       const Event& event) {
-  std::shared_ptr<Handlers> handlers;
-  {
-    const std::lock_guard lock(handlers_mutex_);
-    const auto found = handlers_.find(tag);
-    if (found == handlers_.end()) return;
-    handlers = found->second;
-  }
-  handlers->Run([&] { handlers->rule_matched(rule_ids, event); });
+  const std::shared_ptr<Handlers> handlers = FindHandlers(tag);
+  if (handlers == nullptr) return;
+  handlers->Run([&] {
+    if (handlers->keep) {
+      handlers->keep(rule_ids, event.Clone());
+    } else {
+      handlers->rule_matched(rule_ids, event);
+    }
+  });
+}
+
+void EventRuleEngine::CallRuleMatched(const std::string& tag, const std::vector<std::string>& rule_ids,
+                                      std::unique_ptr<Event> event) {
+  const std::shared_ptr<Handlers> handlers = FindHandlers(tag);
+  if (handlers == nullptr) return;
+  handlers->Run([&] {
+    if (handlers->keep) {
+      handlers->keep(rule_ids, std::move(event));
+    } else {
+      handlers->rule_matched(rule_ids, *event);
+    }
+  });
+}
+
+std::shared_ptr<EventRuleEngine::Handlers> EventRuleEngine::FindHandlers(const std::string& tag) {
+  const std::lock_guard lock(handlers_mutex_);
+  const auto found = handlers_.find(tag);
+  return found == handlers_.end() ? nullptr : found->second;
 }
 
 void EventRuleEngine::CallInvalidatedOfAllTags() {

@@ -40,6 +40,8 @@ class EventRuleEngine {
  public:
   // Called once a tag for each event, the tags in the order of their names.
   using RuleMatchedEventHandler = std::function<void(const std::vector<std::string>& rule_ids, const Event& event)>;
+  // Likewise, for who keeps the event: the event itself when nobody else needs it any more, else a Clone of it.
+  using EventKeeper = std::function<void(const std::vector<std::string>& rule_ids, std::unique_ptr<Event> event)>;
   // The rule set was dropped: the owner adds its rules again. Called without any lock of the engine.
   using InvalidatedEventHandler = std::function<void()>;
   using Rules = std::vector<std::shared_ptr<const EventRule>>;
@@ -68,16 +70,23 @@ class EventRuleEngine {
   // Throw std::runtime_error "EventRuleEngine::RegisterEventHandlers: 'tag' is empty" and the like.
   void RegisterEventHandlers(const std::string& tag, RuleMatchedEventHandler rule_matched,
                              InvalidatedEventHandler invalidated);
+  // The same with a handler that keeps events: 'eventKeeper' in the text.
+  void RegisterEventKeeper(const std::string& tag, EventKeeper keeper, InvalidatedEventHandler invalidated);
   // Waits until no handler of the tag is running, unless it is called from that handler itself.
   void UnregisterEventHandlers(const std::string& tag);
 
  protected:
   // Calls the handler of the tag, if there is one, without the handlers' lock.
   void CallRuleMatched(const std::string& tag, const std::vector<std::string>& rule_ids, const Event& event);
+  // The same for an event that nobody needs after the call.
+  void CallRuleMatched(const std::string& tag, const std::vector<std::string>& rule_ids, std::unique_ptr<Event> event);
   void CallInvalidatedOfAllTags();
 
  private:
   struct Handlers;
+  void Register(const std::string& tag, std::shared_ptr<Handlers> fresh);
+  std::shared_ptr<Handlers> FindHandlers(const std::string& tag);
+
   std::mutex handlers_mutex_;
   std::map<std::string, std::shared_ptr<Handlers>> handlers_;
 };

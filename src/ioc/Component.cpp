@@ -164,10 +164,10 @@ std::unique_ptr<internal::EventProcessor> Component::MakeProcessor() {
 }
 
 void Component::RegisterHandlers() {
-  engine_.RegisterEventHandlers(
+  engine_.RegisterEventKeeper(
       kTag,
-      [this](const std::vector<std::string>& /*rule_ids*/, const edr::Event& event) {
-        thread_->Enqueue(event.Clone());
+      [this](const std::vector<std::string>& /*rule_ids*/, std::unique_ptr<edr::Event> event) {
+        thread_->Enqueue(std::move(event));
       },
       [this] { manager_->OnRulesInvalidated(); });
 }

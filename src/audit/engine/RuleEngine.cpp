@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <iterator>
 #include <optional>
 #include <stdexcept>
 #include <utility>
@@ -53,7 +54,8 @@ RuleEngine::RuleEngine(AuditNetlink& netlink, Settings settings, IntakeCounters&
                .should_process = [this](const edr::Event& event,
                                         internal::EventSource source) { return ShouldProcessEvent(event, source); },
                .find_twin = [this](const edr::Event& event) { return FindTwin(event); },
-               .deliver = [this](const edr::Event& event, const edr::Event* twin) { CallHandlers(event, twin); }}) {
+               .deliver = [this](const edr::Event& event, const edr::Event* twin) { CallHandlers(event, twin); },
+               .hand_over = [this](std::unique_ptr<edr::Event> event) { HandOver(std::move(event)); }}) {
   {
     // A late answer to the question for the limit must not be taken for the answer to a rule.
     AuditSocket status(netlink_, "RuleEngine: Failed to open audit socket");
@@ -432,13 +434,26 @@ void RuleEngine::CallHandlers(const edr::Event& event, const edr::Event* twin) {
   if (first_failure) std::rethrow_exception(first_failure);
 }
 
+void RuleEngine::HandOver(std::unique_ptr<edr::Event> event) {
+  std::exception_ptr first_failure;
+  const edr::Event& handed_over = *event;
+  CallHandlersOf(FindRules(handed_over, false), handed_over, first_failure, std::move(event));
+  if (first_failure) std::rethrow_exception(first_failure);
+}
+
 // In the order of their names FIM comes before IOC, which is meant: the digests that FIM asks for stay with the event,
-// and travel in the copy that IOC takes of it. A component that fails must not take the event away from the next one.
+// and travel to IOC, which keeps it or a copy of it. A component that fails must not take the event away from the next
+// one.
 void RuleEngine::CallHandlersOf(const internal::RuleTable::IdsByTag& ids_by_tag, const edr::Event& event,
-                                std::exception_ptr& first_failure) {
-  for (const auto& [tag, ids] : ids_by_tag) {
+                                std::exception_ptr& first_failure, std::unique_ptr<edr::Event> to_keep) {
+  for (auto of_tag = ids_by_tag.begin(); of_tag != ids_by_tag.end(); ++of_tag) {
+    const auto& [tag, ids] = *of_tag;
     try {
-      CallRuleMatched(tag, ids, event);
+      if (to_keep != nullptr && std::next(of_tag) == ids_by_tag.end()) {
+        CallRuleMatched(tag, ids, std::move(to_keep));
+      } else {
+        CallRuleMatched(tag, ids, event);
+      }
     } catch (const std::exception&) {
       if (!first_failure) first_failure = std::current_exception();
     }

@@ -181,8 +181,11 @@ class RuleEngine final : public edr::EventRuleEngine {
   [[nodiscard]] bool ShouldProcessEvent(const edr::Event& event, internal::EventSource source);
   [[nodiscard]] static bool IsDropped(const edr::Event& event, bool is_own);
   void CallHandlers(const edr::Event& event, const edr::Event* twin);
+  // `to_keep`, where it is not null, is the event itself, for the last of the handlers.
   void CallHandlersOf(const internal::RuleTable::IdsByTag& ids_by_tag, const edr::Event& event,
-                      std::exception_ptr& first_failure);
+                      std::exception_ptr& first_failure, std::unique_ptr<edr::Event> to_keep = nullptr);
+  // Calls the handlers of an event that has no twin and is needed no more.
+  void HandOver(std::unique_ptr<edr::Event> event);
   // The rules that the path of the event leads to and, unless it has a twin that tells them, those that the kernel's
   // key names.
   // The answer holds until the next question of any kind.

@@ -104,6 +104,7 @@ void EventRouter::PassOn(std::unique_ptr<edr::Event>&& event, EventSource source
   if (!stops_.should_process(*event, source)) return;
   if (source == EventSource::FileCache) {
     const std::unique_ptr<edr::Event> twin = TakeTwin(event.get());
+    if (!twin && stops_.hand_over) return stops_.hand_over(std::move(event));
     if (twin) twin->UpdateActorProcessId(event->GetActorProcessId());  // it may have been a thread's until now
     stops_.deliver(*event, twin.get());
     return;

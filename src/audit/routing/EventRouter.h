@@ -34,6 +34,9 @@ class EventRouter final : private ProcessModel::Road {
     // Calls the components. With a twin, which is null otherwise, the rules of the event's own path hear of the event,
     // and the others that the twin concerns of that.
     std::function<void(const edr::Event& event, const edr::Event* twin)> deliver;
+    // The same for an event that has rested and has no twin: nobody needs it any more. Where this is empty, `deliver`
+    // is called.
+    std::function<void(std::unique_ptr<edr::Event> event)> hand_over{};
   };
 
   // At most `max_resting` events rest; beyond it the oldest are due early.

@@ -88,6 +88,54 @@ TEST_F(EventRuleEngineTest, CallsTheHandlerOfTheTagWithTheRulesAndTheEvent) {
   EXPECT_EQ(seen_event, &event_);
 }
 
+TEST_F(EventRuleEngineTest, WhoKeepsEventsGetsTheEventItselfWhenNobodyElseNeedsIt) {
+  Ids seen;
+  std::unique_ptr<Event> kept;
+  engine_.RegisterEventKeeper(
+      "IOC",
+      [&](const Ids& ids, std::unique_ptr<Event> event) {
+        seen = ids;
+        kept = std::move(event);
+      },
+      Nothing);
+  event_.id = 7;
+  engine_.CallRuleMatched("IOC", {"a", "b"}, event_);
+  EXPECT_EQ(seen, (Ids{"a", "b"}));
+  ASSERT_NE(kept, nullptr);
+  EXPECT_NE(kept.get(), &event_);
+  EXPECT_EQ(kept->GetId(), 7U);
+
+  auto event = std::make_unique<fakes::FakeEvent>();
+  const Event* const itself = event.get();
+  engine_.CallRuleMatched("IOC", {"c"}, std::move(event));
+  EXPECT_EQ(seen, Ids{"c"});
+  EXPECT_EQ(kept.get(), itself);
+
+  engine_.UnregisterEventHandlers("IOC");
+  engine_.CallRuleMatched("IOC", {"d"}, std::make_unique<fakes::FakeEvent>());
+  EXPECT_EQ(seen, Ids{"c"});
+}
+
+TEST_F(EventRuleEngineTest, WhoKeepsNothingSeesAnEventThatNobodyElseNeeds) {
+  const Event* seen = nullptr;
+  engine_.RegisterEventHandlers(
+      "FIM", [&](const Ids&, const Event& event) { seen = &event; }, Nothing);
+  auto event = std::make_unique<fakes::FakeEvent>();
+  const Event* const itself = event.get();
+  engine_.CallRuleMatched("FIM", {"a"}, std::move(event));
+  EXPECT_EQ(seen, itself);
+}
+
+TEST_F(EventRuleEngineTest, RefusesAKeeperThatIsNone) {
+  const auto ignore = [](const Ids&, const std::unique_ptr<Event>&) {};
+  EXPECT_EQ(ErrorOf([&] { engine_.RegisterEventKeeper("", ignore, Nothing); }),
+            "EventRuleEngine::RegisterEventKeeper: 'tag' is empty");
+  EXPECT_EQ(ErrorOf([&] { engine_.RegisterEventKeeper("IOC", nullptr, Nothing); }),
+            "EventRuleEngine::RegisterEventKeeper: 'eventKeeper' is invalid");
+  EXPECT_EQ(ErrorOf([&] { engine_.RegisterEventKeeper("IOC", ignore, nullptr); }),
+            "EventRuleEngine::RegisterEventKeeper: 'invalidatedEventHandler' is invalid");
+}
+
 TEST_F(EventRuleEngineTest, CallsOnlyTheNewestRegistrationAndNoneAfterItsEnd) {
   int old_calls = 0;
   int new_calls = 0;

@@ -163,6 +163,63 @@ TEST_F(RuleEngineRoutingTest, AComponentThatFailsDoesNotTakeTheEventFromTheNext)
   EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "Failed to process event with ID 5: not mine"));
 }
 
+TEST_F(RuleEngineRoutingTest, TheLastWhoKeepsARestedEventGetsTheEventItself) {
+  using Event = std::unique_ptr<edr::Event>;
+  std::vector<Event> first;
+  std::vector<Event> last;
+  engine_->RegisterEventKeeper(
+      "IOC-A", [&](const Ids&, Event event) { first.push_back(std::move(event)); }, [] {});
+  engine_->RegisterEventKeeper(
+      "IOC-B", [&](const Ids&, Event event) { last.push_back(std::move(event)); }, [] {});
+  Listen("FIM");
+  for (const char* tag : {"FIM", "IOC-A", "IOC-B"}) engine_->AddRules(tag, {Watch("a")});
+  auto event = std::make_unique<FakeEvent>(EventType::Write, "Write", folder_ / "file");
+  const edr::Event* const itself = event.get();
+  event->id = 5;
+  engine_->ProcessEvent(std::move(event));
+  EXPECT_TRUE(last.empty());
+  clock_.Advance(31s);
+  engine_->OnIdle();
+  EXPECT_EQ(heard_, (Ids{"FIM a,:5"}));
+  ASSERT_EQ(first.size(), 1U);
+  ASSERT_EQ(last.size(), 1U);
+  EXPECT_NE(first.front().get(), itself);
+  EXPECT_EQ(first.front()->GetId(), 5U);
+  EXPECT_EQ(last.front().get(), itself);
+}
+
+TEST_F(RuleEngineRoutingTest, WhoKeepsAnEventThatDoesNotRestGetsACopy) {
+  std::unique_ptr<edr::Event> kept;
+  engine_->RegisterEventKeeper(
+      "IOC", [&](const Ids&, std::unique_ptr<edr::Event> event) { kept = std::move(event); }, [] {});
+  engine_->AddRules("IOC", {Watch("a")});
+  std::unique_ptr<edr::Event> event = FolderEvent(5, folder_ / "sub");
+  const edr::Event* const itself = event.get();
+  engine_->ProcessEvent(std::move(event));
+  ASSERT_NE(kept, nullptr);
+  EXPECT_NE(kept.get(), itself);
+  EXPECT_EQ(kept->GetId(), 5U);
+  ASSERT_NE(event, nullptr) << "it goes no further";
+  EXPECT_EQ(event->GetId(), 5U);
+}
+
+TEST_F(RuleEngineRoutingTest, AComponentThatFailsDoesNotTakeARestedEventFromWhoKeepsIt) {
+  std::unique_ptr<edr::Event> kept;
+  engine_->RegisterEventHandlers(
+      "FIM", [](const Ids&, const edr::Event&) { throw edr::EventException("not mine"); }, [] {});
+  engine_->RegisterEventKeeper(
+      "IOC", [&](const Ids&, std::unique_ptr<edr::Event> event) { kept = std::move(event); }, [] {});
+  for (const char* tag : {"FIM", "IOC"}) engine_->AddRules(tag, {Watch("a")});
+  auto event = std::make_unique<FakeEvent>(EventType::Write, "Write", folder_ / "file");
+  event->id = 5;
+  engine_->ProcessEvent(std::move(event));
+  clock_.Advance(31s);
+  engine_->OnIdle();
+  ASSERT_NE(kept, nullptr);
+  EXPECT_EQ(kept->GetId(), 5U);
+  EXPECT_TRUE(log_.Has(Poco::Message::PRIO_DEBUG, "Failed to process event with ID 5: not mine"));
+}
+
 TEST_F(RuleEngineRoutingTest, AHandlerMayChangeTheRulesBecauseNoLockIsHeld) {
   engine_->RegisterEventHandlers(
       "FIM", [&](const Ids&, const edr::Event&) { engine_->AddRules("FIM", {}); }, [] {});

@@ -267,6 +267,36 @@ TEST_F(EventRouterTest, DeliversOneDueEventACallAndSaysWhetherMoreAreDue) {
   EXPECT_FALSE(router_.OnIdle());
 }
 
+TEST_F(EventRouterTest, HandsARestedEventOverUnlessItHasATwin) {
+  std::vector<std::unique_ptr<edr::Event>> handed_over;
+  EventRouter router(
+      clock_, kMaxResting, counters_, processes_,
+      {.has_process_rules = [] { return false; },
+       .should_process = [](const edr::Event&, EventSource) { return true; },
+       .find_twin = [](const edr::Event& event) { return event.GetId() == 2 ? event.Clone() : nullptr; },
+       .deliver =
+           [this](const edr::Event& event, const edr::Event* twin) {
+             Take(event);
+             if (twin != nullptr) twins_.push_back({twin->GetId(), twin->GetActorProcessId()});
+           },
+       .hand_over = [&](std::unique_ptr<edr::Event> event) { handed_over.push_back(std::move(event)); }});
+  auto rests = Event(1);
+  const edr::Event* const itself = rests.get();
+  router.Process(std::move(rests));
+  router.Process(Event(2));
+  std::unique_ptr<edr::Event> passes = Event(3, ObjectType::Directory);
+  router.Process(std::move(passes));
+  EXPECT_EQ(delivered_, (Deliveries{{3, 0}}));
+  ASSERT_NE(passes, nullptr) << "it goes no further";
+  clock_.Advance(31s);
+  while (router.OnIdle()) {
+  }
+  ASSERT_EQ(handed_over.size(), 1U);
+  EXPECT_EQ(handed_over.front().get(), itself);
+  EXPECT_EQ(delivered_, (Deliveries{{3, 0}, {2, 1}}));
+  EXPECT_EQ(twins_.size(), 1U);
+}
+
 TEST_F(EventRouterTest, HoldsNoMoreThanItsBound) {
   for (std::uint32_t id = 1; id <= kMaxResting + 10; ++id) {
     auto event = Event(id);
