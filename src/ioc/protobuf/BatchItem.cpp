@@ -9,13 +9,19 @@
 
 namespace zagent::ioc::internal::protobuf {
 
-common::Bytes MakeItem(Kind kind, const google::protobuf::MessageLite& message, std::string_view fields) {
-  const std::size_t size = fields.size() + message.ByteSizeLong();
+common::Bytes MakeItem(Kind kind, const google::protobuf::MessageLite& message,
+                       std::initializer_list<std::string_view> fields) {
+  std::size_t size = message.ByteSizeLong();
+  for (const std::string_view field : fields) size += field.size();
   if (size > std::numeric_limits<int>::max()) throw Exception("Event is too large for protobuf");
   common::Bytes item(1 + size);
   item[0] = static_cast<unsigned char>(kind);
-  if (!fields.empty()) std::memcpy(item.data() + 1, fields.data(), fields.size());
-  message.SerializeWithCachedSizesToArray(item.data() + 1 + fields.size());
+  unsigned char* end = item.data() + 1;
+  for (const std::string_view field : fields) {
+    if (!field.empty()) std::memcpy(end, field.data(), field.size());
+    end += field.size();
+  }
+  message.SerializeWithCachedSizesToArray(end);
   return item;
 }
 

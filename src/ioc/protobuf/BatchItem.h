@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <string_view>
 
 #include "common/src/storage/StorageResult.h"
@@ -16,6 +17,7 @@ enum class Kind : std::uint8_t { Directory = 0, File = 1, LoadedModule = 2, Netw
 
 // An item as the spool takes it: one byte for the kind, then the message as it is serialised, behind those of its
 // `fields` that are serialised already. Throws Exception for a message of more than 2 GiB.
-common::Bytes MakeItem(Kind kind, const google::protobuf::MessageLite& message, std::string_view fields = {});
+common::Bytes MakeItem(Kind kind, const google::protobuf::MessageLite& message,
+                       std::initializer_list<std::string_view> fields = {});
 
 }  // namespace zagent::ioc::internal::protobuf

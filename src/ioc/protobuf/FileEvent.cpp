@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <utility>
 
 #include "common/src/util/Digest.h"
 #include "common/src/util/Log.h"
@@ -22,23 +23,6 @@ namespace wire = com::ostrel::ioc::model::proto::event;
 
 using edr::EventType;
 using Table = ReportedObjects::Table;
-
-std::string_view NameOf(std::string_view path) {
-  return path.substr(path.rfind('/') + 1);
-}
-
-// What follows the last dot of a name; the dot of a hidden file is none.
-std::string_view ExtensionOf(std::string_view name) {
-  const std::size_t dot = name.rfind('.');
-  return dot == std::string_view::npos || dot == 0 ? std::string_view() : name.substr(dot + 1);
-}
-
-// The directory of an absolute path; empty when there is none.
-std::string ParentOf(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  if (path.empty() || path.front() != '/' || slash + 1 == path.size()) return {};
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
 
 bool IsRegular(const edr::Event& event) {
   try {
@@ -90,10 +74,8 @@ Report FileEvent::Build(const edr::Event& event) const {
   const std::string& path = file == nullptr ? kNone : file->GetPath();
   if (path.empty()) throw Exception("Failed to read file information: " + path);
   LogGenerating(event, path);
-  const std::string parent = ParentOf(path);
+  const auto& [id, parent, parent_id, path_fields] = paths_.Of(path);
   if (parent.empty()) throw Exception("Failed to generate directory ID for: " + path);
-  const std::string id = UniquePathId(path);
-  const std::string parent_id = UniquePathId(parent);
   ZLOG_DEBUG("File Parent Directory id: " << parent_id);
 
   const bool is_gone = event.GetType() == EventType::Delete;
@@ -108,11 +90,6 @@ Report FileEvent::Build(const edr::Event& event) const {
   message.Clear();
   message.set_eventaction(ActionOf(event.GetType()));
   message.set_timestamp(event.GetTimestamp());
-  message.set_uniqueid(id);
-  message.set_parentdirectoryid(parent_id);
-  SetRepaired(NameOf(path), *message.mutable_filename());
-  SetRepaired(path, *message.mutable_fullpath());
-  SetRepaired(ExtensionOf(NameOf(path)), *message.mutable_extension());
   message.set_securitysettings(settings_.Of(*file));
   common::Bytes row;
   if (!directories_.Describe(event, parent, parent_id, report)) {
@@ -126,14 +103,14 @@ Report FileEvent::Build(const edr::Event& event) const {
     if (const FileLooks::Look* const look = is_regular ? FindKnown(*file, path) : nullptr) {
       times = TimesOf(event, *file, look->found);
       if (!look->type.empty()) message.set_type(look->type);
-      SetDigests(*look, message);
+      SetDigests(*look, path, message);
     } else {
       // Before the look: the description is made of whatever the path leads to.
       const std::string type = is_regular ? types_.Identify(event.GetFileTypeDesc()) : "";
       const std::optional<FoundObject> found = LookAt(path);
       times = TimesOf(event, *file, found);
       if (!type.empty() && !IsReplaced(*file, found)) message.set_type(type);
-      if (is_regular && (IsSmall(found) || pace_.Admits(path))) SetDigests(event, message);
+      if (is_regular && (IsSmall(found) || pace_.Admits(path))) SetDigests(event, path, message);
     }
     SetTimes(times, message);
     row = ReportedObjects::FileRow(id, parent_id, message.size(), times,
@@ -147,7 +124,8 @@ Report FileEvent::Build(const edr::Event& event) const {
     changes.push_back({Table::File, UniquePathId(old_path), {}, old_path});
   }
   changes.push_back({Table::File, id, std::move(row), path});
-  report.items.push_back({MakeItem(Kind::File, message, actors_.FieldOf(tree_, event)), std::move(changes)});
+  report.items.push_back(
+      {MakeItem(Kind::File, message, {actors_.FieldOf(tree_, event), path_fields}), std::move(changes)});
   return report;
 }
 
@@ -166,16 +144,16 @@ const FileLooks::Look* FileEvent::FindKnown(const common::ImageInfo& file, const
       {*found, types_.Identify(description), HexOf(digests.sha256), HexOf(digests.sha1), HexOf(digests.md5)});
 }
 
-void FileEvent::SetDigests(const FileLooks::Look& look, Message& message) {
+void FileEvent::SetDigests(const FileLooks::Look& look, const std::string& path, Message& message) {
   message.set_sha256(look.sha256);
   message.set_sha1(look.sha1);
   message.set_md5(look.md5);
-  ZLOG_DEBUG("sha256: " << look.sha256 << " File: " << message.fullpath());
-  ZLOG_DEBUG("sha1: " << look.sha1 << " File: " << message.fullpath());
-  ZLOG_DEBUG("md5: " << look.md5 << " File: " << message.fullpath());
+  ZLOG_DEBUG("sha256: " << look.sha256 << " File: " << Repaired(path));
+  ZLOG_DEBUG("sha1: " << look.sha1 << " File: " << Repaired(path));
+  ZLOG_DEBUG("md5: " << look.md5 << " File: " << Repaired(path));
 }
 
-void FileEvent::SetDigests(const edr::Event& event, Message& message) {
+void FileEvent::SetDigests(const edr::Event& event, const std::string& path, Message& message) {
   struct Hash {
     edr::ContentHash kind;
     const char* name;
@@ -193,7 +171,7 @@ void FileEvent::SetDigests(const edr::Event& event, Message& message) {
     }
     std::string& digest = *(message.*hash.digest)();
     common::util::AppendHex({reinterpret_cast<const char*>(bytes.data()), bytes.size()}, digest);
-    ZLOG_DEBUG(hash.name << digest << " File: " << message.fullpath());
+    ZLOG_DEBUG(hash.name << digest << " File: " << Repaired(path));
   }
 }
 

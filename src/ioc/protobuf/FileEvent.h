@@ -8,6 +8,7 @@
 #include "src/ioc/protobuf/EventBuilder.h"
 #include "src/ioc/protobuf/FileLooks.h"
 #include "src/ioc/protobuf/FileTypeIdentifier.h"
+#include "src/ioc/protobuf/KnownPaths.h"
 #include "src/ioc/protobuf/Messages.h"
 
 namespace zagent::ioc::internal::protobuf {
@@ -36,8 +37,8 @@ class FileEvent final : public EventBuilder {
 
   [[nodiscard]] bool IsReported(const std::string& id, const std::string& path) const;
   [[nodiscard]] const FileLooks::Look* FindKnown(const common::ImageInfo& file, const std::string& path) const;
-  static void SetDigests(const FileLooks::Look& look, Message& message);
-  static void SetDigests(const edr::Event& event, Message& message);
+  static void SetDigests(const FileLooks::Look& look, const std::string& path, Message& message);
+  static void SetDigests(const edr::Event& event, const std::string& path, Message& message);
 
   const TtlProcessTree& tree_;
   const ReportedObjects& reported_;
@@ -46,6 +47,7 @@ class FileEvent final : public EventBuilder {
   const common::util::DigestCache& digests_;
   const common::util::Clock& clock_;
   mutable FileLooks looks_;
+  mutable KnownPaths paths_;
   const FileTypeIdentifier types_;
   mutable KnownActors actors_;
   mutable LatestSettings settings_;

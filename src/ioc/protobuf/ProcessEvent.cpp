@@ -113,7 +113,7 @@ Report ProcessEvent::Build(const edr::Event& event) const {
   message.set_ondisk(IsOnDisk(identity.image));
   if (!is_start) message.set_status("Stop");
   Report report;
-  report.items.push_back({MakeItem(Kind::Process, message, actor)});
+  report.items.push_back({MakeItem(Kind::Process, message, {actor})});
   return report;
 }
 
