@@ -6,7 +6,7 @@
 namespace zagent::ioc::internal::protobuf {
 namespace {
 
-constexpr std::size_t kMaxKnown = 4'096;
+constexpr std::size_t kMaxKnown = 1'024;
 // Longer texts are not remembered.
 constexpr std::size_t kMaxKnownText = 512;
 
