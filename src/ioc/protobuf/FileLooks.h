@@ -18,7 +18,7 @@ namespace zagent::ioc::internal::protobuf {
 // Bounds: kMaxFiles, of which the one that was asked for the longest ago goes, and kLongest, as a turn may be long.
 class FileLooks {
  public:
-  static constexpr std::size_t kMaxFiles = 64;
+  static constexpr std::size_t kMaxFiles = 1'024;
   static constexpr std::chrono::milliseconds kLongest{100};
 
   // A file whose state was known, with what is told of it.
