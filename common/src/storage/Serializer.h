@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -22,6 +23,15 @@ class Serializer {
   static void Put(Bytes& row, std::int64_t value);
   static void Put(Bytes& row, std::string_view text);
 
+  // A row of these columns, integers and texts, in one piece of memory that fits.
+  template <typename... Columns>
+  [[nodiscard]] static Bytes MakeRow(const Columns&... columns) {
+    Bytes row((SizeOf(columns) + ...));
+    unsigned char* end = row.data();
+    ((end = Write(columns, end)), ...);
+    return row;
+  }
+
   // Reads the columns of `row`, which must outlive the reader.
   explicit Serializer(const Bytes& row) : row_(row) {}
   explicit Serializer(Bytes&& row) = delete;
@@ -35,6 +45,19 @@ class Serializer {
   [[nodiscard]] bool AtEnd() const { return position_ == row_.size(); }
 
  private:
+  static std::size_t SizeOf(std::int64_t /*value*/) { return kIntegerBytes; }
+  static std::size_t SizeOf(std::string_view text) { return kIntegerBytes + text.size(); }
+  // Return where the next column begins.
+  static unsigned char* Write(std::int64_t value, unsigned char* to) {
+    std::memcpy(to, &value, kIntegerBytes);
+    return to + kIntegerBytes;
+  }
+  static unsigned char* Write(std::string_view text, unsigned char* to) {
+    to = Write(static_cast<std::int64_t>(text.size()), to);
+    if (!text.empty()) std::memcpy(to, text.data(), text.size());
+    return to + text.size();
+  }
+
   const Bytes& row_;
   std::size_t position_ = 0;
 };

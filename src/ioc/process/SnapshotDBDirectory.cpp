@@ -17,14 +17,7 @@ SnapshotDBDirectory::SnapshotDBDirectory(const common::Bytes& row) {
 }
 
 common::Bytes SnapshotDBDirectory::ToRow() const {
-  common::Bytes row;
-  Serializer::Put(row, row_id);
-  Serializer::Put(row, path);
-  Serializer::Put(row, creation_time);
-  Serializer::Put(row, last_write_time);
-  Serializer::Put(row, last_access_time);
-  Serializer::Put(row, last_change_time);
-  return row;
+  return Serializer::MakeRow(row_id, path, creation_time, last_write_time, last_access_time, last_change_time);
 }
 
 }  // namespace zagent::ioc::internal::models

@@ -26,20 +26,8 @@ common::Bytes SnapshotDBFile::ToRow() const {
 }
 
 common::Bytes SnapshotDBFile::ToRow(const View& file) {
-  constexpr std::size_t kOrdinary = 512;
-  common::Bytes row;
-  row.reserve(kOrdinary);
-  Serializer::Put(row, file.row_id);
-  Serializer::Put(row, file.parent_id);
-  Serializer::Put(row, file.size);
-  Serializer::Put(row, file.creation_time);
-  Serializer::Put(row, file.last_write_time);
-  Serializer::Put(row, file.last_access_time);
-  Serializer::Put(row, file.last_change_time);
-  Serializer::Put(row, file.md5);
-  Serializer::Put(row, file.sha1);
-  Serializer::Put(row, file.sha256);
-  return row;
+  return Serializer::MakeRow(file.row_id, file.parent_id, file.size, file.creation_time, file.last_write_time,
+                             file.last_access_time, file.last_change_time, file.md5, file.sha1, file.sha256);
 }
 
 }  // namespace zagent::ioc::internal::models

@@ -83,6 +83,41 @@ TEST(SnapshotModelsTest, AProcessWithoutListsAndScriptComesBackWithoutThem) {
   EXPECT_FALSE(ProcessInfo(read.ToDescription(), nullptr).HasSecondaryImage());
 }
 
+TEST(SnapshotModelsTest, AFileAndADirectoryAreRowsOfTheirColumnsInOrder) {
+  SnapshotDBFile file;
+  file.row_id = "id";
+  file.parent_id = "parent";
+  file.size = -2;
+  file.creation_time = 3;
+  file.last_write_time = 4;
+  file.last_access_time = 5;
+  file.last_change_time = std::numeric_limits<std::int64_t>::max();
+  file.sha1 = kHostile;
+  file.sha256 = std::string(300, 'x');
+  common::Bytes row;
+  for (const char* text : {"id", "parent"}) Serializer::Put(row, std::string_view(text));
+  for (const std::int64_t number : {std::int64_t{-2}, std::int64_t{3}, std::int64_t{4}, std::int64_t{5}}) {
+    Serializer::Put(row, number);
+  }
+  Serializer::Put(row, std::numeric_limits<std::int64_t>::max());
+  for (const std::string& text : {std::string(), std::string(kHostile), std::string(300, 'x')}) {
+    Serializer::Put(row, text);
+  }
+  EXPECT_EQ(file.ToRow(), row);
+
+  SnapshotDBDirectory directory;
+  directory.row_id = "id";
+  directory.path = kHostile;
+  directory.creation_time = 1;
+  directory.last_write_time = 2;
+  directory.last_access_time = 3;
+  directory.last_change_time = 4;
+  row.clear();
+  for (const std::string& text : {std::string("id"), std::string(kHostile)}) Serializer::Put(row, text);
+  for (std::int64_t number = 1; number <= 4; ++number) Serializer::Put(row, number);
+  EXPECT_EQ(directory.ToRow(), row);
+}
+
 // A row with what nobody has written like this.
 common::Bytes Row(std::int64_t pid, const std::string& children, const std::string& tags) {
   common::Bytes row;
