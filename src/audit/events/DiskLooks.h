@@ -65,7 +65,7 @@ class RestedLooks {
   // When a look begins that is to be kept, and the piece of records that was the newest then.
   struct Beginning {
     common::util::Clock::SteadyTime time;
-    std::uint64_t piece;
+    std::uint64_t piece = 0;
   };
   [[nodiscard]] Beginning Begin(std::uint64_t newest_piece) const { return {clock_.SteadyNow(), newest_piece}; }
 
@@ -83,7 +83,7 @@ class RestedLooks {
  private:
   struct Look {
     Beginning beginning;
-    struct stat result;
+    struct stat result {};
   };
 
   const common::util::Clock& clock_;

@@ -96,23 +96,7 @@ Report FileEvent::Build(const edr::Event& event) const {
     ZLOG_DEBUG("Failed to stat parent directory for file " << path);
   }
   if (!is_gone) {
-    if (event.GetFileSize() > kMaxSize) ZLOG_WARNING("File size being truncated for file " << path);
-    message.set_size(std::min(event.GetFileSize(), kMaxSize));
-    const bool is_regular = IsRegular(event);
-    ReportedObjects::Times times;
-    if (const FileLooks::Look* const look = is_regular ? FindKnown(*file, path) : nullptr) {
-      times = TimesOf(event, *file, look->found);
-      if (!look->type.empty()) message.set_type(look->type);
-      SetDigests(*look, path, message);
-    } else {
-      // Before the look: the description is made of whatever the path leads to.
-      const std::string type = is_regular ? types_.Identify(event.GetFileTypeDesc()) : "";
-      const std::optional<FoundObject> found = LookAt(path);
-      times = TimesOf(event, *file, found);
-      if (!type.empty() && !IsReplaced(*file, found)) message.set_type(type);
-      if (is_regular && (IsSmall(found) || pace_.Admits(path))) SetDigests(event, path, message);
-    }
-    SetTimes(times, message);
+    const ReportedObjects::Times times = SetState(event, *file, message);
     row = ReportedObjects::FileRow(id, parent_id, message.size(), times,
                                    {message.md5(), message.sha1(), message.sha256()});
   }
@@ -127,6 +111,30 @@ Report FileEvent::Build(const edr::Event& event) const {
   report.items.push_back(
       {MakeItem(Kind::File, message, {actors_.FieldOf(tree_, event), path_fields}), std::move(changes)});
   return report;
+}
+
+// All that is told of a file that is there.
+ReportedObjects::Times FileEvent::SetState(const edr::Event& event, const common::ImageInfo& file,
+                                           Message& message) const {
+  const std::string& path = file.GetPath();
+  if (event.GetFileSize() > kMaxSize) ZLOG_WARNING("File size being truncated for file " << path);
+  message.set_size(std::min(event.GetFileSize(), kMaxSize));
+  const bool is_regular = IsRegular(event);
+  ReportedObjects::Times times;
+  if (const FileLooks::Look* const look = is_regular ? FindKnown(file, path) : nullptr) {
+    times = TimesOf(event, file, look->found);
+    if (!look->type.empty()) message.set_type(look->type);
+    SetDigests(*look, path, message);
+  } else {
+    // Before the look: the description is made of whatever the path leads to.
+    const std::string type = is_regular ? types_.Identify(event.GetFileTypeDesc()) : "";
+    const std::optional<FoundObject> found = LookAt(path);
+    times = TimesOf(event, file, found);
+    if (!type.empty() && !IsReplaced(file, found)) message.set_type(type);
+    if (is_regular && (IsSmall(found) || pace_.Admits(path))) SetDigests(event, path, message);
+  }
+  SetTimes(times, message);
+  return times;
 }
 
 // What is kept of the very state that the file is in.

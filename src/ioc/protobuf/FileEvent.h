@@ -36,6 +36,8 @@ class FileEvent final : public EventBuilder {
   using Message = com::ostrel::ioc::model::proto::event::FileEvent;
 
   [[nodiscard]] bool IsReported(const std::string& id, const std::string& path) const;
+  [[nodiscard]] ReportedObjects::Times SetState(const edr::Event& event, const common::ImageInfo& file,
+                                                Message& message) const;
   [[nodiscard]] const FileLooks::Look* FindKnown(const common::ImageInfo& file, const std::string& path) const;
   static void SetDigests(const FileLooks::Look& look, const std::string& path, Message& message);
   static void SetDigests(const edr::Event& event, const std::string& path, Message& message);
