@@ -48,7 +48,7 @@ class RecordFields;
 // and never casts.
 //
 // An event is built and validated once, then read by one thread at a time; the answers marked "on demand" are looked
-// up at the first question and cached. Who keeps an event keeps a Clone.
+// up at the first question and cached. Who keeps an event that others read keeps a Clone.
 class Event {
  public:
   Event() = default;

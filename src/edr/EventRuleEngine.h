@@ -35,7 +35,8 @@ class RuleEngineException : public std::runtime_error {
 // events enter through ProcessEvent and leave through the handlers of the tags whose rules match.
 //
 // AddRules, Invalidate and the registration may be called from any thread. ProcessEvent, OnIdle and OnStop belong to
-// the event-processing thread, and handlers run on it: they return quickly and Clone what they keep.
+// the event-processing thread, and handlers run on it: they return quickly, and Clone what they keep unless they
+// are keepers.
 class EventRuleEngine {
  public:
   // Called once a tag for each event, the tags in the order of their names.
