@@ -48,10 +48,13 @@ is_told() { [ "$(told_since_boot "$1")" -ge 1 ]; }
 # stays NAME [PID]: a program of the stage, of this pid, that makes a file when it is told to go. Sets STAYS to its pid.
 stays() {
   mkfifo "/run/$1"
-  if [ -n "${2:-}" ]; then come_round "$2"; fi
-  $S/sh -c "read -r go; : >$F/$1" <>"/run/$1" &
-  STAYS=$!
-  end_of_pids 32768
+  if [ -n "${2:-}" ]; then
+    begin_as "$2" $S/sh -c "read -r go <>/run/$1; : >$F/$1"
+    STAYS=$BEGUN
+  else
+    $S/sh -c "read -r go <>/run/$1; : >$F/$1" &
+    STAYS=$!
+  fi
   expect "the start of the $1 one is told" wait_until 60 is_told "^ioc RUNNING process $S/sh pid=$STAYS "
 }
 
@@ -84,7 +87,7 @@ case $(cat $DISK/boot) in
     watch_programs_and_files $S $F
     start_configured
     # Above all that a start of the machine needs, so that it can come again.
-    count_above 1500
+    next_pid 1500
     stays first
     makes kept also-kept
     expect "files are told of" wait_until 60 all_told

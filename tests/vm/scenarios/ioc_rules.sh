@@ -272,16 +272,18 @@ for round in 1 2 3 4; do
   does root "no file" $ACTOR create $F/rounds/$before/late
   expect "what set $round asks for comes while it is in force" wait_until 90 ioc_came "ioc CREATE file $F/rounds/$round/new "
 done
+storms_made() { echo $(($(cat /run/made-stays) + $(cat /run/made-elsewhere))); }
+is_storm() { [ "$(storms_made)" -ge 100 ]; }
+expect "that was a storm" wait_until 240 is_storm
 touch /run/enough
 # shellcheck disable=SC2086 # a word each
 wait $STORMS
-step "$(cat /run/made-stays) and $(cat /run/made-elsewhere) files were made meanwhile"
-expect "that was a storm" [ "$(($(cat /run/made-stays) + $(cat /run/made-elsewhere)))" -ge 100 ]
+step "$(storms_made) files were made meanwhile"
 wait_for_all
 
 step "pids that come again"
 LABEL="pids that come again"
-count_above 320
+next_pid 320
 end_of_pids 380
 again=0
 while [ $again -lt 60 ]; do

@@ -90,23 +90,27 @@ folders_known() {
   [ "${known:-0}" -ge "$1" ]
 }
 
-# come_round PID: makes processes until the next one gets this pid, which is free. Pids end soon behind it and begin anew
-# at 300; end_of_pids NUMBER gives room again. Who else begins just then takes the number before away: there are ten rounds
-# for it. count_above NUMBER: until pids are above the number.
-come_round() {
-  local tries=$((($1 + 20) * 10))
-  end_of_pids $(($1 + 20))
-  until [ "$(last_pid)" = $(($1 - 1)) ] || [ $tries -eq 0 ]; do tries=$((tries - 1)); done
-}
+# next_pid NUMBER: the next process gets it, or the first free one above. Whoever begins just then takes it away.
+next_pid() { echo $(($1 - 1)) >/proc/sys/kernel/ns_last_pid; }
 
+# end_of_pids NUMBER: behind it they begin anew at 300.
 end_of_pids() { echo "$1" >/proc/sys/kernel/pid_max; }
 
-count_above() {
-  until [ "$(last_pid)" -gt "$1" ]; do :; done
+# begin_as PID PROGRAM [ARGUMENT...]: begins the program in the background with this pid, which is free. Sets BEGUN to its pid.
+# Its standard input is empty.
+begin_as() {
+  local pid=$1 tries=100
+  shift
+  while [ $tries -gt 0 ]; do
+    next_pid "$pid"
+    # Only a process with the wanted pid becomes the program, so that nothing is done by another one.
+    ( read -r me _ </proc/self/stat && [ "$me" = "$pid" ] && exec "$@" ) &
+    BEGUN=$!
+    if [ $BEGUN = "$pid" ]; then return; fi
+    wait $BEGUN
+    tries=$((tries - 1))
+  done
 }
-
-# last_pid: that of the process which tells it. The kernel gives the number away in one piece only.
-last_pid() { exec cat /proc/sys/kernel/ns_last_pid; }
 
 # ---- the platform
 

@@ -95,21 +95,17 @@ sh -c "( sleep 1; $ACTOR create $WATCHED/orphaned; : ) &"
 owes "an orphan is init's" orphaned "file-actor<busybox<init"
 
 step "a pid that comes again"
-count_above 310
 sh -c "sleep 1000 & wait" &
 pid=$!
 wait_until 20 grep -q "^Start busybox([0-9]*)<busybox($pid)<" $HEARD
 kill -KILL $pid
 wait $pid
 expect "a process that is killed ends without a word" not grep -qx "End $pid" $HEARD
-come_round $pid
-$ACTOR create $WATCHED/again &
-again=$!
-wait $again
-expect "is another process's" is $again $pid
+begin_as $pid $ACTOR create $WATCHED/again
+wait $BEGUN
+expect "is another process's" is $BEGUN $pid
 owes "who is known by his own name" again "file-actor<me<init"
 expect "and by whom the end of the first is known" wait_until 20 is_ended_twice $pid
-end_of_pids 32768
 killall sleep
 
 step "five thousand forks"
