@@ -319,6 +319,10 @@ void SqlStorage::DeleteAsync(const std::string& table, const std::vector<std::st
   Post(work, std::move(change), std::move(callback), bytes);
 }
 
+void SqlStorage::ForgetCached() {
+  if (cache_) cache_->Clear();
+}
+
 bool SqlStorage::IsDamaged() const {
   return connection_->IsDamaged();
 }

@@ -93,6 +93,9 @@ class SqlStorage {
   void DeleteAsync(const std::string& table, const std::string& key, Callback callback);
   void DeleteAsync(const std::string& table, const std::vector<std::string>& keys, Callback callback);
 
+  // Empties the cache; what is asked for next is read from the database. From any thread.
+  void ForgetCached();
+
   // True once SQLite has found the file torn: it should be set aside (see OpenSqlStorage). From any thread.
   [[nodiscard]] bool IsDamaged() const;
 

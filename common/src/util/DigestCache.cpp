@@ -1,5 +1,6 @@
 #include "common/src/util/DigestCache.h"
 
+#include <algorithm>
 #include <chrono>
 
 namespace zagent::common::util {
@@ -7,11 +8,20 @@ namespace {
 
 constexpr std::chrono::seconds kSettleTime{1};
 
-void Merge(std::vector<unsigned char>& known, const std::vector<unsigned char>& digest) {
-  if (!digest.empty()) known = digest;
+}  // namespace
+
+template <std::size_t Size>
+void DigestCache::Digest<Size>::Keep(const std::vector<unsigned char>& digest) {
+  if (digest.size() != Size) return;
+  std::copy(digest.begin(), digest.end(), bytes.begin());
+  is_known = true;
 }
 
-}  // namespace
+template <std::size_t Size>
+std::vector<unsigned char> DigestCache::Digest<Size>::Get() const {
+  if (!is_known) return {};
+  return {bytes.begin(), bytes.end()};
+}
 
 DigestCache::State DigestCache::StateOf(const struct stat& file) {
   return {file.st_dev, file.st_ino, file.st_size, file.st_ctim.tv_sec, file.st_ctim.tv_nsec};
@@ -38,7 +48,9 @@ bool DigestCache::IsSettled(const struct stat& file) const {
 FileDigests DigestCache::Find(const struct stat& file) const {
   const std::lock_guard lock(mutex_);
   const auto known = known_.find(StateOf(file));
-  return known != known_.end() ? known->second.digests : FileDigests{};
+  if (known == known_.end()) return {};
+  const auto& [md5, sha1, sha256, type] = known->second;
+  return {md5.Get(), sha1.Get(), sha256.Get()};
 }
 
 std::string DigestCache::FindType(const struct stat& file) const {
@@ -49,10 +61,10 @@ std::string DigestCache::FindType(const struct stat& file) const {
 
 void DigestCache::Keep(const struct stat& file, const FileDigests& digests) {
   const std::lock_guard lock(mutex_);
-  FileDigests& known = EntryOf(StateOf(file)).digests;
-  Merge(known.md5, digests.md5);
-  Merge(known.sha1, digests.sha1);
-  Merge(known.sha256, digests.sha256);
+  Known& known = EntryOf(StateOf(file));
+  known.md5.Keep(digests.md5);
+  known.sha1.Keep(digests.sha1);
+  known.sha256.Keep(digests.sha256);
 }
 
 void DigestCache::KeepType(const struct stat& file, const std::string& type) {

@@ -2,9 +2,11 @@
 
 #include <sys/stat.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <memory_resource>
 #include <mutex>
 #include <string>
 #include <unordered_map>
@@ -17,11 +19,13 @@ namespace zagent::common::util {
 // Digests of one file as bytes; one that was not computed is empty.
 struct FileDigests {
   std::vector<unsigned char> md5, sha1, sha256;
+  bool operator==(const FileDigests&) const = default;
 };
 
 // Digests and types of files whose state was seen before, so that a file is read once however many events name it. A
 // state is the file's device, inode, size and change time to the nanosecond. Bounded: at kMaxEntries the oldest entry
-// goes, at about 500 bytes each. Thread-safe.
+// goes, at about 250 bytes each, which lie together: they stay long, and would keep memory that bursts have used from
+// the system if they were spread over it. Thread-safe.
 //
 // A write through a mapping changes the time when its page first becomes dirty and not at each store after that: as
 // with any look at a file, such a writer is seen late.
@@ -48,7 +52,8 @@ class DigestCache {
   // The textual type that KeepType was given for this state; empty when it is not known.
   [[nodiscard]] std::string FindType(const struct stat& file) const;
 
-  // For a file that was settled before it was read and still has this state. Adds to what is known of it.
+  // For a file that was settled before it was read and still has this state. Adds to what is known of it. What has not
+  // the length of its digest is passed over.
   void Keep(const struct stat& file, const FileDigests& digests);
   void KeepType(const struct stat& file, const std::string& type);
 
@@ -64,8 +69,17 @@ class DigestCache {
   struct StateHash {
     std::size_t operator()(const State& state) const;
   };
+  template <std::size_t Size>
+  struct Digest {
+    std::array<unsigned char, Size> bytes{};
+    bool is_known = false;
+    void Keep(const std::vector<unsigned char>& digest);
+    [[nodiscard]] std::vector<unsigned char> Get() const;
+  };
   struct Known {
-    FileDigests digests;
+    Digest<16> md5;
+    Digest<20> sha1;
+    Digest<32> sha256;
     std::string type;
   };
   static State StateOf(const struct stat& file);
@@ -74,8 +88,9 @@ class DigestCache {
 
   Clock& clock_;
   mutable std::mutex mutex_;
-  std::unordered_map<State, Known, StateHash> known_;
-  std::deque<State> oldest_first_;
+  std::pmr::unsynchronized_pool_resource memory_;
+  std::pmr::unordered_map<State, Known, StateHash> known_{&memory_};
+  std::pmr::deque<State> oldest_first_{&memory_};
 };
 
 }  // namespace zagent::common::util

@@ -66,6 +66,12 @@ FileEvent::FileEvent(const TtlProcessTree& tree, const ReportedObjects& reported
 
 FileEvent::~FileEvent() = default;
 
+void FileEvent::Forget() {
+  looks_.Forget();
+  paths_.Forget();
+  actors_.Forget();
+}
+
 Report FileEvent::Build(const edr::Event& event) const {
   const bool is_rename = event.GetType() == EventType::Rename;
   const bool has_new = is_rename || event.GetType() == EventType::AttributeChange;

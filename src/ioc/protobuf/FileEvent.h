@@ -31,6 +31,8 @@ class FileEvent final : public EventBuilder {
   [[nodiscard]] Report Build(const edr::Event& event) const override;
   // All events that come from here on until the next call have happened by now.
   void BeginTurn() { looks_.Forget(); }
+  // Frees what is remembered of the latest events. Reports stay what they are.
+  void Forget();
 
  private:
   using Message = com::ostrel::ioc::model::proto::event::FileEvent;

@@ -1,8 +1,10 @@
 #include "src/ioc/protobuf/Generator.h"
 
+#include <chrono>
 #include <string>
 #include <utility>
 
+#include "common/src/storage/SqlStorage.h"
 #include "common/src/storage/Storage.h"
 #include "common/src/util/Log.h"
 #include "src/health/ComponentHealth.h"
@@ -13,9 +15,12 @@
 #include "src/ioc/protobuf/FileEvent.h"
 #include "src/ioc/protobuf/NetworkEvent.h"
 #include "src/ioc/protobuf/ProcessEvent.h"
+#include "src/ioc/protobuf/UniqueId.h"
 
 namespace zagent::ioc::internal::protobuf {
 namespace {
+
+constexpr std::chrono::minutes kQuiet{1};
 
 // Whether the item was taken: a code without it tells of what the spool held before it.
 bool TellOfWritten(const health::ComponentHealth& health, common::util::LinePace& failures,
@@ -67,7 +72,7 @@ struct Generator::Builders {
   const DirectoryEvent directory;
   FileEvent file;
   const NetworkEvent network;
-  const ProcessEvent process;
+  ProcessEvent process;
 };
 
 Generator::Generator(TtlProcessTree& tree, common::Storage& spool, common::SqlStorage& snapshot, const Config& config,
@@ -75,13 +80,16 @@ Generator::Generator(TtlProcessTree& tree, common::Storage& spool, common::SqlSt
                      std::shared_ptr<common::util::DigestCache> digests)
     : tree_(tree),
       spool_(spool),
+      snapshot_(snapshot),
       health_(health),
       failures_(std::make_shared<common::util::LinePace>(clock)),
+      clock_(clock),
       builders_(std::make_unique<Builders>(tree, snapshot, config, clock, std::move(digests))) {}
 
 Generator::~Generator() = default;
 
 void Generator::Process(const edr::Event& event, bool /*send_metadata*/) {
+  last_event_ = clock_.SteadyNow();
   Report report = builders_->For(event.GetObjectType()).Build(event);
   if (report.items.empty()) return;
   const std::lock_guard lock(mutex_);
@@ -110,6 +118,16 @@ void Generator::BeginTurn() {
 
 void Generator::KeepHouse() {
   builders_->reported.HandOverWhatIsDue();
+  ForgetWhenQuiet();
+}
+
+void Generator::ForgetWhenQuiet() {
+  if (!last_event_ || clock_.SteadyNow() - *last_event_ < kQuiet) return;
+  last_event_.reset();
+  builders_->file.Forget();
+  builders_->process.Forget();
+  ForgetUniqueIds();
+  snapshot_.ForgetCached();
 }
 
 void Generator::Enable(bool enabled) {

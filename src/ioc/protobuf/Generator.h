@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <mutex>
+#include <optional>
 
 #include "common/src/util/Clock.h"
 #include "common/src/util/DigestCache.h"
@@ -26,6 +27,9 @@ namespace zagent::ioc::internal::protobuf {
 // the platform was told of is kept in the snapshot; what the spool refuses, later too, is not, and is told again at the
 // next occasion. When the messages of an event have gone to the spool its actor gets the tag "Reported": the end of the
 // process may already be on its way to be judged.
+//
+// What is remembered only so that a burst costs less is freed behind a minute without an event to report: it lies among
+// what has gone since, and would keep that memory from the system as well.
 class Generator final : public EventGenerator {
  public:
   // All outlive the object; the snapshot runs on a Scheduler. `digests` is the cache of the events; without it a large
@@ -52,13 +56,17 @@ class Generator final : public EventGenerator {
   struct Builders;
 
   void Write(Report::Item item);
+  void ForgetWhenQuiet();
 
   TtlProcessTree& tree_;
   common::Storage& spool_;
+  common::SqlStorage& snapshot_;
   const health::ComponentHealth& health_;
   const std::shared_ptr<common::util::LinePace> failures_;
+  const common::util::Clock& clock_;
   const std::unique_ptr<Builders> builders_;
-  std::mutex mutex_;  // held while the messages of an event go to the spool
+  std::optional<common::util::Clock::SteadyTime> last_event_;  // since when something is remembered
+  std::mutex mutex_;                                           // held while the messages of an event go to the spool
   bool is_enabled_ = true;
 };
 

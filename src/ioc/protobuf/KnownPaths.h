@@ -26,6 +26,7 @@ class KnownPaths {
   // Valid until the next call.
   [[nodiscard]] const Path& Of(const std::string& path);
   [[nodiscard]] std::size_t GetSize() const { return known_.GetSize(); }
+  void Forget() { known_.Clear(); }
 
  private:
   edr::LRUCache<std::string, Path> known_{kMaxPaths};

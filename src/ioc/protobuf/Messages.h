@@ -59,6 +59,7 @@ class KnownActors {
   // Valid until the next call. Throws what FillActor throws.
   const std::string& FieldOf(const TtlProcessTree& tree, const edr::Event& event);
   const std::string& FieldOf(const std::shared_ptr<const ProcessInfo>& process);
+  void Forget() { known_.Clear(); }
 
  private:
   struct Known {

@@ -25,6 +25,8 @@ class ProcessEvent final : public EventBuilder {
   ~ProcessEvent() override;
 
   [[nodiscard]] Report Build(const edr::Event& event) const override;
+  // Frees what is remembered of the latest events. Reports stay what they are.
+  void Forget() { actors_.Forget(); }
 
  private:
   using Message = com::ostrel::ioc::model::proto::event::ProcessEvent;

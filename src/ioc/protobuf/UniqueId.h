@@ -8,7 +8,7 @@
 // Names of objects that are the same in every event of this host: 64 lower-case hexadecimal digits. They are made of
 // the bytes as they are, also where a text is repaired before it is told.
 //
-// Each thread that asks remembers the ids of 4,096 texts of up to 512 bytes.
+// Each thread that asks remembers the ids of 1,024 texts of up to 512 bytes.
 namespace zagent::ioc::internal::protobuf {
 
 // SHA-256 of the parts, joined by NUL bytes.
@@ -19,5 +19,8 @@ std::string UniquePathId(std::string_view path);
 
 // Of a process: `creation_time` in nanoseconds since the epoch tells it from a later one with its pid.
 std::string UniqueProcessId(std::int32_t pid, std::int64_t creation_time, std::string_view image_path);
+
+// Frees what the calling thread remembers.
+void ForgetUniqueIds();
 
 }  // namespace zagent::ioc::internal::protobuf

@@ -63,7 +63,7 @@ TEST_F(DigestPaceTest, AKnownDigestIsFree) {
   EXPECT_TRUE(pace_.Admits(path));
   struct stat stat {};
   ASSERT_EQ(::stat(path.c_str(), &stat), 0);
-  cache_.Keep(stat, {.md5 = {}, .sha1 = {}, .sha256 = {1}});
+  cache_.Keep(stat, {.md5 = {}, .sha1 = {}, .sha256 = std::vector<unsigned char>(32, 1)});
   EXPECT_TRUE(pace_.Admits(path));
   std::filesystem::resize_file(path, DigestPace::kMaxFreeSize + 2);
   EXPECT_FALSE(pace_.Admits(path)) << "it has changed since";

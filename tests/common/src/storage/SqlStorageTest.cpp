@@ -337,6 +337,16 @@ TEST_F(SqlStorageTest, TheCacheSparesTheDatabaseAKnownRow) {
   EXPECT_TRUE(log_.Has(Message::PRIO_DEBUG, "SqlStorage Cache: hits: 1, misses: 0, writes: 1, not founds: 0"));
 }
 
+TEST_F(SqlStorageTest, WhatTheCacheHasForgottenIsReadFromTheDatabase) {
+  Open();
+  storage_->ForgetCached();  // without a cache there is none
+  Open({}, Caching::On);
+  Write("a", "1");
+  storage_->Execute("UPDATE Items SET Text = 'other'");
+  storage_->ForgetCached();
+  EXPECT_EQ(TextOf("a"), "other");
+}
+
 TEST_F(SqlStorageTest, TheCacheKeepsWhatAReadFound) {
   Open();
   Write("a", "1");

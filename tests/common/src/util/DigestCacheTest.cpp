@@ -72,7 +72,7 @@ class DigestCacheTest : public ::testing::Test {
     state.st_ctim = {changed_s, changed_ns};
     return state;
   }
-  static FileDigests Known(unsigned char byte) { return {{byte}, {byte, 1}, {byte, 2}}; }
+  static FileDigests Known(unsigned char byte) { return {Bytes(16, byte), Bytes(20, byte), Bytes(32, byte)}; }
 
   HashGenerator Hash(const std::string& path, HashKind kind = HashKind::All) {
     const struct stat identity = StatOf(path);
@@ -139,7 +139,7 @@ TEST_F(DigestCacheTest, KeepsTypesBesideDigests) {
   cache_.KeepType(State(7), "ASCII text");
   cache_.Keep(State(7), Known(1));
   EXPECT_EQ(cache_.FindType(State(7)), "ASCII text");
-  EXPECT_EQ(cache_.Find(State(7)).md5, Bytes{1});
+  EXPECT_EQ(cache_.Find(State(7)), Known(1));
   EXPECT_EQ(cache_.FindType(State(8)), "");
   for (ino_t inode = 100; inode < 100 + DigestCache::kMaxEntries; ++inode) cache_.KeepType(State(inode), "data");
   EXPECT_EQ(cache_.FindType(State(7)), "") << "a type takes a place as digests do";
@@ -269,20 +269,27 @@ TEST_F(DigestCacheTest, TellsStatesApartByEachOfTheirParts) {
     EXPECT_TRUE(cache_.Find(other).md5.empty());
     EXPECT_FALSE(DigestCache::IsSameState(State(7), other));
   }
-  EXPECT_EQ(cache_.Find(State(7)).md5, Bytes{1});
+  EXPECT_EQ(cache_.Find(State(7)), Known(1));
   EXPECT_TRUE(DigestCache::IsSameState(State(7), State(7)));
 }
 
 TEST_F(DigestCacheTest, ForgetsTheOldestStateAtItsBound) {
   for (ino_t inode = 0; inode < DigestCache::kMaxEntries; ++inode) cache_.Keep(State(inode), Known(1));
   cache_.Keep(State(0), Known(2));  // known already: costs nobody its place
-  EXPECT_EQ(cache_.Find(State(1)).md5, Bytes{1});
-  EXPECT_EQ(cache_.Find(State(0)).md5, Bytes{2});
+  EXPECT_EQ(cache_.Find(State(1)), Known(1));
+  EXPECT_EQ(cache_.Find(State(0)), Known(2));
 
   cache_.Keep(State(DigestCache::kMaxEntries), Known(3));
   EXPECT_TRUE(cache_.Find(State(0)).md5.empty());
-  EXPECT_EQ(cache_.Find(State(1)).md5, Bytes{1});
-  EXPECT_EQ(cache_.Find(State(DigestCache::kMaxEntries)).md5, Bytes{3});
+  EXPECT_EQ(cache_.Find(State(1)), Known(1));
+  EXPECT_EQ(cache_.Find(State(DigestCache::kMaxEntries)), Known(3));
+}
+
+TEST_F(DigestCacheTest, AddsWhatIsNewToWhatItKnows) {
+  cache_.Keep(State(7), {.md5 = Bytes(16, 1), .sha1 = {}, .sha256 = {}});
+  cache_.Keep(State(7), {.md5 = {}, .sha1 = Bytes(20, 2), .sha256 = {}});
+  cache_.Keep(State(7), {.md5 = {}, .sha1 = Bytes(19, 3), .sha256 = Bytes(33, 3)});  // are none
+  EXPECT_EQ(cache_.Find(State(7)), (FileDigests{.md5 = Bytes(16, 1), .sha1 = Bytes(20, 2), .sha256 = {}}));
 }
 
 TEST_F(DigestCacheTest, ServesSeveralThreadsAtOnce) {
@@ -296,13 +303,13 @@ TEST_F(DigestCacheTest, ServesSeveralThreadsAtOnce) {
         const auto byte = static_cast<unsigned char>(inode);
         cache_.Keep(State(inode), Known(byte));
         const FileDigests known = cache_.Find(State(inode));
-        if (!known.md5.empty() && known.md5 != Bytes{byte}) ++wrong[static_cast<std::size_t>(thread)];
+        if (!known.md5.empty() && !(known == Known(byte))) ++wrong[static_cast<std::size_t>(thread)];
       }
     });
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(wrong, std::vector<int>(kThreads, 0));
-  EXPECT_EQ(cache_.Find(State(kStates - 1)).md5, Bytes{static_cast<unsigned char>(kStates - 1)});
+  EXPECT_EQ(cache_.Find(State(kStates - 1)), Known(static_cast<unsigned char>(kStates - 1)));
 }
 
 }  // namespace

@@ -114,8 +114,8 @@ TEST_F(ImageDigestTest, ACacheKnowsAllDigestsOfTheFileAfterwardsAndIsAskedBefore
   ASSERT_EQ(stat(file_.c_str(), &result), 0);
   EXPECT_EQ(cache.Find(result).md5.size(), 16U);
   EXPECT_EQ(cache.Find(result).sha1.size(), 20U);
-  cache.Keep(result, {.md5 = {}, .sha1 = {}, .sha256 = {0xAB}});
-  EXPECT_EQ(ImageOf(file_).GetDigest(&cache), "ab");
+  cache.Keep(result, {.md5 = {}, .sha1 = {}, .sha256 = std::vector<unsigned char>(32, 0xAB)});
+  EXPECT_EQ(ImageOf(file_).GetDigest(&cache).substr(0, 4), "abab");
 }
 
 TEST_F(ImageDigestTest, IsNoneOfAFileThatReplacedTheImage) {
