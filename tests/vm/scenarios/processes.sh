@@ -16,7 +16,7 @@ family() {
 
 # owes NAME FILE FAMILY
 owes() {
-  if wait_until 60 created "$2"; then
+  if wait_until 240 created "$2"; then
     expect "$1" is "$(family "$2")" "$3"
   else
     fail "$1" "nothing was heard of $2"
