@@ -88,7 +88,7 @@ write_manifest
 start_configured
 expect "every rule is in force" wait_until 20 in_force 8
 # Folders that processes had open are known by their identity then.
-expect "the watched folders are known" wait_until 20 folders_known 8
+expect "the watched folders are known" wait_until 300 folders_known 8
 
 step "calls that name nothing, or that are hardly known"
 batch "by a call" </run/calls

@@ -47,7 +47,7 @@ configure max_disk_size_mb 100
 step "$(cut -d' ' -f1 /proc/uptime) s: the trees are there"
 start_configured
 # Rules are in force meanwhile, but names that start at a closed descriptor are told by the folders that are known.
-expect "all folders are known" wait_until 90 folders_known 2000
+expect "all folders are known" wait_until 300 folders_known 2000
 log_less
 LOST=$(lost)
 

@@ -63,7 +63,7 @@ configure cpu_limit 100
 configure max_file_size_kb 1000
 configure max_disk_size_mb 100
 start_configured
-expect "all folders are known" wait_until 90 folders_known 2500
+expect "all folders are known" wait_until 300 folders_known 2500
 log_less
 LOST=$(lost)
 for round in 1 2 3; do

@@ -65,10 +65,10 @@ load_module() {
   [ -e "/scenario/modules/$name.builtin" ] || insmod "/scenario/modules/$name.ko" "$@"
 }
 
-# wait_until SECONDS COMMAND...: tries it five times a second, for a minute at the least: the bound is for what never comes,
-# and on processors that others use, too, nothing is late before that.
+# wait_until SECONDS COMMAND...: tries it five times a second, for three minutes at the least: the bound is for what never
+# comes, and on processors that others use, too, nothing is late before that.
 wait_until() {
-  local tries=$((($1 < 60 ? 60 : $1) * 5))
+  local tries=$((($1 < 180 ? 180 : $1) * 5))
   shift
   until "$@" >/dev/null 2>&1; do
     tries=$((tries - 1))
