@@ -89,7 +89,7 @@ Generator::Generator(TtlProcessTree& tree, common::Storage& spool, common::SqlSt
 Generator::~Generator() = default;
 
 void Generator::Process(const edr::Event& event, bool /*send_metadata*/) {
-  last_event_ = clock_.SteadyNow();
+  is_busy_ = true;
   Report report = builders_->For(event.GetObjectType()).Build(event);
   if (report.items.empty()) return;
   const std::lock_guard lock(mutex_);
@@ -122,8 +122,10 @@ void Generator::KeepHouse() {
 }
 
 void Generator::ForgetWhenQuiet() {
-  if (!last_event_ || clock_.SteadyNow() - *last_event_ < kQuiet) return;
-  last_event_.reset();
+  const common::util::Clock::SteadyTime now = clock_.SteadyNow();
+  if (std::exchange(is_busy_, false)) forget_at_ = now + kQuiet;
+  if (!forget_at_ || now < *forget_at_) return;
+  forget_at_.reset();
   builders_->file.Forget();
   builders_->process.Forget();
   ForgetUniqueIds();

@@ -65,8 +65,9 @@ class Generator final : public EventGenerator {
   const std::shared_ptr<common::util::LinePace> failures_;
   const common::util::Clock& clock_;
   const std::unique_ptr<Builders> builders_;
-  std::optional<common::util::Clock::SteadyTime> last_event_;  // since when something is remembered
-  std::mutex mutex_;                                           // held while the messages of an event go to the spool
+  bool is_busy_ = false;  // an event has come since house was kept
+  std::optional<common::util::Clock::SteadyTime> forget_at_;
+  std::mutex mutex_;  // held while the messages of an event go to the spool
   bool is_enabled_ = true;
 };
 

@@ -1,7 +1,6 @@
 #include "common/src/storage/SpoolStorage.h"
 
 #include <gtest/gtest.h>
-#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,6 +21,7 @@
 #include "tests/fakes/FakeDataFormatter.h"
 #include "tests/fakes/FaultyFiles.h"
 #include "tests/fakes/Gate.h"
+#include "tests/fakes/Heap.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/SleepingCall.h"
 #include "tests/fakes/TempFolder.h"
@@ -39,13 +39,6 @@ using Poco::Message;
 using std::chrono::seconds;
 
 constexpr std::size_t kMib = 1024 * 1024;
-
-// A sanitizer's own heap is not counted by mallinfo2.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kKnowsItsHeap = false;
-#else
-constexpr bool kKnowsItsHeap = true;
-#endif
 
 // Stops one thread at the log line with which its task wakes the Scheduler.
 class StopAtWakeUp final : public Poco::Channel {
@@ -501,19 +494,15 @@ TEST_F(SpoolStorageTest, ADeletionThatWaitsKeepsNoneOfTheData) {
   SpoolStorage& spool = Open();
   auto read = spool.Read();
   const auto release = Block();
-  const auto in_use = [] {
-    const auto heap = mallinfo2();
-    return heap.uordblks + heap.hblkhd;
-  };
-  const std::size_t before = in_use();
+  const std::size_t before = fakes::HeapInUse();
   read->data = Bytes(kMib);
   Gate done;
   spool.DeleteAsync(std::move(read), [&](bool deleted) {
     EXPECT_TRUE(deleted);
     done.Open();
   });
-  if (kKnowsItsHeap) {
-    EXPECT_LT(in_use(), before + kMib / 2);
+  if (fakes::kKnowsItsHeap) {
+    EXPECT_LT(fakes::HeapInUse(), before + kMib / 2);
   }
   release->Open();
   EXPECT_TRUE(done.Await());
@@ -527,12 +516,12 @@ TEST_F(SpoolStorageTest, SmallItemsWaitWithinTheBoundToo) {
   const auto count = [&](std::unique_ptr<StorageResult> result) {
     ++(result->code == StorageCode::Success ? stored : refused);
   };
-  const std::size_t before = mallinfo2().uordblks;
+  const std::size_t before = fakes::HeapInUse();
   int posted = 0;
   for (; refused == 0; ++posted) spool.WriteAsync(Bytes(1, 'x'), count);
-  const std::size_t held = mallinfo2().uordblks - before;
+  const std::size_t held = fakes::HeapInUse() - before;
   EXPECT_EQ(posted - 1, static_cast<int>(kMib / 193)) << "each costs its byte and its task";
-  if (kKnowsItsHeap) {
+  if (fakes::kKnowsItsHeap) {
     EXPECT_LE(held, kMib) << "a task costs more than it is said to";
     EXPECT_GE(held, kMib / 2) << "or much less";
   }
@@ -544,13 +533,13 @@ TEST_F(SpoolStorageTest, SmallItemsWaitWithinTheBoundToo) {
 TEST_F(SpoolStorageTest, NewLimitsThatWaitAreOneTaskHoweverManyCome) {
   SpoolStorage& spool = Open();
   const auto release = Block();
-  const std::size_t before = mallinfo2().uordblks;
+  const std::size_t before = fakes::HeapInUse();
   for (std::uint64_t kib = 1; kib <= 1000; ++kib) spool.Update({1, 60, kib % 300 + 1});
   spool.Update({2, 0, 700});
   spool.Update({0, 30, 0});
   EXPECT_EQ(spool.GetMaxFileSize(), 1024U);
-  if (kKnowsItsHeap) {
-    EXPECT_LE(mallinfo2().uordblks, before + 64 * 1024);
+  if (fakes::kKnowsItsHeap) {
+    EXPECT_LE(fakes::HeapInUse(), before + 64 * 1024);
   }
   release->Open();
   Drain();

@@ -2,12 +2,12 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <malloc.h>
 
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "tests/fakes/Heap.h"
 #include "tests/fakes/LogCapture.h"
 
 namespace zagent::audit::internal {
@@ -93,18 +93,14 @@ TEST_F(LineRecordSourceTest, ValuesOutliveTheRecordsBehindThem) {
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 TEST_F(LineRecordSourceTest, ValuesOfOneEventTakeNoMemoryInTheNext) {
-  const auto held = [] {
-    const struct mallinfo2 all = mallinfo2();
-    return all.uordblks + all.hblkhd;
-  };
   Begin(kEvent);
   TypesOfTheRest();
-  const std::size_t before = held();
+  const std::size_t before = fakes::HeapInUse();
   for (int event = 0; event < 1'000; ++event) {
     source_.Begin(lines_);
     while (source_.Next(kAll) != nullptr) continue;
   }
-  EXPECT_LT(held(), before + 8'192);
+  EXPECT_LT(fakes::HeapInUse(), before + 8'192);
 }
 #endif
 

@@ -3,7 +3,6 @@
 #include <auparse.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <malloc.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -14,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/fakes/Heap.h"
 #include "tests/fakes/TestData.h"
 
 namespace zagent::audit::internal {
@@ -215,26 +215,21 @@ TEST_F(EventAssemblerTest, WhatItThrowsCostsOneEvent) {
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-std::size_t HeldHeap() {
-  const struct mallinfo2 all = mallinfo2();
-  return all.uordblks + all.hblkhd;
-}
-
 TEST_F(EventAssemblerTest, TheHeapDoesNotGrowWithTheStream) {
   constexpr std::size_t kEvents = 50'000;
   std::size_t told = 0;
-  const std::size_t before = HeldHeap();
+  const std::size_t before = fakes::HeapInUse();
   for (std::size_t serial = 1; serial <= kEvents; ++serial) {
     told += Feed(Whole("1.001:" + std::to_string(serial))).size();
   }
   EXPECT_EQ(told, kEvents);
-  EXPECT_LT(HeldHeap() - before, 65'536U);
+  EXPECT_LT(fakes::HeapInUse() - before, 65'536U);
 }
 
 TEST_F(EventAssemblerTest, AFlushFreesWhatAStormHasTaken) {
   constexpr std::size_t kMiB = 1'048'576;
   constexpr std::size_t kKept = kMiB / 2;
-  const std::size_t before = HeldHeap();
+  const std::size_t before = fakes::HeapInUse();
   std::size_t most = 0;
   assembler_.Feed(Call("1.001:1"));
   const std::string line = Line("PATH", "1.001:1");  // as many lines as can be, in one event
@@ -242,12 +237,12 @@ TEST_F(EventAssemblerTest, AFlushFreesWhatAStormHasTaken) {
   for (std::size_t serial = 2; serial < EventAssembler::kMostOpen; ++serial) {
     assembler_.Feed(Call("1.001:" + std::to_string(serial)));
   }
-  most = HeldHeap() - before;
+  most = fakes::HeapInUse() - before;
   assembler_.Flush();
   ASSERT_EQ(told_.size(), EventAssembler::kMostOpen - 1);
   Taken();
   EXPECT_GT(most, 3 * kMiB);
-  EXPECT_LT(HeldHeap() - before, kKept);
+  EXPECT_LT(fakes::HeapInUse() - before, kKept);
   EXPECT_THAT(Feed(Whole("1.001:1")), ElementsAre(Whole("1.001:1"))) << "and it goes on";
 }
 
@@ -257,9 +252,9 @@ TEST_F(EventAssemblerTest, AFlushKeepsTheMemoryOfAnOrdinaryMoment) {
   for (std::size_t serial = 1; text.size() < 65'536; ++serial) text += Whole("1.001:" + std::to_string(serial));
   Feed(text);
   Flushed();
-  const std::size_t before = HeldHeap();
+  const std::size_t before = fakes::HeapInUse();
   Feed(text);
-  EXPECT_LT(HeldHeap(), before + 32'768) << "nothing is asked for again";
+  EXPECT_LT(fakes::HeapInUse(), before + 32'768) << "nothing is asked for again";
 }
 #endif
 

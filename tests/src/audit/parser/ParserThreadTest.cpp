@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <libaudit.h>
-#include <malloc.h>
 
 #include <atomic>
 #include <chrono>
@@ -20,6 +19,7 @@
 #include "tests/fakes/AuditLog.h"
 #include "tests/fakes/ChannelLog.h"
 #include "tests/fakes/FakeClock.h"
+#include "tests/fakes/Heap.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/RecordingRuleEngine.h"
 #include "tests/fakes/ScriptedAuditSource.h"
@@ -44,13 +44,6 @@ class HandChannel final : public IOChannel {
   void Deliver(Bytes data) { OnRead(std::move(data)); }
   void Deliver(const std::string& text) { OnRead(ToBytes(text)); }
 };
-
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-std::size_t HeldHeap() {
-  const struct mallinfo2 all = mallinfo2();
-  return all.uordblks + all.hblkhd;
-}
-#endif
 
 // Lines that are no records.
 IOChannel::Bytes Filler(std::size_t size) {
@@ -279,26 +272,26 @@ TEST_F(ParserThreadTest, JoinsFullBurstsAndWhatComesBetweenThem) {
 TEST_F(ParserThreadTest, WhatIsQueuedTakesNoMoreMemoryThanItCountsFor) {
   constexpr std::size_t kSlack = 6 * kMiB;  // this test's log lines among it
   const IOChannel::Bytes record = Filler(3'000);
-  const std::size_t before = HeldHeap();
+  const std::size_t before = fakes::HeapInUse();
   while (parser_->GetQueuedBytes() < 40 * kMiB) channel_.Deliver(record);
-  EXPECT_LT(HeldHeap() - before, 40 * kMiB + kSlack);
+  EXPECT_LT(fakes::HeapInUse() - before, 40 * kMiB + kSlack);
 
   pause_at_ = {30};
   parser_->Start();
   AwaitCpuPauses(1);
   EXPECT_LT(parser_->GetQueuedBytes(), 11 * kMiB) << "30 MiB are fed";
-  EXPECT_LT(HeldHeap() - before, 11 * kMiB + kSlack);
+  EXPECT_LT(fakes::HeapInUse() - before, 11 * kMiB + kSlack);
 }
 
 TEST_F(ParserThreadTest, FullBurstsBetweenRecordsTakeNoMoreMemoryThanTheyCountFor) {
   constexpr std::size_t kSlack = 6 * kMiB;
   const IOChannel::Bytes record = Filler(3'000);
-  const std::size_t before = HeldHeap();
+  const std::size_t before = fakes::HeapInUse();
   while (parser_->GetQueuedBytes() < 40 * kMiB) {
     channel_.Deliver(record);
     channel_.Deliver(Filler(kBurst));
   }
-  EXPECT_LT(HeldHeap() - before, 40 * kMiB + kSlack);
+  EXPECT_LT(fakes::HeapInUse() - before, 40 * kMiB + kSlack);
 }
 #endif
 

@@ -1,8 +1,7 @@
 #include "src/ioc/engines/HeuristicsKey.h"
 
-#include <malloc.h>
-
 #include "common/src/util/Digest.h"
+#include "tests/fakes/Heap.h"
 #include "tests/src/ioc/rules/RulesFixture.h"
 
 namespace zagent::ioc::internal {
@@ -11,18 +10,6 @@ namespace {
 using edr::EventType;
 
 constexpr std::uint32_t kAlice = 1000;
-
-// A sanitizer's own heap is not counted by mallinfo2.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kKnowsItsHeap = false;
-#else
-constexpr bool kKnowsItsHeap = true;
-#endif
-
-std::size_t HeapInUse() {
-  const struct mallinfo2 info = mallinfo2();
-  return info.uordblks + info.hblkhd;
-}
 
 std::string FromHex(const std::string& hex) {
   std::string bytes;
@@ -226,10 +213,10 @@ TEST_F(HeuristicsKeyTest, HoldsNoMoreForADeepChainThanForAFlatOne) {
   fakes::FakeEvent deepest = event;
   deepest.pid = 4'999;
   (void)to_fill_the_parts.Of(deepest, *tree_);
-  const std::size_t before = HeapInUse();
+  const std::size_t before = fakes::HeapInUse();
   EXPECT_EQ(KeyOf(event, 4'999).size(), 64U);
-  if (!kKnowsItsHeap) return;
-  EXPECT_LE(HeapInUse(), before + 16 * 1024) << "of two million bytes";
+  if (!fakes::kKnowsItsHeap) return;
+  EXPECT_LE(fakes::HeapInUse(), before + 16 * 1024) << "of two million bytes";
 }
 
 TEST_F(HeuristicsKeyTest, AProcessThatIsNotKnownIsTheTreesFailure) {

@@ -1,7 +1,6 @@
 #include "src/ioc/process/EventSize.h"
 
 #include <gtest/gtest.h>
-#include <malloc.h>
 
 #include <fstream>
 #include <iterator>
@@ -14,19 +13,13 @@
 #include "src/edr/process/PseudoTerminateEvent.h"
 #include "tests/fakes/FakeEvent.h"
 #include "tests/fakes/FakeProcessInfo.h"
+#include "tests/fakes/Heap.h"
 #include "tests/fakes/TestData.h"
 
 namespace zagent::ioc::internal {
 namespace {
 
 using audit::internal::Events;
-
-// A sanitizer's own heap is not counted by mallinfo2.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kKnowsItsHeap = false;
-#else
-constexpr bool kKnowsItsHeap = true;
-#endif
 
 // The events of a real kernel's records, all of whose files are gone.
 Events RecordedEvents() {
@@ -60,11 +53,6 @@ Events Samples(std::size_t count) {
   return samples;
 }
 
-std::size_t HeapInUse() {
-  const struct mallinfo2 info = mallinfo2();
-  return info.uordblks + info.hblkhd;
-}
-
 struct Sizes {
   double estimated = 0;
   double real = 0;
@@ -76,12 +64,12 @@ Sizes Measure(const edr::Event& event) {
   Events copies;
   copies.reserve(kCopies);
   Sizes sizes;
-  const std::size_t before = HeapInUse();
+  const std::size_t before = fakes::HeapInUse();
   for (std::size_t i = 0; i < kCopies; ++i) {
     copies.push_back(event.Clone());
     sizes.estimated += static_cast<double>(EstimateHeap(*copies.back())) / kCopies;
   }
-  sizes.real = static_cast<double>(HeapInUse() - before) / kCopies;
+  sizes.real = static_cast<double>(fakes::HeapInUse() - before) / kCopies;
   return sizes;
 }
 
@@ -91,7 +79,7 @@ TEST(EventSizeTest, TheEstimateIsTheRealHeapButForAFifth) {
     const Sizes sizes = Measure(*event);
     EXPECT_GT(sizes.estimated, sizeof(edr::PartialEvent)) << event->GetAction() << " " << event->GetId();
     ++seen[event->GetAction()];
-    if (!kKnowsItsHeap) continue;
+    if (!fakes::kKnowsItsHeap) continue;
     EXPECT_NEAR(sizes.estimated, sizes.real, sizes.real / 5) << event->GetAction() << " " << event->GetId();
   }
   EXPECT_GE(seen.size(), 10U);  // of all classes
