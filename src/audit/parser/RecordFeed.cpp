@@ -70,7 +70,6 @@ RecordFeed::RecordFeed(EventFactory build_events, IntakeCounters& counters)
 
 void RecordFeed::Feed(const unsigned char* data, std::size_t size) {
   assembler_.Feed({reinterpret_cast<const char*>(data), size});
-  ReadJoined();
 }
 
 // Each event that auparse does not take any more has left when that is told.
@@ -78,7 +77,6 @@ void RecordFeed::Flush() {
   for (bool is_done = false; !is_done;) {
     try {
       assembler_.Flush();
-      ReadJoined();
       is_done = true;
     } catch (const AuparseFailure&) {
       counters_.Add(IntakeCounters::Reason::NotBuilt);
@@ -87,17 +85,14 @@ void RecordFeed::Flush() {
 }
 
 void RecordFeed::ReadJoined() {
-  while (!joined_.empty()) {
-    const std::string event = std::move(joined_.front());
-    joined_.erase(joined_.begin());
-    std::vector<RecordLine> lines;
-    for (std::string_view rest = event; !rest.empty();) {
-      const std::string_view text = rest.substr(0, rest.find('\n'));
-      rest.remove_prefix(std::min(text.size() + 1, rest.size()));
-      if (const auto line = ReadRecordLine(text)) lines.push_back(*line);
-    }
-    OnEvent(lines);
+  const std::string event = std::exchange(joined_, {});
+  std::vector<RecordLine> lines;
+  for (std::string_view rest = event; !rest.empty();) {
+    const std::string_view text = rest.substr(0, rest.find('\n'));
+    rest.remove_prefix(std::min(text.size() + 1, rest.size()));
+    if (const auto line = ReadRecordLine(text)) lines.push_back(*line);
   }
+  ReadEvent(lines);
 }
 
 void RecordFeed::GiveUpCutEvents() {
@@ -111,6 +106,8 @@ Events RecordFeed::TakeEvents() {
 void RecordFeed::OnEvent(std::span<const RecordLine> lines) {
   try {
     ReadEvent(lines);
+    // Before anything that came behind it: who removes a folder has emptied it first.
+    if (!joined_.empty()) ReadJoined();
   } catch (const AuparseFailure&) {
     throw;
   } catch (const std::exception& error) {
@@ -169,8 +166,7 @@ void RecordFeed::Join(bool has_call) {
   std::string event = std::string(first.stamp) + " " + std::string(first.host);
   std::string records = TextToKeep();
   if (records.empty()) return;
-  std::string whole = cut_events_.Join({std::move(event), event_.Timestamp(), has_call, std::move(records)});
-  if (!whole.empty()) joined_.push_back(std::move(whole));
+  joined_ = cut_events_.Join({std::move(event), event_.Timestamp(), has_call, std::move(records)});
 }
 
 void RecordFeed::BuildFromCall(const Record& call) {

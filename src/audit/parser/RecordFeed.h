@@ -65,8 +65,8 @@ class RecordFeed {
   IntakeCounters& counters_;
   Events events_;
   CutEvents cut_events_;
-  std::vector<std::string> joined_;  // records of events that came in parts, each event by itself
-  LineRecordSource event_;           // the one at hand
+  std::string joined_;      // all records of an event that came in parts, to be read next
+  LineRecordSource event_;  // the one at hand
   EventAssembler assembler_;
 };
 

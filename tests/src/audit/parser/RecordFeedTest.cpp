@@ -420,6 +420,15 @@ TEST_F(CutFeedTest, WhatAFlushHasCutIsBuiltWhenItsOtherRecordsCome) {
   EXPECT_EQ(NotBuilt(), 0U);
 }
 
+// Else a folder is gone before what was in it.
+TEST_F(CutFeedTest, WhatAFlushHasCutComesBeforeTheEventsBehindIt) {
+  EXPECT_THAT(Feed(Some(0, 2)), IsEmpty());
+  const Events events = Feed(Rest(2) + log_.Event(AuditLog::kRenameOver));
+  ASSERT_GE(events.size(), 2U);
+  EXPECT_EQ(events[0]->GetId(), AuditLog::kRmdir);
+  EXPECT_EQ(events[1]->GetId(), AuditLog::kRenameOver);
+}
+
 TEST_F(CutFeedTest, WhatIsCutTwiceIsBuiltWhenTheLastPartCame) {
   EXPECT_THAT(Feed(Some(0, 2)), IsEmpty());
   EXPECT_THAT(Feed(Some(2, 3)), IsEmpty());
