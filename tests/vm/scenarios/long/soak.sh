@@ -251,8 +251,9 @@ counted() {
 }
 
 # close_books: what was owed against what came, by event, program and pid. Prints a line of the table for each component
-# and leaves the sums in /run/soak-books, "NAME VALUE" each. "described" are refused files in folders that the platform did not
-# know: with each of them the description of its folder may have been refused.
+# and leaves the sums in /run/soak-books, "NAME VALUE" each. "described" are the files that new folders got
+# while the disk was full: with each of them, whether it was refused itself or had room again, the
+# description of its folder may have been refused.
 close_books() {
   awk -v windows=$WINDOWS -v load=$LOAD -v program=$DOERS/ '
     function owes(book, key, second,   n) {
@@ -321,8 +322,10 @@ close_books() {
           else if (is_in(second, "refused")) {
             refused[book]++
             missing--
-            if (key ~ /^ioc [A-Z]* file / && index(key, load "/") == 0) described++
           }
+        }
+        if (key ~ /^ioc [A-Z]* file / && index(key, load "/") == 0) {
+          for (i = 1; i <= want[key]; i++) if (is_in(at[key, i], "refused")) described++
         }
         if (missing > 0) {
           unexplained[book] += missing
