@@ -87,7 +87,8 @@ class SqlStorage {
 
   // Throw std::runtime_error without a Scheduler or without a callback. The callback is called exactly once, on the
   // tasks' thread, or on the caller's when the operation is refused at once. What was given to WriteAsync or
-  // DeleteAsync is what Read finds in the cache from then on.
+  // DeleteAsync is what Read finds in the cache from then on. Once the cache has forgotten it Read waits behind the
+  // change; a callback, which cannot wait, finds what the database has.
   void WriteAsync(const std::string& table, const Rows& rows, Callback callback);
   void ReadAsync(const std::string& table, const std::string& key, Callback callback);
   void DeleteAsync(const std::string& table, const std::string& key, Callback callback);

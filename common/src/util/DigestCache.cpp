@@ -12,7 +12,7 @@ constexpr std::chrono::seconds kSettleTime{1};
 
 template <std::size_t Size>
 void DigestCache::Digest<Size>::Keep(const std::vector<unsigned char>& digest) {
-  if (digest.size() != Size) return;
+  if (!Fits(digest)) return;
   std::copy(digest.begin(), digest.end(), bytes.begin());
   is_known = true;
 }
@@ -49,17 +49,17 @@ FileDigests DigestCache::Find(const struct stat& file) const {
   const std::lock_guard lock(mutex_);
   const auto known = known_.find(StateOf(file));
   if (known == known_.end()) return {};
-  const auto& [md5, sha1, sha256, type] = known->second;
-  return {md5.Get(), sha1.Get(), sha256.Get()};
+  return {known->second.md5.Get(), known->second.sha1.Get(), known->second.sha256.Get()};
 }
 
 std::string DigestCache::FindType(const struct stat& file) const {
   const std::lock_guard lock(mutex_);
   const auto known = known_.find(StateOf(file));
-  return known != known_.end() ? known->second.type : std::string();
+  return known != known_.end() ? std::string(known->second.type) : std::string();
 }
 
 void DigestCache::Keep(const struct stat& file, const FileDigests& digests) {
+  if (!Digest<16>::Fits(digests.md5) && !Digest<20>::Fits(digests.sha1) && !Digest<32>::Fits(digests.sha256)) return;
   const std::lock_guard lock(mutex_);
   Known& known = EntryOf(StateOf(file));
   known.md5.Keep(digests.md5);
@@ -80,7 +80,7 @@ DigestCache::Known& DigestCache::EntryOf(const State& state) {
     oldest_first_.pop_front();
   }
   oldest_first_.push_back(state);
-  return known_[state];
+  return known_.try_emplace(state, &memory_).first->second;
 }
 
 }  // namespace zagent::common::util

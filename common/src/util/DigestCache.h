@@ -24,8 +24,8 @@ struct FileDigests {
 
 // Digests and types of files whose state was seen before, so that a file is read once however many events name it. A
 // state is the file's device, inode, size and change time to the nanosecond. Bounded: at kMaxEntries the oldest entry
-// goes, at about 250 bytes each, which lie together: they stay long, and would keep memory that bursts have used from
-// the system if they were spread over it. Thread-safe.
+// goes, at about 250 bytes each and its type, which lie together: they stay long, and would keep memory that bursts
+// have used from the system if they were spread over it. Thread-safe.
 //
 // A write through a mapping changes the time when its page first becomes dirty and not at each store after that: as
 // with any look at a file, such a writer is seen late.
@@ -73,14 +73,16 @@ class DigestCache {
   struct Digest {
     std::array<unsigned char, Size> bytes{};
     bool is_known = false;
+    [[nodiscard]] static bool Fits(const std::vector<unsigned char>& digest) { return digest.size() == Size; }
     void Keep(const std::vector<unsigned char>& digest);
     [[nodiscard]] std::vector<unsigned char> Get() const;
   };
   struct Known {
+    explicit Known(std::pmr::memory_resource* memory) : type(memory) {}
     Digest<16> md5;
     Digest<20> sha1;
     Digest<32> sha256;
-    std::string type;
+    std::pmr::string type;
   };
   static State StateOf(const struct stat& file);
   // The entry of the state, made at the cost of the oldest one. Under the mutex.

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <future>
@@ -146,6 +147,20 @@ TEST_F(SqlStorageAsyncTest, AListOfKeysIsDeletedByOneStatementWhereTheFormatterH
   storage_->Execute("DROP TRIGGER keep");
   storage_->DeleteAsync("Items", std::vector<std::string>{"a", "c"}, Deliver());
   EXPECT_TRUE(Take().succeeded) << "what has failed leaves nothing open";
+}
+
+TEST_F(SqlStorageAsyncTest, AChangeThatTheCacheHasForgottenIsWaitedFor) {
+  Open(Caching::On);
+  storage_->Write("Items", "a", Row("a", "old"));
+  const auto release = Block();
+  storage_->WriteAsync("Items", {{"a", Row("a", "new")}}, Deliver());
+  storage_->ForgetCached();
+  auto text = std::async(std::launch::async, [this] { return TextOf("a"); });
+  EXPECT_EQ(text.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  release->Open();
+  EXPECT_EQ(text.get(), "new");
+  EXPECT_TRUE(Take().succeeded);
+  EXPECT_EQ(TextOf("a"), "new");
 }
 
 TEST_F(SqlStorageAsyncTest, CallbacksComeOnOneThreadThatIsNotTheCallers) {

@@ -279,6 +279,8 @@ TEST_F(DigestCacheTest, ForgetsTheOldestStateAtItsBound) {
   EXPECT_EQ(cache_.Find(State(1)), Known(1));
   EXPECT_EQ(cache_.Find(State(0)), Known(2));
 
+  cache_.Keep(State(DigestCache::kMaxEntries), {});  // nor does what has no digest
+  EXPECT_EQ(cache_.Find(State(0)), Known(2));
   cache_.Keep(State(DigestCache::kMaxEntries), Known(3));
   EXPECT_TRUE(cache_.Find(State(0)).md5.empty());
   EXPECT_EQ(cache_.Find(State(1)), Known(1));

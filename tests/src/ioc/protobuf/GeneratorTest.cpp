@@ -802,7 +802,10 @@ class GeneratorBehindABurstTest : public GeneratorOfKnownFilesTest {
     tell(0);
     const std::vector<std::string> told = std::exchange(spool_.written, {});
     ASSERT_EQ(told.size(), 1U);
-    for (int number = 1; number < kBurst; ++number) tell(number);
+    for (int number = 1; number < kBurst - 1; ++number) tell(number);
+    KeepHouseBehind(std::chrono::milliseconds(1));
+    KeepHouseBehind(std::chrono::seconds(30));
+    tell(kBurst - 1);
     KeepHouseBehind(std::chrono::milliseconds(1));
     KeepHouseBehind(std::chrono::milliseconds(59'999));
     const std::size_t held = fakes::HeapInUse();
