@@ -126,7 +126,7 @@ expect "what the agent opens is not" not auditd_wrote 'by-agent'
 echo end >/run/worker
 wait $WORKER
 expect "its end is" wait_until 10 auditd_wrote "^type=SYSCALL .* syscall=231 .* pid=$WORKER .*key=\"ostrel_exit_rule_reference-agent\""
-expect "its exclusion ends with it" wait_until 10 lacks_rule "pid=$WORKER "
+expect "its exclusion ends with it" within 30 lacks_rule "pid=$WORKER "
 
 step "rules that somebody takes away or puts there"
 auditctl -W $WATCHED -p wa -k rule-one

@@ -87,7 +87,7 @@ case $(cat $DISK/boot) in
     watch_programs_and_files $S $F
     start_configured
     # Above all that a start of the machine needs, so that it can come again.
-    next_pid 1500
+    next_pid 20000
     stays first
     makes kept also-kept
     expect "files are told of" wait_until 60 all_told

@@ -258,8 +258,11 @@ storm stays $F/stays all &
 STORMS=$!
 storm elsewhere $F/elsewhere "no file" &
 STORMS="$STORMS $!"
+storms_made() { echo $(($(cat /run/made-stays) + $(cat /run/made-elsewhere))); }
+is_storm() { [ "$(storms_made)" -ge $((round * 25)) ]; }
 for round in 1 2 3 4; do
   before=$((round - 1))
+  expect "that is a storm" wait_until 90 is_storm
   ioc_manifest $CONF/round-$round.json "$(cat /run/rules), {\"ruleId\": \"round-$round\", \"ruleType\": \"Directory\",
     \"imagePath\": \"$F/rounds/$round\", \"recursiveDepth\": \"All\", \"notify\": {\"File\": [\"create\"]}}" "$HOT"
   ioc_manifests $CONF/round-$round.json $CONF/second.json
@@ -272,9 +275,6 @@ for round in 1 2 3 4; do
   does root "no file" $ACTOR create $F/rounds/$before/late
   expect "what set $round asks for comes while it is in force" wait_until 90 ioc_came "ioc CREATE file $F/rounds/$round/new "
 done
-storms_made() { echo $(($(cat /run/made-stays) + $(cat /run/made-elsewhere))); }
-is_storm() { [ "$(storms_made)" -ge 100 ]; }
-expect "that was a storm" wait_until 240 is_storm
 touch /run/enough
 # shellcheck disable=SC2086 # a word each
 wait $STORMS

@@ -65,10 +65,17 @@ load_module() {
   [ -e "/scenario/modules/$name.builtin" ] || insmod "/scenario/modules/$name.ko" "$@"
 }
 
-# wait_until SECONDS COMMAND...: tries it five times a second, for three minutes at the least: the bound is for what never
-# comes, and on processors that others use, too, nothing is late before that.
+# wait_until SECONDS COMMAND...: as within, for three minutes at the least: the bound is for what never comes, and on
+# processors that others use, too, nothing is late before that.
 wait_until() {
-  local tries=$((($1 < 180 ? 180 : $1) * 5))
+  local seconds=$(($1 < 180 ? 180 : $1))
+  shift
+  within $seconds "$@"
+}
+
+# within SECONDS COMMAND...: tries it five times a second. For what something else would do a little later.
+within() {
+  local tries=$(($1 * 5))
   shift
   until "$@" >/dev/null 2>&1; do
     tries=$((tries - 1))
@@ -202,7 +209,7 @@ start_configured() {
 # agent_ends: the agent ends when its daemon did; DAEMON_CODE is the code that both ended with.
 # To be called by itself, not through expect: only this shell can wait for its own child.
 agent_ends() {
-  if ! wait_until 30 agent_is_over; then
+  if ! within 90 agent_is_over; then
     fail "the agent sees its daemon end" "it still runs"
     DAEMON_CODE=none
     return 1
