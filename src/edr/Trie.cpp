@@ -96,6 +96,19 @@ Trie::Values Trie::GetValues(std::string_view path) const {
   return values;
 }
 
+std::string_view Trie::KnownPartOf(std::string_view path) const {
+  if (!path.starts_with('/')) return {};
+  std::size_t known = 1;
+  std::string_view rest = path;
+  const Node* node = root_.get();
+  for (std::string_view name = TakeComponent(rest); !name.empty(); name = TakeComponent(rest)) {
+    node = node->Child(name);
+    if (node == nullptr) break;
+    known = path.size() - rest.size();
+  }
+  return path.substr(0, known);
+}
+
 bool Trie::HasValuesAtOrBelow(std::string_view path) const {
   if (!path.starts_with('/')) return false;
   const Node* node = root_.get();

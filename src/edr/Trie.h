@@ -29,6 +29,10 @@ class Trie {
   // invalid".
   [[nodiscard]] Values GetValues(std::string_view path) const;
 
+  // The path as far as the trie has nodes for it, "/" at the least: those who share that part have the same values.
+  // Empty for a path that is not absolute.
+  [[nodiscard]] std::string_view KnownPartOf(std::string_view path) const;
+
   // Whether a value stands at this path or below it. False for a path that is not absolute.
   [[nodiscard]] bool HasValuesAtOrBelow(std::string_view path) const;
 

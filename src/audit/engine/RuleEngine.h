@@ -134,8 +134,8 @@ class RuleEngine final : public edr::EventRuleEngine {
     Snapshot rules;
     edr::ObjectType type = edr::ObjectType::File;
     bool is_rename = false;
-    std::string path;
-    std::string new_path;
+    std::string told_part;  // of the path
+    std::string new_told_part;
     internal::RuleTable::IdsByTag found;
     std::vector<internal::RuleTable::Rule> of_files;  // of files and folders, among the found ones
   };

@@ -62,6 +62,8 @@ class RuleTable {
   // The rules that an event concerns: all process rules, all network rules, or the rules that stand at the path of the
   // event's file or above it, for a rename at either end of it.
   [[nodiscard]] IdsByTag FindFor(const edr::Event& event) const;
+  // As much of a file's path as tells which rules FindFor finds; empty for one that is not absolute.
+  [[nodiscard]] std::string_view ToldPartOf(std::string_view path) const { return paths_->KnownPartOf(path); }
   // The rules of files and folders that stand at this path or above it.
   [[nodiscard]] IdsByTag FindAt(const std::string& path) const;
   // Whether a rule of a file or folder stands at this path or below it.

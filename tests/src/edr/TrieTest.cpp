@@ -116,6 +116,17 @@ TEST_F(TrieTest, SurvivesAPathDeeperThanTheStack) {
   EXPECT_EQ(trie_.GetValues(path + "/file").size(), 1U);
 }
 
+TEST_F(TrieTest, TellsPathsApartByWhatItKnowsOfThemAlone) {
+  for (const char* path : {"/", "/srv", "//srv/w"}) EXPECT_EQ(trie_.KnownPartOf(path), "/") << path;
+  trie_.Insert("1", "FIM", "/srv/w/sub");
+  EXPECT_EQ(trie_.KnownPartOf("/srv/w/sub/deep/file"), "/srv/w/sub");
+  EXPECT_EQ(trie_.KnownPartOf("/srv/w/sub/"), "/srv/w/sub");
+  EXPECT_EQ(trie_.KnownPartOf("/srv//w/file"), "/srv//w");
+  EXPECT_EQ(trie_.KnownPartOf("/srv/we/sub"), "/srv");
+  EXPECT_EQ(trie_.KnownPartOf("/elsewhere"), "/");
+  for (const char* path : {"", "srv/w/sub"}) EXPECT_EQ(trie_.KnownPartOf(path), "") << path;
+}
+
 TEST_F(TrieTest, KnowsWhetherAnythingStandsAtAPathOrBelow) {
   EXPECT_FALSE(trie_.HasValuesAtOrBelow("/"));
   trie_.Insert("rule", "FIM", "/srv/data/in");

@@ -36,6 +36,36 @@ TEST_F(RuleEngineRoutingTest, CallsEachTagOnceWithAllItsRules) {
   EXPECT_EQ(heard_, (Ids{"FIM a,b,:7", "IOC c,:7"}));
 }
 
+TEST_F(RuleEngineRoutingTest, AsksOfEachPathOneByOneWhoIsConcerned) {
+  Listen("FIM");
+  engine_->AddRules("FIM", {Watch("all"), FakeRule::Directory("sub", folder_ / "sub", {EventType::Write})});
+  std::uint32_t id = 0;
+  for (const char* name : {"a", "b", "sub", "sub/c", "sub/c/d", "e"}) {
+    engine_->ProcessEvent(FolderEvent(++id, folder_ / name));
+  }
+  engine_->ProcessEvent(FolderEvent(++id, "/elsewhere/a"));
+  engine_->ProcessEvent(FolderEvent(++id, ""));
+  engine_->ProcessEvent(FolderEvent(++id, folder_ / "sub/f"));
+  EXPECT_EQ(heard_, (Ids{"FIM all,:1", "FIM all,:2", "FIM all,sub,:3", "FIM all,sub,:4", "FIM all,sub,:5", "FIM all,:6",
+                         "FIM all,sub,:9"}));
+}
+
+TEST_F(RuleEngineRoutingTest, AsksOfBothEndsOfARename) {
+  Listen("FIM");
+  engine_->AddRules("FIM", {Watch("a")});
+  const auto rename = [this](std::uint32_t id, const std::string& from, const std::string& to) {
+    auto event = FolderEvent(id, from);
+    event->type = EventType::Rename;
+    event->new_file.emplace(to);
+    engine_->ProcessEvent(std::move(event));
+  };
+  rename(1, "/elsewhere/a", "/elsewhere/b");
+  rename(2, "/elsewhere/a", folder_ / "b");
+  rename(3, "/elsewhere/a", "/elsewhere/b");
+  rename(4, folder_ / "a", "/elsewhere/b");
+  EXPECT_EQ(heard_, (Ids{"FIM a,:2", "FIM a,:4"}));
+}
+
 TEST_F(RuleEngineRoutingTest, CallsNobodyForAPathWithoutRuleOrATagWithoutHandler) {
   Listen("FIM");
   engine_->AddRules("FIM", {Watch("a")});
