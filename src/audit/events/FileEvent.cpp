@@ -203,7 +203,7 @@ void FileEvent::ResolveFile() {
     RefuseUnplaced();
     return;
   }
-  file_ = ImageOf(object, *path);
+  file_ = ImageOf(object, std::move(*path));
   if (!records_->parent) FindParent();
 }
 

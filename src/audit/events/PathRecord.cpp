@@ -105,11 +105,11 @@ void PathRecord::Combine(const PathRecord& other) {
   if (path.empty()) path = other.path;
 }
 
-common::ImageInfo ImageOf(const PathRecord& record, const std::string& path, std::string text) {
+common::ImageInfo ImageOf(const PathRecord& record, std::string path, std::string text) {
   return {record.device,
           record.permission,
           record.inode,
-          path,
+          std::move(path),
           record.group_id,
           common::GroupName(record.group_id),
           common::UserName(record.owner_id),

@@ -50,6 +50,6 @@ struct PathRecord {
 };
 
 // The object as the record describes it, at `path`, with the names of its owner and group.
-[[nodiscard]] common::ImageInfo ImageOf(const PathRecord& record, const std::string& path, std::string text = "");
+[[nodiscard]] common::ImageInfo ImageOf(const PathRecord& record, std::string path, std::string text = "");
 
 }  // namespace zagent::audit::internal

@@ -66,7 +66,7 @@ bool IsPlain(const std::string& path) {
 
 }  // namespace
 
-std::string NormalisePath(const std::string& path) {
+std::string NormalisePath(std::string path) {
   if (IsPlain(path)) return path;
   return NormaliseWithPoco(path);
 }

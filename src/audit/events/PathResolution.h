@@ -13,7 +13,7 @@
 namespace zagent::audit::internal {
 
 // "." and ".." and doubled separators taken out by the text alone; never asks the disk. Throws edr::EventException.
-[[nodiscard]] std::string NormalisePath(const std::string& path);
+[[nodiscard]] std::string NormalisePath(std::string path);
 
 // The same by Poco::Path, whatever the path: the rule that NormalisePath takes a shortcut to.
 [[nodiscard]] std::string NormaliseWithPoco(const std::string& path);
