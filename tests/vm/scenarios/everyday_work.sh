@@ -85,12 +85,15 @@ END
 tells "cp over a file" <<END
 Write cp/over
 END
+# It changes the mode by the descriptor first: that is told where the descriptor is still there when it is looked for.
 tells "install to a new name" <<END
 Change install/new
+may Change install/new
 Create install/new
 END
 tells "install over a file" <<END
 Change install/over
+may Change install/over
 Create install/over
 Delete install/over
 END
@@ -109,6 +112,7 @@ Rename rotate/log -> rotate/log.1
 END
 tells "rotate: create" <<END
 Change rotate/log
+may Change rotate/log
 Create rotate/log
 END
 tells "copytruncate: cp" <<END

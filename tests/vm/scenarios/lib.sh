@@ -457,7 +457,9 @@ judge() {
       label_of[pid_of(" " $2)] = $1
       if (word == "none") next
       if (word != "done" && word != "some" && word != "may") { tell($1, $2); next }
-      kind[event] = word; by[event] = $1; want[event]++
+      if (word != "may" || !(event in kind)) kind[event] = word
+      by[event] = $1; want[event]++
+      if (word == "done") least[event]++
       if (word != "may") owed[$1]++
       next
     }
@@ -477,7 +479,7 @@ judge() {
       for (event in kind) {
         if (kind[event] != "may" && !(event in got)) tell(by[event], "missing: " event)
         else if (kind[event] != "some" && got[event] > want[event]) tell(by[event], got[event] " times: " event)
-        else if (kind[event] == "done" && got[event] < want[event]) tell(by[event], "only " got[event] " of " want[event] ": " event)
+        else if (kind[event] == "done" && got[event] < least[event]) tell(by[event], "only " got[event] " of " least[event] ": " event)
       }
       for (i = 1; i <= labels; i++) {
         label = order[i]
