@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "common/src/util/HeapTrim.h"
 #include "common/src/util/Log.h"
 #include "src/edr/EventQueueLimit.h"
 #include "src/edr/process/EventBytes.h"
@@ -80,6 +81,7 @@ void ProcessingThread::Execute() {
   SetPace(active_.empty());
   if (active_.empty()) {
     processor_(nullptr);
+    common::util::FreeKeptBlocks();
     return;
   }
   begin_turn_();

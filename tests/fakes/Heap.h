@@ -2,7 +2,11 @@
 
 #include <malloc.h>
 
+#include <chrono>
 #include <cstddef>
+#include <memory>
+#include <thread>
+#include <vector>
 
 namespace zagent::fakes {
 
@@ -17,6 +21,24 @@ constexpr bool kKnowsItsHeap = true;
 inline std::size_t HeapInUse() {
   const struct mallinfo2 info = mallinfo2();
   return info.uordblks + info.hblkhd;
+}
+
+// Frees as many small blocks as the allocator keeps for the calling thread, which count as in use for as long.
+constexpr std::size_t kKeptBytes = 230'000;
+inline void LeaveKeptBlocks() {
+  std::vector<std::unique_ptr<char[]>> blocks;
+  for (std::size_t size = 24; size <= 1032; size += 16) {
+    for (int i = 0; i < 7; ++i) blocks.push_back(std::make_unique<char[]>(size));
+  }
+}
+
+// Whether the heap comes down to this size within a time that is long for everybody.
+inline bool HeapShrinksTo(std::size_t size) {
+  for (int i = 0; i < 3'000; ++i) {
+    if (HeapInUse() <= size) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return false;
 }
 
 }  // namespace zagent::fakes

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "common/src/tasks/Scheduler.h"
+#include "common/src/util/HeapTrim.h"
 #include "common/src/util/Log.h"
 
 namespace zagent::common {
@@ -319,6 +320,9 @@ void TaskSchedule::Nap(std::unique_lock<std::mutex>& lock) {
 }
 
 void TaskSchedule::Sleep(std::unique_lock<std::mutex>& lock, std::optional<util::Clock::SystemTime> until) {
+  lock.unlock();
+  util::FreeKeptBlocks();
+  lock.lock();
   util::Clock::SystemTime deadline = until.value_or(clock_.Now() + kFarAway);
   if (const auto work_time = WorkTime()) deadline = std::min(deadline, *work_time);
   if (refused_ != 0) deadline = std::min(deadline, next_warning_);

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "common/src/util/CurrentException.h"
+#include "common/src/util/HeapTrim.h"
 #include "common/src/util/Log.h"
 #include "common/src/util/ThreadName.h"
 #include "src/edr/EventQueueLimit.h"
@@ -131,6 +132,7 @@ void EventProcessingThread::RunUntilStopped() {
   while (!stopping_) {
     Batch batch = TakeBatch();
     if (batch.events.empty()) {
+      common::util::FreeKeptBlocks();
       DeliverWhatIsDue();
     } else {
       Process(batch);

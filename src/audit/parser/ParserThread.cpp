@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "common/src/util/CurrentException.h"
+#include "common/src/util/HeapTrim.h"
 #include "common/src/util/Log.h"
 #include "common/src/util/ThreadName.h"
 
@@ -209,6 +210,7 @@ void ParserThread::RunUntilStopped() {
       parser_.Flush();
       idle_ = true;
       PassEventsOn();
+      common::util::FreeKeptBlocks();
     }
   }
 }

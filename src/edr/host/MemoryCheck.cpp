@@ -1,11 +1,10 @@
 #include "src/edr/host/MemoryCheck.h"
 
-#include <malloc.h>
-
 #include <algorithm>
 #include <chrono>
 #include <utility>
 
+#include "common/src/util/HeapTrim.h"
 #include "common/src/util/Log.h"
 
 namespace zagent::edr::host {
@@ -23,7 +22,7 @@ MemoryCheck::Limits MemoryCheck::LimitsFor(std::uint64_t memory_limit, std::uint
 }
 
 MemoryCheck::MemoryCheck(common::ResourceMonitor monitor, common::util::Clock& clock)
-    : MemoryCheck(std::move(monitor), clock, [] { return malloc_trim(0); }) {}
+    : MemoryCheck(std::move(monitor), clock, common::util::TrimHeap) {}
 
 MemoryCheck::MemoryCheck(common::ResourceMonitor monitor, common::util::Clock& clock, Trim trim)
     : monitor_(std::move(monitor)),

@@ -25,7 +25,7 @@ class MemoryCheck {
   // much again. `memory_limit` in percent.
   static Limits LimitsFor(std::uint64_t memory_limit, std::uint64_t total_memory_kb);
 
-  // malloc_trim: 1 when memory went back to the system.
+  // As common::util::TrimHeap: 1 when memory went back to the system.
   using Trim = std::function<int()>;
 
   // `monitor` carries the memory limit, and the root of procfs whose smaps is summed.

@@ -15,11 +15,13 @@
 #include <string>
 #include <thread>
 
+#include "common/src/util/HeapTrim.h"
 #include "src/edr/process/EventBytes.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeEvent.h"
 #include "tests/fakes/FakeProcess.h"
 #include "tests/fakes/Gate.h"
+#include "tests/fakes/Heap.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/Mailbox.h"
 
@@ -133,6 +135,22 @@ TEST_F(ProcessingThreadTest, WithoutEventsItCallsTheProcessorWithNoneEverySecond
   EXPECT_TRUE(processed_.IsEmpty());
   clock_.Advance(seconds(1));
   EXPECT_EQ(processed_.Take(), kNone);
+}
+
+TEST_F(ProcessingThreadTest, ATurnWithoutEventsBehindATrimOfTheHeapFreesWhatIsKeptForTheThread) {
+  on_process_ = [](const edr::Event* event) {
+    if (event != nullptr) fakes::LeaveKeptBlocks();
+  };
+  thread_->Start();
+  Enqueue(1);
+  EXPECT_THAT(Processed(1), ElementsAre(1));
+  clock_.AwaitWaiters(1);
+  common::util::TrimHeap();
+  const std::size_t before = fakes::HeapInUse();
+  clock_.Advance(seconds(1));
+  if (fakes::kKnowsItsHeap) {
+    EXPECT_TRUE(fakes::HeapShrinksTo(before - fakes::kKeptBytes));
+  }
 }
 
 TEST_F(ProcessingThreadTest, BehindAnEventTheNextTurnComesAfterATenthOfASecond) {

@@ -23,9 +23,11 @@
 
 #include "common/src/tasks/Answer.h"
 #include "common/src/tasks/Scheduler.h"
+#include "common/src/util/HeapTrim.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeSchedule.h"
 #include "tests/fakes/Gate.h"
+#include "tests/fakes/Heap.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/NoMoreThreads.h"
 #include "tests/fakes/SleepingCall.h"
@@ -133,6 +135,19 @@ class TaskScheduleTest : public ::testing::Test {
   Scheduler scheduler_{clock_};
   const std::shared_ptr<TaskSchedule> tasks_ = std::make_shared<TaskSchedule>(kIdle.count(), clock_);
 };
+
+TEST_F(TaskScheduleTest, ASleepBehindATrimOfTheHeapFreesWhatIsKeptForTheThread) {
+  std::size_t before = 0;
+  tasks_->Call(scheduler_, [&before] {
+    fakes::LeaveKeptBlocks();
+    std::thread(util::TrimHeap).join();
+    before = fakes::HeapInUse();
+    return true;
+  });
+  if (fakes::kKnowsItsHeap) {
+    EXPECT_TRUE(fakes::HeapShrinksTo(before - fakes::kKeptBytes));
+  }
+}
 
 TEST_F(TaskScheduleTest, OneThreadServesABurstInItsOrder) {
   std::vector<int> order;

@@ -13,12 +13,14 @@
 #include <thread>
 #include <vector>
 
+#include "common/src/util/HeapTrim.h"
 #include "src/edr/PartialEvent.h"
 #include "src/edr/process/EventBytes.h"
 #include "src/edr/process/ImageInfo.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeEvent.h"
 #include "tests/fakes/Gate.h"
+#include "tests/fakes/Heap.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/RecordingRuleEngine.h"
 
@@ -165,6 +167,25 @@ TEST_F(EventProcessingThreadTest, CallsTheHousekeepingOnceASecondWithoutEvents) 
   clock_.AwaitWaiters(1);
   clock_.Advance(std::chrono::seconds(1));
   EXPECT_EQ(engine_.idled.Take(), true);
+}
+
+TEST_F(EventProcessingThreadTest, AQuietSecondBehindATrimOfTheHeapFreesWhatIsKeptForTheThread) {
+  fakes::Mailbox<bool> left;
+  on_measure_ = [&] {
+    fakes::LeaveKeptBlocks();
+    left.Put(true);
+  };
+  stage_->Start();
+  AddOne(1);
+  EXPECT_TRUE(left.Take());
+  clock_.AwaitWaiters(1);
+  common::util::TrimHeap();
+  const std::size_t before = fakes::HeapInUse();
+  clock_.Advance(std::chrono::seconds(1));
+  if (fakes::kKnowsItsHeap) {
+    EXPECT_TRUE(fakes::HeapShrinksTo(before - fakes::kKeptBytes));
+  }
+  stage_->Stop();
 }
 
 TEST_F(EventProcessingThreadTest, AnEventEndsTheWaitAtOnce) {

@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/src/util/HeapTrim.h"
 #include "src/audit/channels/KernelIOChannel.h"
 #include "tests/fakes/AuditLog.h"
 #include "tests/fakes/ChannelLog.h"
@@ -294,6 +295,22 @@ TEST_F(ParserThreadTest, FullBurstsBetweenRecordsTakeNoMoreMemoryThanTheyCountFo
   EXPECT_LT(fakes::HeapInUse() - before, 40 * kMiB + kSlack);
 }
 #endif
+
+TEST_F(ParserThreadTest, GoingIdleBehindATrimOfTheHeapFreesWhatIsKeptForTheThread) {
+  ParserThread::Seams seams{factory_.Get(), [this] { return probes_++ == 2 ? ParserProbe() : StageProbe(); }};
+  seams.let_gather = fakes::LeaveKeptBlocks;
+  ParserThread parser(channel_, engine_, kCpuLimit, 0, Reports(), clock_, std::move(seams));
+  parser.Start();
+  channel_.Deliver(log_.Event(AuditLog::kMkdir));
+  AwaitFlushWait();
+  common::util::TrimHeap();
+  const std::size_t before = fakes::HeapInUse();
+  clock_.Advance(kFlushDelay);
+  if (fakes::kKnowsItsHeap) {
+    EXPECT_TRUE(fakes::HeapShrinksTo(before - fakes::kKeptBytes));
+  }
+  parser.Stop();
+}
 
 TEST_F(ParserThreadTest, TakesAlongWhatFollowsTheDataThatItWaitedFor) {
   std::atomic<bool> follows{false};
