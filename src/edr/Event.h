@@ -2,9 +2,12 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "common/src/util/FileState.h"
 
 namespace zagent::common {
 class ImageInfo;
@@ -118,6 +121,8 @@ class Event {
   virtual void Validate() = 0;
   // The key of the kernel rule that matched; names only one of several matching rules.
   [[nodiscard]] virtual const std::string& GetAuditKey() const = 0;
+  // The file as GetFileSize and the times tell of it; nothing where they do not know it.
+  [[nodiscard]] virtual std::optional<common::util::FileState> GetFileState() const { return std::nullopt; }
 
   // A look at the time of the record has proved that the actor's executable is another file than GetImage names here:
   // whoever may make a mount namespace or a chroot calls a program in it what he likes. False says nothing; nobody

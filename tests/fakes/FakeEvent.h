@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "common/src/util/FileState.h"
 #include "src/edr/Event.h"
 #include "src/edr/RecordFields.h"
 #include "src/edr/process/ImageInfo.h"
@@ -24,6 +25,7 @@ class FakeEvent final : public edr::Event {
   std::string user_name = "root", login_name = "system-user", command_line = "cmd", cwd = "/";
   std::optional<common::ImageInfo> file, new_file, image = common::ImageInfo("/bin/actor"), secondary_image;
   std::int64_t access_time = 0, change_time = 0, modification_time = 0, size = -1;
+  std::optional<common::util::FileState> state;
   std::int64_t timestamp = 1'700'000'000'000'000'000;
   std::vector<unsigned char> content, content_hash;
   edr::FileType file_type = edr::FileType::Regular;
@@ -88,6 +90,7 @@ class FakeEvent final : public edr::Event {
   void ParseRecord(int, const edr::RecordFields&) override {}
   void Validate() override {}
   [[nodiscard]] const std::string& GetAuditKey() const override { return audit_key; }
+  [[nodiscard]] std::optional<common::util::FileState> GetFileState() const override { return state; }
 
  private:
   static const common::ImageInfo* Pointer(const std::optional<common::ImageInfo>& value) {

@@ -23,11 +23,7 @@ std::vector<unsigned char> DigestCache::Digest<Size>::Get() const {
   return {bytes.begin(), bytes.end()};
 }
 
-DigestCache::State DigestCache::StateOf(const struct stat& file) {
-  return {file.st_dev, file.st_ino, file.st_size, file.st_ctim.tv_sec, file.st_ctim.tv_nsec};
-}
-
-std::size_t DigestCache::StateHash::operator()(const State& state) const {
+std::size_t DigestCache::StateHash::operator()(const FileState& state) const {
   constexpr std::uint64_t kOddMultiplier = 0x9E3779B97F4A7C15;
   std::uint64_t hash = 0;
   for (const std::uint64_t part :
@@ -39,40 +35,40 @@ std::size_t DigestCache::StateHash::operator()(const State& state) const {
   return hash;
 }
 
-bool DigestCache::IsSettled(const struct stat& file) const {
+bool DigestCache::IsSettled(const FileState& file) const {
   const std::chrono::nanoseconds changed =
-      std::chrono::seconds(file.st_ctim.tv_sec) + std::chrono::nanoseconds(file.st_ctim.tv_nsec);
+      std::chrono::seconds(file.changed_s) + std::chrono::nanoseconds(file.changed_ns);
   return std::chrono::nanoseconds(ToNanoseconds(clock_.Now())) - changed > kSettleTime;
 }
 
-FileDigests DigestCache::Find(const struct stat& file) const {
+FileDigests DigestCache::Find(const FileState& file) const {
   const std::lock_guard lock(mutex_);
-  const auto known = known_.find(StateOf(file));
+  const auto known = known_.find(file);
   if (known == known_.end()) return {};
   return {known->second.md5.Get(), known->second.sha1.Get(), known->second.sha256.Get()};
 }
 
-std::string DigestCache::FindType(const struct stat& file) const {
+std::string DigestCache::FindType(const FileState& file) const {
   const std::lock_guard lock(mutex_);
-  const auto known = known_.find(StateOf(file));
+  const auto known = known_.find(file);
   return known != known_.end() ? std::string(known->second.type) : std::string();
 }
 
-void DigestCache::Keep(const struct stat& file, const FileDigests& digests) {
+void DigestCache::Keep(const FileState& file, const FileDigests& digests) {
   if (!Digest<16>::Fits(digests.md5) && !Digest<20>::Fits(digests.sha1) && !Digest<32>::Fits(digests.sha256)) return;
   const std::lock_guard lock(mutex_);
-  Known& known = EntryOf(StateOf(file));
+  Known& known = EntryOf(file);
   known.md5.Keep(digests.md5);
   known.sha1.Keep(digests.sha1);
   known.sha256.Keep(digests.sha256);
 }
 
-void DigestCache::KeepType(const struct stat& file, const std::string& type) {
+void DigestCache::KeepType(const FileState& file, const std::string& type) {
   const std::lock_guard lock(mutex_);
-  EntryOf(StateOf(file)).type = type;
+  EntryOf(file).type = type;
 }
 
-DigestCache::Known& DigestCache::EntryOf(const State& state) {
+DigestCache::Known& DigestCache::EntryOf(const FileState& state) {
   const auto known = known_.find(state);
   if (known != known_.end()) return known->second;
   if (oldest_first_.size() == kMaxEntries) {

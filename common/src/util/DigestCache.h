@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/stat.h>
-
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -13,6 +11,7 @@
 #include <vector>
 
 #include "common/src/util/Clock.h"
+#include "common/src/util/FileState.h"
 
 namespace zagent::common::util {
 
@@ -22,10 +21,9 @@ struct FileDigests {
   bool operator==(const FileDigests&) const = default;
 };
 
-// Digests and types of files whose state was seen before, so that a file is read once however many events name it. A
-// state is the file's device, inode, size and change time to the nanosecond. Bounded: at kMaxEntries the oldest entry
-// goes, at about 250 bytes each and its type, which lie together: they stay long, and would keep memory that bursts
-// have used from the system if they were spread over it. Thread-safe.
+// Digests and types of files whose state was seen before, so that a file is read once however many events name it.
+// Bounded: at kMaxEntries the oldest entry goes, at about 250 bytes each and its type, which lie together: they stay
+// long, and would keep memory that bursts have used from the system if they were spread over it. Thread-safe.
 //
 // A write through a mapping changes the time when its page first becomes dirty and not at each store after that: as
 // with any look at a file, such a writer is seen late.
@@ -40,34 +38,22 @@ class DigestCache {
 
   // Whether the next write is sure to give `file` another change time. File systems stamp with a clock that ticks a few
   // hundred times a second or less: of two writes within a tick the later one cannot be told. Ask before reading.
-  [[nodiscard]] bool IsSettled(const struct stat& file) const;
-
-  [[nodiscard]] static bool IsSameState(const struct stat& one, const struct stat& other) {
-    return StateOf(one) == StateOf(other);
-  }
+  [[nodiscard]] bool IsSettled(const FileState& file) const;
 
   // What Keep was given for this state; all empty when it is not known.
-  [[nodiscard]] FileDigests Find(const struct stat& file) const;
+  [[nodiscard]] FileDigests Find(const FileState& file) const;
 
   // The textual type that KeepType was given for this state; empty when it is not known.
-  [[nodiscard]] std::string FindType(const struct stat& file) const;
+  [[nodiscard]] std::string FindType(const FileState& file) const;
 
   // For a file that was settled before it was read and still has this state. Adds to what is known of it. What has not
   // the length of its digest is passed over.
-  void Keep(const struct stat& file, const FileDigests& digests);
-  void KeepType(const struct stat& file, const std::string& type);
+  void Keep(const FileState& file, const FileDigests& digests);
+  void KeepType(const FileState& file, const std::string& type);
 
  private:
-  struct State {
-    std::uint64_t device;
-    std::uint64_t inode;
-    std::int64_t size;
-    std::int64_t changed_s;
-    std::int64_t changed_ns;
-    bool operator==(const State&) const = default;
-  };
   struct StateHash {
-    std::size_t operator()(const State& state) const;
+    std::size_t operator()(const FileState& state) const;
   };
   template <std::size_t Size>
   struct Digest {
@@ -84,15 +70,14 @@ class DigestCache {
     Digest<32> sha256;
     std::pmr::string type;
   };
-  static State StateOf(const struct stat& file);
   // The entry of the state, made at the cost of the oldest one. Under the mutex.
-  Known& EntryOf(const State& state);
+  Known& EntryOf(const FileState& state);
 
   Clock& clock_;
   mutable std::mutex mutex_;
   std::pmr::unsynchronized_pool_resource memory_;
-  std::pmr::unordered_map<State, Known, StateHash> known_{&memory_};
-  std::pmr::deque<State> oldest_first_{&memory_};
+  std::pmr::unordered_map<FileState, Known, StateHash> known_{&memory_};
+  std::pmr::deque<FileState> oldest_first_{&memory_};
 };
 
 }  // namespace zagent::common::util

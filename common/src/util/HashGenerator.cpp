@@ -150,7 +150,7 @@ FileDigests HashGenerator::GenerateAndKeep(int fd, const struct stat& opened, Ha
   const bool settled = cache.IsSettled(opened);
   FileDigests digests = Generate(fd, opened.st_size, kind);
   struct stat afterwards {};
-  if (settled && fstat(fd, &afterwards) == 0 && DigestCache::IsSameState(opened, afterwards)) {
+  if (settled && fstat(fd, &afterwards) == 0 && FileState(opened) == FileState(afterwards)) {
     cache.Keep(opened, digests);
   }
   return digests;

@@ -42,10 +42,9 @@ FileEvent::State::State(const struct stat& result)
     : mode(result.st_mode),
       uid(result.st_uid),
       gid(result.st_gid),
-      size(result.st_size),
       access_time(result.st_atime),
       modification_time(result.st_mtime),
-      change_time(result.st_ctime) {}
+      file(result) {}
 
 FileEvent::FileEvent(PathRecord object, PathRecord parent, const FileEvent& rename)
     : SyscallEvent(rename),

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "common/src/util/FileState.h"
 #include "src/audit/events/FileContext.h"
 #include "src/audit/events/PathFinder.h"
 #include "src/audit/events/PathRecord.h"
@@ -39,6 +40,7 @@ class FileEvent : public SyscallEvent {
   [[nodiscard]] const std::vector<unsigned char>& GetFileContentHash(edr::ContentHash kind) const override;
   [[nodiscard]] std::int64_t GetFileModificationTime() const override;
   [[nodiscard]] std::int64_t GetFileSize() const override;
+  [[nodiscard]] std::optional<common::util::FileState> GetFileState() const override;
   // Throws edr::EventException "Unsupported file type for <action> event" for a FIFO, socket or device.
   [[nodiscard]] edr::FileType GetFileType() const override;
   [[nodiscard]] const std::string& GetFileTypeDesc() const override;
@@ -65,10 +67,9 @@ class FileEvent : public SyscallEvent {
     std::uint32_t mode;
     std::uint32_t uid;
     std::uint32_t gid;
-    std::int64_t size;               // bytes
     std::int64_t access_time;        // seconds
     std::int64_t modification_time;  // seconds
-    std::int64_t change_time;        // seconds
+    common::util::FileState file;    // with its size, and the time of its last change
   };
 
   // The PATH records, until Validate.

@@ -42,7 +42,11 @@ bool FileEvent::IsSymlink() const {
 }
 
 std::int64_t FileEvent::GetFileSize() const {
-  return state_ ? state_->size : -1;
+  return state_ ? state_->file.size : -1;
+}
+
+std::optional<common::util::FileState> FileEvent::GetFileState() const {
+  return state_ ? std::optional(state_->file) : std::nullopt;
 }
 
 std::int64_t FileEvent::GetFileAccessTime() const {
@@ -54,7 +58,7 @@ std::int64_t FileEvent::GetFileModificationTime() const {
 }
 
 std::int64_t FileEvent::GetFileChangeTime() const {
-  return state_ ? state_->change_time * kNanosecondsPerSecond : GetTimestamp();
+  return state_ ? state_->file.changed_s * kNanosecondsPerSecond : GetTimestamp();
 }
 
 edr::FileType FileEvent::GetFileType() const {
@@ -95,10 +99,8 @@ std::optional<std::string> FileEvent::IdentifyType() const {
   const bool settled = cache->IsSettled(before);
   std::optional<std::string> type = context_->lib_magic->Identify(path);
   struct stat afterwards {};
-  if (type && settled && lstat(path.c_str(), &afterwards) == 0 &&
-      common::util::DigestCache::IsSameState(before, afterwards)) {
-    cache->KeepType(before, *type);
-  }
+  const auto is_same = [&] { return common::util::FileState(before) == common::util::FileState(afterwards); };
+  if (type && settled && lstat(path.c_str(), &afterwards) == 0 && is_same()) cache->KeepType(before, *type);
   return type;
 }
 

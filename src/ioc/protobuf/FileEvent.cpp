@@ -127,7 +127,7 @@ ReportedObjects::Times FileEvent::SetState(const edr::Event& event, const common
   message.set_size(std::min(event.GetFileSize(), kMaxSize));
   const bool is_regular = IsRegular(event);
   ReportedObjects::Times times;
-  if (const FileLooks::Look* const look = is_regular ? FindKnown(file, path) : nullptr) {
+  if (const FileLooks::Look* const look = is_regular ? FindKnown(event, file, path) : nullptr) {
     times = TimesOf(event, file, look->found);
     if (!look->type.empty()) message.set_type(look->type);
     SetDigests(*look, path, message);
@@ -144,8 +144,9 @@ ReportedObjects::Times FileEvent::SetState(const edr::Event& event, const common
 }
 
 // What is kept of the very state that the file is in.
-const FileLooks::Look* FileEvent::FindKnown(const common::ImageInfo& file, const std::string& path) const {
-  const FileLooks::Look* const seen = looks_.Find(path);
+const FileLooks::Look* FileEvent::FindKnown(const edr::Event& event, const common::ImageInfo& file,
+                                            const std::string& path) const {
+  const FileLooks::Look* const seen = looks_.Find(path, event.GetFileState());
   if (seen != nullptr && IsTheFile(seen->found, file)) return seen;
   const common::util::Clock::SteadyTime time = clock_.SteadyNow();
   const std::optional<FoundObject> found = LookAt(path);

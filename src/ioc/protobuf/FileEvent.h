@@ -30,7 +30,7 @@ class FileEvent final : public EventBuilder {
 
   [[nodiscard]] Report Build(const edr::Event& event) const override;
   // All events that come from here on until the next call have happened by now.
-  void BeginTurn() { looks_.Forget(); }
+  void BeginTurn() { looks_.BeginTurn(); }
   // Frees what is remembered of the latest events. Reports stay what they are.
   void Forget();
 
@@ -40,7 +40,8 @@ class FileEvent final : public EventBuilder {
   [[nodiscard]] bool IsReported(const std::string& id, const std::string& path) const;
   [[nodiscard]] ReportedObjects::Times SetState(const edr::Event& event, const common::ImageInfo& file,
                                                 Message& message) const;
-  [[nodiscard]] const FileLooks::Look* FindKnown(const common::ImageInfo& file, const std::string& path) const;
+  [[nodiscard]] const FileLooks::Look* FindKnown(const edr::Event& event, const common::ImageInfo& file,
+                                                 const std::string& path) const;
   static void SetDigests(const FileLooks::Look& look, const std::string& path, Message& message);
   static void SetDigests(const edr::Event& event, const std::string& path, Message& message);
 

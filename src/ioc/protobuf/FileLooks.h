@@ -2,20 +2,24 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 
 #include "common/src/util/Clock.h"
+#include "common/src/util/FileState.h"
 #include "src/edr/LRUCache.h"
 #include "src/ioc/protobuf/FileTimes.h"
 
 namespace zagent::ioc::internal::protobuf {
 
-// What was seen of the files that a turn of events names: a burst names the same file again and again. All events of a
-// turn had happened before it began, so that a look at a file within it answers for those behind it as well. Belongs to
-// the thread that judges.
+// What was seen of the files that events name: a burst names the same file again and again. A look answers for each
+// event that knows its file in that very state. All events of a turn had happened before it began, so that a look
+// within it answers for those behind it as well, for kLongest, as a turn may be long. Belongs to the thread that
+// judges.
 //
-// Bounds: kMaxFiles, of which the one that was asked for the longest ago goes, and kLongest, as a turn may be long.
+// Bound: kMaxFiles, of which the one that was asked for the longest ago goes.
 class FileLooks {
  public:
   static constexpr std::size_t kMaxFiles = 1'024;
@@ -30,27 +34,33 @@ class FileLooks {
 
   explicit FileLooks(const common::util::Clock& clock) : clock_(clock) {}
 
-  // Null when the path was not looked at in this turn, or too long ago. Valid until the next call.
-  [[nodiscard]] const Look* Find(const std::string& path) {
+  // For an event that knows its file in this state, or in none. Null when no look answers. Valid until the next call.
+  [[nodiscard]] const Look* Find(const std::string& path, const std::optional<common::util::FileState>& state) {
     const Kept* const kept = looks_.Find(path);
-    return kept != nullptr && clock_.SteadyNow() - kept->time < kLongest ? &kept->look : nullptr;
+    if (kept == nullptr) return nullptr;
+    const bool answers =
+        kept->look.found.state == state || (kept->turn == turn_ && clock_.SteadyNow() - kept->time < kLongest);
+    return answers ? &kept->look : nullptr;
   }
   // `time`: from before the look. Valid until the next call.
   const Look& Keep(const std::string& path, common::util::Clock::SteadyTime time, Look look) {
-    looks_.Put(path, {time, std::move(look)});
+    looks_.Put(path, {turn_, time, std::move(look)});
     return looks_.Find(path)->look;
   }
-  // Before each turn: what was seen may have changed.
+  // What was seen may have changed since.
+  void BeginTurn() { ++turn_; }
   void Forget() { looks_.Clear(); }
 
  private:
   struct Kept {
+    std::uint64_t turn;
     common::util::Clock::SteadyTime time;
     Look look;
   };
 
   const common::util::Clock& clock_;
   edr::LRUCache<std::string, Kept> looks_{kMaxFiles};
+  std::uint64_t turn_ = 0;
 };
 
 }  // namespace zagent::ioc::internal::protobuf

@@ -23,10 +23,11 @@ std::optional<FoundObject> LookAt(const std::string& path) {
   if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, kWanted, &found) != 0) return std::nullopt;
   FoundObject object{common::util::DeviceText(makedev(found.stx_dev_major, found.stx_dev_minor)), found.stx_ino,
                      found.stx_mode, static_cast<std::int64_t>(found.stx_size)};
-  object.state.st_dev = makedev(found.stx_dev_major, found.stx_dev_minor);
-  object.state.st_ino = found.stx_ino;
-  object.state.st_size = object.size;
-  object.state.st_ctim = {found.stx_ctime.tv_sec, static_cast<long>(found.stx_ctime.tv_nsec)};
+  object.state.device = makedev(found.stx_dev_major, found.stx_dev_minor);
+  object.state.inode = found.stx_ino;
+  object.state.size = object.size;
+  object.state.changed_s = found.stx_ctime.tv_sec;
+  object.state.changed_ns = found.stx_ctime.tv_nsec;
   if ((found.stx_mask & STATX_BTIME) != 0) object.creation = found.stx_btime.tv_sec * kNanosecondsPerSecond;
   return object;
 }

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "common/src/util/FileState.h"
 #include "src/edr/Event.h"
 #include "src/edr/process/ImageInfo.h"
 #include "src/ioc/protobuf/ReportedObjects.h"
@@ -19,7 +20,7 @@ struct FoundObject {
   std::uint32_t mode = 0;
   std::int64_t size = 0;                      // bytes
   std::optional<std::int64_t> creation = {};  // ns since the epoch, whole seconds
-  struct stat state {};                       // what of it a DigestCache asks for
+  common::util::FileState state{};
 };
 // Nothing when there is nothing.
 std::optional<FoundObject> LookAt(const std::string& path);

@@ -267,10 +267,10 @@ TEST_F(DigestCacheTest, TellsStatesApartByEachOfTheirParts) {
   cache_.Keep(State(7), Known(1));
   for (const struct stat& other : {State(8), State(7, 11), State(7, 10, 101), State(7, 10, 100, 6), other_device}) {
     EXPECT_TRUE(cache_.Find(other).md5.empty());
-    EXPECT_FALSE(DigestCache::IsSameState(State(7), other));
+    EXPECT_FALSE(FileState(State(7)) == FileState(other));
   }
   EXPECT_EQ(cache_.Find(State(7)), Known(1));
-  EXPECT_TRUE(DigestCache::IsSameState(State(7), State(7)));
+  EXPECT_TRUE(FileState(State(7)) == FileState(State(7)));
 }
 
 TEST_F(DigestCacheTest, ForgetsTheOldestStateAtItsBound) {

@@ -354,6 +354,24 @@ TEST_F(FileEventAnswersTest, LooksAtTheSettledFileAfterARefresh) {
   EXPECT_EQ(event->GetFileTypeDesc(), "data");
 }
 
+TEST_F(FileEventAnswersTest, TellsTheStateThatItsAnswersAreOf) {
+  const auto state_of = [](const std::string& path) {
+    struct stat found {};
+    EXPECT_EQ(stat(path.c_str(), &found), 0);
+    return common::util::FileState(found);
+  };
+  const std::string file = folder_.Write("f", "abc");
+  const auto event = Written(file);
+  const auto state = state_of(file);
+  EXPECT_EQ(event->GetFileState(), state);
+  EXPECT_EQ(state.size, 3);
+  Append(file);
+  EXPECT_EQ(event->GetFileState(), state) << "as its size";
+  event->Refresh();
+  EXPECT_EQ(event->GetFileState(), state_of(file));
+  EXPECT_EQ(WrittenAndGone(file)->GetFileState(), std::nullopt);
+}
+
 TEST_F(FileEventAnswersTest, RefusesToRefreshWhatIsGoneOrReplaced) {
   const std::string file = folder_.Write("f", "abc");
   const auto event = Written(file);

@@ -759,6 +759,31 @@ TEST_F(GeneratorOfKnownFilesTest, InALongTurnALookAnswersForATime) {
   EXPECT_EQ(ToldBy(event), "event, Python");
 }
 
+TEST_F(GeneratorOfKnownFilesTest, ALookAnswersForEachEventThatKnowsItsFileInThatState) {
+  folder_.Write("script", "x");
+  KeepContentOf("script");
+  FakeEvent event = OfFileOnDisk("script");
+  event.state = StateOf("script");
+  EXPECT_EQ(ToldBy(event), "cache");
+  folder_.Write("script", "written since, in another turn");
+  generator_->BeginTurn();
+  clock_.Advance(FileLooks::kLongest);
+  EXPECT_EQ(ToldBy(event), "cache") << "by the look from before";
+  event.state->changed_ns ^= 1;
+  EXPECT_EQ(ToldBy(event), "event, Python") << "nobody has looked at that one";
+}
+
+TEST_F(GeneratorOfKnownFilesTest, WithinATurnALookAnswersForEventsOfOtherStatesAsWell) {
+  folder_.Write("script", "x");
+  KeepContentOf("script");
+  FakeEvent event = OfFileOnDisk("script");
+  event.state = StateOf("script");
+  EXPECT_EQ(ToldBy(event), "cache");
+  folder_.Write("script", "written after all events of the turn");
+  event.state->size += 1;
+  EXPECT_EQ(ToldBy(event), "cache");
+}
+
 TEST_F(GeneratorOfKnownFilesTest, OfManyFilesTheLatestAreRemembered) {
   const auto tell_of = [&](std::size_t first, std::size_t last) {
     for (std::size_t i = first; i <= last; ++i) {
