@@ -5,10 +5,11 @@
 #include <list>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <type_traits>
 #include <unordered_map>
 #include <utility>
+
+#include "src/edr/TextHash.h"
 
 namespace zagent::edr {
 
@@ -17,10 +18,6 @@ class LRUCacheException : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Texts are found by any view of them.
-struct TextHash : std::hash<std::string_view> {
-  using is_transparent = void;
-};
 template <typename Key>
 using LRUHash = std::conditional_t<std::is_same_v<Key, std::string>, TextHash, std::hash<Key>>;
 

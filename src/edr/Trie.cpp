@@ -1,11 +1,13 @@
 #include "src/edr/Trie.h"
 
 #include <algorithm>
+#include <functional>
 #include <stdexcept>
 #include <utility>
 #include <vector>
 
 #include "common/src/util/Log.h"
+#include "src/edr/TextHash.h"
 
 namespace zagent::edr {
 namespace {
@@ -16,8 +18,8 @@ void RequireAbsolute(std::string_view path, const char* error) {
 
 // The next component of `path`, which is cut off it; empty at the path's end.
 std::string_view TakeComponent(std::string_view& path) {
-  const std::size_t begin = path.find_first_not_of('/');
-  if (begin == std::string_view::npos) return {};
+  std::size_t begin = 0;
+  while (begin < path.size() && path[begin] == '/') ++begin;
   const std::size_t end = std::min(path.find('/', begin), path.size());
   const std::string_view component = path.substr(begin, end - begin);
   path.remove_prefix(end);
@@ -27,13 +29,13 @@ std::string_view TakeComponent(std::string_view& path) {
 }  // namespace
 
 struct Trie::Node {
-  std::unordered_map<std::string, std::unique_ptr<Node>> children;
+  std::unordered_map<std::string, std::unique_ptr<Node>, TextHash, std::equal_to<>> children;
   std::unordered_map<std::string, std::set<std::string>> values;
 
   [[nodiscard]] bool IsEmpty() const { return children.empty() && values.empty(); }
 
   [[nodiscard]] Node* Child(std::string_view component) const {
-    const auto found = children.find(std::string(component));
+    const auto found = children.find(component);
     return found == children.end() ? nullptr : found->second.get();
   }
 

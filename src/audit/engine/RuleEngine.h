@@ -134,6 +134,8 @@ class RuleEngine final : public edr::EventRuleEngine {
     Snapshot rules;
     edr::ObjectType type = edr::ObjectType::File;
     bool is_rename = false;
+    std::string path;
+    std::string new_path;
     std::string told_part;  // of the path
     std::string new_told_part;
     internal::RuleTable::IdsByTag found;

@@ -80,14 +80,28 @@ const IdsByTag& RuleEngine::FindFor(const Snapshot& known, const edr::Event& eve
   const bool is_rename = event.GetType() == EventType::Rename;
   const std::string& path = IsOfFiles(event) ? PathOf(event.GetFile()) : kNone;
   const std::string& new_path = IsOfFiles(event) && is_rename ? PathOf(event.GetNewFile()) : kNone;
+  AnswerByPath& last = last_by_path_;
+  const bool is_alike = last.rules == known && last.type == type && last.is_rename == is_rename;
+  // Each event is asked about several times.
+  if (is_alike && last.path == path && last.new_path == new_path) return last.found;
   const std::string_view part = known->ToldPartOf(path);
   const std::string_view new_part = known->ToldPartOf(new_path);
-  AnswerByPath& last = last_by_path_;
-  const bool is_same = last.rules == known && last.type == type && last.is_rename == is_rename &&
-                       last.told_part == part && last.new_told_part == new_part;
-  if (is_same) return last.found;
-  last = {known, type, is_rename, std::string(part), std::string(new_part), known->FindFor(event), {}};
-  last.of_files = known->RulesOf(last.found);
+  if (is_alike && last.told_part == part && last.new_told_part == new_part) {
+    last.path = path;
+    last.new_path = new_path;
+    return last.found;
+  }
+  IdsByTag found = known->FindFor(event);
+  auto of_files = known->RulesOf(found);
+  last = {known,
+          type,
+          is_rename,
+          path,
+          new_path,
+          std::string(part),
+          std::string(new_part),
+          std::move(found),
+          std::move(of_files)};
   return last.found;
 }
 

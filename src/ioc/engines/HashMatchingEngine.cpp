@@ -75,6 +75,7 @@ void HashMatchingEngine::SetKnownProcessPaths(const std::vector<std::string>& pa
   }
   const std::lock_guard lock(mutex_);
   known_paths_ = std::move(known);
+  digests_kept_ = 0;
 }
 
 Verdict HashMatchingEngine::Process(const edr::Event& event) {
@@ -142,7 +143,10 @@ Verdict HashMatchingEngine::JudgeNewProgram(const ProcessInfo& process) {
   {
     const std::lock_guard lock(mutex_);
     const auto known = known_paths_.find(path);
-    if (known != known_paths_.end()) known->second = std::move(digest);
+    if (known != known_paths_.end()) {
+      if (known->second.empty()) ++digests_kept_;
+      known->second = std::move(digest);
+    }
   }
   ZLOG_DEBUG("Adding verdict: " << VerdictWord(Verdict::CleanWithoutHash)
                                 << ". Hash not found for process: " << process.GetPid() << " (" << path << ")");
@@ -165,10 +169,13 @@ void HashMatchingEngine::ForgetDigests(const edr::Event& event) {
   if (event.GetObjectType() != edr::ObjectType::File) return;
   const bool is_rename = event.GetType() == edr::EventType::Rename;
   const std::lock_guard lock(mutex_);
+  if (digests_kept_ == 0) return;
   // What a file is renamed to has changed as well.
   for (const common::ImageInfo* file : {event.GetFile(), is_rename ? event.GetNewFile() : nullptr}) {
     const auto known = known_paths_.find(NormalPath(file).Get());
-    if (known != known_paths_.end()) known->second.clear();
+    if (known == known_paths_.end() || known->second.empty()) continue;
+    known->second.clear();
+    --digests_kept_;
   }
 }
 

@@ -5,11 +5,11 @@
 #include <functional>
 #include <mutex>
 #include <string>
-#include <string_view>
 #include <unordered_map>
 #include <vector>
 
 #include "common/src/util/DigestCache.h"
+#include "src/edr/TextHash.h"
 #include "src/ioc/engines/Engine.h"
 #include "src/ioc/process/TtlProcessTree.h"
 
@@ -44,11 +44,8 @@ class HashMatchingEngine final : public Engine {
   Verdict Process(const edr::Event& event) override;
 
  private:
-  struct PathHash : std::hash<std::string_view> {
-    using is_transparent = void;
-  };
   // Digests in hexadecimal by path; empty until the file has been hashed.
-  using KnownPaths = std::unordered_map<std::string, std::string, PathHash, std::equal_to<>>;
+  using KnownPaths = std::unordered_map<std::string, std::string, edr::TextHash, std::equal_to<>>;
 
   // What is known of a path.
   enum class Known : std::uint8_t { No, Yes, WithDigest };
@@ -64,6 +61,7 @@ class HashMatchingEngine final : public Engine {
   common::util::DigestCache& digests_;
   std::mutex mutex_;
   KnownPaths known_paths_;
+  std::size_t digests_kept_ = 0;  // in known_paths_
 };
 
 }  // namespace zagent::ioc::internal

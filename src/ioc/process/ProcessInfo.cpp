@@ -121,7 +121,12 @@ void ProcessInfo::CountOut() {
 
 void ProcessInfo::AddTag(const std::string& key, const std::string& value) {
   const std::lock_guard lock(mutex_);
-  tags_[key] = value;
+  const auto tag = tags_.find(key);
+  if (tag == tags_.end()) {
+    tags_.emplace(key, value);
+  } else {
+    tag->second = value;
+  }
 }
 
 void ProcessInfo::RemoveTag(const std::string& key) {

@@ -113,6 +113,17 @@ TEST_F(HashMatchingEngineTest, AnEventOfItsFileHasAKnownProgramHashedAgain) {
   EXPECT_EQ(JudgeStart(known_, 71), Verdict::Clean);
 }
 
+TEST_F(HashMatchingEngineTest, EachKnownProgramIsHashedAgainBehindItsOwnEvents) {
+  const std::string other = folder_.Write("other", "another program");
+  engine_.SetKnownProcessPaths({known_, other});
+  for (const std::string& path : {known_, other}) (void)JudgeStart(path);
+  for (int i = 0; i < 3; ++i) (void)JudgeFile(known_);
+  EXPECT_EQ(JudgeStart(other, 71), Verdict::Clean);
+  (void)JudgeFile(other);
+  EXPECT_EQ(JudgeStart(other, 71), Verdict::CleanWithoutHash);
+  EXPECT_EQ(JudgeStart(known_, 71), Verdict::CleanWithoutHash);
+}
+
 TEST_F(HashMatchingEngineTest, WhatIsRenamedToAKnownProgramIsHashed) {
   (void)JudgeStart(known_);
   (void)engine_.Process(RenameEvent(known_, "/tmp/elsewhere"));
