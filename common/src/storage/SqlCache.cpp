@@ -25,23 +25,35 @@ struct SqlCache::Line {
   }
 };
 
-std::optional<Bytes> SqlCache::Find(const std::string& table, const std::string& key) {
-  std::optional<Bytes> found;
+template <typename Take>
+bool SqlCache::Ask(const std::string& table, const std::string& key, Take take) {
+  bool is_there = false;
   std::unique_lock lock(mutex_);
   const auto rows = tables_.find(table);
   if (rows != tables_.end()) {
     const auto entry = rows->second.find(key);
     if (entry != rows->second.end()) {
-      found = entry->second.row;
+      is_there = true;
+      take(entry->second.row);
       recent_.splice(recent_.begin(), recent_, entry->second.place);
     }
   }
-  ++(found ? hits_ : misses_);
+  ++(is_there ? hits_ : misses_);
   const auto [hits, misses, writes, not_founds] = std::tuple(hits_, misses_, writes_, not_founds_);
   lock.unlock();
   ZLOG_DEBUG("SqlStorage Cache: hits: " << hits << ", misses: " << misses << ", writes: " << writes
                                         << ", not founds: " << not_founds);
+  return is_there;
+}
+
+std::optional<Bytes> SqlCache::Find(const std::string& table, const std::string& key) {
+  std::optional<Bytes> found;
+  Ask(table, key, [&found](const Bytes& row) { found = row; });
   return found;
+}
+
+bool SqlCache::Has(const std::string& table, const std::string& key) {
+  return Ask(table, key, [](const Bytes&) {});
 }
 
 void SqlCache::CountNotFound() {

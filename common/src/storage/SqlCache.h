@@ -7,6 +7,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <utility>
 
 #include "common/src/storage/StorageResult.h"
@@ -32,6 +33,8 @@ class SqlCache {
 
   // Counts a hit or a miss and writes the statistics line.
   std::optional<Bytes> Find(const std::string& table, const std::string& key);
+  // The same without a copy of the row.
+  bool Has(const std::string& table, const std::string& key);
   // A key that the database does not have either.
   void CountNotFound();
 
@@ -57,9 +60,12 @@ class SqlCache {
     Bytes row;
     std::list<Place>::iterator place;
   };
-  using Table = std::map<std::string, Entry>;
+  using Table = std::unordered_map<std::string, Entry>;
   struct Line;  // what a log line says about a change
 
+  // Calls `take` with the row when it is there, under the mutex. Answers whether it is.
+  template <typename Take>
+  bool Ask(const std::string& table, const std::string& key, Take take);
   void Store(std::unique_lock<std::mutex>& lock, const std::string& table, const std::string& key, const Bytes& row);
   // With mutex_ held:
   Line Put(const std::string& table, const std::string& key, const Bytes& row);

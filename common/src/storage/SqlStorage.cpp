@@ -228,6 +228,11 @@ Bytes SqlStorage::Read(const std::string& table, const std::string& key) {
   return Run([&] { return Fetch(table, key); });
 }
 
+bool SqlStorage::Has(const std::string& table, const std::string& key) {
+  CheckKey(key);
+  return (cache_ && cache_->Has(table, key)) || !Run([&] { return Fetch(table, key); }).empty();
+}
+
 SqlRowIterator SqlStorage::ReadAll(const std::string& table) {
   return Query(formatter_->Ask([&](SqlDataFormatter& formatter) { return formatter.Select(table, ""); }));
 }

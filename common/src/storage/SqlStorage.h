@@ -79,6 +79,8 @@ class SqlStorage {
   void Replace(const std::string& table, const Rows& rows);
   // The row of a key, empty when it is not there. Throws StorageException for an empty key.
   Bytes Read(const std::string& table, const std::string& key);
+  // Whether there is a row of the key. Throws as Read does.
+  [[nodiscard]] bool Has(const std::string& table, const std::string& key);
   // Past the cache.
   SqlRowIterator ReadAll(const std::string& table);
   void Delete(const std::string& table, const std::string& key);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <deque>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -11,7 +12,7 @@
 #include "common/src/storage/Serializer.h"
 #include "common/src/storage/SqlStorage.h"
 #include "common/src/util/Log.h"
-#include "src/edr/LRUCache.h"
+#include "src/edr/TextHash.h"
 #include "src/ioc/config/LogPrefix.h"
 #include "src/ioc/process/SnapshotDBDirectory.h"
 #include "src/ioc/process/SnapshotDBFile.h"
@@ -42,11 +43,7 @@ void LogFailure(Table table, const std::string& path, std::size_t others) {
 
 // Changes by table and id, those of one id in the order in which they came. Thread-safe.
 struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
-  struct Expected {
-    std::uint64_t number;  // of the message
-    common::Bytes row;
-    std::string path;
-  };
+  struct Expected;
   struct Waiting {
     common::Bytes row;
     std::string path;
@@ -54,13 +51,20 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
   // What is not on disk yet of one object. There is none without anything of it.
   struct Pending {
     Table table;
-    std::vector<Expected> expected{};  // until the spool answers, in the order in which they came
+    Expected* latest = nullptr;        // of the changes that the spool has not answered
     std::optional<Waiting> waiting{};  // what the spool has taken since
     std::optional<bool> sending{};     // until it is on disk: whether the object is there
-    [[nodiscard]] bool IsEmpty() const { return expected.empty() && !waiting && !sending; }
+    [[nodiscard]] bool IsEmpty() const { return latest == nullptr && !waiting && !sending; }
   };
   using Objects = std::unordered_map<std::string, Pending, edr::TextHash, std::equal_to<>>;  // by id
   using Object = Objects::value_type;
+  // A change that the spool has not answered, between those of the same object before and behind it.
+  struct Expected {
+    Object* object;
+    Expected* earlier;
+    Expected* later;
+    Waiting change;
+  };
 
   Queue(common::SqlStorage& storage, std::int64_t rows, const common::util::Clock& of_waits)
       : snapshot(storage), max_rows(rows), clock(of_waits), handed_over(clock.SteadyNow()) {}
@@ -69,34 +73,41 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
 
   std::uint64_t Expect(std::vector<Change> changes) {
     const std::lock_guard lock(mutex);
-    const std::uint64_t number = ++last_number;
+    std::vector<Expected>& message = expected.emplace_back();
+    message.reserve(changes.size());
     for (Change& change : changes) {
       Object& object = *ObjectsOf(change.table).try_emplace(std::move(change.id), Pending{change.table}).first;
-      object.second.expected.push_back({number, std::move(change.row), std::move(change.path)});
-      expected.emplace(number, &object);
+      Expected*& latest = object.second.latest;
+      Expected& added =
+          message.emplace_back(&object, latest, nullptr, Waiting{std::move(change.row), std::move(change.path)});
+      if (latest != nullptr) latest->later = &added;
+      latest = &added;
     }
-    return number;
+    return first_expected + expected.size() - 1;
   }
 
   void OnAnswer(std::uint64_t number, bool is_taken) {
     {
       const std::lock_guard lock(mutex);
-      const auto [first, last] = expected.equal_range(number);
-      for (auto entry = first; entry != last; ++entry) Take(number, *entry->second, is_taken);
-      expected.erase(first, last);
+      if (number >= first_expected) {
+        std::vector<Expected>& message = expected[number - first_expected];
+        for (Expected& change : message) Take(change, is_taken);
+        message.clear();
+      }
+      // Nearly always that one: the spool takes them in order, and refuses some before.
+      for (; !expected.empty() && expected.front().empty(); expected.pop_front()) ++first_expected;
       if (!IsDue()) return;
     }
     Send();
   }
 
   // With mutex held.
-  void Take(std::uint64_t number, Object& object, bool is_taken) {
-    std::vector<Expected>& changes = object.second.expected;
-    const auto change =
-        std::find_if(changes.begin(), changes.end(), [&](const Expected& one) { return one.number == number; });
-    if (is_taken) Keep(object, {std::move(change->row), std::move(change->path)});
-    changes.erase(change);
-    EraseIfEmpty(object);
+  void Take(Expected& expected_change, bool is_taken) {
+    auto& [object, earlier, later, change] = expected_change;
+    (later != nullptr ? later->earlier : object->second.latest) = earlier;
+    if (earlier != nullptr) earlier->later = later;
+    if (is_taken) Keep(*object, std::move(change));
+    EraseIfEmpty(*object);
   }
 
   // In the place of an earlier one that waits. With mutex held.
@@ -121,12 +132,13 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
   // What is under way stays until it is on disk.
   void Clear() {
     const std::lock_guard lock(mutex);
+    first_expected += expected.size();
     expected.clear();
     waiting.clear();
     forgotten = 0;
     for (Objects* const objects : {&directories, &files}) {
       for (auto& [id, pending] : *objects) {
-        pending.expected.clear();
+        pending.latest = nullptr;
         pending.waiting.reset();
       }
       std::erase_if(*objects, [](const Object& object) { return object.second.IsEmpty(); });
@@ -274,7 +286,7 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
     const auto found = objects.find(id);
     if (found == objects.end()) return std::nullopt;
     const Pending& pending = found->second;
-    if (!pending.expected.empty()) return !pending.expected.back().row.empty();
+    if (pending.latest != nullptr) return !pending.latest->change.row.empty();
     return pending.waiting ? !pending.waiting->row.empty() : *pending.sending;
   }
 
@@ -287,8 +299,10 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
   common::util::Clock::SteadyTime paid_until{};  // each lot pays for a pause, and may do so a while behind
   Objects directories;
   Objects files;
-  std::unordered_multimap<std::uint64_t, Object*> expected;  // by the message that the spool has not answered
-  std::uint64_t last_number = 0;
+  // The changes of the messages that the spool has not answered, from the first of them on; none for one behind it that
+  // was answered before it.
+  std::deque<std::vector<Expected>> expected;
+  std::uint64_t first_expected = 1;
   std::vector<Object*> waiting;  // in the order in which they came
   std::vector<Object*> sending;  // stays as it is while something is under way
   std::size_t under_way = 0;
@@ -309,7 +323,7 @@ ReportedObjects::~ReportedObjects() {
 
 bool ReportedObjects::Has(Table table, const std::string& id) const {
   if (const std::optional<bool> has = queue_->Has(table, id)) return *has;
-  return !snapshot_.Read(NameOf(table), id).empty();
+  return snapshot_.Has(NameOf(table), id);
 }
 
 ReportedObjects::Answer ReportedObjects::Expect(std::vector<Change> changes) {

@@ -47,6 +47,18 @@ TEST_F(SqlCacheTest, CountsWhatItWasAskedAndGiven) {
       << log_.All();
 }
 
+TEST_F(SqlCacheTest, AskingWhetherARowIsThereIsAskingForIt) {
+  cache_.StoreWritten("File", "a", Row(1));
+  cache_.StoreWritten("File", "b", Row(2));
+  EXPECT_TRUE(cache_.Has("File", "a"));
+  EXPECT_FALSE(cache_.Has("Directory", "a"));
+  EXPECT_TRUE(log_.Has(Message::PRIO_DEBUG, "SqlStorage Cache: hits: 1, misses: 1, writes: 2, not founds: 0"))
+      << log_.All();
+  cache_.StoreWritten("File", "c", Row(3));
+  EXPECT_TRUE(cache_.Has("File", "a"));
+  EXPECT_FALSE(cache_.Has("File", "b")) << "it was not asked for longest";
+}
+
 TEST_F(SqlCacheTest, TellsEachChangeWithTheSumOfTheRows) {
   SqlCache cache;
   cache.StoreWritten("File", "a", Row(1, 3000));

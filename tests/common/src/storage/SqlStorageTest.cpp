@@ -337,6 +337,19 @@ TEST_F(SqlStorageTest, TheCacheSparesTheDatabaseAKnownRow) {
   EXPECT_TRUE(log_.Has(Message::PRIO_DEBUG, "SqlStorage Cache: hits: 1, misses: 0, writes: 1, not founds: 0"));
 }
 
+TEST_F(SqlStorageTest, WhetherARowIsThereTheCacheKnowsOrTheDatabase) {
+  Open();
+  EXPECT_FALSE(storage_->Has("Items", "a"));
+  Write("a", "1");
+  EXPECT_TRUE(storage_->Has("Items", "a"));
+  EXPECT_EQ(WhatOf([&] { (void)storage_->Has("Items", ""); }), "SqlStorage: 'key' is empty");
+  Open({}, Caching::On);
+  EXPECT_TRUE(storage_->Has("Items", "a")) << "by the database";
+  storage_->Execute("DELETE from Items");
+  EXPECT_TRUE(storage_->Has("Items", "a")) << "by the cache";
+  EXPECT_FALSE(storage_->Has("Items", "b"));
+}
+
 TEST_F(SqlStorageTest, WhatTheCacheHasForgottenIsReadFromTheDatabase) {
   Open();
   storage_->ForgetCached();  // without a cache there is none
