@@ -1,17 +1,24 @@
 #include "common/src/util/ProcessTimes.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <array>
 #include <charconv>
+#include <cstddef>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 #include <string_view>
 
+#include "common/src/util/UniqueFd.h"
+
 namespace zagent::common::util {
 namespace {
 
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
+// 52 fields of at most 20 digits, and a name of at most 64 bytes.
+constexpr std::size_t kStatSize = 2048;
 
 std::optional<std::int64_t> ParseNumber(std::string_view text) {
   std::int64_t number = 0;
@@ -47,11 +54,18 @@ std::int64_t ReadBootTime(const std::string& proc_root) {
 }
 
 std::optional<std::int64_t> ReadStartSinceBoot(std::int32_t pid, const std::string& proc_root) {
-  std::ifstream in(proc_root + "/" + std::to_string(pid) + "/stat");
-  // To its end: the name may hold line ends. A process that ends meanwhile makes the read fail, not throw.
-  std::string text;
-  std::getline(in, text, '\0');
-  const auto ticks = StartTicks(text);
+  // Each process that starts is asked about, and many have ended by then: a stream costs more than the look.
+  const UniqueFd file(open((proc_root + "/" + std::to_string(pid) + "/stat").c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file) return std::nullopt;
+  std::array<char, kStatSize> text{};
+  std::size_t size = 0;
+  // To its end: the name may hold line ends. A process that ends meanwhile makes the read fail.
+  for (ssize_t got = 1; got > 0 && size < text.size();) {
+    got = read(file.Get(), text.data() + size, text.size() - size);
+    if (got < 0) return std::nullopt;
+    size += static_cast<std::size_t>(got);
+  }
+  const auto ticks = StartTicks({text.data(), size});
   if (!ticks) return std::nullopt;
   static const std::int64_t kTicksPerSecond = sysconf(_SC_CLK_TCK);
   return *ticks / kTicksPerSecond * kNanosecondsPerSecond +

@@ -57,7 +57,7 @@ class LookTable {
 // Bounds: kPlaces, where whoever comes last stays, and kLongest.
 class RestedLooks {
  public:
-  static constexpr std::size_t kPlaces = 64;
+  static constexpr std::size_t kPlaces = 256;
   static constexpr std::chrono::milliseconds kLongest{100};
 
   explicit RestedLooks(const common::util::Clock& clock) : clock_(clock) {}

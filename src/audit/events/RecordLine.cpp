@@ -3,7 +3,7 @@
 #include <libaudit.h>
 
 #include <array>
-#include <charconv>
+#include <cstring>
 #include <string>
 
 #include "src/audit/events/RecordSource.h"
@@ -34,10 +34,13 @@ int TypeNamed(std::string_view name) {
 // Behind it the audit daemon tells the same in words.
 constexpr char kForPeople = '\x1d';
 
-// Takes a prefix off; false when the text does not begin with it.
-bool Take(std::string_view& text, std::string_view prefix) {
-  if (!text.starts_with(prefix)) return false;
-  text.remove_prefix(prefix.size());
+// Takes a prefix off; false when the text does not begin with it. Its size is known when this is compiled, so that it is
+// compared without a call.
+template <std::size_t kSize>
+bool Take(std::string_view& text, const char (&prefix)[kSize]) {
+  constexpr std::size_t kLength = kSize - 1;
+  if (text.size() < kLength || std::memcmp(text.data(), prefix, kLength) != 0) return false;
+  text.remove_prefix(kLength);
   return true;
 }
 
@@ -50,11 +53,17 @@ std::optional<std::string_view> TakeUntil(std::string_view& text, char sign) {
   return taken;
 }
 
+// Takes a number of at most so many digits that it cannot be too large.
 bool TakeNumber(std::string_view& text, std::uint64_t& number) {
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (error != std::errc()) return false;
-  text.remove_prefix(static_cast<std::size_t>(end - text.data()));
-  return true;
+  constexpr std::size_t kMostDigits = 19;
+  std::size_t length = 0;
+  number = 0;
+  for (; length < text.size() && text[length] >= '0' && text[length] <= '9'; ++length) {
+    if (length == kMostDigits) return false;
+    number = number * 10 + static_cast<std::uint64_t>(text[length] - '0');
+  }
+  text.remove_prefix(length);
+  return length != 0;
 }
 
 }  // namespace
