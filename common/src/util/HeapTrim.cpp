@@ -45,7 +45,6 @@ void FreeAll(Block* blocks) {
 
 }  // namespace
 
-
 void FreeKeptBlocks() noexcept {
   const std::uint32_t now = trims.load(std::memory_order_relaxed);
   if (now == seen_trims) return;

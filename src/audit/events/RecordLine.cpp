@@ -34,8 +34,8 @@ int TypeNamed(std::string_view name) {
 // Behind it the audit daemon tells the same in words.
 constexpr char kForPeople = '\x1d';
 
-// Takes a prefix off; false when the text does not begin with it. Its size is known when this is compiled, so that it is
-// compared without a call.
+// Takes a prefix off; false when the text does not begin with it. Its size is known when this is compiled, so that it
+// is compared without a call.
 template <std::size_t kSize>
 bool Take(std::string_view& text, const char (&prefix)[kSize]) {
   constexpr std::size_t kLength = kSize - 1;
