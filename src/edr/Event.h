@@ -130,11 +130,19 @@ class Event {
   [[nodiscard]] bool IsImageDisguised() const { return is_image_disguised_; }
   void SetImageDisguised() { is_image_disguised_ = true; }
 
+  // When the kernel made the actor, as procfs said to whoever asked first; others need not ask again.
+  struct ActorStart {
+    std::optional<std::int64_t> since_boot;  // ns; nothing when it was gone, or another had its pid
+  };
+  [[nodiscard]] const std::optional<ActorStart>& GetActorStart() const { return actor_start_; }
+  void SetActorStart(std::optional<std::int64_t> since_boot) { actor_start_ = {since_boot}; }
+
  protected:
   Event(const Event&) = default;
 
  private:
   bool is_image_disguised_ = false;
+  std::optional<ActorStart> actor_start_;
 };
 
 }  // namespace zagent::edr

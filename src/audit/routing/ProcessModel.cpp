@@ -194,7 +194,7 @@ std::unique_ptr<edr::Event> ProcessModel::StartFromClone(std::int32_t pid) {
 }
 
 // A process that starts another program stays the same: its children and its start are those that the tree has.
-void ProcessModel::Enter(const edr::Event& start) {
+void ProcessModel::Enter(edr::Event& start) {
   auto process = std::make_unique<ProcessInfo>(start, tree_);
   const std::int32_t pid = process->GetPid();
   if (tree_.Contains(pid)) {
@@ -203,6 +203,7 @@ void ProcessModel::Enter(const edr::Event& start) {
     process->SetStartSinceBoot(old.GetStartSinceBoot());
   } else {
     process->SetStartSinceBoot(FindStartSinceBoot(pid, start));
+    start.SetActorStart(process->GetStartSinceBoot());
   }
   tree_.Add(std::move(process));
 }

@@ -84,7 +84,7 @@ class ProcessModel {
   [[nodiscard]] std::unique_ptr<edr::Event> StartFromClone(std::int32_t pid);
   // The starts of a process and of its ancestors that are missing too, the process itself first.
   [[nodiscard]] Starts WithMissingAncestors(std::unique_ptr<edr::Event> start);
-  void Enter(const edr::Event& start);
+  void Enter(edr::Event& start);
   // When the kernel made the process of the event; nothing when procfs has none or another one.
   [[nodiscard]] std::optional<std::int64_t> FindStartSinceBoot(std::int32_t pid, const edr::Event& event);
   // In seconds since the epoch. Throws as ReadBootTime does.

@@ -136,12 +136,14 @@ void TtlProcessTree::AddStart(std::unique_ptr<edr::Event> event, const Pointer& 
     return;
   }
   const std::int64_t time = event->GetTimestamp();
+  const std::optional<edr::Event::ActorStart> known = event->GetActorStart();
   auto process = std::make_shared<ProcessInfo>(std::move(event), on_cache_full_);
   const std::int32_t parent = EnsureParent(process->GetPid(), process->GetParent(), time);
+  const bool is_new = !old || IsAnother(*process, parent, *old);
+  if (is_new) process->SetStartSinceBoot(known ? known->since_boot : live_.FindStartBefore(process->GetPid(), time));
   if (old) {
-    Replace(process, parent, *old, time);
+    Replace(process, parent, *old, is_new);
   } else {
-    process->SetStartSinceBoot(live_.FindStartBefore(process->GetPid(), time));
     Enter(process, parent);
   }
   with_events_.insert(process->GetPid());
@@ -229,15 +231,17 @@ void TtlProcessTree::Enter(const Pointer& process, std::int32_t parent) {
   Remember(process);
 }
 
-void TtlProcessTree::Replace(const Pointer& process, std::int32_t parent, ProcessInfo& old, std::int64_t time) {
-  // Who starts a program below a child of his own is not the process that had the pid before.
-  // Process 1 is always itself, whatever was told of its end.
-  const bool is_another =
-      process->GetPid() != kInit && (old.HasTag(process_tag::kTerminated) || IsBelow(parent, process->GetPid()));
+// Who starts a program below a child of his own is not the process that had the pid before. Process 1 is always itself,
+// whatever was told of its end.
+bool TtlProcessTree::IsAnother(const ProcessInfo& process, std::int32_t parent, const ProcessInfo& old) const {
+  return process.GetPid() != kInit && (old.HasTag(process_tag::kTerminated) || IsBelow(parent, process.GetPid()));
+}
+
+void TtlProcessTree::Replace(const Pointer& process, std::int32_t parent, ProcessInfo& old, bool is_another) {
   process->SetParent(parent);
   process->SetSerial(is_another ? ++last_serial_ : old.GetSerial());
   process->SetStarter(SerialOf(parent));
-  process->SetStartSinceBoot(is_another ? live_.FindStartBefore(process->GetPid(), time) : old.GetStartSinceBoot());
+  if (!is_another) process->SetStartSinceBoot(old.GetStartSinceBoot());
   {
     const std::lock_guard lock(mutex_);
     if (!is_another) {

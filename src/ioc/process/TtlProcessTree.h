@@ -147,7 +147,8 @@ class TtlProcessTree {
   [[nodiscard]] std::int32_t EnsureParent(std::int32_t pid, std::int32_t ppid, std::int64_t time);
   [[nodiscard]] bool IsBelow(std::int32_t pid, std::int32_t ancestor) const;
   void Enter(const Pointer& process, std::int32_t parent);
-  void Replace(const Pointer& process, std::int32_t parent, ProcessInfo& old, std::int64_t time);
+  [[nodiscard]] bool IsAnother(const ProcessInfo& process, std::int32_t parent, const ProcessInfo& old) const;
+  void Replace(const Pointer& process, std::int32_t parent, ProcessInfo& old, bool is_another);
   [[nodiscard]] std::uint64_t SerialOf(std::int32_t pid) const;
   void Remember(const Pointer& process);
   void Delete(std::int32_t pid);

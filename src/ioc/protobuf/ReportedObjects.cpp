@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <deque>
 #include <functional>
 #include <mutex>
@@ -24,6 +25,8 @@ namespace {
 using Table = ReportedObjects::Table;
 
 constexpr std::size_t kCountInterval = 1'000;  // rows
+constexpr std::size_t kAnswersAtOnce = 64;
+constexpr std::size_t kMostAnswers = 4 * kAnswersAtOnce;  // where nothing else is expected meanwhile
 
 const char* NameOf(Table table) {
   return table == Table::Directory ? SnapshotSqlDataFormatter::kDirectory : SnapshotSqlDataFormatter::kFile;
@@ -73,6 +76,8 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
 
   std::uint64_t Expect(std::vector<Change> changes) {
     const std::lock_guard lock(mutex);
+    TakeAnswers(kAnswersAtOnce);
+    ++unanswered;
     std::vector<Expected>& message = expected.emplace_back();
     message.reserve(changes.size());
     for (Change& change : changes) {
@@ -86,19 +91,38 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
     return first_expected + expected.size() - 1;
   }
 
+  // In a burst whoever expects the next changes takes in the answers to those before: the two threads hardly wait for
+  // each other then, and what was made for a change is destroyed where it was made.
   void OnAnswer(std::uint64_t number, bool is_taken) {
     {
+      const std::lock_guard lock(answers_mutex);
+      answers.push_back({number, is_taken});
+      if (--unanswered != 0 && is_taken && answers.size() < kMostAnswers) return;
+    }
+    {
       const std::lock_guard lock(mutex);
-      if (number >= first_expected) {
-        std::vector<Expected>& message = expected[number - first_expected];
-        for (Expected& change : message) Take(change, is_taken);
-        message.clear();
-      }
-      // Nearly always that one: the spool takes them in order, and refuses some before.
-      for (; !expected.empty() && expected.front().empty(); expected.pop_front()) ++first_expected;
+      TakeAnswers(1);
       if (!IsDue()) return;
     }
     Send();
+  }
+
+  // If there are so many. With mutex held.
+  void TakeAnswers(std::size_t at_least) {
+    {
+      const std::lock_guard lock(answers_mutex);
+      if (answers.size() < at_least) return;
+      taken_answers.swap(answers);
+    }
+    for (const auto& [number, is_taken] : taken_answers) {
+      if (number < first_expected) continue;  // cleared since
+      std::vector<Expected>& message = expected[number - first_expected];
+      for (Expected& change : message) Take(change, is_taken);
+      message.clear();
+      // Nearly always that one: the spool takes them in order, and refuses some before.
+      for (; !expected.empty() && expected.front().empty(); expected.pop_front()) ++first_expected;
+    }
+    taken_answers.clear();
   }
 
   // With mutex held.
@@ -182,6 +206,7 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
       const std::lock_guard in_order(hand_over);
       {
         const std::lock_guard lock(mutex);
+        TakeAnswers(1);
         if (!IsDue()) return;
         TakeWaiting(lots);
         under_way += 1;  // until all of it was handed over
@@ -303,6 +328,14 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
   // was answered before it.
   std::deque<std::vector<Expected>> expected;
   std::uint64_t first_expected = 1;
+  std::atomic<std::size_t> unanswered{0};
+  struct GivenAnswer {
+    std::uint64_t number;
+    bool is_taken;
+  };
+  std::mutex answers_mutex;          // behind mutex
+  std::vector<GivenAnswer> answers;  // that nobody has taken in yet
+  std::vector<GivenAnswer> taken_answers;
   std::vector<Object*> waiting;  // in the order in which they came
   std::vector<Object*> sending;  // stays as it is while something is under way
   std::size_t under_way = 0;

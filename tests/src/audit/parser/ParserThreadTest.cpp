@@ -297,9 +297,13 @@ TEST_F(ParserThreadTest, FullBurstsBetweenRecordsTakeNoMoreMemoryThanTheyCountFo
 #endif
 
 TEST_F(ParserThreadTest, GoingIdleBehindATrimOfTheHeapFreesWhatIsKeptForTheThread) {
-  ParserThread::Seams seams{factory_.Get(), [this] { return probes_++ == 2 ? ParserProbe() : StageProbe(); }};
-  seams.let_gather = fakes::LeaveKeptBlocks;
-  ParserThread parser(channel_, engine_, kCpuLimit, 0, Reports(), clock_, std::move(seams));
+  const common::LoadProbe leaving{[]() -> float {
+                                    fakes::LeaveKeptBlocks();
+                                    return 0;
+                                  },
+                                  [] { return 0.0F; }, 4'000'000};
+  ParserThread parser(channel_, engine_, kCpuLimit, 0, Reports(), clock_,
+                      ParserThread::Seams{factory_.Get(), [&] { return probes_++ == 2 ? leaving : StageProbe(); }});
   parser.Start();
   channel_.Deliver(log_.Event(AuditLog::kMkdir));
   AwaitFlushWait();

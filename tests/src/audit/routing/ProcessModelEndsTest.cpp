@@ -65,6 +65,19 @@ TEST_F(ProcessModelEndsTest, AStartByAnotherProcessOfThePidEndsTheOneBefore) {
   EXPECT_EQ(model_.Tree().Get(42).GetStartSinceBoot(), 100'500'000'000);
 }
 
+TEST_F(ProcessModelEndsTest, WhatProcfsSaysOfANewProcessGoesOnWithItsStart) {
+  Handle(Exec(1, 0));
+  proc_.Start(42, {.ppid = 1, .image = program_, .start = 100});
+  Handle(Exec(42, 1));
+  ASSERT_TRUE(passed_.back()->GetActorStart());
+  EXPECT_EQ(passed_.back()->GetActorStart()->since_boot, 100'000'000'000);
+  Handle(Exec(42, 1));
+  EXPECT_FALSE(passed_.back()->GetActorStart()) << "it runs another program, and nobody has asked";
+  Handle(Exec(50, 1));
+  ASSERT_TRUE(passed_.back()->GetActorStart());
+  EXPECT_EQ(passed_.back()->GetActorStart()->since_boot, std::nullopt) << "it has ended";
+}
+
 TEST_F(ProcessModelEndsTest, AForkOnAPidThatCameAgainEndsTheOneBefore) {
   Handle(Exec(1, 0));
   Handle(Exec(7, 1));

@@ -67,6 +67,27 @@ TEST_F(TtlProcessTreeTest, MissingAncestorsComeFromProcfsWhileTheyLive) {
   EXPECT_FALSE(tree_->Get(6)->HasEvents());
 }
 
+TEST_F(TtlProcessTreeTest, WhenAProcessStartedIsAskedUnlessTheEventSaysIt) {
+  proc_.Start(10, {.start = 500});
+  const auto started = [this](std::unique_ptr<fakes::FakeEvent> start) {
+    const std::int32_t pid = start->pid;
+    tree_->AddEvent(std::move(start));
+    return tree_->Get(pid)->GetStartSinceBoot();
+  };
+  EXPECT_EQ(started(Start(10, 1)), 500 * kSecond);
+  tree_ = MakeTree();
+  auto told = Start(10, 1);
+  told->SetActorStart(400 * kSecond);
+  EXPECT_EQ(started(std::move(told)), 400 * kSecond);
+  auto another_program = Start(10, 1, "/bin/cat");
+  another_program->SetActorStart(300 * kSecond);
+  EXPECT_EQ(started(std::move(another_program)), 400 * kSecond) << "it is the same process";
+  tree_ = MakeTree();
+  auto gone = Start(10, 1);
+  gone->SetActorStart(std::nullopt);
+  EXPECT_EQ(started(std::move(gone)), std::nullopt) << "another has the pid by now";
+}
+
 TEST_F(TtlProcessTreeTest, WhoseParentIsGoneHangsUnderProcess1) {
   Exec(10, 7);
   EXPECT_EQ(ParentOf(10), 1);

@@ -245,10 +245,12 @@ TEST_F(ReportedObjectsTest, ABurstThatDoesNotEndIsWrittenOnceASecond) {
   Add("a", 1);
   clock.Advance(ReportedObjects::kLongestWait - std::chrono::milliseconds(1));
   Add("a", 2);
+  reported_->HandOverWhatIsDue();
   snapshot_->Vacuum();
   EXPECT_EQ(SizeOnDisk("a"), -1);
   clock.Advance(std::chrono::milliseconds(1));
   Add("b", 3);
+  reported_->HandOverWhatIsDue();
   snapshot_->Vacuum();
   EXPECT_EQ(SizeOnDisk("a"), 2);
   EXPECT_EQ(SizeOnDisk("b"), 3);
@@ -261,13 +263,35 @@ TEST_F(ReportedObjectsTest, ALotIsWrittenInTheMidstOfABurst) {
   reported_ = std::make_unique<ReportedObjects>(*snapshot_, ReportedObjects::kMaxRows, clock);
   const auto never = Expect("never");
   for (std::size_t i = 1; i < ReportedObjects::kLot; ++i) Add(std::to_string(i));
+  reported_->HandOverWhatIsDue();
   snapshot_->Vacuum();
   EXPECT_EQ(SizeOnDisk("1"), -1);
   Add("last", 7);
+  reported_->HandOverWhatIsDue();
   snapshot_->Vacuum();
   EXPECT_EQ(SizeOnDisk("1"), 0);
   EXPECT_EQ(SizeOnDisk("last"), 7);
   never(false);
+  reported_.reset();
+}
+
+TEST_F(ReportedObjectsTest, AnswersThatNobodyHasTakenInAreTakenInByTheLastOfMany) {
+  const fakes::FakeClock clock;
+  reported_ = std::make_unique<ReportedObjects>(*snapshot_, ReportedObjects::kMaxRows, clock);
+  std::vector<ReportedObjects::Answer> answers;
+  for (std::size_t i = 0; i <= ReportedObjects::kLot; ++i) answers.push_back(Expect(std::to_string(i)));
+  // Of a lot, 5,000, the first 4,864 are a multiple of 256, and the next 256 make it full.
+  for (std::size_t i = 0; i < 4'864 + 135; ++i) answers[i](true);
+  snapshot_->Vacuum();
+  EXPECT_EQ(SizeOnDisk("0"), -1);
+  answers[4'999](false);
+  snapshot_->Vacuum();
+  EXPECT_EQ(SizeOnDisk("0"), -1) << "one is missing";
+  EXPECT_FALSE(reported_->Has(Table::File, "4999")) << "a refusal is taken in at once";
+  answers[5'000](true);
+  snapshot_->Vacuum();
+  EXPECT_EQ(SizeOnDisk("0"), 0);
+  EXPECT_EQ(SizeOnDisk("5000"), 0);
   reported_.reset();
 }
 
