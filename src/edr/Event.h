@@ -135,7 +135,7 @@ class Event {
     std::optional<std::int64_t> since_boot;  // ns; nothing when it was gone, or another had its pid
   };
   [[nodiscard]] const std::optional<ActorStart>& GetActorStart() const { return actor_start_; }
-  void SetActorStart(std::optional<std::int64_t> since_boot) { actor_start_ = {since_boot}; }
+  void SetActorStart(std::optional<std::int64_t> since_boot) { actor_start_ = ActorStart{since_boot}; }
 
  protected:
   Event(const Event&) = default;

@@ -320,13 +320,13 @@ void TaskSchedule::Nap(std::unique_lock<std::mutex>& lock) {
 }
 
 void TaskSchedule::Sleep(std::unique_lock<std::mutex>& lock, std::optional<util::Clock::SystemTime> until) {
+  const std::uint64_t rechecks = rechecks_;
   lock.unlock();
   util::FreeKeptBlocks();
   lock.lock();
   util::Clock::SystemTime deadline = until.value_or(clock_.Now() + kFarAway);
   if (const auto work_time = WorkTime()) deadline = std::min(deadline, *work_time);
   if (refused_ != 0) deadline = std::min(deadline, next_warning_);
-  const std::uint64_t rechecks = rechecks_;
   clock_.WaitUntil(wake_, lock, deadline, [this, rechecks] {
     // Said anew before each sleep: a task that woke the run may have been taken back.
     asleep_ = queue_.empty() && !stop_requested_ && !IsCancelling() && rechecks_ == rechecks;

@@ -11,8 +11,8 @@ namespace zagent::common::util {
 int TrimHeap();
 
 // For a thread that has nothing to do: frees what is kept for it, so that the next trim gives it back, if TrimHeap has
-// asked since the last time. Else it costs a look. Does nothing where no thread can be made: what a thread frees is
-// kept for it again, unless another frees it and ends.
+// asked since the thread's last time, or ever when it is the first. Else it costs a look. Does nothing where no thread
+// can be made: what a thread frees is kept for it again, unless another frees it and ends.
 void FreeKeptBlocks() noexcept;
 
 }  // namespace zagent::common::util

@@ -143,7 +143,7 @@ ReportedObjects::Times FileEvent::SetState(const edr::Event& event, const common
   return times;
 }
 
-// What is kept of the very state that the file is in.
+// What is kept of the state in which the event knows the file, or else in which the file is.
 const FileLooks::Look* FileEvent::FindKnown(const edr::Event& event, const common::ImageInfo& file,
                                             const std::string& path) const {
   const FileLooks::Look* const seen = looks_.Find(path, event.GetFileState());

@@ -26,7 +26,7 @@ using Table = ReportedObjects::Table;
 
 constexpr std::size_t kCountInterval = 1'000;  // rows
 constexpr std::size_t kAnswersAtOnce = 64;
-constexpr std::size_t kMostAnswers = 4 * kAnswersAtOnce;  // where nothing else is expected meanwhile
+constexpr std::size_t kMostAnswers = 4 * kAnswersAtOnce;  // while nobody expects more
 
 const char* NameOf(Table table) {
   return table == Table::Directory ? SnapshotSqlDataFormatter::kDirectory : SnapshotSqlDataFormatter::kFile;
@@ -75,20 +75,29 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
   Objects& ObjectsOf(Table table) { return table == Table::Directory ? directories : files; }
 
   std::uint64_t Expect(std::vector<Change> changes) {
-    const std::lock_guard lock(mutex);
-    TakeAnswers(kAnswersAtOnce);
-    ++unanswered;
-    std::vector<Expected>& message = expected.emplace_back();
-    message.reserve(changes.size());
-    for (Change& change : changes) {
-      Object& object = *ObjectsOf(change.table).try_emplace(std::move(change.id), Pending{change.table}).first;
-      Expected*& latest = object.second.latest;
-      Expected& added =
-          message.emplace_back(&object, latest, nullptr, Waiting{std::move(change.row), std::move(change.path)});
-      if (latest != nullptr) latest->later = &added;
-      latest = &added;
+    bool is_due = false;
+    std::uint64_t number = 0;
+    {
+      const std::lock_guard lock(mutex);
+      is_due = TakeAnswers(kAnswersAtOnce) && IsDue();
+      std::vector<Expected> message;
+      message.reserve(changes.size());
+      for (Change& change : changes) {
+        Object& object = *ObjectsOf(change.table).try_emplace(std::move(change.id), Pending{change.table}).first;
+        message.emplace_back(&object, nullptr, nullptr, Waiting{std::move(change.row), std::move(change.path)});
+      }
+      expected.push_back(std::move(message));
+      ++unanswered;
+      number = first_expected + expected.size() - 1;
+      for (Expected& change : expected.back()) {
+        Expected*& latest = change.object->second.latest;
+        change.earlier = latest;
+        if (latest != nullptr) latest->later = &change;
+        latest = &change;
+      }
     }
-    return first_expected + expected.size() - 1;
+    if (is_due) Send();
+    return number;
   }
 
   // In a burst whoever expects the next changes takes in the answers to those before: the two threads hardly wait for
@@ -97,7 +106,7 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
     {
       const std::lock_guard lock(answers_mutex);
       answers.push_back({number, is_taken});
-      if (--unanswered != 0 && is_taken && answers.size() < kMostAnswers) return;
+      if (is_taken && answers.size() < std::min<std::size_t>(unanswered, kMostAnswers)) return;
     }
     {
       const std::lock_guard lock(mutex);
@@ -108,21 +117,24 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
   }
 
   // If there are so many. With mutex held.
-  void TakeAnswers(std::size_t at_least) {
+  bool TakeAnswers(std::size_t at_least) {
+    taken_answers.clear();
     {
       const std::lock_guard lock(answers_mutex);
-      if (answers.size() < at_least) return;
+      if (answers.size() < at_least) return false;
       taken_answers.swap(answers);
     }
     for (const auto& [number, is_taken] : taken_answers) {
       if (number < first_expected) continue;  // cleared since
       std::vector<Expected>& message = expected[number - first_expected];
+      if (message.empty()) continue;  // it has been answered
       for (Expected& change : message) Take(change, is_taken);
       message.clear();
+      --unanswered;
       // Nearly always that one: the spool takes them in order, and refuses some before.
       for (; !expected.empty() && expected.front().empty(); expected.pop_front()) ++first_expected;
     }
-    taken_answers.clear();
+    return true;
   }
 
   // With mutex held.
@@ -158,6 +170,7 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
     const std::lock_guard lock(mutex);
     first_expected += expected.size();
     expected.clear();
+    unanswered = 0;
     waiting.clear();
     forgotten = 0;
     for (Objects* const objects : {&directories, &files}) {
@@ -328,7 +341,7 @@ struct ReportedObjects::Queue : std::enable_shared_from_this<Queue> {
   // was answered before it.
   std::deque<std::vector<Expected>> expected;
   std::uint64_t first_expected = 1;
-  std::atomic<std::size_t> unanswered{0};
+  std::atomic<std::size_t> unanswered{0};  // messages, their answers not taken in; changes under mutex
   struct GivenAnswer {
     std::uint64_t number;
     bool is_taken;

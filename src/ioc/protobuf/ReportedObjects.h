@@ -27,11 +27,12 @@ namespace zagent::ioc::internal::protobuf {
 // row, and nobody waits for it. Behind ten lots in a row there are ten a second: what comes then waits for a later
 // answer or for HandOverWhatIsDue.
 //
-// Bounds: the changes whose messages the spool has not answered are as many as those, and 256 more whose answers nobody
-// has taken in: the next change, HandOverWhatIsDue, a refusal or the last answer of all does. At most kMaxWaiting wait
-// for the disk; what comes beyond, and what the disk refuses, is forgotten with an Error line for each lot. Of each
-// table at most kMaxRows rows (and those of the last lots) stay on disk: those that were told the longest ago go first,
-// with an Information line. The platform is told of a directory again then, and not of the end of a file.
+// Bounds: the changes whose messages the spool has not answered are as many as those. Up to 256 answers wait until they
+// are taken in: by the next change that finds 64 of them, HandOverWhatIsDue, a refusal, the last answer of all or the
+// end of a lot. At most kMaxWaiting wait for the disk; what comes beyond, and what the disk refuses, is forgotten with
+// an Error line for each lot. Of each table at most kMaxRows rows (and those of the last lots) stay on disk: those that
+// were told the longest ago go first, with an Information line. The platform is told of a directory again then, and not
+// of the end of a file.
 class ReportedObjects {
  public:
   static constexpr std::size_t kMaxWaiting = 20'000;

@@ -275,24 +275,83 @@ TEST_F(ReportedObjectsTest, ALotIsWrittenInTheMidstOfABurst) {
   reported_.reset();
 }
 
-TEST_F(ReportedObjectsTest, AnswersThatNobodyHasTakenInAreTakenInByTheLastOfMany) {
+TEST_F(ReportedObjectsTest, WhoeverExpectsMoreTakesInAndHandsOverALot) {
+  const fakes::FakeClock clock;
+  reported_ = std::make_unique<ReportedObjects>(*snapshot_, ReportedObjects::kMaxRows, clock);
+  const auto never = Expect("never");
+  for (std::size_t i = 0; i < ReportedObjects::kLot + 128; ++i) Add(std::to_string(i));
+  snapshot_->Vacuum();
+  EXPECT_EQ(SizeOnDisk("0"), 0);
+  EXPECT_EQ(SizeOnDisk("4999"), 0);
+  EXPECT_EQ(SizeOnDisk("5127"), -1) << "it belongs to the next lot";
+  never(false);
+  reported_.reset();
+}
+
+TEST_F(ReportedObjectsTest, WhileNobodyExpectsMoreEach256thAnswerTakesTheOthersIn) {
   const fakes::FakeClock clock;
   reported_ = std::make_unique<ReportedObjects>(*snapshot_, ReportedObjects::kMaxRows, clock);
   std::vector<ReportedObjects::Answer> answers;
-  for (std::size_t i = 0; i <= ReportedObjects::kLot; ++i) answers.push_back(Expect(std::to_string(i)));
-  // Of a lot, 5,000, the first 4,864 are a multiple of 256, and the next 256 make it full.
-  for (std::size_t i = 0; i < 4'864 + 135; ++i) answers[i](true);
-  snapshot_->Vacuum();
-  EXPECT_EQ(SizeOnDisk("0"), -1);
-  answers[4'999](false);
-  snapshot_->Vacuum();
-  EXPECT_EQ(SizeOnDisk("0"), -1) << "one is missing";
-  EXPECT_FALSE(reported_->Has(Table::File, "4999")) << "a refusal is taken in at once";
-  answers[5'000](true);
-  snapshot_->Vacuum();
-  EXPECT_EQ(SizeOnDisk("0"), 0);
-  EXPECT_EQ(SizeOnDisk("5000"), 0);
+  for (int i = 0; i < 20 * 256 + 1; ++i) answers.push_back(Expect(std::to_string(i)));
+  for (int i = 0; i < 20 * 256; ++i) {
+    EXPECT_EQ(SizeOnDisk("0"), -1);
+    answers[i](true);
+    if (i % 256 == 255) snapshot_->Vacuum();
+  }
+  EXPECT_EQ(SizeOnDisk("0"), 0) << "a lot is full";
+  EXPECT_EQ(SizeOnDisk("5119"), 0);
+  answers.back()(false);
   reported_.reset();
+}
+
+TEST_F(ReportedObjectsTest, ARefusalIsTakenInAtOnceWhateverOthersWait) {
+  const auto first = Expect("first");
+  const auto refused = Expect("refused");
+  const auto last = Expect("last");
+  first(true);
+  refused(false);
+  EXPECT_FALSE(reported_->Has(Table::File, "refused"));
+  refused(false);  // nobody is told twice, and it would not matter
+  last(true);
+  Settle();
+  EXPECT_EQ(SizeOnDisk("first"), 0);
+  EXPECT_EQ(SizeOnDisk("last"), 0);
+}
+
+TEST_F(ReportedObjectsTest, ChangesOfOneObjectAreAnsweredInAnyOrder) {
+  const auto has = [this] { return reported_->Has(Table::File, "a"); };
+  for (const bool is_first_before : {true, false}) {
+    const auto first = Expect("a");
+    const auto end = ExpectEnd("a");
+    const auto again = Expect("a");
+    EXPECT_TRUE(has());
+    end(false);
+    if (is_first_before) {
+      first(false);
+      EXPECT_TRUE(has()) << "the latest change counts";
+      again(false);
+    } else {
+      again(false);
+      EXPECT_TRUE(has()) << "the one before the end does by now";
+      first(false);
+    }
+    EXPECT_FALSE(has());
+  }
+}
+
+TEST_F(ReportedObjectsTest, AnswersThatNobodyHasTakenInAreForgottenByAClear) {
+  const auto before = Expect("before");
+  const auto behind = Expect("behind");
+  before(true);
+  reported_->Clear();
+  const auto later = Expect("later");
+  behind(true);
+  later(true);
+  for (const char* id : {"before", "behind"}) EXPECT_FALSE(reported_->Has(Table::File, id)) << id;
+  Settle();
+  EXPECT_EQ(SizeOnDisk("before"), -1);
+  EXPECT_EQ(SizeOnDisk("behind"), -1);
+  EXPECT_EQ(SizeOnDisk("later"), 0);
 }
 
 TEST_F(ReportedObjectsTest, BehindTenLotsInARowTheDiskGetsOneAPause) {
