@@ -279,11 +279,11 @@ TEST_F(ReportedObjectsTest, WhoeverExpectsMoreTakesInAndHandsOverALot) {
   const fakes::FakeClock clock;
   reported_ = std::make_unique<ReportedObjects>(*snapshot_, ReportedObjects::kMaxRows, clock);
   const auto never = Expect("never");
-  for (std::size_t i = 0; i < ReportedObjects::kLot + 128; ++i) Add(std::to_string(i));
+  for (std::size_t i = 0; i < ReportedObjects::kLot + 64; ++i) Add(std::to_string(i));
   snapshot_->Vacuum();
   EXPECT_EQ(SizeOnDisk("0"), 0);
   EXPECT_EQ(SizeOnDisk("4999"), 0);
-  EXPECT_EQ(SizeOnDisk("5127"), -1) << "it belongs to the next lot";
+  EXPECT_EQ(SizeOnDisk("5063"), -1) << "it belongs to the next lot";
   never(false);
   reported_.reset();
 }
@@ -348,10 +348,13 @@ TEST_F(ReportedObjectsTest, AnswersThatNobodyHasTakenInAreForgottenByAClear) {
   behind(true);
   later(true);
   for (const char* id : {"before", "behind"}) EXPECT_FALSE(reported_->Has(Table::File, id)) << id;
-  Settle();
+  snapshot_->Vacuum();
   EXPECT_EQ(SizeOnDisk("before"), -1);
   EXPECT_EQ(SizeOnDisk("behind"), -1);
   EXPECT_EQ(SizeOnDisk("later"), 0);
+  Add("still later");
+  snapshot_->Vacuum();
+  EXPECT_EQ(SizeOnDisk("still later"), 0) << "nothing else is unanswered";
 }
 
 TEST_F(ReportedObjectsTest, BehindTenLotsInARowTheDiskGetsOneAPause) {
