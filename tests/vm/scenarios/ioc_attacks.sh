@@ -141,7 +141,8 @@ attack() {
 
   LABEL="$round: reverse connection"
   echo /usr/bin/id | nc -l -p 4445 >/dev/null &
-  wait_until 10 grep -qi ':115D ' /proc/net/tcp
+  # It listens for both families, which is told among those of IPv6.
+  wait_until 10 grep -qi ':115D [0-9A-F]*:0000 0A ' /proc/net/tcp /proc/net/tcp6
   alice $STORIES/reverse $round
   wait $!
   ran alice /usr/bin/sh -
